@@ -1,0 +1,40 @@
+# Installs the library, its headers, the CMake package and the pkg-config file; components Runtime and Development.
+include(CMakePackageConfigHelpers)
+
+install(TARGETS morvane_tar EXPORT morvane_tarTargets
+  RUNTIME COMPONENT Runtime
+  LIBRARY COMPONENT Runtime NAMELINK_COMPONENT Development
+  ARCHIVE COMPONENT Development)
+
+# What tar/ClsTar.h reaches.
+set(morvane_public_headers
+  runtime/base/Export.h runtime/base/ExtPtrArray.h runtime/base/MorvaneCritSec.h runtime/base/MorvaneObject.h
+  runtime/base/RelaxedAtomic.h
+  runtime/buffer/ClsBinData.h runtime/buffer/DataBuffer.h
+  runtime/codec/MorvaneBzip2.h runtime/codec/MorvaneDeflate.h runtime/codec/ZipCRC.h
+  runtime/component/ClsBase.h
+  runtime/fs/MorvaneFileTime.h runtime/fs/OsFile.h runtime/fs/mvFileInfo.h
+  runtime/io/OutputDataBuffer.h runtime/io/OutputFile.h runtime/io/_mvDataSource.h runtime/io/_mvFileDataSource.h
+  runtime/io/_mvMemoryDataSource.h runtime/io/_mvOutput.h
+  runtime/log/LogBase.h runtime/log/LogContextExitor.h runtime/log/LogNull.h runtime/log/_mvLogger.h
+  runtime/progress/ProgressEvent.h runtime/progress/ProgressMonitor.h runtime/progress/TarMemberInfo.h
+  runtime/text/ExtPtrArraySb.h runtime/text/StringBuffer.h runtime/text/XString.h
+  tar/ClsTar.h tar/DirRoot.h tar/TarHeader.h tar/TarOptions.h
+  tar/write/ArchiveOutput.h)
+foreach(header ${morvane_public_headers})
+  get_filename_component(folder ${header} DIRECTORY)
+  install(FILES ${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/morvane/${folder} COMPONENT Development)
+endforeach()
+
+set(morvane_package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/morvane_tar)
+configure_package_config_file(cmake/morvane_tarConfig.cmake.in morvane_tarConfig.cmake
+  INSTALL_DESTINATION ${morvane_package_dir})
+write_basic_package_version_file(morvane_tarConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/morvane_tarConfig.cmake
+              ${CMAKE_CURRENT_BINARY_DIR}/morvane_tarConfigVersion.cmake
+  DESTINATION ${morvane_package_dir} COMPONENT Development)
+install(EXPORT morvane_tarTargets NAMESPACE morvane:: DESTINATION ${morvane_package_dir} COMPONENT Development)
+
+configure_file(cmake/morvane_tar.pc.in morvane_tar.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/morvane_tar.pc
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT Development)

@@ -1,0 +1,9 @@
+# Warnings are errors while this project is the one being built, never for those who build it as a part of theirs.
+function(morvane_warnings target)
+  target_compile_options(${target} PRIVATE
+    -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wformat=2 -Wnon-virtual-dtor
+    -Woverloaded-virtual -Wundef)
+  if(PROJECT_IS_TOP_LEVEL)
+    target_compile_options(${target} PRIVATE -Werror)
+  endif()
+endfunction()

@@ -1,0 +1,8 @@
+// MORVANE_API marks what an application may link against. The shared library hides everything else.
+#pragma once
+
+#if defined(__GNUC__)
+#define MORVANE_API __attribute__((visibility("default")))
+#else
+#define MORVANE_API
+#endif

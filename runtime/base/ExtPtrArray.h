@@ -1,0 +1,34 @@
+// An array of object pointers that deletes its elements.
+#pragma once
+
+#include <vector>
+
+#include "runtime/base/MorvaneObject.h"
+
+namespace morvane {
+
+class MORVANE_API ExtPtrArray {
+ public:
+  ExtPtrArray() = default;
+  ~ExtPtrArray();
+  ExtPtrArray(const ExtPtrArray&) = delete;
+  ExtPtrArray& operator=(const ExtPtrArray&) = delete;
+
+  // Whether removing an element, or destroying the array, deletes the elements. On unless switched off.
+  void setOwnsObjects(bool owns) { m_ownsObjects = owns; }
+
+  // Takes the object over. False, with the object deleted when the array owns, if there is no memory for the slot.
+  bool appendPtr(MorvaneObject* object);
+
+  // The element at a 0-based index, null when the index is out of range. Still owned by the array.
+  MorvaneObject* elementAt(int index) const;
+
+  int getSize() const { return static_cast<int>(m_objects.size()); }
+  void removeAllObjects();
+
+ private:
+  std::vector<MorvaneObject*> m_objects;
+  bool m_ownsObjects = true;
+};
+
+}  // namespace morvane

@@ -1,0 +1,29 @@
+// The lock of a component object, and the scope object that holds it.
+#pragma once
+
+#include <mutex>
+
+namespace morvane {
+
+// Recursive, because a callback that runs inside a method may read and set the properties of the same object.
+class MorvaneCritSec {
+ public:
+  void enter() { m_mutex.lock(); }
+  void leave() { m_mutex.unlock(); }
+
+ private:
+  std::recursive_mutex m_mutex;
+};
+
+class CritSecExitor {
+ public:
+  explicit CritSecExitor(MorvaneCritSec& critSec) : m_critSec(critSec) { m_critSec.enter(); }
+  ~CritSecExitor() { m_critSec.leave(); }
+  CritSecExitor(const CritSecExitor&) = delete;
+  CritSecExitor& operator=(const CritSecExitor&) = delete;
+
+ private:
+  MorvaneCritSec& m_critSec;
+};
+
+}  // namespace morvane

@@ -1,0 +1,9 @@
+#include "runtime/base/MorvaneObject.h"
+
+namespace morvane {
+
+MorvaneObject::~MorvaneObject() = default;
+
+unsigned long long MorvaneObject::heapUsage() const { return 0; }
+
+}  // namespace morvane

@@ -1,0 +1,21 @@
+// Runs an action when the scope ends, on every path out of it:
+//   ScopeExit closeListing([&] { listing.finish(); });
+#pragma once
+
+#include <utility>
+
+namespace morvane {
+
+template <class Action>
+class ScopeExit {
+ public:
+  explicit ScopeExit(Action action) : m_action(std::move(action)) {}
+  ~ScopeExit() { m_action(); }
+  ScopeExit(const ScopeExit&) = delete;
+  ScopeExit& operator=(const ScopeExit&) = delete;
+
+ private:
+  Action m_action;
+};
+
+}  // namespace morvane

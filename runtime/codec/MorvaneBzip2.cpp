@@ -1,0 +1,160 @@
+#include "runtime/codec/MorvaneBzip2.h"
+
+#include <bzlib.h>
+
+#include <cstring>
+#include <new>
+
+#include "runtime/buffer/DataBuffer.h"
+#include "runtime/codec/InputWindow.h"
+#include "runtime/io/_mvOutput.h"
+
+namespace morvane {
+
+namespace {
+
+constexpr unsigned kBuffer = 64 * 1024;
+constexpr int kBlockSize100k = 9;
+constexpr unsigned kSignature = 4;  // "BZh" and the block size
+
+bool fail(LogBase& log, const char* message) {
+  log.LogError(message);
+  return false;
+}
+
+}  // namespace
+
+struct MorvaneBzip2::Compressor {
+  bz_stream stream{};
+  bool begun = false;
+  unsigned gathered = 0;
+  char in[kBuffer];
+  char out[kBuffer];
+
+  ~Compressor() { end(); }
+
+  void end() {
+    if (begun) BZ2_bzCompressEnd(&stream);
+    begun = false;
+  }
+
+  bool begin() {
+    end();
+    stream = bz_stream{};
+    gathered = 0;
+    begun = BZ2_bzCompressInit(&stream, kBlockSize100k, 0, 0) == BZ_OK;
+    return begun;
+  }
+
+  bool run(const char* bytes, unsigned n, int action, DataBuffer& to) {
+    stream.next_in = const_cast<char*>(bytes);
+    stream.avail_in = n;
+    while (true) {
+      stream.next_out = out;
+      stream.avail_out = kBuffer;
+      const int state = BZ2_bzCompress(&stream, action);
+      if (state < 0 || !to.append(out, kBuffer - stream.avail_out)) return false;
+      if (action == BZ_FINISH ? state == BZ_STREAM_END : stream.avail_in == 0) return true;
+    }
+  }
+
+  bool take(const char* bytes, unsigned n, DataBuffer& to) {
+    if (gathered + n > kBuffer) {
+      if (!run(in, gathered, BZ_RUN, to)) return false;
+      gathered = 0;
+    }
+    if (n > kBuffer) return run(bytes, n, BZ_RUN, to);
+    std::memcpy(in + gathered, bytes, n);
+    gathered += n;
+    return true;
+  }
+};
+
+MorvaneBzip2::MorvaneBzip2() = default;
+MorvaneBzip2::~MorvaneBzip2() = default;
+
+bool MorvaneBzip2::BeginCompress(const DataBuffer& in, DataBuffer& out, LogBase& log, ProgressMonitor* pm) {
+  if (!m_compressor) m_compressor.reset(new (std::nothrow) Compressor());
+  if (!m_compressor || !m_compressor->begin()) return fail(log, "Failed to start bzip2 compression.");
+  return MoreCompress(in, out, log, pm);
+}
+
+bool MorvaneBzip2::MoreCompress(const DataBuffer& in, DataBuffer& out, LogBase& log, ProgressMonitor*) {
+  const char* const bytes = reinterpret_cast<const char*>(in.getData2());
+  if (m_compressor && m_compressor->begun && m_compressor->take(bytes, in.getSize(), out)) return true;
+  return fail(log, "bzip2 compression failed.");
+}
+
+bool MorvaneBzip2::EndCompress(DataBuffer& out, LogBase& log, ProgressMonitor*) {
+  bool ok = m_compressor && m_compressor->begun;
+  // The library wants no empty run before the end.
+  if (ok && m_compressor->gathered > 0) {
+    ok = m_compressor->run(m_compressor->in, m_compressor->gathered, BZ_RUN, out);
+  }
+  ok = ok && m_compressor->run(nullptr, 0, BZ_FINISH, out);
+  m_compressor.reset();
+  return ok || fail(log, "bzip2 compression failed.");
+}
+
+bool MorvaneBzip2::DecompressStream(_mvDataSource& source, _mvOutput& out, LogBase& log, ProgressMonitor* pm) {
+  constexpr unsigned kOut = 2 * kBuffer;
+  const std::unique_ptr<char[]> buffer(new (std::nothrow) char[kOut]);
+  if (!buffer) return fail(log, "Out of memory for bzip2 decompression.");
+  InputWindow input(source, pm, log);
+  bz_stream stream{};
+  bool inStream = false;
+  const auto endStream = [&] {
+    if (inStream) BZ2_bzDecompressEnd(&stream);
+    inStream = false;
+  };
+  struct AtExit {
+    const decltype(endStream)& action;
+    ~AtExit() { action(); }
+  } const atExit{endStream};
+
+  // Until a stream has shown its signature, bytes behind the one before may also be something else.
+  unsigned long long streams = 0;
+  unsigned long long bytesOfStream = 0;
+  const char* bytes = nullptr;
+  unsigned left = 0;
+  while (true) {
+    if (left == 0 && !input.next(bytes, left)) return false;
+    if (left == 0) {
+      if (!inStream && streams > 0) return true;
+      if (inStream && streams > 0 && bytesOfStream < kSignature) break;
+      return fail(log, streams == 0 && bytesOfStream == 0 ? "There are no bzip2 data."
+                                                          : "The bzip2 data end before the stream does.");
+    }
+    if (!inStream) {
+      stream = bz_stream{};
+      if (BZ2_bzDecompressInit(&stream, 0, 0) != BZ_OK) return fail(log, "Out of memory for bzip2 decompression.");
+      inStream = true;
+      bytesOfStream = 0;
+    }
+    stream.next_in = const_cast<char*>(bytes);
+    stream.avail_in = left;
+    stream.next_out = buffer.get();
+    stream.avail_out = kOut;
+    const int state = BZ2_bzDecompress(&stream);
+    const unsigned used = left - stream.avail_in;
+    bytesOfStream += used;
+    bytes += used;
+    left = stream.avail_in;
+    if (state == BZ_DATA_ERROR_MAGIC && streams > 0 && bytesOfStream <= kSignature) break;
+    if (state != BZ_OK && state != BZ_STREAM_END) {
+      return fail(log, state == BZ_DATA_ERROR_MAGIC ? "The data are no bzip2 data."
+                       : state == BZ_MEM_ERROR      ? "Out of memory for bzip2 decompression."
+                                                    : "The bzip2 data are damaged.");
+    }
+    const unsigned produced = kOut - stream.avail_out;
+    if (produced > 0 && !out.writeBytesPM(buffer.get(), produced, pm, log)) return false;
+    if (state == BZ_STREAM_END) {
+      endStream();
+      ++streams;
+    }
+  }
+  log.LogInfo("Bytes behind the bzip2 data are ignored.");
+  return true;
+}
+
+}  // namespace morvane

@@ -1,0 +1,38 @@
+// bzip2 streams, compressed (block size 9) and decompressed.
+#pragma once
+
+#include <memory>
+
+#include "runtime/base/Export.h"
+
+namespace morvane {
+
+class DataBuffer;
+class LogBase;
+class ProgressMonitor;
+class _mvDataSource;
+class _mvOutput;
+
+class MORVANE_API MorvaneBzip2 {
+ public:
+  MorvaneBzip2();
+  ~MorvaneBzip2();
+  MorvaneBzip2(const MorvaneBzip2&) = delete;
+  MorvaneBzip2& operator=(const MorvaneBzip2&) = delete;
+
+  // The protocol of MorvaneDeflate.
+  bool BeginCompress(const DataBuffer& in, DataBuffer& out, LogBase& log, ProgressMonitor* pm);
+  bool MoreCompress(const DataBuffer& in, DataBuffer& out, LogBase& log, ProgressMonitor* pm);
+  bool EndCompress(DataBuffer& out, LogBase& log, ProgressMonitor* pm);
+
+  // Decompresses all consecutive bzip2 streams of the source (parallel compressors write many). Bytes behind the last
+  // complete stream that begin no other are ignored with a line in the log. False for damaged data, none at all, data
+  // that end inside a stream, or when the output refuses a write.
+  bool DecompressStream(_mvDataSource& source, _mvOutput& out, LogBase& log, ProgressMonitor* pm);
+
+ private:
+  struct Compressor;
+  std::unique_ptr<Compressor> m_compressor;
+};
+
+}  // namespace morvane

@@ -1,0 +1,11 @@
+#include "runtime/codec/ZipCRC.h"
+
+#include <zlib.h>
+
+namespace morvane {
+
+void ZipCRC::moreData(const unsigned char* bytes, unsigned n) {
+  m_crc = static_cast<unsigned>(crc32(m_crc, bytes, n));
+}
+
+}  // namespace morvane

@@ -1,0 +1,19 @@
+// Running CRC-32 with the polynomial of gzip and zip (RFC 1952, section 8).
+#pragma once
+
+#include "runtime/base/Export.h"
+
+namespace morvane {
+
+class MORVANE_API ZipCRC {
+ public:
+  void beginStream() { m_crc = 0; }
+  void moreData(const unsigned char* bytes, unsigned n);
+  // The CRC-32 of all bytes since beginStream.
+  unsigned endStream() const { return m_crc; }
+
+ private:
+  unsigned m_crc = 0;
+};
+
+}  // namespace morvane

@@ -1,0 +1,70 @@
+// The frame that every public method runs in: lock, log context, work, verdict, context closed, lock released.
+//
+//   bool ClsTar::VerifyTar(...) {
+//     return MethodFrame(*this, "VerifyTar").run(false, [&](MethodFrame& frame) { ...; return ok; });
+//   }
+//
+// Nothing thrown inside gets out: an exception is an error line and the failure value. A method called from a callback
+// of the same object, that is, while another one runs, returns its failure value at once and leaves the log alone.
+#pragma once
+
+#include <exception>
+#include <new>
+
+#include "runtime/component/ClsBase.h"
+
+namespace morvane {
+
+// How a method's context is opened and closed.
+enum class MethodForm {
+  Judged,         // ends with a success or failure line
+  Unjudged,       // ends without one
+  WithVersion,    // starts with the library's version line and ends without a success or failure line
+};
+
+class MORVANE_API MethodFrame {
+ public:
+  explicit MethodFrame(ClsBase& owner, const char* name, MethodForm form = MethodForm::Judged)
+      : m_owner(owner), m_name(name), m_form(form) {}
+
+  // For a method that leaves early without its success or failure line.
+  void withoutVerdict() { m_form = MethodForm::Unjudged; }
+
+  template <class Result, class Work>
+  Result run(Result failure, Work work) {
+    CritSecExitor lock(m_owner);
+    if (isNested()) return failure;
+    Result result = failure;
+    if (open()) {
+      try {
+        result = work(*this);
+      } catch (const std::bad_alloc&) {
+        result = failure;
+        reportException("Out of memory.");
+      } catch (const std::exception& exception) {
+        result = failure;
+        reportException(exception.what());
+      } catch (...) {
+        result = failure;
+        reportException("An exception of unknown type.");
+      }
+    }
+    close(succeeded(result));
+    return result;
+  }
+
+ private:
+  static bool succeeded(bool result) { return result; }
+  static bool succeeded(int count) { return count >= 0; }
+
+  bool isNested() const { return m_owner.m_methodRunning; }
+  bool open() noexcept;
+  void reportException(const char* what) noexcept;
+  void close(bool ok) noexcept;
+
+  ClsBase& m_owner;
+  const char* const m_name;
+  MethodForm m_form;
+};
+
+}  // namespace morvane

@@ -1,0 +1,201 @@
+#include "runtime/fs/ClsDirTree.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <new>
+
+#include "runtime/log/LogBase.h"
+#include "runtime/text/XString.h"
+
+namespace morvane {
+
+namespace {
+
+constexpr size_t kOpenLevels = 32;
+constexpr int kOpenDirectory = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+
+bool isSelfOrParent(const char* name) {
+  return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
+}
+
+}  // namespace
+
+ClsDirTree* ClsDirTree::createNewCls() { return new (std::nothrow) ClsDirTree(); }
+
+void ClsDirTree::put_BaseDir(const XString& dir) { m_baseDir = dir.str(); }
+
+bool ClsDirTree::beginIterate(LogBase& log) {
+  m_levels.clear();
+  m_relativePath.clear();
+  m_hasPrepared = m_passBy = false;
+  Level base;
+  base.directory.reset(osOpen(m_baseDir.c_str(), kOpenDirectory));
+  int error = errno;
+  if (!base.directory.isOpen() || !readDirectory(base.directory.fd(), base, error)) {
+    return failedToRead(log, error);
+  }
+  if (base.entries.empty()) return true;
+  m_levels.push_back(std::move(base));
+  takeName();
+  return true;
+}
+
+bool ClsDirTree::advancePosition(LogBase& log) {
+  if (m_levels.empty()) return true;
+  const bool enter = m_recurse && !m_passBy && isEnterable();
+  m_passBy = false;
+  if (enter) {
+    const size_t depth = m_levels.size();
+    if (!enterCurrent(log)) return false;
+    if (m_levels.size() > depth) return true;
+  }
+  while (++m_levels.back().current == m_levels.back().entries.size()) {
+    if (!leaveLevel(log)) return false;
+    if (m_levels.empty()) return true;
+  }
+  takeName();
+  return true;
+}
+
+bool ClsDirTree::prepareToEnter(LogBase& log) {
+  m_prepared = Level();
+  int error = 0;
+  m_prepared.directory.reset(openat(currentDirectory(), currentName(), kOpenDirectory | O_NOFOLLOW));
+  error = errno;
+  m_hasPrepared =
+      m_prepared.directory.isOpen() && readDirectory(m_prepared.directory.fd(), m_prepared, error);
+  m_passBy = !m_hasPrepared;
+  if (m_hasPrepared) return true;
+  logOsError(log, "Failed to read directory.", fullPathOf(m_relativePath).c_str(), error);
+  return false;
+}
+
+bool ClsDirTree::enterCurrent(LogBase& log) {
+  if (!m_hasPrepared && !prepareToEnter(log)) {
+    m_levels.clear();
+    return false;
+  }
+  m_hasPrepared = false;
+  if (m_prepared.entries.empty()) {
+    m_prepared = Level();
+    return true;
+  }
+  m_relativePath += '/';
+  m_prepared.parentLength = m_relativePath.size();
+  m_levels.push_back(std::move(m_prepared));
+  m_prepared = Level();
+  closeFarLevels();
+  takeName();
+  return true;
+}
+
+bool ClsDirTree::leaveLevel(LogBase& log) {
+  const Level child = std::move(m_levels.back());
+  m_levels.pop_back();
+  if (m_levels.empty()) return true;
+  m_relativePath.resize(child.parentLength - 1);
+  Level& parent = m_levels.back();
+  return parent.directory.isOpen() || reopenDirectory(parent, child.directory.fd(), log);
+}
+
+// Through the child, whose parent it was when the walk came down; only if it still is.
+bool ClsDirTree::reopenDirectory(Level& level, int child, LogBase& log) {
+  level.directory.reset(openat(child, "..", kOpenDirectory));
+  struct stat status;
+  if (!level.directory.isOpen()) return failedToRead(log, errno);
+  if (level.directory.status(status) != 0) return failedToRead(log, errno);
+  if (status.st_dev != level.device || status.st_ino != level.inode) return failedToRead(log, ESTALE);
+  return true;
+}
+
+void ClsDirTree::closeFarLevels() {
+  if (m_levels.size() <= kOpenLevels) return;
+  m_levels[m_levels.size() - kOpenLevels - 1].directory.close();
+}
+
+bool ClsDirTree::readDirectory(int fd, Level& level, int& error) {
+  struct stat status;
+  if (fstat(fd, &status) != 0) {
+    error = errno;
+    return false;
+  }
+  level.device = status.st_dev;
+  level.inode = status.st_ino;
+  alignas(dirent64) char buffer[32 * 1024];
+  while (true) {
+    const ssize_t filled = getdents64(fd, buffer, sizeof buffer);
+    if (filled < 0) {
+      error = errno;
+      return false;
+    }
+    if (filled == 0) break;
+    for (ssize_t at = 0; at < filled;) {
+      const auto* const entry = reinterpret_cast<const dirent64*>(buffer + at);
+      at += entry->d_reclen;
+      if (isSelfOrParent(entry->d_name)) continue;
+      level.entries.push_back(level.names.size());
+      level.names.push_back(static_cast<char>(entry->d_type));
+      level.names.append(entry->d_name).push_back('\0');
+    }
+  }
+  const char* const names = level.names.data();
+  std::sort(level.entries.begin(), level.entries.end(),
+            [names](size_t a, size_t b) { return std::strcmp(names + a + 1, names + b + 1) < 0; });
+  return true;
+}
+
+void ClsDirTree::takeName() {
+  m_relativePath.resize(m_levels.back().parentLength);
+  m_relativePath += currentName();
+}
+
+const char* ClsDirTree::currentName() const {
+  const Level& level = m_levels.back();
+  return level.names.data() + level.entries[level.current] + 1;
+}
+
+// The type that the directory gives, or a look at the entry where the file system gives none.
+unsigned char ClsDirTree::currentType() const {
+  const Level& level = m_levels.back();
+  const auto type = static_cast<unsigned char>(level.names[level.entries[level.current]]);
+  if (type != DT_UNKNOWN) return type;
+  struct stat status;
+  if (fstatat(currentDirectory(), currentName(), &status, AT_SYMLINK_NOFOLLOW) != 0) return DT_UNKNOWN;
+  return IFTODT(status.st_mode);
+}
+
+bool ClsDirTree::isEnterable() const { return currentType() == DT_DIR; }
+
+bool ClsDirTree::isRegularFile() const { return currentType() == DT_REG; }
+
+bool ClsDirTree::get_IsDirectory() const {
+  const unsigned char type = currentType();
+  if (type != DT_LNK) return type == DT_DIR;
+  struct stat target;
+  return fstatat(currentDirectory(), currentName(), &target, 0) == 0 && S_ISDIR(target.st_mode);
+}
+
+void ClsDirTree::get_RelativePath(XString& out) const { out = m_relativePath; }
+
+void ClsDirTree::get_FullUncPath(XString& out) const { out = fullPathOf(m_relativePath); }
+
+std::string ClsDirTree::fullPathOf(const std::string& relative) const {
+  const size_t end = m_baseDir.find_last_not_of('/');
+  std::string path = m_baseDir.substr(0, end == std::string::npos ? 0 : end + 1);
+  path += '/';
+  return path += relative;
+}
+
+bool ClsDirTree::failedToRead(LogBase& log, int error) {
+  const std::string path = m_levels.empty() ? m_baseDir : fullPathOf(m_relativePath);
+  m_levels.clear();
+  logOsError(log, "Failed to read directory.", path.c_str(), error);
+  return false;
+}
+
+}  // namespace morvane

@@ -1,0 +1,83 @@
+// Walks a directory tree, depth first: a directory before its contents, the names of one directory in the order of
+// their bytes, the base directory itself not among them. Symbolic links are entries, never entered; only the base may
+// be one.
+//
+//   std::unique_ptr<ClsDirTree> tree(ClsDirTree::createNewCls());
+//   tree->put_BaseDir("src");
+//   tree->put_Recurse(true);
+//   for (bool ok = tree->beginIterate(log); ok && !tree->get_DoneIterating(); ok = tree->advancePosition(log)) { ... }
+//
+// Memory: the names of the directories on the way to the current entry. Open files: some dozens, however deep. Neither
+// depth nor the length of a path is limited. One walk at a time, on one thread.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "runtime/base/Export.h"
+#include "runtime/fs/OsFile.h"
+
+namespace morvane {
+
+class LogBase;
+class XString;
+
+class MORVANE_API ClsDirTree {
+ public:
+  static ClsDirTree* createNewCls();  // null when there is no memory
+
+  void put_BaseDir(const XString& dir);
+  void put_Recurse(bool recurse) { m_recurse = recurse; }
+
+  // Reads the base directory and stands on the first entry. False, with the reason in the log, when it cannot be read.
+  bool beginIterate(LogBase& log);
+  bool get_DoneIterating() const { return m_levels.empty(); }
+  // Goes on to the next entry, into the current one when that is a directory. False, with the name in the log, when a
+  // directory on the way cannot be read; the walk is then over.
+  bool advancePosition(LogBase& log);
+
+  // Of the current entry. A symbolic link counts as a directory when it points at one.
+  bool get_IsDirectory() const;
+  // The current entry is a directory that the walk will enter, so no symbolic link to one.
+  bool isEnterable() const;
+  bool isRegularFile() const;  // as far as the directory says so without a look at the file
+  void get_RelativePath(XString& out) const;
+  void get_FullUncPath(XString& out) const;  // the base as given, one "/", the relative path
+  // The open directory that holds the current entry, and the entry's name in it.
+  int currentDirectory() const { return m_levels.back().directory.fd(); }
+  const char* currentName() const;
+
+  // Reads the current directory now instead of when the walk enters it, to know beforehand whether that works. After
+  // a failure, which is logged, the walk passes the directory by.
+  bool prepareToEnter(LogBase& log);
+
+ private:
+  struct Level {
+    OsFile directory;  // closed while the walk is far below
+    unsigned long long device = 0, inode = 0;
+    std::string names;            // for each entry its type byte, its name, NUL
+    std::vector<size_t> entries;  // offsets into names, sorted by name
+    size_t current = 0;
+    size_t parentLength = 0;  // of m_relativePath without this level's entry
+  };
+
+  bool readDirectory(int fd, Level& level, int& error);
+  bool enterCurrent(LogBase& log);
+  bool leaveLevel(LogBase& log);
+  bool reopenDirectory(Level& level, int child, LogBase& log);
+  void closeFarLevels();
+  void takeName();
+  unsigned char currentType() const;
+  std::string fullPathOf(const std::string& relative) const;
+  bool failedToRead(LogBase& log, int error);
+
+  std::string m_baseDir;
+  bool m_recurse = false;
+  std::vector<Level> m_levels;
+  std::string m_relativePath;
+  Level m_prepared;  // the current directory's contents, when prepareToEnter has read them
+  bool m_hasPrepared = false;
+  bool m_passBy = false;
+};
+
+}  // namespace morvane

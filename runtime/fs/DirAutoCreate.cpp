@@ -1,0 +1,75 @@
+#include "runtime/fs/DirAutoCreate.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <string>
+
+#include "runtime/fs/OsFile.h"
+#include "runtime/text/StringBuffer.h"
+
+namespace morvane {
+
+namespace {
+
+constexpr mode_t kDirectoryMode = 0777;
+
+bool failed(LogBase& log, const char* dir, int error) {
+  logOsError(log, "Failed to create directory.", dir, error);
+  return false;
+}
+
+// Makes each part of the path that is missing, from the first on, holding on to the directory reached so far.
+int makeEachPart(const std::string& dir) {
+  OsFile reached;
+  if (dir[0] == '/') reached.reset(osOpen("/", O_PATH | O_DIRECTORY));
+  for (size_t start = 0; start < dir.size();) {
+    const size_t end = std::min(dir.find('/', start), dir.size());
+    if (end > start) {
+      const std::string part = dir.substr(start, end - start);
+      const int from = reached.isOpen() ? reached.fd() : AT_FDCWD;
+      if (mkdirat(from, part.c_str(), kDirectoryMode) != 0 && errno != EEXIST) {
+        // A part that is there already may lie in a directory nobody may write to; opening it decides.
+        const int error = errno;
+        struct stat status;
+        if (fstatat(from, part.c_str(), &status, 0) != 0) return error;
+      }
+      const int opened = openat(from, part.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+      if (opened < 0) return errno;
+      reached.reset(opened);
+    }
+    start = end + 1;
+  }
+  return 0;
+}
+
+}  // namespace
+
+bool DirAutoCreate::ensureDirUtf8(const char* dir, LogBase& log) {
+  if (*dir == '\0') return failed(log, dir, ENOENT);
+  if (osMakeDirectory(dir, kDirectoryMode) == 0) return true;
+  int error = errno;
+  if (error == ENOENT) {
+    error = makeEachPart(dir);
+    return error == 0 || failed(log, dir, error);
+  }
+  struct stat status;
+  if (osStatus(dir, status, true) == 0) {
+    if (S_ISDIR(status.st_mode)) return true;
+    if (error == EEXIST) error = ENOTDIR;
+  }
+  return failed(log, dir, error);
+}
+
+bool DirAutoCreate::ensureFileUtf8(const char* path, StringBuffer& parent, LogBase& log) {
+  const std::string text(path);
+  size_t end = text.rfind('/');
+  parent.weakClear();
+  if (end == std::string::npos) return true;
+  if (end == 0) end = 1;  // directly below the root
+  parent = text.substr(0, end);
+  return ensureDirUtf8(parent.getString(), log);
+}
+
+}  // namespace morvane

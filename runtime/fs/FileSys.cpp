@@ -1,0 +1,39 @@
+#include "runtime/fs/FileSys.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <vector>
+
+#include "runtime/fs/mvFileInfo.h"
+#include "runtime/log/LogNull.h"
+#include "runtime/text/XString.h"
+
+namespace morvane {
+
+long long FileSys::fileSizeUtf8_64(const char* path, LogBase* log, bool& ok) {
+  mvFileInfo info;
+  LogNull unwanted;
+  if (!info.loadFileInfoUtf8(path, log ? *log : unwanted)) {
+    ok = false;
+    return 0;
+  }
+  return info.m_size;
+}
+
+long long FileSys::fileSizeX_64(const XString& path, LogBase* log, bool& ok) {
+  return fileSizeUtf8_64(path.getUtf8(), log, ok);
+}
+
+void FileSys::getCurrentDir(XString& out) {
+  out.clear();
+  for (std::vector<char> buffer(4096);; buffer.resize(buffer.size() * 2)) {
+    if (::getcwd(buffer.data(), buffer.size())) {
+      out.setFromUtf8(buffer.data());
+      return;
+    }
+    if (errno != ERANGE) return;
+  }
+}
+
+}  // namespace morvane

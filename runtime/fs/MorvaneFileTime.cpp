@@ -1,0 +1,60 @@
+#include "runtime/fs/MorvaneFileTime.h"
+
+#include <cstdio>
+#include <limits>
+
+#include "runtime/text/StringBuffer.h"
+
+namespace morvane {
+
+MorvaneFileTime MorvaneFileTime::fromUnixTime32(unsigned seconds, unsigned nanoseconds) {
+  return fromUnixTime64(seconds, nanoseconds);
+}
+
+MorvaneFileTime MorvaneFileTime::fromUnixTime64(long long seconds, unsigned nanoseconds) {
+  MorvaneFileTime time;
+  time.m_seconds = seconds;
+  time.m_nanoseconds = nanoseconds;
+  return time;
+}
+
+unsigned MorvaneFileTime::toUnixTime32() const {
+  constexpr unsigned kMax = std::numeric_limits<unsigned>::max();
+  if (m_seconds < 0) return 0;
+  return m_seconds > static_cast<long long>(kMax) ? kMax : static_cast<unsigned>(m_seconds);
+}
+
+timespec MorvaneFileTime::toTimespec() const {
+  timespec out{};
+  out.tv_sec = static_cast<time_t>(m_seconds);
+  out.tv_nsec = static_cast<long>(m_nanoseconds);
+  return out;
+}
+
+MorvaneSysTime MorvaneSysTime::fromFileTime(const MorvaneFileTime& time) {
+  const time_t seconds = static_cast<time_t>(time.seconds());
+  MorvaneSysTime out;
+  tm parts{};
+  if (!gmtime_r(&seconds, &parts)) return out;  // a year that does not fit an int: shown as the epoch
+  out.year = parts.tm_year + 1900;
+  out.month = parts.tm_mon + 1;
+  out.day = parts.tm_mday;
+  out.hour = parts.tm_hour;
+  out.minute = parts.tm_min;
+  out.second = parts.tm_sec;
+  out.weekday = parts.tm_wday;
+  return out;
+}
+
+void _mvDateParser::FileTimeToStringGmt(const MorvaneFileTime& time, StringBuffer& out) {
+  static constexpr const char* kDays[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
+  static constexpr const char* kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                            "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+  const MorvaneSysTime parts = MorvaneSysTime::fromFileTime(time);
+  char text[96];
+  std::snprintf(text, sizeof text, "%s, %02d %s %04d %02d:%02d:%02d GMT", kDays[parts.weekday], parts.day,
+                kMonths[parts.month - 1], parts.year, parts.hour, parts.minute, parts.second);
+  out.setString(text);
+}
+
+}  // namespace morvane

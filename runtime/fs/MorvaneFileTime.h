@@ -1,0 +1,44 @@
+// A file time: Unix seconds and nanoseconds.
+#pragma once
+
+#include <ctime>
+
+#include "runtime/base/Export.h"
+
+namespace morvane {
+
+class MORVANE_API MorvaneFileTime {
+ public:
+  MorvaneFileTime() = default;
+  static MorvaneFileTime fromUnixTime32(unsigned seconds, unsigned nanoseconds = 0);
+  // Nanoseconds run from 0 to 999,999,999 and count forward from the second, also before 1970.
+  static MorvaneFileTime fromUnixTime64(long long seconds, unsigned nanoseconds = 0);
+
+  // Rounded down to whole seconds; a time before 1970 gives 0, one past the range 2^32-1.
+  unsigned toUnixTime32() const;
+  long long seconds() const { return m_seconds; }
+  unsigned nanoseconds() const { return m_nanoseconds; }
+  timespec toTimespec() const;
+
+ private:
+  long long m_seconds = 0;
+  unsigned m_nanoseconds = 0;
+};
+
+// A broken-down time in UTC (proleptic Gregorian calendar).
+struct MORVANE_API MorvaneSysTime {
+  int year = 1970, month = 1, day = 1;  // month and day from 1
+  int hour = 0, minute = 0, second = 0;
+  int weekday = 4;  // 0 is Sunday
+
+  static MorvaneSysTime fromFileTime(const MorvaneFileTime& time);
+};
+
+class StringBuffer;
+
+struct MORVANE_API _mvDateParser {
+  // The time as GMT date text in the form of RFC 1123: "Sat, 21 Nov 2026 09:42:00 GMT".
+  static void FileTimeToStringGmt(const MorvaneFileTime& time, StringBuffer& out);
+};
+
+}  // namespace morvane

@@ -1,0 +1,118 @@
+#include "runtime/fs/OsFile.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <string>
+#include <utility>
+
+#include "runtime/log/LogBase.h"
+
+namespace morvane {
+
+namespace {
+
+constexpr int kOpenSource = O_RDONLY | O_NONBLOCK | O_NOCTTY;
+
+// Calls system(directory, rest) for a path. A path that the kernel would refuse for its length is walked down first,
+// as many whole parts at a time as it takes.
+template <class Call>
+int onPath(const char* path, Call call) {
+  size_t length = std::strlen(path);
+  if (length < PATH_MAX) return call(AT_FDCWD, path);
+  OsFile directory;
+  while (length >= PATH_MAX) {
+    size_t cut = PATH_MAX - 1;
+    while (cut > 0 && path[cut - 1] != '/') --cut;
+    if (cut == 0) break;  // one part longer than any name may be: let the kernel say so
+    const std::string parents(path, cut);
+    const int from = directory.isOpen() ? directory.fd() : AT_FDCWD;
+    const int opened = openat(from, parents.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    if (opened < 0) return -1;
+    directory.reset(opened);
+    path += cut;
+    while (*path == '/') ++path;
+    length = std::strlen(path);
+  }
+  return call(directory.isOpen() ? directory.fd() : AT_FDCWD, *path ? path : ".");
+}
+
+}  // namespace
+
+OsFile& OsFile::operator=(OsFile&& other) noexcept {
+  if (this != &other) reset(other.release());
+  return *this;
+}
+
+int OsFile::release() { return std::exchange(m_fd, -1); }
+
+void OsFile::reset(int fd) {
+  close();
+  m_fd = fd;
+}
+
+int OsFile::close() { return m_fd < 0 ? 0 : ::close(release()); }
+
+ssize_t OsFile::readSome(void* buffer, size_t n) const { return ::read(m_fd, buffer, n); }
+
+ssize_t OsFile::readSomeAt(void* buffer, size_t n, long long position) const {
+  return ::pread(m_fd, buffer, n, position);
+}
+
+ssize_t OsFile::writeSome(const void* bytes, size_t n) const { return ::write(m_fd, bytes, n); }
+
+int OsFile::status(struct stat& out) const { return ::fstat(m_fd, &out); }
+
+int OsFile::setTimes(const timespec& access, const timespec& modification) const {
+  const timespec times[2] = {access, modification};
+  return ::futimens(m_fd, times);
+}
+
+int OsFile::setBlocking() const {
+  const int flags = ::fcntl(m_fd, F_GETFL);
+  return flags < 0 ? -1 : ::fcntl(m_fd, F_SETFL, flags & ~O_NONBLOCK);
+}
+
+long long OsFile::seek(long long offset, int whence) const { return ::lseek(m_fd, offset, whence); }
+
+int osOpen(const char* path, int flags, mode_t mode) {
+  int fd;
+  do {
+    fd = onPath(path, [&](int directory, const char* rest) {
+      return openat(directory, rest, flags | O_CLOEXEC, mode);
+    });
+  } while (fd < 0 && errno == EINTR);
+  return fd;
+}
+
+int osOpenSource(const char* path) { return osOpen(path, kOpenSource); }
+
+int osOpenSource(int directory, const char* name) {
+  return openat(directory, name, kOpenSource | O_NOFOLLOW | O_CLOEXEC);
+}
+
+int osStatus(const char* path, struct stat& out, bool followLinks) {
+  return onPath(path, [&](int directory, const char* rest) {
+    return fstatat(directory, rest, &out, followLinks ? 0 : AT_SYMLINK_NOFOLLOW);
+  });
+}
+
+int osMakeDirectory(const char* path, mode_t mode) {
+  return onPath(path, [&](int directory, const char* rest) { return mkdirat(directory, rest, mode); });
+}
+
+int osSetTimes(const char* path, const timespec& access, const timespec& modification) {
+  const timespec times[2] = {access, modification};
+  return onPath(path, [&](int directory, const char* rest) { return utimensat(directory, rest, times, 0); });
+}
+
+void logOsError(LogBase& log, const char* message, const char* path, int error) {
+  log.LogError(message);
+  log.LogData("path", path);
+  log.LogData("reason", std::strerror(error));
+}
+
+}  // namespace morvane

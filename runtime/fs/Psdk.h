@@ -1,0 +1,17 @@
+// The process's clock and user.
+#pragma once
+
+#include "runtime/base/Export.h"
+
+namespace morvane {
+
+class StringBuffer;
+
+struct MORVANE_API Psdk {
+  static long long getCurrentUnixTime();
+  static unsigned getTickCount();  // milliseconds, for measuring spans
+  // The name of the effective user; empty when the user has none.
+  static void getUsername(StringBuffer& out);
+};
+
+}  // namespace morvane

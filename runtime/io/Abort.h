@@ -1,0 +1,21 @@
+// How the streams end when the application asks to abort.
+#pragma once
+
+#include "runtime/log/LogBase.h"
+#include "runtime/progress/ProgressMonitor.h"
+
+namespace morvane {
+
+inline bool logAborted(LogBase& log) {
+  log.LogError("Aborted by application.");
+  return false;
+}
+
+// True, with its line in the log, when a wait broken by a signal is to end. Without a monitor the wait goes on.
+inline bool endsWait(ProgressMonitor* pm, LogBase& log) {
+  if (!pm || !pm->abortCheck(log)) return false;
+  logAborted(log);
+  return true;
+}
+
+}  // namespace morvane

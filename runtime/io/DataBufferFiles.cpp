@@ -1,0 +1,41 @@
+// DataBuffer's file operations; they stand here because the buffer itself knows nothing of files.
+#include <memory>
+
+#include "runtime/buffer/DataBuffer.h"
+#include "runtime/io/OutputDataBuffer.h"
+#include "runtime/io/OutputFile.h"
+#include "runtime/io/_mvFileDataSource.h"
+#include "runtime/log/LogNull.h"
+#include "runtime/text/XString.h"
+
+namespace morvane {
+
+bool DataBuffer::loadFileUtf8(const char* path, LogBase* log) {
+  LogNull unwanted;
+  LogBase& to = log ? *log : unwanted;
+  clear();
+  _mvFileDataSource source;
+  if (!source.openDataSourceFile(XString(path), to)) return false;
+  const long long size = source.sizeIfKnown();
+  if (size > 0 && size <= 0xFFFFFFFFLL) reserveMore(static_cast<unsigned>(size));
+  OutputDataBuffer out(*this);
+  _mvIoParams io;
+  while (true) {
+    const char* bytes = nullptr;
+    unsigned n = 0;
+    if (!source.lendBytes(0xFFFFFFFFu, bytes, n, nullptr, to)) return false;
+    if (n == 0) return true;
+    if (!out._writeBytes(bytes, n, io, to)) return false;
+  }
+}
+
+bool DataBuffer::saveToFileUtf8(const char* path, LogBase* log) const {
+  LogNull unwanted;
+  LogBase& to = log ? *log : unwanted;
+  const std::unique_ptr<OutputFile> file(OutputFile::createFileUtf8(path, to));
+  if (!file) return false;
+  const bool written = file->writeDbPM(*this, nullptr, to);
+  return file->closeHandle(&to) && written;
+}
+
+}  // namespace morvane

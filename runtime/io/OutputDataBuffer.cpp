@@ -1,0 +1,17 @@
+#include "runtime/io/OutputDataBuffer.h"
+
+#include "runtime/buffer/DataBuffer.h"
+#include "runtime/log/LogBase.h"
+
+namespace morvane {
+
+bool OutputDataBuffer::_writeBytes(const char* bytes, unsigned int n, _mvIoParams&, LogBase& log) {
+  if (m_buffer.append(bytes, n)) return true;
+  log.LogError("Out of memory for data kept in memory.");
+  log.LogDataInt64("size", static_cast<long long>(m_buffer.getSize()) + n);
+  return false;
+}
+
+long long OutputDataBuffer::ftell64() { return m_buffer.getSize(); }
+
+}  // namespace morvane

@@ -1,0 +1,18 @@
+// An output that appends to a buffer, which it does not own.
+#pragma once
+
+#include "runtime/io/_mvOutput.h"
+
+namespace morvane {
+
+class MORVANE_API OutputDataBuffer : public _mvOutput {
+ public:
+  explicit OutputDataBuffer(DataBuffer& buffer) : m_buffer(buffer) {}
+  bool _writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log) override;
+  long long ftell64() override;
+
+ private:
+  DataBuffer& m_buffer;
+};
+
+}  // namespace morvane

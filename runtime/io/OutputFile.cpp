@@ -1,0 +1,136 @@
+#include "runtime/io/OutputFile.h"
+
+#include <fcntl.h>
+
+#include <cerrno>
+#include <cstring>
+#include <new>
+
+#include "runtime/fs/MorvaneFileTime.h"
+#include "runtime/fs/mvFileInfo.h"
+#include "runtime/io/Abort.h"
+#include "runtime/log/LogNull.h"
+
+namespace morvane {
+
+namespace {
+
+// Most files are small: they get a small buffer, and a large one only once that has been filled.
+constexpr unsigned kSmallBuffer = 16 * 1024;
+constexpr unsigned kLargeBuffer = 256 * 1024;
+constexpr unsigned kPassesBuffer = 64 * 1024;
+
+}  // namespace
+
+OutputFile* OutputFile::createFileUtf8(const char* path, LogBase& log) {
+  OsFile file(osOpen(path, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_NOCTTY, 0666));
+  if (!file.isOpen()) {
+    logOsError(log, "Failed to create file.", path, errno);
+    return nullptr;
+  }
+  return adopt(std::move(file), path);
+}
+
+OutputFile* OutputFile::adopt(OsFile file, const char* path) {
+  return new (std::nothrow) OutputFile(std::move(file), path);
+}
+
+OutputFile::~OutputFile() { closeHandle(); }
+
+bool OutputFile::_writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log) {
+  if (m_failed || !m_file.isOpen()) return false;
+  ProgressMonitor* const pm = io.monitor();
+  if (n > m_capacity - m_buffered) {
+    if (m_buffered > 0 && !flush(pm, log)) return false;
+    // A file that comes in one or two middling pieces needs no buffer either.
+    const bool passes = n >= kPassesBuffer || (m_capacity == 0 && n >= kSmallBuffer);
+    if (passes || !makeBuffer()) {
+      if (!writeThrough(bytes, n, pm, log)) return false;
+      m_bytesWritten += n;
+      return true;
+    }
+  }
+  std::memcpy(m_buffer.get() + m_buffered, bytes, n);
+  m_buffered += n;
+  m_bytesWritten += n;
+  return true;
+}
+
+// The next larger buffer, if there is one; false when there is no memory, and the bytes then pass the buffer by.
+bool OutputFile::makeBuffer() {
+  const unsigned capacity = m_capacity == 0 ? kSmallBuffer : kLargeBuffer;
+  if (capacity <= m_capacity) return true;
+  std::unique_ptr<char[]> grown(new (std::nothrow) char[capacity]);
+  if (!grown) return false;
+  m_buffer = std::move(grown);
+  m_capacity = capacity;
+  return true;
+}
+
+bool OutputFile::flush(ProgressMonitor* pm, LogBase& log) {
+  if (m_failed) return false;
+  const unsigned buffered = m_buffered;
+  m_buffered = 0;
+  return writeThrough(m_buffer.get(), buffered, pm, log);
+}
+
+bool OutputFile::writeThrough(const char* bytes, size_t n, ProgressMonitor* pm, LogBase& log) {
+  while (n > 0) {
+    const ssize_t written = m_file.writeSome(bytes, n);
+    if (written >= 0) {
+      bytes += written;
+      n -= static_cast<size_t>(written);
+      continue;
+    }
+    const int error = errno;
+    if (error == EINTR && !endsWait(pm, log)) continue;
+    // A FIFO was opened without waiting for its reader; from here on writes wait.
+    if (error == EAGAIN && m_file.setBlocking() == 0) continue;
+    m_failed = true;
+    if (error != EINTR) logOsError(log, "Failed to write to file.", m_path.c_str(), error);
+    return false;
+  }
+  return true;
+}
+
+bool OutputFile::getFileInfo(mvFileInfo& info) const {
+  struct stat status;
+  if (!m_file.isOpen() || m_file.status(status) != 0) return false;
+  info.setFromStatus(status, false);
+  return true;
+}
+
+bool OutputFile::closeHandle(LogBase* log) {
+  LogNull unwanted;
+  LogBase& to = log ? *log : unwanted;
+  if (!m_file.isOpen()) return !m_failed;
+  flush(nullptr, to);
+  if (m_file.close() != 0 && !m_failed) {
+    m_failed = true;
+    logOsError(to, "Failed to close file.", m_path.c_str(), errno);
+  }
+  return !m_failed;
+}
+
+bool OutputFile::setFileTimeUtc(const MorvaneFileTime& modification, LogBase* log) {
+  LogNull unwanted;
+  timespec leaveAccess{};
+  leaveAccess.tv_nsec = UTIME_OMIT;
+  return setTimes(leaveAccess, modification.toTimespec(), log ? *log : unwanted);
+}
+
+bool OutputFile::setFileTimeUtc_3(const MorvaneFileTime&, const MorvaneFileTime& access,
+                                  const MorvaneFileTime& modification, LogBase& log) {
+  return setTimes(access.toTimespec(), modification.toTimespec(), log);
+}
+
+bool OutputFile::setTimes(const timespec& access, const timespec& modification, LogBase& log) {
+  // What is still in the buffer would change the time again when it is written.
+  if (m_buffered > 0) flush(nullptr, log);
+  const int result = m_file.isOpen() ? m_file.setTimes(access, modification)
+                                     : osSetTimes(m_path.c_str(), access, modification);
+  if (result != 0) logOsError(log, "Failed to set file times.", m_path.c_str(), errno);
+  return result == 0;
+}
+
+}  // namespace morvane

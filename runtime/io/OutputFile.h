@@ -1,0 +1,62 @@
+// A file being written, behind a buffer of its own.
+//
+// Small writes are gathered, large ones pass the buffer by. Every error is sticky: after the first, all later writes
+// fail. Data may still be in the buffer, or refused by the system as late as at close, so a result counts only after
+// flush() or closeHandle() said so; the destructor closes but cannot report.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "runtime/fs/OsFile.h"
+#include "runtime/io/_mvOutput.h"
+
+namespace morvane {
+
+class MorvaneFileTime;
+struct mvFileInfo;
+
+class MORVANE_API OutputFile : public _mvOutput {
+ public:
+  // Creates or truncates the file (mode 0666 less the umask), following a symbolic link, never waiting for the reader
+  // of a FIFO. Null, with the reason in the log, on failure. The caller deletes the result.
+  static OutputFile* createFileUtf8(const char* path, LogBase& log);
+  // Takes over an open descriptor; `path` is what messages call it. Null when there is no memory.
+  static OutputFile* adopt(OsFile file, const char* path);
+  ~OutputFile() override;
+
+  bool _writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log) override;
+  // Bytes accepted so far.
+  long long ftell64() override { return m_bytesWritten; }
+  bool announceOutputFinished(LogBase& log) override { return flush(nullptr, log); }
+
+  // The identity of the open file; false when there is none to tell.
+  bool getFileInfo(mvFileInfo& info) const;
+
+  bool flush(ProgressMonitor* pm, LogBase& log);
+  // Flushes and closes; true when every byte written so far arrived. `log` may be null. Closing again repeats the
+  // first answer.
+  bool closeHandle(LogBase* log = nullptr);
+
+  // The last-modified time / all three times (Linux has no settable creation time), through the descriptor while the
+  // file is open, else through its path. A failure is logged.
+  bool setFileTimeUtc(const MorvaneFileTime& modification, LogBase* log);
+  bool setFileTimeUtc_3(const MorvaneFileTime& creation, const MorvaneFileTime& access,
+                        const MorvaneFileTime& modification, LogBase& log);
+
+ private:
+  OutputFile(OsFile file, const char* path) : m_file(std::move(file)), m_path(path) {}
+  bool writeThrough(const char* bytes, size_t n, ProgressMonitor* pm, LogBase& log);
+  bool makeBuffer();
+  bool setTimes(const timespec& access, const timespec& modification, LogBase& log);
+
+  OsFile m_file;
+  std::string m_path;
+  std::unique_ptr<char[]> m_buffer;
+  unsigned m_capacity = 0;
+  unsigned m_buffered = 0;
+  long long m_bytesWritten = 0;
+  bool m_failed = false;
+};
+
+}  // namespace morvane

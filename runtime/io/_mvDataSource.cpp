@@ -1,0 +1,104 @@
+#include "runtime/io/_mvDataSource.h"
+
+#include <algorithm>
+
+#include "runtime/base/ByteArrayOwner.h"
+#include "runtime/io/Abort.h"
+#include "runtime/io/_mvOutput.h"
+
+namespace morvane {
+
+namespace {
+
+constexpr unsigned kCopyBuffer = 64 * 1024;
+// What is lent at a time, so that an abort is heard after no more than this.
+constexpr unsigned kLentPiece = 128 * 1024;
+
+unsigned pieceOf(long long n, unsigned most) { return static_cast<unsigned>(std::min<long long>(n, most)); }
+
+bool endedEarly(long long missing, LogBase& log) {
+  log.LogError("The data ended early.");
+  log.LogDataInt64("bytesMissing", missing);
+  return false;
+}
+
+}  // namespace
+
+_mvDataSource::~_mvDataSource() = default;
+
+bool _mvDataSource::endOfStream() { return false; }
+
+bool _mvDataSource::fseekAbsolute64(long long, LogBase& log) {
+  log.LogError("This data source cannot seek.");
+  return false;
+}
+
+long long _mvDataSource::ftell64() { return -1; }
+
+long long _mvDataSource::sizeIfKnown() { return -1; }
+
+bool _mvDataSource::canLend() { return false; }
+
+bool _mvDataSource::lendBytes(unsigned, const char*&, unsigned&, ProgressMonitor*, LogBase&) { return false; }
+
+void _mvDataSource::takeBack(unsigned) {}
+
+bool _mvDataSource::peekBytes(unsigned, const char*&, unsigned&, ProgressMonitor*, LogBase&) { return false; }
+
+bool _mvDataSource::readFully(char* buffer, unsigned n, unsigned& numRead, ProgressMonitor* pm, LogBase& log) {
+  numRead = 0;
+  while (numRead < n) {
+    unsigned got = 0;
+    if (!readSourcePM(buffer + numRead, n - numRead, got, pm, log)) return false;
+    if (got == 0) break;
+    numRead += got;
+  }
+  return true;
+}
+
+bool _mvDataSource::copyNToOutputPM(_mvOutput& out, long long n, ProgressMonitor* pm, LogBase& log) {
+  if (canLend()) return copyNToOutput2PM(out, n, nullptr, 0, pm, log);
+  const ByteArrayOwner buffer(mvNewChar(kCopyBuffer));
+  if (!buffer.get()) {
+    log.LogError("Out of memory for a copy buffer.");
+    return false;
+  }
+  return copyNToOutput2PM(out, n, buffer.get(), kCopyBuffer, pm, log);
+}
+
+bool _mvDataSource::copyNToOutput2PM(_mvOutput& out, long long n, char* buffer, unsigned bufferSize,
+                                     ProgressMonitor* pm, LogBase& log) {
+  const bool lends = canLend();
+  while (n > 0) {
+    const char* bytes = buffer;
+    unsigned got = 0;
+    const bool ok = lends ? lendBytes(pieceOf(n, kLentPiece), bytes, got, pm, log)
+                          : readSourcePM(buffer, pieceOf(n, bufferSize), got, pm, log);
+    if (!ok) return false;
+    if (got == 0) return endedEarly(n, log);
+    if (!out.writeBytesPM(bytes, got, pm, log)) return false;
+    n -= got;
+  }
+  return true;
+}
+
+bool _mvDataSource::skipByReading(long long n, ProgressMonitor* pm, LogBase& log) {
+  const bool lends = canLend();
+  const ByteArrayOwner buffer(lends ? nullptr : mvNewChar(kCopyBuffer));
+  if (!lends && !buffer.get()) {
+    log.LogError("Out of memory for a copy buffer.");
+    return false;
+  }
+  while (n > 0) {
+    const char* bytes = nullptr;
+    unsigned got = 0;
+    const bool ok = lends ? lendBytes(pieceOf(n, kLentPiece), bytes, got, pm, log)
+                          : readSourcePM(buffer.get(), pieceOf(n, kCopyBuffer), got, pm, log);
+    if (!ok) return false;
+    if (got == 0) return true;
+    n -= got;
+  }
+  return true;
+}
+
+}  // namespace morvane

@@ -1,0 +1,229 @@
+#include "runtime/io/_mvFileDataSource.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <new>
+
+#include "runtime/fs/mvFileInfo.h"
+#include "runtime/io/Abort.h"
+#include "runtime/text/XString.h"
+
+namespace morvane {
+
+namespace {
+
+constexpr unsigned kWindow = 256 * 1024;
+// After a long jump a header is wanted and, likely, another jump.
+constexpr unsigned kAfterJump = 4 * 1024;
+constexpr unsigned kAtStart = 64 * 1024;
+// Files are copied in pieces of 20,000 bytes; the window holds a whole number of them.
+constexpr unsigned kCopyAtStart = 3 * 20000;
+constexpr unsigned kCopyWindow = 12 * 20000;
+static_assert(kCopyWindow <= kWindow);
+
+}  // namespace
+
+bool _mvFileDataSource::openDataSourceFile(const XString& path, LogBase& log) {
+  OsFile file(osOpen(path.getUtf8(), O_RDONLY | O_NOCTTY));
+  if (!file.isOpen()) {
+    logOsError(log, "Failed to open file.", path.getUtf8(), errno);
+    return false;
+  }
+  return adopt(std::move(file), path.getUtf8(), log);
+}
+
+bool _mvFileDataSource::adopt(OsFile file, const char* path, LogBase& log) {
+  m_file = std::move(file);
+  m_path = path;
+  m_failed = m_atEnd = false;
+  m_windowAt = m_windowEnd = 0;
+  m_readAhead = kAtStart;
+  m_endAt = m_sizeSeen = -1;
+  struct stat status;
+  if (m_file.status(status) != 0 || S_ISDIR(status.st_mode)) {
+    logOsError(log, "Failed to open file.", path, S_ISDIR(status.st_mode) ? EISDIR : errno);
+    m_file.close();
+    return false;
+  }
+  const long long at = m_file.seek(0, SEEK_CUR);
+  m_seekable = at >= 0 && (S_ISREG(status.st_mode) || S_ISBLK(status.st_mode));
+  m_position = m_systemAt = m_seekable ? at : 0;
+  return true;
+}
+
+void _mvFileDataSource::adoptForCopy(OsFile file, const char* path, long long sizeSeen) {
+  m_file = std::move(file);
+  m_path = path;
+  m_failed = m_atEnd = false;
+  m_windowAt = m_windowEnd = 0;
+  m_readAhead = kCopyAtStart;
+  m_endAt = -1;
+  m_sizeSeen = sizeSeen;
+  m_seekable = true;
+  m_position = m_systemAt = 0;
+}
+
+// Spares a small file the read that would find nothing, and fixes where a larger one ends.
+void _mvFileDataSource::noteCopyEnd(unsigned wanted, unsigned got) {
+  if (got < wanted) {
+    m_atEnd = got == 0 || m_systemAt == m_sizeSeen;
+  } else if (m_endAt < 0) {
+    struct stat status;
+    if (m_file.status(status) == 0) m_endAt = status.st_size;
+  }
+}
+
+long long _mvFileDataSource::getFileSize64(LogBase& log) {
+  mvFileInfo info;
+  return getFileInfo(info, log) && info.m_isRegularFile ? info.m_size : 0;
+}
+
+bool _mvFileDataSource::getFileInfo(mvFileInfo& info, LogBase& log) const {
+  struct stat status;
+  if (m_file.status(status) != 0) {
+    logOsError(log, "Failed to get file information.", m_path.c_str(), errno);
+    return false;
+  }
+  info.setFromStatus(status, false);
+  return true;
+}
+
+long long _mvFileDataSource::sizeIfKnown() {
+  struct stat status;
+  return m_file.status(status) == 0 && S_ISREG(status.st_mode) ? status.st_size : -1;
+}
+
+bool _mvFileDataSource::endOfStream() {
+  if (m_windowAt < m_windowEnd) return false;
+  return m_atEnd || (m_endAt >= 0 && m_position >= m_endAt);
+}
+
+// One read that moves at least a byte unless the data end; `got` 0 is the end.
+bool _mvFileDataSource::readSystem(char* buffer, unsigned n, unsigned& got, ProgressMonitor* pm, LogBase& log) {
+  got = 0;
+  if (m_endAt >= 0) n = static_cast<unsigned>(std::clamp<long long>(m_endAt - m_systemAt, 0, n));
+  if (n == 0 || (m_sizeSeen >= 0 && m_atEnd)) return true;
+  while (true) {
+    const ssize_t read =
+        m_seekable ? m_file.readSomeAt(buffer, n, m_systemAt) : m_file.readSome(buffer, n);
+    if (read >= 0) {
+      m_atEnd = read == 0;
+      got = static_cast<unsigned>(read);
+      m_systemAt += read;
+      if (m_sizeSeen >= 0) noteCopyEnd(n, got);
+      return true;
+    }
+    const int error = errno;
+    if (error == EINTR && !endsWait(pm, log)) continue;
+    m_failed = true;
+    if (error != EINTR) logOsError(log, "Failed to read from file.", m_path.c_str(), error);
+    return false;
+  }
+}
+
+bool _mvFileDataSource::makeWindow(LogBase& log) {
+  if (m_window) return true;
+  m_window.reset(new (std::nothrow) char[kWindow]);
+  if (!m_window) log.LogError("Out of memory for a read buffer.");
+  return m_window != nullptr;
+}
+
+bool _mvFileDataSource::fillWindow(ProgressMonitor* pm, LogBase& log) {
+  if (!makeWindow(log)) return false;
+  unsigned got = 0;
+  if (!readSystem(m_window.get(), m_readAhead, got, pm, log)) return false;
+  m_windowAt = 0;
+  m_windowEnd = got;
+  m_readAhead = std::min(m_readAhead * 4, m_sizeSeen >= 0 ? kCopyWindow : kWindow);
+  return true;
+}
+
+bool _mvFileDataSource::mayGoOn(unsigned moved, ProgressMonitor* pm, LogBase& log) {
+  if (!pm || !(pm->abortCheckTimed(log) || pm->consumeProgress(moved, log))) return true;
+  return logAborted(log);
+}
+
+bool _mvFileDataSource::lendBytes(unsigned most, const char*& bytes, unsigned& n, ProgressMonitor* pm,
+                                  LogBase& log) {
+  n = 0;
+  if (m_failed) return false;
+  if (m_windowAt == m_windowEnd && !fillWindow(pm, log)) return false;
+  n = std::min(most, m_windowEnd - m_windowAt);
+  bytes = m_window.get() + m_windowAt;
+  m_windowAt += n;
+  m_position += n;
+  return mayGoOn(n, pm, log);
+}
+
+void _mvFileDataSource::takeBack(unsigned n) {
+  m_windowAt -= n;
+  m_position -= n;
+}
+
+bool _mvFileDataSource::readSourcePM(char* buffer, unsigned int n, unsigned int& numRead, ProgressMonitor* pm,
+                                     LogBase& log) {
+  numRead = 0;
+  if (m_failed) return false;
+  while (numRead < n) {
+    unsigned wanted = n - numRead, got = 0;
+    if (m_windowAt == m_windowEnd && wanted < kWindow / 2 && !fillWindow(pm, log)) return false;
+    if (m_windowAt < m_windowEnd) {
+      got = std::min(wanted, m_windowEnd - m_windowAt);
+      std::memcpy(buffer + numRead, m_window.get() + m_windowAt, got);
+      m_windowAt += got;
+    } else if (wanted >= kWindow / 2 && !readSystem(buffer + numRead, wanted, got, pm, log)) {
+      return false;
+    }
+    if (got == 0) break;
+    m_position += got;
+    numRead += got;
+  }
+  return mayGoOn(numRead, pm, log);
+}
+
+bool _mvFileDataSource::peekBytes(unsigned n, const char*& bytes, unsigned& got, ProgressMonitor* pm, LogBase& log) {
+  if (m_failed || !makeWindow(log)) return false;
+  // A pipe may give its first bytes in small pieces: gather them at the window's start.
+  if (m_windowAt > 0) {
+    std::memmove(m_window.get(), m_window.get() + m_windowAt, m_windowEnd - m_windowAt);
+    m_windowEnd -= m_windowAt;
+    m_windowAt = 0;
+  }
+  while (m_windowEnd < n) {
+    unsigned more = 0;
+    if (!readSystem(m_window.get() + m_windowEnd, n - m_windowEnd, more, pm, log)) return false;
+    if (more == 0) break;
+    m_windowEnd += more;
+  }
+  bytes = m_window.get();
+  got = std::min(n, m_windowEnd);
+  return true;
+}
+
+bool _mvFileDataSource::fseekAbsolute64(long long position, LogBase& log) {
+  const long long forward = position - m_position;
+  if (position < 0 || (!m_seekable && forward < 0)) {
+    log.LogError(position < 0 ? "Cannot seek to a negative position." : "Cannot seek back in this file.");
+    log.LogData("path", m_path.c_str());
+    m_failed = true;
+    return false;
+  }
+  if (forward >= 0 && forward <= m_windowEnd - m_windowAt) {
+    m_windowAt += static_cast<unsigned>(forward);
+    m_position = position;
+    return true;
+  }
+  if (!m_seekable) return skipByReading(forward, nullptr, log);
+  const long long jump = position - m_systemAt;
+  if (jump < 0 || jump >= kWindow) m_readAhead = kAfterJump;
+  m_windowAt = m_windowEnd = 0;
+  m_position = m_systemAt = position;
+  m_atEnd = false;
+  return true;
+}
+
+}  // namespace morvane

@@ -1,0 +1,67 @@
+// A source over a file, a pipe or a device.
+//
+// It reads ahead while what is asked for lies close together and reads little after a long jump, so that walking an
+// archive of small members costs few system calls and one of large members few bytes. A pipe cannot be moved back;
+// it is moved forward by reading.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "runtime/fs/OsFile.h"
+#include "runtime/io/_mvDataSource.h"
+
+namespace morvane {
+
+struct mvFileInfo;
+class XString;
+
+class MORVANE_API _mvFileDataSource : public _mvDataSource {
+ public:
+  // Opens a file for reading; a FIFO is waited for. False, with the reason in the log, on failure.
+  bool openDataSourceFile(const XString& path, LogBase& log);
+  // Takes over an open descriptor and reads on from where it stands; `path` is what messages call it.
+  bool adopt(OsFile file, const char* path, LogBase& log);
+
+  // The same for a regular file to be copied whole, whose size was `sizeSeen` when it was opened. The copy ends where
+  // the file ends when its reading begins, however fast it grows.
+  void adoptForCopy(OsFile file, const char* path, long long sizeSeen);
+  void close() { m_file.close(); }
+
+  long long getFileSize64(LogBase& log);  // 0 when there is none to know
+  // The identity of the open file.
+  bool getFileInfo(mvFileInfo& info, LogBase& log) const;
+  bool readSourcePM(char* buffer, unsigned int n, unsigned int& numRead, ProgressMonitor* pm,
+                    LogBase& log) override;
+  bool endOfStream() override;
+  // Any position from 0 on; reads past the end yield nothing. After a failed seek every read fails.
+  bool fseekAbsolute64(long long position, LogBase& log) override;
+  long long ftell64() override { return m_seekable ? m_position : -1; }
+  long long sizeIfKnown() override;
+  bool canLend() override { return true; }
+  bool lendBytes(unsigned most, const char*& bytes, unsigned& n, ProgressMonitor* pm, LogBase& log) override;
+  void takeBack(unsigned n) override;
+  bool peekBytes(unsigned n, const char*& bytes, unsigned& got, ProgressMonitor* pm, LogBase& log) override;
+
+ private:
+  bool readSystem(char* buffer, unsigned n, unsigned& got, ProgressMonitor* pm, LogBase& log);
+  bool fillWindow(ProgressMonitor* pm, LogBase& log);
+  bool mayGoOn(unsigned moved, ProgressMonitor* pm, LogBase& log);
+  bool makeWindow(LogBase& log);
+  void noteCopyEnd(unsigned wanted, unsigned got);
+
+  OsFile m_file;
+  std::string m_path;
+  bool m_seekable = false;
+  bool m_failed = false;
+  bool m_atEnd = false;
+  long long m_position = 0;    // of the next byte handed out
+  long long m_systemAt = 0;    // of the next byte the system will give
+  long long m_endAt = -1;      // -1: where the file ends
+  long long m_sizeSeen = -1;   // of a file to be copied whole
+  std::unique_ptr<char[]> m_window;
+  unsigned m_windowAt = 0, m_windowEnd = 0;  // the bytes of the window not handed out yet
+  unsigned m_readAhead = 0;
+};
+
+}  // namespace morvane

@@ -1,0 +1,52 @@
+#include "runtime/io/_mvMemoryDataSource.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "runtime/io/Abort.h"
+
+namespace morvane {
+
+void _mvMemoryDataSource::initializeMemSource(const unsigned char* bytes, unsigned n) {
+  m_bytes = reinterpret_cast<const char*>(bytes);
+  m_size = n;
+  m_position = 0;
+}
+
+unsigned _mvMemoryDataSource::available(unsigned most) const {
+  if (m_position >= m_size) return 0;
+  return static_cast<unsigned>(std::min<long long>(most, m_size - m_position));
+}
+
+bool _mvMemoryDataSource::lendBytes(unsigned most, const char*& bytes, unsigned& n, ProgressMonitor* pm,
+                                    LogBase& log) {
+  n = available(most);
+  bytes = n > 0 ? m_bytes + m_position : nullptr;
+  m_position += n;
+  return !pm || !(pm->abortCheckTimed(log) || pm->consumeProgress(n, log)) || logAborted(log);
+}
+
+bool _mvMemoryDataSource::readSourcePM(char* buffer, unsigned int n, unsigned int& numRead, ProgressMonitor* pm,
+                                       LogBase& log) {
+  const char* bytes = nullptr;
+  if (!lendBytes(n, bytes, numRead, pm, log)) return false;
+  if (numRead > 0) std::memcpy(buffer, bytes, numRead);
+  return true;
+}
+
+bool _mvMemoryDataSource::peekBytes(unsigned n, const char*& bytes, unsigned& got, ProgressMonitor*, LogBase&) {
+  got = available(n);
+  bytes = got > 0 ? m_bytes + m_position : nullptr;
+  return true;
+}
+
+bool _mvMemoryDataSource::fseekAbsolute64(long long position, LogBase& log) {
+  if (position < 0) {
+    log.LogError("Cannot seek to a negative position.");
+    return false;
+  }
+  m_position = position;
+  return true;
+}
+
+}  // namespace morvane

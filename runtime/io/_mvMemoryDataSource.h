@@ -1,0 +1,31 @@
+// A source over memory that the caller owns and that must outlive the source.
+#pragma once
+
+#include "runtime/io/_mvDataSource.h"
+
+namespace morvane {
+
+class MORVANE_API _mvMemoryDataSource : public _mvDataSource {
+ public:
+  void initializeMemSource(const unsigned char* bytes, unsigned n);
+
+  bool readSourcePM(char* buffer, unsigned int n, unsigned int& numRead, ProgressMonitor* pm,
+                    LogBase& log) override;
+  bool endOfStream() override { return m_position >= m_size; }
+  bool fseekAbsolute64(long long position, LogBase& log) override;
+  long long ftell64() override { return m_position; }
+  long long sizeIfKnown() override { return m_size; }
+  bool canLend() override { return true; }
+  bool lendBytes(unsigned most, const char*& bytes, unsigned& n, ProgressMonitor* pm, LogBase& log) override;
+  void takeBack(unsigned n) override { m_position -= n; }
+  bool peekBytes(unsigned n, const char*& bytes, unsigned& got, ProgressMonitor* pm, LogBase& log) override;
+
+ private:
+  unsigned available(unsigned most) const;
+
+  const char* m_bytes = nullptr;
+  long long m_size = 0;
+  long long m_position = 0;  // may lie past the end, where reads yield nothing
+};
+
+}  // namespace morvane

@@ -1,0 +1,36 @@
+#include "runtime/io/_mvOutput.h"
+
+#include "runtime/buffer/DataBuffer.h"
+#include "runtime/io/Abort.h"
+
+namespace morvane {
+
+_mvOutput::~_mvOutput() = default;
+
+bool _mvOutput::_writeBytes(const char*, unsigned int, _mvIoParams&, LogBase&) { return true; }
+bool _mvOutput::seekToEnd(LogBase&) { return true; }
+bool _mvOutput::fseekAbsolute64(long long, LogBase&) { return true; }
+long long _mvOutput::ftell64() { return 0; }
+bool _mvOutput::resetOutput(LogBase&) { return true; }
+bool _mvOutput::announceOutputFinished(LogBase&) { return true; }
+
+bool _mvOutput::writeBytesPM(const char* bytes, unsigned n, ProgressMonitor* pm, LogBase& log) {
+  if (pm && pm->isAborted()) return logAborted(log);
+  _mvIoParams io(pm);
+  return _writeBytes(bytes, n, io, log);
+}
+
+bool _mvOutput::writeDbPM(const DataBuffer& bytes, ProgressMonitor* pm, LogBase& log) {
+  return writeBytesPM(reinterpret_cast<const char*>(bytes.getData2()), bytes.getSize(), pm, log);
+}
+
+bool _mvOutput::writeLittleEndianUInt32PM(unsigned value, ProgressMonitor* pm, LogBase& log) {
+  char bytes[4];
+  for (char& byte : bytes) {
+    byte = static_cast<char>(value & 0xFF);
+    value >>= 8;
+  }
+  return writeBytesPM(bytes, sizeof bytes, pm, log);
+}
+
+}  // namespace morvane

@@ -1,0 +1,51 @@
+// A place bytes go. The class itself accepts and discards everything; a derived class supplies _writeBytes.
+//
+// Ownership: an output handed to a method is never owned by it and must outlive the call. Threads: one writer at a
+// time. Failure: false, with one error line already in `log`; after it the output may be closed but not used.
+#pragma once
+
+#include "runtime/base/Export.h"
+
+namespace morvane {
+
+class DataBuffer;
+class LogBase;
+class ProgressMonitor;
+
+// What travels with a write beside its bytes.
+class _mvIoParams {
+ public:
+  explicit _mvIoParams(ProgressMonitor* pm = nullptr) : m_pm(pm) {}
+  ProgressMonitor* monitor() const { return m_pm; }
+
+ private:
+  ProgressMonitor* m_pm;
+};
+
+class MORVANE_API _mvOutput {
+ public:
+  _mvOutput() = default;
+  _mvOutput(const _mvOutput&) = delete;
+  _mvOutput& operator=(const _mvOutput&) = delete;
+
+  // Takes all n bytes, or fails.
+  virtual bool _writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log);
+
+  // For outputs that have positions. The base does nothing, succeeds, and stands at 0.
+  virtual bool seekToEnd(LogBase& log);
+  virtual bool fseekAbsolute64(long long position, LogBase& log);
+  virtual long long ftell64();
+  virtual bool resetOutput(LogBase& log);
+  // Called once after the last byte of a job that succeeded so far; false makes the job fail. An output that holds
+  // bytes back lets them go here.
+  virtual bool announceOutputFinished(LogBase& log);
+
+  virtual ~_mvOutput();
+
+  // Writes through _writeBytes; fails if that fails or the monitor (which may be null) was told to abort.
+  [[nodiscard]] bool writeBytesPM(const char* bytes, unsigned n, ProgressMonitor* pm, LogBase& log);
+  [[nodiscard]] bool writeDbPM(const DataBuffer& bytes, ProgressMonitor* pm, LogBase& log);
+  [[nodiscard]] bool writeLittleEndianUInt32PM(unsigned value, ProgressMonitor* pm, LogBase& log);
+};
+
+}  // namespace morvane

@@ -1,0 +1,60 @@
+#include "runtime/log/LogBase.h"
+
+#include <cstring>
+#include <string>
+
+#include "runtime/log/LogText.h"
+#include "runtime/text/StringBuffer.h"
+#include "runtime/text/XString.h"
+#include "runtime/base/Ticks.h"
+
+namespace morvane {
+
+LogBase::~LogBase() = default;
+
+void LogBase::writeLine(unsigned, const char*, unsigned) {}
+
+bool LogBase::keepsLines() const { return false; }
+
+void LogBase::showContexts() {
+  // Contexts are shown from the outside in, so the shown ones are at the front.
+  unsigned depth = contextDepth();
+  while (depth > 0 && !m_contexts[depth - 1].shown) --depth;
+  for (; depth < m_contexts.size(); ++depth) {
+    const std::string line = std::string(m_contexts[depth].name) + ":";
+    m_contexts[depth].shown = true;
+    writeLine(depth, line.data(), static_cast<unsigned>(line.size()));
+  }
+}
+
+void LogBase::writeText(const char* text) {
+  if (!keepsLines()) return;
+  showContexts();
+  const std::string line = logSafeText(text);
+  writeLine(contextDepth(), line.data(), static_cast<unsigned>(line.size()));
+}
+
+void LogBase::LogData(const char* tag, const char* value) {
+  if (!keepsLines()) return;
+  showContexts();
+  const std::string line = std::string(tag) + ": " + logSafeText(value);
+  writeLine(contextDepth(), line.data(), static_cast<unsigned>(line.size()));
+}
+
+void LogBase::LogDataX(const char* tag, const XString& value) { LogData(tag, value.getUtf8()); }
+
+void LogBase::LogDataSb(const char* tag, const StringBuffer& value) { LogData(tag, value.getString()); }
+
+void LogBase::LogDataInt64(const char* tag, long long value) {
+  if (keepsLines()) LogData(tag, std::to_string(value).c_str());
+}
+
+void LogBase::LogBracketed(const char* tag, const char* text) {
+  if (keepsLines()) LogData(tag, (std::string("[") + text + "]").c_str());
+}
+
+void LogBase::LogElapsedMs(const char* tag, unsigned startTicks) {
+  LogDataInt64(tag, static_cast<long long>(millisecondTicks() - startTicks));
+}
+
+}  // namespace morvane

@@ -1,0 +1,67 @@
+// What a component writes its log into: nested named contexts with data lines, info lines and error lines.
+//
+// Contexts cost next to nothing until something is written inside them: entering one only remembers its name, and the
+// name is put down with the first line. Callers test verbose() before they write, or build, optional detail.
+#pragma once
+
+#include <vector>
+
+#include "runtime/base/Export.h"
+#include "runtime/base/RelaxedAtomic.h"
+
+namespace morvane {
+
+class StringBuffer;
+class XString;
+
+class MORVANE_API LogBase {
+ public:
+  LogBase() = default;
+  virtual ~LogBase();
+  LogBase(const LogBase&) = delete;
+  LogBase& operator=(const LogBase&) = delete;
+
+  bool verbose() const { return m_verbose; }
+  void setVerbose(bool verbose) { m_verbose = verbose; }
+
+  void LogError(const char* text) { writeText(text); }
+  void LogInfo(const char* text) { writeText(text); }
+
+  // One data line, "tag: value". Control characters in a value are written as C escapes, so that a value can neither
+  // end its line nor forge another.
+  void LogData(const char* tag, const char* value);
+  void LogDataX(const char* tag, const XString& value);
+  void LogDataSb(const char* tag, const StringBuffer& value);
+  void LogDataLong(const char* tag, long value) { LogDataInt64(tag, value); }
+  void LogDataInt64(const char* tag, long long value);
+  void LogBracketed(const char* tag, const char* text);  // "tag: [text]"
+  void LogElapsedMs(const char* tag, unsigned startTicks);
+
+  // The name must outlive the context; a string literal does. Contexts are closed in the reverse order.
+  void enterContext(const char* name) { m_contexts.push_back({name, false}); }
+  void leaveContext() {
+    if (!m_contexts.empty()) m_contexts.pop_back();
+  }
+  unsigned contextDepth() const { return static_cast<unsigned>(m_contexts.size()); }
+  // Puts the names of the open contexts down even if nothing is written in them.
+  void showContexts();
+
+ protected:
+  // Takes one line, without its line end, that stands `depth` contexts deep. The base discards it.
+  virtual void writeLine(unsigned depth, const char* line, unsigned length);
+  // Whether lines are kept at all; if not, none is built.
+  virtual bool keepsLines() const;
+
+ private:
+  struct Context {
+    const char* name;
+    bool shown;
+  };
+
+  void writeText(const char* text);
+
+  std::vector<Context> m_contexts;
+  RelaxedAtomic<bool> m_verbose = false;
+};
+
+}  // namespace morvane

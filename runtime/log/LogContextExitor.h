@@ -1,0 +1,25 @@
+// Opens a log context on construction and closes it on destruction:
+//   LogContextExitor context(log, "extractToFile");
+#pragma once
+
+#include "runtime/log/LogBase.h"
+
+namespace morvane {
+
+class LogContextExitor {
+ public:
+  // `enabled` false opens nothing: for contexts that only a verbose log has.
+  LogContextExitor(LogBase& log, const char* name, bool enabled = true) : m_log(enabled ? &log : nullptr) {
+    if (m_log) m_log->enterContext(name);
+  }
+  ~LogContextExitor() {
+    if (m_log) m_log->leaveContext();
+  }
+  LogContextExitor(const LogContextExitor&) = delete;
+  LogContextExitor& operator=(const LogContextExitor&) = delete;
+
+ private:
+  LogBase* m_log;
+};
+
+}  // namespace morvane

@@ -1,0 +1,11 @@
+// How a value is put into a log line.
+#pragma once
+
+#include <string>
+
+namespace morvane {
+
+// The text with control characters as C escapes (\n, \t, \033); every other byte as it is.
+std::string logSafeText(const char* text);
+
+}  // namespace morvane

@@ -1,0 +1,35 @@
+// The log that keeps its text: a component's own.
+//
+// Of a log over 1 MiB the first and the last 512 KiB are kept, with a line between them that says how much was left
+// out; a run over millions of members thus keeps its beginning and its verdict.
+#pragma once
+
+#include <string>
+
+#include "runtime/log/LogBase.h"
+
+namespace morvane {
+
+class MORVANE_API _mvLogger : public LogBase {
+ public:
+  // Discards the text and every open context.
+  void ClearLog();
+  // Closes the innermost context.
+  void LeaveContext() { leaveContext(); }
+  // The log so far: lines that end in "\n", each indented by four blanks for every context it stands in.
+  std::string text() const;
+
+ protected:
+  void writeLine(unsigned depth, const char* line, unsigned length) override;
+  bool keepsLines() const override { return true; }
+
+ private:
+  void dropOldestOfTail();
+
+  std::string m_head;
+  std::string m_tail;  // used once the head is full; up to twice what is kept of it
+  unsigned long long m_droppedBytes = 0;
+  bool m_headFull = false;
+};
+
+}  // namespace morvane

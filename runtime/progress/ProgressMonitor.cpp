@@ -1,0 +1,57 @@
+#include "runtime/progress/ProgressMonitor.h"
+
+#include <algorithm>
+#include <limits>
+
+#include "runtime/base/Ticks.h"
+
+namespace morvane {
+
+ProgressMonitor::ProgressMonitor(ProgressEvent& event, int abortCheckMs, int percentScale, long long total)
+    : m_event(event),
+      m_abortCheckMs(abortCheckMs),
+      m_percentScale(percentScale),
+      m_total(total),
+      m_lastAsked(millisecondTicks()) {}
+
+bool ProgressMonitor::abortCheck(LogBase&) {
+  if (!m_aborted) {
+    m_lastAsked = millisecondTicks();
+    m_event.onAbortCheck(m_aborted);
+  }
+  return m_aborted;
+}
+
+bool ProgressMonitor::abortCheckTimed(LogBase& log) {
+  if (m_aborted || m_abortCheckMs <= 0) return m_aborted;
+  if (millisecondTicks() - m_lastAsked < static_cast<unsigned>(m_abortCheckMs)) return false;
+  return abortCheck(log);
+}
+
+bool ProgressMonitor::consumeProgress(long long n, LogBase&) {
+  if (m_total <= 0 || n <= 0) return m_aborted;
+  m_done = n > m_total - m_done ? m_total : m_done + n;
+  if (m_done >= m_nextReportAt) reportPercent(m_done);
+  return m_aborted;
+}
+
+void ProgressMonitor::consumeRemaining(LogBase&) {
+  if (m_total > 0) reportPercent(m_done = m_total);
+}
+
+void ProgressMonitor::reportPercent(long long done) {
+  if (m_percentScale <= 0) return;
+  // 128 bits: the product of a 63-bit count and a 31-bit scale.
+  __extension__ using Wide = __int128;
+  const int percent = static_cast<int>(static_cast<Wide>(done) * m_percentScale / m_total);
+  const Wide next = (static_cast<Wide>(percent + 1LL) * m_total + m_percentScale - 1) / m_percentScale;
+  m_nextReportAt =
+      static_cast<long long>(std::min<Wide>(next, std::numeric_limits<long long>::max()));
+  if (percent <= m_lastPercent) return;
+  m_lastPercent = percent;
+  bool abort = false;
+  m_event.onProgress(percent, abort);
+  m_aborted = m_aborted || abort;
+}
+
+}  // namespace morvane

@@ -1,0 +1,70 @@
+// Turns the work that a call does into events, and the application's wish to abort into a failure of the call.
+//
+// A monitor exists only when the application gave an event sink; operations take a ProgressMonitor* that may be null.
+// The unit of work is the byte: reading counts the archive's bytes, writing those of the sources.
+#pragma once
+
+#include <optional>
+
+#include "runtime/base/Export.h"
+#include "runtime/progress/ProgressEvent.h"
+
+namespace morvane {
+
+class LogBase;
+
+class MORVANE_API ProgressMonitor {
+ public:
+  // `abortCheckMs`: milliseconds between two questions inside a member's data; 0 or less asks none there.
+  // `percentScale`: what the whole job counts as. `total`: 0 when not known, and then no progress is sent.
+  ProgressMonitor(ProgressEvent& event, int abortCheckMs, int percentScale, long long total);
+
+  ProgressEvent& event() { return m_event; }
+
+  // Asks the event whether to abort; true means abort. Once it said so, it is not asked again.
+  bool abortCheck(LogBase& log);
+  // The same where much happens between two questions worth asking: asks only when abortCheckMs have passed.
+  bool abortCheckTimed(LogBase& log);
+  // Adds n units to what is done and reports a new percentage. True means abort.
+  bool consumeProgress(long long n, LogBase& log);
+  void consumeRemaining(LogBase& log);
+  bool isAborted() const { return m_aborted; }
+
+  // Passes a named piece of information to the event.
+  static void pprogressInfo(ProgressEvent& event, const char* name, const char* value) {
+    event.onInfo(name, value);
+  }
+
+ private:
+  void reportPercent(long long done);
+
+  ProgressEvent& m_event;
+  const int m_abortCheckMs;
+  const int m_percentScale;
+  const long long m_total;
+  long long m_done = 0;
+  long long m_nextReportAt = 0;  // no percentage changes before this much is done
+  int m_lastPercent = -1;
+  unsigned m_lastAsked;
+  bool m_aborted = false;
+};
+
+// The monitor of one call, with the lifetime of the call.
+class MORVANE_API ProgressMonitorPtr {
+ public:
+  ProgressMonitorPtr(ProgressEvent* event, int abortCheckMs, int percentScale, long long total) {
+    if (event) m_monitor.emplace(*event, abortCheckMs, percentScale, total);
+  }
+  ProgressMonitor* getPm() { return m_monitor ? &*m_monitor : nullptr; }
+  // Asks the event; false without one.
+  bool get_Aborted(LogBase& log) { return m_monitor && m_monitor->abortCheck(log); }
+  // Reports the rest of the total as done.
+  void consumeRemaining(LogBase& log) {
+    if (m_monitor) m_monitor->consumeRemaining(log);
+  }
+
+ private:
+  std::optional<ProgressMonitor> m_monitor;
+};
+
+}  // namespace morvane

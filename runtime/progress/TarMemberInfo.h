@@ -1,0 +1,24 @@
+// One archive member as ProgressEvent::onTarHeader shows it.
+//
+// Valid during the call only. No pointer is null, every text is NUL-terminated.
+#pragma once
+
+namespace morvane {
+
+struct TarMemberInfo {
+  const char* path = "";       // as stored, byte for byte, long-name and pax records merged in
+  const char* entryPath = "";  // UTF-8, after the path rules (slashes, Charset, NoAbsolutePaths, UntarDiscardPaths)
+  const char* linkPath = "";   // a pax or long one when there is one, else the header block's
+  const char* userName = "";
+  const char* groupName = "";
+  char typeFlag = '0';
+  bool isDirectory = false;
+  long long size = 0;            // bytes of data that follow the header
+  long long mtime = 0;           // Unix seconds
+  long long headerPosition = 0;  // byte offset in the tar stream of the member's own header block
+  unsigned mode = 0;             // permission bits
+  unsigned uid = 0;
+  unsigned gid = 0;
+};
+
+}  // namespace morvane

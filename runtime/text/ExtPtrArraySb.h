@@ -1,0 +1,23 @@
+// An array of StringBuffers that deletes its elements.
+#pragma once
+
+#include "runtime/base/ExtPtrArray.h"
+#include "runtime/text/StringBuffer.h"
+
+namespace morvane {
+
+class ExtPtrArraySb {
+ public:
+  void setOwnsObjects(bool owns) { m_array.setOwnsObjects(owns); }
+  // Takes the buffer over, also when it fails for lack of memory (the buffer is deleted then).
+  bool appendSb(StringBuffer* sb) { return m_array.appendPtr(sb); }
+  // The buffer at a 0-based index, null when the index is out of range. Still owned by the array.
+  StringBuffer* sbAt(int index) const { return static_cast<StringBuffer*>(m_array.elementAt(index)); }
+  int getSize() const { return m_array.getSize(); }
+  void removeAllSbs() { m_array.removeAllObjects(); }
+
+ private:
+  ExtPtrArray m_array;
+};
+
+}  // namespace morvane

@@ -1,0 +1,43 @@
+#include "runtime/text/SmallStrings.h"
+
+#include <limits>
+
+namespace morvane {
+
+unsigned mvUIntValue(const char* text, bool* overflowed) {
+  constexpr unsigned kMax = std::numeric_limits<unsigned>::max();
+  unsigned value = 0;
+  for (; *text >= '0' && *text <= '9'; ++text) {
+    const unsigned digit = static_cast<unsigned>(*text - '0');
+    if (value > (kMax - digit) / 10) {
+      if (overflowed) *overflowed = true;
+      return kMax;
+    }
+    value = value * 10 + digit;
+  }
+  return value;
+}
+
+void mv_0o(unsigned value, unsigned width, char* buffer) {
+  buffer[width] = '\0';
+  for (unsigned i = width; i-- > 0; value >>= 3) buffer[i] = static_cast<char>('0' + (value & 7));
+}
+
+char* mv64::itoa(long long value, char* buffer, int radix) {
+  const bool negative = radix == 10 && value < 0;
+  unsigned long long rest = static_cast<unsigned long long>(value);
+  if (negative) rest = 0 - rest;
+  char reversed[65];
+  unsigned count = 0;
+  do {
+    reversed[count++] = "0123456789abcdef"[rest % static_cast<unsigned>(radix)];
+    rest /= static_cast<unsigned>(radix);
+  } while (rest != 0);
+  char* out = buffer;
+  if (negative) *out++ = '-';
+  while (count > 0) *out++ = reversed[--count];
+  *out = '\0';
+  return buffer;
+}
+
+}  // namespace morvane

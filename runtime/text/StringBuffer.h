@@ -1,0 +1,74 @@
+// An 8-bit byte string, UTF-8 in this library. Bytes are kept as they are; a NUL byte inside counts in getSize() but
+// ends the text that getString() shows.
+//
+// Operations that build text return false when there is no memory for it and leave the old text unchanged.
+#pragma once
+
+#include <string>
+
+#include "runtime/base/MorvaneObject.h"
+
+namespace morvane {
+
+class ExtPtrArraySb;
+
+class MORVANE_API StringBuffer : public MorvaneObject {
+ public:
+  StringBuffer() = default;
+  StringBuffer(const char* text) : m_text(text ? text : "") {}
+  StringBuffer(std::string text) : m_text(std::move(text)) {}
+  StringBuffer(const StringBuffer&) = default;
+  StringBuffer& operator=(const StringBuffer&) = default;
+  StringBuffer& operator=(const char* text);
+  StringBuffer& operator=(const std::string& text);
+
+  // A new heap buffer, null when there is no memory. The caller hands it to an owning array or deletes it.
+  static StringBuffer* createNewSB();
+  static StringBuffer* createNewSB(const char* text);
+
+  // Null text counts as empty.
+  bool setString(const char* text);
+  bool append(const char* text);
+  bool append(int value);
+  bool append(unsigned value);
+  bool appendChar(char c);
+  bool appendCharN(char c, unsigned n);
+  bool appendInt64(long long value);
+  bool appendN(const char* bytes, unsigned n);
+
+  const char* getString() const { return m_text.c_str(); }
+  const std::string& str() const { return m_text; }
+  unsigned getSize() const { return static_cast<unsigned>(m_text.size()); }
+  bool isEmpty() const { return m_text.empty(); }
+
+  // clear() gives the memory back, weakClear() keeps it for the next text.
+  void clear();
+  void weakClear() { m_text.clear(); }
+
+  bool equals(const char* text) const { return m_text == (text ? text : ""); }
+  bool beginsWith(const char* text) const;
+
+  void trim2();        // removes white space (ASCII) at both ends
+  void toLowerCase();  // ASCII letters only
+  // Keeps only what follows the last "/" or back slash.
+  void stripDirectory();
+  // Removes n bytes from the front, all of them when there are fewer.
+  void removeFront(unsigned n);
+
+  // Replaces every / the first occurrence of a non-empty text; the result is the number of replacements.
+  // `ignoreCase` compares ASCII letters without regard to case.
+  int replaceAllOccurances(const char* from, const char* to);
+  bool replaceFirstOccurance(const char* from, const char* to, bool ignoreCase);
+  void replaceChar(char from, char to);
+
+  // Appends the parts between separators to the array. `skipEmpty` leaves empty parts out, `trimParts` trims each
+  // part first. Text without a separator is one part; empty text has no part.
+  bool split(ExtPtrArraySb& parts, char separator, bool skipEmpty, bool trimParts) const;
+
+  unsigned long long heapUsage() const override;
+
+ private:
+  std::string m_text;
+};
+
+}  // namespace morvane

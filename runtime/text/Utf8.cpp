@@ -1,0 +1,73 @@
+#include "runtime/text/Utf8.h"
+
+#include <clocale>
+#include <cwctype>
+
+namespace morvane {
+
+namespace {
+
+bool isContinuation(unsigned char byte) { return (byte & 0xC0) == 0x80; }
+
+char32_t lowerCase(char32_t character) {
+  if (character < 0x80) return character >= 'A' && character <= 'Z' ? character + ('a' - 'A') : character;
+  if (character >= kInvalidByte) return character;
+  // Made once and never freed: another thread may fold text until the process ends.
+  static const locale_t utf8Locale = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
+  if (!utf8Locale) return character;
+  return static_cast<char32_t>(towlower_l(static_cast<wint_t>(character), utf8Locale));
+}
+
+}  // namespace
+
+char32_t nextUtf8(std::string_view text, size_t& at) {
+  const auto byteAt = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
+  const unsigned char first = byteAt(at);
+  if (first < 0x80) return static_cast<char32_t>(text[at++]);
+  const unsigned length = first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : 2;
+  static constexpr char32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
+  char32_t character = first & (0xFFu >> (length + 1));
+  bool valid = first >= 0xC2 && first <= 0xF4 && at + length <= text.size();
+  for (unsigned i = 1; valid && i < length; ++i) {
+    valid = isContinuation(byteAt(at + i));
+    character = character << 6 | (byteAt(at + i) & 0x3Fu);
+  }
+  valid = valid && character >= kSmallest[length] && character < kInvalidByte &&
+          (character < 0xD800 || character > 0xDFFF);
+  if (!valid) {
+    ++at;
+    return kInvalidByte + first;
+  }
+  at += length;
+  return character;
+}
+
+void appendUtf8Char(char32_t character, std::string& out) {
+  const auto put = [&out](char32_t byte) { out.push_back(static_cast<char>(byte)); };
+  if (character >= kInvalidByte) {
+    put(character - kInvalidByte);
+  } else if (character < 0x80) {
+    put(character);
+  } else if (character < 0x800) {
+    put(0xC0 | character >> 6);
+    put(0x80 | (character & 0x3F));
+  } else if (character < 0x10000) {
+    put(0xE0 | character >> 12);
+    put(0x80 | (character >> 6 & 0x3F));
+    put(0x80 | (character & 0x3F));
+  } else {
+    put(0xF0 | character >> 18);
+    put(0x80 | (character >> 12 & 0x3F));
+    put(0x80 | (character >> 6 & 0x3F));
+    put(0x80 | (character & 0x3F));
+  }
+}
+
+std::string foldCase(std::string_view text) {
+  std::string folded;
+  folded.reserve(text.size());
+  for (size_t at = 0; at < text.size();) appendUtf8Char(lowerCase(nextUtf8(text, at)), folded);
+  return folded;
+}
+
+}  // namespace morvane

@@ -1,0 +1,30 @@
+// A whole-text wildcard pattern. Only "*" is special: it stands for any run of characters, none and "/" included.
+//
+// The pattern is cut at its stars once. Matching then looks for the pieces in order, each as far to the left as it
+// goes, so its cost grows with the text's length alone, however many stars there are.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace morvane {
+
+class WildcardPattern {
+ public:
+  WildcardPattern() : WildcardPattern("", true) {}
+  WildcardPattern(std::string_view pattern, bool caseSensitive);
+
+  bool matches(std::string_view text) const;
+
+ private:
+  bool matchesFolded(std::string_view text) const;
+
+  bool m_caseSensitive;
+  bool m_hasStar = false;
+  std::string m_head;  // before the first star, or the whole pattern when it has none
+  std::vector<std::string> m_middle;
+  std::string m_tail;  // after the last star
+};
+
+}  // namespace morvane

@@ -1,0 +1,261 @@
+// Tar archives: written plain, gzip- or bzip2-compressed; read plain, from memory, gzip, bzip2 and Unix compress.
+//
+//   morvane::ClsTar tar;
+//   tar.AddDirRoot("src");
+//   if (!tar.WriteTarGz("src.tar.gz")) { ... get_LogText tells why ... }
+//
+//   morvane::ClsTar reader;
+//   reader.put_UntarFromDir("restored");
+//   if (!reader.UntarGz("src.tar.gz")) { ... }
+//
+// Results. A method that returns bool returns true on success; one that returns int returns a count, or -1 on failure.
+// The reason of a failure is in the log of the call (get_LogText): one error line with what happened, then data lines
+// with the path, the size, the reason. No exception leaves a method. What was written or extracted before a failure
+// stays on the disk.
+//
+// Paths are UTF-8 (bytes that are none are kept) and may be of any length. Sizes are bytes.
+//
+// Threads. One object may be used from several threads: methods and string properties hold the object's lock for their
+// whole run. Scalar properties may be read and set at any time. BeginStreamingUntar, StreamingUntarNext,
+// FinishStreamingUntar and _writeBytes take no lock.
+//
+// Callbacks (runtime/progress/ProgressEvent.h) run on the calling thread; from them properties may be read and set,
+// while methods of the same object are refused.
+//
+// Each method that takes an archive's path has a twin that takes an _mvOutput& or _mvDataSource& in its place, so that
+// standard streams, sockets and memory are archives too. The stream is not owned and must outlive the call; a source
+// is read from where it stands.
+//
+// Formats. Written: ustar and pax as POSIX.1 has them, and GNU tar's, which is the default; docs/format.md tells where
+// this component goes its own way and which words of UncommonOptions (docs/options.md) make it go the usual one.
+#pragma once
+
+#include <memory>
+
+#include "runtime/base/ExtPtrArray.h"
+#include "runtime/buffer/ClsBinData.h"
+#include "runtime/buffer/DataBuffer.h"
+#include "runtime/component/ClsBase.h"
+#include "runtime/fs/mvFileInfo.h"
+#include "runtime/io/OutputDataBuffer.h"
+#include "runtime/io/OutputFile.h"
+#include "runtime/io/_mvFileDataSource.h"
+#include "runtime/io/_mvMemoryDataSource.h"
+#include "runtime/io/_mvOutput.h"
+#include "runtime/log/LogNull.h"
+#include "runtime/progress/ProgressEvent.h"
+#include "runtime/progress/ProgressMonitor.h"
+#include "runtime/progress/TarMemberInfo.h"
+#include "runtime/text/ExtPtrArraySb.h"
+#include "runtime/text/StringBuffer.h"
+#include "runtime/text/XString.h"
+#include "tar/DirRoot.h"
+#include "tar/TarHeader.h"
+#include "tar/TarOptions.h"
+#include "tar/write/ArchiveOutput.h"
+
+namespace morvane {
+
+enum class MethodForm;
+struct ReadSettings;
+struct WriteSettings;
+
+class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
+ public:
+  using _dirRoot = DirRoot;
+
+  // A new object with every default, or null if there is no memory. The caller deletes it.
+  static ClsTar* createNewCls();
+  ClsTar();
+  ~ClsTar() override;
+  void dotNetDispose() override;
+
+  // ---- Sources: what goes into an archive. They stay until cleared; the same source may be added more than once.
+
+  // Adds a directory tree. False if the path cannot be examined or is no directory. The tree's members are named
+  // relative to the directory, which is itself no member.
+  bool AddDirRoot(const XString& dirPath);
+  // The same, with a prefix for the names of the tree's members ("prefix/relative").
+  bool AddDirRoot2(const XString& pathPrefix, const XString& dirPath);
+  // Adds a file, which is looked at only when the archive is written. Its member is named by the last part of the path.
+  bool AddFile(const XString& path);
+  // The same, with the member's path; DirPrefix is not put in front of it. Neither path may hold an ESC byte (0x1B).
+  bool AddFile2(const XString& path, const XString& pathInTar);
+  // The path of a directory root by its 0-based index; false, and empty, when there is none.
+  bool GetDirRoot(int index, XString& outDirPath);
+  int get_NumDirRoots();
+  // Removes every directory root and file. True.
+  bool ClearDirRootsAndFiles();
+
+  // ---- Writing. Single files first, then the directory trees, then two zero blocks.
+
+  // Writes the sources as a plain tar file, created or truncated. The first failure ends the write.
+  bool WriteTar(const XString& tarPath, ProgressEvent* progress = nullptr);
+  bool WriteTar(_mvOutput& out, ProgressEvent* progress = nullptr);
+  // The same stream as one gzip member (RFC 1952) / as a bzip2 stream.
+  bool WriteTarGz(const XString& tarGzFilePath, ProgressEvent* progress = nullptr);
+  bool WriteTarGz(_mvOutput& out, ProgressEvent* progress = nullptr);
+  bool WriteTarBz2(const XString& tarBz2FilePath, ProgressEvent* progress = nullptr);
+  bool WriteTarBz2(_mvOutput& out, ProgressEvent* progress = nullptr);
+
+  // ---- Reading plain archives.
+
+  // Extracts below UntarFromDir. The result counts the members extracted (directories too), -1 on failure.
+  int Untar(const XString& tarPath, ProgressEvent* progress = nullptr);
+  int Untar(_mvDataSource& source, ProgressEvent* progress = nullptr);
+  int UntarFromMemory(DataBuffer& tarBytes, ProgressEvent* progress = nullptr);
+  // Walks the archive and writes nothing: every header must be valid up to the end-of-archive mark. Member data are
+  // not read.
+  bool VerifyTar(const XString& tarPath, ProgressEvent* progress = nullptr);
+  bool VerifyTar(_mvDataSource& source, ProgressEvent* progress = nullptr);
+
+  // ---- Properties
+
+  bool get_CaptureXmlListing() const { return m_captureXmlListing; }
+  void put_CaptureXmlListing(bool capture) { m_captureXmlListing = capture; }
+  // Reading goes through an archive without writing members out.
+  bool get_SuppressOutput() const { return m_suppressOutput; }
+  void put_SuppressOutput(bool suppress) { m_suppressOutput = suppress; }
+  // Leading slashes of members' paths are removed (default true).
+  bool get_NoAbsolutePaths() const { return m_noAbsolutePaths; }
+  void put_NoAbsolutePaths(bool none) { m_noAbsolutePaths = none; }
+  // Every member is extracted straight into UntarFromDir, under the last part of its path.
+  bool get_UntarDiscardPaths() const { return m_untarDiscardPaths; }
+  void put_UntarDiscardPaths(bool discard) { m_untarDiscardPaths = discard; }
+  // More lines per member in the log.
+  bool get_UntarDebugLog() const { return m_untarDebugLog; }
+  void put_UntarDebugLog(bool debug) { m_untarDebugLog = debug; }
+  // Whether the patterns regard case: one setting under two names.
+  bool get_UntarCaseSensitive() const { return m_matchCaseSensitive; }
+  void put_UntarCaseSensitive(bool sensitive) { m_matchCaseSensitive = sensitive; }
+  bool get_MatchCaseSensitive() const { return get_UntarCaseSensitive(); }
+  void put_MatchCaseSensitive(bool sensitive) { m_matchCaseSensitive = sensitive; }
+  // Untar and UntarFromMemory stop after this many members; 0 is no limit.
+  int get_UntarMaxCount() const { return m_untarMaxCount; }
+  void put_UntarMaxCount(int count) { m_untarMaxCount = count; }
+  // What headers of written archives say. Modes are permission bits: 0755, 0644 and 0755 by default, ids 1000.
+  int get_GroupId() const { return m_groupId; }
+  void put_GroupId(int id) { m_groupId = id; }
+  int get_UserId() const { return m_userId; }
+  void put_UserId(int id) { m_userId = id; }
+  int get_DirMode() const { return m_dirMode; }
+  void put_DirMode(int mode) { m_dirMode = mode; }
+  int get_FileMode() const { return m_fileMode; }
+  void put_FileMode(int mode) { m_fileMode = mode; }
+  int get_ScriptFileMode() const { return m_scriptFileMode; }  // of *.sh, *.csh, *.bash, *.bsh
+  void put_ScriptFileMode(int mode) { m_scriptFileMode = mode; }
+
+  // "gnu" (default), "pax" or "ustar". Case and blanks around it do not matter, "posix" means pax, "star" ustar, and
+  // any other word gnu.
+  void get_WriteFormat(XString& out);
+  void put_WriteFormat(const XString& format);
+  // The character set of names in archives being read, by its iconv name; default "utf-8".
+  void get_Charset(XString& out);
+  void put_Charset(const XString& charset);
+  // In front of the names of written members ("prefix/name"). Trailing slashes are removed.
+  void get_DirPrefix(XString& out);
+  void put_DirPrefix(const XString& prefix);
+  // The listing made by the last reading call while CaptureXmlListing was on.
+  void get_XmlListing(XString& out);
+  void put_XmlListing(const XString& listing);
+  // Both default to the name of the user running the process. Headers hold their first 31 bytes.
+  void get_UserName(XString& out);
+  void put_UserName(const XString& name);
+  void get_GroupName(XString& out);
+  void put_GroupName(const XString& name);
+  // Where members are extracted to; default ".". Made when missing.
+  void get_UntarFromDir(XString& out);
+  void put_UntarFromDir(const XString& dir);
+  // Patterns ("*" stands for anything, "/" included) that a path must / must not match, for writing and reading alike.
+  // MustMatch and UntarMatchPattern are one setting.
+  void get_MustMatch(XString& out);
+  void put_MustMatch(const XString& pattern);
+  void get_UntarMatchPattern(XString& out);
+  void put_UntarMatchPattern(const XString& pattern);
+  void get_MustNotMatch(XString& out);
+  void put_MustNotMatch(const XString& pattern);
+
+  // ---- The steps that methods are made of. They take no lock and open no frame; the log and the monitor (which may
+  // be null) are the caller's.
+
+  // Writes into the object as an output: the bytes of a tar stream, in pieces of any size, are extracted as they come.
+  bool _writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log) override;
+
+  void setMatchPatternExactFlags();
+  bool excludeByMatch(const XString& path, LogBase& log);
+
+  long long calcTotalProgressForWrite(LogBase& log, ProgressMonitor* pm);
+  bool writeTarToOutput(_mvOutput& out, ProgressMonitor* pm, LogBase& log, ProgressEvent* progress);
+  bool writeFileToOutput(XString& fullPath, XString& pathInTar, ProgressMonitor* pm, LogBase& log,
+                         ProgressEvent* progress);
+  bool copySourceToOutput(_mvDataSource& source, ProgressMonitor* pm, LogBase& log);
+  bool writeTarHeaderToOutput(XString& pathInTar, mvFileInfo& info, ProgressMonitor* pm, LogBase& log);
+  bool writeLongFilenameToOutput(XString& path, mvFileInfo& info, ProgressMonitor* pm, LogBase& log);
+  bool writePaxHeaderToOutput(XString& path, mvFileInfo& info, ProgressMonitor* pm, LogBase& log);
+  bool writeOut_pm(const unsigned char* data, unsigned int len, ProgressMonitor* pm, LogBase& log);
+  bool splitPathForTar(const XString& path, XString& name, XString& prefix, LogBase& log);
+  static unsigned int computeHeaderChecksum(const unsigned char* block);
+  static bool numToBase256(long long value, char* out, int len);
+  static bool base256ToNum(long long& out, const char* in, int len);
+
+  int _untar(_mvDataSource& source, bool extract, LogBase& log, ProgressMonitor* pm, ProgressEvent* progress);
+  bool extractToFile(_mvDataSource& source, const XString& path, const MorvaneFileTime* creation,
+                     const MorvaneFileTime* access, const MorvaneFileTime* modification, long long size,
+                     char* buffer, unsigned int bufferSize, LogBase& log, ProgressMonitor* pm);
+  static bool parsePaxExtendedHeader(const char* text, TarHeader& record, LogBase& log);
+  static void combineHeaderPaxExtended(TarHeader& following, TarHeader& staged);
+  static void combineHeaderLongFilename(TarHeader& following, TarHeader& staged);
+
+ private:
+  // Runs a public method in its frame (tar/ClsTarMethod.h).
+  template <class Result, class Work>
+  Result method(const char* name, MethodForm form, Result failure, Work work);
+  void takeOptions();
+  void getString(const XString& member, XString& out);
+  void putString(XString& member, const XString& value);
+  ReadSettings readSettings() const;
+  WriteSettings writeSettings() const;
+  bool addDirRoot(const XString* pathPrefix, const XString& dirPath);
+  bool addEntry(const std::string& entry);
+
+  bool writeArchive(const char* pathTag, const XString* path, _mvOutput* out, WriteCompression compression,
+                    ProgressEvent* progress);
+  bool countTotal(ProgressEvent* progress, long long& total);
+  bool writeTo(_mvOutput& out, WriteCompression compression, ProgressMonitor* pm, ProgressEvent* progress);
+  int untarWithProgress(_mvDataSource& source, bool extract, ProgressEvent* progress);
+
+  RelaxedAtomic<bool> m_suppressOutput = false;
+  RelaxedAtomic<bool> m_captureXmlListing = false;
+  XString m_xmlListing;
+  ExtPtrArraySb m_files;
+  XString m_charset = "utf-8";
+  XString m_writeFormat = "gnu";
+  bool m_formatGnu = true;
+  bool m_formatPax = false;
+  bool m_formatUstar = false;
+  ExtPtrArray m_dirRoots;
+  RelaxedAtomic<int> m_dirMode = 0755;
+  RelaxedAtomic<int> m_fileMode = 0644;
+  RelaxedAtomic<int> m_scriptFileMode = 0755;
+  RelaxedAtomic<int> m_groupId = 1000;
+  RelaxedAtomic<int> m_userId = 1000;
+  XString m_userName;
+  XString m_groupName;
+  XString m_mustMatch;
+  XString m_mustNotMatch;
+  RelaxedAtomic<bool> m_matchCaseSensitive = false;
+  XString m_dirPrefix;
+  XString m_curDirRootPath;
+  ArchiveOutput m_archive;  // where archive bytes go while writing
+  bool m_mustMatchExact = false;
+  bool m_mustNotMatchExact = false;
+  XString m_untarFromDir = ".";
+  RelaxedAtomic<int> m_untarMaxCount = 0;
+  RelaxedAtomic<bool> m_untarDiscardPaths = false;
+  RelaxedAtomic<bool> m_noAbsolutePaths = true;
+  RelaxedAtomic<bool> m_untarDebugLog = false;
+  TarOptions m_options;
+  unsigned m_optionsTaken = 0;
+};
+
+}  // namespace morvane

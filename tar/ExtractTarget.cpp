@@ -1,0 +1,79 @@
+#include "tar/ExtractTarget.h"
+
+#include "runtime/fs/DirAutoCreate.h"
+#include "runtime/log/LogNull.h"
+#include "runtime/progress/ProgressMonitor.h"
+
+namespace morvane {
+
+void ExtractTarget::protect(const mvFileInfo& archive) {
+  m_hasArchive = true;
+  m_archive = archive;
+}
+
+void ExtractTarget::reset() {
+  m_confined = ConfinedDir();
+  m_hasArchive = false;
+}
+
+bool ExtractTarget::openConfined(const ReadSettings& settings, LogBase& log) {
+  const Confine how = settings.options.confine;
+  if (m_confined.isOpen() && how == m_confinedHow && m_confinedDir.equalsUtf8(settings.untarFromDir.getUtf8())) {
+    return true;
+  }
+  m_confined = ConfinedDir();
+  if (m_hasArchive) m_confined.protect(m_archive);
+  m_confinedHow = how;
+  m_confinedDir = settings.untarFromDir;
+  const auto links = how == Confine::Beneath ? ConfinedDir::Links::InsideTarget : ConfinedDir::Links::None;
+  const char* const dir = m_confinedDir.isEmpty() ? "." : m_confinedDir.getUtf8();
+  return m_confined.open(dir, links, log);
+}
+
+ExtractTarget::Outcome ExtractTarget::outcomeOf(ConfinedDir::Result result) {
+  switch (result) {
+    case ConfinedDir::Result::Ok: return Outcome::Ok;
+    case ConfinedDir::Result::Refused: return Outcome::Refused;
+    case ConfinedDir::Result::Failed: break;
+  }
+  return Outcome::NotCreated;
+}
+
+ExtractTarget::Outcome ExtractTarget::createFile(const MemberPath& path, const ReadSettings& settings,
+                                                 LogBase& directoryLog, LogBase& log,
+                                                 std::unique_ptr<OutputFile>& file) {
+  const char* const outputPath = path.outputPath().getUtf8();
+  if (settings.options.confine != Confine::Off) {
+    if (!openConfined(settings, log)) return Outcome::NoParent;
+    OsFile created;
+    const Outcome outcome = outcomeOf(m_confined.createFile(path.entryPath().str(), created, log));
+    if (outcome == Outcome::Ok) file.reset(OutputFile::adopt(std::move(created), outputPath));
+    return outcome == Outcome::Ok && !file ? Outcome::NotCreated : outcome;
+  }
+  // Most parents are there: look for a missing one only when the file cannot be made.
+  LogNull firstTry;
+  file.reset(OutputFile::createFileUtf8(outputPath, firstTry));
+  if (file) return Outcome::Ok;
+  StringBuffer parent;
+  if (!DirAutoCreate::ensureFileUtf8(outputPath, parent, directoryLog)) return Outcome::NoParent;
+  file.reset(OutputFile::createFileUtf8(outputPath, log));
+  return file ? Outcome::Ok : Outcome::NotCreated;
+}
+
+ExtractTarget::Outcome ExtractTarget::makeDirectory(const MemberPath& path, const ReadSettings& settings,
+                                                    LogBase& directoryLog) {
+  if (settings.options.confine != Confine::Off) {
+    if (!openConfined(settings, directoryLog)) return Outcome::NotCreated;
+    return outcomeOf(m_confined.makeDirectory(path.entryPath().str(), directoryLog));
+  }
+  const bool made = DirAutoCreate::ensureDirUtf8(path.outputPath().getUtf8(), directoryLog);
+  return made ? Outcome::Ok : Outcome::NotCreated;
+}
+
+void reportRefused(const MemberPath& path, ProgressEvent* event, LogBase& log) {
+  log.LogError("Member refused: its path leaves the target.");
+  log.LogDataX("entryPath", path.entryPath());
+  if (event) ProgressMonitor::pprogressInfo(*event, "refused", path.entryPath().getUtf8());
+}
+
+}  // namespace morvane

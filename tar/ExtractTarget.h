@@ -1,0 +1,43 @@
+// Where members are extracted to: plain paths below UntarFromDir, or confined to it (the word Confine). The same in
+// both engines, which keep their own messages for what went wrong.
+#pragma once
+
+#include <memory>
+
+#include "runtime/fs/ConfinedDir.h"
+#include "runtime/fs/mvFileInfo.h"
+#include "runtime/io/OutputFile.h"
+#include "tar/MemberPath.h"
+#include "tar/ReadSettings.h"
+
+namespace morvane {
+
+class ExtractTarget {
+ public:
+  enum class Outcome { Ok, Refused, NoParent, NotCreated };
+
+  // A file that extraction must not replace: the archive being read.
+  void protect(const mvFileInfo& archive);
+  // Gives up what is held from an earlier run.
+  void reset();
+
+  // Makes the missing parents and the empty file. `directoryLog` gets what making directories has to say.
+  Outcome createFile(const MemberPath& path, const ReadSettings& settings, LogBase& directoryLog, LogBase& log,
+                     std::unique_ptr<OutputFile>& file);
+  Outcome makeDirectory(const MemberPath& path, const ReadSettings& settings, LogBase& directoryLog);
+
+ private:
+  bool openConfined(const ReadSettings& settings, LogBase& log);
+  static Outcome outcomeOf(ConfinedDir::Result result);
+
+  ConfinedDir m_confined;
+  XString m_confinedDir;
+  Confine m_confinedHow = Confine::Off;
+  bool m_hasArchive = false;
+  mvFileInfo m_archive;
+};
+
+// The error line, data and event for a member that was refused.
+void reportRefused(const MemberPath& path, ProgressEvent* event, LogBase& log);
+
+}  // namespace morvane

@@ -1,0 +1,195 @@
+#include "tar/FullExtensions.h"
+
+#include <charconv>
+#include <limits>
+
+#include "runtime/log/LogBase.h"
+#include "tar/TarBlock.h"
+
+namespace morvane {
+
+namespace {
+
+constexpr unsigned kNanosecondDigits = 9;
+
+bool malformed(LogBase& log, const char* why, std::string_view about) {
+  log.LogError(why);
+  log.LogData("paxRecord", std::string(about.substr(0, 100)).c_str());
+  return false;
+}
+
+// Cuts the next record off the front of `data`: "LENGTH KEYWORD=VALUE\n", the length counting all of it.
+bool nextPaxRecord(std::string_view& data, std::string_view& keyword, std::string_view& value) {
+  size_t length = 0;
+  const auto number = std::from_chars(data.data(), data.data() + data.size(), length);
+  const size_t digits = static_cast<size_t>(number.ptr - data.data());
+  if (number.ec != std::errc() || digits >= data.size() || data[digits] != ' ') return false;
+  // Our own plain pax form states one byte too few for the longest paths.
+  if (length + 1 == data.size() && data[length] == '\n' && data[length - 1] != '\n') ++length;
+  if (length > data.size() || length < digits + 3 || data[length - 1] != '\n') return false;
+  const std::string_view record = data.substr(digits + 1, length - digits - 2);
+  const size_t equals = record.find('=');
+  if (equals == std::string_view::npos || equals == 0) return false;
+  keyword = record.substr(0, equals);
+  value = record.substr(equals + 1);
+  data.remove_prefix(length);
+  return true;
+}
+
+std::optional<long long> parseCount(std::string_view text) {
+  long long value = 0;
+  const auto result = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (result.ec != std::errc() || result.ptr != text.data() + text.size() || value < 0) return std::nullopt;
+  return value;
+}
+
+unsigned clampTo32(long long value) {
+  constexpr long long kMax = std::numeric_limits<unsigned>::max();
+  return static_cast<unsigned>(value < 0 ? 0 : value > kMax ? kMax : value);
+}
+
+std::string_view untilNul(std::string_view text) { return text.substr(0, text.find('\0')); }
+
+void setOwned(std::unique_ptr<StringBuffer>& owned, const std::string& value) {
+  owned = std::make_unique<StringBuffer>(value);
+}
+
+}  // namespace
+
+TarTime parsePaxTime(std::string_view text) {
+  TarTime time;
+  const bool negative = !text.empty() && text.front() == '-';
+  if (negative) text.remove_prefix(1);
+  const size_t point = std::min(text.find('.'), text.size());
+  const std::string_view whole = text.substr(0, point);
+  const auto result = std::from_chars(whole.data(), whole.data() + whole.size(), time.seconds);
+  if (result.ptr != whole.data() + whole.size() || whole.empty() || whole.front() == '-') return TarTime();
+  if (result.ec == std::errc::result_out_of_range) time.seconds = std::numeric_limits<long long>::max();
+  unsigned digits = 0;
+  for (size_t i = point + 1; i < text.size(); ++i) {
+    if (text[i] < '0' || text[i] > '9') return TarTime();
+    if (digits == kNanosecondDigits) continue;
+    time.nanoseconds = time.nanoseconds * 10 + static_cast<unsigned>(text[i] - '0');
+    ++digits;
+  }
+  for (; digits < kNanosecondDigits; ++digits) time.nanoseconds *= 10;
+  if (negative) {
+    time.seconds = -time.seconds;
+    if (time.nanoseconds > 0) {  // nanoseconds count forward
+      --time.seconds;
+      time.nanoseconds = 1000000000u - time.nanoseconds;
+    }
+  }
+  time.known = true;
+  return time;
+}
+
+bool FullExtensions::isRecord(char typeFlag) {
+  return typeFlag == kTypePax || typeFlag == kTypePaxGlobal || typeFlag == kTypeLongName ||
+         typeFlag == kTypeLongLink;
+}
+
+bool FullExtensions::isPassedOver(char typeFlag) {
+  return typeFlag == kTypeVolumeLabel || typeFlag == kTypeDumpDir || typeFlag == kTypeMultiVolume ||
+         typeFlag == kTypeOldNames;
+}
+
+void FullExtensions::clear() {
+  m_global = Attributes();
+  m_next = Attributes();
+}
+
+bool FullExtensions::take(char typeFlag, std::string_view data, LogBase& log) {
+  switch (typeFlag) {
+    case kTypeLongName: m_next.path = std::string(untilNul(data)); return true;
+    case kTypeLongLink: m_next.linkPath = std::string(untilNul(data)); return true;
+    default: return takePaxRecords(data, typeFlag == kTypePaxGlobal, log);
+  }
+}
+
+bool FullExtensions::takePaxRecords(std::string_view data, bool global, LogBase& log) {
+  while (!data.empty() && data.front() != '\0') {
+    std::string_view keyword, value;
+    if (!nextPaxRecord(data, keyword, value)) return malformed(log, "A PAX record is malformed.", data);
+    if (log.verbose()) {
+      log.LogData("paxName", std::string(keyword).c_str());
+      log.LogData("paxValue", std::string(value).c_str());
+    }
+    if (!takePaxRecord(keyword, value, global, log)) return false;
+  }
+  return true;
+}
+
+bool FullExtensions::takePaxRecord(std::string_view keyword, std::string_view value, bool global, LogBase& log) {
+  Attributes& to = global ? m_global : m_next;
+  if (global && (keyword == "path" || keyword == "linkpath" || keyword == "size")) {
+    log.LogError("A global PAX record that can hold for one member only is ignored.");
+    log.LogData("paxName", std::string(keyword).c_str());
+    return true;
+  }
+  const auto takeText = [&](std::optional<std::string>& text) {
+    text.reset();
+    if (!value.empty()) text = std::string(value);
+    return true;
+  };
+  const auto takeTime = [&](std::optional<TarTime>& time) {
+    time.reset();
+    if (value.empty()) return true;
+    time = parsePaxTime(value);
+    return time->known || malformed(log, "A PAX time is no number.", value);
+  };
+  const auto takeId = [&](std::optional<unsigned>& id) {
+    id.reset();
+    if (value.empty()) return true;
+    const std::optional<long long> count = parseCount(value);
+    // Ids beyond any range are no reason to lose the member: they are never applied to files.
+    id = count ? clampTo32(*count) : std::numeric_limits<unsigned>::max();
+    return true;
+  };
+  if (keyword == "path") return takeText(to.path);
+  if (keyword == "linkpath") return takeText(to.linkPath);
+  if (keyword == "uname") return takeText(to.userName);
+  if (keyword == "gname") return takeText(to.groupName);
+  if (keyword == "mtime") return takeTime(to.mtime);
+  if (keyword == "atime") return takeTime(to.atime);
+  if (keyword == "ctime") return takeTime(to.ctime);
+  if (keyword == "uid") return takeId(to.uid);
+  if (keyword == "gid") return takeId(to.gid);
+  if (keyword == "size") {
+    to.size = parseCount(value);
+    return to.size || value.empty() || malformed(log, "A PAX size is no number.", value);
+  }
+  return true;
+}
+
+void FullExtensions::complete(TarHeader& member) {
+  apply(m_global, member);
+  apply(m_next, member);
+  m_next = Attributes();
+  // As other tars do: before ustar, a directory was an empty file whose name ends in a slash.
+  const bool regular = member.m_typeFlag == kTypeRegular || member.m_typeFlag == kTypeOldRegular;
+  const std::string& path = member.m_path.str();
+  if (regular) member.m_isDirectory = member.m_size == 0 && !path.empty() && path.back() == '/';
+}
+
+void FullExtensions::apply(const Attributes& attributes, TarHeader& member) {
+  const auto setTime = [](const std::optional<TarTime>& time, TarTime& exact, unsigned& seconds) {
+    if (!time) return;
+    exact = *time;
+    seconds = clampTo32(time->seconds);
+  };
+  if (attributes.path) {
+    member.setWholePath(attributes.path->data(), static_cast<unsigned>(attributes.path->size()));
+  }
+  if (attributes.linkPath) setOwned(member.m_linkPath, *attributes.linkPath);
+  if (attributes.userName) setOwned(member.m_userName, *attributes.userName);
+  if (attributes.groupName) setOwned(member.m_groupName, *attributes.groupName);
+  if (attributes.uid) member.m_uid = *attributes.uid;
+  if (attributes.gid) member.m_gid = *attributes.gid;
+  if (attributes.size) member.m_size = *attributes.size;
+  setTime(attributes.mtime, member.m_exactMtime, member.m_mtime);
+  setTime(attributes.atime, member.m_exactAtime, member.m_atime);
+  setTime(attributes.ctime, member.m_exactCtime, member.m_ctime);
+}
+
+}  // namespace morvane

@@ -1,0 +1,20 @@
+// The framing of one gzip member (RFC 1952): written with a fixed header, read with any.
+#pragma once
+
+namespace morvane {
+
+class LogBase;
+class ProgressMonitor;
+class _mvDataSource;
+class _mvOutput;
+
+// The 10-byte header: deflate, no optional field, no time, Unix.
+bool writeGzipHeader(_mvOutput& out, ProgressMonitor* pm, LogBase& log);
+// CRC-32 and size modulo 2^32 of the uncompressed data, little-endian.
+bool writeGzipTrailer(_mvOutput& out, unsigned crc32, unsigned size, LogBase& log);
+
+// Reads a member's header with its optional fields, and stands behind it. False, with the reason in the log, when it
+// is none or is cut.
+bool readGzipHeader(_mvDataSource& source, ProgressMonitor* pm, LogBase& log);
+
+}  // namespace morvane

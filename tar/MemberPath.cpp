@@ -1,0 +1,48 @@
+#include "tar/MemberPath.h"
+
+#include "runtime/fs/_mvFilePath.h"
+#include "runtime/log/LogBase.h"
+#include "runtime/progress/ProgressEvent.h"
+#include "runtime/progress/TarMemberInfo.h"
+#include "tar/EntryPath.h"
+#include "tar/TarHeader.h"
+
+namespace morvane {
+
+void MemberPath::set(const TarHeader& header, const ReadSettings& settings, LogBase& log) {
+  if (!m_decoder || m_decoderCharset != settings.charset) {
+    m_decoder = std::make_unique<CharsetDecoder>(settings.charset.c_str());
+    m_decoderCharset = settings.charset;
+    if (!m_decoder->isKnown()) {
+      log.LogError("The character set is not known; names are read as utf-8.");
+      log.LogData("charset", settings.charset.c_str());
+    }
+  }
+  m_bytes = header.m_path.str();
+  applyEntryPathRules(m_bytes, settings.untarDiscardPaths, settings.noAbsolutePaths);
+  std::string decoded;
+  m_decoder->append(m_bytes.str(), decoded);
+  m_entryPath = std::move(decoded);
+  _mvFilePath::CombineDirAndFilepath(settings.untarFromDir, m_entryPath, m_outputPath);
+}
+
+void announceHeader(ProgressEvent& event, const TarHeader& header, const XString& entryPath,
+                    long long headerPosition, const ReadSettings& settings) {
+  TarMemberInfo info;
+  info.path = header.m_path.getString();
+  info.entryPath = entryPath.getUtf8();
+  info.linkPath = header.linkPath();
+  info.userName = header.userName();
+  info.groupName = header.groupName();
+  info.typeFlag = header.m_typeFlag;
+  info.isDirectory = header.m_isDirectory;
+  info.size = header.m_size;
+  info.mtime = settings.options.fullRead ? header.m_exactMtime.seconds : static_cast<long long>(header.m_mtime);
+  info.headerPosition = headerPosition;
+  info.mode = header.m_mode;
+  info.uid = header.m_uid;
+  info.gid = header.m_gid;
+  event.onTarHeader(info);
+}
+
+}  // namespace morvane

@@ -1,0 +1,38 @@
+// The path of one member on its way from the archive to the disk, the same in both engines.
+#pragma once
+
+#include <memory>
+
+#include "runtime/text/CharsetDecoder.h"
+#include "runtime/text/StringBuffer.h"
+#include "runtime/text/XString.h"
+#include "tar/ReadSettings.h"
+
+namespace morvane {
+
+class LogBase;
+class ProgressEvent;
+class TarHeader;
+
+class MemberPath {
+ public:
+  // Path rules, decoding, and the place below UntarFromDir. An unknown Charset is said once.
+  void set(const TarHeader& header, const ReadSettings& settings, LogBase& log);
+  // ".", or whatever UntarFromDir is, joined with entryPath(); absolute entry paths stand for themselves.
+  const XString& outputPath() const { return m_outputPath; }
+  // The member's path after the path rules: what the filters see.
+  const XString& entryPath() const { return m_entryPath; }
+
+ private:
+  StringBuffer m_bytes;
+  XString m_entryPath;
+  XString m_outputPath;
+  std::unique_ptr<CharsetDecoder> m_decoder;
+  std::string m_decoderCharset;
+};
+
+// Sends onTarHeader.
+void announceHeader(ProgressEvent& event, const TarHeader& header, const XString& entryPath,
+                    long long headerPosition, const ReadSettings& settings);
+
+}  // namespace morvane

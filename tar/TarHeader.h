@@ -1,0 +1,85 @@
+// One header block, parsed: the record that every reader of archives works with.
+//
+// Nothing in a block is trusted. Only a wrong checksum and an unusable size make a block invalid; every other number
+// is brought into its range. Field names and meanings follow POSIX ustar and pax.
+#pragma once
+
+#include <memory>
+
+#include "runtime/base/Export.h"
+#include "runtime/text/StringBuffer.h"
+
+namespace morvane {
+
+class LogBase;
+class ProgressMonitor;
+class XString;
+class _mvDataSource;
+
+// Which attributes a pax extended header supplied to a record.
+enum PaxField : unsigned {
+  PAX_ATIME = 0x001,
+  PAX_CTIME = 0x008,
+  PAX_GID = 0x010,
+  PAX_GNAME = 0x020,
+  PAX_LINKPATH = 0x040,
+  PAX_MTIME = 0x080,
+  PAX_PATH = 0x100,
+  PAX_SIZE = 0x200,
+  PAX_UID = 0x400,
+  PAX_UNAME = 0x800,
+};
+
+// A point in time as an archive may give it: 63-bit seconds and a fraction.
+struct TarTime {
+  long long seconds = 0;
+  unsigned nanoseconds = 0;
+  bool known = false;
+};
+
+class MORVANE_API TarHeader {
+ public:
+  StringBuffer m_name;
+  StringBuffer m_prefix;        // of ustar blocks only
+  unsigned m_paxFieldsSet = 0;  // PaxField bits; 0 when only a block was parsed
+  StringBuffer m_path;          // what readers go by: prefix and name joined, or what a record put in its place
+  unsigned m_mode = 0;
+  unsigned m_uid = 0;
+  unsigned m_gid = 0;
+  long long m_size = 0;   // data bytes that follow the header, 0 to 2^63-1
+  unsigned m_mtime = 0;   // Unix seconds
+  unsigned m_atime = 0;   // 0: unknown
+  unsigned m_ctime = 0;   // 0: unknown
+  char m_typeFlag = '\0';
+  std::unique_ptr<StringBuffer> m_linkPath;  // of a pax or long-link record
+  std::unique_ptr<StringBuffer> m_userName;
+  std::unique_ptr<StringBuffer> m_groupName;
+  bool m_isDirectory = false;
+  StringBuffer m_linkName;  // the block's own link name
+  // The times in full; m_mtime, m_atime and m_ctime are their 32-bit forms.
+  TarTime m_exactMtime, m_exactAtime, m_exactCtime;
+
+  // Returns the record to the empty state.
+  void clear();
+
+  // Parses a 512-byte block into the record, everything of an earlier one gone. A block of zero bytes sets
+  // `endOfArchive` (which is otherwise left alone) and is no failure. False, with the reason in the log, for a block
+  // that is no valid header.
+  bool parseFromMemory(const unsigned char* block, bool& endOfArchive, LogBase& log);
+  // Reads the next 512 bytes and parses them. Fewer are a failure. `rawBlock`, when not null, receives the 512 bytes.
+  bool parseFromDataSource(_mvDataSource& source, unsigned char* rawBlock, bool& endOfArchive, LogBase& log);
+
+  // Makes a text the record's whole path, as long-name and pax path records do.
+  void setWholePath(const char* path);
+  void setWholePath(const char* bytes, unsigned n);
+
+  const char* linkPath() const { return m_linkPath ? m_linkPath->getString() : m_linkName.getString(); }
+  const char* userName() const { return m_userName ? m_userName->getString() : ""; }
+  const char* groupName() const { return m_groupName ? m_groupName->getString() : ""; }
+
+ private:
+  void takeNames(const unsigned char* block);
+  void takeNumbers(const unsigned char* block);
+};
+
+}  // namespace morvane

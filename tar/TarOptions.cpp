@@ -1,0 +1,112 @@
+#include "tar/TarOptions.h"
+
+#include <algorithm>
+#include <cctype>
+#include <charconv>
+
+namespace morvane {
+
+namespace {
+
+struct Switch {
+  const char* word;  // lower case
+  bool TarOptions::*member;
+};
+
+constexpr Switch kSwitches[] = {
+    {"skipoutputfile", &TarOptions::skipOutputFile},
+    {"skipunreadable", &TarOptions::skipUnreadable},
+    {"writeexactsizes", &TarOptions::writeExactSizes},
+    {"countskipsexcluded", &TarOptions::countSkipsExcluded},
+    {"nototal", &TarOptions::noTotal},
+    {"ustarplainprefix", &TarOptions::ustarPlainPrefix},
+    {"paxexact", &TarOptions::paxExact},
+    {"fullread", &TarOptions::fullRead},
+    {"verifygzip", &TarOptions::verifyGzip},
+    {"gzipallmembers", &TarOptions::gzipAllMembers},
+    {"bz2framed", &TarOptions::bz2Framed},
+    {"requireendofarchive", &TarOptions::requireEndOfArchive},
+    {"entryevents", &TarOptions::entryEvents},
+};
+
+std::string_view trimmed(std::string_view text) {
+  while (!text.empty() && std::isspace(static_cast<unsigned char>(text.front()))) text.remove_prefix(1);
+  while (!text.empty() && std::isspace(static_cast<unsigned char>(text.back()))) text.remove_suffix(1);
+  return text;
+}
+
+std::string lowerCase(std::string_view text) {
+  std::string lower(text);
+  for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return lower;
+}
+
+bool parsePositive(const std::string& text, long long& value) {
+  const char* const end = text.data() + text.size();
+  const auto result = std::from_chars(text.data(), end, value);
+  return result.ec == std::errc() && result.ptr == end && value > 0;
+}
+
+bool applySwitch(bool& setting, const std::string& value) {
+  setting = value != "off";
+  return value.empty() || value == "on" || value == "off";
+}
+
+bool applyConfine(Confine& setting, const std::string& value) {
+  if (value == "off") setting = Confine::Off;
+  else if (value == "beneath") setting = Confine::Beneath;
+  else if (value == "nolinks") setting = Confine::NoLinks;
+  else return false;
+  return true;
+}
+
+// False when the word is unknown or its value makes no sense; `options` may then be changed and is thrown away.
+bool applyWord(const std::string& word, const std::string& value, TarOptions& options) {
+  const TarOptions defaults;
+  const auto* const found = std::find_if(std::begin(kSwitches), std::end(kSwitches),
+                                         [&](const Switch& each) { return word == each.word; });
+  if (found != std::end(kSwitches)) return applySwitch(options.*found->member, value);
+  if (word == "confine") return applyConfine(options.confine, value);
+  if (word == "ustaroverflow") {
+    options.ustarOverflowFails = value == "fail";
+    return value == "fail" || value == "off";
+  }
+  if (word == "maxextensionbytes") {
+    options.maxExtensionBytes = defaults.maxExtensionBytes;
+    return value == "off" || parsePositive(value, options.maxExtensionBytes);
+  }
+  if (word == "fastdeflate") {
+    options.fastDeflate = defaults.fastDeflate;
+    if (value == "off") return true;
+    long long level = 0;
+    if (!parsePositive(value, level) || level > 3) return false;
+    options.fastDeflate = static_cast<int>(level);
+    return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+TarOptions parseTarOptions(std::string_view words, std::vector<std::string>& complaints) {
+  TarOptions options;
+  while (!words.empty()) {
+    const size_t comma = std::min(words.find(','), words.size());
+    const std::string_view given = trimmed(words.substr(0, comma));
+    words.remove_prefix(std::min(comma + 1, words.size()));
+    if (given.empty()) continue;
+    const size_t equals = std::min(given.find('='), given.size());
+    const std::string word = lowerCase(trimmed(given.substr(0, equals)));
+    const bool hasValue = equals < given.size();
+    const std::string value = hasValue ? lowerCase(trimmed(given.substr(equals + 1))) : "";
+    TarOptions changed = options;
+    if (!(hasValue && value.empty()) && applyWord(word, value, changed)) {
+      options = changed;
+    } else {
+      complaints.emplace_back(given);
+    }
+  }
+  return options;
+}
+
+}  // namespace morvane

@@ -1,0 +1,38 @@
+// The words of UncommonOptions, parsed. docs/options.md says what each is for.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace morvane {
+
+enum class Confine { Off, Beneath, NoLinks };
+
+struct TarOptions {
+  // Writing
+  bool skipOutputFile = false;
+  bool skipUnreadable = false;
+  bool writeExactSizes = false;
+  bool countSkipsExcluded = false;
+  bool noTotal = false;
+  bool ustarOverflowFails = false;
+  bool ustarPlainPrefix = false;
+  bool paxExact = false;
+  int fastDeflate = 0;  // 0: zlib's default level
+  // Reading
+  bool fullRead = false;
+  long long maxExtensionBytes = 64LL * 1024 * 1024;
+  Confine confine = Confine::Off;
+  bool verifyGzip = false;
+  bool gzipAllMembers = false;
+  bool bz2Framed = false;
+  bool requireEndOfArchive = false;
+  bool entryEvents = false;
+};
+
+// Words separated by commas, "Word" or "Word=value", case and blanks around them ignored; the last of a word wins.
+// Words that are not known, or have a value that makes no sense, are left out and added to `complaints` as given.
+TarOptions parseTarOptions(std::string_view words, std::vector<std::string>& complaints);
+
+}  // namespace morvane

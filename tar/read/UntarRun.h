@@ -1,0 +1,83 @@
+// One pull-driven walk over a plain tar stream: extraction, verification, or a walk that only looks.
+//
+// The run reads one header at a time, merges extension records into the member that follows them, and passes over
+// everything it does not extract, by seeking where the source can. It holds the properties as they were when the call
+// began and owns all its state; what it leaves behind are files, directories and the listing.
+#pragma once
+
+#include <string>
+
+#include "runtime/base/ByteArrayOwner.h"
+#include "runtime/log/LogBase.h"
+#include "runtime/progress/ProgressMonitor.h"
+#include "tar/ExtractTarget.h"
+#include "tar/FullExtensions.h"
+#include "tar/MemberPath.h"
+#include "tar/ReadSettings.h"
+#include "tar/TarHeader.h"
+
+namespace morvane {
+
+class _mvDataSource;
+
+class UntarRun {
+ public:
+  // What a run is handed and does not own.
+  struct Context {
+    _mvDataSource& source;
+    LogBase& log;
+    LogBase& componentLog;  // gets the reasons of failed extension reads
+    ProgressMonitor* pm;    // may be null
+    ProgressEvent* event;   // may be null
+    XString& xmlListing;
+  };
+
+  UntarRun(const Context& context, ReadSettings settings, bool extract);
+
+  // A file that extraction must not replace (with Confine): the archive.
+  void protect(const mvFileInfo& archive) { m_target.protect(archive); }
+  // Members counted, -1 on failure.
+  int run();
+
+ private:
+  enum class Step { GoOn, Stop, Fail };
+
+  Step nextEntry();
+  bool readHeader(char& typeFlag);
+  Step handleExtension(char typeFlag);
+  Step takePaxHeader();
+  Step takeLongName();
+  Step takeFullExtension(char typeFlag);
+  bool readExtensionData(const char* what);
+  Step handleMember(char typeFlag);
+  Step extractMember(bool& extracted);
+  bool extractDirectory(bool& refused);
+  bool extractFile(bool& refused);
+  bool fail(const char* message);
+  bool failWith(const char* message, const char* tag, const XString& value);
+  void passOver(long long upTo);
+
+  const Context m_context;
+  LogBase& m_log;
+  const ReadSettings m_settings;
+  bool m_extract;
+
+  TarHeader m_current;
+  TarHeader m_following;
+  FullExtensions m_extensions;
+  MemberPath m_path;
+  ExtractTarget m_target;
+  ByteArrayOwner m_copyBuffer;
+  unsigned m_copyBufferSize = 0;
+  ByteArrayOwner m_extensionData;
+
+  long long m_start;         // of the archive in the source; -1 when the source cannot be moved
+  long long m_filePosition = 0;  // of the next header, from the archive's start
+  long long m_sourceAt = 0;      // of the source, from the archive's start
+  char m_previousTypeFlag = ' ';
+  bool m_endOfArchive = false;
+  bool m_anyRefused = false;
+  int m_count = 0;
+};
+
+}  // namespace morvane

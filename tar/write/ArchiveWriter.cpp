@@ -1,0 +1,275 @@
+#include "tar/write/ArchiveWriter.h"
+
+#include <limits>
+#include <memory>
+
+#include "runtime/base/ByteArrayOwner.h"
+#include "runtime/fs/ClsDirTree.h"
+#include "runtime/fs/FileSys.h"
+#include "runtime/fs/_mvFilePath.h"
+#include "runtime/log/LogContextExitor.h"
+#include "runtime/log/LogNull.h"
+#include "tar/DirRoot.h"
+#include "tar/SourceEntry.h"
+#include "tar/TarBlock.h"
+#include "tar/write/MemberHeader.h"
+
+namespace morvane {
+
+namespace {
+
+constexpr unsigned kPieceSize = 20000;
+constexpr long long kToTheEnd = std::numeric_limits<long long>::max();
+
+void prependPart(const char* part, XString& path) {
+  path.prependUtf8("/");
+  path.prependUtf8(part);
+}
+
+}  // namespace
+
+void ArchiveWriter::leaveOut(const mvFileInfo& archive) {
+  m_hasArchive = archive.m_isRegularFile;
+  m_archive = archive;
+}
+
+bool ArchiveWriter::writeTarToOutput(const ExtPtrArraySb& files, const ExtPtrArray& dirRoots,
+                                     XString& curDirRootPath) {
+  LogContextExitor context(m_log, "writeTarToOutput");
+  for (int i = 0; i < files.getSize(); ++i) {
+    const StringBuffer* const entry = files.sbAt(i);
+    if (entry && !writeSingleFile(parseSourceEntry(entry->str()))) return false;
+  }
+  for (int i = 0; i < dirRoots.getSize(); ++i) {
+    const auto* const root = static_cast<const DirRoot*>(dirRoots.elementAt(i));
+    if (root && !writeTree(*root, curDirRootPath)) return false;
+  }
+  return writeEndOfArchive() && !m_anythingLost;
+}
+
+bool ArchiveWriter::writeEndOfArchive() {
+  static constexpr unsigned char kZeroBlock[kBlockSize] = {};
+  if (!m_run.put(kZeroBlock, kBlockSize)) return false;
+  m_run.archive.m_compressLast = true;
+  return m_run.put(kZeroBlock, kBlockSize);
+}
+
+bool ArchiveWriter::writeSingleFile(const SourceEntry& entry) {
+  if (!entry.isClosed) {
+    m_log.LogError("Did not find closing ESC char.");
+    return false;
+  }
+  XString pathInTar;
+  if (entry.isPair) {
+    if (entry.pathInTar.empty()) {
+      m_log.LogError("pathInTar is empty.");
+      return false;
+    }
+    pathInTar = entry.pathInTar;  // DirPrefix is not put in front of a path the application chose
+  } else {
+    _mvFilePath::GetFinalFilenamePart(XString(entry.localPath), pathInTar);
+    const XString& prefix = m_run.settings.dirPrefix;
+    if (!prefix.isEmpty()) prependPart(prefix.getUtf8(), pathInTar);
+  }
+  const XString fullPath(entry.localPath);
+  if (!writeFileToOutput(fullPath, pathInTar)) return memberFailed(fullPath, pathInTar);
+  return !abortedAfterMember();
+}
+
+bool ArchiveWriter::writeTree(const DirRoot& root, XString& curDirRootPath) {
+  LogContextExitor context(m_log, "NextDirRoot", m_log.verbose());
+  curDirRootPath.setFromSbUtf8(root.m_dirPath);
+  const std::unique_ptr<ClsDirTree> tree(ClsDirTree::createNewCls());
+  if (!tree) return false;
+  if (m_log.verbose()) {
+    m_log.LogDataX("dirRoot", curDirRootPath);
+    XString currentDir;
+    FileSys::getCurrentDir(currentDir);
+    m_log.LogDataX("currentWorkingDir", currentDir);
+  }
+  tree->put_BaseDir(curDirRootPath);
+  tree->put_Recurse(true);
+  if (!tree->beginIterate(m_log)) {
+    return m_run.settings.options.skipUnreadable &&
+           leftOutUnreadable(SourcePlace{curDirRootPath, -1, nullptr, false});
+  }
+  XString fullPath, pathInTar;
+  while (!tree->get_DoneIterating()) {
+    tree->get_FullUncPath(fullPath);
+    tree->get_RelativePath(pathInTar);
+    if (m_log.verbose()) m_log.LogDataX("fullPath", fullPath);
+    if (!root.m_pathPrefix.isEmpty()) prependPart(root.m_pathPrefix.getString(), pathInTar);
+    const XString& dirPrefix = m_run.settings.dirPrefix;
+    if (!dirPrefix.isEmpty()) prependPart(dirPrefix.getUtf8(), pathInTar);
+    const SourcePlace place{fullPath, tree->currentDirectory(), tree->currentName(), tree->isRegularFile()};
+    if (!writeMember(place, pathInTar, tree.get())) return memberFailed(fullPath, pathInTar);
+    if (abortedAfterMember()) return false;
+    if (!tree->advancePosition(m_log)) {
+      return m_run.settings.options.skipUnreadable && leftOutUnreadable(place);
+    }
+  }
+  return true;
+}
+
+bool ArchiveWriter::memberFailed(const XString& fullPath, const XString& pathInTar) {
+  m_log.LogError("Failed to write file to output.");
+  m_log.LogDataX("fullFilePath", fullPath);
+  m_log.LogDataX("relFilePath", pathInTar);
+  return false;
+}
+
+bool ArchiveWriter::abortedAfterMember() {
+  if (!m_run.pm || !m_run.pm->abortCheck(m_log)) return false;
+  m_log.LogError("Write TAR to output aborted by application.");
+  return true;
+}
+
+bool ArchiveWriter::writeFileToOutput(const XString& fullPath, XString& pathInTar) {
+  return writeMember(SourcePlace{fullPath, -1, nullptr, false}, pathInTar, nullptr);
+}
+
+// `tree` is the walk that stands on the member, null for a single file.
+bool ArchiveWriter::writeMember(const SourcePlace& place, XString& pathInTar, ClsDirTree* tree) {
+  LogContextExitor context(m_log, "writeFileToOutput");
+  if (m_run.settings.filter.excludes(place.fullPath.str())) {
+    if (m_log.verbose()) m_log.LogDataX("excludedByMatch", place.fullPath);
+    return true;
+  }
+  mvFileInfo info;
+  if (!m_source.examine(place, info, m_log)) {
+    if (m_log.verbose()) m_log.LogDataX("loadFileInfoFailed", place.fullPath);
+    return m_run.settings.options.skipUnreadable && leftOutUnreadable(place);
+  }
+  if (isArchiveItself(place, info)) return true;
+  if (isSkippedByEvent(place, info, pathInTar)) return true;
+  if (m_run.pm && m_run.settings.abortCheckMs != 0 && m_run.pm->abortCheck(m_log)) {
+    m_log.LogError("TAR aborted by application. (2)");
+    return false;
+  }
+  if (m_run.settings.options.skipUnreadable && !canBeRead(place, info, tree)) return leftOutUnreadable(place);
+  if (!writeTarHeaderToOutput(m_run, pathInTar, info)) {
+    m_log.LogError("Failed to write TAR header.");
+    return false;
+  }
+  if (m_log.verbose()) {
+    m_log.LogDataInt64("fileSize", info.m_size);
+    m_log.LogDataInt64("isSymbolicLink", info.m_isSymbolicLink);
+    m_log.LogDataInt64("isDirectory", info.m_isDirectory);
+  }
+  if (info.m_isDirectory || info.m_isSymbolicLink) return true;
+  return m_run.settings.options.writeExactSizes ? writeExactData(place, info) : writeData(place, info);
+}
+
+bool ArchiveWriter::isArchiveItself(const SourcePlace& place, const mvFileInfo& info) {
+  if (!m_run.settings.options.skipOutputFile || !m_hasArchive || !info.isSameFile(m_archive)) return false;
+  m_log.LogInfo("The archive is not put into itself.");
+  m_log.LogDataX("fullPath", place.fullPath);
+  return true;
+}
+
+bool ArchiveWriter::isSkippedByEvent(const SourcePlace& place, const mvFileInfo& info, const XString& pathInTar) {
+  if (!m_run.event) return false;
+  bool skip = false;
+  m_run.event->onTarEntry(place.fullPath.getUtf8(), info.m_size, info.m_isDirectory, skip);
+  if (skip) {
+    if (m_log.verbose()) m_log.LogDataX("skippingFile", place.fullPath);
+    return true;
+  }
+  ProgressMonitor::pprogressInfo(*m_run.event, "pathInTar", pathInTar.getUtf8());
+  return false;
+}
+
+// Whether the member's data, or a directory's names, can be read at all; the reason why not is in the log.
+bool ArchiveWriter::canBeRead(const SourcePlace& place, const mvFileInfo& info, ClsDirTree* tree) {
+  if (info.m_isSymbolicLink) return true;
+  if (info.m_isDirectory) return !tree || !tree->isEnterable() || tree->prepareToEnter(m_log);
+  if (!info.m_isRegularFile) return true;
+  return m_source.open(place, info, m_log) && (info.m_size == 0 || m_source.readFirst(m_log));
+}
+
+bool ArchiveWriter::leftOutUnreadable(const SourcePlace& place) {
+  m_anythingLost = true;
+  m_log.LogInfo("It cannot be read and is left out.");
+  m_log.LogDataX("fullPath", place.fullPath);
+  if (m_run.event) ProgressMonitor::pprogressInfo(*m_run.event, "unreadable", place.fullPath.getUtf8());
+  return true;
+}
+
+bool ArchiveWriter::writeData(const SourcePlace& place, const mvFileInfo& info) {
+  if (info.m_size == 0) return true;
+  if (!m_source.open(place, info, m_log)) {
+    m_log.LogError("Failed to open source file for TAR archive.");
+    m_log.LogDataX("fullPath", place.fullPath);
+    return false;
+  }
+  if (!copySourceToOutput(m_source.data())) {
+    m_log.LogError("Failed to copy file contents to TAR.");
+    return false;
+  }
+  // By the size in the header, whatever was copied.
+  const unsigned padding = paddingAfter(info.m_size);
+  return padding == 0 || m_run.putZeros(padding);
+}
+
+// As many bytes as the header says, zeros where the file has fewer.
+bool ArchiveWriter::writeExactData(const SourcePlace& place, const mvFileInfo& info) {
+  if (info.m_size == 0) {
+    // Only an open file can be seen to have grown.
+    const bool grown = m_source.isOpen() && m_source.sizeNow() > 0;
+    return !grown || reportSizeChanged(place, 0, m_source.sizeNow());
+  }
+  if (!m_source.open(place, info, m_log)) {
+    m_log.LogError("Failed to open source file for TAR archive.");
+    m_log.LogDataX("fullPath", place.fullPath);
+    if (!m_run.settings.options.skipUnreadable) return false;
+  }
+  long long copied = 0;
+  if (m_source.isOpen() && !copyPieces(m_source.data(), info.m_size, copied)) {
+    m_log.LogError("Failed to copy file contents to TAR.");
+    return false;
+  }
+  if (!m_run.putZeros(info.m_size - copied + paddingAfter(info.m_size))) return false;
+  const bool shrunk = copied < info.m_size;
+  const bool grown = !shrunk && m_source.sizeNow() > info.m_size;
+  return !(shrunk || grown) || reportSizeChanged(place, info.m_size, shrunk ? copied : m_source.sizeNow());
+}
+
+bool ArchiveWriter::reportSizeChanged(const SourcePlace& place, long long inHeader, long long now) {
+  m_anythingLost = true;
+  m_log.LogError("The file's size changed while it was archived.");
+  m_log.LogDataX("fullPath", place.fullPath);
+  m_log.LogDataInt64("sizeInHeader", inHeader);
+  m_log.LogDataInt64("sizeRead", now);
+  if (m_run.event) ProgressMonitor::pprogressInfo(*m_run.event, "sizeChanged", place.fullPath.getUtf8());
+  return true;
+}
+
+bool ArchiveWriter::copySourceToOutput(_mvDataSource& source) {
+  long long copied = 0;
+  return copyPieces(source, kToTheEnd, copied);
+}
+
+// Copies up to `most` bytes. The source is read without the monitor: an abort is for the output path to report, while
+// a failed read merely ends the copy.
+bool ArchiveWriter::copyPieces(_mvDataSource& source, long long most, long long& copied) {
+  const bool lends = source.canLend();
+  const ByteArrayOwner buffer(lends ? nullptr : mvNewChar(kPieceSize));
+  if (!lends && !buffer.get()) return false;
+  while (copied < most && !source.endOfStream()) {
+    const unsigned wanted = static_cast<unsigned>(std::min<long long>(most - copied, kPieceSize));
+    const char* bytes = buffer.get();
+    unsigned got = 0;
+    const bool ok = lends ? source.lendBytes(wanted, bytes, got, nullptr, m_log)
+                          : source.readSourcePM(buffer.get(), wanted, got, nullptr, m_log);
+    if (!ok || got == 0) return true;
+    copied += got;
+    if (m_run.pm) m_run.pm->consumeProgress(got, m_log);
+    if (!m_run.put(reinterpret_cast<const unsigned char*>(bytes), got)) {
+      m_log.LogError("Failed to write file data to TAR output.");
+      return false;
+    }
+  }
+  return true;
+}
+
+}  // namespace morvane

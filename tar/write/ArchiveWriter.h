@@ -1,0 +1,55 @@
+// Walks the sources and writes them as a tar stream: single files in the order added, then the directory trees, then
+// two zero blocks. The first failure ends the write, unless a word of UncommonOptions says otherwise.
+#pragma once
+
+#include "runtime/base/ExtPtrArray.h"
+#include "runtime/text/ExtPtrArraySb.h"
+#include "tar/write/SourceFile.h"
+#include "tar/write/WriteRun.h"
+
+namespace morvane {
+
+class ClsDirTree;
+class DirRoot;
+struct SourceEntry;
+
+class ArchiveWriter {
+ public:
+  explicit ArchiveWriter(const WriteRun& run) : m_run(run), m_log(run.log) {}
+
+  // The archive itself, which is left out of itself (the word SkipOutputFile).
+  void leaveOut(const mvFileInfo& archive);
+
+  // Everything, with the end of the archive. `curDirRootPath` shows the root being walked.
+  bool writeTarToOutput(const ExtPtrArraySb& files, const ExtPtrArray& dirRoots, XString& curDirRootPath);
+  // One member. The path in the archive is brought into the archive's form.
+  bool writeFileToOutput(const XString& fullPath, XString& pathInTar);
+  // Copies a source to its end into the archive, in pieces of at most 20,000 bytes. A failed read ends the copy and
+  // is not a failure.
+  bool copySourceToOutput(_mvDataSource& source);
+
+ private:
+  bool writeSingleFile(const SourceEntry& entry);
+  bool writeTree(const DirRoot& root, XString& curDirRootPath);
+  bool writeMember(const SourcePlace& place, XString& pathInTar, ClsDirTree* tree);
+  bool isSkippedByEvent(const SourcePlace& place, const mvFileInfo& info, const XString& pathInTar);
+  bool isArchiveItself(const SourcePlace& place, const mvFileInfo& info);
+  bool canBeRead(const SourcePlace& place, const mvFileInfo& info, ClsDirTree* tree);
+  bool leftOutUnreadable(const SourcePlace& place);
+  bool writeData(const SourcePlace& place, const mvFileInfo& info);
+  bool writeExactData(const SourcePlace& place, const mvFileInfo& info);
+  bool copyPieces(_mvDataSource& source, long long most, long long& copied);
+  bool reportSizeChanged(const SourcePlace& place, long long inHeader, long long copied);
+  bool memberFailed(const XString& fullPath, const XString& pathInTar);
+  bool abortedAfterMember();
+  bool writeEndOfArchive();
+
+  WriteRun m_run;
+  LogBase& m_log;
+  SourceFile m_source;
+  bool m_hasArchive = false;
+  mvFileInfo m_archive;
+  bool m_anythingLost = false;  // left out or changed size: the archive is whole, the job is not
+};
+
+}  // namespace morvane

@@ -1,0 +1,39 @@
+// One file or directory on its way into an archive: examined, opened, its data at hand.
+#pragma once
+
+#include "runtime/fs/mvFileInfo.h"
+#include "runtime/io/_mvFileDataSource.h"
+#include "runtime/text/XString.h"
+
+namespace morvane {
+
+// Where a member's source is: its path and, from a directory walk, its name in an open directory.
+struct SourcePlace {
+  const XString& fullPath;
+  int directory = -1;  // -1: the path alone
+  const char* name = nullptr;
+  bool isRegular = false;  // as the directory says
+};
+
+// One object serves all members of a write, so that its buffer is made once.
+class SourceFile {
+ public:
+  // Examines the place. A regular file of a walk is opened with it: one look then serves both.
+  bool examine(const SourcePlace& place, mvFileInfo& info, LogBase& log);
+  // Opens the data of what was examined, unless they are open. Never waits for a FIFO.
+  bool open(const SourcePlace& place, const mvFileInfo& info, LogBase& log);
+  // Reads the first data now. False when that fails.
+  bool readFirst(LogBase& log);
+  bool isOpen() const { return m_open; }
+  // The size of the open file as it is now; -1 if that cannot be told.
+  long long sizeNow();
+  void close();
+
+  _mvFileDataSource& data() { return m_data; }
+
+ private:
+  _mvFileDataSource m_data;
+  bool m_open = false;
+};
+
+}  // namespace morvane

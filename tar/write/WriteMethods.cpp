@@ -1,0 +1,156 @@
+// ClsTar's writing methods, and the steps they are made of.
+#include "runtime/base/ScopeExit.h"
+#include "tar/ClsTarMethod.h"
+#include "tar/GzipFormat.h"
+#include "tar/TarNumber.h"
+#include "tar/write/ArchiveWriter.h"
+#include "tar/write/MemberHeader.h"
+#include "tar/write/ProgressTotal.h"
+#include "tar/write/UstarSplit.h"
+
+namespace morvane {
+
+bool ClsTar::WriteTar(const XString& tarPath, ProgressEvent* progress) {
+  return method("WriteTar", MethodForm::Judged, false, [&](MethodFrame&) {
+    return writeArchive("outputFile", &tarPath, nullptr, WriteCompression::Plain, progress);
+  });
+}
+
+bool ClsTar::WriteTar(_mvOutput& out, ProgressEvent* progress) {
+  return method("WriteTar", MethodForm::Judged, false, [&](MethodFrame&) {
+    return writeArchive(nullptr, nullptr, &out, WriteCompression::Plain, progress);
+  });
+}
+
+bool ClsTar::WriteTarGz(const XString& tarGzFilePath, ProgressEvent* progress) {
+  return method("WriteTarGz", MethodForm::Judged, false, [&](MethodFrame&) {
+    return writeArchive("tarGzFilePath", &tarGzFilePath, nullptr, WriteCompression::Gzip, progress);
+  });
+}
+
+bool ClsTar::WriteTarGz(_mvOutput& out, ProgressEvent* progress) {
+  return method("WriteTarGz", MethodForm::Judged, false, [&](MethodFrame&) {
+    return writeArchive(nullptr, nullptr, &out, WriteCompression::Gzip, progress);
+  });
+}
+
+bool ClsTar::WriteTarBz2(const XString& tarBz2FilePath, ProgressEvent* progress) {
+  return method("WriteTarBz2", MethodForm::Judged, false, [&](MethodFrame&) {
+    return writeArchive("tarBz2FilePath", &tarBz2FilePath, nullptr, WriteCompression::Bzip2, progress);
+  });
+}
+
+bool ClsTar::WriteTarBz2(_mvOutput& out, ProgressEvent* progress) {
+  return method("WriteTarBz2", MethodForm::Judged, false, [&](MethodFrame&) {
+    return writeArchive(nullptr, nullptr, &out, WriteCompression::Bzip2, progress);
+  });
+}
+
+// Writes to the file at `path`, or to `out` when there is no path. The result is decided after the last byte was
+// flushed and the file closed: a full disk may show as late as that.
+bool ClsTar::writeArchive(const char* pathTag, const XString* path, _mvOutput* out, WriteCompression compression,
+                          ProgressEvent* progress) {
+  setMatchPatternExactFlags();
+  m_log.LogDataX("tarFormat", m_writeFormat);
+  if (path) m_log.LogDataX(pathTag, *path);
+  long long total = 0;
+  if (progress && !countTotal(progress, total)) return false;
+  ProgressMonitorPtr pm(progress, m_abortCheckMs, m_percentScale, total);
+  if (!path) return writeTo(*out, compression, pm.getPm(), progress) && out->announceOutputFinished(m_log);
+  const std::unique_ptr<OutputFile> file(OutputFile::createFileUtf8(path->getUtf8(), m_log));
+  if (!file) return false;
+  const bool written = writeTo(*file, compression, pm.getPm(), progress) && file->flush(pm.getPm(), m_log);
+  return file->closeHandle(&m_log) && written;
+}
+
+bool ClsTar::countTotal(ProgressEvent* progress, long long& total) {
+  ProgressMonitorPtr pm(progress, m_abortCheckMs, m_percentScale, 0);
+  if (!m_options.noTotal) total = calcTotalProgressForWrite(m_log, pm.getPm());
+  return !pm.get_Aborted(m_log) && total >= 0;
+}
+
+bool ClsTar::writeTo(_mvOutput& out, WriteCompression compression, ProgressMonitor* pm, ProgressEvent* progress) {
+  const bool gzip = compression == WriteCompression::Gzip;
+  if (compression == WriteCompression::Plain) {
+    m_archive.beginPlain();
+  } else {
+    m_archive.beginCompressed(compression);
+  }
+  if (gzip && !writeGzipHeader(out, pm, m_log)) return false;
+  if (!writeTarToOutput(out, pm, m_log, progress)) return false;
+  if (!gzip) return true;
+  m_log.LogDataInt64("originalDataSize", m_archive.m_uncompressedSize);
+  // The trailer holds the size modulo 2^32.
+  const unsigned size = static_cast<unsigned>(m_archive.m_uncompressedSize & 0xFFFFFFFF);
+  return writeGzipTrailer(out, m_archive.m_crc.endStream(), size, m_log);
+}
+
+long long ClsTar::calcTotalProgressForWrite(LogBase& log, ProgressMonitor* pm) {
+  return morvane::calcTotalProgressForWrite(m_files, m_dirRoots, writeSettings().filter,
+                                            m_options.countSkipsExcluded, log, pm);
+}
+
+bool ClsTar::writeTarToOutput(_mvOutput& out, ProgressMonitor* pm, LogBase& log, ProgressEvent* progress) {
+  const WriteSettings settings = writeSettings();
+  m_archive.m_output = &out;
+  ScopeExit forget([this] { m_archive.m_output = nullptr; });
+  ArchiveWriter writer({settings, m_archive, log, pm, progress});
+  mvFileInfo archive;
+  const auto* const file = dynamic_cast<const OutputFile*>(&out);
+  if (file && file->getFileInfo(archive)) writer.leaveOut(archive);
+  return writer.writeTarToOutput(m_files, m_dirRoots, m_curDirRootPath);
+}
+
+bool ClsTar::writeFileToOutput(XString& fullPath, XString& pathInTar, ProgressMonitor* pm, LogBase& log,
+                               ProgressEvent* progress) {
+  const WriteSettings settings = writeSettings();
+  return ArchiveWriter({settings, m_archive, log, pm, progress}).writeFileToOutput(fullPath, pathInTar);
+}
+
+bool ClsTar::copySourceToOutput(_mvDataSource& source, ProgressMonitor* pm, LogBase& log) {
+  const WriteSettings settings = writeSettings();
+  return ArchiveWriter({settings, m_archive, log, pm, nullptr}).copySourceToOutput(source);
+}
+
+bool ClsTar::writeTarHeaderToOutput(XString& pathInTar, mvFileInfo& info, ProgressMonitor* pm, LogBase& log) {
+  const WriteSettings settings = writeSettings();
+  WriteRun run{settings, m_archive, log, pm, nullptr};
+  return morvane::writeTarHeaderToOutput(run, pathInTar, info);
+}
+
+bool ClsTar::writeLongFilenameToOutput(XString& path, mvFileInfo& info, ProgressMonitor* pm, LogBase& log) {
+  const WriteSettings settings = writeSettings();
+  WriteRun run{settings, m_archive, log, pm, nullptr};
+  return morvane::writeLongFilenameToOutput(run, path, info);
+}
+
+bool ClsTar::writePaxHeaderToOutput(XString& path, mvFileInfo& info, ProgressMonitor* pm, LogBase& log) {
+  const WriteSettings settings = writeSettings();
+  WriteRun run{settings, m_archive, log, pm, nullptr};
+  return morvane::writePaxHeaderToOutput(run, path, info);
+}
+
+bool ClsTar::writeOut_pm(const unsigned char* data, unsigned int len, ProgressMonitor* pm, LogBase& log) {
+  return m_archive.writeOut_pm(data, len, m_abortCheckMs != 0, pm, log);
+}
+
+bool ClsTar::splitPathForTar(const XString& path, XString& name, XString& prefix, LogBase& log) {
+  name.clear();
+  prefix.clear();
+  const UstarSplit split = splitUstarPath(path.str());
+  if (split.error) {
+    log.LogError(split.error);
+    return false;
+  }
+  name = std::string(split.name);
+  prefix = std::string(split.prefix);
+  return true;
+}
+
+unsigned int ClsTar::computeHeaderChecksum(const unsigned char* block) { return headerChecksum(block); }
+
+bool ClsTar::numToBase256(long long value, char* out, int len) { return morvane::numToBase256(value, out, len); }
+
+bool ClsTar::base256ToNum(long long& out, const char* in, int len) { return morvane::base256ToNum(out, in, len); }
+
+}  // namespace morvane
