@@ -5,6 +5,7 @@
 
 #include "runtime/fs/Psdk.h"
 #include "tar/ReadSettings.h"
+#include "tar/stream/StreamingUntar.h"
 #include "tar/write/WriteRun.h"
 
 namespace morvane {
@@ -17,17 +18,21 @@ ClsTar* ClsTar::createNewCls() {
   }
 }
 
-ClsTar::ClsTar() : ClsBase("ClsTar") {
+ClsTar::ClsTar()
+    : ClsBase("ClsTar"),
+      m_stream(std::make_unique<StreamingUntar>([this] { return readSettings(); }, m_xmlListing)) {
   StringBuffer user;
   Psdk::getUsername(user);
   m_userName.appendAnsi(user.getString());
-  m_groupName.appendAnsi(user.getString());  // the user's name, on purpose: most users have a group of that name
+  m_groupName.appendAnsi(
+      user.getString());  // the user's name, on purpose: most users have a group of that name
 }
 
 ClsTar::~ClsTar() {
   if (!isAlive()) return;
   CritSecExitor lock(*this);
   m_archive.m_output = nullptr;
+  m_stream->releaseOutput();
 }
 
 void ClsTar::dotNetDispose() {}
@@ -51,8 +56,8 @@ ReadSettings ClsTar::readSettings() const {
   settings.charset = m_charset.str();
   settings.mustMatch = m_mustMatch.str();
   settings.mustNotMatch = m_mustNotMatch.str();
-  settings.filter = NameFilter({m_mustMatch.str(), m_mustNotMatch.str(), m_matchCaseSensitive,
-                                m_mustMatchExact, m_mustNotMatchExact});
+  settings.filter = NameFilter(
+      {m_mustMatch.str(), m_mustNotMatch.str(), m_matchCaseSensitive, m_mustMatchExact, m_mustNotMatchExact});
   settings.untarFromDir = m_untarFromDir;
   settings.untarMaxCount = m_untarMaxCount;
   settings.untarDiscardPaths = m_untarDiscardPaths;
@@ -74,8 +79,8 @@ WriteSettings ClsTar::writeSettings() const {
   settings.userName = m_userName.str();
   settings.groupName = m_groupName.str();
   settings.dirPrefix = m_dirPrefix;
-  settings.filter = NameFilter({m_mustMatch.str(), m_mustNotMatch.str(), m_matchCaseSensitive,
-                                m_mustMatchExact, m_mustNotMatchExact});
+  settings.filter = NameFilter(
+      {m_mustMatch.str(), m_mustNotMatch.str(), m_matchCaseSensitive, m_mustMatchExact, m_mustNotMatchExact});
   settings.abortCheckMs = m_abortCheckMs;
   settings.options = m_options;
   return settings;
@@ -86,7 +91,9 @@ void ClsTar::setMatchPatternExactFlags() {
   m_mustNotMatchExact = isPlainName(m_mustNotMatch.str());
 }
 
-bool ClsTar::excludeByMatch(const XString& path, LogBase&) { return readSettings().filter.excludes(path.str()); }
+bool ClsTar::excludeByMatch(const XString& path, LogBase&) {
+  return readSettings().filter.excludes(path.str());
+}
 
 void ClsTar::getString(const XString& member, XString& out) {
   CritSecExitor lock(*this);

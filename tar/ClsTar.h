@@ -1,4 +1,5 @@
-// Tar archives: written plain, gzip- or bzip2-compressed; read plain, from memory, gzip, bzip2 and Unix compress.
+// Tar archives: written plain, gzip- or bzip2-compressed; read plain, from memory, gzip, bzip2 and Unix
+// compress.
 //
 //   morvane::ClsTar tar;
 //   tar.AddDirRoot("src");
@@ -8,28 +9,30 @@
 //   reader.put_UntarFromDir("restored");
 //   if (!reader.UntarGz("src.tar.gz")) { ... }
 //
-// Results. A method that returns bool returns true on success; one that returns int returns a count, or -1 on failure.
-// The reason of a failure is in the log of the call (get_LogText): one error line with what happened, then data lines
-// with the path, the size, the reason. No exception leaves a method. What was written or extracted before a failure
-// stays on the disk.
+// Results. A method that returns bool returns true on success; one that returns int returns a count, or -1 on
+// failure. The reason of a failure is in the log of the call (get_LogText): one error line with what
+// happened, then data lines with the path, the size, the reason. No exception leaves a method. What was
+// written or extracted before a failure stays on the disk.
 //
 // Paths are UTF-8 (bytes that are none are kept) and may be of any length. Sizes are bytes.
 //
-// Threads. One object may be used from several threads: methods and string properties hold the object's lock for their
-// whole run. Scalar properties may be read and set at any time. BeginStreamingUntar, StreamingUntarNext,
-// FinishStreamingUntar and _writeBytes take no lock.
+// Threads. One object may be used from several threads: methods and string properties hold the object's lock
+// for their whole run. Scalar properties may be read and set at any time. BeginStreamingUntar,
+// StreamingUntarNext, FinishStreamingUntar and _writeBytes take no lock.
 //
-// Callbacks (runtime/progress/ProgressEvent.h) run on the calling thread; from them properties may be read and set,
-// while methods of the same object are refused.
+// Callbacks (runtime/progress/ProgressEvent.h) run on the calling thread; from them properties may be read
+// and set, while methods of the same object are refused.
 //
-// Each method that takes an archive's path has a twin that takes an _mvOutput& or _mvDataSource& in its place, so that
-// standard streams, sockets and memory are archives too. The stream is not owned and must outlive the call; a source
-// is read from where it stands.
+// Each method that takes an archive's path has a twin that takes an _mvOutput& or _mvDataSource& in its
+// place, so that standard streams, sockets and memory are archives too. The stream is not owned and must
+// outlive the call; a source is read from where it stands.
 //
-// Formats. Written: ustar and pax as POSIX.1 has them, and GNU tar's, which is the default; docs/format.md tells where
-// this component goes its own way and which words of UncommonOptions (docs/options.md) make it go the usual one.
+// Formats. Written: ustar and pax as POSIX.1 has them, and GNU tar's, which is the default; docs/format.md
+// tells where this component goes its own way and which words of UncommonOptions (docs/options.md) make it go
+// the usual one.
 #pragma once
 
+#include <functional>
 #include <memory>
 
 #include "runtime/base/ExtPtrArray.h"
@@ -57,6 +60,7 @@
 namespace morvane {
 
 enum class MethodForm;
+class StreamingUntar;
 struct ReadSettings;
 struct WriteSettings;
 
@@ -70,16 +74,19 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   ~ClsTar() override;
   void dotNetDispose() override;
 
-  // ---- Sources: what goes into an archive. They stay until cleared; the same source may be added more than once.
+  // ---- Sources: what goes into an archive. They stay until cleared; the same source may be added more than
+  // once.
 
-  // Adds a directory tree. False if the path cannot be examined or is no directory. The tree's members are named
-  // relative to the directory, which is itself no member.
+  // Adds a directory tree. False if the path cannot be examined or is no directory. The tree's members are
+  // named relative to the directory, which is itself no member.
   bool AddDirRoot(const XString& dirPath);
   // The same, with a prefix for the names of the tree's members ("prefix/relative").
   bool AddDirRoot2(const XString& pathPrefix, const XString& dirPath);
-  // Adds a file, which is looked at only when the archive is written. Its member is named by the last part of the path.
+  // Adds a file, which is looked at only when the archive is written. Its member is named by the last part of
+  // the path.
   bool AddFile(const XString& path);
-  // The same, with the member's path; DirPrefix is not put in front of it. Neither path may hold an ESC byte (0x1B).
+  // The same, with the member's path; DirPrefix is not put in front of it. Neither path may hold an ESC byte
+  // (0x1B).
   bool AddFile2(const XString& path, const XString& pathInTar);
   // The path of a directory root by its 0-based index; false, and empty, when there is none.
   bool GetDirRoot(int index, XString& outDirPath);
@@ -104,10 +111,42 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   int Untar(const XString& tarPath, ProgressEvent* progress = nullptr);
   int Untar(_mvDataSource& source, ProgressEvent* progress = nullptr);
   int UntarFromMemory(DataBuffer& tarBytes, ProgressEvent* progress = nullptr);
-  // Walks the archive and writes nothing: every header must be valid up to the end-of-archive mark. Member data are
-  // not read.
+  // Walks the archive and writes nothing: every header must be valid up to the end-of-archive mark. Member
+  // data are not read.
   bool VerifyTar(const XString& tarPath, ProgressEvent* progress = nullptr);
   bool VerifyTar(_mvDataSource& source, ProgressEvent* progress = nullptr);
+
+  // Copies the data of the first member whose path matches the pattern into memory, appended to what is
+  // there. Member data before it are passed over. Every header counts, records and directories included, each
+  // under its own name. True with nothing appended when no member matched: compare sizes to know.
+  bool UntarFirstMatchingToMemory(DataBuffer& tarBytes, const XString& pattern, DataBuffer& destination);
+  bool UntarFirstMatchingToBd(const XString& tarPath, const XString& pattern, ClsBinData& destination);
+  bool UntarFirstMatchingToBd(_mvDataSource& source, const XString& pattern, ClsBinData& destination);
+  // Lists every header as XML (docs/xml-listing.md). True if the end-of-archive mark was reached; what was
+  // listed before a failure stays in outXml.
+  bool ListXml(const XString& tarPath, XString& outXml, ProgressEvent* progress = nullptr);
+  bool ListXml(_mvDataSource& source, XString& outXml, ProgressEvent* progress = nullptr);
+
+  // ---- Reading compressed archives, in one pass, extracted below UntarFromDir. UntarMaxCount does not
+  // apply.
+
+  // gzip: the first member; its trailer is not checked (see VerifyGzip and GzipAllMembers).
+  bool UntarGz(const XString& tarGzPath, ProgressEvent* progress = nullptr);
+  bool UntarGz(_mvDataSource& source, ProgressEvent* progress = nullptr);
+  // bzip2. Goes on from the state that the object's last streaming run left: after a run that reached the end
+  // of its archive, nothing is extracted (see Bz2Framed).
+  bool UntarBz2(const XString& tarBz2Path, ProgressEvent* progress = nullptr);
+  bool UntarBz2(_mvDataSource& source, ProgressEvent* progress = nullptr);
+  // Unix compress (LZW).
+  bool UntarZ(const XString& tarZPath, ProgressEvent* progress = nullptr);
+  bool UntarZ(_mvDataSource& source, ProgressEvent* progress = nullptr);
+
+  // ---- Debian packages
+
+  // Frames a control and a data tarball (gzip, or xz by the suffix ".xz") as a Debian binary package. Neither
+  // is looked into; all three are held in memory.
+  bool CreateDeb(const XString& controlPath, const XString& dataPath, const XString& debPath);
+  bool CreateDeb(const XString& controlPath, const XString& dataPath, _mvOutput& out);
 
   // ---- Properties
 
@@ -133,7 +172,8 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   // Untar and UntarFromMemory stop after this many members; 0 is no limit.
   int get_UntarMaxCount() const { return m_untarMaxCount; }
   void put_UntarMaxCount(int count) { m_untarMaxCount = count; }
-  // What headers of written archives say. Modes are permission bits: 0755, 0644 and 0755 by default, ids 1000.
+  // What headers of written archives say. Modes are permission bits: 0755, 0644 and 0755 by default, ids
+  // 1000.
   int get_GroupId() const { return m_groupId; }
   void put_GroupId(int id) { m_groupId = id; }
   int get_UserId() const { return m_userId; }
@@ -145,8 +185,8 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   int get_ScriptFileMode() const { return m_scriptFileMode; }  // of *.sh, *.csh, *.bash, *.bsh
   void put_ScriptFileMode(int mode) { m_scriptFileMode = mode; }
 
-  // "gnu" (default), "pax" or "ustar". Case and blanks around it do not matter, "posix" means pax, "star" ustar, and
-  // any other word gnu.
+  // "gnu" (default), "pax" or "ustar". Case and blanks around it do not matter, "posix" means pax, "star"
+  // ustar, and any other word gnu.
   void get_WriteFormat(XString& out);
   void put_WriteFormat(const XString& format);
   // The character set of names in archives being read, by its iconv name; default "utf-8".
@@ -166,8 +206,8 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   // Where members are extracted to; default ".". Made when missing.
   void get_UntarFromDir(XString& out);
   void put_UntarFromDir(const XString& dir);
-  // Patterns ("*" stands for anything, "/" included) that a path must / must not match, for writing and reading alike.
-  // MustMatch and UntarMatchPattern are one setting.
+  // Patterns ("*" stands for anything, "/" included) that a path must / must not match, for writing and
+  // reading alike. MustMatch and UntarMatchPattern are one setting.
   void get_MustMatch(XString& out);
   void put_MustMatch(const XString& pattern);
   void get_UntarMatchPattern(XString& out);
@@ -175,11 +215,26 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   void get_MustNotMatch(XString& out);
   void put_MustNotMatch(const XString& pattern);
 
-  // ---- The steps that methods are made of. They take no lock and open no frame; the log and the monitor (which may
-  // be null) are the caller's.
+  // ---- The steps that methods are made of. They take no lock and open no frame; the log and the monitor
+  // (which may be null) are the caller's.
 
-  // Writes into the object as an output: the bytes of a tar stream, in pieces of any size, are extracted as they come.
+  // Writes into the object as an output: the bytes of a tar stream, in pieces of any size, are extracted as
+  // they come.
   bool _writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log) override;
+
+  // A streaming run: begin, any number of pieces, finish. What finish returns is the run's success: no
+  // failure, and the last member's data complete. `finished` tells that the archive has ended or a failure
+  // stopped the run; further pieces are then ignored.
+  void BeginStreamingUntar(LogBase& log);
+  bool StreamingUntarNext(const unsigned char* data, unsigned int numBytes, bool& finished,
+                          ProgressMonitor* pm, LogBase& log);
+  bool FinishStreamingUntar(ProgressMonitor* pm, LogBase& log);
+  bool streamingUntarInner(const unsigned char* data, unsigned int numBytes, bool& finished,
+                           ProgressMonitor* pm, LogBase& log);
+  // Parses the gzip member at the source's position and extracts the tar stream in it.
+  bool unTarGz(_mvDataSource& source, ProgressMonitor* pm, LogBase& log);
+  bool beginGzip(const XString& path, _mvOutput& out, ProgressMonitor* pm, LogBase& log);
+  bool endGzip(_mvOutput& out, unsigned int crc32, unsigned int size);
 
   void setMatchPatternExactFlags();
   bool excludeByMatch(const XString& path, LogBase& log);
@@ -202,6 +257,10 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   bool extractToFile(_mvDataSource& source, const XString& path, const MorvaneFileTime* creation,
                      const MorvaneFileTime* access, const MorvaneFileTime* modification, long long size,
                      char* buffer, unsigned int bufferSize, LogBase& log, ProgressMonitor* pm);
+  bool _untarFirstMatchingToOutput(_mvDataSource& source, const XString& pattern, _mvOutput& out,
+                                   LogBase& log, bool logEntries, ProgressMonitor* pm);
+  void xmlListingInit();
+  void xmlListingFinish();
   static bool parsePaxExtendedHeader(const char* text, TarHeader& record, LogBase& log);
   static void combineHeaderPaxExtended(TarHeader& following, TarHeader& staged);
   static void combineHeaderLongFilename(TarHeader& following, TarHeader& staged);
@@ -223,6 +282,17 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   bool countTotal(ProgressEvent* progress, long long& total);
   bool writeTo(_mvOutput& out, WriteCompression compression, ProgressMonitor* pm, ProgressEvent* progress);
   int untarWithProgress(_mvDataSource& source, bool extract, ProgressEvent* progress);
+
+  bool untarCompressed(_mvDataSource& source, ProgressEvent* progress,
+                       const std::function<bool(_mvDataSource&, ProgressMonitor*)>& untar);
+  bool untarGz(_mvDataSource& source, ProgressEvent* progress);
+  bool untarBz2(_mvDataSource& source, ProgressEvent* progress);
+  bool untarZ(_mvDataSource& source, ProgressEvent* progress);
+  void beginFramedRun(LogBase& log);
+  void protectArchive(LogBase& log);
+  bool unTarBz2(_mvDataSource& source, ProgressMonitor* pm);
+  bool unTarZ(_mvDataSource& source, ProgressMonitor* pm);
+  bool listXml(_mvDataSource& source, XString& outXml, ProgressEvent* progress);
 
   RelaxedAtomic<bool> m_suppressOutput = false;
   RelaxedAtomic<bool> m_captureXmlListing = false;
@@ -249,6 +319,8 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   ArchiveOutput m_archive;  // where archive bytes go while writing
   bool m_mustMatchExact = false;
   bool m_mustNotMatchExact = false;
+  std::unique_ptr<StreamingUntar> m_stream;
+  const _mvFileDataSource* m_archiveSource = nullptr;  // while a compressed archive is read from a file
   XString m_untarFromDir = ".";
   RelaxedAtomic<int> m_untarMaxCount = 0;
   RelaxedAtomic<bool> m_untarDiscardPaths = false;

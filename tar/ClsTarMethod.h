@@ -1,4 +1,5 @@
-// How the files of ClsTar's methods run them: in the library's frame, with the option words taken at the start.
+// How the files of ClsTar's methods run them: in the library's frame, with the option words taken at the
+// start.
 #pragma once
 
 #include "runtime/component/MethodFrame.h"

@@ -5,8 +5,8 @@ namespace morvane {
 
 class StringBuffer;
 
-// Back slashes become "/"; with `discardPaths` only the part after the last "/" stays; with `noAbsolutePaths` every
-// leading "/" goes. Nothing else changes: ".." parts stay.
+// Back slashes become "/"; with `discardPaths` only the part after the last "/" stays; with `noAbsolutePaths`
+// every leading "/" goes. Nothing else changes: ".." parts stay.
 void applyEntryPathRules(StringBuffer& path, bool discardPaths, bool noAbsolutePaths);
 
 }  // namespace morvane

@@ -18,7 +18,8 @@ void ExtractTarget::reset() {
 
 bool ExtractTarget::openConfined(const ReadSettings& settings, LogBase& log) {
   const Confine how = settings.options.confine;
-  if (m_confined.isOpen() && how == m_confinedHow && m_confinedDir.equalsUtf8(settings.untarFromDir.getUtf8())) {
+  if (m_confined.isOpen() && how == m_confinedHow &&
+      m_confinedDir.equalsUtf8(settings.untarFromDir.getUtf8())) {
     return true;
   }
   m_confined = ConfinedDir();
@@ -32,9 +33,12 @@ bool ExtractTarget::openConfined(const ReadSettings& settings, LogBase& log) {
 
 ExtractTarget::Outcome ExtractTarget::outcomeOf(ConfinedDir::Result result) {
   switch (result) {
-    case ConfinedDir::Result::Ok: return Outcome::Ok;
-    case ConfinedDir::Result::Refused: return Outcome::Refused;
-    case ConfinedDir::Result::Failed: break;
+    case ConfinedDir::Result::Ok:
+      return Outcome::Ok;
+    case ConfinedDir::Result::Refused:
+      return Outcome::Refused;
+    case ConfinedDir::Result::Failed:
+      break;
   }
   return Outcome::NotCreated;
 }

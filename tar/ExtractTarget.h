@@ -1,5 +1,5 @@
-// Where members are extracted to: plain paths below UntarFromDir, or confined to it (the word Confine). The same in
-// both engines, which keep their own messages for what went wrong.
+// Where members are extracted to: plain paths below UntarFromDir, or confined to it (the word Confine). The
+// same in both engines, which keep their own messages for what went wrong.
 #pragma once
 
 #include <memory>
@@ -22,8 +22,8 @@ class ExtractTarget {
   void reset();
 
   // Makes the missing parents and the empty file. `directoryLog` gets what making directories has to say.
-  Outcome createFile(const MemberPath& path, const ReadSettings& settings, LogBase& directoryLog, LogBase& log,
-                     std::unique_ptr<OutputFile>& file);
+  Outcome createFile(const MemberPath& path, const ReadSettings& settings, LogBase& directoryLog,
+                     LogBase& log, std::unique_ptr<OutputFile>& file);
   Outcome makeDirectory(const MemberPath& path, const ReadSettings& settings, LogBase& directoryLog);
 
  private:

@@ -101,9 +101,14 @@ void FullExtensions::clear() {
 
 bool FullExtensions::take(char typeFlag, std::string_view data, LogBase& log) {
   switch (typeFlag) {
-    case kTypeLongName: m_next.path = std::string(untilNul(data)); return true;
-    case kTypeLongLink: m_next.linkPath = std::string(untilNul(data)); return true;
-    default: return takePaxRecords(data, typeFlag == kTypePaxGlobal, log);
+    case kTypeLongName:
+      m_next.path = std::string(untilNul(data));
+      return true;
+    case kTypeLongLink:
+      m_next.linkPath = std::string(untilNul(data));
+      return true;
+    default:
+      return takePaxRecords(data, typeFlag == kTypePaxGlobal, log);
   }
 }
 
@@ -120,7 +125,8 @@ bool FullExtensions::takePaxRecords(std::string_view data, bool global, LogBase&
   return true;
 }
 
-bool FullExtensions::takePaxRecord(std::string_view keyword, std::string_view value, bool global, LogBase& log) {
+bool FullExtensions::takePaxRecord(std::string_view keyword, std::string_view value, bool global,
+                                   LogBase& log) {
   Attributes& to = global ? m_global : m_next;
   if (global && (keyword == "path" || keyword == "linkpath" || keyword == "size")) {
     log.LogError("A global PAX record that can hold for one member only is ignored.");

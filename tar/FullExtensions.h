@@ -1,7 +1,8 @@
 // Extension records as POSIX pax and the other tars mean them (the word FullRead).
 //
-// pax records go by their stated length and may hold newlines and NULs; times keep 63 bits and their fraction; a
-// record counts for the next member, a global one for all later members; an empty value takes an attribute back.
+// pax records go by their stated length and may hold newlines and NULs; times keep 63 bits and their
+// fraction; a record counts for the next member, a global one for all later members; an empty value takes an
+// attribute back.
 #pragma once
 
 #include <optional>
@@ -12,21 +13,23 @@
 
 namespace morvane {
 
-// A point in time as pax writes it: decimal seconds, perhaps negative, perhaps with a fraction. Not known when the
-// text is no number; seconds stop at what 63 bits hold.
+// A point in time as pax writes it: decimal seconds, perhaps negative, perhaps with a fraction. Not known
+// when the text is no number; seconds stop at what 63 bits hold.
 TarTime parsePaxTime(std::string_view text);
 
 class FullExtensions {
  public:
   // Records that only describe other members: pax, global pax, long name, long link.
   static bool isRecord(char typeFlag);
-  // Records of GNU tar that describe the archive or an old state of the tree: neither members nor of use here.
+  // Records of GNU tar that describe the archive or an old state of the tree: neither members nor of use
+  // here.
   static bool isPassedOver(char typeFlag);
 
   void clear();
   // Takes the data of a record. False, with the reason in the log, if they make no sense.
   bool take(char typeFlag, std::string_view data, LogBase& log);
-  // Puts what the records say into the member's parsed header, and forgets those that were meant for it alone.
+  // Puts what the records say into the member's parsed header, and forgets those that were meant for it
+  // alone.
   void complete(TarHeader& member);
 
  private:

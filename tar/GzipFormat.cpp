@@ -57,7 +57,8 @@ bool writeGzipHeader(_mvOutput& out, ProgressMonitor* pm, LogBase& log) {
 }
 
 bool writeGzipTrailer(_mvOutput& out, unsigned crc32, unsigned size, LogBase& log) {
-  return out.writeLittleEndianUInt32PM(crc32, nullptr, log) && out.writeLittleEndianUInt32PM(size, nullptr, log);
+  return out.writeLittleEndianUInt32PM(crc32, nullptr, log) &&
+         out.writeLittleEndianUInt32PM(size, nullptr, log);
 }
 
 bool readGzipHeader(_mvDataSource& source, ProgressMonitor* pm, LogBase& log) {

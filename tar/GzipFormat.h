@@ -13,8 +13,8 @@ bool writeGzipHeader(_mvOutput& out, ProgressMonitor* pm, LogBase& log);
 // CRC-32 and size modulo 2^32 of the uncompressed data, little-endian.
 bool writeGzipTrailer(_mvOutput& out, unsigned crc32, unsigned size, LogBase& log);
 
-// Reads a member's header with its optional fields, and stands behind it. False, with the reason in the log, when it
-// is none or is cut.
+// Reads a member's header with its optional fields, and stands behind it. False, with the reason in the log,
+// when it is none or is cut.
 bool readGzipHeader(_mvDataSource& source, ProgressMonitor* pm, LogBase& log);
 
 }  // namespace morvane

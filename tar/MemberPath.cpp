@@ -37,7 +37,8 @@ void announceHeader(ProgressEvent& event, const TarHeader& header, const XString
   info.typeFlag = header.m_typeFlag;
   info.isDirectory = header.m_isDirectory;
   info.size = header.m_size;
-  info.mtime = settings.options.fullRead ? header.m_exactMtime.seconds : static_cast<long long>(header.m_mtime);
+  info.mtime =
+      settings.options.fullRead ? header.m_exactMtime.seconds : static_cast<long long>(header.m_mtime);
   info.headerPosition = headerPosition;
   info.mode = header.m_mode;
   info.uid = header.m_uid;

@@ -18,14 +18,14 @@ bool NameFilter::excludes(std::string_view path) const {
     if (!m_settings.mustMatchExact || !finalPartEquals(path, m_settings.mustMatch)) return true;
   }
   if (m_settings.mustNotMatch.empty() || !m_mustNotMatch.matches(path)) return false;
-  // A plain name that matched the whole path meets no "/" in it, so a name inside a directory is never left out by
-  // one. Kept as it is: filters written for this component rely on it.
+  // A plain name that matched the whole path meets no "/" in it, so a name inside a directory is never left
+  // out by one. Kept as it is: filters written for this component rely on it.
   if (!m_settings.mustNotMatchExact || path.find('/') == std::string_view::npos) return true;
   return finalPartEquals(path, m_settings.mustNotMatch);
 }
 
-// False for a path without "/". Case is ignored when the filters are case-sensitive and counts when they are not: the
-// reverse of the wildcard step, kept as it is.
+// False for a path without "/". Case is ignored when the filters are case-sensitive and counts when they are
+// not: the reverse of the wildcard step, kept as it is.
 bool NameFilter::finalPartEquals(std::string_view path, const std::string& name) const {
   const size_t slash = path.rfind('/');
   if (slash == std::string_view::npos) return false;

@@ -1,4 +1,5 @@
-// The stored form of a single file to archive: its local path alone, or ESC, local path, ESC, path in the archive.
+// The stored form of a single file to archive: its local path alone, or ESC, local path, ESC, path in the
+// archive.
 #pragma once
 
 #include <string>

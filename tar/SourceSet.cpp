@@ -34,7 +34,8 @@ bool ClsTar::addDirRoot(const XString* pathPrefix, const XString& dirPath) {
 }
 
 bool ClsTar::AddFile(const XString& path) {
-  return method("AddFile", MethodForm::WithVersion, false, [&](MethodFrame&) { return addEntry(path.str()); });
+  return method("AddFile", MethodForm::WithVersion, false,
+                [&](MethodFrame&) { return addEntry(path.str()); });
 }
 
 bool ClsTar::AddFile2(const XString& path, const XString& pathInTar) {
@@ -42,9 +43,7 @@ bool ClsTar::AddFile2(const XString& path, const XString& pathInTar) {
                 [&](MethodFrame&) { return addEntry(makePairEntry(path.str(), pathInTar.str())); });
 }
 
-bool ClsTar::addEntry(const std::string& entry) {
-  return m_files.appendSb(new StringBuffer(entry));
-}
+bool ClsTar::addEntry(const std::string& entry) { return m_files.appendSb(new StringBuffer(entry)); }
 
 bool ClsTar::GetDirRoot(int index, XString& outDirPath) {
   return method("GetDirRoot", MethodForm::Judged, false, [&](MethodFrame&) {

@@ -1,6 +1,7 @@
 // The 512-byte header block of a tar archive: where each field lies. All offsets and widths are bytes.
 //
-// POSIX.1-1988 ustar, with the differences of GNU tar in the magic. Writers and readers both take it from here.
+// POSIX.1-1988 ustar, with the differences of GNU tar in the magic. Writers and readers both take it from
+// here.
 #pragma once
 
 #include <cstddef>
@@ -30,10 +31,10 @@ constexpr Field kDevMinorField{337, 8};
 constexpr Field kPrefixField{345, 155};
 constexpr Field kTailField{500, 12};
 
-constexpr Field kAllFields[] = {kNameField,     kModeField,      kUidField,      kGidField,
-                                kSizeField,     kMtimeField,     kChecksumField, kTypeFlagField,
-                                kLinkNameField, kMagicField,     kUserNameField, kGroupNameField,
-                                kDevMajorField, kDevMinorField,  kPrefixField,   kTailField};
+constexpr Field kAllFields[] = {kNameField,     kModeField,     kUidField,      kGidField,
+                                kSizeField,     kMtimeField,    kChecksumField, kTypeFlagField,
+                                kLinkNameField, kMagicField,    kUserNameField, kGroupNameField,
+                                kDevMajorField, kDevMinorField, kPrefixField,   kTailField};
 
 constexpr bool fieldsTileTheBlock() {
   unsigned next = 0;
@@ -46,7 +47,9 @@ constexpr bool fieldsTileTheBlock() {
 static_assert(fieldsTileTheBlock(), "no gap, no overlap, 512 bytes in all");
 
 // Magic and version, 8 bytes.
-constexpr char kUstarMagic[] = "ustar\0" "00";
+constexpr char kUstarMagic[] =
+    "ustar\0"
+    "00";
 constexpr char kGnuMagic[] = "ustar  ";
 static_assert(sizeof kUstarMagic == 9 && sizeof kGnuMagic == 8, "the last NUL of the gnu form is part of it");
 

@@ -43,8 +43,8 @@ bool isUstarBlock(const unsigned char* block) {
   return std::memcmp(block + kMagicField.offset, kUstarMagic, kMagicAlone) == 0;
 }
 
-// Directories before ustar had no type flag of their own: an empty file whose name ends in a slash. A name that fills
-// its field may have been cut there and proves nothing.
+// Directories before ustar had no type flag of their own: an empty file whose name ends in a slash. A name
+// that fills its field may have been cut there and proves nothing.
 bool isDirectoryBlock(const unsigned char* block, char typeFlag, long long size) {
   if (typeFlag == kTypeDirectory) return true;
   if ((typeFlag != kTypeRegular && typeFlag != kTypeOldRegular) || size != 0) return false;
@@ -70,10 +70,14 @@ bool TarHeader::parseFromMemory(const unsigned char* block, bool& endOfArchive, 
   if (!hasValidChecksum(block)) return invalid(log, "The TAR header's checksum is wrong.");
   const NumberField size = parseNumber(block, kSizeField);
   switch (size.state) {
-    case NumberField::State::Ok: break;
-    case NumberField::State::Negative: return invalid(log, "The TAR header's size is negative.");
-    case NumberField::State::TooLarge: return invalid(log, "The TAR header's size is too large.");
-    case NumberField::State::Foreign: return invalid(log, "The TAR header's size is not a number.");
+    case NumberField::State::Ok:
+      break;
+    case NumberField::State::Negative:
+      return invalid(log, "The TAR header's size is negative.");
+    case NumberField::State::TooLarge:
+      return invalid(log, "The TAR header's size is too large.");
+    case NumberField::State::Foreign:
+      return invalid(log, "The TAR header's size is not a number.");
   }
   m_size = static_cast<long long>(size.value);
   m_typeFlag = static_cast<char>(block[kTypeFlagField.offset]);
@@ -132,7 +136,9 @@ bool TarHeader::parseFromDataSource(_mvDataSource& source, unsigned char* rawBlo
   return parseFromMemory(block, endOfArchive, log);
 }
 
-void TarHeader::setWholePath(const char* path) { setWholePath(path, static_cast<unsigned>(std::strlen(path))); }
+void TarHeader::setWholePath(const char* path) {
+  setWholePath(path, static_cast<unsigned>(std::strlen(path)));
+}
 
 void TarHeader::setWholePath(const char* bytes, unsigned n) {
   m_path.weakClear();

@@ -1,7 +1,7 @@
 // One header block, parsed: the record that every reader of archives works with.
 //
-// Nothing in a block is trusted. Only a wrong checksum and an unusable size make a block invalid; every other number
-// is brought into its range. Field names and meanings follow POSIX ustar and pax.
+// Nothing in a block is trusted. Only a wrong checksum and an unusable size make a block invalid; every other
+// number is brought into its range. Field names and meanings follow POSIX ustar and pax.
 #pragma once
 
 #include <memory>
@@ -42,14 +42,14 @@ class MORVANE_API TarHeader {
   StringBuffer m_name;
   StringBuffer m_prefix;        // of ustar blocks only
   unsigned m_paxFieldsSet = 0;  // PaxField bits; 0 when only a block was parsed
-  StringBuffer m_path;          // what readers go by: prefix and name joined, or what a record put in its place
+  StringBuffer m_path;  // what readers go by: prefix and name joined, or what a record put in its place
   unsigned m_mode = 0;
   unsigned m_uid = 0;
   unsigned m_gid = 0;
-  long long m_size = 0;   // data bytes that follow the header, 0 to 2^63-1
-  unsigned m_mtime = 0;   // Unix seconds
-  unsigned m_atime = 0;   // 0: unknown
-  unsigned m_ctime = 0;   // 0: unknown
+  long long m_size = 0;  // data bytes that follow the header, 0 to 2^63-1
+  unsigned m_mtime = 0;  // Unix seconds
+  unsigned m_atime = 0;  // 0: unknown
+  unsigned m_ctime = 0;  // 0: unknown
   char m_typeFlag = '\0';
   std::unique_ptr<StringBuffer> m_linkPath;  // of a pax or long-link record
   std::unique_ptr<StringBuffer> m_userName;
@@ -63,10 +63,11 @@ class MORVANE_API TarHeader {
   void clear();
 
   // Parses a 512-byte block into the record, everything of an earlier one gone. A block of zero bytes sets
-  // `endOfArchive` (which is otherwise left alone) and is no failure. False, with the reason in the log, for a block
-  // that is no valid header.
+  // `endOfArchive` (which is otherwise left alone) and is no failure. False, with the reason in the log, for
+  // a block that is no valid header.
   bool parseFromMemory(const unsigned char* block, bool& endOfArchive, LogBase& log);
-  // Reads the next 512 bytes and parses them. Fewer are a failure. `rawBlock`, when not null, receives the 512 bytes.
+  // Reads the next 512 bytes and parses them. Fewer are a failure. `rawBlock`, when not null, receives the
+  // 512 bytes.
   bool parseFromDataSource(_mvDataSource& source, unsigned char* rawBlock, bool& endOfArchive, LogBase& log);
 
   // Makes a text the record's whole path, as long-name and pax path records do.

@@ -1,4 +1,5 @@
-// The numbers in a header block: octal text, base-256 (GNU's binary form for what octal cannot hold), the checksum.
+// The numbers in a header block: octal text, base-256 (GNU's binary form for what octal cannot hold), the
+// checksum.
 #pragma once
 
 #include "tar/TarBlock.h"
@@ -15,11 +16,11 @@ void putChecksum(unsigned char* block);
 // The unsigned sum of the block's bytes, its checksum field counted as blanks. 0 for a null pointer.
 unsigned headerChecksum(const unsigned char* block);
 
-// Big-endian binary with bit 7 of the first byte as a marker. True when the value fitted, so false for a negative
-// one; whether the marker covered a bit of the value is not checked.
+// Big-endian binary with bit 7 of the first byte as a marker. True when the value fitted, so false for a
+// negative one; whether the marker covered a bit of the value is not checked.
 bool numToBase256(long long value, char* out, int len);
-// The marker is not required. False, with `out` 0, for a negative number (bit 6 of the first byte). Bits over the 64th
-// are lost.
+// The marker is not required. False, with `out` 0, for a negative number (bit 6 of the first byte). Bits over
+// the 64th are lost.
 bool base256ToNum(long long& out, const char* in, int len);
 
 // A numeric field as read from a block that nobody vouches for.
@@ -33,10 +34,12 @@ struct NumberField {
   unsigned as32() const { return value > 0xFFFFFFFFull ? 0xFFFFFFFFu : static_cast<unsigned>(value); }
 };
 
-// Octal with leading blanks, ended by a blank, NUL or the field's end; blank is 0. Or base-256, where the marker is.
+// Octal with leading blanks, ended by a blank, NUL or the field's end; blank is 0. Or base-256, where the
+// marker is.
 NumberField parseNumber(const unsigned char* block, Field field);
 
-// Whether the stored checksum is that of the block: the unsigned sum, or the signed one that old writers made.
+// Whether the stored checksum is that of the block: the unsigned sum, or the signed one that old writers
+// made.
 bool hasValidChecksum(const unsigned char* block);
 
 }  // namespace morvane

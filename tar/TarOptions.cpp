@@ -53,14 +53,19 @@ bool applySwitch(bool& setting, const std::string& value) {
 }
 
 bool applyConfine(Confine& setting, const std::string& value) {
-  if (value == "off") setting = Confine::Off;
-  else if (value == "beneath") setting = Confine::Beneath;
-  else if (value == "nolinks") setting = Confine::NoLinks;
-  else return false;
+  if (value == "off")
+    setting = Confine::Off;
+  else if (value == "beneath")
+    setting = Confine::Beneath;
+  else if (value == "nolinks")
+    setting = Confine::NoLinks;
+  else
+    return false;
   return true;
 }
 
-// False when the word is unknown or its value makes no sense; `options` may then be changed and is thrown away.
+// False when the word is unknown or its value makes no sense; `options` may then be changed and is thrown
+// away.
 bool applyWord(const std::string& word, const std::string& value, TarOptions& options) {
   const TarOptions defaults;
   const auto* const found = std::find_if(std::begin(kSwitches), std::end(kSwitches),

@@ -31,8 +31,9 @@ struct TarOptions {
   bool entryEvents = false;
 };
 
-// Words separated by commas, "Word" or "Word=value", case and blanks around them ignored; the last of a word wins.
-// Words that are not known, or have a value that makes no sense, are left out and added to `complaints` as given.
+// Words separated by commas, "Word" or "Word=value", case and blanks around them ignored; the last of a word
+// wins. Words that are not known, or have a value that makes no sense, are left out and added to `complaints`
+// as given.
 TarOptions parseTarOptions(std::string_view words, std::vector<std::string>& complaints);
 
 }  // namespace morvane

@@ -41,15 +41,30 @@ void appendXmlText(std::string_view text, bool escaped, std::string& out) {
     const size_t start = at;
     const char32_t c = nextUtf8(text, at);
     switch (c) {
-      case '&': out += "&amp;"; continue;
-      case '<': out += "&lt;"; continue;
-      case '>': out += "&gt;"; continue;
-      case '"': out += "&quot;"; continue;
+      case '&':
+        out += "&amp;";
+        continue;
+      case '<':
+        out += "&lt;";
+        continue;
+      case '>':
+        out += "&gt;";
+        continue;
+      case '"':
+        out += "&quot;";
+        continue;
       // As references, for a parser turns them into blanks or line ends of its own.
-      case '\t': out += "&#9;"; continue;
-      case '\n': out += "&#10;"; continue;
-      case '\r': out += "&#13;"; continue;
-      default: break;
+      case '\t':
+        out += "&#9;";
+        continue;
+      case '\n':
+        out += "&#10;";
+        continue;
+      case '\r':
+        out += "&#13;";
+        continue;
+      default:
+        break;
     }
     if (escaped && c == '\\') {
       out += "\\\\";
@@ -72,14 +87,19 @@ const char* kindOf(const TarHeader& header) {
   if (header.m_isDirectory) return "directory";
   switch (header.m_typeFlag) {
     case kTypeRegular:
-    case kTypeOldRegular: return "file";
-    case kTypeHardLink: return "hardlink";
-    case kTypeSymbolicLink: return "symlink";
+    case kTypeOldRegular:
+      return "file";
+    case kTypeHardLink:
+      return "hardlink";
+    case kTypeSymbolicLink:
+      return "symlink";
     case kTypePax:
     case kTypePaxGlobal:
     case kTypeLongName:
-    case kTypeLongLink: return "record";
-    default: return "other";
+    case kTypeLongLink:
+      return "record";
+    default:
+      return "other";
   }
 }
 
@@ -89,8 +109,8 @@ std::string isoTime(long long seconds) {
   if (seconds < kYear0001 || seconds >= kYear10000) return std::string();
   const MorvaneSysTime time = MorvaneSysTime::fromFileTime(MorvaneFileTime::fromUnixTime64(seconds));
   char text[96];
-  std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02dZ", time.year, time.month, time.day, time.hour,
-                time.minute, time.second);
+  std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02dZ", time.year, time.month, time.day,
+                time.hour, time.minute, time.second);
   return text;
 }
 
@@ -103,7 +123,8 @@ std::string quotedPrintable(const unsigned char* bytes, unsigned n) {
   for (unsigned i = 0; i < n; ++i) {
     const unsigned char byte = bytes[i];
     // "]" and ">" too, so that no CDATA section is ended, and what separates the fields.
-    const bool plain = byte >= 0x20 && byte < 0x7F && byte != '=' && byte != ']' && byte != '>' && byte != ';';
+    const bool plain =
+        byte >= 0x20 && byte < 0x7F && byte != '=' && byte != ']' && byte != '>' && byte != ';';
     if (plain) {
       text.push_back(static_cast<char>(byte));
     } else {
@@ -115,8 +136,9 @@ std::string quotedPrintable(const unsigned char* bytes, unsigned n) {
   return text;
 }
 
-constexpr const char* kFieldNames[] = {"name",  "mode",  "uid",   "gid",   "size",     "mtime",    "chksum", "typeflag",
-                                       "linkname", "magic", "uname", "gname", "devmajor", "devminor", "prefix", "tail"};
+constexpr const char* kFieldNames[] = {"name",     "mode",     "uid",      "gid",   "size",  "mtime",
+                                       "chksum",   "typeflag", "linkname", "magic", "uname", "gname",
+                                       "devmajor", "devminor", "prefix",   "tail"};
 static_assert(sizeof kFieldNames / sizeof *kFieldNames == sizeof kAllFields / sizeof *kAllFields);
 
 // A field without the NULs at its end.

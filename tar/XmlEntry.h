@@ -11,8 +11,9 @@ class StringBuffer;
 class TarHeader;
 class XString;
 
-// Appends the element of a header. `extensionData` (may be null) is the NUL-terminated data of an 'x' or 'L' header;
-// names are decoded from `charset`. Well-formed for any bytes: docs/xml-listing.md tells how they are written.
+// Appends the element of a header. `extensionData` (may be null) is the NUL-terminated data of an 'x' or 'L'
+// header; names are decoded from `charset`. Well-formed for any bytes: docs/xml-listing.md tells how they are
+// written.
 void toXmlEntry(const TarHeader& header, XString& xml, const char* extensionData, const char* charset);
 
 // The fields of a raw block in quoted-printable form, "name=...;" and so on. Never holds "]]>".

@@ -1,4 +1,5 @@
-// Heap byte arrays: allocation that reports failure by null, and an owner that frees the array with its scope.
+// Heap byte arrays: allocation that reports failure by null, and an owner that frees the array with its
+// scope.
 #pragma once
 
 #include <new>

@@ -17,7 +17,8 @@ class MORVANE_API ExtPtrArray {
   // Whether removing an element, or destroying the array, deletes the elements. On unless switched off.
   void setOwnsObjects(bool owns) { m_ownsObjects = owns; }
 
-  // Takes the object over. False, with the object deleted when the array owns, if there is no memory for the slot.
+  // Takes the object over. False, with the object deleted when the array owns, if there is no memory for the
+  // slot.
   bool appendPtr(MorvaneObject* object);
 
   // The element at a 0-based index, null when the index is out of range. Still owned by the array.

@@ -12,7 +12,8 @@ class MORVANE_API MorvaneObject {
   MorvaneObject& operator=(const MorvaneObject&) = default;
   virtual ~MorvaneObject();
 
-  // Bytes of heap memory that the object holds beside its own size. An estimate for diagnostics; the base holds none.
+  // Bytes of heap memory that the object holds beside its own size. An estimate for diagnostics; the base
+  // holds none.
   virtual unsigned long long heapUsage() const;
 };
 

@@ -1,5 +1,5 @@
-// A scalar property: read and written without the object's lock, so that another thread may do either at any time.
-// Relaxed order is enough: a property is a setting, it publishes no other data.
+// A scalar property: read and written without the object's lock, so that another thread may do either at any
+// time. Relaxed order is enough: a property is a setting, it publishes no other data.
 #pragma once
 
 #include <atomic>

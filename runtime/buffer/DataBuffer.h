@@ -1,8 +1,8 @@
 // A growable byte buffer with 32-bit sizes.
 //
-// Bytes are removed from the front by moving a start offset, so a buffer that is filled at one end and eaten at the
-// other costs the same per byte whatever its size. Operations that need memory return false when there is none (or
-// when 4 GiB would be passed) and leave the buffer as it was.
+// Bytes are removed from the front by moving a start offset, so a buffer that is filled at one end and eaten
+// at the other costs the same per byte whatever its size. Operations that need memory return false when there
+// is none (or when 4 GiB would be passed) and leave the buffer as it was.
 #pragma once
 
 #include "runtime/base/Export.h"
@@ -38,12 +38,12 @@ class MORVANE_API DataBuffer {
   void removeChunk(unsigned offset, unsigned n);
   void truncate(unsigned size);
 
-  // Makes the buffer refer to the caller's bytes without copying them. They must stay until the buffer is cleared,
-  // changed (it then takes its own copy first) or destroyed.
+  // Makes the buffer refer to the caller's bytes without copying them. They must stay until the buffer is
+  // cleared, changed (it then takes its own copy first) or destroyed.
   void borrowData(const unsigned char* bytes, unsigned n);
 
-  // Replaces the contents by a whole file / writes them to a file, created or truncated. The reason of a failure is
-  // logged; `log` may be null. A file of 4 GiB or more does not fit.
+  // Replaces the contents by a whole file / writes them to a file, created or truncated. The reason of a
+  // failure is logged; `log` may be null. A file of 4 GiB or more does not fit.
   bool loadFileUtf8(const char* path, LogBase* log);
   bool saveToFileUtf8(const char* path, LogBase* log) const;
 

@@ -1,4 +1,5 @@
-// The bytes of a source as a decompressor takes them: large pieces, and what was not used given back at the end.
+// The bytes of a source as a decompressor takes them: large pieces, and what was not used given back at the
+// end.
 #pragma once
 
 #include <memory>

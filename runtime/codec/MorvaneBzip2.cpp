@@ -6,8 +6,8 @@
 #include <new>
 
 #include "runtime/buffer/DataBuffer.h"
+#include "runtime/codec/DecodedOutput.h"
 #include "runtime/codec/InputWindow.h"
-#include "runtime/io/_mvOutput.h"
 
 namespace morvane {
 
@@ -96,7 +96,8 @@ bool MorvaneBzip2::EndCompress(DataBuffer& out, LogBase& log, ProgressMonitor*) 
   return ok || fail(log, "bzip2 compression failed.");
 }
 
-bool MorvaneBzip2::DecompressStream(_mvDataSource& source, _mvOutput& out, LogBase& log, ProgressMonitor* pm) {
+bool MorvaneBzip2::DecompressStream(_mvDataSource& source, _mvOutput& out, LogBase& log,
+                                    ProgressMonitor* pm) {
   constexpr unsigned kOut = 2 * kBuffer;
   const std::unique_ptr<char[]> buffer(new (std::nothrow) char[kOut]);
   if (!buffer) return fail(log, "Out of memory for bzip2 decompression.");
@@ -127,7 +128,8 @@ bool MorvaneBzip2::DecompressStream(_mvDataSource& source, _mvOutput& out, LogBa
     }
     if (!inStream) {
       stream = bz_stream{};
-      if (BZ2_bzDecompressInit(&stream, 0, 0) != BZ_OK) return fail(log, "Out of memory for bzip2 decompression.");
+      if (BZ2_bzDecompressInit(&stream, 0, 0) != BZ_OK)
+        return fail(log, "Out of memory for bzip2 decompression.");
       inStream = true;
       bytesOfStream = 0;
     }
@@ -147,7 +149,7 @@ bool MorvaneBzip2::DecompressStream(_mvDataSource& source, _mvOutput& out, LogBa
                                                     : "The bzip2 data are damaged.");
     }
     const unsigned produced = kOut - stream.avail_out;
-    if (produced > 0 && !out.writeBytesPM(buffer.get(), produced, pm, log)) return false;
+    if (!writeDecoded(out, buffer.get(), produced, pm, log)) return false;
     if (state == BZ_STREAM_END) {
       endStream();
       ++streams;

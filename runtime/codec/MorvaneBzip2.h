@@ -25,9 +25,9 @@ class MORVANE_API MorvaneBzip2 {
   bool MoreCompress(const DataBuffer& in, DataBuffer& out, LogBase& log, ProgressMonitor* pm);
   bool EndCompress(DataBuffer& out, LogBase& log, ProgressMonitor* pm);
 
-  // Decompresses all consecutive bzip2 streams of the source (parallel compressors write many). Bytes behind the last
-  // complete stream that begin no other are ignored with a line in the log. False for damaged data, none at all, data
-  // that end inside a stream, or when the output refuses a write.
+  // Decompresses all consecutive bzip2 streams of the source (parallel compressors write many). Bytes behind
+  // the last complete stream that begin no other are ignored with a line in the log. False for damaged data,
+  // none at all, data that end inside a stream, or when the output refuses a write.
   bool DecompressStream(_mvDataSource& source, _mvOutput& out, LogBase& log, ProgressMonitor* pm);
 
  private:

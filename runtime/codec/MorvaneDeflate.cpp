@@ -6,8 +6,8 @@
 #include <new>
 
 #include "runtime/buffer/DataBuffer.h"
+#include "runtime/codec/DecodedOutput.h"
 #include "runtime/codec/InputWindow.h"
-#include "runtime/io/_mvOutput.h"
 
 namespace morvane {
 
@@ -86,7 +86,8 @@ bool MorvaneDeflate::BeginCompress(const DataBuffer& in, DataBuffer& out, LogBas
 }
 
 bool MorvaneDeflate::MoreCompress(const DataBuffer& in, DataBuffer& out, LogBase& log, ProgressMonitor*) {
-  if (m_compressor && m_compressor->begun && m_compressor->take(in.getData2(), in.getSize(), out)) return true;
+  if (m_compressor && m_compressor->begun && m_compressor->take(in.getData2(), in.getSize(), out))
+    return true;
   log.LogError("Deflate compression failed.");
   return false;
 }
@@ -99,8 +100,8 @@ bool MorvaneDeflate::EndCompress(DataBuffer& out, LogBase& log, ProgressMonitor*
   return ok;
 }
 
-bool MorvaneDeflate::inflateFromSourcePM(bool, _mvDataSource& source, _mvOutput& out, bool, ProgressMonitor* pm,
-                                         LogBase& log) {
+bool MorvaneDeflate::inflateFromSourcePM(bool, _mvDataSource& source, _mvOutput& out, bool,
+                                         ProgressMonitor* pm, LogBase& log) {
   constexpr unsigned kOut = 2 * kBuffer;
   const std::unique_ptr<char[]> buffer(new (std::nothrow) char[kOut]);
   z_stream stream{};
@@ -127,7 +128,7 @@ bool MorvaneDeflate::inflateFromSourcePM(bool, _mvDataSource& source, _mvOutput&
       return fail(log, "The deflate data are damaged.", stream);
     }
     const unsigned produced = kOut - stream.avail_out;
-    if (produced > 0 && !out.writeBytesPM(buffer.get(), produced, pm, log)) return false;
+    if (!writeDecoded(out, buffer.get(), produced, pm, log)) return false;
     roundsWithoutProgress = produced == 0 && stream.avail_in == hadIn ? roundsWithoutProgress + 1 : 0;
     if (roundsWithoutProgress == 2) return fail(log, "The deflate data make no progress.", stream);
   }

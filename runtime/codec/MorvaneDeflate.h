@@ -20,15 +20,16 @@ class MORVANE_API MorvaneDeflate {
   MorvaneDeflate(const MorvaneDeflate&) = delete;
   MorvaneDeflate& operator=(const MorvaneDeflate&) = delete;
 
-  // Begin, any number of More, End; each takes the whole input and appends what became ready of the output, which may
-  // be nothing: pieces are gathered inside. End brings out the rest. After a failure only Begin may follow.
+  // Begin, any number of More, End; each takes the whole input and appends what became ready of the output,
+  // which may be nothing: pieces are gathered inside. End brings out the rest. After a failure only Begin may
+  // follow.
   bool BeginCompress(const DataBuffer& in, DataBuffer& out, LogBase& log, ProgressMonitor* pm);
   bool MoreCompress(const DataBuffer& in, DataBuffer& out, LogBase& log, ProgressMonitor* pm);
   bool EndCompress(DataBuffer& out, LogBase& log, ProgressMonitor* pm);
 
-  // Inflates the deflate stream at the source's position into the output. Stops behind the stream's last byte when
-  // the source lends its bytes (canLend); another source may be left further on. False for damaged data, data that
-  // end before the stream does, or when the output refuses a write. The flags have no meaning here.
+  // Inflates the deflate stream at the source's position into the output. Stops behind the stream's last byte
+  // when the source lends its bytes (canLend); another source may be left further on. False for damaged data,
+  // data that end before the stream does, or when the output refuses a write. The flags have no meaning here.
   static bool inflateFromSourcePM(bool, _mvDataSource& source, _mvOutput& out, bool, ProgressMonitor* pm,
                                   LogBase& log);
 

@@ -81,7 +81,8 @@ void ClsBase::logMorvaneVersion(LogBase& log) { log.LogData("morvaneVersion", MO
 
 void ClsBase::appendToDebugLogFile() {
   if (m_debugLogFilePath.isEmpty()) return;
-  OsFile opened(osOpen(m_debugLogFilePath.getUtf8(), O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK | O_NOCTTY, 0666));
+  OsFile opened(
+      osOpen(m_debugLogFilePath.getUtf8(), O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK | O_NOCTTY, 0666));
   if (!opened.isOpen()) return;
   const std::unique_ptr<OutputFile> file(OutputFile::adopt(std::move(opened), m_debugLogFilePath.getUtf8()));
   if (!file) return;

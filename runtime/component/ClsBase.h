@@ -1,8 +1,8 @@
-// The common base of the library's public classes: log, lock, progress settings, and the frame of public methods
-// (runtime/component/MethodFrame.h).
+// The common base of the library's public classes: log, lock, progress settings, and the frame of public
+// methods (runtime/component/MethodFrame.h).
 //
-// Threads: one object may be used from several. Public methods and string properties hold the object's lock for their
-// whole run; scalar properties are read and written without it.
+// Threads: one object may be used from several. Public methods and string properties hold the object's lock
+// for their whole run; scalar properties are read and written without it.
 #pragma once
 
 #include "runtime/base/Export.h"
@@ -22,12 +22,13 @@ class MORVANE_API ClsBase : public MorvaneCritSec {
   virtual ~ClsBase();
 
   virtual void _toString(XString& out);  // the class's name
-  // Put a line into the log as it stands: an info line, "text: true" or "text: false" / an error line, "tag: text".
+  // Put a line into the log as it stands: an info line, "text: true" or "text: false" / an error line, "tag:
+  // text".
   virtual void injectStatus(const char* text, bool ok);
   virtual void injectError(const char* tag, const char* text);
-  // Opt-in behaviour: words separated by commas, "Word" or "Word=value", case ignored; docs/options.md lists them.
-  // Each call replaces the whole set. A word that is not known, or whose value makes no sense, is named once by an
-  // error line in the log of the next method.
+  // Opt-in behaviour: words separated by commas, "Word" or "Word=value", case ignored; docs/options.md lists
+  // them. Each call replaces the whole set. A word that is not known, or whose value makes no sense, is named
+  // once by an error line in the log of the next method.
   virtual void put_UncommonOptions(XString& words);
   void put_UncommonOptions(const char* words);
   virtual bool get_VerboseLogging();
@@ -42,9 +43,9 @@ class MORVANE_API ClsBase : public MorvaneCritSec {
   // The log of the last public method; from a callback, that of the running one so far.
   void get_LogText(XString& out);
 
-  // How often, in milliseconds, an event is asked to abort inside a member's data. 0 switches off every check that
-  // depends on this setting: only the questions after a written member, in the counting pass and before writing
-  // remain. Default 100.
+  // How often, in milliseconds, an event is asked to abort inside a member's data. 0 switches off every check
+  // that depends on this setting: only the questions after a written member, in the counting pass and before
+  // writing remain. Default 100.
   int get_AbortCheckMs() const { return m_abortCheckMs; }
   void put_AbortCheckMs(int milliseconds) { m_abortCheckMs = milliseconds; }
   // What a whole job counts as in ProgressEvent::onProgress. Default 100.
@@ -56,7 +57,8 @@ class MORVANE_API ClsBase : public MorvaneCritSec {
   void logSuccessFailure(bool ok);
   void logMorvaneVersion(LogBase& log);
 
-  // The component's own log, for code that writes into the object as an output (see ClsTar's streaming operations).
+  // The component's own log, for code that writes into the object as an output (see ClsTar's streaming
+  // operations).
   _mvLogger& log() { return m_log; }
 
  protected:
@@ -66,7 +68,8 @@ class MORVANE_API ClsBase : public MorvaneCritSec {
   RelaxedAtomic<int> m_abortCheckMs = 100;
   RelaxedAtomic<int> m_percentScale = 100;
   XString m_uncommonOptions;
-  unsigned m_uncommonOptionsChanges = 0;  // counts, so that a derived class knows when to read the words again
+  unsigned m_uncommonOptionsChanges =
+      0;  // counts, so that a derived class knows when to read the words again
 
  private:
   friend class MethodFrame;

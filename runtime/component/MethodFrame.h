@@ -1,11 +1,13 @@
-// The frame that every public method runs in: lock, log context, work, verdict, context closed, lock released.
+// The frame that every public method runs in: lock, log context, work, verdict, context closed, lock
+// released.
 //
 //   bool ClsTar::VerifyTar(...) {
 //     return MethodFrame(*this, "VerifyTar").run(false, [&](MethodFrame& frame) { ...; return ok; });
 //   }
 //
-// Nothing thrown inside gets out: an exception is an error line and the failure value. A method called from a callback
-// of the same object, that is, while another one runs, returns its failure value at once and leaves the log alone.
+// Nothing thrown inside gets out: an exception is an error line and the failure value. A method called from a
+// callback of the same object, that is, while another one runs, returns its failure value at once and leaves
+// the log alone.
 #pragma once
 
 #include <exception>
@@ -17,9 +19,9 @@ namespace morvane {
 
 // How a method's context is opened and closed.
 enum class MethodForm {
-  Judged,         // ends with a success or failure line
-  Unjudged,       // ends without one
-  WithVersion,    // starts with the library's version line and ends without a success or failure line
+  Judged,       // ends with a success or failure line
+  Unjudged,     // ends without one
+  WithVersion,  // starts with the library's version line and ends without a success or failure line
 };
 
 class MORVANE_API MethodFrame {

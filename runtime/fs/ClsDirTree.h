@@ -1,14 +1,15 @@
-// Walks a directory tree, depth first: a directory before its contents, the names of one directory in the order of
-// their bytes, the base directory itself not among them. Symbolic links are entries, never entered; only the base may
-// be one.
+// Walks a directory tree, depth first: a directory before its contents, the names of one directory in the
+// order of their bytes, the base directory itself not among them. Symbolic links are entries, never entered;
+// only the base may be one.
 //
 //   std::unique_ptr<ClsDirTree> tree(ClsDirTree::createNewCls());
 //   tree->put_BaseDir("src");
 //   tree->put_Recurse(true);
-//   for (bool ok = tree->beginIterate(log); ok && !tree->get_DoneIterating(); ok = tree->advancePosition(log)) { ... }
+//   for (bool ok = tree->beginIterate(log); ok && !tree->get_DoneIterating(); ok =
+//   tree->advancePosition(log)) { ... }
 //
-// Memory: the names of the directories on the way to the current entry. Open files: some dozens, however deep. Neither
-// depth nor the length of a path is limited. One walk at a time, on one thread.
+// Memory: the names of the directories on the way to the current entry. Open files: some dozens, however
+// deep. Neither depth nor the length of a path is limited. One walk at a time, on one thread.
 #pragma once
 
 #include <string>
@@ -29,11 +30,12 @@ class MORVANE_API ClsDirTree {
   void put_BaseDir(const XString& dir);
   void put_Recurse(bool recurse) { m_recurse = recurse; }
 
-  // Reads the base directory and stands on the first entry. False, with the reason in the log, when it cannot be read.
+  // Reads the base directory and stands on the first entry. False, with the reason in the log, when it cannot
+  // be read.
   bool beginIterate(LogBase& log);
   bool get_DoneIterating() const { return m_levels.empty(); }
-  // Goes on to the next entry, into the current one when that is a directory. False, with the name in the log, when a
-  // directory on the way cannot be read; the walk is then over.
+  // Goes on to the next entry, into the current one when that is a directory. False, with the name in the
+  // log, when a directory on the way cannot be read; the walk is then over.
   bool advancePosition(LogBase& log);
 
   // Of the current entry. A symbolic link counts as a directory when it points at one.
@@ -47,8 +49,8 @@ class MORVANE_API ClsDirTree {
   int currentDirectory() const { return m_levels.back().directory.fd(); }
   const char* currentName() const;
 
-  // Reads the current directory now instead of when the walk enters it, to know beforehand whether that works. After
-  // a failure, which is logged, the walk passes the directory by.
+  // Reads the current directory now instead of when the walk enters it, to know beforehand whether that
+  // works. After a failure, which is logged, the walk passes the directory by.
   bool prepareToEnter(LogBase& log);
 
  private:

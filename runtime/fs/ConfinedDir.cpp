@@ -19,7 +19,8 @@ namespace {
 constexpr int kPathOnly = O_PATH | O_DIRECTORY | O_CLOEXEC;
 constexpr int kTriesWhileChanging = 8;
 
-// False for a path that must be refused: absolute, or with a ".." part or a NUL. Empty parts and "." are left out.
+// False for a path that must be refused: absolute, or with a ".." part or a NUL. Empty parts and "." are left
+// out.
 bool splitParts(std::string_view path, std::vector<std::string>& parts) {
   if (path.find('\0') != std::string_view::npos || (!path.empty() && path.front() == '/')) return false;
   for (size_t start = 0; start < path.size();) {
@@ -111,7 +112,8 @@ ConfinedDir::Result ConfinedDir::clearTheWay(const std::string& leaf, LogBase& l
   }
   if (isProtected(status)) return Result::Refused;
   const bool isDirectory = S_ISDIR(status.st_mode);
-  if (unlinkat(m_parent.fd(), leaf.c_str(), isDirectory ? AT_REMOVEDIR : 0) == 0 || errno == ENOENT) return Result::Ok;
+  if (unlinkat(m_parent.fd(), leaf.c_str(), isDirectory ? AT_REMOVEDIR : 0) == 0 || errno == ENOENT)
+    return Result::Ok;
   if (isDirectory && (errno == ENOTEMPTY || errno == EEXIST)) return Result::Refused;
   return failed("Failed to remove what is in the way.", {leaf}, log);
 }
@@ -155,8 +157,8 @@ ConfinedDir::Result ConfinedDir::openParent(const Parts& parts, LogBase& log) {
   return walkToParent(parts, log);
 }
 
-// Part by part from the target on, making what is missing. A link on the way is passed only as the kernel resolves it
-// beneath the target.
+// Part by part from the target on, making what is missing. A link on the way is passed only as the kernel
+// resolves it beneath the target.
 ConfinedDir::Result ConfinedDir::walkToParent(const Parts& parts, LogBase& log) {
   OsFile reached(openat(m_target.fd(), ".", kPathOnly));
   for (size_t i = 0; reached.isOpen() && i < parts.size(); ++i) {

@@ -1,8 +1,8 @@
 // Files and directories created beneath one directory, and nowhere else.
 //
-// The target is opened once. Every parent is resolved by the kernel beneath it (openat2), every file made exclusively,
-// so there is no moment between looking and using in which a link could be slipped in. Where the kernel has no
-// openat2, parents are opened part by part and no link is passed at all.
+// The target is opened once. Every parent is resolved by the kernel beneath it (openat2), every file made
+// exclusively, so there is no moment between looking and using in which a link could be slipped in. Where the
+// kernel has no openat2, parents are opened part by part and no link is passed at all.
 #pragma once
 
 #include <string>
@@ -20,7 +20,8 @@ class ConfinedDir {
   enum class Links { InsideTarget, None };
   enum class Result { Ok, Refused, Failed };
 
-  // Opens the target, which is made first when it is missing. Links in the target's own path are the caller's choice.
+  // Opens the target, which is made first when it is missing. Links in the target's own path are the caller's
+  // choice.
   bool open(const char* target, Links links, LogBase& log);
   bool isOpen() const { return m_target.isOpen(); }
   // A file that must not be replaced: the archive being read.
@@ -28,11 +29,12 @@ class ConfinedDir {
   // For tests of the way that old kernels get.
   void withoutOpenat2() { m_partByPart = true; }
 
-  // Makes an empty file for writing, its missing parents first. What was there is removed, a link or FIFO as itself;
-  // a full directory and the protected file are refused. The path is relative, its parts separated by "/".
+  // Makes an empty file for writing, its missing parents first. What was there is removed, a link or FIFO as
+  // itself; a full directory and the protected file are refused. The path is relative, its parts separated by
+  // "/".
   Result createFile(std::string_view path, OsFile& file, LogBase& log);
-  // Makes a directory, its missing parents first. A directory that is there stays; so does a link to one inside the
-  // target where links are allowed; anything else is removed.
+  // Makes a directory, its missing parents first. A directory that is there stays; so does a link to one
+  // inside the target where links are allowed; anything else is removed.
   Result makeDirectory(std::string_view path, LogBase& log);
 
  private:

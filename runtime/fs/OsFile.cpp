@@ -17,8 +17,8 @@ namespace {
 
 constexpr int kOpenSource = O_RDONLY | O_NONBLOCK | O_NOCTTY;
 
-// Calls system(directory, rest) for a path. A path that the kernel would refuse for its length is walked down first,
-// as many whole parts at a time as it takes.
+// Calls system(directory, rest) for a path. A path that the kernel would refuse for its length is walked down
+// first, as many whole parts at a time as it takes.
 template <class Call>
 int onPath(const char* path, Call call) {
   size_t length = std::strlen(path);

@@ -1,7 +1,8 @@
-// The operating system's files behind owned descriptors. Everything else in the library goes through this folder.
+// The operating system's files behind owned descriptors. Everything else in the library goes through this
+// folder.
 //
-// Operations return what the system call returned and leave the reason in errno; interpreting and logging it is the
-// caller's. Paths may be longer than PATH_MAX: such a path is walked down directory by directory.
+// Operations return what the system call returned and leave the reason in errno; interpreting and logging it
+// is the caller's. Paths may be longer than PATH_MAX: such a path is walked down directory by directory.
 #pragma once
 
 #include <sys/stat.h>

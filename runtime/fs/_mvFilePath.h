@@ -12,8 +12,8 @@ struct MORVANE_API _mvFilePath {
   static void CombineDirAndFilepath(const XString& dir, const XString& relative, XString& out);
   // The part after the last "/".
   static void GetFinalFilenamePart(const XString& path, XString& out);
-  // The form of a path that the system accepts for long paths. Here that is the path itself: the file services take
-  // paths of any length.
+  // The form of a path that the system accepts for long paths. Here that is the path itself: the file
+  // services take paths of any length.
   static void buildLongPath(const XString& path, XString& out);
 };
 

@@ -10,8 +10,9 @@ namespace morvane {
 
 class LogBase;
 
-// A symbolic link is described as itself: its flag set and size 0, for it has no data to archive; only the directory
-// flag is that of what it points at (false when it points nowhere, which is no error). Only regular files have a size.
+// A symbolic link is described as itself: its flag set and size 0, for it has no data to archive; only the
+// directory flag is that of what it points at (false when it points nowhere, which is no error). Only regular
+// files have a size.
 struct MORVANE_API mvFileInfo {
   bool m_isDirectory = false;
   bool m_isSymbolicLink = false;
@@ -20,7 +21,8 @@ struct MORVANE_API mvFileInfo {
   long long m_size = 0;
   MorvaneFileTime m_lastModified;
   MorvaneFileTime m_lastAccess;
-  MorvaneFileTime m_creation;  // Linux keeps none that is portable; the time of the last status change stands in
+  MorvaneFileTime
+      m_creation;  // Linux keeps none that is portable; the time of the last status change stands in
   unsigned long long m_device = 0;
   unsigned long long m_inode = 0;
 

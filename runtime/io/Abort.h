@@ -11,7 +11,8 @@ inline bool logAborted(LogBase& log) {
   return false;
 }
 
-// True, with its line in the log, when a wait broken by a signal is to end. Without a monitor the wait goes on.
+// True, with its line in the log, when a wait broken by a signal is to end. Without a monitor the wait goes
+// on.
 inline bool endsWait(ProgressMonitor* pm, LogBase& log) {
   if (!pm || !pm->abortCheck(log)) return false;
   logAborted(log);

@@ -10,6 +10,8 @@ class MORVANE_API OutputDataBuffer : public _mvOutput {
   explicit OutputDataBuffer(DataBuffer& buffer) : m_buffer(buffer) {}
   bool _writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log) override;
   long long ftell64() override;
+  // Room for n more bytes in one allocation; without it the buffer grows as bytes come.
+  void reserveMore(unsigned n);
 
  private:
   DataBuffer& m_buffer;

@@ -56,7 +56,8 @@ bool OutputFile::_writeBytes(const char* bytes, unsigned int n, _mvIoParams& io,
   return true;
 }
 
-// The next larger buffer, if there is one; false when there is no memory, and the bytes then pass the buffer by.
+// The next larger buffer, if there is one; false when there is no memory, and the bytes then pass the buffer
+// by.
 bool OutputFile::makeBuffer() {
   const unsigned capacity = m_capacity == 0 ? kSmallBuffer : kLargeBuffer;
   if (capacity <= m_capacity) return true;

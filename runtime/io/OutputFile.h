@@ -1,8 +1,8 @@
 // A file being written, behind a buffer of its own.
 //
-// Small writes are gathered, large ones pass the buffer by. Every error is sticky: after the first, all later writes
-// fail. Data may still be in the buffer, or refused by the system as late as at close, so a result counts only after
-// flush() or closeHandle() said so; the destructor closes but cannot report.
+// Small writes are gathered, large ones pass the buffer by. Every error is sticky: after the first, all later
+// writes fail. Data may still be in the buffer, or refused by the system as late as at close, so a result
+// counts only after flush() or closeHandle() said so; the destructor closes but cannot report.
 #pragma once
 
 #include <memory>
@@ -18,8 +18,8 @@ struct mvFileInfo;
 
 class MORVANE_API OutputFile : public _mvOutput {
  public:
-  // Creates or truncates the file (mode 0666 less the umask), following a symbolic link, never waiting for the reader
-  // of a FIFO. Null, with the reason in the log, on failure. The caller deletes the result.
+  // Creates or truncates the file (mode 0666 less the umask), following a symbolic link, never waiting for
+  // the reader of a FIFO. Null, with the reason in the log, on failure. The caller deletes the result.
   static OutputFile* createFileUtf8(const char* path, LogBase& log);
   // Takes over an open descriptor; `path` is what messages call it. Null when there is no memory.
   static OutputFile* adopt(OsFile file, const char* path);
@@ -34,12 +34,12 @@ class MORVANE_API OutputFile : public _mvOutput {
   bool getFileInfo(mvFileInfo& info) const;
 
   bool flush(ProgressMonitor* pm, LogBase& log);
-  // Flushes and closes; true when every byte written so far arrived. `log` may be null. Closing again repeats the
-  // first answer.
+  // Flushes and closes; true when every byte written so far arrived. `log` may be null. Closing again repeats
+  // the first answer.
   bool closeHandle(LogBase* log = nullptr);
 
-  // The last-modified time / all three times (Linux has no settable creation time), through the descriptor while the
-  // file is open, else through its path. A failure is logged.
+  // The last-modified time / all three times (Linux has no settable creation time), through the descriptor
+  // while the file is open, else through its path. A failure is logged.
   bool setFileTimeUtc(const MorvaneFileTime& modification, LogBase* log);
   bool setFileTimeUtc_3(const MorvaneFileTime& creation, const MorvaneFileTime& access,
                         const MorvaneFileTime& modification, LogBase& log);

@@ -45,7 +45,8 @@ void _mvDataSource::takeBack(unsigned) {}
 
 bool _mvDataSource::peekBytes(unsigned, const char*&, unsigned&, ProgressMonitor*, LogBase&) { return false; }
 
-bool _mvDataSource::readFully(char* buffer, unsigned n, unsigned& numRead, ProgressMonitor* pm, LogBase& log) {
+bool _mvDataSource::readFully(char* buffer, unsigned n, unsigned& numRead, ProgressMonitor* pm,
+                              LogBase& log) {
   numRead = 0;
   while (numRead < n) {
     unsigned got = 0;

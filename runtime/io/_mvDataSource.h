@@ -1,10 +1,11 @@
 // A place bytes come from, with a current position.
 //
-// An application may derive its own. readSourcePM is all it must supply: such a source is read from where it stands
-// and skipped forward by reading. One that also knows where it stands (ftell64) is moved by fseekAbsolute64 instead.
+// An application may derive its own. readSourcePM is all it must supply: such a source is read from where it
+// stands and skipped forward by reading. One that also knows where it stands (ftell64) is moved by
+// fseekAbsolute64 instead.
 //
-// Ownership: a source handed to a method is never owned by it and must outlive the call. Threads: one reader at a
-// time. Failure: false, with one error line already in `log`.
+// Ownership: a source handed to a method is never owned by it and must outlive the call. Threads: one reader
+// at a time. Failure: false, with one error line already in `log`.
 #pragma once
 
 #include "runtime/base/Export.h"
@@ -22,8 +23,9 @@ class MORVANE_API _mvDataSource {
   _mvDataSource& operator=(const _mvDataSource&) = delete;
   virtual ~_mvDataSource();
 
-  // Reads up to n bytes and sets numRead. Fewer than n, or none, means the end of the data (a derived source may also
-  // return fewer before the end). Reports what it read to the monitor, which may be null; an abort is a failure.
+  // Reads up to n bytes and sets numRead. Fewer than n, or none, means the end of the data (a derived source
+  // may also return fewer before the end). Reports what it read to the monitor, which may be null; an abort
+  // is a failure.
   virtual bool readSourcePM(char* buffer, unsigned int n, unsigned int& numRead, ProgressMonitor* pm,
                             LogBase& log) = 0;
   // True once the source is exhausted.
@@ -36,20 +38,22 @@ class MORVANE_API _mvDataSource {
   // Bytes from position 0 to the end, -1 when not known.
   virtual long long sizeIfKnown();
 
-  // Lends up to `most` bytes (at least 1 unless at the end) that lie ready in memory and moves past them, instead of
-  // copying them out; they stay valid until the next operation. Sources that hold no bytes say false to canLend().
+  // Lends up to `most` bytes (at least 1 unless at the end) that lie ready in memory and moves past them,
+  // instead of copying them out; they stay valid until the next operation. Sources that hold no bytes say
+  // false to canLend().
   virtual bool canLend();
   virtual bool lendBytes(unsigned most, const char*& bytes, unsigned& n, ProgressMonitor* pm, LogBase& log);
   // The last n bytes that were lent were not used; they are lent or read again.
   virtual void takeBack(unsigned n);
-  // Shows the next bytes, up to n of at most 512, without moving past them; fewer only at the end. False when the
-  // source cannot.
+  // Shows the next bytes, up to n of at most 512, without moving past them; fewer only at the end. False when
+  // the source cannot.
   virtual bool peekBytes(unsigned n, const char*& bytes, unsigned& got, ProgressMonitor* pm, LogBase& log);
 
   // Reads n bytes; fewer only at the end of the data, whatever pieces the source gives.
-  [[nodiscard]] bool readFully(char* buffer, unsigned n, unsigned& numRead, ProgressMonitor* pm, LogBase& log);
-  // Copies exactly n bytes to an output. False if the source ends early, the output fails or the monitor aborts. The
-  // second form streams through the caller's buffer and allocates nothing.
+  [[nodiscard]] bool readFully(char* buffer, unsigned n, unsigned& numRead, ProgressMonitor* pm,
+                               LogBase& log);
+  // Copies exactly n bytes to an output. False if the source ends early, the output fails or the monitor
+  // aborts. The second form streams through the caller's buffer and allocates nothing.
   [[nodiscard]] bool copyNToOutputPM(_mvOutput& out, long long n, ProgressMonitor* pm, LogBase& log);
   [[nodiscard]] bool copyNToOutput2PM(_mvOutput& out, long long n, char* buffer, unsigned bufferSize,
                                       ProgressMonitor* pm, LogBase& log);

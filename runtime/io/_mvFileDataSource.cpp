@@ -103,13 +103,13 @@ bool _mvFileDataSource::endOfStream() {
 }
 
 // One read that moves at least a byte unless the data end; `got` 0 is the end.
-bool _mvFileDataSource::readSystem(char* buffer, unsigned n, unsigned& got, ProgressMonitor* pm, LogBase& log) {
+bool _mvFileDataSource::readSystem(char* buffer, unsigned n, unsigned& got, ProgressMonitor* pm,
+                                   LogBase& log) {
   got = 0;
   if (m_endAt >= 0) n = static_cast<unsigned>(std::clamp<long long>(m_endAt - m_systemAt, 0, n));
   if (n == 0 || (m_sizeSeen >= 0 && m_atEnd)) return true;
   while (true) {
-    const ssize_t read =
-        m_seekable ? m_file.readSomeAt(buffer, n, m_systemAt) : m_file.readSome(buffer, n);
+    const ssize_t read = m_seekable ? m_file.readSomeAt(buffer, n, m_systemAt) : m_file.readSome(buffer, n);
     if (read >= 0) {
       m_atEnd = read == 0;
       got = static_cast<unsigned>(read);
@@ -185,7 +185,8 @@ bool _mvFileDataSource::readSourcePM(char* buffer, unsigned int n, unsigned int&
   return mayGoOn(numRead, pm, log);
 }
 
-bool _mvFileDataSource::peekBytes(unsigned n, const char*& bytes, unsigned& got, ProgressMonitor* pm, LogBase& log) {
+bool _mvFileDataSource::peekBytes(unsigned n, const char*& bytes, unsigned& got, ProgressMonitor* pm,
+                                  LogBase& log) {
   if (m_failed || !makeWindow(log)) return false;
   // A pipe may give its first bytes in small pieces: gather them at the window's start.
   if (m_windowAt > 0) {

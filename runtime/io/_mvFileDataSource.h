@@ -1,8 +1,8 @@
 // A source over a file, a pipe or a device.
 //
-// It reads ahead while what is asked for lies close together and reads little after a long jump, so that walking an
-// archive of small members costs few system calls and one of large members few bytes. A pipe cannot be moved back;
-// it is moved forward by reading.
+// It reads ahead while what is asked for lies close together and reads little after a long jump, so that
+// walking an archive of small members costs few system calls and one of large members few bytes. A pipe
+// cannot be moved back; it is moved forward by reading.
 #pragma once
 
 #include <memory>
@@ -23,8 +23,8 @@ class MORVANE_API _mvFileDataSource : public _mvDataSource {
   // Takes over an open descriptor and reads on from where it stands; `path` is what messages call it.
   bool adopt(OsFile file, const char* path, LogBase& log);
 
-  // The same for a regular file to be copied whole, whose size was `sizeSeen` when it was opened. The copy ends where
-  // the file ends when its reading begins, however fast it grows.
+  // The same for a regular file to be copied whole, whose size was `sizeSeen` when it was opened. The copy
+  // ends where the file ends when its reading begins, however fast it grows.
   void adoptForCopy(OsFile file, const char* path, long long sizeSeen);
   void close() { m_file.close(); }
 
@@ -55,10 +55,10 @@ class MORVANE_API _mvFileDataSource : public _mvDataSource {
   bool m_seekable = false;
   bool m_failed = false;
   bool m_atEnd = false;
-  long long m_position = 0;    // of the next byte handed out
-  long long m_systemAt = 0;    // of the next byte the system will give
-  long long m_endAt = -1;      // -1: where the file ends
-  long long m_sizeSeen = -1;   // of a file to be copied whole
+  long long m_position = 0;   // of the next byte handed out
+  long long m_systemAt = 0;   // of the next byte the system will give
+  long long m_endAt = -1;     // -1: where the file ends
+  long long m_sizeSeen = -1;  // of a file to be copied whole
   std::unique_ptr<char[]> m_window;
   unsigned m_windowAt = 0, m_windowEnd = 0;  // the bytes of the window not handed out yet
   unsigned m_readAhead = 0;

@@ -26,15 +26,16 @@ bool _mvMemoryDataSource::lendBytes(unsigned most, const char*& bytes, unsigned&
   return !pm || !(pm->abortCheckTimed(log) || pm->consumeProgress(n, log)) || logAborted(log);
 }
 
-bool _mvMemoryDataSource::readSourcePM(char* buffer, unsigned int n, unsigned int& numRead, ProgressMonitor* pm,
-                                       LogBase& log) {
+bool _mvMemoryDataSource::readSourcePM(char* buffer, unsigned int n, unsigned int& numRead,
+                                       ProgressMonitor* pm, LogBase& log) {
   const char* bytes = nullptr;
   if (!lendBytes(n, bytes, numRead, pm, log)) return false;
   if (numRead > 0) std::memcpy(buffer, bytes, numRead);
   return true;
 }
 
-bool _mvMemoryDataSource::peekBytes(unsigned n, const char*& bytes, unsigned& got, ProgressMonitor*, LogBase&) {
+bool _mvMemoryDataSource::peekBytes(unsigned n, const char*& bytes, unsigned& got, ProgressMonitor*,
+                                    LogBase&) {
   got = available(n);
   bytes = got > 0 ? m_bytes + m_position : nullptr;
   return true;

@@ -1,7 +1,8 @@
 // A place bytes go. The class itself accepts and discards everything; a derived class supplies _writeBytes.
 //
-// Ownership: an output handed to a method is never owned by it and must outlive the call. Threads: one writer at a
-// time. Failure: false, with one error line already in `log`; after it the output may be closed but not used.
+// Ownership: an output handed to a method is never owned by it and must outlive the call. Threads: one writer
+// at a time. Failure: false, with one error line already in `log`; after it the output may be closed but not
+// used.
 #pragma once
 
 #include "runtime/base/Export.h"
@@ -36,8 +37,8 @@ class MORVANE_API _mvOutput {
   virtual bool fseekAbsolute64(long long position, LogBase& log);
   virtual long long ftell64();
   virtual bool resetOutput(LogBase& log);
-  // Called once after the last byte of a job that succeeded so far; false makes the job fail. An output that holds
-  // bytes back lets them go here.
+  // Called once after the last byte of a job that succeeded so far; false makes the job fail. An output that
+  // holds bytes back lets them go here.
   virtual bool announceOutputFinished(LogBase& log);
 
   virtual ~_mvOutput();

@@ -3,10 +3,10 @@
 #include <cstring>
 #include <string>
 
+#include "runtime/base/Ticks.h"
 #include "runtime/log/LogText.h"
 #include "runtime/text/StringBuffer.h"
 #include "runtime/text/XString.h"
-#include "runtime/base/Ticks.h"
 
 namespace morvane {
 

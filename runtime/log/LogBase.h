@@ -1,7 +1,8 @@
 // What a component writes its log into: nested named contexts with data lines, info lines and error lines.
 //
-// Contexts cost next to nothing until something is written inside them: entering one only remembers its name, and the
-// name is put down with the first line. Callers test verbose() before they write, or build, optional detail.
+// Contexts cost next to nothing until something is written inside them: entering one only remembers its name,
+// and the name is put down with the first line. Callers test verbose() before they write, or build, optional
+// detail.
 #pragma once
 
 #include <vector>
@@ -27,8 +28,8 @@ class MORVANE_API LogBase {
   void LogError(const char* text) { writeText(text); }
   void LogInfo(const char* text) { writeText(text); }
 
-  // One data line, "tag: value". Control characters in a value are written as C escapes, so that a value can neither
-  // end its line nor forge another.
+  // One data line, "tag: value". Control characters in a value are written as C escapes, so that a value can
+  // neither end its line nor forge another.
   void LogData(const char* tag, const char* value);
   void LogDataX(const char* tag, const XString& value);
   void LogDataSb(const char* tag, const StringBuffer& value);

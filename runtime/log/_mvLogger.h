@@ -1,7 +1,7 @@
 // The log that keeps its text: a component's own.
 //
-// Of a log over 1 MiB the first and the last 512 KiB are kept, with a line between them that says how much was left
-// out; a run over millions of members thus keeps its beginning and its verdict.
+// Of a log over 1 MiB the first and the last 512 KiB are kept, with a line between them that says how much
+// was left out; a run over millions of members thus keeps its beginning and its verdict.
 #pragma once
 
 #include <string>

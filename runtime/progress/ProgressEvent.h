@@ -1,8 +1,8 @@
 // What an application derives from to follow a call and to stop it.
 //
-// Every operation has an empty body. Callbacks run on the thread that made the call, with the object's recursive lock
-// held: any property of the object may be read and set from them; a working method of the same object is refused. A
-// callback that throws fails the call, and nothing escapes it.
+// Every operation has an empty body. Callbacks run on the thread that made the call, with the object's
+// recursive lock held: any property of the object may be read and set from them; a working method of the same
+// object is refused. A callback that throws fails the call, and nothing escapes it.
 #pragma once
 
 #include "runtime/base/Export.h"
@@ -18,15 +18,16 @@ class MORVANE_API ProgressEvent {
   ProgressEvent& operator=(const ProgressEvent&) = default;
   virtual ~ProgressEvent();
 
-  // Asked now and then; setting `abort` to true ends the call as a failure. How often it is asked inside one member's
-  // data is ClsBase's AbortCheckMs.
+  // Asked now and then; setting `abort` to true ends the call as a failure. How often it is asked inside one
+  // member's data is ClsBase's AbortCheckMs.
   virtual void onAbortCheck(bool& abort);
-  // `percent` runs from 0 to ClsBase's PercentScale and never decreases. Sent only when the total work is known.
+  // `percent` runs from 0 to ClsBase's PercentScale and never decreases. Sent only when the total work is
+  // known.
   virtual void onProgress(int percent, bool& abort);
   // A named piece of information, both texts UTF-8 and valid during the call.
   virtual void onInfo(const char* name, const char* value);
-  // Sent before a file or directory is added to an archive (path: its local path) and before an entry is extracted
-  // (path: where it will be written). Setting `skip` to true leaves it out.
+  // Sent before a file or directory is added to an archive (path: its local path) and before an entry is
+  // extracted (path: where it will be written). Setting `skip` to true leaves it out.
   virtual void onTarEntry(const char* path, long long size, bool isDirectory, bool& skip);
   // Reading only: what the archive says of each member, sent before path rules, filters and onTarEntry.
   virtual void onTarHeader(const TarMemberInfo& member);

@@ -45,8 +45,7 @@ void ProgressMonitor::reportPercent(long long done) {
   __extension__ using Wide = __int128;
   const int percent = static_cast<int>(static_cast<Wide>(done) * m_percentScale / m_total);
   const Wide next = (static_cast<Wide>(percent + 1LL) * m_total + m_percentScale - 1) / m_percentScale;
-  m_nextReportAt =
-      static_cast<long long>(std::min<Wide>(next, std::numeric_limits<long long>::max()));
+  m_nextReportAt = static_cast<long long>(std::min<Wide>(next, std::numeric_limits<long long>::max()));
   if (percent <= m_lastPercent) return;
   m_lastPercent = percent;
   bool abort = false;

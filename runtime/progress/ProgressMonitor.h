@@ -1,7 +1,8 @@
-// Turns the work that a call does into events, and the application's wish to abort into a failure of the call.
+// Turns the work that a call does into events, and the application's wish to abort into a failure of the
+// call.
 //
-// A monitor exists only when the application gave an event sink; operations take a ProgressMonitor* that may be null.
-// The unit of work is the byte: reading counts the archive's bytes, writing those of the sources.
+// A monitor exists only when the application gave an event sink; operations take a ProgressMonitor* that may
+// be null. The unit of work is the byte: reading counts the archive's bytes, writing those of the sources.
 #pragma once
 
 #include <optional>

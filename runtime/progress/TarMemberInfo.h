@@ -6,9 +6,10 @@
 namespace morvane {
 
 struct TarMemberInfo {
-  const char* path = "";       // as stored, byte for byte, long-name and pax records merged in
-  const char* entryPath = "";  // UTF-8, after the path rules (slashes, Charset, NoAbsolutePaths, UntarDiscardPaths)
-  const char* linkPath = "";   // a pax or long one when there is one, else the header block's
+  const char* path = "";  // as stored, byte for byte, long-name and pax records merged in
+  const char* entryPath =
+      "";  // UTF-8, after the path rules (slashes, Charset, NoAbsolutePaths, UntarDiscardPaths)
+  const char* linkPath = "";  // a pax or long one when there is one, else the header block's
   const char* userName = "";
   const char* groupName = "";
   char typeFlag = '0';

@@ -1,7 +1,8 @@
 // Text of a named character set turned into UTF-8, through iconv.
 //
-// For utf-8 (the usual case) bytes are copied as they are. Of any other character set, bytes that do not convert are
-// kept as they are, so that two different names stay different. An unknown character set is read as UTF-8.
+// For utf-8 (the usual case) bytes are copied as they are. Of any other character set, bytes that do not
+// convert are kept as they are, so that two different names stay different. An unknown character set is read
+// as UTF-8.
 #pragma once
 
 #include <string>

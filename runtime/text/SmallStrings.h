@@ -11,7 +11,8 @@ inline const char* mvStrChr(const char* text, char c) { return std::strchr(text,
 inline const char* mvStrrChr(const char* text, char c) { return std::strrchr(text, c); }
 inline int mvStrCmp(const char* a, const char* b) { return std::strcmp(a, b); }
 inline char* mvStrCpy(char* to, const char* from) { return std::strcpy(to, from); }
-// Copies at most n bytes; the rest of the n bytes is filled with NUL, and there is no NUL when `from` has n or more.
+// Copies at most n bytes; the rest of the n bytes is filled with NUL, and there is no NUL when `from` has n
+// or more.
 inline char* mvStrNCpy(char* to, const char* from, unsigned n) {
   std::memset(to, 0, n);
   return static_cast<char*>(std::memcpy(to, from, ::strnlen(from, n)));
@@ -21,13 +22,13 @@ inline char* mvStrNCpy(char* to, const char* from, unsigned n) {
 // `overflowed`, when given, is then set.
 MORVANE_API unsigned mvUIntValue(const char* text, bool* overflowed = nullptr);
 
-// An unsigned value as exactly `width` octal digits followed by NUL. A value that needs more digits keeps its low
-// ones. The buffer holds width + 1 bytes.
+// An unsigned value as exactly `width` octal digits followed by NUL. A value that needs more digits keeps its
+// low ones. The buffer holds width + 1 bytes.
 MORVANE_API void mv_0o(unsigned value, unsigned width, char* buffer);
 
 struct MORVANE_API mv64 {
-  // The value in a radix from 2 to 16, lower case, NUL-terminated, without padding; negative values get a "-" in
-  // radix 10 and are taken as unsigned 64-bit in any other. The buffer holds 66 bytes. Returns the buffer.
+  // The value in a radix from 2 to 16, lower case, NUL-terminated, without padding; negative values get a "-"
+  // in radix 10 and are taken as unsigned 64-bit in any other. The buffer holds 66 bytes. Returns the buffer.
   static char* itoa(long long value, char* buffer, int radix);
 };
 

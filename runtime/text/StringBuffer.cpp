@@ -74,7 +74,9 @@ bool StringBuffer::appendN(const char* bytes, unsigned n) {
 
 void StringBuffer::clear() { std::string().swap(m_text); }
 
-bool StringBuffer::beginsWith(const char* text) const { return m_text.compare(0, std::strlen(text), text) == 0; }
+bool StringBuffer::beginsWith(const char* text) const {
+  return m_text.compare(0, std::strlen(text), text) == 0;
+}
 
 void StringBuffer::trim2() {
   m_text.erase(m_text.find_last_not_of(kWhiteSpace) + 1);

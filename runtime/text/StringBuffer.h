@@ -1,5 +1,5 @@
-// An 8-bit byte string, UTF-8 in this library. Bytes are kept as they are; a NUL byte inside counts in getSize() but
-// ends the text that getString() shows.
+// An 8-bit byte string, UTF-8 in this library. Bytes are kept as they are; a NUL byte inside counts in
+// getSize() but ends the text that getString() shows.
 //
 // Operations that build text return false when there is no memory for it and leave the old text unchanged.
 #pragma once
@@ -61,8 +61,8 @@ class MORVANE_API StringBuffer : public MorvaneObject {
   bool replaceFirstOccurance(const char* from, const char* to, bool ignoreCase);
   void replaceChar(char from, char to);
 
-  // Appends the parts between separators to the array. `skipEmpty` leaves empty parts out, `trimParts` trims each
-  // part first. Text without a separator is one part; empty text has no part.
+  // Appends the parts between separators to the array. `skipEmpty` leaves empty parts out, `trimParts` trims
+  // each part first. Text without a separator is one part; empty text has no part.
   bool split(ExtPtrArraySb& parts, char separator, bool skipEmpty, bool trimParts) const;
 
   unsigned long long heapUsage() const override;

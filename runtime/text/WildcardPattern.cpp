@@ -6,7 +6,8 @@
 
 namespace morvane {
 
-WildcardPattern::WildcardPattern(std::string_view pattern, bool caseSensitive) : m_caseSensitive(caseSensitive) {
+WildcardPattern::WildcardPattern(std::string_view pattern, bool caseSensitive)
+    : m_caseSensitive(caseSensitive) {
   const std::string text = caseSensitive ? std::string(pattern) : foldCase(pattern);
   const size_t firstStar = text.find('*');
   m_head = text.substr(0, firstStar);

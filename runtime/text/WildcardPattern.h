@@ -1,7 +1,8 @@
-// A whole-text wildcard pattern. Only "*" is special: it stands for any run of characters, none and "/" included.
+// A whole-text wildcard pattern. Only "*" is special: it stands for any run of characters, none and "/"
+// included.
 //
-// The pattern is cut at its stars once. Matching then looks for the pieces in order, each as far to the left as it
-// goes, so its cost grows with the text's length alone, however many stars there are.
+// The pattern is cut at its stars once. Matching then looks for the pieces in order, each as far to the left
+// as it goes, so its cost grows with the text's length alone, however many stars there are.
 #pragma once
 
 #include <string>

@@ -25,7 +25,8 @@ void XString::prependUtf8(const char* text) { m_utf8.insert(0, text); }
 
 void XString::appendAnsi(const char* text) {
   const char* codeset = nl_langinfo(CODESET);
-  // A program that never set its locale runs in "C"; its texts are in truth the system's, which is UTF-8 today.
+  // A program that never set its locale runs in "C"; its texts are in truth the system's, which is UTF-8
+  // today.
   const bool plainC = strcasecmp(codeset, "ANSI_X3.4-1968") == 0;
   appendFromEncoding(text, plainC ? "utf-8" : codeset);
 }

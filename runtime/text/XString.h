@@ -1,5 +1,5 @@
-// Text in any form, converted on demand. Inside it is UTF-8, and the bytes are kept as they were given: nothing is
-// dropped, replaced or normalised, so a file name that is no valid UTF-8 survives unchanged.
+// Text in any form, converted on demand. Inside it is UTF-8, and the bytes are kept as they were given:
+// nothing is dropped, replaced or normalised, so a file name that is no valid UTF-8 survives unchanged.
 #pragma once
 
 #include <string>
@@ -29,8 +29,8 @@ class MORVANE_API XString {
   void appendUtf8N(const char* text, unsigned n) { m_utf8.append(text, n); }  // exactly n bytes
   void prependUtf8(const char* text);
   void appendAnsi(const char* text);  // text in the character set of the process's locale
-  // Text in a named character set. What does not convert is kept byte for byte. False when the character set is
-  // unknown: the bytes are then taken as UTF-8.
+  // Text in a named character set. What does not convert is kept byte for byte. False when the character set
+  // is unknown: the bytes are then taken as UTF-8.
   bool appendFromEncoding(const char* bytes, const char* charsetName);
   void setFromSbUtf8(const StringBuffer& sb);
   void copyFromX(const XString& other) { m_utf8 = other.m_utf8; }

@@ -46,7 +46,8 @@ bool extractToFile(_mvDataSource& source, const XString& path, std::unique_ptr<O
       return false;
     }
   }
-  const bool copied = source.copyNToOutput2PM(*file, size, buffer, bufferSize, pm, log) && file->flush(pm, log);
+  const bool copied =
+      source.copyNToOutput2PM(*file, size, buffer, bufferSize, pm, log) && file->flush(pm, log);
   if (copied && log.verbose()) log.LogDataInt64("numBytesWritten", size);
   // Through the open file, between the last byte and the close: nobody can put another file in its place.
   if (times.modification) setTimes(*file, times, log);

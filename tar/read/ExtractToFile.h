@@ -19,9 +19,10 @@ struct MemberTimes {
   const MorvaneFileTime* modification = nullptr;
 };
 
-// Copies exactly `size` bytes from the source, which stands at the first of them, through the caller's buffer. `file`
-// is the new file, or null to have it made at `path`. The times are set also when the copy failed; the partly written
-// file stays. True when all data arrived on the disk. No mode, owner or group is applied.
+// Copies exactly `size` bytes from the source, which stands at the first of them, through the caller's
+// buffer. `file` is the new file, or null to have it made at `path`. The times are set also when the copy
+// failed; the partly written file stays. True when all data arrived on the disk. No mode, owner or group is
+// applied.
 bool extractToFile(_mvDataSource& source, const XString& path, std::unique_ptr<OutputFile> file,
                    const MemberTimes& times, long long size, char* buffer, unsigned bufferSize, LogBase& log,
                    ProgressMonitor* pm);

@@ -66,7 +66,8 @@ int ClsTar::UntarFromMemory(DataBuffer& tarBytes, ProgressEvent* progress) {
   });
 }
 
-int ClsTar::_untar(_mvDataSource& source, bool extract, LogBase& log, ProgressMonitor* pm, ProgressEvent* progress) {
+int ClsTar::_untar(_mvDataSource& source, bool extract, LogBase& log, ProgressMonitor* pm,
+                   ProgressEvent* progress) {
   UntarRun run({source, log, m_log, pm, progress, m_xmlListing}, readSettings(), extract);
   mvFileInfo archive;
   const auto* const file = dynamic_cast<const _mvFileDataSource*>(&source);
@@ -77,8 +78,8 @@ int ClsTar::_untar(_mvDataSource& source, bool extract, LogBase& log, ProgressMo
 bool ClsTar::extractToFile(_mvDataSource& source, const XString& path, const MorvaneFileTime* creation,
                            const MorvaneFileTime* access, const MorvaneFileTime* modification, long long size,
                            char* buffer, unsigned int bufferSize, LogBase& log, ProgressMonitor* pm) {
-  return morvane::extractToFile(source, path, nullptr, {creation, access, modification}, size, buffer, bufferSize, log,
-                                pm);
+  return morvane::extractToFile(source, path, nullptr, {creation, access, modification}, size, buffer,
+                                bufferSize, log, pm);
 }
 
 bool ClsTar::parsePaxExtendedHeader(const char* text, TarHeader& record, LogBase& log) {

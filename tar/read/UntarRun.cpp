@@ -37,7 +37,7 @@ UntarRun::UntarRun(const Context& context, ReadSettings settings, bool extract)
       m_log(context.log),
       m_settings(std::move(settings)),
       m_extract(extract && !m_settings.suppressOutput),
-      m_start(context.source.ftell64()) {}
+      m_cursor(context.source, context.pm, context.log) {}
 
 int UntarRun::run() {
   LogContextExitor context(m_log, "_untar");
@@ -99,9 +99,9 @@ UntarRun::Step UntarRun::nextEntry() {
     m_log.LogData("currentTypeFlag", typeText(typeFlag).c_str());
     m_log.LogDataInt64("size", m_current.m_size);
   }
-  const bool isExtension =
-      m_settings.options.fullRead ? FullExtensions::isRecord(typeFlag) || FullExtensions::isPassedOver(typeFlag)
-                                  : typeFlag == kTypePax || typeFlag == kTypeLongName;
+  const bool isExtension = m_settings.options.fullRead
+                               ? FullExtensions::isRecord(typeFlag) || FullExtensions::isPassedOver(typeFlag)
+                               : typeFlag == kTypePax || typeFlag == kTypeLongName;
   return isExtension ? handleExtension(typeFlag) : handleMember(typeFlag);
 }
 
@@ -113,7 +113,7 @@ bool UntarRun::readHeader(char& typeFlag) {
     return fail(merge ? "Failed to parse header from data source (1)"
                       : "Failed to parse header from data source (2)");
   }
-  m_sourceAt = saturatedSum(m_sourceAt, kBlockSize);
+  m_cursor.passed(kBlockSize);
   if (m_context.pm) m_context.pm->consumeProgress(kBlockSize, m_log);
   typeFlag = header.m_typeFlag;
   if (intoFollowing) {
@@ -141,8 +141,8 @@ UntarRun::Step UntarRun::handleExtension(char typeFlag) {
   return Step::GoOn;
 }
 
-// Reads the whole data of an extension record of 1 to 100,000 bytes as NUL-terminated text. `what` names the record in
-// the messages.
+// Reads the whole data of an extension record of 1 to 100,000 bytes as NUL-terminated text. `what` names the
+// record in the messages.
 bool UntarRun::readExtensionData(const char* what) {
   const long long size = m_current.m_size;
   if (size < 1 || size > kLongestExtension) {
@@ -158,7 +158,7 @@ bool UntarRun::readExtensionData(const char* what) {
   if (!m_context.source.readFully(text, n, numRead, m_context.pm, m_context.componentLog) || numRead < n) {
     return fail((std::string("Failed to read ") + what + ".").c_str());
   }
-  m_sourceAt = saturatedSum(m_sourceAt, size);
+  m_cursor.passed(size);
   text[n] = '\0';
   return true;
 }
@@ -195,7 +195,7 @@ UntarRun::Step UntarRun::takeFullExtension(char typeFlag) {
     fail("Failed to read extension data.");
     return Step::Fail;
   }
-  m_sourceAt = saturatedSum(m_sourceAt, size);
+  m_cursor.passed(size);
   const std::string_view bytes(reinterpret_cast<const char*>(data.getData2()), data.getSize());
   return m_extensions.take(typeFlag, bytes, m_log) ? Step::GoOn : Step::Fail;
 }
@@ -271,8 +271,11 @@ bool UntarRun::extractFile(bool& refused) {
   LogNull unwanted;
   std::unique_ptr<OutputFile> file;
   switch (m_target.createFile(m_path, m_settings, m_log.verbose() ? m_log : unwanted, m_log, file)) {
-    case ExtractTarget::Outcome::Ok: break;
-    case ExtractTarget::Outcome::Refused: refused = true; return true;
+    case ExtractTarget::Outcome::Ok:
+      break;
+    case ExtractTarget::Outcome::Refused:
+      refused = true;
+      return true;
     case ExtractTarget::Outcome::NoParent:
       return failWith("Failed to ensure directory exists.", "filePath", m_path.outputPath());
     case ExtractTarget::Outcome::NotCreated: {
@@ -290,25 +293,17 @@ bool UntarRun::extractFile(bool& refused) {
   if (m_current.m_atime != 0) times.access = &access;
   if (m_current.m_ctime != 0) times.creation = &creation;
   if (!file || !extractToFile(m_context.source, m_path.outputPath(), std::move(file), times, m_current.m_size,
-                     m_copyBuffer.get(), m_copyBufferSize, m_log, m_context.pm)) {
+                              m_copyBuffer.get(), m_copyBufferSize, m_log, m_context.pm)) {
     return failWith("Failed to extract to file.", "filePath", m_path.outputPath());
   }
-  m_sourceAt = saturatedSum(m_sourceAt, m_current.m_size);
+  m_cursor.passed(m_current.m_size);
   return true;
 }
 
-// Moves the source to a position of the archive. Where that fails, the next header cannot be read, and that is said.
+// Moves on to the header at a position of the archive.
 void UntarRun::passOver(long long upTo) {
-  const long long skipped = upTo - m_sourceAt;
   m_filePosition = upTo;
-  m_sourceAt = upTo;
-  if (skipped == 0) return;
-  if (m_start < 0) {
-    (void)m_context.source.skipByReading(skipped, m_context.pm, m_log);
-    return;
-  }
-  m_context.source.fseekAbsolute64(saturatedSum(m_start, upTo), m_log);
-  if (m_context.pm) m_context.pm->consumeProgress(skipped, m_log);
+  m_cursor.moveTo(upTo);
 }
 
 }  // namespace morvane

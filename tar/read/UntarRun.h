@@ -1,8 +1,8 @@
 // One pull-driven walk over a plain tar stream: extraction, verification, or a walk that only looks.
 //
-// The run reads one header at a time, merges extension records into the member that follows them, and passes over
-// everything it does not extract, by seeking where the source can. It holds the properties as they were when the call
-// began and owns all its state; what it leaves behind are files, directories and the listing.
+// The run reads one header at a time, merges extension records into the member that follows them, and passes
+// over everything it does not extract, by seeking where the source can. It holds the properties as they were
+// when the call began and owns all its state; what it leaves behind are files, directories and the listing.
 #pragma once
 
 #include <string>
@@ -10,6 +10,7 @@
 #include "runtime/base/ByteArrayOwner.h"
 #include "runtime/log/LogBase.h"
 #include "runtime/progress/ProgressMonitor.h"
+#include "tar/ArchiveCursor.h"
 #include "tar/ExtractTarget.h"
 #include "tar/FullExtensions.h"
 #include "tar/MemberPath.h"
@@ -71,9 +72,8 @@ class UntarRun {
   unsigned m_copyBufferSize = 0;
   ByteArrayOwner m_extensionData;
 
-  long long m_start;         // of the archive in the source; -1 when the source cannot be moved
+  ArchiveCursor m_cursor;
   long long m_filePosition = 0;  // of the next header, from the archive's start
-  long long m_sourceAt = 0;      // of the source, from the archive's start
   char m_previousTypeFlag = ' ';
   bool m_endOfArchive = false;
   bool m_anyRefused = false;

@@ -29,10 +29,10 @@ struct ArchiveOutput {
   void beginPlain() { m_compressing = false; }
   void beginCompressed(WriteCompression compression);
 
-  // `checkAbort`: whether the abort checks inside a member's data are on. Without an output a plain write fails
-  // without a message.
-  [[nodiscard]] bool writeOut_pm(const unsigned char* data, unsigned len, bool checkAbort, ProgressMonitor* pm,
-                                 LogBase& log);
+  // `checkAbort`: whether the abort checks inside a member's data are on. Without an output a plain write
+  // fails without a message.
+  [[nodiscard]] bool writeOut_pm(const unsigned char* data, unsigned len, bool checkAbort,
+                                 ProgressMonitor* pm, LogBase& log);
 
  private:
   bool compress(const unsigned char* data, unsigned len, ProgressMonitor* pm, LogBase& log);

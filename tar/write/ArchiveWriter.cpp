@@ -167,7 +167,8 @@ bool ArchiveWriter::isArchiveItself(const SourcePlace& place, const mvFileInfo& 
   return true;
 }
 
-bool ArchiveWriter::isSkippedByEvent(const SourcePlace& place, const mvFileInfo& info, const XString& pathInTar) {
+bool ArchiveWriter::isSkippedByEvent(const SourcePlace& place, const mvFileInfo& info,
+                                     const XString& pathInTar) {
   if (!m_run.event) return false;
   bool skip = false;
   m_run.event->onTarEntry(place.fullPath.getUtf8(), info.m_size, info.m_isDirectory, skip);
@@ -249,8 +250,8 @@ bool ArchiveWriter::copySourceToOutput(_mvDataSource& source) {
   return copyPieces(source, kToTheEnd, copied);
 }
 
-// Copies up to `most` bytes. The source is read without the monitor: an abort is for the output path to report, while
-// a failed read merely ends the copy.
+// Copies up to `most` bytes. The source is read without the monitor: an abort is for the output path to
+// report, while a failed read merely ends the copy.
 bool ArchiveWriter::copyPieces(_mvDataSource& source, long long most, long long& copied) {
   const bool lends = source.canLend();
   const ByteArrayOwner buffer(lends ? nullptr : mvNewChar(kPieceSize));

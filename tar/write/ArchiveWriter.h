@@ -1,5 +1,6 @@
-// Walks the sources and writes them as a tar stream: single files in the order added, then the directory trees, then
-// two zero blocks. The first failure ends the write, unless a word of UncommonOptions says otherwise.
+// Walks the sources and writes them as a tar stream: single files in the order added, then the directory
+// trees, then two zero blocks. The first failure ends the write, unless a word of UncommonOptions says
+// otherwise.
 #pragma once
 
 #include "runtime/base/ExtPtrArray.h"
@@ -24,8 +25,8 @@ class ArchiveWriter {
   bool writeTarToOutput(const ExtPtrArraySb& files, const ExtPtrArray& dirRoots, XString& curDirRootPath);
   // One member. The path in the archive is brought into the archive's form.
   bool writeFileToOutput(const XString& fullPath, XString& pathInTar);
-  // Copies a source to its end into the archive, in pieces of at most 20,000 bytes. A failed read ends the copy and
-  // is not a failure.
+  // Copies a source to its end into the archive, in pieces of at most 20,000 bytes. A failed read ends the
+  // copy and is not a failure.
   bool copySourceToOutput(_mvDataSource& source);
 
  private:

@@ -73,7 +73,8 @@ class Counter {
 }  // namespace
 
 long long calcTotalProgressForWrite(const ExtPtrArraySb& files, const ExtPtrArray& dirRoots,
-                                    const NameFilter& filter, bool skipsExcluded, LogBase& log, ProgressMonitor* pm) {
+                                    const NameFilter& filter, bool skipsExcluded, LogBase& log,
+                                    ProgressMonitor* pm) {
   LogContextExitor context(log, "calcTotalProgressForWrite");
   Counter counter(filter, skipsExcluded, log, pm);
   for (int i = 0; i < dirRoots.getSize(); ++i) {

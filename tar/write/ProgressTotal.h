@@ -10,12 +10,13 @@ namespace morvane {
 class LogBase;
 class ProgressMonitor;
 
-// Headers and padding are not counted. -1 when the application aborted. What cannot be read counts 0; a tree that
-// cannot be walked further ends the count early.
+// Headers and padding are not counted. -1 when the application aborted. What cannot be read counts 0; a tree
+// that cannot be walked further ends the count early.
 //
-// An entry of a directory tree that the filter excludes is examined again and again: the count then never ends.
-// `skipsExcluded` (the word CountSkipsExcluded) makes it go on.
+// An entry of a directory tree that the filter excludes is examined again and again: the count then never
+// ends. `skipsExcluded` (the word CountSkipsExcluded) makes it go on.
 long long calcTotalProgressForWrite(const ExtPtrArraySb& files, const ExtPtrArray& dirRoots,
-                                    const NameFilter& filter, bool skipsExcluded, LogBase& log, ProgressMonitor* pm);
+                                    const NameFilter& filter, bool skipsExcluded, LogBase& log,
+                                    ProgressMonitor* pm);
 
 }  // namespace morvane

@@ -16,8 +16,8 @@ constexpr char kUstarCannotSplit[] =
 struct UstarSplit {
   const char* error = nullptr;  // null: the split worked
   std::string_view name;
-  // With the slash that joins it to the name: unlike what other tars store, and kept for readers of our archives. Not
-  // checked against the field's 155 bytes.
+  // With the slash that joins it to the name: unlike what other tars store, and kept for readers of our
+  // archives. Not checked against the field's 155 bytes.
   std::string_view prefix;
 };
 

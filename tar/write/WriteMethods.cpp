@@ -46,10 +46,10 @@ bool ClsTar::WriteTarBz2(_mvOutput& out, ProgressEvent* progress) {
   });
 }
 
-// Writes to the file at `path`, or to `out` when there is no path. The result is decided after the last byte was
-// flushed and the file closed: a full disk may show as late as that.
-bool ClsTar::writeArchive(const char* pathTag, const XString* path, _mvOutput* out, WriteCompression compression,
-                          ProgressEvent* progress) {
+// Writes to the file at `path`, or to `out` when there is no path. The result is decided after the last byte
+// was flushed and the file closed: a full disk may show as late as that.
+bool ClsTar::writeArchive(const char* pathTag, const XString* path, _mvOutput* out,
+                          WriteCompression compression, ProgressEvent* progress) {
   setMatchPatternExactFlags();
   m_log.LogDataX("tarFormat", m_writeFormat);
   if (path) m_log.LogDataX(pathTag, *path);
@@ -69,20 +69,30 @@ bool ClsTar::countTotal(ProgressEvent* progress, long long& total) {
   return !pm.get_Aborted(m_log) && total >= 0;
 }
 
-bool ClsTar::writeTo(_mvOutput& out, WriteCompression compression, ProgressMonitor* pm, ProgressEvent* progress) {
+bool ClsTar::writeTo(_mvOutput& out, WriteCompression compression, ProgressMonitor* pm,
+                     ProgressEvent* progress) {
   const bool gzip = compression == WriteCompression::Gzip;
   if (compression == WriteCompression::Plain) {
     m_archive.beginPlain();
   } else {
     m_archive.beginCompressed(compression);
   }
-  if (gzip && !writeGzipHeader(out, pm, m_log)) return false;
+  if (gzip && !beginGzip(XString(), out, pm, m_log)) return false;
   if (!writeTarToOutput(out, pm, m_log, progress)) return false;
   if (!gzip) return true;
   m_log.LogDataInt64("originalDataSize", m_archive.m_uncompressedSize);
   // The trailer holds the size modulo 2^32.
   const unsigned size = static_cast<unsigned>(m_archive.m_uncompressedSize & 0xFFFFFFFF);
-  return writeGzipTrailer(out, m_archive.m_crc.endStream(), size, m_log);
+  return endGzip(out, m_archive.m_crc.endStream(), size);
+}
+
+// No file name is recorded, so the path is of no use.
+bool ClsTar::beginGzip(const XString&, _mvOutput& out, ProgressMonitor* pm, LogBase& log) {
+  return writeGzipHeader(out, pm, log);
+}
+
+bool ClsTar::endGzip(_mvOutput& out, unsigned int crc32, unsigned int size) {
+  return writeGzipTrailer(out, crc32, size, m_log);
 }
 
 long long ClsTar::calcTotalProgressForWrite(LogBase& log, ProgressMonitor* pm) {
@@ -149,8 +159,12 @@ bool ClsTar::splitPathForTar(const XString& path, XString& name, XString& prefix
 
 unsigned int ClsTar::computeHeaderChecksum(const unsigned char* block) { return headerChecksum(block); }
 
-bool ClsTar::numToBase256(long long value, char* out, int len) { return morvane::numToBase256(value, out, len); }
+bool ClsTar::numToBase256(long long value, char* out, int len) {
+  return morvane::numToBase256(value, out, len);
+}
 
-bool ClsTar::base256ToNum(long long& out, const char* in, int len) { return morvane::base256ToNum(out, in, len); }
+bool ClsTar::base256ToNum(long long& out, const char* in, int len) {
+  return morvane::base256ToNum(out, in, len);
+}
 
 }  // namespace morvane

@@ -1,0 +1,22 @@
+// Unix compress (.Z) files: LZW with codes of 9 to 16 bits.
+#pragma once
+
+#include "runtime/base/Export.h"
+
+namespace morvane {
+
+class LogBase;
+class _mvDataSource;
+class _mvIoParams;
+class _mvOutput;
+
+struct MORVANE_API MorvaneLzw {
+  // Decompresses from the source's position to its end. Data that end inside a code, or inside the padding
+  // behind a change of the code width, are simply over: the format has no end mark. False, with the reason in
+  // the log, for a wrong signature, a code that cannot be, or when the output refuses a write. The flag has
+  // no meaning here.
+  static bool decompressLzwSource64(_mvDataSource& source, _mvOutput& out, bool, _mvIoParams& io,
+                                    LogBase& log);
+};
+
+}  // namespace morvane

@@ -1,0 +1,62 @@
+#include "runtime/io/BufferedDataSource.h"
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+
+#include "runtime/log/LogBase.h"
+
+namespace morvane {
+
+namespace {
+
+constexpr unsigned kBuffer = 64 * 1024;
+
+}  // namespace
+
+// Adds to what is left in the buffer, which is moved to its start.
+bool BufferedDataSource::fill(ProgressMonitor* pm, LogBase& log) {
+  if (!m_buffer) m_buffer.reset(new (std::nothrow) char[kBuffer]);
+  if (!m_buffer) {
+    log.LogError("Out of memory for a read buffer.");
+    return false;
+  }
+  std::memmove(m_buffer.get(), m_buffer.get() + m_at, m_end - m_at);
+  m_end -= m_at;
+  m_at = 0;
+  unsigned got = 0;
+  if (!m_source.readSourcePM(m_buffer.get() + m_end, kBuffer - m_end, got, pm, log)) return false;
+  m_ended = got == 0;
+  m_end += got;
+  return true;
+}
+
+bool BufferedDataSource::lendBytes(unsigned most, const char*& bytes, unsigned& n, ProgressMonitor* pm,
+                                   LogBase& log) {
+  n = 0;
+  if (m_at == m_end && !fill(pm, log)) return false;
+  n = std::min(most, m_end - m_at);
+  bytes = m_buffer.get() + m_at;
+  m_at += n;
+  return true;
+}
+
+bool BufferedDataSource::readSourcePM(char* buffer, unsigned int n, unsigned int& numRead,
+                                      ProgressMonitor* pm, LogBase& log) {
+  const char* bytes = nullptr;
+  if (!lendBytes(n, bytes, numRead, pm, log)) return false;
+  if (numRead > 0) std::memcpy(buffer, bytes, numRead);
+  return true;
+}
+
+bool BufferedDataSource::peekBytes(unsigned n, const char*& bytes, unsigned& got, ProgressMonitor* pm,
+                                   LogBase& log) {
+  while (m_end - m_at < n && !m_ended) {
+    if (!fill(pm, log)) return false;
+  }
+  bytes = m_buffer.get() + m_at;
+  got = std::min(n, m_end - m_at);
+  return true;
+}
+
+}  // namespace morvane

@@ -1,0 +1,32 @@
+// Makes a source that cannot lend its bytes into one that can, by a buffer of its own. Reads forward only.
+#pragma once
+
+#include <memory>
+
+#include "runtime/io/_mvDataSource.h"
+
+namespace morvane {
+
+class BufferedDataSource : public _mvDataSource {
+ public:
+  explicit BufferedDataSource(_mvDataSource& source) : m_source(source) {}
+
+  bool readSourcePM(char* buffer, unsigned int n, unsigned int& numRead, ProgressMonitor* pm,
+                    LogBase& log) override;
+  bool endOfStream() override { return m_at == m_end && m_ended; }
+  long long sizeIfKnown() override { return m_source.sizeIfKnown(); }
+  bool canLend() override { return true; }
+  bool lendBytes(unsigned most, const char*& bytes, unsigned& n, ProgressMonitor* pm, LogBase& log) override;
+  void takeBack(unsigned n) override { m_at -= n; }
+  bool peekBytes(unsigned n, const char*& bytes, unsigned& got, ProgressMonitor* pm, LogBase& log) override;
+
+ private:
+  bool fill(ProgressMonitor* pm, LogBase& log);
+
+  _mvDataSource& m_source;
+  std::unique_ptr<char[]> m_buffer;
+  unsigned m_at = 0, m_end = 0;
+  bool m_ended = false;
+};
+
+}  // namespace morvane

@@ -1,0 +1,92 @@
+#include "tar/stream/GzipMembers.h"
+
+#include "runtime/codec/MorvaneDeflate.h"
+#include "runtime/codec/ZipCRC.h"
+#include "runtime/io/_mvDataSource.h"
+#include "runtime/io/_mvOutput.h"
+#include "runtime/log/LogBase.h"
+#include "tar/GzipFormat.h"
+
+namespace morvane {
+
+namespace {
+
+// Passes bytes on and keeps what the trailer states about them.
+class CheckedOutput : public _mvOutput {
+ public:
+  explicit CheckedOutput(_mvOutput& out) : m_out(out) { m_crc.beginStream(); }
+
+  bool _writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log) override {
+    m_crc.moreData(reinterpret_cast<const unsigned char*>(bytes), n);
+    m_size += n;  // modulo 2^32, as the trailer counts
+    return m_out._writeBytes(bytes, n, io, log);
+  }
+  unsigned crc() const { return m_crc.endStream(); }
+  unsigned size() const { return m_size; }
+
+ private:
+  _mvOutput& m_out;
+  ZipCRC m_crc;
+  unsigned m_size = 0;
+};
+
+bool fail(LogBase& log, const char* message) {
+  log.LogError(message);
+  return false;
+}
+
+unsigned littleEndian(const unsigned char* bytes) {
+  return bytes[0] | unsigned{bytes[1]} << 8 | unsigned{bytes[2]} << 16 | unsigned{bytes[3]} << 24;
+}
+
+bool checkTrailer(_mvDataSource& source, const CheckedOutput& checked, bool verify, ProgressMonitor* pm,
+                  LogBase& log) {
+  unsigned char trailer[8];
+  unsigned numRead = 0;
+  if (!source.readFully(reinterpret_cast<char*>(trailer), sizeof trailer, numRead, pm, log)) return false;
+  if (numRead < sizeof trailer) return fail(log, "The gzip trailer is cut.");
+  if (verify && littleEndian(trailer) != checked.crc()) return fail(log, "The gzip checksum is wrong.");
+  if (verify && littleEndian(trailer + 4) != checked.size()) return fail(log, "The gzip size is wrong.");
+  return true;
+}
+
+// Stands on the next member's header, or at the end; zero bytes behind the last member are padding.
+bool findNextMember(_mvDataSource& source, bool& found, ProgressMonitor* pm, LogBase& log) {
+  found = false;
+  bool padding = false;
+  while (true) {
+    const char* bytes = nullptr;
+    unsigned n = 0;
+    if (!source.lendBytes(4096, bytes, n, pm, log)) return false;
+    if (n == 0) return true;
+    unsigned zeros = 0;
+    while (zeros < n && bytes[zeros] == '\0') ++zeros;
+    padding = padding || zeros > 0;
+    if (zeros == n) continue;
+    if (padding) return fail(log, "There are bytes behind the gzip data.");
+    source.takeBack(n);
+    found = true;
+    return true;
+  }
+}
+
+}  // namespace
+
+bool inflateGzipMembers(_mvDataSource& source, _mvOutput& out, const TarOptions& options, ProgressMonitor* pm,
+                        LogBase& log) {
+  if (!options.verifyGzip && !options.gzipAllMembers) {
+    return MorvaneDeflate::inflateFromSourcePM(false, source, out, false, pm, log);
+  }
+  bool another = true;
+  while (another) {
+    CheckedOutput checked(out);
+    if (!MorvaneDeflate::inflateFromSourcePM(false, source, checked, false, pm, log)) return false;
+    if (!checkTrailer(source, checked, options.verifyGzip, pm, log)) return false;
+    if (!options.gzipAllMembers) return true;
+    if (!findNextMember(source, another, pm, log)) return false;
+    if (another && !readGzipHeader(source, pm, log)) return false;
+  }
+  return true;
+}
+
+}  // namespace morvane

@@ -1,0 +1,433 @@
+#include "tar/stream/StreamingUntar.h"
+
+#include <algorithm>
+#include <new>
+#include <string>
+
+#include "runtime/io/OutputDataBuffer.h"
+#include "runtime/log/LogContextExitor.h"
+#include "runtime/log/LogNull.h"
+#include "runtime/progress/ProgressMonitor.h"
+#include "tar/PaxRecords.h"
+#include "tar/TarBlock.h"
+#include "tar/XmlEntry.h"
+#include "tar/XmlListing.h"
+
+namespace morvane {
+
+namespace {
+
+std::string typeText(char typeFlag) { return std::string(typeFlag ? 1 : 0, typeFlag); }
+
+void logInfoIfVerbose(LogBase& log, const char* text) {
+  if (log.verbose()) log.LogInfo(text);
+}
+
+bool isWriteVariantPadded(int variant) { return variant != 2; }
+
+}  // namespace
+
+StreamingUntar::~StreamingUntar() { releaseOutput(); }
+
+// The only place where the output and its file change, so that one never outlives the other.
+void StreamingUntar::setOutput(std::unique_ptr<_mvOutput> output, OutputFile* file) {
+  m_streamOutput = std::move(output);
+  m_streamOutFile = file;
+}
+
+void StreamingUntar::releaseOutput() { setOutput(nullptr, nullptr); }
+
+bool StreamingUntar::takeAnyRefused() {
+  const bool any = m_anyRefused;
+  m_anyRefused = false;
+  return any;
+}
+
+bool StreamingUntar::flushOpenOutput(LogBase& log) {
+  return !m_streamOutFile || m_streamOutFile->flush(nullptr, log);
+}
+
+void StreamingUntar::BeginStreamingUntar() {
+  m_settings = m_readSettings();
+  if (m_settings.captureXmlListing) m_xmlListing.setFromUtf8(kXmlListingStart);
+  releaseOutput();
+  m_streamPending.clear();
+  m_streamExpectedSize = m_streamBytesLeft = m_streamBytesWritten = 0;
+  m_streamPrevTypeFlag = ' ';
+  m_streamPaddingLeft = 0;
+  m_streamFinished = false;
+  m_streamOk = true;
+  m_streamExtData.clear();
+  m_streamPosition = 0;
+  m_endMarkSeen = m_anyRefused = false;
+  m_extensions.clear();
+  m_target.reset();
+}
+
+bool StreamingUntar::StreamingUntarNext(const unsigned char* data, unsigned numBytes, bool& finished,
+                                        ProgressMonitor* pm, LogBase& log) {
+  LogContextExitor context(log, "StreamingUntarNext", log.verbose());
+  if (!streamingUntarInner(data, numBytes, finished, pm, log)) {
+    log.LogError("Streaming untar failed (1)");
+    m_streamOk = false;
+    return false;
+  }
+  // Each inner step handles one thing and stops; one piece may hold the end of a file and many more.
+  while (!finished && !m_streamPending.isEmpty()) {
+    const unsigned pendingBefore = m_streamPending.getSize();
+    if (!streamingUntarInner(nullptr, 0, finished, pm, log)) {
+      log.LogError("Streaming untar failed (2)");
+      m_streamOk = false;
+      return false;
+    }
+    if (m_streamPending.getSize() == pendingBefore) break;  // a partial header waits for more
+  }
+  return true;
+}
+
+bool StreamingUntar::FinishStreamingUntar(ProgressMonitor* pm, LogBase& log) {
+  LogContextExitor context(log, "FinishStreamingUntar");
+  if (m_streamFinished) {
+    logInfoIfVerbose(log, "streaming is finished.");
+  } else {
+    while (!m_streamPending.isEmpty() && !m_streamFinished) {
+      const unsigned pendingBefore = m_streamPending.getSize();
+      bool finished = false;
+      StreamingUntarNext(nullptr, 0, finished, pm, log);
+      const bool progressed = m_streamPending.getSize() != pendingBefore;
+      if (m_streamBytesLeft > 0 && progressed) continue;
+      if (m_streamBytesLeft == 0 && m_streamPending.getSize() < kBlockSize) {
+        // An archive that ends exactly behind its last padding leaves nothing here.
+        log.LogError("Improperly terminated TAR archive.");
+        break;
+      }
+      if (!progressed) break;
+    }
+    if (m_streamBytesLeft > 0) {
+      log.LogError("Unexpected end of archive file.");
+      m_streamOk = false;
+    }
+  }
+  if (m_streamOutFile && !closeOutputFile(log)) {
+    log.LogError("Failed to write tar data to output. (2)");
+    m_streamOk = false;
+  }
+  releaseOutput();
+  m_settings = m_readSettings();
+  if (m_settings.captureXmlListing) m_xmlListing.appendUtf8(kXmlListingEnd);
+  if (m_settings.options.requireEndOfArchive && m_streamOk && !m_endMarkSeen) {
+    log.LogError("The archive has no end-of-archive mark.");
+    m_streamOk = false;
+  }
+  return m_streamOk && !m_anyRefused;
+}
+
+bool StreamingUntar::streamingUntarInner(const unsigned char* data, unsigned numBytes, bool& finished,
+                                         ProgressMonitor* pm, LogBase& log) {
+  finished = false;
+  if (m_streamFinished) {
+    logInfoIfVerbose(log, "Streaming finished.");
+    finished = true;
+    return true;
+  }
+  const bool hasData = data && numBytes > 0;
+  if (hasData && m_streamBytesLeft > 0 && m_streamOutput && m_streamBytesLeft >= numBytes &&
+      m_streamPending.isEmpty()) {
+    // The whole piece belongs to the current entry: straight from the producer to the output.
+    if (!write(reinterpret_cast<const char*>(data), numBytes, 1, pm, log)) return false;
+    return m_streamBytesLeft > 0 || finishEntry(1, log);
+  }
+  if (hasData && !m_streamPending.append(data, numBytes)) {
+    log.LogError("Out of memory for streamed data.");
+    return false;
+  }
+  if (log.verbose()) log.LogDataInt64("curFileBytesLeft", m_streamBytesLeft);
+  if (m_streamBytesLeft > 0) return consumeData(pm, log);
+  if (m_streamPaddingLeft == 0) return consumeHeader(finished, pm, log);
+  if (log.verbose()) {
+    log.LogInfo("--- Consuming padding...");
+    log.LogDataLong("paddingLeft", m_streamPaddingLeft);
+  }
+  return consumePadding();
+}
+
+// Takes bytes off the front of what is pending.
+void StreamingUntar::eat(unsigned n) {
+  m_streamPending.removeChunk(0, n);
+  m_streamPosition += n;
+}
+
+bool StreamingUntar::consumePadding() {
+  const unsigned n = std::min(m_streamPending.getSize(), m_streamPaddingLeft);
+  eat(n);
+  m_streamPaddingLeft -= n;
+  return true;
+}
+
+bool StreamingUntar::write(const char* bytes, unsigned n, int variant, ProgressMonitor* pm, LogBase& log) {
+  if (!m_streamOutput->writeBytesPM(bytes, n, pm, log)) {
+    log.LogError(("Failed to write tar data to output. (" + std::to_string(variant) + ")").c_str());
+    return false;
+  }
+  m_streamBytesLeft -= n;
+  m_streamBytesWritten += n;
+  if (variant == 1) m_streamPosition += n;
+  return true;
+}
+
+bool StreamingUntar::consumeData(ProgressMonitor* pm, LogBase& log) {
+  if (!m_streamOutput) {
+    log.LogError("No output for streaming.");
+    return false;
+  }
+  const unsigned pending = m_streamPending.getSize();
+  const char* const bytes = reinterpret_cast<const char*>(m_streamPending.getData2());
+  if (m_streamBytesLeft < pending) {
+    logInfoIfVerbose(log, "--- Some incoming bytes finalize the current output file...");
+    const unsigned n = static_cast<unsigned>(m_streamBytesLeft);
+    if (!write(bytes, n, 3, pm, log)) return false;
+    eat(n);
+    return finishEntry(3, log) && consumePadding();
+  }
+  logInfoIfVerbose(log, "--- All bytes going to output file (2)...");
+  if (!write(bytes, pending, 2, pm, log)) return false;
+  const bool ok = m_streamBytesLeft > 0 || finishEntry(2, log);
+  m_streamPosition += pending;
+  m_streamPending.weakClear();
+  return ok;
+}
+
+// `variant` says where in the engine the entry ended: in the fast path (1), with all pending bytes (2), or
+// with some of them (3).
+bool StreamingUntar::finishEntry(int variant, LogBase& log) {
+  const std::string number = std::to_string(variant);
+  if (log.verbose()) log.LogDataInt64(("finishedFileSize" + number).c_str(), m_streamBytesWritten);
+  bool ok = true;
+  if (m_streamOutFile) {
+    if (m_streamOutFile->ftell64() != m_streamExpectedSize) {
+      log.LogError("Warning: numByteWritten not equal to exected size.");
+      log.LogDataInt64("expectedSize", m_streamExpectedSize);
+      log.LogDataInt64("numBytesWritten", m_streamOutFile->ftell64());
+    }
+    ok = m_streamOutFile->flush(nullptr, log);
+    const TarTime& exact = m_streamHeader.m_exactMtime;
+    const MorvaneFileTime modification =
+        m_settings.options.fullRead ? MorvaneFileTime::fromUnixTime64(exact.seconds, exact.nanoseconds)
+                                    : MorvaneFileTime::fromUnixTime32(m_streamHeader.m_mtime, 0);
+    m_streamOutFile->setFileTimeUtc(modification, &log);
+    ok = closeOutputFile(log) && ok;
+    if (!ok) log.LogError(("Failed to write tar data to output. (" + number + ")").c_str());
+  }
+  m_streamPaddingLeft = paddingAfter(m_streamBytesWritten);
+  releaseOutput();
+  if (log.verbose() && isWriteVariantPadded(variant)) {
+    log.LogDataLong(("numPaddingBytesLeft" + number).c_str(), m_streamPaddingLeft);
+  }
+  return ok;
+}
+
+bool StreamingUntar::closeOutputFile(LogBase& log) { return m_streamOutFile->closeHandle(&log); }
+
+// Records that only describe the next member, and carry no file.
+bool StreamingUntar::extendsNext(char typeFlag) const {
+  return m_settings.options.fullRead ? FullExtensions::isRecord(typeFlag)
+                                     : typeFlag == kTypePax || typeFlag == kTypeLongName;
+}
+
+// Ends the run for good.
+bool StreamingUntar::stop(const char* message, bool& finished, LogBase& log) {
+  finished = true;
+  m_streamFinished = true;
+  log.LogError(message);
+  return false;
+}
+
+bool StreamingUntar::consumeHeader(bool& finished, ProgressMonitor* pm, LogBase& log) {
+  if (m_streamPending.getSize() < kBlockSize) return true;
+  m_settings = m_readSettings();
+  if (log.verbose()) {
+    log.LogInfo("---- Next TAR Header ----");
+    log.LogBracketed("previousHeaderType", typeText(m_streamPrevTypeFlag).c_str());
+  }
+  if (extendsNext(m_streamPrevTypeFlag) && !applyExtensionData(log)) {
+    finished = m_streamFinished = true;
+    return false;
+  }
+  if (!parseHeader(m_streamPending.getData2(), finished, log)) return false;
+  const long long headerPosition = m_streamPosition;
+  eat(kBlockSize);
+  if (finished) {
+    m_streamPending.clear();
+    m_streamFinished = m_endMarkSeen = true;
+    return true;
+  }
+  if (!closeEmptyFile(log)) return false;
+  const bool isMember =
+      !extendsNext(m_streamHeader.m_typeFlag) &&
+      !(m_settings.options.fullRead && FullExtensions::isPassedOver(m_streamHeader.m_typeFlag));
+  if (m_settings.options.fullRead && isMember) m_extensions.complete(m_streamHeader);
+  if (m_settings.captureXmlListing) {
+    // For every header, records included; the pull engine lists members only.
+    toXmlEntry(m_streamHeader, m_xmlListing, nullptr, m_settings.charset.c_str());
+  }
+  m_streamExpectedSize = 0;
+  m_path.set(m_streamHeader, m_settings, log);
+  if (isMember && pm)
+    announceHeader(pm->event(), m_streamHeader, m_path.entryPath(), headerPosition, m_settings);
+  if (m_settings.untarDebugLog) log.LogDataX("entry", m_path.entryPath());
+  if (log.verbose()) log.LogBracketed("typeFlag", typeText(m_streamHeader.m_typeFlag).c_str());
+  if (!beginEntry(finished, pm, log)) return false;
+  m_streamPrevTypeFlag = m_streamHeader.m_typeFlag;
+  return true;
+}
+
+// Stages what the entry before said of the one whose header has arrived.
+bool StreamingUntar::applyExtensionData(LogBase& log) {
+  if (m_settings.options.fullRead) {
+    const std::string_view bytes(reinterpret_cast<const char*>(m_streamExtData.getData2()),
+                                 m_streamExtData.getSize());
+    const bool ok = m_extensions.take(m_streamPrevTypeFlag, bytes, log);
+    m_streamExtData.clear();
+    return ok;
+  }
+  if (!m_streamExtData.appendChar('\0')) {
+    log.LogError("Out of memory for streamed data.");
+    return false;
+  }
+  const char* const text = reinterpret_cast<const char*>(m_streamExtData.getData2());
+  if (m_streamPrevTypeFlag == kTypeLongName) {
+    m_streamHeader.setWholePath(text);
+    if (log.verbose()) log.LogDataSb("L_Data", m_streamHeader.m_path);
+    m_streamExtData.clear();
+  } else {
+    if (!parsePaxExtendedHeader(text, m_streamHeader, log))
+      log.LogError("Failed to parse PAX extended header.");
+    m_streamExtData.truncate(m_streamExtData.getSize() - 1);
+  }
+  return true;
+}
+
+bool StreamingUntar::parseHeader(const unsigned char* block, bool& finished, LogBase& log) {
+  const bool merge = extendsNext(m_streamPrevTypeFlag);
+  TarHeader following;
+  TarHeader& header = merge && !m_settings.options.fullRead ? following : m_streamHeader;
+  if (!header.parseFromMemory(block, finished, log)) {
+    stop(merge ? "Failed to parse TAR header.." : "Failed to parse tar header", finished, log);
+    debugLogTarHeader(block, log);
+    m_streamPending.clear();
+    return false;
+  }
+  if (!merge || m_settings.options.fullRead) return true;
+  if (m_streamPrevTypeFlag == kTypePax) {
+    // A notice that readers of these logs know; pax headers are fully supported here.
+    log.LogError("PAX header in streaming untar!");
+    combineHeaderPaxExtended(following, m_streamHeader);
+  } else {
+    combineHeaderLongFilename(following, m_streamHeader);
+    if (log.verbose()) log.LogDataSb("combinedFilename", m_streamHeader.m_path);
+  }
+  return true;
+}
+
+// An entry of no bytes left its output open; its file gets no time of its own.
+bool StreamingUntar::closeEmptyFile(LogBase& log) {
+  if (m_streamOutFile && !closeOutputFile(log)) {
+    log.LogError("Failed to write tar data to output. (2)");
+    releaseOutput();
+    return false;
+  }
+  releaseOutput();
+  return true;
+}
+
+bool StreamingUntar::beginEntry(bool& finished, ProgressMonitor* pm, LogBase& log) {
+  const char typeFlag = m_streamHeader.m_typeFlag;
+  if (extendsNext(typeFlag)) return beginExtension(finished, log);
+  const bool passedOver = m_settings.options.fullRead && FullExtensions::isPassedOver(typeFlag);
+  const bool skipped = passedOver || isSkipped(pm, log);
+  return m_streamHeader.m_isDirectory ? beginDirectory(skipped, finished, pm, log)
+                                      : beginFile(skipped, finished, pm, log);
+}
+
+bool StreamingUntar::isSkipped(ProgressMonitor* pm, LogBase&) {
+  if (m_settings.suppressOutput || m_settings.filter.excludes(m_path.entryPath().str())) return true;
+  bool skip = false;
+  if (pm && m_settings.options.entryEvents) {
+    pm->event().onTarEntry(m_path.outputPath().getUtf8(),
+                           m_streamHeader.m_isDirectory ? 0 : m_streamHeader.m_size,
+                           m_streamHeader.m_isDirectory, skip);
+  }
+  return skip;
+}
+
+bool StreamingUntar::beginExtension(bool& finished, LogBase& log) {
+  m_streamExtData.clear();
+  if (m_streamHeader.m_size > m_settings.options.maxExtensionBytes) {
+    stop("Extension data too large.", finished, log);
+    log.LogDataInt64("size", m_streamHeader.m_size);
+    return false;
+  }
+  std::unique_ptr<_mvOutput> output(new (std::nothrow) OutputDataBuffer(m_streamExtData));
+  if (!output) return stop("Failed to create output buffer for untar.", finished, log);
+  setOutput(std::move(output), nullptr);
+  m_streamBytesLeft = m_streamExpectedSize = m_streamHeader.m_size;
+  m_streamBytesWritten = 0;
+  return true;
+}
+
+bool StreamingUntar::beginFile(bool skipped, bool& finished, ProgressMonitor* pm, LogBase& log) {
+  bool refused = false;
+  if (!skipped && !createOutputFile(refused, finished, log)) return false;
+  if (refused) {
+    m_anyRefused = true;
+    reportRefused(m_path, pm ? &pm->event() : nullptr, log);
+  }
+  if (skipped || refused) {
+    if (log.verbose()) log.LogDataX("skippingFile", m_path.outputPath());
+    setOutput(std::make_unique<_mvOutput>(), nullptr);
+  }
+  m_streamExpectedSize = m_streamBytesLeft = m_streamHeader.m_size;
+  m_streamBytesWritten = 0;
+  return true;
+}
+
+bool StreamingUntar::createOutputFile(bool& refused, bool& finished, LogBase& log) {
+  LogNull unwanted;
+  LogBase& directoryLog = log.verbose() ? log : unwanted;
+  std::unique_ptr<OutputFile> file;
+  const auto outcome = m_target.createFile(m_path, m_settings, directoryLog, log, file);
+  refused = outcome == ExtractTarget::Outcome::Refused;
+  if (outcome == ExtractTarget::Outcome::NoParent) {
+    return stop("Failed to ensure ability to create output file for untar.", finished, log);
+  }
+  if (refused) return true;
+  if (log.verbose()) log.LogDataX("creatingFile", m_path.outputPath());
+  if (!file) return stop("Failed to create output file for untar.", finished, log);
+  OutputFile* const opened = file.get();
+  setOutput(std::move(file), opened);
+  return true;
+}
+
+// Made also under UntarDiscardPaths, where the pull engine makes none: the path then is the directory's last
+// part, or nothing when it ends in a slash.
+bool StreamingUntar::beginDirectory(bool skipped, bool& finished, ProgressMonitor* pm, LogBase& log) {
+  // A directory has no data here, whatever size its header states.
+  if (skipped) {
+    if (log.verbose()) log.LogDataX("skippingDir", m_path.outputPath());
+    return true;
+  }
+  if (log.verbose()) log.LogDataX("creatingDir", m_path.outputPath());
+  LogNull unwanted;
+  switch (m_target.makeDirectory(m_path, m_settings, log.verbose() ? log : unwanted)) {
+    case ExtractTarget::Outcome::Ok:
+      return true;
+    case ExtractTarget::Outcome::Refused:
+      m_anyRefused = true;
+      reportRefused(m_path, pm ? &pm->event() : nullptr, log);
+      return true;
+    default:
+      return stop("Failed to ensure untar directory.", finished, log);
+  }
+}
+
+}  // namespace morvane

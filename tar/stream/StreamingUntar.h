@@ -1,0 +1,97 @@
+// The push-driven reader: extracts a tar stream that arrives in pieces of any size, with no relation between
+// pieces and blocks.
+//
+// It never reads; whoever holds the bytes hands them in. All state stays between calls, so that a piece may
+// end in the middle of a header, a file's data or its padding. Rules for members are those of the pull engine
+// (tar/read/UntarRun.h), through the same functions; order and messages are each engine's own.
+#pragma once
+
+#include <functional>
+#include <memory>
+
+#include "runtime/buffer/DataBuffer.h"
+#include "tar/ExtractTarget.h"
+#include "tar/FullExtensions.h"
+#include "tar/MemberPath.h"
+#include "tar/ReadSettings.h"
+#include "tar/TarHeader.h"
+
+namespace morvane {
+
+class LogBase;
+class OutputFile;
+class ProgressMonitor;
+class XString;
+class _mvOutput;
+
+class StreamingUntar {
+ public:
+  // `readSettings` tells the component's properties as they are; `xmlListing` receives a captured listing.
+  StreamingUntar(std::function<ReadSettings()> readSettings, XString& xmlListing)
+      : m_readSettings(std::move(readSettings)), m_xmlListing(xmlListing) {}
+  ~StreamingUntar();
+
+  void BeginStreamingUntar();
+  bool StreamingUntarNext(const unsigned char* data, unsigned numBytes, bool& finished, ProgressMonitor* pm,
+                          LogBase& log);
+  bool FinishStreamingUntar(ProgressMonitor* pm, LogBase& log);
+  // One step: consumes what it can of one piece, or of what earlier pieces left, and returns.
+  bool streamingUntarInner(const unsigned char* data, unsigned numBytes, bool& finished, ProgressMonitor* pm,
+                           LogBase& log);
+
+  // The archive that the stream comes from, which extraction must not replace (with Confine).
+  void protect(const mvFileInfo& archive) { m_target.protect(archive); }
+  // For a run that ends without FinishStreamingUntar: what is still buffered goes to the open file, which
+  // stays open.
+  bool flushOpenOutput(LogBase& log);
+  void releaseOutput();
+  // Members refused since the last question.
+  bool takeAnyRefused();
+
+ private:
+  bool extendsNext(char typeFlag) const;
+  bool consumePadding();
+  bool consumeData(ProgressMonitor* pm, LogBase& log);
+  bool consumeHeader(bool& finished, ProgressMonitor* pm, LogBase& log);
+  bool parseHeader(const unsigned char* block, bool& finished, LogBase& log);
+  bool applyExtensionData(LogBase& log);
+  bool closeEmptyFile(LogBase& log);
+  bool beginEntry(bool& finished, ProgressMonitor* pm, LogBase& log);
+  bool beginExtension(bool& finished, LogBase& log);
+  bool beginFile(bool skipped, bool& finished, ProgressMonitor* pm, LogBase& log);
+  bool beginDirectory(bool skipped, bool& finished, ProgressMonitor* pm, LogBase& log);
+  bool createOutputFile(bool& refused, bool& finished, LogBase& log);
+  bool isSkipped(ProgressMonitor* pm, LogBase& log);
+  bool write(const char* bytes, unsigned n, int variant, ProgressMonitor* pm, LogBase& log);
+  bool finishEntry(int variant, LogBase& log);
+  bool closeOutputFile(LogBase& log);
+  void eat(unsigned n);
+  void setOutput(std::unique_ptr<_mvOutput> output, OutputFile* file);
+  bool stop(const char* message, bool& finished, LogBase& log);
+
+  const std::function<ReadSettings()> m_readSettings;
+  XString& m_xmlListing;
+  ReadSettings m_settings;  // as of the last header
+
+  DataBuffer m_streamPending;  // received and not yet consumed
+  TarHeader m_streamHeader;    // of the current entry
+  char m_streamPrevTypeFlag = ' ';
+  DataBuffer m_streamExtData;                 // of the last extension entry
+  std::unique_ptr<_mvOutput> m_streamOutput;  // of the current entry's data
+  OutputFile* m_streamOutFile = nullptr;      // the same object when it is a file
+  long long m_streamExpectedSize = 0;
+  long long m_streamBytesLeft = 0;
+  long long m_streamBytesWritten = 0;
+  unsigned m_streamPaddingLeft = 0;
+  bool m_streamFinished = false;
+  bool m_streamOk = true;
+
+  long long m_streamPosition = 0;  // bytes consumed: where the next header begins
+  bool m_endMarkSeen = false;
+  bool m_anyRefused = false;
+  FullExtensions m_extensions;
+  MemberPath m_path;
+  ExtractTarget m_target;
+};
+
+}  // namespace morvane

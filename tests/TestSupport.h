@@ -1,0 +1,126 @@
+// What the tests share: a scratch directory for each test, files and trees, commands, and sources and outputs
+// that misbehave on purpose.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "tar/ClsTar.h"
+
+namespace morvane::testing {
+
+// A new empty directory that is removed with everything in it.
+class ScratchDir {
+ public:
+  ScratchDir();
+  ~ScratchDir();
+  ScratchDir(const ScratchDir&) = delete;
+  ScratchDir& operator=(const ScratchDir&) = delete;
+  const std::string& path() const { return m_path; }
+  std::string operator/(const std::string& name) const { return m_path + "/" + name; }
+
+ private:
+  std::string m_path;
+};
+
+// Directories above the file are made.
+void writeFile(const std::string& path, const std::string& contents);
+std::string readFile(const std::string& path);
+bool exists(const std::string& path);  // of the path itself, a dangling link included
+void setMtime(const std::string& path, long long seconds);
+long long mtimeOf(const std::string& path);
+
+// Every path below a directory, relative, with what is there: "dir", "link TARGET", or "file CONTENTS"
+// (contents over 64 bytes as size and a hash).
+std::map<std::string, std::string> treeOf(const std::string& dir);
+
+// n bytes that do not compress well and are the same for the same seed.
+std::string noise(size_t n, unsigned seed);
+
+struct CommandResult {
+  int status = -1;  // exit status, 128 + n for signal n
+  std::string out, err;
+};
+// Runs a program with the shell's PATH and waits for it.
+CommandResult run(const std::vector<std::string>& command, const std::string& standardInput = "",
+                  const std::string& workingDir = "");
+bool isInstalled(const std::string& program);
+
+std::string logOf(ClsTar& tar);
+bool logHas(ClsTar& tar, const std::string& text);
+// How often a text stands in the log.
+int countInLog(ClsTar& tar, const std::string& text);
+
+// A tar archive in memory, written block by block: for archives that no writer would make.
+class ArchiveBuilder {
+ public:
+  struct Member {
+    std::string name;
+    std::string data;
+    char typeFlag = '0';
+    std::string linkName = "";
+    std::string prefix = "";
+    bool gnu = false;
+    unsigned mtime = 1700000000;
+    long long statedSize = -1;  // -1: the size of the data
+  };
+  ArchiveBuilder& add(const Member& member);
+  // The same with `patch` changing the block before its checksum is made.
+  ArchiveBuilder& addPatched(const Member& member, void (*patch)(unsigned char* block));
+  ArchiveBuilder& raw(const std::string& bytes);
+  std::string bytes(int endBlocks = 2) const;
+
+ private:
+  std::string m_bytes;
+};
+
+// "LENGTH KEYWORD=VALUE\n" with the exact length.
+std::string paxRecord(const std::string& keyword, const std::string& value);
+
+// An output that keeps what it is given and fails after a number of bytes.
+class LimitedOutput : public _mvOutput {
+ public:
+  explicit LimitedOutput(size_t limit = static_cast<size_t>(-1)) : m_limit(limit) {}
+  bool _writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log) override;
+  std::string bytes;
+
+ private:
+  size_t m_limit;
+};
+
+// A source over a string that cannot seek and returns pieces of at most `most` bytes.
+class TricklingSource : public _mvDataSource {
+ public:
+  TricklingSource(std::string bytes, unsigned most) : m_bytes(std::move(bytes)), m_most(most) {}
+  bool readSourcePM(char* buffer, unsigned int n, unsigned int& numRead, ProgressMonitor* pm,
+                    LogBase& log) override;
+
+ private:
+  const std::string m_bytes;
+  const unsigned m_most;
+  size_t m_at = 0;
+};
+
+// Records events and answers as told.
+class RecordingEvent : public ProgressEvent {
+ public:
+  void onAbortCheck(bool& abort) override;
+  void onProgress(int percent, bool& abort) override;
+  void onInfo(const char* name, const char* value) override;
+  void onTarEntry(const char* path, long long size, bool isDirectory, bool& skip) override;
+  void onTarHeader(const TarMemberInfo& member) override;
+
+  int abortAtQuestion = 0;  // the n-th onAbortCheck answers yes; 0 never
+  int abortAtPercent = -1;
+  std::string skipEntry;  // the onTarEntry path that is skipped
+  int questions = 0;
+  std::vector<int> percents;
+  std::vector<std::string> infos;    // "name=value"
+  std::vector<std::string> entries;  // "path size" or "path dir"
+  std::vector<std::string> headers;  // "type path size position"
+};
+
+}  // namespace morvane::testing
