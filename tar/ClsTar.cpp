@@ -44,7 +44,7 @@ void ClsTar::takeOptions() {
   std::vector<std::string> complaints;
   m_options = parseTarOptions(m_uncommonOptions.str(), complaints);
   for (const std::string& word : complaints) {
-    m_log.LogError("Unknown option, or a value that makes no sense.");
+    m_log.LogNotice("Unknown option, or a value that makes no sense.");
     m_log.LogData("uncommonOption", word.c_str());
   }
 }

@@ -141,6 +141,14 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   bool UntarZ(const XString& tarZPath, ProgressEvent* progress = nullptr);
   bool UntarZ(_mvDataSource& source, ProgressEvent* progress = nullptr);
 
+  // ---- One member of an archive of any compression
+
+  // Offers each file member, in archive order, to the event's onTarEntry and streams the data of the first
+  // that is not skipped into `out`; without an event that is the first file. Directories are never offered.
+  // False when there is none, or when its data are not complete. What comes behind the member is not read.
+  bool UntarMemberToOutput(const XString& tarPath, _mvOutput& out, ProgressEvent* progress = nullptr);
+  bool UntarMemberToOutput(_mvDataSource& source, _mvOutput& out, ProgressEvent* progress = nullptr);
+
   // ---- Debian packages
 
   // Frames a control and a data tarball (gzip, or xz by the suffix ".xz") as a Debian binary package. Neither
@@ -292,6 +300,8 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   void protectArchive(LogBase& log);
   bool unTarBz2(_mvDataSource& source, ProgressMonitor* pm);
   bool unTarZ(_mvDataSource& source, ProgressMonitor* pm);
+  int untarMember(_mvDataSource& source, _mvOutput& out, ProgressMonitor* pm, ProgressEvent* progress);
+  bool memberToOutput(_mvDataSource& source, _mvOutput& out, ProgressEvent* progress);
   bool listXml(_mvDataSource& source, XString& outXml, ProgressEvent* progress);
 
   RelaxedAtomic<bool> m_suppressOutput = false;

@@ -75,7 +75,7 @@ ExtractTarget::Outcome ExtractTarget::makeDirectory(const MemberPath& path, cons
 }
 
 void reportRefused(const MemberPath& path, ProgressEvent* event, LogBase& log) {
-  log.LogError("Member refused: its path leaves the target.");
+  log.LogNotice("Member refused: its path leaves the target.");
   log.LogDataX("entryPath", path.entryPath());
   if (event) ProgressMonitor::pprogressInfo(*event, "refused", path.entryPath().getUtf8());
 }

@@ -129,7 +129,7 @@ bool FullExtensions::takePaxRecord(std::string_view keyword, std::string_view va
                                    LogBase& log) {
   Attributes& to = global ? m_global : m_next;
   if (global && (keyword == "path" || keyword == "linkpath" || keyword == "size")) {
-    log.LogError("A global PAX record that can hold for one member only is ignored.");
+    log.LogNotice("A global PAX record that can hold for one member only is ignored.");
     log.LogData("paxName", std::string(keyword).c_str());
     return true;
   }

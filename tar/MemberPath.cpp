@@ -14,7 +14,7 @@ void MemberPath::set(const TarHeader& header, const ReadSettings& settings, LogB
     m_decoder = std::make_unique<CharsetDecoder>(settings.charset.c_str());
     m_decoderCharset = settings.charset;
     if (!m_decoder->isKnown()) {
-      log.LogError("The character set is not known; names are read as utf-8.");
+      log.LogNotice("The character set is not known; names are read as utf-8.");
       log.LogData("charset", settings.charset.c_str());
     }
   }

@@ -17,7 +17,7 @@ unsigned paxNumber(const char* keyword, const char* value, LogBase& log) {
   bool overflowed = false;
   const unsigned number = mvUIntValue(value, &overflowed);
   if (overflowed) {
-    log.LogError("A PAX number is too large and was reduced.");
+    log.LogNotice("A PAX number is too large and was reduced.");
     log.LogData("paxName", keyword);
     log.LogData("paxValue", value);
   }

@@ -63,6 +63,13 @@ void ClsBase::get_LogText(XString& out) {
   out = m_log.text();
 }
 
+void ClsBase::get_FailureCause(XString& path, XString& reason) {
+  CritSecExitor lock(*this);
+  const LogBase::Cause& cause = m_log.cause();
+  path = cause.path;
+  reason = cause.reason.empty() ? cause.message : cause.reason;
+}
+
 void ClsBase::enterContextBase(const char* name) {
   m_log.ClearLog();
   m_log.enterContext(name);
@@ -73,7 +80,7 @@ void ClsBase::logSuccessFailure(bool ok) {
   if (ok) {
     m_log.LogInfo("Success.");
   } else {
-    m_log.LogError("Failure.");
+    m_log.LogNotice("Failure.");
   }
 }
 

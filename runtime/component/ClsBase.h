@@ -43,6 +43,10 @@ class MORVANE_API ClsBase : public MorvaneCritSec {
   // The log of the last public method; from a callback, that of the running one so far.
   void get_LogText(XString& out);
 
+  // Why the last method failed, in short: the path it is about (may be empty) and one line of text, the
+  // system's own reason where there is one. Both empty when no error was logged.
+  void get_FailureCause(XString& path, XString& reason);
+
   // How often, in milliseconds, an event is asked to abort inside a member's data. 0 switches off every check
   // that depends on this setting: only the questions after a written member, in the counting pass and before
   // writing remain. Default 100.

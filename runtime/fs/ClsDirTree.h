@@ -52,6 +52,8 @@ class MORVANE_API ClsDirTree {
   // Reads the current directory now instead of when the walk enters it, to know beforehand whether that
   // works. After a failure, which is logged, the walk passes the directory by.
   bool prepareToEnter(LogBase& log);
+  // Whether that was done for the current entry, with whatever result.
+  bool isPrepared() const { return m_hasPrepared || m_passBy; }
 
  private:
   struct Level {

@@ -34,8 +34,19 @@ void LogBase::writeText(const char* text) {
   writeLine(contextDepth(), line.data(), static_cast<unsigned>(line.size()));
 }
 
+void LogBase::LogError(const char* text) {
+  if (!keepsLines()) return;
+  if (m_cause.message.empty())
+    m_cause = {text, "", "", contextDepth(), true};
+  else
+    m_cause.open = false;
+  writeText(text);
+}
+
 void LogBase::LogData(const char* tag, const char* value) {
   if (!keepsLines()) return;
+  if (m_cause.open && std::strcmp(tag, "path") == 0) m_cause.path = value;
+  if (m_cause.open && std::strcmp(tag, "reason") == 0) m_cause.reason = value;
   showContexts();
   const std::string line = std::string(tag) + ": " + logSafeText(value);
   writeLine(contextDepth(), line.data(), static_cast<unsigned>(line.size()));

@@ -5,6 +5,7 @@
 // detail.
 #pragma once
 
+#include <string>
 #include <vector>
 
 #include "runtime/base/Export.h"
@@ -25,7 +26,9 @@ class MORVANE_API LogBase {
   bool verbose() const { return m_verbose; }
   void setVerbose(bool verbose) { m_verbose = verbose; }
 
-  void LogError(const char* text) { writeText(text); }
+  void LogError(const char* text);
+  // An error line about something that fails nothing: it is never taken for the cause of a failure.
+  void LogNotice(const char* text) { writeText(text); }
   void LogInfo(const char* text) { writeText(text); }
 
   // One data line, "tag: value". Control characters in a value are written as C escapes, so that a value can
@@ -39,11 +42,28 @@ class MORVANE_API LogBase {
   void LogElapsedMs(const char* tag, unsigned startTicks);
 
   // The name must outlive the context; a string literal does. Contexts are closed in the reverse order.
-  void enterContext(const char* name) { m_contexts.push_back({name, false}); }
+  void enterContext(const char* name) {
+    if (m_cause.depth > contextDepth()) forgetCause();
+    m_contexts.push_back({name, false});
+  }
   void leaveContext() {
     if (!m_contexts.empty()) m_contexts.pop_back();
   }
   unsigned contextDepth() const { return static_cast<unsigned>(m_contexts.size()); }
+
+  // What a failure is put down to: the first error line of the context that failed, with the path and the
+  // reason that followed it. A new context beside the failed one forgets it, for then the error did not end
+  // the job.
+  struct Cause {
+    std::string message;  // empty: no error
+    std::string path;     // may be empty
+    std::string reason;   // may be empty
+    unsigned depth = 0;   // of the contexts it stands in
+    bool open = false;    // data lines still belong to it
+  };
+  const Cause& cause() const { return m_cause; }
+  void forgetCause() { m_cause = Cause(); }
+
   // Puts the names of the open contexts down even if nothing is written in them.
   void showContexts();
 
@@ -62,6 +82,7 @@ class MORVANE_API LogBase {
   void writeText(const char* text);
 
   std::vector<Context> m_contexts;
+  Cause m_cause;
   RelaxedAtomic<bool> m_verbose = false;
 };
 

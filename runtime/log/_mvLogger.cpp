@@ -11,6 +11,7 @@ constexpr unsigned kIndent = 4;
 
 void _mvLogger::ClearLog() {
   while (contextDepth() > 0) leaveContext();
+  forgetCause();
   m_head.clear();
   std::string().swap(m_tail);
   m_droppedBytes = 0;

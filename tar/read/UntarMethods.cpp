@@ -75,6 +75,15 @@ int ClsTar::_untar(_mvDataSource& source, bool extract, LogBase& log, ProgressMo
   return run.run();
 }
 
+// The first member that the event does not skip: 1 when there is one, 0 when not, -1 on failure.
+int ClsTar::untarMember(_mvDataSource& source, _mvOutput& out, ProgressMonitor* pm, ProgressEvent* progress) {
+  ReadSettings settings = readSettings();
+  settings.suppressOutput = false;
+  UntarRun run({source, m_log, m_log, pm, progress, m_xmlListing}, settings, true);
+  run.extractFirstMemberInto(out);
+  return run.run();
+}
+
 bool ClsTar::extractToFile(_mvDataSource& source, const XString& path, const MorvaneFileTime* creation,
                            const MorvaneFileTime* access, const MorvaneFileTime* modification, long long size,
                            char* buffer, unsigned int bufferSize, LogBase& log, ProgressMonitor* pm) {

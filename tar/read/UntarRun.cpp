@@ -227,6 +227,7 @@ UntarRun::Step UntarRun::extractMember(bool& extracted) {
     if (m_log.verbose()) m_log.LogInfo("Skipping file because of match pattern.");
     return Step::GoOn;
   }
+  if (m_memberOutput && m_current.m_isDirectory) return Step::GoOn;
   if (!m_extract) {
     ++m_count;
     return Step::GoOn;
@@ -237,6 +238,7 @@ UntarRun::Step UntarRun::extractMember(bool& extracted) {
                                 m_current.m_isDirectory, skip);
     if (skip) return Step::GoOn;
   }
+  if (m_memberOutput) return copyMember();
   bool refused = false;
   if (!(m_current.m_isDirectory ? extractDirectory(refused) : extractFile(refused))) return Step::Fail;
   if (refused) {
@@ -252,6 +254,15 @@ UntarRun::Step UntarRun::extractMember(bool& extracted) {
     return Step::Stop;
   }
   return Step::GoOn;
+}
+
+UntarRun::Step UntarRun::copyMember() {
+  if (!m_context.source.copyNToOutputPM(*m_memberOutput, m_current.m_size, m_context.pm, m_log)) {
+    failWith("Failed to copy the member.", "entryPath", m_path.entryPath());
+    return Step::Fail;
+  }
+  ++m_count;
+  return Step::Stop;
 }
 
 bool UntarRun::extractDirectory(bool& refused) {

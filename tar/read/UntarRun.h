@@ -20,6 +20,7 @@
 namespace morvane {
 
 class _mvDataSource;
+class _mvOutput;
 
 class UntarRun {
  public:
@@ -37,6 +38,9 @@ class UntarRun {
 
   // A file that extraction must not replace (with Confine): the archive.
   void protect(const mvFileInfo& archive) { m_target.protect(archive); }
+  // Instead of files: offers each file member to the event, copies the first that is not skipped to `out`,
+  // and stops.
+  void extractFirstMemberInto(_mvOutput& out) { m_memberOutput = &out; }
   // Members counted, -1 on failure.
   int run();
 
@@ -52,6 +56,7 @@ class UntarRun {
   bool readExtensionData(const char* what);
   Step handleMember(char typeFlag);
   Step extractMember(bool& extracted);
+  Step copyMember();
   bool extractDirectory(bool& refused);
   bool extractFile(bool& refused);
   bool fail(const char* message);
@@ -75,6 +80,7 @@ class UntarRun {
   ArchiveCursor m_cursor;
   long long m_filePosition = 0;  // of the next header, from the archive's start
   char m_previousTypeFlag = ' ';
+  _mvOutput* m_memberOutput = nullptr;
   bool m_endOfArchive = false;
   bool m_anyRefused = false;
   int m_count = 0;

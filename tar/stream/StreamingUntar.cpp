@@ -4,6 +4,7 @@
 #include <new>
 #include <string>
 
+#include "runtime/io/ForwardingOutput.h"
 #include "runtime/io/OutputDataBuffer.h"
 #include "runtime/log/LogContextExitor.h"
 #include "runtime/log/LogNull.h"
@@ -59,7 +60,7 @@ void StreamingUntar::BeginStreamingUntar() {
   m_streamOk = true;
   m_streamExtData.clear();
   m_streamPosition = 0;
-  m_endMarkSeen = m_anyRefused = false;
+  m_endMarkSeen = m_anyRefused = m_memberFound = false;
   m_extensions.clear();
   m_target.reset();
 }
@@ -98,7 +99,7 @@ bool StreamingUntar::FinishStreamingUntar(ProgressMonitor* pm, LogBase& log) {
       if (m_streamBytesLeft > 0 && progressed) continue;
       if (m_streamBytesLeft == 0 && m_streamPending.getSize() < kBlockSize) {
         // An archive that ends exactly behind its last padding leaves nothing here.
-        log.LogError("Improperly terminated TAR archive.");
+        log.LogNotice("Improperly terminated TAR archive.");
         break;
       }
       if (!progressed) break;
@@ -205,7 +206,7 @@ bool StreamingUntar::finishEntry(int variant, LogBase& log) {
   bool ok = true;
   if (m_streamOutFile) {
     if (m_streamOutFile->ftell64() != m_streamExpectedSize) {
-      log.LogError("Warning: numByteWritten not equal to exected size.");
+      log.LogNotice("Warning: numByteWritten not equal to exected size.");
       log.LogDataInt64("expectedSize", m_streamExpectedSize);
       log.LogDataInt64("numBytesWritten", m_streamOutFile->ftell64());
     }
@@ -320,7 +321,7 @@ bool StreamingUntar::parseHeader(const unsigned char* block, bool& finished, Log
   if (!merge || m_settings.options.fullRead) return true;
   if (m_streamPrevTypeFlag == kTypePax) {
     // A notice that readers of these logs know; pax headers are fully supported here.
-    log.LogError("PAX header in streaming untar!");
+    log.LogNotice("PAX header in streaming untar!");
     combineHeaderPaxExtended(following, m_streamHeader);
   } else {
     combineHeaderLongFilename(following, m_streamHeader);
@@ -350,9 +351,10 @@ bool StreamingUntar::beginEntry(bool& finished, ProgressMonitor* pm, LogBase& lo
 }
 
 bool StreamingUntar::isSkipped(ProgressMonitor* pm, LogBase&) {
-  if (m_settings.suppressOutput || m_settings.filter.excludes(m_path.entryPath().str())) return true;
-  bool skip = false;
-  if (pm && m_settings.options.entryEvents) {
+  if (m_settings.filter.excludes(m_path.entryPath().str())) return true;
+  bool skip = m_memberOutput && (m_memberFound || m_streamHeader.m_isDirectory);
+  if (m_memberOutput ? skip : m_settings.suppressOutput) return true;
+  if (pm && (m_memberOutput || m_settings.options.entryEvents)) {
     pm->event().onTarEntry(m_path.outputPath().getUtf8(),
                            m_streamHeader.m_isDirectory ? 0 : m_streamHeader.m_size,
                            m_streamHeader.m_isDirectory, skip);
@@ -377,7 +379,12 @@ bool StreamingUntar::beginExtension(bool& finished, LogBase& log) {
 
 bool StreamingUntar::beginFile(bool skipped, bool& finished, ProgressMonitor* pm, LogBase& log) {
   bool refused = false;
-  if (!skipped && !createOutputFile(refused, finished, log)) return false;
+  if (!skipped && m_memberOutput) {
+    m_memberFound = true;
+    setOutput(std::make_unique<ForwardingOutput>(*m_memberOutput), nullptr);
+  } else if (!skipped && !createOutputFile(refused, finished, log)) {
+    return false;
+  }
   if (refused) {
     m_anyRefused = true;
     reportRefused(m_path, pm ? &pm->event() : nullptr, log);

@@ -39,6 +39,12 @@ class StreamingUntar {
   bool streamingUntarInner(const unsigned char* data, unsigned numBytes, bool& finished, ProgressMonitor* pm,
                            LogBase& log);
 
+  // Instead of files: offers each file member to the event (onTarEntry), streams the first that is not
+  // skipped into `out`, and is then done. Null goes back to files.
+  void extractFirstMemberInto(_mvOutput* out) { m_memberOutput = out; }
+  // Whether such a member was found and all of its data have arrived.
+  bool memberIsComplete() const { return m_memberFound && m_streamBytesLeft == 0; }
+
   // The archive that the stream comes from, which extraction must not replace (with Confine).
   void protect(const mvFileInfo& archive) { m_target.protect(archive); }
   // For a run that ends without FinishStreamingUntar: what is still buffered goes to the open file, which
@@ -87,6 +93,8 @@ class StreamingUntar {
   bool m_streamOk = true;
 
   long long m_streamPosition = 0;  // bytes consumed: where the next header begins
+  _mvOutput* m_memberOutput = nullptr;
+  bool m_memberFound = false;
   bool m_endMarkSeen = false;
   bool m_anyRefused = false;
   FullExtensions m_extensions;

@@ -104,6 +104,7 @@ bool ArchiveWriter::writeTree(const DirRoot& root, XString& curDirRootPath) {
     const SourcePlace place{fullPath, tree->currentDirectory(), tree->currentName(), tree->isRegularFile()};
     if (!writeMember(place, pathInTar, tree.get())) return memberFailed(fullPath, pathInTar);
     if (abortedAfterMember()) return false;
+    passByIfUnreadable(*tree);
     if (!tree->advancePosition(m_log)) {
       return m_run.settings.options.skipUnreadable && leftOutUnreadable(place);
     }
@@ -188,8 +189,17 @@ bool ArchiveWriter::canBeRead(const SourcePlace& place, const mvFileInfo& info, 
   return m_source.open(place, info, m_log) && (info.m_size == 0 || m_source.readFirst(m_log));
 }
 
+// With SkipUnreadable: a directory that was left out on purpose (by the filter or the event) and cannot be
+// read either is no loss. One that was to be archived has been looked at before its header was written.
+void ArchiveWriter::passByIfUnreadable(ClsDirTree& tree) {
+  if (!m_run.settings.options.skipUnreadable || !tree.isEnterable() || tree.isPrepared()) return;
+  LogNull unwanted;
+  tree.prepareToEnter(unwanted);
+}
+
 bool ArchiveWriter::leftOutUnreadable(const SourcePlace& place) {
   m_anythingLost = true;
+  m_log.forgetCause();  // the job goes on
   m_log.LogInfo("It cannot be read and is left out.");
   m_log.LogDataX("fullPath", place.fullPath);
   if (m_run.event) ProgressMonitor::pprogressInfo(*m_run.event, "unreadable", place.fullPath.getUtf8());
@@ -237,7 +247,7 @@ bool ArchiveWriter::writeExactData(const SourcePlace& place, const mvFileInfo& i
 
 bool ArchiveWriter::reportSizeChanged(const SourcePlace& place, long long inHeader, long long now) {
   m_anythingLost = true;
-  m_log.LogError("The file's size changed while it was archived.");
+  m_log.LogNotice("The file's size changed while it was archived.");
   m_log.LogDataX("fullPath", place.fullPath);
   m_log.LogDataInt64("sizeInHeader", inHeader);
   m_log.LogDataInt64("sizeRead", now);

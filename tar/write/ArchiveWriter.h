@@ -36,6 +36,7 @@ class ArchiveWriter {
   bool isSkippedByEvent(const SourcePlace& place, const mvFileInfo& info, const XString& pathInTar);
   bool isArchiveItself(const SourcePlace& place, const mvFileInfo& info);
   bool canBeRead(const SourcePlace& place, const mvFileInfo& info, ClsDirTree* tree);
+  void passByIfUnreadable(ClsDirTree& tree);
   bool leftOutUnreadable(const SourcePlace& place);
   bool writeData(const SourcePlace& place, const mvFileInfo& info);
   bool writeExactData(const SourcePlace& place, const mvFileInfo& info);

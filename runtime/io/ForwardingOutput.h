@@ -1,0 +1,19 @@
+// Passes what it is given on to another output, which it does not own.
+#pragma once
+
+#include "runtime/io/_mvOutput.h"
+
+namespace morvane {
+
+class ForwardingOutput : public _mvOutput {
+ public:
+  explicit ForwardingOutput(_mvOutput& to) : m_to(to) {}
+  bool _writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log) override {
+    return m_to._writeBytes(bytes, n, io, log);
+  }
+
+ private:
+  _mvOutput& m_to;
+};
+
+}  // namespace morvane

@@ -1,0 +1,77 @@
+// ClsTar's extraction of one member, from an archive of any compression, into an output.
+#include "runtime/base/ScopeExit.h"
+#include "runtime/codec/MorvaneLzw.h"
+#include "runtime/io/BufferedDataSource.h"
+#include "tar/ArchiveKind.h"
+#include "tar/ClsTarMethod.h"
+#include "tar/GzipFormat.h"
+#include "tar/stream/GzipMembers.h"
+#include "tar/stream/StreamingUntar.h"
+
+namespace morvane {
+
+namespace {
+
+// Feeds the streaming engine, and stops the decompressor once the member is complete.
+class UntilMember : public _mvOutput {
+ public:
+  explicit UntilMember(StreamingUntar& stream) : m_stream(stream) {}
+  bool _writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log) override {
+    bool finished = false;
+    const auto* const data = reinterpret_cast<const unsigned char*>(bytes);
+    return m_stream.StreamingUntarNext(data, n, finished, io.monitor(), log) && !m_stream.memberIsComplete();
+  }
+
+ private:
+  StreamingUntar& m_stream;
+};
+
+}  // namespace
+
+bool ClsTar::UntarMemberToOutput(const XString& tarPath, _mvOutput& out, ProgressEvent* progress) {
+  return method("UntarMemberToOutput", MethodForm::Judged, false, [&](MethodFrame&) {
+    m_log.LogDataX("tarPath", tarPath);
+    _mvFileDataSource file;
+    return file.openDataSourceFile(tarPath, m_log) && memberToOutput(file, out, progress);
+  });
+}
+
+bool ClsTar::UntarMemberToOutput(_mvDataSource& source, _mvOutput& out, ProgressEvent* progress) {
+  return method("UntarMemberToOutput", MethodForm::Judged, false, [&](MethodFrame&) {
+    BufferedDataSource buffered(source);
+    return memberToOutput(source.canLend() ? source : buffered, out, progress);
+  });
+}
+
+bool ClsTar::memberToOutput(_mvDataSource& source, _mvOutput& out, ProgressEvent* progress) {
+  ProgressMonitorPtr monitor(progress, m_abortCheckMs, m_percentScale, 0);
+  ProgressMonitor* const pm = monitor.getPm();
+  ArchiveKind kind = ArchiveKind::Unknown;
+  if (!detectArchiveKind(source, kind, pm, m_log)) return false;
+  bool found = false;
+  if (kind == ArchiveKind::Plain || kind == ArchiveKind::Unknown) {
+    const int count = untarMember(source, out, pm, progress);
+    if (count < 0) return false;
+    found = count > 0;
+  } else {
+    m_stream->BeginStreamingUntar();
+    m_stream->extractFirstMemberInto(&out);
+    ScopeExit backToFiles([this] {
+      m_stream->extractFirstMemberInto(nullptr);
+      m_stream->releaseOutput();
+    });
+    UntilMember sink(*m_stream);
+    _mvIoParams io(pm);
+    const bool ended =
+        kind == ArchiveKind::Bzip2 ? MorvaneBzip2().DecompressStream(source, sink, m_log, pm)
+        : kind == ArchiveKind::Compress
+            ? MorvaneLzw::decompressLzwSource64(source, sink, true, io, m_log)
+            : readGzipHeader(source, pm, m_log) && inflateGzipMembers(source, sink, m_options, pm, m_log);
+    found = m_stream->memberIsComplete();
+    if (!found && (!ended || !m_stream->FinishStreamingUntar(pm, m_log))) return false;
+  }
+  if (!found) m_log.LogError("No such member.");
+  return found && out.announceOutputFinished(m_log);
+}
+
+}  // namespace morvane
