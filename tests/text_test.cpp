@@ -44,7 +44,7 @@ TEST(Utf8, InvalidBytesAreCharactersOfTheirOwn) {
       {"\xF4\x90\x80\x80", 4},  // past U+10FFFF
       {"\xF5\x80\x80\x80", 4},
       {"\xE2\x82", 2},      // cut
-      {"\xE2\x82\x41", 3},  // cut by another character
+      {"\xE2\x82\x31", 3},  // cut by another character
       {"\xF0\x9F\x98", 3},  // cut
       {"\xFF\xFE", 2},
       {std::string("a\0b", 3), 3},

@@ -21,9 +21,9 @@ bool DataBuffer::append(const char* bytes, unsigned n) {
 
 bool DataBuffer::append(const unsigned char* bytes, unsigned n) {
   if (n == 0) return true;
-  // The bytes may be our own; making room moves them, so remember where they are.
+  // The bytes may be our own; making room moves them, so remember where they are. Borrowed ones stay.
   const unsigned char* const begin = m_bytes + m_start;
-  const bool ours = m_size > 0 && bytes >= begin && bytes < begin + m_size;
+  const bool ours = m_capacity > 0 && bytes >= begin && bytes < begin + m_size;
   const size_t ownOffset = ours ? static_cast<size_t>(bytes - begin) : 0;
   if (!makeRoom(n)) return false;
   std::memmove(m_bytes + m_start + m_size, ours ? m_bytes + m_start + ownOffset : bytes, n);

@@ -113,8 +113,10 @@ bool MorvaneDeflate::inflateFromSourcePM(bool, _mvDataSource& source, _mvOutput&
   InputWindow input(source, pm, log);
   int roundsWithoutProgress = 0;
   int state = Z_OK;
+  stream.avail_out = kOut;
   while (state != Z_STREAM_END) {
-    if (stream.avail_in == 0) {
+    // A full output may have more behind it that needs no further input.
+    if (stream.avail_in == 0 && stream.avail_out > 0) {
       const char* bytes = nullptr;
       if (!input.next(bytes, stream.avail_in)) return false;
       if (stream.avail_in == 0) return fail(log, "The deflate data end before the stream does.", stream);

@@ -42,7 +42,7 @@ std::string _mvLogger::text() const {
   std::string text = m_head;
   unsigned long long dropped = m_droppedBytes;
   size_t from = 0;
-  if (m_tail.size() > kKeptAtEachEnd) {
+  if (m_tail.size() > kKeptAtEachEnd && m_head.size() + m_tail.size() > 2 * kKeptAtEachEnd) {
     from = m_tail.size() - kKeptAtEachEnd;
     const size_t lineEnd = m_tail.find('\n', from - 1);
     if (lineEnd != std::string::npos && lineEnd + 1 < m_tail.size()) from = lineEnd + 1;

@@ -184,8 +184,8 @@ bool ArchiveWriter::isSkippedByEvent(const SourcePlace& place, const mvFileInfo&
 // Whether the member's data, or a directory's names, can be read at all; the reason why not is in the log.
 bool ArchiveWriter::canBeRead(const SourcePlace& place, const mvFileInfo& info, ClsDirTree* tree) {
   if (info.m_isSymbolicLink) return true;
-  if (info.m_isDirectory) return !tree || !tree->isEnterable() || tree->prepareToEnter(m_log);
-  if (!info.m_isRegularFile) return true;
+  if (info.m_isDirectory && tree) return !tree->isEnterable() || tree->prepareToEnter(m_log);
+  if (!info.m_isRegularFile && !info.m_isDirectory) return true;
   return m_source.open(place, info, m_log) && (info.m_size == 0 || m_source.readFirst(m_log));
 }
 

@@ -61,18 +61,22 @@ bool splitForHeader(WriteRun& run, const XString& path, HeaderFields& fields) {
 
 // Places the path, by a record in front of the header where it does not fit.
 bool placePath(WriteRun& run, XString& path, const mvFileInfo& info, HeaderFields& fields) {
-  fields.name = path.str();
   const size_t length = path.str().size();
-  if (length <= kLongestNameInBlock) return true;
   const WriteFormat format = run.settings.format;
-  if (format == WriteFormat::Pax) {
-    if (run.log.verbose()) run.log.LogInfo("Writing PAX header..");
-    return writePaxHeaderToOutput(run, path, info);
+  if (length > kLongestNameInBlock) {
+    if (format == WriteFormat::Pax) {
+      if (run.log.verbose()) run.log.LogInfo("Writing PAX header..");
+      if (!writePaxHeaderToOutput(run, path, info)) return false;
+    } else if (format == WriteFormat::Ustar && length <= kLongestUstarPath) {
+      return splitForHeader(run, path, fields);
+    } else {
+      // Longer paths in a ustar archive fall back to GNU's record rather than fail.
+      if (run.log.verbose()) run.log.LogInfo("Writing LongLink header..");
+      if (!writeLongFilenameToOutput(run, path, info)) return false;
+    }
   }
-  if (format == WriteFormat::Ustar && length <= kLongestUstarPath) return splitForHeader(run, path, fields);
-  // Longer paths in a ustar archive fall back to GNU's record rather than fail.
-  if (run.log.verbose()) run.log.LogInfo("Writing LongLink header..");
-  return writeLongFilenameToOutput(run, path, info);
+  fields.name = path.str();  // a view: only now does nobody change the path any more
+  return true;
 }
 
 }  // namespace

@@ -1,0 +1,21 @@
+// What a path is called in an archive.
+#pragma once
+
+#include <string>
+
+namespace mvtar {
+
+struct ArchiveName {
+  std::string name;  // without a slash at the end; empty for "." and "/": the members are named below it
+  std::string
+      removed;  // what was left off and is worth a notice: leading slashes, or everything up to the last ".."
+};
+
+// A leading "./" is left off, and so are doubled slashes and "." parts; unless `keep` is set, leading slashes
+// and whatever stands before and with the last ".." go too.
+ArchiveName archiveNameOf(const std::string& path, bool keep);
+
+// The two joined by a "/"; either may be empty.
+std::string joinNames(const std::string& prefix, const std::string& name);
+
+}  // namespace mvtar

@@ -1,0 +1,48 @@
+// The command line of mvtar, parsed.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "cli/ProgressBar.h"
+
+namespace mvtar {
+
+enum class Mode { None, Create, Extract, List, Verify, Deb, Help, Version };
+
+struct Operand {
+  std::string dir;   // from -C; empty: where the command was started
+  std::string path;  // as given
+};
+
+struct CommandLine {
+  Mode mode = Mode::None;
+  std::string archive;
+  std::string targetDir;  // the last -C
+  std::vector<Operand> operands;
+  bool gzip = false, bzip2 = false;
+  std::string format = "gnu";
+  std::vector<std::string> matches, excludes;
+  std::string prefix;
+  bool verbose = false;
+  bool toStdout = false;   // -O
+  bool keepNames = false;  // -P
+  bool stripPaths = false;
+  bool xml = false;
+  bool totals = false;
+  bool printLog = false;
+  int maxCount = 0;  // 0: no limit
+  std::string charset = "utf-8";
+  std::string options;
+  ProgressBar::When progress = ProgressBar::When::Never;
+
+  bool usesStandardStream() const { return archive == "-"; }
+};
+
+// False for wrong usage; `error` then says what is wrong.
+bool parseCommandLine(int argc, char** argv, CommandLine& line, std::string& error);
+
+// The text of --help.
+const char* helpText();
+
+}  // namespace mvtar

@@ -1,0 +1,294 @@
+// mvtar -c
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <set>
+
+#include "cli/ArchiveName.h"
+#include "cli/Commands.h"
+#include "cli/Interrupt.h"
+#include "cli/Names.h"
+#include "cli/Report.h"
+#include "cli/Selection.h"
+#include "tar/ClsTar.h"
+
+namespace mvtar {
+
+namespace {
+
+using morvane::ClsTar;
+using morvane::XString;
+
+// What makes the component name what it could not do as asked, instead of failing or passing over it.
+constexpr char kWords[] =
+    "SkipOutputFile,SkipUnreadable,WriteExactSizes,CountSkipsExcluded,UstarOverflow=fail,UstarPlainPrefix,"
+    "PaxExact";
+
+constexpr char kEscape = '\x1B';
+
+bool endsWith(const std::string& text, const char* ending) {
+  const size_t length = std::strlen(ending);
+  return text.size() >= length && text.compare(text.size() - length, length, ending) == 0;
+}
+
+enum class Compression { None, Gzip, Bzip2 };
+
+Compression compressionOf(const CommandLine& line) {
+  if (line.gzip) return Compression::Gzip;
+  if (line.bzip2) return Compression::Bzip2;
+  for (const char* ending : {".tar.gz", ".tgz"}) {
+    if (endsWith(line.archive, ending)) return Compression::Gzip;
+  }
+  for (const char* ending : {".tar.bz2", ".tbz", ".tbz2"}) {
+    if (endsWith(line.archive, ending)) return Compression::Bzip2;
+  }
+  return Compression::None;
+}
+
+// A path given to the component, and what it, or what lies below it, is called in the archive.
+struct Source {
+  std::string localPath;
+  std::string name;
+};
+
+// Like a comparison of paths component by component: a slash comes before every other character.
+bool walksBefore(const std::string& a, const std::string& b) {
+  for (size_t i = 0; i < a.size() && i < b.size(); ++i) {
+    if (a[i] == b[i]) continue;
+    const auto rank = [](char c) { return c == '/' ? 0 : 1 + static_cast<unsigned char>(c); };
+    return rank(a[i]) < rank(b[i]);
+  }
+  return a.size() < b.size();
+}
+
+// Follows the component through the sources, to tell what the local path it is about is called in the
+// archive.
+class SourceNames {
+ public:
+  void addSingle(Source single) { m_singles.push_back(std::move(single)); }
+  void addTree(Source tree) { m_trees.push_back(std::move(tree)); }
+
+  // Sources come in the order they were added, single ones first (some may not come at all); a tree's members
+  // come in the order of its walk.
+  std::string nameOf(const std::string& localPath) {
+    for (size_t i = m_nextSingle; i < m_singles.size(); ++i) {
+      if (m_singles[i].localPath != localPath) continue;
+      m_nextSingle = i + 1;
+      return m_singles[i].name;
+    }
+    m_nextSingle = m_singles.size();
+    while (m_tree < m_trees.size() && !isNextIn(m_trees[m_tree], localPath)) {
+      ++m_tree;
+      m_last.clear();
+    }
+    if (m_tree == m_trees.size()) return localPath;
+    m_last = localPath;
+    const Source& tree = m_trees[m_tree];
+    return joinNames(tree.name, localPath.substr(prefixLength(tree)));
+  }
+
+ private:
+  static size_t prefixLength(const Source& tree) {
+    const size_t end = tree.localPath.find_last_not_of('/');
+    return (end == std::string::npos ? 0 : end + 1) + 1;
+  }
+
+  bool isNextIn(const Source& tree, const std::string& localPath) const {
+    const size_t length = prefixLength(tree);
+    const bool below = localPath.size() > length && localPath[length - 1] == '/' &&
+                       localPath.compare(0, length - 1, tree.localPath, 0, length - 1) == 0;
+    return below && (m_last.empty() || walksBefore(m_last, localPath));
+  }
+
+  std::vector<Source> m_singles;
+  std::vector<Source> m_trees;
+  size_t m_nextSingle = 0, m_tree = 0;
+  std::string m_last;
+};
+
+// Why a path could not be read, as the system says it now.
+std::string whyUnreadable(const char* path) {
+  errno = 0;
+  if (access(path, R_OK) != 0) return std::strerror(errno);
+  return "it cannot be read";
+}
+
+class CreateEvent : public morvane::ProgressEvent {
+ public:
+  CreateEvent(Report& report, ProgressBar& bar, SourceNames& names, const CommandLine& line)
+      : m_report(report),
+        m_bar(bar),
+        m_names(names),
+        m_line(line),
+        m_selection({}, line.matches, line.excludes) {}
+
+  long long members() const { return m_members; }
+  long long bytes() const { return m_bytes; }
+
+  void onAbortCheck(bool& abort) override { abort = isInterrupted(); }
+  void onProgress(int parts, bool&) override { m_bar.show(parts); }
+
+  void onTarEntry(const char* path, long long size, bool isDirectory, bool& skip) override {
+    m_name = m_names.nameOf(path);
+    skip = !m_selection.takes(m_name) || (m_line.maxCount > 0 && m_members >= m_line.maxCount);
+    if (skip) return;
+    if (size == 0 || isDirectory) nameWhatIsLost(path);
+    ++m_members;
+    m_bytes += size;
+    m_isDirectory = isDirectory;
+  }
+
+  void onInfo(const char* name, const char* value) override {
+    const std::string_view what(name);
+    if (what == "pathInTar") {
+      noteName(value);
+    } else if (what == "unreadable") {
+      if (m_unreadable.insert(value).second) m_report.problem(value, whyUnreadable(value));
+    } else if (what == "sizeChanged") {
+      m_report.problem(value, "its size changed while it was archived");
+    }
+  }
+
+ private:
+  void noteName(const std::string& name) {
+    if (name.find('\\') != std::string::npos) {
+      m_report.problem(name, "a back slash cannot be stored; it becomes a slash");
+    }
+    if (m_line.verbose) m_report.name(m_isDirectory && !endsWith(name, "/") ? name + "/" : name);
+  }
+
+  // Links and special files become ordinary members without data.
+  void nameWhatIsLost(const char* path) {
+    struct stat status;
+    if (lstat(path, &status) != 0 || S_ISREG(status.st_mode) || S_ISDIR(status.st_mode)) return;
+    m_report.problem(path, S_ISLNK(status.st_mode)    ? "a symbolic link is not kept as one"
+                           : S_ISFIFO(status.st_mode) ? "a FIFO is kept as an empty file"
+                           : S_ISSOCK(status.st_mode) ? "a socket is kept as an empty file"
+                                                      : "a device is kept as an empty file");
+  }
+
+  Report& m_report;
+  ProgressBar& m_bar;
+  SourceNames& m_names;
+  const CommandLine& m_line;
+  Selection m_selection;
+  std::string m_name;
+  std::set<std::string> m_unreadable;  // a directory is a member and the root of a tree
+  bool m_isDirectory = false;
+  long long m_members = 0, m_bytes = 0;
+};
+
+class Sources {
+ public:
+  Sources(const CommandLine& line, Report& report, ClsTar& tar)
+      : m_line(line), m_report(report), m_tar(tar) {}
+
+  // Hands the operands to the component. What is missing is named and left out.
+  void add() {
+    for (const Operand& operand : m_line.operands) addOperand(operand);
+  }
+  SourceNames& names() { return m_names; }
+
+ private:
+  void addOperand(const Operand& operand) {
+    const bool absolute = !operand.path.empty() && operand.path[0] == '/';
+    const std::string local = absolute ? operand.path : joinNames(operand.dir, operand.path);
+    struct stat status;
+    if (operand.path.empty() || lstat(local.c_str(), &status) != 0) {
+      m_report.problem(operand.path, operand.path.empty() ? "an empty path" : std::strerror(errno));
+      return;
+    }
+    const ArchiveName stored = archiveNameOf(operand.path, m_line.keepNames);
+    if (!stored.removed.empty() && stored.removed != m_lastRemoved) {
+      m_report.notice(operand.path, "leading '" + shown(stored.removed) + "' is left off");
+      m_lastRemoved = stored.removed;
+    }
+    const std::string name = joinNames(m_line.prefix, stored.name);
+    if (local.find(kEscape) != std::string::npos || name.find(kEscape) != std::string::npos) {
+      m_report.problem(operand.path, "a name with an escape character cannot be archived");
+      return;
+    }
+    // A slash at the end asks for what a link points at.
+    const bool throughLink = operand.path.back() == '/' && S_ISLNK(status.st_mode);
+    if (throughLink && stat(local.c_str(), &status) != 0) {
+      m_report.problem(operand.path, std::strerror(errno));
+      return;
+    }
+    if (!S_ISDIR(status.st_mode)) {
+      addSingle(local, name);
+      return;
+    }
+    if (!name.empty()) addSingle(local, name);
+    if (!m_tar.AddDirRoot2(name, local)) m_report.failure(m_tar, operand.path);
+    m_names.addTree({local, name});
+  }
+
+  void addSingle(const std::string& local, const std::string& name) {
+    m_tar.AddFile2(local, name);
+    m_names.addSingle({local, name});
+  }
+
+  const CommandLine& m_line;
+  Report& m_report;
+  ClsTar& m_tar;
+  SourceNames m_names;
+  std::string m_lastRemoved;
+};
+
+bool write(ClsTar& tar, const CommandLine& line, morvane::ProgressEvent& event) {
+  const Compression compression = compressionOf(line);
+  const auto writeTo = [&](auto& out) {
+    return compression == Compression::Gzip    ? tar.WriteTarGz(out, &event)
+           : compression == Compression::Bzip2 ? tar.WriteTarBz2(out, &event)
+                                               : tar.WriteTar(out, &event);
+  };
+  if (!line.usesStandardStream()) {
+    const XString path(line.archive);
+    return writeTo(path);
+  }
+  const std::unique_ptr<morvane::OutputFile> out(
+      morvane::OutputFile::adopt(morvane::OsFile(dup(STDOUT_FILENO)), "standard output"));
+  const bool written = writeTo(*out);
+  // A closed pipe or a full disk may show as late as here.
+  return out->closeHandle() && written;
+}
+
+}  // namespace
+
+int createArchive(const CommandLine& line) {
+  ProgressBar bar(line.progress);
+  Report report(bar, line.usesStandardStream());
+  if (line.usesStandardStream() && isatty(STDOUT_FILENO)) {
+    report.problem("standard output", "an archive is not written to a terminal");
+    return report.finish();
+  }
+  ClsTar tar;
+  Sources sources(line, report, tar);
+  sources.add();
+  tar.put_WriteFormat(line.format);
+  tar.put_PercentScale(ProgressBar::kScale);
+  tar.put_UncommonOptions(
+      (std::string(kWords) + (bar.mayBeShown() ? "" : ",NoTotal") + line.options).c_str());
+  CreateEvent event(report, bar, sources.names(), line);
+  const bool ok = write(tar, line, event);
+  bar.clear();
+  if (line.printLog) {
+    XString log;
+    tar.get_LogText(log);
+    std::fputs(log.getUtf8(), stderr);
+  }
+  if (isInterrupted()) {
+    report.notice(line.archive, "interrupted; the archive is incomplete");
+    return interruptStatus();
+  }
+  if (!ok) report.failure(tar, line.archive);
+  if (line.totals) {
+    std::fprintf(stderr, "mvtar: %lld members, %lld bytes\n", event.members(), event.bytes());
+  }
+  return report.finish();
+}
+
+}  // namespace mvtar

@@ -1,0 +1,52 @@
+#include "cli/Interrupt.h"
+
+#include <csignal>
+#include <ctime>
+#include <initializer_list>
+
+namespace mvtar {
+
+namespace {
+
+volatile std::sig_atomic_t g_signal = 0;
+timer_t g_timer;
+bool g_hasTimer = false;
+
+// A signal that arrives just before a read or write begins to wait would not break it; so the timer knocks
+// again and again until the component has heard. timer_settime may be called from a handler.
+void onInterrupt(int signal) {
+  g_signal = signal;
+  if (!g_hasTimer) return;
+  constexpr long kKnockEvery = 100 * 1000 * 1000;
+  const itimerspec knocks{{0, kKnockEvery}, {0, kKnockEvery}};
+  timer_settime(g_timer, 0, &knocks, nullptr);
+}
+
+void onKnock(int) {}
+
+void handle(int signal, void (*handler)(int)) {
+  struct sigaction action {};
+  action.sa_handler = handler;  // without SA_RESTART: waits are broken
+  sigemptyset(&action.sa_mask);
+  sigaction(signal, &action, nullptr);
+}
+
+}  // namespace
+
+void catchInterrupts() {
+  handle(SIGALRM, onKnock);
+  handle(SIGPIPE, SIG_IGN);  // a closed pipe is a failed write
+  g_hasTimer = timer_create(CLOCK_MONOTONIC, nullptr, &g_timer) == 0;
+  for (const int signal : {SIGINT, SIGTERM}) {
+    struct sigaction current {};
+    // One that is ignored, as for a command in the background, stays ignored.
+    if (sigaction(signal, nullptr, &current) == 0 && current.sa_handler == SIG_IGN) continue;
+    handle(signal, onInterrupt);
+  }
+}
+
+bool isInterrupted() { return g_signal != 0; }
+
+int interruptStatus() { return 128 + g_signal; }
+
+}  // namespace mvtar

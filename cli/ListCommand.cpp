@@ -1,0 +1,151 @@
+// mvtar -t
+#include <cstdio>
+#include <ctime>
+
+#include "cli/Commands.h"
+#include "cli/MemberEvent.h"
+#include "cli/Names.h"
+#include "cli/ReadArchive.h"
+
+namespace mvtar {
+
+namespace {
+
+using morvane::ClsTar;
+using morvane::TarMemberInfo;
+
+char kindLetter(const TarMemberInfo& member) {
+  if (member.isDirectory) return 'd';
+  switch (member.typeFlag) {
+    case '1':
+      return 'h';
+    case '2':
+      return 'l';
+    case '3':
+      return 'c';
+    case '4':
+      return 'b';
+    case '6':
+      return 'p';
+    default:
+      return '-';
+  }
+}
+
+std::string modeText(const TarMemberInfo& member) {
+  std::string text(1, kindLetter(member));
+  for (int shift = 6; shift >= 0; shift -= 3) {
+    const unsigned bits = member.mode >> shift;
+    text += bits & 4 ? 'r' : '-';
+    text += bits & 2 ? 'w' : '-';
+    text += bits & 1 ? 'x' : '-';
+  }
+  const auto special = [&text](size_t at, char set, char alone) { text[at] = text[at] == 'x' ? set : alone; };
+  if (member.mode & 04000) special(3, 's', 'S');
+  if (member.mode & 02000) special(6, 's', 'S');
+  if (member.mode & 01000) special(9, 't', 'T');
+  return text;
+}
+
+std::string ownerText(const TarMemberInfo& member) {
+  const auto either = [](const char* name, unsigned id) { return *name ? shown(name) : std::to_string(id); };
+  return either(member.userName, member.uid) + "/" + either(member.groupName, member.gid);
+}
+
+// Local time, as other tars show it.
+std::string timeText(long long seconds) {
+  const time_t time = static_cast<time_t>(seconds);
+  tm parts{};
+  char text[64];
+  if (!localtime_r(&time, &parts) || std::strftime(text, sizeof text, "%Y-%m-%d %H:%M", &parts) == 0) {
+    return std::to_string(seconds);
+  }
+  return text;
+}
+
+class ListEvent : public MemberEvent {
+ public:
+  using MemberEvent::MemberEvent;
+
+ private:
+  void onSelected(const TarMemberInfo& member) override {
+    count(member.isDirectory ? 0 : member.size);
+    if (!m_line.verbose) {
+      m_report.name(member.path);
+      return;
+    }
+    // The owner's and the size's columns widen as they need to.
+    const std::string owner = ownerText(member);
+    const std::string size = std::to_string(member.size);
+    constexpr size_t kColumns = 19;
+    m_width = std::max({m_width, owner.size() + 1 + size.size(), kColumns});
+    const std::string gap(m_width - owner.size() - size.size(), ' ');
+    std::string line =
+        modeText(member) + " " + owner + gap + size + " " + timeText(member.mtime) + " " + shown(member.path);
+    if (member.typeFlag == '2') line += " -> " + shown(member.linkPath);
+    if (member.typeFlag == '1') line += " link to " + shown(member.linkPath);
+    m_report.line(line);
+  }
+
+  size_t m_width = 0;
+};
+
+bool printXml(ClsTar& tar, ArchiveReader& archive, MemberEvent& event) {
+  morvane::XString xml;
+  bool ok;
+  if (archive.isPlain()) {
+    ok = tar.ListXml(archive.source(), xml, &event);
+  } else {
+    tar.put_CaptureXmlListing(true);
+    ok = archive.read(tar, event);
+    tar.get_XmlListing(xml);
+  }
+  std::fwrite(xml.getUtf8(), 1, xml.getSizeUtf8(), stdout);
+  return ok;
+}
+
+// For --xml and --verify: everything is looked at and nothing printed.
+class SilentEvent : public MemberEvent {
+ public:
+  using MemberEvent::MemberEvent;
+
+ private:
+  void onSelected(const TarMemberInfo& member) override { count(member.isDirectory ? 0 : member.size); }
+};
+
+}  // namespace
+
+int listArchive(const CommandLine& line) {
+  ProgressBar bar(line.progress);
+  Report report(bar, false);
+  ClsTar tar;
+  ArchiveReader archive;
+  if (!archive.open(line, report)) return finish(tar, line, report, true);
+  prepare(tar, line);
+  tar.put_SuppressOutput(true);
+  ListEvent listing(report, bar, line);
+  SilentEvent silent(report, bar, line);
+  MemberEvent& event = line.xml ? static_cast<MemberEvent&>(silent) : listing;
+  const bool ok = (line.xml ? printXml(tar, archive, event) : archive.read(tar, event)) || event.enoughSeen();
+  bar.clear();
+  if (ok) event.nameUnfound();
+  if (line.totals) std::fprintf(stderr, "mvtar: %lld members, %lld bytes\n", event.members(), event.bytes());
+  return finish(tar, line, report, ok);
+}
+
+int verifyArchive(const CommandLine& line) {
+  ProgressBar bar(line.progress);
+  Report report(bar, false);
+  ClsTar tar;
+  ArchiveReader archive;
+  if (!archive.open(line, report)) return finish(tar, line, report, true);
+  prepare(tar, line);
+  tar.put_SuppressOutput(true);
+  SilentEvent event(report, bar, line);
+  const bool ok = archive.read(tar, event);
+  bar.clear();
+  if (ok) report.line(shown(line.archive) + ": whole, " + std::to_string(event.members()) + " members");
+  return finish(tar, line, report, ok);
+}
+
+}  // namespace mvtar

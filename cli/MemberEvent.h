@@ -1,0 +1,69 @@
+// What the reading commands do with the component's events: each member is selected by its stored path, and
+// what the archive says of it stays at hand until its entry is decided.
+#pragma once
+
+#include <string>
+
+#include "cli/Interrupt.h"
+#include "cli/ProgressBar.h"
+#include "cli/Report.h"
+#include "cli/Selection.h"
+#include "runtime/progress/ProgressEvent.h"
+#include "runtime/progress/TarMemberInfo.h"
+
+namespace mvtar {
+
+inline std::vector<std::string> operandPaths(const CommandLine& line) {
+  std::vector<std::string> paths;
+  for (const Operand& operand : line.operands) paths.push_back(operand.path);
+  return paths;
+}
+
+class MemberEvent : public morvane::ProgressEvent {
+ public:
+  MemberEvent(Report& report, ProgressBar& bar, const CommandLine& line)
+      : m_report(report),
+        m_line(line),
+        m_selection(operandPaths(line), line.matches, line.excludes),
+        m_bar(bar) {}
+
+  // Whether --max-count was reached and the last counted member is complete: how the run ends then does not
+  // matter.
+  bool enoughSeen() const { return m_enoughSeen; }
+  long long members() const { return m_members; }
+  long long bytes() const { return m_bytes; }
+
+  void nameUnfound() {
+    if (m_enoughSeen) return;
+    for (const std::string& name : m_selection.unfound()) m_report.problem(name, "not found in the archive");
+  }
+
+  void onAbortCheck(bool& abort) override { abort = m_enoughSeen || isInterrupted(); }
+  void onProgress(int parts, bool&) override { m_bar.show(parts); }
+
+  void onTarHeader(const morvane::TarMemberInfo& member) override {
+    m_enoughSeen = m_line.maxCount > 0 && m_members >= m_line.maxCount;
+    m_isSelected = !m_enoughSeen && m_selection.takes(member.path);
+    if (m_isSelected) onSelected(member);
+  }
+
+ protected:
+  virtual void onSelected(const morvane::TarMemberInfo& member) = 0;
+  void count(long long bytes) {
+    ++m_members;
+    m_bytes += bytes;
+  }
+  bool isSelected() const { return m_isSelected; }
+
+  Report& m_report;
+  const CommandLine& m_line;
+
+ private:
+  Selection m_selection;
+  ProgressBar& m_bar;
+  bool m_isSelected = false;
+  bool m_enoughSeen = false;
+  long long m_members = 0, m_bytes = 0;
+};
+
+}  // namespace mvtar

@@ -1,0 +1,12 @@
+// Names as they are shown to a person.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace mvtar {
+
+// Control characters and back slashes as C escapes; every other byte as it is.
+std::string shown(std::string_view name);
+
+}  // namespace mvtar

@@ -1,0 +1,28 @@
+// A bar on standard error that shows how far a job is.
+#pragma once
+
+#include <chrono>
+
+namespace mvtar {
+
+class ProgressBar {
+ public:
+  enum class When { Never, AfterOneSecond, Always };
+  // The scale of show(): parts of a whole job.
+  static constexpr int kScale = 1000;
+
+  explicit ProgressBar(When when) : m_when(when), m_start(std::chrono::steady_clock::now()) {}
+  ~ProgressBar() { clear(); }
+
+  bool mayBeShown() const { return m_when != When::Never; }
+  void show(int parts);
+  // Takes the bar off the screen, so that a line can be written in its place.
+  void clear();
+
+ private:
+  const When m_when;
+  const std::chrono::steady_clock::time_point m_start;
+  bool m_onScreen = false;
+};
+
+}  // namespace mvtar

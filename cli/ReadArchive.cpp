@@ -1,0 +1,111 @@
+#include "cli/ReadArchive.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "cli/Interrupt.h"
+
+namespace mvtar {
+
+namespace {
+
+using morvane::ArchiveKind;
+using morvane::ClsTar;
+using morvane::OsFile;
+
+// Asks whether to abort while the first bytes of a slow pipe are awaited.
+class InterruptEvent : public morvane::ProgressEvent {
+ public:
+  void onAbortCheck(bool& abort) override { abort = isInterrupted(); }
+};
+
+}  // namespace
+
+std::string readingWords(const CommandLine& line) {
+  const std::string words = "FullRead,VerifyGzip,GzipAllMembers,Bz2Framed,RequireEndOfArchive,EntryEvents";
+  return words + (line.keepNames ? "" : ",Confine=beneath") + line.options;
+}
+
+bool ArchiveReader::open(const CommandLine& line, Report& report) {
+  morvane::LogNull unwanted;
+  if (line.usesStandardStream()) {
+    if (isatty(STDIN_FILENO)) {
+      report.problem("standard input", "an archive is not read from a terminal");
+      return false;
+    }
+    if (!m_source.adopt(OsFile(dup(STDIN_FILENO)), "standard input", unwanted)) {
+      report.problem("standard input", "it is no file that can be read");
+      return false;
+    }
+  } else if (!openPath(line.archive, report)) {
+    return false;
+  }
+  InterruptEvent event;
+  morvane::ProgressMonitor monitor(event, 1, 0, 0);
+  if (!detectArchiveKind(m_source, m_kind, &monitor, unwanted)) {
+    if (!isInterrupted()) report.problem(line.archive, "it cannot be read");
+    return false;
+  }
+  return true;
+}
+
+// A FIFO is waited for, but an interrupt ends the wait.
+bool ArchiveReader::openPath(const std::string& path, Report& report) {
+  morvane::LogNull unwanted;
+  int fd;
+  do {
+    fd = ::open(path.c_str(), O_RDONLY | O_NOCTTY | O_CLOEXEC);
+  } while (fd < 0 && errno == EINTR && !isInterrupted());
+  if (fd < 0 && errno == ENAMETOOLONG) return m_source.openDataSourceFile(path, unwanted);
+  const int error = errno;
+  if (fd >= 0 && m_source.adopt(OsFile(fd), path.c_str(), unwanted)) return true;
+  if (!isInterrupted()) report.problem(path, std::strerror(fd < 0 ? error : errno));
+  return false;
+}
+
+bool ArchiveReader::isPlain() const { return m_kind == ArchiveKind::Plain || m_kind == ArchiveKind::Unknown; }
+
+bool ArchiveReader::read(ClsTar& tar, morvane::ProgressEvent& event) {
+  switch (m_kind) {
+    case ArchiveKind::Gzip:
+      return tar.UntarGz(m_source, &event);
+    case ArchiveKind::Bzip2:
+      return tar.UntarBz2(m_source, &event);
+    case ArchiveKind::Compress:
+      return tar.UntarZ(m_source, &event);
+    case ArchiveKind::Plain:
+    case ArchiveKind::Unknown:
+      break;
+  }
+  return tar.get_SuppressOutput() ? tar.VerifyTar(m_source, &event) : tar.Untar(m_source, &event) >= 0;
+}
+
+void prepare(ClsTar& tar, const CommandLine& line) {
+  tar.put_PercentScale(ProgressBar::kScale);
+  tar.put_UncommonOptions(readingWords(line).c_str());
+  tar.put_Charset(line.charset);
+  tar.put_NoAbsolutePaths(!line.keepNames);
+  tar.put_UntarDiscardPaths(line.stripPaths);
+  if (!line.targetDir.empty()) tar.put_UntarFromDir(line.targetDir);
+}
+
+int finish(ClsTar& tar, const CommandLine& line, Report& report, bool ok) {
+  if (line.printLog) {
+    morvane::XString log;
+    tar.get_LogText(log);
+    std::fputs(log.getUtf8(), stderr);
+  }
+  if (isInterrupted()) {
+    report.notice(line.archive, "interrupted");
+    std::fflush(stdout);
+    return interruptStatus();
+  }
+  if (!ok) report.failure(tar, line.archive);
+  return report.finish();
+}
+
+}  // namespace mvtar

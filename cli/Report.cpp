@@ -1,0 +1,46 @@
+#include "cli/Report.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "cli/Names.h"
+#include "tar/ClsTar.h"
+
+namespace mvtar {
+
+void Report::notice(std::string_view path, std::string_view text) {
+  m_bar.clear();
+  std::fprintf(stderr, "mvtar: %s: %s\n", shown(path).c_str(), std::string(text).c_str());
+}
+
+void Report::problem(std::string_view path, std::string_view reason) {
+  notice(path, reason);
+  m_status = kNotAllDone;
+}
+
+void Report::failure(morvane::ClsTar& tar, const std::string& archive) {
+  morvane::XString path, reason;
+  tar.get_FailureCause(path, reason);
+  if (reason.isEmpty() && m_status != kDone) return;  // only what was named already is missing
+  problem(path.isEmpty() ? archive : path.str(), reason.isEmpty() ? "it failed" : reason.str());
+}
+
+void Report::name(std::string_view name) { line(shown(name)); }
+
+void Report::line(const std::string& text) {
+  m_bar.clear();
+  std::fprintf(m_outputCarriesData ? stderr : stdout, "%s\n", text.c_str());
+}
+
+int Report::finish() {
+  m_bar.clear();
+  errno = 0;
+  if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
+    problem("standard output", errno != 0 ? std::strerror(errno) : "it could not be written");
+  }
+  if (m_status != kDone) std::fputs("mvtar: not everything could be done; see the messages above\n", stderr);
+  return m_status;
+}
+
+}  // namespace mvtar

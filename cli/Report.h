@@ -1,0 +1,45 @@
+// What the command says, and the status it will end with.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "cli/ProgressBar.h"
+
+namespace morvane {
+class ClsTar;
+}
+
+namespace mvtar {
+
+// Exit statuses.
+constexpr int kDone = 0;
+constexpr int kNotAllDone = 2;
+constexpr int kWrongUsage = 64;
+
+class Report {
+ public:
+  Report(ProgressBar& bar, bool outputCarriesData) : m_bar(bar), m_outputCarriesData(outputCarriesData) {}
+
+  // "mvtar: PATH: reason" on standard error.
+  void notice(std::string_view path, std::string_view text);
+  // The same for something that was not done: the status becomes 2.
+  void problem(std::string_view path, std::string_view reason);
+  // The reason of a failed call of the component, when it is about more than what was said already.
+  void failure(morvane::ClsTar& tar, const std::string& archive);
+  // A name (as stored) on standard output, or on standard error when standard output carries data.
+  void name(std::string_view name);
+  // A finished line in the same place.
+  void line(const std::string& text);
+
+  // Says once more that something is missing, and tells the status. Call it last.
+  int finish();
+  bool anyProblem() const { return m_status != kDone; }
+
+ private:
+  ProgressBar& m_bar;
+  const bool m_outputCarriesData;
+  int m_status = kDone;
+};
+
+}  // namespace mvtar

@@ -1,0 +1,87 @@
+#include "cli/Selection.h"
+
+#include <algorithm>
+
+namespace mvtar {
+
+namespace {
+
+// How a path is compared: "./a/" is a.
+std::string_view comparable(std::string_view path) {
+  while (path.size() > 1 && path.substr(0, 2) == "./") {
+    path.remove_prefix(2);
+    while (path.size() > 1 && path.front() == '/') path.remove_prefix(1);
+  }
+  while (path.size() > 1 && path.back() == '/') path.remove_suffix(1);
+  return path;
+}
+
+bool isPattern(std::string_view text) { return text.find('*') != std::string_view::npos; }
+
+bool matchesWhole(std::string_view text, const std::string& pattern) {
+  return morvane::XString(std::string(text)).matchesUtf8(pattern.c_str(), true);
+}
+
+// The path or a directory above it matches; a pattern without "/" is also tried on every single component.
+bool matchesPathOrParent(std::string_view path, const std::string& pattern) {
+  for (size_t end = path.size(); end != std::string_view::npos && end > 0; end = path.rfind('/', end - 1)) {
+    if (matchesWhole(path.substr(0, end), pattern)) return true;
+    if (end == 0) break;
+  }
+  if (pattern.find('/') != std::string::npos) return false;
+  for (size_t start = 0; start <= path.size();) {
+    const size_t end = std::min(path.find('/', start), path.size());
+    if (end > start && matchesWhole(path.substr(start, end - start), pattern)) return true;
+    start = end + 1;
+  }
+  return false;
+}
+
+bool isBelow(std::string_view path, const std::string& dir) {
+  return path.size() > dir.size() && path.substr(0, dir.size()) == dir &&
+         (path[dir.size()] == '/' || dir.back() == '/');
+}
+
+std::vector<std::string> comparablePatterns(const std::vector<std::string>& patterns) {
+  std::vector<std::string> result;
+  for (const std::string& pattern : patterns) result.emplace_back(comparable(pattern));
+  return result;
+}
+
+bool anyMatches(std::string_view path, const std::vector<std::string>& patterns) {
+  return std::any_of(patterns.begin(), patterns.end(),
+                     [path](const std::string& pattern) { return matchesPathOrParent(path, pattern); });
+}
+
+}  // namespace
+
+Selection::Selection(const std::vector<std::string>& members, const std::vector<std::string>& matches,
+                     const std::vector<std::string>& excludes)
+    : m_matches(comparablePatterns(matches)), m_excludes(comparablePatterns(excludes)) {
+  for (const std::string& member : members) {
+    m_members.push_back({member, std::string(comparable(member)), isPattern(member), false});
+  }
+}
+
+bool Selection::takes(std::string_view storedPath) {
+  const std::string_view path = comparable(storedPath);
+  bool named = m_members.empty();
+  for (Member& member : m_members) {
+    const bool hit = path == member.path || member.path == "." || isBelow(path, member.path) ||
+                     (member.isPattern && matchesWhole(path, member.path));
+    member.found = member.found || hit;
+    named = named || hit;
+  }
+  if (!named) return false;
+  return (m_matches.empty() || anyMatches(path, m_matches)) && !anyMatches(path, m_excludes);
+}
+
+std::vector<std::string> Selection::unfound() const {
+  std::vector<std::string> names;
+  for (const Member& member : m_members) {
+    if (!member.found) names.push_back(member.given);
+  }
+  return names;
+}
+
+}  // namespace mvtar
