@@ -195,7 +195,10 @@ class Sources {
  private:
   void addOperand(const Operand& operand) {
     const bool absolute = !operand.path.empty() && operand.path[0] == '/';
-    const std::string local = absolute ? operand.path : joinNames(operand.dir, operand.path);
+    const bool isDirItself = operand.path == "." && !operand.dir.empty();
+    const std::string local = absolute      ? operand.path
+                              : isDirItself ? operand.dir
+                                            : joinNames(operand.dir, operand.path);
     struct stat status;
     if (operand.path.empty() || lstat(local.c_str(), &status) != 0) {
       m_report.problem(operand.path, operand.path.empty() ? "an empty path" : std::strerror(errno));

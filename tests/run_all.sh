@@ -1,0 +1,87 @@
+#!/usr/bin/env bash
+# Installs what the tests need, builds them in release, with address and undefined-behaviour sanitizers and with the
+# thread sanitizer, runs them all, and checks the formatting. The last line counts every test of every build.
+set -uo pipefail
+cd "$(dirname "$0")/.."
+
+packages="g++ cmake ninja-build git zlib1g-dev libbz2-dev libgtest-dev clang-format libarchive-tools busybox ncompress
+  bzip2 gzip xz-utils python3 libxml2-utils dpkg pkg-config diffutils"
+missing=""
+for package in $packages; do
+  dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'ok installed' || missing="$missing $package"
+done
+if [ -n "$missing" ]; then
+  echo "installing:$missing"
+  apt-get update -qq
+  # shellcheck disable=SC2086
+  DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends $missing >/dev/null || exit 1
+fi
+
+passed=0
+failed=0
+logs=build/test-logs
+mkdir -p "$logs"
+
+fail() {
+  echo "FAILED: $1"
+  failed=$((failed + 1))
+}
+
+# Counts what GoogleTest says at the end of each log; a program that ended without saying it has failed.
+count() {
+  local log=$1 status=$2 done_line failures
+  done_line=$(grep -oE '^\[  PASSED  \] [0-9]+ test' "$log" | grep -oE '[0-9]+' | tail -n 1)
+  failures=$(grep -cE '^\[  FAILED  \] [^ ]+.*\([0-9]+ ms\)$' "$log")
+  passed=$((passed + ${done_line:-0}))
+  failed=$((failed + failures))
+  if [ "$status" -ne 0 ]; then
+    grep -E '^\[  FAILED  \]|Failure|ERROR: |WARNING: ThreadSanitizer|runtime error' "$log" | sort -u | head -n 40
+    [ "$failures" -gt 0 ] || { tail -n 30 "$log"; fail "$log"; }
+  elif [ -z "$done_line" ]; then
+    fail "$log ran no test"
+  fi
+}
+
+# Two halves of the tests at a time.
+run_tests() {  # run_tests PRESET
+  local preset=$1 shard pids=()
+  echo "== $preset"
+  if ! { cmake --preset "$preset" && cmake --build --preset "$preset"; } >"$logs/$preset-build.log" 2>&1; then
+    tail -n 40 "$logs/$preset-build.log"
+    fail "build of $preset"
+    return
+  fi
+  for shard in 0 1; do
+    GTEST_TOTAL_SHARDS=2 GTEST_SHARD_INDEX=$shard "build/$preset/tests/morvane_tests" \
+      >"$logs/$preset-$shard.log" 2>&1 </dev/null &
+    pids+=($!)
+  done
+  for shard in 0 1; do
+    wait "${pids[$shard]}"
+    count "$logs/$preset-$shard.log" $?
+  done
+}
+
+for preset in release asan tsan; do run_tests "$preset"; done
+
+for script in tests/*_test.sh; do
+  [ -e "$script" ] || continue
+  echo "== $script"
+  if bash "$script" build/release >"$logs/$(basename "$script").log" 2>&1; then
+    passed=$((passed + 1))
+  else
+    tail -n 30 "$logs/$(basename "$script").log"
+    fail "$script"
+  fi
+done
+
+echo "== formatting"
+if git ls-files '*.h' '*.cpp' | xargs clang-format --dry-run --Werror >"$logs/format.log" 2>&1; then
+  passed=$((passed + 1))
+else
+  head -n 20 "$logs/format.log"
+  fail "formatting"
+fi
+
+echo "$passed passed, $failed failed"
+[ "$failed" -eq 0 ]
