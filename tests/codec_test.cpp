@@ -299,7 +299,7 @@ TEST(Lzw, WhatCompressWrites) {
     // The table is full, and the codes had their last width before, at these sizes.
     for (unsigned width = bits == 16 ? 9 : bits; width <= std::min(bits, 15u); ++width) {
       for (size_t n = (1u << width) - 257 - 9; n <= (1u << width) - 257 + 9; ++n) {
-        check(n <= pairs.size() ? pairs.substr(0, n) : noise(n, 1), bits);
+        check(pairs.substr(0, n), bits);
       }
     }
   }
@@ -317,7 +317,9 @@ TEST(Lzw, EveryMaximumModeAndClear) {
     for (const bool blockMode : {true, false}) {
       const std::string packed = lzw(mixed, bits, blockMode);
       ASSERT_EQ(success(mixed), decode(kUncompress, packed)) << bits << blockMode;
-      if (canCheck) EXPECT_EQ(mixed, run({"compress", "-d", "-c"}, packed).out) << bits << blockMode;
+      if (canCheck) {
+        EXPECT_EQ(mixed, run({"compress", "-d", "-c"}, packed).out) << bits << blockMode;
+      }
       for (unsigned width = 9; width <= std::min(bits, 15u); ++width) {
         for (size_t n = (1u << width) - 257 - 9; n <= (1u << width) - 257 + 18; ++n) {
           const std::string bytes = pairs.substr(0, n);
@@ -410,11 +412,9 @@ TEST(Lzw, OutputOverFourGiB) {
   constexpr unsigned long long kTarget = (1ULL << 32) + 30000;
   writer.put('z');
   ++size;
-  for (unsigned long long length = 2; size + length < kTarget; size += length) {
-    const bool full = writer.free() == 65536;
-    writer.put(full ? 65535 : writer.free());
-    if (!full) ++length;
-    if (full) --length, size += 1, ++length, --size;
+  for (unsigned length = 1; size + length < kTarget; size += length) {
+    if (writer.free() <= 65535) ++length;
+    writer.put(std::min(writer.free(), 65535u));
   }
   std::string expected;
   for (unsigned i = 0; i + 1 < 10000; i += 2) {

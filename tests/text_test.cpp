@@ -105,8 +105,7 @@ TEST(XString, TextOfACharsetIsConverted) {
 }
 
 TEST(XString, DifferentNamesStayDifferentInEveryCharset) {
-  for (const char* charset :
-       {"utf-8", "us-ascii", "windows-1252", "shift_jis", "euc-jp", "big5", "unknown"}) {
+  for (const char* charset : {"utf-8", "us-ascii", "windows-1252", "koi8-r", "shift_jis", "gbk", "unknown"}) {
     CharsetDecoder decoder(charset);
     std::set<std::string> names;
     for (int first = 1; first < 256; ++first) {

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <limits>
 #include <new>
 
 #include "runtime/fs/mvFileInfo.h"
@@ -67,13 +68,14 @@ void _mvFileDataSource::adoptForCopy(OsFile file, const char* path, long long si
   m_position = m_systemAt = 0;
 }
 
-// Spares a small file the read that would find nothing, and fixes where a larger one ends.
+// Spares a small file the read that would find nothing, and fixes where a larger or a growing one ends.
 void _mvFileDataSource::noteCopyEnd(unsigned wanted, unsigned got) {
-  if (got < wanted) {
-    m_atEnd = got == 0 || m_systemAt == m_sizeSeen;
+  if (got == 0 || (got < wanted && m_systemAt == m_sizeSeen)) {
+    m_atEnd = true;
   } else if (m_endAt < 0) {
     struct stat status;
-    if (m_file.status(status) == 0) m_endAt = status.st_size;
+    // Files that the system makes up while they are read say that they are smaller than they are.
+    if (m_file.status(status) == 0 && status.st_size >= m_systemAt) m_endAt = status.st_size;
   }
 }
 
@@ -106,8 +108,11 @@ bool _mvFileDataSource::endOfStream() {
 bool _mvFileDataSource::readSystem(char* buffer, unsigned n, unsigned& got, ProgressMonitor* pm,
                                    LogBase& log) {
   got = 0;
-  if (m_endAt >= 0) n = static_cast<unsigned>(std::clamp<long long>(m_endAt - m_systemAt, 0, n));
-  if (n == 0 || (m_sizeSeen >= 0 && m_atEnd)) return true;
+  // The system refuses a read that would go on past the last position a file can have.
+  const long long end = m_endAt >= 0 ? m_endAt : std::numeric_limits<long long>::max();
+  n = static_cast<unsigned>(std::clamp<long long>(end - m_systemAt, 0, n));
+  m_atEnd = n == 0 || (m_sizeSeen >= 0 && m_atEnd);
+  if (m_atEnd) return true;
   while (true) {
     const ssize_t read = m_seekable ? m_file.readSomeAt(buffer, n, m_systemAt) : m_file.readSome(buffer, n);
     if (read >= 0) {
@@ -196,7 +201,7 @@ bool _mvFileDataSource::peekBytes(unsigned n, const char*& bytes, unsigned& got,
   }
   while (m_windowEnd < n) {
     unsigned more = 0;
-    if (!readSystem(m_window.get() + m_windowEnd, n - m_windowEnd, more, pm, log)) return false;
+    if (!readSystem(m_window.get() + m_windowEnd, m_readAhead - m_windowEnd, more, pm, log)) return false;
     if (more == 0) break;
     m_windowEnd += more;
   }
@@ -206,13 +211,13 @@ bool _mvFileDataSource::peekBytes(unsigned n, const char*& bytes, unsigned& got,
 }
 
 bool _mvFileDataSource::fseekAbsolute64(long long position, LogBase& log) {
-  const long long forward = position - m_position;
-  if (position < 0 || (!m_seekable && forward < 0)) {
+  if (position < 0 || (!m_seekable && position < m_position)) {
     log.LogError(position < 0 ? "Cannot seek to a negative position." : "Cannot seek back in this file.");
     log.LogData("path", m_path.c_str());
     m_failed = true;
     return false;
   }
+  const long long forward = position - m_position;
   if (forward >= 0 && forward <= m_windowEnd - m_windowAt) {
     m_windowAt += static_cast<unsigned>(forward);
     m_position = position;

@@ -28,6 +28,9 @@ class MORVANE_API _mvFileDataSource : public _mvDataSource {
   void adoptForCopy(OsFile file, const char* path, long long sizeSeen);
   void close() { m_file.close(); }
 
+  // Whether the system itself said that there is no more, rather than a limit of ours.
+  bool endWasSeen() const { return m_atEnd && m_windowAt == m_windowEnd; }
+
   long long getFileSize64(LogBase& log);  // 0 when there is none to know
   // The identity of the open file.
   bool getFileInfo(mvFileInfo& info, LogBase& log) const;

@@ -241,7 +241,7 @@ bool ArchiveWriter::writeExactData(const SourcePlace& place, const mvFileInfo& i
   }
   if (!m_run.putZeros(info.m_size - copied + paddingAfter(info.m_size))) return false;
   const bool shrunk = copied < info.m_size;
-  const bool grown = !shrunk && m_source.sizeNow() > info.m_size;
+  const bool grown = !shrunk && m_source.hasMoreThan(info.m_size);
   return !(shrunk || grown) || reportSizeChanged(place, info.m_size, shrunk ? copied : m_source.sizeNow());
 }
 
