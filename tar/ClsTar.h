@@ -223,8 +223,9 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   void get_MustNotMatch(XString& out);
   void put_MustNotMatch(const XString& pattern);
 
-  // ---- The steps that methods are made of. They take no lock and open no frame; the log and the monitor
-  // (which may be null) are the caller's.
+  // ---- The steps that methods are made of. Those that write need the output of a write that is going on and
+  // fail outside of one. They take no lock and open no frame; the log and the monitor (which may be null) are
+  // the caller's.
 
   // Writes into the object as an output: the bytes of a tar stream, in pieces of any size, are extracted as
   // they come.
@@ -288,7 +289,9 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   bool writeArchive(const char* pathTag, const XString* path, _mvOutput* out, WriteCompression compression,
                     ProgressEvent* progress);
   bool countTotal(ProgressEvent* progress, long long& total);
-  bool writeTo(_mvOutput& out, WriteCompression compression, ProgressMonitor* pm, ProgressEvent* progress);
+  bool writeTo(_mvOutput& out, ProgressMonitor* pm, ProgressEvent* progress);
+  bool writeSources(_mvOutput& out, ProgressMonitor* pm, LogBase& log, ProgressEvent* progress,
+                    bool& anythingLost);
   int untarWithProgress(_mvDataSource& source, bool extract, ProgressEvent* progress);
 
   bool untarCompressed(_mvDataSource& source, ProgressEvent* progress,

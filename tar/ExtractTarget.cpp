@@ -6,6 +6,13 @@
 
 namespace morvane {
 
+namespace {
+
+// The system would take the name to end there.
+bool hasNul(const MemberPath& path) { return path.entryPath().str().find('\0') != std::string::npos; }
+
+}  // namespace
+
 void ExtractTarget::protect(const mvFileInfo& archive) {
   m_hasArchive = true;
   m_archive = archive;
@@ -46,6 +53,7 @@ ExtractTarget::Outcome ExtractTarget::outcomeOf(ConfinedDir::Result result) {
 ExtractTarget::Outcome ExtractTarget::createFile(const MemberPath& path, const ReadSettings& settings,
                                                  LogBase& directoryLog, LogBase& log,
                                                  std::unique_ptr<OutputFile>& file) {
+  if (hasNul(path)) return Outcome::Refused;
   const char* const outputPath = path.outputPath().getUtf8();
   if (settings.options.confine != Confine::Off) {
     if (!openConfined(settings, log)) return Outcome::NoParent;
@@ -66,6 +74,7 @@ ExtractTarget::Outcome ExtractTarget::createFile(const MemberPath& path, const R
 
 ExtractTarget::Outcome ExtractTarget::makeDirectory(const MemberPath& path, const ReadSettings& settings,
                                                     LogBase& directoryLog) {
+  if (hasNul(path)) return Outcome::Refused;
   if (settings.options.confine != Confine::Off) {
     if (!openConfined(settings, directoryLog)) return Outcome::NotCreated;
     return outcomeOf(m_confined.makeDirectory(path.entryPath().str(), directoryLog));

@@ -133,34 +133,39 @@ bool FullExtensions::takePaxRecord(std::string_view keyword, std::string_view va
     log.LogData("paxName", std::string(keyword).c_str());
     return true;
   }
-  const auto takeText = [&](std::optional<std::string>& text) {
+  // An empty value takes the attribute back, for this member also from the global records.
+  const auto note = [&](PaxField field) {
+    to.takenBack = value.empty() ? to.takenBack | field : to.takenBack & ~static_cast<unsigned>(field);
+    return !value.empty();
+  };
+  const auto takeText = [&](PaxField field, std::optional<std::string>& text) {
     text.reset();
-    if (!value.empty()) text = std::string(value);
+    if (note(field)) text = std::string(value);
     return true;
   };
-  const auto takeTime = [&](std::optional<TarTime>& time) {
+  const auto takeTime = [&](PaxField field, std::optional<TarTime>& time) {
     time.reset();
-    if (value.empty()) return true;
+    if (!note(field)) return true;
     time = parsePaxTime(value);
     return time->known || malformed(log, "A PAX time is no number.", value);
   };
-  const auto takeId = [&](std::optional<unsigned>& id) {
+  const auto takeId = [&](PaxField field, std::optional<unsigned>& id) {
     id.reset();
-    if (value.empty()) return true;
+    if (!note(field)) return true;
     const std::optional<long long> count = parseCount(value);
     // Ids beyond any range are no reason to lose the member: they are never applied to files.
     id = count ? clampTo32(*count) : std::numeric_limits<unsigned>::max();
     return true;
   };
-  if (keyword == "path") return takeText(to.path);
-  if (keyword == "linkpath") return takeText(to.linkPath);
-  if (keyword == "uname") return takeText(to.userName);
-  if (keyword == "gname") return takeText(to.groupName);
-  if (keyword == "mtime") return takeTime(to.mtime);
-  if (keyword == "atime") return takeTime(to.atime);
-  if (keyword == "ctime") return takeTime(to.ctime);
-  if (keyword == "uid") return takeId(to.uid);
-  if (keyword == "gid") return takeId(to.gid);
+  if (keyword == "path") return takeText(PAX_PATH, to.path);
+  if (keyword == "linkpath") return takeText(PAX_LINKPATH, to.linkPath);
+  if (keyword == "uname") return takeText(PAX_UNAME, to.userName);
+  if (keyword == "gname") return takeText(PAX_GNAME, to.groupName);
+  if (keyword == "mtime") return takeTime(PAX_MTIME, to.mtime);
+  if (keyword == "atime") return takeTime(PAX_ATIME, to.atime);
+  if (keyword == "ctime") return takeTime(PAX_CTIME, to.ctime);
+  if (keyword == "uid") return takeId(PAX_UID, to.uid);
+  if (keyword == "gid") return takeId(PAX_GID, to.gid);
   if (keyword == "size") {
     to.size = parseCount(value);
     return to.size || value.empty() || malformed(log, "A PAX size is no number.", value);
@@ -169,8 +174,8 @@ bool FullExtensions::takePaxRecord(std::string_view keyword, std::string_view va
 }
 
 void FullExtensions::complete(TarHeader& member) {
-  apply(m_global, member);
-  apply(m_next, member);
+  apply(m_global, m_next.takenBack, member);
+  apply(m_next, 0, member);
   m_next = Attributes();
   // As other tars do: before ustar, a directory was an empty file whose name ends in a slash.
   const bool regular = member.m_typeFlag == kTypeRegular || member.m_typeFlag == kTypeOldRegular;
@@ -178,9 +183,11 @@ void FullExtensions::complete(TarHeader& member) {
   if (regular) member.m_isDirectory = member.m_size == 0 && !path.empty() && path.back() == '/';
 }
 
-void FullExtensions::apply(const Attributes& attributes, TarHeader& member) {
-  const auto setTime = [](const std::optional<TarTime>& time, TarTime& exact, unsigned& seconds) {
-    if (!time) return;
+void FullExtensions::apply(const Attributes& attributes, unsigned except, TarHeader& member) {
+  const auto counts = [except](PaxField field) { return (except & field) == 0; };
+  const auto setTime = [&](PaxField field, const std::optional<TarTime>& time, TarTime& exact,
+                           unsigned& seconds) {
+    if (!time || !counts(field)) return;
     exact = *time;
     seconds = clampTo32(time->seconds);
   };
@@ -188,14 +195,14 @@ void FullExtensions::apply(const Attributes& attributes, TarHeader& member) {
     member.setWholePath(attributes.path->data(), static_cast<unsigned>(attributes.path->size()));
   }
   if (attributes.linkPath) setOwned(member.m_linkPath, *attributes.linkPath);
-  if (attributes.userName) setOwned(member.m_userName, *attributes.userName);
-  if (attributes.groupName) setOwned(member.m_groupName, *attributes.groupName);
-  if (attributes.uid) member.m_uid = *attributes.uid;
-  if (attributes.gid) member.m_gid = *attributes.gid;
+  if (attributes.userName && counts(PAX_UNAME)) setOwned(member.m_userName, *attributes.userName);
+  if (attributes.groupName && counts(PAX_GNAME)) setOwned(member.m_groupName, *attributes.groupName);
+  if (attributes.uid && counts(PAX_UID)) member.m_uid = *attributes.uid;
+  if (attributes.gid && counts(PAX_GID)) member.m_gid = *attributes.gid;
   if (attributes.size) member.m_size = *attributes.size;
-  setTime(attributes.mtime, member.m_exactMtime, member.m_mtime);
-  setTime(attributes.atime, member.m_exactAtime, member.m_atime);
-  setTime(attributes.ctime, member.m_exactCtime, member.m_ctime);
+  setTime(PAX_MTIME, attributes.mtime, member.m_exactMtime, member.m_mtime);
+  setTime(PAX_ATIME, attributes.atime, member.m_exactAtime, member.m_atime);
+  setTime(PAX_CTIME, attributes.ctime, member.m_exactCtime, member.m_ctime);
 }
 
 }  // namespace morvane

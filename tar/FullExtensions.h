@@ -28,6 +28,8 @@ class FullExtensions {
   void clear();
   // Takes the data of a record. False, with the reason in the log, if they make no sense.
   bool take(char typeFlag, std::string_view data, LogBase& log);
+  // Forgets the records meant for the next member alone: what followed them was none.
+  void forgetNext() { m_next = Attributes(); }
   // Puts what the records say into the member's parsed header, and forgets those that were meant for it
   // alone.
   void complete(TarHeader& member);
@@ -38,11 +40,12 @@ class FullExtensions {
     std::optional<unsigned> uid, gid;
     std::optional<long long> size;
     std::optional<TarTime> mtime, atime, ctime;
+    unsigned takenBack = 0;  // PaxField bits: an empty value undoes a global record too
   };
 
   bool takePaxRecords(std::string_view data, bool global, LogBase& log);
   bool takePaxRecord(std::string_view keyword, std::string_view value, bool global, LogBase& log);
-  static void apply(const Attributes& attributes, TarHeader& member);
+  static void apply(const Attributes& attributes, unsigned except, TarHeader& member);
 
   Attributes m_global;
   Attributes m_next;

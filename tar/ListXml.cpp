@@ -2,6 +2,7 @@
 #include "runtime/base/ScopeExit.h"
 #include "tar/ArchiveCursor.h"
 #include "tar/ClsTarMethod.h"
+#include "tar/NameDecoder.h"
 #include "tar/TarBlock.h"
 #include "tar/XmlEntry.h"
 #include "tar/XmlListing.h"
@@ -51,9 +52,10 @@ bool ClsTar::ListXml(_mvDataSource& source, XString& outXml, ProgressEvent* prog
 bool ClsTar::listXml(_mvDataSource& source, XString& outXml, ProgressEvent* progress) {
   ProgressMonitorPtr monitor(progress, m_abortCheckMs, m_percentScale, 0);
   ProgressMonitor* const pm = monitor.getPm();
-  const std::string charset = m_charset.str();
+  NameDecoder names;
+  CharsetDecoder& decoder = names.forCharset(m_charset.str(), m_log);
   outXml.setFromUtf8(kXmlListingStart);
-  ScopeExit close([&outXml] { outXml.appendUtf8(kXmlListingEnd); });
+  ScopeExit close([&outXml] { endXmlListing(outXml); });
   ArchiveCursor cursor(source, pm, m_log);
   TarHeader header;
   unsigned char block[kBlockSize];
@@ -64,7 +66,7 @@ bool ClsTar::listXml(_mvDataSource& source, XString& outXml, ProgressEvent* prog
     }
     header.clear();
     bool endOfArchive = false;
-    if (!header.parseFromDataSource(source, block, endOfArchive, m_log)) return false;
+    if (!header.parseFromDataSource(source, block, endOfArchive, m_log, pm)) return false;
     if (endOfArchive) return true;
     if (m_log.verbose()) {
       StringBuffer fields;
@@ -78,7 +80,7 @@ bool ClsTar::listXml(_mvDataSource& source, XString& outXml, ProgressEvent* prog
     std::string data;
     const bool hasData = hasListedData(header);
     if (hasData) readListedData(source, header, cursor, pm, m_log, data);
-    toXmlEntry(header, outXml, hasData ? data.c_str() : nullptr, charset.c_str());
+    toXmlEntry(header, outXml, hasData ? data.c_str() : nullptr, decoder);
     cursor.moveTo(saturatedSum(dataPosition, paddedSize(header.m_size)));
   }
 }
@@ -88,7 +90,7 @@ void ClsTar::xmlListingInit() {
 }
 
 void ClsTar::xmlListingFinish() {
-  if (m_captureXmlListing) m_xmlListing.appendUtf8(kXmlListingEnd);
+  if (m_captureXmlListing) endXmlListing(m_xmlListing);
 }
 
 }  // namespace morvane

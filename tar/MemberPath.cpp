@@ -10,18 +10,10 @@
 namespace morvane {
 
 void MemberPath::set(const TarHeader& header, const ReadSettings& settings, LogBase& log) {
-  if (!m_decoder || m_decoderCharset != settings.charset) {
-    m_decoder = std::make_unique<CharsetDecoder>(settings.charset.c_str());
-    m_decoderCharset = settings.charset;
-    if (!m_decoder->isKnown()) {
-      log.LogNotice("The character set is not known; names are read as utf-8.");
-      log.LogData("charset", settings.charset.c_str());
-    }
-  }
   m_bytes = header.m_path.str();
   applyEntryPathRules(m_bytes, settings.untarDiscardPaths, settings.noAbsolutePaths);
   std::string decoded;
-  m_decoder->append(m_bytes.str(), decoded);
+  decoder(settings, log).append(m_bytes.str(), decoded);
   m_entryPath = std::move(decoded);
   _mvFilePath::CombineDirAndFilepath(settings.untarFromDir, m_entryPath, m_outputPath);
 }

@@ -1,11 +1,9 @@
 // The path of one member on its way from the archive to the disk, the same in both engines.
 #pragma once
 
-#include <memory>
-
-#include "runtime/text/CharsetDecoder.h"
 #include "runtime/text/StringBuffer.h"
 #include "runtime/text/XString.h"
+#include "tar/NameDecoder.h"
 #include "tar/ReadSettings.h"
 
 namespace morvane {
@@ -18,6 +16,10 @@ class MemberPath {
  public:
   // Path rules, decoding, and the place below UntarFromDir. An unknown Charset is said once.
   void set(const TarHeader& header, const ReadSettings& settings, LogBase& log);
+  // The decoder of names, for what else is to be decoded of the same archive.
+  CharsetDecoder& decoder(const ReadSettings& settings, LogBase& log) {
+    return m_decoder.forCharset(settings.charset, log);
+  }
   // ".", or whatever UntarFromDir is, joined with entryPath(); absolute entry paths stand for themselves.
   const XString& outputPath() const { return m_outputPath; }
   // The member's path after the path rules: what the filters see.
@@ -27,8 +29,7 @@ class MemberPath {
   StringBuffer m_bytes;
   XString m_entryPath;
   XString m_outputPath;
-  std::unique_ptr<CharsetDecoder> m_decoder;
-  std::string m_decoderCharset;
+  NameDecoder m_decoder;
 };
 
 // Sends onTarHeader.

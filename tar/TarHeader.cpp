@@ -121,11 +121,11 @@ void TarHeader::takeNames(const unsigned char* block) {
 }
 
 bool TarHeader::parseFromDataSource(_mvDataSource& source, unsigned char* rawBlock, bool& endOfArchive,
-                                    LogBase& log) {
+                                    LogBase& log, ProgressMonitor* pm) {
   unsigned char local[kBlockSize];
   unsigned char* const block = rawBlock ? rawBlock : local;
   unsigned numRead = 0;
-  if (!source.readFully(reinterpret_cast<char*>(block), kBlockSize, numRead, nullptr, log)) return false;
+  if (!source.readFully(reinterpret_cast<char*>(block), kBlockSize, numRead, pm, log)) return false;
   if (numRead < kBlockSize) {
     std::memset(block + numRead, 0, kBlockSize - numRead);
     log.LogError(numRead == 0 ? "The archive ends without an end-of-archive mark."

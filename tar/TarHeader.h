@@ -67,8 +67,9 @@ class MORVANE_API TarHeader {
   // a block that is no valid header.
   bool parseFromMemory(const unsigned char* block, bool& endOfArchive, LogBase& log);
   // Reads the next 512 bytes and parses them. Fewer are a failure. `rawBlock`, when not null, receives the
-  // 512 bytes.
-  bool parseFromDataSource(_mvDataSource& source, unsigned char* rawBlock, bool& endOfArchive, LogBase& log);
+  // 512 bytes. The monitor, which may be null, is asked while the read waits.
+  bool parseFromDataSource(_mvDataSource& source, unsigned char* rawBlock, bool& endOfArchive, LogBase& log,
+                           ProgressMonitor* pm = nullptr);
 
   // Makes a text the record's whole path, as long-name and pax path records do.
   void setWholePath(const char* path);

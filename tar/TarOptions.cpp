@@ -1,8 +1,9 @@
 #include "tar/TarOptions.h"
 
 #include <algorithm>
-#include <cctype>
 #include <charconv>
+
+#include "runtime/text/Ascii.h"
 
 namespace morvane {
 
@@ -30,15 +31,8 @@ constexpr Switch kSwitches[] = {
 };
 
 std::string_view trimmed(std::string_view text) {
-  while (!text.empty() && std::isspace(static_cast<unsigned char>(text.front()))) text.remove_prefix(1);
-  while (!text.empty() && std::isspace(static_cast<unsigned char>(text.back()))) text.remove_suffix(1);
-  return text;
-}
-
-std::string lowerCase(std::string_view text) {
-  std::string lower(text);
-  for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return lower;
+  const size_t start = std::min(text.find_first_not_of(kAsciiWhiteSpace), text.size());
+  return text.substr(start, text.find_last_not_of(kAsciiWhiteSpace) + 1 - start);
 }
 
 bool parsePositive(const std::string& text, long long& value) {
@@ -101,13 +95,13 @@ TarOptions parseTarOptions(std::string_view words, std::vector<std::string>& com
     words.remove_prefix(std::min(comma + 1, words.size()));
     if (given.empty()) continue;
     const size_t equals = std::min(given.find('='), given.size());
-    const std::string word = lowerCase(trimmed(given.substr(0, equals)));
+    const std::string word = asciiLowerCase(trimmed(given.substr(0, equals)));
     const bool hasValue = equals < given.size();
-    const std::string value = hasValue ? lowerCase(trimmed(given.substr(equals + 1))) : "";
+    const std::string value = hasValue ? asciiLowerCase(trimmed(given.substr(equals + 1))) : "";
     TarOptions changed = options;
     if (!(hasValue && value.empty()) && applyWord(word, value, changed)) {
       options = changed;
-    } else {
+    } else if (std::find(complaints.begin(), complaints.end(), given) == complaints.end()) {
       complaints.emplace_back(given);
     }
   }

@@ -5,6 +5,8 @@
 #include <string_view>
 #include <vector>
 
+#include "runtime/base/Export.h"
+
 namespace morvane {
 
 enum class Confine { Off, Beneath, NoLinks };
@@ -34,6 +36,6 @@ struct TarOptions {
 // Words separated by commas, "Word" or "Word=value", case and blanks around them ignored; the last of a word
 // wins. Words that are not known, or have a value that makes no sense, are left out and added to `complaints`
 // as given.
-TarOptions parseTarOptions(std::string_view words, std::vector<std::string>& complaints);
+MORVANE_API TarOptions parseTarOptions(std::string_view words, std::vector<std::string>& complaints);
 
 }  // namespace morvane

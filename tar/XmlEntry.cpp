@@ -150,8 +150,7 @@ std::string fieldText(const unsigned char* block, const Field& field) {
 
 }  // namespace
 
-void toXmlEntry(const TarHeader& header, XString& xml, const char* extensionData, const char* charset) {
-  CharsetDecoder decoder(charset);
+void toXmlEntry(const TarHeader& header, XString& xml, const char* extensionData, CharsetDecoder& decoder) {
   const auto decoded = [&decoder](std::string_view bytes) {
     std::string utf8;
     decoder.append(bytes, utf8);

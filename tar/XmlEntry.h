@@ -1,20 +1,18 @@
 // One header as an XML element.
 #pragma once
 
-#include <string_view>
-
 namespace morvane {
 
+class CharsetDecoder;
 class LogBase;
-class ProgressMonitor;
 class StringBuffer;
 class TarHeader;
 class XString;
 
 // Appends the element of a header. `extensionData` (may be null) is the NUL-terminated data of an 'x' or 'L'
-// header; names are decoded from `charset`. Well-formed for any bytes: docs/xml-listing.md tells how they are
+// header; names go through the decoder. Well-formed for any bytes: docs/xml-listing.md tells how they are
 // written.
-void toXmlEntry(const TarHeader& header, XString& xml, const char* extensionData, const char* charset);
+void toXmlEntry(const TarHeader& header, XString& xml, const char* extensionData, CharsetDecoder& decoder);
 
 // The fields of a raw block in quoted-printable form, "name=...;" and so on. Never holds "]]>".
 void getFieldsQP(const unsigned char* block, StringBuffer& out);

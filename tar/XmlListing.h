@@ -1,9 +1,19 @@
 // The frame around the elements of an XML listing (tar/XmlEntry.h makes the elements).
 #pragma once
 
+#include "runtime/text/XString.h"
+
 namespace morvane {
 
 constexpr char kXmlListingStart[] = "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\r\n<tar>\r\n";
 constexpr char kXmlListingEnd[] = "</tar>\r\n";
+
+// Nothing leaves it: it also runs while an exception does.
+inline void endXmlListing(XString& listing) noexcept {
+  try {
+    listing.appendUtf8(kXmlListingEnd);
+  } catch (...) {
+  }
+}
 
 }  // namespace morvane

@@ -58,9 +58,12 @@ struct MorvaneBzip2::Compressor {
     }
   }
 
+  // The library wants no empty run.
+  bool runGathered(DataBuffer& to) { return gathered == 0 || run(in, gathered, BZ_RUN, to); }
+
   bool take(const char* bytes, unsigned n, DataBuffer& to) {
-    if (gathered + n > kBuffer) {
-      if (!run(in, gathered, BZ_RUN, to)) return false;
+    if (n > kBuffer - gathered) {
+      if (!runGathered(to)) return false;
       gathered = 0;
     }
     if (n > kBuffer) return run(bytes, n, BZ_RUN, to);
@@ -86,12 +89,8 @@ bool MorvaneBzip2::MoreCompress(const DataBuffer& in, DataBuffer& out, LogBase& 
 }
 
 bool MorvaneBzip2::EndCompress(DataBuffer& out, LogBase& log, ProgressMonitor*) {
-  bool ok = m_compressor && m_compressor->begun;
-  // The library wants no empty run before the end.
-  if (ok && m_compressor->gathered > 0) {
-    ok = m_compressor->run(m_compressor->in, m_compressor->gathered, BZ_RUN, out);
-  }
-  ok = ok && m_compressor->run(nullptr, 0, BZ_FINISH, out);
+  const bool ok = m_compressor && m_compressor->begun && m_compressor->runGathered(out) &&
+                  m_compressor->run(nullptr, 0, BZ_FINISH, out);
   m_compressor.reset();
   return ok || fail(log, "bzip2 compression failed.");
 }

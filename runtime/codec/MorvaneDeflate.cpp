@@ -62,7 +62,7 @@ struct MorvaneDeflate::Compressor {
 
   // Small pieces are gathered, so that the compressor is called for 64 KiB at a time.
   bool take(const unsigned char* bytes, unsigned n, DataBuffer& to) {
-    if (gathered + n > kBuffer) {
+    if (n > kBuffer - gathered) {
       if (!run(in, gathered, Z_NO_FLUSH, to)) return false;
       gathered = 0;
     }

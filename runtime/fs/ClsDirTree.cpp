@@ -16,8 +16,9 @@ namespace morvane {
 
 namespace {
 
+constexpr char kCannotRead[] = "Failed to read directory.";
 constexpr size_t kOpenLevels = 32;
-constexpr int kOpenDirectory = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+constexpr int kOpenDirectory = O_RDONLY | O_DIRECTORY;
 
 bool isSelfOrParent(const char* name) {
   return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
@@ -65,13 +66,14 @@ bool ClsDirTree::advancePosition(LogBase& log) {
 bool ClsDirTree::prepareToEnter(LogBase& log) {
   m_prepared = Level();
   int error = 0;
-  m_prepared.directory.reset(openat(currentDirectory(), currentName(), kOpenDirectory | O_NOFOLLOW));
+  m_prepared.directory.reset(osOpenAt(currentDirectory(), currentName(), kOpenDirectory | O_NOFOLLOW));
   error = errno;
   m_hasPrepared =
       m_prepared.directory.isOpen() && readDirectory(m_prepared.directory.fd(), m_prepared, error);
   m_passBy = !m_hasPrepared;
   if (m_hasPrepared) return true;
-  logOsError(log, "Failed to read directory.", fullPathOf(m_relativePath).c_str(), error);
+  m_failedPath = fullPathOf(m_relativePath);
+  logOsError(log, kCannotRead, m_failedPath.c_str(), error);
   return false;
 }
 
@@ -105,7 +107,7 @@ bool ClsDirTree::leaveLevel(LogBase& log) {
 
 // Through the child, whose parent it was when the walk came down; only if it still is.
 bool ClsDirTree::reopenDirectory(Level& level, int child, LogBase& log) {
-  level.directory.reset(openat(child, "..", kOpenDirectory));
+  level.directory.reset(osOpenAt(child, "..", kOpenDirectory));
   struct stat status;
   if (!level.directory.isOpen()) return failedToRead(log, errno);
   if (level.directory.status(status) != 0) return failedToRead(log, errno);
@@ -192,9 +194,9 @@ std::string ClsDirTree::fullPathOf(const std::string& relative) const {
 }
 
 bool ClsDirTree::failedToRead(LogBase& log, int error) {
-  const std::string path = m_levels.empty() ? m_baseDir : fullPathOf(m_relativePath);
+  m_failedPath = m_levels.empty() ? m_baseDir : fullPathOf(m_relativePath);
   m_levels.clear();
-  logOsError(log, "Failed to read directory.", path.c_str(), error);
+  logOsError(log, kCannotRead, m_failedPath.c_str(), error);
   return false;
 }
 

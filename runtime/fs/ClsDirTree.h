@@ -38,6 +38,9 @@ class MORVANE_API ClsDirTree {
   // log, when a directory on the way cannot be read; the walk is then over.
   bool advancePosition(LogBase& log);
 
+  // The directory that could not be read, after a failure.
+  const std::string& failedPath() const { return m_failedPath; }
+
   // Of the current entry. A symbolic link counts as a directory when it points at one.
   bool get_IsDirectory() const;
   // The current entry is a directory that the walk will enter, so no symbolic link to one.
@@ -79,6 +82,7 @@ class MORVANE_API ClsDirTree {
   bool m_recurse = false;
   std::vector<Level> m_levels;
   std::string m_relativePath;
+  std::string m_failedPath;
   Level m_prepared;  // the current directory's contents, when prepareToEnter has read them
   bool m_hasPrepared = false;
   bool m_passBy = false;

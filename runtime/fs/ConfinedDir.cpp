@@ -16,7 +16,7 @@ namespace morvane {
 
 namespace {
 
-constexpr int kPathOnly = O_PATH | O_DIRECTORY | O_CLOEXEC;
+constexpr int kPathOnly = O_PATH | O_DIRECTORY;
 constexpr int kTriesWhileChanging = 8;
 
 // False for a path that must be refused: absolute, or with a ".." part or a NUL. Empty parts and "." are left
@@ -93,9 +93,9 @@ ConfinedDir::Result ConfinedDir::createFile(std::string_view path, OsFile& file,
   const Result parent = openParent(parts, log);
   if (parent != Result::Ok) return parent;
   parts.push_back(leaf);
-  constexpr int kExclusive = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+  constexpr int kExclusive = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
   for (int tries = 0; tries < kTriesWhileChanging; ++tries) {
-    file.reset(openat(m_parent.fd(), leaf.c_str(), kExclusive, 0666));
+    file.reset(osOpenAt(m_parent.fd(), leaf.c_str(), kExclusive, 0666));
     if (file.isOpen()) return Result::Ok;
     if (errno != EEXIST) break;
     const Result cleared = clearTheWay(leaf, log);
@@ -160,15 +160,15 @@ ConfinedDir::Result ConfinedDir::openParent(const Parts& parts, LogBase& log) {
 // Part by part from the target on, making what is missing. A link on the way is passed only as the kernel
 // resolves it beneath the target.
 ConfinedDir::Result ConfinedDir::walkToParent(const Parts& parts, LogBase& log) {
-  OsFile reached(openat(m_target.fd(), ".", kPathOnly));
+  OsFile reached(osOpenAt(m_target.fd(), ".", kPathOnly));
   for (size_t i = 0; reached.isOpen() && i < parts.size(); ++i) {
     const char* const part = parts[i].c_str();
-    OsFile next(openat(reached.fd(), part, kPathOnly | O_NOFOLLOW));
+    OsFile next(osOpenAt(reached.fd(), part, kPathOnly | O_NOFOLLOW));
     if (!next.isOpen() && errno == ENOENT) {
       if (mkdirat(reached.fd(), part, 0777) != 0 && errno != EEXIST) {
         return failed("Failed to create directory.", parts, log);
       }
-      next.reset(openat(reached.fd(), part, kPathOnly | O_NOFOLLOW));
+      next.reset(osOpenAt(reached.fd(), part, kPathOnly | O_NOFOLLOW));
     }
     if (!next.isOpen() && leavesTheTarget(errno)) {
       if (m_partByPart || m_links == Links::None) return Result::Refused;
@@ -185,7 +185,7 @@ ConfinedDir::Result ConfinedDir::walkToParent(const Parts& parts, LogBase& log) 
 
 // The directory that the first `count` parts name, resolved beneath the target; -1 with errno.
 int ConfinedDir::openBeneath(const Parts& parts, size_t count) {
-  if (count == 0) return openat(m_target.fd(), ".", kPathOnly);
+  if (count == 0) return osOpenAt(m_target.fd(), ".", kPathOnly);
   OsFile reached;
   for (size_t start = 0; start < count;) {
     size_t end = start, length = 0;

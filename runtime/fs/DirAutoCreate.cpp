@@ -35,7 +35,7 @@ int makeEachPart(const std::string& dir) {
         struct stat status;
         if (fstatat(from, part.c_str(), &status, 0) != 0) return error;
       }
-      const int opened = openat(from, part.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+      const int opened = osOpenAt(from, part.c_str(), O_PATH | O_DIRECTORY);
       if (opened < 0) return errno;
       reached.reset(opened);
     }

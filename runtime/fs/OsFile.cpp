@@ -88,10 +88,23 @@ int osOpen(const char* path, int flags, mode_t mode) {
   return fd;
 }
 
+int osOpenOnce(const char* path, int flags) {
+  return onPath(path,
+                [&](int directory, const char* rest) { return openat(directory, rest, flags | O_CLOEXEC); });
+}
+
+int osOpenAt(int directory, const char* name, int flags, mode_t mode) {
+  int fd;
+  do {
+    fd = openat(directory, name, flags | O_CLOEXEC, mode);
+  } while (fd < 0 && errno == EINTR);
+  return fd;
+}
+
 int osOpenSource(const char* path) { return osOpen(path, kOpenSource); }
 
 int osOpenSource(int directory, const char* name) {
-  return openat(directory, name, kOpenSource | O_NOFOLLOW | O_CLOEXEC);
+  return osOpenAt(directory, name, kOpenSource | O_NOFOLLOW);
 }
 
 int osStatus(const char* path, struct stat& out, bool followLinks) {

@@ -48,6 +48,9 @@ class MORVANE_API OsFile {
 
 // The *at calls on a path of any length, relative to the current directory. O_CLOEXEC is always added.
 int osOpen(const char* path, int flags, mode_t mode = 0);
+int osOpenOnce(const char* path, int flags);  // a wait that a signal breaks is not taken up again
+// openat, taken up again after a signal.
+int osOpenAt(int directory, const char* name, int flags, mode_t mode = 0);
 // Opens a file to be copied: for reading, never waiting for a FIFO, never taking a terminal.
 int osOpenSource(const char* path);
 // The same for a name in an open directory; a symbolic link is not followed.

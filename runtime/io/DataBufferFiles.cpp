@@ -17,7 +17,13 @@ bool DataBuffer::loadFileUtf8(const char* path, LogBase* log) {
   _mvFileDataSource source;
   if (!source.openDataSourceFile(XString(path), to)) return false;
   const long long size = source.sizeIfKnown();
-  if (size > 0 && size <= 0xFFFFFFFFLL) reserveMore(static_cast<unsigned>(size));
+  if (size > 0xFFFFFFFFLL) {
+    to.LogError("The file is too large for memory.");
+    to.LogData("path", path);
+    to.LogDataInt64("size", size);
+    return false;
+  }
+  if (size > 0) reserveMore(static_cast<unsigned>(size));
   OutputDataBuffer out(*this);
   _mvIoParams io;
   while (true) {

@@ -39,6 +39,7 @@ OutputFile::~OutputFile() { closeHandle(); }
 
 bool OutputFile::_writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log) {
   if (m_failed || !m_file.isOpen()) return false;
+  if (n == 0) return true;
   ProgressMonitor* const pm = io.monitor();
   if (n > m_capacity - m_buffered) {
     if (m_buffered > 0 && !flush(pm, log)) return false;
@@ -78,12 +79,13 @@ bool OutputFile::flush(ProgressMonitor* pm, LogBase& log) {
 bool OutputFile::writeThrough(const char* bytes, size_t n, ProgressMonitor* pm, LogBase& log) {
   while (n > 0) {
     const ssize_t written = m_file.writeSome(bytes, n);
-    if (written >= 0) {
+    if (written > 0) {
       bytes += written;
       n -= static_cast<size_t>(written);
       continue;
     }
-    const int error = errno;
+    const int error =
+        written == 0 ? EIO : errno;  // a device that takes nothing takes nothing the next time either
     if (error == EINTR && !endsWait(pm, log)) continue;
     // A FIFO was opened without waiting for its reader; from here on writes wait.
     if (error == EAGAIN && m_file.setBlocking() == 0) continue;
@@ -101,11 +103,16 @@ bool OutputFile::getFileInfo(mvFileInfo& info) const {
   return true;
 }
 
-bool OutputFile::closeHandle(LogBase* log) {
+void OutputFile::discardBuffered() {
+  m_failed = m_failed || m_buffered > 0;
+  m_buffered = 0;
+}
+
+bool OutputFile::closeHandle(LogBase* log, ProgressMonitor* pm) {
   LogNull unwanted;
   LogBase& to = log ? *log : unwanted;
   if (!m_file.isOpen()) return !m_failed;
-  flush(nullptr, to);
+  flush(pm, to);
   if (m_file.close() != 0 && !m_failed) {
     m_failed = true;
     logOsError(to, "Failed to close file.", m_path.c_str(), errno);

@@ -34,9 +34,11 @@ class MORVANE_API OutputFile : public _mvOutput {
   bool getFileInfo(mvFileInfo& info) const;
 
   bool flush(ProgressMonitor* pm, LogBase& log);
-  // Flushes and closes; true when every byte written so far arrived. `log` may be null. Closing again repeats
-  // the first answer.
-  bool closeHandle(LogBase* log = nullptr);
+  // Flushes and closes; true when every byte written so far arrived. Log and monitor may be null. Closing
+  // again repeats the first answer.
+  bool closeHandle(LogBase* log = nullptr, ProgressMonitor* pm = nullptr);
+  // Gives up what was not written yet; the output has then failed.
+  void discardBuffered();
 
   // The last-modified time / all three times (Linux has no settable creation time), through the descriptor
   // while the file is open, else through its path. A failure is logged.

@@ -17,6 +17,8 @@ namespace morvane {
 
 namespace {
 
+constexpr char kCannotOpen[] = "Failed to open file.";
+
 constexpr unsigned kWindow = 256 * 1024;
 // After a long jump a header is wanted and, likely, another jump.
 constexpr unsigned kAfterJump = 4 * 1024;
@@ -28,10 +30,13 @@ static_assert(kCopyWindow <= kWindow);
 
 }  // namespace
 
-bool _mvFileDataSource::openDataSourceFile(const XString& path, LogBase& log) {
-  OsFile file(osOpen(path.getUtf8(), O_RDONLY | O_NOCTTY));
+bool _mvFileDataSource::openDataSourceFile(const XString& path, LogBase& log, ProgressMonitor* pm) {
+  OsFile file;
+  do {
+    file.reset(osOpenOnce(path.getUtf8(), O_RDONLY | O_NOCTTY));
+  } while (!file.isOpen() && errno == EINTR && !endsWait(pm, log));
   if (!file.isOpen()) {
-    logOsError(log, "Failed to open file.", path.getUtf8(), errno);
+    logOsError(log, kCannotOpen, path.getUtf8(), errno);
     return false;
   }
   return adopt(std::move(file), path.getUtf8(), log);
@@ -44,9 +49,10 @@ bool _mvFileDataSource::adopt(OsFile file, const char* path, LogBase& log) {
   m_windowAt = m_windowEnd = 0;
   m_readAhead = kAtStart;
   m_endAt = m_sizeSeen = -1;
-  struct stat status;
-  if (m_file.status(status) != 0 || S_ISDIR(status.st_mode)) {
-    logOsError(log, "Failed to open file.", path, S_ISDIR(status.st_mode) ? EISDIR : errno);
+  struct stat status {};
+  const int error = m_file.status(status) != 0 ? errno : S_ISDIR(status.st_mode) ? EISDIR : 0;
+  if (error != 0) {
+    logOsError(log, kCannotOpen, path, error);
     m_file.close();
     return false;
   }
@@ -124,6 +130,8 @@ bool _mvFileDataSource::readSystem(char* buffer, unsigned n, unsigned& got, Prog
     }
     const int error = errno;
     if (error == EINTR && !endsWait(pm, log)) continue;
+    // A descriptor that somebody shares with us may have been told not to wait.
+    if (error == EAGAIN && m_file.setBlocking() == 0) continue;
     m_failed = true;
     if (error != EINTR) logOsError(log, "Failed to read from file.", m_path.c_str(), error);
     return false;

@@ -19,7 +19,7 @@ class XString;
 class MORVANE_API _mvFileDataSource : public _mvDataSource {
  public:
   // Opens a file for reading; a FIFO is waited for. False, with the reason in the log, on failure.
-  bool openDataSourceFile(const XString& path, LogBase& log);
+  bool openDataSourceFile(const XString& path, LogBase& log, ProgressMonitor* pm = nullptr);
   // Takes over an open descriptor and reads on from where it stands; `path` is what messages call it.
   bool adopt(OsFile file, const char* path, LogBase& log);
 
@@ -28,8 +28,11 @@ class MORVANE_API _mvFileDataSource : public _mvDataSource {
   void adoptForCopy(OsFile file, const char* path, long long sizeSeen);
   void close() { m_file.close(); }
 
+  // The bytes handed out since it was adopted, also where there is no position to tell; the position
+  // elsewhere.
+  long long bytesPassed() const { return m_position; }
   // Whether the system itself said that there is no more, rather than a limit of ours.
-  bool endWasSeen() const { return m_atEnd && m_windowAt == m_windowEnd; }
+  bool endWasSeen() const { return m_atEnd && m_endAt < 0 && m_windowAt == m_windowEnd; }
 
   long long getFileSize64(LogBase& log);  // 0 when there is none to know
   // The identity of the open file.

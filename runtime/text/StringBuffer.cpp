@@ -5,15 +5,12 @@
 #include <memory>
 #include <new>
 
+#include "runtime/text/Ascii.h"
 #include "runtime/text/ExtPtrArraySb.h"
 
 namespace morvane {
 
 namespace {
-
-constexpr const char* kWhiteSpace = " \t\r\n\v\f";
-
-char asciiLower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
 
 // The text operations of the standard library throw when memory runs out; here that is a false result.
 template <class Change>
@@ -79,8 +76,8 @@ bool StringBuffer::beginsWith(const char* text) const {
 }
 
 void StringBuffer::trim2() {
-  m_text.erase(m_text.find_last_not_of(kWhiteSpace) + 1);
-  m_text.erase(0, m_text.find_first_not_of(kWhiteSpace));
+  m_text.erase(m_text.find_last_not_of(kAsciiWhiteSpace) + 1);
+  m_text.erase(0, m_text.find_first_not_of(kAsciiWhiteSpace));
 }
 
 void StringBuffer::toLowerCase() { std::transform(m_text.begin(), m_text.end(), m_text.begin(), asciiLower); }

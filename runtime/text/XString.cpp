@@ -5,6 +5,7 @@
 
 #include <cstring>
 
+#include "runtime/text/Ascii.h"
 #include "runtime/text/CharsetDecoder.h"
 #include "runtime/text/StringBuffer.h"
 #include "runtime/text/Utf8.h"
@@ -73,20 +74,19 @@ void XString::shortenNumChars(unsigned n) {
 int XString::replaceAllOccurancesUtf8(const char* from, const char* to, bool ignoreCase) {
   const size_t length = std::strlen(from);
   if (length == 0) return 0;
+  // ASCII folding keeps every byte in its place, so that what is found there is found here.
+  const std::string wanted = ignoreCase ? asciiLowerCase(from) : std::string();
+  const std::string folded = ignoreCase ? asciiLowerCase(m_utf8) : std::string();
+  const auto next = [&](size_t start) {
+    return ignoreCase ? folded.find(wanted, start) : m_utf8.find(from, start);
+  };
   int count = 0;
+  size_t start = 0;
   std::string replaced;
-  for (size_t at = 0; at < m_utf8.size();) {
-    const bool here = ignoreCase ? strncasecmp(m_utf8.c_str() + at, from, length) == 0
-                                 : m_utf8.compare(at, length, from) == 0;
-    if (!here) {
-      replaced.push_back(m_utf8[at++]);
-      continue;
-    }
-    replaced.append(to);
-    at += length;
-    ++count;
+  for (size_t at; (at = next(start)) != std::string::npos; start = at + length, ++count) {
+    replaced.append(m_utf8, start, at - start).append(to);
   }
-  m_utf8.swap(replaced);
+  if (count > 0) m_utf8 = replaced.append(m_utf8, start, std::string::npos);
   return count;
 }
 

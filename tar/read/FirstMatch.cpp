@@ -1,8 +1,10 @@
 // ClsTar's extraction of the first matching member into memory: a scan of its own, simpler than the untar
 // engine. Nothing is merged, so records are candidates under their own names.
+#include "runtime/text/WildcardPattern.h"
 #include "tar/ArchiveCursor.h"
 #include "tar/ClsTarMethod.h"
 #include "tar/EntryPath.h"
+#include "tar/NameDecoder.h"
 #include "tar/TarBlock.h"
 
 namespace morvane {
@@ -24,6 +26,9 @@ bool ClsTar::_untarFirstMatchingToOutput(_mvDataSource& source, const XString& p
   log.LogDataX("matchPattern", pattern);
   ArchiveCursor cursor(source, pm, log);
   TarHeader header;
+  NameDecoder names;
+  CharsetDecoder& decoder = names.forCharset(m_charset.str(), log);
+  const WildcardPattern wanted(pattern.str(), m_matchCaseSensitive);
   while (true) {
     bool endOfArchive = false;
     if (!header.parseFromDataSource(source, nullptr, endOfArchive, log) || endOfArchive) {
@@ -34,11 +39,12 @@ bool ClsTar::_untarFirstMatchingToOutput(_mvDataSource& source, const XString& p
     cursor.passed(kBlockSize);
     StringBuffer bytes(header.m_path);
     applyEntryPathRules(bytes, false, m_noAbsolutePaths);
-    XString path;
-    path.appendFromEncoding(bytes.getString(), m_charset.getUtf8());
+    std::string decoded;
+    decoder.append(bytes.str(), decoded);
+    const XString path(std::move(decoded));
     if (m_untarDebugLog) log.LogDataX("entry", path);
     if (logEntries) log.LogDataX("entryFilepath", path);
-    if (path.matchesUtf8(pattern.getUtf8(), m_matchCaseSensitive)) {
+    if (wanted.matches(path.str())) {
       log.LogDataX("extractingFilename", path);
       reserveFor(header.m_size, source, out);
       return source.copyNToOutputPM(out, header.m_size, pm, log);

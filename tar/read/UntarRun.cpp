@@ -59,7 +59,7 @@ int UntarRun::run() {
   {
     // An exception from a callback ends the run like any failure: the listing is closed.
     ScopeExit closeListing([this] {
-      if (m_settings.captureXmlListing) m_context.xmlListing.appendUtf8(kXmlListingEnd);
+      if (m_settings.captureXmlListing) endXmlListing(m_context.xmlListing);
     });
     while (step == Step::GoOn) {
       LogContextExitor fileContext(m_log, "file");
@@ -109,12 +109,11 @@ bool UntarRun::readHeader(char& typeFlag) {
   const bool merge = m_previousTypeFlag == kTypeLongName || m_previousTypeFlag == kTypePax;
   const bool intoFollowing = merge && !m_settings.options.fullRead;
   TarHeader& header = intoFollowing ? m_following : m_current;
-  if (!header.parseFromDataSource(m_context.source, nullptr, m_endOfArchive, m_log)) {
+  if (!header.parseFromDataSource(m_context.source, nullptr, m_endOfArchive, m_log, m_context.pm)) {
     return fail(merge ? "Failed to parse header from data source (1)"
                       : "Failed to parse header from data source (2)");
   }
   m_cursor.passed(kBlockSize);
-  if (m_context.pm) m_context.pm->consumeProgress(kBlockSize, m_log);
   typeFlag = header.m_typeFlag;
   if (intoFollowing) {
     if (m_previousTypeFlag == kTypePax) {
@@ -182,7 +181,10 @@ UntarRun::Step UntarRun::takeLongName() {
 }
 
 UntarRun::Step UntarRun::takeFullExtension(char typeFlag) {
-  if (FullExtensions::isPassedOver(typeFlag)) return Step::GoOn;
+  if (FullExtensions::isPassedOver(typeFlag)) {
+    m_extensions.forgetNext();
+    return Step::GoOn;
+  }
   const long long size = m_current.m_size;
   if (size > m_settings.options.maxExtensionBytes) {
     m_log.LogError("Extension data too large.");
@@ -205,7 +207,7 @@ UntarRun::Step UntarRun::handleMember(char typeFlag) {
   const long long headerPosition = m_filePosition;
   m_filePosition = saturatedSum(m_filePosition, kBlockSize);
   if (m_settings.captureXmlListing) {
-    toXmlEntry(m_current, m_context.xmlListing, nullptr, m_settings.charset.c_str());
+    toXmlEntry(m_current, m_context.xmlListing, nullptr, m_path.decoder(m_settings, m_log));
   }
   m_path.set(m_current, m_settings, m_log);
   if (m_context.event) {

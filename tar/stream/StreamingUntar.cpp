@@ -115,7 +115,7 @@ bool StreamingUntar::FinishStreamingUntar(ProgressMonitor* pm, LogBase& log) {
   }
   releaseOutput();
   m_settings = m_readSettings();
-  if (m_settings.captureXmlListing) m_xmlListing.appendUtf8(kXmlListingEnd);
+  if (m_settings.captureXmlListing) endXmlListing(m_xmlListing);
   if (m_settings.options.requireEndOfArchive && m_streamOk && !m_endMarkSeen) {
     log.LogError("The archive has no end-of-archive mark.");
     m_streamOk = false;
@@ -266,10 +266,13 @@ bool StreamingUntar::consumeHeader(bool& finished, ProgressMonitor* pm, LogBase&
   const bool isMember =
       !extendsNext(m_streamHeader.m_typeFlag) &&
       !(m_settings.options.fullRead && FullExtensions::isPassedOver(m_streamHeader.m_typeFlag));
-  if (m_settings.options.fullRead && isMember) m_extensions.complete(m_streamHeader);
+  if (m_settings.options.fullRead) {
+    if (isMember) m_extensions.complete(m_streamHeader);
+    if (FullExtensions::isPassedOver(m_streamHeader.m_typeFlag)) m_extensions.forgetNext();
+  }
   if (m_settings.captureXmlListing) {
     // For every header, records included; the pull engine lists members only.
-    toXmlEntry(m_streamHeader, m_xmlListing, nullptr, m_settings.charset.c_str());
+    toXmlEntry(m_streamHeader, m_xmlListing, nullptr, m_path.decoder(m_settings, log));
   }
   m_streamExpectedSize = 0;
   m_path.set(m_streamHeader, m_settings, log);

@@ -44,7 +44,7 @@ bool ArchiveWriter::writeTarToOutput(const ExtPtrArraySb& files, const ExtPtrArr
     const auto* const root = static_cast<const DirRoot*>(dirRoots.elementAt(i));
     if (root && !writeTree(*root, curDirRootPath)) return false;
   }
-  return writeEndOfArchive() && !m_anythingLost;
+  return writeEndOfArchive();
 }
 
 bool ArchiveWriter::writeEndOfArchive() {
@@ -104,9 +104,11 @@ bool ArchiveWriter::writeTree(const DirRoot& root, XString& curDirRootPath) {
     const SourcePlace place{fullPath, tree->currentDirectory(), tree->currentName(), tree->isRegularFile()};
     if (!writeMember(place, pathInTar, tree.get())) return memberFailed(fullPath, pathInTar);
     if (abortedAfterMember()) return false;
-    passByIfUnreadable(*tree);
+    passByIfUnreadable(place, *tree);
     if (!tree->advancePosition(m_log)) {
-      return m_run.settings.options.skipUnreadable && leftOutUnreadable(place);
+      const XString lost(tree->failedPath());
+      return m_run.settings.options.skipUnreadable &&
+             leftOutUnreadable(SourcePlace{lost, -1, nullptr, false});
     }
   }
   return true;
@@ -189,12 +191,11 @@ bool ArchiveWriter::canBeRead(const SourcePlace& place, const mvFileInfo& info, 
   return m_source.open(place, info, m_log) && (info.m_size == 0 || m_source.readFirst(m_log));
 }
 
-// With SkipUnreadable: a directory that was left out on purpose (by the filter or the event) and cannot be
-// read either is no loss. One that was to be archived has been looked at before its header was written.
-void ArchiveWriter::passByIfUnreadable(ClsDirTree& tree) {
-  if (!m_run.settings.options.skipUnreadable || !tree.isEnterable() || tree.isPrepared()) return;
-  LogNull unwanted;
-  tree.prepareToEnter(unwanted);
+// With SkipUnreadable: a directory that was left out by the filter or the event may still hold members. One
+// that was to be archived has been looked at before its header was written.
+bool ArchiveWriter::passByIfUnreadable(const SourcePlace& place, ClsDirTree& tree) {
+  if (!m_run.settings.options.skipUnreadable || !tree.isEnterable() || tree.isPrepared()) return true;
+  return tree.prepareToEnter(m_log) || leftOutUnreadable(place);
 }
 
 bool ArchiveWriter::leftOutUnreadable(const SourcePlace& place) {
@@ -225,8 +226,8 @@ bool ArchiveWriter::writeData(const SourcePlace& place, const mvFileInfo& info) 
 // As many bytes as the header says, zeros where the file has fewer.
 bool ArchiveWriter::writeExactData(const SourcePlace& place, const mvFileInfo& info) {
   if (info.m_size == 0) {
-    // Only an open file can be seen to have grown.
-    const bool grown = m_source.isOpen() && m_source.sizeNow() > 0;
+    LogNull unwanted;  // one that cannot be opened has nothing that was to be archived
+    const bool grown = info.m_isRegularFile && m_source.open(place, info, unwanted) && m_source.sizeNow() > 0;
     return !grown || reportSizeChanged(place, 0, m_source.sizeNow());
   }
   if (!m_source.open(place, info, m_log)) {

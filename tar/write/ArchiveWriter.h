@@ -21,6 +21,9 @@ class ArchiveWriter {
   // The archive itself, which is left out of itself (the word SkipOutputFile).
   void leaveOut(const mvFileInfo& archive);
 
+  // Whether something was left out or changed its size: the archive is whole then, the job is not done.
+  bool anythingLost() const { return m_anythingLost; }
+
   // Everything, with the end of the archive. `curDirRootPath` shows the root being walked.
   bool writeTarToOutput(const ExtPtrArraySb& files, const ExtPtrArray& dirRoots, XString& curDirRootPath);
   // One member. The path in the archive is brought into the archive's form.
@@ -36,7 +39,7 @@ class ArchiveWriter {
   bool isSkippedByEvent(const SourcePlace& place, const mvFileInfo& info, const XString& pathInTar);
   bool isArchiveItself(const SourcePlace& place, const mvFileInfo& info);
   bool canBeRead(const SourcePlace& place, const mvFileInfo& info, ClsDirTree* tree);
-  void passByIfUnreadable(ClsDirTree& tree);
+  bool passByIfUnreadable(const SourcePlace& place, ClsDirTree& tree);
   bool leftOutUnreadable(const SourcePlace& place);
   bool writeData(const SourcePlace& place, const mvFileInfo& info);
   bool writeExactData(const SourcePlace& place, const mvFileInfo& info);
@@ -51,7 +54,7 @@ class ArchiveWriter {
   SourceFile m_source;
   bool m_hasArchive = false;
   mvFileInfo m_archive;
-  bool m_anythingLost = false;  // left out or changed size: the archive is whole, the job is not
+  bool m_anythingLost = false;
 };
 
 }  // namespace morvane

@@ -47,7 +47,11 @@ bool overflowsPrefix(const WriteRun& run, const UstarSplit& split) {
 
 bool splitForHeader(WriteRun& run, const XString& path, HeaderFields& fields) {
   UstarSplit split = splitUstarPath(path.str());
-  if (run.settings.options.ustarPlainPrefix && !split.prefix.empty()) split.prefix.remove_suffix(1);
+  if (run.settings.options.ustarPlainPrefix && !split.prefix.empty()) {
+    split.prefix.remove_suffix(1);
+    // Without its slash, that of an absolute path would be gone.
+    if (split.prefix.empty()) split.error = kUstarCannotSplit;
+  }
   if (!split.error && overflowsPrefix(run, split)) split.error = kUstarCannotSplit;
   if (split.error) {
     run.log.LogError(split.error);

@@ -4,6 +4,7 @@
 
 #include "runtime/fs/ClsDirTree.h"
 #include "runtime/fs/FileSys.h"
+#include "runtime/fs/mvFileInfo.h"
 #include "runtime/log/LogContextExitor.h"
 #include "runtime/log/LogNull.h"
 #include "runtime/progress/ProgressMonitor.h"
@@ -41,7 +42,6 @@ class Counter {
     if (m_gaveUp) return true;
     tree->put_BaseDir(XString(root.m_dirPath.str()));
     tree->put_Recurse(true);
-    bool ok = true;
     bool walking = tree->beginIterate(m_quiet);
     while (walking && !tree->get_DoneIterating()) {
       XString fullPath;
@@ -51,8 +51,11 @@ class Counter {
         continue;
       }
       if (!tree->get_IsDirectory()) {
-        const long long size = FileSys::fileSizeX_64(fullPath, &m_quiet, ok);
-        if (ok) m_total = saturatedSum(m_total, size);
+        mvFileInfo info;
+        const char* const path = fullPath.getUtf8();
+        if (info.loadFileInfoAt(tree->currentDirectory(), tree->currentName(), path, m_quiet)) {
+          m_total = saturatedSum(m_total, info.m_size);
+        }
       }
       if (m_pm && m_pm->abortCheck(m_log)) return false;
       walking = tree->advancePosition(m_quiet);

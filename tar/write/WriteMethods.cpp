@@ -53,14 +53,17 @@ bool ClsTar::writeArchive(const char* pathTag, const XString* path, _mvOutput* o
   setMatchPatternExactFlags();
   m_log.LogDataX("tarFormat", m_writeFormat);
   if (path) m_log.LogDataX(pathTag, *path);
+  if (compression == WriteCompression::Plain) m_archive.beginPlain();
   long long total = 0;
   if (progress && !countTotal(progress, total)) return false;
-  ProgressMonitorPtr pm(progress, m_abortCheckMs, m_percentScale, total);
-  if (!path) return writeTo(*out, compression, pm.getPm(), progress) && out->announceOutputFinished(m_log);
+  ProgressMonitorPtr monitor(progress, m_abortCheckMs, m_percentScale, total);
+  ProgressMonitor* const pm = monitor.getPm();
+  if (compression != WriteCompression::Plain) m_archive.beginCompressed(compression);
+  if (!path) return writeTo(*out, pm, progress);
   const std::unique_ptr<OutputFile> file(OutputFile::createFileUtf8(path->getUtf8(), m_log));
   if (!file) return false;
-  const bool written = writeTo(*file, compression, pm.getPm(), progress) && file->flush(pm.getPm(), m_log);
-  return file->closeHandle(&m_log) && written;
+  const bool written = writeTo(*file, pm, progress);
+  return file->closeHandle(&m_log, pm) && written;
 }
 
 bool ClsTar::countTotal(ProgressEvent* progress, long long& total) {
@@ -69,21 +72,26 @@ bool ClsTar::countTotal(ProgressEvent* progress, long long& total) {
   return !pm.get_Aborted(m_log) && total >= 0;
 }
 
-bool ClsTar::writeTo(_mvOutput& out, WriteCompression compression, ProgressMonitor* pm,
-                     ProgressEvent* progress) {
-  const bool gzip = compression == WriteCompression::Gzip;
-  if (compression == WriteCompression::Plain) {
-    m_archive.beginPlain();
-  } else {
-    m_archive.beginCompressed(compression);
-  }
+// The whole archive, framed and flushed. An archive that is complete is finished as such also when something
+// was left out of it, which makes the result false.
+bool ClsTar::writeTo(_mvOutput& out, ProgressMonitor* pm, ProgressEvent* progress) {
+  auto* const file = dynamic_cast<OutputFile*>(&out);
+  // What is buffered when the job is aborted would be written in vain, perhaps into a pipe that nobody reads.
+  ScopeExit dropIfAborted([&] {
+    if (file && pm && pm->isAborted()) file->discardBuffered();
+  });
+  const bool gzip = m_archive.m_compressing && m_archive.m_writeCompression == WriteCompression::Gzip;
+  bool anythingLost = false;
   if (gzip && !beginGzip(XString(), out, pm, m_log)) return false;
-  if (!writeTarToOutput(out, pm, m_log, progress)) return false;
-  if (!gzip) return true;
-  m_log.LogDataInt64("originalDataSize", m_archive.m_uncompressedSize);
-  // The trailer holds the size modulo 2^32.
-  const unsigned size = static_cast<unsigned>(m_archive.m_uncompressedSize & 0xFFFFFFFF);
-  return endGzip(out, m_archive.m_crc.endStream(), size);
+  if (!writeSources(out, pm, m_log, progress, anythingLost)) return false;
+  if (gzip) {
+    m_log.LogDataInt64("originalDataSize", m_archive.m_uncompressedSize);
+    // The trailer holds the size modulo 2^32.
+    const unsigned size = static_cast<unsigned>(m_archive.m_uncompressedSize & 0xFFFFFFFF);
+    if (!endGzip(out, m_archive.m_crc.endStream(), size)) return false;
+  }
+  if (file && !file->flush(pm, m_log)) return false;
+  return out.announceOutputFinished(m_log) && !anythingLost;
 }
 
 // No file name is recorded, so the path is of no use.
@@ -101,6 +109,12 @@ long long ClsTar::calcTotalProgressForWrite(LogBase& log, ProgressMonitor* pm) {
 }
 
 bool ClsTar::writeTarToOutput(_mvOutput& out, ProgressMonitor* pm, LogBase& log, ProgressEvent* progress) {
+  bool anythingLost = false;
+  return writeSources(out, pm, log, progress, anythingLost) && !anythingLost;
+}
+
+bool ClsTar::writeSources(_mvOutput& out, ProgressMonitor* pm, LogBase& log, ProgressEvent* progress,
+                          bool& anythingLost) {
   const WriteSettings settings = writeSettings();
   m_archive.m_output = &out;
   ScopeExit forget([this] { m_archive.m_output = nullptr; });
@@ -108,7 +122,9 @@ bool ClsTar::writeTarToOutput(_mvOutput& out, ProgressMonitor* pm, LogBase& log,
   mvFileInfo archive;
   const auto* const file = dynamic_cast<const OutputFile*>(&out);
   if (file && file->getFileInfo(archive)) writer.leaveOut(archive);
-  return writer.writeTarToOutput(m_files, m_dirRoots, m_curDirRootPath);
+  const bool complete = writer.writeTarToOutput(m_files, m_dirRoots, m_curDirRootPath);
+  anythingLost = writer.anythingLost();
+  return complete;
 }
 
 bool ClsTar::writeFileToOutput(XString& fullPath, XString& pathInTar, ProgressMonitor* pm, LogBase& log,

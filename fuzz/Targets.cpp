@@ -1,0 +1,145 @@
+#include "fuzz/Targets.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <vector>
+
+#include "runtime/codec/MorvaneLzw.h"
+#include "runtime/text/CharsetDecoder.h"
+#include "tar/ClsTar.h"
+#include "tar/FullExtensions.h"
+#include "tar/TarBlock.h"
+#include "tar/XmlEntry.h"
+
+namespace morvane::fuzz {
+
+namespace {
+
+void require(bool promise, const char* what) {
+  if (promise) return;
+  std::fprintf(stderr, "broken promise: %s\n", what);
+  std::abort();
+}
+
+// Decompressors can make very much of very little; this is enough to see.
+class BoundedOutput : public _mvOutput {
+ public:
+  bool _writeBytes(const char*, unsigned int n, _mvIoParams&, LogBase&) override { return (m_left -= n) > 0; }
+
+ private:
+  long long m_left = 16 << 20;
+};
+
+// The members that an engine saw. Directories with data end the comparison: the pull engine passes their data
+// over, the push engine takes them to have none.
+class Members : public ProgressEvent {
+ public:
+  void onTarHeader(const TarMemberInfo& member) override {
+    if (m_ended) return;
+    m_ended = member.isDirectory && member.size > 0;
+    list.push_back(std::string(1, member.typeFlag) + member.path + "\n" + member.linkPath + "\n" +
+                   std::to_string(member.size) + "@" + std::to_string(member.headerPosition));
+  }
+  bool ended() const { return m_ended; }
+  std::vector<std::string> list;
+
+ private:
+  bool m_ended = false;
+};
+
+constexpr char kFull[] = "FullRead,RequireEndOfArchive,MaxExtensionBytes=1000000";
+
+}  // namespace
+
+void header(const uint8_t* data, size_t size) {
+  if (size < kBlockSize) return;
+  TarHeader record;
+  LogNull log;
+  bool end = false;
+  if (!record.parseFromMemory(data, end, log)) return;
+  require(record.m_size >= 0, "a size is never negative");
+  XString xml;
+  CharsetDecoder decoder("utf-8");
+  toXmlEntry(record, xml, nullptr, decoder);
+  StringBuffer fields;
+  getFieldsQP(data, fields);
+  require(fields.str().find("]]>") == std::string::npos, "a field dump never ends a CDATA section");
+}
+
+void pax(const uint8_t* data, size_t size) {
+  const std::string text(reinterpret_cast<const char*>(data), size);
+  LogNull log;
+  TarHeader record;
+  require(ClsTar::parsePaxExtendedHeader(text.c_str(), record, log),
+          "lines that make no sense are passed over");
+  FullExtensions extensions;
+  extensions.take(kTypePaxGlobal, text, log);
+  extensions.take(kTypePax, text, log);
+  extensions.complete(record);
+  require(record.m_size >= 0, "a size is never negative");
+}
+
+void gzipHeader(const uint8_t* data, size_t size) {
+  _mvMemoryDataSource source;
+  source.initializeMemSource(data, static_cast<unsigned>(size));
+  ClsTar tar;
+  tar.put_SuppressOutput(true);
+  tar.UntarGz(source);
+}
+
+void lzw(const uint8_t* data, size_t size) {
+  _mvMemoryDataSource source;
+  source.initializeMemSource(data, static_cast<unsigned>(size));
+  BoundedOutput out;
+  _mvIoParams io;
+  LogNull log;
+  MorvaneLzw::decompressLzwSource64(source, out, true, io, log);
+}
+
+void archive(const uint8_t* data, size_t size) {
+  ClsTar tar;
+  tar.put_VerboseLogging(size % 2 == 1);
+  _mvMemoryDataSource source;
+  source.initializeMemSource(data, static_cast<unsigned>(size));
+  tar.VerifyTar(source);
+  XString xml;
+  source.initializeMemSource(data, static_cast<unsigned>(size));
+  tar.ListXml(source, xml);
+  DataBuffer bytes, found;
+  bytes.borrowData(data, static_cast<unsigned>(size));
+  tar.UntarFirstMatchingToMemory(bytes, "*z", found);
+  require(found.getSize() <= size, "a match is never larger than its archive");
+}
+
+void pullAgainstPush(const uint8_t* data, size_t size) {
+  ClsTar tar;
+  tar.put_SuppressOutput(true);
+  tar.put_UncommonOptions(kFull);
+  _mvMemoryDataSource source;
+  source.initializeMemSource(data, static_cast<unsigned>(size));
+  Members pulled, pushed;
+  const bool pullOk = tar.VerifyTar(source, &pulled);
+
+  const unsigned piece = size > 0 ? 1 + data[0] * 7u : 1;
+  ProgressMonitor monitor(pushed, 0, 0, 0);
+  LogNull log;
+  tar.BeginStreamingUntar(log);
+  bool finished = false, ok = true;
+  for (size_t at = 0; ok && at < size; at += piece) {
+    const auto n = static_cast<unsigned>(std::min<size_t>(piece, size - at));
+    ok = tar.StreamingUntarNext(data + at, n, finished, &monitor, log);
+  }
+  const bool pushOk = tar.FinishStreamingUntar(&monitor, log) && ok;
+  if (pulled.ended() || pushed.ended()) return;
+  require(pullOk == pushOk, "both engines come to the same verdict");
+  require(pulled.list == pushed.list, "both engines see the same members");
+}
+
+const std::map<std::string, Target>& targets() {
+  static const std::map<std::string, Target> all = {
+      {"header", header}, {"pax", pax},         {"gzipHeader", gzipHeader},
+      {"lzw", lzw},       {"archive", archive}, {"pullAgainstPush", pullAgainstPush}};
+  return all;
+}
+
+}  // namespace morvane::fuzz

@@ -1,0 +1,31 @@
+// Decodes the names of one archive from the Charset property; an unknown character set is said once a run.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "runtime/log/LogBase.h"
+#include "runtime/text/CharsetDecoder.h"
+
+namespace morvane {
+
+class NameDecoder {
+ public:
+  // The decoder for a character set, made again only when it is another than the last time.
+  CharsetDecoder& forCharset(const std::string& charset, LogBase& log) {
+    if (m_decoder && m_charset == charset) return *m_decoder;
+    m_decoder = std::make_unique<CharsetDecoder>(charset.c_str());
+    m_charset = charset;
+    if (!m_decoder->isKnown()) {
+      log.LogNotice("The character set is not known; names are read as utf-8.");
+      log.LogData("charset", charset.c_str());
+    }
+    return *m_decoder;
+  }
+
+ private:
+  std::unique_ptr<CharsetDecoder> m_decoder;
+  std::string m_charset;
+};
+
+}  // namespace morvane
