@@ -1,5 +1,6 @@
 #include "tar/XmlEntry.h"
 
+#include <charconv>
 #include <cstdio>
 #include <string>
 
@@ -25,6 +26,14 @@ bool isXmlCharacter(char32_t c) {
 bool isPlainXml(std::string_view text) {
   for (size_t at = 0; at < text.size();) {
     if (!isXmlCharacter(nextUtf8(text, at))) return false;
+  }
+  return true;
+}
+
+// Text that stands for itself, as most names do.
+bool needsNoCare(std::string_view text) {
+  for (const char c : text) {
+    if (c < 0x20 || c == 0x7F || c == '&' || c == '<' || c == '>' || c == '"') return false;
   }
   return true;
 }
@@ -77,9 +86,14 @@ void appendXmlText(std::string_view text, bool escaped, std::string& out) {
 }
 
 void appendElement(const char* name, std::string_view text, std::string& out) {
-  const bool escaped = !isPlainXml(text);
+  const bool plain = needsNoCare(text);
+  const bool escaped = !plain && !isPlainXml(text);
   out.append("\t\t<").append(name).append(escaped ? " escaped=\"true\">" : ">");
-  appendXmlText(text, escaped, out);
+  if (plain) {
+    out.append(text);
+  } else {
+    appendXmlText(text, escaped, out);
+  }
   out.append("</").append(name).append(">\r\n");
 }
 
@@ -103,19 +117,40 @@ const char* kindOf(const TarHeader& header) {
   }
 }
 
-// ISO 8601 in UTC, empty for a year that has no four digits.
-std::string isoTime(long long seconds) {
-  constexpr long long kYear0001 = -62135596800, kYear10000 = 253402300800;
-  if (seconds < kYear0001 || seconds >= kYear10000) return std::string();
-  const MorvaneSysTime time = MorvaneSysTime::fromFileTime(MorvaneFileTime::fromUnixTime64(seconds));
-  char text[96];
-  std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02dZ", time.year, time.month, time.day,
-                time.hour, time.minute, time.second);
-  return text;
+// At least `width` decimal digits.
+void appendDigits(int value, unsigned width, std::string& out) {
+  const size_t start = out.size();
+  out.append(width, '0');
+  for (unsigned i = width; i-- > 0; value /= 10) out[start + i] = static_cast<char>('0' + value % 10);
 }
 
-void appendAttribute(const char* name, std::string_view value, std::string& out) {
-  out.append(" ").append(name).append("=\"").append(value).append("\"");
+// ISO 8601 in UTC; nothing for a year that has no four digits.
+void appendIsoTime(long long seconds, std::string& out) {
+  constexpr long long kYear0001 = -62135596800, kYear10000 = 253402300800;
+  if (seconds < kYear0001 || seconds >= kYear10000) return;
+  const MorvaneSysTime time = MorvaneSysTime::fromFileTime(MorvaneFileTime::fromUnixTime64(seconds));
+  const auto part = [&out](int value, unsigned width, char behind) {
+    appendDigits(value, width, out);
+    out.push_back(behind);
+  };
+  out += " modified=\"";
+  part(time.year, 4, '-');
+  part(time.month, 2, '-');
+  part(time.day, 2, 'T');
+  part(time.hour, 2, ':');
+  part(time.minute, 2, ':');
+  part(time.second, 2, 'Z');
+  out.push_back('"');
+}
+
+void appendNumber(const char* name, long long value, int base, std::string& out) {
+  char digits[24];
+  const auto end = std::to_chars(digits, digits + sizeof digits, value, base).ptr;
+  out.append(name);
+  constexpr long kModeDigits = 4;
+  if (base == 8 && end - digits < kModeDigits)
+    out.append(static_cast<size_t>(kModeDigits - (end - digits)), '0');
+  out.append(digits, static_cast<size_t>(end - digits)).push_back('"');
 }
 
 std::string quotedPrintable(const unsigned char* bytes, unsigned n) {
@@ -151,33 +186,33 @@ std::string fieldText(const unsigned char* block, const Field& field) {
 }  // namespace
 
 void toXmlEntry(const TarHeader& header, XString& xml, const char* extensionData, CharsetDecoder& decoder) {
-  const auto decoded = [&decoder](std::string_view bytes) {
-    std::string utf8;
-    decoder.append(bytes, utf8);
-    return utf8;
+  std::string& out = xml.buffer();
+  std::string decoded;
+  const auto appendName = [&](const char* element, std::string_view bytes) {
+    if (decoder.isUtf8()) {
+      appendElement(element, bytes, out);
+      return;
+    }
+    decoded.clear();
+    decoder.append(bytes, decoded);
+    appendElement(element, decoded, out);
   };
-  std::string out = "\t<entry";
-  std::string type;
-  appendXmlText(std::string_view(&header.m_typeFlag, 1), true, type);
-  char mode[16];
-  std::snprintf(mode, sizeof mode, "%04o", header.m_mode);
-  appendAttribute("type", type, out);
-  appendAttribute("kind", kindOf(header), out);
-  appendAttribute("size", std::to_string(header.m_size), out);
-  appendAttribute("mode", mode, out);
-  appendAttribute("uid", std::to_string(header.m_uid), out);
-  appendAttribute("gid", std::to_string(header.m_gid), out);
-  appendAttribute("mtime", std::to_string(header.m_exactMtime.seconds), out);
-  const std::string modified = isoTime(header.m_exactMtime.seconds);
-  if (!modified.empty()) appendAttribute("modified", modified, out);
+  out += "\t<entry type=\"";
+  appendXmlText(std::string_view(&header.m_typeFlag, 1), true, out);
+  out.append("\" kind=\"").append(kindOf(header)).append("\"");
+  appendNumber(" size=\"", header.m_size, 10, out);
+  appendNumber(" mode=\"", header.m_mode, 8, out);
+  appendNumber(" uid=\"", header.m_uid, 10, out);
+  appendNumber(" gid=\"", header.m_gid, 10, out);
+  appendNumber(" mtime=\"", header.m_exactMtime.seconds, 10, out);
+  appendIsoTime(header.m_exactMtime.seconds, out);
   out += ">\r\n";
-  appendElement("path", decoded(header.m_path.str()), out);
-  appendElement("user", decoded(header.userName()), out);
-  appendElement("group", decoded(header.groupName()), out);
-  if (*header.linkPath() != '\0') appendElement("link", decoded(header.linkPath()), out);
-  if (extensionData) appendElement("data", decoded(extensionData), out);
+  appendName("path", header.m_path.str());
+  appendName("user", header.userName());
+  appendName("group", header.groupName());
+  if (*header.linkPath() != '\0') appendName("link", header.linkPath());
+  if (extensionData) appendName("data", extensionData);
   out += "\t</entry>\r\n";
-  xml.appendUtf8N(out.data(), static_cast<unsigned>(out.size()));
 }
 
 void getFieldsQP(const unsigned char* block, StringBuffer& out) {

@@ -20,6 +20,8 @@ class MORVANE_API XString {
   // The text as UTF-8, NUL-terminated, valid until the string changes.
   const char* getUtf8() const { return m_utf8.c_str(); }
   const std::string& str() const { return m_utf8; }
+  // The bytes themselves, for code that builds long texts in place.
+  std::string& buffer() { return m_utf8; }
   unsigned getSizeUtf8() const { return static_cast<unsigned>(m_utf8.size()); }
   bool isEmpty() const { return m_utf8.empty(); }
   void clear() { m_utf8.clear(); }
