@@ -7,7 +7,9 @@
 
 #include "runtime/buffer/DataBuffer.h"
 #include "runtime/codec/DecodedOutput.h"
+#include "runtime/codec/FastDeflate.h"
 #include "runtime/codec/InputWindow.h"
+#include "runtime/codec/RawInflate.h"
 
 namespace morvane {
 
@@ -17,9 +19,8 @@ constexpr unsigned kBuffer = 64 * 1024;
 constexpr int kRawDeflate = -15;  // the largest window, no framing
 constexpr int kDefaultMemory = 8;
 
-bool fail(LogBase& log, const char* message, const z_stream& stream) {
+bool fail(LogBase& log, const char* message) {
   log.LogError(message);
-  if (stream.msg) log.LogData("zlib", stream.msg);
   return false;
 }
 
@@ -27,6 +28,8 @@ bool fail(LogBase& log, const char* message, const z_stream& stream) {
 
 struct MorvaneDeflate::Compressor {
   z_stream stream{};
+  FastDeflate fast;
+  bool usesFast = false;
   bool begun = false;
   unsigned gathered = 0;
   unsigned char in[kBuffer];
@@ -35,20 +38,24 @@ struct MorvaneDeflate::Compressor {
   ~Compressor() { end(); }
 
   void end() {
-    if (begun) deflateEnd(&stream);
+    if (begun && !usesFast) deflateEnd(&stream);
     begun = false;
   }
 
-  bool begin() {
+  bool begin(int fastLevel) {
     end();
     stream = z_stream{};
     gathered = 0;
-    begun = deflateInit2(&stream, Z_DEFAULT_COMPRESSION, Z_DEFLATED, kRawDeflate, kDefaultMemory,
-                         Z_DEFAULT_STRATEGY) == Z_OK;
+    usesFast = fastLevel > 0 && FastDeflate::isAvailable();
+    const int level = fastLevel > 0 ? fastLevel : Z_DEFAULT_COMPRESSION;
+    begun = usesFast ? fast.begin(fastLevel)
+                     : deflateInit2(&stream, level, Z_DEFLATED, kRawDeflate, kDefaultMemory,
+                                    Z_DEFAULT_STRATEGY) == Z_OK;
     return begun;
   }
 
   bool run(const unsigned char* bytes, unsigned n, int flush, DataBuffer& to) {
+    if (usesFast) return fast.run(bytes, n, flush == Z_FINISH, to);
     stream.next_in = const_cast<unsigned char*>(bytes);
     stream.avail_in = n;
     do {
@@ -78,7 +85,7 @@ MorvaneDeflate::~MorvaneDeflate() = default;
 
 bool MorvaneDeflate::BeginCompress(const DataBuffer& in, DataBuffer& out, LogBase& log, ProgressMonitor* pm) {
   if (!m_compressor) m_compressor.reset(new (std::nothrow) Compressor());
-  if (!m_compressor || !m_compressor->begin()) {
+  if (!m_compressor || !m_compressor->begin(m_fastLevel)) {
     log.LogError("Failed to start deflate compression.");
     return false;
   }
@@ -104,37 +111,28 @@ bool MorvaneDeflate::inflateFromSourcePM(bool, _mvDataSource& source, _mvOutput&
                                          ProgressMonitor* pm, LogBase& log) {
   constexpr unsigned kOut = 2 * kBuffer;
   const std::unique_ptr<char[]> buffer(new (std::nothrow) char[kOut]);
-  z_stream stream{};
-  if (!buffer || inflateInit2(&stream, kRawDeflate) != Z_OK) {
-    log.LogError("Out of memory for inflating.");
-    return false;
-  }
-  const std::unique_ptr<z_stream, int (*)(z_stream*)> ender(&stream, inflateEnd);
+  RawInflate inflater;
+  if (!buffer || !inflater.begin()) return fail(log, "Out of memory for inflating.");
   InputWindow input(source, pm, log);
-  int roundsWithoutProgress = 0;
-  int state = Z_OK;
-  stream.avail_out = kOut;
-  while (state != Z_STREAM_END) {
-    // A full output may have more behind it that needs no further input.
-    if (stream.avail_in == 0 && stream.avail_out > 0) {
+  unsigned roundsWithoutProgress = 0;
+  RawInflate::State state = RawInflate::State::GoesOn;
+  while (state != RawInflate::State::Finished) {
+    if (inflater.inputLeft() == 0) {
       const char* bytes = nullptr;
-      if (!input.next(bytes, stream.avail_in)) return false;
-      if (stream.avail_in == 0) return fail(log, "The deflate data end before the stream does.", stream);
-      stream.next_in = reinterpret_cast<unsigned char*>(const_cast<char*>(bytes));
+      unsigned n = 0;
+      if (!input.next(bytes, n)) return false;
+      if (n == 0) return fail(log, "The deflate data end before the stream does.");
+      inflater.setInput(bytes, n);
     }
-    const unsigned hadIn = stream.avail_in;
-    stream.next_out = reinterpret_cast<unsigned char*>(buffer.get());
-    stream.avail_out = kOut;
-    state = inflate(&stream, Z_NO_FLUSH);
-    if (state != Z_OK && state != Z_STREAM_END && state != Z_BUF_ERROR) {
-      return fail(log, "The deflate data are damaged.", stream);
-    }
-    const unsigned produced = kOut - stream.avail_out;
+    const unsigned hadIn = inflater.inputLeft();
+    unsigned produced = 0;
+    state = inflater.step(buffer.get(), kOut, produced);
+    if (state == RawInflate::State::Damaged) return fail(log, "The deflate data are damaged.");
     if (!writeDecoded(out, buffer.get(), produced, pm, log)) return false;
-    roundsWithoutProgress = produced == 0 && stream.avail_in == hadIn ? roundsWithoutProgress + 1 : 0;
-    if (roundsWithoutProgress == 2) return fail(log, "The deflate data make no progress.", stream);
+    roundsWithoutProgress = produced == 0 && inflater.inputLeft() == hadIn ? roundsWithoutProgress + 1 : 0;
+    if (roundsWithoutProgress == 2) return fail(log, "The deflate data make no progress.");
   }
-  input.giveBack(stream.avail_in);
+  input.giveBack(inflater.inputLeft());
   return true;
 }
 

@@ -20,6 +20,9 @@ class MORVANE_API MorvaneDeflate {
   MorvaneDeflate(const MorvaneDeflate&) = delete;
   MorvaneDeflate& operator=(const MorvaneDeflate&) = delete;
 
+  // For the next Begin: 0 is zlib's default level, 1 (fastest) to 3 trade size for speed.
+  void setFast(int level) { m_fastLevel = level; }
+
   // Begin, any number of More, End; each takes the whole input and appends what became ready of the output,
   // which may be nothing: pieces are gathered inside. End brings out the rest. After a failure only Begin may
   // follow.
@@ -36,6 +39,7 @@ class MORVANE_API MorvaneDeflate {
  private:
   struct Compressor;
   std::unique_ptr<Compressor> m_compressor;
+  int m_fastLevel = 0;
 };
 
 }  // namespace morvane

@@ -16,16 +16,16 @@ constexpr unsigned kBuffer = 64 * 1024;
 
 // Adds to what is left in the buffer, which is moved to its start.
 bool BufferedDataSource::fill(ProgressMonitor* pm, LogBase& log) {
-  if (!m_buffer) m_buffer.reset(new (std::nothrow) char[kBuffer]);
+  if (!m_buffer) m_buffer.reset(new (std::nothrow) char[kBehind + kBuffer]);
   if (!m_buffer) {
     log.LogError("Out of memory for a read buffer.");
     return false;
   }
-  std::memmove(m_buffer.get(), m_buffer.get() + m_at, m_end - m_at);
-  m_end -= m_at;
-  m_at = 0;
+  std::memmove(m_buffer.get(), m_buffer.get() + m_at - kBehind, m_end - m_at + kBehind);
+  m_end -= m_at - kBehind;
+  m_at = kBehind;
   unsigned got = 0;
-  if (!m_source.readSourcePM(m_buffer.get() + m_end, kBuffer - m_end, got, pm, log)) return false;
+  if (!m_source.readSourcePM(m_buffer.get() + m_end, kBehind + kBuffer - m_end, got, pm, log)) return false;
   m_ended = got == 0;
   m_end += got;
   return true;

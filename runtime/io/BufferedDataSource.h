@@ -25,7 +25,9 @@ class BufferedDataSource : public _mvDataSource {
 
   _mvDataSource& m_source;
   std::unique_ptr<char[]> m_buffer;
-  unsigned m_at = 0, m_end = 0;
+  // In front of what is left are the last bytes that were lent.
+  static constexpr unsigned kBehind = 16;
+  unsigned m_at = kBehind, m_end = kBehind;
   bool m_ended = false;
 };
 

@@ -43,7 +43,8 @@ class MORVANE_API _mvDataSource {
   // false to canLend().
   virtual bool canLend();
   virtual bool lendBytes(unsigned most, const char*& bytes, unsigned& n, ProgressMonitor* pm, LogBase& log);
-  // The last n bytes that were lent were not used; they are lent or read again.
+  // The last n bytes that were lent were not used; they are lent or read again. Up to 16 may be from a piece
+  // before the last.
   virtual void takeBack(unsigned n);
   // Shows the next bytes, up to n of at most 512, without moving past them; fewer only at the end. False when
   // the source cannot.

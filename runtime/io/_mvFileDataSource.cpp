@@ -46,7 +46,7 @@ bool _mvFileDataSource::adopt(OsFile file, const char* path, LogBase& log) {
   m_file = std::move(file);
   m_path = path;
   m_failed = m_atEnd = false;
-  m_windowAt = m_windowEnd = 0;
+  m_windowAt = m_windowEnd = kBehind;
   m_readAhead = kAtStart;
   m_endAt = m_sizeSeen = -1;
   struct stat status {};
@@ -66,7 +66,7 @@ void _mvFileDataSource::adoptForCopy(OsFile file, const char* path, long long si
   m_file = std::move(file);
   m_path = path;
   m_failed = m_atEnd = false;
-  m_windowAt = m_windowEnd = 0;
+  m_windowAt = m_windowEnd = kBehind;
   m_readAhead = kCopyAtStart;
   m_endAt = -1;
   m_sizeSeen = sizeSeen;
@@ -140,17 +140,18 @@ bool _mvFileDataSource::readSystem(char* buffer, unsigned n, unsigned& got, Prog
 
 bool _mvFileDataSource::makeWindow(LogBase& log) {
   if (m_window) return true;
-  m_window.reset(new (std::nothrow) char[kWindow]);
+  m_window.reset(new (std::nothrow) char[kBehind + kWindow]);
   if (!m_window) log.LogError("Out of memory for a read buffer.");
   return m_window != nullptr;
 }
 
 bool _mvFileDataSource::fillWindow(ProgressMonitor* pm, LogBase& log) {
   if (!makeWindow(log)) return false;
+  std::memmove(m_window.get(), m_window.get() + m_windowEnd - kBehind, kBehind);
+  m_windowAt = m_windowEnd = kBehind;
   unsigned got = 0;
-  if (!readSystem(m_window.get(), m_readAhead, got, pm, log)) return false;
-  m_windowAt = 0;
-  m_windowEnd = got;
+  if (!readSystem(m_window.get() + kBehind, m_readAhead, got, pm, log)) return false;
+  m_windowEnd += got;
   m_readAhead = std::min(m_readAhead * 4, m_sizeSeen >= 0 ? kCopyWindow : kWindow);
   return true;
 }
@@ -202,19 +203,19 @@ bool _mvFileDataSource::peekBytes(unsigned n, const char*& bytes, unsigned& got,
                                   LogBase& log) {
   if (m_failed || !makeWindow(log)) return false;
   // A pipe may give its first bytes in small pieces: gather them at the window's start.
-  if (m_windowAt > 0) {
-    std::memmove(m_window.get(), m_window.get() + m_windowAt, m_windowEnd - m_windowAt);
-    m_windowEnd -= m_windowAt;
-    m_windowAt = 0;
-  }
-  while (m_windowEnd < n) {
+  const unsigned held = m_windowEnd - m_windowAt;
+  std::memmove(m_window.get(), m_window.get() + m_windowAt - kBehind, kBehind + held);
+  m_windowAt = kBehind;
+  m_windowEnd = kBehind + held;
+  while (m_windowEnd - m_windowAt < n) {
+    const unsigned room = kBehind + m_readAhead - m_windowEnd;
     unsigned more = 0;
-    if (!readSystem(m_window.get() + m_windowEnd, m_readAhead - m_windowEnd, more, pm, log)) return false;
+    if (!readSystem(m_window.get() + m_windowEnd, room, more, pm, log)) return false;
     if (more == 0) break;
     m_windowEnd += more;
   }
-  bytes = m_window.get();
-  got = std::min(n, m_windowEnd);
+  bytes = m_window.get() + m_windowAt;
+  got = std::min(n, m_windowEnd - m_windowAt);
   return true;
 }
 
@@ -234,7 +235,7 @@ bool _mvFileDataSource::fseekAbsolute64(long long position, LogBase& log) {
   if (!m_seekable) return skipByReading(forward, nullptr, log);
   const long long jump = position - m_systemAt;
   if (jump < 0 || jump >= kWindow) m_readAhead = kAfterJump;
-  m_windowAt = m_windowEnd = 0;
+  m_windowAt = m_windowEnd = kBehind;
   m_position = m_systemAt = position;
   m_atEnd = false;
   return true;

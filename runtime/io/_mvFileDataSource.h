@@ -50,6 +50,8 @@ class MORVANE_API _mvFileDataSource : public _mvDataSource {
   bool peekBytes(unsigned n, const char*& bytes, unsigned& got, ProgressMonitor* pm, LogBase& log) override;
 
  private:
+  static constexpr unsigned kBehind = 16;
+
   bool readSystem(char* buffer, unsigned n, unsigned& got, ProgressMonitor* pm, LogBase& log);
   bool fillWindow(ProgressMonitor* pm, LogBase& log);
   bool mayGoOn(unsigned moved, ProgressMonitor* pm, LogBase& log);
@@ -66,7 +68,8 @@ class MORVANE_API _mvFileDataSource : public _mvDataSource {
   long long m_endAt = -1;     // -1: where the file ends
   long long m_sizeSeen = -1;  // of a file to be copied whole
   std::unique_ptr<char[]> m_window;
-  unsigned m_windowAt = 0, m_windowEnd = 0;  // the bytes of the window not handed out yet
+  // The bytes of the window not handed out yet; in front of it are the last ones of the window before.
+  unsigned m_windowAt = kBehind, m_windowEnd = kBehind;
   unsigned m_readAhead = 0;
 };
 

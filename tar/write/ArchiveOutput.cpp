@@ -7,7 +7,8 @@
 
 namespace morvane {
 
-void ArchiveOutput::beginCompressed(WriteCompression compression) {
+void ArchiveOutput::beginCompressed(WriteCompression compression, int fastDeflate) {
+  m_deflate.setFast(fastDeflate);
   m_writeCompression = compression;
   m_compressing = true;
   m_compressFirst = true;

@@ -27,7 +27,7 @@ struct ArchiveOutput {
 
   // Sets the members for a plain / compressed write.
   void beginPlain() { m_compressing = false; }
-  void beginCompressed(WriteCompression compression);
+  void beginCompressed(WriteCompression compression, int fastDeflate);
 
   // `checkAbort`: whether the abort checks inside a member's data are on. Without an output a plain write
   // fails without a message.

@@ -58,7 +58,7 @@ bool ClsTar::writeArchive(const char* pathTag, const XString* path, _mvOutput* o
   if (progress && !countTotal(progress, total)) return false;
   ProgressMonitorPtr monitor(progress, m_abortCheckMs, m_percentScale, total);
   ProgressMonitor* const pm = monitor.getPm();
-  if (compression != WriteCompression::Plain) m_archive.beginCompressed(compression);
+  if (compression != WriteCompression::Plain) m_archive.beginCompressed(compression, m_options.fastDeflate);
   if (!path) return writeTo(*out, pm, progress);
   const std::unique_ptr<OutputFile> file(OutputFile::createFileUtf8(path->getUtf8(), m_log));
   if (!file) return false;

@@ -1,0 +1,14 @@
+#include "runtime/codec/FastDeflate.h"
+
+namespace morvane {
+
+struct FastDeflate::Engine {};
+
+FastDeflate::FastDeflate() = default;
+FastDeflate::~FastDeflate() = default;
+
+bool FastDeflate::isAvailable() { return false; }
+bool FastDeflate::begin(int) { return false; }
+bool FastDeflate::run(const unsigned char*, unsigned, bool, DataBuffer&) { return false; }
+
+}  // namespace morvane

@@ -1,0 +1,45 @@
+#include <zlib.h>
+
+#include <new>
+
+#include "runtime/codec/RawInflate.h"
+
+namespace morvane {
+
+struct RawInflate::Engine {
+  z_stream stream{};
+  bool begun = false;
+  ~Engine() {
+    if (begun) inflateEnd(&stream);
+  }
+};
+
+RawInflate::RawInflate() = default;
+RawInflate::~RawInflate() = default;
+
+bool RawInflate::begin() {
+  constexpr int kRawDeflate = -15;  // the largest window, no framing
+  m_engine.reset(new (std::nothrow) Engine());
+  if (!m_engine) return false;
+  m_engine->begun = inflateInit2(&m_engine->stream, kRawDeflate) == Z_OK;
+  return m_engine->begun;
+}
+
+void RawInflate::setInput(const char* bytes, unsigned n) {
+  m_engine->stream.next_in = reinterpret_cast<unsigned char*>(const_cast<char*>(bytes));
+  m_engine->stream.avail_in = n;
+}
+
+unsigned RawInflate::inputLeft() const { return m_engine->stream.avail_in; }
+
+RawInflate::State RawInflate::step(char* out, unsigned room, unsigned& produced) {
+  z_stream& stream = m_engine->stream;
+  stream.next_out = reinterpret_cast<unsigned char*>(out);
+  stream.avail_out = room;
+  const int result = inflate(&stream, Z_NO_FLUSH);
+  produced = room - stream.avail_out;
+  if (result == Z_STREAM_END) return State::Finished;
+  return result == Z_OK || result == Z_BUF_ERROR ? State::GoesOn : State::Damaged;
+}
+
+}  // namespace morvane
