@@ -1,11 +1,13 @@
 #include "cli/CommandLine.h"
 
 #include <getopt.h>
+#include <iconv.h>
 #include <unistd.h>
 
 #include <charconv>
 #include <cstring>
 
+#include "cli/ArchiveName.h"
 #include "tar/TarOptions.h"
 
 namespace mvtar {
@@ -62,6 +64,8 @@ const option kLongOptions[] = {
     {"version", no_argument, nullptr, kVersion},
     {nullptr, 0, nullptr, 0},
 };
+
+const iconv_t kNoConverter = reinterpret_cast<iconv_t>(-1);
 
 bool takesArgument(char letter) {
   const char* const found = std::strchr(kLetters + 2, letter);
@@ -167,8 +171,7 @@ class Parser {
       case kMaxCount:
         return setMaxCount(optarg);
       case kCharset:
-        m_line.charset = optarg;
-        return true;
+        return setCharset(optarg);
       case kProgress:
         return setProgress(optarg ? optarg : "always");
       case kTotals:
@@ -225,6 +228,14 @@ class Parser {
     return true;
   }
 
+  bool setCharset(const std::string& name) {
+    const iconv_t converter = name.empty() ? kNoConverter : iconv_open("UTF-8", name.c_str());
+    if (converter == kNoConverter) return wrong("unknown character set '" + name + "'");
+    iconv_close(converter);
+    m_line.charset = name;
+    return true;
+  }
+
   bool setMaxCount(const std::string& text) {
     const char* const end = text.data() + text.size();
     const auto result = std::from_chars(text.data(), end, m_line.maxCount);
@@ -266,11 +277,15 @@ class Parser {
     if (mode == Mode::Create && m_line.operands.empty()) return wrong("nothing to put into the archive");
     if (mode == Mode::Deb && m_line.operands.size() != 2)
       return wrong("--deb takes a control and a data tarball");
-    if (mode == Mode::Verify && !m_line.operands.empty()) return wrong("--verify takes no members");
+    const bool selects = !m_line.operands.empty() || !m_line.matches.empty() || !m_line.excludes.empty() ||
+                         m_line.maxCount > 0;
+    if (mode == Mode::Verify && selects) return wrong("--verify checks the whole archive");
+    if (!m_line.prefix.empty() && mode != Mode::Create) return wrong("--prefix goes with -c");
+    if (m_line.stripPaths && mode == Mode::Create) return wrong("--strip-paths goes with -x");
     if (m_line.toStdout && mode != Mode::Extract) return wrong("-O goes with -x");
     if (m_line.xml && mode != Mode::List) return wrong("--xml goes with -t");
-    const bool selects = !m_line.operands.empty() || !m_line.matches.empty() || !m_line.excludes.empty();
     if (m_line.xml && selects) return wrong("--xml lists the whole archive");
+    if (m_line.xml && m_line.totals) return wrong("--totals does not go with --xml");
     return true;
   }
 
@@ -281,6 +296,12 @@ class Parser {
 };
 
 }  // namespace
+
+std::string Operand::localPath() const {
+  const bool absolute = !path.empty() && path[0] == '/';
+  const bool isDirItself = path == "." && !dir.empty();
+  return isDirItself ? dir : absolute ? path : joinNames(dir, path);
+}
 
 bool parseCommandLine(int argc, char** argv, CommandLine& line, std::string& error) {
   return Parser(line, error).parse(withDashes(argc, argv));

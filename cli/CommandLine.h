@@ -13,6 +13,8 @@ enum class Mode { None, Create, Extract, List, Verify, Deb, Help, Version };
 struct Operand {
   std::string dir;   // from -C; empty: where the command was started
   std::string path;  // as given
+
+  std::string localPath() const;
 };
 
 struct CommandLine {

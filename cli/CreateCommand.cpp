@@ -8,9 +8,11 @@
 #include <set>
 
 #include "cli/ArchiveName.h"
+#include "cli/ArchiveOutput.h"
 #include "cli/Commands.h"
 #include "cli/Interrupt.h"
 #include "cli/Names.h"
+#include "cli/ReadArchive.h"
 #include "cli/Report.h"
 #include "cli/Selection.h"
 #include "tar/ClsTar.h"
@@ -118,9 +120,10 @@ std::string whyUnreadable(const char* path) {
 
 class CreateEvent : public morvane::ProgressEvent {
  public:
-  CreateEvent(Report& report, ProgressBar& bar, SourceNames& names, const CommandLine& line)
+  CreateEvent(Report& report, ProgressBar& bar, ClsTar& tar, SourceNames& names, const CommandLine& line)
       : m_report(report),
         m_bar(bar),
+        m_tar(tar),
         m_names(names),
         m_line(line),
         m_selection({}, line.matches, line.excludes) {}
@@ -132,32 +135,53 @@ class CreateEvent : public morvane::ProgressEvent {
   void onProgress(int parts, bool&) override { m_bar.show(parts); }
 
   void onTarEntry(const char* path, long long size, bool isDirectory, bool& skip) override {
-    m_name = m_names.nameOf(path);
-    skip = !m_selection.takes(m_name) || (m_line.maxCount > 0 && m_members >= m_line.maxCount);
+    settle();
+    const std::string name = m_names.nameOf(path);
+    skip = !m_selection.takes(name) || (m_line.maxCount > 0 && m_members >= m_line.maxCount);
     if (skip) return;
+    if (m_line.format == "ustar" && !fitsUstar(isDirectory ? name + "/" : name)) {
+      m_report.problem(path, "its name is too long for the ustar format");
+      skip = true;
+      return;
+    }
     if (size == 0 || isDirectory) nameWhatIsLost(path);
-    ++m_members;
-    m_bytes += size;
+    m_isBegun = true;
+    m_localPath = path;
+    m_size = isDirectory ? 0 : size;
     m_isDirectory = isDirectory;
   }
 
   void onInfo(const char* name, const char* value) override {
     const std::string_view what(name);
     if (what == "pathInTar") {
-      noteName(value);
+      m_name = value;
     } else if (what == "unreadable") {
+      if (m_localPath == value) m_isBegun = false;
       if (m_unreadable.insert(value).second) m_report.problem(value, whyUnreadable(value));
     } else if (what == "sizeChanged") {
       m_report.problem(value, "its size changed while it was archived");
     }
   }
 
- private:
-  void noteName(const std::string& name) {
-    if (name.find('\\') != std::string::npos) {
-      m_report.problem(name, "a back slash cannot be stored; it becomes a slash");
+  // What was begun is done. Call it after a run that came to its end.
+  void settle() {
+    if (!m_isBegun) return;
+    m_isBegun = false;
+    ++m_members;
+    m_bytes += m_size;
+    if (m_name.find('\\') != std::string::npos) {
+      m_report.problem(m_name, "a back slash cannot be stored; it becomes a slash");
     }
-    if (m_line.verbose) m_report.name(m_isDirectory && !endsWith(name, "/") ? name + "/" : name);
+    if (m_line.verbose) m_report.name(m_isDirectory && !endsWith(m_name, "/") ? m_name + "/" : m_name);
+  }
+
+ private:
+  bool fitsUstar(const std::string& name) const {
+    constexpr size_t kName = 100, kPrefix = 155, kAll = kPrefix + kName;
+    if (name.size() <= kName || name.size() > kAll) return true;  // even longer ones go into a record
+    morvane::LogNull unwanted;
+    XString last, prefix;
+    return m_tar.splitPathForTar(name, last, prefix, unwanted) && prefix.str().size() <= kPrefix + 1;
   }
 
   // Links and special files become ordinary members without data.
@@ -172,11 +196,14 @@ class CreateEvent : public morvane::ProgressEvent {
 
   Report& m_report;
   ProgressBar& m_bar;
+  ClsTar& m_tar;
   SourceNames& m_names;
   const CommandLine& m_line;
   Selection m_selection;
-  std::string m_name;
   std::set<std::string> m_unreadable;  // a directory is a member and the root of a tree
+  bool m_isBegun = false;              // the member that is being written:
+  std::string m_localPath, m_name;
+  long long m_size = 0;
   bool m_isDirectory = false;
   long long m_members = 0, m_bytes = 0;
 };
@@ -184,32 +211,35 @@ class CreateEvent : public morvane::ProgressEvent {
 class Sources {
  public:
   Sources(const CommandLine& line, Report& report, ClsTar& tar)
-      : m_line(line), m_report(report), m_tar(tar) {}
+      : m_line(line), m_report(report), m_tar(tar), m_selection({}, {}, line.excludes) {}
 
   // Hands the operands to the component. What is missing is named and left out.
   void add() {
+    m_prefix = nameOf(m_line.prefix);
     for (const Operand& operand : m_line.operands) addOperand(operand);
   }
   SourceNames& names() { return m_names; }
 
  private:
-  void addOperand(const Operand& operand) {
-    const bool absolute = !operand.path.empty() && operand.path[0] == '/';
-    const bool isDirItself = operand.path == "." && !operand.dir.empty();
-    const std::string local = absolute      ? operand.path
-                              : isDirItself ? operand.dir
-                                            : joinNames(operand.dir, operand.path);
-    struct stat status;
-    if (operand.path.empty() || lstat(local.c_str(), &status) != 0) {
-      m_report.problem(operand.path, operand.path.empty() ? "an empty path" : std::strerror(errno));
-      return;
-    }
-    const ArchiveName stored = archiveNameOf(operand.path, m_line.keepNames);
+  // What a path is called in the archive. What is left off is said, once for as long as it is the same.
+  std::string nameOf(const std::string& path) {
+    const ArchiveName stored = archiveNameOf(path, m_line.keepNames);
     if (!stored.removed.empty() && stored.removed != m_lastRemoved) {
-      m_report.notice(operand.path, "leading '" + shown(stored.removed) + "' is left off");
+      m_report.notice(path, "leading '" + shown(stored.removed) + "' is left off");
       m_lastRemoved = stored.removed;
     }
-    const std::string name = joinNames(m_line.prefix, stored.name);
+    return stored.name;
+  }
+
+  void addOperand(const Operand& operand) {
+    const std::string local = operand.localPath();
+    struct stat status;
+    if (operand.path.empty() || lstat(local.c_str(), &status) != 0) {
+      m_report.problem(local, operand.path.empty() ? "an empty path" : std::strerror(errno));
+      return;
+    }
+    const std::string name = joinNames(m_prefix, nameOf(operand.path));
+    if (m_selection.excludes(name)) return;
     if (local.find(kEscape) != std::string::npos || name.find(kEscape) != std::string::npos) {
       m_report.problem(operand.path, "a name with an escape character cannot be archived");
       return;
@@ -237,7 +267,9 @@ class Sources {
   const CommandLine& m_line;
   Report& m_report;
   ClsTar& m_tar;
+  const Selection m_selection;
   SourceNames m_names;
+  std::string m_prefix;
   std::string m_lastRemoved;
 };
 
@@ -252,8 +284,7 @@ bool write(ClsTar& tar, const CommandLine& line, morvane::ProgressEvent& event) 
     const XString path(line.archive);
     return writeTo(path);
   }
-  const std::unique_ptr<morvane::OutputFile> out(
-      morvane::OutputFile::adopt(morvane::OsFile(dup(STDOUT_FILENO)), "standard output"));
+  const std::unique_ptr<morvane::OutputFile> out = standardOutput();
   const bool written = writeTo(*out);
   // A closed pipe or a full disk may show as late as here.
   return out->closeHandle() && written;
@@ -264,10 +295,7 @@ bool write(ClsTar& tar, const CommandLine& line, morvane::ProgressEvent& event) 
 int createArchive(const CommandLine& line) {
   ProgressBar bar(line.progress);
   Report report(bar, line.usesStandardStream());
-  if (line.usesStandardStream() && isatty(STDOUT_FILENO)) {
-    report.problem("standard output", "an archive is not written to a terminal");
-    return report.finish();
-  }
+  if (!isNoTerminal(line, report)) return report.finish();
   ClsTar tar;
   Sources sources(line, report, tar);
   sources.add();
@@ -275,22 +303,17 @@ int createArchive(const CommandLine& line) {
   tar.put_PercentScale(ProgressBar::kScale);
   tar.put_UncommonOptions(
       (std::string(kWords) + (bar.mayBeShown() ? "" : ",NoTotal") + line.options).c_str());
-  CreateEvent event(report, bar, sources.names(), line);
+  CreateEvent event(report, bar, tar, sources.names(), line);
   const bool ok = write(tar, line, event);
   bar.clear();
-  if (line.printLog) {
-    XString log;
-    tar.get_LogText(log);
-    std::fputs(log.getUtf8(), stderr);
-  }
+  if (line.printLog) report.log(tar);
   if (isInterrupted()) {
     report.notice(line.archive, "interrupted; the archive is incomplete");
     return interruptStatus();
   }
+  if (cameToTheEnd(tar, ok)) event.settle();
   if (!ok) report.failure(tar, line.archive);
-  if (line.totals) {
-    std::fprintf(stderr, "mvtar: %lld members, %lld bytes\n", event.members(), event.bytes());
-  }
+  if (line.totals) report.totals(event.members(), event.bytes());
   return report.finish();
 }
 

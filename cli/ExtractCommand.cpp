@@ -1,11 +1,11 @@
 // mvtar -x
-#include <unistd.h>
-
-#include <cstdio>
 #include <cstring>
+#include <filesystem>
+#include <map>
 #include <memory>
-#include <set>
+#include <system_error>
 
+#include "cli/ArchiveOutput.h"
 #include "cli/Commands.h"
 #include "cli/MemberEvent.h"
 #include "cli/ReadArchive.h"
@@ -16,6 +16,14 @@ namespace {
 
 using morvane::ClsTar;
 using morvane::TarMemberInfo;
+
+constexpr char kSparse[] = "a sparse file is kept as its stored pieces";
+
+// Where GNU tar and bsdtar put the stored pieces in a pax archive.
+bool isPaxSparse(const char* path) {
+  constexpr char kPart[] = "/GNUSparseFile.";
+  return std::strstr(path, kPart) || std::strncmp(path, kPart + 1, std::strlen(kPart + 1)) == 0;
+}
 
 const char* lostKind(const TarMemberInfo& member) {
   if (member.isDirectory) return nullptr;
@@ -30,9 +38,9 @@ const char* lostKind(const TarMemberInfo& member) {
     case '6':
       return "a FIFO is kept as an ordinary file";
     case 'S':
-      return "a sparse file is kept as its stored pieces";
+      return kSparse;
     default:
-      return nullptr;
+      return isPaxSparse(member.path) ? kSparse : nullptr;
   }
 }
 
@@ -44,20 +52,20 @@ class ExtractEvent : public MemberEvent {
     // Straight into the target there is no place for a directory.
     skip = !isSelected() || (isDirectory && m_line.stripPaths);
     if (skip) return;
-    count(isDirectory ? 0 : size);
     nameWhatChanges();
-    if (m_line.verbose) m_report.name(m_path);
+    begin(m_path, isDirectory ? 0 : size);
   }
 
   void onInfo(const char* name, const char* value) override {
-    if (std::strcmp(name, "refused") == 0) m_report.problem(value, "refused: its path leaves the target");
+    if (std::strcmp(name, "refused") != 0) return;
+    drop();
+    m_report.problem(value, "refused: its path leaves the target");
   }
 
  private:
   void onSelected(const TarMemberInfo& member) override {
     m_path = member.path;
     m_lost = lostKind(member);
-    m_lastPart = m_path.substr(m_path.find_last_of("/\\") + 1);
   }
 
   void nameWhatChanges() {
@@ -69,15 +77,20 @@ class ExtractEvent : public MemberEvent {
       m_slashesNamed = true;
       m_report.notice(m_path, "leading slashes are left off");
     }
-    if (m_line.stripPaths && !m_lastParts.insert(m_lastPart).second) {
-      m_report.problem(m_path, "it replaces another member of the same last name");
+    if (m_line.stripPaths) {
+      const std::string lastPart = m_path.substr(m_path.find_last_of("/\\") + 1);
+      const auto [found, isNew] = m_lastParts.emplace(lastPart, m_path);
+      if (!isNew && found->second != m_path) {
+        m_report.problem(m_path, "it replaces another member of the same last name");
+      }
+      found->second = m_path;
     }
   }
 
-  std::string m_path, m_lastPart;
+  std::string m_path;
   const char* m_lost = nullptr;
   bool m_slashesNamed = false;
-  std::set<std::string> m_lastParts;
+  std::map<std::string, std::string> m_lastParts;  // and the paths they came from
 };
 
 class OutputEvent : public MemberEvent {
@@ -87,19 +100,27 @@ class OutputEvent : public MemberEvent {
   void onTarEntry(const char*, long long size, bool, bool& skip) override {
     skip = !isSelected();
     if (skip) return;
-    m_path = m_selected;
-    count(size);
-    if (m_line.verbose) m_report.name(m_path);
+    if (m_lost) m_report.problem(m_path, m_lost);
+    begin(m_path, size);
   }
 
  private:
-  void onSelected(const TarMemberInfo& member) override { m_selected = member.path; }
+  void onSelected(const TarMemberInfo& member) override {
+    m_path = member.path;
+    m_lost = lostKind(member);
+  }
 
-  std::string m_selected, m_path;
+  std::string m_path;
+  const char* m_lost = nullptr;
 };
 
-void printTotals(const CommandLine& line, const MemberEvent& event) {
-  if (line.totals) std::fprintf(stderr, "mvtar: %lld members, %lld bytes\n", event.members(), event.bytes());
+// The target is made even if nothing is put into it. A path too long for the system is left to the component.
+bool makeTarget(const CommandLine& line, Report& report) {
+  std::error_code error;
+  if (!line.targetDir.empty()) std::filesystem::create_directories(line.targetDir, error);
+  if (!error || error == std::errc::filename_too_long) return true;
+  report.problem(line.targetDir, error.message());
+  return false;
 }
 
 }  // namespace
@@ -109,13 +130,16 @@ int extractArchive(const CommandLine& line) {
   Report report(bar, false);
   ClsTar tar;
   ArchiveReader archive;
-  if (!archive.open(line, report)) return finish(tar, line, report, true);
+  if (!archive.open(line, report) || !makeTarget(line, report)) return finish(tar, line, report, true);
   prepare(tar, line);
   ExtractEvent event(report, bar, line);
   const bool ok = archive.read(tar, event) || event.enoughSeen();
   bar.clear();
-  if (ok || report.anyProblem()) event.nameUnfound();
-  printTotals(line, event);
+  if (cameToTheEnd(tar, ok)) {
+    event.settle();
+    event.nameUnfound();
+  }
+  if (line.totals) report.totals(event.members(), event.bytes());
   return finish(tar, line, report, ok);
 }
 
@@ -126,14 +150,16 @@ int extractToStandardOutput(const CommandLine& line) {
   ArchiveReader archive;
   if (!archive.open(line, report)) return finish(tar, line, report, true);
   prepare(tar, line);
-  const std::unique_ptr<morvane::OutputFile> out(
-      morvane::OutputFile::adopt(morvane::OsFile(dup(STDOUT_FILENO)), "standard output"));
+  const std::unique_ptr<morvane::OutputFile> out = standardOutput();
   OutputEvent event(report, bar, line);
   bool ok = tar.UntarMemberToOutput(archive.source(), *out, &event);
   ok = out->closeHandle() && ok;
   bar.clear();
-  printTotals(line, event);
-  return finish(tar, line, report, ok);
+  if (ok) event.settle();
+  const bool none = !ok && failureReason(tar) == "No such member.";
+  if (none) event.nameUnfound();
+  if (line.totals) report.totals(event.members(), event.bytes());
+  return finish(tar, line, report, ok || (none && report.anyProblem()));
 }
 
 }  // namespace mvtar

@@ -1,5 +1,7 @@
 #include "cli/Interrupt.h"
 
+#include <unistd.h>
+
 #include <csignal>
 #include <ctime>
 #include <initializer_list>
@@ -24,11 +26,29 @@ void onInterrupt(int signal) {
 
 void onKnock(int) {}
 
+std::string g_lastLine;
+
+// Only what may be called from a handler.
+void endAtOnce(int signal) {
+  const ssize_t written = write(STDERR_FILENO, g_lastLine.data(), g_lastLine.size());
+  (void)written;
+  _exit(128 + signal);
+}
+
 void handle(int signal, void (*handler)(int)) {
   struct sigaction action {};
   action.sa_handler = handler;  // without SA_RESTART: waits are broken
   sigemptyset(&action.sa_mask);
   sigaction(signal, &action, nullptr);
+}
+
+void handleInterrupts(void (*handler)(int)) {
+  for (const int signal : {SIGINT, SIGTERM}) {
+    struct sigaction current {};
+    // One that is ignored, as for a command in the background, stays ignored.
+    if (sigaction(signal, nullptr, &current) == 0 && current.sa_handler == SIG_IGN) continue;
+    handle(signal, handler);
+  }
 }
 
 }  // namespace
@@ -37,12 +57,12 @@ void catchInterrupts() {
   handle(SIGALRM, onKnock);
   handle(SIGPIPE, SIG_IGN);  // a closed pipe is a failed write
   g_hasTimer = timer_create(CLOCK_MONOTONIC, nullptr, &g_timer) == 0;
-  for (const int signal : {SIGINT, SIGTERM}) {
-    struct sigaction current {};
-    // One that is ignored, as for a command in the background, stays ignored.
-    if (sigaction(signal, nullptr, &current) == 0 && current.sa_handler == SIG_IGN) continue;
-    handle(signal, onInterrupt);
-  }
+  handleInterrupts(onInterrupt);
+}
+
+void endOnInterrupt(const std::string& line) {
+  g_lastLine = line + "\n";
+  handleInterrupts(endAtOnce);
 }
 
 bool isInterrupted() { return g_signal != 0; }

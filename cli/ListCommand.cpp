@@ -92,14 +92,7 @@ class ListEvent : public MemberEvent {
 
 bool printXml(ClsTar& tar, ArchiveReader& archive, MemberEvent& event) {
   morvane::XString xml;
-  bool ok;
-  if (archive.isPlain()) {
-    ok = tar.ListXml(archive.source(), xml, &event);
-  } else {
-    tar.put_CaptureXmlListing(true);
-    ok = archive.read(tar, event);
-    tar.get_XmlListing(xml);
-  }
+  const bool ok = archive.listXml(tar, xml, event);
   std::fwrite(xml.getUtf8(), 1, xml.getSizeUtf8(), stdout);
   return ok;
 }
@@ -129,7 +122,7 @@ int listArchive(const CommandLine& line) {
   const bool ok = (line.xml ? printXml(tar, archive, event) : archive.read(tar, event)) || event.enoughSeen();
   bar.clear();
   if (ok) event.nameUnfound();
-  if (line.totals) std::fprintf(stderr, "mvtar: %lld members, %lld bytes\n", event.members(), event.bytes());
+  if (line.totals) report.totals(event.members(), event.bytes());
   return finish(tar, line, report, ok);
 }
 
@@ -144,6 +137,7 @@ int verifyArchive(const CommandLine& line) {
   SilentEvent event(report, bar, line);
   const bool ok = archive.read(tar, event);
   bar.clear();
+  if (line.totals) report.totals(event.members(), event.bytes());
   if (ok) report.line(shown(line.archive) + ": whole, " + std::to_string(event.members()) + " members");
   return finish(tar, line, report, ok);
 }

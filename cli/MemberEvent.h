@@ -41,7 +41,16 @@ class MemberEvent : public morvane::ProgressEvent {
   void onAbortCheck(bool& abort) override { abort = m_enoughSeen || isInterrupted(); }
   void onProgress(int parts, bool&) override { m_bar.show(parts); }
 
+  // What was begun is done: it counts, and is named with -v. Call it after a run that came to its end.
+  void settle() {
+    if (!m_isBegun) return;
+    m_isBegun = false;
+    count(m_begunBytes);
+    if (m_line.verbose) m_report.name(m_begunPath);
+  }
+
   void onTarHeader(const morvane::TarMemberInfo& member) override {
+    settle();
     m_enoughSeen = m_line.maxCount > 0 && m_members >= m_line.maxCount;
     m_isSelected = !m_enoughSeen && m_selection.takes(member.path);
     if (m_isSelected) onSelected(member);
@@ -53,6 +62,13 @@ class MemberEvent : public morvane::ProgressEvent {
     ++m_members;
     m_bytes += bytes;
   }
+  // A member's data are next; what becomes of them shows later.
+  void begin(const std::string& path, long long bytes) {
+    m_isBegun = true;
+    m_begunPath = path;
+    m_begunBytes = bytes;
+  }
+  void drop() { m_isBegun = false; }
   bool isSelected() const { return m_isSelected; }
 
   Report& m_report;
@@ -63,6 +79,9 @@ class MemberEvent : public morvane::ProgressEvent {
   ProgressBar& m_bar;
   bool m_isSelected = false;
   bool m_enoughSeen = false;
+  bool m_isBegun = false;
+  std::string m_begunPath;
+  long long m_begunBytes = 0;
   long long m_members = 0, m_bytes = 0;
 };
 

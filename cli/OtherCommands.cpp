@@ -1,17 +1,36 @@
 // mvtar --deb, and the version.
+#include "cli/ArchiveName.h"
+#include "cli/ArchiveOutput.h"
 #include "cli/Commands.h"
+#include "cli/Interrupt.h"
+#include "cli/Names.h"
 #include "cli/ReadArchive.h"
 #include "cli/Version.h"
 #include "runtime/component/Version.h"
 
 namespace mvtar {
 
+namespace {
+
+using morvane::XString;
+
+bool assemble(morvane::ClsTar& tar, const CommandLine& line) {
+  const XString control(line.operands[0].localPath()), data(line.operands[1].localPath());
+  if (!line.usesStandardStream()) return tar.CreateDeb(control, data, XString(line.archive));
+  const std::unique_ptr<morvane::OutputFile> out = standardOutput();
+  const bool written = tar.CreateDeb(control, data, *out);
+  return out->closeHandle() && written;
+}
+
+}  // namespace
+
 int createDeb(const CommandLine& line) {
   ProgressBar bar(ProgressBar::When::Never);
   Report report(bar, line.usesStandardStream());
+  if (!isNoTerminal(line, report)) return report.finish();
+  endOnInterrupt("mvtar: " + shown(line.archive) + ": interrupted; the package is incomplete");
   morvane::ClsTar tar;
-  const morvane::XString control(line.operands[0].path), data(line.operands[1].path);
-  const bool ok = tar.CreateDeb(control, data, morvane::XString(line.archive));
+  const bool ok = assemble(tar, line);
   return finish(tar, line, report, ok);
 }
 

@@ -61,9 +61,10 @@ bool ArchiveReader::openPath(const std::string& path, Report& report) {
     fd = ::open(path.c_str(), O_RDONLY | O_NOCTTY | O_CLOEXEC);
   } while (fd < 0 && errno == EINTR && !isInterrupted());
   if (fd < 0 && errno == ENAMETOOLONG) return m_source.openDataSourceFile(path, unwanted);
-  const int error = errno;
+  // A directory is what opens and is refused all the same.
+  const int error = fd < 0 ? errno : EISDIR;
   if (fd >= 0 && m_source.adopt(OsFile(fd), path.c_str(), unwanted)) return true;
-  if (!isInterrupted()) report.problem(path, std::strerror(fd < 0 ? error : errno));
+  if (!isInterrupted()) report.problem(path, std::strerror(error));
   return false;
 }
 
@@ -81,7 +82,34 @@ bool ArchiveReader::read(ClsTar& tar, morvane::ProgressEvent& event) {
     case ArchiveKind::Unknown:
       break;
   }
-  return tar.get_SuppressOutput() ? tar.VerifyTar(m_source, &event) : tar.Untar(m_source, &event) >= 0;
+  const bool ok =
+      tar.get_SuppressOutput() ? tar.VerifyTar(m_source, &event) : tar.Untar(m_source, &event) >= 0;
+  if (ok) takeRestOfRecord();
+  return ok;
+}
+
+bool ArchiveReader::listXml(ClsTar& tar, morvane::XString& xml, morvane::ProgressEvent& event) {
+  if (isPlain()) {
+    const bool ok = tar.ListXml(m_source, xml, &event);
+    if (ok) takeRestOfRecord();
+    return ok;
+  }
+  tar.put_CaptureXmlListing(true);
+  const bool ok = read(tar, event);
+  tar.get_XmlListing(xml);
+  return ok;
+}
+
+// Who writes an archive into a pipe writes whole records, and would be ended by a reader that left at the end
+// mark.
+void ArchiveReader::takeRestOfRecord() {
+  constexpr long long kRecord = 20 * 512;
+  if (m_source.ftell64() >= 0) return;
+  const long long rest = (kRecord - m_source.bytesPassed() % kRecord) % kRecord;
+  InterruptEvent event;
+  morvane::ProgressMonitor monitor(event, 0, 0, 0);
+  morvane::LogNull unwanted;
+  (void)m_source.skipByReading(rest, &monitor, unwanted);
 }
 
 void prepare(ClsTar& tar, const CommandLine& line) {
@@ -93,14 +121,18 @@ void prepare(ClsTar& tar, const CommandLine& line) {
   if (!line.targetDir.empty()) tar.put_UntarFromDir(line.targetDir);
 }
 
+std::string failureReason(ClsTar& tar) {
+  morvane::XString path, reason;
+  tar.get_FailureCause(path, reason);
+  return reason.str();
+}
+
+bool cameToTheEnd(ClsTar& tar, bool ok) { return ok || (failureReason(tar).empty() && !isInterrupted()); }
+
 int finish(ClsTar& tar, const CommandLine& line, Report& report, bool ok) {
-  if (line.printLog) {
-    morvane::XString log;
-    tar.get_LogText(log);
-    std::fputs(log.getUtf8(), stderr);
-  }
+  if (line.printLog) report.log(tar);
   if (isInterrupted()) {
-    report.notice(line.archive, "interrupted");
+    report.notice(line.archive, "interrupted; the archive was not read to its end");
     std::fflush(stdout);
     return interruptStatus();
   }

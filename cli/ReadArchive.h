@@ -21,11 +21,14 @@ class ArchiveReader {
   // Extracts (or walks, with SuppressOutput), by the kind of archive that the content shows. A plain archive
   // is walked by VerifyTar when nothing is to be extracted.
   bool read(morvane::ClsTar& tar, morvane::ProgressEvent& event);
-  bool isPlain() const;
+  // The XML listing of the whole archive.
+  bool listXml(morvane::ClsTar& tar, morvane::XString& xml, morvane::ProgressEvent& event);
   morvane::_mvFileDataSource& source() { return m_source; }
 
  private:
   bool openPath(const std::string& path, Report& report);
+  bool isPlain() const;
+  void takeRestOfRecord();
 
   morvane::_mvFileDataSource m_source;
   morvane::ArchiveKind m_kind = morvane::ArchiveKind::Unknown;
@@ -35,5 +38,10 @@ class ArchiveReader {
 // afterwards the log, the failure and the interrupt said.
 void prepare(morvane::ClsTar& tar, const CommandLine& line);
 int finish(morvane::ClsTar& tar, const CommandLine& line, Report& report, bool ok);
+// Why the component's last call failed; empty when it was nothing that ended the call.
+std::string failureReason(morvane::ClsTar& tar);
+// Whether a reading call that returned `ok` got to the archive's end: refused members alone are no reason to
+// think it did not.
+bool cameToTheEnd(morvane::ClsTar& tar, bool ok);
 
 }  // namespace mvtar

@@ -33,6 +33,18 @@ void Report::line(const std::string& text) {
   std::fprintf(m_outputCarriesData ? stderr : stdout, "%s\n", text.c_str());
 }
 
+void Report::totals(long long members, long long bytes) {
+  m_bar.clear();
+  std::fprintf(stderr, "mvtar: %lld members, %lld bytes\n", members, bytes);
+}
+
+void Report::log(morvane::ClsTar& tar) {
+  morvane::XString text;
+  tar.get_LogText(text);
+  m_bar.clear();
+  std::fputs(text.getUtf8(), stderr);
+}
+
 int Report::finish() {
   m_bar.clear();
   errno = 0;

@@ -31,6 +31,10 @@ class Report {
   void name(std::string_view name);
   // A finished line in the same place.
   void line(const std::string& text);
+  // What --totals asks for.
+  void totals(long long members, long long bytes);
+  // What --log asks for.
+  void log(morvane::ClsTar& tar);
 
   // Says once more that something is missing, and tells the status. Call it last.
   int finish();

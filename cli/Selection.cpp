@@ -6,13 +6,13 @@ namespace mvtar {
 
 namespace {
 
-// How a path is compared: "./a/" is a.
+// How a path is compared: "./a/" is a, and "./" is ".".
 std::string_view comparable(std::string_view path) {
-  while (path.size() > 1 && path.substr(0, 2) == "./") {
+  while (path.size() > 1 && path.back() == '/') path.remove_suffix(1);
+  while (path.size() > 2 && path.substr(0, 2) == "./") {
     path.remove_prefix(2);
     while (path.size() > 1 && path.front() == '/') path.remove_prefix(1);
   }
-  while (path.size() > 1 && path.back() == '/') path.remove_suffix(1);
   return path;
 }
 
@@ -22,42 +22,43 @@ bool matchesWhole(std::string_view text, const std::string& pattern) {
   return morvane::XString(std::string(text)).matchesUtf8(pattern.c_str(), true);
 }
 
-// The path or a directory above it matches; a pattern without "/" is also tried on every single component.
-bool matchesPathOrParent(std::string_view path, const std::string& pattern) {
-  for (size_t end = path.size(); end != std::string_view::npos && end > 0; end = path.rfind('/', end - 1)) {
-    if (matchesWhole(path.substr(0, end), pattern)) return true;
-    if (end == 0) break;
+bool isBelow(std::string_view path, const std::string& dir) {
+  return !dir.empty() && path.size() > dir.size() && path.substr(0, dir.size()) == dir &&
+         (path[dir.size()] == '/' || dir.back() == '/');
+}
+
+}  // namespace
+
+std::vector<Selection::Pattern> Selection::patternsOf(const std::vector<std::string>& given) {
+  std::vector<Pattern> patterns;
+  for (const std::string& text : given) {
+    patterns.push_back({std::string(comparable(text)), text.find('/') != std::string::npos});
   }
-  if (pattern.find('/') != std::string::npos) return false;
-  for (size_t start = 0; start <= path.size();) {
+  return patterns;
+}
+
+// The path or a directory above it matches, or a single component does.
+bool Selection::matches(std::string_view path, const Pattern& pattern) {
+  for (size_t end = path.size(); end != std::string_view::npos && end > 0; end = path.rfind('/', end - 1)) {
+    if (matchesWhole(path.substr(0, end), pattern.text)) return true;
+  }
+  if (pattern.isForWholePath) return false;
+  for (size_t start = 0; start < path.size();) {
     const size_t end = std::min(path.find('/', start), path.size());
-    if (end > start && matchesWhole(path.substr(start, end - start), pattern)) return true;
+    if (end > start && matchesWhole(path.substr(start, end - start), pattern.text)) return true;
     start = end + 1;
   }
   return false;
 }
 
-bool isBelow(std::string_view path, const std::string& dir) {
-  return path.size() > dir.size() && path.substr(0, dir.size()) == dir &&
-         (path[dir.size()] == '/' || dir.back() == '/');
-}
-
-std::vector<std::string> comparablePatterns(const std::vector<std::string>& patterns) {
-  std::vector<std::string> result;
-  for (const std::string& pattern : patterns) result.emplace_back(comparable(pattern));
-  return result;
-}
-
-bool anyMatches(std::string_view path, const std::vector<std::string>& patterns) {
+bool Selection::anyMatches(std::string_view path, const std::vector<Pattern>& patterns) {
   return std::any_of(patterns.begin(), patterns.end(),
-                     [path](const std::string& pattern) { return matchesPathOrParent(path, pattern); });
+                     [path](const Pattern& pattern) { return matches(path, pattern); });
 }
-
-}  // namespace
 
 Selection::Selection(const std::vector<std::string>& members, const std::vector<std::string>& matches,
                      const std::vector<std::string>& excludes)
-    : m_matches(comparablePatterns(matches)), m_excludes(comparablePatterns(excludes)) {
+    : m_matches(patternsOf(matches)), m_excludes(patternsOf(excludes)) {
   for (const std::string& member : members) {
     m_members.push_back({member, std::string(comparable(member)), isPattern(member), false});
   }
@@ -72,9 +73,10 @@ bool Selection::takes(std::string_view storedPath) {
     member.found = member.found || hit;
     named = named || hit;
   }
-  if (!named) return false;
-  return (m_matches.empty() || anyMatches(path, m_matches)) && !anyMatches(path, m_excludes);
+  return named && (m_matches.empty() || anyMatches(path, m_matches)) && !anyMatches(path, m_excludes);
 }
+
+bool Selection::excludes(std::string_view path) const { return anyMatches(comparable(path), m_excludes); }
 
 std::vector<std::string> Selection::unfound() const {
   std::vector<std::string> names;

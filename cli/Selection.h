@@ -16,6 +16,8 @@ class Selection {
 
   // The path as it is in the archive. Notes which MEMBERs have been found.
   bool takes(std::string_view path);
+  // Whether --exclude leaves the path out, and with it all that may be below it.
+  bool excludes(std::string_view path) const;
   // MEMBERs that matched nothing so far.
   std::vector<std::string> unfound() const;
 
@@ -26,10 +28,18 @@ class Selection {
     bool isPattern;
     bool found;
   };
+  struct Pattern {
+    std::string text;     // likewise
+    bool isForWholePath;  // it has a "/", and is not tried on single components
+  };
+
+  static std::vector<Pattern> patternsOf(const std::vector<std::string>& given);
+  static bool matches(std::string_view path, const Pattern& pattern);
+  static bool anyMatches(std::string_view path, const std::vector<Pattern>& patterns);
 
   std::vector<Member> m_members;
-  std::vector<std::string> m_matches;
-  std::vector<std::string> m_excludes;
+  std::vector<Pattern> m_matches;
+  std::vector<Pattern> m_excludes;
 };
 
 }  // namespace mvtar

@@ -1,13 +1,24 @@
 // mvtar: the component's command-line front.
+#include <fcntl.h>
+
 #include <cstdio>
 #include <string>
 
 #include "cli/Commands.h"
 #include "cli/Interrupt.h"
+#include "cli/Names.h"
 #include "cli/Report.h"
 #include "cli/Version.h"
 
 namespace {
+
+// A standard stream that was closed would come back as the archive, and messages would go into it. Opened the
+// wrong way round, it stays one that cannot be used.
+void occupyStandardStreams() {
+  for (const int fd : {0, 1, 2}) {
+    if (fcntl(fd, F_GETFD) < 0) open("/dev/null", fd == 0 ? O_WRONLY : O_RDONLY);
+  }
+}
 
 int runCommand(const mvtar::CommandLine& line) {
   using mvtar::Mode;
@@ -37,10 +48,11 @@ int runCommand(const mvtar::CommandLine& line) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  occupyStandardStreams();
   mvtar::CommandLine line;
   std::string error;
   if (!mvtar::parseCommandLine(argc, argv, line, error)) {
-    std::fprintf(stderr, "mvtar: %s\nTry 'mvtar --help'.\n", error.c_str());
+    std::fprintf(stderr, "mvtar: %s\nTry 'mvtar --help'.\n", mvtar::shown(error).c_str());
     return mvtar::kWrongUsage;
   }
   mvtar::catchInterrupts();

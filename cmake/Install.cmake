@@ -1,4 +1,5 @@
-# Installs the library, its headers, the CMake package and the pkg-config file; components Runtime and Development.
+# Installs the library, its headers, the CMake package, the pkg-config file, the documents and what belongs to mvtar;
+# components Runtime and Development.
 include(CMakePackageConfigHelpers)
 
 install(TARGETS morvane_tar EXPORT morvane_tarTargets
@@ -35,6 +36,41 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/morvane_tarConfig.cmake
   DESTINATION ${morvane_package_dir} COMPONENT Development)
 install(EXPORT morvane_tarTargets NAMESPACE morvane:: DESTINATION ${morvane_package_dir} COMPONENT Development)
 
+# Paths in the pkg-config file count from its own place, so that an installation may be staged and moved.
+file(RELATIVE_PATH morvane_pc_to_prefix ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+string(REGEX REPLACE "/$" "" morvane_pc_to_prefix ${morvane_pc_to_prefix})
+foreach(dir LIBDIR INCLUDEDIR)
+  set(morvane_pc_${dir} ${CMAKE_INSTALL_${dir}})
+  if(NOT IS_ABSOLUTE ${CMAKE_INSTALL_${dir}})
+    string(PREPEND morvane_pc_${dir} "\${prefix}/")
+  endif()
+endforeach()
+set(morvane_pc_isal "")
+if(MORVANE_HAS_ISAL)
+  set(morvane_pc_isal " -lisal")
+endif()
 configure_file(cmake/morvane_tar.pc.in morvane_tar.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/morvane_tar.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT Development)
+
+# README.md and the pages in docs/ refer to each other by relative paths.
+set(morvane_doc_dir ${CMAKE_INSTALL_DATAROOTDIR}/doc/morvane_tar)
+install(FILES README.md CHANGELOG.md SECURITY.md DESTINATION ${morvane_doc_dir} COMPONENT Development)
+install(DIRECTORY docs DESTINATION ${morvane_doc_dir} COMPONENT Development
+  FILES_MATCHING PATTERN *.md PATTERN *.xsd PATTERN *.svg)
+foreach(component Runtime Development)  # either may be all that somebody installs
+  install(FILES LICENSE DESTINATION ${morvane_doc_dir} COMPONENT ${component})
+endforeach()
+
+if(TARGET mvtar)
+  # The command finds the shared library of its own installation, wherever that is moved to.
+  file(RELATIVE_PATH morvane_bin_to_lib ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
+  if(BUILD_SHARED_LIBS)
+    set_target_properties(mvtar PROPERTIES INSTALL_RPATH "$ORIGIN/${morvane_bin_to_lib}")
+  endif()
+  install(FILES docs/mvtar.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT Runtime)
+  install(FILES cli/completions/mvtar.bash RENAME mvtar
+    DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions COMPONENT Runtime)
+  install(FILES cli/completions/_mvtar
+    DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/zsh/site-functions COMPONENT Runtime)
+endif()

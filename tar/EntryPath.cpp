@@ -1,15 +1,13 @@
 #include "tar/EntryPath.h"
 
-#include "runtime/text/StringBuffer.h"
+#include <algorithm>
 
 namespace morvane {
 
-void applyEntryPathRules(StringBuffer& path, bool discardPaths, bool noAbsolutePaths) {
-  path.replaceChar('\\', '/');
-  if (discardPaths) path.stripDirectory();
-  if (!noAbsolutePaths) return;
-  const size_t firstOther = path.str().find_first_not_of('/');
-  path.removeFront(firstOther == std::string::npos ? path.getSize() : static_cast<unsigned>(firstOther));
+void applyEntryPathRules(std::string& path, bool discardPaths, bool noAbsolutePaths) {
+  std::replace(path.begin(), path.end(), '\\', '/');
+  if (discardPaths) path.erase(0, path.rfind('/') + 1);
+  if (noAbsolutePaths) path.erase(0, path.find_first_not_of('/'));
 }
 
 }  // namespace morvane

@@ -1,12 +1,12 @@
 // From a member's stored path to where it is extracted.
 #pragma once
 
-namespace morvane {
+#include <string>
 
-class StringBuffer;
+namespace morvane {
 
 // Back slashes become "/"; with `discardPaths` only the part after the last "/" stays; with `noAbsolutePaths`
 // every leading "/" goes. Nothing else changes: ".." parts stay.
-void applyEntryPathRules(StringBuffer& path, bool discardPaths, bool noAbsolutePaths);
+void applyEntryPathRules(std::string& path, bool discardPaths, bool noAbsolutePaths);
 
 }  // namespace morvane

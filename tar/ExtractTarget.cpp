@@ -3,6 +3,7 @@
 #include "runtime/fs/DirAutoCreate.h"
 #include "runtime/log/LogNull.h"
 #include "runtime/progress/ProgressMonitor.h"
+#include "runtime/text/StringBuffer.h"
 
 namespace morvane {
 
@@ -10,6 +11,15 @@ namespace {
 
 // The system would take the name to end there.
 bool hasNul(const MemberPath& path) { return path.entryPath().str().find('\0') != std::string::npos; }
+
+// Deeper than any tree that is in use; hostile archives go on from here.
+bool isTooLong(const MemberPath& path, LogBase& log) {
+  constexpr unsigned kLongestPath = 2 << 20;
+  if (path.entryPath().getSizeUtf8() <= kLongestPath) return false;
+  log.LogError("The member's path is too long to be created.");
+  log.LogDataInt64("pathLength", path.entryPath().getSizeUtf8());
+  return true;
+}
 
 }  // namespace
 
@@ -51,34 +61,40 @@ ExtractTarget::Outcome ExtractTarget::outcomeOf(ConfinedDir::Result result) {
 }
 
 ExtractTarget::Outcome ExtractTarget::createFile(const MemberPath& path, const ReadSettings& settings,
-                                                 LogBase& directoryLog, LogBase& log,
+                                                 const char* creatingTag, LogBase& directoryLog, LogBase& log,
                                                  std::unique_ptr<OutputFile>& file) {
   if (hasNul(path)) return Outcome::Refused;
+  if (isTooLong(path, log)) return Outcome::NotCreated;
   const char* const outputPath = path.outputPath().getUtf8();
   if (settings.options.confine != Confine::Off) {
     if (!openConfined(settings, log)) return Outcome::NoParent;
+    if (creatingTag && log.verbose()) log.LogDataX(creatingTag, path.outputPath());
     OsFile created;
     const Outcome outcome = outcomeOf(m_confined.createFile(path.entryPath().str(), created, log));
     if (outcome == Outcome::Ok) file.reset(OutputFile::adopt(std::move(created), outputPath));
     return outcome == Outcome::Ok && !file ? Outcome::NotCreated : outcome;
   }
   // Most parents are there: look for a missing one only when the file cannot be made.
+  const bool tells = creatingTag && log.verbose();
   LogNull firstTry;
-  file.reset(OutputFile::createFileUtf8(outputPath, firstTry));
+  if (!tells) file.reset(OutputFile::createFileUtf8(outputPath, firstTry));
   if (file) return Outcome::Ok;
   StringBuffer parent;
   if (!DirAutoCreate::ensureFileUtf8(outputPath, parent, directoryLog)) return Outcome::NoParent;
+  if (tells) log.LogDataX(creatingTag, path.outputPath());
   file.reset(OutputFile::createFileUtf8(outputPath, log));
   return file ? Outcome::Ok : Outcome::NotCreated;
 }
 
 ExtractTarget::Outcome ExtractTarget::makeDirectory(const MemberPath& path, const ReadSettings& settings,
-                                                    LogBase& directoryLog) {
+                                                    LogBase& directoryLog, LogBase& log) {
   if (hasNul(path)) return Outcome::Refused;
+  if (isTooLong(path, log)) return Outcome::NotCreated;
   if (settings.options.confine != Confine::Off) {
-    if (!openConfined(settings, directoryLog)) return Outcome::NotCreated;
-    return outcomeOf(m_confined.makeDirectory(path.entryPath().str(), directoryLog));
+    if (!openConfined(settings, log)) return Outcome::NotCreated;
+    return outcomeOf(m_confined.makeDirectory(path.entryPath().str(), log));
   }
+  if (path.outputPath().isEmpty()) return Outcome::Ok;  // where the process stands
   const bool made = DirAutoCreate::ensureDirUtf8(path.outputPath().getUtf8(), directoryLog);
   return made ? Outcome::Ok : Outcome::NotCreated;
 }

@@ -22,9 +22,11 @@ class ExtractTarget {
   void reset();
 
   // Makes the missing parents and the empty file. `directoryLog` gets what making directories has to say.
-  Outcome createFile(const MemberPath& path, const ReadSettings& settings, LogBase& directoryLog,
-                     LogBase& log, std::unique_ptr<OutputFile>& file);
-  Outcome makeDirectory(const MemberPath& path, const ReadSettings& settings, LogBase& directoryLog);
+  // A verbose log says which file is made, under `creatingTag` (null: it does not).
+  Outcome createFile(const MemberPath& path, const ReadSettings& settings, const char* creatingTag,
+                     LogBase& directoryLog, LogBase& log, std::unique_ptr<OutputFile>& file);
+  Outcome makeDirectory(const MemberPath& path, const ReadSettings& settings, LogBase& directoryLog,
+                        LogBase& log);
 
  private:
   bool openConfined(const ReadSettings& settings, LogBase& log);

@@ -100,6 +100,8 @@ void FullExtensions::clear() {
 }
 
 bool FullExtensions::take(char typeFlag, std::string_view data, LogBase& log) {
+  const std::string_view text = untilNul(data);
+  if (text.empty()) return true;  // says nothing
   switch (typeFlag) {
     case kTypeLongName:
       m_next.path = std::string(untilNul(data));

@@ -10,12 +10,30 @@
 namespace morvane {
 
 void MemberPath::set(const TarHeader& header, const ReadSettings& settings, LogBase& log) {
-  m_bytes = header.m_path.str();
-  applyEntryPathRules(m_bytes, settings.untarDiscardPaths, settings.noAbsolutePaths);
-  std::string decoded;
-  decoder(settings, log).append(m_bytes.str(), decoded);
-  m_entryPath = std::move(decoded);
-  _mvFilePath::CombineDirAndFilepath(settings.untarFromDir, m_entryPath, m_outputPath);
+  CharsetDecoder& charset = decoder(settings, log);
+  std::string& entryPath = m_entryPath.buffer();
+  if (charset.isUtf8()) {
+    entryPath = header.m_path.str();
+    applyEntryPathRules(entryPath, settings.untarDiscardPaths, settings.noAbsolutePaths);
+  } else {
+    std::string bytes = header.m_path.str();
+    applyEntryPathRules(bytes, settings.untarDiscardPaths, settings.noAbsolutePaths);
+    entryPath.clear();
+    charset.append(bytes, entryPath);
+  }
+  m_dir = settings.untarFromDir;
+  m_hasOutputPath = false;
+}
+
+const XString& MemberPath::outputPath() const {
+  if (!m_hasOutputPath) _mvFilePath::CombineDirAndFilepath(m_dir, m_entryPath, m_outputPath);
+  m_hasOutputPath = true;
+  return m_outputPath;
+}
+
+void giveUpLongText(StringBuffer& text) {
+  constexpr unsigned kLong = 1 << 20;
+  if (text.getSize() > kLong) text.clear();
 }
 
 void announceHeader(ProgressEvent& event, const TarHeader& header, const XString& entryPath,

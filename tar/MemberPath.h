@@ -1,7 +1,6 @@
 // The path of one member on its way from the archive to the disk, the same in both engines.
 #pragma once
 
-#include "runtime/text/StringBuffer.h"
 #include "runtime/text/XString.h"
 #include "tar/NameDecoder.h"
 #include "tar/ReadSettings.h"
@@ -10,6 +9,7 @@ namespace morvane {
 
 class LogBase;
 class ProgressEvent;
+class StringBuffer;
 class TarHeader;
 
 class MemberPath {
@@ -21,16 +21,21 @@ class MemberPath {
     return m_decoder.forCharset(settings.charset, log);
   }
   // ".", or whatever UntarFromDir is, joined with entryPath(); absolute entry paths stand for themselves.
-  const XString& outputPath() const { return m_outputPath; }
+  // Made when it is first asked for: a walk needs none.
+  const XString& outputPath() const;
   // The member's path after the path rules: what the filters see.
   const XString& entryPath() const { return m_entryPath; }
 
  private:
-  StringBuffer m_bytes;
   XString m_entryPath;
-  XString m_outputPath;
+  XString m_dir;
+  mutable XString m_outputPath;
+  mutable bool m_hasOutputPath = false;
   NameDecoder m_decoder;
 };
+
+// Extension data may carry texts of many megabytes: what was taken from such a one is not kept twice.
+void giveUpLongText(StringBuffer& text);
 
 // Sends onTarHeader.
 void announceHeader(ProgressEvent& event, const TarHeader& header, const XString& entryPath,

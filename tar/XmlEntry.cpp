@@ -33,7 +33,8 @@ bool isPlainXml(std::string_view text) {
 // Text that stands for itself, as most names do.
 bool needsNoCare(std::string_view text) {
   for (const char c : text) {
-    if (c < 0x20 || c == 0x7F || c == '&' || c == '<' || c == '>' || c == '"') return false;
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte < 0x20 || byte >= 0x7F || c == '&' || c == '<' || c == '>' || c == '"') return false;
   }
   return true;
 }

@@ -21,57 +21,47 @@ TEST(DataBuffer, AgreesWithAString) {
     DataBuffer buffer;
     std::string model;
     for (int step = 0; step < 200; ++step) {
-      const unsigned n = below(random() % 8 == 0 ? 5000 : 60);
-      const unsigned at = below(model.size());
-      switch (random() % 11) {
+      const unsigned at = below(model.size()), n = below(random() % 8 == 0 ? 5000 : 60);
+      const unsigned part = std::min<unsigned>(n, static_cast<unsigned>(model.size()) - at);
+      const unsigned removed = random() % 4 == 0 ? 0xFFFFFFFFu : n;
+      switch (random() % 12) {
         case 0:
-        case 1:
-        case 2:
-          ASSERT_TRUE(buffer.append(lent.data(), n));
-          model.append(lent, 0, n);
-          break;
-        case 3:
           if (model.size() > 100'000) break;
           ASSERT_TRUE(buffer.append(buffer));
           model += std::string(model);
           break;
-        case 4: {  // a piece of its own bytes
-          const unsigned length = below(model.size() - at);
-          ASSERT_TRUE(buffer.append(buffer.getData2() + at, length));
-          model += model.substr(at, length);
+        case 1:
+          ASSERT_TRUE(buffer.append(buffer.getData2() + at, part));  // its own bytes
+          model += model.substr(at, part);
           break;
-        }
-        case 5:
-        case 6:
-          buffer.removeChunk(0, n);
-          model.erase(0, n);
+        case 2:
+          buffer.removeChunk(at, removed);
+          model.erase(at, removed);
           break;
-        case 7: {
-          const unsigned length = random() % 4 == 0 ? 0xFFFFFFFFu : n;
-          buffer.removeChunk(at, length);
-          model.erase(at, length);
-          break;
-        }
-        case 8:
+        case 3:
           buffer.truncate(at);
           model.resize(at);
           break;
-        case 9:
-          if (random() % 2) {
-            buffer.borrowData(reinterpret_cast<const unsigned char*>(lent.data()), n);
-            model = lent.substr(0, n);
-          } else if (random() % 2) {
-            buffer.weakClear();
-            model.clear();
-          } else {
-            buffer.clear();
-            model.clear();
-          }
+        case 4:
+          buffer.borrowData(reinterpret_cast<const unsigned char*>(lent.data()), n);
+          model = lent.substr(0, n);
           break;
-        case 10:
+        case 5:
+          n % 2 ? buffer.weakClear() : buffer.clear();
+          model.clear();
+          break;
+        case 6:
           ASSERT_TRUE(buffer.reserveMore(n) && buffer.appendChar('c') && buffer.appendStr("text"));
           model += "ctext";
           break;
+        case 7:
+        case 8:
+          buffer.removeChunk(0, n);
+          model.erase(0, n);
+          break;
+        default:
+          ASSERT_TRUE(buffer.append(lent.data(), n));
+          model.append(lent, 0, n);
       }
       ASSERT_EQ(model, contentsOf(buffer)) << "seed " << seed << ", step " << step;
     }
@@ -79,24 +69,20 @@ TEST(DataBuffer, AgreesWithAString) {
   }
 }
 
-// A queue of a size that moved its rest down at each removal would move gigabytes here.
+// A queue that moved its rest down at each removal would move gigabytes here.
 TEST(DataBuffer, IsEatenFromTheFrontWithoutMovingTheRest) {
   constexpr unsigned kPiece = 512, kQueued = 4 << 20;
   const std::string piece = noise(kPiece, 1);
   DataBuffer queue;
   while (queue.getSize() < kQueued) ASSERT_TRUE(queue.append(piece.data(), kPiece));
-  const unsigned char* before = queue.getData2();
   unsigned long long moved = 0, eaten = 0;
-  for (int i = 0; i < 200'000; ++i) {
+  for (; eaten < 100'000'000; eaten += kPiece) {
+    const unsigned char* const before = queue.getData2();
     queue.removeChunk(0, kPiece);
     ASSERT_EQ(before + kPiece, queue.getData2()) << "removing moves nothing";
-    before = queue.getData2();
     ASSERT_TRUE(queue.append(piece.data(), kPiece));
-    if (queue.getData2() != before) moved += queue.getSize();
-    before = queue.getData2();
-    eaten += kPiece;
+    if (queue.getData2() != before + kPiece) moved += queue.getSize();
   }
-  EXPECT_EQ(kQueued, queue.getSize());
   EXPECT_LE(moved, 3 * eaten);
 }
 
@@ -104,41 +90,33 @@ TEST(DataBuffer, BorrowsUntilItIsChanged) {
   const unsigned char bytes[] = "borrowed";
   DataBuffer buffer;
   buffer.borrowData(bytes, 8);
-  EXPECT_EQ(bytes, buffer.getData2());
   buffer.removeChunk(0, 3);
   EXPECT_EQ(bytes + 3, buffer.getData2()) << "removing from an end needs no copy";
   EXPECT_TRUE(buffer.append(buffer));
   EXPECT_EQ("rowedrowed", contentsOf(buffer));
-  EXPECT_STREQ("borrowed", reinterpret_cast<const char*>(bytes));
-
   // As many bytes as a buffer can ever hold; none of them is looked at.
   buffer.borrowData(bytes, 0xFFFFFFFFu);
-  EXPECT_FALSE(buffer.appendChar('x'));
-  EXPECT_FALSE(buffer.append(buffer));
-  EXPECT_FALSE(buffer.reserveMore(0xFFFFFFFFu));
-  EXPECT_EQ(0xFFFFFFFFu, buffer.getSize());
-  EXPECT_EQ(bytes, buffer.getData2()) << "a failure leaves the buffer as it was";
+  EXPECT_FALSE(buffer.appendChar('x') || buffer.append(buffer) || buffer.reserveMore(0xFFFFFFFFu));
+  EXPECT_TRUE(buffer.getSize() == 0xFFFFFFFFu && buffer.getData2() == bytes) << "a failure changes nothing";
   buffer.clear();
   EXPECT_NE(nullptr, buffer.getData2());
 }
 
 TEST(DataBuffer, IsLoadedAndSaved) {
   ScratchDir dir;
-  for (const size_t size : {0u, 1u, 65536u, 262144u, 262145u, 1'000'003u}) {
+  for (const unsigned size : {0u, 1u, 65536u, 262144u, 262145u, 1'000'003u}) {
     DataBuffer buffer, loaded;
+    _mvLogger log;
     const std::string contents = noise(size, 3);
-    ASSERT_TRUE(buffer.append(contents.data(), static_cast<unsigned>(size)));
-    ASSERT_TRUE(buffer.saveToFileUtf8((dir / "file").c_str(), nullptr));
-    EXPECT_EQ(contents, readFile(dir / "file"));
+    ASSERT_TRUE(buffer.append(contents.data(), size) &&
+                buffer.saveToFileUtf8((dir / "file").c_str(), nullptr));
     ASSERT_TRUE(loaded.appendStr("replaced") && loaded.loadFileUtf8((dir / "file").c_str(), nullptr));
     EXPECT_EQ(contents, contentsOf(loaded));
-    if (size == 0) continue;
-    _mvLogger log;
-    EXPECT_FALSE(buffer.saveToFileUtf8("/dev/full", &log)) << "also when it shows in the last flush";
-    EXPECT_NE(std::string::npos, log.text().find("/dev/full"));
+    EXPECT_EQ(size == 0, buffer.saveToFileUtf8("/dev/full", &log)) << "also when it shows in the last flush";
+    EXPECT_EQ(size == 0, log.text().find("path: /dev/full\n") == std::string::npos);
   }
   DataBuffer buffer;
-  ASSERT_TRUE(buffer.loadFileUtf8("/proc/self/status", nullptr)) << "a file that has no size";
+  ASSERT_TRUE(buffer.loadFileUtf8("/proc/self/status", nullptr)) << "a file that says it is empty";
   EXPECT_EQ(0u, contentsOf(buffer).find("Name:"));
   for (const std::string& path : {dir / "missing", dir.path(), dir / "file/below"}) {
     _mvLogger log;
@@ -154,23 +132,15 @@ TEST(ExtPtrArray, DeletesWhatItOwns) {
     int& m_count;
   };
   int alive = 0;
-  {
-    ExtPtrArray array;
-    for (int i = 0; i < 3; ++i) EXPECT_TRUE(array.appendPtr(new Counted(alive)));
-    EXPECT_NE(nullptr, array.elementAt(2));
-    EXPECT_EQ(nullptr, array.elementAt(3));
-    EXPECT_EQ(nullptr, array.elementAt(-1));
-    array.removeAllObjects();
-    EXPECT_EQ(0, alive);
-    EXPECT_EQ(0, array.getSize());
-    EXPECT_TRUE(array.appendPtr(new Counted(alive)));
-  }
-  EXPECT_EQ(0, alive);
   Counted kept(alive);
   {
-    ExtPtrArray array;
-    array.setOwnsObjects(false);
-    EXPECT_TRUE(array.appendPtr(&kept));
+    ExtPtrArray owning, other;
+    other.setOwnsObjects(false);
+    EXPECT_TRUE(other.appendPtr(&kept) && owning.appendPtr(new Counted(alive)));
+    EXPECT_TRUE(owning.elementAt(0) && !owning.elementAt(1) && !owning.elementAt(-1));
+    owning.removeAllObjects();
+    EXPECT_TRUE(alive == 1 && owning.getSize() == 0);
+    EXPECT_TRUE(owning.appendPtr(new Counted(alive)) && alive == 2);
   }
   EXPECT_EQ(1, alive);
 }
@@ -193,9 +163,7 @@ TEST(Log, ContextsAppearWithTheirFirstLine) {
     }
     LogContextExitor b(log, "b");
     log.LogBracketed("tag", " x ");
-    EXPECT_EQ(2u, log.contextDepth());
   }
-  log.LogInfo("flat");
   log.enterContext("shown");
   log.showContexts();
   log.showContexts();
@@ -203,28 +171,14 @@ TEST(Log, ContextsAppearWithTheirFirstLine) {
   log.LeaveContext();  // one too many does nothing
   log.LogDataX("x", XString("v"));
   log.LogDataSb("sb", StringBuffer("w"));
-  log.LogDataInt64("big", -9223372036854775807LL - 1);
   EXPECT_EQ(
-      "a:\n"
-      "    b:\n"
-      "        c:\n"
-      "            deep\n"
-      "            n: -7\n"
-      "    b:\n"
-      "        tag: [ x ]\n"
-      "flat\n"
-      "shown:\n"
-      "x: v\n"
-      "sb: w\n"
-      "big: -9223372036854775808\n",
+      "a:\n    b:\n        c:\n            deep\n            n: -7\n    b:\n        tag: [ x ]\n"
+      "shown:\nx: v\nsb: w\n",
       log.text());
   log.enterContext("open");
   log.ClearLog();
   log.LogElapsedMs("elapsed", 0);
   EXPECT_EQ(0u, log.text().find("elapsed: ")) << "clearing closes the contexts";
-  EXPECT_FALSE(log.verbose());
-  log.setVerbose(true);
-  EXPECT_TRUE(log.verbose());
 }
 
 TEST(Log, ValuesCannotForgeLines) {
@@ -232,65 +186,48 @@ TEST(Log, ValuesCannotForgeLines) {
   std::string all;
   for (int byte = 1; byte < 256; ++byte) all.push_back(static_cast<char>(byte));
   log.LogData("path", all.c_str());
-  log.LogError("a\nSuccess.\r\x7F");
+  log.LogError("a\nSuccess.");
   const std::string text = log.text();
   EXPECT_EQ(2, std::count(text.begin(), text.end(), '\n'));
   for (const char byte : text) EXPECT_TRUE(static_cast<unsigned char>(byte) >= 0x20 || byte == '\n');
-  EXPECT_NE(std::string::npos, text.find("\\001\\002"));
+  EXPECT_EQ(0u, text.find("path: \\001\\002"));
   EXPECT_NE(std::string::npos, text.find("\\t\\n\\013\\014\\r\\016"));
-  EXPECT_NE(std::string::npos, text.find(all.substr(0x7F))) << "every other byte is kept";
-  EXPECT_NE(std::string::npos, text.find("a\\nSuccess.\\r\\177\n"));
+  EXPECT_NE(std::string::npos, text.find("~\\177" + all.substr(0x7F))) << "every other byte is kept";
 }
 
 TEST(Log, OfALongLogBothEndsAreKept) {
   constexpr size_t kEnd = 512 * 1024, kAll = 2 * kEnd;
   std::mt19937 random(11);
-  for (const unsigned longestLine : {1u, 80u, 5000u, 100'000u, 600'000u}) {
+  for (const size_t longestLine : {1u, 80u, 5000u, 100'000u, 600'000u}) {
     for (const size_t total : {kEnd, kAll - 200'000, kAll, kAll + 1, kAll + 200'000, 3 * kEnd, 7 * kEnd}) {
       _mvLogger log;
-      LogContextExitor context(log, "run");
-      std::string whole = "run:\n", line;
-      log.showContexts();
-      const auto put = [&](const std::string& text) {
-        log.LogInfo(text.c_str());
-        whole += "    " + text + "\n";
-      };
+      std::string whole;
       while (whole.size() < total) {
-        put(std::string(std::min<size_t>(longestLine, 1 + random() % longestLine),
-                        static_cast<char>('a' + random() % 26)));
+        const std::string line(1 + random() % longestLine, static_cast<char>('a' + random() % 26));
+        log.LogInfo(line.c_str());
+        whole += line + "\n";
       }
-      put("Success.");
+      log.LogInfo("Success.");
+      whole += "Success.\n";
       const std::string text = log.text();
-      if (whole.size() <= kAll) {
-        ASSERT_EQ(whole, text) << "lines of " << longestLine << ", " << total;
+      const size_t mark = text.find("... "), markEnd = text.find("\n", mark) + 1;
+      ASSERT_EQ(whole.size() <= kAll, mark == std::string::npos) << longestLine << ", " << total;
+      if (mark == std::string::npos) {
+        ASSERT_EQ(whole, text);
         continue;
       }
-      const size_t mark = text.find("... "), markEnd = text.find("\n", mark) + 1;
-      ASSERT_NE(std::string::npos, mark) << "lines of " << longestLine << ", " << total;
       const std::string head = text.substr(0, mark), tail = text.substr(markEnd);
       const std::string leftOut = std::to_string(whole.size() - head.size() - tail.size());
       EXPECT_EQ("... " + leftOut + " bytes of the log left out ...\n", text.substr(mark, markEnd - mark));
-      EXPECT_EQ(whole.substr(0, head.size()), head);
-      EXPECT_EQ(whole.substr(whole.size() - tail.size()), tail);
-      EXPECT_LE(text.size(), kAll + 100);
+      EXPECT_TRUE(whole.substr(0, head.size()) == head && whole.substr(whole.size() - tail.size()) == tail);
       // Whole lines, so each end may fall short by one.
-      EXPECT_GE(head.size() + longestLine + 10, kEnd);
-      EXPECT_GE(tail.size() + longestLine + 10, kEnd);
-      EXPECT_EQ("    Success.\n", tail.substr(tail.size() - 13));
-      log.ClearLog();
-      log.LogInfo("new");
-      EXPECT_EQ("new\n", log.text());
+      EXPECT_TRUE(head.size() <= kEnd && head.size() + longestLine + 2 > kEnd) << head.size();
+      EXPECT_TRUE(tail.size() <= kEnd && tail.size() + longestLine + 2 > kEnd) << tail.size();
     }
   }
-}
-
-TEST(Log, TheNullLogDiscards) {
-  LogNull log;
-  log.LogError("lost");
-  LogContextExitor context(log, "lost");
-  log.LogData("lost", "lost");
-  log.showContexts();
-  EXPECT_EQ(1u, log.contextDepth());
+  LogNull nothing;
+  nothing.LogError("lost");
+  EXPECT_EQ(0u, nothing.contextDepth());
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <functional>
 #include <optional>
 #include <random>
+#include <unordered_map>
 
 #include "TestSupport.h"
 #include "runtime/codec/MorvaneBzip2.h"
@@ -108,7 +109,7 @@ void expectRoundTrips(const Decoder& decoder) {
   const std::string bytes = text(300000, 5);
   const std::string packed = compressed<Codec>(bytes, bytes.size());
   for (const size_t piece : {1u, 7u, 512u, 65535u, 65536u, 65537u, 131073u}) {
-    EXPECT_EQ(packed, compressed<Codec>(bytes, piece)) << "the pieces fed do not show, " << piece;
+    EXPECT_TRUE(packed == compressed<Codec>(bytes, piece)) << "the pieces fed show, " << piece;
     EXPECT_EQ(success(bytes), decode(decoder, packed, static_cast<unsigned>(piece))) << piece;
   }
 }
@@ -161,10 +162,9 @@ TEST(Bzip2, ConsecutiveStreamsAndWhatFollows) {
   }
   // A stream that has shown its signature must be whole.
   for (size_t n = 4; n < two.size(); ++n) {
-    EXPECT_FALSE(decode(kBunzip2, one + two.substr(0, n), 16).ok) << n;
-    EXPECT_EQ(failure("", "The bzip2 data end before the stream does."),
-              decode(kBunzip2, two.substr(0, n), 16))
-        << n;
+    const Decoded cut = decode(kBunzip2, two.substr(0, n), 16);
+    EXPECT_FALSE(cut.ok || decode(kBunzip2, one + two.substr(0, n), 16).ok) << n;
+    EXPECT_EQ("The bzip2 data end before the stream does.\n", cut.log) << n;
   }
   EXPECT_EQ(failure("", "There are no bzip2 data."), decode(kBunzip2, ""));
   EXPECT_EQ(failure("", "The data are no bzip2 data."), decode(kBunzip2, "not bzip2"));
@@ -195,8 +195,7 @@ TEST(ZipCRC, IsThatOfGzip) {
 // eight codes filled up when the width changes.
 class CodeWriter {
  public:
-  CodeWriter(unsigned maxBits, bool blockMode)
-      : m_maxBits(maxBits), m_free(blockMode ? 257 : 256), m_first(m_free) {
+  CodeWriter(unsigned maxBits, bool blockMode) : m_maxBits(maxBits), m_free(blockMode ? 257 : 256) {
     bytes = {'\x1F', '\x9D', static_cast<char>(maxBits | (blockMode ? 0x80 : 0))};
   }
 
@@ -211,9 +210,8 @@ class CodeWriter {
     m_any = true;
   }
   void clear() {
-    const unsigned before = m_free;
     put(256);
-    m_free = before < m_first ? before : 256;
+    m_free = 256;
     fillGroup();
     m_width = 9;
     m_largest = 511;
@@ -236,7 +234,6 @@ class CodeWriter {
 
   const unsigned m_maxBits;
   unsigned m_free;
-  const unsigned m_first;
   unsigned m_width = 9, m_largest = 511, m_bits = 0, m_codesInGroup = 0;
   bool m_any = false;
 };
@@ -244,7 +241,7 @@ class CodeWriter {
 // An encoder that clears its table before the bytes whose positions are multiples of `clearEvery` (0: never).
 std::string lzw(const std::string& bytes, unsigned maxBits, bool blockMode, size_t clearEvery = 0) {
   CodeWriter writer(maxBits, blockMode);
-  std::map<std::pair<unsigned, char>, unsigned> table;
+  std::unordered_map<unsigned, unsigned> table;  // by the code of a string and the byte behind it
   const unsigned first = blockMode ? 257 : 256;
   unsigned free = first;
   std::optional<unsigned> current;
@@ -257,14 +254,14 @@ std::string lzw(const std::string& bytes, unsigned maxBits, bool blockMode, size
       current.reset();
     }
     const auto byte = static_cast<unsigned char>(bytes[i]);
-    const auto known = current ? table.find({*current, bytes[i]}) : table.end();
+    const auto known = current ? table.find(*current << 8 | byte) : table.end();
     if (known != table.end()) {
       current = known->second;
       continue;
     }
     if (current) {
       writer.put(*current);
-      if (free < 1u << maxBits) table[{*current, bytes[i]}] = free++;
+      if (free < 1u << maxBits) table[*current << 8 | byte] = free++;
     }
     current = byte;
   }
@@ -282,10 +279,17 @@ std::string noPairTwice(size_t n) {
   return bytes.substr(0, n);
 }
 
+// What compress makes of the bytes, which it takes from a file.
+std::string throughCompress(const ScratchDir& dir, const std::string& options, const std::string& bytes) {
+  writeFile(dir / "in", bytes);
+  return run({"sh", "-c", "exec compress -c " + options + " <in"}, "", dir.path()).out;
+}
+
 TEST(Lzw, WhatCompressWrites) {
   if (!isInstalled("compress")) GTEST_SKIP() << "compress is not installed";
-  const auto check = [](const std::string& bytes, unsigned bits) {
-    const std::string packed = run({"compress", "-f", "-c", "-b", std::to_string(bits)}, bytes).out;
+  const ScratchDir dir;
+  const auto check = [&dir](const std::string& bytes, unsigned bits) {
+    const std::string packed = throughCompress(dir, "-f -b " + std::to_string(bits), bytes);
     ASSERT_GT(packed.size(), 2u);
     for (const unsigned piece : {7u, kWhole}) {
       ASSERT_EQ(success(bytes), decode(kUncompress, packed, piece)) << bits << ": " << bytes.size();
@@ -311,28 +315,30 @@ TEST(Lzw, EveryMaximumModeAndClear) {
   const std::string pairs = noPairTwice(33000);
   // Strings that are asked for again when the window has long moved on, noise, long runs, and text.
   const std::string old = noise(15000, 3),
-                    mixed = old + std::string(400000, 'z') + old + text(200000, 4) + old;
+                    mixed = old + std::string(260000, 'z') + old + text(40000, 4) + old;
   const bool canCheck = isInstalled("compress");
+  const ScratchDir dir;
   for (unsigned bits = 9; bits <= 16; ++bits) {
     for (const bool blockMode : {true, false}) {
       const std::string packed = lzw(mixed, bits, blockMode);
       ASSERT_EQ(success(mixed), decode(kUncompress, packed)) << bits << blockMode;
       if (canCheck) {
-        EXPECT_EQ(mixed, run({"compress", "-d", "-c"}, packed).out) << bits << blockMode;
+        EXPECT_TRUE(mixed == throughCompress(dir, "-d", packed)) << bits << blockMode;
       }
-      for (unsigned width = 9; width <= std::min(bits, 15u); ++width) {
+      for (unsigned width = bits == 16 ? 9 : bits; width <= std::min(bits, 15u); ++width) {
         for (size_t n = (1u << width) - 257 - 9; n <= (1u << width) - 257 + 18; ++n) {
           const std::string bytes = pairs.substr(0, n);
-          ASSERT_EQ(success(bytes), decode(kUncompress, lzw(bytes, bits, blockMode), 1)) << bits << " " << n;
+          ASSERT_EQ(success(bytes), decode(kUncompress, lzw(bytes, bits, blockMode), 3)) << bits << " " << n;
         }
       }
     }
-    for (const size_t every : {1u, 2u, 3u, 7u, 8u, 9u, 255u, 256u, 700u, 5000u, 70000u}) {
-      const std::string bytes = mixed.substr(0, every < 9 ? 5000 : mixed.size());
+    for (const size_t every : {1u, 2u, 3u, 7u, 8u, 9u, 255u, 256u, 5000u, 70000u}) {
+      if (bits % 3 != 0 && bits != 16) break;
+      const std::string bytes = mixed.substr(0, every < 256 ? 5000 : mixed.size());
       const std::string packed = lzw(bytes, bits, true, every);
       ASSERT_EQ(success(bytes), decode(kUncompress, packed, 1000)) << bits << " cleared every " << every;
       if (canCheck && every > 2) {
-        EXPECT_EQ(bytes, run({"compress", "-d", "-c"}, packed).out) << bits << " " << every;
+        EXPECT_TRUE(bytes == throughCompress(dir, "-d", packed)) << bits << " " << every;
       }
     }
   }

@@ -1,11 +1,12 @@
 // Files, directories, paths and times: what is found out about them, made and walked, however long the path.
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <climits>
+#include <cstring>
+#include <functional>
 #include <memory>
 
 #include "TestSupport.h"
@@ -18,143 +19,112 @@
 namespace morvane::testing {
 namespace {
 
-// Runs as a user whom permissions bind, also when the tests run as root.
-class OrdinaryUser {
- public:
-  OrdinaryUser() : m_wasRoot(geteuid() == 0) {
-    if (m_wasRoot && seteuid(65534) != 0) ADD_FAILURE() << "still root";
-  }
-  ~OrdinaryUser() {
-    if (m_wasRoot && seteuid(0) != 0) ADD_FAILURE() << "no longer root";
+void shell(const std::string& dir, const std::string& commands) {
+  EXPECT_EQ(0, run({"sh", "-c", commands}, "", dir).status) << commands;
+}
+
+bool blames(const _mvLogger& log, const std::string& path) {
+  return log.text().find("path: " + path + "\n") != std::string::npos;
+}
+
+// What a walk finds: "/" behind a directory, "@" behind a link to one, "failed" at the end of one that did.
+// `visit` sees each relative path and may change the tree.
+struct Walk {
+  explicit Walk(const std::string& base, bool recurse = true,
+                const std::function<void(const std::string&)>& visit = nullptr) {
+    const std::unique_ptr<ClsDirTree> tree(ClsDirTree::createNewCls());
+    tree->put_BaseDir(base);
+    tree->put_Recurse(recurse);
+    bool ok = tree->beginIterate(log);
+    for (; ok && !tree->get_DoneIterating(); ok = tree->advancePosition(log)) {
+      XString path;
+      tree->get_RelativePath(path);
+      found += path.str() + (tree->get_IsDirectory() ? (tree->isEnterable() ? "/" : "@") : "") + "\n";
+      if (visit) visit(path.str());
+      tree->get_FullUncPath(path);
+      full += path.str() + "\n";
+    }
+    EXPECT_TRUE(tree->get_DoneIterating());
+    if (!ok) found += "failed\n";
   }
 
- private:
-  const bool m_wasRoot;
+  _mvLogger log;
+  std::string found, full;
 };
-
-void makeLink(const std::string& target, const std::string& path) {
-  ASSERT_EQ(0, symlink(target.c_str(), path.c_str())) << path;
-}
-
-void makeDir(const std::string& path) { ASSERT_EQ(0, mkdir(path.c_str(), 0777)) << path; }
-
-std::string walk(const std::string& base, LogBase& log, bool recurse = true, std::string* full = nullptr) {
-  const std::unique_ptr<ClsDirTree> tree(ClsDirTree::createNewCls());
-  tree->put_BaseDir(base);
-  tree->put_Recurse(recurse);
-  std::string found;
-  bool ok = tree->beginIterate(log);
-  for (; ok && !tree->get_DoneIterating(); ok = tree->advancePosition(log)) {
-    XString path;
-    tree->get_RelativePath(path);
-    found += path.str() + (tree->get_IsDirectory() ? (tree->isEnterable() ? "/" : "@") : "") + "\n";
-    tree->get_FullUncPath(path);
-    if (full) *full += path.str() + "\n";
-  }
-  EXPECT_TRUE(tree->get_DoneIterating());
-  return found + (ok ? "" : "failed\n");
-}
 
 TEST(FileInfo, WhatThereIs) {
   ScratchDir dir;
-  writeFile(dir / "file", "12345");
-  writeFile(dir / "empty", "");
-  makeDir(dir / "dir");
-  makeLink("file", dir / "to-file");
-  makeLink("dir", dir / "to-dir");
-  makeLink("to-dir", dir / "to-to-dir");
-  makeLink("nowhere", dir / "dangling");
-  makeLink("loop", dir / "loop");
-  ASSERT_EQ(0, mkfifo((dir / "fifo").c_str(), 0666));
-  ASSERT_EQ(0, link((dir / "file").c_str(), (dir / "other").c_str()));
-  const struct {
-    const char* name;
-    bool isDirectory, isLink, isRegular;
-    long long size;
-  } kCases[] = {
-      {"file", false, false, true, 5},       {"empty", false, false, true, 0},
-      {"dir", true, false, false, 0},        {"to-file", false, true, false, 0},
-      {"to-dir", true, true, false, 0},      {"to-to-dir", true, true, false, 0},
-      {"dangling", false, true, false, 0},   {"loop", false, true, false, 0},
-      {"fifo", false, false, false, 0},      {"to-dir/", true, false, false, 0},
-      {"/dev/full", false, false, false, 0},
-  };
+  shell(dir.path(),
+        "printf 12345 >file; mkdir dir; ln -s file to-file; ln -s dir to-dir; ln -s to-dir to-to-dir;"
+        "ln -s nowhere dangling; ln -s loop loop; mkfifo fifo; ln file other; touch empty");
+  // Directory, link, regular file.
+  const char* const kCases[][2] = {
+      {"file", "--r"},      {"empty", "--r"},    {"dir", "d--"},  {"to-file", "-l-"}, {"to-dir", "dl-"},
+      {"to-to-dir", "dl-"}, {"dangling", "-l-"}, {"loop", "-l-"}, {"fifo", "---"},    {"to-dir/", "d--"}};
   _mvLogger log;
   const OsFile here(open(dir.path().c_str(), O_PATH));
-  for (const auto& each : kCases) {
-    const std::string path = each.name[0] == '/' ? each.name : dir / each.name;
+  for (const auto& [name, kind] : kCases) {
+    const std::string path = dir / name;
+    bool ok = true;
+    const long long size = FileSys::fileSizeX_64(path, nullptr, ok);
+    EXPECT_TRUE(ok && size == (std::strcmp(name, "file") == 0 ? 5 : 0)) << path;
     for (const bool at : {false, true}) {
       mvFileInfo info;
-      ASSERT_TRUE(at ? info.loadFileInfoAt(here.fd(), each.name, path.c_str(), log)
+      ASSERT_TRUE(at ? info.loadFileInfoAt(here.fd(), name, path.c_str(), log)
                      : info.loadFileInfoUtf8(path.c_str(), log));
-      EXPECT_EQ(each.isDirectory, info.m_isDirectory) << path;
-      EXPECT_EQ(each.isLink, info.m_isSymbolicLink) << path;
-      EXPECT_EQ(each.isRegular, info.m_isRegularFile) << path;
-      EXPECT_EQ(each.size, info.m_size) << path;
+      const char found[] = {info.m_isDirectory ? 'd' : '-', info.m_isSymbolicLink ? 'l' : '-',
+                            info.m_isRegularFile ? 'r' : '-', '\0'};
+      EXPECT_STREQ(kind, found) << path;
+      EXPECT_EQ(size, info.m_size) << path;
     }
-    bool ok = true;
-    EXPECT_EQ(each.size, FileSys::fileSizeX_64(path, nullptr, ok));
-    EXPECT_TRUE(ok);
   }
   EXPECT_EQ("", log.text()) << "nothing here is an error, a dangling link neither";
 
-  mvFileInfo one, other;
-  ASSERT_TRUE(one.loadFileInfoUtf8((dir / "file").c_str(), log) &&
-              other.loadFileInfoUtf8((dir / "other").c_str(), log));
-  EXPECT_TRUE(one.isSameFile(other));
-  EXPECT_EQ(2u, one.m_linkCount);
-  ASSERT_TRUE(other.loadFileInfoUtf8((dir / "empty").c_str(), log));
-  EXPECT_FALSE(one.isSameFile(other));
-
   const timespec times[2] = {{-5, 1}, {4294967296LL, 999999999}};
   ASSERT_EQ(0, utimensat(AT_FDCWD, (dir / "file").c_str(), times, 0));
-  ASSERT_TRUE(one.loadFileInfoUtf8((dir / "file").c_str(), log));
-  EXPECT_EQ(-5, one.m_lastAccess.seconds());
-  EXPECT_EQ(1u, one.m_lastAccess.nanoseconds());
-  EXPECT_EQ(4294967296LL, one.m_lastModified.seconds());
-  EXPECT_EQ(999999999u, one.m_lastModified.nanoseconds());
-  EXPECT_GE(one.m_creation.seconds(), 1700000000);
+  mvFileInfo one, other, empty;
+  ASSERT_TRUE(one.loadFileInfoUtf8((dir / "file").c_str(), log) &&
+              other.loadFileInfoUtf8((dir / "other").c_str(), log) &&
+              empty.loadFileInfoUtf8((dir / "empty").c_str(), log));
+  EXPECT_TRUE(one.isSameFile(other) && !one.isSameFile(empty) && one.m_linkCount == 2);
+  EXPECT_TRUE(one.m_lastAccess.seconds() == -5 && one.m_lastAccess.nanoseconds() == 1);
+  EXPECT_TRUE(one.m_lastModified.seconds() == 4294967296LL && one.m_lastModified.nanoseconds() == 999999999);
 
   for (const char* missing : {"missing", "file/below", "loop/below"}) {
     bool ok = true;
     log.ClearLog();
     EXPECT_EQ(0, FileSys::fileSizeUtf8_64((dir / missing).c_str(), &log, ok));
-    EXPECT_FALSE(ok);
-    EXPECT_NE(std::string::npos, log.text().find("path: " + (dir / missing) + "\n"));
+    EXPECT_TRUE(!ok && blames(log, dir / missing));
   }
 }
 
 TEST(FileTime, RoundsDownAndClamps) {
   const struct {
     long long seconds;
-    unsigned nanoseconds, unix32;
+    unsigned unix32;
     const char* gmt;
-  } kCases[] = {
-      {0, 0, 0, "Thu, 01 Jan 1970 00:00:00 GMT"},
-      {-1, 999999999, 0, "Wed, 31 Dec 1969 23:59:59 GMT"},
-      {LLONG_MIN, 0, 0, nullptr},
-      {951782400, 999999999, 951782400, "Tue, 29 Feb 2000 00:00:00 GMT"},
-      {1234567890, 1, 1234567890, "Fri, 13 Feb 2009 23:31:30 GMT"},
-      {4107542400, 0, 4107542400u, "Mon, 01 Mar 2100 00:00:00 GMT"},  // 2100 is no leap year
-      {4294967295, 999999999, 4294967295u, "Sun, 07 Feb 2106 06:28:15 GMT"},
-      {4294967296, 0, 4294967295u, "Sun, 07 Feb 2106 06:28:16 GMT"},
-      {253402300800, 0, 4294967295u, "Sat, 01 Jan 10000 00:00:00 GMT"},
-      {LLONG_MAX, 999999999, 4294967295u, nullptr},
-  };
+  } kCases[] = {{LLONG_MIN, 0, nullptr},
+                {-1, 0, "Wed, 31 Dec 1969 23:59:59 GMT"},
+                {0, 0, "Thu, 01 Jan 1970 00:00:00 GMT"},
+                {951782400, 951782400, "Tue, 29 Feb 2000 00:00:00 GMT"},
+                {1234567890, 1234567890, "Fri, 13 Feb 2009 23:31:30 GMT"},
+                {4107542400, 4107542400u, "Mon, 01 Mar 2100 00:00:00 GMT"},
+                {4294967295, 4294967295u, "Sun, 07 Feb 2106 06:28:15 GMT"},
+                {4294967296, 4294967295u, "Sun, 07 Feb 2106 06:28:16 GMT"},
+                {253402300800, 4294967295u, "Sat, 01 Jan 10000 00:00:00 GMT"},
+                {LLONG_MAX, 4294967295u, nullptr}};
   for (const auto& each : kCases) {
-    const MorvaneFileTime time = MorvaneFileTime::fromUnixTime64(each.seconds, each.nanoseconds);
-    EXPECT_EQ(each.unix32, time.toUnixTime32()) << each.seconds;
-    EXPECT_EQ(each.seconds, time.toTimespec().tv_sec);
-    EXPECT_EQ(each.nanoseconds, static_cast<unsigned>(time.toTimespec().tv_nsec));
-    StringBuffer text;
-    _mvDateParser::FileTimeToStringGmt(time, text);
-    EXPECT_STREQ(each.gmt ? each.gmt : text.getString(), text.getString());
+    for (const unsigned nanoseconds : {0u, 999'999'999u}) {
+      const MorvaneFileTime time = MorvaneFileTime::fromUnixTime64(each.seconds, nanoseconds);
+      EXPECT_EQ(each.unix32, time.toUnixTime32()) << each.seconds;
+      EXPECT_TRUE(time.toTimespec().tv_sec == each.seconds && time.toTimespec().tv_nsec == nanoseconds);
+      StringBuffer text;
+      _mvDateParser::FileTimeToStringGmt(time, text);
+      EXPECT_STREQ(each.gmt ? each.gmt : text.getString(), text.getString());
+    }
   }
-  EXPECT_EQ(4294967295LL, MorvaneFileTime::fromUnixTime32(4294967295u, 7).seconds());
-  EXPECT_EQ(7u, MorvaneFileTime::fromUnixTime32(0, 7).nanoseconds());
-  const MorvaneSysTime parts = MorvaneSysTime::fromFileTime(MorvaneFileTime::fromUnixTime32(1234567890));
-  EXPECT_TRUE(parts.year == 2009 && parts.month == 2 && parts.day == 13 && parts.hour == 23 &&
-              parts.minute == 31 && parts.second == 30 && parts.weekday == 5);
+  const MorvaneFileTime most = MorvaneFileTime::fromUnixTime32(4294967295u, 7);
+  EXPECT_TRUE(most.seconds() == 4294967295LL && most.nanoseconds() == 7);
 }
 
 TEST(DirTree, OrderOfTheBytesDepthFirst) {
@@ -164,116 +134,89 @@ TEST(DirTree, OrderOfTheBytesDepthFirst) {
        {"a/x", "a/b/y", "a.b", "a-b", "Z", "\xC3\xA4", "\xFF\xFE/in", " blank", "aa", "new\nline"}) {
     writeFile(base + "/" + name, "");
   }
-  makeDir(base + "/empty");
-  makeLink("a", base + "/link-to-dir");
-  makeLink(base, base + "/a/up");
-  makeLink("nowhere", base + "/dangling");
-  makeLink("base", dir / "base-link");
+  shell(base,
+        "mkdir empty; ln -s a link-to-dir; ln -s .. a/up; ln -s nowhere dangling; ln -s base ../base-link");
   const std::string expected =
       " blank\nZ\na/\na/b/\na/b/y\na/up@\na/x\na-b\na.b\naa\ndangling\nempty/\nlink-to-dir@\nnew\nline\n"
       "\xC3\xA4\n\xFF\xFE/\n\xFF\xFE/in\n";
-  _mvLogger log;
-  std::string full;
-  EXPECT_EQ(expected, walk(base, log, true, &full));
-  EXPECT_EQ(0u, full.find(base + "/ blank\n" + base + "/Z\n" + base + "/a\n" + base + "/a/b\n"));
-  EXPECT_EQ(expected, walk(dir / "base-link", log)) << "the base may be a link";
-  full.clear();
-  EXPECT_EQ(expected, walk(base + "///", log, true, &full));
-  EXPECT_EQ(0u, full.find(base + "/ blank\n")) << "one slash";
+  const Walk whole(base);
+  EXPECT_EQ(expected, whole.found);
+  EXPECT_EQ(0u, whole.full.find(base + "/ blank\n" + base + "/Z\n" + base + "/a\n" + base + "/a/b\n"));
+  EXPECT_EQ("", whole.log.text());
+  EXPECT_EQ(expected, Walk(dir / "base-link").found) << "the base may be a link";
+  EXPECT_EQ(whole.full, Walk(base + "///").full) << "one slash";
   EXPECT_EQ(" blank\nZ\na/\na-b\na.b\naa\ndangling\nempty/\nlink-to-dir@\nnew\nline\n\xC3\xA4\n\xFF\xFE/\n",
-            walk(base, log, false));
-  EXPECT_EQ("", walk(base + "/empty", log));
-
+            Walk(base, false).found);
+  EXPECT_EQ("", Walk(base + "/empty").found);
   XString before;
   FileSys::getCurrentDir(before);
   ASSERT_EQ(0, chdir(dir.path().c_str()));
-  full.clear();
-  EXPECT_EQ("y\n", walk("base/a/b", log, true, &full));
-  full += walk("./base/a/../a/b", log, true, &full);
-  EXPECT_EQ("base/a/b/y\n./base/a/../a/b/y\ny\n", full) << "as given, never made absolute";
+  EXPECT_EQ("./base/a/../a/b/y\n", Walk("./base/a/../a/b").full) << "as given, never made absolute";
   ASSERT_EQ(0, chdir(before.getUtf8()));
-  EXPECT_EQ("", log.text());
-
   for (const std::string& bad : {dir / "missing", base + "/Z", base + "/dangling", std::string()}) {
-    log.ClearLog();
-    EXPECT_EQ("failed\n", walk(bad, log));
-    EXPECT_NE(std::string::npos, log.text().find("path: " + bad + "\n")) << log.text();
+    const Walk walk(bad);
+    EXPECT_TRUE(walk.found == "failed\n" && blames(walk.log, bad)) << walk.log.text();
   }
 }
 
 TEST(DirTree, AHundredThousandNames) {
   ScratchDir dir;
   const OsFile here(open(dir.path().c_str(), O_RDONLY | O_DIRECTORY));
-  constexpr unsigned kNames = 100'000;
   std::string expected;
-  for (unsigned i = 0; i < kNames; ++i) {
-    char name[16];
-    // Made out of order.
-    std::snprintf(name, sizeof name, "%06u", (i * 7919u) % kNames);
-    ASSERT_EQ(0, mknodat(here.fd(), name, S_IFREG | 0600, 0));
-    std::snprintf(name, sizeof name, "%06u\n", i);
-    expected += name;
+  for (unsigned i = 0; i < 100'000; ++i) {
+    const std::string name = std::to_string(100'000 + (i * 7919) % 100'000);  // made out of order
+    ASSERT_EQ(0, mknodat(here.fd(), name.c_str(), S_IFREG | 0600, 0));
+    expected += std::to_string(100'000 + i) + "\n";
   }
-  LogNull log;
-  EXPECT_TRUE(expected == walk(dir.path(), log));
+  EXPECT_TRUE(expected == Walk(dir.path()).found);
 }
 
 // 4,000 levels, and every service on the paths at their end, with few files to open.
 TEST(LongPaths, EveryServiceTakesThem) {
   ScratchDir dir;
-  constexpr int kLevels = 4000;
-  const std::string part = "deep";
   std::string deepest = dir.path(), expected, relative;
   OsFile here(open(dir.path().c_str(), O_RDONLY | O_DIRECTORY));
-  for (int i = 0; i < kLevels; ++i) {
-    ASSERT_EQ(0, mkdirat(here.fd(), part.c_str(), 0777));
-    here.reset(openat(here.fd(), part.c_str(), O_RDONLY | O_DIRECTORY));
-    deepest += "/" + part;
-    relative += (i ? "/" : "") + part;
-    expected += relative + "/\n";
+  for (int i = 0; i < 4000; ++i) {
+    ASSERT_EQ(0, mkdirat(here.fd(), "deep", 0777));
+    here.reset(openat(here.fd(), "deep", O_RDONLY | O_DIRECTORY));
+    deepest += "/deep";
+    expected += (relative += i ? "/deep" : "deep") + "/\n";
   }
-  ASSERT_GT(deepest.size(), 4u * PATH_MAX);
   _mvLogger log;
-
-  EXPECT_TRUE(DirAutoCreate::ensureDirUtf8((deepest + "/new/below").c_str(), log)) << log.text();
-  EXPECT_TRUE(DirAutoCreate::ensureDirUtf8((deepest + "/new/below").c_str(), log)) << log.text();
   StringBuffer parent;
-  EXPECT_TRUE(DirAutoCreate::ensureFileUtf8((deepest + "/p/f").c_str(), parent, log)) << log.text();
-  EXPECT_TRUE(parent.equals((deepest + "/p").c_str()));
+  mvFileInfo info;
+  DataBuffer loaded;
   const std::string file = deepest + "/file";
+  EXPECT_TRUE(DirAutoCreate::ensureDirUtf8((deepest + "/new/below").c_str(), log));
+  EXPECT_TRUE(DirAutoCreate::ensureDirUtf8((deepest + "/new/below").c_str(), log));
+  EXPECT_TRUE(DirAutoCreate::ensureFileUtf8((deepest + "/p/f").c_str(), parent, log));
+  EXPECT_TRUE(parent.equals((deepest + "/p").c_str()));
   const std::unique_ptr<OutputFile> out(OutputFile::createFileUtf8(file.c_str(), log));
   ASSERT_TRUE(out) << log.text();
   EXPECT_TRUE(out->writeBytesPM("data", 4, nullptr, log) && out->closeHandle(&log));
-  EXPECT_TRUE(out->setFileTimeUtc(MorvaneFileTime::fromUnixTime32(1000000000), &log)) << log.text();
-  mvFileInfo info;
-  EXPECT_TRUE(info.loadFileInfoUtf8(file.c_str(), log)) << log.text();
-  EXPECT_EQ(1000000000, info.m_lastModified.seconds());
-  DataBuffer loaded;
-  EXPECT_TRUE(loaded.loadFileUtf8(file.c_str(), &log)) << log.text();
-  EXPECT_EQ(4u, loaded.getSize());
+  EXPECT_TRUE(out->setFileTimeUtc(MorvaneFileTime::fromUnixTime32(1000000000), &log));
+  EXPECT_TRUE(info.loadFileInfoUtf8(file.c_str(), log) && info.m_lastModified.seconds() == 1000000000);
+  EXPECT_TRUE(loaded.loadFileUtf8(file.c_str(), &log) && loaded.getSize() == 4);
   EXPECT_EQ("", log.text());
-  EXPECT_FALSE(info.loadFileInfoUtf8((deepest + "/missing").c_str(), log));
-  EXPECT_FALSE(info.loadFileInfoUtf8((dir / std::string(5000, 'n')).c_str(), log)) << "a name too long";
-  EXPECT_FALSE(info.loadFileInfoUtf8((dir / "deep/no/" + deepest).c_str(), log));
-
+  for (const std::string& bad :
+       {deepest + "/missing", dir / std::string(5000, 'n'), dir / "deep/no/" + deepest}) {
+    EXPECT_FALSE(info.loadFileInfoUtf8(bad.c_str(), log));
+  }
   expected += relative + "/file\n" + relative + "/new/\n" + relative + "/new/below/\n" + relative + "/p/\n";
   rlimit before;
   ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &before));
   const rlimit few = {100, before.rlim_max};
   ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &few));
-  log.ClearLog();
-  const std::string found = walk(dir.path(), log);
+  const Walk walk(dir.path());
   EXPECT_EQ(0, setrlimit(RLIMIT_NOFILE, &before));
-  EXPECT_TRUE(expected == found) << log.text();
+  EXPECT_TRUE(expected == walk.found) << walk.log.text();
 
   XString started, current;
   FileSys::getCurrentDir(started);
   ASSERT_EQ(0, fchdir(here.fd()));
   FileSys::getCurrentDir(current);
-  EXPECT_TRUE(deepest == current.str()) << current.str().size();
-  EXPECT_TRUE(DirAutoCreate::ensureFileUtf8("relative/f", parent, log));
   EXPECT_EQ(0, chdir(started.getUtf8()));
-  EXPECT_TRUE(info.loadFileInfoUtf8((deepest + "/relative").c_str(), log) && info.m_isDirectory);
+  EXPECT_TRUE(deepest == current.str()) << current.str().size();
 }
 
 TEST(LongPaths, EveryLengthAroundTheLimit) {
@@ -284,13 +227,12 @@ TEST(LongPaths, EveryLengthAroundTheLimit) {
     while (path.size() + 201 < PATH_MAX - 10) path += "/" + std::string(200, 'b');
     _mvLogger log;
     ASSERT_TRUE(DirAutoCreate::ensureDirUtf8(path.c_str(), log)) << log.text();
+    path += std::string(1 + cut % 3, '/');
     for (size_t length = PATH_MAX - 3; length <= PATH_MAX + 3; ++length) {
-      const std::string file =
-          path + std::string(1 + cut % 3, '/') + std::string(length - path.size() - 1 - cut % 3, 'f');
+      const std::string file = path + std::string(length - path.size(), 'f');
       const std::unique_ptr<OutputFile> out(OutputFile::createFileUtf8(file.c_str(), log));
-      ASSERT_TRUE(out && out->closeHandle(&log)) << log.text();
       mvFileInfo info;
-      ASSERT_TRUE(info.loadFileInfoUtf8(file.c_str(), log) && info.m_isRegularFile) << log.text();
+      ASSERT_TRUE(out && info.loadFileInfoUtf8(file.c_str(), log) && info.m_isRegularFile) << log.text();
     }
   }
 }
@@ -298,151 +240,87 @@ TEST(LongPaths, EveryLengthAroundTheLimit) {
 TEST(DirTree, WhatCannotBeReadEndsTheWalkWithItsName) {
   ScratchDir dir;
   const std::string base = dir / "base";
-  writeFile(base + "/a/file", "data");
-  writeFile(base + "/closed/secret", "");
-  writeFile(base + "/z", "more");
-  ASSERT_EQ(0, chmod(dir.path().c_str(), 0777));
-  ASSERT_EQ(0, chmod((base + "/closed").c_str(), 0000));
-  {
-    OrdinaryUser user;
-    _mvLogger log;
-    EXPECT_EQ("a/\na/file\nclosed/\nfailed\n", walk(base, log));
-    EXPECT_NE(std::string::npos, log.text().find("path: " + base + "/closed\n")) << log.text();
-
-    ClsTar tar;
-    ASSERT_TRUE(tar.AddDirRoot(base));
-    RecordingEvent event;
-    LogNull quiet;
-    ProgressMonitorPtr pm(&event, 100, 100, 0);
-    EXPECT_EQ(4, tar.calcTotalProgressForWrite(tar.log(), pm.getPm())) << "what was counted before";
-    EXPECT_EQ(0, countInLog(tar, "Failed to read directory.")) << "the counting pass says nothing";
-    EXPECT_FALSE(tar.WriteTar(XString(dir / "a.tar"), &event));
-    EXPECT_EQ(1, countInLog(tar, "path: " + base + "/closed\n")) << logOf(tar);
-  }
-  ASSERT_EQ(0, chmod((base + "/closed").c_str(), 0700));
+  shell(dir.path(),
+        "mkdir -p base/a base/closed; printf data >base/a/file; touch base/z; chmod 0 base/closed; chmod 777 "
+        ".");
+  const bool wasRoot = geteuid() == 0 && seteuid(65534) == 0;  // root may read everything
+  const Walk walk(base);
+  ClsTar tar;
+  EXPECT_TRUE(tar.AddDirRoot(base));
+  RecordingEvent event;
+  ProgressMonitor monitor(event, 100, 100, 0);
+  EXPECT_EQ(4, tar.calcTotalProgressForWrite(tar.log(), &monitor)) << "what was counted before";
+  EXPECT_FALSE(logHas(tar, "Failed to read directory.")) << "the counting pass says nothing";
+  EXPECT_FALSE(tar.WriteTar(XString(dir / "a.tar"), &event));
+  EXPECT_TRUE(!wasRoot || seteuid(0) == 0);
+  EXPECT_EQ("a/\na/file\nclosed/\nfailed\n", walk.found);
+  EXPECT_TRUE(blames(walk.log, base + "/closed")) << walk.log.text();
+  EXPECT_EQ(1, countInLog(tar, "path: " + base + "/closed\n")) << logOf(tar);
 }
 
 // What happens to the tree between two steps of the walk.
 TEST(DirTree, TreesThatChangeUnderTheWalk) {
-  struct Change {
-    const char* at;
-    const char* shell;
-    bool ok;
-    const char* sees;
-    const char* never;
-  };
-  const Change kChanges[] = {
-      {"b", "rm -r b", false, "b\n", "b/inner"},
-      {"b", "rm -r b; ln -s ../outside b", false, "b\n", "secret"},
-      {"b", "rm -r b; touch b", false, "b\n", "b/inner"},
-      {"a", "rm -r a; mkdir a; touch a/new", true, "a/new\n", "a/inner"},
-      {"a/inner", "rm -r c", true, "c\n", "failed"},  // already read
-      {"a/inner", "touch d", true, "c\n", "d\n"},
-      {"a/inner", "mv a moved", true, "b/inner\n", "moved"},
-  };
-  for (const Change& change : kChanges) {
-    SCOPED_TRACE(std::string(change.at) + ": " + change.shell);
+  const char* const kChanges[][3] = {{"b", "rm -r b", "a/\na/inner\nb/\nfailed\n"},
+                                     {"b", "rm -r b; ln -s ../outside b", "a/\na/inner\nb/\nfailed\n"},
+                                     {"b", "rm -r b; touch b", "a/\na/inner\nb/\nfailed\n"},
+                                     {"a", "rm a/*; touch a/new", "a/\na/new\nb/\nb/inner\nc\n"},
+                                     {"a/inner", "rm c; touch d", "a/\na/inner\nb/\nb/inner\nc\n"},
+                                     {"a/inner", "mv a moved", "a/\na/inner\nb/\nb/inner\nc\n"}};
+  for (const auto& [at, commands, found] : kChanges) {
     ScratchDir dir;
     const std::string base = dir / "base";
-    for (const char* name : {"a/inner", "b/inner", "c"}) writeFile(base + "/" + name, "");
-    writeFile(dir / "outside/secret", "");
-    _mvLogger log;
-    const std::unique_ptr<ClsDirTree> tree(ClsDirTree::createNewCls());
-    tree->put_BaseDir(base);
-    tree->put_Recurse(true);
-    std::string found;
-    bool ok = tree->beginIterate(log);
-    for (; ok && !tree->get_DoneIterating(); ok = tree->advancePosition(log)) {
-      XString path;
-      tree->get_RelativePath(path);
-      found += path.str() + "\n";
-      if (!path.equalsUtf8(change.at)) continue;
-      ASSERT_EQ(0, run({"sh", "-c", change.shell}, "", base).status);
-    }
-    EXPECT_EQ(change.ok, ok) << log.text();
-    EXPECT_EQ(ok, log.text().find("path: " + base + "/" + change.at + "\n") == std::string::npos);
-    EXPECT_NE(std::string::npos, found.find(change.sees)) << found;
-    EXPECT_EQ(std::string::npos, found.find(change.never)) << found;
+    for (const char* name : {"base/a/inner", "base/b/inner", "base/c", "outside/secret"})
+      writeFile(dir / name, "");
+    const Walk walk(base, true, [&, at = at, commands = commands](const std::string& path) {
+      if (path == at) shell(base, commands);
+    });
+    EXPECT_EQ(found, walk.found) << commands;
+    EXPECT_EQ(std::strstr(found, "failed") != nullptr, blames(walk.log, base + "/" + at));
   }
-}
-
-// Directories far above are closed and opened again from below, but only if they are still above.
-TEST(DirTree, ABranchMovedElsewhereEndsTheWalk) {
+  // Directories far above are closed and opened again from below, but only if they are still above.
   ScratchDir dir;
-  std::string path = dir / "base";
-  for (int i = 0; i < 100; ++i) path += "/d";
-  writeFile(path + "/leaf", "");
-  writeFile(dir / "elsewhere/secret", "");
-  writeFile(dir / "base/d/z", "");
-  _mvLogger log;
-  const std::unique_ptr<ClsDirTree> tree(ClsDirTree::createNewCls());
-  tree->put_BaseDir(dir / "base");
-  tree->put_Recurse(true);
-  std::string last;
-  bool ok = tree->beginIterate(log);
-  for (; ok && !tree->get_DoneIterating(); ok = tree->advancePosition(log)) {
-    XString relative;
-    tree->get_RelativePath(relative);
-    last = relative.str();
-    EXPECT_EQ(std::string::npos, last.find("secret"));
-    if (last.find("leaf") != std::string::npos) {
-      ASSERT_EQ(0, rename((dir / "base/d/d").c_str(), (dir / "elsewhere/moved").c_str()));
-    }
-  }
-  EXPECT_FALSE(ok);
-  EXPECT_NE(std::string::npos, last.find("leaf")) << "nothing is found in the wrong place";
-  EXPECT_NE(std::string::npos, log.text().find("path: " + dir.path() + "/base/d")) << log.text();
+  std::string expected, leaf;
+  for (int i = 0; i < 100; ++i) expected += (leaf += i ? "/d" : "d") + "/\n";
+  leaf += "/leaf";
+  for (const std::string& name : {"base/" + leaf, std::string("base/d/z"), std::string("other/secret")})
+    writeFile(dir / name, "");
+  const Walk walk(dir / "base", true, [&](const std::string& path) {
+    if (path == leaf) shell(dir.path(), "mv base/d/d other/moved");
+  });
+  EXPECT_EQ(expected + leaf + "\nfailed\n", walk.found);
+  EXPECT_TRUE(blames(walk.log, dir / "base/d/d")) << walk.log.text();
 }
 
 TEST(DirAutoCreate, MakesWhatIsMissing) {
   ScratchDir dir;
-  writeFile(dir / "file", "");
-  makeDir(dir / "dir");
-  makeLink("dir", dir / "link");
-  makeLink("nowhere", dir / "dangling");
-  const struct {
-    const char* path;
-    bool ok;
-  } kCases[] = {{"dir", true},       {"dir/", true},        {"dir/.", true},      {"x/y/z", true},
-                {"x//y///w/", true}, {"link", true},        {"link/below", true}, {"u/../v", true},
-                {"file", false},     {"file/below", false}, {"dangling", false},  {"dangling/below", false}};
-  for (const auto& each : kCases) {
-    for (int again = 0; again < 2; ++again) {
-      _mvLogger log;
-      const std::string path = dir / each.path;
-      EXPECT_EQ(each.ok, DirAutoCreate::ensureDirUtf8(path.c_str(), log)) << path;
-      const bool named = log.text().find("path: " + path + "\n") != std::string::npos;
-      EXPECT_EQ(each.ok, !named) << log.text();
-    }
+  shell(dir.path(), "touch file; mkdir dir; ln -s dir link; ln -s nowhere dangling");
+  for (const char* path :
+       {"dir", "dir/", "dir/.", "x/y/z", "x//y///w/", "link", "link/below", "u/../v", "/"}) {
+    _mvLogger log;
+    EXPECT_TRUE(DirAutoCreate::ensureDirUtf8((dir / path).c_str(), log)) << path;
+    EXPECT_TRUE(DirAutoCreate::ensureDirUtf8((dir / path).c_str(), log) && log.text().empty()) << path;
   }
-  EXPECT_EQ((std::map<std::string, std::string>{{"file", "file "},
-                                                {"dir", "dir"},
-                                                {"link", "link dir"},
-                                                {"dangling", "link nowhere"},
-                                                {"dir/below", "dir"},
-                                                {"x", "dir"},
-                                                {"x/y", "dir"},
-                                                {"x/y/z", "dir"},
-                                                {"x/y/w", "dir"},
-                                                {"u", "dir"},
-                                                {"v", "dir"}}),
-            treeOf(dir.path()));
+  for (const std::string& path :
+       {dir / "file", dir / "file/below", dir / "dangling", dir / "dangling/below", std::string()}) {
+    _mvLogger log;
+    EXPECT_FALSE(DirAutoCreate::ensureDirUtf8(path.c_str(), log));
+    EXPECT_TRUE(blames(log, path)) << log.text();
+  }
+  std::string made;
+  for (const auto& [path, what] : treeOf(dir.path())) made += path + " " + what + "|";
+  EXPECT_EQ(
+      "dangling link nowhere|dir dir|dir/below dir|file file |link link dir|u dir|v dir|x dir|x/y dir|x/y/w "
+      "dir|x/y/z dir|",
+      made);
   LogNull log;
-  EXPECT_FALSE(DirAutoCreate::ensureDirUtf8("", log));
-  EXPECT_TRUE(DirAutoCreate::ensureDirUtf8("/", log));
   const mode_t mask = umask(0027);
   EXPECT_TRUE(DirAutoCreate::ensureDirUtf8((dir / "m1/m2").c_str(), log));
   EXPECT_EQ(0027u, umask(mask)) << "the umask is the process's";
-  struct stat status;
-  for (const char* made : {"m1", "m1/m2"}) {
-    ASSERT_EQ(0, stat((dir / made).c_str(), &status));
-    EXPECT_EQ(0750u, status.st_mode & 07777);
-  }
-  const char* const kParents[][2] = {{"name", ""}, {"/name", "/"}, {"", ""}};
-  for (const auto& [path, expected] : kParents) {
+  EXPECT_EQ("750\n750\n", run({"stat", "-c", "%a", dir / "m1", dir / "m1/m2"}).out);
+  for (const char* path : {"name", "/name", ""}) {
     StringBuffer parent("old");
     EXPECT_TRUE(DirAutoCreate::ensureFileUtf8(path, parent, log));
-    EXPECT_STREQ(expected, parent.getString());
+    EXPECT_STREQ(*path == '/' ? "/" : "", parent.getString());
   }
 }
 
@@ -459,16 +337,14 @@ TEST(FilePath, JoinsAndCuts) {
   const char* const kFinal[][2] = {{"a/b/c", "c"}, {"c", "c"}, {"a/", ""},
                                    {"/", ""},      {"", ""},   {"a\\b", "a\\b"}};
   for (const auto& [path, last] : kFinal) {
-    XString out("old");
+    XString out("old"), same;
     _mvFilePath::GetFinalFilenamePart(path, out);
-    EXPECT_STREQ(last, out.getUtf8());
-    _mvFilePath::buildLongPath(path, out);
-    EXPECT_STREQ(path, out.getUtf8());
+    _mvFilePath::buildLongPath(path, same);
+    EXPECT_TRUE(out.equalsUtf8(last) && same.equalsUtf8(path)) << path;
   }
   StringBuffer user;
   Psdk::getUsername(user);
   EXPECT_EQ(run({"id", "-un"}).out, user.str() + "\n");
-  EXPECT_GT(Psdk::getCurrentUnixTime(), 1700000000);
 }
 
 }  // namespace

@@ -21,41 +21,33 @@
 namespace morvane::testing {
 namespace {
 
-// A pipe whose other end is served by a thread.
+// A pipe whose other end is served by a thread, which reads or writes.
 class ServedPipe {
  public:
   explicit ServedPipe(const std::function<void(int fd)>& serve, bool reads = false) {
-    if (pipe2(m_fds, O_CLOEXEC) != 0) ADD_FAILURE() << "no pipe";
-    const int theirs = m_fds[reads ? 0 : 1];
-    m_ours.reset(m_fds[reads ? 1 : 0]);
-    m_thread = std::thread([serve, theirs] {
-      serve(theirs);
-      close(theirs);
-    });
+    signal(SIGPIPE, SIG_IGN);
+    int fds[2];
+    if (pipe2(fds, O_CLOEXEC) != 0) ADD_FAILURE() << "no pipe";
+    ours.reset(fds[reads ? 1 : 0]);
+    m_thread = std::thread([serve, theirs = OsFile(fds[reads ? 0 : 1])] { serve(theirs.fd()); });
   }
+  // One that gives the bytes.
+  explicit ServedPipe(const std::string& bytes)
+      : ServedPipe([bytes](int fd) {
+          for (size_t at = 0; at < bytes.size(); at += 1000) {
+            if (write(fd, bytes.data() + at, std::min<size_t>(1000, bytes.size() - at)) < 0) return;
+          }
+        }) {}
   ~ServedPipe() { join(); }
-  OsFile takeOurs() { return std::move(m_ours); }
   void join() {
-    m_ours.close();
+    ours.close();
     if (m_thread.joinable()) m_thread.join();
   }
+  OsFile ours;
 
  private:
-  int m_fds[2] = {-1, -1};
-  OsFile m_ours;
   std::thread m_thread;
 };
-
-std::function<void(int)> writing(const std::string& bytes) {
-  signal(SIGPIPE, SIG_IGN);
-  return [bytes](int fd) {
-    for (size_t at = 0; at < bytes.size();) {
-      const ssize_t n = write(fd, bytes.data() + at, bytes.size() - at);
-      if (n < 0) return;
-      at += static_cast<size_t>(n);
-    }
-  };
-}
 
 // Random reads, loans, looks ahead and seeks; the same as on a string.
 void agreesWithAString(_mvDataSource& source, const std::string& bytes, size_t at, bool backwards,
@@ -68,53 +60,44 @@ void agreesWithAString(_mvDataSource& source, const std::string& bytes, size_t a
     SCOPED_TRACE("seed " + std::to_string(seed) + ", step " + std::to_string(step));
     const unsigned span = static_cast<unsigned>(random() % (kSpans[random() % 6] + 1));
     const size_t left = at < bytes.size() ? bytes.size() - at : 0;
-    const char* lent = nullptr;
     unsigned got = 0;
-    const auto theBytes = [&](const char* found, size_t n) {
-      return n == 0 || bytes.compare(at, n, found, n) == 0;
-    };
-    switch (random() % 5) {
+    const char* found = buffer.data();
+    size_t used = 0;
+    switch (random() % (source.canLend() ? 5 : 3)) {
       case 0:
         ASSERT_TRUE(source.readSourcePM(&buffer[0], span, got, nullptr, log)) << log.text();
         ASSERT_TRUE(shortReads || got == std::min<size_t>(span, left)) << "a short read is only at the end";
         ASSERT_TRUE(got <= span && (got > 0 || left == 0 || span == 0));
-        ASSERT_TRUE(theBytes(buffer.data(), got));
-        at += got;
+        used = got;
         break;
-      case 1: {
-        if (!source.canLend()) break;
-        ASSERT_TRUE(source.lendBytes(span + 1, lent, got, nullptr, log));
-        ASSERT_TRUE(got <= span + 1 && (got > 0 || left == 0));
-        ASSERT_TRUE(theBytes(lent, got));
-        const unsigned unused = static_cast<unsigned>(random() % (got + 1));
-        source.takeBack(unused);
-        at += got - unused;
-        break;
-      }
-      case 2:
-        if (!source.canLend()) break;
-        ASSERT_TRUE(source.peekBytes(span % 513, lent, got, nullptr, log));
-        ASSERT_EQ(std::min<size_t>(span % 513, left), got);
-        ASSERT_TRUE(theBytes(lent, got));
-        break;
-      case 3:
+      case 1:
         ASSERT_TRUE(source.readFully(&buffer[0], span, got, nullptr, log));
         ASSERT_EQ(std::min<size_t>(span, left), got);
-        ASSERT_TRUE(theBytes(buffer.data(), got));
-        at += got;
+        used = got;
         break;
-      case 4: {
-        if (source.ftell64() < 0 || !backwards) {
+      case 2:
+        if (!backwards) {
           ASSERT_TRUE(source.skipByReading(span, nullptr, log));
           at += std::min<size_t>(span, left);
-          break;
+        } else {
+          at = random() % 3 == 0 ? random() % (bytes.size() + 5000) : at + span % 5000;
+          ASSERT_TRUE(source.fseekAbsolute64(static_cast<long long>(at), log));
         }
-        const size_t to = random() % 3 == 0 ? random() % (bytes.size() + 5000) : at + span % 5000;
-        ASSERT_TRUE(source.fseekAbsolute64(static_cast<long long>(to), log));
-        at = to;
+        break;
+      case 3: {
+        ASSERT_TRUE(source.lendBytes(span + 1, found, got, nullptr, log));
+        ASSERT_TRUE(got <= span + 1 && (got > 0 || left == 0));
+        const unsigned unused = static_cast<unsigned>(random() % (got + 1));
+        source.takeBack(unused);
+        used = got - unused;
         break;
       }
+      case 4:
+        ASSERT_TRUE(source.peekBytes(span % 513, found, got, nullptr, log));
+        ASSERT_EQ(std::min<size_t>(span % 513, left), got);
     }
+    ASSERT_TRUE(got == 0 || bytes.compare(at, got, found, got) == 0);
+    at += used;
     ASSERT_TRUE(!backwards || source.ftell64() == static_cast<long long>(at));
     ASSERT_TRUE(!source.endOfStream() || at >= bytes.size());
   }
@@ -141,9 +124,9 @@ TEST(Sources, AllAgreeWithAString) {
     EXPECT_EQ(700'001, memory.sizeIfKnown());
     agreesWithAString(memory, bytes, 0, true, false, seed);
 
-    ServedPipe served(writing(bytes));
+    ServedPipe served(bytes);
     _mvFileDataSource pipe;
-    ASSERT_TRUE(pipe.adopt(served.takeOurs(), "pipe", log));
+    ASSERT_TRUE(pipe.adopt(std::move(served.ours), "pipe", log));
     EXPECT_TRUE(pipe.ftell64() == -1 && pipe.sizeIfKnown() == -1 && pipe.getFileSize64(log) == 0);
     agreesWithAString(pipe, bytes, 0, false, false, seed);
     pipe.close();
@@ -159,54 +142,45 @@ TEST(Sources, AllAgreeWithAString) {
 TEST(FileSource, SeekRules) {
   ScratchDir dir;
   writeFile(dir / "file", "0123456789");
-  const auto readOne = [](_mvDataSource& source) {
-    LogNull log;
-    char byte = '-';
-    unsigned got = 0;
-    return source.readSourcePM(&byte, 1, got, nullptr, log) ? (got ? std::string(1, byte) : "end") : "failed";
+  struct Seek {
+    long long to;
+    const char* thenRead;  // "!" fails, "" is the end
   };
-  for (const long long past : {10LL, 11LL, 1LL << 40, LLONG_MAX - 300'000, LLONG_MAX - 1, LLONG_MAX}) {
-    _mvLogger log;
-    _mvFileDataSource file;
-    ASSERT_TRUE(file.openDataSourceFile(XString(dir / "file"), log));
-    EXPECT_TRUE(file.fseekAbsolute64(past, log)) << past;
-    EXPECT_EQ("end", readOne(file)) << past;
-    std::string large(200'000, '\0');
-    unsigned got = 1;
-    EXPECT_TRUE(file.readSourcePM(&large[0], 200'000, got, nullptr, log)) << past << log.text();
-    EXPECT_EQ(0u, got);
-    EXPECT_TRUE(file.endOfStream());
-    EXPECT_TRUE(file.fseekAbsolute64(3, log));
-    EXPECT_EQ("3", readOne(file)) << "and back";
-  }
+  const auto play = [](_mvFileDataSource& source, const std::vector<Seek>& seeks) {
+    for (const Seek& each : seeks) {
+      for (const unsigned size : {1u, 200'000u}) {  // through the window and past it
+        _mvLogger log;
+        std::string bytes(size, '\0');
+        unsigned got = 0;
+        EXPECT_EQ(*each.thenRead != '!', source.fseekAbsolute64(each.to, log)) << each.to;
+        const bool ok = source.readSourcePM(&bytes[0], source.ftell64() < 0 ? 1 : size, got, nullptr, log);
+        EXPECT_EQ(each.thenRead, ok ? bytes.substr(0, std::min(got, 1u)) : "!") << each.to << log.text();
+        EXPECT_EQ(ok, log.text().empty());
+        if (source.ftell64() < 0) break;
+      }
+    }
+  };
   for (const long long before : {-1LL, LLONG_MIN}) {
     _mvLogger log;
-    _mvFileDataSource file;
+    _mvFileDataSource file, pipe;
     ASSERT_TRUE(file.openDataSourceFile(XString(dir / "file"), log));
-    EXPECT_EQ("0", readOne(file));
-    EXPECT_FALSE(file.fseekAbsolute64(before, log));
-    EXPECT_EQ("failed", readOne(file)) << "a failed seek makes later reads fail";
+    play(file,
+         {{3, "3"}, {9, "9"}, {10, ""}, {11, ""}, {3, "3"}, {1LL << 40, ""}, {LLONG_MAX - 200'000, ""}});
+    play(file, {{LLONG_MAX - 1, ""}, {0, "0"}, {LLONG_MAX, ""}, {3, "3"}, {before, "!"}});
     const char* bytes = nullptr;
     unsigned got = 0;
-    EXPECT_FALSE(file.lendBytes(1, bytes, got, nullptr, log) || file.peekBytes(1, bytes, got, nullptr, log));
-    EXPECT_NE(std::string::npos, log.text().find("path: " + (dir / "file") + "\n"));
+    EXPECT_FALSE(file.readFully(nullptr, 1, got, nullptr, log) ||
+                 file.lendBytes(1, bytes, got, nullptr, log) || file.peekBytes(1, bytes, got, nullptr, log))
+        << "later reads fail too";
+    ServedPipe served(std::string("0123456789"));
+    ASSERT_TRUE(pipe.adopt(std::move(served.ours), "pipe", log));
+    play(pipe, {{0, "0"}, {4, "4"}, {5, "5"}, {1000, ""}, {4, "!"}});
+    pipe.close();
     _mvMemoryDataSource memory;
     EXPECT_FALSE(memory.fseekAbsolute64(before, log));
   }
-  _mvLogger log;
-  ServedPipe served(writing("0123456789"));
-  _mvFileDataSource pipe;
-  ASSERT_TRUE(pipe.adopt(served.takeOurs(), "pipe", log));
-  EXPECT_TRUE(pipe.fseekAbsolute64(4, log));
-  EXPECT_EQ("4", readOne(pipe));
-  EXPECT_TRUE(pipe.fseekAbsolute64(5, log)) << "where it stands";
-  EXPECT_TRUE(pipe.fseekAbsolute64(1000, log)) << "past the end";
-  EXPECT_EQ("end", readOne(pipe));
-  EXPECT_FALSE(pipe.fseekAbsolute64(4, log)) << "never back";
-  EXPECT_EQ("failed", readOne(pipe));
-
   for (const std::string& bad : {dir / "missing", dir.path(), dir / "file/below"}) {
-    log.ClearLog();
+    _mvLogger log;
     _mvFileDataSource file;
     EXPECT_FALSE(file.openDataSourceFile(XString(bad), log));
     EXPECT_NE(std::string::npos, log.text().find("path: " + bad + "\n")) << log.text();
@@ -269,12 +243,11 @@ TEST(Copy, ExactlyAsManyBytesAsAsked) {
       }
     }
   }
-  struct AbortingEvent : ProgressEvent {
-    void onProgress(int percent, bool& abort) override { abort = percent >= 50; }
-  } event;
-  _mvMemoryDataSource source;
   const std::string large = noise(1'000'000, 5);
+  _mvMemoryDataSource source;
   source.initializeMemSource(reinterpret_cast<const unsigned char*>(large.data()), 1'000'000);
+  RecordingEvent event;
+  event.abortAtPercent = 39;  // after the third piece of 128 KiB
   ProgressMonitor monitor(event, 100, 100, 1'000'000);
   LimitedOutput out;
   _mvLogger log;
@@ -291,14 +264,11 @@ TEST(Outputs, TheBaseDiscardsAndTheBufferKeeps) {
   ASSERT_TRUE(bytes.append(" bytes", 6));
   for (_mvOutput* out : {&nowhere, static_cast<_mvOutput*>(&buffer)}) {
     EXPECT_TRUE(out->writeBytesPM("some", 4, nullptr, log) && out->writeDbPM(bytes, nullptr, log) &&
-                out->writeLittleEndianUInt32PM(0x81020304, nullptr, log));
-    EXPECT_TRUE(out->seekToEnd(log) && out->fseekAbsolute64(1, log) && out->resetOutput(log) &&
-                out->announceOutputFinished(log));
+                out->writeLittleEndianUInt32PM(0x81020304, nullptr, log) && out->seekToEnd(log) &&
+                out->fseekAbsolute64(1, log) && out->resetOutput(log) && out->announceOutputFinished(log));
   }
-  EXPECT_EQ(0, nowhere.ftell64());
-  EXPECT_EQ(14, buffer.ftell64());
+  EXPECT_TRUE(nowhere.ftell64() == 0 && buffer.ftell64() == 14 && log.text().empty());
   EXPECT_EQ(0, std::memcmp("some bytes\x04\x03\x02\x81", kept.getData2(), 14));
-  EXPECT_EQ("", log.text());
 }
 
 TEST(OutputFile, PiecesOfEverySize) {
@@ -323,14 +293,12 @@ TEST(OutputFile, PiecesOfEverySize) {
     ASSERT_TRUE(file->closeHandle(&log) && file->closeHandle(&log));
     EXPECT_TRUE(expected == readFile(dir / "file"));
     EXPECT_EQ(-7, mtimeOf(dir / "file")) << "the last bytes do not change the time again";
-    EXPECT_FALSE(file->writeBytesPM("x", 1, nullptr, log));
-    EXPECT_TRUE(file->setFileTimeUtc_3({}, MorvaneFileTime::fromUnixTime32(5),
-                                       MorvaneFileTime::fromUnixTime32(9), log));
     mvFileInfo info;
-    ASSERT_TRUE(info.loadFileInfoUtf8((dir / "file").c_str(), log));
-    EXPECT_TRUE(info.m_lastAccess.seconds() == 5 && info.m_lastModified.seconds() == 9);
-    EXPECT_FALSE(file->getFileInfo(info)) << "closed";
-    EXPECT_EQ("", log.text());
+    EXPECT_FALSE(file->writeBytesPM("x", 1, nullptr, log) || file->getFileInfo(info));
+    const auto at = MorvaneFileTime::fromUnixTime32;
+    ASSERT_TRUE(file->setFileTimeUtc_3({}, at(5, 0), at(9, 0), log) &&
+                info.loadFileInfoUtf8((dir / "file").c_str(), log));
+    EXPECT_TRUE(info.m_lastAccess.seconds() == 5 && info.m_lastModified.seconds() == 9 && log.text().empty());
   }
 }
 
@@ -382,69 +350,50 @@ TEST(OutputFile, AFullDiskIsAFalseResultThatStays) {
   }
 }
 
-TEST(OutputFile, AFifoNeverBlocksTheOpening) {
-  ScratchDir dir;
-  const std::string fifo = dir / "fifo";
-  ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
-  _mvLogger log;
-  EXPECT_EQ(nullptr, OutputFile::createFileUtf8(fifo.c_str(), log)) << "nobody reads it";
-  EXPECT_NE(std::string::npos, log.text().find("path: " + fifo));
-  // With a reader, more goes through than a pipe holds.
-  const OsFile reader(open(fifo.c_str(), O_RDONLY | O_NONBLOCK));
-  ASSERT_EQ(0, reader.setBlocking());
-  const std::string bytes = noise(500'000, 8);
-  const std::unique_ptr<OutputFile> file(OutputFile::createFileUtf8(fifo.c_str(), log));
-  ASSERT_TRUE(file);
-  std::string received;
-  std::thread reading([&] {
-    char buffer[4096];
-    for (ssize_t n; (n = reader.readSome(buffer, sizeof buffer)) > 0;)
-      received.append(buffer, static_cast<size_t>(n));
-  });
-  EXPECT_TRUE(file->writeBytesPM(bytes.data(), 500'000, nullptr, log) && file->closeHandle(&log))
-      << log.text();
-  reading.join();
-  EXPECT_TRUE(bytes == received);
+// Reads all there is; each piece comes with a signal to the other side.
+void drain(int fd, std::string& received, pthread_t signalled) {
+  char buffer[3000];
+  for (ssize_t n; (n = read(fd, buffer, sizeof buffer)) > 0;
+       received.append(buffer, static_cast<size_t>(n))) {
+    pthread_kill(signalled, SIGUSR1);
+  }
 }
 
-// Signals that break a wait: it goes on, unless the application then says that it wants to abort.
-TEST(Signals, BreakAWaitOnlyForAnAbort) {
-  struct sigaction interrupt = {}, before;
+// Signals break waits: these go on, unless the application then says that it wants to abort.
+TEST(Waiting, FifosSignalsAndAborts) {
+  ScratchDir dir;
+  struct sigaction interrupt = {};
   interrupt.sa_handler = [](int) {};
-  ASSERT_EQ(0, sigaction(SIGUSR1, &interrupt, &before));
+  ASSERT_EQ(0, sigaction(SIGUSR1, &interrupt, nullptr));
   const pthread_t self = pthread_self();
-  const std::string bytes = noise(200'000, 9);
+  const std::string fifo = dir / "fifo", bytes = noise(300'000, 9);
   _mvLogger log;
+  ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
+  EXPECT_EQ(nullptr, OutputFile::createFileUtf8(fifo.c_str(), log))
+      << "nobody reads it, and opening never waits";
+  EXPECT_NE(std::string::npos, log.text().find("path: " + fifo + "\n"));
   {
+    const OsFile reader(open(fifo.c_str(), O_RDONLY | O_NONBLOCK));
+    ASSERT_EQ(0, reader.setBlocking());
+    const std::unique_ptr<OutputFile> file(OutputFile::createFileUtf8(fifo.c_str(), log));
+    ASSERT_TRUE(file);
     std::string received;
-    ServedPipe served(
-        [&, self](int fd) {
-          char buffer[3000];
-          for (ssize_t n; (n = read(fd, buffer, sizeof buffer)) > 0;) {
-            pthread_kill(self, SIGUSR1);
-            received.append(buffer, static_cast<size_t>(n));
-          }
-        },
-        true);
-    {
-      const std::unique_ptr<OutputFile> file(OutputFile::adopt(served.takeOurs(), "pipe"));
-      EXPECT_TRUE(file->writeBytesPM(bytes.data(), 200'000, nullptr, log) && file->closeHandle(&log))
-          << log.text();
-    }
-    served.join();
+    std::thread reading([&] { drain(reader.fd(), received, self); });
+    EXPECT_TRUE(file->writeBytesPM(bytes.data(), 300'000, nullptr, log) && file->closeHandle(&log))
+        << log.text();
+    reading.join();
     EXPECT_TRUE(bytes == received);
   }
   {
     ServedPipe served([&, self](int fd) {
-      for (size_t at = 0; at < bytes.size(); at += 1000) {
+      for (size_t at = 0; at < bytes.size() && write(fd, bytes.data() + at, 1000) == 1000; at += 1000) {
         pthread_kill(self, SIGUSR1);
-        if (write(fd, bytes.data() + at, 1000) != 1000) return;
       }
     });
     _mvFileDataSource source;
     LimitedOutput out;
-    ASSERT_TRUE(source.adopt(served.takeOurs(), "pipe", log));
-    EXPECT_TRUE(source.copyNToOutputPM(out, 200'000, nullptr, log)) << log.text();
+    ASSERT_TRUE(source.adopt(std::move(served.ours), "pipe", log));
+    EXPECT_TRUE(source.copyNToOutputPM(out, 300'000, nullptr, log)) << log.text();
     EXPECT_TRUE(bytes == out.bytes);
   }
   for (const bool reads : {true, false}) {
@@ -452,32 +401,28 @@ TEST(Signals, BreakAWaitOnlyForAnAbort) {
     // The other side neither reads nor writes: only the signals can end this.
     ServedPipe served(
         [&, self](int) {
-          while (!done) {
-            pthread_kill(self, SIGUSR1);
-            std::this_thread::yield();
-          }
+          for (; !done; std::this_thread::yield()) pthread_kill(self, SIGUSR1);
         },
         !reads);
     RecordingEvent event;
     event.abortAtQuestion = 3;
     ProgressMonitor monitor(event, 100, 100, 0);
+    _mvFileDataSource source;
+    char byte;
+    unsigned got = 0;
     log.ClearLog();
     if (reads) {
-      _mvFileDataSource source;
-      char byte;
-      unsigned got = 0;
-      EXPECT_TRUE(source.adopt(served.takeOurs(), "pipe", log));
+      EXPECT_TRUE(source.adopt(std::move(served.ours), "pipe", log));
       EXPECT_FALSE(source.readSourcePM(&byte, 1, got, &monitor, log));
     } else {
-      const std::unique_ptr<OutputFile> file(OutputFile::adopt(served.takeOurs(), "pipe"));
-      EXPECT_FALSE(file->writeBytesPM(bytes.data(), 200'000, &monitor, log));
-      EXPECT_FALSE(file->closeHandle());
+      const std::unique_ptr<OutputFile> file(OutputFile::adopt(std::move(served.ours), "pipe"));
+      EXPECT_FALSE(file->writeBytesPM(bytes.data(), 300'000, &monitor, log) || file->closeHandle());
     }
     done = true;
     EXPECT_EQ("Aborted by application.\n", log.text());
     EXPECT_EQ(3, event.questions);
   }
-  sigaction(SIGUSR1, &before, nullptr);
+  signal(SIGUSR1, SIG_IGN);
 }
 
 }  // namespace

@@ -17,6 +17,10 @@ if [ -n "$missing" ]; then
   DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends $missing >/dev/null || exit 1
 fi
 
+# The tests make and remove very many small files: in memory where there is room.
+shm_free=$(df -Pm /dev/shm 2>/dev/null | awk 'NR == 2 { print $4 }')
+[ -n "${TMPDIR:-}" ] || { [ "${shm_free:-0}" -ge 2048 ] && export TMPDIR=/dev/shm; }
+
 passed=0
 failed=0
 logs=build/test-logs

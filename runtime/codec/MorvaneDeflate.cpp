@@ -116,8 +116,10 @@ bool MorvaneDeflate::inflateFromSourcePM(bool, _mvDataSource& source, _mvOutput&
   InputWindow input(source, pm, log);
   unsigned roundsWithoutProgress = 0;
   RawInflate::State state = RawInflate::State::GoesOn;
+  unsigned produced = 0;
   while (state != RawInflate::State::Finished) {
-    if (inflater.inputLeft() == 0) {
+    // A full output may have more behind it that needs no further input.
+    if (inflater.inputLeft() == 0 && produced < kOut) {
       const char* bytes = nullptr;
       unsigned n = 0;
       if (!input.next(bytes, n)) return false;
@@ -125,7 +127,6 @@ bool MorvaneDeflate::inflateFromSourcePM(bool, _mvDataSource& source, _mvOutput&
       inflater.setInput(bytes, n);
     }
     const unsigned hadIn = inflater.inputLeft();
-    unsigned produced = 0;
     state = inflater.step(buffer.get(), kOut, produced);
     if (state == RawInflate::State::Damaged) return fail(log, "The deflate data are damaged.");
     if (!writeDecoded(out, buffer.get(), produced, pm, log)) return false;

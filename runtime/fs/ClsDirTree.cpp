@@ -168,7 +168,7 @@ unsigned char ClsDirTree::currentType() const {
   if (type != DT_UNKNOWN) return type;
   struct stat status;
   if (fstatat(currentDirectory(), currentName(), &status, AT_SYMLINK_NOFOLLOW) != 0) return DT_UNKNOWN;
-  return IFTODT(status.st_mode);
+  return static_cast<unsigned char>(IFTODT(status.st_mode));
 }
 
 bool ClsDirTree::isEnterable() const { return currentType() == DT_DIR; }

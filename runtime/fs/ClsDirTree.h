@@ -57,6 +57,8 @@ class MORVANE_API ClsDirTree {
   bool prepareToEnter(LogBase& log);
   // Whether that was done for the current entry, with whatever result.
   bool isPrepared() const { return m_hasPrepared || m_passBy; }
+  // Makes the walk go on without entering the current entry.
+  void passBy() { m_passBy = true; }
 
  private:
   struct Level {

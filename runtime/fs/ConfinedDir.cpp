@@ -173,7 +173,8 @@ ConfinedDir::Result ConfinedDir::walkToParent(const Parts& parts, LogBase& log) 
     if (!next.isOpen() && leavesTheTarget(errno)) {
       if (m_partByPart || m_links == Links::None) return Result::Refused;
       next.reset(openBeneath(parts, i + 1));
-      if (!next.isOpen()) return Result::Refused;
+      // A link to nothing is refused too: making what it names might be making it elsewhere.
+      if (!next.isOpen() && (leavesTheTarget(errno) || errno == ENOENT)) return Result::Refused;
     }
     reached = std::move(next);
   }

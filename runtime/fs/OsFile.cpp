@@ -34,8 +34,8 @@ int onPath(const char* path, Call call) {
     if (opened < 0) return -1;
     directory.reset(opened);
     path += cut;
-    while (*path == '/') ++path;
-    length = std::strlen(path);
+    length -= cut;
+    for (; *path == '/'; ++path) --length;
   }
   return call(directory.isOpen() ? directory.fd() : AT_FDCWD, *path ? path : ".");
 }

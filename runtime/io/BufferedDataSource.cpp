@@ -21,9 +21,11 @@ bool BufferedDataSource::fill(ProgressMonitor* pm, LogBase& log) {
     log.LogError("Out of memory for a read buffer.");
     return false;
   }
-  std::memmove(m_buffer.get(), m_buffer.get() + m_at - kBehind, m_end - m_at + kBehind);
-  m_end -= m_at - kBehind;
-  m_at = kBehind;
+  if (m_at > kBehind) {
+    std::memmove(m_buffer.get(), m_buffer.get() + m_at - kBehind, m_end - m_at + kBehind);
+    m_end -= m_at - kBehind;
+    m_at = kBehind;
+  }
   unsigned got = 0;
   if (!m_source.readSourcePM(m_buffer.get() + m_end, kBehind + kBuffer - m_end, got, pm, log)) return false;
   m_ended = got == 0;

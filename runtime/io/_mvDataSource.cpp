@@ -77,6 +77,7 @@ bool _mvDataSource::copyNToOutput2PM(_mvOutput& out, long long n, char* buffer, 
                           : readSourcePM(buffer, pieceOf(n, bufferSize), got, pm, log);
     if (!ok) return false;
     if (got == 0) return endedEarly(n, log);
+    if (pm && pm->abortCheckTimed(log)) return logAborted(log);  // an application's source may not ask
     if (!out.writeBytesPM(bytes, got, pm, log)) return false;
     n -= got;
   }
@@ -97,6 +98,7 @@ bool _mvDataSource::skipByReading(long long n, ProgressMonitor* pm, LogBase& log
                           : readSourcePM(buffer.get(), pieceOf(n, kCopyBuffer), got, pm, log);
     if (!ok) return false;
     if (got == 0) return true;
+    if (pm && pm->abortCheckTimed(log)) return logAborted(log);
     n -= got;
   }
   return true;

@@ -157,7 +157,9 @@ bool _mvFileDataSource::fillWindow(ProgressMonitor* pm, LogBase& log) {
 }
 
 bool _mvFileDataSource::mayGoOn(unsigned moved, ProgressMonitor* pm, LogBase& log) {
-  if (!pm || !(pm->abortCheckTimed(log) || pm->consumeProgress(moved, log))) return true;
+  const unsigned again = std::min(moved, m_countedBefore);
+  m_countedBefore -= again;
+  if (!pm || !(pm->abortCheckTimed(log) || pm->consumeProgress(moved - again, log))) return true;
   return logAborted(log);
 }
 
@@ -176,6 +178,7 @@ bool _mvFileDataSource::lendBytes(unsigned most, const char*& bytes, unsigned& n
 void _mvFileDataSource::takeBack(unsigned n) {
   m_windowAt -= n;
   m_position -= n;
+  m_countedBefore += n;
 }
 
 bool _mvFileDataSource::readSourcePM(char* buffer, unsigned int n, unsigned int& numRead, ProgressMonitor* pm,
@@ -204,9 +207,11 @@ bool _mvFileDataSource::peekBytes(unsigned n, const char*& bytes, unsigned& got,
   if (m_failed || !makeWindow(log)) return false;
   // A pipe may give its first bytes in small pieces: gather them at the window's start.
   const unsigned held = m_windowEnd - m_windowAt;
-  std::memmove(m_window.get(), m_window.get() + m_windowAt - kBehind, kBehind + held);
-  m_windowAt = kBehind;
-  m_windowEnd = kBehind + held;
+  if (m_windowAt > kBehind) {
+    std::memmove(m_window.get(), m_window.get() + m_windowAt - kBehind, kBehind + held);
+    m_windowAt = kBehind;
+    m_windowEnd = kBehind + held;
+  }
   while (m_windowEnd - m_windowAt < n) {
     const unsigned room = kBehind + m_readAhead - m_windowEnd;
     unsigned more = 0;

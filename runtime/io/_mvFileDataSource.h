@@ -70,6 +70,7 @@ class MORVANE_API _mvFileDataSource : public _mvDataSource {
   std::unique_ptr<char[]> m_window;
   // The bytes of the window not handed out yet; in front of it are the last ones of the window before.
   unsigned m_windowAt = kBehind, m_windowEnd = kBehind;
+  unsigned m_countedBefore = 0;  // bytes taken back, which the monitor has been told of
   unsigned m_readAhead = 0;
 };
 

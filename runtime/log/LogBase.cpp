@@ -10,6 +10,18 @@
 
 namespace morvane {
 
+namespace {
+
+// The start of a value that is too long to be of use in a log.
+std::string shortened(const char* value) {
+  constexpr size_t kShown = 64 * 1024;
+  const size_t length = std::strlen(value);
+  if (length <= kShown) return std::string(value, length);
+  return std::string(value, kShown) + "... " + std::to_string(length - kShown) + " bytes more";
+}
+
+}  // namespace
+
 LogBase::~LogBase() = default;
 
 void LogBase::writeLine(unsigned, const char*, unsigned) {}
@@ -45,10 +57,11 @@ void LogBase::LogError(const char* text) {
 
 void LogBase::LogData(const char* tag, const char* value) {
   if (!keepsLines()) return;
-  if (m_cause.open && std::strcmp(tag, "path") == 0) m_cause.path = value;
-  if (m_cause.open && std::strcmp(tag, "reason") == 0) m_cause.reason = value;
+  const std::string shown = shortened(value);
+  if (m_cause.open && std::strcmp(tag, "path") == 0) m_cause.path = shown;
+  if (m_cause.open && std::strcmp(tag, "reason") == 0) m_cause.reason = shown;
   showContexts();
-  const std::string line = std::string(tag) + ": " + logSafeText(value);
+  const std::string line = std::string(tag) + ": " + logSafeText(shown.c_str());
   writeLine(contextDepth(), line.data(), static_cast<unsigned>(line.size()));
 }
 

@@ -42,7 +42,9 @@ std::string _mvLogger::text() const {
   std::string text = m_head;
   unsigned long long dropped = m_droppedBytes;
   size_t from = 0;
-  if (m_tail.size() > kKeptAtEachEnd && m_head.size() + m_tail.size() > 2 * kKeptAtEachEnd) {
+  // A long line may have left the head short: a log that is not too long as a whole is kept whole.
+  const bool tooLong = dropped > 0 || m_head.size() + m_tail.size() > 2 * kKeptAtEachEnd;
+  if (tooLong && m_tail.size() > kKeptAtEachEnd) {
     from = m_tail.size() - kKeptAtEachEnd;
     const size_t lineEnd = m_tail.find('\n', from - 1);
     if (lineEnd != std::string::npos && lineEnd + 1 < m_tail.size()) from = lineEnd + 1;

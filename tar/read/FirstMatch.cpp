@@ -37,10 +37,10 @@ bool ClsTar::_untarFirstMatchingToOutput(_mvDataSource& source, const XString& p
       return endOfArchive;
     }
     cursor.passed(kBlockSize);
-    StringBuffer bytes(header.m_path);
+    std::string bytes = header.m_path.str();
     applyEntryPathRules(bytes, false, m_noAbsolutePaths);
     std::string decoded;
-    decoder.append(bytes.str(), decoded);
+    decoder.append(bytes, decoded);
     const XString path(std::move(decoded));
     if (m_untarDebugLog) log.LogDataX("entry", path);
     if (logEntries) log.LogDataX("entryFilepath", path);
@@ -68,10 +68,11 @@ bool ClsTar::UntarFirstMatchingToMemory(DataBuffer& tarBytes, const XString& pat
 }
 
 bool ClsTar::UntarFirstMatchingToBd(const XString& tarPath, const XString& pattern, ClsBinData& destination) {
-  return method("UntarFirstMatchingToBd", MethodForm::Judged, false, [&](MethodFrame&) {
+  return method("UntarFirstMatchingToBd", MethodForm::Judged, false, [&](MethodFrame& frame) {
     _mvFileDataSource file;
     if (!file.openDataSourceFile(tarPath, m_log)) {
       m_log.LogError("Failed.");
+      frame.withoutVerdict();
       return false;
     }
     OutputDataBuffer out(destination.data());

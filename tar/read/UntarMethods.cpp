@@ -78,7 +78,7 @@ int ClsTar::_untar(_mvDataSource& source, bool extract, LogBase& log, ProgressMo
 // The first member that the event does not skip: 1 when there is one, 0 when not, -1 on failure.
 int ClsTar::untarMember(_mvDataSource& source, _mvOutput& out, ProgressMonitor* pm, ProgressEvent* progress) {
   ReadSettings settings = readSettings();
-  settings.suppressOutput = false;
+  settings.suppressOutput = settings.captureXmlListing = false;
   UntarRun run({source, m_log, m_log, pm, progress, m_xmlListing}, settings, true);
   run.extractFirstMemberInto(out);
   return run.run();

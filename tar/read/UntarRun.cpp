@@ -23,6 +23,8 @@ constexpr unsigned kSmallCopyBufferSize = 20000;
 // Extension data are read whole; what is larger than this is no path.
 constexpr long long kLongestExtension = 100000;
 
+constexpr char kAborted[] = "Untar aborted by application. (1)";
+
 std::string typeText(char typeFlag) { return std::string(typeFlag ? 1 : 0, typeFlag); }
 
 MorvaneFileTime fileTime(unsigned seconds, const TarTime& exact, bool full) {
@@ -82,7 +84,7 @@ bool UntarRun::failWith(const char* message, const char* tag, const XString& val
 
 UntarRun::Step UntarRun::nextEntry() {
   if (m_context.pm && m_settings.abortCheckMs != 0 && m_context.pm->abortCheck(m_log)) {
-    fail("Untar aborted by application. (1)");
+    fail(kAborted);
     return Step::Fail;
   }
   if (m_log.verbose()) {
@@ -110,6 +112,7 @@ bool UntarRun::readHeader(char& typeFlag) {
   const bool intoFollowing = merge && !m_settings.options.fullRead;
   TarHeader& header = intoFollowing ? m_following : m_current;
   if (!header.parseFromDataSource(m_context.source, nullptr, m_endOfArchive, m_log, m_context.pm)) {
+    if (m_context.pm && m_context.pm->isAborted()) return fail(kAborted);
     return fail(merge ? "Failed to parse header from data source (1)"
                       : "Failed to parse header from data source (2)");
   }
@@ -213,6 +216,7 @@ UntarRun::Step UntarRun::handleMember(char typeFlag) {
   if (m_context.event) {
     announceHeader(*m_context.event, m_current, m_path.entryPath(), headerPosition, m_settings);
   }
+  giveUpLongText(m_current.m_path);
   bool extracted = false;
   const Step step = extractMember(extracted);
   if (step != Step::GoOn) return step;
@@ -272,7 +276,7 @@ bool UntarRun::extractDirectory(bool& refused) {
   if (m_settings.untarDebugLog) m_log.LogDataX("dir", m_path.entryPath());
   if (m_log.verbose()) m_log.LogDataX("createDir", m_path.outputPath());
   LogNull unwanted;
-  const auto outcome = m_target.makeDirectory(m_path, m_settings, m_log.verbose() ? m_log : unwanted);
+  const auto outcome = m_target.makeDirectory(m_path, m_settings, m_log.verbose() ? m_log : unwanted, m_log);
   refused = outcome == ExtractTarget::Outcome::Refused;
   return refused || outcome == ExtractTarget::Outcome::Ok ||
          failWith("Unable to create directory", "dirPath", m_path.outputPath());
@@ -283,7 +287,10 @@ bool UntarRun::extractFile(bool& refused) {
   if (m_log.verbose()) m_log.LogDataX("outputFile", m_path.outputPath());
   LogNull unwanted;
   std::unique_ptr<OutputFile> file;
-  switch (m_target.createFile(m_path, m_settings, m_log.verbose() ? m_log : unwanted, m_log, file)) {
+  LogBase& directoryLog = m_log.verbose() ? m_log : unwanted;
+  const bool confined = m_settings.options.confine != Confine::Off;
+  // Where plain creation fails, extractToFile tries again and says why.
+  switch (m_target.createFile(m_path, m_settings, nullptr, directoryLog, confined ? m_log : unwanted, file)) {
     case ExtractTarget::Outcome::Ok:
       break;
     case ExtractTarget::Outcome::Refused:
@@ -292,21 +299,23 @@ bool UntarRun::extractFile(bool& refused) {
     case ExtractTarget::Outcome::NoParent:
       return failWith("Failed to ensure directory exists.", "filePath", m_path.outputPath());
     case ExtractTarget::Outcome::NotCreated: {
+      if (!confined) break;
       LogContextExitor context(m_log, "extractToFile");
       m_log.LogError("Failed to create OutputFile");
       break;
     }
   }
+  if (confined && !file) return failWith("Failed to extract to file.", "filePath", m_path.outputPath());
   const bool full = m_settings.options.fullRead;
   const MorvaneFileTime modification = fileTime(m_current.m_mtime, m_current.m_exactMtime, full);
   const MorvaneFileTime access = fileTime(m_current.m_atime, m_current.m_exactAtime, full);
   const MorvaneFileTime creation = fileTime(m_current.m_ctime, m_current.m_exactCtime, full);
   MemberTimes times;
   times.modification = &modification;
-  if (m_current.m_atime != 0) times.access = &access;
-  if (m_current.m_ctime != 0) times.creation = &creation;
-  if (!file || !extractToFile(m_context.source, m_path.outputPath(), std::move(file), times, m_current.m_size,
-                              m_copyBuffer.get(), m_copyBufferSize, m_log, m_context.pm)) {
+  if (full ? m_current.m_exactAtime.known : m_current.m_atime != 0) times.access = &access;
+  if (full ? m_current.m_exactCtime.known : m_current.m_ctime != 0) times.creation = &creation;
+  if (!extractToFile(m_context.source, m_path.outputPath(), std::move(file), times, m_current.m_size,
+                     m_copyBuffer.get(), m_copyBufferSize, m_log, m_context.pm)) {
     return failWith("Failed to extract to file.", "filePath", m_path.outputPath());
   }
   m_cursor.passed(m_current.m_size);

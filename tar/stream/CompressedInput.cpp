@@ -96,7 +96,8 @@ bool ClsTar::untarCompressed(_mvDataSource& source, ProgressEvent* progress,
   {
     // The output of a run that was not finished stays open, also after an exception.
     ScopeExit keepWhatArrived([&] {
-      flushed = m_stream->flushOpenOutput(m_log);
+      flushed = m_stream->flushOpenOutput(pm.getPm(), m_log);
+      m_stream->releaseTarget();
       m_archiveSource = nullptr;
     });
     ok = untar(lending, pm.getPm());
@@ -126,7 +127,7 @@ bool ClsTar::unTarGz(_mvDataSource& source, ProgressMonitor* pm, LogBase& log) {
     return false;
   }
   if (!FinishStreamingUntar(pm, log)) {
-    log.LogError("unTarGz failed.");
+    log.LogNotice("unTarGz failed.");  // the cause was said, or is a refused member
     return false;
   }
   return true;
@@ -138,10 +139,9 @@ bool ClsTar::unTarBz2(_mvDataSource& source, ProgressMonitor* pm) {
     beginFramedRun(m_log);
     return bzip2.DecompressStream(source, *this, m_log, pm) && FinishStreamingUntar(pm, m_log);
   }
+  m_stream->beginUnframed();
   protectArchive(m_log);
-  m_stream->takeAnyRefused();
-  const bool ok = bzip2.DecompressStream(source, *this, m_log, pm);
-  return !m_stream->takeAnyRefused() && ok;
+  return bzip2.DecompressStream(source, *this, m_log, pm) && !m_stream->anyRefused();
 }
 
 bool ClsTar::unTarZ(_mvDataSource& source, ProgressMonitor* pm) {
@@ -152,7 +152,7 @@ bool ClsTar::unTarZ(_mvDataSource& source, ProgressMonitor* pm) {
     return false;
   }
   if (!FinishStreamingUntar(pm, m_log)) {
-    m_log.LogError("Untar failed, possible corrupt .Z file.");
+    m_log.LogNotice("Untar failed, possible corrupt .Z file.");
     return false;
   }
   return true;

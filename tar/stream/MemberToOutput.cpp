@@ -1,5 +1,4 @@
 // ClsTar's extraction of one member, from an archive of any compression, into an output.
-#include "runtime/base/ScopeExit.h"
 #include "runtime/codec/MorvaneLzw.h"
 #include "runtime/io/BufferedDataSource.h"
 #include "tar/ArchiveKind.h"
@@ -54,21 +53,22 @@ bool ClsTar::memberToOutput(_mvDataSource& source, _mvOutput& out, ProgressEvent
     if (count < 0) return false;
     found = count > 0;
   } else {
-    m_stream->BeginStreamingUntar();
-    m_stream->extractFirstMemberInto(&out);
-    ScopeExit backToFiles([this] {
-      m_stream->extractFirstMemberInto(nullptr);
-      m_stream->releaseOutput();
-    });
-    UntilMember sink(*m_stream);
+    // An engine of its own: the object's goes on from where its last run ended.
+    ReadSettings settings = readSettings();
+    settings.suppressOutput = settings.captureXmlListing = false;
+    XString noListing;
+    StreamingUntar stream([&settings] { return settings; }, noListing);
+    stream.BeginStreamingUntar();
+    stream.extractFirstMemberInto(&out);
+    UntilMember sink(stream);
     _mvIoParams io(pm);
     const bool ended =
         kind == ArchiveKind::Bzip2 ? MorvaneBzip2().DecompressStream(source, sink, m_log, pm)
         : kind == ArchiveKind::Compress
             ? MorvaneLzw::decompressLzwSource64(source, sink, true, io, m_log)
             : readGzipHeader(source, pm, m_log) && inflateGzipMembers(source, sink, m_options, pm, m_log);
-    found = m_stream->memberIsComplete();
-    if (!found && (!ended || !m_stream->FinishStreamingUntar(pm, m_log))) return false;
+    found = stream.memberIsComplete();
+    if (!found && (!ended || !stream.FinishStreamingUntar(pm, m_log))) return false;
   }
   if (!found) m_log.LogError("No such member.");
   return found && out.announceOutputFinished(m_log);

@@ -34,18 +34,19 @@ StreamingUntar::~StreamingUntar() { releaseOutput(); }
 void StreamingUntar::setOutput(std::unique_ptr<_mvOutput> output, OutputFile* file) {
   m_streamOutput = std::move(output);
   m_streamOutFile = file;
+  m_writeFailed = false;
 }
 
 void StreamingUntar::releaseOutput() { setOutput(nullptr, nullptr); }
 
-bool StreamingUntar::takeAnyRefused() {
-  const bool any = m_anyRefused;
+void StreamingUntar::beginUnframed() {
   m_anyRefused = false;
-  return any;
+  m_target.reset();
+  m_path = MemberPath();
 }
 
-bool StreamingUntar::flushOpenOutput(LogBase& log) {
-  return !m_streamOutFile || m_streamOutFile->flush(nullptr, log);
+bool StreamingUntar::flushOpenOutput(ProgressMonitor* pm, LogBase& log) {
+  return !m_streamOutFile || m_streamOutFile->flush(pm, log);
 }
 
 void StreamingUntar::BeginStreamingUntar() {
@@ -60,9 +61,9 @@ void StreamingUntar::BeginStreamingUntar() {
   m_streamOk = true;
   m_streamExtData.clear();
   m_streamPosition = 0;
-  m_endMarkSeen = m_anyRefused = m_memberFound = false;
+  m_endMarkSeen = m_memberFound = false;
   m_extensions.clear();
-  m_target.reset();
+  beginUnframed();
 }
 
 bool StreamingUntar::StreamingUntarNext(const unsigned char* data, unsigned numBytes, bool& finished,
@@ -109,10 +110,8 @@ bool StreamingUntar::FinishStreamingUntar(ProgressMonitor* pm, LogBase& log) {
       m_streamOk = false;
     }
   }
-  if (m_streamOutFile && !closeOutputFile(log)) {
-    log.LogError("Failed to write tar data to output. (2)");
-    m_streamOk = false;
-  }
+  const bool failedBefore = m_writeFailed;
+  if (m_streamOutFile && !closeOutputFile(pm, log) && !failedBefore) m_streamOk = writeHasFailed(2, log);
   releaseOutput();
   m_settings = m_readSettings();
   if (m_settings.captureXmlListing) endXmlListing(m_xmlListing);
@@ -132,11 +131,13 @@ bool StreamingUntar::streamingUntarInner(const unsigned char* data, unsigned num
     return true;
   }
   const bool hasData = data && numBytes > 0;
+  // After a failed write nothing more is kept for an output that takes nothing.
+  if (hasData && m_writeFailed && m_streamBytesLeft > 0) return writeHasFailed(1, log);
   if (hasData && m_streamBytesLeft > 0 && m_streamOutput && m_streamBytesLeft >= numBytes &&
       m_streamPending.isEmpty()) {
     // The whole piece belongs to the current entry: straight from the producer to the output.
     if (!write(reinterpret_cast<const char*>(data), numBytes, 1, pm, log)) return false;
-    return m_streamBytesLeft > 0 || finishEntry(1, log);
+    return m_streamBytesLeft > 0 || finishEntry(1, pm, log);
   }
   if (hasData && !m_streamPending.append(data, numBytes)) {
     log.LogError("Out of memory for streamed data.");
@@ -167,13 +168,18 @@ bool StreamingUntar::consumePadding() {
 
 bool StreamingUntar::write(const char* bytes, unsigned n, int variant, ProgressMonitor* pm, LogBase& log) {
   if (!m_streamOutput->writeBytesPM(bytes, n, pm, log)) {
-    log.LogError(("Failed to write tar data to output. (" + std::to_string(variant) + ")").c_str());
-    return false;
+    m_writeFailed = true;
+    return writeHasFailed(variant, log);
   }
   m_streamBytesLeft -= n;
   m_streamBytesWritten += n;
   if (variant == 1) m_streamPosition += n;
   return true;
+}
+
+bool StreamingUntar::writeHasFailed(int variant, LogBase& log) {
+  log.LogError(("Failed to write tar data to output. (" + std::to_string(variant) + ")").c_str());
+  return false;
 }
 
 bool StreamingUntar::consumeData(ProgressMonitor* pm, LogBase& log) {
@@ -188,11 +194,11 @@ bool StreamingUntar::consumeData(ProgressMonitor* pm, LogBase& log) {
     const unsigned n = static_cast<unsigned>(m_streamBytesLeft);
     if (!write(bytes, n, 3, pm, log)) return false;
     eat(n);
-    return finishEntry(3, log) && consumePadding();
+    return finishEntry(3, pm, log) && consumePadding();
   }
   logInfoIfVerbose(log, "--- All bytes going to output file (2)...");
   if (!write(bytes, pending, 2, pm, log)) return false;
-  const bool ok = m_streamBytesLeft > 0 || finishEntry(2, log);
+  const bool ok = m_streamBytesLeft > 0 || finishEntry(2, pm, log);
   m_streamPosition += pending;
   m_streamPending.weakClear();
   return ok;
@@ -200,7 +206,7 @@ bool StreamingUntar::consumeData(ProgressMonitor* pm, LogBase& log) {
 
 // `variant` says where in the engine the entry ended: in the fast path (1), with all pending bytes (2), or
 // with some of them (3).
-bool StreamingUntar::finishEntry(int variant, LogBase& log) {
+bool StreamingUntar::finishEntry(int variant, ProgressMonitor* pm, LogBase& log) {
   const std::string number = std::to_string(variant);
   if (log.verbose()) log.LogDataInt64(("finishedFileSize" + number).c_str(), m_streamBytesWritten);
   bool ok = true;
@@ -210,14 +216,14 @@ bool StreamingUntar::finishEntry(int variant, LogBase& log) {
       log.LogDataInt64("expectedSize", m_streamExpectedSize);
       log.LogDataInt64("numBytesWritten", m_streamOutFile->ftell64());
     }
-    ok = m_streamOutFile->flush(nullptr, log);
+    ok = m_streamOutFile->flush(pm, log);
     const TarTime& exact = m_streamHeader.m_exactMtime;
     const MorvaneFileTime modification =
         m_settings.options.fullRead ? MorvaneFileTime::fromUnixTime64(exact.seconds, exact.nanoseconds)
                                     : MorvaneFileTime::fromUnixTime32(m_streamHeader.m_mtime, 0);
     m_streamOutFile->setFileTimeUtc(modification, &log);
-    ok = closeOutputFile(log) && ok;
-    if (!ok) log.LogError(("Failed to write tar data to output. (" + number + ")").c_str());
+    ok = closeOutputFile(pm, log) && ok;
+    if (!ok) writeHasFailed(variant, log);
   }
   m_streamPaddingLeft = paddingAfter(m_streamBytesWritten);
   releaseOutput();
@@ -227,7 +233,9 @@ bool StreamingUntar::finishEntry(int variant, LogBase& log) {
   return ok;
 }
 
-bool StreamingUntar::closeOutputFile(LogBase& log) { return m_streamOutFile->closeHandle(&log); }
+bool StreamingUntar::closeOutputFile(ProgressMonitor* pm, LogBase& log) {
+  return m_streamOutFile->closeHandle(&log, pm);
+}
 
 // Records that only describe the next member, and carry no file.
 bool StreamingUntar::extendsNext(char typeFlag) const {
@@ -262,7 +270,7 @@ bool StreamingUntar::consumeHeader(bool& finished, ProgressMonitor* pm, LogBase&
     m_streamFinished = m_endMarkSeen = true;
     return true;
   }
-  if (!closeEmptyFile(log)) return false;
+  if (!closeEmptyFile(pm, log)) return false;
   const bool isMember =
       !extendsNext(m_streamHeader.m_typeFlag) &&
       !(m_settings.options.fullRead && FullExtensions::isPassedOver(m_streamHeader.m_typeFlag));
@@ -280,6 +288,7 @@ bool StreamingUntar::consumeHeader(bool& finished, ProgressMonitor* pm, LogBase&
     announceHeader(pm->event(), m_streamHeader, m_path.entryPath(), headerPosition, m_settings);
   if (m_settings.untarDebugLog) log.LogDataX("entry", m_path.entryPath());
   if (log.verbose()) log.LogBracketed("typeFlag", typeText(m_streamHeader.m_typeFlag).c_str());
+  giveUpLongText(m_streamHeader.m_path);
   if (!beginEntry(finished, pm, log)) return false;
   m_streamPrevTypeFlag = m_streamHeader.m_typeFlag;
   return true;
@@ -334,14 +343,10 @@ bool StreamingUntar::parseHeader(const unsigned char* block, bool& finished, Log
 }
 
 // An entry of no bytes left its output open; its file gets no time of its own.
-bool StreamingUntar::closeEmptyFile(LogBase& log) {
-  if (m_streamOutFile && !closeOutputFile(log)) {
-    log.LogError("Failed to write tar data to output. (2)");
-    releaseOutput();
-    return false;
-  }
+bool StreamingUntar::closeEmptyFile(ProgressMonitor* pm, LogBase& log) {
+  const bool closed = !m_streamOutFile || closeOutputFile(pm, log);
   releaseOutput();
-  return true;
+  return closed || writeHasFailed(2, log);
 }
 
 bool StreamingUntar::beginEntry(bool& finished, ProgressMonitor* pm, LogBase& log) {
@@ -405,13 +410,12 @@ bool StreamingUntar::createOutputFile(bool& refused, bool& finished, LogBase& lo
   LogNull unwanted;
   LogBase& directoryLog = log.verbose() ? log : unwanted;
   std::unique_ptr<OutputFile> file;
-  const auto outcome = m_target.createFile(m_path, m_settings, directoryLog, log, file);
+  const auto outcome = m_target.createFile(m_path, m_settings, "creatingFile", directoryLog, log, file);
   refused = outcome == ExtractTarget::Outcome::Refused;
   if (outcome == ExtractTarget::Outcome::NoParent) {
     return stop("Failed to ensure ability to create output file for untar.", finished, log);
   }
   if (refused) return true;
-  if (log.verbose()) log.LogDataX("creatingFile", m_path.outputPath());
   if (!file) return stop("Failed to create output file for untar.", finished, log);
   OutputFile* const opened = file.get();
   setOutput(std::move(file), opened);
@@ -428,7 +432,7 @@ bool StreamingUntar::beginDirectory(bool skipped, bool& finished, ProgressMonito
   }
   if (log.verbose()) log.LogDataX("creatingDir", m_path.outputPath());
   LogNull unwanted;
-  switch (m_target.makeDirectory(m_path, m_settings, log.verbose() ? log : unwanted)) {
+  switch (m_target.makeDirectory(m_path, m_settings, log.verbose() ? log : unwanted, log)) {
     case ExtractTarget::Outcome::Ok:
       return true;
     case ExtractTarget::Outcome::Refused:

@@ -45,14 +45,18 @@ class StreamingUntar {
   // Whether such a member was found and all of its data have arrived.
   bool memberIsComplete() const { return m_memberFound && m_streamBytesLeft == 0; }
 
+  // Before bytes that go on from the state of the last run: nothing of that run's target or names is kept.
+  void beginUnframed();
+  // Gives up the descriptors of the target directory.
+  void releaseTarget() { m_target.reset(); }
   // The archive that the stream comes from, which extraction must not replace (with Confine).
   void protect(const mvFileInfo& archive) { m_target.protect(archive); }
   // For a run that ends without FinishStreamingUntar: what is still buffered goes to the open file, which
   // stays open.
-  bool flushOpenOutput(LogBase& log);
+  bool flushOpenOutput(ProgressMonitor* pm, LogBase& log);
   void releaseOutput();
-  // Members refused since the last question.
-  bool takeAnyRefused();
+  // Whether members were refused since the run, or an unframed one, began.
+  bool anyRefused() const { return m_anyRefused; }
 
  private:
   bool extendsNext(char typeFlag) const;
@@ -61,7 +65,7 @@ class StreamingUntar {
   bool consumeHeader(bool& finished, ProgressMonitor* pm, LogBase& log);
   bool parseHeader(const unsigned char* block, bool& finished, LogBase& log);
   bool applyExtensionData(LogBase& log);
-  bool closeEmptyFile(LogBase& log);
+  bool closeEmptyFile(ProgressMonitor* pm, LogBase& log);
   bool beginEntry(bool& finished, ProgressMonitor* pm, LogBase& log);
   bool beginExtension(bool& finished, LogBase& log);
   bool beginFile(bool skipped, bool& finished, ProgressMonitor* pm, LogBase& log);
@@ -69,8 +73,9 @@ class StreamingUntar {
   bool createOutputFile(bool& refused, bool& finished, LogBase& log);
   bool isSkipped(ProgressMonitor* pm, LogBase& log);
   bool write(const char* bytes, unsigned n, int variant, ProgressMonitor* pm, LogBase& log);
-  bool finishEntry(int variant, LogBase& log);
-  bool closeOutputFile(LogBase& log);
+  bool writeHasFailed(int variant, LogBase& log);
+  bool finishEntry(int variant, ProgressMonitor* pm, LogBase& log);
+  bool closeOutputFile(ProgressMonitor* pm, LogBase& log);
   void eat(unsigned n);
   void setOutput(std::unique_ptr<_mvOutput> output, OutputFile* file);
   bool stop(const char* message, bool& finished, LogBase& log);
@@ -97,6 +102,7 @@ class StreamingUntar {
   bool m_memberFound = false;
   bool m_endMarkSeen = false;
   bool m_anyRefused = false;
+  bool m_writeFailed = false;  // of the open output
   FullExtensions m_extensions;
   MemberPath m_path;
   ExtractTarget m_target;

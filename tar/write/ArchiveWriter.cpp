@@ -141,6 +141,7 @@ bool ArchiveWriter::writeMember(const SourcePlace& place, XString& pathInTar, Cl
   mvFileInfo info;
   if (!m_source.examine(place, info, m_log)) {
     if (m_log.verbose()) m_log.LogDataX("loadFileInfoFailed", place.fullPath);
+    if (tree) tree->passBy();
     return m_run.settings.options.skipUnreadable && leftOutUnreadable(place);
   }
   if (isArchiveItself(place, info)) return true;

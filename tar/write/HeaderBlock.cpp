@@ -1,6 +1,5 @@
 #include "tar/write/HeaderBlock.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -13,7 +12,7 @@ namespace morvane {
 namespace {
 
 void putText(unsigned char* block, unsigned offset, unsigned most, std::string_view text) {
-  std::memcpy(block + offset, text.data(), std::min<size_t>(text.size(), most));
+  text.copy(reinterpret_cast<char*>(block + offset), most);
 }
 
 void requirePrefixFits(std::string_view prefix) {

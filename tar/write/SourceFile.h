@@ -27,7 +27,8 @@ class SourceFile {
   bool isOpen() const { return m_open; }
   // The size of the open file as it is now; -1 if that cannot be told.
   long long sizeNow();
-  // Whether the file, of which `size` bytes were read, has more by now. Asks the system only if it has not said so.
+  // Whether the file, of which `size` bytes were read, has more by now. Asks the system only if it has not
+  // said so.
   bool hasMoreThan(long long size) { return !m_data.endWasSeen() && sizeNow() > size; }
   void close();
 

@@ -1,0 +1,38 @@
+// Runs the library's calls that are measured without mvtar:
+//   drive list ARCHIVE          the XML listing, to standard output
+//   drive first ARCHIVE NAME    the data of the first member of that name, to standard output
+#include <cstdio>
+#include <string>
+
+#include "tar/ClsTar.h"
+
+namespace {
+
+int failed(morvane::ClsTar& tar) {
+  morvane::XString log;
+  tar.get_LogText(log);
+  std::fputs(log.getUtf8(), stderr);
+  return 1;
+}
+
+int print(const void* bytes, size_t n) {
+  return std::fwrite(bytes, 1, n, stdout) == n && std::fflush(stdout) == 0 ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const std::string job = argc > 2 ? argv[1] : "";
+  morvane::ClsTar tar;
+  if (job == "list") {
+    morvane::XString xml;
+    return tar.ListXml(argv[2], xml) ? print(xml.getUtf8(), xml.getSizeUtf8()) : failed(tar);
+  }
+  if (job == "first" && argc == 4) {
+    morvane::ClsBinData found;
+    if (!tar.UntarFirstMatchingToBd(argv[2], argv[3], found)) return failed(tar);
+    return print(found.data().getData2(), found.data().getSize());
+  }
+  std::fputs("drive list ARCHIVE | drive first ARCHIVE NAME\n", stderr);
+  return 64;
+}

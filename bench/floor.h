@@ -1,0 +1,23 @@
+// What the files of the floor share.
+#pragma once
+
+#include <stdbool.h>
+#include <stddef.h>
+
+enum { kBlock = 512, kBuffer = 1 << 20 };
+
+static inline size_t least(size_t a, size_t b) { return a < b ? a : b; }
+
+// Each of these ends the program when it fails.
+void* must(void* pointer, const char* what);
+int openIt(int dir, const char* path, int flags);
+void writeAll(int fd, const void* bytes, size_t n);
+
+// Extraction of a plain archive that comes in pieces: into this folder, or nowhere.
+void extractInto(const char* target);
+void feed(const unsigned char* bytes, size_t n);
+void checkEnded(void);
+
+// deflate and bzip2 compress a file into another; inflate, bunzip2 and lzw decompress an archive and extract
+// it (without a folder they only decompress). False for any other name.
+bool runCodec(const char* job, const char* from, const char* to);

@@ -1,0 +1,16 @@
+// Where an archive is written when it is no ordinary file.
+#pragma once
+
+#include <memory>
+
+#include "cli/CommandLine.h"
+#include "cli/Report.h"
+#include "runtime/io/OutputFile.h"
+
+namespace mvtar {
+
+// False, and named, when the archive would be written to a terminal.
+bool isNoTerminal(const CommandLine& line, Report& report);
+std::unique_ptr<morvane::OutputFile> standardOutput();
+
+}  // namespace mvtar

@@ -1,0 +1,58 @@
+# bash completion for mvtar
+_mvtar() {
+  local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD - 1]} option="" value=""
+  # "--format=gnu" arrives as one word or, with "=" among the word breaks, as three.
+  if [[ $cur == --*=* ]]; then
+    option=${cur%%=*} value=${cur#*=}
+  elif [[ $cur == "=" ]]; then
+    option=$prev
+  elif [[ $prev == "=" ]]; then
+    option=${COMP_WORDS[COMP_CWORD - 2]} value=$cur
+  fi
+
+  local words=""
+  case $option in
+    --format) words="gnu ustar pax" ;;
+    --progress) words="auto always never" ;;
+    --options)
+      words="SkipOutputFile SkipUnreadable WriteExactSizes CountSkipsExcluded NoTotal UstarOverflow=fail
+        UstarPlainPrefix PaxExact FastDeflate= FullRead MaxExtensionBytes= Confine=beneath Confine=nolinks
+        VerifyGzip GzipAllMembers Bz2Framed RequireEndOfArchive EntryEvents" ;;
+    --directory)
+      compopt -o filenames
+      mapfile -t COMPREPLY < <(compgen -d -- "$value")
+      return ;;
+    --file)
+      compopt -o filenames
+      mapfile -t COMPREPLY < <(compgen -f -- "$value")
+      return ;;
+  esac
+  if [[ -n $option ]]; then
+    mapfile -t COMPREPLY < <(compgen -W "$words" -- "$value")
+    [[ $cur == --*=* ]] && COMPREPLY=("${COMPREPLY[@]/#/$option=}")
+    return
+  fi
+
+  if [[ $cur == --* ]]; then
+    mapfile -t COMPREPLY < <(compgen -W "--create --extract --list --verify --deb --file --directory --gzip --bzip2
+      --format= --match= --exclude= --prefix= --strip-paths --max-count= --to-stdout --xml --charset= --verbose
+      --totals --progress --log --options= --help --version" -- "$cur")
+    [[ ${COMPREPLY[0]-} == *= ]] && compopt -o nospace
+    return
+  fi
+  if [[ $cur == -* && $cur != - ]]; then
+    COMPREPLY=("$cur")  # a bundle of letters is complete as it stands
+    return
+  fi
+  if [[ $cur == - ]]; then
+    mapfile -t COMPREPLY < <(compgen -W "-c -x -t -f -C -z -j -v -O -P --" -- "$cur")
+    return
+  fi
+  compopt -o filenames
+  if [[ $prev == --directory || ($prev == -*C && $prev != --*) ]]; then
+    mapfile -t COMPREPLY < <(compgen -d -- "$cur")
+  else
+    mapfile -t COMPREPLY < <(compgen -f -- "$cur")
+  fi
+}
+complete -F _mvtar mvtar

@@ -1,0 +1,495 @@
+// The pull engine: what it makes of archives that are whole, cut, flipped, hostile or merely odd, from every
+// kind of source; its events, limits, times and messages.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "ArchiveSupport.h"
+#include "runtime/progress/TarMemberInfo.h"
+
+namespace morvane::testing {
+namespace {
+
+using namespace std::string_literals;
+
+// What stands in a new target afterwards: "path what, path what ...".
+std::string extracted(const std::string& archive, ClsTar& tar) {
+  ScratchDir dir;
+  tar.put_UntarFromDir(dir / "out");
+  if (untar(tar, archive + kEnd) < 0) return "failed";
+  std::string text;
+  for (const auto& [path, what] : treeOf(dir / "out")) text += (text.empty() ? "" : ", ") + path + " " + what;
+  return text;
+}
+std::string extracted(const std::string& archive) {
+  ClsTar tar;
+  return extracted(archive, tar);
+}
+
+// ---- Broken archives
+
+// Of an archive cut anywhere, every member that is whole comes out, and the cut is told.
+TEST(Untar, CutAtEveryByte) {
+  std::string archive;
+  std::map<size_t, std::pair<std::string, std::string>> wholeFrom;  // where a member's data end
+  const auto add = [&](const std::string& before, const std::string& path, const std::string& data) {
+    archive += before + member(path.substr(0, 100), data);
+    wholeFrom[archive.size() - paddingAfter(static_cast<long long>(data.size()))] = {path, "file " + data};
+  };
+  const std::string deep = "d/" + std::string(120, 'p'), longer = "d/" + std::string(110, 'l');
+  add("", "first", "one");
+  add(paxHeader("path", deep), deep, std::string(60, '2'));
+  add(longName(longer), longer, "");
+  archive += kEnd;
+  ScratchDir dir;
+  ClsTar tar;
+  for (size_t cut = 0; cut < archive.size(); ++cut) {
+    SCOPED_TRACE(cut);
+    const std::string out = dir / std::to_string(cut);
+    tar.put_UntarFromDir(out);
+    // Inside a header or padding one cut is like another: there the walk alone will do.
+    const bool walkOnly = cut % 512 > 62 && cut % 512 < 511;
+    tar.put_SuppressOutput(walkOnly);
+    const int count = untar(tar, archive.substr(0, cut));
+    ASSERT_EQ(cut < archive.size() - 512 ? -1 : 3, count) << logOf(tar);
+    ASSERT_EQ(count < 0 ? 1 : 0, countInLog(tar, "Failed to ")) << logOf(tar);
+    if (walkOnly) continue;
+    std::map<std::string, std::string> tree = treeOf(out);
+    tree.erase("d");
+    for (const auto& [end, file] : wholeFrom) {
+      if (cut < end) continue;
+      ASSERT_EQ(file.second, tree[file.first]);
+      tree.erase(file.first);
+    }
+    ASSERT_LE(tree.size(), 1u);  // the one that was being written
+    ASSERT_TRUE(tree.empty() || logHas(tar, "Failed to extract to file.")) << logOf(tar);
+  }
+}
+
+TEST(Untar, EveryFlippedBitOfAHeaderIsSeen) {
+  for (const std::string& archive :
+       {member("plain", "data"), paxHeader("path", "p") + member("m"), longName("longname") + member("m")}) {
+    ClsTar tar;
+    tar.put_SuppressOutput(true);
+    ASSERT_EQ(1, untar(tar, archive + kEnd));
+    for (size_t at = 0; at < archive.size(); at += at == 511 ? 513 : 1) {  // not the data in the second block
+      for (int bit = 0; bit < 8; ++bit) {
+        std::string flipped = archive + kEnd;
+        flipped[at] = static_cast<char>(flipped[at] ^ 1 << bit);
+        const int count = untar(tar, flipped);
+        // What stands around the checksum's digits may be anything.
+        const bool inChecksum = at % 512 >= 148 && at % 512 < 156;
+        ASSERT_TRUE(count == -1 || (inChecksum && count == 1)) << at << " bit " << bit;
+      }
+    }
+  }
+}
+
+// Sizes that claim more than there is, from sources that can seek and from such that cannot.
+TEST(Untar, HostileSizes) {
+  for (const std::string& size :
+       {"77777777777\0"s, "\x80\0\0\0\x7F\xFF\xFF\xFF\xFF\xFF\xFF\xFF"s,
+        "\x80\0\0\0\x7F\xFF\xFF\xFF\xFF\xFF\xFE\0"s, "\x80\0\0\0\x80\0\0\0\0\0\0\0"s, std::string(12, '\xFF'),
+        "-0000000001\0"s, "0x000000001\0"s}) {
+    const bool isNumber = size[0] == '7' || size[4] == '\x7F';
+    for (const char typeFlag : {'0', '5', 'x', 'L', '1'}) {
+      SCOPED_TRACE(size + typeFlag);
+      const std::string archive =
+          patched(member("m", "", typeFlag), kSizeField, size) + member("next") + kEnd;
+      ScratchDir dir;
+      writeFile(dir / "a.tar", archive);
+      for (const std::string options : {"", "FullRead,MaxExtensionBytes=9223372036854775807"}) {
+        ClsTar tar;
+        tar.put_UncommonOptions(options.c_str());
+        tar.put_UntarFromDir(dir / "out");
+        EXPECT_EQ(-1, untar(tar, archive));
+        EXPECT_FALSE(tar.VerifyTar(dir / "a.tar"));
+        TricklingSource source(archive, 4096);
+        EXPECT_FALSE(tar.VerifyTar(source));
+        const bool isRecord = typeFlag == 'x' || typeFlag == 'L';
+        EXPECT_EQ("", missingLine(tar, {!isNumber         ? "Failed to parse header from data source (2)"
+                                        : !isRecord       ? "The archive ends without an end-of-archive mark."
+                                        : options != ""   ? "Failed to read extension data."
+                                        : typeFlag == 'x' ? "Invalid size in PAX extended header."
+                                                          : "Invalid size in long filename header."}));
+      }
+    }
+  }
+}
+
+// ---- Records
+
+TEST(Untar, RecordSizesAndShortData) {
+  for (const char typeFlag : {'x', 'L'}) {
+    const std::string what = typeFlag == 'x' ? "PAX extended header." : "long filename header.";
+    const auto with = [&](size_t size) { return member("r", std::string(size, typeFlag), typeFlag); };
+    ClsTar tar;
+    tar.put_SuppressOutput(true);
+    for (const size_t size : {1u, 511u, 512u, 100000u}) {
+      EXPECT_EQ(1, untar(tar, with(size) + member("m") + kEnd)) << logOf(tar);
+      for (const size_t present : {size_t{0}, size / 2, size - 1}) {
+        EXPECT_EQ(-1, untar(tar, with(size).substr(0, 512 + present)));
+        EXPECT_EQ("", missingLine(tar, {"file:", "Failed to read " + what}));
+      }
+      EXPECT_EQ(-1, untar(tar, with(size)));
+      EXPECT_EQ("", missingLine(tar, {"file:", "Failed to parse header from data source (1)"}));
+      EXPECT_EQ(0, untar(tar, with(size) + kEnd));  // a record about nothing
+    }
+    for (const size_t size : {0u, 100001u}) {
+      EXPECT_EQ(-1, untar(tar, with(size) + member("m") + kEnd));
+      EXPECT_EQ("", missingLine(tar, {"file:", "Invalid size in " + what, "size: " + std::to_string(size)}));
+    }
+  }
+}
+
+TEST(Untar, ChainsOfRecords) {
+  const std::string a = paxHeader("path", "a"), b = paxHeader("path", "b"), other = paxHeader("uname", "u");
+  const std::pair<std::string, std::string> kCases[] = {
+      {a + member("m") + member("n"), "a file , n file "},
+      {a + b + member("m"), "b file "},
+      {a + other + member("m"), "a file "},
+      {other + member("m"), "m file "},
+      {longName("a") + longName("b") + member("m", "data"), "b file data"},
+      {a + longName("b") + member("m"), "b file "},
+      {longName("a") + b + member("m"), "b file "},
+      {longName("a") + other + member("m"), "m file "},  // the pax record, which is the last, gave no path
+      {paxHeader("size", "3") + member("m", "data"), "m file dat"},
+      {longName("a\0b"s) + member("m"), "a file "},
+      {member("x", "11 path=a\n\0 11 path=b\n"s, 'x') + member("m"), "a file "},
+      {paxHeader("path", "a\n11 path=evil") + member("m"), "evil file "},  // see FullRead
+      {paxHeader("path", "d") + directory("m/"), "d dir"},
+      {paxHeader("path", "a/") + member("m"), "failed"},  // no directory: the block decides
+  };
+  for (const auto& [archive, tree] : kCases) EXPECT_EQ(tree, extracted(archive));
+}
+
+TEST(Untar, TypeFlags) {
+  std::string archive, expected;
+  for (int typeFlag = 0; typeFlag < 256; ++typeFlag) {
+    const char flag = static_cast<char>(typeFlag);
+    if (flag == 'x' || flag == 'L') continue;
+    const std::string name = std::to_string(1000 + typeFlag);
+    archive += member(name, "data", flag);
+    expected += (expected.empty() ? "" : ", ") + name + (flag == '5' ? " dir" : " file data");
+  }
+  EXPECT_EQ(expected, extracted(archive));
+  EXPECT_EQ("d dir, l file ", extracted(member("l", "", '2') + member("d/")));
+}
+
+// ---- Paths, filters, limits
+
+TEST(Untar, WhereMembersLand) {
+  ScratchDir dir;
+  enum { kKeepSlash = 1, kDiscard = 2 };
+  const struct {
+    std::string name;
+    int how;
+    const char* at;  // below the scratch directory
+  } kCases[] = {{"a/b", 0, "out/a/b"},
+                {"//etc/x", 0, "out/etc/x"},
+                {"a\\b\\c", 0, "out/a/b/c"},
+                {"a\\b\\c", kDiscard, "out/c"},
+                {"../up", 0, "up"},
+                {"./x", 0, "out/x"},
+                {dir / "abs", kKeepSlash, "abs"},
+                {dir / "abs", kKeepSlash | kDiscard, "out/abs"}};
+  for (const auto& each : kCases) {
+    ClsTar tar;
+    tar.put_UntarFromDir(dir / "out");
+    tar.put_UntarDiscardPaths((each.how & kDiscard) != 0);
+    tar.put_NoAbsolutePaths((each.how & kKeepSlash) == 0);
+    EXPECT_EQ(1, untar(tar, member(each.name, each.name) + kEnd)) << logOf(tar);
+    EXPECT_EQ(each.name, readFile(dir / each.at));
+    unlink((dir / each.at).c_str());
+  }
+  ClsTar tar;
+  tar.put_UntarDiscardPaths(true);
+  EXPECT_EQ("f file ", extracted(directory("d/") + member("d/f"), tar));
+}
+
+TEST(Untar, CountsAndLimits) {
+  const std::string archive = directory("d/") + member("d/skip") + member("d/a") + member("b") + kEnd;
+  for (const auto& [limit, count] : {std::pair(0, 3), {1, 1}, {2, 2}, {3, 3}, {4, 3}, {-1, 1}, {-100, 1}}) {
+    ScratchDir dir;
+    ClsTar tar;
+    tar.put_UntarFromDir(dir / "out");
+    tar.put_UntarMaxCount(limit);
+    tar.put_MustNotMatch("*skip");
+    EXPECT_EQ(count, untar(tar, archive));
+    EXPECT_EQ(static_cast<size_t>(count), treeOf(dir / "out").size());
+    const Lines reached = {"Reached untar maximum count", "UntarMaxCount: " + std::to_string(limit)};
+    EXPECT_EQ(limit != 0 && limit <= 3, missingLine(tar, reached).empty());
+    tar.put_SuppressOutput(true);
+    tar.put_UntarFromDir(dir / "none");
+    EXPECT_EQ(3, untar(tar, archive));  // no limit here
+    EXPECT_FALSE(exists(dir / "none"));
+  }
+  ClsTar tar;
+  tar.put_UntarMaxCount(1);
+  EXPECT_EQ("b file ", extracted(member("b") + "what follows is never looked at", tar));
+}
+
+TEST(Untar, Charset) {
+  const auto nameIn = [](const char* charset, const std::string& name) {
+    ClsTar tar;
+    tar.put_Charset(charset);
+    const std::string tree = extracted(member(name) + member(name + "2"), tar);
+    EXPECT_EQ(std::string(charset) == "bogus" ? 1 : 0, countInLog(tar, "The character set is not known"));
+    return tree.substr(0, tree.find(' '));
+  };
+  EXPECT_EQ("\xE4\xFF", nameIn("utf-8", "\xE4\xFF"));
+  EXPECT_EQ("\xC3\xA4", nameIn("ISO-8859-1", "\xE4"));
+  EXPECT_EQ("\xD0\xB6", nameIn("koi8-r", "\xD6"));
+  EXPECT_EQ("a\xFF\xE3\x81\x82", nameIn("shift_jis", "a\xFF\x82\xA0"));  // what does not convert is kept
+  EXPECT_EQ("\xE4", nameIn("bogus", "\xE4"));
+}
+
+// ---- Events
+
+TEST(Untar, Events) {
+  const std::string archive = directory("d\\") + longName("longname") + member("/x", "data") + member("no") +
+                              member("l", "", '2') + kEnd;
+  const Lines headers = {"5 d\\ 0 0", "0 longname 4 1536", "0 no 0 2560", "2 l 0 3072"};
+  ScratchDir dir;
+  ClsTar tar;
+  tar.put_UntarFromDir(dir / "out");
+  tar.put_MustNotMatch("no");
+  RecordingEvent event, verifying;
+  event.skipEntry = dir / "out/l";
+  EXPECT_EQ(2, untar(tar, archive, &event));
+  EXPECT_EQ(headers, event.headers);
+  EXPECT_EQ((Lines{dir / "out/d/ dir", dir / "out/longname 4", dir / "out/l 0"}), event.entries);
+  EXPECT_TRUE(event.percents.empty());  // there is no total in memory
+  EXPECT_EQ(2u, treeOf(dir / "out").size());
+  writeFile(dir / "a.tar", archive);
+  EXPECT_TRUE(tar.VerifyTar(dir / "a.tar", &verifying));
+  EXPECT_EQ(headers, verifying.headers);
+  EXPECT_TRUE(verifying.entries.empty());
+  EXPECT_EQ(100, verifying.percents.back());
+  struct : RecordingEvent {
+    void onTarEntry(const char*, long long, bool, bool& skip) override { skip = true; }
+    void onTarHeader(const TarMemberInfo& info) override {
+      seen += std::string(info.path) + "|" + info.entryPath + "|" + info.linkPath + "|" + info.userName + " ";
+    }
+    std::string seen;
+  } skipping;
+  tar.put_UntarFromDir(dir / "none");
+  EXPECT_EQ(0, untar(tar, archive, &skipping));
+  EXPECT_EQ("d\\|d/|| longname|longname|| no|no|| l|l|target| ", skipping.seen);
+  EXPECT_FALSE(exists(dir / "none"));
+}
+
+TEST(Untar, AbortAtEveryQuestion) {
+  ScratchDir dir;
+  writeFile(dir / "a.tar", member("a") + longName("name") + member("b", noise(900, 1)) + kEnd);
+  ClsTar tar;
+  tar.put_UntarFromDir(dir / "out");
+  tar.put_AbortCheckMs(1000000000);
+  for (int n = 1; n <= 6; ++n) {  // one question a header, the end's included
+    RecordingEvent event;
+    event.abortAtQuestion = n;
+    EXPECT_EQ(n <= 4 ? -1 : 2, tar.Untar(dir / "a.tar", &event));
+    EXPECT_EQ(n <= 4, missingLine(tar, {"file:", "Untar aborted by application. (1)", "Failure."}).empty());
+    EXPECT_EQ(std::min(n, 4), event.questions);
+  }
+  RecordingEvent event, unasked;
+  event.abortAtPercent = 25;
+  EXPECT_EQ(-1, tar.Untar(dir / "a.tar", &event));
+  tar.put_AbortCheckMs(0);
+  EXPECT_EQ(2, tar.Untar(dir / "a.tar", &unasked));
+  EXPECT_EQ(0, unasked.questions);
+}
+
+// ---- Sources
+
+// One archive, the same result from every kind of source.
+TEST(Untar, EverySourceGivesTheSame) {
+  const std::string name(150, 'n'), data = noise(5000, 1);
+  const std::string archive = paxHeader("path", name) + member("m", data) + member("no", data) +
+                              longName(name + "2") + member("m") + kEnd;
+  const auto check = [&](const std::function<int(ClsTar&, const ScratchDir&)>& extract) {
+    ScratchDir dir;
+    ClsTar tar;
+    tar.put_UntarFromDir(dir / "out");
+    tar.put_MustNotMatch("no");
+    EXPECT_EQ(2, extract(tar, dir)) << logOf(tar);
+    EXPECT_EQ(data, readFile(dir / ("out/" + name)));
+    EXPECT_EQ(2u, treeOf(dir / "out").size());
+  };
+  check([&](ClsTar& tar, const ScratchDir&) { return untar(tar, archive); });
+  check([&](ClsTar& tar, const ScratchDir& dir) {
+    writeFile(dir / "a.tar", archive);
+    return tar.Untar(dir / "a.tar");
+  });
+  for (const unsigned most : {1u, 7u, 511u, 512u, 513u, 20000u}) {
+    check([&](ClsTar& tar, const ScratchDir&) {
+      TricklingSource source(archive, most);
+      return tar.Untar(source);
+    });
+  }
+  check([&](ClsTar& tar, const ScratchDir&) {
+    int ends[2];
+    EXPECT_EQ(0, pipe(ends));
+    EXPECT_EQ(static_cast<ssize_t>(archive.size()), write(ends[1], archive.data(), archive.size()));
+    close(ends[1]);
+    _mvFileDataSource source;
+    EXPECT_TRUE(source.adopt(OsFile(ends[0]), "pipe", tar.log()));
+    return tar.Untar(source);
+  });
+  check([&](ClsTar& tar, const ScratchDir&) {  // from the middle of a source
+    const std::string shifted = "some bytes before" + archive;
+    _mvMemoryDataSource source;
+    source.initializeMemSource(reinterpret_cast<const unsigned char*>(shifted.data()),
+                               static_cast<unsigned>(shifted.size()));
+    EXPECT_TRUE(source.fseekAbsolute64(17, tar.log()));
+    return tar.Untar(source);
+  });
+}
+
+// An archive with a gap of which nothing is ever there.
+class GapSource : public _mvDataSource {
+ public:
+  GapSource(const std::string& bytes, long long gapAt, long long gap, bool seekable)
+      : m_bytes(bytes), m_gapAt(gapAt), m_gap(gap), m_seekable(seekable) {}
+  bool readSourcePM(char* buffer, unsigned int n, unsigned int& numRead, ProgressMonitor*,
+                    LogBase&) override {
+    const long long gapEnd = m_gapAt + m_gap, end = static_cast<long long>(m_bytes.size()) + m_gap;
+    const bool inGap = m_at >= m_gapAt && m_at < gapEnd;
+    const long long left = (m_at < m_gapAt ? m_gapAt : inGap ? gapEnd : end) - m_at;
+    numRead = static_cast<unsigned>(std::min<long long>(n, std::max(left, 0LL)));
+    const auto from = static_cast<size_t>(m_at < m_gapAt ? m_at : m_at - m_gap);
+    if (!inGap) m_bytes.copy(buffer, numRead, std::min(from, m_bytes.size()));
+    m_at += numRead;
+    return true;
+  }
+  bool fseekAbsolute64(long long at, LogBase&) override { return m_at = at, true; }
+  long long ftell64() override { return m_seekable ? m_at : -1; }
+
+ private:
+  const std::string m_bytes;
+  const long long m_gapAt, m_gap;
+  const bool m_seekable;
+  long long m_at = 0;
+};
+
+TEST(Untar, MembersOverEightGiB) {
+  constexpr long long kSize = (9LL << 30) + 1;
+  const std::string archive =
+      ArchiveBuilder().add({"huge", "", '0', "", "", false, 0, kSize}).bytes(0) + member("next") + kEnd;
+  for (const bool seekable : {true, false}) {
+    GapSource source(archive, 512, paddedSize(kSize), seekable);
+    ClsTar tar;
+    RecordingEvent event;
+    EXPECT_TRUE(tar.VerifyTar(source, &event)) << logOf(tar);
+    EXPECT_EQ((Lines{"0 huge 9663676417 0", "0 next 0 9663677440"}), event.headers);
+  }
+  struct : _mvOutput {
+    bool _writeBytes(const char*, unsigned int n, _mvIoParams&, LogBase&) override {
+      return (count += n) > 0;
+    }
+    long long count = 0;
+  } out;
+  GapSource source(archive, 512, paddedSize(kSize), false);
+  ClsTar tar;
+  EXPECT_TRUE(tar._untarFirstMatchingToOutput(source, "huge", out, tar.log(), false, nullptr));
+  EXPECT_EQ(kSize, out.count);
+}
+
+// ---- Times and messages
+
+TEST(Untar, Times) {
+  const auto timesOf = [](const std::string& records, const std::string& mtime, size_t present = 2000) {
+    ScratchDir dir;
+    ClsTar tar;
+    tar.put_UntarFromDir(dir.path());
+    untar(tar, records + (patched(member("m", "data"), kMtimeField, mtime) + kEnd).substr(0, present));
+    struct stat status = {};
+    stat((dir / "m").c_str(), &status);
+    return std::to_string(status.st_mtim.tv_sec) + " " + std::to_string(status.st_atim.tv_sec);
+  };
+  EXPECT_EQ("0 0", timesOf("", "00000000000\0"s));
+  EXPECT_EQ("4294967295 4294967295", timesOf("", "37777777777\0"s));
+  EXPECT_EQ("4294967295 4294967295", timesOf("", "777777777777"s));
+  EXPECT_EQ("0 0", timesOf("", std::string(12, '\xFF')));
+  EXPECT_EQ("8 8", timesOf(paxHeader("mtime", "5"), "00000000010\0"s));  // the block's time wins
+  EXPECT_EQ("8 5", timesOf(paxHeader("atime", "5.9"), "00000000010\0"s));
+  EXPECT_EQ("8 8", timesOf(paxHeader("atime", "0"), "00000000010\0"s));
+  EXPECT_EQ("8 8", timesOf("", "00000000010\0"s, 514));  // of a file that could not be finished too
+}
+
+TEST(Untar, EachFailureHasItsLines) {
+  const struct {
+    const char* prepare;  // a command run in the target, "%" in the lines
+    std::string archive;
+    Lines lines;
+  } kCases[] = {
+      {"mkdir x",
+       member("x"),
+       {"file:", "extractToFile:", "Failed to create file.", "path: %/x", "reason: Is a directory",
+        "Failed to create OutputFile", "Failed to extract to file.", "filePath: %/x"}},
+      {"touch x", member("x/y"), {"file:", "Failed to ensure directory exists.", "filePath: %/x/y"}},
+      {"touch x", directory("x/"), {"file:", "Unable to create directory", "dirPath: %/x/"}},
+      {"ln -s /dev/full x",
+       member("x", "data"),
+       {"reason: No space left on device", "Failed to extract to file.", "filePath: %/x"}},
+      {"true",
+       member("x", "data").substr(0, 514),
+       {"extractToFile:", "The data ended early.", "Failed to extract to file.", "filePath: %/x"}},
+      {"true", "", {"file:", "bytesRead: 0", "Failed to parse header from data source (2)"}},
+      {"true", std::string(512, 'x'), {"file:", "Failed to parse header from data source (2)"}}};
+  for (const auto& each : kCases) {
+    ScratchDir dir;
+    ASSERT_EQ(0, run({"sh", "-c", each.prepare}, "", dir.path()).status);
+    writeFile(dir / "a.tar", each.archive);
+    Lines lines = each.lines;
+    const size_t at = lines.back().find('%');
+    if (at != std::string::npos) lines.back().replace(at, 1, dir.path());
+    lines.insert(lines.end(), {"untarCount: -1", "Failure."});
+    ClsTar tar;
+    tar.put_UntarFromDir(dir.path());
+    tar.put_CaptureXmlListing(true);
+    EXPECT_EQ(-1, tar.Untar(dir / "a.tar"));
+    EXPECT_EQ("", missingLine(tar, lines));
+    XString listing;
+    tar.get_XmlListing(listing);
+    EXPECT_TRUE(listing.endsWithUtf8("</tar>\r\n", false));
+    EXPECT_EQ(-1, untar(tar, each.archive));
+    EXPECT_FALSE(logHas(tar, "Failure.") || logHas(tar, "untarCount"));  // from memory there is no verdict
+  }
+  ClsTar tar;
+  EXPECT_EQ(-1, tar.Untar("/nowhere/a.tar"));
+  EXPECT_TRUE(missingLine(tar, {"Failed."}).empty() && !logHas(tar, "Failure.")) << logOf(tar);
+  EXPECT_FALSE(tar.VerifyTar("/nowhere/a.tar"));
+  EXPECT_TRUE(missingLine(tar, {"filepath: /nowhere/a.tar", "Failed."}).empty() && !logHas(tar, "Failure."));
+  _mvMemoryDataSource source;
+  EXPECT_FALSE(tar.extractToFile(source, "x", nullptr, nullptr, nullptr, -1, nullptr, 0, tar.log(), nullptr));
+  EXPECT_TRUE(logHas(tar, "extractToFile:\n    The number of bytes is negative.\n")) << logOf(tar);
+}
+
+TEST(Untar, LinesOfAGoodRun) {
+  ScratchDir dir;
+  ClsTar tar;
+  tar.put_UntarFromDir(dir.path());
+  tar.put_MustMatch("*m");
+  tar.put_UntarDebugLog(true);
+  const std::string archive = directory("dm") + longName("long.m") + member("x") + member("skip") + kEnd;
+  EXPECT_EQ(2, untar(tar, archive));
+  const std::string file = "        file:\n            ";
+  EXPECT_EQ("UntarFromMemory:\n    _untar:\n        UntarFromDir: " + dir.path() +
+                "\n        matchPattern: *m\n" + file + "dir: dm\n" + file + "file: long.m\n" + file +
+                "skipping: skip\n",
+            logOf(tar));
+  tar.put_VerboseLogging(true);
+  EXPECT_EQ(2, untar(tar, archive));
+  EXPECT_EQ("", missingLine(tar, {"mustMatch: *m", "mustNotMatch: ", "filePosition: 0",
+                                  "previousTypeFlag:  ", "name: dm", "currentTypeFlag: 5", "size: 0",
+                                  "createDir: " + dir / "dm", "previousTypeFlag: 5", "currentTypeFlag: L",
+                                  "Processing long filename header.", "longFilename: long.m",
+                                  "previousTypeFlag: L", "outputFile: " + dir / "long.m",
+                                  "numBytesWritten: 0", "lastModDateTimeGmt: Tue, 14 Nov 2023 22:13:20 GMT",
+                                  "Skipping file because of match pattern.", "End-of-TAR"}));
+}
+
+}  // namespace
+}  // namespace morvane::testing
