@@ -32,7 +32,6 @@
 // the usual one.
 #pragma once
 
-#include <functional>
 #include <memory>
 
 #include "runtime/base/ExtPtrArray.h"
@@ -294,15 +293,16 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
                     bool& anythingLost);
   int untarWithProgress(_mvDataSource& source, bool extract, ProgressEvent* progress);
 
-  bool untarCompressed(_mvDataSource& source, ProgressEvent* progress,
-                       const std::function<bool(_mvDataSource&, ProgressMonitor*)>& untar);
-  bool untarGz(_mvDataSource& source, ProgressEvent* progress);
-  bool untarBz2(_mvDataSource& source, ProgressEvent* progress);
-  bool untarZ(_mvDataSource& source, ProgressEvent* progress);
+  using Decompress = bool (ClsTar::*)(_mvDataSource&, ProgressMonitor*, LogBase&);
+  bool untarCompressedFile(const char* name, const XString& path, ProgressEvent* progress,
+                           Decompress decompress);
+  bool untarCompressedSource(const char* name, _mvDataSource& source, ProgressEvent* progress,
+                             Decompress decompress);
+  bool untarCompressed(_mvDataSource& source, ProgressEvent* progress, Decompress decompress);
   void beginFramedRun(LogBase& log);
   void protectArchive(LogBase& log);
-  bool unTarBz2(_mvDataSource& source, ProgressMonitor* pm);
-  bool unTarZ(_mvDataSource& source, ProgressMonitor* pm);
+  bool unTarBz2(_mvDataSource& source, ProgressMonitor* pm, LogBase& log);
+  bool unTarZ(_mvDataSource& source, ProgressMonitor* pm, LogBase& log);
   int untarMember(_mvDataSource& source, _mvOutput& out, ProgressMonitor* pm, ProgressEvent* progress);
   bool memberToOutput(_mvDataSource& source, _mvOutput& out, ProgressEvent* progress);
   bool listXml(_mvDataSource& source, XString& outXml, ProgressEvent* progress);

@@ -10,8 +10,9 @@ namespace morvane {
 namespace {
 
 // The log of a path that cannot be opened ends with this, and has no verdict.
-bool openArchive(_mvFileDataSource& file, const XString& path, MethodFrame& frame, LogBase& log) {
-  if (file.openDataSourceFile(path, log)) return true;
+bool openArchive(_mvFileDataSource& file, const XString& path, ProgressMonitor* pm, MethodFrame& frame,
+                 LogBase& log) {
+  if (file.openDataSourceFile(path, log, pm)) return true;
   log.LogError("Failed.");
   frame.withoutVerdict();
   return false;
@@ -21,8 +22,10 @@ bool openArchive(_mvFileDataSource& file, const XString& path, MethodFrame& fram
 
 int ClsTar::Untar(const XString& tarPath, ProgressEvent* progress) {
   return method("Untar", MethodForm::Judged, -1, [&](MethodFrame& frame) {
+    ProgressMonitorPtr waiting(progress, m_abortCheckMs, m_percentScale, 0);
     _mvFileDataSource file;
-    return openArchive(file, tarPath, frame, m_log) ? untarWithProgress(file, true, progress) : -1;
+    return openArchive(file, tarPath, waiting.getPm(), frame, m_log) ? untarWithProgress(file, true, progress)
+                                                                     : -1;
   });
 }
 
@@ -34,8 +37,10 @@ int ClsTar::Untar(_mvDataSource& source, ProgressEvent* progress) {
 bool ClsTar::VerifyTar(const XString& tarPath, ProgressEvent* progress) {
   return method("VerifyTar", MethodForm::Judged, false, [&](MethodFrame& frame) {
     m_log.LogDataX("filepath", tarPath);
+    ProgressMonitorPtr waiting(progress, m_abortCheckMs, m_percentScale, 0);
     _mvFileDataSource file;
-    return openArchive(file, tarPath, frame, m_log) && untarWithProgress(file, false, progress) >= 0;
+    return openArchive(file, tarPath, waiting.getPm(), frame, m_log) &&
+           untarWithProgress(file, false, progress) >= 0;
   });
 }
 

@@ -9,82 +9,55 @@
 
 namespace morvane {
 
-namespace {
-
-// A path that cannot be opened leaves no verdict in the log.
-bool openArchive(_mvFileDataSource& file, const XString& path, MethodFrame& frame, LogBase& log) {
-  if (file.openDataSourceFile(path, log)) return true;
-  frame.withoutVerdict();
-  return false;
-}
-
-}  // namespace
-
 bool ClsTar::UntarGz(const XString& tarGzPath, ProgressEvent* progress) {
-  return method("UntarGz", MethodForm::Judged, false, [&](MethodFrame& frame) {
-    _mvFileDataSource file;
-    setMatchPatternExactFlags();
-    return openArchive(file, tarGzPath, frame, m_log) && untarGz(file, progress);
-  });
+  return untarCompressedFile("UntarGz", tarGzPath, progress, &ClsTar::unTarGz);
 }
 
 bool ClsTar::UntarGz(_mvDataSource& source, ProgressEvent* progress) {
-  return method("UntarGz", MethodForm::Judged, false, [&](MethodFrame&) {
-    setMatchPatternExactFlags();
-    return untarGz(source, progress);
-  });
+  return untarCompressedSource("UntarGz", source, progress, &ClsTar::unTarGz);
 }
 
 bool ClsTar::UntarBz2(const XString& tarBz2Path, ProgressEvent* progress) {
-  return method("UntarBz2", MethodForm::Judged, false, [&](MethodFrame& frame) {
-    _mvFileDataSource file;
-    setMatchPatternExactFlags();
-    return openArchive(file, tarBz2Path, frame, m_log) && untarBz2(file, progress);
-  });
+  return untarCompressedFile("UntarBz2", tarBz2Path, progress, &ClsTar::unTarBz2);
 }
 
 bool ClsTar::UntarBz2(_mvDataSource& source, ProgressEvent* progress) {
-  return method("UntarBz2", MethodForm::Judged, false, [&](MethodFrame&) {
-    setMatchPatternExactFlags();
-    return untarBz2(source, progress);
-  });
+  return untarCompressedSource("UntarBz2", source, progress, &ClsTar::unTarBz2);
 }
 
 bool ClsTar::UntarZ(const XString& tarZPath, ProgressEvent* progress) {
-  return method("UntarZ", MethodForm::Judged, false, [&](MethodFrame& frame) {
-    _mvFileDataSource file;
-    setMatchPatternExactFlags();
-    return openArchive(file, tarZPath, frame, m_log) && untarZ(file, progress);
-  });
+  return untarCompressedFile("UntarZ", tarZPath, progress, &ClsTar::unTarZ);
 }
 
 bool ClsTar::UntarZ(_mvDataSource& source, ProgressEvent* progress) {
-  return method("UntarZ", MethodForm::Judged, false, [&](MethodFrame&) {
+  return untarCompressedSource("UntarZ", source, progress, &ClsTar::unTarZ);
+}
+
+// A path that cannot be opened leaves no verdict in the log.
+bool ClsTar::untarCompressedFile(const char* name, const XString& path, ProgressEvent* progress,
+                                 Decompress decompress) {
+  return method(name, MethodForm::Judged, false, [&](MethodFrame& frame) {
     setMatchPatternExactFlags();
-    return untarZ(source, progress);
+    ProgressMonitorPtr waiting(progress, m_abortCheckMs, m_percentScale, 0);
+    _mvFileDataSource file;
+    if (file.openDataSourceFile(path, m_log, waiting.getPm()))
+      return untarCompressed(file, progress, decompress);
+    frame.withoutVerdict();
+    return false;
   });
 }
 
-bool ClsTar::untarGz(_mvDataSource& source, ProgressEvent* progress) {
-  return untarCompressed(source, progress, [this](_mvDataSource& from, ProgressMonitor* pm) {
-    return unTarGz(from, pm, m_log);
+bool ClsTar::untarCompressedSource(const char* name, _mvDataSource& source, ProgressEvent* progress,
+                                   Decompress decompress) {
+  return method(name, MethodForm::Judged, false, [&](MethodFrame&) {
+    setMatchPatternExactFlags();
+    return untarCompressed(source, progress, decompress);
   });
-}
-
-bool ClsTar::untarBz2(_mvDataSource& source, ProgressEvent* progress) {
-  return untarCompressed(source, progress,
-                         [this](_mvDataSource& from, ProgressMonitor* pm) { return unTarBz2(from, pm); });
-}
-
-bool ClsTar::untarZ(_mvDataSource& source, ProgressEvent* progress) {
-  return untarCompressed(source, progress,
-                         [this](_mvDataSource& from, ProgressMonitor* pm) { return unTarZ(from, pm); });
 }
 
 // What the three have in common: progress over the compressed bytes, a source that lends them, and an end of
 // the run that leaves nothing in a buffer.
-bool ClsTar::untarCompressed(_mvDataSource& source, ProgressEvent* progress,
-                             const std::function<bool(_mvDataSource&, ProgressMonitor*)>& untar) {
+bool ClsTar::untarCompressed(_mvDataSource& source, ProgressEvent* progress, Decompress decompress) {
   const long long start = std::max(source.ftell64(), 0LL);
   const long long total = std::max(source.sizeIfKnown() - start, 0LL);
   ProgressMonitorPtr pm(progress, m_abortCheckMs, m_percentScale, total);
@@ -100,7 +73,7 @@ bool ClsTar::untarCompressed(_mvDataSource& source, ProgressEvent* progress,
       m_stream->releaseTarget();
       m_archiveSource = nullptr;
     });
-    ok = untar(lending, pm.getPm());
+    ok = (this->*decompress)(lending, pm.getPm(), m_log);
   }
   ok = ok && flushed;
   if (ok) pm.consumeRemaining(m_log);
@@ -133,26 +106,26 @@ bool ClsTar::unTarGz(_mvDataSource& source, ProgressMonitor* pm, LogBase& log) {
   return true;
 }
 
-bool ClsTar::unTarBz2(_mvDataSource& source, ProgressMonitor* pm) {
+bool ClsTar::unTarBz2(_mvDataSource& source, ProgressMonitor* pm, LogBase& log) {
   MorvaneBzip2 bzip2;
   if (m_options.bz2Framed) {
-    beginFramedRun(m_log);
-    return bzip2.DecompressStream(source, *this, m_log, pm) && FinishStreamingUntar(pm, m_log);
+    beginFramedRun(log);
+    return bzip2.DecompressStream(source, *this, log, pm) && FinishStreamingUntar(pm, log);
   }
   m_stream->beginUnframed();
-  protectArchive(m_log);
-  return bzip2.DecompressStream(source, *this, m_log, pm) && !m_stream->anyRefused();
+  protectArchive(log);
+  return bzip2.DecompressStream(source, *this, log, pm) && !m_stream->anyRefused();
 }
 
-bool ClsTar::unTarZ(_mvDataSource& source, ProgressMonitor* pm) {
+bool ClsTar::unTarZ(_mvDataSource& source, ProgressMonitor* pm, LogBase& log) {
   _mvIoParams io(pm);
-  beginFramedRun(m_log);
-  if (!MorvaneLzw::decompressLzwSource64(source, *this, true, io, m_log)) {
-    m_log.LogError("Invalid compressed data (D)");
+  beginFramedRun(log);
+  if (!MorvaneLzw::decompressLzwSource64(source, *this, true, io, log)) {
+    log.LogError("Invalid compressed data (D)");
     return false;
   }
-  if (!FinishStreamingUntar(pm, m_log)) {
-    m_log.LogNotice("Untar failed, possible corrupt .Z file.");
+  if (!FinishStreamingUntar(pm, log)) {
+    log.LogNotice("Untar failed, possible corrupt .Z file.");
     return false;
   }
   return true;
