@@ -137,7 +137,9 @@ class CreateEvent : public morvane::ProgressEvent {
   void onTarEntry(const char* path, long long size, bool isDirectory, bool& skip) override {
     settle();
     const std::string name = m_names.nameOf(path);
-    skip = !m_selection.takes(name) || (m_line.maxCount > 0 && m_members >= m_line.maxCount);
+    m_localPath = path;
+    m_nothingBelow = m_selection.excludes(name) || (m_line.maxCount > 0 && m_members >= m_line.maxCount);
+    skip = m_nothingBelow || !m_selection.takes(name);
     if (skip) return;
     if (m_line.format == "ustar" && !fitsUstar(isDirectory ? name + "/" : name)) {
       m_report.problem(path, "its name is too long for the ustar format");
@@ -146,7 +148,6 @@ class CreateEvent : public morvane::ProgressEvent {
     }
     if (size == 0 || isDirectory) nameWhatIsLost(path);
     m_isBegun = true;
-    m_localPath = path;
     m_size = isDirectory ? 0 : size;
     m_isDirectory = isDirectory;
   }
@@ -156,8 +157,7 @@ class CreateEvent : public morvane::ProgressEvent {
     if (what == "pathInTar") {
       m_name = value;
     } else if (what == "unreadable") {
-      if (m_localPath == value) m_isBegun = false;
-      if (m_unreadable.insert(value).second) m_report.problem(value, whyUnreadable(value));
+      noteUnreadable(value);
     } else if (what == "sizeChanged") {
       m_report.problem(value, "its size changed while it was archived");
     }
@@ -175,7 +175,22 @@ class CreateEvent : public morvane::ProgressEvent {
     if (m_line.verbose) m_report.name(m_isDirectory && !endsWith(m_name, "/") ? m_name + "/" : m_name);
   }
 
+  // Whether what the component missed is all that was not wanted anyway.
+  bool missedOnlyUnwanted() const { return m_unwantedMissed && m_unreadable.empty(); }
+
  private:
+  // Of a directory that is skipped, what may lie below is missed.
+  void noteUnreadable(const std::string& path) {
+    if (path != m_localPath) {
+      settle();
+    } else if (m_nothingBelow) {
+      m_unwantedMissed = true;
+      return;
+    }
+    m_isBegun = false;
+    if (m_unreadable.insert(path).second) m_report.problem(path, whyUnreadable(path.c_str()));
+  }
+
   bool fitsUstar(const std::string& name) const {
     constexpr size_t kName = 100, kPrefix = 155, kAll = kPrefix + kName;
     if (name.size() <= kName || name.size() > kAll) return true;  // even longer ones go into a record
@@ -201,8 +216,11 @@ class CreateEvent : public morvane::ProgressEvent {
   const CommandLine& m_line;
   Selection m_selection;
   std::set<std::string> m_unreadable;  // a directory is a member and the root of a tree
-  bool m_isBegun = false;              // the member that is being written:
-  std::string m_localPath, m_name;
+  std::string m_localPath;             // of the last entry
+  bool m_nothingBelow = false;         // of it is wanted
+  bool m_unwantedMissed = false;
+  bool m_isBegun = false;  // the member that is being written:
+  std::string m_name;
   long long m_size = 0;
   bool m_isDirectory = false;
   long long m_members = 0, m_bytes = 0;
@@ -304,7 +322,8 @@ int createArchive(const CommandLine& line) {
   tar.put_UncommonOptions(
       (std::string(kWords) + (bar.mayBeShown() ? "" : ",NoTotal") + line.options).c_str());
   CreateEvent event(report, bar, tar, sources.names(), line);
-  const bool ok = write(tar, line, event);
+  bool ok = write(tar, line, event);
+  if (event.missedOnlyUnwanted() && failureReason(tar).empty()) ok = true;
   bar.clear();
   if (line.printLog) report.log(tar);
   if (isInterrupted()) {

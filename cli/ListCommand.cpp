@@ -1,4 +1,5 @@
 // mvtar -t
+#include <algorithm>
 #include <cstdio>
 #include <ctime>
 

@@ -192,7 +192,7 @@ bash_completion=moved-shared/share/bash-completion/completions/mvtar
 zsh_completion=moved-shared/share/zsh/site-functions/_mvtar
 quietly bash -n $bash_completion
 sed 's/\\-/-/g' $page >page.txt
-long_options() { grep -oE '(^|[^-a-zA-Z])--[a-z][-a-z]+' "$1" | sed 's/^[^-]*//' | sort -u; }
+long_options() { grep -oE '(^|[^-a-zA-Z])--[a-z][-a-z0-9]+' "$1" | sed 's/^[^-]*//' | sort -u; }
 $mvtar --help >help.txt
 for option in $(long_options help.txt); do
   for file in page.txt $bash_completion $zsh_completion; do

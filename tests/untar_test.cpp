@@ -443,8 +443,9 @@ TEST(Untar, EachFailureHasItsLines) {
     ASSERT_EQ(0, run({"sh", "-c", each.prepare}, "", dir.path()).status);
     writeFile(dir / "a.tar", each.archive);
     Lines lines = each.lines;
-    const size_t at = lines.back().find('%');
-    if (at != std::string::npos) lines.back().replace(at, 1, dir.path());
+    for (std::string& line : lines) {
+      if (const size_t at = line.find('%'); at != std::string::npos) line.replace(at, 1, dir.path());
+    }
     lines.insert(lines.end(), {"untarCount: -1", "Failure."});
     ClsTar tar;
     tar.put_UntarFromDir(dir.path());
