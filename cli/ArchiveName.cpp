@@ -1,5 +1,6 @@
 #include "cli/ArchiveName.h"
 
+#include <algorithm>
 #include <vector>
 
 namespace mvtar {

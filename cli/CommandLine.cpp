@@ -328,7 +328,7 @@ Options:
   --format=FORMAT     gnu (default), ustar or pax
   --match=PATTERN     only what matches (may be repeated)
   --exclude=PATTERN   not what matches (may be repeated)
-  --prefix=PATH       put PATH in front of every name
+  --prefix=PATH       create: put PATH in front of every name
   --strip-paths       extract every file straight into the target
   --max-count=N       stop after N members
   -O                  extract the first matching file to standard output

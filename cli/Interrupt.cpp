@@ -63,6 +63,7 @@ void catchInterrupts() {
 void endOnInterrupt(const std::string& line) {
   g_lastLine = line + "\n";
   handleInterrupts(endAtOnce);
+  if (isInterrupted()) endAtOnce(g_signal);
 }
 
 bool isInterrupted() { return g_signal != 0; }

@@ -96,7 +96,9 @@ void exchange(int in, const std::string& input, int out, std::string& outText, i
   while (fds[1].fd >= 0 || fds[2].fd >= 0) {
     if (poll(fds, 3, -1) < 0) break;
     if (fds[0].fd >= 0 && fds[0].revents) {
-      const ssize_t n = write(fds[0].fd, input.data() + written, input.size() - written);
+      // A pipe that is ready takes this much without waiting.
+      const ssize_t n =
+          write(fds[0].fd, input.data() + written, std::min<size_t>(input.size() - written, 4096));
       if (n > 0) written += static_cast<size_t>(n);
       if (n < 0 || written == input.size()) close(std::exchange(fds[0].fd, -1));
     }

@@ -219,20 +219,20 @@ TEST(LongPaths, EveryServiceTakesThem) {
   EXPECT_TRUE(deepest == current.str()) << current.str().size();
 }
 
+// The limit falls on every place: in a directory's name, on the slashes behind it, in the file's name.
 TEST(LongPaths, EveryLengthAroundTheLimit) {
   ScratchDir dir;
-  // Parts of different lengths, so that the limit falls on slashes, behind them and inside names.
-  for (unsigned cut = 0; cut < 20; ++cut) {
-    std::string path = dir / std::string(1 + cut, 'a');
-    while (path.size() + 201 < PATH_MAX - 10) path += "/" + std::string(200, 'b');
+  std::string base = dir / "b";
+  while (base.size() + 201 < PATH_MAX - 100) base += "/" + std::string(200, 'b');
+  for (size_t dirLength = PATH_MAX - 8; dirLength <= PATH_MAX + 4; ++dirLength) {
+    const std::string path = base + "/" + std::string(dirLength - base.size() - 1, 'd');
     _mvLogger log;
     ASSERT_TRUE(DirAutoCreate::ensureDirUtf8(path.c_str(), log)) << log.text();
-    path += std::string(1 + cut % 3, '/');
-    for (size_t length = PATH_MAX - 3; length <= PATH_MAX + 3; ++length) {
-      const std::string file = path + std::string(length - path.size(), 'f');
-      const std::unique_ptr<OutputFile> out(OutputFile::createFileUtf8(file.c_str(), log));
+    for (const char* name : {"/f", "//f", "/////g", "/long"}) {
+      const std::unique_ptr<OutputFile> out(OutputFile::createFileUtf8((path + name).c_str(), log));
       mvFileInfo info;
-      ASSERT_TRUE(out && info.loadFileInfoUtf8(file.c_str(), log) && info.m_isRegularFile) << log.text();
+      ASSERT_TRUE(out && info.loadFileInfoUtf8((path + name).c_str(), log) && info.m_isRegularFile)
+          << log.text();
     }
   }
 }

@@ -159,7 +159,6 @@ TEST_F(CreateDeb, LayoutOfEverySize) {
           << c << " " << d;
     }
   }
-  EXPECT_EQ(1494u, 8u + 60 + 4 + 60 + 301 + 1 + 60 + 1000) << "the sizes of a package of 301 and 1,000 bytes";
 }
 
 TEST_F(CreateDeb, NothingIsWrittenUnlessBothWereRead) {
@@ -180,7 +179,6 @@ TEST_F(CreateDeb, NothingIsWrittenUnlessBothWereRead) {
 }
 
 TEST_F(CreateDeb, DpkgAcceptsOurs) {
-  if (!isInstalled("dpkg-deb")) GTEST_SKIP() << "dpkg-deb is not installed";
   writeFile(
       m_dir / "control/control",
       "Package: morvane-test\nVersion: 1.0\nArchitecture: all\nMaintainer: Nobody <nobody@example.org>\n"

@@ -344,7 +344,7 @@ TEST(Mvtar, XmlListingIsWellFormedInEveryForm) {
       R"(mkdir d && touch d/plain d/$'\001]]>&<"\377\n' d/$(printf 'l%.0s' {1..200}) && tar -cf a.tar --sort=name d)");
   makeForms(dir);
   for (const Form& form : kForms) {
-    for (const std::string name : {"a." + form.name, std::string("-")}) {
+    for (const std::string& name : {"a." + form.name, std::string("-")}) {
       const CommandResult result = mvtar(dir, "-t --xml -f " + name, readFile(dir / ("a." + form.name)));
       expect(result, 0, result.out, "");
       EXPECT_TRUE(has(result.out, "<path>d/plain</path>\r\n")) << result.out;
@@ -371,7 +371,7 @@ TEST(Mvtar, OneFileToStandardOutput) {
                 "d/none: not found in the archive\n*x: not found in the archive");
     expectMvtar(dir, start + " --match=sub --exclude=2", 2, "", archive + ": No such member.");
     expectMvtar(dir, start + " d/sym", 2, "", "d/sym: a symbolic link is kept as an ordinary file");
-    expectMvtar(dir, "-xOf - d/big --totals", 0, readFile(dir / "d/big"), "1 members, 48887 bytes",
+    expectMvtar(dir, "-xOf - d/big --totals", 0, readFile(dir / "d/big"), "1 members, 48888 bytes",
                 readFile(dir / archive));
     EXPECT_EQ("d/sub/2\n", mvtar(dir, start + " -v d/sub").err);
   }
@@ -425,8 +425,8 @@ TEST(Mvtar, DebianPackage) {
     must(dir, "mvtar --deb -f - in/control.tar.gz in/" + data + " > q.deb");
     for (const char* package : {"p.deb", "q.deb"}) {
       const std::string p = package;
-      must(dir, "dpkg-deb --info " + p + " | grep -q 'Package: p' && dpkg-deb --contents " + p +
-                    " | grep -q usr/hi && rm -rf x && dpkg-deb -x " + p + " x && diff -r d x");
+      must(dir, "dpkg-deb --info " + p + " | grep 'Package: p' && dpkg-deb --contents " + p +
+                    " | grep usr/hi && rm -rf x && dpkg-deb -x " + p + " x && diff -r d x");
     }
   }
   expectMvtar(dir, "--deb -f p.deb in/none in/data.tar.gz", 2, "", "in/none: No such file or directory");
@@ -456,7 +456,7 @@ TEST(Mvtar, ArchivesAreNeitherWrittenToATerminalNorReadFromIt) {
 
 TEST(Mvtar, ProgressBar) {
   ScratchDir dir;
-  must(dir, "truncate -s 64G huge && mkdir d && head -c 3M /dev/urandom > d/f && mvtar -cf a.tar d");
+  must(dir, "truncate -s 64G huge && mkdir d && head -c 200K /dev/urandom > d/f && mvtar -cf a.tar d");
   const auto atTerminal = [&](const std::string& line) {
     Running command(dir, line, Running::Streams::TerminalForErrors);
     EXPECT_EQ(0, command.end());

@@ -490,8 +490,11 @@ TEST(PaxRecords, TextToFields) {
   for (const auto& [text, fields] : kCases) {
     TarHeader record;
     _mvLogger log;
+    log.setVerbose(true);
     ASSERT_TRUE(ClsTar::parsePaxExtendedHeader(text.c_str(), record, log));
     EXPECT_EQ(fields, shown(record)) << text;
+    EXPECT_EQ(text.find(k99) == 2, log.text().find("paxName: " + k99 + "\n") != std::string::npos);
+    EXPECT_EQ(std::string::npos, log.text().find("paxName: k" + k99.substr(1) + "k"));  // 100 characters
     const bool reduced = text.find("4294967296") != std::string::npos;
     EXPECT_EQ(reduced, log.text().find("paxValue: 99999999999999999999\n") != std::string::npos) << text;
   }
