@@ -287,11 +287,13 @@ TEST(Options, FullRead) {
     EXPECT_EQ(-1, untar(tar, x("size", "9223372036854775807") + member("m") + kEnd, &event));
     EXPECT_EQ(Lines{"0 m "s + size + " 1024"}, event.headers);
   }
-  // Times with their fractions reach the file.
+  // A NUL does not cut the name that a file gets, and times reach it with their fractions.
   ScratchDir dir;
   ClsTar tar;
   tar.put_UncommonOptions("FullRead");
   tar.put_UntarFromDir(dir.path());
+  EXPECT_EQ(-1, untar(tar, x("path", "m\0x"s) + member("n") + kEnd));
+  EXPECT_TRUE(treeOf(dir.path()).empty() && logHas(tar, "Member refused: its path leaves the target."));
   EXPECT_EQ(1, untar(tar, x("mtime", "4294967296.000000007") + x("atime", "-5.5") + member("m") + kEnd))
       << logOf(tar);
   struct stat status;
@@ -386,9 +388,12 @@ TEST(Options, Confine) {
       if (!refused) continue;
       auto after = treeOf(dir / "out");
       after.erase("last");
-      EXPECT_EQ(inner, after);  // nothing created
-      event.skipEntry = dir / "out/" + each.name;
-      EXPECT_EQ(1, untar(tar, member(each.name, "new") + member("last") + kEnd, &event)) << logOf(tar);
+      EXPECT_EQ(inner, after);   // nothing created
+      tar.put_UntarMaxCount(2);  // what is refused does not count
+      EXPECT_EQ(-1, untar(tar, member(each.name) + member("last") + member("more") + kEnd));
+      EXPECT_TRUE(exists(dir / "out/more"));
+      event.skipEntry = dir / "out/" + each.name;  // the skip flag is heard first
+      EXPECT_EQ(1, untar(tar, member(each.name) + member("last") + kEnd, &event)) << logOf(tar);
     }
   }
   // Absolute names are refused where they are kept, and a missing target is made.

@@ -104,6 +104,9 @@ TEST(Write, EventsFiltersAndProgress) {
       (Lines{one, one, t + "a dir", t + "a/e dir", t + "a/f 600", t + "a/" + kLongName + " 4", t + "b dir"}),
       event.entries);
   EXPECT_EQ("pathInTar=other/two.txt", event.infos[1]);
+  event.skipEntry = t + "a";  // what lies below it stays
+  EXPECT_EQ((Lines{"one.txt 10", "other/two.txt 10", "a/e/ 0", "a/f 600", "a/" + kLongName + " 4", "b/ 0"}),
+            membersOf(written(sources.tar, &event)));
 
   // The total counts data only: not what is excluded, missing, or a pair without its second ESC.
   const auto total = [&] { return sources.tar.calcTotalProgressForWrite(sources.tar.log(), nullptr); };
