@@ -3,7 +3,8 @@ function(morvane_warnings target)
   target_compile_options(${target} PRIVATE
     -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wformat=2 -Wnon-virtual-dtor
     -Woverloaded-virtual -Wundef)
-  if(PROJECT_IS_TOP_LEVEL)
+  # What the sanitizers add to the code makes GCC warn of faults that are none.
+  if(PROJECT_IS_TOP_LEVEL AND NOT MORVANE_TAR_SANITIZE)
     target_compile_options(${target} PRIVATE -Werror)
   endif()
 endfunction()

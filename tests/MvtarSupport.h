@@ -98,7 +98,8 @@ class Running {
     int terminal = -1;
     m_pid = piped ? fork() : forkpty(&terminal, nullptr, nullptr, nullptr);
     if (m_pid == 0) {
-      signal(SIGPIPE, SIG_DFL);
+      // Whoever runs the tests in the background may have had some ignored.
+      for (const int unignored : {SIGPIPE, SIGINT, SIGTERM}) signal(unignored, SIG_DFL);
       if (piped) dup2(pipes[0][0], 0);
       if (streams != Streams::Terminal) dup2(pipes[1][1], 1);
       if (piped) dup2(pipes[2][1], 2);

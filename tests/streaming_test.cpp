@@ -4,7 +4,6 @@
 #include <filesystem>
 #include <functional>
 #include <random>
-#include <regex>
 
 #include "TestSupport.h"
 #include "runtime/log/_mvLogger.h"
@@ -43,11 +42,10 @@ std::string shown(const Tree& tree) {
     const auto inside = tree.lower_bound(path + "/");
     const bool isFull = inside != tree.end() && inside->first.find(path + "/") == 0;
     if (what == "dir" && isFull) continue;
-    static const std::regex kSizeAndHash("file (\\d+) \\d{9,}");
-    std::smatch size;
-    const bool isLong = std::regex_match(what, size, kSizeAndHash);
     text += (text.empty() ? "" : "|") + path;
-    text += what == "dir" ? "/" : isLong ? "=#" + size.str(1) : "=" + what.substr(5);
+    unsigned long long size = 0, hash = 0;
+    const bool isLong = sscanf(what.c_str(), "file %llu %llu", &size, &hash) == 2;
+    text += what == "dir" ? "/" : isLong ? "=#" + std::to_string(size) : "=" + what.substr(5);
   }
   return text;
 }
@@ -239,7 +237,11 @@ class StreamingCase : public ::testing::TestWithParam<Case> {
     }
     const bool ok = tar.FinishStreamingUntar(&pm, log);
     // Which of the steps saw a failure depends on the pieces.
-    return take(tar, event, ok, std::regex_replace(log.text(), std::regex("\\([123]\\)"), "(n)"));
+    std::string lines = log.text();
+    for (const char* step : {"(1)", "(2)", "(3)"}) {
+      for (size_t at; (at = lines.find(step)) != std::string::npos;) lines.replace(at, 3, "(n)");
+    }
+    return take(tar, event, ok, lines);
   }
   Outcome push(size_t size) {
     return push([size] { return size; });
