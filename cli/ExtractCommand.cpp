@@ -46,7 +46,8 @@ const char* lostKind(const TarMemberInfo& member) {
 
 class ExtractEvent : public MemberEvent {
  public:
-  using MemberEvent::MemberEvent;
+  ExtractEvent(ClsTar& tar, Report& report, ProgressBar& bar, const CommandLine& line)
+      : MemberEvent(report, bar, line), m_tar(tar) {}
 
   void onTarEntry(const char*, long long size, bool isDirectory, bool& skip) override {
     // Straight into the target there is no place for a directory.
@@ -57,9 +58,10 @@ class ExtractEvent : public MemberEvent {
   }
 
   void onInfo(const char* name, const char* value) override {
-    if (std::strcmp(name, "refused") != 0) return;
+    const bool refused = std::strcmp(name, "refused") == 0;
+    if (!refused && std::strcmp(name, "uncreatable") != 0) return;
     drop();
-    m_report.problem(value, "refused: its path leaves the target");
+    m_report.problem(value, refused ? "refused: its path leaves the target" : failureReason(m_tar));
   }
 
  private:
@@ -87,6 +89,7 @@ class ExtractEvent : public MemberEvent {
     }
   }
 
+  ClsTar& m_tar;
   std::string m_path;
   const char* m_lost = nullptr;
   bool m_slashesNamed = false;
@@ -132,7 +135,7 @@ int extractArchive(const CommandLine& line) {
   ArchiveReader archive;
   if (!archive.open(line, report) || !makeTarget(line, report)) return finish(tar, line, report, true);
   prepare(tar, line);
-  ExtractEvent event(report, bar, line);
+  ExtractEvent event(tar, report, bar, line);
   const bool ok = archive.read(tar, event) || event.enoughSeen();
   bar.clear();
   if (cameToTheEnd(tar, ok)) {

@@ -26,7 +26,8 @@ class InterruptEvent : public morvane::ProgressEvent {
 }  // namespace
 
 std::string readingWords(const CommandLine& line) {
-  const std::string words = "FullRead,VerifyGzip,GzipAllMembers,Bz2Framed,RequireEndOfArchive,EntryEvents";
+  const std::string words =
+      "FullRead,VerifyGzip,GzipAllMembers,Bz2Framed,RequireEndOfArchive,EntryEvents,SkipUncreatable";
   return words + (line.keepNames ? "" : ",Confine=beneath") + line.options;
 }
 

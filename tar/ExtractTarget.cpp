@@ -67,7 +67,7 @@ ExtractTarget::Outcome ExtractTarget::createFile(const MemberPath& path, const R
   if (isTooLong(path, log)) return Outcome::NotCreated;
   const char* const outputPath = path.outputPath().getUtf8();
   if (settings.options.confine != Confine::Off) {
-    if (!openConfined(settings, log)) return Outcome::NoParent;
+    if (!openConfined(settings, log)) return Outcome::NoTarget;
     if (creatingTag && log.verbose()) log.LogDataX(creatingTag, path.outputPath());
     OsFile created;
     const Outcome outcome = outcomeOf(m_confined.createFile(path.entryPath().str(), created, log));
@@ -91,7 +91,7 @@ ExtractTarget::Outcome ExtractTarget::makeDirectory(const MemberPath& path, cons
   if (hasNul(path)) return Outcome::Refused;
   if (isTooLong(path, log)) return Outcome::NotCreated;
   if (settings.options.confine != Confine::Off) {
-    if (!openConfined(settings, log)) return Outcome::NotCreated;
+    if (!openConfined(settings, log)) return Outcome::NoTarget;
     return outcomeOf(m_confined.makeDirectory(path.entryPath().str(), log));
   }
   if (path.outputPath().isEmpty()) return Outcome::Ok;  // where the process stands
@@ -99,10 +99,21 @@ ExtractTarget::Outcome ExtractTarget::makeDirectory(const MemberPath& path, cons
   return made ? Outcome::Ok : Outcome::NotCreated;
 }
 
-void reportRefused(const MemberPath& path, ProgressEvent* event, LogBase& log) {
-  log.LogNotice("Member refused: its path leaves the target.");
+bool leavesOut(ExtractTarget::Outcome outcome, const MemberPath& path, const ReadSettings& settings,
+               ProgressEvent* event, LogBase& log) {
+  using Outcome = ExtractTarget::Outcome;
+  if (outcome == Outcome::Ok || outcome == Outcome::NoTarget) return false;
+  const bool refused = outcome == Outcome::Refused;
+  if (!refused && !settings.options.skipUncreatable) return false;
+  log.LogNotice(refused ? "Member refused: its path leaves the target."
+                        : "Member left out: it cannot be created.");
   log.LogDataX("entryPath", path.entryPath());
-  if (event) ProgressMonitor::pprogressInfo(*event, "refused", path.entryPath().getUtf8());
+  // Until the event has been sent, get_FailureCause says why.
+  if (event) {
+    ProgressMonitor::pprogressInfo(*event, refused ? "refused" : "uncreatable", path.entryPath().getUtf8());
+  }
+  log.forgetCause();  // the run goes on
+  return true;
 }
 
 }  // namespace morvane

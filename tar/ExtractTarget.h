@@ -14,7 +14,7 @@ namespace morvane {
 
 class ExtractTarget {
  public:
-  enum class Outcome { Ok, Refused, NoParent, NotCreated };
+  enum class Outcome { Ok, Refused, NoTarget, NoParent, NotCreated };
 
   // A file that extraction must not replace: the archive being read.
   void protect(const mvFileInfo& archive);
@@ -39,7 +39,9 @@ class ExtractTarget {
   mvFileInfo m_archive;
 };
 
-// The error line, data and event for a member that was refused.
-void reportRefused(const MemberPath& path, ProgressEvent* event, LogBase& log);
+// Whether the run goes on without a member that was not created: a refused one, and with SkipUncreatable any
+// that the target has no place for. It is then reported; the run fails at its end.
+bool leavesOut(ExtractTarget::Outcome outcome, const MemberPath& path, const ReadSettings& settings,
+               ProgressEvent* event, LogBase& log);
 
 }  // namespace morvane

@@ -23,6 +23,7 @@ constexpr Switch kSwitches[] = {
     {"ustarplainprefix", &TarOptions::ustarPlainPrefix},
     {"paxexact", &TarOptions::paxExact},
     {"fullread", &TarOptions::fullRead},
+    {"skipuncreatable", &TarOptions::skipUncreatable},
     {"verifygzip", &TarOptions::verifyGzip},
     {"gzipallmembers", &TarOptions::gzipAllMembers},
     {"bz2framed", &TarOptions::bz2Framed},

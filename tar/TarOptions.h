@@ -26,6 +26,7 @@ struct TarOptions {
   bool fullRead = false;
   long long maxExtensionBytes = 64LL * 1024 * 1024;
   Confine confine = Confine::Off;
+  bool skipUncreatable = false;
   bool verifyGzip = false;
   bool gzipAllMembers = false;
   bool bz2Framed = false;

@@ -274,6 +274,17 @@ TEST(MvtarExtract, LinksSpecialFilesAndBackSlashesAreNamed) {
   EXPECT_EQ(2, mvtar(dir, "-xf p.tar -C out").status);
 }
 
+TEST(MvtarExtract, WhatCannotBeCreatedIsNamedAndLeftOut) {
+  ScratchDir dir;
+  const std::string tooLong(256, 'x');
+  must(dir, "mkdir d " + tooLong.substr(1) +
+                " && touch d/1 d/2 && tar -cf a.tar --transform=s/^xx/xxx/ d/1 x* d/2");
+  makeForms(dir);
+  for (const Form& form : kForms) {
+    expectMvtar(dir, "-xvf a." + form.name + " -C out", 2, "d/1\nd/2\n", tooLong + "/: File name too long");
+  }
+}
+
 TEST(MvtarExtract, RecordsThatOnlyDescribeAreNoMembers) {
   ScratchDir dir;
   must(dir,

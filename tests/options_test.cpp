@@ -122,6 +122,17 @@ TEST(Options, WriteExactSizes) {
   }
 }
 
+// Such a file says that it is empty.
+TEST(Options, WriteExactSizesOfAFileThatTheSystemMakesUp) {
+  ClsTar tar;
+  tar.put_UncommonOptions("WriteExactSizes");
+  tar.AddFile("/proc/version");
+  LimitedOutput out;
+  ActingEvent event;
+  EXPECT_FALSE(tar.WriteTar(out, &event));
+  EXPECT_EQ(Lines{"sizeChanged=/proc/version"}, event.infos);
+}
+
 // The default never ends: a child tries it, with little time on the processor.
 TEST(OptionsDeathTest, CountSkipsExcluded) {
   ScratchDir dir;
@@ -406,6 +417,38 @@ TEST(Options, Confine) {
   EXPECT_EQ(-1, untar(tar, member(dir / "abs", "new") + kEnd));
   EXPECT_FALSE(exists(dir / "abs"));
   EXPECT_EQ("new", readFile(dir / "a/b" + dir / "abs"));
+}
+
+TEST(Options, SkipUncreatable) {
+  const std::string tooLong(300, 'x'), tooLongMember = longName(tooLong) + member("x", "a");
+  const std::string archive =
+      member("f") + tooLongMember + member("f/below") + directory("f") + member("last") + kEnd;
+  for (const std::string confine : {"", ",Confine=beneath"}) {
+    for (const std::string word : {"", "SkipUncreatable"}) {
+      SCOPED_TRACE(word + confine);
+      ScratchDir dir;
+      ClsTar tar;
+      tar.put_UncommonOptions((word + confine).c_str());
+      tar.put_UntarFromDir(dir / "out");
+      ActingEvent event;
+      EXPECT_EQ(-1, untar(tar, archive, &event));
+      EXPECT_EQ(!word.empty(), exists(dir / "out/last"));
+      EXPECT_EQ(!word.empty(), logHas(tar,
+                                      "reason: File name too long\n            Member left out: it cannot be "
+                                      "created.\n            entryPath: " +
+                                          tooLong))
+          << logOf(tar);
+      // Confined, a file among the parents is a way that leaves the target, and one in a directory's place
+      // goes.
+      if (word.empty()) continue;
+      EXPECT_EQ(confine.empty() ? (Lines{"uncreatable=" + tooLong, "uncreatable=f/below", "uncreatable=f"})
+                                : (Lines{"uncreatable=" + tooLong, "refused=f/below"}),
+                event.infos);
+      tar.put_UntarMaxCount(2);  // what is left out does not count
+      EXPECT_EQ(-1, untar(tar, tooLongMember + member("one") + member("two") + member("three") + kEnd));
+      EXPECT_TRUE(exists(dir / "out/two") && !exists(dir / "out/three"));
+    }
+  }
 }
 
 }  // namespace

@@ -105,6 +105,11 @@ long long _mvFileDataSource::sizeIfKnown() {
   return m_file.status(status) == 0 && S_ISREG(status.st_mode) ? status.st_size : -1;
 }
 
+bool _mvFileDataSource::hasByteAt(long long position) const {
+  char byte;
+  return m_file.readSomeAt(&byte, 1, position) > 0;
+}
+
 bool _mvFileDataSource::endOfStream() {
   if (m_windowAt < m_windowEnd) return false;
   return m_atEnd || (m_endAt >= 0 && m_position >= m_endAt);

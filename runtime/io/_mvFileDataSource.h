@@ -33,6 +33,8 @@ class MORVANE_API _mvFileDataSource : public _mvDataSource {
   long long bytesPassed() const { return m_position; }
   // Whether the system itself said that there is no more, rather than a limit of ours.
   bool endWasSeen() const { return m_atEnd && m_endAt < 0 && m_windowAt == m_windowEnd; }
+  // Whether the file has a byte at a position, whatever size it states. Never waits; nothing is passed.
+  bool hasByteAt(long long position) const;
 
   long long getFileSize64(LogBase& log);  // 0 when there is none to know
   // The identity of the open file.

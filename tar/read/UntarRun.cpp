@@ -68,7 +68,7 @@ int UntarRun::run() {
       step = nextEntry();
     }
   }
-  return step == Step::Fail || m_anyRefused ? -1 : m_count;
+  return step == Step::Fail || m_anyLeftOut ? -1 : m_count;
 }
 
 bool UntarRun::fail(const char* message) {
@@ -245,11 +245,10 @@ UntarRun::Step UntarRun::extractMember(bool& extracted) {
     if (skip) return Step::GoOn;
   }
   if (m_memberOutput) return copyMember();
-  bool refused = false;
-  if (!(m_current.m_isDirectory ? extractDirectory(refused) : extractFile(refused))) return Step::Fail;
-  if (refused) {
-    m_anyRefused = true;
-    reportRefused(m_path, m_context.event, m_log);
+  bool leftOut = false;
+  if (!(m_current.m_isDirectory ? extractDirectory(leftOut) : extractFile(leftOut))) return Step::Fail;
+  if (leftOut) {
+    m_anyLeftOut = true;
     return Step::GoOn;
   }
   extracted = true;
@@ -271,18 +270,18 @@ UntarRun::Step UntarRun::copyMember() {
   return Step::Stop;
 }
 
-bool UntarRun::extractDirectory(bool& refused) {
+bool UntarRun::extractDirectory(bool& leftOut) {
   if (m_settings.untarDiscardPaths) return true;
   if (m_settings.untarDebugLog) m_log.LogDataX("dir", m_path.entryPath());
   if (m_log.verbose()) m_log.LogDataX("createDir", m_path.outputPath());
   LogNull unwanted;
   const auto outcome = m_target.makeDirectory(m_path, m_settings, m_log.verbose() ? m_log : unwanted, m_log);
-  refused = outcome == ExtractTarget::Outcome::Refused;
-  return refused || outcome == ExtractTarget::Outcome::Ok ||
+  leftOut = leavesOut(outcome, m_path, m_settings, m_context.event, m_log);
+  return leftOut || outcome == ExtractTarget::Outcome::Ok ||
          failWith("Unable to create directory", "dirPath", m_path.outputPath());
 }
 
-bool UntarRun::extractFile(bool& refused) {
+bool UntarRun::extractFile(bool& leftOut) {
   if (m_settings.untarDebugLog) m_log.LogDataX("file", m_path.entryPath());
   if (m_log.verbose()) m_log.LogDataX("outputFile", m_path.outputPath());
   LogNull unwanted;
@@ -290,22 +289,21 @@ bool UntarRun::extractFile(bool& refused) {
   LogBase& directoryLog = m_log.verbose() ? m_log : unwanted;
   const bool confined = m_settings.options.confine != Confine::Off;
   // Where plain creation fails, extractToFile tries again and says why.
-  switch (m_target.createFile(m_path, m_settings, nullptr, directoryLog, confined ? m_log : unwanted, file)) {
-    case ExtractTarget::Outcome::Ok:
-      break;
-    case ExtractTarget::Outcome::Refused:
-      refused = true;
-      return true;
-    case ExtractTarget::Outcome::NoParent:
-      return failWith("Failed to ensure directory exists.", "filePath", m_path.outputPath());
-    case ExtractTarget::Outcome::NotCreated: {
-      if (!confined) break;
+  const bool triesAgain = !confined && !m_settings.options.skipUncreatable;
+  const ExtractTarget::Outcome outcome =
+      m_target.createFile(m_path, m_settings, nullptr, directoryLog, triesAgain ? unwanted : m_log, file);
+  leftOut = leavesOut(outcome, m_path, m_settings, m_context.event, m_log);
+  if (leftOut) return true;
+  if (outcome == ExtractTarget::Outcome::NoTarget || outcome == ExtractTarget::Outcome::NoParent) {
+    return failWith("Failed to ensure directory exists.", "filePath", m_path.outputPath());
+  }
+  if (confined && !file) {
+    {
       LogContextExitor context(m_log, "extractToFile");
       m_log.LogError("Failed to create OutputFile");
-      break;
     }
+    return failWith("Failed to extract to file.", "filePath", m_path.outputPath());
   }
-  if (confined && !file) return failWith("Failed to extract to file.", "filePath", m_path.outputPath());
   const bool full = m_settings.options.fullRead;
   const MorvaneFileTime modification = fileTime(m_current.m_mtime, m_current.m_exactMtime, full);
   const MorvaneFileTime access = fileTime(m_current.m_atime, m_current.m_exactAtime, full);

@@ -82,7 +82,7 @@ class UntarRun {
   char m_previousTypeFlag = ' ';
   _mvOutput* m_memberOutput = nullptr;
   bool m_endOfArchive = false;
-  bool m_anyRefused = false;
+  bool m_anyLeftOut = false;
   int m_count = 0;
 };
 

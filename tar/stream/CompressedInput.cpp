@@ -114,7 +114,7 @@ bool ClsTar::unTarBz2(_mvDataSource& source, ProgressMonitor* pm, LogBase& log) 
   }
   m_stream->beginUnframed();
   protectArchive(log);
-  return bzip2.DecompressStream(source, *this, log, pm) && !m_stream->anyRefused();
+  return bzip2.DecompressStream(source, *this, log, pm) && !m_stream->anyLeftOut();
 }
 
 bool ClsTar::unTarZ(_mvDataSource& source, ProgressMonitor* pm, LogBase& log) {

@@ -40,7 +40,7 @@ void StreamingUntar::setOutput(std::unique_ptr<_mvOutput> output, OutputFile* fi
 void StreamingUntar::releaseOutput() { setOutput(nullptr, nullptr); }
 
 void StreamingUntar::beginUnframed() {
-  m_anyRefused = false;
+  m_anyLeftOut = false;
   m_target.reset();
   m_path = MemberPath();
 }
@@ -119,7 +119,7 @@ bool StreamingUntar::FinishStreamingUntar(ProgressMonitor* pm, LogBase& log) {
     log.LogError("The archive has no end-of-archive mark.");
     m_streamOk = false;
   }
-  return m_streamOk && !m_anyRefused;
+  return m_streamOk && !m_anyLeftOut;
 }
 
 bool StreamingUntar::streamingUntarInner(const unsigned char* data, unsigned numBytes, bool& finished,
@@ -386,18 +386,14 @@ bool StreamingUntar::beginExtension(bool& finished, LogBase& log) {
 }
 
 bool StreamingUntar::beginFile(bool skipped, bool& finished, ProgressMonitor* pm, LogBase& log) {
-  bool refused = false;
+  bool leftOut = false;
   if (!skipped && m_memberOutput) {
     m_memberFound = true;
     setOutput(std::make_unique<ForwardingOutput>(*m_memberOutput), nullptr);
-  } else if (!skipped && !createOutputFile(refused, finished, log)) {
+  } else if (!skipped && !createOutputFile(leftOut, finished, pm, log)) {
     return false;
   }
-  if (refused) {
-    m_anyRefused = true;
-    reportRefused(m_path, pm ? &pm->event() : nullptr, log);
-  }
-  if (skipped || refused) {
+  if (skipped || leftOut) {
     if (log.verbose()) log.LogDataX("skippingFile", m_path.outputPath());
     setOutput(std::make_unique<_mvOutput>(), nullptr);
   }
@@ -406,16 +402,17 @@ bool StreamingUntar::beginFile(bool skipped, bool& finished, ProgressMonitor* pm
   return true;
 }
 
-bool StreamingUntar::createOutputFile(bool& refused, bool& finished, LogBase& log) {
+bool StreamingUntar::createOutputFile(bool& leftOut, bool& finished, ProgressMonitor* pm, LogBase& log) {
   LogNull unwanted;
   LogBase& directoryLog = log.verbose() ? log : unwanted;
   std::unique_ptr<OutputFile> file;
   const auto outcome = m_target.createFile(m_path, m_settings, "creatingFile", directoryLog, log, file);
-  refused = outcome == ExtractTarget::Outcome::Refused;
-  if (outcome == ExtractTarget::Outcome::NoParent) {
+  leftOut = leavesOut(outcome, m_path, m_settings, pm ? &pm->event() : nullptr, log);
+  m_anyLeftOut |= leftOut;
+  if (leftOut) return true;
+  if (outcome == ExtractTarget::Outcome::NoTarget || outcome == ExtractTarget::Outcome::NoParent) {
     return stop("Failed to ensure ability to create output file for untar.", finished, log);
   }
-  if (refused) return true;
   if (!file) return stop("Failed to create output file for untar.", finished, log);
   OutputFile* const opened = file.get();
   setOutput(std::move(file), opened);
@@ -432,16 +429,13 @@ bool StreamingUntar::beginDirectory(bool skipped, bool& finished, ProgressMonito
   }
   if (log.verbose()) log.LogDataX("creatingDir", m_path.outputPath());
   LogNull unwanted;
-  switch (m_target.makeDirectory(m_path, m_settings, log.verbose() ? log : unwanted, log)) {
-    case ExtractTarget::Outcome::Ok:
-      return true;
-    case ExtractTarget::Outcome::Refused:
-      m_anyRefused = true;
-      reportRefused(m_path, pm ? &pm->event() : nullptr, log);
-      return true;
-    default:
-      return stop("Failed to ensure untar directory.", finished, log);
+  const auto outcome = m_target.makeDirectory(m_path, m_settings, log.verbose() ? log : unwanted, log);
+  if (outcome == ExtractTarget::Outcome::Ok) return true;
+  if (!leavesOut(outcome, m_path, m_settings, pm ? &pm->event() : nullptr, log)) {
+    return stop("Failed to ensure untar directory.", finished, log);
   }
+  m_anyLeftOut = true;
+  return true;
 }
 
 }  // namespace morvane

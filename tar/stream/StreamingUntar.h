@@ -55,8 +55,8 @@ class StreamingUntar {
   // stays open.
   bool flushOpenOutput(ProgressMonitor* pm, LogBase& log);
   void releaseOutput();
-  // Whether members were refused since the run, or an unframed one, began.
-  bool anyRefused() const { return m_anyRefused; }
+  // Whether members were left out since the run, or an unframed one, began.
+  bool anyLeftOut() const { return m_anyLeftOut; }
 
  private:
   bool extendsNext(char typeFlag) const;
@@ -70,7 +70,7 @@ class StreamingUntar {
   bool beginExtension(bool& finished, LogBase& log);
   bool beginFile(bool skipped, bool& finished, ProgressMonitor* pm, LogBase& log);
   bool beginDirectory(bool skipped, bool& finished, ProgressMonitor* pm, LogBase& log);
-  bool createOutputFile(bool& refused, bool& finished, LogBase& log);
+  bool createOutputFile(bool& leftOut, bool& finished, ProgressMonitor* pm, LogBase& log);
   bool isSkipped(ProgressMonitor* pm, LogBase& log);
   bool write(const char* bytes, unsigned n, int variant, ProgressMonitor* pm, LogBase& log);
   bool writeHasFailed(int variant, LogBase& log);
@@ -101,7 +101,7 @@ class StreamingUntar {
   _mvOutput* m_memberOutput = nullptr;
   bool m_memberFound = false;
   bool m_endMarkSeen = false;
-  bool m_anyRefused = false;
+  bool m_anyLeftOut = false;
   bool m_writeFailed = false;  // of the open output
   FullExtensions m_extensions;
   MemberPath m_path;

@@ -1,5 +1,6 @@
 #include "tar/write/ArchiveWriter.h"
 
+#include <algorithm>
 #include <limits>
 #include <memory>
 
@@ -228,8 +229,9 @@ bool ArchiveWriter::writeData(const SourcePlace& place, const mvFileInfo& info) 
 bool ArchiveWriter::writeExactData(const SourcePlace& place, const mvFileInfo& info) {
   if (info.m_size == 0) {
     LogNull unwanted;  // one that cannot be opened has nothing that was to be archived
-    const bool grown = info.m_isRegularFile && m_source.open(place, info, unwanted) && m_source.sizeNow() > 0;
-    return !grown || reportSizeChanged(place, 0, m_source.sizeNow());
+    const bool grown =
+        info.m_isRegularFile && m_source.open(place, info, unwanted) && m_source.hasMoreThan(0);
+    return !grown || reportSizeChanged(place, 0, std::max(m_source.sizeNow(), 1LL));
   }
   if (!m_source.open(place, info, m_log)) {
     m_log.LogError("Failed to open source file for TAR archive.");
@@ -244,7 +246,9 @@ bool ArchiveWriter::writeExactData(const SourcePlace& place, const mvFileInfo& i
   if (!m_run.putZeros(info.m_size - copied + paddingAfter(info.m_size))) return false;
   const bool shrunk = copied < info.m_size;
   const bool grown = !shrunk && m_source.hasMoreThan(info.m_size);
-  return !(shrunk || grown) || reportSizeChanged(place, info.m_size, shrunk ? copied : m_source.sizeNow());
+  return !(shrunk || grown) ||
+         reportSizeChanged(place, info.m_size,
+                           shrunk ? copied : std::max(m_source.sizeNow(), info.m_size + 1));
 }
 
 bool ArchiveWriter::reportSizeChanged(const SourcePlace& place, long long inHeader, long long now) {

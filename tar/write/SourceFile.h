@@ -25,11 +25,11 @@ class SourceFile {
   // Reads the first data now. False when that fails.
   bool readFirst(LogBase& log);
   bool isOpen() const { return m_open; }
-  // The size of the open file as it is now; -1 if that cannot be told.
+  // The size that the open file states now; -1 if that cannot be told.
   long long sizeNow();
-  // Whether the file, of which `size` bytes were read, has more by now. Asks the system only if it has not
-  // said so.
-  bool hasMoreThan(long long size) { return !m_data.endWasSeen() && sizeNow() > size; }
+  // Whether the file, of which `size` bytes were read, has more by now, or had them all the time, as files
+  // that the system makes up do. Asks the system only if it has not said so.
+  bool hasMoreThan(long long size) { return !m_data.endWasSeen() && m_data.hasByteAt(size); }
   void close();
 
   _mvFileDataSource& data() { return m_data; }
