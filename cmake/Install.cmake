@@ -33,6 +33,7 @@ configure_package_config_file(cmake/morvane_tarConfig.cmake.in morvane_tarConfig
 write_basic_package_version_file(morvane_tarConfigVersion.cmake COMPATIBILITY SameMajorVersion)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/morvane_tarConfig.cmake
               ${CMAKE_CURRENT_BINARY_DIR}/morvane_tarConfigVersion.cmake
+              cmake/FindIsal.cmake
   DESTINATION ${morvane_package_dir} COMPONENT Development)
 install(EXPORT morvane_tarTargets NAMESPACE morvane:: DESTINATION ${morvane_package_dir} COMPONENT Development)
 
