@@ -62,7 +62,7 @@ void header(const uint8_t* data, size_t size) {
   CharsetDecoder decoder("utf-8");
   toXmlEntry(record, xml, nullptr, decoder);
   StringBuffer fields;
-  getFieldsQP(data, fields);
+  TarHeader::getFieldsQP(data, fields);
   require(fields.str().find("]]>") == std::string::npos, "a field dump never ends a CDATA section");
 }
 

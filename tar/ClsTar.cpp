@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "runtime/fs/Psdk.h"
+#include "tar/LiveSettings.h"
 #include "tar/ReadSettings.h"
 #include "tar/stream/StreamingUntar.h"
 #include "tar/write/WriteRun.h"
@@ -19,8 +20,7 @@ ClsTar* ClsTar::createNewCls() {
 }
 
 ClsTar::ClsTar()
-    : ClsBase("ClsTar"),
-      m_stream(std::make_unique<StreamingUntar>([this] { return readSettings(); }, m_xmlListing)) {
+    : ClsBase("ClsTar"), m_stream(std::make_unique<StreamingUntar>(liveReadSettings(), m_xmlListing)) {
   StringBuffer user;
   Psdk::getUsername(user);
   m_userName.appendAnsi(user.getString());
@@ -38,14 +38,15 @@ ClsTar::~ClsTar() {
 void ClsTar::dotNetDispose() {}
 
 // Reads the option words again if they were set since the last call.
-void ClsTar::takeOptions() {
+void ClsTar::takeOptions(LogBase& log) {
   if (m_optionsTaken == m_uncommonOptionsChanges) return;
   m_optionsTaken = m_uncommonOptionsChanges;
   std::vector<std::string> complaints;
   m_options = parseTarOptions(m_uncommonOptions.str(), complaints);
+  changed();
   for (const std::string& word : complaints) {
-    m_log.LogNotice("Unknown option, or a value that makes no sense.");
-    m_log.LogData("uncommonOption", word.c_str());
+    log.LogNotice("Unknown option, or a value that makes no sense.");
+    log.LogData("uncommonOption", word.c_str());
   }
 }
 
@@ -86,9 +87,28 @@ WriteSettings ClsTar::writeSettings() const {
   return settings;
 }
 
+LiveSettings<ReadSettings> ClsTar::liveReadSettings() const {
+  return {[this] { return readSettings(); }, m_changes};
+}
+
+// For one member into an output: there are no files to suppress, and no listing is made.
+LiveSettings<ReadSettings> ClsTar::liveMemberSettings() const {
+  return {[this] {
+            ReadSettings settings = readSettings();
+            settings.suppressOutput = settings.captureXmlListing = false;
+            return settings;
+          },
+          m_changes};
+}
+
+LiveSettings<WriteSettings> ClsTar::liveWriteSettings() const {
+  return {[this] { return writeSettings(); }, m_changes};
+}
+
 void ClsTar::setMatchPatternExactFlags() {
   m_mustMatchExact = isPlainName(m_mustMatch.str());
   m_mustNotMatchExact = isPlainName(m_mustNotMatch.str());
+  changed();
 }
 
 bool ClsTar::excludeByMatch(const XString& path, LogBase&) {
@@ -103,6 +123,7 @@ void ClsTar::getString(const XString& member, XString& out) {
 void ClsTar::putString(XString& member, const XString& value) {
   CritSecExitor lock(*this);
   member.copyFromX(value);
+  changed();
 }
 
 void ClsTar::get_WriteFormat(XString& out) { getString(m_writeFormat, out); }
@@ -119,12 +140,14 @@ void ClsTar::put_WriteFormat(const XString& format) {
   m_formatPax = word.equals("pax");
   m_formatUstar = word.equals("ustar");
   m_formatGnu = !m_formatPax && !m_formatUstar;
+  changed();
 }
 
 void ClsTar::put_DirPrefix(const XString& prefix) {
   CritSecExitor lock(*this);
   m_dirPrefix.copyFromX(prefix);
   while (m_dirPrefix.endsWithUtf8("/", false)) m_dirPrefix.shortenNumChars(1);
+  changed();
 }
 
 void ClsTar::get_DirPrefix(XString& out) { getString(m_dirPrefix, out); }

@@ -59,6 +59,8 @@
 namespace morvane {
 
 enum class MethodForm;
+template <class Settings>
+class LiveSettings;
 class StreamingUntar;
 struct ReadSettings;
 struct WriteSettings;
@@ -158,39 +160,78 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   // ---- Properties
 
   bool get_CaptureXmlListing() const { return m_captureXmlListing; }
-  void put_CaptureXmlListing(bool capture) { m_captureXmlListing = capture; }
+  void put_CaptureXmlListing(bool capture) {
+    m_captureXmlListing = capture;
+    changed();
+  }
   // Reading goes through an archive without writing members out.
   bool get_SuppressOutput() const { return m_suppressOutput; }
-  void put_SuppressOutput(bool suppress) { m_suppressOutput = suppress; }
+  void put_SuppressOutput(bool suppress) {
+    m_suppressOutput = suppress;
+    changed();
+  }
   // Leading slashes of members' paths are removed (default true).
   bool get_NoAbsolutePaths() const { return m_noAbsolutePaths; }
-  void put_NoAbsolutePaths(bool none) { m_noAbsolutePaths = none; }
+  void put_NoAbsolutePaths(bool none) {
+    m_noAbsolutePaths = none;
+    changed();
+  }
   // Every member is extracted straight into UntarFromDir, under the last part of its path.
   bool get_UntarDiscardPaths() const { return m_untarDiscardPaths; }
-  void put_UntarDiscardPaths(bool discard) { m_untarDiscardPaths = discard; }
+  void put_UntarDiscardPaths(bool discard) {
+    m_untarDiscardPaths = discard;
+    changed();
+  }
   // More lines per member in the log.
   bool get_UntarDebugLog() const { return m_untarDebugLog; }
-  void put_UntarDebugLog(bool debug) { m_untarDebugLog = debug; }
+  void put_UntarDebugLog(bool debug) {
+    m_untarDebugLog = debug;
+    changed();
+  }
   // Whether the patterns regard case: one setting under two names.
   bool get_UntarCaseSensitive() const { return m_matchCaseSensitive; }
-  void put_UntarCaseSensitive(bool sensitive) { m_matchCaseSensitive = sensitive; }
+  void put_UntarCaseSensitive(bool sensitive) {
+    m_matchCaseSensitive = sensitive;
+    changed();
+  }
   bool get_MatchCaseSensitive() const { return get_UntarCaseSensitive(); }
-  void put_MatchCaseSensitive(bool sensitive) { m_matchCaseSensitive = sensitive; }
+  void put_MatchCaseSensitive(bool sensitive) {
+    m_matchCaseSensitive = sensitive;
+    changed();
+  }
   // Untar and UntarFromMemory stop after this many members; 0 is no limit.
   int get_UntarMaxCount() const { return m_untarMaxCount; }
-  void put_UntarMaxCount(int count) { m_untarMaxCount = count; }
+  void put_UntarMaxCount(int count) {
+    m_untarMaxCount = count;
+    changed();
+  }
   // What headers of written archives say. Modes are permission bits: 0755, 0644 and 0755 by default, ids
   // 1000.
   int get_GroupId() const { return m_groupId; }
-  void put_GroupId(int id) { m_groupId = id; }
+  void put_GroupId(int id) {
+    m_groupId = id;
+    changed();
+  }
   int get_UserId() const { return m_userId; }
-  void put_UserId(int id) { m_userId = id; }
+  void put_UserId(int id) {
+    m_userId = id;
+    changed();
+  }
   int get_DirMode() const { return m_dirMode; }
-  void put_DirMode(int mode) { m_dirMode = mode; }
+  void put_DirMode(int mode) {
+    m_dirMode = mode;
+    changed();
+  }
   int get_FileMode() const { return m_fileMode; }
-  void put_FileMode(int mode) { m_fileMode = mode; }
+  void put_FileMode(int mode) {
+    m_fileMode = mode;
+    changed();
+  }
   int get_ScriptFileMode() const { return m_scriptFileMode; }  // of *.sh, *.csh, *.bash, *.bsh
-  void put_ScriptFileMode(int mode) { m_scriptFileMode = mode; }
+  void put_ScriptFileMode(int mode) {
+    m_scriptFileMode = mode;
+    changed();
+  }
 
   // "gnu" (default), "pax" or "ustar". Case and blanks around it do not matter, "posix" means pax, "star"
   // ustar, and any other word gnu.
@@ -277,11 +318,16 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   // Runs a public method in its frame (tar/ClsTarMethod.h).
   template <class Result, class Work>
   Result method(const char* name, MethodForm form, Result failure, Work work);
-  void takeOptions();
+  void takeOptions(LogBase& log);
+  // Tells a run that goes on that a property was set.
+  void changed() { m_changes.increment(); }
   void getString(const XString& member, XString& out);
   void putString(XString& member, const XString& value);
   ReadSettings readSettings() const;
   WriteSettings writeSettings() const;
+  LiveSettings<ReadSettings> liveReadSettings() const;
+  LiveSettings<ReadSettings> liveMemberSettings() const;
+  LiveSettings<WriteSettings> liveWriteSettings() const;
   bool addDirRoot(const XString* pathPrefix, const XString& dirPath);
   bool addEntry(const std::string& entry);
 
@@ -307,6 +353,7 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   bool memberToOutput(_mvDataSource& source, _mvOutput& out, ProgressEvent* progress);
   bool listXml(_mvDataSource& source, XString& outXml, ProgressEvent* progress);
 
+  RelaxedAtomic<unsigned> m_changes = 0;
   RelaxedAtomic<bool> m_suppressOutput = false;
   RelaxedAtomic<bool> m_captureXmlListing = false;
   XString m_xmlListing;

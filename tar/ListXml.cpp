@@ -37,8 +37,9 @@ bool ClsTar::ListXml(const XString& tarPath, XString& outXml, ProgressEvent* pro
   return method("ListXml", MethodForm::Judged, false, [&](MethodFrame&) {
     outXml.clear();
     m_log.LogDataX("tarPath", tarPath);
+    ProgressMonitorPtr waiting(progress, m_abortCheckMs, m_percentScale, 0);
     _mvFileDataSource file;
-    return file.openDataSourceFile(tarPath, m_log) && listXml(file, outXml, progress);
+    return file.openDataSourceFile(tarPath, m_log, waiting.getPm()) && listXml(file, outXml, progress);
   });
 }
 
@@ -70,7 +71,7 @@ bool ClsTar::listXml(_mvDataSource& source, XString& outXml, ProgressEvent* prog
     if (endOfArchive) return true;
     if (m_log.verbose()) {
       StringBuffer fields;
-      getFieldsQP(block, fields);
+      TarHeader::getFieldsQP(block, fields);
       outXml.appendUtf8("\t\t<qp><![CDATA[");
       outXml.appendUtf8(fields.getString());
       outXml.appendUtf8("]]></qp>\r\n");

@@ -43,7 +43,11 @@ bool ClsTar::AddFile2(const XString& path, const XString& pathInTar) {
                 [&](MethodFrame&) { return addEntry(makePairEntry(path.str(), pathInTar.str())); });
 }
 
-bool ClsTar::addEntry(const std::string& entry) { return m_files.appendSb(new StringBuffer(entry)); }
+bool ClsTar::addEntry(const std::string& entry) {
+  std::unique_ptr<StringBuffer> owned(StringBuffer::createNewSB());
+  if (!owned || !owned->appendN(entry.data(), static_cast<unsigned>(entry.size()))) return false;
+  return m_files.appendSb(owned.release());
+}
 
 bool ClsTar::GetDirRoot(int index, XString& outDirPath) {
   return method("GetDirRoot", MethodForm::Judged, false, [&](MethodFrame&) {

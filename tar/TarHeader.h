@@ -75,6 +75,17 @@ class MORVANE_API TarHeader {
   void setWholePath(const char* path);
   void setWholePath(const char* bytes, unsigned n);
 
+  // Appends the element of a listing for this record (docs/xml-listing.md): well-formed for any bytes.
+  // `extensionData`, which may be null, is the NUL-terminated data of an 'x' or 'L' header; names are decoded
+  // from `charset` (an iconv name; an unknown one is said in the log and read as UTF-8).
+  void toXmlEntry(XString& xml, const char* extensionData, const char* charset, ProgressMonitor* pm,
+                  LogBase& log) const;
+  // The fields of a raw 512-byte block in quoted-printable form, "name=...; mode=..." and so on. Never holds
+  // "]]>".
+  static void getFieldsQP(const unsigned char* block, StringBuffer& out);
+  // Logs the fields of a block that could not be parsed.
+  static void debugLogTarHeader(const unsigned char* block, LogBase& log);
+
   const char* linkPath() const { return m_linkPath ? m_linkPath->getString() : m_linkName.getString(); }
   const char* userName() const { return m_userName ? m_userName->getString() : ""; }
   const char* groupName() const { return m_groupName ? m_groupName->getString() : ""; }

@@ -10,6 +10,7 @@
 #include "runtime/text/StringBuffer.h"
 #include "runtime/text/Utf8.h"
 #include "runtime/text/XString.h"
+#include "tar/NameDecoder.h"
 #include "tar/TarBlock.h"
 #include "tar/TarHeader.h"
 
@@ -216,7 +217,13 @@ void toXmlEntry(const TarHeader& header, XString& xml, const char* extensionData
   out += "\t</entry>\r\n";
 }
 
-void getFieldsQP(const unsigned char* block, StringBuffer& out) {
+void TarHeader::toXmlEntry(XString& xml, const char* extensionData, const char* charset, ProgressMonitor*,
+                           LogBase& log) const {
+  NameDecoder names;
+  morvane::toXmlEntry(*this, xml, extensionData, names.forCharset(charset, log));
+}
+
+void TarHeader::getFieldsQP(const unsigned char* block, StringBuffer& out) {
   std::string text;
   for (unsigned i = 0; i < sizeof kAllFields / sizeof *kAllFields; ++i) {
     if (i > 0) text += "; ";
@@ -225,7 +232,7 @@ void getFieldsQP(const unsigned char* block, StringBuffer& out) {
   out = text;
 }
 
-void debugLogTarHeader(const unsigned char* block, LogBase& log) {
+void TarHeader::debugLogTarHeader(const unsigned char* block, LogBase& log) {
   for (unsigned i = 0; i < sizeof kAllFields / sizeof *kAllFields; ++i) {
     log.LogData(kFieldNames[i], fieldText(block, kAllFields[i]).c_str());
   }

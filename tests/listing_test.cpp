@@ -192,7 +192,7 @@ TEST_F(Listing, AnyBlockIsListed) {
     putChecksum(bytes);
     archive += block;
     StringBuffer fields;
-    getFieldsQP(bytes, fields);
+    TarHeader::getFieldsQP(bytes, fields);
     ASSERT_EQ(std::string::npos, fields.str().find("]]>")) << seed;
   }
   m_tar.put_VerboseLogging(true);

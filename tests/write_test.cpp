@@ -277,11 +277,11 @@ TEST(ArchiveWriter, CopyRunsToTheEndOrTheFirstFailedRead) {
     long long count = 0;
     unsigned largest = 0;
   } out;
-  WriteSettings settings;
+  const RelaxedAtomic<unsigned> changes;
   ArchiveOutput archive;
   _mvLogger log;
   archive.m_output = &out;
-  ArchiveWriter writer({settings, archive, log, nullptr, nullptr});
+  ArchiveWriter writer({[] { return WriteSettings(); }, changes}, archive, log, nullptr, nullptr);
   LongSource huge(9LL << 30), broken(50001, true), any(1);
   EXPECT_TRUE(writer.copySourceToOutput(huge));
   EXPECT_EQ(9LL << 30, out.count);

@@ -15,6 +15,7 @@ class RelaxedAtomic {
     m_value.store(value, std::memory_order_relaxed);
     return *this;
   }
+  void increment() { m_value.fetch_add(1, std::memory_order_relaxed); }
 
  private:
   std::atomic<T> m_value;

@@ -18,12 +18,12 @@ void ClsBase::_toString(XString& out) { out.setFromUtf8(m_className); }
 
 void ClsBase::injectStatus(const char* text, bool ok) {
   CritSecExitor lock(*this);
-  m_log.LogInfo((std::string(text) + (ok ? ": true" : ": false")).c_str());
+  m_log.LogInfo((std::string(text ? text : "") + (ok ? ": true" : ": false")).c_str());
 }
 
 void ClsBase::injectError(const char* tag, const char* text) {
   CritSecExitor lock(*this);
-  m_log.LogError((std::string(tag) + ": " + text).c_str());
+  m_log.LogError((std::string(tag ? tag : "") + ": " + (text ? text : "")).c_str());
 }
 
 void ClsBase::put_UncommonOptions(XString& words) {

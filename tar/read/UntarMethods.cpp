@@ -73,7 +73,7 @@ int ClsTar::UntarFromMemory(DataBuffer& tarBytes, ProgressEvent* progress) {
 
 int ClsTar::_untar(_mvDataSource& source, bool extract, LogBase& log, ProgressMonitor* pm,
                    ProgressEvent* progress) {
-  UntarRun run({source, log, m_log, pm, progress, m_xmlListing}, readSettings(), extract);
+  UntarRun run({source, log, m_log, pm, progress, m_xmlListing}, liveReadSettings(), extract);
   mvFileInfo archive;
   const auto* const file = dynamic_cast<const _mvFileDataSource*>(&source);
   if (file && file->getFileInfo(archive, log)) run.protect(archive);
@@ -82,9 +82,7 @@ int ClsTar::_untar(_mvDataSource& source, bool extract, LogBase& log, ProgressMo
 
 // The first member that the event does not skip: 1 when there is one, 0 when not, -1 on failure.
 int ClsTar::untarMember(_mvDataSource& source, _mvOutput& out, ProgressMonitor* pm, ProgressEvent* progress) {
-  ReadSettings settings = readSettings();
-  settings.suppressOutput = settings.captureXmlListing = false;
-  UntarRun run({source, m_log, m_log, pm, progress, m_xmlListing}, settings, true);
+  UntarRun run({source, m_log, m_log, pm, progress, m_xmlListing}, liveMemberSettings(), true);
   run.extractFirstMemberInto(out);
   return run.run();
 }

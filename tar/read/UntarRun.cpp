@@ -34,12 +34,15 @@ MorvaneFileTime fileTime(unsigned seconds, const TarTime& exact, bool full) {
 
 }  // namespace
 
-UntarRun::UntarRun(const Context& context, ReadSettings settings, bool extract)
+UntarRun::UntarRun(const Context& context, LiveSettings<ReadSettings> settings, bool extract)
     : m_context(context),
       m_log(context.log),
-      m_settings(std::move(settings)),
-      m_extract(extract && !m_settings.suppressOutput),
-      m_cursor(context.source, context.pm, context.log) {}
+      m_live(std::move(settings)),
+      m_settings(m_live.now()),
+      m_cursor(context.source, context.pm, context.log) {
+  m_live.refresh();
+  m_extract = extract && !m_settings.suppressOutput;
+}
 
 int UntarRun::run() {
   LogContextExitor context(m_log, "_untar");
@@ -61,6 +64,7 @@ int UntarRun::run() {
   {
     // An exception from a callback ends the run like any failure: the listing is closed.
     ScopeExit closeListing([this] {
+      m_live.refresh();
       if (m_settings.captureXmlListing) endXmlListing(m_context.xmlListing);
     });
     while (step == Step::GoOn) {
@@ -83,6 +87,7 @@ bool UntarRun::failWith(const char* message, const char* tag, const XString& val
 }
 
 UntarRun::Step UntarRun::nextEntry() {
+  m_live.refresh();
   if (m_context.pm && m_settings.abortCheckMs != 0 && m_context.pm->abortCheck(m_log)) {
     fail(kAborted);
     return Step::Fail;
@@ -215,6 +220,7 @@ UntarRun::Step UntarRun::handleMember(char typeFlag) {
   m_path.set(m_current, m_settings, m_log);
   if (m_context.event) {
     announceHeader(*m_context.event, m_current, m_path.entryPath(), headerPosition, m_settings);
+    if (m_live.refresh()) m_path.set(m_current, m_settings, m_log);
   }
   giveUpLongText(m_current.m_path);
   bool extracted = false;
@@ -242,6 +248,7 @@ UntarRun::Step UntarRun::extractMember(bool& extracted) {
     bool skip = false;
     m_context.event->onTarEntry(m_path.outputPath().getUtf8(), m_current.m_isDirectory ? 0 : m_current.m_size,
                                 m_current.m_isDirectory, skip);
+    m_live.refresh();
     if (skip) return Step::GoOn;
   }
   if (m_memberOutput) return copyMember();

@@ -1,8 +1,8 @@
 // One pull-driven walk over a plain tar stream: extraction, verification, or a walk that only looks.
 //
 // The run reads one header at a time, merges extension records into the member that follows them, and passes
-// over everything it does not extract, by seeking where the source can. It holds the properties as they were
-// when the call began and owns all its state; what it leaves behind are files, directories and the listing.
+// over everything it does not extract, by seeking where the source can. It owns all its state; what it leaves
+// behind are files, directories and the listing.
 #pragma once
 
 #include <string>
@@ -13,6 +13,7 @@
 #include "tar/ArchiveCursor.h"
 #include "tar/ExtractTarget.h"
 #include "tar/FullExtensions.h"
+#include "tar/LiveSettings.h"
 #include "tar/MemberPath.h"
 #include "tar/ReadSettings.h"
 #include "tar/TarHeader.h"
@@ -34,7 +35,7 @@ class UntarRun {
     XString& xmlListing;
   };
 
-  UntarRun(const Context& context, ReadSettings settings, bool extract);
+  UntarRun(const Context& context, LiveSettings<ReadSettings> settings, bool extract);
 
   // A file that extraction must not replace (with Confine): the archive.
   void protect(const mvFileInfo& archive) { m_target.protect(archive); }
@@ -65,8 +66,9 @@ class UntarRun {
 
   const Context m_context;
   LogBase& m_log;
-  const ReadSettings m_settings;
-  bool m_extract;
+  LiveSettings<ReadSettings> m_live;  // taken anew at each header and behind each callback
+  const ReadSettings& m_settings;
+  bool m_extract = false;  // as it was when the run began
 
   TarHeader m_current;
   TarHeader m_following;

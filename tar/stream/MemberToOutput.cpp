@@ -30,8 +30,9 @@ class UntilMember : public _mvOutput {
 bool ClsTar::UntarMemberToOutput(const XString& tarPath, _mvOutput& out, ProgressEvent* progress) {
   return method("UntarMemberToOutput", MethodForm::Judged, false, [&](MethodFrame&) {
     m_log.LogDataX("tarPath", tarPath);
+    ProgressMonitorPtr waiting(progress, m_abortCheckMs, m_percentScale, 0);
     _mvFileDataSource file;
-    return file.openDataSourceFile(tarPath, m_log) && memberToOutput(file, out, progress);
+    return file.openDataSourceFile(tarPath, m_log, waiting.getPm()) && memberToOutput(file, out, progress);
   });
 }
 
@@ -54,10 +55,8 @@ bool ClsTar::memberToOutput(_mvDataSource& source, _mvOutput& out, ProgressEvent
     found = count > 0;
   } else {
     // An engine of its own: the object's goes on from where its last run ended.
-    ReadSettings settings = readSettings();
-    settings.suppressOutput = settings.captureXmlListing = false;
     XString noListing;
-    StreamingUntar stream([&settings] { return settings; }, noListing);
+    StreamingUntar stream(liveMemberSettings(), noListing);
     stream.BeginStreamingUntar();
     stream.extractFirstMemberInto(&out);
     UntilMember sink(stream);

@@ -6,8 +6,8 @@
 
 namespace morvane {
 
-void ClsTar::BeginStreamingUntar(LogBase&) {
-  takeOptions();
+void ClsTar::BeginStreamingUntar(LogBase& log) {
+  takeOptions(log);
   m_stream->BeginStreamingUntar();
 }
 

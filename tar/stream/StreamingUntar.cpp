@@ -50,7 +50,7 @@ bool StreamingUntar::flushOpenOutput(ProgressMonitor* pm, LogBase& log) {
 }
 
 void StreamingUntar::BeginStreamingUntar() {
-  m_settings = m_readSettings();
+  m_live.refresh();
   if (m_settings.captureXmlListing) m_xmlListing.setFromUtf8(kXmlListingStart);
   releaseOutput();
   m_streamPending.clear();
@@ -113,7 +113,7 @@ bool StreamingUntar::FinishStreamingUntar(ProgressMonitor* pm, LogBase& log) {
   const bool failedBefore = m_writeFailed;
   if (m_streamOutFile && !closeOutputFile(pm, log) && !failedBefore) m_streamOk = writeHasFailed(2, log);
   releaseOutput();
-  m_settings = m_readSettings();
+  m_live.refresh();
   if (m_settings.captureXmlListing) endXmlListing(m_xmlListing);
   if (m_settings.options.requireEndOfArchive && m_streamOk && !m_endMarkSeen) {
     log.LogError("The archive has no end-of-archive mark.");
@@ -253,7 +253,7 @@ bool StreamingUntar::stop(const char* message, bool& finished, LogBase& log) {
 
 bool StreamingUntar::consumeHeader(bool& finished, ProgressMonitor* pm, LogBase& log) {
   if (m_streamPending.getSize() < kBlockSize) return true;
-  m_settings = m_readSettings();
+  m_live.refresh();
   if (log.verbose()) {
     log.LogInfo("---- Next TAR Header ----");
     log.LogBracketed("previousHeaderType", typeText(m_streamPrevTypeFlag).c_str());
@@ -284,8 +284,10 @@ bool StreamingUntar::consumeHeader(bool& finished, ProgressMonitor* pm, LogBase&
   }
   m_streamExpectedSize = 0;
   m_path.set(m_streamHeader, m_settings, log);
-  if (isMember && pm)
+  if (isMember && pm) {
     announceHeader(pm->event(), m_streamHeader, m_path.entryPath(), headerPosition, m_settings);
+    if (m_live.refresh()) m_path.set(m_streamHeader, m_settings, log);
+  }
   if (m_settings.untarDebugLog) log.LogDataX("entry", m_path.entryPath());
   if (log.verbose()) log.LogBracketed("typeFlag", typeText(m_streamHeader.m_typeFlag).c_str());
   giveUpLongText(m_streamHeader.m_path);
@@ -326,7 +328,7 @@ bool StreamingUntar::parseHeader(const unsigned char* block, bool& finished, Log
   TarHeader& header = merge && !m_settings.options.fullRead ? following : m_streamHeader;
   if (!header.parseFromMemory(block, finished, log)) {
     stop(merge ? "Failed to parse TAR header.." : "Failed to parse tar header", finished, log);
-    debugLogTarHeader(block, log);
+    TarHeader::debugLogTarHeader(block, log);
     m_streamPending.clear();
     return false;
   }

@@ -6,12 +6,12 @@
 // (tar/read/UntarRun.h), through the same functions; order and messages are each engine's own.
 #pragma once
 
-#include <functional>
 #include <memory>
 
 #include "runtime/buffer/DataBuffer.h"
 #include "tar/ExtractTarget.h"
 #include "tar/FullExtensions.h"
+#include "tar/LiveSettings.h"
 #include "tar/MemberPath.h"
 #include "tar/ReadSettings.h"
 #include "tar/TarHeader.h"
@@ -26,9 +26,9 @@ class _mvOutput;
 
 class StreamingUntar {
  public:
-  // `readSettings` tells the component's properties as they are; `xmlListing` receives a captured listing.
-  StreamingUntar(std::function<ReadSettings()> readSettings, XString& xmlListing)
-      : m_readSettings(std::move(readSettings)), m_xmlListing(xmlListing) {}
+  // `xmlListing` receives a captured listing.
+  StreamingUntar(LiveSettings<ReadSettings> settings, XString& xmlListing)
+      : m_live(std::move(settings)), m_settings(m_live.now()), m_xmlListing(xmlListing) {}
   ~StreamingUntar();
 
   void BeginStreamingUntar();
@@ -80,9 +80,9 @@ class StreamingUntar {
   void setOutput(std::unique_ptr<_mvOutput> output, OutputFile* file);
   bool stop(const char* message, bool& finished, LogBase& log);
 
-  const std::function<ReadSettings()> m_readSettings;
+  LiveSettings<ReadSettings> m_live;  // taken anew at each header
+  const ReadSettings& m_settings;
   XString& m_xmlListing;
-  ReadSettings m_settings;  // as of the last header
 
   DataBuffer m_streamPending;  // received and not yet consumed
   TarHeader m_streamHeader;    // of the current entry

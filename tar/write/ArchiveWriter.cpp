@@ -123,7 +123,9 @@ bool ArchiveWriter::memberFailed(const XString& fullPath, const XString& pathInT
 }
 
 bool ArchiveWriter::abortedAfterMember() {
-  if (!m_run.pm || !m_run.pm->abortCheck(m_log)) return false;
+  const bool aborted = m_run.pm && m_run.pm->abortCheck(m_log);
+  m_live.refresh();
+  if (!aborted) return false;
   m_log.LogError("Write TAR to output aborted by application.");
   return true;
 }
@@ -177,6 +179,7 @@ bool ArchiveWriter::isSkippedByEvent(const SourcePlace& place, const mvFileInfo&
   if (!m_run.event) return false;
   bool skip = false;
   m_run.event->onTarEntry(place.fullPath.getUtf8(), info.m_size, info.m_isDirectory, skip);
+  m_live.refresh();
   if (skip) {
     if (m_log.verbose()) m_log.LogDataX("skippingFile", place.fullPath);
     return true;

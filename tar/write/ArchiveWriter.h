@@ -5,6 +5,7 @@
 
 #include "runtime/base/ExtPtrArray.h"
 #include "runtime/text/ExtPtrArraySb.h"
+#include "tar/LiveSettings.h"
 #include "tar/write/SourceFile.h"
 #include "tar/write/WriteRun.h"
 
@@ -16,7 +17,12 @@ struct SourceEntry;
 
 class ArchiveWriter {
  public:
-  explicit ArchiveWriter(const WriteRun& run) : m_run(run), m_log(run.log) {}
+  // The properties are taken anew for each member; the monitor and the event may be null.
+  ArchiveWriter(LiveSettings<WriteSettings> settings, ArchiveOutput& archive, LogBase& log,
+                ProgressMonitor* pm, ProgressEvent* event)
+      : m_live(std::move(settings)), m_run{m_live.now(), archive, log, pm, event}, m_log(log) {
+    m_live.refresh();
+  }
 
   // The archive itself, which is left out of itself (the word SkipOutputFile).
   void leaveOut(const mvFileInfo& archive);
@@ -49,6 +55,7 @@ class ArchiveWriter {
   bool abortedAfterMember();
   bool writeEndOfArchive();
 
+  LiveSettings<WriteSettings> m_live;
   WriteRun m_run;
   LogBase& m_log;
   SourceFile m_source;

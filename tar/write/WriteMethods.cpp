@@ -115,10 +115,9 @@ bool ClsTar::writeTarToOutput(_mvOutput& out, ProgressMonitor* pm, LogBase& log,
 
 bool ClsTar::writeSources(_mvOutput& out, ProgressMonitor* pm, LogBase& log, ProgressEvent* progress,
                           bool& anythingLost) {
-  const WriteSettings settings = writeSettings();
   m_archive.m_output = &out;
   ScopeExit forget([this] { m_archive.m_output = nullptr; });
-  ArchiveWriter writer({settings, m_archive, log, pm, progress});
+  ArchiveWriter writer(liveWriteSettings(), m_archive, log, pm, progress);
   mvFileInfo archive;
   const auto* const file = dynamic_cast<const OutputFile*>(&out);
   if (file && file->getFileInfo(archive)) writer.leaveOut(archive);
@@ -129,13 +128,12 @@ bool ClsTar::writeSources(_mvOutput& out, ProgressMonitor* pm, LogBase& log, Pro
 
 bool ClsTar::writeFileToOutput(XString& fullPath, XString& pathInTar, ProgressMonitor* pm, LogBase& log,
                                ProgressEvent* progress) {
-  const WriteSettings settings = writeSettings();
-  return ArchiveWriter({settings, m_archive, log, pm, progress}).writeFileToOutput(fullPath, pathInTar);
+  return ArchiveWriter(liveWriteSettings(), m_archive, log, pm, progress)
+      .writeFileToOutput(fullPath, pathInTar);
 }
 
 bool ClsTar::copySourceToOutput(_mvDataSource& source, ProgressMonitor* pm, LogBase& log) {
-  const WriteSettings settings = writeSettings();
-  return ArchiveWriter({settings, m_archive, log, pm, nullptr}).copySourceToOutput(source);
+  return ArchiveWriter(liveWriteSettings(), m_archive, log, pm, nullptr).copySourceToOutput(source);
 }
 
 bool ClsTar::writeTarHeaderToOutput(XString& pathInTar, mvFileInfo& info, ProgressMonitor* pm, LogBase& log) {

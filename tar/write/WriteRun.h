@@ -1,5 +1,4 @@
-// What every step of writing an archive needs: the properties as they were when the call began, and where
-// bytes, messages and events go.
+// What every step of writing an archive needs: the properties, and where bytes, messages and events go.
 #pragma once
 
 #include <string>
