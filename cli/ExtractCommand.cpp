@@ -129,40 +129,30 @@ bool makeTarget(const CommandLine& line, Report& report) {
 }  // namespace
 
 int extractArchive(const CommandLine& line) {
-  ProgressBar bar(line.progress);
-  Report report(bar, false);
-  ClsTar tar;
-  ArchiveReader archive;
-  if (!archive.open(line, report) || !makeTarget(line, report)) return finish(tar, line, report, true);
-  prepare(tar, line);
-  ExtractEvent event(tar, report, bar, line);
-  const bool ok = archive.read(tar, event) || event.enoughSeen();
-  bar.clear();
-  if (cameToTheEnd(tar, ok)) {
+  ReadJob job(line, false);
+  if (!job.open() || !makeTarget(line, job.report)) return job.finish();
+  ExtractEvent event(job.tar, job.report, job.bar, line);
+  const bool ok = job.archive.read(job.tar, event) || event.enoughSeen();
+  job.bar.clear();
+  if (cameToTheEnd(job.tar, ok)) {
     event.settle();
     event.nameUnfound();
   }
-  if (line.totals) report.totals(event.members(), event.bytes());
-  return finish(tar, line, report, ok);
+  return job.finish(event, ok);
 }
 
 int extractToStandardOutput(const CommandLine& line) {
-  ProgressBar bar(line.progress);
-  Report report(bar, true);
-  ClsTar tar;
-  ArchiveReader archive;
-  if (!archive.open(line, report)) return finish(tar, line, report, true);
-  prepare(tar, line);
+  ReadJob job(line, true);
+  if (!job.open()) return job.finish();
   const std::unique_ptr<morvane::OutputFile> out = standardOutput();
-  OutputEvent event(report, bar, line);
-  bool ok = tar.UntarMemberToOutput(archive.source(), *out, &event);
+  OutputEvent event(job.report, job.bar, line);
+  bool ok = job.tar.UntarMemberToOutput(job.archive.source(), *out, &event);
   ok = out->closeHandle() && ok;
-  bar.clear();
+  job.bar.clear();
   if (ok) event.settle();
-  const bool none = !ok && failureReason(tar) == "No such member.";
+  const bool none = !ok && failureReason(job.tar) == "No such member.";
   if (none) event.nameUnfound();
-  if (line.totals) report.totals(event.members(), event.bytes());
-  return finish(tar, line, report, ok || (none && report.anyProblem()));
+  return job.finish(event, ok || (none && job.report.anyProblem()));
 }
 
 }  // namespace mvtar

@@ -64,9 +64,17 @@ std::string timeText(long long seconds) {
   return text;
 }
 
+// Whether nobody takes what is printed any more. `finish` says so.
+bool outputIsBroken() { return std::ferror(stdout) != 0; }
+
 class ListEvent : public MemberEvent {
  public:
   using MemberEvent::MemberEvent;
+
+  void onAbortCheck(bool& abort) override {
+    MemberEvent::onAbortCheck(abort);
+    abort = abort || outputIsBroken();
+  }
 
  private:
   void onSelected(const TarMemberInfo& member) override {
@@ -110,37 +118,30 @@ class SilentEvent : public MemberEvent {
 }  // namespace
 
 int listArchive(const CommandLine& line) {
-  ProgressBar bar(line.progress);
-  Report report(bar, false);
-  ClsTar tar;
-  ArchiveReader archive;
-  if (!archive.open(line, report)) return finish(tar, line, report, true);
-  prepare(tar, line);
-  tar.put_SuppressOutput(true);
-  ListEvent listing(report, bar, line);
-  SilentEvent silent(report, bar, line);
+  ReadJob job(line, false);
+  if (!job.open()) return job.finish();
+  job.tar.put_SuppressOutput(true);
+  ListEvent listing(job.report, job.bar, line);
+  SilentEvent silent(job.report, job.bar, line);
   MemberEvent& event = line.xml ? static_cast<MemberEvent&>(silent) : listing;
-  const bool ok = (line.xml ? printXml(tar, archive, event) : archive.read(tar, event)) || event.enoughSeen();
-  bar.clear();
+  const bool read = line.xml ? printXml(job.tar, job.archive, event) : job.archive.read(job.tar, event);
+  const bool ok = read || event.enoughSeen();
+  job.bar.clear();
   if (ok) event.nameUnfound();
-  if (line.totals) report.totals(event.members(), event.bytes());
-  return finish(tar, line, report, ok);
+  return job.finish(event, ok || outputIsBroken());
 }
 
 int verifyArchive(const CommandLine& line) {
-  ProgressBar bar(line.progress);
-  Report report(bar, false);
-  ClsTar tar;
-  ArchiveReader archive;
-  if (!archive.open(line, report)) return finish(tar, line, report, true);
-  prepare(tar, line);
-  tar.put_SuppressOutput(true);
-  SilentEvent event(report, bar, line);
-  const bool ok = archive.read(tar, event);
-  bar.clear();
-  if (line.totals) report.totals(event.members(), event.bytes());
-  if (ok) report.line(shown(line.archive) + ": whole, " + std::to_string(event.members()) + " members");
-  return finish(tar, line, report, ok);
+  ReadJob job(line, false);
+  if (!job.open()) return job.finish();
+  job.tar.put_SuppressOutput(true);
+  SilentEvent event(job.report, job.bar, line);
+  const bool ok = job.archive.read(job.tar, event);
+  job.bar.clear();
+  if (ok) {
+    job.report.line(shown(line.archive) + ": whole, " + std::to_string(event.members()) + " members");
+  }
+  return job.finish(event, ok);
 }
 
 }  // namespace mvtar

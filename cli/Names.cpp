@@ -4,9 +4,20 @@
 
 namespace mvtar {
 
+namespace {
+
+void appendOctal(unsigned char byte, std::string& text) {
+  char escape[8];
+  std::snprintf(escape, sizeof escape, "\\%03o", byte);
+  text += escape;
+}
+
+}  // namespace
+
 std::string shown(std::string_view name) {
   std::string text;
-  for (const char c : name) {
+  for (size_t at = 0; at < name.size(); ++at) {
+    const char c = name[at];
     const auto byte = static_cast<unsigned char>(c);
     switch (c) {
       case '\\':
@@ -36,13 +47,14 @@ std::string shown(std::string_view name) {
       default:
         break;
     }
-    if (byte >= 0x20 && byte != 0x7F) {
+    // U+0080 to U+009F are control characters too; terminals obey them.
+    const bool isInC1 = byte == 0xC2 && at + 1 < name.size() && (name[at + 1] & 0xE0) == 0x80;
+    if (byte >= 0x20 && byte != 0x7F && !isInC1) {
       text.push_back(c);
       continue;
     }
-    char escape[8];
-    std::snprintf(escape, sizeof escape, "\\%03o", byte);
-    text += escape;
+    appendOctal(byte, text);
+    if (isInC1) appendOctal(static_cast<unsigned char>(name[++at]), text);
   }
   return text;
 }

@@ -113,15 +113,6 @@ void ArchiveReader::takeRestOfRecord() {
   (void)m_source.skipByReading(rest, &monitor, unwanted);
 }
 
-void prepare(ClsTar& tar, const CommandLine& line) {
-  tar.put_PercentScale(ProgressBar::kScale);
-  tar.put_UncommonOptions(readingWords(line).c_str());
-  tar.put_Charset(line.charset);
-  tar.put_NoAbsolutePaths(!line.keepNames);
-  tar.put_UntarDiscardPaths(line.stripPaths);
-  if (!line.targetDir.empty()) tar.put_UntarFromDir(line.targetDir);
-}
-
 std::string failureReason(ClsTar& tar) {
   morvane::XString path, reason;
   tar.get_FailureCause(path, reason);
@@ -139,6 +130,22 @@ int finish(ClsTar& tar, const CommandLine& line, Report& report, bool ok) {
   }
   if (!ok) report.failure(tar, line.archive);
   return report.finish();
+}
+
+bool ReadJob::open() {
+  if (!archive.open(m_line, report)) return false;
+  tar.put_PercentScale(ProgressBar::kScale);
+  tar.put_UncommonOptions(readingWords(m_line).c_str());
+  tar.put_Charset(m_line.charset);
+  tar.put_NoAbsolutePaths(!m_line.keepNames);
+  tar.put_UntarDiscardPaths(m_line.stripPaths);
+  if (!m_line.targetDir.empty()) tar.put_UntarFromDir(m_line.targetDir);
+  return true;
+}
+
+int ReadJob::finish(const MemberEvent& event, bool ok) {
+  if (m_line.totals) report.totals(event.members(), event.bytes());
+  return mvtar::finish(tar, m_line, report, ok);
 }
 
 }  // namespace mvtar

@@ -4,6 +4,8 @@
 #include <string>
 
 #include "cli/CommandLine.h"
+#include "cli/MemberEvent.h"
+#include "cli/ProgressBar.h"
 #include "cli/Report.h"
 #include "tar/ArchiveKind.h"
 #include "tar/ClsTar.h"
@@ -34,14 +36,35 @@ class ArchiveReader {
   morvane::ArchiveKind m_kind = morvane::ArchiveKind::Unknown;
 };
 
-// The parts that every reading command has in common: the component set up as the command line asks, and
-// afterwards the log, the failure and the interrupt said.
-void prepare(morvane::ClsTar& tar, const CommandLine& line);
+// The end of a command that reads: the log, the failure, the interrupt and the closing line said. The exit
+// status.
 int finish(morvane::ClsTar& tar, const CommandLine& line, Report& report, bool ok);
 // Why the component's last call failed; empty when it was nothing that ended the call.
 std::string failureReason(morvane::ClsTar& tar);
 // Whether a reading call that returned `ok` got to the archive's end: refused members alone are no reason to
 // think it did not.
 bool cameToTheEnd(morvane::ClsTar& tar, bool ok);
+
+// What a command that reads members works with.
+class ReadJob {
+ public:
+  ReadJob(const CommandLine& line, bool outputCarriesData)
+      : bar(line.progress), report(bar, outputCarriesData), m_line(line) {}
+
+  // Opens the archive, and sets the component up as the command line asks. When it fails, only `finish` is
+  // left.
+  bool open();
+  int finish() { return mvtar::finish(tar, m_line, report, true); }
+  // The same behind a run, with what --totals asks for.
+  int finish(const MemberEvent& event, bool ok);
+
+  ProgressBar bar;
+  Report report;
+  morvane::ClsTar tar;
+  ArchiveReader archive;
+
+ private:
+  const CommandLine& m_line;
+};
 
 }  // namespace mvtar

@@ -16,12 +16,6 @@ std::string_view comparable(std::string_view path) {
   return path;
 }
 
-bool isPattern(std::string_view text) { return text.find('*') != std::string_view::npos; }
-
-bool matchesWhole(std::string_view text, const std::string& pattern) {
-  return morvane::XString(std::string(text)).matchesUtf8(pattern.c_str(), true);
-}
-
 bool isBelow(std::string_view path, const std::string& dir) {
   return !dir.empty() && path.size() > dir.size() && path.substr(0, dir.size()) == dir &&
          (path[dir.size()] == '/' || dir.back() == '/');
@@ -32,20 +26,19 @@ bool isBelow(std::string_view path, const std::string& dir) {
 std::vector<Selection::Pattern> Selection::patternsOf(const std::vector<std::string>& given) {
   std::vector<Pattern> patterns;
   for (const std::string& text : given) {
-    patterns.push_back({std::string(comparable(text)), text.find('/') != std::string::npos});
+    patterns.push_back(
+        {morvane::WildcardPattern(comparable(text), true), text.find('/') != std::string::npos});
   }
   return patterns;
 }
 
 // The path or a directory above it matches, or a single component does.
 bool Selection::matches(std::string_view path, const Pattern& pattern) {
-  for (size_t end = path.size(); end != std::string_view::npos && end > 0; end = path.rfind('/', end - 1)) {
-    if (matchesWhole(path.substr(0, end), pattern.text)) return true;
-  }
+  if (pattern.pattern.matchesUpToASlash(path)) return true;
   if (pattern.isForWholePath) return false;
   for (size_t start = 0; start < path.size();) {
     const size_t end = std::min(path.find('/', start), path.size());
-    if (end > start && matchesWhole(path.substr(start, end - start), pattern.text)) return true;
+    if (end > start && pattern.pattern.matches(path.substr(start, end - start))) return true;
     start = end + 1;
   }
   return false;
@@ -60,7 +53,8 @@ Selection::Selection(const std::vector<std::string>& members, const std::vector<
                      const std::vector<std::string>& excludes)
     : m_matches(patternsOf(matches)), m_excludes(patternsOf(excludes)) {
   for (const std::string& member : members) {
-    m_members.push_back({member, std::string(comparable(member)), isPattern(member), false});
+    const std::string_view path = comparable(member);
+    m_members.push_back({member, std::string(path), morvane::WildcardPattern(path, true), false});
   }
 }
 
@@ -68,8 +62,9 @@ bool Selection::takes(std::string_view storedPath) {
   const std::string_view path = comparable(storedPath);
   bool named = m_members.empty();
   for (Member& member : m_members) {
+    // A name that holds a star may also mean itself.
     const bool hit = path == member.path || member.path == "." || isBelow(path, member.path) ||
-                     (member.isPattern && matchesWhole(path, member.path));
+                     member.pattern.matches(path);
     member.found = member.found || hit;
     named = named || hit;
   }

@@ -5,7 +5,7 @@
 #include <string_view>
 #include <vector>
 
-#include "runtime/text/XString.h"
+#include "runtime/text/WildcardPattern.h"
 
 namespace mvtar {
 
@@ -25,11 +25,11 @@ class Selection {
   struct Member {
     std::string given;
     std::string path;  // without a leading "./" and a slash at the end
-    bool isPattern;
+    morvane::WildcardPattern pattern;
     bool found;
   };
   struct Pattern {
-    std::string text;     // likewise
+    morvane::WildcardPattern pattern;
     bool isForWholePath;  // it has a "/", and is not tried on single components
   };
 

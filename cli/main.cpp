@@ -42,7 +42,8 @@ int runCommand(const mvtar::CommandLine& line) {
     case Mode::None:
       break;
   }
-  return std::fflush(stdout) == 0 ? mvtar::kDone : mvtar::kNotAllDone;
+  mvtar::ProgressBar noBar(mvtar::ProgressBar::When::Never);
+  return mvtar::Report(noBar, false).finish();
 }
 
 }  // namespace

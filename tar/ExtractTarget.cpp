@@ -13,12 +13,9 @@ namespace {
 bool hasNul(const MemberPath& path) { return path.entryPath().str().find('\0') != std::string::npos; }
 
 // Deeper than any tree that is in use; hostile archives go on from here.
-bool isTooLong(const MemberPath& path, LogBase& log) {
+bool isTooLong(const MemberPath& path) {
   constexpr unsigned kLongestPath = 2 << 20;
-  if (path.entryPath().getSizeUtf8() <= kLongestPath) return false;
-  log.LogError("The member's path is too long to be created.");
-  log.LogDataInt64("pathLength", path.entryPath().getSizeUtf8());
-  return true;
+  return path.entryPath().getSizeUtf8() > kLongestPath;
 }
 
 }  // namespace
@@ -64,7 +61,7 @@ ExtractTarget::Outcome ExtractTarget::createFile(const MemberPath& path, const R
                                                  const char* creatingTag, LogBase& directoryLog, LogBase& log,
                                                  std::unique_ptr<OutputFile>& file) {
   if (hasNul(path)) return Outcome::Refused;
-  if (isTooLong(path, log)) return Outcome::NotCreated;
+  if (isTooLong(path)) return Outcome::TooLong;
   const char* const outputPath = path.outputPath().getUtf8();
   if (settings.options.confine != Confine::Off) {
     if (!openConfined(settings, log)) return Outcome::NoTarget;
@@ -89,7 +86,7 @@ ExtractTarget::Outcome ExtractTarget::createFile(const MemberPath& path, const R
 ExtractTarget::Outcome ExtractTarget::makeDirectory(const MemberPath& path, const ReadSettings& settings,
                                                     LogBase& directoryLog, LogBase& log) {
   if (hasNul(path)) return Outcome::Refused;
-  if (isTooLong(path, log)) return Outcome::NotCreated;
+  if (isTooLong(path)) return Outcome::TooLong;
   if (settings.options.confine != Confine::Off) {
     if (!openConfined(settings, log)) return Outcome::NoTarget;
     return outcomeOf(m_confined.makeDirectory(path.entryPath().str(), log));
@@ -103,6 +100,10 @@ bool leavesOut(ExtractTarget::Outcome outcome, const MemberPath& path, const Rea
                ProgressEvent* event, LogBase& log) {
   using Outcome = ExtractTarget::Outcome;
   if (outcome == Outcome::Ok || outcome == Outcome::NoTarget) return false;
+  if (outcome == Outcome::TooLong) {
+    log.LogError("The member's path is too long to be created.");
+    log.LogDataInt64("pathLength", path.entryPath().getSizeUtf8());
+  }
   const bool refused = outcome == Outcome::Refused;
   if (!refused && !settings.options.skipUncreatable) return false;
   log.LogNotice(refused ? "Member refused: its path leaves the target."

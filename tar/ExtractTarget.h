@@ -14,7 +14,7 @@ namespace morvane {
 
 class ExtractTarget {
  public:
-  enum class Outcome { Ok, Refused, NoTarget, NoParent, NotCreated };
+  enum class Outcome { Ok, Refused, TooLong, NoTarget, NoParent, NotCreated };
 
   // A file that extraction must not replace: the archive being read.
   void protect(const mvFileInfo& archive);
@@ -40,7 +40,8 @@ class ExtractTarget {
 };
 
 // Whether the run goes on without a member that was not created: a refused one, and with SkipUncreatable any
-// that the target has no place for. It is then reported; the run fails at its end.
+// that the target has no place for. It is then reported; the run fails at its end. A path that is too long is
+// named in any case.
 bool leavesOut(ExtractTarget::Outcome outcome, const MemberPath& path, const ReadSettings& settings,
                ProgressEvent* event, LogBase& log);
 

@@ -6,8 +6,8 @@
 #include <new>
 
 #include "runtime/buffer/DataBuffer.h"
-#include "runtime/codec/DecodedOutput.h"
 #include "runtime/codec/InputWindow.h"
+#include "runtime/io/_mvOutput.h"
 
 namespace morvane {
 
@@ -148,7 +148,7 @@ bool MorvaneBzip2::DecompressStream(_mvDataSource& source, _mvOutput& out, LogBa
                                                     : "The bzip2 data are damaged.");
     }
     const unsigned produced = kOut - stream.avail_out;
-    if (!writeDecoded(out, buffer.get(), produced, pm, log)) return false;
+    if (produced > 0 && !out.writeBytesPM(buffer.get(), produced, pm, log)) return false;
     if (state == BZ_STREAM_END) {
       endStream();
       ++streams;

@@ -6,10 +6,10 @@
 #include <new>
 
 #include "runtime/buffer/DataBuffer.h"
-#include "runtime/codec/DecodedOutput.h"
 #include "runtime/codec/FastDeflate.h"
 #include "runtime/codec/InputWindow.h"
 #include "runtime/codec/RawInflate.h"
+#include "runtime/io/_mvOutput.h"
 
 namespace morvane {
 
@@ -128,8 +128,8 @@ bool MorvaneDeflate::inflateFromSourcePM(bool, _mvDataSource& source, _mvOutput&
     }
     const unsigned hadIn = inflater.inputLeft();
     state = inflater.step(buffer.get(), kOut, produced);
+    if (produced > 0 && !out.writeBytesPM(buffer.get(), produced, pm, log)) return false;
     if (state == RawInflate::State::Damaged) return fail(log, "The deflate data are damaged.");
-    if (!writeDecoded(out, buffer.get(), produced, pm, log)) return false;
     roundsWithoutProgress = produced == 0 && inflater.inputLeft() == hadIn ? roundsWithoutProgress + 1 : 0;
     if (roundsWithoutProgress == 2) return fail(log, "The deflate data make no progress.");
   }

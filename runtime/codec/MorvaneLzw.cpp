@@ -5,8 +5,8 @@
 #include <memory>
 #include <new>
 
-#include "runtime/codec/DecodedOutput.h"
 #include "runtime/codec/InputWindow.h"
+#include "runtime/io/_mvOutput.h"
 
 namespace morvane {
 
@@ -130,7 +130,7 @@ class OutputWindow {
     const unsigned n = m_end - m_flushed;
     const char* const from = m_bytes + m_flushed;
     m_flushed = m_end;
-    return writeDecoded(m_out, from, n, m_pm, m_log);
+    return n == 0 || m_out.writeBytesPM(from, n, m_pm, m_log);
   }
 
  private:

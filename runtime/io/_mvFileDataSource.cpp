@@ -112,7 +112,9 @@ bool _mvFileDataSource::hasByteAt(long long position) const {
 
 bool _mvFileDataSource::endOfStream() {
   if (m_windowAt < m_windowEnd) return false;
-  return m_atEnd || (m_endAt >= 0 && m_position >= m_endAt);
+  if (m_atEnd || m_endAt >= 0) return m_atEnd || m_position >= m_endAt;
+  // Nobody has met the end yet; a file that is smaller than it was ends its copy by a read.
+  return m_seekable && m_position >= m_sizeSeen && !hasByteAt(m_position);
 }
 
 // One read that moves at least a byte unless the data end; `got` 0 is the end.

@@ -15,7 +15,7 @@ bool _mvOutput::resetOutput(LogBase&) { return true; }
 bool _mvOutput::announceOutputFinished(LogBase&) { return true; }
 
 bool _mvOutput::writeBytesPM(const char* bytes, unsigned n, ProgressMonitor* pm, LogBase& log) {
-  if (pm && pm->isAborted()) return logAborted(log);
+  if (pm && pm->abortCheckTimed(log)) return logAborted(log);
   _mvIoParams io(pm);
   return _writeBytes(bytes, n, io, log);
 }

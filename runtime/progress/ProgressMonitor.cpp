@@ -8,14 +8,11 @@
 namespace morvane {
 
 ProgressMonitor::ProgressMonitor(ProgressEvent& event, int abortCheckMs, int percentScale, long long total)
-    : m_event(event),
-      m_abortCheckMs(abortCheckMs),
-      m_percentScale(percentScale),
-      m_total(total),
-      m_lastAsked(millisecondTicks()) {}
+    : m_event(event), m_abortCheckMs(abortCheckMs), m_percentScale(percentScale), m_total(total) {}
 
 bool ProgressMonitor::abortCheck(LogBase&) {
   if (!m_aborted) {
+    m_everAsked = true;
     m_lastAsked = millisecondTicks();
     m_event.onAbortCheck(m_aborted);
   }
@@ -24,7 +21,7 @@ bool ProgressMonitor::abortCheck(LogBase&) {
 
 bool ProgressMonitor::abortCheckTimed(LogBase& log) {
   if (m_aborted || m_abortCheckMs <= 0) return m_aborted;
-  if (millisecondTicks() - m_lastAsked < static_cast<unsigned>(m_abortCheckMs)) return false;
+  if (m_everAsked && millisecondTicks() - m_lastAsked < static_cast<unsigned>(m_abortCheckMs)) return false;
   return abortCheck(log);
 }
 

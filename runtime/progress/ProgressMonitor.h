@@ -24,7 +24,8 @@ class MORVANE_API ProgressMonitor {
 
   // Asks the event whether to abort; true means abort. Once it said so, it is not asked again.
   bool abortCheck(LogBase& log);
-  // The same where much happens between two questions worth asking: asks only when abortCheckMs have passed.
+  // The same where much happens between two questions worth asking: asks the first time, and then only when
+  // abortCheckMs have passed.
   bool abortCheckTimed(LogBase& log);
   // Adds n units to what is done and reports a new percentage. True means abort.
   bool consumeProgress(long long n, LogBase& log);
@@ -46,7 +47,8 @@ class MORVANE_API ProgressMonitor {
   long long m_done = 0;
   long long m_nextReportAt = 0;  // no percentage changes before this much is done
   int m_lastPercent = -1;
-  unsigned m_lastAsked;
+  bool m_everAsked = false;
+  unsigned m_lastAsked = 0;
   bool m_aborted = false;
 };
 

@@ -6,6 +6,12 @@
 
 namespace morvane {
 
+namespace {
+
+constexpr size_t kNoMatch = static_cast<size_t>(-1);
+
+}  // namespace
+
 WildcardPattern::WildcardPattern(std::string_view pattern, bool caseSensitive)
     : m_caseSensitive(caseSensitive) {
   const std::string text = caseSensitive ? std::string(pattern) : foldCase(pattern);
@@ -26,20 +32,43 @@ bool WildcardPattern::matches(std::string_view text) const {
   return m_caseSensitive ? matchesFolded(text) : matchesFolded(foldCase(text));
 }
 
+bool WildcardPattern::matchesUpToASlash(std::string_view path) const {
+  return m_caseSensitive ? matchesFoldedUpToASlash(path) : matchesFoldedUpToASlash(foldCase(path));
+}
+
 bool WildcardPattern::matchesFolded(std::string_view text) const {
   if (!m_hasStar) return text == m_head;
   if (text.size() < m_head.size() + m_tail.size()) return false;
-  if (text.compare(0, m_head.size(), m_head) != 0) return false;
-  if (text.compare(text.size() - m_tail.size(), m_tail.size(), m_tail) != 0) return false;
+  const size_t rest = text.size() - m_tail.size();
+  return text.substr(rest) == m_tail && behindLastPiece(text.substr(0, rest)) != kNoMatch;
+}
+
+bool WildcardPattern::matchesFoldedUpToASlash(std::string_view path) const {
+  const auto endsAt = [path](size_t at) { return at == path.size() || path[at] == '/'; };
+  if (!m_hasStar) return !m_head.empty() && path.substr(0, m_head.size()) == m_head && endsAt(m_head.size());
+  size_t at = behindLastPiece(path);
+  if (at == kNoMatch || m_tail.empty()) return at != kNoMatch;
+  while (true) {
+    const void* const found = ::memmem(path.data() + at, path.size() - at, m_tail.data(), m_tail.size());
+    if (!found) return false;
+    at = static_cast<size_t>(static_cast<const char*>(found) - path.data());
+    if (endsAt(at + m_tail.size())) return true;
+    ++at;
+  }
+}
+
+// Where the text goes on behind the pieces up to the last star, each found as far to the left as it goes.
+size_t WildcardPattern::behindLastPiece(std::string_view text) const {
+  if (text.substr(0, m_head.size()) != m_head) return kNoMatch;
   const char* from = text.data() + m_head.size();
-  const char* const end = text.data() + text.size() - m_tail.size();
+  const char* const end = text.data() + text.size();
   for (const std::string& piece : m_middle) {
     // memmem is linear whatever the piece; std::string_view::find may take the product of both lengths.
-    const void* found = ::memmem(from, static_cast<size_t>(end - from), piece.data(), piece.size());
-    if (!found) return false;
+    const void* const found = ::memmem(from, static_cast<size_t>(end - from), piece.data(), piece.size());
+    if (!found) return kNoMatch;
     from = static_cast<const char*>(found) + piece.size();
   }
-  return true;
+  return static_cast<size_t>(from - text.data());
 }
 
 }  // namespace morvane

@@ -9,17 +9,23 @@
 #include <string_view>
 #include <vector>
 
+#include "runtime/base/Export.h"
+
 namespace morvane {
 
-class WildcardPattern {
+class MORVANE_API WildcardPattern {
  public:
   WildcardPattern() : WildcardPattern("", true) {}
   WildcardPattern(std::string_view pattern, bool caseSensitive);
 
   bool matches(std::string_view text) const;
+  // Whether a path or any directory above it matches: the text up to one of its slashes, or all of it.
+  bool matchesUpToASlash(std::string_view path) const;
 
  private:
   bool matchesFolded(std::string_view text) const;
+  bool matchesFoldedUpToASlash(std::string_view path) const;
+  size_t behindLastPiece(std::string_view text) const;
 
   bool m_caseSensitive;
   bool m_hasStar = false;

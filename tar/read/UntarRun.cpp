@@ -117,7 +117,7 @@ bool UntarRun::readHeader(char& typeFlag) {
   const bool intoFollowing = merge && !m_settings.options.fullRead;
   TarHeader& header = intoFollowing ? m_following : m_current;
   if (!header.parseFromDataSource(m_context.source, nullptr, m_endOfArchive, m_log, m_context.pm)) {
-    if (m_context.pm && m_context.pm->isAborted()) return fail(kAborted);
+    if (m_context.pm && m_context.pm->isAborted()) fail(kAborted);
     return fail(merge ? "Failed to parse header from data source (1)"
                       : "Failed to parse header from data source (2)");
   }
@@ -296,15 +296,16 @@ bool UntarRun::extractFile(bool& leftOut) {
   LogBase& directoryLog = m_log.verbose() ? m_log : unwanted;
   const bool confined = m_settings.options.confine != Confine::Off;
   // Where plain creation fails, extractToFile tries again and says why.
-  const bool triesAgain = !confined && !m_settings.options.skipUncreatable;
+  bool triesAgain = !confined && !m_settings.options.skipUncreatable;
   const ExtractTarget::Outcome outcome =
       m_target.createFile(m_path, m_settings, nullptr, directoryLog, triesAgain ? unwanted : m_log, file);
+  triesAgain = triesAgain && outcome == ExtractTarget::Outcome::NotCreated;
   leftOut = leavesOut(outcome, m_path, m_settings, m_context.event, m_log);
   if (leftOut) return true;
   if (outcome == ExtractTarget::Outcome::NoTarget || outcome == ExtractTarget::Outcome::NoParent) {
     return failWith("Failed to ensure directory exists.", "filePath", m_path.outputPath());
   }
-  if (confined && !file) {
+  if (!file && !triesAgain) {
     {
       LogContextExitor context(m_log, "extractToFile");
       m_log.LogError("Failed to create OutputFile");

@@ -93,9 +93,11 @@ void ClsTar::protectArchive(LogBase& log) {
 
 bool ClsTar::unTarGz(_mvDataSource& source, ProgressMonitor* pm, LogBase& log) {
   LogContextExitor context(log, "unTarGz");
-  if (!readGzipHeader(source, pm, log)) return false;
+  BufferedDataSource buffered(source);
+  _mvDataSource& lending = source.canLend() ? source : buffered;
+  if (!readGzipHeader(lending, pm, log)) return false;
   beginFramedRun(log);
-  if (!inflateGzipMembers(source, *this, m_options, pm, log)) {
+  if (!inflateGzipMembers(lending, *this, m_options, pm, log)) {
     log.LogError("unTarGz inflate failed (2)");
     return false;
   }

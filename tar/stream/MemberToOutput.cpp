@@ -1,6 +1,7 @@
 // ClsTar's extraction of one member, from an archive of any compression, into an output.
 #include "runtime/codec/MorvaneLzw.h"
 #include "runtime/io/BufferedDataSource.h"
+#include "runtime/io/OutputFlush.h"
 #include "tar/ArchiveKind.h"
 #include "tar/ClsTarMethod.h"
 #include "tar/GzipFormat.h"
@@ -46,6 +47,7 @@ bool ClsTar::UntarMemberToOutput(_mvDataSource& source, _mvOutput& out, Progress
 bool ClsTar::memberToOutput(_mvDataSource& source, _mvOutput& out, ProgressEvent* progress) {
   ProgressMonitorPtr monitor(progress, m_abortCheckMs, m_percentScale, 0);
   ProgressMonitor* const pm = monitor.getPm();
+  OutputFlush flush(out, pm);
   ArchiveKind kind = ArchiveKind::Unknown;
   if (!detectArchiveKind(source, kind, pm, m_log)) return false;
   bool found = false;
@@ -70,7 +72,7 @@ bool ClsTar::memberToOutput(_mvDataSource& source, _mvOutput& out, ProgressEvent
     if (!found && (!ended || !stream.FinishStreamingUntar(pm, m_log))) return false;
   }
   if (!found) m_log.LogError("No such member.");
-  return found && out.announceOutputFinished(m_log);
+  return found && flush.finish(m_log);
 }
 
 }  // namespace morvane

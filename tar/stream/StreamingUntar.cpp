@@ -132,9 +132,12 @@ bool StreamingUntar::streamingUntarInner(const unsigned char* data, unsigned num
   }
   const bool hasData = data && numBytes > 0;
   // After a failed write nothing more is kept for an output that takes nothing.
-  if (hasData && m_writeFailed && m_streamBytesLeft > 0) return writeHasFailed(1, log);
-  if (hasData && m_streamBytesLeft > 0 && m_streamOutput && m_streamBytesLeft >= numBytes &&
-      m_streamPending.isEmpty()) {
+  const bool fitsEntry = m_streamBytesLeft >= numBytes && m_streamPending.isEmpty();
+  if (hasData && m_writeFailed && m_streamBytesLeft > 0) {
+    const long long pending = saturatedSum(m_streamPending.getSize(), numBytes);
+    return writeHasFailed(fitsEntry ? 1 : m_streamBytesLeft < pending ? 3 : 2, log);
+  }
+  if (hasData && m_streamBytesLeft > 0 && m_streamOutput && fitsEntry) {
     // The whole piece belongs to the current entry: straight from the producer to the output.
     if (!write(reinterpret_cast<const char*>(data), numBytes, 1, pm, log)) return false;
     return m_streamBytesLeft > 0 || finishEntry(1, pm, log);

@@ -20,6 +20,7 @@ namespace morvane {
 namespace {
 
 constexpr unsigned kPieceSize = 20000;
+constexpr unsigned kMostEmptyReads = 1000;  // in a row
 constexpr long long kToTheEnd = std::numeric_limits<long long>::max();
 
 void prependPart(const char* part, XString& path) {
@@ -180,6 +181,7 @@ bool ArchiveWriter::isSkippedByEvent(const SourcePlace& place, const mvFileInfo&
   bool skip = false;
   m_run.event->onTarEntry(place.fullPath.getUtf8(), info.m_size, info.m_isDirectory, skip);
   m_live.refresh();
+  m_source.closeIfRenamed();
   if (skip) {
     if (m_log.verbose()) m_log.LogDataX("skippingFile", place.fullPath);
     return true;
@@ -275,13 +277,18 @@ bool ArchiveWriter::copyPieces(_mvDataSource& source, long long most, long long&
   const bool lends = source.canLend();
   const ByteArrayOwner buffer(lends ? nullptr : mvNewChar(kPieceSize));
   if (!lends && !buffer.get()) return false;
+  unsigned emptyReads = 0;
   while (copied < most && !source.endOfStream()) {
     const unsigned wanted = static_cast<unsigned>(std::min<long long>(most - copied, kPieceSize));
     const char* bytes = buffer.get();
     unsigned got = 0;
     const bool ok = lends ? source.lendBytes(wanted, bytes, got, nullptr, m_log)
                           : source.readSourcePM(buffer.get(), wanted, got, nullptr, m_log);
-    if (!ok || got == 0) return true;
+    if (!ok) return true;
+    // A read of nothing is no end, but a source that gives nothing else has none to wait for.
+    emptyReads = got == 0 ? emptyReads + 1 : 0;
+    if (emptyReads == kMostEmptyReads) return true;
+    if (got == 0) continue;
     copied += got;
     if (m_run.pm) m_run.pm->consumeProgress(got, m_log);
     if (!m_run.put(reinterpret_cast<const unsigned char*>(bytes), got)) {

@@ -22,6 +22,9 @@ class SourceFile {
   bool examine(const SourcePlace& place, mvFileInfo& info, LogBase& log);
   // Opens the data of what was examined, unless they are open. Never waits for a FIFO.
   bool open(const SourcePlace& place, const mvFileInfo& info, LogBase& log);
+  // Closes a file that was opened by `examine` if it may have lost its name to another since, or altogether:
+  // it is then opened by name again.
+  void closeIfRenamed();
   // Reads the first data now. False when that fails.
   bool readFirst(LogBase& log);
   bool isOpen() const { return m_open; }
@@ -37,6 +40,7 @@ class SourceFile {
  private:
   _mvFileDataSource m_data;
   bool m_open = false;
+  timespec m_statusChanged{};  // of a file that was opened when it was examined
 };
 
 }  // namespace morvane

@@ -1,5 +1,6 @@
 // ClsTar's writing methods, and the steps they are made of.
 #include "runtime/base/ScopeExit.h"
+#include "runtime/io/OutputFlush.h"
 #include "tar/ClsTarMethod.h"
 #include "tar/GzipFormat.h"
 #include "tar/TarNumber.h"
@@ -75,11 +76,7 @@ bool ClsTar::countTotal(ProgressEvent* progress, long long& total) {
 // The whole archive, framed and flushed. An archive that is complete is finished as such also when something
 // was left out of it, which makes the result false.
 bool ClsTar::writeTo(_mvOutput& out, ProgressMonitor* pm, ProgressEvent* progress) {
-  auto* const file = dynamic_cast<OutputFile*>(&out);
-  // What is buffered when the job is aborted would be written in vain, perhaps into a pipe that nobody reads.
-  ScopeExit dropIfAborted([&] {
-    if (file && pm && pm->isAborted()) file->discardBuffered();
-  });
+  OutputFlush flush(out, pm);
   const bool gzip = m_archive.m_compressing && m_archive.m_writeCompression == WriteCompression::Gzip;
   bool anythingLost = false;
   if (gzip && !beginGzip(XString(), out, pm, m_log)) return false;
@@ -90,8 +87,7 @@ bool ClsTar::writeTo(_mvOutput& out, ProgressMonitor* pm, ProgressEvent* progres
     const unsigned size = static_cast<unsigned>(m_archive.m_uncompressedSize & 0xFFFFFFFF);
     if (!endGzip(out, m_archive.m_crc.endStream(), size)) return false;
   }
-  if (file && !file->flush(pm, m_log)) return false;
-  return out.announceOutputFinished(m_log) && !anythingLost;
+  return flush.finish(m_log) && !anythingLost;
 }
 
 // No file name is recorded, so the path is of no use.

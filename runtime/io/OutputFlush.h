@@ -1,0 +1,32 @@
+// The end of a job that wrote to an output which is not its own: what a file has buffered is flushed while
+// the monitor is still asked, or dropped when the job was aborted. It would be written in vain then, perhaps
+// into a pipe that nobody reads.
+#pragma once
+
+#include "runtime/io/OutputFile.h"
+#include "runtime/progress/ProgressMonitor.h"
+
+namespace morvane {
+
+class OutputFlush {
+ public:
+  OutputFlush(_mvOutput& out, ProgressMonitor* pm)
+      : m_out(out), m_file(dynamic_cast<OutputFile*>(&out)), m_pm(pm) {}
+  ~OutputFlush() {
+    if (m_file && m_pm && m_pm->isAborted()) m_file->discardBuffered();
+  }
+  OutputFlush(const OutputFlush&) = delete;
+  OutputFlush& operator=(const OutputFlush&) = delete;
+
+  // Once everything was written. False, with its reason in the log, if not all of it arrives.
+  [[nodiscard]] bool finish(LogBase& log) {
+    return (!m_file || m_file->flush(m_pm, log)) && m_out.announceOutputFinished(log);
+  }
+
+ private:
+  _mvOutput& m_out;
+  OutputFile* const m_file;
+  ProgressMonitor* const m_pm;
+};
+
+}  // namespace morvane
