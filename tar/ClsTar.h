@@ -21,7 +21,7 @@
 // StreamingUntarNext, FinishStreamingUntar and _writeBytes take no lock.
 //
 // Callbacks (runtime/progress/ProgressEvent.h) run on the calling thread; from them properties may be read
-// and set, while methods of the same object are refused.
+// and set (what is set holds from the next step on), while methods of the same object are refused.
 //
 // Each method that takes an archive's path has a twin that takes an _mvOutput& or _mvDataSource& in its
 // place, so that standard streams, sockets and memory are archives too. The stream is not owned and must

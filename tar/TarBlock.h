@@ -56,6 +56,10 @@ static_assert(sizeof kUstarMagic == 9 && sizeof kGnuMagic == 8, "the last NUL of
 // A prefix of ours may run on into the block's tail: the slash between prefix and name is stored with it.
 constexpr unsigned kLongestPrefix = kPrefixField.width + kTailField.width;
 
+// Bytes that are not 0 where the map of a sparse member goes on in a further block: in its header block, and
+// in each of those.
+constexpr unsigned kSparseGoesOnInHeader = 482, kSparseGoesOnInMap = 504;
+
 // Type flags.
 constexpr char kTypeRegular = '0';
 constexpr char kTypeOldRegular = '\0';
@@ -69,6 +73,7 @@ constexpr char kTypeLongLink = 'K';     // GNU: link target of the next member
 constexpr char kTypeVolumeLabel = 'V';  // GNU: names the archive
 constexpr char kTypeDumpDir = 'D';      // GNU: a directory's listing in an incremental archive
 constexpr char kTypeMultiVolume = 'M';  // GNU: the rest of a member begun in another volume
+constexpr char kTypeSparse = 'S';       // GNU: a file of pieces, with a map of them
 constexpr char kTypeOldNames = 'N';     // GNU, long abandoned: names of other members
 
 // Zero bytes after n data bytes, n >= 0: 0 to 511.

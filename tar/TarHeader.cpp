@@ -91,6 +91,7 @@ bool TarHeader::parseFromMemory(const unsigned char* block, bool& endOfArchive, 
   m_size = static_cast<long long>(size.value);
   m_typeFlag = static_cast<char>(block[kTypeFlagField.offset]);
   m_isDirectory = isDirectoryBlock(block, m_typeFlag, m_size);
+  m_sparseMapGoesOn = m_typeFlag == kTypeSparse && block[kSparseGoesOnInHeader] != 0;
   takeNumbers(block);
   takeNames(block);
   return true;

@@ -55,7 +55,8 @@ class MORVANE_API TarHeader {
   std::unique_ptr<StringBuffer> m_userName;
   std::unique_ptr<StringBuffer> m_groupName;
   bool m_isDirectory = false;
-  StringBuffer m_linkName;  // the block's own link name
+  StringBuffer m_linkName;         // the block's own link name
+  bool m_sparseMapGoesOn = false;  // blocks of a GNU sparse map come before the data
   // The times in full; m_mtime, m_atime and m_ctime are their 32-bit forms.
   TarTime m_exactMtime, m_exactAtime, m_exactCtime;
 

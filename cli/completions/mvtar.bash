@@ -17,7 +17,8 @@ _mvtar() {
     --options)
       words="SkipOutputFile SkipUnreadable WriteExactSizes CountSkipsExcluded NoTotal UstarOverflow=fail
         UstarPlainPrefix PaxExact FastDeflate= FullRead MaxExtensionBytes= Confine=beneath Confine=nolinks
-        VerifyGzip GzipAllMembers Bz2Framed RequireEndOfArchive EntryEvents" ;;
+        VerifyGzip GzipAllMembers Bz2Framed RequireEndOfArchive EntryEvents
+        SkipUncreatable" ;;
     --directory)
       compopt -o filenames
       mapfile -t COMPREPLY < <(compgen -d -- "$value")

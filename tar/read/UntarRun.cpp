@@ -210,10 +210,24 @@ UntarRun::Step UntarRun::takeFullExtension(char typeFlag) {
   return m_extensions.take(typeFlag, bytes, m_log) ? Step::GoOn : Step::Fail;
 }
 
+// The further blocks of a sparse map stand between header and data, and are counted in no size.
+bool UntarRun::passSparseMap() {
+  char block[kBlockSize];
+  for (bool goesOn = m_current.m_sparseMapGoesOn; goesOn; goesOn = block[kSparseGoesOnInMap] != 0) {
+    unsigned numRead = 0;
+    if (!m_context.source.readFully(block, kBlockSize, numRead, m_context.pm, m_log) || numRead < kBlockSize)
+      return fail("Failed to read the map of a sparse member.");
+    m_cursor.passed(kBlockSize);
+    m_filePosition = saturatedSum(m_filePosition, kBlockSize);
+  }
+  return true;
+}
+
 UntarRun::Step UntarRun::handleMember(char typeFlag) {
   if (m_settings.options.fullRead) m_extensions.complete(m_current);
   const long long headerPosition = m_filePosition;
   m_filePosition = saturatedSum(m_filePosition, kBlockSize);
+  if (m_settings.options.fullRead && !passSparseMap()) return Step::Fail;
   if (m_settings.captureXmlListing) {
     toXmlEntry(m_current, m_context.xmlListing, nullptr, m_path.decoder(m_settings, m_log));
   }

@@ -55,6 +55,7 @@ class UntarRun {
   Step takeLongName();
   Step takeFullExtension(char typeFlag);
   bool readExtensionData(const char* what);
+  bool passSparseMap();
   Step handleMember(char typeFlag);
   Step extractMember(bool& extracted);
   Step copyMember();

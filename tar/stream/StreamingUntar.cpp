@@ -61,7 +61,7 @@ void StreamingUntar::BeginStreamingUntar() {
   m_streamOk = true;
   m_streamExtData.clear();
   m_streamPosition = 0;
-  m_endMarkSeen = m_memberFound = false;
+  m_endMarkSeen = m_memberFound = m_inSparseMap = false;
   m_extensions.clear();
   beginUnframed();
 }
@@ -256,6 +256,7 @@ bool StreamingUntar::stop(const char* message, bool& finished, LogBase& log) {
 
 bool StreamingUntar::consumeHeader(bool& finished, ProgressMonitor* pm, LogBase& log) {
   if (m_streamPending.getSize() < kBlockSize) return true;
+  if (m_inSparseMap) return consumeSparseMap(finished, pm, log);
   m_live.refresh();
   if (log.verbose()) {
     log.LogInfo("---- Next TAR Header ----");
@@ -266,7 +267,7 @@ bool StreamingUntar::consumeHeader(bool& finished, ProgressMonitor* pm, LogBase&
     return false;
   }
   if (!parseHeader(m_streamPending.getData2(), finished, log)) return false;
-  const long long headerPosition = m_streamPosition;
+  m_headerPosition = m_streamPosition;
   eat(kBlockSize);
   if (finished) {
     m_streamPending.clear();
@@ -274,6 +275,18 @@ bool StreamingUntar::consumeHeader(bool& finished, ProgressMonitor* pm, LogBase&
     return true;
   }
   if (!closeEmptyFile(pm, log)) return false;
+  m_inSparseMap = m_settings.options.fullRead && m_streamHeader.m_sparseMapGoesOn;
+  return m_inSparseMap || takeHeader(finished, pm, log);
+}
+
+// The further blocks of a sparse map stand between header and data, and are counted in no size.
+bool StreamingUntar::consumeSparseMap(bool& finished, ProgressMonitor* pm, LogBase& log) {
+  m_inSparseMap = m_streamPending.getData2()[kSparseGoesOnInMap] != 0;
+  eat(kBlockSize);
+  return m_inSparseMap || takeHeader(finished, pm, log);
+}
+
+bool StreamingUntar::takeHeader(bool& finished, ProgressMonitor* pm, LogBase& log) {
   const bool isMember =
       !extendsNext(m_streamHeader.m_typeFlag) &&
       !(m_settings.options.fullRead && FullExtensions::isPassedOver(m_streamHeader.m_typeFlag));
@@ -288,7 +301,7 @@ bool StreamingUntar::consumeHeader(bool& finished, ProgressMonitor* pm, LogBase&
   m_streamExpectedSize = 0;
   m_path.set(m_streamHeader, m_settings, log);
   if (isMember && pm) {
-    announceHeader(pm->event(), m_streamHeader, m_path.entryPath(), headerPosition, m_settings);
+    announceHeader(pm->event(), m_streamHeader, m_path.entryPath(), m_headerPosition, m_settings);
     if (m_live.refresh()) m_path.set(m_streamHeader, m_settings, log);
   }
   if (m_settings.untarDebugLog) log.LogDataX("entry", m_path.entryPath());

@@ -63,6 +63,8 @@ class StreamingUntar {
   bool consumePadding();
   bool consumeData(ProgressMonitor* pm, LogBase& log);
   bool consumeHeader(bool& finished, ProgressMonitor* pm, LogBase& log);
+  bool consumeSparseMap(bool& finished, ProgressMonitor* pm, LogBase& log);
+  bool takeHeader(bool& finished, ProgressMonitor* pm, LogBase& log);
   bool parseHeader(const unsigned char* block, bool& finished, LogBase& log);
   bool applyExtensionData(LogBase& log);
   bool closeEmptyFile(ProgressMonitor* pm, LogBase& log);
@@ -100,6 +102,8 @@ class StreamingUntar {
   long long m_streamPosition = 0;  // bytes consumed: where the next header begins
   _mvOutput* m_memberOutput = nullptr;
   bool m_memberFound = false;
+  long long m_headerPosition = 0;  // of the current entry
+  bool m_inSparseMap = false;      // between the current entry's header and its data
   bool m_endMarkSeen = false;
   bool m_anyLeftOut = false;
   bool m_writeFailed = false;  // of the open output
