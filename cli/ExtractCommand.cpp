@@ -9,6 +9,7 @@
 #include "cli/Commands.h"
 #include "cli/MemberEvent.h"
 #include "cli/ReadArchive.h"
+#include "tar/ExtractTarget.h"
 
 namespace mvtar {
 
@@ -51,7 +52,7 @@ class ExtractEvent : public MemberEvent {
 
   void onTarEntry(const char*, long long size, bool isDirectory, bool& skip) override {
     // Straight into the target there is no place for a directory.
-    skip = !isSelected() || (isDirectory && m_line.stripPaths);
+    skip = !isSelected() || m_isTooLong || (isDirectory && m_line.stripPaths);
     if (skip) return;
     nameWhatChanges();
     begin(m_path, isDirectory ? 0 : size);
@@ -66,6 +67,11 @@ class ExtractEvent : public MemberEvent {
 
  private:
   void onSelected(const TarMemberInfo& member) override {
+    m_isTooLong = std::strlen(member.entryPath) > morvane::ExtractTarget::kLongestPath;
+    if (m_isTooLong) {
+      m_report.problem(member.path, "the path is too long to be created");
+      return;
+    }
     m_path = member.path;
     m_lost = lostKind(member);
   }
@@ -90,6 +96,7 @@ class ExtractEvent : public MemberEvent {
   }
 
   ClsTar& m_tar;
+  bool m_isTooLong = false;
   std::string m_path;
   const char* m_lost = nullptr;
   bool m_slashesNamed = false;

@@ -89,11 +89,10 @@ class ListEvent : public MemberEvent {
     constexpr size_t kColumns = 19;
     m_width = std::max({m_width, owner.size() + 1 + size.size(), kColumns});
     const std::string gap(m_width - owner.size() - size.size(), ' ');
-    std::string line =
-        modeText(member) + " " + owner + gap + size + " " + timeText(member.mtime) + " " + shown(member.path);
-    if (member.typeFlag == '2') line += " -> " + shown(member.linkPath);
-    if (member.typeFlag == '1') line += " link to " + shown(member.linkPath);
-    m_report.line(line);
+    const char* const link = member.typeFlag == '2' ? " -> " : member.typeFlag == '1' ? " link to " : "";
+    m_report.name(member.path,
+                  modeText(member) + " " + owner + gap + size + " " + timeText(member.mtime) + " ",
+                  *link ? link + shown(member.linkPath) : "");
   }
 
   size_t m_width = 0;

@@ -62,8 +62,8 @@ class MemberEvent : public morvane::ProgressEvent {
     ++m_members;
     m_bytes += bytes;
   }
-  // A member's data are next; what becomes of them shows later.
-  void begin(const std::string& path, long long bytes) {
+  // A member's data are next; what becomes of them shows later. The path must stay until the next header.
+  void begin(std::string_view path, long long bytes) {
     m_isBegun = true;
     m_begunPath = path;
     m_begunBytes = bytes;
@@ -80,7 +80,7 @@ class MemberEvent : public morvane::ProgressEvent {
   bool m_isSelected = false;
   bool m_enoughSeen = false;
   bool m_isBegun = false;
-  std::string m_begunPath;
+  std::string_view m_begunPath;
   long long m_begunBytes = 0;
   long long m_members = 0, m_bytes = 0;
 };

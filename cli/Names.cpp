@@ -1,6 +1,6 @@
 #include "cli/Names.h"
 
-#include <cstdio>
+#include <algorithm>
 
 namespace mvtar {
 
@@ -57,6 +57,17 @@ std::string shown(std::string_view name) {
     if (isInC1) appendOctal(static_cast<unsigned char>(name[++at]), text);
   }
   return text;
+}
+
+void printShown(std::string_view name, std::FILE* stream) {
+  constexpr size_t kPiece = 16384;
+  while (!name.empty()) {
+    size_t n = std::min(name.size(), kPiece);
+    if (n < name.size() && name[n - 1] == '\xC2') --n;  // what it begins is told by the next byte
+    const std::string text = shown(name.substr(0, n));
+    std::fwrite(text.data(), 1, text.size(), stream);
+    name.remove_prefix(n);
+  }
 }
 
 }  // namespace mvtar

@@ -11,7 +11,9 @@ namespace mvtar {
 
 void Report::notice(std::string_view path, std::string_view text) {
   m_bar.clear();
-  std::fprintf(stderr, "mvtar: %s: %s\n", shown(path).c_str(), std::string(text).c_str());
+  std::fputs("mvtar: ", stderr);
+  printShown(path, stderr);
+  std::fprintf(stderr, ": %s\n", std::string(text).c_str());
 }
 
 void Report::problem(std::string_view path, std::string_view reason) {
@@ -26,12 +28,15 @@ void Report::failure(morvane::ClsTar& tar, const std::string& archive) {
   problem(path.isEmpty() ? archive : path.str(), reason.isEmpty() ? "it failed" : reason.str());
 }
 
-void Report::name(std::string_view name) { line(shown(name)); }
-
-void Report::line(const std::string& text) {
+void Report::name(std::string_view name, const std::string& before, const std::string& behind) {
   m_bar.clear();
-  std::fprintf(m_outputCarriesData ? stderr : stdout, "%s\n", text.c_str());
+  std::FILE* const stream = m_outputCarriesData ? stderr : stdout;
+  std::fputs(before.c_str(), stream);
+  printShown(name, stream);
+  std::fprintf(stream, "%s\n", behind.c_str());
 }
+
+void Report::line(const std::string& text) { name("", text); }
 
 void Report::totals(long long members, long long bytes) {
   m_bar.clear();

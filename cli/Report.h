@@ -27,8 +27,9 @@ class Report {
   void problem(std::string_view path, std::string_view reason);
   // The reason of a failed call of the component, when it is about more than what was said already.
   void failure(morvane::ClsTar& tar, const std::string& archive);
-  // A name (as stored) on standard output, or on standard error when standard output carries data.
-  void name(std::string_view name);
+  // A line with a name (as stored) on standard output, or on standard error when standard output carries
+  // data.
+  void name(std::string_view name, const std::string& before = "", const std::string& behind = "");
   // A finished line in the same place.
   void line(const std::string& text);
   // What --totals asks for.

@@ -12,10 +12,8 @@ namespace {
 // The system would take the name to end there.
 bool hasNul(const MemberPath& path) { return path.entryPath().str().find('\0') != std::string::npos; }
 
-// Deeper than any tree that is in use; hostile archives go on from here.
 bool isTooLong(const MemberPath& path) {
-  constexpr unsigned kLongestPath = 2 << 20;
-  return path.entryPath().getSizeUtf8() > kLongestPath;
+  return path.entryPath().getSizeUtf8() > ExtractTarget::kLongestPath;
 }
 
 }  // namespace

@@ -14,6 +14,9 @@ namespace morvane {
 
 class ExtractTarget {
  public:
+  // Deeper than any tree that is in use; hostile archives go on from here. Bytes.
+  static constexpr unsigned kLongestPath = 2 << 20;
+
   enum class Outcome { Ok, Refused, TooLong, NoTarget, NoParent, NotCreated };
 
   // A file that extraction must not replace: the archive being read.
