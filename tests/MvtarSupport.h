@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <sstream>
 
 #include "TestSupport.h"
 
@@ -21,13 +22,9 @@ inline bool has(const std::string& text, const std::string& part) {
 }
 
 inline Words split(const std::string& text, char at) {
-  Words words{""};
-  for (const char c : text) {
-    if (c == at)
-      words.emplace_back();
-    else
-      words.back() += c;
-  }
+  Words words;
+  std::istringstream rest(text + at);
+  for (std::string word; std::getline(rest, word, at);) words.push_back(word);
   return words;
 }
 
@@ -36,10 +33,14 @@ inline CommandResult mvtar(const ScratchDir& dir, const std::string& line, const
   return run(split("env TZ=UTC " MVTAR + (line.empty() ? "" : " " + line), ' '), input, dir.path());
 }
 
-// Runs a script in which mvtar is a command, and in which a pipe fails when any part of it does.
+// What makes mvtar a command in a script.
+inline std::string withMvtar(const std::string& script) {
+  return "PATH=$(dirname " MVTAR "):$PATH; " + script;
+}
+
+// A pipe in the script fails when any part of it does.
 inline CommandResult shell(const ScratchDir& dir, const std::string& script) {
-  return run({"env", "TZ=UTC", "bash", "-c", "set -o pipefail; mvtar() { " MVTAR " \"$@\"; }; " + script}, "",
-             dir.path());
+  return run({"env", "TZ=UTC", "bash", "-o", "pipefail", "-c", withMvtar(script)}, "", dir.path());
 }
 
 // A step that a test builds on.
@@ -81,36 +82,29 @@ inline void makeForms(const ScratchDir& dir) {
   must(dir, "gzip -nc a.tar > a.gz; bzip2 -c a.tar > a.bz2; compress -c a.tar > a.Z; true");
 }
 
-// A run that goes on beside the test. What is not read from its output makes it wait.
+// A script that goes on beside the test: it ends in "exec mvtar ...". What is not read from its output makes
+// it wait. At a terminal it has that, and no pipes.
 class Running {
  public:
-  enum class Streams { Pipes, Terminal, TerminalForErrors };
-
-  Running(const ScratchDir& dir, const std::string& line, Streams streams = Streams::Pipes,
-          const std::string& via = "") {
-    Words words = split(via + MVTAR " " + line, ' ');
-    std::vector<char*> arguments;
-    for (std::string& word : words) arguments.push_back(&word[0]);
-    arguments.push_back(nullptr);
+  Running(const ScratchDir& dir, const std::string& script, bool atTerminal = false) {
     int pipes[3][2];
     for (auto& ends : pipes) EXPECT_EQ(0, pipe2(ends, O_CLOEXEC));
-    const bool piped = streams == Streams::Pipes;
     int terminal = -1;
-    m_pid = piped ? fork() : forkpty(&terminal, nullptr, nullptr, nullptr);
+    m_pid = atTerminal ? forkpty(&terminal, nullptr, nullptr, nullptr) : fork();
     if (m_pid == 0) {
       // Whoever runs the tests in the background may have had some ignored.
       for (const int unignored : {SIGPIPE, SIGINT, SIGTERM}) signal(unignored, SIG_DFL);
-      if (piped) dup2(pipes[0][0], 0);
-      if (streams != Streams::Terminal) dup2(pipes[1][1], 1);
-      if (piped) dup2(pipes[2][1], 2);
-      if (chdir(dir.path().c_str()) == 0) execvp(arguments[0], arguments.data());
+      for (const int fd : {0, 1, 2}) {
+        if (!atTerminal) dup2(pipes[fd][fd > 0], fd);
+      }
+      if (chdir(dir.path().c_str()) == 0) execlp("bash", "bash", "-c", withMvtar(script).c_str(), nullptr);
       _exit(127);
     }
     for (const int fd : {pipes[0][0], pipes[1][1], pipes[2][1]}) ::close(fd);
     m_in = pipes[0][1];
     m_out = pipes[1][0];
-    m_err = piped ? pipes[2][0] : terminal;
-    if (!piped) ::close(pipes[2][0]);
+    m_err = pipes[2][0];
+    if (atTerminal) ::close(std::exchange(m_err, terminal));
   }
   ~Running() {
     kill(SIGKILL);
@@ -139,7 +133,7 @@ class Running {
   void kill(int signal) {
     if (!m_ended) ::kill(m_pid, signal);
   }
-  // Its status when it ends, with all that its streams give: 128 + n for signal n; -1 when it does not end.
+  // Its status when it ends, with all that its streams give; -1 when it does not end, or not by itself.
   int end() {
     until([this] {
       const bool last = ended();
@@ -147,9 +141,8 @@ class Running {
       take(m_err, err);
       return last;
     });
-    return m_ended ? WIFEXITED(m_status) ? WEXITSTATUS(m_status) : 128 + WTERMSIG(m_status) : -1;
+    return m_ended && WIFEXITED(m_status) ? WEXITSTATUS(m_status) : -1;
   }
-  bool endedBySignal() const { return WIFSIGNALED(m_status); }
 
   std::string out, err;
 
@@ -171,9 +164,10 @@ class Running {
   }
   std::string proc(const char* what) const { return readFile("/proc/" + std::to_string(m_pid) + "/" + what); }
   bool catchesSignals() const {
-    const std::string status = proc("status"),
-                      mask = status.substr(std::min(status.find("SigCgt:"), status.size()));
-    return mask.size() > 8 && std::stoull(mask.substr(7), nullptr, 16) >> (SIGTERM - 1) & 1;
+    const std::string status = proc("status");
+    const size_t mask = status.find("SigCgt:");
+    return mask != std::string::npos &&
+           std::stoull(status.substr(mask + 7), nullptr, 16) >> (SIGTERM - 1) & 1;
   }
   // What can be read without waiting.
   static void take(int fd, std::string& text) {

@@ -33,8 +33,8 @@ bool exists(const std::string& path);  // of the path itself, a dangling link in
 void setMtime(const std::string& path, long long seconds);
 long long mtimeOf(const std::string& path);
 
-// Every path below a directory, relative, with what is there: "dir", "link TARGET", or "file CONTENTS"
-// (contents over 64 bytes as size and a hash).
+// Every path below a directory, relative, with what is there: "dir", "link TARGET", "file CONTENTS"
+// (contents over 64 bytes as size and a hash) or "neither".
 std::map<std::string, std::string> treeOf(const std::string& dir);
 
 // n bytes that do not compress well and are the same for the same seed.
@@ -47,12 +47,11 @@ struct CommandResult {
 // Runs a program with the shell's PATH and waits for it.
 CommandResult run(const std::vector<std::string>& command, const std::string& standardInput = "",
                   const std::string& workingDir = "");
-bool isInstalled(const std::string& program);
 
 std::string logOf(ClsTar& tar);
-bool logHas(ClsTar& tar, const std::string& text);
 // How often a text stands in the log.
 int countInLog(ClsTar& tar, const std::string& text);
+inline bool logHas(ClsTar& tar, const std::string& text) { return countInLog(tar, text) > 0; }
 
 // A tar archive in memory, written block by block: for archives that no writer would make.
 class ArchiveBuilder {
@@ -68,9 +67,6 @@ class ArchiveBuilder {
     long long statedSize = -1;  // -1: the size of the data
   };
   ArchiveBuilder& add(const Member& member);
-  // The same with `patch` changing the block before its checksum is made.
-  ArchiveBuilder& addPatched(const Member& member, void (*patch)(unsigned char* block));
-  ArchiveBuilder& raw(const std::string& bytes);
   std::string bytes(int endBlocks = 2) const;
 
  private:
@@ -107,11 +103,22 @@ class TricklingSource : public _mvDataSource {
 // Records events and answers as told.
 class RecordingEvent : public ProgressEvent {
  public:
-  void onAbortCheck(bool& abort) override;
-  void onProgress(int percent, bool& abort) override;
-  void onInfo(const char* name, const char* value) override;
-  void onTarEntry(const char* path, long long size, bool isDirectory, bool& skip) override;
-  void onTarHeader(const TarMemberInfo& member) override;
+  void onAbortCheck(bool& abort) override { abort = ++questions == abortAtQuestion; }
+  void onProgress(int percent, bool& abort) override {
+    percents.push_back(percent);
+    abort = percent == abortAtPercent;
+  }
+  void onInfo(const char* name, const char* value) override {
+    infos.push_back(std::string(name) + "=" + value);
+  }
+  void onTarEntry(const char* path, long long size, bool isDirectory, bool& skip) override {
+    entries.push_back(std::string(path) + " " + (isDirectory ? "dir" : std::to_string(size)));
+    skip = skipEntry == path;
+  }
+  void onTarHeader(const TarMemberInfo& member) override {
+    headers.push_back(std::string(1, member.typeFlag) + " " + member.path + " " +
+                      std::to_string(member.size) + " " + std::to_string(member.headerPosition));
+  }
 
   int abortAtQuestion = 0;  // the n-th onAbortCheck answers yes; 0 never
   int abortAtPercent = -1;

@@ -1,7 +1,6 @@
 // The words of UncommonOptions, each on one input twice: what happens without it, and with it.
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <filesystem>
 
@@ -44,41 +43,34 @@ TEST(Options, SkipOutputFile) {
 // Something is gone at the moment when `at` is announced.
 TEST(Options, SkipUnreadable) {
   const struct {
-    const char *gone, *at, *skip;
+    const char *gone, *at;
     Lines rest;
-    const char* told;
   } kCases[] = {
-      {"single", "single", "", {"d/ 0", "d/f 1", "d/g 1", "e/ 0", "z 1"}, "single"},
-      {"d/g", "d/f", "", {"single 1", "d/ 0", "d/f 1", "e/ 0", "z 1"}, "d/g"},
-      {"d", "d", "", {"single 1", "e/ 0", "z 1"}, "d"},
-      {"d", "d", "d", {"single 1", "e/ 0", "z 1"}, "d"},
-      {"e", "d/f", "", {"single 1", "d/ 0", "d/f 1", "d/g 1", "z 1"}, "e"},
-      {"z", "d", "", {"single 1", "d/ 0", "d/f 1", "d/g 1", "e/ 0"}, "z"},
-      {".", "single", "", {"single 1"}, ""},
+      {"single", "single", {"d/ 0", "d/f 1", "d/g 1", "e/ 0"}},
+      {"t/d/g", "t/d/f", {"single 1", "d/ 0", "d/f 1", "e/ 0"}},
+      {"t/d", "t/d", {"single 1", "e/ 0"}},
+      {"t/e", "t/d/f", {"single 1", "d/ 0", "d/f 1", "d/g 1"}},
+      {"t", "single", {"single 1"}},
   };
   for (const auto& each : kCases) {
     for (const char* word : {"", "SkipUnreadable"}) {
-      SCOPED_TRACE(std::string(each.gone) + " at " + each.at + " " + each.skip + word);
+      SCOPED_TRACE(std::string(each.gone) + " at " + each.at + word);
       ScratchDir dir;
-      for (const char* file : {"t/d/f", "t/d/g", "t/z", "single"}) writeFile(dir / file, "x");
-      run({"mkdir", dir / "t/e"});
-      const auto place = [&](const std::string& name) {
-        return name == "single" ? dir / name : name.empty() || name == "." ? dir / "t" : dir / ("t/" + name);
-      };
+      for (const char* file : {"t/d/f", "t/d/g", "single"}) writeFile(dir / file, "x");
+      std::filesystem::create_directory(dir / "t/e");
       ClsTar tar;
       tar.AddFile(dir / "single");
       tar.AddDirRoot(dir / "t");
       tar.put_UncommonOptions(word);
       ActingEvent event;
-      if (*each.skip) event.skipEntry = place(each.skip);
       event.act = [&](const std::string& path) {
-        if (path == place(each.at)) run({"rm", "-rf", place(each.gone)});
+        if (path == dir / each.at) std::filesystem::remove_all(dir / each.gone);
       };
       LimitedOutput out;
       EXPECT_FALSE(tar.WriteTar(out, &event));
-      EXPECT_TRUE(logHas(tar, place(each.told) + "\n")) << logOf(tar);
-      EXPECT_EQ(*word ? each.rest : Lines{"broken"}, membersOf(out.bytes)) << logOf(tar);
-      EXPECT_EQ(*word ? Lines{"unreadable=" + place(each.told)} : Lines{}, event.infos) << logOf(tar);
+      EXPECT_TRUE(logHas(tar, dir / each.gone + "\n")) << logOf(tar);
+      EXPECT_EQ(*word ? each.rest : Lines{"broken"}, membersOf(out.bytes));
+      EXPECT_EQ(*word ? Lines{"unreadable=" + dir / each.gone} : Lines{}, event.infos);
       EXPECT_EQ(*word ? 1 : 0, countInLog(tar, "It cannot be read and is left out.\n"));
     }
   }
@@ -89,24 +81,22 @@ TEST(Options, WriteExactSizes) {
   const struct {
     size_t before, after;
     bool inTree, brokenByDefault;
-  } kCases[] = {{600, 100, true, true}, {600, 0, true, true},       {100, 600, true, true},
-                {0, 1, true, false},    {600, 100, false, true},    {100, 600, false, true},
-                {0, 1, false, false},   {50000, 30000, true, true}, {512, 512, true, false}};
+  } kCases[] = {{600, 0, true, true},       {100, 600, true, true},  {0, 1, true, false},
+                {50000, 30000, true, true}, {512, 512, true, false}, {600, 100, false, true}};
   for (const auto& each : kCases) {
     for (const char* word : {"", "WriteExactSizes", "WriteExactSizes,SkipUnreadable"}) {
       SCOPED_TRACE(std::to_string(each.before) + " to " + std::to_string(each.after) + " " + word);
-      const std::string before = noise(each.before, 1), after = noise(each.after, 1);
       ScratchDir dir;
-      writeFile(dir / "t/f", before);
+      writeFile(dir / "t/f", noise(each.before, 1));
       writeFile(dir / "z/next", "next");
       ClsTar tar;
       tar.put_UncommonOptions(word);
-      if (each.inTree) tar.AddDirRoot(dir / "t");
-      if (!each.inTree) tar.AddFile(dir / "t/f");
+      each.inTree ? tar.AddDirRoot(dir / "t") : tar.AddFile(dir / "t/f");
       tar.AddDirRoot(dir / "z");
       ActingEvent event;
+      std::string data = noise(each.after, 1);
       event.act = [&](const std::string& path) {
-        if (path == dir / "t/f") writeFile(path, after);
+        if (path == dir / "t/f") writeFile(path, data);
       };
       const bool changed = each.before != each.after;
       LimitedOutput out;
@@ -115,15 +105,11 @@ TEST(Options, WriteExactSizes) {
       EXPECT_EQ(!*word && each.brokenByDefault, membersOf(out.bytes) != whole);
       EXPECT_EQ(*word && changed ? Lines{"sizeChanged=" + (dir / "t/f")} : Lines{}, event.infos);
       if (!*word) continue;
-      std::string data = after;
       data.resize(each.before, '\0');
       EXPECT_TRUE(data == out.bytes.substr(512, each.before));
     }
   }
-}
-
-// Such a file says that it is empty.
-TEST(Options, WriteExactSizesOfAFileThatTheSystemMakesUp) {
+  // What the system makes up says that it is empty.
   ClsTar tar;
   tar.put_UncommonOptions("WriteExactSizes");
   tar.AddFile("/proc/version");
@@ -145,8 +131,7 @@ TEST(OptionsDeathTest, CountSkipsExcluded) {
     tar.AddDirRoot(dir / "t");
     RecordingEvent event;
     LimitedOutput out;
-    return tar.WriteTar(out, &event) && membersOf(out.bytes) == Lines{"b 3"} &&
-           event.percents == std::vector{100};
+    return tar.WriteTar(out, &event) && membersOf(out.bytes) == Lines{"b 3"};
   };
   const auto countWithOneSecond = [&] {
     const rlimit second{1, 1}, none{0, 0};
@@ -154,8 +139,8 @@ TEST(OptionsDeathTest, CountSkipsExcluded) {
     setrlimit(RLIMIT_CPU, &second);
     countWith("");
   };
-  const auto killed = [](int status) { return WIFSIGNALED(status); };
-  EXPECT_EXIT(countWithOneSecond(), killed, "");
+  EXPECT_EXIT(
+      countWithOneSecond(), [](int status) { return WIFSIGNALED(status); }, "");
   EXPECT_TRUE(countWith("CountSkipsExcluded"));
 }
 
@@ -178,60 +163,58 @@ TEST(Options, NoTotal) {
 }
 
 TEST(Options, UstarPrefixes) {
-  for (size_t prefix = 150; prefix <= 168; ++prefix) {  // its slash included
-    for (const char* words :
+  ScratchDir dir;
+  writeFile(dir / "f", "");
+  for (size_t prefix = 20; prefix <= 168; ++prefix) {  // its slash included
+    for (const std::string words :
          {"", "UstarOverflow=fail", "UstarPlainPrefix", "UstarPlainPrefix,UstarOverflow=fail"}) {
       SCOPED_TRACE(std::to_string(prefix) + words);
-      const bool fails = std::string(words).find("fail") != std::string::npos;
-      const size_t stored = prefix - (std::string(words).find("Plain") != std::string::npos);
+      const bool fails = words.find("fail") != std::string::npos;
+      const size_t stored = prefix - (words.find("Plain") != std::string::npos);
       if (stored > 167 && !fails) continue;  // stops the process
-      const std::string path = std::string(prefix - 1, 'd') + "/name";
+      const std::string path = std::string(prefix - 1, 'd') + "/" + std::string(85, 'n');
       ClsTar tar;
       tar.put_WriteFormat("ustar");
-      tar.put_UncommonOptions(words);
-      ScratchDir dir;
-      writeFile(dir / "f", "");
+      tar.put_UncommonOptions(words.c_str());
       tar.AddFile2(dir / "f", path);
       LimitedOutput out;
-      const bool ok = tar.WriteTar(out);
-      EXPECT_EQ(!fails || stored <= 155, ok);
-      if (ok) {
-        EXPECT_EQ(path.substr(0, stored), out.bytes.substr(345, stored));
-        EXPECT_EQ('\0', out.bytes[345 + stored]);
-        EXPECT_EQ(stored <= 155 || stored == prefix, membersOf(out.bytes) == Lines{path + " 0"});
-      } else {
-        EXPECT_TRUE(out.bytes.empty());
+      EXPECT_EQ(!fails || stored <= 155, tar.WriteTar(out));
+      if (out.bytes.empty()) {
         EXPECT_TRUE(logHas(tar, "Max lengths for ustar format are 100 bytes") &&
                     logHas(tar, "filePathTooLong: " + path));
+        continue;
       }
+      EXPECT_EQ(path.substr(0, stored) + '\0', out.bytes.substr(345, stored + 1));
+      EXPECT_EQ(stored <= 155 || stored == prefix, membersOf(out.bytes) == Lines{path + " 0"});
     }
   }
 }
 
 TEST(Options, PaxExact) {
-  for (const size_t length : {101u, 989u, 990u, 9988u, 9989u, 20000u, 99988u, 100000u}) {
+  ScratchDir dir;
+  writeFile(dir / "f", "data");
+  for (const size_t length : {9988u, 9989u, 100000u}) {
+    std::string path(length, 'p');
+    for (size_t i = 200; i < length; i += 200) path[i] = '/';
+    const std::string record = paxRecord("path", path);
     for (const char* word : {"", "PaxExact"}) {
       SCOPED_TRACE(std::to_string(length) + word);
-      std::string path(length, 'p');
-      for (size_t i = 200; i < length; i += 200) path[i] = '/';
-      ScratchDir dir;
-      writeFile(dir / "f", "data");
       ClsTar tar;
       tar.put_WriteFormat("pax");
       tar.put_UncommonOptions(word);
       tar.AddFile2(dir / "f", path);
       ASSERT_TRUE(tar.WriteTar(dir / "a.tar"));
       const bool exact = *word || length <= 9988;
-      const std::string record = paxRecord("path", path);
       EXPECT_EQ(exact, readFile(dir / "a.tar").compare(512, record.size(), record) == 0);
       if (!exact) continue;
-      EXPECT_EQ(path + "\n", run({"tar", "-tf", dir / "a.tar"}).out);
-      EXPECT_EQ(path + "\n", run({"bsdtar", "-tf", dir / "a.tar"}).out);
+      for (const std::string reader : {"tar -tf", "bsdtar -tf", "python3 -m tarfile -l"}) {
+        const CommandResult listed = run({"sh", "-c", reader + " a.tar"}, "", dir.path());
+        EXPECT_TRUE(listed.out.find(path) == 0 && listed.out.size() <= length + 2) << reader;
+      }
       tar.put_UncommonOptions("FullRead");
-      RecordingEvent event;
+      DescribingEvent event;
       EXPECT_TRUE(tar.VerifyTar(dir / "a.tar", &event));
-      EXPECT_EQ(1u, event.headers.size());
-      EXPECT_EQ(0u, event.headers.at(0).find("0 " + path + " 4 "));
+      EXPECT_EQ(0u, event.seen.find(path + " ->  4 "));
     }
   }
 }
@@ -247,32 +230,25 @@ TEST(Options, FullRead) {
     std::string archive, byDefault, full;  // as DescribingEvent shows them
   } kCases[] = {
       {x("comment", "v\n11 path=evil") + member("m"), "evil -> " + plain, "m -> " + plain},
-      {x("SCHILY.xattr.user.a", "\0\n11 path=evil\n"s) + x("path", "p") + member("m"), "p -> " + plain,
-       "p -> " + plain},
       {x("path", "a\nb") + member("m"), "a -> " + plain, "a\nb -> " + plain},
       {x("path", name) + member("m"), "", name + " -> " + plain},
-      {x("path", name.substr(0, 1200)) + member("m"), name.substr(0, 999) + " -> " + plain,
-       name.substr(0, 1200) + " -> " + plain},
       {longName(name) + member("m"), "", name + " -> " + plain},
       {longName(link, 'K') + member("m", "", '2'), "record ->  301 1700000000 420 0\nm -> target" + plain,
        "m -> " + link + plain},
-      {x("linkpath", link) + member("m", "", '2'), "m -> " + link + plain, "m -> " + link + plain},
-      {x("mtime", "5.25") + member("m"), "m -> " + plain, "m ->  0 5 420 0\n"},
-      {x("mtime", "-1.5") + member("m"), "m -> " + plain, "m ->  0 -2 420 0\n"},
       // The record's own block has no say in what the record does not give.
-      {patched(x("mtime", "7"), kUidField, "0000007") + member("m"), "m ->  0 1700000000 420 7\n",
-       "m ->  0 7 420 0\n"},
-      {patched(longName("m"), kModeField, "0000007") + member("n"), "m -> " + plain, "m -> " + plain},
-      {x("uid", "7") + member("m"), "m ->  0 1700000000 420 7\n", "m ->  0 1700000000 420 7\n"},
-      {member("g", paxRecord("path", "evil") + paxRecord("uid", "9"), 'g') + member("m") + member("n"),
-       "g ->  21 1700000000 420 0\nm -> " + plain + "n -> " + plain,
-       "m ->  0 1700000000 420 9\nn ->  0 1700000000 420 9\n"},
-      {member("V", "", 'V') + member("D", "d", 'D') + member("M", "m", 'M') + member("N", "n", 'N') +
+      {patched(x("mtime", "-7.5"), kUidField, "0000007") + member("m"), "m ->  0 1700000000 420 7\n",
+       "m ->  0 -8 420 0\n"},
+      {x("size", "9223372036854775807") + member("m"), "m ->  4294967295 1700000000 420 0\n",
+       "m ->  9223372036854775807 1700000000 420 0\n"},
+      // An empty value takes a global one back, for its own member.
+      {member("g", paxRecord("path", "evil") + paxRecord("size", "1") + paxRecord("uid", "9"), 'g') +
+           x("uid", "") + member("m") + member("n"),
+       "g ->  30 1700000000 420 0\nm -> " + plain + "n -> " + plain,
+       "m -> " + plain + "n ->  0 1700000000 420 9\n"},
+      {member("V", "", 'V') + member("D", "", 'D') + member("M", "", 'M') + member("N", "", 'N') +
            member("m"),
-       "V -> " + plain +
-           "D ->  1 1700000000 420 0\nM ->  1 1700000000 420 0\nN ->  1 1700000000 420 0\nm -> " + plain,
+       "V -> " + plain + "D -> " + plain + "M -> " + plain + "N -> " + plain + "m -> " + plain,
        "m -> " + plain},
-      {x("path", "d/") + member("m"), "d/ -> " + plain, "d/ -> " + plain},
   };
   for (const auto& each : kCases) {
     for (const char* word : {"", "FullRead"}) {
@@ -281,22 +257,13 @@ TEST(Options, FullRead) {
       tar.put_SuppressOutput(true);
       DescribingEvent event;
       const std::string& expected = *word ? each.full : each.byDefault;
-      EXPECT_EQ(expected.empty(), untar(tar, each.archive + kEnd, &event) < 0);
+      const bool endsEarly = expected.empty() || each.full.find("9223372036854775807") != std::string::npos;
+      EXPECT_EQ(endsEarly, untar(tar, each.archive + kEnd, &event) < 0);
       EXPECT_TRUE(expected == event.seen)
           << each.archive.substr(512, 40) << word << event.seen.substr(0, 200);
-      const bool hasGlobal = each.archive[156] == 'g';
-      EXPECT_EQ(*word && hasGlobal,
+      EXPECT_EQ(*word && each.archive[156] == 'g',
                 logHas(tar, "A global PAX record that can hold for one member only is ignored."));
     }
-  }
-  // A size of more than 32 bits, of which nothing is there.
-  for (const auto& [word, size] : {std::pair("", "4294967295"), {"FullRead", "9223372036854775807"}}) {
-    ClsTar tar;
-    tar.put_UncommonOptions(word);
-    tar.put_SuppressOutput(true);
-    RecordingEvent event;
-    EXPECT_EQ(-1, untar(tar, x("size", "9223372036854775807") + member("m") + kEnd, &event));
-    EXPECT_EQ(Lines{"0 m "s + size + " 1024"}, event.headers);
   }
   // A NUL does not cut the name that a file gets, and times reach it with their fractions.
   ScratchDir dir;
@@ -305,12 +272,10 @@ TEST(Options, FullRead) {
   tar.put_UntarFromDir(dir.path());
   EXPECT_EQ(-1, untar(tar, x("path", "m\0x"s) + member("n") + kEnd));
   EXPECT_TRUE(treeOf(dir.path()).empty() && logHas(tar, "Member refused: its path leaves the target."));
-  EXPECT_EQ(1, untar(tar, x("mtime", "4294967296.000000007") + x("atime", "-5.5") + member("m") + kEnd))
-      << logOf(tar);
+  EXPECT_EQ(1, untar(tar, x("mtime", "4294967296.000000007") + x("atime", "-5.5") + member("m") + kEnd));
   struct stat status;
   ASSERT_EQ(0, stat((dir / "m").c_str(), &status));
-  EXPECT_EQ(4294967296, status.st_mtim.tv_sec);
-  EXPECT_EQ(7, status.st_mtim.tv_nsec);
+  EXPECT_TRUE(status.st_mtim.tv_sec == 4294967296 && status.st_mtim.tv_nsec == 7);
   EXPECT_EQ(-6, status.st_atim.tv_sec);
 }
 
@@ -329,30 +294,23 @@ TEST(Options, MaxExtensionBytes) {
     };
     EXPECT_EQ(1, result("FullRead,MaxExtensionBytes=1000", 1000));
     EXPECT_EQ(-1, result("FullRead,MaxExtensionBytes=1000", 1001));
-    EXPECT_EQ(1, result("FullRead", 100001));
-    EXPECT_EQ(flag == 'x' ? -1 : 1, result("FullRead", flag == 'x' ? (64 << 20) + 1 : 1000));
+    EXPECT_EQ(flag == 'x' ? -1 : 1, result("FullRead", flag == 'x' ? (64 << 20) + 1 : 100001));
   }
 }
 
 TEST(Options, FullReadOfGitArchives) {
   ScratchDir dir;
-  const std::string deep = std::string(80, 'a') + "/" + std::string(80, 'b') + "/" + std::string(120, 'c');
-  writeFile(dir / ("r/" + deep), "deep");
   writeFile(dir / "r/f", "f");
-  ASSERT_EQ(0, symlink(deep.c_str(), (dir / "r/l").c_str()));
-  const CommandResult made =
-      run({"sh", "-c",
-           "git init -q && git add -A && git -c user.name=n -c user.email=e@x commit -qm m && "
-           "git archive -o ../a.tar HEAD"},
-          "", dir / "r");
-  ASSERT_EQ(0, made.status) << made.err;
+  const std::string git =
+      "git init -q && git add -A && git -c user.name=n -c user.email=e@x commit -qm m && ";
+  ASSERT_EQ(0, run({"sh", "-c", git + "git archive -o ../a.tar HEAD"}, "", dir / "r").status);
   for (const char* word : {"", "FullRead"}) {
     ClsTar tar;
     tar.put_UncommonOptions(word);
     tar.put_UntarFromDir(dir / word + "out");
-    EXPECT_GT(tar.Untar(dir / "a.tar"), 0) << logOf(tar);
+    EXPECT_EQ(*word ? 1 : 2, tar.Untar(dir / "a.tar")) << logOf(tar);
     EXPECT_EQ(*word == '\0', exists(dir / word + "out/pax_global_header"));
-    EXPECT_EQ("deep", readFile(dir / word + "out/" + deep));
+    EXPECT_EQ("f", readFile(dir / word + "out/f"));
   }
 }
 
@@ -363,44 +321,35 @@ TEST(Options, Confine) {
     const char *prepare, *name;
     char byDefault, beneath, nolinks;
   } kCases[] = {
-      {"true", "a/b", kInside, kInside, kInside},
-      {"true", "../outer/new", kOutside, kRefused, kRefused},
       {"true", "a/../../outer/new", kOutside, kRefused, kRefused},
       {"ln -s ../outer l", "l/new", kOutside, kRefused, kRefused},
       {"ln -s ../outer/new l", "l", kOutside, kInside, kInside},  // the link itself gives way
-      {"ln -s ../outer l", "l", kFailed, kInside, kInside},
-      {"ln -s \"$PWD/../outer\" l", "l/new", kOutside, kRefused, kRefused},
       {"mkdir d; ln -s d l", "l/new", kInside, kInside, kRefused},
-      {"ln -s ../outer a; ln -s a b", "b/new", kOutside, kRefused, kRefused},
       {"mkdir -p full/x", "full", kFailed, kRefused, kRefused},
-      {"ln ../outer/old hard", "hard", kOutside, kInside, kInside},
   };
   for (const auto& each : kCases) {
-    for (const char* how : {"", "Confine=beneath", "Confine=nolinks"}) {
+    for (const std::string how : {"", "Confine=beneath", "Confine=nolinks"}) {
       SCOPED_TRACE(std::string(each.prepare) + ": " + each.name + " " + how);
-      const char expected = !*how ? each.byDefault : how[8] == 'b' ? each.beneath : each.nolinks;
+      const char expected = how.empty() ? each.byDefault : how[8] == 'b' ? each.beneath : each.nolinks;
       ScratchDir dir;
       writeFile(dir / "outer/old", "old");
-      writeFile(dir / "out/x", "");
+      std::filesystem::create_directories(dir / "out/x");
       ASSERT_EQ(0, run({"sh", "-c", each.prepare}, "", dir / "out").status);
       const auto outer = treeOf(dir / "outer"), inner = treeOf(dir / "out");
       ClsTar tar;
-      tar.put_UncommonOptions(how);
+      tar.put_UncommonOptions(how.c_str());
       tar.put_UntarFromDir(dir / "out");
       ActingEvent event;
-      const int count = untar(tar, member(each.name, "new") + member("last") + kEnd, &event);
+      const int count = untar(tar, member(each.name, "new") + member("x/") + kEnd, &event);
       EXPECT_EQ(expected == kRefused || expected == kFailed ? -1 : 2, count) << logOf(tar);
       EXPECT_EQ(expected == kOutside, treeOf(dir / "outer") != outer);
-      EXPECT_EQ(expected != kFailed, exists(dir / "out/last"));  // the run went on
       const bool refused = expected == kRefused;
       EXPECT_EQ(refused, logHas(tar, "Member refused: its path leaves the target.\n            entryPath: "s +
                                          each.name));
       EXPECT_EQ(refused ? Lines{"refused="s + each.name} : Lines{}, event.infos);
       if (!refused) continue;
-      auto after = treeOf(dir / "out");
-      after.erase("last");
-      EXPECT_EQ(inner, after);   // nothing created
-      tar.put_UntarMaxCount(2);  // what is refused does not count
+      EXPECT_EQ(inner, treeOf(dir / "out"));  // nothing created
+      tar.put_UntarMaxCount(2);               // what is refused does not count
       EXPECT_EQ(-1, untar(tar, member(each.name) + member("last") + member("more") + kEnd));
       EXPECT_TRUE(exists(dir / "out/more"));
       event.skipEntry = dir / "out/" + each.name;  // the skip flag is heard first
@@ -415,8 +364,7 @@ TEST(Options, Confine) {
   EXPECT_EQ(1, untar(tar, member(dir / "abs", "new") + kEnd));
   tar.put_NoAbsolutePaths(false);
   EXPECT_EQ(-1, untar(tar, member(dir / "abs", "new") + kEnd));
-  EXPECT_FALSE(exists(dir / "abs"));
-  EXPECT_EQ("new", readFile(dir / "a/b" + dir / "abs"));
+  EXPECT_TRUE(!exists(dir / "abs") && exists(dir / "a/b" + dir / "abs"));
 }
 
 TEST(Options, SkipUncreatable) {
@@ -433,14 +381,11 @@ TEST(Options, SkipUncreatable) {
       ActingEvent event;
       EXPECT_EQ(-1, untar(tar, archive, &event));
       EXPECT_EQ(!word.empty(), exists(dir / "out/last"));
-      EXPECT_EQ(!word.empty(), logHas(tar,
-                                      "reason: File name too long\n            Member left out: it cannot be "
-                                      "created.\n            entryPath: " +
-                                          tooLong))
-          << logOf(tar);
+      if (word.empty()) continue;
+      EXPECT_EQ("", missingLine(tar, {"reason: File name too long", "Member left out: it cannot be created.",
+                                      "entryPath: " + tooLong}));
       // Confined, a file among the parents is a way that leaves the target, and one in a directory's place
       // goes.
-      if (word.empty()) continue;
       EXPECT_EQ(confine.empty() ? (Lines{"uncreatable=" + tooLong, "uncreatable=f/below", "uncreatable=f"})
                                 : (Lines{"uncreatable=" + tooLong, "refused=f/below"}),
                 event.infos);

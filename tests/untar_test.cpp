@@ -3,10 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstring>
-
 #include "ArchiveSupport.h"
-#include "runtime/progress/TarMemberInfo.h"
 
 namespace morvane::testing {
 namespace {
@@ -68,20 +65,17 @@ TEST(Untar, CutAtEveryByte) {
 }
 
 TEST(Untar, EveryFlippedBitOfAHeaderIsSeen) {
-  for (const std::string& archive :
-       {member("plain", "data"), paxHeader("path", "p") + member("m"), longName("longname") + member("m")}) {
-    ClsTar tar;
-    tar.put_SuppressOutput(true);
-    ASSERT_EQ(1, untar(tar, archive + kEnd));
-    for (size_t at = 0; at < archive.size(); at += at == 511 ? 513 : 1) {  // not the data in the second block
-      for (int bit = 0; bit < 8; ++bit) {
-        std::string flipped = archive + kEnd;
-        flipped[at] = static_cast<char>(flipped[at] ^ 1 << bit);
-        const int count = untar(tar, flipped);
-        // What stands around the checksum's digits may be anything.
-        const bool inChecksum = at % 512 >= 148 && at % 512 < 156;
-        ASSERT_TRUE(count == -1 || (inChecksum && count == 1)) << at << " bit " << bit;
-      }
+  const std::string archive = paxHeader("path", "p") + member("m") + kEnd;
+  ClsTar tar;
+  tar.put_SuppressOutput(true);
+  for (size_t at = 0; at < 1536; at += at == 511 ? 513 : 1) {  // not the record's data
+    for (int bit = 0; bit < 8; ++bit) {
+      std::string flipped = archive;
+      flipped[at] = static_cast<char>(flipped[at] ^ 1 << bit);
+      const int count = untar(tar, flipped);
+      // What stands around the checksum's digits may be anything.
+      const bool inChecksum = at % 512 >= 148 && at % 512 < 156;
+      ASSERT_TRUE(count == -1 || (inChecksum && count == 1)) << at << " bit " << bit;
     }
   }
 }
@@ -89,25 +83,22 @@ TEST(Untar, EveryFlippedBitOfAHeaderIsSeen) {
 // Sizes that claim more than there is, from sources that can seek and from such that cannot.
 TEST(Untar, HostileSizes) {
   for (const std::string& size :
-       {"77777777777\0"s, "\x80\0\0\0\x7F\xFF\xFF\xFF\xFF\xFF\xFF\xFF"s,
-        "\x80\0\0\0\x7F\xFF\xFF\xFF\xFF\xFF\xFE\0"s, "\x80\0\0\0\x80\0\0\0\0\0\0\0"s, std::string(12, '\xFF'),
-        "-0000000001\0"s, "0x000000001\0"s}) {
+       {"77777777777\0"s, "\x80\0\0\0\x7F\xFF\xFF\xFF\xFF\xFF\xFF\xFF"s, "\x80\0\0\0\x80\0\0\0\0\0\0\0"s,
+        std::string(12, '\xFF'), "-0000000001\0"s, "0x000000001\0"s}) {
     const bool isNumber = size[0] == '7' || size[4] == '\x7F';
-    for (const char typeFlag : {'0', '5', 'x', 'L', '1'}) {
-      SCOPED_TRACE(size + typeFlag);
-      const std::string archive =
-          patched(member("m", "", typeFlag), kSizeField, size) + member("next") + kEnd;
-      ScratchDir dir;
-      writeFile(dir / "a.tar", archive);
+    for (const char typeFlag : {'0', '5', 'x', 'L'}) {
+      const bool isRecord = typeFlag == 'x' || typeFlag == 'L';
       for (const std::string options : {"", "FullRead,MaxExtensionBytes=9223372036854775807"}) {
+        SCOPED_TRACE(size + typeFlag + options);
+        const std::string archive =
+            patched(member("m", "", typeFlag), kSizeField, size) + member("next") + kEnd;
         ClsTar tar;
+        ScratchDir dir;
         tar.put_UncommonOptions(options.c_str());
         tar.put_UntarFromDir(dir / "out");
         EXPECT_EQ(-1, untar(tar, archive));
-        EXPECT_FALSE(tar.VerifyTar(dir / "a.tar"));
         TricklingSource source(archive, 4096);
         EXPECT_FALSE(tar.VerifyTar(source));
-        const bool isRecord = typeFlag == 'x' || typeFlag == 'L';
         EXPECT_EQ("", missingLine(tar, {!isNumber         ? "Failed to parse header from data source (2)"
                                         : !isRecord       ? "The archive ends without an end-of-archive mark."
                                         : options != ""   ? "Failed to read extension data."
@@ -126,15 +117,13 @@ TEST(Untar, RecordSizesAndShortData) {
     const auto with = [&](size_t size) { return member("r", std::string(size, typeFlag), typeFlag); };
     ClsTar tar;
     tar.put_SuppressOutput(true);
-    for (const size_t size : {1u, 511u, 512u, 100000u}) {
+    for (const size_t size : {1u, 512u, 100000u}) {
       EXPECT_EQ(1, untar(tar, with(size) + member("m") + kEnd)) << logOf(tar);
-      for (const size_t present : {size_t{0}, size / 2, size - 1}) {
-        EXPECT_EQ(-1, untar(tar, with(size).substr(0, 512 + present)));
-        EXPECT_EQ("", missingLine(tar, {"file:", "Failed to read " + what}));
-      }
+      EXPECT_EQ(0, untar(tar, with(size) + kEnd));  // a record about nothing
       EXPECT_EQ(-1, untar(tar, with(size)));
       EXPECT_EQ("", missingLine(tar, {"file:", "Failed to parse header from data source (1)"}));
-      EXPECT_EQ(0, untar(tar, with(size) + kEnd));  // a record about nothing
+      EXPECT_EQ(-1, untar(tar, with(size).substr(0, 512 + size - 1)));
+      EXPECT_EQ("", missingLine(tar, {"file:", "Failed to read " + what}));
     }
     for (const size_t size : {0u, 100001u}) {
       EXPECT_EQ(-1, untar(tar, with(size) + member("m") + kEnd));
@@ -144,73 +133,25 @@ TEST(Untar, RecordSizesAndShortData) {
 }
 
 TEST(Untar, ChainsOfRecords) {
-  const std::string a = paxHeader("path", "a"), b = paxHeader("path", "b"), other = paxHeader("uname", "u");
+  const std::string a = paxHeader("path", "a"), other = paxHeader("uname", "u");
   const std::pair<std::string, std::string> kCases[] = {
-      {a + member("m") + member("n"), "a file , n file "},
-      {a + b + member("m"), "b file "},
+      {a + paxHeader("path", "b") + member("m") + member("n"), "b file , n file "},
       {a + other + member("m"), "a file "},
-      {other + member("m"), "m file "},
-      {longName("a") + longName("b") + member("m", "data"), "b file data"},
       {a + longName("b") + member("m"), "b file "},
-      {longName("a") + b + member("m"), "b file "},
       {longName("a") + other + member("m"), "m file "},  // the pax record, which is the last, gave no path
-      {paxHeader("size", "3") + member("m", "data"), "m file dat"},
       {longName("a\0b"s) + member("m"), "a file "},
       {member("x", "11 path=a\n\0 11 path=b\n"s, 'x') + member("m"), "a file "},
-      {paxHeader("path", "a\n11 path=evil") + member("m"), "evil file "},  // see FullRead
       {paxHeader("path", "d") + directory("m/"), "d dir"},
       {paxHeader("path", "a/") + member("m"), "failed"},  // no directory: the block decides
   };
   for (const auto& [archive, tree] : kCases) EXPECT_EQ(tree, extracted(archive));
 }
 
-TEST(Untar, TypeFlags) {
-  std::string archive, expected;
-  for (int typeFlag = 0; typeFlag < 256; ++typeFlag) {
-    const char flag = static_cast<char>(typeFlag);
-    if (flag == 'x' || flag == 'L') continue;
-    const std::string name = std::to_string(1000 + typeFlag);
-    archive += member(name, "data", flag);
-    expected += (expected.empty() ? "" : ", ") + name + (flag == '5' ? " dir" : " file data");
-  }
-  EXPECT_EQ(expected, extracted(archive));
-  EXPECT_EQ("d dir, l file ", extracted(member("l", "", '2') + member("d/")));
-}
-
-// ---- Paths, filters, limits
-
-TEST(Untar, WhereMembersLand) {
-  ScratchDir dir;
-  enum { kKeepSlash = 1, kDiscard = 2 };
-  const struct {
-    std::string name;
-    int how;
-    const char* at;  // below the scratch directory
-  } kCases[] = {{"a/b", 0, "out/a/b"},
-                {"//etc/x", 0, "out/etc/x"},
-                {"a\\b\\c", 0, "out/a/b/c"},
-                {"a\\b\\c", kDiscard, "out/c"},
-                {"../up", 0, "up"},
-                {"./x", 0, "out/x"},
-                {dir / "abs", kKeepSlash, "abs"},
-                {dir / "abs", kKeepSlash | kDiscard, "out/abs"}};
-  for (const auto& each : kCases) {
-    ClsTar tar;
-    tar.put_UntarFromDir(dir / "out");
-    tar.put_UntarDiscardPaths((each.how & kDiscard) != 0);
-    tar.put_NoAbsolutePaths((each.how & kKeepSlash) == 0);
-    EXPECT_EQ(1, untar(tar, member(each.name, each.name) + kEnd)) << logOf(tar);
-    EXPECT_EQ(each.name, readFile(dir / each.at));
-    unlink((dir / each.at).c_str());
-  }
-  ClsTar tar;
-  tar.put_UntarDiscardPaths(true);
-  EXPECT_EQ("f file ", extracted(directory("d") + directory("d/e/") + member("d/f"), tar));
-}
+// ---- Limits, names, events
 
 TEST(Untar, CountsAndLimits) {
   const std::string archive = directory("d/") + member("d/skip") + member("d/a") + member("b") + kEnd;
-  for (const auto& [limit, count] : {std::pair(0, 3), {1, 1}, {2, 2}, {3, 3}, {4, 3}, {-1, 1}, {-100, 1}}) {
+  for (const auto& [limit, count] : {std::pair(0, 3), {1, 1}, {3, 3}, {4, 3}, {-100, 1}}) {
     ScratchDir dir;
     ClsTar tar;
     tar.put_UntarFromDir(dir / "out");
@@ -235,17 +176,13 @@ TEST(Untar, Charset) {
     ClsTar tar;
     tar.put_Charset(charset);
     const std::string tree = extracted(member(name) + member(name + "2"), tar);
-    EXPECT_EQ(std::string(charset) == "bogus" ? 1 : 0, countInLog(tar, "The character set is not known"));
+    EXPECT_EQ(charset == "bogus"s ? 1 : 0, countInLog(tar, "The character set is not known"));
     return tree.substr(0, tree.find(' '));
   };
   EXPECT_EQ("\xE4\xFF", nameIn("utf-8", "\xE4\xFF"));
-  EXPECT_EQ("\xC3\xA4", nameIn("ISO-8859-1", "\xE4"));
-  EXPECT_EQ("\xD0\xB6", nameIn("koi8-r", "\xD6"));
   EXPECT_EQ("a\xFF\xE3\x81\x82", nameIn("shift_jis", "a\xFF\x82\xA0"));  // what does not convert is kept
   EXPECT_EQ("\xE4", nameIn("bogus", "\xE4"));
 }
-
-// ---- Events
 
 TEST(Untar, Events) {
   const std::string archive = member("d\\", "data", '5') + longName("longname") + member("/x", "data") +
@@ -267,20 +204,6 @@ TEST(Untar, Events) {
   EXPECT_EQ(headers, verifying.headers);
   EXPECT_TRUE(verifying.entries.empty());
   EXPECT_EQ(100, verifying.percents.back());
-  struct : RecordingEvent {
-    void onTarEntry(const char*, long long size, bool, bool& skip) override {
-      seen += std::to_string(size) + " ";
-      skip = true;
-    }
-    void onTarHeader(const TarMemberInfo& info) override {
-      seen += std::string(info.path) + "|" + info.entryPath + "|" + info.linkPath + "|" + info.userName + " ";
-    }
-    std::string seen;
-  } skipping;
-  tar.put_UntarFromDir(dir / "none");
-  EXPECT_EQ(0, untar(tar, archive, &skipping));
-  EXPECT_EQ("d\\|d/|| 0 longname|longname|| 4 no|no|| l|l|target| 0 ", skipping.seen);
-  EXPECT_FALSE(exists(dir / "none"));
 }
 
 TEST(Untar, AbortAtEveryQuestion) {
@@ -311,36 +234,25 @@ TEST(Untar, EverySourceGivesTheSame) {
   const std::string name(150, 'n'), data = noise(5000, 1);
   const std::string archive = paxHeader("path", name) + member("m", data) + member("no", data) +
                               longName(name + "2") + member("m") + kEnd;
-  const auto check = [&](const std::function<int(ClsTar&, const ScratchDir&)>& extract) {
+  const auto check = [&](const std::function<int(ClsTar&, const std::string& path)>& extract) {
     ScratchDir dir;
+    writeFile(dir / "a.tar", archive);
     ClsTar tar;
     tar.put_UntarFromDir(dir / "out");
     tar.put_MustNotMatch("no");
-    EXPECT_EQ(2, extract(tar, dir)) << logOf(tar);
+    EXPECT_EQ(2, extract(tar, dir / "a.tar")) << logOf(tar);
     EXPECT_EQ(data, readFile(dir / ("out/" + name)));
     EXPECT_EQ(2u, treeOf(dir / "out").size());
   };
-  check([&](ClsTar& tar, const ScratchDir&) { return untar(tar, archive); });
-  check([&](ClsTar& tar, const ScratchDir& dir) {
-    writeFile(dir / "a.tar", archive);
-    return tar.Untar(dir / "a.tar");
-  });
+  check([&](ClsTar& tar, const std::string&) { return untar(tar, archive); });
+  check([](ClsTar& tar, const std::string& path) { return tar.Untar(path); });
   for (const unsigned most : {1u, 7u, 511u, 512u, 513u, 20000u}) {
-    check([&](ClsTar& tar, const ScratchDir&) {
+    check([&](ClsTar& tar, const std::string&) {
       TricklingSource source(archive, most);
       return tar.Untar(source);
     });
   }
-  check([&](ClsTar& tar, const ScratchDir&) {
-    int ends[2];
-    EXPECT_EQ(0, pipe(ends));
-    EXPECT_EQ(static_cast<ssize_t>(archive.size()), write(ends[1], archive.data(), archive.size()));
-    close(ends[1]);
-    _mvFileDataSource source;
-    EXPECT_TRUE(source.adopt(OsFile(ends[0]), "pipe", tar.log()));
-    return tar.Untar(source);
-  });
-  check([&](ClsTar& tar, const ScratchDir&) {  // from the middle of a source
+  check([&](ClsTar& tar, const std::string&) {  // from the middle of a source
     const std::string shifted = "some bytes before" + archive;
     _mvMemoryDataSource source;
     source.initializeMemSource(reinterpret_cast<const unsigned char*>(shifted.data()),
@@ -350,52 +262,16 @@ TEST(Untar, EverySourceGivesTheSame) {
   });
 }
 
-// An archive with a gap of which nothing is ever there.
-class GapSource : public _mvDataSource {
- public:
-  GapSource(const std::string& bytes, long long gapAt, long long gap, bool seekable)
-      : m_bytes(bytes), m_gapAt(gapAt), m_gap(gap), m_seekable(seekable) {}
-  bool readSourcePM(char* buffer, unsigned int n, unsigned int& numRead, ProgressMonitor*,
-                    LogBase&) override {
-    const long long gapEnd = m_gapAt + m_gap, end = static_cast<long long>(m_bytes.size()) + m_gap;
-    const bool inGap = m_at >= m_gapAt && m_at < gapEnd;
-    const long long left = (m_at < m_gapAt ? m_gapAt : inGap ? gapEnd : end) - m_at;
-    numRead = static_cast<unsigned>(std::min<long long>(n, std::max(left, 0LL)));
-    const auto from = static_cast<size_t>(m_at < m_gapAt ? m_at : m_at - m_gap);
-    if (!inGap) m_bytes.copy(buffer, numRead, std::min(from, m_bytes.size()));
-    m_at += numRead;
-    return true;
-  }
-  bool fseekAbsolute64(long long at, LogBase&) override { return m_at = at, true; }
-  long long ftell64() override { return m_seekable ? m_at : -1; }
-
- private:
-  const std::string m_bytes;
-  const long long m_gapAt, m_gap;
-  const bool m_seekable;
-  long long m_at = 0;
-};
-
 TEST(Untar, MembersOverEightGiB) {
   constexpr long long kSize = (9LL << 30) + 1;
-  const std::string archive =
-      ArchiveBuilder().add({"huge", "", '0', "", "", false, 0, kSize}).bytes(0) + member("next") + kEnd;
-  for (const bool seekable : {true, false}) {
-    GapSource source(archive, 512, paddedSize(kSize), seekable);
-    ClsTar tar;
-    RecordingEvent event;
-    EXPECT_TRUE(tar.VerifyTar(source, &event)) << logOf(tar);
-    EXPECT_EQ((Lines{"0 huge 9663676417 0", "0 next 0 9663677440"}), event.headers);
-  }
-  struct : _mvOutput {
-    bool _writeBytes(const char*, unsigned int n, _mvIoParams&, LogBase&) override {
-      return (count += n) > 0;
-    }
-    long long count = 0;
-  } out;
-  GapSource source(archive, 512, paddedSize(kSize), false);
+  const std::string huge = ArchiveBuilder().add({"huge", "", '0', "", "", false, 0, kSize}).bytes(0);
+  GapSource verified(huge, paddedSize(kSize), member("next") + kEnd), copied(huge, kSize, "");
   ClsTar tar;
-  EXPECT_TRUE(tar._untarFirstMatchingToOutput(source, "huge", out, tar.log(), false, nullptr));
+  RecordingEvent event;
+  EXPECT_TRUE(tar.VerifyTar(verified, &event)) << logOf(tar);
+  EXPECT_EQ((Lines{"0 huge 9663676417 0", "0 next 0 9663677440"}), event.headers);
+  CountingOutput out;
+  EXPECT_TRUE(tar._untarFirstMatchingToOutput(copied, "huge", out, tar.log(), false, nullptr));
   EXPECT_EQ(kSize, out.count);
 }
 
@@ -412,7 +288,6 @@ TEST(Untar, Times) {
     return std::to_string(status.st_mtim.tv_sec) + " " + std::to_string(status.st_atim.tv_sec);
   };
   EXPECT_EQ("0 0", timesOf("", "00000000000\0"s));
-  EXPECT_EQ("4294967295 4294967295", timesOf("", "37777777777\0"s));
   EXPECT_EQ("4294967295 4294967295", timesOf("", "777777777777"s));
   EXPECT_EQ("0 0", timesOf("", std::string(12, '\xFF')));
   EXPECT_EQ("8 8", timesOf(paxHeader("mtime", "5"), "00000000010\0"s));  // the block's time wins
@@ -439,22 +314,17 @@ TEST(Untar, EachFailureHasItsLines) {
       {"true",
        member("x", "data").substr(0, 514),
        {"extractToFile:", "The data ended early.", "Failed to extract to file.", "filePath: %/x"}},
-      {"true", "", {"file:", "bytesRead: 0", "Failed to parse header from data source (2)"}},
-      {"true", std::string(512, 'x'), {"file:", "Failed to parse header from data source (2)"}}};
+      {"true", "", {"file:", "bytesRead: 0", "Failed to parse header from data source (2)"}}};
   for (const auto& each : kCases) {
     ScratchDir dir;
     ASSERT_EQ(0, run({"sh", "-c", each.prepare}, "", dir.path()).status);
     writeFile(dir / "a.tar", each.archive);
-    Lines lines = each.lines;
-    for (std::string& line : lines) {
-      if (const size_t at = line.find('%'); at != std::string::npos) line.replace(at, 1, dir.path());
-    }
-    lines.insert(lines.end(), {"untarCount: -1", "Failure."});
     ClsTar tar;
     tar.put_UntarFromDir(dir.path());
     tar.put_CaptureXmlListing(true);
     EXPECT_EQ(-1, tar.Untar(dir / "a.tar"));
-    EXPECT_EQ("", missingLine(tar, lines));
+    EXPECT_EQ("", missingLine(tar, each.lines, dir.path()));
+    EXPECT_EQ("", missingLine(tar, {"untarCount: -1", "Failure."}));
     XString listing;
     tar.get_XmlListing(listing);
     EXPECT_TRUE(listing.endsWithUtf8("</tar>\r\n", false));
@@ -486,13 +356,14 @@ TEST(Untar, LinesOfAGoodRun) {
             logOf(tar));
   tar.put_VerboseLogging(true);
   EXPECT_EQ(2, untar(tar, archive));
-  EXPECT_EQ("", missingLine(tar, {"mustMatch: *m", "mustNotMatch: ", "filePosition: 0",
-                                  "previousTypeFlag:  ", "name: dm", "currentTypeFlag: 5", "size: 0",
-                                  "createDir: " + dir / "dm", "previousTypeFlag: 5", "currentTypeFlag: L",
-                                  "Processing long filename header.", "longFilename: long.m",
-                                  "previousTypeFlag: L", "outputFile: " + dir / "long.m",
-                                  "numBytesWritten: 0", "lastModDateTimeGmt: Tue, 14 Nov 2023 22:13:20 GMT",
-                                  "Skipping file because of match pattern.", "End-of-TAR"}));
+  EXPECT_EQ("", missingLine(tar,
+                            {"mustMatch: *m", "mustNotMatch: ", "filePosition: 0", "previousTypeFlag:  ",
+                             "name: dm", "currentTypeFlag: 5", "size: 0", "createDir: %/dm",
+                             "previousTypeFlag: 5", "currentTypeFlag: L", "Processing long filename header.",
+                             "longFilename: long.m", "previousTypeFlag: L", "outputFile: %/long.m",
+                             "numBytesWritten: 0", "lastModDateTimeGmt: Tue, 14 Nov 2023 22:13:20 GMT",
+                             "Skipping file because of match pattern.", "End-of-TAR"},
+                            dir.path()));
 }
 
 }  // namespace
