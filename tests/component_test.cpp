@@ -8,7 +8,7 @@
 #include <memory>
 #include <stdexcept>
 
-#include "TestSupport.h"
+#include "ArchiveSupport.h"
 #include "runtime/fs/Psdk.h"
 
 namespace morvane::testing {
@@ -209,6 +209,30 @@ TEST(Component, MethodsAreRefusedFromCallbacks) {
 }
 
 // Each callback throws in turn, in three ways.
+TEST(Component, WhatACallbackSetsHoldsFromTheNextStepOn) {
+  Workplace place;
+  ClsTar tar;
+  ActingEvent event;
+  tar.AddFile(place.at("tree/file"));
+  tar.AddFile(place.at("tree/sub/large"));
+  event.act = [&](const std::string& path) {
+    tar.put_FileMode(path.find("large") != std::string::npos ? 0600 : 0640);
+  };
+  ASSERT_TRUE(tar.WriteTar(place.at("modes.tar"), &event));
+  const std::string archive = readFile(place.dir / "modes.tar");
+  EXPECT_EQ("0000640", archive.substr(100, 7));
+  EXPECT_EQ("0000600", archive.substr(1024 + 100, 7));
+  event.act = [&](const std::string& path) {
+    tar.put_UntarMaxCount(1);
+    tar.put_CaptureXmlListing(true);
+    tar.put_UntarFromDir(path + ".d");
+  };
+  tar.put_UntarFromDir(place.dir / "out");
+  EXPECT_EQ(1, tar.Untar(place.at("modes.tar"), &event));
+  EXPECT_EQ("</tar>\r\n", get(tar, &T::get_XmlListing));
+  EXPECT_TRUE(exists(place.dir / "out/file"));
+}
+
 TEST(Component, NothingThrownInACallbackEscapes) {
   Workplace place;
   for (const Method& method : place.methods()) {

@@ -99,7 +99,8 @@ void agreesWithAString(_mvDataSource& source, const std::string& bytes, size_t a
     ASSERT_TRUE(got == 0 || bytes.compare(at, got, found, got) == 0);
     at += used;
     ASSERT_TRUE(!backwards || source.ftell64() == static_cast<long long>(at));
-    ASSERT_TRUE(!source.endOfStream() || at >= bytes.size());
+    // A pipe tells its end only to who reads there.
+    ASSERT_TRUE(source.endOfStream() == (at >= bytes.size()) || (!backwards && at >= bytes.size()));
   }
 }
 

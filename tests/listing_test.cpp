@@ -173,6 +173,14 @@ TEST_F(Listing, CapturedWhileReading) {
   m_tar.put_CaptureXmlListing(true);
   EXPECT_EQ(0, untar(m_tar, archive)) << "what is filtered out is listed all the same";
   EXPECT_EQ(kOpening + expected, captured());
+  // The streaming engine lists records too.
+  LogNull log;
+  bool finished = false;
+  m_tar.BeginStreamingUntar(log);
+  const auto* const bytes = reinterpret_cast<const unsigned char*>(archive.data());
+  EXPECT_TRUE(m_tar.StreamingUntarNext(bytes, static_cast<unsigned>(archive.size()), finished, nullptr, log));
+  EXPECT_TRUE(m_tar.FinishStreamingUntar(nullptr, log));
+  EXPECT_EQ(kOpening + entry("type=\"L\" kind=\"record\" size=\"5\"", "record") + expected, captured());
 }
 
 }  // namespace

@@ -363,8 +363,9 @@ TEST(MvtarInterrupt, WhileWriting) {
   ScratchDir dir;
   must(dir,
        "mkdir x && head -c 20M /dev/urandom > x/f && truncate -s 100G huge && mvtar -cf a.tar x && "
-       "gzip -1 < a.tar > a.tgz");
-  for (const char* line : {"-c -f - x", "-cz -f - x", "-cj -f - x", "-xO -f a.tar", "-xO -f a.tgz"}) {
+       "gzip -1 < a.tar > a.tgz && head -c 70000 x/f > s && mvtar -cf small.tar s");
+  for (const char* line :
+       {"-c -f - x", "-cz -f - x", "-cj -f - x", "-xO -f a.tar", "-xO -f a.tgz", "-xO -f small.tar"}) {
     Running command(dir, std::string("exec mvtar ") + line);
     ASSERT_TRUE(command.waitsForReader()) << line;
     expectInterrupted(command, split(line, ' ')[2] + (line[1] == 'c' ? kIncomplete : kReadInPart));

@@ -106,8 +106,9 @@ TEST(Mvtar, NamesAreThoseThatAnotherTarWouldStore) {
 
 TEST(Mvtar, ControlCharactersAndBackSlashes) {
   ScratchDir dir;
-  must(dir, R"(mkdir d && touch d/$'a\nb\t\001\177' d/$'c\\d' d/$'\303\244\377' d/$'e\033')");
-  const std::string before = "d/\nd/a\\nb\\t\\001\\177\nd/c", behind = "d\nd/e\\033\nd/\xC3\xA4\xFF\n";
+  must(dir, R"(mkdir d && touch d/$'a\nb\t\001\177' d/$'c\\d' d/$'\303\244\377\302\233' d/$'e\033')");
+  const std::string before = "d/\nd/a\\nb\\t\\001\\177\nd/c",
+                    behind = "d\nd/e\\033\nd/\xC3\xA4\xFF\\302\\233\n";
   expectMvtar(dir, "-cvf a.tar d", 2, before + "\\\\" + behind,
               "d/c\\\\d: a back slash cannot be stored; it becomes a slash");
   expectMvtar(dir, "-tf a.tar", 0, before + "/" + behind);

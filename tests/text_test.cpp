@@ -6,6 +6,7 @@
 #include "runtime/text/CharsetDecoder.h"
 #include "runtime/text/SmallStrings.h"
 #include "runtime/text/Utf8.h"
+#include "runtime/text/WildcardPattern.h"
 
 namespace morvane::testing {
 namespace {
@@ -104,6 +105,13 @@ TEST(Wildcard, OnlyTheStarIsSpecial) {
     for (const std::string& text : texts) {
       const bool matches = XString(text).matchesUtf8(pattern.c_str(), true);
       ASSERT_EQ(matchesByDefinition(pattern.c_str(), text.c_str()), matches) << pattern << " on " << text;
+      bool upToASlash = matches;
+      for (size_t i = 1; i < text.size(); ++i) {
+        upToASlash |= text[i] == '/' && matchesByDefinition(pattern.c_str(), text.substr(0, i).c_str());
+      }
+      if (text.empty()) continue;  // no path
+      ASSERT_EQ(upToASlash, WildcardPattern(pattern, true).matchesUpToASlash(text))
+          << pattern << " on " << text;
     }
   }
   EXPECT_TRUE(XString("[a]\\^$.{b,c}+").matchesUtf8("[a]\\^$.{b,c}*", false));
@@ -118,6 +126,7 @@ TEST(Wildcard, ManyStarsCostNoMoreThanOne) {
     EXPECT_TRUE(text.matchesUtf8(stars.c_str(), caseSensitive));
     for (const std::string& pattern : {stars + "*b", stars + "*b*", near, nearlyEverywhere}) {
       EXPECT_FALSE(text.matchesUtf8(pattern.c_str(), caseSensitive));
+      EXPECT_FALSE(WildcardPattern(pattern, caseSensitive).matchesUpToASlash(text.str() + "/" + text.str()));
     }
   }
 }

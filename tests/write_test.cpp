@@ -243,6 +243,30 @@ TEST(Write, AbortAtEveryQuestion) {
   }
 }
 
+// The name counts, not what was behind it when the member was announced.
+TEST(Write, FilesThatLoseTheirNameWhenTheyAreAnnounced) {
+  for (const bool inTree : {true, false}) {
+    for (const std::string newName : {"", "elsewhere", "t/f"}) {
+      SCOPED_TRACE(newName + (inTree ? " tree" : " single"));
+      ScratchDir dir;
+      writeFile(dir / "t/f", "old");
+      writeFile(dir / "other", "new");
+      ClsTar tar;
+      EXPECT_TRUE(inTree ? tar.AddDirRoot(dir / "t") : tar.AddFile(dir / "t/f"));
+      ActingEvent event;
+      event.act = [&](const std::string& path) {
+        if (newName == "") std::filesystem::remove(path);
+        if (newName == "elsewhere") std::filesystem::rename(path, dir / newName);
+        if (newName == "t/f") std::filesystem::rename(dir / "other", path);
+      };
+      LimitedOutput out;
+      EXPECT_EQ(newName == "t/f", tar.WriteTar(out, &event));
+      EXPECT_EQ(newName == "t/f", out.bytes.substr(0, 515).find("new") == 512);
+      EXPECT_EQ(newName != "t/f", logHas(tar, "Failed to open source file for TAR archive."));
+    }
+  }
+}
+
 TEST(Write, VerboseLines) {
   for (const std::string format : {"gnu", "pax"}) {
     Sources sources;
