@@ -30,7 +30,8 @@ class MORVANE_API _mvDataSource {
                             LogBase& log) = 0;
   // True once the source is exhausted.
   virtual bool endOfStream();
-  // Moves to a byte position. The base cannot.
+  // Moves to a byte position. The base cannot. Where it fails, later reads must fail too: readers of archives
+  // go by that.
   virtual bool fseekAbsolute64(long long position, LogBase& log);
 
   // Where the next read begins, -1 when the source cannot tell (and so cannot be moved back to it).
