@@ -27,7 +27,6 @@ class MORVANE_API _mvFileDataSource : public _mvDataSource {
   // ends where the file ends when its reading begins, however fast it grows.
   void adoptForCopy(OsFile file, const char* path, long long sizeSeen);
   void close() { m_file.close(); }
-  const OsFile& file() const { return m_file; }
 
   // The bytes handed out since it was adopted, also where there is no position to tell; the position
   // elsewhere.

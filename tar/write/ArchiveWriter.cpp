@@ -143,7 +143,9 @@ bool ArchiveWriter::writeMember(const SourcePlace& place, XString& pathInTar, Cl
     return true;
   }
   mvFileInfo info;
-  if (!m_source.examine(place, info, m_log)) {
+  // What a callback does to the file's name still counts.
+  const bool mayOpen = !m_run.event;
+  if (!m_source.examine(place, mayOpen, info, m_log)) {
     if (m_log.verbose()) m_log.LogDataX("loadFileInfoFailed", place.fullPath);
     if (tree) tree->passBy();
     return m_run.settings.options.skipUnreadable && leftOutUnreadable(place);
@@ -181,7 +183,6 @@ bool ArchiveWriter::isSkippedByEvent(const SourcePlace& place, const mvFileInfo&
   bool skip = false;
   m_run.event->onTarEntry(place.fullPath.getUtf8(), info.m_size, info.m_isDirectory, skip);
   m_live.refresh();
-  m_source.closeIfRenamed();
   if (skip) {
     if (m_log.verbose()) m_log.LogDataX("skippingFile", place.fullPath);
     return true;

@@ -6,16 +6,15 @@
 
 namespace morvane {
 
-bool SourceFile::examine(const SourcePlace& place, mvFileInfo& info, LogBase& log) {
+bool SourceFile::examine(const SourcePlace& place, bool mayOpen, mvFileInfo& info, LogBase& log) {
   close();
   const char* const path = place.fullPath.getUtf8();
   if (place.directory < 0) return info.loadFileInfoUtf8(path, log);
-  if (place.isRegular) {
+  if (place.isRegular && mayOpen) {
     OsFile file(osOpenSource(place.directory, place.name));
     struct stat status;
     if (file.isOpen() && file.status(status) == 0 && S_ISREG(status.st_mode)) {
       info.setFromStatus(status, false);
-      m_statusChanged = status.st_ctim;
       m_data.adoptForCopy(std::move(file), path, info.m_size);
       m_open = true;
       return true;
@@ -35,14 +34,6 @@ bool SourceFile::open(const SourcePlace& place, const mvFileInfo& info, LogBase&
   m_data.adoptForCopy(std::move(file), path, info.m_size);
   m_open = true;
   return true;
-}
-
-void SourceFile::closeIfRenamed() {
-  struct stat status;
-  if (!m_open || m_data.file().status(status) != 0) return;
-  const timespec& now = status.st_ctim;
-  const bool changed = now.tv_sec != m_statusChanged.tv_sec || now.tv_nsec != m_statusChanged.tv_nsec;
-  if (changed || status.st_nlink == 0) close();
 }
 
 bool SourceFile::readFirst(LogBase& log) {

@@ -18,13 +18,11 @@ struct SourcePlace {
 // One object serves all members of a write, so that its buffer is made once.
 class SourceFile {
  public:
-  // Examines the place. A regular file of a walk is opened with it: one look then serves both.
-  bool examine(const SourcePlace& place, mvFileInfo& info, LogBase& log);
+  // Examines the place. With `mayOpen`, a regular file of a walk is opened with it: one look then serves both.
+  // Where something may happen to its name before it is read, that is not allowed.
+  bool examine(const SourcePlace& place, bool mayOpen, mvFileInfo& info, LogBase& log);
   // Opens the data of what was examined, unless they are open. Never waits for a FIFO.
   bool open(const SourcePlace& place, const mvFileInfo& info, LogBase& log);
-  // Closes a file that was opened by `examine` if it may have lost its name to another since, or altogether:
-  // it is then opened by name again.
-  void closeIfRenamed();
   // Reads the first data now. False when that fails.
   bool readFirst(LogBase& log);
   bool isOpen() const { return m_open; }
@@ -40,7 +38,6 @@ class SourceFile {
  private:
   _mvFileDataSource m_data;
   bool m_open = false;
-  timespec m_statusChanged{};  // of a file that was opened when it was examined
 };
 
 }  // namespace morvane
