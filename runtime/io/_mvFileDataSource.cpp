@@ -20,8 +20,8 @@ namespace {
 constexpr char kCannotOpen[] = "Failed to open file.";
 
 constexpr unsigned kWindow = 256 * 1024;
-// After a long jump a header is wanted and, likely, another jump.
-constexpr unsigned kAfterJump = 4 * 1024;
+// Behind a jump a header is wanted and, likely, another jump: what is read beyond it is read for nothing.
+constexpr unsigned kAfterJump = 8 * 1024;
 constexpr unsigned kAtStart = 64 * 1024;
 // Files are copied in pieces of 20,000 bytes; the window holds a whole number of them.
 constexpr unsigned kCopyAtStart = 3 * 20000;
@@ -245,8 +245,7 @@ bool _mvFileDataSource::fseekAbsolute64(long long position, LogBase& log) {
     return true;
   }
   if (!m_seekable) return skipByReading(forward, nullptr, log);
-  const long long jump = position - m_systemAt;
-  if (jump < 0 || jump >= kWindow) m_readAhead = kAfterJump;
+  if (position != m_systemAt) m_readAhead = kAfterJump;
   m_windowAt = m_windowEnd = kBehind;
   m_position = m_systemAt = position;
   m_atEnd = false;
