@@ -18,8 +18,8 @@ struct SourcePlace {
 // One object serves all members of a write, so that its buffer is made once.
 class SourceFile {
  public:
-  // Examines the place. With `mayOpen`, a regular file of a walk is opened with it: one look then serves both.
-  // Where something may happen to its name before it is read, that is not allowed.
+  // Examines the place. With `mayOpen`, a regular file of a walk is opened with it: one look then serves
+  // both. Where something may happen to its name before it is read, that is not allowed.
   bool examine(const SourcePlace& place, bool mayOpen, mvFileInfo& info, LogBase& log);
   // Opens the data of what was examined, unless they are open. Never waits for a FIFO.
   bool open(const SourcePlace& place, const mvFileInfo& info, LogBase& log);
