@@ -20,8 +20,12 @@ namespace {
 constexpr char kCannotOpen[] = "Failed to open file.";
 
 constexpr unsigned kWindow = 256 * 1024;
-// Behind a jump a header is wanted and, likely, another jump: what is read beyond it is read for nothing.
+// Behind a jump a header is wanted and, likely, another jump: what is read beyond it is read for nothing. So
+// little is read behind a short one and one block behind a long one, over a member that has the likes of it
+// behind it.
 constexpr unsigned kAfterJump = 8 * 1024;
+constexpr unsigned kAfterLongJump = 512;
+constexpr long long kLongJump = 32 * 1024;
 constexpr unsigned kAtStart = 64 * 1024;
 // Files are copied in pieces of 20,000 bytes; the window holds a whole number of them.
 constexpr unsigned kCopyAtStart = 3 * 20000;
@@ -159,7 +163,7 @@ bool _mvFileDataSource::fillWindow(ProgressMonitor* pm, LogBase& log) {
   unsigned got = 0;
   if (!readSystem(m_window.get() + kBehind, m_readAhead, got, pm, log)) return false;
   m_windowEnd += got;
-  m_readAhead = std::min(m_readAhead * 4, m_sizeSeen >= 0 ? kCopyWindow : kWindow);
+  m_readAhead = std::clamp(m_readAhead * 4, kAfterJump, m_sizeSeen >= 0 ? kCopyWindow : kWindow);
   return true;
 }
 
@@ -245,7 +249,7 @@ bool _mvFileDataSource::fseekAbsolute64(long long position, LogBase& log) {
     return true;
   }
   if (!m_seekable) return skipByReading(forward, nullptr, log);
-  if (position != m_systemAt) m_readAhead = kAfterJump;
+  if (position != m_systemAt) m_readAhead = position - m_systemAt >= kLongJump ? kAfterLongJump : kAfterJump;
   m_windowAt = m_windowEnd = kBehind;
   m_position = m_systemAt = position;
   m_atEnd = false;
