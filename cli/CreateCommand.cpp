@@ -27,7 +27,7 @@ using morvane::XString;
 // What makes the component name what it could not do as asked, instead of failing or passing over it.
 constexpr char kWords[] =
     "SkipOutputFile,SkipUnreadable,WriteExactSizes,CountSkipsExcluded,UstarOverflow=fail,UstarPlainPrefix,"
-    "PaxExact";
+    "PaxExact,OpenBeforeEvent";
 
 constexpr char kEscape = '\x1B';
 

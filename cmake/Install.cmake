@@ -9,7 +9,7 @@ install(TARGETS morvane_tar EXPORT morvane_tarTargets
 
 # What tar/ClsTar.h reaches.
 set(morvane_public_headers
-  runtime/base/Export.h runtime/base/ExtPtrArray.h runtime/base/MorvaneCritSec.h runtime/base/MorvaneObject.h
+  runtime/base/AlignedArray.h runtime/base/Export.h runtime/base/ExtPtrArray.h runtime/base/MorvaneCritSec.h runtime/base/MorvaneObject.h
   runtime/base/RelaxedAtomic.h
   runtime/buffer/ClsBinData.h runtime/buffer/DataBuffer.h
   runtime/codec/MorvaneBzip2.h runtime/codec/MorvaneDeflate.h runtime/codec/ZipCRC.h

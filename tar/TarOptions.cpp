@@ -22,6 +22,7 @@ constexpr Switch kSwitches[] = {
     {"nototal", &TarOptions::noTotal},
     {"ustarplainprefix", &TarOptions::ustarPlainPrefix},
     {"paxexact", &TarOptions::paxExact},
+    {"openbeforeevent", &TarOptions::openBeforeEvent},
     {"fullread", &TarOptions::fullRead},
     {"skipuncreatable", &TarOptions::skipUncreatable},
     {"verifygzip", &TarOptions::verifyGzip},

@@ -21,6 +21,7 @@ struct TarOptions {
   bool ustarOverflowFails = false;
   bool ustarPlainPrefix = false;
   bool paxExact = false;
+  bool openBeforeEvent = false;
   int fastDeflate = 0;  // 0: zlib's default level
   // Reading
   bool fullRead = false;

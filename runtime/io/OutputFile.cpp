@@ -19,6 +19,7 @@ namespace {
 constexpr unsigned kSmallBuffer = 16 * 1024;
 constexpr unsigned kLargeBuffer = 256 * 1024;
 constexpr unsigned kPassesBuffer = 64 * 1024;
+static_assert(OutputFile::kMostSpare <= kLargeBuffer);
 
 }  // namespace
 
@@ -41,32 +42,41 @@ bool OutputFile::_writeBytes(const char* bytes, unsigned int n, _mvIoParams& io,
   if (m_failed || !m_file.isOpen()) return false;
   if (n == 0) return true;
   ProgressMonitor* const pm = io.monitor();
+  const bool isInPlace = m_capacity > 0 && bytes == m_buffer.get() + m_buffered;
   if (n > m_capacity - m_buffered) {
     if (m_buffered > 0 && !flush(pm, log)) return false;
     // A file that comes in one or two middling pieces needs no buffer either.
     const bool passes = n >= kPassesBuffer || (m_capacity == 0 && n >= kSmallBuffer);
-    if (passes || !makeBuffer()) {
+    if (passes || !makeBuffer(m_capacity == 0 ? kSmallBuffer : kLargeBuffer)) {
       if (!writeThrough(bytes, n, pm, log)) return false;
       m_bytesWritten += n;
       return true;
     }
   }
-  std::memcpy(m_buffer.get() + m_buffered, bytes, n);
+  if (!isInPlace) std::memcpy(m_buffer.get() + m_buffered, bytes, n);
   m_buffered += n;
   m_bytesWritten += n;
   return true;
 }
 
-// The next larger buffer, if there is one; false when there is no memory, and the bytes then pass the buffer
-// by.
-bool OutputFile::makeBuffer() {
-  const unsigned capacity = m_capacity == 0 ? kSmallBuffer : kLargeBuffer;
+// A buffer of at least this capacity, with what is in it; false when there is no memory, and the bytes then
+// pass the buffer by.
+bool OutputFile::makeBuffer(unsigned capacity) {
   if (capacity <= m_capacity) return true;
-  std::unique_ptr<char[]> grown(new (std::nothrow) char[capacity]);
+  AlignedArray grown = makeAlignedArray(capacity);
   if (!grown) return false;
+  if (m_buffered > 0) std::memcpy(grown.get(), m_buffer.get(), m_buffered);
   m_buffer = std::move(grown);
   m_capacity = capacity;
   return true;
+}
+
+char* OutputFile::spareRoom(unsigned n, unsigned& room, ProgressMonitor* pm, LogBase& log) {
+  if (m_failed || !m_file.isOpen()) return nullptr;
+  if (!makeBuffer(kLargeBuffer)) return nullptr;
+  if (n > m_capacity - m_buffered && !flush(pm, log)) return nullptr;
+  room = m_capacity - m_buffered;
+  return m_buffer.get() + m_buffered;
 }
 
 bool OutputFile::flush(ProgressMonitor* pm, LogBase& log) {

@@ -1,13 +1,14 @@
 // A file being written, behind a buffer of its own.
 //
 // Small writes are gathered, large ones pass the buffer by. Every error is sticky: after the first, all later
-// writes fail. Data may still be in the buffer, or refused by the system as late as at close, so a result
-// counts only after flush() or closeHandle() said so; the destructor closes but cannot report.
+// writes fail. A reader may put bytes straight into the buffer, and hands them over from there. Data may
+// still be in the buffer, or refused by the system as late as at close, so a result counts only after flush()
+// or closeHandle() said so; the destructor closes but cannot report.
 #pragma once
 
-#include <memory>
 #include <string>
 
+#include "runtime/base/AlignedArray.h"
 #include "runtime/fs/OsFile.h"
 #include "runtime/io/_mvOutput.h"
 
@@ -26,6 +27,12 @@ class MORVANE_API OutputFile : public _mvOutput {
   ~OutputFile() override;
 
   bool _writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log) override;
+  // Room in the buffer for at least n bytes (at most kMostSpare), made by a flush if need be. What is put
+  // there is taken by _writeBytes, from its first byte on and in any pieces, without being copied once more.
+  // Null when there is no such room; _writeBytes then says why.
+  char* spareRoom(unsigned n, unsigned& room, ProgressMonitor* pm, LogBase& log);
+  static constexpr unsigned kMostSpare = 64 * 1024;
+
   // Bytes accepted so far.
   long long ftell64() override { return m_bytesWritten; }
   bool announceOutputFinished(LogBase& log) override { return flush(nullptr, log); }
@@ -49,12 +56,12 @@ class MORVANE_API OutputFile : public _mvOutput {
  private:
   OutputFile(OsFile file, const char* path) : m_file(std::move(file)), m_path(path) {}
   bool writeThrough(const char* bytes, size_t n, ProgressMonitor* pm, LogBase& log);
-  bool makeBuffer();
+  bool makeBuffer(unsigned capacity);
   bool setTimes(const timespec& access, const timespec& modification, LogBase& log);
 
   OsFile m_file;
   std::string m_path;
-  std::unique_ptr<char[]> m_buffer;
+  AlignedArray m_buffer;
   unsigned m_capacity = 0;
   unsigned m_buffered = 0;
   long long m_bytesWritten = 0;

@@ -151,7 +151,7 @@ bool _mvFileDataSource::readSystem(char* buffer, unsigned n, unsigned& got, Prog
 
 bool _mvFileDataSource::makeWindow(LogBase& log) {
   if (m_window) return true;
-  m_window.reset(new (std::nothrow) char[kBehind + kWindow]);
+  m_window = makeAlignedArray(kBehind + kWindow);
   if (!m_window) log.LogError("Out of memory for a read buffer.");
   return m_window != nullptr;
 }
@@ -211,6 +211,16 @@ bool _mvFileDataSource::readSourcePM(char* buffer, unsigned int n, unsigned int&
     numRead += got;
   }
   return mayGoOn(numRead, pm, log);
+}
+
+bool _mvFileDataSource::readOnce(char* buffer, unsigned n, unsigned& got, LogBase& log) {
+  got = 0;
+  if (m_failed) return false;
+  if (m_windowAt < m_windowEnd)
+    return readSourcePM(buffer, std::min(n, m_windowEnd - m_windowAt), got, nullptr, log);
+  if (!readSystem(buffer, n, got, nullptr, log)) return false;
+  m_position += got;
+  return true;
 }
 
 bool _mvFileDataSource::peekBytes(unsigned n, const char*& bytes, unsigned& got, ProgressMonitor* pm,

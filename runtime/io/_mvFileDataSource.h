@@ -5,9 +5,9 @@
 // cannot be moved back; it is moved forward by reading.
 #pragma once
 
-#include <memory>
 #include <string>
 
+#include "runtime/base/AlignedArray.h"
 #include "runtime/fs/OsFile.h"
 #include "runtime/io/_mvDataSource.h"
 
@@ -41,6 +41,9 @@ class MORVANE_API _mvFileDataSource : public _mvDataSource {
   bool getFileInfo(mvFileInfo& info, LogBase& log) const;
   bool readSourcePM(char* buffer, unsigned int n, unsigned int& numRead, ProgressMonitor* pm,
                     LogBase& log) override;
+  // Reads up to n bytes as the system gives them, without reading ahead and without telling a monitor. None
+  // is the end.
+  bool readOnce(char* buffer, unsigned n, unsigned& got, LogBase& log);
   bool endOfStream() override;
   // Any position from 0 on; reads past the end yield nothing. After a failed seek every read fails.
   bool fseekAbsolute64(long long position, LogBase& log) override;
@@ -52,7 +55,7 @@ class MORVANE_API _mvFileDataSource : public _mvDataSource {
   bool peekBytes(unsigned n, const char*& bytes, unsigned& got, ProgressMonitor* pm, LogBase& log) override;
 
  private:
-  static constexpr unsigned kBehind = 16;
+  static constexpr unsigned kBehind = 64;
 
   bool readSystem(char* buffer, unsigned n, unsigned& got, ProgressMonitor* pm, LogBase& log);
   bool fillWindow(ProgressMonitor* pm, LogBase& log);
@@ -69,7 +72,7 @@ class MORVANE_API _mvFileDataSource : public _mvDataSource {
   long long m_systemAt = 0;   // of the next byte the system will give
   long long m_endAt = -1;     // -1: where the file ends
   long long m_sizeSeen = -1;  // of a file to be copied whole
-  std::unique_ptr<char[]> m_window;
+  AlignedArray m_window;
   // The bytes of the window not handed out yet; in front of it are the last ones of the window before.
   unsigned m_windowAt = kBehind, m_windowEnd = kBehind;
   unsigned m_countedBefore = 0;  // bytes taken back, which the monitor has been told of

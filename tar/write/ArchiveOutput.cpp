@@ -1,7 +1,7 @@
 #include "tar/write/ArchiveOutput.h"
 
 #include "runtime/buffer/DataBuffer.h"
-#include "runtime/io/_mvOutput.h"
+#include "runtime/io/OutputFile.h"
 #include "runtime/log/LogBase.h"
 #include "runtime/progress/ProgressMonitor.h"
 
@@ -25,6 +25,10 @@ bool ArchiveOutput::writeOut_pm(const unsigned char* data, unsigned len, bool ch
   }
   if (m_compressing) return compress(data, len, pm, log);
   return m_output && m_output->writeBytesPM(reinterpret_cast<const char*>(data), len, pm, log);
+}
+
+OutputFile* ArchiveOutput::plainFile() const {
+  return m_compressing ? nullptr : dynamic_cast<OutputFile*>(m_output);
 }
 
 bool ArchiveOutput::compress(const unsigned char* data, unsigned len, ProgressMonitor* pm, LogBase& log) {

@@ -8,6 +8,7 @@
 namespace morvane {
 
 class LogBase;
+class OutputFile;
 class ProgressMonitor;
 class _mvOutput;
 
@@ -33,6 +34,9 @@ struct ArchiveOutput {
   // fails without a message.
   [[nodiscard]] bool writeOut_pm(const unsigned char* data, unsigned len, bool checkAbort,
                                  ProgressMonitor* pm, LogBase& log);
+
+  // The file that bytes go to as they are; null when they go anywhere else.
+  OutputFile* plainFile() const;
 
  private:
   bool compress(const unsigned char* data, unsigned len, ProgressMonitor* pm, LogBase& log);

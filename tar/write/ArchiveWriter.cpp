@@ -8,6 +8,7 @@
 #include "runtime/fs/ClsDirTree.h"
 #include "runtime/fs/FileSys.h"
 #include "runtime/fs/_mvFilePath.h"
+#include "runtime/io/OutputFile.h"
 #include "runtime/log/LogContextExitor.h"
 #include "runtime/log/LogNull.h"
 #include "tar/DirRoot.h"
@@ -143,8 +144,8 @@ bool ArchiveWriter::writeMember(const SourcePlace& place, XString& pathInTar, Cl
     return true;
   }
   mvFileInfo info;
-  // What a callback does to the file's name still counts.
-  const bool mayOpen = !m_run.event;
+  // What a callback does to the file's name still counts, unless it was said to do nothing.
+  const bool mayOpen = !m_run.event || m_run.settings.options.openBeforeEvent;
   if (!m_source.examine(place, mayOpen, info, m_log)) {
     if (m_log.verbose()) m_log.LogDataX("loadFileInfoFailed", place.fullPath);
     if (tree) tree->passBy();
@@ -222,7 +223,8 @@ bool ArchiveWriter::writeData(const SourcePlace& place, const mvFileInfo& info) 
     m_log.LogDataX("fullPath", place.fullPath);
     return false;
   }
-  if (!copySourceToOutput(m_source.data())) {
+  long long copied = 0;
+  if (!copyFile(kToTheEnd, copied)) {
     m_log.LogError("Failed to copy file contents to TAR.");
     return false;
   }
@@ -245,7 +247,7 @@ bool ArchiveWriter::writeExactData(const SourcePlace& place, const mvFileInfo& i
     if (!m_run.settings.options.skipUnreadable) return false;
   }
   long long copied = 0;
-  if (m_source.isOpen() && !copyPieces(m_source.data(), info.m_size, copied)) {
+  if (m_source.isOpen() && !copyFile(info.m_size, copied)) {
     m_log.LogError("Failed to copy file contents to TAR.");
     return false;
   }
@@ -272,8 +274,27 @@ bool ArchiveWriter::copySourceToOutput(_mvDataSource& source) {
   return copyPieces(source, kToTheEnd, copied);
 }
 
-// Copies up to `most` bytes. The source is read without the monitor: an abort is for the output path to
-// report, while a failed read merely ends the copy.
+// Copies up to `most` bytes of the open source file: read straight into the output's buffer, where it has
+// one.
+bool ArchiveWriter::copyFile(long long most, long long& copied) {
+  OutputFile* const file = m_run.archive.plainFile();
+  while (file && copied < most && !m_source.data().endOfStream()) {
+    unsigned room = 0, got = 0;
+    char* const bytes = file->spareRoom(kPieceSize, room, m_run.pm, m_log);
+    if (!bytes) break;
+    const long long wanted = std::min<long long>(most - copied, room - room % kPieceSize);
+    if (!m_source.data().readOnce(bytes, static_cast<unsigned>(wanted), got, m_log)) return true;
+    if (got == 0) return true;
+    copied += got;
+    for (unsigned done = 0; done < got; done += kPieceSize) {
+      if (!putDataPiece(bytes + done, std::min(got - done, kPieceSize))) return false;
+    }
+  }
+  return copyPieces(m_source.data(), most, copied);
+}
+
+// The same from any source. It is read without the monitor: an abort is for the output path to report, while
+// a failed read merely ends the copy.
 bool ArchiveWriter::copyPieces(_mvDataSource& source, long long most, long long& copied) {
   const bool lends = source.canLend();
   const ByteArrayOwner buffer(lends ? nullptr : mvNewChar(kPieceSize));
@@ -291,13 +312,16 @@ bool ArchiveWriter::copyPieces(_mvDataSource& source, long long most, long long&
     if (emptyReads == kMostEmptyReads) return true;
     if (got == 0) continue;
     copied += got;
-    if (m_run.pm) m_run.pm->consumeProgress(got, m_log);
-    if (!m_run.put(reinterpret_cast<const unsigned char*>(bytes), got)) {
-      m_log.LogError("Failed to write file data to TAR output.");
-      return false;
-    }
+    if (!putDataPiece(bytes, got)) return false;
   }
   return true;
+}
+
+bool ArchiveWriter::putDataPiece(const char* bytes, unsigned n) {
+  if (m_run.pm) m_run.pm->consumeProgress(n, m_log);
+  if (m_run.put(reinterpret_cast<const unsigned char*>(bytes), n)) return true;
+  m_log.LogError("Failed to write file data to TAR output.");
+  return false;
 }
 
 }  // namespace morvane

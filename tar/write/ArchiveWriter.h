@@ -49,7 +49,9 @@ class ArchiveWriter {
   bool leftOutUnreadable(const SourcePlace& place);
   bool writeData(const SourcePlace& place, const mvFileInfo& info);
   bool writeExactData(const SourcePlace& place, const mvFileInfo& info);
+  bool copyFile(long long most, long long& copied);
   bool copyPieces(_mvDataSource& source, long long most, long long& copied);
+  bool putDataPiece(const char* bytes, unsigned n);
   bool reportSizeChanged(const SourcePlace& place, long long inHeader, long long copied);
   bool memberFailed(const XString& fullPath, const XString& pathInTar);
   bool abortedAfterMember();

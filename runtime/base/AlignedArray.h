@@ -1,0 +1,20 @@
+// A heap byte array that begins at a page: the system copies to and from such memory a little faster.
+#pragma once
+
+#include <memory>
+#include <new>
+
+namespace morvane {
+
+struct AlignedArrayDelete {
+  static constexpr std::align_val_t kAlignment{4096};
+  void operator()(char* bytes) const { operator delete[](bytes, kAlignment); }
+};
+using AlignedArray = std::unique_ptr<char[], AlignedArrayDelete>;
+
+// n bytes, contents undefined; null when there is no memory.
+inline AlignedArray makeAlignedArray(unsigned n) {
+  return AlignedArray(new (AlignedArrayDelete::kAlignment, std::nothrow) char[n]);
+}
+
+}  // namespace morvane
