@@ -2,7 +2,10 @@
 
 #include <charconv>
 #include <cstdio>
+#include <cstring>
+#include <iterator>
 #include <string>
+#include <string_view>
 
 #include "runtime/fs/MorvaneFileTime.h"
 #include "runtime/log/LogBase.h"
@@ -87,19 +90,31 @@ void appendXmlText(std::string_view text, bool escaped, std::string& out) {
   }
 }
 
-void appendElement(const char* name, std::string_view text, std::string& out) {
-  const bool plain = needsNoCare(text);
-  const bool escaped = !plain && !isPlainXml(text);
-  out.append("\t\t<").append(name).append(escaped ? " escaped=\"true\">" : ">");
-  if (plain) {
-    out.append(text);
+struct Element {
+  std::string_view start, escapedStart, end;
+};
+
+#define MORVANE_ELEMENT(name) \
+  { "\t\t<" name ">", "\t\t<" name " escaped=\"true\">", "</" name ">\r\n" }
+constexpr Element kPathElement = MORVANE_ELEMENT("path");
+constexpr Element kUserElement = MORVANE_ELEMENT("user");
+constexpr Element kGroupElement = MORVANE_ELEMENT("group");
+constexpr Element kLinkElement = MORVANE_ELEMENT("link");
+constexpr Element kDataElement = MORVANE_ELEMENT("data");
+#undef MORVANE_ELEMENT
+
+void appendElement(const Element& element, std::string_view text, std::string& out) {
+  if (needsNoCare(text)) {
+    out.append(element.start).append(text);
   } else {
+    const bool escaped = !isPlainXml(text);
+    out.append(escaped ? element.escapedStart : element.start);
     appendXmlText(text, escaped, out);
   }
-  out.append("</").append(name).append(">\r\n");
+  out.append(element.end);
 }
 
-const char* kindOf(const TarHeader& header) {
+std::string_view kindOf(const TarHeader& header) {
   if (header.m_isDirectory) return "directory";
   switch (header.m_typeFlag) {
     case kTypeRegular:
@@ -119,41 +134,40 @@ const char* kindOf(const TarHeader& header) {
   }
 }
 
-// At least `width` decimal digits.
-void appendDigits(int value, unsigned width, std::string& out) {
-  const size_t start = out.size();
-  out.append(width, '0');
-  for (unsigned i = width; i-- > 0; value /= 10) out[start + i] = static_cast<char>('0' + value % 10);
-}
+// The start of an entry, put together apart and appended in one go: there is one for each of a million
+// members.
+class EntryStart {
+ public:
+  void text(std::string_view text) {
+    std::memcpy(m_end, text.data(), text.size());
+    m_end += text.size();
+  }
+  void number(std::string_view label, long long value, int base = 10, unsigned leastDigits = 1) {
+    text(label);
+    char digits[24];
+    const auto n = static_cast<unsigned>(std::to_chars(digits, std::end(digits), value, base).ptr - digits);
+    for (unsigned i = n; i < leastDigits; ++i) text("0");
+    text(std::string_view(digits, n));
+  }
+  // ISO 8601 in UTC; nothing for a year that has no four digits.
+  void isoTime(std::string_view label, long long seconds, std::string_view behind) {
+    constexpr long long kYear0001 = -62135596800, kYear10000 = 253402300800;
+    if (seconds < kYear0001 || seconds >= kYear10000) return;
+    const MorvaneSysTime time = MorvaneSysTime::fromFileTime(MorvaneFileTime::fromUnixTime64(seconds));
+    number(label, time.year, 10, 4);
+    number("-", time.month, 10, 2);
+    number("-", time.day, 10, 2);
+    number("T", time.hour, 10, 2);
+    number(":", time.minute, 10, 2);
+    number(":", time.second, 10, 2);
+    text(behind);
+  }
+  void appendTo(std::string& out) const { out.append(m_text, static_cast<size_t>(m_end - m_text)); }
 
-// ISO 8601 in UTC; nothing for a year that has no four digits.
-void appendIsoTime(long long seconds, std::string& out) {
-  constexpr long long kYear0001 = -62135596800, kYear10000 = 253402300800;
-  if (seconds < kYear0001 || seconds >= kYear10000) return;
-  const MorvaneSysTime time = MorvaneSysTime::fromFileTime(MorvaneFileTime::fromUnixTime64(seconds));
-  const auto part = [&out](int value, unsigned width, char behind) {
-    appendDigits(value, width, out);
-    out.push_back(behind);
-  };
-  out += " modified=\"";
-  part(time.year, 4, '-');
-  part(time.month, 2, '-');
-  part(time.day, 2, 'T');
-  part(time.hour, 2, ':');
-  part(time.minute, 2, ':');
-  part(time.second, 2, 'Z');
-  out.push_back('"');
-}
-
-void appendNumber(const char* name, long long value, int base, std::string& out) {
-  char digits[24];
-  const auto end = std::to_chars(digits, digits + sizeof digits, value, base).ptr;
-  out.append(name);
-  constexpr long kModeDigits = 4;
-  if (base == 8 && end - digits < kModeDigits)
-    out.append(static_cast<size_t>(kModeDigits - (end - digits)), '0');
-  out.append(digits, static_cast<size_t>(end - digits)).push_back('"');
-}
+ private:
+  char m_text[384];  // the labels have 90, six numbers at most 23 each, the time and the kind 30
+  char* m_end = m_text;
+};
 
 std::string quotedPrintable(const unsigned char* bytes, unsigned n) {
   std::string text;
@@ -190,7 +204,7 @@ std::string fieldText(const unsigned char* block, const Field& field) {
 void toXmlEntry(const TarHeader& header, XString& xml, const char* extensionData, CharsetDecoder& decoder) {
   std::string& out = xml.buffer();
   std::string decoded;
-  const auto appendName = [&](const char* element, std::string_view bytes) {
+  const auto appendName = [&](const Element& element, std::string_view bytes) {
     if (decoder.isUtf8()) {
       appendElement(element, bytes, out);
       return;
@@ -201,19 +215,22 @@ void toXmlEntry(const TarHeader& header, XString& xml, const char* extensionData
   };
   out += "\t<entry type=\"";
   appendXmlText(std::string_view(&header.m_typeFlag, 1), true, out);
-  out.append("\" kind=\"").append(kindOf(header)).append("\"");
-  appendNumber(" size=\"", header.m_size, 10, out);
-  appendNumber(" mode=\"", header.m_mode, 8, out);
-  appendNumber(" uid=\"", header.m_uid, 10, out);
-  appendNumber(" gid=\"", header.m_gid, 10, out);
-  appendNumber(" mtime=\"", header.m_exactMtime.seconds, 10, out);
-  appendIsoTime(header.m_exactMtime.seconds, out);
-  out += ">\r\n";
-  appendName("path", header.m_path.str());
-  appendName("user", header.userName());
-  appendName("group", header.groupName());
-  if (*header.linkPath() != '\0') appendName("link", header.linkPath());
-  if (extensionData) appendName("data", extensionData);
+  EntryStart start;
+  start.text("\" kind=\"");
+  start.text(kindOf(header));
+  start.number("\" size=\"", header.m_size);
+  start.number("\" mode=\"", header.m_mode, 8, 4);
+  start.number("\" uid=\"", header.m_uid);
+  start.number("\" gid=\"", header.m_gid);
+  start.number("\" mtime=\"", header.m_exactMtime.seconds);
+  start.isoTime("\" modified=\"", header.m_exactMtime.seconds, "Z");
+  start.text("\">\r\n");
+  start.appendTo(out);
+  appendName(kPathElement, header.m_path.str());
+  appendName(kUserElement, header.userName());
+  appendName(kGroupElement, header.groupName());
+  if (*header.linkPath() != '\0') appendName(kLinkElement, header.linkPath());
+  if (extensionData) appendName(kDataElement, extensionData);
   out += "\t</entry>\r\n";
 }
 
