@@ -277,15 +277,11 @@ class Parser {
     if (mode == Mode::Create && m_line.operands.empty()) return wrong("nothing to put into the archive");
     if (mode == Mode::Deb && m_line.operands.size() != 2)
       return wrong("--deb takes a control and a data tarball");
-    const bool selects = !m_line.operands.empty() || !m_line.matches.empty() || !m_line.excludes.empty() ||
-                         m_line.maxCount > 0;
-    if (mode == Mode::Verify && selects) return wrong("--verify checks the whole archive");
+    if (mode == Mode::Verify && m_line.selects()) return wrong("--verify checks the whole archive");
     if (!m_line.prefix.empty() && mode != Mode::Create) return wrong("--prefix goes with -c");
     if (m_line.stripPaths && mode == Mode::Create) return wrong("--strip-paths goes with -x");
     if (m_line.toStdout && mode != Mode::Extract) return wrong("-O goes with -x");
     if (m_line.xml && mode != Mode::List) return wrong("--xml goes with -t");
-    if (m_line.xml && selects) return wrong("--xml lists the whole archive");
-    if (m_line.xml && m_line.totals) return wrong("--totals does not go with --xml");
     return true;
   }
 

@@ -38,6 +38,8 @@ struct CommandLine {
   std::string options;
   ProgressBar::When progress = ProgressBar::When::Never;
 
+  // Whether it is about some members only.
+  bool selects() const { return !operands.empty() || !matches.empty() || !excludes.empty() || maxCount > 0; }
   bool usesStandardStream() const { return archive == "-"; }
 };
 

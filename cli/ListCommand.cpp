@@ -2,11 +2,14 @@
 #include <algorithm>
 #include <cstdio>
 #include <ctime>
+#include <memory>
 
 #include "cli/Commands.h"
 #include "cli/MemberEvent.h"
 #include "cli/Names.h"
 #include "cli/ReadArchive.h"
+#include "tar/TarHeader.h"
+#include "tar/XmlListing.h"
 
 namespace mvtar {
 
@@ -98,14 +101,41 @@ class ListEvent : public MemberEvent {
   size_t m_width = 0;
 };
 
-bool printXml(ClsTar& tar, ArchiveReader& archive, MemberEvent& event) {
-  morvane::XString xml;
-  const bool ok = archive.listXml(tar, xml, event);
-  std::fwrite(xml.getUtf8(), 1, xml.getSizeUtf8(), stdout);
-  return ok;
-}
+// --xml of the members that are asked for: each is put into the listing as its extension records leave it.
+class XmlEvent : public MemberEvent {
+ public:
+  using MemberEvent::MemberEvent;
 
-// For --xml and --verify: everything is looked at and nothing printed.
+  void onAbortCheck(bool& abort) override {
+    MemberEvent::onAbortCheck(abort);
+    abort = abort || outputIsBroken();
+  }
+
+ private:
+  void onSelected(const TarMemberInfo& member) override {
+    count(member.isDirectory ? 0 : member.size);
+    morvane::TarHeader header;
+    header.setWholePath(member.path);
+    header.m_typeFlag = member.typeFlag;
+    header.m_isDirectory = member.isDirectory;
+    header.m_size = member.size;
+    header.m_mode = member.mode;
+    header.m_uid = member.uid;
+    header.m_gid = member.gid;
+    header.m_exactMtime.seconds = member.mtime;
+    header.m_linkName = member.linkPath;
+    header.m_userName = std::make_unique<morvane::StringBuffer>(member.userName);
+    header.m_groupName = std::make_unique<morvane::StringBuffer>(member.groupName);
+    m_entry.clear();
+    morvane::LogNull unwanted;
+    header.toXmlEntry(m_entry, nullptr, m_line.charset.c_str(), nullptr, unwanted);
+    std::fwrite(m_entry.getUtf8(), 1, m_entry.getSizeUtf8(), stdout);
+  }
+
+  morvane::XString m_entry;
+};
+
+// Everything is looked at and nothing printed.
 class SilentEvent : public MemberEvent {
  public:
   using MemberEvent::MemberEvent;
@@ -114,20 +144,42 @@ class SilentEvent : public MemberEvent {
   void onSelected(const TarMemberInfo& member) override { count(member.isDirectory ? 0 : member.size); }
 };
 
+bool listNames(ReadJob& job, MemberEvent& event) { return job.archive.read(job.tar, event); }
+
+// Every header of the archive.
+bool listXml(ReadJob& job, MemberEvent& event) {
+  morvane::XString xml;
+  const bool ok = job.archive.listXml(job.tar, xml, event);
+  std::fwrite(xml.getUtf8(), 1, xml.getSizeUtf8(), stdout);
+  return ok;
+}
+
+bool listMembersXml(ReadJob& job, MemberEvent& event) {
+  std::fputs(morvane::kXmlListingStart, stdout);
+  const bool ok = job.archive.read(job.tar, event);
+  std::fputs(morvane::kXmlListingEnd, stdout);
+  return ok;
+}
+
+template <class Event>
+int list(ReadJob& job, const CommandLine& line, bool (*read)(ReadJob&, MemberEvent&)) {
+  if (!job.open()) return job.finish();
+  job.tar.put_SuppressOutput(true);
+  Event event(job.report, job.bar, line);
+  const bool ok = read(job, event) || event.enoughSeen();
+  job.bar.clear();
+  if (ok) event.nameUnfound();
+  return job.finish(event, ok || outputIsBroken());
+}
+
 }  // namespace
 
 int listArchive(const CommandLine& line) {
   ReadJob job(line, false);
-  if (!job.open()) return job.finish();
-  job.tar.put_SuppressOutput(true);
-  ListEvent listing(job.report, job.bar, line);
-  SilentEvent silent(job.report, job.bar, line);
-  MemberEvent& event = line.xml ? static_cast<MemberEvent&>(silent) : listing;
-  const bool read = line.xml ? printXml(job.tar, job.archive, event) : job.archive.read(job.tar, event);
-  const bool ok = read || event.enoughSeen();
-  job.bar.clear();
-  if (ok) event.nameUnfound();
-  return job.finish(event, ok || outputIsBroken());
+  if (!line.xml) return list<ListEvent>(job, line, listNames);
+  // Only a run over members, which is what they go by, selects and counts.
+  return line.selects() || line.totals ? list<XmlEvent>(job, line, listMembersXml)
+                                       : list<SilentEvent>(job, line, listXml);
 }
 
 int verifyArchive(const CommandLine& line) {
