@@ -92,66 +92,6 @@ TEST_F(Compressed, GzipHeaderFields) {
   }
 }
 
-// The outcomes of the three methods, and what is said of each in front of the verdict.
-TEST_F(Compressed, Outcomes) {
-  const std::string archive = twoFiles(), cut = archive.substr(0, 700), noMark = archive.substr(0, 2560);
-  const std::string gz = gzip(archive), early = "Unexpected end of archive file.", ok = "GZip header OK.",
-                    noEnd = "The archive has no end-of-archive mark.", inflate = "unTarGz inflate failed (2)",
-                    notZ = "Invalid compressed data (D)";
-  std::string wrongTrailer = gz;
-  wrongTrailer[gz.size() - 8] ^= 1;
-  const struct {
-    const Form& form;
-    std::string packed;
-    bool result;
-    Lines said;
-    const char* words = "";
-  } kRows[] = {
-      {kGz, wrongTrailer, true, {ok}},
-      {kGz, wrongTrailer, false, {ok, "The gzip checksum is wrong.", inflate}, "VerifyGzip"},
-      {kGz, gz.substr(0, gz.size() - 1) + "x", false, {ok, "The gzip size is wrong.", inflate}, "VerifyGzip"},
-      {kGz, gz.substr(0, gz.size() - 1), false, {ok, "The gzip trailer is cut.", inflate}, "GzipAllMembers"},
-      {kGz, gz + "more", true, {ok}, "VerifyGzip"},
-      {kGz, gz + "more", false, {ok, "Failed to get gzip signature", inflate}, "GzipAllMembers"},
-      {kGz, gz + "\0more"s, false, {ok, "There are bytes behind the gzip data.", inflate}, "GzipAllMembers"},
-      {kGz, gz + std::string(9000, '\0'), true, {ok}, "GzipAllMembers"},
-      {kGz, "\x1F\x8C\x08 and more", false, {"Invalid GZip ID"}},
-      {kGz, "\x1F\x8B\x07 and more", false, {"Invalid GZip compression method"}},
-      {kGz, gzip(cut), false, {ok, early, "unTarGz failed."}},
-      {kBz2, bzip2(archive) + "x", true, {"Bytes behind the bzip2 data are ignored."}},
-      {kBz2, gz, false, {"The data are no bzip2 data."}},
-      {kBz2, bzip2(cut), true, {}},
-      {kBz2, bzip2(cut), false, {early}, "Bz2Framed"},
-      {kBz2, bzip2(noMark), true, {}, "RequireEndOfArchive"},
-      {kBz2, bzip2(noMark), false, {noEnd}, "RequireEndOfArchive,Bz2Framed"},
-      {kZ, compress(archive), true, {}},
-      {kZ, compress(cut), false, {early, "Untar failed, possible corrupt .Z file."}},
-      {kZ, gz, false, {"The data are not in compress format.", notZ}},
-      {kZ,
-       compress(member("file") + member("file/below")),
-       false,
-       {"Failed to ensure ability to create output file for untar.", "Streaming untar failed (2)",
-        "StreamingUntarNext failed.", notZ}},
-  };
-  for (const auto& row : kRows) {
-    m_tar.put_UncommonOptions(row.words);
-    if (row.form.untar == kBz2.untar) m_tar.BeginStreamingUntar(m_tar.log());
-    EXPECT_EQ(row.result, untar(row.form, row.packed, 50)) << row.form.name;
-    Lines said, expected = row.said;
-    std::istringstream log(logOf(m_tar));
-    for (std::string line; std::getline(log, line);) {
-      if (line.back() != ':') said.push_back(line.substr(line.find_first_not_of(' ')));
-    }
-    expected.push_back(row.result ? "Success." : "Failure.");
-    EXPECT_EQ(expected, said) << row.form.name;
-  }
-  for (const Form& form : kForms) {
-    EXPECT_FALSE(untarFile(form, m_dir / "none"));
-    EXPECT_EQ(0u, logOf(m_tar).find(std::string(form.name) + ":\n    Failed to open file.\n"));
-    EXPECT_FALSE(logHas(m_tar, "Failure.")) << "no verdict";
-  }
-}
-
 // Damage at every byte. Without the words what is there must at least be whole; with them nothing may be
 // missing.
 TEST_F(Compressed, EveryCutAndFlip) {

@@ -125,81 +125,13 @@ TEST(Write, EventsFiltersAndProgress) {
   EXPECT_EQ((std::vector<int>{10, 20, 620, 624}), progress.percents);
 }
 
-TEST(Write, EachFailureHasItsLines) {
-  using SetUp = std::function<void(Sources&, ActingEvent&)>;
-  constexpr size_t kRoom = static_cast<size_t>(-1);
-  const Lines oneFailed = {"Failed to write file to output.", "fullFilePath: %/one.txt",
-                           "relFilePath: one.txt"};
-  const Lines copyFailed = {"Failed to write file data to TAR output.",
-                            "Failed to copy file contents to TAR."};
-  const auto abortAt = [](int question) {
-    return [question](Sources&, ActingEvent& e) { e.abortAtQuestion = question; };
-  };
-  const SetUp nothing = [](Sources&, ActingEvent&) {};
-  const struct {
-    std::vector<Lines> lines;  // "%" stands for the scratch directory
-    size_t room;
-    SetUp setUp;
-  } kCases[] = {
-      {{{"writeTarToOutput:", "Did not find closing ESC char."}},
-       kRoom,
-       [](Sources& s, ActingEvent&) { s.tar.AddFile("\33x"); }},
-      {{{"writeTarToOutput:", "pathInTar is empty."}},
-       kRoom,
-       [](Sources& s, ActingEvent&) { s.tar.AddFile2("x", ""); }},
-      {{{"writeFileToOutput:", "Failed to get file information.", "loadFileInfoFailed: %/one.txt"},
-        oneFailed},
-       kRoom,
-       [](Sources& s, ActingEvent&) { s.tar.put_VerboseLogging(true), unlink(s.one.c_str()); }},
-      {{{"Failed to read directory.", "path: %/tree/"}},
-       kRoom,
-       [](Sources& s, ActingEvent&) { std::filesystem::remove_all(s.tree); }},
-      {{{"writeTarHeaderToOutput:",
-         "Max lengths for ustar format are 100 bytes for the filename and 155 bytes for the prefix.",
-         "filePathTooLong: " + kLongName, "Failed to write TAR header.", "Failed to write file to output."}},
-       kRoom,
-       [](Sources& s, ActingEvent&) {
-         s.tar.put_WriteFormat("star");
-         s.only(s.tree + "a/" + kLongName);
-       }},
-      {{{"Failed to open source file for TAR archive.", "fullPath: %/one.txt"}, oneFailed},
-       kRoom,
-       [](Sources&, ActingEvent& e) { e.act = [](const std::string& path) { unlink(path.c_str()); }; }},
-      {{{"The output is full.", "Failed to write TAR header."}, oneFailed}, 511, nothing},
-      {{{"The output is full."}, copyFailed, oneFailed}, 521, nothing},
-      {{{"The output is full."}, oneFailed}, 522, nothing},  // in the padding
-      {{{"TAR aborted by application. (1)"}, copyFailed, oneFailed},
-       kRoom,
-       [](Sources& s, ActingEvent& e) {
-         s.only(s.one);
-         e.abortAtPercent = 100;
-       }},
-      // Questions: six while counting, one before writing, then two for each member.
-      {{{"TAR aborted by application. (2)"}, oneFailed}, kRoom, abortAt(8)},
-      {{{"Write TAR to output aborted by application."}}, kRoom, abortAt(9)},
-  };
-  for (const auto& each : kCases) {
-    Sources sources;
-    ActingEvent event;
-    each.setUp(sources, event);
-    LimitedOutput out(each.room);
-    EXPECT_FALSE(sources.tar.WriteTar(out, &event));
-    Lines lines;
-    for (const Lines& part : each.lines) lines.insert(lines.end(), part.begin(), part.end());
-    lines.push_back("Failure.");
-    EXPECT_EQ("", missingLine(sources.tar, lines, sources.dir.path()));
-  }
-  Sources sources;
-  EXPECT_FALSE(sources.tar.WriteTar("/dev/full"));
-  EXPECT_EQ("", missingLine(sources.tar, {"Failed to write to file.", "path: /dev/full",
-                                          "reason: No space left on device", "Failure."}));
-  EXPECT_FALSE(sources.tar.WriteTar(sources.tree));
-  EXPECT_EQ("", missingLine(sources.tar, {"Failed to create file.", "path: " + sources.tree, "Failure."}));
+TEST(Write, ReadsAndOutputsThatAreNotThere) {
   _mvLogger log;
   TricklingSource source("x", 1);
   EXPECT_FALSE(ClsTar().copySourceToOutput(source, nullptr, log));  // there is no output
   EXPECT_FALSE(ClsTar().writeOut_pm(nullptr, 0, nullptr, log));     // without a word of its own
   EXPECT_EQ("Failed to write file data to TAR output.\n", log.text());
+  Sources sources;
   sources.only("/proc/self/mem");
   EXPECT_EQ(Lines{"mem 0"}, membersOf(written(sources.tar))) << "a read that fails is the file's end";
 }
