@@ -40,20 +40,33 @@ class ConfinedDir {
  private:
   using Parts = std::vector<std::string>;
 
+  // A directory that was opened, and what it is called.
+  struct KeptDir {
+    OsFile dir;
+    Parts parts;
+    std::string spelling;  // the path it was asked for by, empty when not known
+  };
+
+  bool isKeptParentOf(std::string_view path) const;
+  Result openParentOf(std::string_view path, std::string& leaf, LogBase& log);
+  Result reopenParentOf(std::string_view path, std::string& leaf, LogBase& log);
   Result openParent(const Parts& parts, LogBase& log);
+  void keepParent(OsFile dir, const Parts& parts);
   Result walkToParent(const Parts& parts, LogBase& log);
   int openBeneath(const Parts& parts, size_t count);
   int openResolved(int from, const std::string& path);
   Result clearTheWay(const std::string& leaf, LogBase& log);
   bool isProtected(const struct stat& status) const;
-  void forgetParent();
+  Result failed(const char* message, std::string_view path, LogBase& log);
   Result failed(const char* message, const Parts& parts, LogBase& log);
 
   OsFile m_target;
   Links m_links = Links::None;
   bool m_partByPart = false;
-  Parts m_parentParts;  // of the kept parent
-  OsFile m_parent;      // closed when none is kept; the target itself is m_target
+  // The last parent, and the one before it: a walk goes back and forth between a directory and the one it is
+  // in. Closed when none is kept; the target itself is m_target.
+  KeptDir m_parent, m_parentBefore;
+  bool m_parentIsFresh = false;  // it was opened for this call
   bool m_hasProtected = false;
   unsigned long long m_protectedDevice = 0, m_protectedInode = 0;
 };

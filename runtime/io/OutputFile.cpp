@@ -46,7 +46,7 @@ bool OutputFile::_writeBytes(const char* bytes, unsigned int n, _mvIoParams& io,
   if (n > m_capacity - m_buffered) {
     if (m_buffered > 0 && !flush(pm, log)) return false;
     // A file that comes in one or two middling pieces needs no buffer either.
-    const bool passes = n >= kPassesBuffer || (m_capacity == 0 && n >= kSmallBuffer);
+    const bool passes = n >= kPassesBuffer || (m_capacity == 0 && (n >= kSmallBuffer || n == m_expected));
     if (passes || !makeBuffer(m_capacity == 0 ? kSmallBuffer : kLargeBuffer)) {
       if (!writeThrough(bytes, n, pm, log)) return false;
       m_bytesWritten += n;

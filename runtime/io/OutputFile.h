@@ -33,6 +33,9 @@ class MORVANE_API OutputFile : public _mvOutput {
   char* spareRoom(unsigned n, unsigned& room, ProgressMonitor* pm, LogBase& log);
   static constexpr unsigned kMostSpare = 64 * 1024;
 
+  // The file will get n bytes in all: if they come in one piece, they need no buffer.
+  void expect(long long n) { m_expected = n; }
+
   // Bytes accepted so far.
   long long ftell64() override { return m_bytesWritten; }
   bool announceOutputFinished(LogBase& log) override { return flush(nullptr, log); }
@@ -65,6 +68,7 @@ class MORVANE_API OutputFile : public _mvOutput {
   unsigned m_capacity = 0;
   unsigned m_buffered = 0;
   long long m_bytesWritten = 0;
+  long long m_expected = -1;
   bool m_failed = false;
 };
 

@@ -46,6 +46,7 @@ bool extractToFile(_mvDataSource& source, const XString& path, std::unique_ptr<O
       return false;
     }
   }
+  file->expect(size);
   const bool copied =
       source.copyNToOutput2PM(*file, size, buffer, bufferSize, pm, log) && file->flush(pm, log);
   if (copied && log.verbose()) log.LogDataInt64("numBytesWritten", size);
