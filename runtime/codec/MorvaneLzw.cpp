@@ -1,5 +1,6 @@
 #include "runtime/codec/MorvaneLzw.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <memory>
@@ -25,10 +26,10 @@ class CodeReader {
 
   // False at the end of the data, and when reading failed (see failed()).
   bool next(unsigned width, unsigned& code) {
-    if (m_bitCount < width && !refill(width)) return false;
-    code = static_cast<unsigned>(m_bits) & ((1u << width) - 1);
-    m_bits >>= width;
-    m_bitCount -= width;
+    if (m_state.bitCount < width && !refill(width)) return false;
+    code = static_cast<unsigned>(m_state.bits) & ((1u << width) - 1);
+    m_state.bits >>= width;
+    m_state.bitCount -= width;
     m_codesInGroup = (m_codesInGroup + 1) % kCodesPerGroup;
     return true;
   }
@@ -50,23 +51,46 @@ class CodeReader {
 
   bool failed() const { return m_failed; }
 
- private:
-  bool refill(unsigned width) {
-    if (m_end - m_at >= 8) {
-      uint64_t more;  // at most 15 bits are left, so 48 more fit
-      std::memcpy(&more, m_at, sizeof more);
-#if __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
-      more = __builtin_bswap64(more);
-#endif
-      m_bits |= (more & 0xFFFFFFFFFFFF) << m_bitCount;
-      m_at += 6;
-      m_bitCount += 48;
-      return true;
+  // For a loop that keeps the reader's state in registers: the bytes at hand, and the bits taken from those
+  // before. A fill needs eight bytes.
+  struct State {
+    const unsigned char* at = nullptr;
+    const unsigned char* end = nullptr;
+    uint64_t bits = 0;
+    unsigned bitCount = 0;
+
+    bool canFill() const { return end - at >= 8; }
+    void fill() {
+      bits |= load64(at) << bitCount;
+      at += (63 - bitCount) / 8;
+      bitCount |= 56;
     }
-    while (m_bitCount < width) {
-      if (m_at == m_end && !nextPiece()) return false;
-      m_bits |= static_cast<uint64_t>(*m_at++) << m_bitCount;
-      m_bitCount += 8;
+  };
+
+  State state() const { return m_state; }
+  void goOnFrom(const State& state, unsigned width) {
+    const auto bytes = static_cast<unsigned>(state.at - m_state.at);
+    const unsigned codesRead = (bytes * 8 + m_state.bitCount - state.bitCount) / width;
+    m_codesInGroup = (m_codesInGroup + codesRead) % kCodesPerGroup;
+    m_state = state;
+    m_state.bits &= (uint64_t{1} << state.bitCount) - 1;  // a fill leaves parts of bytes that were not taken
+  }
+
+ private:
+  static uint64_t load64(const unsigned char* at) {
+    uint64_t bytes;
+    std::memcpy(&bytes, at, sizeof bytes);
+#if __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+    bytes = __builtin_bswap64(bytes);
+#endif
+    return bytes;
+  }
+
+  bool refill(unsigned width) {
+    while (m_state.bitCount < width) {
+      if (m_state.at == m_state.end && !nextPiece()) return false;
+      m_state.bits |= static_cast<uint64_t>(*m_state.at++) << m_state.bitCount;
+      m_state.bitCount += 8;
     }
     return true;
   }
@@ -75,16 +99,13 @@ class CodeReader {
     const char* bytes = nullptr;
     unsigned n = 0;
     m_failed = !m_input.next(bytes, n);
-    m_at = reinterpret_cast<const unsigned char*>(bytes);
-    m_end = m_at + (m_failed ? 0 : n);
-    return m_at != m_end;
+    m_state.at = reinterpret_cast<const unsigned char*>(bytes);
+    m_state.end = m_state.at + (m_failed ? 0 : n);
+    return m_state.at != m_state.end;
   }
 
   InputWindow& m_input;
-  const unsigned char* m_at = nullptr;
-  const unsigned char* m_end = nullptr;
-  uint64_t m_bits = 0;
-  unsigned m_bitCount = 0;
+  State m_state;
   unsigned m_codesInGroup = 0;
   bool m_failed = false;
 };
@@ -101,7 +122,9 @@ class OutputWindow {
   char* end() { return m_bytes + m_end; }
 
   // One more string, of at most 64 KiB, needs room; older output leaves the window for it.
-  bool hasRoom(unsigned n) const { return m_end + n + kCopySlack <= kSize; }
+  bool hasRoom(unsigned n) const { return fits(m_end, n); }
+  static bool fits(unsigned used, unsigned n) { return used + n + kCopySlack <= kSize; }
+  unsigned used() const { return m_end; }
   bool makeRoom() {
     if (!flush()) return false;
     std::memmove(m_bytes, m_bytes + m_end - kKept, kKept);
@@ -116,9 +139,8 @@ class OutputWindow {
 
   // Copies a string that stands in the window to the end, 16 bytes at a time and so beyond the string's end
   // too.
-  void appendFrom(uint32_t position, unsigned n) {
-    const char* from = at(position);
-    char* to = end();
+  void appendFrom(uint32_t position, unsigned n) { copy(at(position), n, end()); }
+  static void copy(const char* from, unsigned n, char* to) {
     for (unsigned done = 0; done < n; done += kCopySlack) {
       char piece[kCopySlack];
       std::memcpy(piece, from + done, kCopySlack);
@@ -137,7 +159,7 @@ class OutputWindow {
   static constexpr unsigned kCopySlack = 16;
   static constexpr unsigned kLongestString = 1u << kLargestWidth;
   static constexpr unsigned kKept = 96 * 1024;
-  static constexpr unsigned kSize = 320 * 1024;
+  static constexpr unsigned kSize = 416 * 1024;
   static_assert(kKept + kLongestString + kCopySlack < kSize);
 
   _mvOutput& m_out;
@@ -159,9 +181,7 @@ struct TableEntry {
 class LzwDecoder {
  public:
   LzwDecoder(CodeReader& codes, OutputWindow& window, unsigned maxBits, bool blockMode, LogBase& log)
-      : m_codes(codes), m_window(window), m_maxBits(maxBits), m_blockMode(blockMode), m_log(log) {
-    for (unsigned code = 0; code < kClear; ++code) m_suffix[code] = static_cast<char>(code);
-  }
+      : m_codes(codes), m_window(window), m_maxBits(maxBits), m_blockMode(blockMode), m_log(log) {}
 
   bool run() {
     m_free = m_blockMode ? kClear + 1 : kClear;
@@ -171,6 +191,8 @@ class LzwDecoder {
     if (code >= kClear) return fail("The compressed data start with a code that cannot be first.");
     if (!produce(code)) return false;
     while (true) {
+      const bool isFull = m_free == 1u << m_maxBits && m_free <= m_largestCode;
+      isFull ? decodePlainCodes<true>() : decodePlainCodes<false>();
       if (m_free > m_largestCode && !widen()) return endOfCodes();
       if (!m_codes.next(m_width, code)) return endOfCodes();
       if (code == kClear && m_blockMode) {
@@ -187,6 +209,58 @@ class LzwDecoder {
   }
 
  private:
+  // As many codes as come without anything special: while eight bytes of input and room for the string are at
+  // hand, the width stays, and the code's string stands in the window. What a register can hold is not kept
+  // in memory, for a byte written to the window might be any of it; so a full table has a loop of its own.
+  template <bool kFull>
+  void decodePlainCodes() {
+    CodeReader::State in = m_codes.state();
+    const unsigned width = m_width, mask = (1u << width) - 1;
+    const unsigned freeEnd = std::min(m_largestCode + 1, 1u << m_maxBits);
+    const uint32_t base = m_window.position() - m_window.used();
+    char* const bytes = m_window.end() - m_window.used();
+    unsigned used = m_window.used(), free = m_free;
+    unsigned previousCode = m_previousCode, previousLength = m_previousLength;
+    while (kFull || free < freeEnd) {
+      if (in.bitCount < width) {
+        if (!in.canFill()) break;
+        in.fill();
+      }
+      const unsigned code = static_cast<unsigned>(in.bits) & mask;
+      char* const to = bytes + used;
+      unsigned length = 1;
+      if (code < kClear) {
+        if (!OutputWindow::fits(used, 1)) break;
+        *to = static_cast<char>(code);
+      } else {
+        if (code >= free || (code == kClear && m_blockMode)) break;
+        TableEntry& entry = m_table[code];
+        const uint32_t offset = entry.position - base;
+        length = entry.length;
+        if (offset >= used || !OutputWindow::fits(used, length)) break;
+        OutputWindow::copy(bytes + offset, length, to);
+        entry.position = base + used;
+      }
+      if (!kFull) {
+        m_table[free] = {base + used - previousLength, static_cast<uint16_t>(previousLength + 1),
+                         static_cast<uint16_t>(previousCode)};
+        m_suffix[free] = *to;
+        ++free;
+      }
+      previousCode = code;
+      previousLength = length;
+      used += length;
+      in.bits >>= width;
+      in.bitCount -= width;
+    }
+    m_codes.goOnFrom(in, width);
+    m_free = free;
+    m_previousCode = previousCode;
+    m_previousLength = previousLength;
+    m_previousAt = base + used - previousLength;
+    m_window.advance(used - m_window.used());
+  }
+
   void setFirstWidth() {
     m_width = kFirstWidth;
     m_largestCode = (1u << kFirstWidth) - 1;
@@ -272,13 +346,22 @@ class LzwDecoder {
     return true;
   }
 
-  // From the table's chain, last byte first.
+  // From the table's chain, last byte first, down to a beginning of the string that still stands in the
+  // window. All that is passed begins here, too.
   void spell(unsigned code, unsigned length) {
     char* const to = m_window.end();
-    for (unsigned i = length; i-- > 0;) {
-      to[i] = m_suffix[code];
-      code = m_table[code].prefix;
+    const uint32_t here = m_window.position();
+    for (; code >= kClear; code = m_table[code].prefix) {
+      TableEntry& entry = m_table[code];
+      const uint32_t position = entry.position;
+      entry.position = here;
+      if (m_window.holds(position)) {
+        std::memcpy(to, m_window.at(position), length);
+        return;
+      }
+      to[--length] = m_suffix[code];
     }
+    *to = static_cast<char>(code);
   }
 
   CodeReader& m_codes;
