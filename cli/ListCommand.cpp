@@ -129,7 +129,7 @@ class XmlEvent : public MemberEvent {
     m_entry.clear();
     morvane::LogNull unwanted;
     header.toXmlEntry(m_entry, nullptr, m_line.charset.c_str(), nullptr, unwanted);
-    std::fwrite(m_entry.getUtf8(), 1, m_entry.getSizeUtf8(), stdout);
+    m_report.text(m_entry.str());
   }
 
   morvane::XString m_entry;
@@ -150,14 +150,14 @@ bool listNames(ReadJob& job, MemberEvent& event) { return job.archive.read(job.t
 bool listXml(ReadJob& job, MemberEvent& event) {
   morvane::XString xml;
   const bool ok = job.archive.listXml(job.tar, xml, event);
-  std::fwrite(xml.getUtf8(), 1, xml.getSizeUtf8(), stdout);
+  job.report.text(xml.str());
   return ok;
 }
 
 bool listMembersXml(ReadJob& job, MemberEvent& event) {
-  std::fputs(morvane::kXmlListingStart, stdout);
+  job.report.text(morvane::kXmlListingStart);
   const bool ok = job.archive.read(job.tar, event);
-  std::fputs(morvane::kXmlListingEnd, stdout);
+  job.report.text(morvane::kXmlListingEnd);
   return ok;
 }
 

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "cli/Interrupt.h"
+#include "tar/XmlListing.h"
 
 namespace mvtar {
 
@@ -98,6 +99,8 @@ bool ArchiveReader::listXml(ClsTar& tar, morvane::XString& xml, morvane::Progres
   tar.put_CaptureXmlListing(true);
   const bool ok = read(tar, event);
   tar.get_XmlListing(xml);
+  // A run that its decompressor ended leaves the listing open.
+  if (!xml.endsWithUtf8(morvane::kXmlListingEnd, false)) morvane::endXmlListing(xml);
   return ok;
 }
 

@@ -23,7 +23,7 @@ class ArchiveReader {
   // Extracts (or walks, with SuppressOutput), by the kind of archive that the content shows. A plain archive
   // is walked by VerifyTar when nothing is to be extracted.
   bool read(morvane::ClsTar& tar, morvane::ProgressEvent& event);
-  // The XML listing of the whole archive.
+  // The XML listing of the whole archive, closed also when it fails.
   bool listXml(morvane::ClsTar& tar, morvane::XString& xml, morvane::ProgressEvent& event);
   morvane::_mvFileDataSource& source() { return m_source; }
 

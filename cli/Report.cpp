@@ -10,10 +10,16 @@
 namespace mvtar {
 
 void Report::notice(std::string_view path, std::string_view text) {
+  constexpr size_t kInOnePiece = 4096;  // lines of several processes do not mix then
   m_bar.clear();
+  const std::string behind = ": " + std::string(text) + "\n";
+  if (path.size() <= kInOnePiece) {
+    std::fputs(("mvtar: " + shown(path) + behind).c_str(), stderr);
+    return;
+  }
   std::fputs("mvtar: ", stderr);
   printShown(path, stderr);
-  std::fprintf(stderr, ": %s\n", std::string(text).c_str());
+  std::fputs(behind.c_str(), stderr);
 }
 
 void Report::problem(std::string_view path, std::string_view reason) {
@@ -37,6 +43,11 @@ void Report::name(std::string_view name, const std::string& before, const std::s
 }
 
 void Report::line(const std::string& text) { name("", text); }
+
+void Report::text(std::string_view text) {
+  m_bar.clear();
+  std::fwrite(text.data(), 1, text.size(), stdout);
+}
 
 void Report::totals(long long members, long long bytes) {
   m_bar.clear();

@@ -32,6 +32,8 @@ class Report {
   void name(std::string_view name, const std::string& before = "", const std::string& behind = "");
   // A finished line in the same place.
   void line(const std::string& text);
+  // Text of the listing, as it is, on standard output.
+  void text(std::string_view text);
   // What --totals asks for.
   void totals(long long members, long long bytes);
   // What --log asks for.

@@ -164,7 +164,7 @@ TEST(Confined, OtherNamesOfAFileAndTheProtectedFileStay) {
   }
 }
 
-// The last parent is kept open; what happens to its name in between must not be missed.
+// The last parents are kept open; what happens to their names in between must not be missed.
 TEST(Confined, TheKeptParentIsNoWayAroundTheRules) {
   for (int mode = firstMode(); mode < kModes; ++mode) {
     Ground ground(mode, "mkdir target/d");

@@ -8,6 +8,7 @@
 
 #include <climits>
 #include <csignal>
+#include <cstring>
 #include <fstream>
 #include <functional>
 #include <memory>
@@ -238,8 +239,17 @@ TEST(OutputFile, PiecesOfEverySizeIntoAnyRoom) {
     bool written = true;
     size_t at = 0;
     for (const unsigned piece : pieces) {
-      const bool ok = file->writeBytesPM(bytes.data() + at, piece, nullptr, log) &&
-                      (random() % 8 > 0 || file->flush(nullptr, log));
+      const char* from = bytes.data() + at;
+      unsigned spare = 0;
+      char* const inPlace = seed % 4 == 0 && piece <= OutputFile::kMostSpare
+                                ? file->spareRoom(piece, spare, nullptr, log)
+                                : nullptr;
+      if (inPlace) {
+        ASSERT_GE(spare, piece);
+        from = static_cast<const char*>(std::memcpy(inPlace, from, piece));
+      }
+      const bool ok =
+          file->writeBytesPM(from, piece, nullptr, log) && (random() % 8 > 0 || file->flush(nullptr, log));
       EXPECT_TRUE(written || !ok || piece == 0) << "an error stays";
       written = written && ok;
       at += piece;

@@ -177,6 +177,9 @@ TEST(MvtarDamage, CutAnywhereOrChanged) {
       const CommandResult result = mvtar(dir, kReading[n % 4] + "-", whole.substr(0, n));
       EXPECT_EQ(2, result.status) << form.name << n;
       EXPECT_TRUE(result.err.rfind("mvtar: ", 0) == 0 && has(result.err, said("", 2))) << n << result.err;
+      if (has(kReading[n % 4], "--xml")) {
+        EXPECT_EQ("</tar>\r\n", result.out.substr(result.out.rfind('<'))) << form.name << n;
+      }
     }
     // Checksums: no byte changes unnoticed, but for those of a gzip header that mean nothing here.
     for (size_t at = form.name == "gz" ? 10 : 0; at < whole.size() && !plain && !lzw; at += 7) {

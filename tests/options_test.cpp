@@ -104,6 +104,10 @@ TEST(Options, WriteExactSizes) {
       const Lines whole = {"f " + std::to_string(each.before), "next 4"};
       EXPECT_EQ(!*word && each.brokenByDefault, membersOf(out.bytes) != whole);
       EXPECT_EQ(*word && changed ? Lines{"sizeChanged=" + (dir / "t/f")} : Lines{}, event.infos);
+      // A file is another way for the data: they are read into its own buffer.
+      writeFile(dir / "t/f", noise(each.before, 1));
+      EXPECT_EQ(!*word || !changed, tar.WriteTar(dir / "a.tar", &event)) << logOf(tar);
+      EXPECT_TRUE(out.bytes.substr(512) == readFile(dir / "a.tar").substr(512));
       if (!*word) continue;
       data.resize(each.before, '\0');
       EXPECT_TRUE(data == out.bytes.substr(512, each.before));

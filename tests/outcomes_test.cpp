@@ -27,6 +27,7 @@ class Place {
     setMtime(at("one"), 1700000000);
     with(kArchive);
     t.put_UntarFromDir(at("to"));
+    t.put_AbortCheckMs(1000000000);  // by time nobody is asked twice
     t.AddFile(at("one"));
     t.AddDirRoot(at("tree"));
   }
@@ -60,6 +61,10 @@ class Place {
       writeFile(at(form), run({tool, option}, archive).out);
     return t;
   }
+  ClsTar& fullDisk(const std::string& archive) {
+    sh("mkdir to; ln -s /dev/full to/f");
+    return with(archive);
+  }
   ClsTar& words(const char* words, const std::string& archive = kArchive) {
     t.put_UncommonOptions(words);
     return with(archive);
@@ -86,6 +91,18 @@ class Place {
     t.ClearDirRootsAndFiles();
     t.AddFile2(at("one"), pathInTar);
     return t;
+  }
+
+  ClsTar& verbose(ClsTar& tar) {
+    tar.put_VerboseLogging(true);
+    return tar;
+  }
+  ClsTar& most(int members) {
+    t.put_UntarMaxCount(members);
+    return t;
+  }
+  TricklingSource& source(const std::string& form) {
+    return *(m_source = std::make_unique<TricklingSource>(readFile(at(form)), 1000));
   }
 
   // A form of the archive, changed at its end.
@@ -134,6 +151,7 @@ class Place {
   ClsBinData data;
   Event m_event;
   std::unique_ptr<LimitedOutput> m_limited;
+  std::unique_ptr<TricklingSource> m_source;
   DataBuffer m_bytes;
 };
 
@@ -142,6 +160,7 @@ class Place {
 #call, [this] { return call; } \
   }
 std::vector<Outcome> Place::outcomes() {
+  static const std::string large = member("f", noise(400000, 1)) + kEnd;
   return {
       OUTCOME(t.AddDirRoot(at("tree"))),
       OUTCOME(t.AddDirRoot(at("none"))),
@@ -157,11 +176,13 @@ std::vector<Outcome> Place::outcomes() {
       OUTCOME(t.ClearDirRootsAndFiles()),
       OUTCOME(t.WriteTar(at("new"))),
       OUTCOME(t.WriteTar(at("none/new"))),
+      OUTCOME(t.WriteTar(at("tree"))),
       OUTCOME(t.WriteTar("/dev/full")),
       OUTCOME(t.WriteTar(out)),
       OUTCOME(alone("\33unclosed").WriteTar(out)),
       OUTCOME(aloneAs("").WriteTar(out)),
       OUTCOME(without("one").WriteTar(out)),
+      OUTCOME(verbose(alone(at("gone"))).WriteTar(out)),
       OUTCOME(without("tree").WriteTar(out)),
       OUTCOME(aloneAs(kLongName, "ustar").WriteTar(out)),
       OUTCOME(t.WriteTar(out, removing("one"))),
@@ -186,6 +207,8 @@ std::vector<Outcome> Place::outcomes() {
       OUTCOME(without("one").WriteTarBz2(out)),
       OUTCOME(t.WriteTarBz2(out, abortAt(3))),
       OUTCOME(t.Untar(at("tar")) == 2),
+      OUTCOME(t.Untar(source("tar")) == 2),
+      OUTCOME(most(1).Untar(at("tar")) == 1),
       OUTCOME(t.Untar(at("none")) >= 0),
       OUTCOME(with("").Untar(at("tar")) >= 0),
       OUTCOME(with(std::string(512, 'x')).Untar(at("tar")) >= 0),
@@ -208,10 +231,12 @@ std::vector<Outcome> Place::outcomes() {
       OUTCOME(cut("tar", 1024).UntarFromMemory(bytes()) >= 0),
       OUTCOME(t.UntarFromMemory(bytes(), abortAt(1)) >= 0),
       OUTCOME(t.VerifyTar(at("tar"))),
+      OUTCOME(t.VerifyTar(source("tar"))),
       OUTCOME(t.VerifyTar(at("none"))),
       OUTCOME(cut("tar", 1536).VerifyTar(at("tar"))),
       OUTCOME(t.VerifyTar(at("tar"), abortAt(1))),
       OUTCOME(t.ListXml(at("tar"), text)),
+      OUTCOME(t.ListXml(source("tar"), text)),
       OUTCOME(t.ListXml(at("none"), text)),
       OUTCOME(cut("tar", 1536).ListXml(at("tar"), text)),
       OUTCOME(with(longName("cut").substr(0, 513)).ListXml(at("tar"), text)),
@@ -222,10 +247,12 @@ std::vector<Outcome> Place::outcomes() {
       OUTCOME(cut("tar", 1024).UntarFirstMatchingToMemory(bytes(), "none", data.data())),
       OUTCOME(t.UntarFirstMatchingToBd(at("tar"), "*f", data)),
       OUTCOME(t.UntarFirstMatchingToBd(at("tar"), "none", data)),
+      OUTCOME(t.UntarFirstMatchingToBd(source("tar"), "*f", data)),
       OUTCOME(t.UntarFirstMatchingToBd(at("none"), "*f", data)),
       OUTCOME(cut("tar", 1026).UntarFirstMatchingToBd(at("tar"), "*f", data)),
       OUTCOME(cut("tar", 1024).UntarFirstMatchingToBd(at("tar"), "none", data)),
       OUTCOME(t.UntarGz(at("gz"))),
+      OUTCOME(t.UntarGz(source("gz"))),
       OUTCOME(t.UntarGz(at("none"))),
       OUTCOME(cut("gz", 9).UntarGz(at("gz"))),
       OUTCOME(t.UntarGz(at("bz2"))),
@@ -254,18 +281,24 @@ std::vector<Outcome> Place::outcomes() {
       OUTCOME(words("MaxExtensionBytes=99", longName(kLongName)).UntarGz(at("gz"))),
       OUTCOME(with(longName("n") + std::string(512, 'x')).UntarGz(at("gz"))),
       OUTCOME(sh("mkdir -p to/d; ln -s /dev/full to/d/f").UntarGz(at("gz"))),
+      OUTCOME(fullDisk(large).UntarGz(at("gz"))),
+      OUTCOME(fullDisk(member("a", noise(130000, 1)) + large).UntarGz(at("gz"))),
+      OUTCOME(fullDisk(member("f", noise(300, 1))).UntarBz2(at("bz2"))),
+      OUTCOME(with(paxHeader("path", "p") + member("f") + kEnd).UntarGz(at("gz"))),
       OUTCOME(t.UntarBz2(at("bz2"))),
       OUTCOME(t.UntarBz2(append("bz2", "more"))),
       OUTCOME(words("RequireEndOfArchive,Bz2Framed", kNoEnd).UntarBz2(at("bz2"))),
       OUTCOME(words("RequireEndOfArchive", kNoEnd).UntarBz2(at("bz2"))),
       OUTCOME(words("Bz2Framed", kCutData).UntarBz2(at("bz2"))),
       OUTCOME(words("", kCutData).UntarBz2(at("bz2"))),
+      OUTCOME(t.UntarBz2(source("bz2"))),
       OUTCOME(t.UntarBz2(at("none"))),
       OUTCOME(t.UntarBz2(at("gz"))),
       OUTCOME(cut("bz2", 50).UntarBz2(at("bz2"))),
       OUTCOME(sh("mkdir -p to/d/f").UntarBz2(at("bz2"))),
       OUTCOME(t.UntarBz2(at("bz2"), abortAt(1))),
       OUTCOME(t.UntarZ(at("Z"))),
+      OUTCOME(t.UntarZ(source("Z"))),
       OUTCOME(t.UntarZ(at("none"))),
       OUTCOME(t.UntarZ(at("gz"))),
       OUTCOME(with(kCutData).UntarZ(at("Z"))),
@@ -273,6 +306,7 @@ std::vector<Outcome> Place::outcomes() {
       OUTCOME(t.UntarZ(at("Z"), abortAt(1))),
       OUTCOME(t.UntarMemberToOutput(at("tar"), out)),
       OUTCOME(t.UntarMemberToOutput(at("gz"), out)),
+      OUTCOME(t.UntarMemberToOutput(source("Z"), out)),
       OUTCOME(t.UntarMemberToOutput(at("none"), out)),
       OUTCOME(t.UntarMemberToOutput(at("tar"), out, skippingAll())),
       OUTCOME(t.UntarMemberToOutput(at("bz2"), out, skippingAll())),

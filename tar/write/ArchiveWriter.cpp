@@ -76,7 +76,9 @@ bool ArchiveWriter::writeSingleFile(const SourceEntry& entry) {
   }
   const XString fullPath(entry.localPath);
   if (!writeFileToOutput(fullPath, pathInTar)) return memberFailed(fullPath, pathInTar);
-  return !abortedAfterMember();
+  if (abortedAfterMember()) return false;
+  m_live.refresh();
+  return true;
 }
 
 bool ArchiveWriter::writeTree(const DirRoot& root, XString& curDirRootPath) {
@@ -107,6 +109,7 @@ bool ArchiveWriter::writeTree(const DirRoot& root, XString& curDirRootPath) {
     const SourcePlace place{fullPath, tree->currentDirectory(), tree->currentName(), tree->isRegularFile()};
     if (!writeMember(place, pathInTar, tree.get())) return memberFailed(fullPath, pathInTar);
     if (abortedAfterMember()) return false;
+    m_live.refresh();
     passByIfUnreadable(place, *tree);
     if (!tree->advancePosition(m_log)) {
       const XString lost(tree->failedPath());
@@ -125,9 +128,7 @@ bool ArchiveWriter::memberFailed(const XString& fullPath, const XString& pathInT
 }
 
 bool ArchiveWriter::abortedAfterMember() {
-  const bool aborted = m_run.pm && m_run.pm->abortCheck(m_log);
-  m_live.refresh();
-  if (!aborted) return false;
+  if (!m_run.pm || !m_run.pm->abortCheck(m_log)) return false;
   m_log.LogError("Write TAR to output aborted by application.");
   return true;
 }
