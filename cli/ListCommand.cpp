@@ -70,7 +70,8 @@ std::string timeText(long long seconds) {
 // Whether nobody takes what is printed any more. `finish` says so.
 bool outputIsBroken() { return std::ferror(stdout) != 0; }
 
-class ListEvent : public MemberEvent {
+// Counts what is selected. What is printed of it, derived ones say.
+class CountEvent : public MemberEvent {
  public:
   using MemberEvent::MemberEvent;
 
@@ -80,8 +81,20 @@ class ListEvent : public MemberEvent {
   }
 
  private:
-  void onSelected(const TarMemberInfo& member) override {
+  virtual void print(const TarMemberInfo&) {}
+
+  void onSelected(const TarMemberInfo& member) final {
     count(member.isDirectory ? 0 : member.size);
+    print(member);
+  }
+};
+
+class ListEvent : public CountEvent {
+ public:
+  using CountEvent::CountEvent;
+
+ private:
+  void print(const TarMemberInfo& member) override {
     if (!m_line.verbose) {
       m_report.name(member.path);
       return;
@@ -102,18 +115,12 @@ class ListEvent : public MemberEvent {
 };
 
 // --xml of the members that are asked for: each is put into the listing as its extension records leave it.
-class XmlEvent : public MemberEvent {
+class XmlEvent : public CountEvent {
  public:
-  using MemberEvent::MemberEvent;
-
-  void onAbortCheck(bool& abort) override {
-    MemberEvent::onAbortCheck(abort);
-    abort = abort || outputIsBroken();
-  }
+  using CountEvent::CountEvent;
 
  private:
-  void onSelected(const TarMemberInfo& member) override {
-    count(member.isDirectory ? 0 : member.size);
+  void print(const TarMemberInfo& member) override {
     morvane::TarHeader header;
     header.setWholePath(member.path);
     header.m_typeFlag = member.typeFlag;
@@ -133,15 +140,6 @@ class XmlEvent : public MemberEvent {
   }
 
   morvane::XString m_entry;
-};
-
-// Everything is looked at and nothing printed.
-class SilentEvent : public MemberEvent {
- public:
-  using MemberEvent::MemberEvent;
-
- private:
-  void onSelected(const TarMemberInfo& member) override { count(member.isDirectory ? 0 : member.size); }
 };
 
 bool listNames(ReadJob& job, MemberEvent& event) { return job.archive.read(job.tar, event); }
@@ -179,14 +177,14 @@ int listArchive(const CommandLine& line) {
   if (!line.xml) return list<ListEvent>(job, line, listNames);
   // Only a run over members, which is what they go by, selects and counts.
   return line.selects() || line.totals ? list<XmlEvent>(job, line, listMembersXml)
-                                       : list<SilentEvent>(job, line, listXml);
+                                       : list<CountEvent>(job, line, listXml);
 }
 
 int verifyArchive(const CommandLine& line) {
   ReadJob job(line, false);
   if (!job.open()) return job.finish();
   job.tar.put_SuppressOutput(true);
-  SilentEvent event(job.report, job.bar, line);
+  CountEvent event(job.report, job.bar, line);
   const bool ok = job.archive.read(job.tar, event);
   job.bar.clear();
   if (ok) {
