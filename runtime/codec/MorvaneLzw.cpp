@@ -257,7 +257,6 @@ class LzwDecoder {
     m_free = free;
     m_previousCode = previousCode;
     m_previousLength = previousLength;
-    m_previousAt = base + used - previousLength;
     m_window.advance(used - m_window.used());
   }
 
@@ -286,15 +285,17 @@ class LzwDecoder {
   // Enters "the previous string and the byte behind it", which stand in the output side by side.
   void enterPrevious(char nextByte) {
     if (m_free >= 1u << m_maxBits) return;
-    m_table[m_free] = {m_previousAt, static_cast<uint16_t>(m_previousLength + 1),
+    m_table[m_free] = {previousAt(), static_cast<uint16_t>(m_previousLength + 1),
                        static_cast<uint16_t>(m_previousCode)};
     m_suffix[m_free] = nextByte;
     ++m_free;
   }
 
-  void becomePrevious(unsigned code, uint32_t at, unsigned length) {
+  // The output ends with the previous string.
+  uint32_t previousAt() const { return m_window.position() - m_previousLength; }
+
+  void becomePrevious(unsigned code, unsigned length) {
     m_previousCode = code;
-    m_previousAt = at;
     m_previousLength = length;
     m_window.advance(length);
   }
@@ -328,7 +329,7 @@ class LzwDecoder {
     }
     if (m_previousLength > 0) enterPrevious(*m_window.end());
     if (code >= kClear) m_table[code].position = at;
-    becomePrevious(code, at, length);
+    becomePrevious(code, length);
     return true;
   }
 
@@ -336,13 +337,12 @@ class LzwDecoder {
   bool produceUnfinished() {
     const unsigned length = m_previousLength + 1;
     if (!makeRoom(length)) return false;
-    const uint32_t at = m_window.position();
-    m_window.appendFrom(m_previousAt, m_previousLength);
+    m_window.appendFrom(previousAt(), m_previousLength);
     const char first = *m_window.end();
     m_window.end()[m_previousLength] = first;
     const unsigned code = m_free;
     enterPrevious(first);
-    becomePrevious(code, at, length);
+    becomePrevious(code, length);
     return true;
   }
 
@@ -373,7 +373,6 @@ class LzwDecoder {
   unsigned m_largestCode = 0;
   unsigned m_free = 0;  // the next code to enter
   unsigned m_previousCode = 0, m_previousLength = 0;
-  uint32_t m_previousAt = 0;
   uint32_t m_sweptAt = 0;
   TableEntry m_table[1u << kLargestWidth];
   char m_suffix[1u << kLargestWidth];
