@@ -53,8 +53,7 @@ bool leavesTheTarget(int error) { return error == EXDEV || error == ELOOP || err
 
 bool ConfinedDir::open(const char* target, Links links, LogBase& log) {
   m_links = links;
-  m_parent = KeptDir();
-  m_parentBefore = KeptDir();
+  forgetParents();
   m_target.reset(osOpen(target, kPathOnly));
   if (!m_target.isOpen() && errno == ENOENT && DirAutoCreate::ensureDirUtf8(target, log)) {
     m_target.reset(osOpen(target, kPathOnly));
@@ -182,10 +181,14 @@ ConfinedDir::Result ConfinedDir::openParentOf(std::string_view path, std::string
   return opened;
 }
 
-// For a kept parent that somebody has removed.
-ConfinedDir::Result ConfinedDir::reopenParentOf(std::string_view path, std::string& leaf, LogBase& log) {
+void ConfinedDir::forgetParents() {
   m_parent = KeptDir();
   m_parentBefore = KeptDir();
+}
+
+// For a kept parent that somebody has removed.
+ConfinedDir::Result ConfinedDir::reopenParentOf(std::string_view path, std::string& leaf, LogBase& log) {
+  forgetParents();
   return openParentOf(path, leaf, log);
 }
 

@@ -51,6 +51,7 @@ class ConfinedDir {
   Result openParentOf(std::string_view path, std::string& leaf, LogBase& log);
   Result reopenParentOf(std::string_view path, std::string& leaf, LogBase& log);
   Result openParent(const Parts& parts, LogBase& log);
+  void forgetParents();
   void keepParent(OsFile dir, const Parts& parts);
   Result walkToParent(const Parts& parts, LogBase& log);
   int openBeneath(const Parts& parts, size_t count);
