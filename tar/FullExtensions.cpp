@@ -96,12 +96,19 @@ bool FullExtensions::isPassedOver(char typeFlag) {
 
 void FullExtensions::clear() {
   m_global = Attributes();
+  m_hasGlobal = false;
+  forgetNext();
+}
+
+void FullExtensions::forgetNext() {
   m_next = Attributes();
+  m_hasNext = false;
 }
 
 bool FullExtensions::take(char typeFlag, std::string_view data, LogBase& log) {
   const std::string_view text = untilNul(data);
   if (text.empty()) return true;  // says nothing
+  (typeFlag == kTypePaxGlobal ? m_hasGlobal : m_hasNext) = true;
   switch (typeFlag) {
     case kTypeLongName:
       m_next.path = std::string(untilNul(data));
@@ -176,9 +183,11 @@ bool FullExtensions::takePaxRecord(std::string_view keyword, std::string_view va
 }
 
 void FullExtensions::complete(TarHeader& member) {
-  apply(m_global, m_next.takenBack, member);
-  apply(m_next, 0, member);
-  m_next = Attributes();
+  if (m_hasGlobal) apply(m_global, m_next.takenBack, member);
+  if (m_hasNext) {
+    apply(m_next, 0, member);
+    forgetNext();
+  }
   // As other tars do: before ustar, a directory was an empty file whose name ends in a slash.
   const bool regular = member.m_typeFlag == kTypeRegular || member.m_typeFlag == kTypeOldRegular;
   const std::string& path = member.m_path.str();

@@ -29,7 +29,7 @@ class FullExtensions {
   // Takes the data of a record. False, with the reason in the log, if they make no sense.
   bool take(char typeFlag, std::string_view data, LogBase& log);
   // Forgets the records meant for the next member alone: what followed them was none.
-  void forgetNext() { m_next = Attributes(); }
+  void forgetNext();
   // Puts what the records say into the member's parsed header, and forgets those that were meant for it
   // alone.
   void complete(TarHeader& member);
@@ -49,6 +49,9 @@ class FullExtensions {
 
   Attributes m_global;
   Attributes m_next;
+  // Most members have no records: they are spared looking through what there could be.
+  bool m_hasGlobal = false;
+  bool m_hasNext = false;
 };
 
 }  // namespace morvane

@@ -1,7 +1,10 @@
 #include "runtime/text/Utf8.h"
 
+#include <algorithm>
 #include <clocale>
 #include <cwctype>
+
+#include "runtime/text/Ascii.h"
 
 namespace morvane {
 
@@ -64,9 +67,11 @@ void appendUtf8Char(char32_t character, std::string& out) {
 }
 
 std::string foldCase(std::string_view text) {
-  std::string folded;
-  folded.reserve(text.size());
-  for (size_t at = 0; at < text.size();) appendUtf8Char(lowerCase(nextUtf8(text, at)), folded);
+  std::string folded = asciiLowerCase(text);
+  const auto beyondAscii = std::find_if(text.begin(), text.end(), [](char c) { return (c & 0x80) != 0; });
+  size_t at = static_cast<size_t>(beyondAscii - text.begin());
+  folded.resize(at);
+  while (at < text.size()) appendUtf8Char(lowerCase(nextUtf8(text, at)), folded);
   return folded;
 }
 

@@ -29,6 +29,8 @@ bool ClsTar::_untarFirstMatchingToOutput(_mvDataSource& source, const XString& p
   NameDecoder names;
   CharsetDecoder& decoder = names.forCharset(m_charset.str(), log);
   const WildcardPattern wanted(pattern.str(), m_matchCaseSensitive);
+  std::string bytes;
+  XString path;
   while (true) {
     bool endOfArchive = false;
     if (!header.parseFromDataSource(source, nullptr, endOfArchive, log) || endOfArchive) {
@@ -37,11 +39,10 @@ bool ClsTar::_untarFirstMatchingToOutput(_mvDataSource& source, const XString& p
       return endOfArchive;
     }
     cursor.passed(kBlockSize);
-    std::string bytes = header.m_path.str();
+    bytes = header.m_path.str();
     applyEntryPathRules(bytes, false, m_noAbsolutePaths);
-    std::string decoded;
-    decoder.append(bytes, decoded);
-    const XString path(std::move(decoded));
+    path.buffer().clear();
+    decoder.append(bytes, path.buffer());
     if (m_untarDebugLog) log.LogDataX("entry", path);
     if (logEntries) log.LogDataX("entryFilepath", path);
     if (wanted.matches(path.str())) {
