@@ -4,6 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "cli/InterruptEvent.h"
+#include "runtime/progress/ProgressMonitor.h"
+
 namespace mvtar {
 
 namespace {
@@ -28,6 +31,12 @@ std::unique_ptr<morvane::OutputFile> standardOutput() {
   const int fd = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0);
   return std::unique_ptr<morvane::OutputFile>(
       morvane::OutputFile::adopt(morvane::OsFile(fd), "standard output"));
+}
+
+bool closeOutput(morvane::OutputFile& out) {
+  InterruptEvent event;
+  morvane::ProgressMonitor monitor(event, 1, 0, 0);
+  return out.closeHandle(nullptr, &monitor);
 }
 
 }  // namespace mvtar

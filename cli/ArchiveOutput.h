@@ -12,5 +12,7 @@ namespace mvtar {
 // False, and named, when the archive would be written to a terminal.
 bool isNoTerminal(const CommandLine& line, Report& report);
 std::unique_ptr<morvane::OutputFile> standardOutput();
+// A closed pipe or a full disk may show as late as here. An interrupt ends the wait for a reader.
+bool closeOutput(morvane::OutputFile& out);
 
 }  // namespace mvtar

@@ -146,7 +146,7 @@ class CreateEvent : public morvane::ProgressEvent {
       skip = true;
       return;
     }
-    if (size == 0 || isDirectory) nameWhatIsLost(path);
+    if (size == 0 && !isDirectory) nameWhatIsLost(path);
     m_isBegun = true;
     m_size = isDirectory ? 0 : size;
     m_isDirectory = isDirectory;
@@ -199,10 +199,10 @@ class CreateEvent : public morvane::ProgressEvent {
     return m_tar.splitPathForTar(name, last, prefix, unwanted) && prefix.str().size() <= kPrefix + 1;
   }
 
-  // Links and special files become ordinary members without data.
+  // Links and special files become empty files.
   void nameWhatIsLost(const char* path) {
     struct stat status;
-    if (lstat(path, &status) != 0 || S_ISREG(status.st_mode) || S_ISDIR(status.st_mode)) return;
+    if (lstat(path, &status) != 0 || S_ISREG(status.st_mode)) return;
     m_report.problem(path, S_ISLNK(status.st_mode)    ? "a symbolic link is not kept as one"
                            : S_ISFIFO(status.st_mode) ? "a FIFO is kept as an empty file"
                            : S_ISSOCK(status.st_mode) ? "a socket is kept as an empty file"
@@ -304,8 +304,7 @@ bool write(ClsTar& tar, const CommandLine& line, morvane::ProgressEvent& event) 
   }
   const std::unique_ptr<morvane::OutputFile> out = standardOutput();
   const bool written = writeTo(*out);
-  // A closed pipe or a full disk may show as late as here.
-  return out->closeHandle() && written;
+  return closeOutput(*out) && written;
 }
 
 }  // namespace

@@ -154,7 +154,7 @@ int extractToStandardOutput(const CommandLine& line) {
   const std::unique_ptr<morvane::OutputFile> out = standardOutput();
   OutputEvent event(job.report, job.bar, line);
   bool ok = job.tar.UntarMemberToOutput(job.archive.source(), *out, &event);
-  ok = out->closeHandle() && ok;
+  ok = closeOutput(*out) && ok;
   job.bar.clear();
   if (ok) event.settle();
   const bool none = !ok && failureReason(job.tar) == "No such member.";

@@ -19,7 +19,7 @@ bool assemble(morvane::ClsTar& tar, const CommandLine& line) {
   if (!line.usesStandardStream()) return tar.CreateDeb(control, data, XString(line.archive));
   const std::unique_ptr<morvane::OutputFile> out = standardOutput();
   const bool written = tar.CreateDeb(control, data, *out);
-  return out->closeHandle() && written;
+  return closeOutput(*out) && written;
 }
 
 }  // namespace

@@ -1,13 +1,11 @@
 #include "cli/ReadArchive.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
 
-#include "cli/Interrupt.h"
+#include "cli/InterruptEvent.h"
+#include "runtime/log/LogCause.h"
 #include "tar/XmlListing.h"
 
 namespace mvtar {
@@ -17,12 +15,6 @@ namespace {
 using morvane::ArchiveKind;
 using morvane::ClsTar;
 using morvane::OsFile;
-
-// Asks whether to abort while the first bytes of a slow pipe are awaited.
-class InterruptEvent : public morvane::ProgressEvent {
- public:
-  void onAbortCheck(bool& abort) override { abort = isInterrupted(); }
-};
 
 }  // namespace
 
@@ -46,6 +38,7 @@ bool ArchiveReader::open(const CommandLine& line, Report& report) {
   } else if (!openPath(line.archive, report)) {
     return false;
   }
+  // The first bytes of a slow pipe may be long in coming.
   InterruptEvent event;
   morvane::ProgressMonitor monitor(event, 1, 0, 0);
   if (!detectArchiveKind(m_source, m_kind, &monitor, unwanted)) {
@@ -57,16 +50,11 @@ bool ArchiveReader::open(const CommandLine& line, Report& report) {
 
 // A FIFO is waited for, but an interrupt ends the wait.
 bool ArchiveReader::openPath(const std::string& path, Report& report) {
-  morvane::LogNull unwanted;
-  int fd;
-  do {
-    fd = ::open(path.c_str(), O_RDONLY | O_NOCTTY | O_CLOEXEC);
-  } while (fd < 0 && errno == EINTR && !isInterrupted());
-  if (fd < 0 && errno == ENAMETOOLONG) return m_source.openDataSourceFile(path, unwanted);
-  // A directory is what opens and is refused all the same.
-  const int error = fd < 0 ? errno : EISDIR;
-  if (fd >= 0 && m_source.adopt(OsFile(fd), path.c_str(), unwanted)) return true;
-  if (!isInterrupted()) report.problem(path, std::strerror(error));
+  InterruptEvent event;
+  morvane::ProgressMonitor monitor(event, 1, 0, 0);
+  morvane::LogCause log;
+  if (m_source.openDataSourceFile(path, log, &monitor)) return true;
+  if (!isInterrupted()) report.problem(path, log.cause().reason);
   return false;
 }
 

@@ -319,8 +319,6 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   template <class Result, class Work>
   Result method(const char* name, MethodForm form, Result failure, Work work);
   void takeOptions(LogBase& log);
-  // Tells a run that goes on that a property was set.
-  void changed() { m_changes.increment(); }
   void getString(const XString& member, XString& out);
   void putString(XString& member, const XString& value);
   ReadSettings readSettings() const;
@@ -353,7 +351,6 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   bool memberToOutput(_mvDataSource& source, _mvOutput& out, ProgressEvent* progress);
   bool listXml(_mvDataSource& source, XString& outXml, ProgressEvent* progress);
 
-  RelaxedAtomic<unsigned> m_changes = 0;
   RelaxedAtomic<bool> m_suppressOutput = false;
   RelaxedAtomic<bool> m_captureXmlListing = false;
   XString m_xmlListing;

@@ -21,7 +21,7 @@ bool ClsTar::addDirRoot(const XString* pathPrefix, const XString& dirPath) {
   if (pathPrefix) m_log.LogDataX("pathPrefix", *pathPrefix);
   m_log.LogDataX("dirPath", dirPath);
   mvFileInfo info;
-  if (!info.loadFileInfoUtf8(dirPath.getUtf8(), m_log)) return false;
+  if (!info.loadTargetInfoUtf8(dirPath.getUtf8(), m_log)) return false;
   if (!info.m_isDirectory) {
     m_log.LogError("Not a directory.");
     return false;

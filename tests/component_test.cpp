@@ -208,7 +208,6 @@ TEST(Component, MethodsAreRefusedFromCallbacks) {
   }
 }
 
-// Each callback throws in turn, in three ways.
 TEST(Component, WhatACallbackSetsHoldsFromTheNextStepOn) {
   Workplace place;
   ClsTar tar;
@@ -222,6 +221,19 @@ TEST(Component, WhatACallbackSetsHoldsFromTheNextStepOn) {
   const std::string archive = readFile(place.dir / "modes.tar");
   EXPECT_EQ("0000640", archive.substr(100, 7));
   EXPECT_EQ("0000600", archive.substr(1024 + 100, 7));
+  // The last word before the header is onInfo's, and the questions end when they are switched off.
+  struct : RecordingEvent {
+    void onInfo(const char*, const char*) override {
+      tar->put_FileMode(0611);
+      tar->put_AbortCheckMs(0);
+    }
+    ClsTar* tar;
+  } late;
+  late.tar = &tar;
+  ASSERT_TRUE(tar.WriteTar(place.at("modes.tar"), &late));
+  EXPECT_EQ("0000611", readFile(place.dir / "modes.tar").substr(100, 7));
+  EXPECT_EQ(1 + 1 + 2, late.questions) << "before writing, by the output once, after each member";
+  tar.put_AbortCheckMs(100);
   event.act = [&](const std::string& path) {
     tar.put_UntarMaxCount(1);
     tar.put_CaptureXmlListing(true);
@@ -233,6 +245,7 @@ TEST(Component, WhatACallbackSetsHoldsFromTheNextStepOn) {
   EXPECT_TRUE(exists(place.dir / "out/file"));
 }
 
+// Each callback throws in turn, in three ways.
 TEST(Component, NothingThrownInACallbackEscapes) {
   Workplace place;
   for (const Method& method : place.methods()) {

@@ -27,7 +27,7 @@ bool blames(const _mvLogger& log, const std::string& path) {
   return log.text().find("path: " + path + "\n") != std::string::npos;
 }
 
-// What a walk finds: "/" behind a directory, "@" behind a link to one, "failed" at the end of one that did.
+// What a walk finds: "/" behind a directory, "failed" at the end of one that did.
 // `visit` sees each relative path and may change the tree.
 struct Walk {
   explicit Walk(const std::string& base, bool recurse = true,
@@ -39,7 +39,7 @@ struct Walk {
     for (; ok && !tree->get_DoneIterating(); ok = tree->advancePosition(log)) {
       XString path;
       tree->get_RelativePath(path);
-      found += path.str() + (tree->get_IsDirectory() ? (tree->isEnterable() ? "/" : "@") : "") + "\n";
+      found += path.str() + (tree->get_IsDirectory() ? "/" : "") + "\n";
       if (visit) visit(path.str());
       tree->get_FullUncPath(path);
       full += path.str() + "\n";
@@ -57,25 +57,33 @@ TEST(FileInfo, WhatThereIs) {
   shell(dir.path(),
         "printf 12345 >file; mkdir dir; ln -s file to-file; ln -s dir to-dir; ln -s to-dir to-to-dir;"
         "ln -s nowhere dangling; ln -s loop loop; mkfifo fifo; ln file other");
-  // Directory, link, regular file.
-  const char* const kCases[][2] = {{"file", "--r"},   {"dir", "d--"},       {"to-file", "-l-"},
-                                   {"to-dir", "dl-"}, {"to-to-dir", "dl-"}, {"dangling", "-l-"},
-                                   {"loop", "-l-"},   {"fifo", "---"}};
+  // Directory, link, regular file; then the same for what a link points at.
+  const char* const kCases[][3] = {{"file", "--r", "--r"},      {"dir", "d--", "d--"},
+                                   {"to-file", "-l-", "--r"},   {"to-dir", "-l-", "d--"},
+                                   {"to-to-dir", "-l-", "d--"}, {"dangling", "-l-", nullptr},
+                                   {"loop", "-l-", nullptr},    {"fifo", "---", "---"}};
   _mvLogger log;
   const OsFile here(open(dir.path().c_str(), O_PATH));
-  for (const auto& [name, kind] : kCases) {
+  const auto expectKind = [](const char* kind, const mvFileInfo& info, const std::string& path) {
+    const char found[] = {info.m_isDirectory ? 'd' : '-', info.m_isSymbolicLink ? 'l' : '-',
+                          info.m_isRegularFile ? 'r' : '-', '\0'};
+    EXPECT_STREQ(kind, found) << path;
+    EXPECT_EQ(info.m_isRegularFile ? 5 : 0, info.m_size) << path;
+  };
+  for (const auto& [name, kind, targetKind] : kCases) {
     const std::string path = dir / name;
     for (const bool at : {false, true}) {
       mvFileInfo info;
       ASSERT_TRUE(at ? info.loadFileInfoAt(here.fd(), name, path.c_str(), log)
                      : info.loadFileInfoUtf8(path.c_str(), log));
-      const char found[] = {info.m_isDirectory ? 'd' : '-', info.m_isSymbolicLink ? 'l' : '-',
-                            info.m_isRegularFile ? 'r' : '-', '\0'};
-      EXPECT_STREQ(kind, found) << path;
-      EXPECT_EQ(info.m_isRegularFile ? 5 : 0, info.m_size) << path;
+      expectKind(kind, info, path);
     }
+    EXPECT_EQ("", log.text()) << "nothing of this is an error, a dangling link neither";
+    mvFileInfo target;
+    ASSERT_EQ(targetKind != nullptr, target.loadTargetInfoUtf8(path.c_str(), log)) << path;
+    if (targetKind) expectKind(targetKind, target, path);
+    log.ClearLog();
   }
-  EXPECT_EQ("", log.text()) << "nothing here is an error, a dangling link neither";
   bool ok = true;
   EXPECT_EQ(0, FileSys::fileSizeUtf8_64((dir / "file/below").c_str(), &log, ok));
   EXPECT_TRUE(!ok && blames(log, dir / "file/below"));
@@ -111,7 +119,7 @@ TEST(DirTree, OrderOfTheBytesDepthFirst) {
   shell(base,
         "mkdir empty; ln -s a link-to-dir; ln -s .. a/up; ln -s nowhere dangling; ln -s base ../base-link");
   const std::string expected =
-      " blank\nZ\na/\na/b/\na/b/y\na/up@\na/x\na-b\na.b\naa\ndangling\nempty/\nlink-to-dir@\nnew\nline\n"
+      " blank\nZ\na/\na/b/\na/b/y\na/up\na/x\na-b\na.b\naa\ndangling\nempty/\nlink-to-dir\nnew\nline\n"
       "\xC3\xA4\n\xFF\xFE/\n\xFF\xFE/in\n";
   const Walk whole(base);
   EXPECT_EQ(expected, whole.found);
@@ -119,7 +127,7 @@ TEST(DirTree, OrderOfTheBytesDepthFirst) {
   EXPECT_EQ("", whole.log.text());
   EXPECT_EQ(expected, Walk(dir / "base-link").found) << "the base may be a link";
   EXPECT_EQ(whole.full, Walk(base + "///").full) << "one slash";
-  EXPECT_EQ("b/\nup@\nx\n", Walk(base + "/a", false).found);
+  EXPECT_EQ("b/\nup\nx\n", Walk(base + "/a", false).found);
   EXPECT_EQ(base + "/a/../a/b/y\n", Walk(base + "/a/../a/b").full) << "as given";
   for (const std::string& bad : {dir / "missing", base + "/Z", base + "/dangling", std::string()}) {
     const Walk walk(bad);

@@ -62,6 +62,14 @@ TEST(Write, OrderAndNames) {
   for (const char* prefix : {"p", "p\\q/", ""}) tar.AddDirRoot2(prefix, sources.dir / "tree");
   tar.put_MustMatch("*z.sh");
   EXPECT_EQ((Lines{"d/p/z.sh 0", "d/p/q//z.sh 0", "d/z.sh 0"}), membersOf(written(tar)));
+  // A link may name a tree; in one, and as a single file, it is an empty file whatever it points at.
+  ClsTar links;
+  std::filesystem::create_directory_symlink("tree/a", sources.dir / "to-a");
+  std::filesystem::create_directory_symlink("../../tree", sources.tree + "a/e/up");
+  EXPECT_TRUE(links.AddDirRoot(sources.dir / "to-a") && links.AddFile(sources.dir / "to-a"));
+  const std::string archive = written(links);
+  EXPECT_EQ((Lines{"to-a 0", "e/ 0", "e/up 0", "f 600", kLongName + " 4"}), membersOf(archive));
+  EXPECT_EQ("050", std::string({archive[156], archive[512 + 156], archive[1024 + 156]}));
 }
 
 // Pax cuts at 999 bytes, and a ustar path that is too long goes into a record of GNU tar.
@@ -131,6 +139,15 @@ TEST(Write, ReadsAndOutputsThatAreNotThere) {
   EXPECT_FALSE(ClsTar().copySourceToOutput(source, nullptr, log));  // there is no output
   EXPECT_FALSE(ClsTar().writeOut_pm(nullptr, 0, nullptr, log));     // without a word of its own
   EXPECT_EQ("Failed to write file data to TAR output.\n", log.text());
+  // What a source does not give is not taken for copied.
+  struct : _mvDataSource {
+    bool readSourcePM(char*, unsigned, unsigned& numRead, ProgressMonitor*, LogBase&) override {
+      numRead = 0;
+      return true;
+    }
+    bool endOfStream() override { return false; }
+  } stalled;
+  EXPECT_FALSE(ClsTar().copySourceToOutput(stalled, nullptr, log));
   Sources sources;
   sources.only("/proc/self/mem");
   EXPECT_EQ(Lines{"mem 0"}, membersOf(written(sources.tar))) << "a read that fails is the file's end";
@@ -170,6 +187,8 @@ TEST(Write, AbortAtEveryQuestion) {
       EXPECT_EQ(begun && n <= questions, logHas(sources.tar, "aborted by application")) << logOf(sources.tar);
       const std::string part = readFile(path);
       EXPECT_TRUE(begun ? whole.compare(0, part.size(), part) == 0 : part == "old");
+      // What was written before stays: all but the member that was just announced.
+      EXPECT_TRUE(!begun || membersOf(part + kEnd).size() + 1 >= event.entries.size());
     }
     EXPECT_EQ(whole, readFile(path));  // fit for its next call
   }

@@ -51,7 +51,10 @@ class MORVANE_API ClsBase : public MorvaneCritSec {
   // that depends on this setting: only the questions after a written member, in the counting pass and before
   // writing remain. Default 100.
   int get_AbortCheckMs() const { return m_abortCheckMs; }
-  void put_AbortCheckMs(int milliseconds) { m_abortCheckMs = milliseconds; }
+  void put_AbortCheckMs(int milliseconds) {
+    m_abortCheckMs = milliseconds;
+    changed();
+  }
   // What a whole job counts as in ProgressEvent::onProgress. Default 100.
   int get_PercentScale() const { return m_percentScale; }
   void put_PercentScale(int scale) { m_percentScale = scale; }
@@ -67,7 +70,10 @@ class MORVANE_API ClsBase : public MorvaneCritSec {
 
  protected:
   bool isAlive() const { return m_validity == kAlive; }
+  // Tells a run that goes on that a property was set.
+  void changed() { m_changes.increment(); }
 
+  RelaxedAtomic<unsigned> m_changes = 0;
   _mvLogger m_log;
   RelaxedAtomic<int> m_abortCheckMs = 100;
   RelaxedAtomic<int> m_percentScale = 100;

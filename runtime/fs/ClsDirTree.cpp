@@ -48,7 +48,7 @@ bool ClsDirTree::beginIterate(LogBase& log) {
 
 bool ClsDirTree::advancePosition(LogBase& log) {
   if (m_levels.empty()) return true;
-  const bool enter = m_recurse && !m_passBy && isEnterable();
+  const bool enter = m_recurse && !m_passBy && get_IsDirectory();
   m_passBy = false;
   if (enter) {
     const size_t depth = m_levels.size();
@@ -171,16 +171,9 @@ unsigned char ClsDirTree::currentType() const {
   return static_cast<unsigned char>(IFTODT(status.st_mode));
 }
 
-bool ClsDirTree::isEnterable() const { return currentType() == DT_DIR; }
-
 bool ClsDirTree::isRegularFile() const { return currentType() == DT_REG; }
 
-bool ClsDirTree::get_IsDirectory() const {
-  const unsigned char type = currentType();
-  if (type != DT_LNK) return type == DT_DIR;
-  struct stat target;
-  return fstatat(currentDirectory(), currentName(), &target, 0) == 0 && S_ISDIR(target.st_mode);
-}
+bool ClsDirTree::get_IsDirectory() const { return currentType() == DT_DIR; }
 
 void ClsDirTree::get_RelativePath(XString& out) const { out = m_relativePath; }
 

@@ -41,10 +41,8 @@ class MORVANE_API ClsDirTree {
   // The directory that could not be read, after a failure.
   const std::string& failedPath() const { return m_failedPath; }
 
-  // Of the current entry. A symbolic link counts as a directory when it points at one.
+  // Of the current entry. A symbolic link is no directory, wherever it points, and is not entered.
   bool get_IsDirectory() const;
-  // The current entry is a directory that the walk will enter, so no symbolic link to one.
-  bool isEnterable() const;
   bool isRegularFile() const;  // as far as the directory says so without a look at the file
   void get_RelativePath(XString& out) const;
   void get_FullUncPath(XString& out) const;  // the base as given, one "/", the relative path

@@ -19,10 +19,10 @@ MorvaneFileTime timeOf(const timespec& time) {
 
 }  // namespace
 
-void mvFileInfo::setFromStatus(const struct stat& status, bool linkedToDirectory) {
+void mvFileInfo::setFromStatus(const struct stat& status) {
   m_isSymbolicLink = S_ISLNK(status.st_mode);
   m_isRegularFile = S_ISREG(status.st_mode);
-  m_isDirectory = m_isSymbolicLink ? linkedToDirectory : S_ISDIR(status.st_mode);
+  m_isDirectory = S_ISDIR(status.st_mode);
   m_size = S_ISREG(status.st_mode) ? status.st_size : 0;
   m_linkCount = status.st_nlink;
   m_lastModified = timeOf(status.st_mtim);
@@ -32,16 +32,17 @@ void mvFileInfo::setFromStatus(const struct stat& status, bool linkedToDirectory
   m_inode = status.st_ino;
 }
 
-bool mvFileInfo::loadFileInfoUtf8(const char* path, LogBase& log) {
+bool mvFileInfo::loadFileInfoUtf8(const char* path, LogBase& log) { return load(path, false, log); }
+
+bool mvFileInfo::loadTargetInfoUtf8(const char* path, LogBase& log) { return load(path, true, log); }
+
+bool mvFileInfo::load(const char* path, bool followLink, LogBase& log) {
   struct stat status;
-  if (osStatus(path, status, false) != 0) {
+  if (osStatus(path, status, followLink) != 0) {
     logOsError(log, kCannotExamine, path, errno);
     return false;
   }
-  struct stat target;
-  const bool linkedToDirectory =
-      S_ISLNK(status.st_mode) && osStatus(path, target, true) == 0 && S_ISDIR(target.st_mode);
-  setFromStatus(status, linkedToDirectory);
+  setFromStatus(status);
   return true;
 }
 
@@ -51,10 +52,7 @@ bool mvFileInfo::loadFileInfoAt(int directory, const char* name, const char* pat
     logOsError(log, kCannotExamine, path, errno);
     return false;
   }
-  struct stat target;
-  const bool linkedToDirectory =
-      S_ISLNK(status.st_mode) && fstatat(directory, name, &target, 0) == 0 && S_ISDIR(target.st_mode);
-  setFromStatus(status, linkedToDirectory);
+  setFromStatus(status);
   return true;
 }
 

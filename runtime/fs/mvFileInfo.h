@@ -10,9 +10,8 @@ namespace morvane {
 
 class LogBase;
 
-// A symbolic link is described as itself: its flag set and size 0, for it has no data to archive; only the
-// directory flag is that of what it points at (false when it points nowhere, which is no error). Only regular
-// files have a size.
+// A symbolic link is described as itself: its flag set, no directory, and size 0, for it has no data to
+// archive. Only regular files have a size.
 struct MORVANE_API mvFileInfo {
   bool m_isDirectory = false;
   bool m_isSymbolicLink = false;
@@ -28,14 +27,19 @@ struct MORVANE_API mvFileInfo {
 
   // False, with the reason in the log, if the path cannot be examined.
   bool loadFileInfoUtf8(const char* path, LogBase& log);
-  // The same for a name in an open directory; `path` is what the log calls it.
+  // The same for what a symbolic link at the end of the path points at.
+  bool loadTargetInfoUtf8(const char* path, LogBase& log);
+  // As loadFileInfoUtf8 for a name in an open directory; `path` is what the log calls it.
   bool loadFileInfoAt(int directory, const char* name, const char* path, LogBase& log);
-  // From what fstat or lstat found; `linkedToDirectory` counts for symbolic links only.
-  void setFromStatus(const struct stat& status, bool linkedToDirectory);
+  // From what fstat or lstat found.
+  void setFromStatus(const struct stat& status);
 
   bool isSameFile(const mvFileInfo& other) const {
     return m_device == other.m_device && m_inode == other.m_inode;
   }
+
+ private:
+  bool load(const char* path, bool followLink, LogBase& log);
 };
 
 }  // namespace morvane

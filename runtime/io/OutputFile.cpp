@@ -109,11 +109,14 @@ bool OutputFile::writeThrough(const char* bytes, size_t n, ProgressMonitor* pm, 
 bool OutputFile::getFileInfo(mvFileInfo& info) const {
   struct stat status;
   if (!m_file.isOpen() || m_file.status(status) != 0) return false;
-  info.setFromStatus(status, false);
+  info.setFromStatus(status);
   return true;
 }
 
-void OutputFile::discardBuffered() {
+void OutputFile::abandon() {
+  LogNull unwanted;
+  mvFileInfo info;
+  if (getFileInfo(info) && info.m_isRegularFile) flush(nullptr, unwanted);
   m_failed = m_failed || m_buffered > 0;
   m_buffered = 0;
 }

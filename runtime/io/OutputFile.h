@@ -47,8 +47,9 @@ class MORVANE_API OutputFile : public _mvOutput {
   // Flushes and closes; true when every byte written so far arrived. Log and monitor may be null. Closing
   // again repeats the first answer.
   bool closeHandle(LogBase* log = nullptr, ProgressMonitor* pm = nullptr);
-  // Gives up what was not written yet; the output has then failed.
-  void discardBuffered();
+  // For an aborted job: writes what is buffered to a regular file, and gives it up elsewhere, where the
+  // output has then failed.
+  void abandon();
 
   // The last-modified time / all three times (Linux has no settable creation time), through the descriptor
   // while the file is open, else through its path. A failure is logged.

@@ -1,6 +1,6 @@
-// The end of a job that wrote to an output which is not its own: what a file has buffered is flushed while
-// the monitor is still asked, or dropped when the job was aborted. It would be written in vain then, perhaps
-// into a pipe that nobody reads.
+// The end of a job that wrote to an output: what a file has buffered is flushed while the monitor is still
+// asked. Of an aborted job it still goes to a file on a disk, where what was written is to stay, and is
+// dropped for anything that may make it wait, as a pipe that nobody reads.
 #pragma once
 
 #include "runtime/io/OutputFile.h"
@@ -13,7 +13,7 @@ class OutputFlush {
   OutputFlush(_mvOutput& out, ProgressMonitor* pm)
       : m_out(out), m_file(dynamic_cast<OutputFile*>(&out)), m_pm(pm) {}
   ~OutputFlush() {
-    if (m_file && m_pm && m_pm->isAborted()) m_file->discardBuffered();
+    if (m_file && m_pm && m_pm->isAborted()) m_file->abandon();
   }
   OutputFlush(const OutputFlush&) = delete;
   OutputFlush& operator=(const OutputFlush&) = delete;

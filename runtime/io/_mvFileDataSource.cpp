@@ -100,7 +100,7 @@ bool _mvFileDataSource::getFileInfo(mvFileInfo& info, LogBase& log) const {
     logOsError(log, "Failed to get file information.", m_path.c_str(), errno);
     return false;
   }
-  info.setFromStatus(status, false);
+  info.setFromStatus(status);
   return true;
 }
 

@@ -44,6 +44,8 @@ class MORVANE_API _mvFileDataSource : public _mvDataSource {
   // Reads up to n bytes as the system gives them, without reading ahead and without telling a monitor. None
   // is the end.
   bool readOnce(char* buffer, unsigned n, unsigned& got, LogBase& log);
+  // The buffer that lending and peeking take, made now. False, with the reason in the log, without memory.
+  bool makeWindow(LogBase& log);
   bool endOfStream() override;
   // Any position from 0 on; reads past the end yield nothing. After a failed seek every read fails.
   bool fseekAbsolute64(long long position, LogBase& log) override;
@@ -60,7 +62,6 @@ class MORVANE_API _mvFileDataSource : public _mvDataSource {
   bool readSystem(char* buffer, unsigned n, unsigned& got, ProgressMonitor* pm, LogBase& log);
   bool fillWindow(ProgressMonitor* pm, LogBase& log);
   bool mayGoOn(unsigned moved, ProgressMonitor* pm, LogBase& log);
-  bool makeWindow(LogBase& log);
   void noteCopyEnd(unsigned wanted, unsigned got);
 
   OsFile m_file;

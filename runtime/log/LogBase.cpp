@@ -55,6 +55,13 @@ void LogBase::LogError(const char* text) {
   writeText(text);
 }
 
+void LogBase::adoptCause(const LogBase& other) {
+  if (!m_cause.message.empty() || other.m_cause.message.empty()) return;
+  m_cause = other.m_cause;
+  m_cause.depth = contextDepth();
+  m_cause.open = false;
+}
+
 void LogBase::LogData(const char* tag, const char* value) {
   if (!keepsLines()) return;
   const std::string shown = shortened(value);

@@ -63,6 +63,8 @@ class MORVANE_API LogBase {
   };
   const Cause& cause() const { return m_cause; }
   void forgetCause() { m_cause = Cause(); }
+  // Takes over what a failure in another log is put down to, if no error stands here yet.
+  void adoptCause(const LogBase& other);
 
   // Puts the names of the open contexts down even if nothing is written in them.
   void showContexts();

@@ -158,6 +158,7 @@ bool ArchiveWriter::writeMember(const SourcePlace& place, XString& pathInTar, Cl
     m_log.LogError("TAR aborted by application. (2)");
     return false;
   }
+  m_live.refresh();
   if (m_run.settings.options.skipUnreadable && !canBeRead(place, info, tree)) return leftOutUnreadable(place);
   if (!writeTarHeaderToOutput(m_run, pathInTar, info)) {
     m_log.LogError("Failed to write TAR header.");
@@ -190,13 +191,14 @@ bool ArchiveWriter::isSkippedByEvent(const SourcePlace& place, const mvFileInfo&
     return true;
   }
   ProgressMonitor::pprogressInfo(*m_run.event, "pathInTar", pathInTar.getUtf8());
+  m_live.refresh();
   return false;
 }
 
 // Whether the member's data, or a directory's names, can be read at all; the reason why not is in the log.
 bool ArchiveWriter::canBeRead(const SourcePlace& place, const mvFileInfo& info, ClsDirTree* tree) {
   if (info.m_isSymbolicLink) return true;
-  if (info.m_isDirectory && tree) return !tree->isEnterable() || tree->prepareToEnter(m_log);
+  if (info.m_isDirectory && tree) return tree->prepareToEnter(m_log);
   if (!info.m_isRegularFile && !info.m_isDirectory) return true;
   return m_source.open(place, info, m_log) && (info.m_size == 0 || m_source.readFirst(m_log));
 }
@@ -204,7 +206,7 @@ bool ArchiveWriter::canBeRead(const SourcePlace& place, const mvFileInfo& info, 
 // With SkipUnreadable: a directory that was left out by the filter or the event may still hold members. One
 // that was to be archived has been looked at before its header was written.
 bool ArchiveWriter::passByIfUnreadable(const SourcePlace& place, ClsDirTree& tree) {
-  if (!m_run.settings.options.skipUnreadable || !tree.isEnterable() || tree.isPrepared()) return true;
+  if (!m_run.settings.options.skipUnreadable || !tree.get_IsDirectory() || tree.isPrepared()) return true;
   return tree.prepareToEnter(m_log) || leftOutUnreadable(place);
 }
 
@@ -291,7 +293,8 @@ bool ArchiveWriter::copyFile(long long most, long long& copied) {
       if (!putDataPiece(bytes + done, std::min(got - done, kPieceSize))) return false;
     }
   }
-  return copyPieces(m_source.data(), most, copied);
+  // A file that there is no memory to read is not one whose read failed.
+  return m_source.data().makeWindow(m_log) && copyPieces(m_source.data(), most, copied);
 }
 
 // The same from any source. It is read without the monitor: an abort is for the output path to report, while
@@ -310,7 +313,10 @@ bool ArchiveWriter::copyPieces(_mvDataSource& source, long long most, long long&
     if (!ok) return true;
     // A read of nothing is no end, but a source that gives nothing else has none to wait for.
     emptyReads = got == 0 ? emptyReads + 1 : 0;
-    if (emptyReads == kMostEmptyReads) return true;
+    if (emptyReads == kMostEmptyReads) {
+      m_log.LogError("The source gives no more data and does not end.");
+      return false;
+    }
     if (got == 0) continue;
     copied += got;
     if (!putDataPiece(bytes, got)) return false;

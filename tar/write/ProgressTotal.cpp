@@ -21,15 +21,17 @@ constexpr long long kAborted = -1;
 
 class Counter {
  public:
-  Counter(const NameFilter& filter, bool skipsExcluded, LogBase& log, ProgressMonitor* pm)
-      : m_filter(filter), m_skipsExcluded(skipsExcluded), m_log(log), m_pm(pm) {}
+  Counter(LiveSettings<WriteSettings> live, LogBase& log, ProgressMonitor* pm)
+      : m_live(std::move(live)), m_log(log), m_pm(pm) {
+    m_live.refresh();
+  }
 
   long long total() const { return m_total; }
   bool gaveUp() const { return m_gaveUp; }
 
   void addFile(const StringBuffer& entry) {
     const SourceEntry source = parseSourceEntry(entry.str());
-    if (!source.isClosed || m_filter.excludes(source.localPath)) return;
+    if (!source.isClosed || excludes(source.localPath)) return;
     bool ok = true;
     const long long size = FileSys::fileSizeUtf8_64(source.localPath.c_str(), &m_quiet, ok);
     if (ok) m_total = saturatedSum(m_total, size);
@@ -46,8 +48,8 @@ class Counter {
     while (walking && !tree->get_DoneIterating()) {
       XString fullPath;
       tree->get_FullUncPath(fullPath);
-      if (m_filter.excludes(fullPath.str())) {
-        if (m_skipsExcluded) walking = tree->advancePosition(m_quiet);
+      if (excludes(fullPath.str())) {
+        if (m_live.now().options.countSkipsExcluded) walking = tree->advancePosition(m_quiet);
         continue;
       }
       if (!tree->get_IsDirectory()) {
@@ -58,14 +60,16 @@ class Counter {
         }
       }
       if (m_pm && m_pm->abortCheck(m_log)) return false;
+      m_live.refresh();
       walking = tree->advancePosition(m_quiet);
     }
     return true;
   }
 
  private:
-  const NameFilter& m_filter;
-  const bool m_skipsExcluded;
+  bool excludes(const std::string& path) const { return m_live.now().filter.excludes(path); }
+
+  LiveSettings<WriteSettings> m_live;
   LogBase& m_log;
   ProgressMonitor* const m_pm;
   LogNull m_quiet;  // what cannot be read is said when it is written
@@ -76,10 +80,9 @@ class Counter {
 }  // namespace
 
 long long calcTotalProgressForWrite(const ExtPtrArraySb& files, const ExtPtrArray& dirRoots,
-                                    const NameFilter& filter, bool skipsExcluded, LogBase& log,
-                                    ProgressMonitor* pm) {
+                                    LiveSettings<WriteSettings> live, LogBase& log, ProgressMonitor* pm) {
   LogContextExitor context(log, "calcTotalProgressForWrite");
-  Counter counter(filter, skipsExcluded, log, pm);
+  Counter counter(std::move(live), log, pm);
   for (int i = 0; i < dirRoots.getSize(); ++i) {
     const auto* const root = static_cast<const DirRoot*>(dirRoots.elementAt(i));
     if (root && !counter.addTree(*root)) return kAborted;

@@ -3,12 +3,10 @@
 
 #include "runtime/base/ExtPtrArray.h"
 #include "runtime/text/ExtPtrArraySb.h"
-#include "tar/NameFilter.h"
+#include "tar/LiveSettings.h"
+#include "tar/write/WriteRun.h"
 
 namespace morvane {
-
-class LogBase;
-class ProgressMonitor;
 
 // Headers and padding are not counted. -1 when the application aborted. What cannot be read counts 0; a tree
 // that cannot be walked further ends the count early.
@@ -16,7 +14,6 @@ class ProgressMonitor;
 // An entry of a directory tree that the filter excludes is examined again and again: the count then never
 // ends. `skipsExcluded` (the word CountSkipsExcluded) makes it go on.
 long long calcTotalProgressForWrite(const ExtPtrArraySb& files, const ExtPtrArray& dirRoots,
-                                    const NameFilter& filter, bool skipsExcluded, LogBase& log,
-                                    ProgressMonitor* pm);
+                                    LiveSettings<WriteSettings> live, LogBase& log, ProgressMonitor* pm);
 
 }  // namespace morvane

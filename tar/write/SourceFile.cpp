@@ -14,7 +14,7 @@ bool SourceFile::examine(const SourcePlace& place, bool mayOpen, mvFileInfo& inf
     OsFile file(osOpenSource(place.directory, place.name));
     struct stat status;
     if (file.isOpen() && file.status(status) == 0 && S_ISREG(status.st_mode)) {
-      info.setFromStatus(status, false);
+      info.setFromStatus(status);
       m_data.adoptForCopy(std::move(file), path, info.m_size);
       m_open = true;
       return true;

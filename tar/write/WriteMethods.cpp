@@ -100,8 +100,7 @@ bool ClsTar::endGzip(_mvOutput& out, unsigned int crc32, unsigned int size) {
 }
 
 long long ClsTar::calcTotalProgressForWrite(LogBase& log, ProgressMonitor* pm) {
-  return morvane::calcTotalProgressForWrite(m_files, m_dirRoots, writeSettings().filter,
-                                            m_options.countSkipsExcluded, log, pm);
+  return morvane::calcTotalProgressForWrite(m_files, m_dirRoots, liveWriteSettings(), log, pm);
 }
 
 bool ClsTar::writeTarToOutput(_mvOutput& out, ProgressMonitor* pm, LogBase& log, ProgressEvent* progress) {
