@@ -99,19 +99,20 @@ class ListEvent : public CountEvent {
       m_report.name(member.path);
       return;
     }
-    // The owner's and the size's columns widen as they need to.
+    // The owner's and the size's columns widen as they need to, within reason.
     const std::string owner = ownerText(member);
     const std::string size = std::to_string(member.size);
-    constexpr size_t kColumns = 19;
-    m_width = std::max({m_width, owner.size() + 1 + size.size(), kColumns});
-    const std::string gap(m_width - owner.size() - size.size(), ' ');
+    const size_t needed = owner.size() + 1 + size.size();
+    m_width = std::max(m_width, std::min(needed, kWidest));
+    const std::string gap(1 + m_width - std::min(needed, m_width), ' ');
     const char* const link = member.typeFlag == '2' ? " -> " : member.typeFlag == '1' ? " link to " : "";
     m_report.name(member.path,
                   modeText(member) + " " + owner + gap + size + " " + timeText(member.mtime) + " ",
                   *link ? link + shown(member.linkPath) : "");
   }
 
-  size_t m_width = 0;
+  static constexpr size_t kWidest = 80;
+  size_t m_width = 19;
 };
 
 // --xml of the members that are asked for: each is put into the listing as its extension records leave it.

@@ -2,6 +2,8 @@
 // what the archive says of it stays at hand until its entry is decided.
 #pragma once
 
+#include <algorithm>
+#include <limits>
 #include <string>
 
 #include "cli/Interrupt.h"
@@ -60,7 +62,7 @@ class MemberEvent : public morvane::ProgressEvent {
   virtual void onSelected(const morvane::TarMemberInfo& member) = 0;
   void count(long long bytes) {
     ++m_members;
-    m_bytes += bytes;
+    m_bytes += std::min(bytes, std::numeric_limits<long long>::max() - m_bytes);
   }
   // A member's data are next; what becomes of them shows later. The path must stay until the next header.
   void begin(std::string_view path, long long bytes) {

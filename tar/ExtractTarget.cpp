@@ -75,7 +75,10 @@ ExtractTarget::Outcome ExtractTarget::createFile(const MemberPath& path, const R
   if (!tells) file.reset(OutputFile::createFileUtf8(outputPath, firstTry));
   if (file) return Outcome::Ok;
   StringBuffer parent;
-  if (!DirAutoCreate::ensureFileUtf8(outputPath, parent, directoryLog)) return Outcome::NoParent;
+  if (!DirAutoCreate::ensureFileUtf8(outputPath, parent, directoryLog)) {
+    log.adoptCause(directoryLog);
+    return Outcome::NoParent;
+  }
   if (tells) log.LogDataX(creatingTag, path.outputPath());
   file.reset(OutputFile::createFileUtf8(outputPath, log));
   return file ? Outcome::Ok : Outcome::NotCreated;
@@ -90,8 +93,9 @@ ExtractTarget::Outcome ExtractTarget::makeDirectory(const MemberPath& path, cons
     return outcomeOf(m_confined.makeDirectory(path.entryPath().str(), log));
   }
   if (path.outputPath().isEmpty()) return Outcome::Ok;  // where the process stands
-  const bool made = DirAutoCreate::ensureDirUtf8(path.outputPath().getUtf8(), directoryLog);
-  return made ? Outcome::Ok : Outcome::NotCreated;
+  if (DirAutoCreate::ensureDirUtf8(path.outputPath().getUtf8(), directoryLog)) return Outcome::Ok;
+  log.adoptCause(directoryLog);
+  return Outcome::NotCreated;
 }
 
 bool leavesOut(ExtractTarget::Outcome outcome, const MemberPath& path, const ReadSettings& settings,

@@ -11,6 +11,8 @@ namespace morvane {
 namespace {
 
 constexpr unsigned kNanosecondDigits = 9;
+// A global name is copied into every member.
+constexpr size_t kLongestGlobalName = 1024;
 
 bool malformed(LogBase& log, const char* why, std::string_view about) {
   log.LogError(why);
@@ -139,6 +141,11 @@ bool FullExtensions::takePaxRecord(std::string_view keyword, std::string_view va
   Attributes& to = global ? m_global : m_next;
   if (global && (keyword == "path" || keyword == "linkpath" || keyword == "size")) {
     log.LogNotice("A global PAX record that can hold for one member only is ignored.");
+    log.LogData("paxName", std::string(keyword).c_str());
+    return true;
+  }
+  if (global && (keyword == "uname" || keyword == "gname") && value.size() > kLongestGlobalName) {
+    log.LogNotice("A global PAX record is too long to hold for every member and is ignored.");
     log.LogData("paxName", std::string(keyword).c_str());
     return true;
   }

@@ -65,7 +65,7 @@ void TarHeader::clear() {
   m_paxFieldsSet = m_mode = m_uid = m_gid = m_mtime = m_atime = m_ctime = 0;
   m_size = 0;
   m_typeFlag = '\0';
-  m_isDirectory = false;
+  m_isDirectory = m_sparseMapGoesOn = false;
   for (auto* owned : {&m_linkPath, &m_userName, &m_groupName}) owned->reset();
   for (TarTime* time : {&m_exactMtime, &m_exactAtime, &m_exactCtime}) *time = TarTime();
 }

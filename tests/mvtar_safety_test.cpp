@@ -46,7 +46,7 @@ TEST(MvtarSources, LinksAndSpecialFilesAreNamed) {
               "/dev/null: leading '/' is left off\n/dev/null: a device is kept as an empty file\n"
               "d/link: a symbolic link is not kept as one\nd/linkdir: a symbolic link is not kept as one\n"
               "d/pipe: a FIFO is kept as an empty file\nd/sock: a socket is kept as an empty file");
-  expectMvtar(dir, "-tf a.tar", 0, "d/\ndev/null\nd/f\nd/hard\nd/link\nd/linkdir/\nd/pipe\nd/sock\n");
+  expectMvtar(dir, "-tf a.tar", 0, "d/\ndev/null\nd/f\nd/hard\nd/link\nd/linkdir\nd/pipe\nd/sock\n");
 }
 
 TEST(MvtarSources, AnArchiveIsNotPutIntoItself) {
@@ -153,7 +153,9 @@ TEST(MvtarDamage, WhatIsNoArchive) {
   must(dir,
        "mkdir dir && : > empty && seq 2000 > text && gzip -nk text && printf BZh > bz && printf '\\037\\235' "
        "> Z");
-  for (const std::string name : {"empty", "text", "text.gz", "bz", "Z", "none", "dir", "text/x"}) {
+  const std::string longName(300, 'a');
+  for (const std::string& name :
+       Words{"empty", "text", "text.gz", "bz", "Z", "none", "dir", "text/x", longName}) {
     for (const std::string& reading : kReading) {
       const CommandResult result = mvtar(dir, reading + name);
       EXPECT_EQ(2, result.status) << name;
@@ -305,6 +307,14 @@ TEST(MvtarTarget, MayBeLeftWithP) {
   writeFile(dir / "b.tar", hostile("f"));
   expect(shell(dir, "cd t/in; mvtar -xf ../../b.tar -C ../../new/../other"), 0, "", "");
   EXPECT_EQ("evil", readFile(dir / "other/f"));
+  // And what cannot be made is named with its reason as well.
+  writeFile(dir / "a.tar", hostile("file/ file/f last"));
+  makeForms(dir);
+  for (const Form& form : kForms) {
+    must(dir, "rm -rf here && mkdir here && touch here/file");
+    expectMvtar(dir, "-xP -C here -f a." + form.name, 2, "", "file/: File exists\nfile/f: Not a directory");
+    EXPECT_EQ("evil", readFile(dir / "here/last"));
+  }
 }
 
 TEST(MvtarTarget, LinksPlantedBetweenTwoMembers) {
@@ -366,9 +376,10 @@ TEST(MvtarInterrupt, WhileWriting) {
   ScratchDir dir;
   must(dir,
        "mkdir x && head -c 20M /dev/urandom > x/f && truncate -s 100G huge && mvtar -cf a.tar x && "
-       "gzip -1 < a.tar > a.tgz && head -c 70000 x/f > s && mvtar -cf small.tar s");
-  for (const char* line :
-       {"-c -f - x", "-cz -f - x", "-cj -f - x", "-xO -f a.tar", "-xO -f a.tgz", "-xO -f small.tar"}) {
+       "gzip -1 < a.tar > a.tgz && head -c 70000 x/f > s && mvtar -cf small.tar s && head -c 68000 small.tar "
+       "> cut.tar");
+  for (const char* line : {"-c -f - x", "-cz -f - x", "-cj -f - x", "-xO -f a.tar", "-xO -f a.tgz",
+                           "-xO -f small.tar", "-xO -f cut.tar"}) {
     Running command(dir, std::string("exec mvtar ") + line);
     ASSERT_TRUE(command.waitsForReader()) << line;
     expectInterrupted(command, split(line, ' ')[2] + (line[1] == 'c' ? kIncomplete : kReadInPart));

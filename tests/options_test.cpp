@@ -269,6 +269,20 @@ TEST(Options, FullRead) {
                 logHas(tar, "A global PAX record that can hold for one member only is ignored."));
     }
   }
+  // A name for every member is kept short.
+  for (const size_t length : {1024u, 1025u}) {
+    const std::string owner(length, 'u');
+    ClsTar tar;
+    tar.put_UncommonOptions("FullRead");
+    tar.put_CaptureXmlListing(true);
+    tar.put_SuppressOutput(true);
+    EXPECT_EQ(1, untar(tar, member("g", paxRecord("uname", owner), 'g') + member("m") + kEnd));
+    XString xml;
+    tar.get_XmlListing(xml);
+    EXPECT_EQ(length == 1024, xml.str().find(owner) != std::string::npos);
+    EXPECT_EQ(length == 1025,
+              logHas(tar, "A global PAX record is too long to hold for every member and is ignored."));
+  }
   // A NUL does not cut the name that a file gets, and times reach it with their fractions.
   ScratchDir dir;
   ClsTar tar;

@@ -1,5 +1,6 @@
 // Runs an action when the scope ends, on every path out of it:
 //   ScopeExit closeListing([&] { listing.finish(); });
+// What the action throws stays in it: it may run because of another exception.
 #pragma once
 
 #include <utility>
@@ -10,7 +11,12 @@ template <class Action>
 class ScopeExit {
  public:
   explicit ScopeExit(Action action) : m_action(std::move(action)) {}
-  ~ScopeExit() { m_action(); }
+  ~ScopeExit() {
+    try {
+      m_action();
+    } catch (...) {
+    }
+  }
   ScopeExit(const ScopeExit&) = delete;
   ScopeExit& operator=(const ScopeExit&) = delete;
 

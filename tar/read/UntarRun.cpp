@@ -6,8 +6,8 @@
 #include "runtime/buffer/DataBuffer.h"
 #include "runtime/io/OutputDataBuffer.h"
 #include "runtime/io/_mvDataSource.h"
+#include "runtime/log/LogCause.h"
 #include "runtime/log/LogContextExitor.h"
-#include "runtime/log/LogNull.h"
 #include "tar/PaxRecords.h"
 #include "tar/TarBlock.h"
 #include "tar/XmlEntry.h"
@@ -295,8 +295,8 @@ bool UntarRun::extractDirectory(bool& leftOut) {
   if (m_settings.untarDiscardPaths) return true;
   if (m_settings.untarDebugLog) m_log.LogDataX("dir", m_path.entryPath());
   if (m_log.verbose()) m_log.LogDataX("createDir", m_path.outputPath());
-  LogNull unwanted;
-  const auto outcome = m_target.makeDirectory(m_path, m_settings, m_log.verbose() ? m_log : unwanted, m_log);
+  LogCause quiet;
+  const auto outcome = m_target.makeDirectory(m_path, m_settings, m_log.verbose() ? m_log : quiet, m_log);
   leftOut = leavesOut(outcome, m_path, m_settings, m_context.event, m_log);
   return leftOut || outcome == ExtractTarget::Outcome::Ok ||
          failWith("Unable to create directory", "dirPath", m_path.outputPath());
@@ -305,14 +305,15 @@ bool UntarRun::extractDirectory(bool& leftOut) {
 bool UntarRun::extractFile(bool& leftOut) {
   if (m_settings.untarDebugLog) m_log.LogDataX("file", m_path.entryPath());
   if (m_log.verbose()) m_log.LogDataX("outputFile", m_path.outputPath());
-  LogNull unwanted;
+  LogCause quiet;
   std::unique_ptr<OutputFile> file;
-  LogBase& directoryLog = m_log.verbose() ? m_log : unwanted;
+  LogBase& directoryLog = m_log.verbose() ? m_log : quiet;
   const bool confined = m_settings.options.confine != Confine::Off;
   // Where plain creation fails, extractToFile tries again and says why.
   bool triesAgain = !confined && !m_settings.options.skipUncreatable;
   const ExtractTarget::Outcome outcome =
-      m_target.createFile(m_path, m_settings, nullptr, directoryLog, triesAgain ? unwanted : m_log, file);
+      m_target.createFile(m_path, m_settings, nullptr, directoryLog, triesAgain ? quiet : m_log, file);
+  if (outcome == ExtractTarget::Outcome::NoParent) m_log.adoptCause(quiet);
   triesAgain = triesAgain && outcome == ExtractTarget::Outcome::NotCreated;
   leftOut = leavesOut(outcome, m_path, m_settings, m_context.event, m_log);
   if (leftOut) return true;

@@ -64,18 +64,13 @@ bool ClsTar::untarCompressed(_mvDataSource& source, ProgressEvent* progress, Dec
   BufferedDataSource buffered(source);
   _mvDataSource& lending = source.canLend() ? source : buffered;
   m_archiveSource = dynamic_cast<const _mvFileDataSource*>(&source);
-  bool flushed = true;
-  bool ok = false;
-  {
-    // The output of a run that was not finished stays open, also after an exception.
-    ScopeExit keepWhatArrived([&] {
-      flushed = m_stream->flushOpenOutput(pm.getPm(), m_log);
-      m_stream->releaseTarget();
-      m_archiveSource = nullptr;
-    });
-    ok = (this->*decompress)(lending, pm.getPm(), m_log);
-  }
-  ok = ok && flushed;
+  // The output of a run that was not finished stays open, also after an exception.
+  ScopeExit letGo([this] {
+    m_stream->releaseTarget();
+    m_archiveSource = nullptr;
+  });
+  const bool read = (this->*decompress)(lending, pm.getPm(), m_log);
+  const bool ok = m_stream->flushOpenOutput(pm.getPm(), m_log) && read;
   if (ok) pm.consumeRemaining(m_log);
   return ok;
 }

@@ -6,8 +6,8 @@
 
 #include "runtime/io/ForwardingOutput.h"
 #include "runtime/io/OutputDataBuffer.h"
+#include "runtime/log/LogCause.h"
 #include "runtime/log/LogContextExitor.h"
-#include "runtime/log/LogNull.h"
 #include "runtime/progress/ProgressMonitor.h"
 #include "tar/PaxRecords.h"
 #include "tar/TarBlock.h"
@@ -61,7 +61,7 @@ void StreamingUntar::BeginStreamingUntar() {
   m_streamOk = true;
   m_streamExtData.clear();
   m_streamPosition = 0;
-  m_endMarkSeen = m_memberFound = m_inSparseMap = false;
+  m_endMarkSeen = m_memberFound = m_memberComplete = m_inSparseMap = false;
   m_extensions.clear();
   beginUnframed();
 }
@@ -233,8 +233,12 @@ bool StreamingUntar::finishEntry(int variant, ProgressMonitor* pm, LogBase& log)
   if (log.verbose() && isWriteVariantPadded(variant)) {
     log.LogDataLong(("numPaddingBytesLeft" + number).c_str(), m_streamPaddingLeft);
   }
+  if (m_memberFound && ok) completeMember();
   return ok;
 }
+
+// The wanted member has arrived: what comes behind it in the same piece is not looked at.
+void StreamingUntar::completeMember() { m_memberComplete = m_streamFinished = true; }
 
 bool StreamingUntar::closeOutputFile(ProgressMonitor* pm, LogBase& log) {
   return m_streamOutFile->closeHandle(&log, pm);
@@ -417,12 +421,13 @@ bool StreamingUntar::beginFile(bool skipped, bool& finished, ProgressMonitor* pm
   }
   m_streamExpectedSize = m_streamBytesLeft = m_streamHeader.m_size;
   m_streamBytesWritten = 0;
+  if (m_memberFound && m_streamBytesLeft == 0) completeMember();
   return true;
 }
 
 bool StreamingUntar::createOutputFile(bool& leftOut, bool& finished, ProgressMonitor* pm, LogBase& log) {
-  LogNull unwanted;
-  LogBase& directoryLog = log.verbose() ? log : unwanted;
+  LogCause quiet;
+  LogBase& directoryLog = log.verbose() ? log : quiet;
   std::unique_ptr<OutputFile> file;
   const auto outcome = m_target.createFile(m_path, m_settings, "creatingFile", directoryLog, log, file);
   leftOut = leavesOut(outcome, m_path, m_settings, pm ? &pm->event() : nullptr, log);
@@ -446,8 +451,8 @@ bool StreamingUntar::beginDirectory(bool skipped, bool& finished, ProgressMonito
     return true;
   }
   if (log.verbose()) log.LogDataX("creatingDir", m_path.outputPath());
-  LogNull unwanted;
-  const auto outcome = m_target.makeDirectory(m_path, m_settings, log.verbose() ? log : unwanted, log);
+  LogCause quiet;
+  const auto outcome = m_target.makeDirectory(m_path, m_settings, log.verbose() ? log : quiet, log);
   if (outcome == ExtractTarget::Outcome::Ok) return true;
   if (!leavesOut(outcome, m_path, m_settings, pm ? &pm->event() : nullptr, log)) {
     return stop("Failed to ensure untar directory.", finished, log);

@@ -43,7 +43,7 @@ class StreamingUntar {
   // skipped into `out`, and is then done. Null goes back to files.
   void extractFirstMemberInto(_mvOutput* out) { m_memberOutput = out; }
   // Whether such a member was found and all of its data have arrived.
-  bool memberIsComplete() const { return m_memberFound && m_streamBytesLeft == 0; }
+  bool memberIsComplete() const { return m_memberComplete; }
 
   // Before bytes that go on from the state of the last run: nothing of that run's target or names is kept.
   void beginUnframed();
@@ -77,6 +77,7 @@ class StreamingUntar {
   bool write(const char* bytes, unsigned n, int variant, ProgressMonitor* pm, LogBase& log);
   bool writeHasFailed(int variant, LogBase& log);
   bool finishEntry(int variant, ProgressMonitor* pm, LogBase& log);
+  void completeMember();
   bool closeOutputFile(ProgressMonitor* pm, LogBase& log);
   void eat(unsigned n);
   void setOutput(std::unique_ptr<_mvOutput> output, OutputFile* file);
@@ -102,6 +103,7 @@ class StreamingUntar {
   long long m_streamPosition = 0;  // bytes consumed: where the next header begins
   _mvOutput* m_memberOutput = nullptr;
   bool m_memberFound = false;
+  bool m_memberComplete = false;
   long long m_headerPosition = 0;  // of the current entry
   bool m_inSparseMap = false;      // between the current entry's header and its data
   bool m_endMarkSeen = false;
