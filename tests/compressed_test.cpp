@@ -284,5 +284,18 @@ TEST_F(Compressed, WhatOtherTarsWrite) {
   }
 }
 
+TEST_F(Compressed, WhatArrivedBeforeAnExceptionIsOnTheDisk) {
+  writeFile(m_dir / "big", noise(300000, 1));
+  m_tar.AddFile(m_dir / "big");
+  ASSERT_TRUE(m_tar.WriteTarGz(m_dir / "a.tgz"));
+  struct : ProgressEvent {
+    void onProgress(int percent, bool&) override {
+      if (percent >= 40) throw std::runtime_error("enough");
+    }
+  } event;
+  EXPECT_FALSE(m_tar.UntarGz(m_dir / "a.tgz", &event));
+  EXPECT_LT(60000u, std::filesystem::file_size(m_dir / "out/big"));
+}
+
 }  // namespace
 }  // namespace morvane::testing

@@ -74,6 +74,22 @@ TEST(Options, SkipUnreadable) {
       EXPECT_EQ(*word ? 1 : 0, countInLog(tar, "It cannot be read and is left out.\n"));
     }
   }
+  // A file that has become a directory is not entered, nor another one in its place.
+  ScratchDir dir;
+  for (const char* file : {"t/a", "t/b", "t/c/x"}) writeFile(dir / file, "x");
+  ClsTar tar;
+  tar.AddDirRoot(dir / "t");
+  tar.put_UncommonOptions("SkipUnreadable,NoTotal");
+  ActingEvent event;
+  event.skipEntry = dir / "t/c";
+  event.act = [&](const std::string& path) {
+    if (path != dir / "t/a") return;
+    std::filesystem::remove(dir / "t/b");
+    writeFile(dir / "t/b/other", "x");
+  };
+  LimitedOutput out;
+  EXPECT_TRUE(tar.WriteTar(out, &event)) << logOf(tar);
+  EXPECT_EQ((Lines{"a 1", "b/ 0", "c/x 1"}), membersOf(out.bytes));
 }
 
 // A file that has another size when it is read than when it was examined.

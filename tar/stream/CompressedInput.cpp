@@ -69,8 +69,12 @@ bool ClsTar::untarCompressed(_mvDataSource& source, ProgressEvent* progress, Dec
     m_stream->releaseTarget();
     m_archiveSource = nullptr;
   });
-  const bool read = (this->*decompress)(lending, pm.getPm(), m_log);
-  const bool ok = m_stream->flushOpenOutput(pm.getPm(), m_log) && read;
+  bool read = false, flushed = false;
+  {
+    ScopeExit keepWhatArrived([&] { flushed = m_stream->flushOpenOutput(pm.getPm(), m_log); });
+    read = (this->*decompress)(lending, pm.getPm(), m_log);
+  }
+  const bool ok = read && flushed;
   if (ok) pm.consumeRemaining(m_log);
   return ok;
 }

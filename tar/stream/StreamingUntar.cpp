@@ -382,7 +382,7 @@ bool StreamingUntar::beginEntry(bool& finished, ProgressMonitor* pm, LogBase& lo
 
 bool StreamingUntar::isSkipped(ProgressMonitor* pm, LogBase&) {
   if (m_settings.filter.excludes(m_path.entryPath().str())) return true;
-  bool skip = m_memberOutput && (m_memberFound || m_streamHeader.m_isDirectory);
+  bool skip = m_memberOutput && m_streamHeader.m_isDirectory;
   if (m_memberOutput ? skip : m_settings.suppressOutput) return true;
   if (pm && (m_memberOutput || m_settings.options.entryEvents)) {
     pm->event().onTarEntry(m_path.outputPath().getUtf8(),

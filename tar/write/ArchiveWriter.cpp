@@ -198,7 +198,8 @@ bool ArchiveWriter::isSkippedByEvent(const SourcePlace& place, const mvFileInfo&
 // Whether the member's data, or a directory's names, can be read at all; the reason why not is in the log.
 bool ArchiveWriter::canBeRead(const SourcePlace& place, const mvFileInfo& info, ClsDirTree* tree) {
   if (info.m_isSymbolicLink) return true;
-  if (info.m_isDirectory && tree) return tree->prepareToEnter(m_log);
+  // The walk goes by what it found; it enters nothing that has become a directory since.
+  if (info.m_isDirectory && tree) return !tree->get_IsDirectory() || tree->prepareToEnter(m_log);
   if (!info.m_isRegularFile && !info.m_isDirectory) return true;
   return m_source.open(place, info, m_log) && (info.m_size == 0 || m_source.readFirst(m_log));
 }
@@ -293,6 +294,7 @@ bool ArchiveWriter::copyFile(long long most, long long& copied) {
       if (!putDataPiece(bytes + done, std::min(got - done, kPieceSize))) return false;
     }
   }
+  if (copied >= most || m_source.data().endOfStream()) return true;
   // A file that there is no memory to read is not one whose read failed.
   return m_source.data().makeWindow(m_log) && copyPieces(m_source.data(), most, copied);
 }

@@ -12,7 +12,7 @@ namespace morvane {
 // that cannot be walked further ends the count early.
 //
 // An entry of a directory tree that the filter excludes is examined again and again: the count then never
-// ends. `skipsExcluded` (the word CountSkipsExcluded) makes it go on.
+// ends. The word CountSkipsExcluded makes it go on.
 long long calcTotalProgressForWrite(const ExtPtrArraySb& files, const ExtPtrArray& dirRoots,
                                     LiveSettings<WriteSettings> live, LogBase& log, ProgressMonitor* pm);
 
