@@ -4,6 +4,8 @@
 #include <sstream>
 
 #include "ArchiveSupport.h"
+#include "tar/ArchiveKind.h"
+#include "tar/TarNumber.h"
 
 namespace morvane::testing {
 namespace {
@@ -281,6 +283,19 @@ TEST_F(Compressed, WhatOtherTarsWrite) {
       EXPECT_TRUE(untarFile(form, path)) << program << option << logOf(m_tar);
       EXPECT_EQ(treeOf(tree), takeTree()) << program << option;
     }
+  }
+}
+
+// Their sum as signed bytes is 0, as which the letters in the checksum's place read.
+TEST_F(Compressed, AreNotTakenForAHeaderByChance) {
+  const std::pair<std::string, ArchiveKind> kCases[] = {{"\x1F\x8B\x80\xD6", ArchiveKind::Gzip},
+                                                        {"\x1F\x9D\x80\xC4", ArchiveKind::Compress}};
+  for (const auto& [start, kind] : kCases) {
+    std::string block = start + std::string(512 - start.size(), '\0');
+    block.replace(148, 8, "letters!");
+    const auto* const bytes = reinterpret_cast<const unsigned char*>(block.data());
+    ASSERT_TRUE(hasValidChecksum(bytes));
+    EXPECT_EQ(kind, recogniseArchive(bytes, 512));
   }
 }
 
