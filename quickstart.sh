@@ -3,8 +3,11 @@
 set -euo pipefail
 cd "$(dirname "$0")"
 
-need() {  # need COMMAND-OR-FILE PACKAGE
-  command -v "$1" >/dev/null 2>&1 || [ -e "$1" ] || missing="$missing $2"
+need() {  # need COMMAND PACKAGE, or need /FILE PACKAGE. A name without a slash is never looked for in this folder.
+  case $1 in
+    /*) [ -e "$1" ] ;;
+    *) command -v "$1" >/dev/null 2>&1 ;;
+  esac || missing="$missing $2"
 }
 missing=""
 need c++ g++; need cmake cmake; need ninja ninja-build

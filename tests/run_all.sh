@@ -39,8 +39,11 @@ count() {
   passed=$((passed + ${done_line:-0}))
   failed=$((failed + failures))
   if [ "$status" -ne 0 ]; then
-    grep -E '^\[  FAILED  \]|Failure|ERROR: |WARNING: ThreadSanitizer|runtime error' "$log" | sort -u | head -n 40
-    [ "$failures" -gt 0 ] || { tail -n 30 "$log"; fail "$log"; }
+    # All that a failed test printed, from its start to its end.
+    awk '/^\[ RUN      \]/ { text = "" }
+         { text = text $0 "\n" }
+         /^\[  FAILED  \] [^ ]+.*\([0-9]+ ms\)$/ { printf "%s", text }' "$log"
+    [ "$failures" -gt 0 ] || { tail -n 60 "$log"; fail "$log"; }
   elif [ -z "$done_line" ]; then
     fail "$log ran no test"
   fi
