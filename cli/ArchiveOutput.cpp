@@ -4,12 +4,18 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
+
 #include "cli/InterruptEvent.h"
+#include "runtime/log/LogCause.h"
 #include "runtime/progress/ProgressMonitor.h"
 
 namespace mvtar {
 
 namespace {
+
+constexpr char kStandardOutput[] = "standard output";
 
 bool isTerminal(const std::string& path) {
   struct stat status;
@@ -23,20 +29,31 @@ bool isTerminal(const std::string& path) {
 bool isNoTerminal(const CommandLine& line, Report& report) {
   const bool standard = line.usesStandardStream();
   if (!(standard ? isatty(STDOUT_FILENO) : isTerminal(line.archive))) return true;
-  report.problem(standard ? "standard output" : line.archive, "an archive is not written to a terminal");
+  report.problem(standard ? kStandardOutput : line.archive, "an archive is not written to a terminal");
   return false;
 }
 
-std::unique_ptr<morvane::OutputFile> standardOutput() {
-  const int fd = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0);
-  return std::unique_ptr<morvane::OutputFile>(
-      morvane::OutputFile::adopt(morvane::OsFile(fd), "standard output"));
+std::unique_ptr<morvane::OutputFile> standardOutput(Report& report) {
+  morvane::OsFile file(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0));
+  if (!file.isOpen()) {
+    report.problem(kStandardOutput, std::strerror(errno));
+    return nullptr;
+  }
+  std::unique_ptr<morvane::OutputFile> out(morvane::OutputFile::adopt(std::move(file), kStandardOutput));
+  if (!out) report.problem(kStandardOutput, kOutOfMemory);
+  return out;
 }
 
-bool closeOutput(morvane::OutputFile& out) {
+bool closeOutput(morvane::OutputFile& out, Report& report) {
   InterruptEvent event;
   morvane::ProgressMonitor monitor(event, 1, 0, 0);
-  return out.closeHandle(nullptr, &monitor);
+  morvane::LogCause log;
+  const bool closed = out.closeHandle(&log, &monitor);
+  // A failure of before was said by whoever wrote.
+  if (!closed && !isInterrupted() && !log.cause().message.empty()) {
+    report.problem(kStandardOutput, log.cause().reason);
+  }
+  return closed;
 }
 
 }  // namespace mvtar

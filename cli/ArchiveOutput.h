@@ -11,8 +11,10 @@ namespace mvtar {
 
 // False, and named, when the archive would be written to a terminal.
 bool isNoTerminal(const CommandLine& line, Report& report);
-std::unique_ptr<morvane::OutputFile> standardOutput();
-// A closed pipe or a full disk may show as late as here. An interrupt ends the wait for a reader.
-bool closeOutput(morvane::OutputFile& out);
+// Null, and named, when standard output cannot be had.
+std::unique_ptr<morvane::OutputFile> standardOutput(Report& report);
+// A closed pipe or a full disk may show as late as here, and is then named. An interrupt ends the wait for a
+// reader.
+bool closeOutput(morvane::OutputFile& out, Report& report);
 
 }  // namespace mvtar

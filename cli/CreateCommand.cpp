@@ -111,13 +111,6 @@ class SourceNames {
   std::string m_last;
 };
 
-// Why a path could not be read, as the system says it now.
-std::string whyUnreadable(const char* path) {
-  errno = 0;
-  if (access(path, R_OK) != 0) return std::strerror(errno);
-  return "it cannot be read";
-}
-
 class CreateEvent : public morvane::ProgressEvent {
  public:
   CreateEvent(Report& report, ProgressBar& bar, ClsTar& tar, SourceNames& names, const CommandLine& line)
@@ -160,6 +153,10 @@ class CreateEvent : public morvane::ProgressEvent {
       noteUnreadable(value);
     } else if (what == "sizeChanged") {
       m_report.problem(value, "its size changed while it was archived");
+    } else if (what == "readFailed") {
+      m_report.problem(value, failureReason(m_tar));
+    } else if (what == "userUnknown") {
+      m_report.notice("user database", std::string(value) + "; owners are stored by number alone");
     }
   }
 
@@ -188,7 +185,7 @@ class CreateEvent : public morvane::ProgressEvent {
       return;
     }
     m_isBegun = false;
-    if (m_unreadable.insert(path).second) m_report.problem(path, whyUnreadable(path.c_str()));
+    if (m_unreadable.insert(path).second) m_report.problem(path, failureReason(m_tar));
   }
 
   bool fitsUstar(const std::string& name) const {
@@ -273,13 +270,19 @@ class Sources {
       return;
     }
     if (!name.empty()) addSingle(local, name);
-    if (!m_tar.AddDirRoot2(name, local)) m_report.failure(m_tar, operand.path);
+    if (!m_tar.AddDirRoot2(name, local)) {
+      m_report.failure(m_tar, operand.path);
+      return;
+    }
     m_names.addTree({local, name});
   }
 
   void addSingle(const std::string& local, const std::string& name) {
-    m_tar.AddFile2(local, name);
-    m_names.addSingle({local, name});
+    if (m_tar.AddFile2(local, name)) {
+      m_names.addSingle({local, name});
+    } else {
+      m_report.failure(m_tar, local);
+    }
   }
 
   const CommandLine& m_line;
@@ -291,7 +294,7 @@ class Sources {
   std::string m_lastRemoved;
 };
 
-bool write(ClsTar& tar, const CommandLine& line, morvane::ProgressEvent& event) {
+bool write(ClsTar& tar, const CommandLine& line, morvane::ProgressEvent& event, Report& report) {
   const Compression compression = compressionOf(line);
   const auto writeTo = [&](auto& out) {
     return compression == Compression::Gzip    ? tar.WriteTarGz(out, &event)
@@ -302,9 +305,10 @@ bool write(ClsTar& tar, const CommandLine& line, morvane::ProgressEvent& event) 
     const XString path(line.archive);
     return writeTo(path);
   }
-  const std::unique_ptr<morvane::OutputFile> out = standardOutput();
+  const std::unique_ptr<morvane::OutputFile> out = standardOutput(report);
+  if (!out) return false;
   const bool written = writeTo(*out);
-  return closeOutput(*out) && written;
+  return closeOutput(*out, report) && written;
 }
 
 }  // namespace
@@ -321,7 +325,7 @@ int createArchive(const CommandLine& line) {
   tar.put_UncommonOptions(
       (std::string(kWords) + (bar.mayBeShown() ? "" : ",NoTotal") + line.options).c_str());
   CreateEvent event(report, bar, tar, sources.names(), line);
-  bool ok = write(tar, line, event);
+  bool ok = write(tar, line, event, report);
   if (event.missedOnlyUnwanted() && failureReason(tar).empty()) ok = true;
   bar.clear();
   if (line.printLog) report.log(tar);

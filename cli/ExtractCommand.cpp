@@ -59,10 +59,13 @@ class ExtractEvent : public MemberEvent {
   }
 
   void onInfo(const char* name, const char* value) override {
-    const bool refused = std::strcmp(name, "refused") == 0;
-    if (!refused && std::strcmp(name, "uncreatable") != 0) return;
-    drop();
-    m_report.problem(value, refused ? "refused: its path leaves the target" : failureReason(m_tar));
+    MemberEvent::onInfo(name, value);
+    const std::string_view what(name);
+    if (what == "refused" || what == "uncreatable" || what == "incomplete" || what == "timesNotSet") {
+      if (what != "timesNotSet") drop();
+      m_report.problem(value,
+                       what == "refused" ? "refused: its path leaves the target" : failureReason(m_tar));
+    }
   }
 
  private:
@@ -145,16 +148,17 @@ int extractArchive(const CommandLine& line) {
     event.settle();
     event.nameUnfound();
   }
-  return job.finish(event, ok);
+  return job.finish(event, ok, "the rest was not extracted");
 }
 
 int extractToStandardOutput(const CommandLine& line) {
   ReadJob job(line, true);
   if (!job.open()) return job.finish();
-  const std::unique_ptr<morvane::OutputFile> out = standardOutput();
+  const std::unique_ptr<morvane::OutputFile> out = standardOutput(job.report);
+  if (!out) return job.finish();
   OutputEvent event(job.report, job.bar, line);
   bool ok = job.tar.UntarMemberToOutput(job.archive.source(), *out, &event);
-  ok = closeOutput(*out) && ok;
+  ok = closeOutput(*out, job.report) && ok;
   job.bar.clear();
   if (ok) event.settle();
   const bool none = !ok && failureReason(job.tar) == "No such member.";

@@ -8,6 +8,7 @@
 #include "cli/MemberEvent.h"
 #include "cli/Names.h"
 #include "cli/ReadArchive.h"
+#include "cli/StandardStreams.h"
 #include "tar/TarHeader.h"
 #include "tar/XmlListing.h"
 
@@ -68,7 +69,7 @@ std::string timeText(long long seconds) {
 }
 
 // Whether nobody takes what is printed any more. `finish` says so.
-bool outputIsBroken() { return std::ferror(stdout) != 0; }
+bool outputIsBroken() { return StandardOutput::isBroken(); }
 
 // Counts what is selected. What is printed of it, derived ones say.
 class CountEvent : public MemberEvent {

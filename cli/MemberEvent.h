@@ -51,6 +51,12 @@ class MemberEvent : public morvane::ProgressEvent {
     if (m_line.verbose) m_report.name(m_begunPath);
   }
 
+  void onInfo(const char* name, const char* value) override {
+    if (std::string_view(name) == "limit") m_limit = value;
+  }
+  // The limit that ended the run, "Word=value"; empty when none did.
+  const std::string& limit() const { return m_limit; }
+
   void onTarHeader(const morvane::TarMemberInfo& member) override {
     settle();
     m_enoughSeen = m_line.maxCount > 0 && m_members >= m_line.maxCount;
@@ -82,6 +88,7 @@ class MemberEvent : public morvane::ProgressEvent {
   bool m_isSelected = false;
   bool m_enoughSeen = false;
   bool m_isBegun = false;
+  std::string m_limit;
   std::string_view m_begunPath;
   long long m_begunBytes = 0;
   long long m_members = 0, m_bytes = 0;

@@ -1,6 +1,7 @@
 #include "cli/Names.h"
 
 #include <algorithm>
+#include <cstdio>
 
 namespace mvtar {
 
@@ -59,13 +60,12 @@ std::string shown(std::string_view name) {
   return text;
 }
 
-void printShown(std::string_view name, std::FILE* stream) {
+void printShown(std::string_view name, void (*write)(std::string_view)) {
   constexpr size_t kPiece = 16384;
   while (!name.empty()) {
     size_t n = std::min(name.size(), kPiece);
     if (n < name.size() && name[n - 1] == '\xC2') --n;  // what it begins is told by the next byte
-    const std::string text = shown(name.substr(0, n));
-    std::fwrite(text.data(), 1, text.size(), stream);
+    write(shown(name.substr(0, n)));
     name.remove_prefix(n);
   }
 }

@@ -14,12 +14,13 @@ namespace {
 
 using morvane::XString;
 
-bool assemble(morvane::ClsTar& tar, const CommandLine& line) {
+bool assemble(morvane::ClsTar& tar, const CommandLine& line, Report& report) {
   const XString control(line.operands[0].localPath()), data(line.operands[1].localPath());
   if (!line.usesStandardStream()) return tar.CreateDeb(control, data, XString(line.archive));
-  const std::unique_ptr<morvane::OutputFile> out = standardOutput();
+  const std::unique_ptr<morvane::OutputFile> out = standardOutput(report);
+  if (!out) return false;
   const bool written = tar.CreateDeb(control, data, *out);
-  return closeOutput(*out) && written;
+  return closeOutput(*out, report) && written;
 }
 
 }  // namespace
@@ -30,7 +31,7 @@ int createDeb(const CommandLine& line) {
   if (!isNoTerminal(line, report)) return report.finish();
   endOnInterrupt("mvtar: " + shown(line.archive) + ": interrupted; the package is incomplete");
   morvane::ClsTar tar;
-  const bool ok = assemble(tar, line);
+  const bool ok = assemble(tar, line, report);
   return finish(tar, line, report, ok);
 }
 

@@ -1,13 +1,26 @@
 #include "cli/ProgressBar.h"
 
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <cstdio>
-#include <string>
+
+#include "cli/StandardStreams.h"
 
 namespace mvtar {
 
 namespace {
 
-constexpr int kWidth = 40;
+constexpr int kWidest = 40;  // of the bar between its brackets
+constexpr int kAround = 8;   // "[] 100%" and the column that a terminal needs behind it
+
+// Asked for each time: a window may be resized meanwhile. A line that is wider would run on into the next
+// one, where clearing does not reach it.
+int columns() {
+  winsize size{};
+  return ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : 80;
+}
 
 }  // namespace
 
@@ -15,18 +28,24 @@ void ProgressBar::show(int parts) {
   if (m_when == When::Never) return;
   const auto elapsed = std::chrono::steady_clock::now() - m_start;
   if (m_when == When::AfterOneSecond && elapsed < std::chrono::seconds(1)) return;
-  const int filled = parts * kWidth / kScale;
-  const std::string bar =
-      std::string(static_cast<size_t>(filled), '#') + std::string(static_cast<size_t>(kWidth - filled), ' ');
-  std::fprintf(stderr, "\r[%s] %3d%%", bar.c_str(), parts * 100 / kScale);
-  std::fflush(stderr);
+  const int width = std::min(kWidest, columns() - kAround);
+  char line[kWidest + 2 * kAround] = "\r";
+  char* end = line + 1;
+  if (width > 0) {
+    const int filled = parts * width / kScale;
+    *end++ = '[';
+    end = std::fill_n(std::fill_n(end, filled, '#'), width - filled, ' ');
+    *end++ = ']';
+    *end++ = ' ';
+  }
+  end += std::snprintf(end, static_cast<size_t>(line + sizeof line - end), "%3d%%", parts * 100 / kScale);
+  writeToStandardError({line, static_cast<size_t>(end - line)});
   m_onScreen = true;
 }
 
 void ProgressBar::clear() {
   if (!m_onScreen) return;
-  std::fputs("\r\033[K", stderr);
-  std::fflush(stderr);
+  writeToStandardError("\r\033[K");
   m_onScreen = false;
 }
 

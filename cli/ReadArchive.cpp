@@ -2,9 +2,8 @@
 
 #include <unistd.h>
 
-#include <cstdio>
-
 #include "cli/InterruptEvent.h"
+#include "cli/StandardStreams.h"
 #include "runtime/log/LogCause.h"
 #include "tar/XmlListing.h"
 
@@ -101,7 +100,7 @@ void ArchiveReader::takeRestOfRecord() {
   InterruptEvent event;
   morvane::ProgressMonitor monitor(event, 0, 0, 0);
   morvane::LogNull unwanted;
-  (void)m_source.skipByReading(rest, &monitor, unwanted);
+  (void)m_source.skip(rest, &monitor, unwanted);
 }
 
 std::string failureReason(ClsTar& tar) {
@@ -112,14 +111,19 @@ std::string failureReason(ClsTar& tar) {
 
 bool cameToTheEnd(ClsTar& tar, bool ok) { return ok || (failureReason(tar).empty() && !isInterrupted()); }
 
-int finish(ClsTar& tar, const CommandLine& line, Report& report, bool ok) {
+int finish(ClsTar& tar, const CommandLine& line, Report& report, bool ok, const char* rest) {
   if (line.printLog) report.log(tar);
   if (isInterrupted()) {
     report.notice(line.archive, "interrupted; the archive was not read to its end");
-    std::fflush(stdout);
+    StandardOutput::flush();
     return interruptStatus();
   }
-  if (!ok) report.failure(tar, line.archive);
+  if (!ok) {
+    report.failure(tar, line.archive);
+    morvane::XString path, reason;
+    tar.get_FailureCause(path, reason);
+    if (rest && !path.isEmpty() && path.str() != line.archive) report.notice(line.archive, rest);
+  }
   return report.finish();
 }
 
@@ -134,9 +138,12 @@ bool ReadJob::open() {
   return true;
 }
 
-int ReadJob::finish(const MemberEvent& event, bool ok) {
+int ReadJob::finish(const MemberEvent& event, bool ok, const char* rest) {
   if (m_line.totals) report.totals(event.members(), event.bytes());
-  return mvtar::finish(tar, m_line, report, ok);
+  if (event.limit().empty()) return mvtar::finish(tar, m_line, report, ok, rest);
+  report.problem(m_line.archive, "limit reached (" + event.limit() + ")");
+  if (rest) report.notice(m_line.archive, rest);
+  return mvtar::finish(tar, m_line, report, true);
 }
 
 }  // namespace mvtar

@@ -36,9 +36,10 @@ class ArchiveReader {
   morvane::ArchiveKind m_kind = morvane::ArchiveKind::Unknown;
 };
 
-// The end of a command that reads: the log, the failure, the interrupt and the closing line said. The exit
-// status.
-int finish(morvane::ClsTar& tar, const CommandLine& line, Report& report, bool ok);
+// The end of a command that reads: the log, the failure, the interrupt and the closing line said. `rest` as
+// for ReadJob::finish. The exit status.
+int finish(morvane::ClsTar& tar, const CommandLine& line, Report& report, bool ok,
+           const char* rest = nullptr);
 // Why the component's last call failed; empty when it was nothing that ended the call.
 std::string failureReason(morvane::ClsTar& tar);
 // Whether a reading call that returned `ok` got to the archive's end: refused members alone are no reason to
@@ -55,8 +56,9 @@ class ReadJob {
   // left.
   bool open();
   int finish() { return mvtar::finish(tar, m_line, report, true); }
-  // The same behind a run, with what --totals asks for.
-  int finish(const MemberEvent& event, bool ok);
+  // The same behind a run, with what --totals asks for. `rest` says what became of the members behind one
+  // that ended the run by a fault of the target's; null where there is no target.
+  int finish(const MemberEvent& event, bool ok, const char* rest = nullptr);
 
   ProgressBar bar;
   Report report;

@@ -1,74 +1,104 @@
 #include "cli/Report.h"
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 
 #include "cli/Names.h"
+#include "cli/StandardStreams.h"
 #include "tar/ClsTar.h"
 
 namespace mvtar {
+
+namespace {
+
+constexpr char kClosingLine[] = "mvtar: not everything could be done; see the messages above\n";
+
+bool startsWith(std::string_view text, std::string_view start) {
+  return text.substr(0, start.size()) == start;
+}
+
+// Memory that ran out is called the same wherever it did.
+std::string plainReason(const std::string& reason) {
+  const bool noMemory = startsWith(reason, "Out of memory") || reason == std::strerror(ENOMEM);
+  return noMemory ? kOutOfMemory : reason;
+}
+
+}  // namespace
 
 void Report::notice(std::string_view path, std::string_view text) {
   constexpr size_t kInOnePiece = 4096;  // lines of several processes do not mix then
   m_bar.clear();
   const std::string behind = ": " + std::string(text) + "\n";
   if (path.size() <= kInOnePiece) {
-    std::fputs(("mvtar: " + shown(path) + behind).c_str(), stderr);
+    writeToStandardError("mvtar: " + shown(path) + behind);
     return;
   }
-  std::fputs("mvtar: ", stderr);
-  printShown(path, stderr);
-  std::fputs(behind.c_str(), stderr);
+  writeToStandardError("mvtar: ");
+  printShown(path, writeToStandardError);
+  writeToStandardError(behind);
 }
 
 void Report::problem(std::string_view path, std::string_view reason) {
+  m_status = kNotAllDone;  // first: saying it takes memory
   notice(path, reason);
-  m_status = kNotAllDone;
 }
 
 void Report::failure(morvane::ClsTar& tar, const std::string& archive) {
   morvane::XString path, reason;
   tar.get_FailureCause(path, reason);
-  if (reason.isEmpty() && m_status != kDone) return;  // only what was named already is missing
-  problem(path.isEmpty() ? archive : path.str(), reason.isEmpty() ? "it failed" : reason.str());
+  if (reason.isEmpty()) {
+    // The call found no fault but that members are missing, and each of those was named when it was left out.
+    if (m_status == kDone) problem(archive, "it failed");
+    return;
+  }
+  problem(path.isEmpty() ? archive : path.str(), plainReason(reason.str()));
 }
 
 void Report::name(std::string_view name, const std::string& before, const std::string& behind) {
   m_bar.clear();
-  std::FILE* const stream = m_outputCarriesData ? stderr : stdout;
-  std::fputs(before.c_str(), stream);
-  printShown(name, stream);
-  std::fprintf(stream, "%s\n", behind.c_str());
+  const auto write = m_outputCarriesData ? writeToStandardError : StandardOutput::write;
+  constexpr size_t kInOnePiece = 4096;
+  if (name.size() <= kInOnePiece) {
+    write(before + shown(name) + behind + "\n");
+    return;
+  }
+  write(before);
+  printShown(name, write);
+  write(behind + "\n");
 }
 
 void Report::line(const std::string& text) { name("", text); }
 
 void Report::text(std::string_view text) {
   m_bar.clear();
-  std::fwrite(text.data(), 1, text.size(), stdout);
+  StandardOutput::write(text);
 }
 
 void Report::totals(long long members, long long bytes) {
   m_bar.clear();
-  std::fprintf(stderr, "mvtar: %lld members, %lld bytes\n", members, bytes);
+  writeToStandardError("mvtar: " + std::to_string(members) + " members, " + std::to_string(bytes) +
+                       " bytes\n");
 }
 
 void Report::log(morvane::ClsTar& tar) {
   morvane::XString text;
   tar.get_LogText(text);
   m_bar.clear();
-  std::fputs(text.getUtf8(), stderr);
+  writeToStandardError(text.str());
 }
 
 int Report::finish() {
   m_bar.clear();
-  errno = 0;
-  if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
-    problem("standard output", errno != 0 ? std::strerror(errno) : "it could not be written");
-  }
-  if (m_status != kDone) std::fputs("mvtar: not everything could be done; see the messages above\n", stderr);
+  if (!StandardOutput::flush()) problem("standard output", std::strerror(StandardOutput::error()));
+  if (m_status != kDone) writeToStandardError(kClosingLine);
   return m_status;
+}
+
+int finishWithoutMemory() {
+  StandardOutput::flush();
+  writeToStandardError("mvtar: out of memory\n");
+  writeToStandardError(kClosingLine);
+  return kNotAllDone;
 }
 
 }  // namespace mvtar

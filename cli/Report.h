@@ -17,6 +17,8 @@ constexpr int kDone = 0;
 constexpr int kNotAllDone = 2;
 constexpr int kWrongUsage = 64;
 
+constexpr char kOutOfMemory[] = "out of memory";
+
 class Report {
  public:
   Report(ProgressBar& bar, bool outputCarriesData) : m_bar(bar), m_outputCarriesData(outputCarriesData) {}
@@ -48,5 +50,8 @@ class Report {
   const bool m_outputCarriesData;
   int m_status = kDone;
 };
+
+// The end of a command that has no memory to go on with: says so without any. What was done stays.
+int finishWithoutMemory();
 
 }  // namespace mvtar

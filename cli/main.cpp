@@ -1,13 +1,14 @@
 // mvtar: the component's command-line front.
 #include <fcntl.h>
 
-#include <cstdio>
+#include <new>
 #include <string>
 
 #include "cli/Commands.h"
 #include "cli/Interrupt.h"
 #include "cli/Names.h"
 #include "cli/Report.h"
+#include "cli/StandardStreams.h"
 #include "cli/Version.h"
 
 namespace {
@@ -34,10 +35,10 @@ int runCommand(const mvtar::CommandLine& line) {
     case Mode::Deb:
       return mvtar::createDeb(line);
     case Mode::Help:
-      std::fputs(mvtar::helpText(), stdout);
+      mvtar::StandardOutput::write(mvtar::helpText());
       break;
     case Mode::Version:
-      std::printf("mvtar %s\n", mvtar::versionText());
+      mvtar::StandardOutput::write(std::string("mvtar ") + mvtar::versionText() + "\n");
       break;
     case Mode::None:
       break;
@@ -46,16 +47,24 @@ int runCommand(const mvtar::CommandLine& line) {
   return mvtar::Report(noBar, false).finish();
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  occupyStandardStreams();
+int runCommandLine(int argc, char** argv) {
   mvtar::CommandLine line;
   std::string error;
   if (!mvtar::parseCommandLine(argc, argv, line, error)) {
-    std::fprintf(stderr, "mvtar: %s\nTry 'mvtar --help'.\n", mvtar::shown(error).c_str());
+    mvtar::writeToStandardError("mvtar: " + mvtar::shown(error) + "\nTry 'mvtar --help'.\n");
     return mvtar::kWrongUsage;
   }
   mvtar::catchInterrupts();
   return runCommand(line);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  occupyStandardStreams();
+  try {
+    return runCommandLine(argc, argv);
+  } catch (const std::bad_alloc&) {
+    return mvtar::finishWithoutMemory();
+  }
 }

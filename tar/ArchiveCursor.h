@@ -3,6 +3,7 @@
 #pragma once
 
 #include "runtime/io/_mvDataSource.h"
+#include "runtime/log/LogBase.h"
 #include "runtime/progress/ProgressMonitor.h"
 #include "tar/TarBlock.h"
 
@@ -17,17 +18,21 @@ class ArchiveCursor {
   long long position() const { return m_at; }
   // Tells that n bytes were read from the source.
   void passed(long long n) { m_at = saturatedSum(m_at, n); }
-  // Where it fails, the next header cannot be read, and that is said then.
-  void moveTo(long long position) {
+  // False, with the reason in the log, when a source that cannot be moved failed while it was read on: what
+  // comes next would be data in the place of a header. Where a seek fails, reads fail from then on, and it is
+  // the next header that says so.
+  [[nodiscard]] bool moveTo(long long position) {
     const long long skipped = position - m_at;
     m_at = position;
-    if (skipped == 0) return;
+    if (skipped == 0) return true;
     if (m_start < 0) {
-      (void)m_source.skipByReading(skipped, m_pm, m_log);
-      return;
+      if (m_source.skip(skipped, m_pm, m_log)) return true;
+      if (!m_pm || !m_pm->isAborted()) m_log.LogError("Failed to pass over data of the archive.");
+      return false;
     }
     m_source.fseekAbsolute64(saturatedSum(m_start, position), m_log);
     if (m_pm) m_pm->consumeProgress(skipped, m_log);
+    return true;
   }
 
  private:

@@ -1,9 +1,11 @@
 #include "tar/ClsTar.h"
 
-#include <string>
-#include <vector>
+#include <algorithm>
+#include <new>
+#include <utility>
 
 #include "runtime/fs/Psdk.h"
+#include "runtime/text/Ascii.h"
 #include "tar/LiveSettings.h"
 #include "tar/ReadSettings.h"
 #include "tar/stream/StreamingUntar.h"
@@ -20,13 +22,7 @@ ClsTar* ClsTar::createNewCls() {
 }
 
 ClsTar::ClsTar()
-    : ClsBase("ClsTar"), m_stream(std::make_unique<StreamingUntar>(liveReadSettings(), m_xmlListing)) {
-  StringBuffer user;
-  Psdk::getUsername(user);
-  m_userName.appendAnsi(user.getString());
-  m_groupName.appendAnsi(
-      user.getString());  // the user's name, on purpose: most users have a group of that name
-}
+    : ClsBase("ClsTar"), m_stream(std::make_unique<StreamingUntar>(liveReadSettings(), m_xmlListing)) {}
 
 ClsTar::~ClsTar() {
   if (!isAlive()) return;
@@ -37,20 +33,44 @@ ClsTar::~ClsTar() {
 
 void ClsTar::dotNetDispose() {}
 
-// Reads the option words again if they were set since the last call.
-void ClsTar::takeOptions(LogBase& log) {
-  if (m_optionsTaken == m_uncommonOptionsChanges) return;
-  m_optionsTaken = m_uncommonOptionsChanges;
-  std::vector<std::string> complaints;
-  m_options = parseTarOptions(m_uncommonOptions.str(), complaints);
-  changed();
-  for (const std::string& word : complaints) {
-    log.LogNotice("Unknown option, or a value that makes no sense.");
+// Reads the option words again if they were set since the last call. False while they, or another property,
+// are not what the application meant them to be.
+bool ClsTar::takeOptions(LogBase& log) {
+  if (hasUnsetText()) {
+    log.LogError("Out of memory: a property could not be set.");
+    return false;
+  }
+  if (const unsigned changes = m_uncommonOptionsChanges.now(); m_optionsTaken != changes) {
+    CritSecExitor lock(*this);
+    std::vector<std::string> unusable;
+    m_options = parseTarOptions(m_uncommonOptions.str(), unusable);
+    m_unusableWords = std::move(unusable);
+    m_optionsTaken = changes;  // only now, for what went before may throw
+    changed();
+  }
+  for (const std::string& word : m_unusableWords) {
+    log.LogError("Unknown option, or a value that makes no sense.");
     log.LogData("uncommonOption", word.c_str());
+  }
+  return m_unusableWords.empty();
+}
+
+// The group's name is the user's, too, on purpose: most users have a group of that name.
+void ClsTar::lookUpUser() const {
+  if (m_userNameIsSet && m_groupNameIsSet) return;
+  StringBuffer user;
+  m_userLookupError = Psdk::getUsername(user);
+  XString name;
+  name.appendAnsi(user.getString());
+  for (auto [text, isSet] :
+       {std::pair(&m_userName, &m_userNameIsSet), std::pair(&m_groupName, &m_groupNameIsSet)}) {
+    if (!*isSet) text->copyFromX(name);
+    *isSet = true;
   }
 }
 
 ReadSettings ClsTar::readSettings() const {
+  if (hasUnsetText()) throw std::bad_alloc();
   ReadSettings settings;
   settings.suppressOutput = m_suppressOutput;
   settings.captureXmlListing = m_captureXmlListing;
@@ -70,6 +90,8 @@ ReadSettings ClsTar::readSettings() const {
 }
 
 WriteSettings ClsTar::writeSettings() const {
+  if (hasUnsetText()) throw std::bad_alloc();
+  lookUpUser();
   WriteSettings settings;
   settings.format = m_formatPax ? WriteFormat::Pax : m_formatUstar ? WriteFormat::Ustar : WriteFormat::Gnu;
   settings.dirMode = m_dirMode;
@@ -120,52 +142,62 @@ void ClsTar::getString(const XString& member, XString& out) {
   out.copyFromX(member);
 }
 
-void ClsTar::putString(XString& member, const XString& value) {
-  CritSecExitor lock(*this);
-  member.copyFromX(value);
-  changed();
-}
-
 void ClsTar::get_WriteFormat(XString& out) { getString(m_writeFormat, out); }
 
 void ClsTar::put_WriteFormat(const XString& format) {
   CritSecExitor lock(*this);
-  StringBuffer word(format.str());
-  word.trim2();
-  word.toLowerCase();
-  if (word.equals("posix")) word = "pax";
-  if (word.equals("star")) word = "ustar";
-  if (!word.equals("pax") && !word.equals("ustar")) word = "gnu";
-  m_writeFormat.setFromSbUtf8(word);
-  m_formatPax = word.equals("pax");
-  m_formatUstar = word.equals("ustar");
+  std::string_view word = trimmed(format.str());
+  const auto is = [word](std::string_view name) {
+    return word.size() == name.size() && std::equal(word.begin(), word.end(), name.begin(),
+                                                    [](char a, char b) { return asciiLower(a) == b; });
+  };
+  m_formatPax = is("pax") || is("posix");
+  m_formatUstar = is("ustar") || is("star");
   m_formatGnu = !m_formatPax && !m_formatUstar;
-  changed();
+  putText(m_writeFormat, m_formatPax ? "pax" : m_formatUstar ? "ustar" : "gnu");
 }
 
 void ClsTar::put_DirPrefix(const XString& prefix) {
+  const std::string& text = prefix.str();
+  putText(m_dirPrefix, std::string_view(text).substr(0, text.find_last_not_of('/') + 1));
+}
+
+void ClsTar::put_UserName(const XString& name) {
   CritSecExitor lock(*this);
-  m_dirPrefix.copyFromX(prefix);
-  while (m_dirPrefix.endsWithUtf8("/", false)) m_dirPrefix.shortenNumChars(1);
-  changed();
+  m_userNameIsSet = true;
+  putText(m_userName, name.str());
+}
+
+void ClsTar::put_GroupName(const XString& name) {
+  CritSecExitor lock(*this);
+  m_groupNameIsSet = true;
+  putText(m_groupName, name.str());
+}
+
+void ClsTar::get_UserName(XString& out) {
+  CritSecExitor lock(*this);
+  lookUpUser();
+  out.copyFromX(m_userName);
+}
+
+void ClsTar::get_GroupName(XString& out) {
+  CritSecExitor lock(*this);
+  lookUpUser();
+  out.copyFromX(m_groupName);
 }
 
 void ClsTar::get_DirPrefix(XString& out) { getString(m_dirPrefix, out); }
 void ClsTar::get_Charset(XString& out) { getString(m_charset, out); }
-void ClsTar::put_Charset(const XString& charset) { putString(m_charset, charset); }
+void ClsTar::put_Charset(const XString& charset) { putText(m_charset, charset.str()); }
 void ClsTar::get_XmlListing(XString& out) { getString(m_xmlListing, out); }
-void ClsTar::put_XmlListing(const XString& listing) { putString(m_xmlListing, listing); }
-void ClsTar::get_UserName(XString& out) { getString(m_userName, out); }
-void ClsTar::put_UserName(const XString& name) { putString(m_userName, name); }
-void ClsTar::get_GroupName(XString& out) { getString(m_groupName, out); }
-void ClsTar::put_GroupName(const XString& name) { putString(m_groupName, name); }
+void ClsTar::put_XmlListing(const XString& listing) { putText(m_xmlListing, listing.str()); }
 void ClsTar::get_UntarFromDir(XString& out) { getString(m_untarFromDir, out); }
-void ClsTar::put_UntarFromDir(const XString& dir) { putString(m_untarFromDir, dir); }
+void ClsTar::put_UntarFromDir(const XString& dir) { putText(m_untarFromDir, dir.str()); }
 void ClsTar::get_MustMatch(XString& out) { getString(m_mustMatch, out); }
-void ClsTar::put_MustMatch(const XString& pattern) { putString(m_mustMatch, pattern); }
+void ClsTar::put_MustMatch(const XString& pattern) { putText(m_mustMatch, pattern.str()); }
 void ClsTar::get_UntarMatchPattern(XString& out) { get_MustMatch(out); }
 void ClsTar::put_UntarMatchPattern(const XString& pattern) { put_MustMatch(pattern); }
 void ClsTar::get_MustNotMatch(XString& out) { getString(m_mustNotMatch, out); }
-void ClsTar::put_MustNotMatch(const XString& pattern) { putString(m_mustNotMatch, pattern); }
+void ClsTar::put_MustNotMatch(const XString& pattern) { putText(m_mustNotMatch, pattern.str()); }
 
 }  // namespace morvane

@@ -33,6 +33,8 @@
 #pragma once
 
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "runtime/base/ExtPtrArray.h"
 #include "runtime/buffer/ClsBinData.h"
@@ -127,6 +129,8 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   // listed before a failure stays in outXml.
   bool ListXml(const XString& tarPath, XString& outXml, ProgressEvent* progress = nullptr);
   bool ListXml(_mvDataSource& source, XString& outXml, ProgressEvent* progress = nullptr);
+  // The same, written as it comes: a listing of any length takes no memory.
+  bool ListXml(_mvDataSource& source, _mvOutput& outXml, ProgressEvent* progress = nullptr);
 
   // ---- Reading compressed archives, in one pass, extracted below UntarFromDir. UntarMaxCount does not
   // apply.
@@ -265,7 +269,8 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
 
   // ---- The steps that methods are made of. Those that write need the output of a write that is going on and
   // fail outside of one. They take no lock and open no frame; the log and the monitor (which may be null) are
-  // the caller's.
+  // the caller's. From a callback of the same object they are refused, as methods are, and what runs out of
+  // memory in them is thrown.
 
   // Writes into the object as an output: the bytes of a tar stream, in pieces of any size, are extracted as
   // they come.
@@ -318,9 +323,9 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   // Runs a public method in its frame (tar/ClsTarMethod.h).
   template <class Result, class Work>
   Result method(const char* name, MethodForm form, Result failure, Work work);
-  void takeOptions(LogBase& log);
+  [[nodiscard]] bool takeOptions(LogBase& log);
   void getString(const XString& member, XString& out);
-  void putString(XString& member, const XString& value);
+  void lookUpUser() const;
   ReadSettings readSettings() const;
   WriteSettings writeSettings() const;
   LiveSettings<ReadSettings> liveReadSettings() const;
@@ -331,10 +336,15 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
 
   bool writeArchive(const char* pathTag, const XString* path, _mvOutput* out, WriteCompression compression,
                     ProgressEvent* progress);
+  void sayWhenUserIsUnknown(ProgressEvent* progress);
   bool countTotal(ProgressEvent* progress, long long& total);
   bool writeTo(_mvOutput& out, ProgressMonitor* pm, ProgressEvent* progress);
   bool writeSources(_mvOutput& out, ProgressMonitor* pm, LogBase& log, ProgressEvent* progress,
                     bool& anythingLost);
+  int untarSource(_mvDataSource& source, bool extract, LogBase& log, ProgressMonitor* pm,
+                  ProgressEvent* progress);
+  bool firstMatchTo(_mvDataSource& source, const XString& pattern, _mvOutput& out, LogBase& log,
+                    bool logEntries, ProgressMonitor* pm);
   int untarWithProgress(_mvDataSource& source, bool extract, ProgressEvent* progress);
 
   using Decompress = bool (ClsTar::*)(_mvDataSource&, ProgressMonitor*, LogBase&);
@@ -345,11 +355,12 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   bool untarCompressed(_mvDataSource& source, ProgressEvent* progress, Decompress decompress);
   void beginFramedRun(LogBase& log);
   void protectArchive(LogBase& log);
-  bool unTarBz2(_mvDataSource& source, ProgressMonitor* pm, LogBase& log);
-  bool unTarZ(_mvDataSource& source, ProgressMonitor* pm, LogBase& log);
+  bool inflateTar(_mvDataSource& source, ProgressMonitor* pm, LogBase& log);
+  bool expandTarBz2(_mvDataSource& source, ProgressMonitor* pm, LogBase& log);
+  bool expandTarZ(_mvDataSource& source, ProgressMonitor* pm, LogBase& log);
   int untarMember(_mvDataSource& source, _mvOutput& out, ProgressMonitor* pm, ProgressEvent* progress);
   bool memberToOutput(_mvDataSource& source, _mvOutput& out, ProgressEvent* progress);
-  bool listXml(_mvDataSource& source, XString& outXml, ProgressEvent* progress);
+  bool listXml(_mvDataSource& source, XString& outXml, _mvOutput* drain, ProgressEvent* progress);
 
   RelaxedAtomic<bool> m_suppressOutput = false;
   RelaxedAtomic<bool> m_captureXmlListing = false;
@@ -366,8 +377,12 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   RelaxedAtomic<int> m_scriptFileMode = 0755;
   RelaxedAtomic<int> m_groupId = 1000;
   RelaxedAtomic<int> m_userId = 1000;
-  XString m_userName;
-  XString m_groupName;
+  // Until they are set, the name of the user running the process, which is looked up when it is first needed:
+  // reading an archive does not need the user database.
+  mutable XString m_userName;
+  mutable XString m_groupName;
+  mutable bool m_userNameIsSet = false, m_groupNameIsSet = false;
+  mutable int m_userLookupError = 0;  // an errno
   XString m_mustMatch;
   XString m_mustNotMatch;
   RelaxedAtomic<bool> m_matchCaseSensitive = false;
@@ -384,7 +399,8 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   RelaxedAtomic<bool> m_noAbsolutePaths = true;
   RelaxedAtomic<bool> m_untarDebugLog = false;
   TarOptions m_options;
-  unsigned m_optionsTaken = 0;
+  unsigned m_optionsTaken = 0;               // as m_uncommonOptionsChanges counts
+  std::vector<std::string> m_unusableWords;  // of the options
 };
 
 }  // namespace morvane

@@ -1,12 +1,12 @@
 // From a member's stored path to where it is extracted.
 #pragma once
 
-#include <string>
+#include <string_view>
 
 namespace morvane {
 
-// Back slashes become "/"; with `discardPaths` only the part after the last "/" stays; with `noAbsolutePaths`
-// every leading "/" goes. Nothing else changes: ".." parts stay.
-void applyEntryPathRules(std::string& path, bool discardPaths, bool noAbsolutePaths);
+// The part of a stored path that is left: with `discardPaths` only what follows the last slash, with
+// `noAbsolutePaths` without leading slashes. Back slashes count as slashes; they are not changed here.
+std::string_view leftOfEntryPath(std::string_view path, bool discardPaths, bool noAbsolutePaths);
 
 }  // namespace morvane

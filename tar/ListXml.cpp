@@ -12,6 +12,7 @@ namespace morvane {
 namespace {
 
 constexpr long long kLongestListedData = 99999;
+constexpr unsigned kDrainAt = 64 * 1024;
 
 // The data of an 'x' or 'L' header, NUL-terminated behind what could be read. Data that are cut do not fail a
 // listing.
@@ -35,22 +36,34 @@ bool hasListedData(const TarHeader& header) {
 
 bool ClsTar::ListXml(const XString& tarPath, XString& outXml, ProgressEvent* progress) {
   return method("ListXml", MethodForm::Judged, false, [&](MethodFrame&) {
-    outXml.clear();
     m_log.LogDataX("tarPath", tarPath);
     ProgressMonitorPtr waiting(progress, m_abortCheckMs, m_percentScale, 0);
     _mvFileDataSource file;
-    return file.openDataSourceFile(tarPath, m_log, waiting.getPm()) && listXml(file, outXml, progress);
+    const bool opened = file.openDataSourceFile(tarPath, m_log, waiting.getPm());
+    outXml.clear();  // only now: it may be the path, too
+    return opened && listXml(file, outXml, nullptr, progress);
   });
 }
 
 bool ClsTar::ListXml(_mvDataSource& source, XString& outXml, ProgressEvent* progress) {
   return method("ListXml", MethodForm::Judged, false, [&](MethodFrame&) {
     outXml.clear();
-    return listXml(source, outXml, progress);
+    return listXml(source, outXml, nullptr, progress);
   });
 }
 
-bool ClsTar::listXml(_mvDataSource& source, XString& outXml, ProgressEvent* progress) {
+bool ClsTar::ListXml(_mvDataSource& source, _mvOutput& outXml, ProgressEvent* progress) {
+  return method("ListXml", MethodForm::Judged, false, [&](MethodFrame&) {
+    XString text;
+    _mvIoParams io;
+    // What was listed before a failure is written too, with its end.
+    const bool listed = listXml(source, text, &outXml, progress);
+    return outXml._writeBytes(text.getUtf8(), text.getSizeUtf8(), io, m_log) && listed;
+  });
+}
+
+// With a drain, what has come together goes there now and then; the last of it is the caller's.
+bool ClsTar::listXml(_mvDataSource& source, XString& outXml, _mvOutput* drain, ProgressEvent* progress) {
   ProgressMonitorPtr monitor(progress, m_abortCheckMs, m_percentScale, 0);
   ProgressMonitor* const pm = monitor.getPm();
   NameDecoder names;
@@ -82,15 +95,23 @@ bool ClsTar::listXml(_mvDataSource& source, XString& outXml, ProgressEvent* prog
     const bool hasData = hasListedData(header);
     if (hasData) readListedData(source, header, cursor, pm, m_log, data);
     toXmlEntry(header, outXml, hasData ? data.c_str() : nullptr, decoder);
-    cursor.moveTo(saturatedSum(dataPosition, paddedSize(header.m_size)));
+    if (drain && outXml.getSizeUtf8() >= kDrainAt) {
+      if (!drain->writeBytesPM(outXml.getUtf8(), outXml.getSizeUtf8(), pm, m_log)) return false;
+      outXml.clear();
+    }
+    if (!cursor.moveTo(saturatedSum(dataPosition, paddedSize(header.m_size)))) return false;
   }
 }
 
 void ClsTar::xmlListingInit() {
+  const StepGuard step(*this);
+  if (!step) return;
   if (m_captureXmlListing) m_xmlListing.setFromUtf8(kXmlListingStart);
 }
 
 void ClsTar::xmlListingFinish() {
+  const StepGuard step(*this);
+  if (!step) return;
   if (m_captureXmlListing) endXmlListing(m_xmlListing);
 }
 

@@ -13,24 +13,25 @@ class LiveSettings {
  public:
   // `take` tells the properties as they are; `changes` counts how often any of them was set. Both must
   // outlive the object.
-  LiveSettings(std::function<Settings()> take, const RelaxedAtomic<unsigned>& changes)
+  LiveSettings(std::function<Settings()> take, const ChangeCount& changes)
       : m_take(std::move(take)), m_changes(changes) {}
 
   // As of the last refresh; every default before the first.
   const Settings& now() const { return m_settings; }
   // Takes the properties anew if any was set since the last time. True if so.
   bool refresh() {
-    const unsigned changes = m_changes;
+    const unsigned changes = m_changes.now();
     if (m_taken && changes == m_changesTaken) return false;
+    m_settings = m_take();
+    // Only now: a run that failed here for lack of memory must not leave its settings to the next one.
     m_taken = true;
     m_changesTaken = changes;
-    m_settings = m_take();
     return true;
   }
 
  private:
   std::function<Settings()> m_take;
-  const RelaxedAtomic<unsigned>& m_changes;
+  const ChangeCount& m_changes;
   bool m_taken = false;
   unsigned m_changesTaken = 0;
   Settings m_settings;

@@ -10,17 +10,12 @@
 namespace morvane {
 
 void MemberPath::set(const TarHeader& header, const ReadSettings& settings, LogBase& log) {
-  CharsetDecoder& charset = decoder(settings, log);
+  // Cut before it is decoded, and decoded without a copy: a name may have many megabytes.
   std::string& entryPath = m_entryPath.buffer();
-  if (charset.isUtf8()) {
-    entryPath = header.m_path.str();
-    applyEntryPathRules(entryPath, settings.untarDiscardPaths, settings.noAbsolutePaths);
-  } else {
-    std::string bytes = header.m_path.str();
-    applyEntryPathRules(bytes, settings.untarDiscardPaths, settings.noAbsolutePaths);
-    entryPath.clear();
-    charset.append(bytes, entryPath);
-  }
+  entryPath.clear();
+  decoder(settings, log)
+      .append(leftOfEntryPath(header.m_path.str(), settings.untarDiscardPaths, settings.noAbsolutePaths),
+              '\\', '/', entryPath);
   m_dir = settings.untarFromDir;
   m_hasOutputPath = false;
 }

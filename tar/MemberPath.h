@@ -23,6 +23,9 @@ class MemberPath {
   // ".", or whatever UntarFromDir is, joined with entryPath(); absolute entry paths stand for themselves.
   // Made when it is first asked for: a walk needs none.
   const XString& outputPath() const;
+  // UntarFromDir as it was when the path was set: one set in the member's own callback holds from the next
+  // on.
+  const XString& targetDir() const { return m_dir; }
   // The member's path after the path rules: what the filters see.
   const XString& entryPath() const { return m_entryPath; }
 

@@ -25,8 +25,7 @@ unsigned paxNumber(const char* keyword, const char* value, LogBase& log) {
 }
 
 void setOwned(std::unique_ptr<StringBuffer>& owned, const char* value) {
-  if (!owned) owned.reset(StringBuffer::createNewSB());
-  if (owned) owned->setString(value);
+  owned = std::make_unique<StringBuffer>(value);
 }
 
 void applyPaxRecord(const char* keyword, const char* value, TarHeader& record, LogBase& log) {

@@ -1,11 +1,21 @@
 // ClsTar's sources: what is added, counted, read back and cleared.
 #include <memory>
-#include <new>
 
 #include "tar/ClsTarMethod.h"
 #include "tar/SourceEntry.h"
 
 namespace morvane {
+
+namespace {
+
+constexpr char kNulInPath[] = "A path with a NUL byte cannot be archived.";
+
+bool fails(const char* message, LogBase& log) {
+  log.LogError(message);
+  return false;
+}
+
+}  // namespace
 
 bool ClsTar::AddDirRoot(const XString& dirPath) {
   return method("AddDirRoot", MethodForm::Judged, false,
@@ -20,17 +30,14 @@ bool ClsTar::AddDirRoot2(const XString& pathPrefix, const XString& dirPath) {
 bool ClsTar::addDirRoot(const XString* pathPrefix, const XString& dirPath) {
   if (pathPrefix) m_log.LogDataX("pathPrefix", *pathPrefix);
   m_log.LogDataX("dirPath", dirPath);
+  if (hasNul(dirPath) || (pathPrefix && hasNul(*pathPrefix))) return fails(kNulInPath, m_log);
   mvFileInfo info;
   if (!info.loadTargetInfoUtf8(dirPath.getUtf8(), m_log)) return false;
-  if (!info.m_isDirectory) {
-    m_log.LogError("Not a directory.");
-    return false;
-  }
+  if (!info.m_isDirectory) return fails("Not a directory.", m_log);
   auto root = std::make_unique<_dirRoot>();
   root->m_dirPath = dirPath.str();
   if (pathPrefix) root->m_pathPrefix = pathPrefix->str();
-  m_dirRoots.appendPtr(root.release());
-  return true;
+  return m_dirRoots.appendPtr(root.release()) || fails("Out of memory for a directory root.", m_log);
 }
 
 bool ClsTar::AddFile(const XString& path) {
@@ -44,9 +51,9 @@ bool ClsTar::AddFile2(const XString& path, const XString& pathInTar) {
 }
 
 bool ClsTar::addEntry(const std::string& entry) {
-  std::unique_ptr<StringBuffer> owned(StringBuffer::createNewSB());
-  if (!owned || !owned->appendN(entry.data(), static_cast<unsigned>(entry.size()))) return false;
-  return m_files.appendSb(owned.release());
+  if (entry.find('\0') != std::string::npos) return fails(kNulInPath, m_log);
+  auto owned = std::make_unique<StringBuffer>(entry);
+  return m_files.appendSb(owned.release()) || fails("Out of memory for a file.", m_log);
 }
 
 bool ClsTar::GetDirRoot(int index, XString& outDirPath) {

@@ -26,8 +26,8 @@ void takeText(const unsigned char* block, Field field, StringBuffer& out) {
 }
 
 void takeOwnedText(const unsigned char* block, Field field, std::unique_ptr<StringBuffer>& out) {
-  if (!out) out.reset(StringBuffer::createNewSB());
-  if (out) takeText(block, field, *out);
+  if (!out) out = std::make_unique<StringBuffer>();
+  takeText(block, field, *out);
 }
 
 // The prefix has 155 bytes, except that our own writer lets one run on into the tail, slash included.

@@ -32,15 +32,10 @@ constexpr Switch kSwitches[] = {
     {"entryevents", &TarOptions::entryEvents},
 };
 
-std::string_view trimmed(std::string_view text) {
-  const size_t start = std::min(text.find_first_not_of(kAsciiWhiteSpace), text.size());
-  return text.substr(start, text.find_last_not_of(kAsciiWhiteSpace) + 1 - start);
-}
-
-bool parsePositive(const std::string& text, long long& value) {
+bool parseCount(const std::string& text, long long least, long long& value) {
   const char* const end = text.data() + text.size();
   const auto result = std::from_chars(text.data(), end, value);
-  return result.ec == std::errc() && result.ptr == end && value > 0;
+  return result.ec == std::errc() && result.ptr == end && value >= least;
 }
 
 bool applySwitch(bool& setting, const std::string& value) {
@@ -74,13 +69,19 @@ bool applyWord(const std::string& word, const std::string& value, TarOptions& op
   }
   if (word == "maxextensionbytes") {
     options.maxExtensionBytes = defaults.maxExtensionBytes;
-    return value == "off" || parsePositive(value, options.maxExtensionBytes);
+    return value == "off" || parseCount(value, 1, options.maxExtensionBytes);
+  }
+  if (word == "maxpathdepth") {
+    options.maxPathDepth = defaults.maxPathDepth;
+    options.maxPathDepthIsGiven = value != "off";
+    if (value == "off") return true;
+    return parseCount(value, 0, options.maxPathDepth);
   }
   if (word == "fastdeflate") {
     options.fastDeflate = defaults.fastDeflate;
     if (value == "off") return true;
     long long level = 0;
-    if (!parsePositive(value, level) || level > 3) return false;
+    if (!parseCount(value, 1, level) || level > 3) return false;
     options.fastDeflate = static_cast<int>(level);
     return true;
   }

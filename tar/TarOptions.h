@@ -33,11 +33,13 @@ struct TarOptions {
   bool bz2Framed = false;
   bool requireEndOfArchive = false;
   bool entryEvents = false;
+  long long maxPathDepth = 4096;  // parts of a member's path; 0: no limit
+  bool maxPathDepthIsGiven = false;
 };
 
 // Words separated by commas, "Word" or "Word=value", case and blanks around them ignored; the last of a word
 // wins. Words that are not known, or have a value that makes no sense, are left out and added to `complaints`
-// as given.
+// as given; a component with any refuses to work.
 MORVANE_API TarOptions parseTarOptions(std::string_view words, std::vector<std::string>& complaints);
 
 }  // namespace morvane

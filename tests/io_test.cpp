@@ -78,7 +78,7 @@ void agreesWithAString(_mvDataSource& source, const std::string& bytes, size_t a
         break;
       case 2:
         if (!backwards) {
-          ASSERT_TRUE(source.skipByReading(span, nullptr, log));
+          ASSERT_TRUE(source.skip(span, nullptr, log));
           at += std::min<size_t>(span, left);
         } else {
           at = random() % 3 == 0 ? random() % (bytes.size() + 5000) : at + span % 5000;

@@ -357,7 +357,8 @@ TEST(Mvtar, DebianPackage) {
       mvtar -czf in/control.tar.gz -C c . && mvtar -czf in/data.tar.gz -C d .)");
   expectMvtar(dir, "--deb -f p.deb -C in control.tar.gz data.tar.gz", 0);
   // Packages of different seconds differ in the members' times, columns 17 to 28 of their headers.
-  must(dir, R"(timeless() { LC_ALL=C sed -E 's/^(debian-binary   |(control|data)\.tar\.gz *)[0-9]{10}  /\1/'; }
+  must(dir,
+       R"(timeless() { LC_ALL=C sed -E 's/^(debian-binary   |(control|data)\.tar\.gz *)[0-9]{10}  /\1/'; }
                mvtar --deb -f - in/control.tar.gz in/data.tar.gz | timeless | cmp - <(timeless < p.deb) &&
                dpkg-deb --info p.deb | grep 'Package: p' && dpkg-deb -x p.deb x && diff -r d x)");
   expectMvtar(dir, "--deb -f p.deb in/none in/data.tar.gz", 2, "", "in/none: No such file or directory");

@@ -1,5 +1,6 @@
 // A scalar property: read and written without the object's lock, so that another thread may do either at any
-// time. Relaxed order is enough: a property is a setting, it publishes no other data.
+// time. Relaxed order is enough: a property is a setting, it publishes no other data. What tells a run that
+// one was set is a ChangeCount.
 #pragma once
 
 #include <atomic>
@@ -15,10 +16,19 @@ class RelaxedAtomic {
     m_value.store(value, std::memory_order_relaxed);
     return *this;
   }
-  void increment() { m_value.fetch_add(1, std::memory_order_relaxed); }
 
  private:
   std::atomic<T> m_value;
+};
+
+// Counts how often settings changed. It publishes them: who sees the new count sees what was set before it.
+class ChangeCount {
+ public:
+  void increment() { m_count.fetch_add(1, std::memory_order_release); }
+  unsigned now() const { return m_count.load(std::memory_order_acquire); }
+
+ private:
+  std::atomic<unsigned> m_count{0};
 };
 
 }  // namespace morvane

@@ -18,14 +18,14 @@ class InputWindow {
   // The next piece; n is 0 at the end of the data.
   bool next(const char*& bytes, unsigned& n) {
     n = 0;
-    if (m_lends) return m_source.lendBytes(kPiece, bytes, n, m_pm, m_log);
+    if (m_lends) return m_source.lend(kPiece, bytes, n, m_pm, m_log);
     if (!m_own) m_own.reset(new (std::nothrow) char[kPiece]);
     if (!m_own) {
       m_log.LogError("Out of memory for a read buffer.");
       return false;
     }
     bytes = m_own.get();
-    return m_source.readSourcePM(m_own.get(), kPiece, n, m_pm, m_log);
+    return m_source.read(m_own.get(), kPiece, n, m_pm, m_log);
   }
   // The last n bytes of the last piece were not used.
   void giveBack(unsigned n) {
@@ -33,7 +33,7 @@ class InputWindow {
   }
 
  private:
-  // No more than this is decompressed between two questions whether to abort.
+  // No more than this is taken in between two questions whether to abort, whatever comes out of it.
   static constexpr unsigned kPiece = 64 * 1024;
 
   _mvDataSource& m_source;

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 
+#include <algorithm>
 #include <memory>
 
 #include "runtime/component/Version.h"
@@ -26,15 +27,29 @@ void ClsBase::injectError(const char* tag, const char* text) {
   m_log.LogError((std::string(tag ? tag : "") + ": " + (text ? text : "")).c_str());
 }
 
+void ClsBase::putText(XString& property, std::string_view value) noexcept {
+  CritSecExitor lock(*this);
+  const XString** const end = m_unset + m_unsetCount;
+  const XString** const known = std::find(m_unset, end, &property);
+  try {
+    property.buffer().assign(value);
+    if (known != end) *known = m_unset[--m_unsetCount];
+  } catch (...) {
+    if (known == end) m_unset[m_unsetCount++] = &property;
+  }
+  changed();
+}
+
 void ClsBase::put_UncommonOptions(XString& words) {
   CritSecExitor lock(*this);
-  m_uncommonOptions.copyFromX(words);
-  ++m_uncommonOptionsChanges;
+  putText(m_uncommonOptions, words.str());
+  m_uncommonOptionsChanges.increment();
 }
 
 void ClsBase::put_UncommonOptions(const char* words) {
-  XString text(words);
-  put_UncommonOptions(text);
+  CritSecExitor lock(*this);
+  putText(m_uncommonOptions, words ? words : "");
+  m_uncommonOptionsChanges.increment();
 }
 
 void ClsBase::get_UncommonOptions(XString& out) {
@@ -53,10 +68,7 @@ void ClsBase::get_DebugLogFilePath(XString& out) {
   out.copyFromX(m_debugLogFilePath);
 }
 
-void ClsBase::put_DebugLogFilePath(XString& path) {
-  CritSecExitor lock(*this);
-  m_debugLogFilePath.copyFromX(path);
-}
+void ClsBase::put_DebugLogFilePath(XString& path) { putText(m_debugLogFilePath, path.str()); }
 
 void ClsBase::get_LogText(XString& out) {
   CritSecExitor lock(*this);
@@ -66,6 +78,11 @@ void ClsBase::get_LogText(XString& out) {
 void ClsBase::get_FailureCause(XString& path, XString& reason) {
   CritSecExitor lock(*this);
   const LogBase::Cause& cause = m_log.cause();
+  if (m_endedBy) {
+    path.clear();
+    reason = m_endedBy;
+    return;
+  }
   path = cause.path;
   reason = cause.reason.empty() ? cause.message : cause.reason;
 }

@@ -5,6 +5,9 @@
 // for their whole run; scalar properties are read and written without it.
 #pragma once
 
+#include <atomic>
+#include <thread>
+
 #include "runtime/base/Export.h"
 #include "runtime/base/MorvaneCritSec.h"
 #include "runtime/base/RelaxedAtomic.h"
@@ -27,12 +30,15 @@ class MORVANE_API ClsBase : public MorvaneCritSec {
   virtual void injectStatus(const char* text, bool ok);
   virtual void injectError(const char* tag, const char* text);
   // Opt-in behaviour: words separated by commas, "Word" or "Word=value", case ignored; docs/options.md lists
-  // them. Each call replaces the whole set. A word that is not known, or whose value makes no sense, is named
-  // once by an error line in the log of the next method.
+  // them. Each call replaces the whole set. While a word is not known, or has a value that makes no sense,
+  // every method fails before it does anything, with an error line that names the word: a misspelt Confine
+  // must not let an archive out.
   virtual void put_UncommonOptions(XString& words);
   void put_UncommonOptions(const char* words);
   virtual bool get_VerboseLogging();
   virtual void put_VerboseLogging(bool verbose);
+  // Setters never throw. A text for which there was no memory is not set, and until it is, methods fail.
+
   // Called by bindings for garbage-collected languages; does nothing.
   virtual void dotNetDispose();
   // Where the finished log of each method is appended; empty (the default) appends it nowhere.
@@ -73,16 +79,21 @@ class MORVANE_API ClsBase : public MorvaneCritSec {
   // Tells a run that goes on that a property was set.
   void changed() { m_changes.increment(); }
 
-  RelaxedAtomic<unsigned> m_changes = 0;
+  // Sets a text property, under the lock.
+  void putText(XString& property, std::string_view value) noexcept;
+  // Whether a property has another value than it was given, for lack of memory.
+  bool hasUnsetText() const { return m_unsetCount > 0; }
+
+  ChangeCount m_changes;
   _mvLogger m_log;
   RelaxedAtomic<int> m_abortCheckMs = 100;
   RelaxedAtomic<int> m_percentScale = 100;
   XString m_uncommonOptions;
-  unsigned m_uncommonOptionsChanges =
-      0;  // counts, so that a derived class knows when to read the words again
+  ChangeCount m_uncommonOptionsChanges;  // so that a derived class knows when to read the words again
 
  private:
   friend class MethodFrame;
+  friend class StepGuard;
   static constexpr unsigned kAlive = 0x4C495645;
 
   void appendToDebugLogFile();
@@ -90,7 +101,13 @@ class MORVANE_API ClsBase : public MorvaneCritSec {
   unsigned m_validity = kAlive;
   const char* const m_className;
   XString m_debugLogFilePath;
-  bool m_methodRunning = false;  // under the lock
+  // The threads that are in a method (which holds the lock) and in a step of it (which does not): what one of
+  // them calls of the same object, it calls from a callback.
+  std::atomic<std::thread::id> m_methodRunner{}, m_stepRunner{};
+  const char* m_endedBy = nullptr;  // what was thrown in the last method, in words that take no memory
+  static constexpr unsigned kTextProperties = 16;  // more than any class has
+  const XString* m_unset[kTextProperties] = {};
+  unsigned m_unsetCount = 0;
 };
 
 }  // namespace morvane

@@ -42,13 +42,13 @@ class MORVANE_API MethodFrame {
         result = work(*this);
       } catch (const std::bad_alloc&) {
         result = failure;
-        reportException("Out of memory.");
+        reportException(kOutOfMemory, kOutOfMemory);
       } catch (const std::exception& exception) {
         result = failure;
-        reportException(exception.what());
+        reportException(exception.what(), kException);
       } catch (...) {
         result = failure;
-        reportException("An exception of unknown type.");
+        reportException("An exception of unknown type.", kException);
       }
     }
     close(succeeded(result));
@@ -59,14 +59,36 @@ class MORVANE_API MethodFrame {
   static bool succeeded(bool result) { return result; }
   static bool succeeded(int count) { return count >= 0; }
 
-  bool isNested() const { return m_owner.m_methodRunning; }
+  bool isNested() const {
+    const auto me = std::this_thread::get_id();
+    return m_owner.m_methodRunner == me || m_owner.m_stepRunner == me;
+  }
   bool open() noexcept;
-  void reportException(const char* what) noexcept;
+  void reportException(const char* what, const char* inShort) noexcept;
+  static constexpr char kOutOfMemory[] = "Out of memory.";
+  static constexpr char kException[] = "The method was ended by an exception.";
+
   void close(bool ok) noexcept;
 
   ClsBase& m_owner;
   const char* const m_name;
   MethodForm m_form;
+};
+
+// The entry of a step that methods are made of and that an application may call by itself: it has neither
+// lock nor log context. Called from a callback of the same object it is refused like a method: it would end
+// the work of the call that is going on.
+class MORVANE_API StepGuard {
+ public:
+  explicit StepGuard(ClsBase& owner);
+  ~StepGuard();
+  StepGuard(const StepGuard&) = delete;
+  StepGuard& operator=(const StepGuard&) = delete;
+  explicit operator bool() const { return m_mayRun; }
+
+ private:
+  ClsBase& m_owner;
+  bool m_mayRun;
 };
 
 }  // namespace morvane

@@ -18,20 +18,33 @@ namespace morvane {
 namespace {
 
 constexpr int kPathOnly = O_PATH | O_DIRECTORY;
+constexpr int kNewFile = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
+constexpr unsigned kFileMode = 0666, kDirectoryMode = 0777;
 constexpr int kTriesWhileChanging = 8;
+constexpr char kCannotCreate[] = "Failed to create file.";
+constexpr char kCannotMakeDirectory[] = "Failed to create directory.";
+constexpr char kCannotOpenDirectory[] = "Failed to open directory.";
 
-// False for a path that must be refused: absolute, or with a ".." part or a NUL. Empty parts and "." are left
-// out.
-bool splitParts(std::string_view path, std::vector<std::string>& parts) {
-  if (path.find('\0') != std::string_view::npos || (!path.empty() && path.front() == '/')) return false;
-  for (size_t start = 0; start < path.size();) {
-    const size_t end = std::min(path.find('/', start), path.size());
-    const std::string_view part = path.substr(start, end - start);
-    start = end + 1;
-    if (part == "..") return false;
-    if (!part.empty() && part != ".") parts.emplace_back(part);
+// False for a path that must be refused: absolute, or with a ".." part or a NUL.
+bool isConfinable(const std::string& path) {
+  if (path.find('\0') != std::string::npos || (!path.empty() && path.front() == '/')) return false;
+  for (size_t at = path.find(".."); at != std::string::npos; at = path.find("..", at + 1)) {
+    const bool starts = at == 0 || path[at - 1] == '/';
+    if (starts && (at + 2 == path.size() || path[at + 2] == '/')) return false;
   }
   return true;
+}
+
+// Empty parts and "." are left out.
+std::vector<std::string> partsOf(const std::string& path) {
+  std::vector<std::string> parts;
+  for (size_t start = 0; start < path.size();) {
+    const size_t end = std::min(path.find('/', start), path.size());
+    const std::string part = path.substr(start, end - start);
+    start = end + 1;
+    if (!part.empty() && part != ".") parts.push_back(part);
+  }
+  return parts;
 }
 
 std::string joined(const std::vector<std::string>& parts, size_t from, size_t to) {
@@ -40,9 +53,11 @@ std::string joined(const std::vector<std::string>& parts, size_t from, size_t to
   return path;
 }
 
-int openat2(int from, const char* path, unsigned long long resolve) {
+int openat2(int from, const char* path, int flags, unsigned mode, unsigned long long resolve) {
   open_how how{};
-  how.flags = kPathOnly;
+  // A program that another thread starts meanwhile must not inherit the descriptor.
+  how.flags = static_cast<unsigned>(flags | O_CLOEXEC);
+  how.mode = mode;
   how.resolve = resolve;
   return static_cast<int>(::syscall(SYS_openat2, from, path, &how, sizeof how));
 }
@@ -53,13 +68,19 @@ bool leavesTheTarget(int error) { return error == EXDEV || error == ELOOP || err
 
 bool ConfinedDir::open(const char* target, Links links, LogBase& log) {
   m_links = links;
-  forgetParents();
   m_target.reset(osOpen(target, kPathOnly));
   if (!m_target.isOpen() && errno == ENOENT && DirAutoCreate::ensureDirUtf8(target, log)) {
     m_target.reset(osOpen(target, kPathOnly));
   }
-  if (!m_target.isOpen()) logOsError(log, "Failed to open the target directory.", target, errno);
-  return m_target.isOpen();
+  if (!m_target.isOpen()) {
+    failed("Failed to open the target directory.", target, log);
+    return false;
+  }
+  // Old kernels, and containers that forbid what they do not know. Asked here, where EPERM has no other
+  // meaning.
+  const OsFile probe(openResolved(m_target.fd(), ".", kPathOnly, 0));
+  m_partByPart = m_partByPart || (!probe.isOpen() && (errno == ENOSYS || errno == EPERM));
+  return true;
 }
 
 void ConfinedDir::protect(const mvFileInfo& file) {
@@ -72,160 +93,97 @@ bool ConfinedDir::isProtected(const struct stat& status) const {
   return m_hasProtected && status.st_dev == m_protectedDevice && status.st_ino == m_protectedInode;
 }
 
-ConfinedDir::Result ConfinedDir::failed(const char* message, const Parts& parts, LogBase& log) {
-  logOsError(log, message, joined(parts, 0, parts.size()).c_str(), errno);
+ConfinedDir::Result ConfinedDir::failed(const char* message, const std::string& path, LogBase& log) {
+  m_lastError = errno;
+  logOsError(log, message, path.c_str(), m_lastError);
   return Result::Failed;
 }
 
-ConfinedDir::Result ConfinedDir::failed(const char* message, std::string_view path, LogBase& log) {
-  const int error = errno;
-  Parts parts;
-  splitParts(path, parts);
-  errno = error;
-  return failed(message, parts, log);
-}
-
-ConfinedDir::Result ConfinedDir::createFile(std::string_view path, OsFile& file, LogBase& log) {
-  std::string leaf;
-  const Result parent = openParentOf(path, leaf, log);
-  if (parent != Result::Ok) return parent;
-  if (leaf.empty()) {
-    errno = EISDIR;
-    return failed("Failed to create file.", path, log);
-  }
-  constexpr int kExclusive = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
-  for (int tries = 0; tries < kTriesWhileChanging; ++tries) {
-    file.reset(osOpenAt(m_parent.dir.fd(), leaf.c_str(), kExclusive, 0666));
+ConfinedDir::Result ConfinedDir::createFile(const std::string& path, OsFile& file, LogBase& log) {
+  if (!isConfinable(path)) return Result::Refused;
+  // Nearly every file has its parents and nothing in its way: one call does it all.
+  file.reset(createBeneath(path));
+  if (file.isOpen()) return Result::Ok;
+  Place place;
+  const Result opened = openParentOf(path, place, log);
+  if (opened != Result::Ok) return opened;
+  errno = EISDIR;
+  for (int tries = 0; !place.leaf.empty() && tries < kTriesWhileChanging; ++tries) {
+    file.reset(osOpenAt(place.parent.fd(), place.leaf.c_str(), kNewFile, kFileMode));
     if (file.isOpen()) return Result::Ok;
-    if (errno == ENOENT && !m_parentIsFresh) {
-      const Result reopened = reopenParentOf(path, leaf, log);
-      if (reopened != Result::Ok) return reopened;
-      continue;
-    }
     if (errno != EEXIST) break;
-    const Result cleared = clearTheWay(leaf, log);
+    const Result cleared = clearTheWay(place, log);
     if (cleared != Result::Ok) return cleared;
+    errno = EEXIST;
   }
-  return failed("Failed to create file.", path, log);
+  return failed(kCannotCreate, path, log);
 }
 
-// Removes what stands where a file is to be made. A directory kept from before may have been reached through
-// it.
-ConfinedDir::Result ConfinedDir::clearTheWay(const std::string& leaf, LogBase& log) {
-  m_parentBefore = KeptDir();
+// Removes what stands where a member is to be made.
+ConfinedDir::Result ConfinedDir::clearTheWay(const Place& place, LogBase& log) {
+  const int parent = place.parent.fd();
+  const char* const leaf = place.leaf.c_str();
   struct stat status;
-  if (fstatat(m_parent.dir.fd(), leaf.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
-    return errno == ENOENT ? Result::Ok : failed("Failed to examine what is in the way.", leaf, log);
+  if (fstatat(parent, leaf, &status, AT_SYMLINK_NOFOLLOW) != 0) {
+    return errno == ENOENT ? Result::Ok : failed("Failed to examine what is in the way.", place.leaf, log);
   }
   if (isProtected(status)) return Result::Refused;
   const bool isDirectory = S_ISDIR(status.st_mode);
-  if (unlinkat(m_parent.dir.fd(), leaf.c_str(), isDirectory ? AT_REMOVEDIR : 0) == 0 || errno == ENOENT)
-    return Result::Ok;
+  if (unlinkat(parent, leaf, isDirectory ? AT_REMOVEDIR : 0) == 0 || errno == ENOENT) return Result::Ok;
   if (isDirectory && (errno == ENOTEMPTY || errno == EEXIST)) return Result::Refused;
-  return failed("Failed to remove what is in the way.", leaf, log);
+  return failed("Failed to remove what is in the way.", place.leaf, log);
 }
 
-ConfinedDir::Result ConfinedDir::makeDirectory(std::string_view path, LogBase& log) {
-  std::string leaf;
-  const Result parent = openParentOf(path, leaf, log);
-  if (parent != Result::Ok || leaf.empty()) return parent;  // without a leaf it is the target itself
+ConfinedDir::Result ConfinedDir::makeDirectory(const std::string& path, LogBase& log) {
+  if (!isConfinable(path)) return Result::Refused;
+  Place place;
+  const Result opened = openParentOf(path, place, log);
+  if (opened != Result::Ok || place.leaf.empty()) return opened;  // without a leaf it is the target itself
+  const char* const leaf = place.leaf.c_str();
   for (int tries = 0; tries < kTriesWhileChanging; ++tries) {
-    if (mkdirat(m_parent.dir.fd(), leaf.c_str(), 0777) == 0) return Result::Ok;
-    if (errno == ENOENT && !m_parentIsFresh) {
-      const Result reopened = reopenParentOf(path, leaf, log);
-      if (reopened != Result::Ok) return reopened;
-      continue;
-    }
+    if (mkdirat(place.parent.fd(), leaf, kDirectoryMode) == 0) return Result::Ok;
     if (errno != EEXIST) break;
     struct stat status;
-    if (fstatat(m_parent.dir.fd(), leaf.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) continue;
+    if (fstatat(place.parent.fd(), leaf, &status, AT_SYMLINK_NOFOLLOW) != 0) continue;
     if (S_ISDIR(status.st_mode)) return Result::Ok;
     if (S_ISLNK(status.st_mode) && m_links == Links::InsideTarget && !m_partByPart) {
-      Parts whole = m_parent.parts;
-      whole.push_back(leaf);
+      Parts whole = place.parts;
+      whole.push_back(place.leaf);
       if (const OsFile inside(openBeneath(whole, whole.size())); inside.isOpen()) return Result::Ok;
     }
-    const Result cleared = clearTheWay(leaf, log);
+    const Result cleared = clearTheWay(place, log);
     if (cleared != Result::Ok) return cleared;
+    errno = EEXIST;
   }
-  return failed("Failed to create directory.", path, log);
-}
-
-// Whether the path is the kept parent's, as it was spelled before, with a plain name behind it: most files
-// follow another one in their directory.
-bool ConfinedDir::isKeptParentOf(std::string_view path) const {
-  const std::string& spelling = m_parent.spelling;
-  if (!m_parent.dir.isOpen() || spelling.empty() || path.size() <= spelling.size() + 1) return false;
-  if (path.compare(0, spelling.size(), spelling) != 0 || path[spelling.size()] != '/') return false;
-  const std::string_view leaf = path.substr(spelling.size() + 1);
-  return leaf != "." && leaf != ".." && leaf.find('/') == std::string_view::npos &&
-         leaf.find('\0') == std::string_view::npos;
+  return failed(kCannotMakeDirectory, path, log);
 }
 
 // Opens the directory that the path's last part is in; that part is the leaf, empty for the target itself.
-ConfinedDir::Result ConfinedDir::openParentOf(std::string_view path, std::string& leaf, LogBase& log) {
-  m_parentIsFresh = false;
-  if (isKeptParentOf(path)) {
-    leaf = path.substr(m_parent.spelling.size() + 1);
-    return Result::Ok;
+ConfinedDir::Result ConfinedDir::openParentOf(const std::string& path, Place& place, LogBase& log) {
+  place.parts = partsOf(path);
+  if (place.parts.empty()) return Result::Ok;
+  place.leaf = std::move(place.parts.back());
+  place.parts.pop_back();
+  if (!m_partByPart) {
+    place.parent.reset(openBeneath(place.parts, place.parts.size()));
+    if (place.parent.isOpen()) return Result::Ok;
+    if (leavesTheTarget(errno)) return Result::Refused;
+    if (errno != ENOENT) return failed(kCannotOpenDirectory, joined(place.parts, 0, place.parts.size()), log);
   }
-  Parts parts;
-  if (!splitParts(path, parts)) return Result::Refused;
-  leaf.clear();
-  if (parts.empty()) return Result::Ok;
-  leaf = parts.back();
-  parts.pop_back();
-  const Result opened = openParent(parts, log);
-  const size_t end = path.size() - std::min(path.size(), leaf.size() + 1);
-  if (opened == Result::Ok && path.substr(end + 1) == leaf) m_parent.spelling = path.substr(0, end);
-  return opened;
-}
-
-void ConfinedDir::forgetParents() {
-  m_parent = KeptDir();
-  m_parentBefore = KeptDir();
-}
-
-// For a kept parent that somebody has removed.
-ConfinedDir::Result ConfinedDir::reopenParentOf(std::string_view path, std::string& leaf, LogBase& log) {
-  forgetParents();
-  return openParentOf(path, leaf, log);
-}
-
-// Opens the directory that the parts name into m_parent.
-ConfinedDir::Result ConfinedDir::openParent(const Parts& parts, LogBase& log) {
-  if (m_parent.dir.isOpen() && parts == m_parent.parts) return Result::Ok;
-  if (m_parentBefore.dir.isOpen() && parts == m_parentBefore.parts) {
-    std::swap(m_parent, m_parentBefore);
-    return Result::Ok;
-  }
-  OsFile opened(m_partByPart ? -1 : openBeneath(parts, parts.size()));
-  if (opened.isOpen()) {
-    keepParent(std::move(opened), parts);
-    return Result::Ok;
-  }
-  if (!m_partByPart && errno != ENOENT) {
-    return leavesTheTarget(errno) ? Result::Refused : failed("Failed to open directory.", parts, log);
-  }
-  return walkToParent(parts, log);
-}
-
-void ConfinedDir::keepParent(OsFile dir, const Parts& parts) {
-  m_parentBefore = std::move(m_parent);
-  m_parent = KeptDir{std::move(dir), parts, ""};
-  m_parentIsFresh = true;
+  return walkToParent(place, log);
 }
 
 // Part by part from the target on, making what is missing. A link on the way is passed only as the kernel
 // resolves it beneath the target.
-ConfinedDir::Result ConfinedDir::walkToParent(const Parts& parts, LogBase& log) {
+ConfinedDir::Result ConfinedDir::walkToParent(Place& place, LogBase& log) {
+  const Parts& parts = place.parts;
   OsFile reached(osOpenAt(m_target.fd(), ".", kPathOnly));
   for (size_t i = 0; reached.isOpen() && i < parts.size(); ++i) {
     const char* const part = parts[i].c_str();
     OsFile next(osOpenAt(reached.fd(), part, kPathOnly | O_NOFOLLOW));
     if (!next.isOpen() && errno == ENOENT) {
-      if (mkdirat(reached.fd(), part, 0777) != 0 && errno != EEXIST) {
-        return failed("Failed to create directory.", parts, log);
+      if (mkdirat(reached.fd(), part, kDirectoryMode) != 0 && errno != EEXIST) {
+        return failed(kCannotMakeDirectory, joined(parts, 0, parts.size()), log);
       }
       next.reset(osOpenAt(reached.fd(), part, kPathOnly | O_NOFOLLOW));
     }
@@ -235,11 +193,22 @@ ConfinedDir::Result ConfinedDir::walkToParent(const Parts& parts, LogBase& log) 
       // A link to nothing is refused too: making what it names might be making it elsewhere.
       if (!next.isOpen() && (leavesTheTarget(errno) || errno == ENOENT)) return Result::Refused;
     }
+    const int error = errno;
     reached = std::move(next);
+    errno = error;  // of the open, not of the close
   }
-  if (!reached.isOpen()) return failed("Failed to open directory.", parts, log);
-  keepParent(std::move(reached), parts);
+  if (!reached.isOpen()) return failed(kCannotOpenDirectory, joined(parts, 0, parts.size()), log);
+  place.parent = std::move(reached);
   return Result::Ok;
+}
+
+// A new file whose parents are there; -1 with errno when anything about it needs a closer look.
+int ConfinedDir::createBeneath(const std::string& path) {
+  if (!m_partByPart && path.size() < PATH_MAX) {
+    return openResolved(m_target.fd(), path.c_str(), kNewFile, kFileMode);
+  }
+  errno = ENOENT;
+  return -1;
 }
 
 // The directory that the first `count` parts name, resolved beneath the target; -1 with errno.
@@ -253,8 +222,8 @@ int ConfinedDir::openBeneath(const Parts& parts, size_t count) {
       errno = ENAMETOOLONG;
       return -1;
     }
-    const int opened =
-        openResolved(reached.isOpen() ? reached.fd() : m_target.fd(), joined(parts, start, end));
+    const int from = reached.isOpen() ? reached.fd() : m_target.fd();
+    const int opened = openResolved(from, joined(parts, start, end).c_str(), kPathOnly, 0);
     if (opened < 0) return -1;
     reached.reset(opened);
     start = end;
@@ -262,18 +231,15 @@ int ConfinedDir::openBeneath(const Parts& parts, size_t count) {
   return reached.release();
 }
 
-int ConfinedDir::openResolved(int from, const std::string& path) {
+// EAGAIN: something on the way was renamed meanwhile. EINTR: a signal came.
+int ConfinedDir::openResolved(int from, const char* path, int flags, unsigned mode) {
   unsigned long long resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS;
   if (m_links == Links::None) resolve |= RESOLVE_NO_SYMLINKS;
   int fd = -1;
-  for (int tries = 0; tries < kTriesWhileChanging; ++tries) {
-    fd = openat2(from, path.c_str(), resolve);
-    if (fd >= 0 || errno != EAGAIN) break;
-  }
-  // Old kernels, and containers that forbid what they do not know.
-  if (fd < 0 && (errno == ENOSYS || errno == EPERM)) {
-    m_partByPart = true;
-    errno = ENOENT;  // the way part by part decides
+  for (int tries = 0; tries < kTriesWhileChanging;) {
+    fd = openat2(from, path, flags, mode, resolve);
+    if (fd >= 0 || (errno != EAGAIN && errno != EINTR)) break;
+    if (errno == EAGAIN) ++tries;
   }
   return fd;
 }

@@ -1,12 +1,12 @@
 // Files and directories created beneath one directory, and nowhere else.
 //
-// The target is opened once. Every parent is resolved by the kernel beneath it (openat2), every file made
-// exclusively, so there is no moment between looking and using in which a link could be slipped in. Where the
-// kernel has no openat2, parents are opened part by part and no link is passed at all.
+// The target is opened once. Every member is resolved anew by the kernel beneath it (openat2), parents and
+// new file in one call, so there is no moment between looking and using in which a link could be slipped in,
+// and a directory that somebody moves out of the target is not followed by the members that come later. Where
+// the kernel has no openat2, parents are opened part by part and no link is passed at all.
 #pragma once
 
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "runtime/fs/OsFile.h"
@@ -32,42 +32,36 @@ class ConfinedDir {
   // Makes an empty file for writing, its missing parents first. What was there is removed, a link or FIFO as
   // itself; a full directory and the protected file are refused. The path is relative, its parts separated by
   // "/".
-  Result createFile(std::string_view path, OsFile& file, LogBase& log);
+  Result createFile(const std::string& path, OsFile& file, LogBase& log);
   // Makes a directory, its missing parents first. A directory that is there stays; so does a link to one
   // inside the target where links are allowed; anything else is removed.
-  Result makeDirectory(std::string_view path, LogBase& log);
+  Result makeDirectory(const std::string& path, LogBase& log);
+  // The system's reason (an errno) behind the last Failed.
+  int lastError() const { return m_lastError; }
 
  private:
   using Parts = std::vector<std::string>;
 
-  // A directory that was opened, and what it is called.
-  struct KeptDir {
-    OsFile dir;
-    Parts parts;
-    std::string spelling;  // the path it was asked for by, empty when not known
+  // Where a member goes: the open directory it is in, and its name there.
+  struct Place {
+    OsFile parent;
+    Parts parts;  // of the parent, from the target on
+    std::string leaf;
   };
 
-  bool isKeptParentOf(std::string_view path) const;
-  Result openParentOf(std::string_view path, std::string& leaf, LogBase& log);
-  Result reopenParentOf(std::string_view path, std::string& leaf, LogBase& log);
-  Result openParent(const Parts& parts, LogBase& log);
-  void forgetParents();
-  void keepParent(OsFile dir, const Parts& parts);
-  Result walkToParent(const Parts& parts, LogBase& log);
+  Result openParentOf(const std::string& path, Place& place, LogBase& log);
+  Result walkToParent(Place& place, LogBase& log);
+  int createBeneath(const std::string& path);
   int openBeneath(const Parts& parts, size_t count);
-  int openResolved(int from, const std::string& path);
-  Result clearTheWay(const std::string& leaf, LogBase& log);
+  int openResolved(int from, const char* path, int flags, unsigned mode);
+  Result clearTheWay(const Place& place, LogBase& log);
   bool isProtected(const struct stat& status) const;
-  Result failed(const char* message, std::string_view path, LogBase& log);
-  Result failed(const char* message, const Parts& parts, LogBase& log);
+  Result failed(const char* message, const std::string& path, LogBase& log);
 
   OsFile m_target;
   Links m_links = Links::None;
   bool m_partByPart = false;
-  // The last parent, and the one before it: a walk goes back and forth between a directory and the one it is
-  // in. Closed when none is kept; the target itself is m_target.
-  KeptDir m_parent, m_parentBefore;
-  bool m_parentIsFresh = false;  // it was opened for this call
+  int m_lastError = 0;
   bool m_hasProtected = false;
   unsigned long long m_protectedDevice = 0, m_protectedInode = 0;
 };

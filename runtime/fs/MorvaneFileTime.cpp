@@ -35,8 +35,11 @@ MorvaneSysTime MorvaneSysTime::fromFileTime(const MorvaneFileTime& time) {
   const time_t seconds = static_cast<time_t>(time.seconds());
   MorvaneSysTime out;
   tm parts{};
-  if (!gmtime_r(&seconds, &parts)) return out;  // a year that does not fit an int: shown as the epoch
-  out.year = parts.tm_year + 1900;
+  constexpr int kFirstYear = 1900;  // of struct tm
+  const bool fits =
+      gmtime_r(&seconds, &parts) && parts.tm_year <= std::numeric_limits<int>::max() - kFirstYear;
+  if (!fits) return out;  // a year that does not fit an int: shown as the epoch
+  out.year = parts.tm_year + kFirstYear;
   out.month = parts.tm_mon + 1;
   out.day = parts.tm_mday;
   out.hour = parts.tm_hour;

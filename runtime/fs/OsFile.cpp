@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "runtime/log/LogBase.h"
+#include "runtime/text/XString.h"
 
 namespace morvane {
 
@@ -101,7 +102,7 @@ int osOpenAt(int directory, const char* name, int flags, mode_t mode) {
   return fd;
 }
 
-int osOpenSource(const char* path) { return osOpen(path, kOpenSource); }
+int osOpenSource(const char* path) { return osOpen(path, kOpenSource | O_NOFOLLOW); }
 
 int osOpenSource(int directory, const char* name) {
   return osOpenAt(directory, name, kOpenSource | O_NOFOLLOW);
@@ -122,10 +123,19 @@ int osSetTimes(const char* path, const timespec& access, const timespec& modific
   return onPath(path, [&](int directory, const char* rest) { return utimensat(directory, rest, times, 0); });
 }
 
+bool hasNul(const XString& path) { return path.str().find('\0') != std::string::npos; }
+
+bool isSystemPath(const XString& path, const char* message, LogBase& log) {
+  if (!hasNul(path)) return true;
+  logOsError(log, message, path.getUtf8(), EINVAL);
+  return false;
+}
+
 void logOsError(LogBase& log, const char* message, const char* path, int error) {
   log.LogError(message);
   log.LogData("path", path);
   log.LogData("reason", std::strerror(error));
+  errno = error;
 }
 
 }  // namespace morvane

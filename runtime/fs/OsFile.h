@@ -15,6 +15,7 @@
 namespace morvane {
 
 class LogBase;
+class XString;
 
 // Owns one descriptor.
 class MORVANE_API OsFile {
@@ -51,15 +52,22 @@ int osOpen(const char* path, int flags, mode_t mode = 0);
 int osOpenOnce(const char* path, int flags);  // a wait that a signal breaks is not taken up again
 // openat, taken up again after a signal.
 int osOpenAt(int directory, const char* name, int flags, mode_t mode = 0);
-// Opens a file to be copied: for reading, never waiting for a FIFO, never taking a terminal.
+// Opens a file to be copied: for reading, never waiting for a FIFO, never taking a terminal, not following a
+// symbolic link at the path's end, which has come there since the file was examined.
 int osOpenSource(const char* path);
-// The same for a name in an open directory; a symbolic link is not followed.
+// The same for a name in an open directory.
 int osOpenSource(int directory, const char* name);
 int osStatus(const char* path, struct stat& out, bool followLinks);
 int osMakeDirectory(const char* path, mode_t mode);
 int osSetTimes(const char* path, const timespec& access, const timespec& modification);
 
-// The error line `message`, then "path" and the reason that errno gives.
+// Whether a text can be a path at all. One with a NUL cannot: the system would take it to end there, and so
+// to be another file's.
+bool hasNul(const XString& path);
+// The same; what cannot be one is logged with `message`.
+bool isSystemPath(const XString& path, const char* message, LogBase& log);
+
+// The error line `message`, then "path" and the reason that `error` gives, which is then what errno says.
 void logOsError(LogBase& log, const char* message, const char* path, int error);
 
 }  // namespace morvane

@@ -27,7 +27,7 @@ bool BufferedDataSource::fill(ProgressMonitor* pm, LogBase& log) {
     m_at = kBehind;
   }
   unsigned got = 0;
-  if (!m_source.readSourcePM(m_buffer.get() + m_end, kBehind + kBuffer - m_end, got, pm, log)) return false;
+  if (!m_source.read(m_buffer.get() + m_end, kBehind + kBuffer - m_end, got, pm, log)) return false;
   m_ended = got == 0;
   m_end += got;
   return true;

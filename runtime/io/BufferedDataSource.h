@@ -1,4 +1,5 @@
-// Makes a source that cannot lend its bytes into one that can, by a buffer of its own. Reads forward only.
+// Makes a source that cannot lend or show its bytes into one that can, by a buffer of its own. Reads forward
+// only.
 #pragma once
 
 #include <memory>
@@ -18,6 +19,7 @@ class BufferedDataSource : public _mvDataSource {
   bool canLend() override { return true; }
   bool lendBytes(unsigned most, const char*& bytes, unsigned& n, ProgressMonitor* pm, LogBase& log) override;
   void takeBack(unsigned n) override { m_at -= n; }
+  bool canPeek() override { return true; }
   bool peekBytes(unsigned n, const char*& bytes, unsigned& got, ProgressMonitor* pm, LogBase& log) override;
 
  private:

@@ -23,16 +23,22 @@ bool DataBuffer::loadFileUtf8(const char* path, LogBase* log) {
     to.LogDataInt64("size", size);
     return false;
   }
-  if (size > 0) reserveMore(static_cast<unsigned>(size));
+  if (size > 0) (void)reserveMore(static_cast<unsigned>(size));  // else it grows as bytes come
   OutputDataBuffer out(*this);
   _mvIoParams io;
   while (true) {
     const char* bytes = nullptr;
     unsigned n = 0;
-    if (!source.lendBytes(0xFFFFFFFFu, bytes, n, nullptr, to)) return false;
-    if (n == 0) return true;
+    if (!source.lend(0xFFFFFFFFu, bytes, n, nullptr, to)) return false;
+    if (n == 0) break;
     if (!out._writeBytes(bytes, n, io, to)) return false;
   }
+  if (m_size >= size) return true;
+  to.LogError("The file ended early.");
+  to.LogData("path", path);
+  to.LogDataInt64("size", size);
+  to.LogDataInt64("bytesRead", m_size);
+  return false;
 }
 
 bool DataBuffer::saveToFileUtf8(const char* path, LogBase* log) const {

@@ -12,7 +12,7 @@ bool OutputDataBuffer::_writeBytes(const char* bytes, unsigned int n, _mvIoParam
   return false;
 }
 
-void OutputDataBuffer::reserveMore(unsigned n) { m_buffer.reserveMore(n); }
+void OutputDataBuffer::reserveMore(unsigned n) { (void)m_buffer.reserveMore(n); }
 
 long long OutputDataBuffer::ftell64() { return m_buffer.getSize(); }
 

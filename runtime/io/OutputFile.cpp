@@ -26,31 +26,41 @@ static_assert(OutputFile::kMostSpare <= kLargeBuffer);
 OutputFile* OutputFile::createFileUtf8(const char* path, LogBase& log) {
   OsFile file(osOpen(path, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_NOCTTY, 0666));
   if (!file.isOpen()) {
-    logOsError(log, "Failed to create file.", path, errno);
+    logOsError(log, kCannotCreate, path, errno);
     return nullptr;
   }
-  return adopt(std::move(file), path);
+  OutputFile* const opened = adopt(std::move(file), path);
+  if (!opened) logOsError(log, kCannotCreate, path, ENOMEM);
+  return opened;
 }
 
 OutputFile* OutputFile::adopt(OsFile file, const char* path) {
-  return new (std::nothrow) OutputFile(std::move(file), path);
+  try {
+    return new OutputFile(std::move(file), path);
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
 }
 
 OutputFile::~OutputFile() { closeHandle(); }
 
 bool OutputFile::_writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log) {
-  if (m_failed || !m_file.isOpen()) return false;
+  if (m_dropping) m_bytesWritten += n;
+  if (m_failed || !m_file.isOpen()) return m_dropping;
   if (n == 0) return true;
   ProgressMonitor* const pm = io.monitor();
   const bool isInPlace = m_capacity > 0 && bytes == m_buffer.get() + m_buffered;
   if (n > m_capacity - m_buffered) {
-    if (m_buffered > 0 && !flush(pm, log)) return false;
+    if (m_buffered > 0 && !flush(pm, log)) {
+      if (m_dropping) m_bytesWritten += n;
+      return m_dropping;
+    }
     // A file that comes in one or two middling pieces needs no buffer either.
     const bool passes = n >= kPassesBuffer || (m_capacity == 0 && (n >= kSmallBuffer || n == m_expected));
     if (passes || !makeBuffer(m_capacity == 0 ? kSmallBuffer : kLargeBuffer)) {
-      if (!writeThrough(bytes, n, pm, log)) return false;
-      m_bytesWritten += n;
-      return true;
+      const bool written = writeThrough(bytes, n, pm, log) || m_dropping;
+      if (written) m_bytesWritten += n;
+      return written;
     }
   }
   if (!isInPlace) std::memcpy(m_buffer.get() + m_buffered, bytes, n);
@@ -99,11 +109,16 @@ bool OutputFile::writeThrough(const char* bytes, size_t n, ProgressMonitor* pm, 
     if (error == EINTR && !endsWait(pm, log)) continue;
     // A FIFO was opened without waiting for its reader; from here on writes wait.
     if (error == EAGAIN && m_file.setBlocking() == 0) continue;
-    m_failed = true;
+    failWith(error);
     if (error != EINTR) logOsError(log, "Failed to write to file.", m_path.c_str(), error);
     return false;
   }
   return true;
+}
+
+void OutputFile::failWith(int error) {
+  m_failed = true;
+  m_dropping = m_dropsAfterOwnFailure && (error == EIO || error == EFBIG || error == EDQUOT);
 }
 
 bool OutputFile::getFileInfo(mvFileInfo& info) const {
@@ -127,8 +142,9 @@ bool OutputFile::closeHandle(LogBase* log, ProgressMonitor* pm) {
   if (!m_file.isOpen()) return !m_failed;
   flush(pm, to);
   if (m_file.close() != 0 && !m_failed) {
-    m_failed = true;
-    logOsError(to, "Failed to close file.", m_path.c_str(), errno);
+    const int error = errno;
+    failWith(error);
+    logOsError(to, "Failed to close file.", m_path.c_str(), error);
   }
   return !m_failed;
 }

@@ -17,6 +17,8 @@ namespace morvane {
 class MorvaneFileTime;
 struct mvFileInfo;
 
+constexpr char kCannotCreate[] = "Failed to create file.";
+
 class MORVANE_API OutputFile : public _mvOutput {
  public:
   // Creates or truncates the file (mode 0666 less the umask), following a symbolic link, never waiting for
@@ -35,6 +37,13 @@ class MORVANE_API OutputFile : public _mvOutput {
 
   // The file will get n bytes in all: if they come in one piece, they need no buffer.
   void expect(long long n) { m_expected = n; }
+
+  // From here on a failure that concerns this file alone (a damaged spot of the disk, a limit on its size,
+  // its owner's quota) is said, and what comes behind it is accepted and dropped: whoever copies into the
+  // file gets past its data. The file has failed all the same, which closeHandle tells.
+  void dropAfterOwnFailure() { m_dropsAfterOwnFailure = true; }
+  // Whether a failure was of that kind, and was borne.
+  bool hasFailedAlone() const { return m_failed && m_dropping; }
 
   // Bytes accepted so far.
   long long ftell64() override { return m_bytesWritten; }
@@ -60,6 +69,7 @@ class MORVANE_API OutputFile : public _mvOutput {
  private:
   OutputFile(OsFile file, const char* path) : m_file(std::move(file)), m_path(path) {}
   bool writeThrough(const char* bytes, size_t n, ProgressMonitor* pm, LogBase& log);
+  void failWith(int error);
   bool makeBuffer(unsigned capacity);
   bool setTimes(const timespec& access, const timespec& modification, LogBase& log);
 
@@ -71,6 +81,8 @@ class MORVANE_API OutputFile : public _mvOutput {
   long long m_bytesWritten = 0;
   long long m_expected = -1;
   bool m_failed = false;
+  bool m_dropsAfterOwnFailure = false;
+  bool m_dropping = false;  // it failed, and so alone
 };
 
 }  // namespace morvane

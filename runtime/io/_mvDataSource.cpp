@@ -26,7 +26,7 @@ bool endedEarly(long long missing, LogBase& log) {
 
 _mvDataSource::~_mvDataSource() = default;
 
-bool _mvDataSource::endOfStream() { return false; }
+bool _mvDataSource::endOfStream() { return m_gaveNothing; }
 
 bool _mvDataSource::fseekAbsolute64(long long, LogBase& log) {
   log.LogError("This data source cannot seek.");
@@ -43,14 +43,29 @@ bool _mvDataSource::lendBytes(unsigned, const char*&, unsigned&, ProgressMonitor
 
 void _mvDataSource::takeBack(unsigned) {}
 
+bool _mvDataSource::canPeek() { return false; }
+
 bool _mvDataSource::peekBytes(unsigned, const char*&, unsigned&, ProgressMonitor*, LogBase&) { return false; }
+
+bool _mvDataSource::noteRead(unsigned got, ProgressMonitor* pm, LogBase& log) {
+  m_gaveNothing = got == 0;
+  return !pm || !pm->abortCheckTimed(log) || logAborted(log);
+}
+
+bool _mvDataSource::read(char* buffer, unsigned n, unsigned& numRead, ProgressMonitor* pm, LogBase& log) {
+  return readSourcePM(buffer, n, numRead, pm, log) && noteRead(numRead, pm, log);
+}
+
+bool _mvDataSource::lend(unsigned most, const char*& bytes, unsigned& n, ProgressMonitor* pm, LogBase& log) {
+  return lendBytes(most, bytes, n, pm, log) && noteRead(n, pm, log);
+}
 
 bool _mvDataSource::readFully(char* buffer, unsigned n, unsigned& numRead, ProgressMonitor* pm,
                               LogBase& log) {
   numRead = 0;
   while (numRead < n) {
     unsigned got = 0;
-    if (!readSourcePM(buffer + numRead, n - numRead, got, pm, log)) return false;
+    if (!read(buffer + numRead, n - numRead, got, pm, log)) return false;
     if (got == 0) break;
     numRead += got;
   }
@@ -73,18 +88,17 @@ bool _mvDataSource::copyNToOutput2PM(_mvOutput& out, long long n, char* buffer, 
   while (n > 0) {
     const char* bytes = buffer;
     unsigned got = 0;
-    const bool ok = lends ? lendBytes(pieceOf(n, kLentPiece), bytes, got, pm, log)
-                          : readSourcePM(buffer, pieceOf(n, bufferSize), got, pm, log);
+    const bool ok = lends ? lend(pieceOf(n, kLentPiece), bytes, got, pm, log)
+                          : read(buffer, pieceOf(n, bufferSize), got, pm, log);
     if (!ok) return false;
     if (got == 0) return endedEarly(n, log);
-    if (pm && pm->abortCheckTimed(log)) return logAborted(log);  // an application's source may not ask
     if (!out.writeBytesPM(bytes, got, pm, log)) return false;
     n -= got;
   }
   return true;
 }
 
-bool _mvDataSource::skipByReading(long long n, ProgressMonitor* pm, LogBase& log) {
+bool _mvDataSource::skip(long long n, ProgressMonitor* pm, LogBase& log) {
   const bool lends = canLend();
   const ByteArrayOwner buffer(lends ? nullptr : mvNewChar(kCopyBuffer));
   if (!lends && !buffer.get()) {
@@ -94,11 +108,10 @@ bool _mvDataSource::skipByReading(long long n, ProgressMonitor* pm, LogBase& log
   while (n > 0) {
     const char* bytes = nullptr;
     unsigned got = 0;
-    const bool ok = lends ? lendBytes(pieceOf(n, kLentPiece), bytes, got, pm, log)
-                          : readSourcePM(buffer.get(), pieceOf(n, kCopyBuffer), got, pm, log);
+    const bool ok = lends ? lend(pieceOf(n, kLentPiece), bytes, got, pm, log)
+                          : read(buffer.get(), pieceOf(n, kCopyBuffer), got, pm, log);
     if (!ok) return false;
     if (got == 0) return true;
-    if (pm && pm->abortCheckTimed(log)) return logAborted(log);
     n -= got;
   }
   return true;

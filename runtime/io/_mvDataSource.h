@@ -1,8 +1,12 @@
 // A place bytes come from, with a current position.
 //
 // An application may derive its own. readSourcePM is all it must supply: such a source is read from where it
-// stands and skipped forward by reading. One that also knows where it stands (ftell64) is moved by
-// fseekAbsolute64 instead.
+// stands, ends with the first read that gives nothing, and is skipped forward by reading. One that also knows
+// where it stands (ftell64) is moved by fseekAbsolute64 instead.
+//
+// The component reads through the operations that are not virtual (read, lend, skip and those over them):
+// they are the one place that asks whether to abort and that notes the end, whatever a derived source does
+// about either.
 //
 // Ownership: a source handed to a method is never owned by it and must outlive the call. Threads: one reader
 // at a time. Failure: false, with one error line already in `log`.
@@ -28,7 +32,7 @@ class MORVANE_API _mvDataSource {
   // is a failure.
   virtual bool readSourcePM(char* buffer, unsigned int n, unsigned int& numRead, ProgressMonitor* pm,
                             LogBase& log) = 0;
-  // True once the source is exhausted.
+  // True once the source is exhausted. The base goes by the last read: whether it gave nothing.
   virtual bool endOfStream();
   // Moves to a byte position. The base cannot. Where it fails, later reads must fail too: readers of archives
   // go by that.
@@ -47,10 +51,17 @@ class MORVANE_API _mvDataSource {
   // The last n bytes that were lent were not used; they are lent or read again. Up to 16 may be from a piece
   // before the last.
   virtual void takeBack(unsigned n);
-  // Shows the next bytes, up to n of at most 512, without moving past them; fewer only at the end. False when
-  // the source cannot.
+  // Shows the next bytes, up to n of at most 512, without moving past them; fewer only at the end. Sources
+  // that do not supply it say false to canPeek().
+  virtual bool canPeek();
   virtual bool peekBytes(unsigned n, const char*& bytes, unsigned& got, ProgressMonitor* pm, LogBase& log);
 
+  // readSourcePM and lendBytes, and then the question whether to abort: a source of an application's may not
+  // ask it, and bytes may go on coming of which nothing ever comes out.
+  [[nodiscard]] bool read(char* buffer, unsigned n, unsigned& numRead, ProgressMonitor* pm, LogBase& log);
+  [[nodiscard]] bool lend(unsigned most, const char*& bytes, unsigned& n, ProgressMonitor* pm, LogBase& log);
+  // Moves past n bytes by reading them; stops without failing where the data end.
+  [[nodiscard]] bool skip(long long n, ProgressMonitor* pm, LogBase& log);
   // Reads n bytes; fewer only at the end of the data, whatever pieces the source gives.
   [[nodiscard]] bool readFully(char* buffer, unsigned n, unsigned& numRead, ProgressMonitor* pm,
                                LogBase& log);
@@ -59,8 +70,11 @@ class MORVANE_API _mvDataSource {
   [[nodiscard]] bool copyNToOutputPM(_mvOutput& out, long long n, ProgressMonitor* pm, LogBase& log);
   [[nodiscard]] bool copyNToOutput2PM(_mvOutput& out, long long n, char* buffer, unsigned bufferSize,
                                       ProgressMonitor* pm, LogBase& log);
-  // Moves past n bytes by reading them; stops without failing where the data end.
-  [[nodiscard]] bool skipByReading(long long n, ProgressMonitor* pm, LogBase& log);
+
+ private:
+  bool noteRead(unsigned got, ProgressMonitor* pm, LogBase& log);
+
+  bool m_gaveNothing = false;  // the last read or lending
 };
 
 }  // namespace morvane

@@ -35,6 +35,7 @@ static_assert(kCopyWindow <= kWindow);
 }  // namespace
 
 bool _mvFileDataSource::openDataSourceFile(const XString& path, LogBase& log, ProgressMonitor* pm) {
+  if (!isSystemPath(path, kCannotOpen, log)) return false;
   OsFile file;
   do {
     file.reset(osOpenOnce(path.getUtf8(), O_RDONLY | O_NOCTTY));
@@ -258,7 +259,7 @@ bool _mvFileDataSource::fseekAbsolute64(long long position, LogBase& log) {
     m_position = position;
     return true;
   }
-  if (!m_seekable) return skipByReading(forward, nullptr, log);
+  if (!m_seekable) return skip(forward, nullptr, log);
   if (position != m_systemAt) m_readAhead = position - m_systemAt >= kLongJump ? kAfterLongJump : kAfterJump;
   m_windowAt = m_windowEnd = kBehind;
   m_position = m_systemAt = position;

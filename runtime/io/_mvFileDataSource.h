@@ -54,6 +54,7 @@ class MORVANE_API _mvFileDataSource : public _mvDataSource {
   bool canLend() override { return true; }
   bool lendBytes(unsigned most, const char*& bytes, unsigned& n, ProgressMonitor* pm, LogBase& log) override;
   void takeBack(unsigned n) override;
+  bool canPeek() override { return true; }
   bool peekBytes(unsigned n, const char*& bytes, unsigned& got, ProgressMonitor* pm, LogBase& log) override;
 
  private:

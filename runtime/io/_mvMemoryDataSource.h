@@ -18,6 +18,7 @@ class MORVANE_API _mvMemoryDataSource : public _mvDataSource {
   bool canLend() override { return true; }
   bool lendBytes(unsigned most, const char*& bytes, unsigned& n, ProgressMonitor* pm, LogBase& log) override;
   void takeBack(unsigned n) override { m_position -= n; }
+  bool canPeek() override { return true; }
   bool peekBytes(unsigned n, const char*& bytes, unsigned& got, ProgressMonitor* pm, LogBase& log) override;
 
  private:

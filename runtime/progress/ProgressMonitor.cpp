@@ -10,6 +10,14 @@ namespace morvane {
 ProgressMonitor::ProgressMonitor(ProgressEvent& event, int abortCheckMs, int percentScale, long long total)
     : m_event(event), m_abortCheckMs(abortCheckMs), m_percentScale(percentScale), m_total(total) {}
 
+ProgressMonitor::ProgressMonitor(ProgressEvent& event, const RelaxedAtomic<int>& abortCheckMs,
+                                 int percentScale, long long total)
+    : m_event(event),
+      m_abortCheckMs(0),
+      m_liveAbortCheckMs(&abortCheckMs),
+      m_percentScale(percentScale),
+      m_total(total) {}
+
 bool ProgressMonitor::abortCheck(LogBase&) {
   if (!m_aborted) {
     m_everAsked = true;
@@ -20,8 +28,9 @@ bool ProgressMonitor::abortCheck(LogBase&) {
 }
 
 bool ProgressMonitor::abortCheckTimed(LogBase& log) {
-  if (m_aborted || m_abortCheckMs <= 0) return m_aborted;
-  if (m_everAsked && millisecondTicks() - m_lastAsked < static_cast<unsigned>(m_abortCheckMs)) return false;
+  const int interval = abortCheckMs();
+  if (m_aborted || interval <= 0) return m_aborted;
+  if (m_everAsked && millisecondTicks() - m_lastAsked < static_cast<unsigned>(interval)) return false;
   return abortCheck(log);
 }
 

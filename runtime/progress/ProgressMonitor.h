@@ -8,6 +8,7 @@
 #include <optional>
 
 #include "runtime/base/Export.h"
+#include "runtime/base/RelaxedAtomic.h"
 #include "runtime/progress/ProgressEvent.h"
 
 namespace morvane {
@@ -19,6 +20,10 @@ class MORVANE_API ProgressMonitor {
   // `abortCheckMs`: milliseconds between two questions inside a member's data; 0 or less asks none there.
   // `percentScale`: what the whole job counts as. `total`: 0 when not known, and then no progress is sent.
   ProgressMonitor(ProgressEvent& event, int abortCheckMs, int percentScale, long long total);
+  // The same for a setting that a callback may change: what it is set to holds at once. It must outlive the
+  // monitor.
+  ProgressMonitor(ProgressEvent& event, const RelaxedAtomic<int>& abortCheckMs, int percentScale,
+                  long long total);
 
   ProgressEvent& event() { return m_event; }
 
@@ -38,10 +43,12 @@ class MORVANE_API ProgressMonitor {
   }
 
  private:
+  int abortCheckMs() const { return m_liveAbortCheckMs ? int{*m_liveAbortCheckMs} : m_abortCheckMs; }
   void reportPercent(long long done);
 
   ProgressEvent& m_event;
   const int m_abortCheckMs;
+  const RelaxedAtomic<int>* const m_liveAbortCheckMs = nullptr;
   const int m_percentScale;
   const long long m_total;
   long long m_done = 0;
@@ -55,7 +62,9 @@ class MORVANE_API ProgressMonitor {
 // The monitor of one call, with the lifetime of the call.
 class MORVANE_API ProgressMonitorPtr {
  public:
-  ProgressMonitorPtr(ProgressEvent* event, int abortCheckMs, int percentScale, long long total) {
+  template <class AbortCheckMs>
+  ProgressMonitorPtr(ProgressEvent* event, const AbortCheckMs& abortCheckMs, int percentScale,
+                     long long total) {
     if (event) m_monitor.emplace(*event, abortCheckMs, percentScale, total);
   }
   ProgressMonitor* getPm() { return m_monitor ? &*m_monitor : nullptr; }

@@ -11,6 +11,11 @@ constexpr const char* kAsciiWhiteSpace = " \t\r\n\v\f";
 
 constexpr char asciiLower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
 
+inline std::string_view trimmed(std::string_view text) {
+  const size_t start = std::min(text.find_first_not_of(kAsciiWhiteSpace), text.size());
+  return text.substr(start, text.find_last_not_of(kAsciiWhiteSpace) + 1 - start);
+}
+
 inline std::string asciiLowerCase(std::string_view text) {
   std::string lower(text);
   std::transform(lower.begin(), lower.end(), lower.begin(), asciiLower);

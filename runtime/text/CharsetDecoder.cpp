@@ -3,11 +3,16 @@
 #include <iconv.h>
 #include <strings.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
 
 namespace morvane {
 
 namespace {
+
+// Names of many megabytes come from hostile archives: they are converted in pieces of this size.
+constexpr size_t kPiece = 4096;
 
 bool meansUtf8(const char* name) {
   return *name == '\0' || strcasecmp(name, "utf-8") == 0 || strcasecmp(name, "utf8") == 0;
@@ -26,32 +31,59 @@ CharsetDecoder::~CharsetDecoder() {
   if (m_converter) iconv_close(static_cast<iconv_t>(m_converter));
 }
 
-void CharsetDecoder::append(std::string_view bytes, std::string& utf8) {
+void CharsetDecoder::append(std::string_view bytes, char from, char to, std::string& utf8) {
   if (isUtf8()) {
+    const size_t start = utf8.size();
     utf8.append(bytes);
+    if (from != to) std::replace(utf8.begin() + static_cast<std::ptrdiff_t>(start), utf8.end(), from, to);
     return;
   }
-  const iconv_t converter = static_cast<iconv_t>(m_converter);
-  iconv(converter, nullptr, nullptr, nullptr, nullptr);  // each name starts in the initial shift state
-  char* in = const_cast<char*>(bytes.data());
-  size_t inLeft = bytes.size();
-  char out[512];
-  while (true) {
+  iconv(static_cast<iconv_t>(m_converter), nullptr, nullptr, nullptr,
+        nullptr);  // each name starts in the initial state
+  utf8.reserve(utf8.size() + bytes.size());
+  char piece[kPiece];
+  size_t held = 0;  // of the piece before: the beginning of a character
+  do {
+    const size_t n = std::min(bytes.size(), kPiece - held);
+    bytes.copy(piece + held, n);
+    if (from != to) std::replace(piece + held, piece + held + n, from, to);
+    bytes.remove_prefix(n);
+    const size_t left = convert(piece, held + n, bytes.empty(), utf8);
+    std::memmove(piece, piece + held + n - left, left);
+    held = left;
+  } while (held > 0 || !bytes.empty());
+  flush(utf8);
+}
+
+// What could not be taken yet, for it goes on in the next piece; nothing if this is the last one.
+size_t CharsetDecoder::convert(char* bytes, size_t n, bool last, std::string& utf8) {
+  while (n > 0) {
+    char out[512];
     char* outAt = out;
     size_t outLeft = sizeof out;
-    // The last call, without input, brings out what a stateful character set still holds back.
-    const bool flushing = inLeft == 0;
-    const size_t result = flushing ? iconv(converter, nullptr, nullptr, &outAt, &outLeft)
-                                   : iconv(converter, &in, &inLeft, &outAt, &outLeft);
+    const size_t result = iconv(static_cast<iconv_t>(m_converter), &bytes, &n, &outAt, &outLeft);
     const int error = result == static_cast<size_t>(-1) ? errno : 0;
     utf8.append(out, sizeof out - outLeft);
-    if (error == E2BIG) continue;
-    if (error != 0 && inLeft > 0) {
-      utf8.push_back(*in++);
-      --inLeft;
-    }
-    if (flushing) return;
+    if (error == 0 || error == E2BIG) continue;
+    constexpr size_t kLongestCharacter =
+        32;  // with its shift sequences; what is longer is no beginning of one
+    if (error == EINVAL && !last && n < kLongestCharacter) return n;
+    // The converter may hold back a character that the next one might still combine with. It stands in front
+    // of the byte that does not convert.
+    flush(utf8);
+    utf8.push_back(*bytes++);
+    --n;
   }
+  return 0;
+}
+
+// Brings out what a stateful character set holds back.
+void CharsetDecoder::flush(std::string& utf8) {
+  char out[512];
+  char* outAt = out;
+  size_t outLeft = sizeof out;
+  iconv(static_cast<iconv_t>(m_converter), nullptr, nullptr, &outAt, &outLeft);
+  utf8.append(out, sizeof out - outLeft);
 }
 
 }  // namespace morvane

@@ -1,8 +1,8 @@
 // Text of a named character set turned into UTF-8, through iconv.
 //
 // For utf-8 (the usual case) bytes are copied as they are. Of any other character set, bytes that do not
-// convert are kept as they are, so that two different names stay different. An unknown character set is read
-// as UTF-8.
+// convert are kept as they are, in their place. Different names may still become one: a character set may
+// have two ways to write a character. An unknown character set is read as UTF-8.
 #pragma once
 
 #include <string>
@@ -20,9 +20,14 @@ class CharsetDecoder {
   // False when the character set is unknown to the system; the caller says so once.
   bool isKnown() const { return m_known; }
   bool isUtf8() const { return m_converter == nullptr; }
-  void append(std::string_view bytes, std::string& utf8);
+  void append(std::string_view bytes, std::string& utf8) { append(bytes, '\0', '\0', utf8); }
+  // The same for bytes of which each `from` is to be read as a `to`. The text needs no second copy for that.
+  void append(std::string_view bytes, char from, char to, std::string& utf8);
 
  private:
+  void flush(std::string& utf8);
+  size_t convert(char* bytes, size_t n, bool last, std::string& utf8);
+
   void* m_converter = nullptr;  // an iconv_t; null copies
   bool m_known = true;
 };

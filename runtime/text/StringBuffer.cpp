@@ -10,21 +10,6 @@
 
 namespace morvane {
 
-namespace {
-
-// The text operations of the standard library throw when memory runs out; here that is a false result.
-template <class Change>
-bool withoutThrowing(Change change) {
-  try {
-    change();
-    return true;
-  } catch (const std::exception&) {
-    return false;
-  }
-}
-
-}  // namespace
-
 StringBuffer& StringBuffer::operator=(const char* text) {
   setString(text);
   return *this;
@@ -38,17 +23,21 @@ StringBuffer& StringBuffer::operator=(const std::string& text) {
 StringBuffer* StringBuffer::createNewSB() { return new (std::nothrow) StringBuffer(); }
 
 StringBuffer* StringBuffer::createNewSB(const char* text) {
-  std::unique_ptr<StringBuffer> created(createNewSB());
-  if (!created || !created->setString(text)) return nullptr;
-  return created.release();
+  try {
+    return new StringBuffer(text);
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
 }
 
 bool StringBuffer::setString(const char* text) {
-  return withoutThrowing([&] { m_text.assign(text ? text : ""); });
+  m_text.assign(text ? text : "");
+  return true;
 }
 
 bool StringBuffer::append(const char* text) {
-  return !text || withoutThrowing([&] { m_text.append(text); });
+  if (text) m_text.append(text);
+  return true;
 }
 
 bool StringBuffer::append(int value) { return appendInt64(value); }
@@ -58,15 +47,18 @@ bool StringBuffer::append(unsigned value) { return appendInt64(value); }
 bool StringBuffer::appendChar(char c) { return appendCharN(c, 1); }
 
 bool StringBuffer::appendCharN(char c, unsigned n) {
-  return withoutThrowing([&] { m_text.append(n, c); });
+  m_text.append(n, c);
+  return true;
 }
 
 bool StringBuffer::appendInt64(long long value) {
-  return withoutThrowing([&] { m_text.append(std::to_string(value)); });
+  m_text.append(std::to_string(value));
+  return true;
 }
 
 bool StringBuffer::appendN(const char* bytes, unsigned n) {
-  return withoutThrowing([&] { m_text.append(bytes, n); });
+  m_text.append(bytes, n);
+  return true;
 }
 
 void StringBuffer::clear() { std::string().swap(m_text); }
@@ -122,8 +114,7 @@ bool StringBuffer::split(ExtPtrArraySb& parts, char separator, bool skipEmpty, b
   size_t start = 0;
   while (true) {
     const size_t end = std::min(m_text.find(separator, start), m_text.size());
-    std::unique_ptr<StringBuffer> part(createNewSB());
-    if (!part || !part->appendN(m_text.data() + start, static_cast<unsigned>(end - start))) return false;
+    auto part = std::make_unique<StringBuffer>(m_text.substr(start, end - start));
     if (trimParts) part->trim2();
     if (!(skipEmpty && part->isEmpty()) && !parts.appendSb(part.release())) return false;
     if (end == m_text.size()) return true;

@@ -1,7 +1,9 @@
 // An 8-bit byte string, UTF-8 in this library. Bytes are kept as they are; a NUL byte inside counts in
 // getSize() but ends the text that getString() shows.
 //
-// Operations that build text return false when there is no memory for it and leave the old text unchanged.
+// Memory: what builds or copies text throws std::bad_alloc when there is none and leaves the old text
+// unchanged; nothing between here and the frame of a method swallows that. The results of the building
+// operations are true.
 #pragma once
 
 #include <string>

@@ -26,6 +26,16 @@ WildcardPattern::WildcardPattern(std::string_view pattern, bool caseSensitive)
     if (end > start) m_middle.push_back(text.substr(start, end - start));
     start = end + 1;
   }
+  findTailBorders();
+}
+
+void WildcardPattern::findTailBorders() {
+  m_tailBorders.assign(m_tail.size() + 1, 0);
+  for (size_t end = 1, border = 0; end < m_tail.size(); ++end) {
+    while (border > 0 && m_tail[end] != m_tail[border]) border = m_tailBorders[border];
+    if (m_tail[end] == m_tail[border]) ++border;
+    m_tailBorders[end + 1] = border;
+  }
 }
 
 bool WildcardPattern::matches(std::string_view text) const {
@@ -48,13 +58,16 @@ bool WildcardPattern::matchesFoldedUpToASlash(std::string_view path) const {
   if (!m_hasStar) return !m_head.empty() && path.substr(0, m_head.size()) == m_head && endsAt(m_head.size());
   size_t at = behindLastPiece(path);
   if (at == kNoMatch || m_tail.empty()) return at != kNoMatch;
-  while (true) {
-    const void* const found = ::memmem(path.data() + at, path.size() - at, m_tail.data(), m_tail.size());
-    if (!found) return false;
-    at = static_cast<size_t>(static_cast<const char*>(found) - path.data());
-    if (endsAt(at + m_tail.size())) return true;
-    ++at;
+  // The tail may stand in many places, one over another, and only one that ends a part counts: Knuth, Morris
+  // and Pratt's way looks at each byte once, whatever an archive's names are like.
+  size_t matched = 0;
+  for (; at < path.size(); ++at) {
+    while (matched > 0 && (matched == m_tail.size() || path[at] != m_tail[matched]))
+      matched = m_tailBorders[matched];
+    if (path[at] == m_tail[matched]) ++matched;
+    if (matched == m_tail.size() && endsAt(at + 1)) return true;
   }
+  return false;
 }
 
 // Where the text goes on behind the pieces up to the last star, each found as far to the left as it goes.

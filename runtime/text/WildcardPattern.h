@@ -26,12 +26,15 @@ class MORVANE_API WildcardPattern {
   bool matchesFolded(std::string_view text) const;
   bool matchesFoldedUpToASlash(std::string_view path) const;
   size_t behindLastPiece(std::string_view text) const;
+  void findTailBorders();
 
   bool m_caseSensitive;
   bool m_hasStar = false;
   std::string m_head;  // before the first star, or the whole pattern when it has none
   std::vector<std::string> m_middle;
   std::string m_tail;  // after the last star
+  // For each beginning of the tail, the length of the longest shorter one that it ends with.
+  std::vector<size_t> m_tailBorders;
 };
 
 }  // namespace morvane

@@ -23,13 +23,18 @@ void reserveFor(long long size, _mvDataSource& source, _mvOutput& out) {
 
 bool ClsTar::_untarFirstMatchingToOutput(_mvDataSource& source, const XString& pattern, _mvOutput& out,
                                          LogBase& log, bool logEntries, ProgressMonitor* pm) {
+  const StepGuard step(*this);
+  return step && takeOptions(log) && firstMatchTo(source, pattern, out, log, logEntries, pm);
+}
+
+bool ClsTar::firstMatchTo(_mvDataSource& source, const XString& pattern, _mvOutput& out, LogBase& log,
+                          bool logEntries, ProgressMonitor* pm) {
   log.LogDataX("matchPattern", pattern);
   ArchiveCursor cursor(source, pm, log);
   TarHeader header;
   NameDecoder names;
   CharsetDecoder& decoder = names.forCharset(m_charset.str(), log);
   const WildcardPattern wanted(pattern.str(), m_matchCaseSensitive);
-  std::string bytes;
   XString path;
   while (true) {
     bool endOfArchive = false;
@@ -39,10 +44,8 @@ bool ClsTar::_untarFirstMatchingToOutput(_mvDataSource& source, const XString& p
       return endOfArchive;
     }
     cursor.passed(kBlockSize);
-    bytes = header.m_path.str();
-    applyEntryPathRules(bytes, false, m_noAbsolutePaths);
     path.buffer().clear();
-    decoder.append(bytes, path.buffer());
+    decoder.append(leftOfEntryPath(header.m_path.str(), false, m_noAbsolutePaths), '\\', '/', path.buffer());
     if (m_untarDebugLog) log.LogDataX("entry", path);
     if (logEntries) log.LogDataX("entryFilepath", path);
     if (wanted.matches(path.str())) {
@@ -50,7 +53,7 @@ bool ClsTar::_untarFirstMatchingToOutput(_mvDataSource& source, const XString& p
       reserveFor(header.m_size, source, out);
       return source.copyNToOutputPM(out, header.m_size, pm, log);
     }
-    cursor.moveTo(saturatedSum(cursor.position(), paddedSize(header.m_size)));
+    if (!cursor.moveTo(saturatedSum(cursor.position(), paddedSize(header.m_size)))) return false;
   }
 }
 
@@ -63,7 +66,7 @@ bool ClsTar::UntarFirstMatchingToMemory(DataBuffer& tarBytes, const XString& pat
     DataBuffer found;
     const bool sameBuffer = &tarBytes == &destination;
     OutputDataBuffer out(sameBuffer ? found : destination);
-    const bool ok = _untarFirstMatchingToOutput(source, pattern, out, m_log, m_log.verbose(), nullptr);
+    const bool ok = firstMatchTo(source, pattern, out, m_log, m_log.verbose(), nullptr);
     return (!sameBuffer || destination.append(found)) && ok;
   });
 }
@@ -77,14 +80,14 @@ bool ClsTar::UntarFirstMatchingToBd(const XString& tarPath, const XString& patte
       return false;
     }
     OutputDataBuffer out(destination.data());
-    return _untarFirstMatchingToOutput(file, pattern, out, m_log, m_log.verbose(), nullptr);
+    return firstMatchTo(file, pattern, out, m_log, m_log.verbose(), nullptr);
   });
 }
 
 bool ClsTar::UntarFirstMatchingToBd(_mvDataSource& source, const XString& pattern, ClsBinData& destination) {
   return method("UntarFirstMatchingToBd", MethodForm::Judged, false, [&](MethodFrame&) {
     OutputDataBuffer out(destination.data());
-    return _untarFirstMatchingToOutput(source, pattern, out, m_log, m_log.verbose(), nullptr);
+    return firstMatchTo(source, pattern, out, m_log, m_log.verbose(), nullptr);
   });
 }
 

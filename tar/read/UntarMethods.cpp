@@ -54,7 +54,7 @@ int ClsTar::untarWithProgress(_mvDataSource& source, bool extract, ProgressEvent
   const long long start = std::max(source.ftell64(), 0LL);
   ProgressMonitorPtr pm(progress, m_abortCheckMs, m_percentScale, std::max(size - start, 0LL));
   const unsigned startTicks = Psdk::getTickCount();
-  const int count = _untar(source, extract, m_log, pm.getPm(), progress);
+  const int count = untarSource(source, extract, m_log, pm.getPm(), progress);
   if (extract) m_log.LogElapsedMs("untar", startTicks);
   if (count >= 0) pm.consumeRemaining(m_log);
   if (extract) m_log.LogDataLong("untarCount", count);
@@ -67,12 +67,18 @@ int ClsTar::UntarFromMemory(DataBuffer& tarBytes, ProgressEvent* progress) {
     ProgressMonitorPtr pm(progress, m_abortCheckMs, m_percentScale, 0);
     _mvMemoryDataSource source;
     source.initializeMemSource(tarBytes.getData2(), tarBytes.getSize());
-    return _untar(source, true, m_log, pm.getPm(), progress);
+    return untarSource(source, true, m_log, pm.getPm(), progress);
   });
 }
 
 int ClsTar::_untar(_mvDataSource& source, bool extract, LogBase& log, ProgressMonitor* pm,
                    ProgressEvent* progress) {
+  const StepGuard step(*this);
+  return step && takeOptions(log) ? untarSource(source, extract, log, pm, progress) : -1;
+}
+
+int ClsTar::untarSource(_mvDataSource& source, bool extract, LogBase& log, ProgressMonitor* pm,
+                        ProgressEvent* progress) {
   UntarRun run({source, log, m_log, pm, progress, m_xmlListing}, liveReadSettings(), extract);
   mvFileInfo archive;
   const auto* const file = dynamic_cast<const _mvFileDataSource*>(&source);
@@ -90,8 +96,10 @@ int ClsTar::untarMember(_mvDataSource& source, _mvOutput& out, ProgressMonitor* 
 bool ClsTar::extractToFile(_mvDataSource& source, const XString& path, const MorvaneFileTime* creation,
                            const MorvaneFileTime* access, const MorvaneFileTime* modification, long long size,
                            char* buffer, unsigned int bufferSize, LogBase& log, ProgressMonitor* pm) {
-  return morvane::extractToFile(source, path, nullptr, {creation, access, modification}, size, buffer,
-                                bufferSize, log, pm);
+  const StepGuard step(*this);
+  return step && morvane::extractToFile(source, path, nullptr, {creation, access, modification}, size, buffer,
+                                        bufferSize, log, pm)
+                     .isWhole;
 }
 
 bool ClsTar::parsePaxExtendedHeader(const char* text, TarHeader& record, LogBase& log) {

@@ -8,6 +8,7 @@
 #include "runtime/io/_mvDataSource.h"
 #include "runtime/log/LogCause.h"
 #include "runtime/log/LogContextExitor.h"
+#include "tar/PathLimits.h"
 #include "tar/PaxRecords.h"
 #include "tar/TarBlock.h"
 #include "tar/XmlEntry.h"
@@ -143,9 +144,8 @@ UntarRun::Step UntarRun::handleExtension(char typeFlag) {
                     : typeFlag == kTypePax      ? takePaxHeader()
                                                 : takeLongName();
   if (step != Step::GoOn) return step;
-  passOver(saturatedSum(m_filePosition, saturatedSum(kBlockSize, paddedSize(ownSize))));
   m_previousTypeFlag = typeFlag;
-  return Step::GoOn;
+  return passOver(saturatedSum(m_filePosition, saturatedSum(kBlockSize, paddedSize(ownSize))));
 }
 
 // Reads the whole data of an extension record of 1 to 100,000 bytes as NUL-terminated text. `what` names the
@@ -237,15 +237,17 @@ UntarRun::Step UntarRun::handleMember(char typeFlag) {
     if (m_live.refresh()) m_path.set(m_current, m_settings, m_log);
   }
   giveUpLongText(m_current.m_path);
+  const bool makes = m_extract && !m_memberOutput;
+  if (isTooDeep(m_path.entryPath().str(), makes, m_settings.options, m_context.event, m_log))
+    return Step::Fail;
   bool extracted = false;
   const Step step = extractMember(extracted);
   if (step != Step::GoOn) return step;
   if (!extracted && m_settings.untarDebugLog && !m_path.entryPath().isEmpty()) {
     m_log.LogDataX("skipping", m_path.entryPath());
   }
-  passOver(saturatedSum(m_filePosition, paddedSize(m_current.m_size)));
   m_previousTypeFlag = typeFlag;
-  return Step::GoOn;
+  return passOver(saturatedSum(m_filePosition, paddedSize(m_current.m_size)));
 }
 
 UntarRun::Step UntarRun::extractMember(bool& extracted) {
@@ -297,7 +299,7 @@ bool UntarRun::extractDirectory(bool& leftOut) {
   if (m_log.verbose()) m_log.LogDataX("createDir", m_path.outputPath());
   LogCause quiet;
   const auto outcome = m_target.makeDirectory(m_path, m_settings, m_log.verbose() ? m_log : quiet, m_log);
-  leftOut = leavesOut(outcome, m_path, m_settings, m_context.event, m_log);
+  leftOut = leavesOut(outcome, m_target.lastError(), m_path, m_settings, m_context.event, m_log);
   return leftOut || outcome == ExtractTarget::Outcome::Ok ||
          failWith("Unable to create directory", "dirPath", m_path.outputPath());
 }
@@ -315,7 +317,7 @@ bool UntarRun::extractFile(bool& leftOut) {
       m_target.createFile(m_path, m_settings, nullptr, directoryLog, triesAgain ? quiet : m_log, file);
   if (outcome == ExtractTarget::Outcome::NoParent) m_log.adoptCause(quiet);
   triesAgain = triesAgain && outcome == ExtractTarget::Outcome::NotCreated;
-  leftOut = leavesOut(outcome, m_path, m_settings, m_context.event, m_log);
+  leftOut = leavesOut(outcome, m_target.lastError(), m_path, m_settings, m_context.event, m_log);
   if (leftOut) return true;
   if (outcome == ExtractTarget::Outcome::NoTarget || outcome == ExtractTarget::Outcome::NoParent) {
     return failWith("Failed to ensure directory exists.", "filePath", m_path.outputPath());
@@ -335,18 +337,28 @@ bool UntarRun::extractFile(bool& leftOut) {
   times.modification = &modification;
   if (full ? m_current.m_exactAtime.known : m_current.m_atime != 0) times.access = &access;
   if (full ? m_current.m_exactCtime.known : m_current.m_ctime != 0) times.creation = &creation;
-  if (!extractToFile(m_context.source, m_path.outputPath(), std::move(file), times, m_current.m_size,
-                     m_copyBuffer.get(), m_copyBufferSize, m_log, m_context.pm)) {
+  const Extraction done =
+      extractToFile(m_context.source, m_path.outputPath(), std::move(file), times, m_current.m_size,
+                    m_copyBuffer.get(), m_copyBufferSize, m_log, m_context.pm);
+  if (!done.isWhole && !done.hasFailedAlone) {
     return failWith("Failed to extract to file.", "filePath", m_path.outputPath());
   }
   m_cursor.passed(m_current.m_size);
+  leftOut = !done.isWhole;
+  if (leftOut) {
+    reportIncomplete(m_path, m_context.event, m_log);
+  } else if (!done.timesAreSet) {
+    reportTimesNotSet(m_path, m_context.event, m_log);
+  }
   return true;
 }
 
 // Moves on to the header at a position of the archive.
-void UntarRun::passOver(long long upTo) {
+UntarRun::Step UntarRun::passOver(long long upTo) {
   m_filePosition = upTo;
-  m_cursor.moveTo(upTo);
+  if (m_cursor.moveTo(upTo)) return Step::GoOn;
+  if (m_context.pm && m_context.pm->isAborted()) fail(kAborted);
+  return Step::Fail;
 }
 
 }  // namespace morvane

@@ -63,7 +63,7 @@ class UntarRun {
   bool extractFile(bool& refused);
   bool fail(const char* message);
   bool failWith(const char* message, const char* tag, const XString& value);
-  void passOver(long long upTo);
+  Step passOver(long long upTo);
 
   const Context m_context;
   LogBase& m_log;

@@ -5,32 +5,32 @@
 #include "tar/ClsTarMethod.h"
 #include "tar/GzipFormat.h"
 #include "tar/stream/GzipMembers.h"
-#include "tar/stream/StreamingUntar.h"
+#include "tar/stream/StreamSink.h"
 
 namespace morvane {
 
 bool ClsTar::UntarGz(const XString& tarGzPath, ProgressEvent* progress) {
-  return untarCompressedFile("UntarGz", tarGzPath, progress, &ClsTar::unTarGz);
+  return untarCompressedFile("UntarGz", tarGzPath, progress, &ClsTar::inflateTar);
 }
 
 bool ClsTar::UntarGz(_mvDataSource& source, ProgressEvent* progress) {
-  return untarCompressedSource("UntarGz", source, progress, &ClsTar::unTarGz);
+  return untarCompressedSource("UntarGz", source, progress, &ClsTar::inflateTar);
 }
 
 bool ClsTar::UntarBz2(const XString& tarBz2Path, ProgressEvent* progress) {
-  return untarCompressedFile("UntarBz2", tarBz2Path, progress, &ClsTar::unTarBz2);
+  return untarCompressedFile("UntarBz2", tarBz2Path, progress, &ClsTar::expandTarBz2);
 }
 
 bool ClsTar::UntarBz2(_mvDataSource& source, ProgressEvent* progress) {
-  return untarCompressedSource("UntarBz2", source, progress, &ClsTar::unTarBz2);
+  return untarCompressedSource("UntarBz2", source, progress, &ClsTar::expandTarBz2);
 }
 
 bool ClsTar::UntarZ(const XString& tarZPath, ProgressEvent* progress) {
-  return untarCompressedFile("UntarZ", tarZPath, progress, &ClsTar::unTarZ);
+  return untarCompressedFile("UntarZ", tarZPath, progress, &ClsTar::expandTarZ);
 }
 
 bool ClsTar::UntarZ(_mvDataSource& source, ProgressEvent* progress) {
-  return untarCompressedSource("UntarZ", source, progress, &ClsTar::unTarZ);
+  return untarCompressedSource("UntarZ", source, progress, &ClsTar::expandTarZ);
 }
 
 // A path that cannot be opened leaves no verdict in the log.
@@ -55,14 +55,12 @@ bool ClsTar::untarCompressedSource(const char* name, _mvDataSource& source, Prog
   });
 }
 
-// What the three have in common: progress over the compressed bytes, a source that lends them, and an end of
-// the run that leaves nothing in a buffer.
+// What the three have in common: progress over the compressed bytes, and an end of the run that leaves
+// nothing in a buffer.
 bool ClsTar::untarCompressed(_mvDataSource& source, ProgressEvent* progress, Decompress decompress) {
   const long long start = std::max(source.ftell64(), 0LL);
   const long long total = std::max(source.sizeIfKnown() - start, 0LL);
   ProgressMonitorPtr pm(progress, m_abortCheckMs, m_percentScale, total);
-  BufferedDataSource buffered(source);
-  _mvDataSource& lending = source.canLend() ? source : buffered;
   m_archiveSource = dynamic_cast<const _mvFileDataSource*>(&source);
   // The output of a run that was not finished stays open, also after an exception.
   ScopeExit letGo([this] {
@@ -72,7 +70,7 @@ bool ClsTar::untarCompressed(_mvDataSource& source, ProgressEvent* progress, Dec
   bool read = false, flushed = false;
   {
     ScopeExit keepWhatArrived([&] { flushed = m_stream->flushOpenOutput(pm.getPm(), m_log); });
-    read = (this->*decompress)(lending, pm.getPm(), m_log);
+    read = (this->*decompress)(source, pm.getPm(), m_log);
   }
   const bool ok = read && flushed;
   if (ok) pm.consumeRemaining(m_log);
@@ -81,7 +79,7 @@ bool ClsTar::untarCompressed(_mvDataSource& source, ProgressEvent* progress, Dec
 
 // Begins a streaming run over the archive that is being read.
 void ClsTar::beginFramedRun(LogBase& log) {
-  BeginStreamingUntar(log);
+  m_stream->BeginStreamingUntar();
   protectArchive(log);
 }
 
@@ -90,42 +88,47 @@ void ClsTar::protectArchive(LogBase& log) {
   if (m_archiveSource && m_archiveSource->getFileInfo(archive, log)) m_stream->protect(archive);
 }
 
-bool ClsTar::unTarGz(_mvDataSource& source, ProgressMonitor* pm, LogBase& log) {
+// The header's fields are read in small pieces, and what follows a member must be given back: the source
+// lends.
+bool ClsTar::inflateTar(_mvDataSource& source, ProgressMonitor* pm, LogBase& log) {
   LogContextExitor context(log, "unTarGz");
   BufferedDataSource buffered(source);
   _mvDataSource& lending = source.canLend() ? source : buffered;
   if (!readGzipHeader(lending, pm, log)) return false;
   beginFramedRun(log);
-  if (!inflateGzipMembers(lending, *this, m_options, pm, log)) {
+  StreamSink sink(*m_stream);
+  if (!inflateGzipMembers(lending, sink, m_options, pm, log)) {
     log.LogError("unTarGz inflate failed (2)");
     return false;
   }
-  if (!FinishStreamingUntar(pm, log)) {
+  if (!m_stream->FinishStreamingUntar(pm, log)) {
     log.LogNotice("unTarGz failed.");  // the cause was said, or is a refused member
     return false;
   }
   return true;
 }
 
-bool ClsTar::unTarBz2(_mvDataSource& source, ProgressMonitor* pm, LogBase& log) {
+bool ClsTar::expandTarBz2(_mvDataSource& source, ProgressMonitor* pm, LogBase& log) {
   MorvaneBzip2 bzip2;
+  StreamSink sink(*m_stream);
   if (m_options.bz2Framed) {
     beginFramedRun(log);
-    return bzip2.DecompressStream(source, *this, log, pm) && FinishStreamingUntar(pm, log);
+    return bzip2.DecompressStream(source, sink, log, pm) && m_stream->FinishStreamingUntar(pm, log);
   }
   m_stream->beginUnframed();
   protectArchive(log);
-  return bzip2.DecompressStream(source, *this, log, pm) && !m_stream->anyLeftOut();
+  return bzip2.DecompressStream(source, sink, log, pm) && !m_stream->anyLeftOut();
 }
 
-bool ClsTar::unTarZ(_mvDataSource& source, ProgressMonitor* pm, LogBase& log) {
+bool ClsTar::expandTarZ(_mvDataSource& source, ProgressMonitor* pm, LogBase& log) {
   _mvIoParams io(pm);
   beginFramedRun(log);
-  if (!MorvaneLzw::decompressLzwSource64(source, *this, true, io, log)) {
+  StreamSink sink(*m_stream);
+  if (!MorvaneLzw::decompressLzwSource64(source, sink, true, io, log)) {
     log.LogError("Invalid compressed data (D)");
     return false;
   }
-  if (!FinishStreamingUntar(pm, log)) {
+  if (!m_stream->FinishStreamingUntar(pm, log)) {
     log.LogNotice("Untar failed, possible corrupt .Z file.");
     return false;
   }

@@ -57,7 +57,7 @@ bool findNextMember(_mvDataSource& source, bool& found, ProgressMonitor* pm, Log
   while (true) {
     const char* bytes = nullptr;
     unsigned n = 0;
-    if (!source.lendBytes(4096, bytes, n, pm, log)) return false;
+    if (!source.lend(4096, bytes, n, pm, log)) return false;
     if (n == 0) return true;
     unsigned zeros = 0;
     while (zeros < n && bytes[zeros] == '\0') ++zeros;

@@ -40,7 +40,7 @@ bool ClsTar::UntarMemberToOutput(const XString& tarPath, _mvOutput& out, Progres
 bool ClsTar::UntarMemberToOutput(_mvDataSource& source, _mvOutput& out, ProgressEvent* progress) {
   return method("UntarMemberToOutput", MethodForm::Judged, false, [&](MethodFrame&) {
     BufferedDataSource buffered(source);
-    return memberToOutput(source.canLend() ? source : buffered, out, progress);
+    return memberToOutput(source.canLend() && source.canPeek() ? source : buffered, out, progress);
   });
 }
 

@@ -9,6 +9,7 @@
 #include "runtime/log/LogCause.h"
 #include "runtime/log/LogContextExitor.h"
 #include "runtime/progress/ProgressMonitor.h"
+#include "tar/PathLimits.h"
 #include "tar/PaxRecords.h"
 #include "tar/TarBlock.h"
 #include "tar/XmlEntry.h"
@@ -40,6 +41,8 @@ void StreamingUntar::setOutput(std::unique_ptr<_mvOutput> output, OutputFile* fi
 void StreamingUntar::releaseOutput() { setOutput(nullptr, nullptr); }
 
 void StreamingUntar::beginUnframed() {
+  // Where a callback threw, nobody knows what of a member was taken: there is no state to go on from.
+  if (m_brokenOff) resetRun();
   m_anyLeftOut = false;
   m_target.reset();
   m_path = MemberPath();
@@ -52,6 +55,11 @@ bool StreamingUntar::flushOpenOutput(ProgressMonitor* pm, LogBase& log) {
 void StreamingUntar::BeginStreamingUntar() {
   m_live.refresh();
   if (m_settings.captureXmlListing) m_xmlListing.setFromUtf8(kXmlListingStart);
+  resetRun();
+  beginUnframed();
+}
+
+void StreamingUntar::resetRun() {
   releaseOutput();
   m_streamPending.clear();
   m_streamExpectedSize = m_streamBytesLeft = m_streamBytesWritten = 0;
@@ -61,13 +69,28 @@ void StreamingUntar::BeginStreamingUntar() {
   m_streamOk = true;
   m_streamExtData.clear();
   m_streamPosition = 0;
-  m_endMarkSeen = m_memberFound = m_memberComplete = m_inSparseMap = false;
+  m_endMarkSeen = m_memberFound = m_memberComplete = m_inSparseMap = m_brokenOff = false;
   m_extensions.clear();
-  beginUnframed();
+}
+
+void StreamingUntar::breakOff() {
+  resetRun();
+  m_brokenOff = true;
+  m_streamOk = false;
 }
 
 bool StreamingUntar::StreamingUntarNext(const unsigned char* data, unsigned numBytes, bool& finished,
                                         ProgressMonitor* pm, LogBase& log) {
+  try {
+    return takePiece(data, numBytes, finished, pm, log);
+  } catch (...) {
+    breakOff();
+    throw;
+  }
+}
+
+bool StreamingUntar::takePiece(const unsigned char* data, unsigned numBytes, bool& finished,
+                               ProgressMonitor* pm, LogBase& log) {
   LogContextExitor context(log, "StreamingUntarNext", log.verbose());
   if (!streamingUntarInner(data, numBytes, finished, pm, log)) {
     log.LogError("Streaming untar failed (1)");
@@ -105,13 +128,16 @@ bool StreamingUntar::FinishStreamingUntar(ProgressMonitor* pm, LogBase& log) {
       }
       if (!progressed) break;
     }
-    if (m_streamBytesLeft > 0) {
+    // Between a sparse member's header and its data its map may go on: what is cut there is cut.
+    if (m_streamBytesLeft > 0 || m_inSparseMap) {
       log.LogError("Unexpected end of archive file.");
       m_streamOk = false;
     }
   }
   const bool failedBefore = m_writeFailed;
-  if (m_streamOutFile && !closeOutputFile(pm, log) && !failedBefore) m_streamOk = writeHasFailed(2, log);
+  if (m_streamOutFile && !closeOutputFile(pm, log) && !goesOnWithout(pm, log) && !failedBefore) {
+    m_streamOk = writeHasFailed(2, log);
+  }
   releaseOutput();
   m_live.refresh();
   if (m_settings.captureXmlListing) endXmlListing(m_xmlListing);
@@ -125,6 +151,10 @@ bool StreamingUntar::FinishStreamingUntar(ProgressMonitor* pm, LogBase& log) {
 bool StreamingUntar::streamingUntarInner(const unsigned char* data, unsigned numBytes, bool& finished,
                                          ProgressMonitor* pm, LogBase& log) {
   finished = false;
+  if (m_brokenOff) {
+    log.LogError("The run was broken off; begin another one.");
+    return false;
+  }
   if (m_streamFinished) {
     logInfoIfVerbose(log, "Streaming finished.");
     finished = true;
@@ -224,9 +254,10 @@ bool StreamingUntar::finishEntry(int variant, ProgressMonitor* pm, LogBase& log)
     const MorvaneFileTime modification =
         m_settings.options.fullRead ? MorvaneFileTime::fromUnixTime64(exact.seconds, exact.nanoseconds)
                                     : MorvaneFileTime::fromUnixTime32(m_streamHeader.m_mtime, 0);
-    m_streamOutFile->setFileTimeUtc(modification, &log);
+    const bool timesAreSet = m_streamOutFile->setFileTimeUtc(modification, &log);
     ok = closeOutputFile(pm, log) && ok;
-    if (!ok) writeHasFailed(variant, log);
+    if (ok && !timesAreSet) reportTimesNotSet(m_path, pm ? &pm->event() : nullptr, log);
+    ok = ok || goesOnWithout(pm, log) || writeHasFailed(variant, log);
   }
   m_streamPaddingLeft = paddingAfter(m_streamBytesWritten);
   releaseOutput();
@@ -239,6 +270,13 @@ bool StreamingUntar::finishEntry(int variant, ProgressMonitor* pm, LogBase& log)
 
 // The wanted member has arrived: what comes behind it in the same piece is not looked at.
 void StreamingUntar::completeMember() { m_memberComplete = m_streamFinished = true; }
+
+// Whether a file that has failed is one that the run goes on without.
+bool StreamingUntar::goesOnWithout(ProgressMonitor* pm, LogBase& log) {
+  if (!m_streamOutFile->hasFailedAlone()) return false;
+  reportIncomplete(m_path, pm ? &pm->event() : nullptr, log);
+  return m_anyLeftOut = true;
+}
 
 bool StreamingUntar::closeOutputFile(ProgressMonitor* pm, LogBase& log) {
   return m_streamOutFile->closeHandle(&log, pm);
@@ -311,6 +349,12 @@ bool StreamingUntar::takeHeader(bool& finished, ProgressMonitor* pm, LogBase& lo
   if (m_settings.untarDebugLog) log.LogDataX("entry", m_path.entryPath());
   if (log.verbose()) log.LogBracketed("typeFlag", typeText(m_streamHeader.m_typeFlag).c_str());
   giveUpLongText(m_streamHeader.m_path);
+  const bool makes = isMember && !m_memberOutput && !m_settings.suppressOutput;
+  if (isMember &&
+      isTooDeep(m_path.entryPath().str(), makes, m_settings.options, pm ? &pm->event() : nullptr, log)) {
+    finished = m_streamFinished = true;
+    return false;
+  }
   if (!beginEntry(finished, pm, log)) return false;
   m_streamPrevTypeFlag = m_streamHeader.m_typeFlag;
   return true;
@@ -366,7 +410,7 @@ bool StreamingUntar::parseHeader(const unsigned char* block, bool& finished, Log
 
 // An entry of no bytes left its output open; its file gets no time of its own.
 bool StreamingUntar::closeEmptyFile(ProgressMonitor* pm, LogBase& log) {
-  const bool closed = !m_streamOutFile || closeOutputFile(pm, log);
+  const bool closed = !m_streamOutFile || closeOutputFile(pm, log) || goesOnWithout(pm, log);
   releaseOutput();
   return closed || writeHasFailed(2, log);
 }
@@ -430,7 +474,7 @@ bool StreamingUntar::createOutputFile(bool& leftOut, bool& finished, ProgressMon
   LogBase& directoryLog = log.verbose() ? log : quiet;
   std::unique_ptr<OutputFile> file;
   const auto outcome = m_target.createFile(m_path, m_settings, "creatingFile", directoryLog, log, file);
-  leftOut = leavesOut(outcome, m_path, m_settings, pm ? &pm->event() : nullptr, log);
+  leftOut = leavesOut(outcome, m_target.lastError(), m_path, m_settings, pm ? &pm->event() : nullptr, log);
   m_anyLeftOut |= leftOut;
   if (leftOut) return true;
   if (outcome == ExtractTarget::Outcome::NoTarget || outcome == ExtractTarget::Outcome::NoParent) {
@@ -454,7 +498,7 @@ bool StreamingUntar::beginDirectory(bool skipped, bool& finished, ProgressMonito
   LogCause quiet;
   const auto outcome = m_target.makeDirectory(m_path, m_settings, log.verbose() ? log : quiet, log);
   if (outcome == ExtractTarget::Outcome::Ok) return true;
-  if (!leavesOut(outcome, m_path, m_settings, pm ? &pm->event() : nullptr, log)) {
+  if (!leavesOut(outcome, m_target.lastError(), m_path, m_settings, pm ? &pm->event() : nullptr, log)) {
     return stop("Failed to ensure untar directory.", finished, log);
   }
   m_anyLeftOut = true;

@@ -45,6 +45,8 @@ class StreamingUntar {
   // Whether such a member was found and all of its data have arrived.
   bool memberIsComplete() const { return m_memberComplete; }
 
+  // Ends the run where it stands, without a result: nothing more is taken until another one begins.
+  void breakOff();
   // Before bytes that go on from the state of the last run: nothing of that run's target or names is kept.
   void beginUnframed();
   // Gives up the descriptors of the target directory.
@@ -59,6 +61,9 @@ class StreamingUntar {
   bool anyLeftOut() const { return m_anyLeftOut; }
 
  private:
+  void resetRun();
+  bool takePiece(const unsigned char* data, unsigned numBytes, bool& finished, ProgressMonitor* pm,
+                 LogBase& log);
   bool extendsNext(char typeFlag) const;
   bool consumePadding();
   bool consumeData(ProgressMonitor* pm, LogBase& log);
@@ -78,6 +83,7 @@ class StreamingUntar {
   bool writeHasFailed(int variant, LogBase& log);
   bool finishEntry(int variant, ProgressMonitor* pm, LogBase& log);
   void completeMember();
+  bool goesOnWithout(ProgressMonitor* pm, LogBase& log);
   bool closeOutputFile(ProgressMonitor* pm, LogBase& log);
   void eat(unsigned n);
   void setOutput(std::unique_ptr<_mvOutput> output, OutputFile* file);
@@ -107,6 +113,7 @@ class StreamingUntar {
   long long m_headerPosition = 0;  // of the current entry
   bool m_inSparseMap = false;      // between the current entry's header and its data
   bool m_endMarkSeen = false;
+  bool m_brokenOff = false;  // by an exception of a callback, or before it began
   bool m_anyLeftOut = false;
   bool m_writeFailed = false;  // of the open output
   FullExtensions m_extensions;

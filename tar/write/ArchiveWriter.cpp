@@ -213,10 +213,10 @@ bool ArchiveWriter::passByIfUnreadable(const SourcePlace& place, ClsDirTree& tre
 
 bool ArchiveWriter::leftOutUnreadable(const SourcePlace& place) {
   m_anythingLost = true;
-  m_log.forgetCause();  // the job goes on
   m_log.LogInfo("It cannot be read and is left out.");
   m_log.LogDataX("fullPath", place.fullPath);
   if (m_run.event) ProgressMonitor::pprogressInfo(*m_run.event, "unreadable", place.fullPath.getUtf8());
+  m_log.forgetCause();  // until here it says why; the job goes on
   return true;
 }
 
@@ -255,7 +255,10 @@ bool ArchiveWriter::writeExactData(const SourcePlace& place, const mvFileInfo& i
     m_log.LogError("Failed to copy file contents to TAR.");
     return false;
   }
+  const bool readFailed = m_readFailed;
+  if (readFailed) reportReadFailed(place);
   if (!m_run.putZeros(info.m_size - copied + paddingAfter(info.m_size))) return false;
+  if (readFailed) return true;
   const bool shrunk = copied < info.m_size;
   const bool grown = !shrunk && m_source.hasMoreThan(info.m_size);
   return !(shrunk || grown) ||
@@ -273,6 +276,15 @@ bool ArchiveWriter::reportSizeChanged(const SourcePlace& place, long long inHead
   return true;
 }
 
+// Until the event has been told, get_FailureCause says why.
+void ArchiveWriter::reportReadFailed(const SourcePlace& place) {
+  m_anythingLost = true;
+  m_log.LogNotice("The file could not be read to its end.");
+  m_log.LogDataX("fullPath", place.fullPath);
+  if (m_run.event) ProgressMonitor::pprogressInfo(*m_run.event, "readFailed", place.fullPath.getUtf8());
+  m_log.forgetCause();
+}
+
 bool ArchiveWriter::copySourceToOutput(_mvDataSource& source) {
   long long copied = 0;
   return copyPieces(source, kToTheEnd, copied);
@@ -287,8 +299,8 @@ bool ArchiveWriter::copyFile(long long most, long long& copied) {
     char* const bytes = file->spareRoom(kPieceSize, room, m_run.pm, m_log);
     if (!bytes) break;
     const long long wanted = std::min<long long>(most - copied, room - room % kPieceSize);
-    if (!m_source.data().readOnce(bytes, static_cast<unsigned>(wanted), got, m_log)) return true;
-    if (got == 0) return true;
+    m_readFailed = !m_source.data().readOnce(bytes, static_cast<unsigned>(wanted), got, m_log);
+    if (m_readFailed || got == 0) return true;
     copied += got;
     for (unsigned done = 0; done < got; done += kPieceSize) {
       if (!putDataPiece(bytes + done, std::min(got - done, kPieceSize))) return false;
@@ -310,8 +322,9 @@ bool ArchiveWriter::copyPieces(_mvDataSource& source, long long most, long long&
     const unsigned wanted = static_cast<unsigned>(std::min<long long>(most - copied, kPieceSize));
     const char* bytes = buffer.get();
     unsigned got = 0;
-    const bool ok = lends ? source.lendBytes(wanted, bytes, got, nullptr, m_log)
-                          : source.readSourcePM(buffer.get(), wanted, got, nullptr, m_log);
+    const bool ok = lends ? source.lend(wanted, bytes, got, nullptr, m_log)
+                          : source.read(buffer.get(), wanted, got, nullptr, m_log);
+    m_readFailed = !ok;
     if (!ok) return true;
     // A read of nothing is no end, but a source that gives nothing else has none to wait for.
     emptyReads = got == 0 ? emptyReads + 1 : 0;

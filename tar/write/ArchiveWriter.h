@@ -52,6 +52,7 @@ class ArchiveWriter {
   bool copyFile(long long most, long long& copied);
   bool copyPieces(_mvDataSource& source, long long most, long long& copied);
   bool putDataPiece(const char* bytes, unsigned n);
+  void reportReadFailed(const SourcePlace& place);
   bool reportSizeChanged(const SourcePlace& place, long long inHeader, long long copied);
   bool memberFailed(const XString& fullPath, const XString& pathInTar);
   bool abortedAfterMember();
@@ -64,6 +65,7 @@ class ArchiveWriter {
   bool m_hasArchive = false;
   mvFileInfo m_archive;
   bool m_anythingLost = false;
+  bool m_readFailed = false;  // the copy that went last ended by a failed read
 };
 
 }  // namespace morvane

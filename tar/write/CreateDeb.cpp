@@ -18,7 +18,8 @@ std::string memberName(const char* stem, const XString& path) {
 
 bool appendTarball(DataBuffer& package, const char* stem, const XString& path, long long now, LogBase& log) {
   DataBuffer tarball;
-  if (!tarball.loadFileUtf8(path.getUtf8(), &log)) return false;
+  if (!isSystemPath(path, "Failed to open file.", log) || !tarball.loadFileUtf8(path.getUtf8(), &log))
+    return false;
   const bool fits = append(package, arMemberHeader(memberName(stem, path), now, tarball.getSize())) &&
                     package.append(tarball) && (package.getSize() % 2 == 0 || package.appendChar('\n'));
   if (!fits) log.LogError("Out of memory for the package.");
@@ -39,7 +40,7 @@ bool assemble(const XString& controlPath, const XString& dataPath, DataBuffer& p
 bool ClsTar::CreateDeb(const XString& controlPath, const XString& dataPath, const XString& debPath) {
   return method("CreateDeb", MethodForm::Judged, false, [&](MethodFrame&) {
     DataBuffer package;
-    return assemble(controlPath, dataPath, package, m_log) &&
+    return assemble(controlPath, dataPath, package, m_log) && isSystemPath(debPath, kCannotCreate, m_log) &&
            package.saveToFileUtf8(debPath.getUtf8(), &m_log);
   });
 }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <string_view>
 
+#include "runtime/fs/OsFile.h"
 #include "runtime/fs/mvFileInfo.h"
 #include "runtime/log/LogContextExitor.h"
 #include "tar/TarBlock.h"
@@ -95,6 +96,10 @@ bool WriteRun::putZeros(long long n) {
 
 bool writeTarHeaderToOutput(WriteRun& run, XString& pathInTar, const mvFileInfo& info) {
   LogContextExitor context(run.log, "writeTarHeaderToOutput");
+  if (hasNul(pathInTar)) {
+    run.log.LogError("A path with a NUL byte cannot be archived.");
+    return false;
+  }
   const bool isScript = isScriptPath(pathInTar.str());
   normalisePath(pathInTar, info);
   if (run.log.verbose()) run.log.LogDataX("filePathInTar", pathInTar);

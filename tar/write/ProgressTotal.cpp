@@ -49,6 +49,8 @@ class Counter {
       XString fullPath;
       tree->get_FullUncPath(fullPath);
       if (excludes(fullPath.str())) {
+        if (m_pm && m_pm->abortCheck(m_log)) return false;
+        m_live.refresh();
         if (m_live.now().options.countSkipsExcluded) walking = tree->advancePosition(m_quiet);
         continue;
       }

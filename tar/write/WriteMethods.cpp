@@ -1,4 +1,6 @@
 // ClsTar's writing methods, and the steps they are made of.
+#include <cstring>
+
 #include "runtime/base/ScopeExit.h"
 #include "runtime/io/OutputFlush.h"
 #include "tar/ClsTarMethod.h"
@@ -54,6 +56,8 @@ bool ClsTar::writeArchive(const char* pathTag, const XString* path, _mvOutput* o
   setMatchPatternExactFlags();
   m_log.LogDataX("tarFormat", m_writeFormat);
   if (path) m_log.LogDataX(pathTag, *path);
+  if (path && !isSystemPath(*path, kCannotCreate, m_log)) return false;
+  sayWhenUserIsUnknown(progress);
   if (compression == WriteCompression::Plain) m_archive.beginPlain();
   long long total = 0;
   if (progress && !countTotal(progress, total)) return false;
@@ -67,9 +71,21 @@ bool ClsTar::writeArchive(const char* pathTag, const XString* path, _mvOutput* o
   return file->closeHandle(&m_log, pm) && written;
 }
 
+// Headers then hold the numbers alone, which is right; but it must not pass without a word.
+void ClsTar::sayWhenUserIsUnknown(ProgressEvent* progress) {
+  lookUpUser();
+  if (m_userLookupError == 0) return;
+  const char* const reason = std::strerror(m_userLookupError);
+  m_log.LogNotice("The user database could not be read; owners are written by number alone.");
+  m_log.LogData("reason", reason);
+  if (progress) progress->onInfo("userUnknown", reason);
+}
+
 bool ClsTar::countTotal(ProgressEvent* progress, long long& total) {
   ProgressMonitorPtr pm(progress, m_abortCheckMs, m_percentScale, 0);
-  if (!m_options.noTotal) total = calcTotalProgressForWrite(m_log, pm.getPm());
+  if (!m_options.noTotal) {
+    total = morvane::calcTotalProgressForWrite(m_files, m_dirRoots, liveWriteSettings(), m_log, pm.getPm());
+  }
   return !pm.get_Aborted(m_log) && total >= 0;
 }
 
@@ -79,33 +95,38 @@ bool ClsTar::writeTo(_mvOutput& out, ProgressMonitor* pm, ProgressEvent* progres
   OutputFlush flush(out, pm);
   const bool gzip = m_archive.m_compressing && m_archive.m_writeCompression == WriteCompression::Gzip;
   bool anythingLost = false;
-  if (gzip && !beginGzip(XString(), out, pm, m_log)) return false;
+  if (gzip && !writeGzipHeader(out, pm, m_log)) return false;
   if (!writeSources(out, pm, m_log, progress, anythingLost)) return false;
   if (gzip) {
     m_log.LogDataInt64("originalDataSize", m_archive.m_uncompressedSize);
     // The trailer holds the size modulo 2^32.
     const unsigned size = static_cast<unsigned>(m_archive.m_uncompressedSize & 0xFFFFFFFF);
-    if (!endGzip(out, m_archive.m_crc.endStream(), size)) return false;
+    if (!writeGzipTrailer(out, m_archive.m_crc.endStream(), size, m_log)) return false;
   }
   return flush.finish(m_log) && !anythingLost;
 }
 
 // No file name is recorded, so the path is of no use.
 bool ClsTar::beginGzip(const XString&, _mvOutput& out, ProgressMonitor* pm, LogBase& log) {
-  return writeGzipHeader(out, pm, log);
+  const StepGuard step(*this);
+  return step && writeGzipHeader(out, pm, log);
 }
 
 bool ClsTar::endGzip(_mvOutput& out, unsigned int crc32, unsigned int size) {
-  return writeGzipTrailer(out, crc32, size, m_log);
+  const StepGuard step(*this);
+  return step && writeGzipTrailer(out, crc32, size, m_log);
 }
 
 long long ClsTar::calcTotalProgressForWrite(LogBase& log, ProgressMonitor* pm) {
+  const StepGuard step(*this);
+  if (!step || !takeOptions(log)) return -1;
   return morvane::calcTotalProgressForWrite(m_files, m_dirRoots, liveWriteSettings(), log, pm);
 }
 
 bool ClsTar::writeTarToOutput(_mvOutput& out, ProgressMonitor* pm, LogBase& log, ProgressEvent* progress) {
+  const StepGuard step(*this);
   bool anythingLost = false;
-  return writeSources(out, pm, log, progress, anythingLost) && !anythingLost;
+  return step && takeOptions(log) && writeSources(out, pm, log, progress, anythingLost) && !anythingLost;
 }
 
 bool ClsTar::writeSources(_mvOutput& out, ProgressMonitor* pm, LogBase& log, ProgressEvent* progress,
@@ -123,47 +144,55 @@ bool ClsTar::writeSources(_mvOutput& out, ProgressMonitor* pm, LogBase& log, Pro
 
 bool ClsTar::writeFileToOutput(XString& fullPath, XString& pathInTar, ProgressMonitor* pm, LogBase& log,
                                ProgressEvent* progress) {
-  return ArchiveWriter(liveWriteSettings(), m_archive, log, pm, progress)
-      .writeFileToOutput(fullPath, pathInTar);
+  const StepGuard step(*this);
+  return step && takeOptions(log) &&
+         ArchiveWriter(liveWriteSettings(), m_archive, log, pm, progress)
+             .writeFileToOutput(fullPath, pathInTar);
 }
 
 bool ClsTar::copySourceToOutput(_mvDataSource& source, ProgressMonitor* pm, LogBase& log) {
-  return ArchiveWriter(liveWriteSettings(), m_archive, log, pm, nullptr).copySourceToOutput(source);
+  const StepGuard step(*this);
+  return step && takeOptions(log) &&
+         ArchiveWriter(liveWriteSettings(), m_archive, log, pm, nullptr).copySourceToOutput(source);
 }
 
 bool ClsTar::writeTarHeaderToOutput(XString& pathInTar, mvFileInfo& info, ProgressMonitor* pm, LogBase& log) {
+  const StepGuard step(*this);
+  if (!step || !takeOptions(log)) return false;
   const WriteSettings settings = writeSettings();
   WriteRun run{settings, m_archive, log, pm, nullptr};
   return morvane::writeTarHeaderToOutput(run, pathInTar, info);
 }
 
 bool ClsTar::writeLongFilenameToOutput(XString& path, mvFileInfo& info, ProgressMonitor* pm, LogBase& log) {
+  const StepGuard step(*this);
+  if (!step || !takeOptions(log)) return false;
   const WriteSettings settings = writeSettings();
   WriteRun run{settings, m_archive, log, pm, nullptr};
   return morvane::writeLongFilenameToOutput(run, path, info);
 }
 
 bool ClsTar::writePaxHeaderToOutput(XString& path, mvFileInfo& info, ProgressMonitor* pm, LogBase& log) {
+  const StepGuard step(*this);
+  if (!step || !takeOptions(log)) return false;
   const WriteSettings settings = writeSettings();
   WriteRun run{settings, m_archive, log, pm, nullptr};
   return morvane::writePaxHeaderToOutput(run, path, info);
 }
 
 bool ClsTar::writeOut_pm(const unsigned char* data, unsigned int len, ProgressMonitor* pm, LogBase& log) {
-  return m_archive.writeOut_pm(data, len, m_abortCheckMs != 0, pm, log);
+  const StepGuard step(*this);
+  return step && m_archive.writeOut_pm(data, len, m_abortCheckMs != 0, pm, log);
 }
 
 bool ClsTar::splitPathForTar(const XString& path, XString& name, XString& prefix, LogBase& log) {
-  name.clear();
-  prefix.clear();
+  // Either result may be the path itself.
   const UstarSplit split = splitUstarPath(path.str());
-  if (split.error) {
-    log.LogError(split.error);
-    return false;
-  }
-  name = std::string(split.name);
-  prefix = std::string(split.prefix);
-  return true;
+  std::string splitName(split.error ? "" : split.name), splitPrefix(split.error ? "" : split.prefix);
+  if (split.error) log.LogError(split.error);
+  name.buffer() = std::move(splitName);
+  prefix.buffer() = std::move(splitPrefix);
+  return !split.error;
 }
 
 unsigned int ClsTar::computeHeaderChecksum(const unsigned char* block) { return headerChecksum(block); }

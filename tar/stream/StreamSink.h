@@ -1,0 +1,27 @@
+// What a decompressor writes into: hands each piece to the push engine.
+#pragma once
+
+#include "runtime/io/_mvOutput.h"
+#include "runtime/log/LogBase.h"
+#include "tar/stream/StreamingUntar.h"
+
+namespace morvane {
+
+class StreamSink : public _mvOutput {
+ public:
+  explicit StreamSink(StreamingUntar& stream) : m_stream(stream) {}
+
+  // Pieces that arrive behind the end of the archive succeed and are ignored.
+  bool _writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log) override {
+    bool finished = false;
+    const auto* const data = reinterpret_cast<const unsigned char*>(bytes);
+    if (m_stream.StreamingUntarNext(data, n, finished, io.monitor(), log)) return true;
+    log.LogError("StreamingUntarNext failed.");
+    return false;
+  }
+
+ private:
+  StreamingUntar& m_stream;
+};
+
+}  // namespace morvane
