@@ -1,13 +1,13 @@
 #include "cli/CommandLine.h"
 
 #include <getopt.h>
-#include <iconv.h>
 #include <unistd.h>
 
 #include <charconv>
 #include <cstring>
 
 #include "cli/ArchiveName.h"
+#include "runtime/text/XString.h"
 #include "tar/TarOptions.h"
 
 namespace mvtar {
@@ -64,8 +64,6 @@ const option kLongOptions[] = {
     {"version", no_argument, nullptr, kVersion},
     {nullptr, 0, nullptr, 0},
 };
-
-const iconv_t kNoConverter = reinterpret_cast<iconv_t>(-1);
 
 bool takesArgument(char letter) {
   const char* const found = std::strchr(kLetters + 2, letter);
@@ -229,9 +227,8 @@ class Parser {
   }
 
   bool setCharset(const std::string& name) {
-    const iconv_t converter = name.empty() ? kNoConverter : iconv_open("UTF-8", name.c_str());
-    if (converter == kNoConverter) return wrong("unknown character set '" + name + "'");
-    iconv_close(converter);
+    if (name.empty() || !morvane::XString().appendFromEncoding("", name.c_str()))
+      return wrong("unknown character set '" + name + "'");
     m_line.charset = name;
     return true;
   }

@@ -156,7 +156,7 @@ class CreateEvent : public morvane::ProgressEvent {
     } else if (what == "readFailed") {
       m_report.problem(value, failureReason(m_tar));
     } else if (what == "userUnknown") {
-      m_report.notice("user database", std::string(value) + "; owners are stored by number alone");
+      m_report.problem("user database", std::string(value) + "; owners are stored by number alone");
     }
   }
 

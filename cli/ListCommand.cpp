@@ -137,36 +137,73 @@ class XmlEvent : public CountEvent {
     header.m_groupName = std::make_unique<morvane::StringBuffer>(member.groupName);
     m_entry.clear();
     morvane::LogNull unwanted;
-    header.toXmlEntry(m_entry, nullptr, m_line.charset.c_str(), nullptr, unwanted);
+    header.toXmlEntry(m_entry, nullptr, "utf-8", nullptr, unwanted);  // decoded already
     m_report.text(m_entry.str());
   }
 
   morvane::XString m_entry;
 };
 
-bool listNames(ReadJob& job, MemberEvent& event) { return job.archive.read(job.tar, event); }
+// --xml of every header. What the component lists of a compressed archive is printed and taken away from it
+// now and then, so that a listing of any length takes no memory.
+class HeaderXmlEvent : public CountEvent {
+ public:
+  HeaderXmlEvent(Report& report, ProgressBar& bar, const CommandLine& line, ClsTar& tar)
+      : CountEvent(report, bar, line), m_tar(tar) {}
 
-// Every header of the archive.
-bool listXml(ReadJob& job, MemberEvent& event) {
-  morvane::XString xml;
-  const bool ok = job.archive.listXml(job.tar, xml, event);
-  job.report.text(xml.str());
-  return ok;
-}
+  void onTarHeader(const TarMemberInfo& member) override {
+    constexpr unsigned kAtATime = 64;
+    if (m_captures && ++m_headers % kAtATime == 0) printCaptured();
+    CountEvent::onTarHeader(member);
+  }
 
-bool listMembersXml(ReadJob& job, MemberEvent& event) {
-  job.report.text(morvane::kXmlListingStart);
-  const bool ok = job.archive.read(job.tar, event);
-  job.report.text(morvane::kXmlListingEnd);
-  return ok;
-}
+  bool list(ReadJob& job) {
+    if (job.archive.isPlain()) {
+      Printer printer(m_report);
+      return job.archive.listPlainXml(m_tar, printer, *this);
+    }
+    m_captures = true;
+    m_tar.put_CaptureXmlListing(true);
+    const bool ok = job.archive.read(m_tar, *this);
+    printCaptured();
+    // A run that its decompressor ended leaves the listing open.
+    if (!m_isClosed) m_report.text(morvane::kXmlListingEnd);
+    return ok;
+  }
 
-template <class Event>
-int list(ReadJob& job, const CommandLine& line, bool (*read)(ReadJob&, MemberEvent&)) {
+ private:
+  class Printer : public morvane::_mvOutput {
+   public:
+    explicit Printer(Report& report) : m_report(report) {}
+    bool _writeBytes(const char* bytes, unsigned int n, morvane::_mvIoParams&, morvane::LogBase&) override {
+      m_report.text({bytes, n});
+      return !outputIsBroken();
+    }
+
+   private:
+    Report& m_report;
+  };
+
+  void printCaptured() {
+    morvane::XString listing;
+    m_tar.get_XmlListing(listing);
+    m_tar.put_XmlListing("");
+    m_isClosed = listing.endsWithUtf8(morvane::kXmlListingEnd, false);
+    m_report.text(listing.str());
+  }
+
+  ClsTar& m_tar;
+  bool m_captures = false;
+  bool m_isClosed = false;
+  unsigned m_headers = 0;
+};
+
+// Opens the archive, has it read and ends the command.
+template <class Event, class Read>
+int list(ReadJob& job, Event& event, Read read) {
   if (!job.open()) return job.finish();
   job.tar.put_SuppressOutput(true);
-  Event event(job.report, job.bar, line);
-  const bool ok = read(job, event) || event.enoughSeen();
+  const bool ok = read(event) || event.enoughSeen();
   job.bar.clear();
   if (ok) event.nameUnfound();
   return job.finish(event, ok || outputIsBroken());
@@ -176,10 +213,22 @@ int list(ReadJob& job, const CommandLine& line, bool (*read)(ReadJob&, MemberEve
 
 int listArchive(const CommandLine& line) {
   ReadJob job(line, false);
-  if (!line.xml) return list<ListEvent>(job, line, listNames);
+  if (!line.xml) {
+    ListEvent event(job.report, job.bar, line);
+    return list(job, event, [&](ListEvent& names) { return job.archive.read(job.tar, names); });
+  }
   // Only a run over members, which is what they go by, selects and counts.
-  return line.selects() || line.totals ? list<XmlEvent>(job, line, listMembersXml)
-                                       : list<CountEvent>(job, line, listXml);
+  if (line.selects() || line.totals) {
+    XmlEvent event(job.report, job.bar, line);
+    return list(job, event, [&](XmlEvent& members) {
+      job.report.text(morvane::kXmlListingStart);
+      const bool ok = job.archive.read(job.tar, members);
+      job.report.text(morvane::kXmlListingEnd);
+      return ok;
+    });
+  }
+  HeaderXmlEvent event(job.report, job.bar, line, job.tar);
+  return list(job, event, [&](HeaderXmlEvent& headers) { return headers.list(job); });
 }
 
 int verifyArchive(const CommandLine& line) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <algorithm>
+#include <cstring>
 #include <limits>
 #include <string>
 
@@ -12,6 +13,7 @@
 #include "cli/Selection.h"
 #include "runtime/progress/ProgressEvent.h"
 #include "runtime/progress/TarMemberInfo.h"
+#include "runtime/text/XString.h"
 
 namespace mvtar {
 
@@ -21,12 +23,49 @@ inline std::vector<std::string> operandPaths(const CommandLine& line) {
   return paths;
 }
 
+// The texts of a member in UTF-8, from the character set that --charset names: what a person reads and types.
+class MemberDecoder {
+ public:
+  explicit MemberDecoder(const CommandLine& line)
+      : m_charset(line.charset),
+        m_isUtf8(morvane::XString(line.charset).equalsIgnoreCaseUtf8("utf-8")),
+        m_stripsPaths(line.stripPaths) {}
+
+  bool isUtf8() const { return m_isUtf8; }
+  // Valid until the next member.
+  morvane::TarMemberInfo decoded(morvane::TarMemberInfo member) {
+    // What the path rules leave alone the component has decoded already; a name may have many megabytes.
+    const bool isAsStored = *member.path != '/' && !std::strchr(member.path, '\\') && !m_stripsPaths;
+    if (isAsStored) {
+      member.path = member.entryPath;
+    } else {
+      decode(member.path, m_texts[0]);
+    }
+    decode(member.linkPath, m_texts[1]);
+    decode(member.userName, m_texts[2]);
+    decode(member.groupName, m_texts[3]);
+    return member;
+  }
+
+ private:
+  void decode(const char*& text, morvane::XString& decoded) const {
+    decoded.clear();
+    decoded.appendFromEncoding(text, m_charset.c_str());
+    text = decoded.getUtf8();
+  }
+
+  const std::string m_charset;
+  const bool m_isUtf8, m_stripsPaths;
+  morvane::XString m_texts[4];
+};
+
 class MemberEvent : public morvane::ProgressEvent {
  public:
   MemberEvent(Report& report, ProgressBar& bar, const CommandLine& line)
       : m_report(report),
         m_line(line),
         m_selection(operandPaths(line), line.matches, line.excludes),
+        m_decoder(line),
         m_bar(bar) {}
 
   // Whether --max-count was reached and the last counted member is complete: how the run ends then does not
@@ -60,8 +99,11 @@ class MemberEvent : public morvane::ProgressEvent {
   void onTarHeader(const morvane::TarMemberInfo& member) override {
     settle();
     m_enoughSeen = m_line.maxCount > 0 && m_members >= m_line.maxCount;
-    m_isSelected = !m_enoughSeen && m_selection.takes(member.path);
-    if (m_isSelected) onSelected(member);
+    if (m_enoughSeen || m_decoder.isUtf8()) {
+      select(member);
+    } else {
+      select(m_decoder.decoded(member));
+    }
   }
 
  protected:
@@ -83,7 +125,13 @@ class MemberEvent : public morvane::ProgressEvent {
   const CommandLine& m_line;
 
  private:
+  void select(const morvane::TarMemberInfo& member) {
+    m_isSelected = !m_enoughSeen && m_selection.takes(member.path);
+    if (m_isSelected) onSelected(member);
+  }
+
   Selection m_selection;
+  MemberDecoder m_decoder;
   ProgressBar& m_bar;
   bool m_isSelected = false;
   bool m_enoughSeen = false;

@@ -5,7 +5,6 @@
 #include "cli/InterruptEvent.h"
 #include "cli/StandardStreams.h"
 #include "runtime/log/LogCause.h"
-#include "tar/XmlListing.h"
 
 namespace mvtar {
 
@@ -14,6 +13,8 @@ namespace {
 using morvane::ArchiveKind;
 using morvane::ClsTar;
 using morvane::OsFile;
+
+constexpr unsigned kFirstLook = 512;
 
 }  // namespace
 
@@ -24,14 +25,14 @@ std::string readingWords(const CommandLine& line) {
 }
 
 bool ArchiveReader::open(const CommandLine& line, Report& report) {
-  morvane::LogNull unwanted;
+  morvane::LogCause log;
   if (line.usesStandardStream()) {
     if (isatty(STDIN_FILENO)) {
       report.problem("standard input", "an archive is not read from a terminal");
       return false;
     }
-    if (!m_source.adopt(OsFile(dup(STDIN_FILENO)), "standard input", unwanted)) {
-      report.problem("standard input", "it is no file that can be read");
+    if (!m_source.adopt(OsFile(dup(STDIN_FILENO)), "standard input", log)) {
+      report.problem("standard input", log.cause().reason);
       return false;
     }
   } else if (!openPath(line.archive, report)) {
@@ -40,11 +41,24 @@ bool ArchiveReader::open(const CommandLine& line, Report& report) {
   // The first bytes of a slow pipe may be long in coming.
   InterruptEvent event;
   morvane::ProgressMonitor monitor(event, 1, 0, 0);
-  if (!detectArchiveKind(m_source, m_kind, &monitor, unwanted)) {
-    if (!isInterrupted()) report.problem(line.archive, "it cannot be read");
+  if (!detectArchiveKind(m_source, m_kind, &monitor, log)) {
+    const auto& cause = log.cause();
+    if (!isInterrupted()) report.problem(line.archive, cause.reason.empty() ? cause.message : cause.reason);
     return false;
   }
-  return true;
+  return m_kind != ArchiveKind::Unknown || !isForeign(line, report);
+}
+
+// Whether the content is known to be something else, which is then named: "checksum is wrong" would tell
+// nobody what is wrong.
+bool ArchiveReader::isForeign(const CommandLine& line, Report& report) {
+  morvane::LogNull unwanted;
+  const char* bytes = nullptr;
+  unsigned n = 0;
+  if (!m_source.peekBytes(kFirstLook, bytes, n, nullptr, unwanted)) return false;
+  const char* const what = morvane::foreignContent(reinterpret_cast<const unsigned char*>(bytes), n);
+  if (what) report.problem(line.archive, what);
+  return what != nullptr;
 }
 
 // A FIFO is waited for, but an interrupt ends the wait.
@@ -77,17 +91,9 @@ bool ArchiveReader::read(ClsTar& tar, morvane::ProgressEvent& event) {
   return ok;
 }
 
-bool ArchiveReader::listXml(ClsTar& tar, morvane::XString& xml, morvane::ProgressEvent& event) {
-  if (isPlain()) {
-    const bool ok = tar.ListXml(m_source, xml, &event);
-    if (ok) takeRestOfRecord();
-    return ok;
-  }
-  tar.put_CaptureXmlListing(true);
-  const bool ok = read(tar, event);
-  tar.get_XmlListing(xml);
-  // A run that its decompressor ended leaves the listing open.
-  if (!xml.endsWithUtf8(morvane::kXmlListingEnd, false)) morvane::endXmlListing(xml);
+bool ArchiveReader::listPlainXml(ClsTar& tar, morvane::_mvOutput& xml, morvane::ProgressEvent& event) {
+  const bool ok = tar.ListXml(m_source, xml, &event);
+  if (ok) takeRestOfRecord();
   return ok;
 }
 

@@ -23,13 +23,14 @@ class ArchiveReader {
   // Extracts (or walks, with SuppressOutput), by the kind of archive that the content shows. A plain archive
   // is walked by VerifyTar when nothing is to be extracted.
   bool read(morvane::ClsTar& tar, morvane::ProgressEvent& event);
-  // The XML listing of the whole archive, closed also when it fails.
-  bool listXml(morvane::ClsTar& tar, morvane::XString& xml, morvane::ProgressEvent& event);
+  // The XML listing of a whole plain archive, closed also when it fails.
+  bool listPlainXml(morvane::ClsTar& tar, morvane::_mvOutput& xml, morvane::ProgressEvent& event);
+  bool isPlain() const;
   morvane::_mvFileDataSource& source() { return m_source; }
 
  private:
   bool openPath(const std::string& path, Report& report);
-  bool isPlain() const;
+  bool isForeign(const CommandLine& line, Report& report);
   void takeRestOfRecord();
 
   morvane::_mvFileDataSource m_source;

@@ -1,6 +1,8 @@
 // mvtar: the component's command-line front.
 #include <fcntl.h>
+#include <unistd.h>
 
+#include <exception>
 #include <new>
 #include <string>
 
@@ -60,8 +62,12 @@ int runCommandLine(int argc, char** argv) {
 
 }  // namespace
 
+// Without memory even an exception may be more than there is room for.
+[[noreturn]] void endWithoutMemory() { _exit(mvtar::finishWithoutMemory()); }
+
 int main(int argc, char** argv) {
   occupyStandardStreams();
+  std::set_terminate(endWithoutMemory);
   try {
     return runCommandLine(argc, argv);
   } catch (const std::bad_alloc&) {

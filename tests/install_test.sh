@@ -68,9 +68,9 @@ for kind in static shared; do
   stage=$work/moved-$kind
   # Who links the shared library needs no codec of its own.
   if [ $kind = static ]; then
-    shared=OFF libdir=lib without=() asked=--static
+    shared=OFF libdir=lib without=()
   else
-    shared=ON libdir=$deeper without=(-DCMAKE_DISABLE_FIND_PACKAGE_ZLIB=ON -DCMAKE_DISABLE_FIND_PACKAGE_BZip2=ON) asked=
+    shared=ON libdir=$deeper without=(-DCMAKE_DISABLE_FIND_PACKAGE_ZLIB=ON -DCMAKE_DISABLE_FIND_PACKAGE_BZip2=ON)
   fi
   # The command is built once, against the library that hides what is not for it.
   quietly cmake -S "$source" -B build-$kind -DCMAKE_BUILD_TYPE=Release -DBUILD_SHARED_LIBS=$shared -DBUILD_TESTING=OFF \
@@ -95,7 +95,7 @@ for kind in static shared; do
   pkg_config() { PKG_CONFIG_LIBDIR=$stage/$libdir/pkgconfig pkg-config "$@" morvane_tar; }
   expect "the package's version" "$(pkg_config --modversion)" "$version"
   # shellcheck disable=SC2046,SC2086
-  quietly "$cxx" -std=c++17 $strict "$source/examples/read.cpp" -o pc-read $(pkg_config $asked --cflags --libs)
+  quietly "$cxx" -std=c++17 $strict "$source/examples/read.cpp" -o pc-read $(pkg_config --cflags --libs)
   LD_LIBRARY_PATH=$stage/$libdir quietly ./pc-read made/a.tar made/pc.out
   quietly diff -r tree made/pc.out
 done

@@ -4,13 +4,32 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <ctime>
+#include <memory>
 #include <vector>
 
 #include "runtime/base/Ticks.h"
 #include "runtime/text/StringBuffer.h"
 
 namespace morvane {
+
+namespace {
+
+// The effective user's entry of the system's own file, which has nearly every user. The other ways to users
+// take far longer, and in some C libraries end the process when memory runs out in them. 0, or an errno.
+int findInFile(passwd& entry, std::vector<char>& buffer, passwd*& found) {
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen("/etc/passwd", "re"), std::fclose);
+  if (!file) return errno == ENOMEM || errno == EIO ? errno : 0;
+  int error = 0;
+  do {
+    error = fgetpwent_r(file.get(), &entry, buffer.data(), buffer.size(), &found);
+  } while (error == 0 && entry.pw_uid != geteuid());
+  if (error != 0) found = nullptr;
+  return error == ENOENT ? (std::ferror(file.get()) ? EIO : 0) : error;
+}
+
+}  // namespace
 
 long long Psdk::getCurrentUnixTime() { return std::time(nullptr); }
 
@@ -19,15 +38,12 @@ unsigned Psdk::getTickCount() { return millisecondTicks(); }
 int Psdk::getUsername(StringBuffer& out) {
   out.clear();
   constexpr size_t kLargestEntry = 1 << 20;
-  for (std::vector<char> buffer(1024);;) {
+  for (std::vector<char> buffer(1024);; buffer.resize(buffer.size() * 2)) {
     passwd entry;
     passwd* found = nullptr;
-    const int error = getpwuid_r(geteuid(), &entry, buffer.data(), buffer.size(), &found);
-    if (error == EINTR) continue;
-    if (error == ERANGE && buffer.size() < kLargestEntry) {
-      buffer.resize(buffer.size() * 2);
-      continue;
-    }
+    int error = findInFile(entry, buffer, found);
+    if (error == 0 && !found) error = getpwuid_r(geteuid(), &entry, buffer.data(), buffer.size(), &found);
+    if ((error == ERANGE && buffer.size() < kLargestEntry) || error == EINTR) continue;
     if (found) out.setString(found->pw_name);
     // These are ways to say that there is no such user, or no database at all.
     const bool isUnknown = error == ENOENT || error == ESRCH || error == EBADF || error == EPERM;

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <new>
 
 namespace morvane {
 
@@ -18,13 +19,28 @@ bool meansUtf8(const char* name) {
   return *name == '\0' || strcasecmp(name, "utf-8") == 0 || strcasecmp(name, "utf8") == 0;
 }
 
+// Null for a character set that the system does not know. Memory that runs out inside may look the same: so
+// it is tried again, and a character set that every system knows tells whether there is any.
+void* openConverter(const char* charsetName) {
+  const auto open = [](const char* name) {
+    const iconv_t opened = iconv_open("UTF-8", name);
+    return opened == reinterpret_cast<iconv_t>(-1) ? nullptr : static_cast<void*>(opened);
+  };
+  void* opened = open(charsetName);
+  if (!opened) opened = open(charsetName);
+  if (opened) return opened;
+  void* const known = open("ISO-8859-1");
+  if (!known) throw std::bad_alloc();
+  iconv_close(static_cast<iconv_t>(known));
+  return nullptr;
+}
+
 }  // namespace
 
 CharsetDecoder::CharsetDecoder(const char* charsetName) {
   if (meansUtf8(charsetName)) return;
-  const iconv_t opened = iconv_open("UTF-8", charsetName);
-  m_known = opened != reinterpret_cast<iconv_t>(-1);
-  if (m_known) m_converter = opened;
+  m_converter = openConverter(charsetName);
+  m_known = m_converter != nullptr;
 }
 
 CharsetDecoder::~CharsetDecoder() {
