@@ -55,7 +55,8 @@ void handleInterrupts(void (*handler)(int)) {
 
 void catchInterrupts() {
   handle(SIGALRM, onKnock);
-  handle(SIGPIPE, SIG_IGN);  // a closed pipe is a failed write
+  for (const int refusal : {SIGPIPE, SIGXFSZ})
+    handle(refusal, SIG_IGN);  // a closed pipe or a limit is a failed write
   g_hasTimer = timer_create(CLOCK_MONOTONIC, nullptr, &g_timer) == 0;
   handleInterrupts(onInterrupt);
 }

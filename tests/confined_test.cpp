@@ -164,8 +164,8 @@ TEST(Confined, OtherNamesOfAFileAndTheProtectedFileStay) {
   }
 }
 
-// The last parents are kept open; what happens to their names in between must not be missed.
-TEST(Confined, TheKeptParentIsNoWayAroundTheRules) {
+// No member goes where an earlier one went because it went there.
+TEST(Confined, EachMemberIsResolvedAnew) {
   for (int mode = firstMode(); mode < kModes; ++mode) {
     Ground ground(mode, "mkdir target/d");
     const auto shell = [&](const std::string& command) {
@@ -184,6 +184,12 @@ TEST(Confined, TheKeptParentIsNoWayAroundTheRules) {
     shell("mkdir real; ln -s real l");
     EXPECT_EQ(mode == 0 ? 'k' : 'R', ground.create("l/f"));
     EXPECT_TRUE(ground.create("l") == 'k' && ground.create("l/g") == 'R');
+    // A directory that is moved out of the target takes nothing with it.
+    EXPECT_EQ('k', ground.create("moving/f"));
+    const ScratchDir elsewhere;
+    shell("mv moving " + elsewhere.path());
+    EXPECT_TRUE(ground.create("moving/g") == 'k' && ground.found("moving/g") == "file new");
+    EXPECT_FALSE(exists(elsewhere / "moving/g"));
   }
 }
 

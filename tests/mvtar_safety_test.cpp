@@ -110,10 +110,24 @@ TEST(MvtarOutput, FullDisk) {
     // What is not complete is not shown as done.
     const CommandResult result = mvtar(dir, "-xvf a." + form.name + " -C small");
     EXPECT_TRUE(result.status == 2 && result.out == "d/\n");
-    EXPECT_TRUE(has(result.err, "small/d/f: No space left on device\n")) << result.err;
+    EXPECT_TRUE(has(result.err, "small/d/f: No space left on device\nmvtar: a." + form.name +
+                                    ": the rest was not extracted\n"));
     must(dir, "rm -r small/*");
   }
   must(dir, "umount small");
+}
+
+// One file that cannot be written, for a reason of its own, is no reason to leave out the next.
+TEST(MvtarOutput, AFileThatFailsAlone) {
+  ScratchDir dir;
+  must(dir, "mkdir d && head -c 90000 /dev/urandom > d/f && echo g > d/g && tar -cf a.tar --sort=name d");
+  makeForms(dir);
+  for (const Form& form : kForms) {
+    const CommandResult result = shell(dir, "ulimit -f 16; exec mvtar -xf a." + form.name + " -C out");
+    EXPECT_EQ(said("d/f: File too large", 2), result.err);
+    EXPECT_EQ(2, result.status);
+    must(dir, "cmp d/g out/d/g; rm -r out");
+  }
 }
 
 TEST(MvtarOutput, ClosedStandardStreams) {
@@ -164,6 +178,18 @@ TEST(MvtarDamage, WhatIsNoArchive) {
     }
   }
   expectMvtar(dir, "-tf dir", 2, "", "dir: Is a directory");
+  // What else it is, where that is known.
+  const std::pair<const char*, const char*> kForeign[] = {
+      {"xz -c text", "This is xz-compressed, which cannot be read."},
+      {"printf 'PK\\3\\4'", "This is a ZIP archive, no tar."},
+      {"printf '!<arch>\\ndebian-binary   '",
+       "This is a Debian package, no tar; its tarballs are members of an ar archive."},
+      {"cat text", "This is text, no archive."}};
+  for (const auto& [making, what] : kForeign) {
+    must(dir, std::string(making) + " > foreign");
+    for (const std::string& reading : kReading)
+      expectMvtar(dir, reading + "foreign", 2, "", std::string("foreign: ") + what);
+  }
 }
 
 TEST(MvtarDamage, CutAnywhereOrChanged) {

@@ -391,6 +391,14 @@ TEST_F(Streaming, BeginForgetsAndAFinishedRunIgnores) {
   EXPECT_EQ("", takeLog());
   EXPECT_EQ(std::string(900, 'a'), readFile(m_dir / "out/a"));
 
+  // A sparse member's map that goes on when the archive ends is a cut one.
+  m_tar.put_UncommonOptions("FullRead");
+  begin();
+  EXPECT_TRUE(next(patched(member("sparse", "", 'S'), {482, 1}, "\1")));
+  EXPECT_FALSE(finish());
+  EXPECT_EQ(Lines{kEarly}, linesOf(takeLog()));
+  m_tar.put_UncommonOptions("");
+
   begin();
   EXPECT_FALSE(next(std::string(512, 'x')));
   EXPECT_TRUE(m_finished);

@@ -55,8 +55,22 @@ TEST(CharsetDecoder, OneServesManyNamesOfAnyLength) {
     stateful.append("!\x1B$B$\"", converted);  // not back in its initial state
     EXPECT_EQ(expected + "!\xE3\x81\x82", converted);
   }
+  // What the converter holds back stands in front of a byte that does not convert, and pieces of a long name
+  // meet in the midst of a character.
+  CharsetDecoder holding("cp1255"), wide("utf-16le");
+  for (const auto& [bytes, expected] :
+       {std::pair("\xE5\x81", "\xD7\x95\x81"), std::pair("\x81\xE5", "\x81\xD7\x95")}) {
+    std::string converted;
+    holding.append(bytes, converted);
+    EXPECT_EQ(expected, converted);
+  }
+  std::string name, converted;
+  for (int i = 0; i < 5000; ++i) name.append("\x3D\xD8\0\xDE", 4);
+  wide.append(name + "x", converted);
+  EXPECT_EQ(5000u * 4 + 1, converted.size()) << "and the last byte, which is half a character, stays";
 }
 
+// Of these, where no character is written in two ways.
 TEST(XString, DifferentNamesStayDifferent) {
   for (const char* charset : {"utf-8", "us-ascii", "windows-1252", "koi8-r", "shift_jis", "gbk", "unknown"}) {
     CharsetDecoder decoder(charset);

@@ -69,7 +69,11 @@ int OsFile::status(struct stat& out) const { return ::fstat(m_fd, &out); }
 
 int OsFile::setTimes(const timespec& access, const timespec& modification) const {
   const timespec times[2] = {access, modification};
-  return ::futimens(m_fd, times);
+  int result;
+  do {
+    result = ::futimens(m_fd, times);
+  } while (result != 0 && errno == EINTR);
+  return result;
 }
 
 int OsFile::setBlocking() const {

@@ -24,10 +24,7 @@ constexpr unsigned kPieceSize = 20000;
 constexpr unsigned kMostEmptyReads = 1000;  // in a row
 constexpr long long kToTheEnd = std::numeric_limits<long long>::max();
 
-void prependPart(const char* part, XString& path) {
-  path.prependUtf8("/");
-  path.prependUtf8(part);
-}
+void prependPart(const std::string& part, XString& path) { path.buffer().insert(0, part + "/"); }
 
 }  // namespace
 
@@ -72,7 +69,7 @@ bool ArchiveWriter::writeSingleFile(const SourceEntry& entry) {
   } else {
     _mvFilePath::GetFinalFilenamePart(XString(entry.localPath), pathInTar);
     const XString& prefix = m_run.settings.dirPrefix;
-    if (!prefix.isEmpty()) prependPart(prefix.getUtf8(), pathInTar);
+    if (!prefix.isEmpty()) prependPart(prefix.str(), pathInTar);
   }
   const XString fullPath(entry.localPath);
   if (!writeFileToOutput(fullPath, pathInTar)) return memberFailed(fullPath, pathInTar);
@@ -103,9 +100,9 @@ bool ArchiveWriter::writeTree(const DirRoot& root, XString& curDirRootPath) {
     tree->get_FullUncPath(fullPath);
     tree->get_RelativePath(pathInTar);
     if (m_log.verbose()) m_log.LogDataX("fullPath", fullPath);
-    if (!root.m_pathPrefix.isEmpty()) prependPart(root.m_pathPrefix.getString(), pathInTar);
+    if (!root.m_pathPrefix.isEmpty()) prependPart(root.m_pathPrefix.str(), pathInTar);
     const XString& dirPrefix = m_run.settings.dirPrefix;
-    if (!dirPrefix.isEmpty()) prependPart(dirPrefix.getUtf8(), pathInTar);
+    if (!dirPrefix.isEmpty()) prependPart(dirPrefix.str(), pathInTar);
     const SourcePlace place{fullPath, tree->currentDirectory(), tree->currentName(), tree->isRegularFile()};
     if (!writeMember(place, pathInTar, tree.get())) return memberFailed(fullPath, pathInTar);
     if (abortedAfterMember()) return false;

@@ -1,0 +1,471 @@
+// What fails on its own: memory that runs out at each single allocation, sources that fail while they are
+// skipped or never end, and callbacks that do what they should not. Nothing is then reported as done that is
+// not.
+#include <cstdlib>
+#include <filesystem>
+#include <new>
+
+#include "ArchiveSupport.h"
+#include "MvtarSupport.h"
+
+namespace {
+
+// The allocations of this thread until one fails; 0: none does.
+thread_local long g_allocationsLeft = 0;
+
+bool failsNow() { return g_allocationsLeft > 0 && --g_allocationsLeft == 0; }
+
+}  // namespace
+
+// The whole program's, for the throwing forms in use here; all others come down to these.
+void* operator new(std::size_t size) {
+  void* const bytes = failsNow() ? nullptr : std::malloc(size ? size : 1);
+  if (!bytes) throw std::bad_alloc();
+  return bytes;
+}
+void operator delete(void* bytes) noexcept { std::free(bytes); }
+void operator delete(void* bytes, std::size_t) noexcept { std::free(bytes); }
+
+namespace morvane::testing {
+namespace {
+
+using namespace std::string_literals;
+
+struct MemoryCase {
+  const char* name;
+  std::function<std::string(ClsTar&)> run;  // what came of it, empty for a call that failed
+};
+
+class OutOfMemory : public ::testing::Test {
+ protected:
+  OutOfMemory() {
+    writeFile(m_dir / "d/sub/file", "contents");
+    writeFile(m_dir / ("d/" + std::string(150, 'n')), "a long name");
+    ClsTar tar;
+    EXPECT_TRUE(tar.AddDirRoot(m_dir / "d") && tar.WriteTar(m_dir / "a.tar") &&
+                tar.WriteTarGz(m_dir / "a.tgz"));
+  }
+  std::string written(ClsTar& tar, bool (ClsTar::*write)(_mvOutput&, ProgressEvent*)) {
+    LimitedOutput out;
+    out.bytes.reserve(1 << 20);
+    const bool ok = tar.AddFile2(m_dir / "d/sub/file", "single") && tar.AddDirRoot2("prefix", m_dir / "d") &&
+                    (tar.*write)(out, nullptr);
+    return ok ? out.bytes : "";
+  }
+  std::string extracted(bool ok) {
+    std::string tree;
+    const long left = std::exchange(g_allocationsLeft, 0);
+    for (const auto& [path, what] : treeOf(m_dir / "out")) tree += path + " " + what + "\n";
+    g_allocationsLeft = left;
+    return ok ? tree : "";
+  }
+  std::string listed(ClsTar& tar) {
+    XString xml;
+    return tar.ListXml(m_dir / "a.tar", xml) ? xml.str() : "";
+  }
+
+  const ScratchDir m_dir;
+};
+
+// Each allocation fails once: the call fails, or what came of it is what comes of it otherwise.
+TEST_F(OutOfMemory, NoCallSucceedsWithSomethingMissing) {
+  const std::string archive = m_dir / "a.tar", gzip = m_dir / "a.tgz";
+  const MemoryCase cases[] = {{"WriteTar", [&](ClsTar& tar) { return written(tar, &ClsTar::WriteTar); }},
+                              {"WriteTar pax",
+                               [&](ClsTar& tar) {
+                                 tar.put_WriteFormat("pax");
+                                 return written(tar, &ClsTar::WriteTar);
+                               }},
+                              {"ListXml", [&](ClsTar& tar) { return listed(tar); }},
+                              {"Untar", [&](ClsTar& tar) { return extracted(tar.Untar(archive) >= 0); }},
+                              {"UntarGz", [&](ClsTar& tar) { return extracted(tar.UntarGz(gzip)); }},
+                              {"UntarFirstMatching", [&](ClsTar& tar) {
+                                 ClsBinData found;
+                                 const bool ok = tar.UntarFirstMatchingToBd(archive, "*file", found);
+                                 return ok ? "found " + std::to_string(found.data().getSize()) : "";
+                               }}};
+  for (const MemoryCase& each : cases) {
+    for (const char* words : {"", "FullRead,Confine=beneath"}) {
+      std::string expected;
+      long allocations = 0;
+      for (bool counted = false;; ++allocations) {
+        SCOPED_TRACE(std::string(each.name) + " " + words + " " + std::to_string(allocations));
+        std::filesystem::remove_all(m_dir / "out");
+        std::string result;
+        ClsTar tar;
+        tar.put_UserName("u");
+        tar.put_GroupName("g");
+        tar.put_UntarFromDir(m_dir / "out");
+        tar.put_UncommonOptions(words);
+        g_allocationsLeft = counted ? allocations : 0;
+        try {
+          result = each.run(tar);
+        } catch (const std::bad_alloc&) {  // of the test's own
+        }
+        const bool allPassed = g_allocationsLeft > 0;
+        g_allocationsLeft = 0;
+        if (!counted) expected = result;
+        counted = true;
+        ASSERT_FALSE(expected.empty()) << logOf(tar);
+        ASSERT_TRUE(result.empty() || result == expected) << result;
+        if (allPassed) break;
+      }
+      EXPECT_GT(allocations, 10);
+    }
+  }
+}
+
+// Whatever fails while words or properties are taken, the call behind it goes by them.
+TEST_F(OutOfMemory, NothingOfAnOlderSettingIsKept) {
+  const std::string bytes = member("../escaped", "data") + kEnd;
+  DataBuffer archive;
+  archive.append(bytes.data(), static_cast<unsigned>(bytes.size()));
+  const XString target(m_dir / "deep/target");
+  std::filesystem::create_directories(m_dir / "deep/before/x");
+  for (long failing = 1; failing < 60; ++failing) {
+    ClsTar tar;
+    tar.put_UntarFromDir(m_dir / "deep/before/x");
+    EXPECT_EQ(1, tar.UntarFromMemory(archive)) << "not confined yet";
+    std::filesystem::remove(m_dir / "deep/before/escaped");
+    XString words("Confine=beneath,FullRead,VerifyGzip");
+    g_allocationsLeft = failing;
+    tar.put_UncommonOptions(words);
+    tar.put_UntarFromDir(target);
+    tar.UntarFromMemory(archive);
+    g_allocationsLeft = 0;
+    tar.UntarFromMemory(archive);
+    ASSERT_FALSE(exists(m_dir / "deep/escaped") || exists(m_dir / "deep/before/escaped")) << failing;
+  }
+}
+
+// The command, with each of its allocations failing, and with all behind it: never a signal, never 0 with
+// less.
+TEST_F(OutOfMemory, TheCommandSaysSoAndEndsWithTwo) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "the sanitizers have allocations of their own";
+#endif
+  must(m_dir, "mvtar -cjf a.tbz d; compress -c a.tar > a.Z; cp a.tgz b.tgz");
+  const char* const lines[] = {"-cf out d",
+                               "-czf out d",
+                               "-cjf out d",
+                               "-cvf - d",
+                               "-xf a.tar -C out",
+                               "-xvf a.tgz -C out",
+                               "-xf a.tbz -C out",
+                               "-xf a.Z -C out",
+                               "-tvf a.tar",
+                               "-tf a.tgz --xml",
+                               "-tf a.Z --charset=latin1",
+                               "-xOf a.tbz d/sub/file",
+                               "--verify -f a.tgz",
+                               "--deb -f out a.tgz b.tgz"};
+  int kind = 0;
+  for (const std::string line : lines) {
+    const bool comparesFile = line.find(" out") != std::string::npos && line[1] != '-';
+    const auto run = [&](const std::string& environment) {
+      std::filesystem::remove_all(m_dir / "out");
+      const CommandResult result = shell(m_dir, environment + " LD_PRELOAD=" FAILING_MALLOC " mvtar " + line);
+      std::string made;
+      for (const auto& [path, what] : treeOf(m_dir.path()))
+        made += path.rfind("out", 0) == 0 ? path + what : "";
+      return std::pair(result, comparesFile ? made : "");
+    };
+    const auto [whole, wholeMade] = run("COUNT_ALLOCATIONS=count");
+    ASSERT_EQ(0, whole.status) << line << whole.err;
+    const int allocations = std::stoi(readFile(m_dir / "count"));
+    // All of one command's, and of the others every seventh, each time others.
+    for (int failing = 1 + kind % 7; failing <= allocations; failing += kind == 0 ? 1 : 7) {
+      for (const char* behind : {"", "FAIL_ALL_BEHIND=1 "}) {
+        SCOPED_TRACE(line + " " + behind + std::to_string(failing));
+        const auto [result, made] = run(behind + ("FAIL_ALLOCATION=" + std::to_string(failing)));
+        if (result.status == 0) {
+          EXPECT_TRUE(result.out == whole.out && made == wholeMade) << "something is missing";
+        } else {
+          EXPECT_EQ(2, result.status);
+          EXPECT_TRUE(has(result.err, "mvtar: ") && has(result.err, said("", 2))) << result.err;
+        }
+      }
+    }
+    ++kind;
+  }
+}
+
+// ---- Sources
+
+// A source that cannot seek and fails when it has given so much.
+class FailingSource : public TricklingSource {
+ public:
+  FailingSource(const std::string& bytes, long long failAt) : TricklingSource(bytes, 512), m_left(failAt) {}
+  bool readSourcePM(char* buffer, unsigned n, unsigned& numRead, ProgressMonitor* pm, LogBase& log) override {
+    if (m_left <= 0) return false;
+    const bool ok = TricklingSource::readSourcePM(buffer, n, numRead, pm, log);
+    m_left -= numRead;
+    return ok;
+  }
+
+ private:
+  long long m_left;
+};
+
+// Data that look like an archive are not read as headers where passing over them failed.
+TEST(Sources, AFailedSkipEndsTheRun) {
+  const std::string inner = member("inner", "x") + kEnd;
+  const std::string archive = member("outer", std::string(2048, 'x') + inner) + member("last") + kEnd;
+  for (const long long failAt : {512, 1024, 1536, 2560}) {
+    SCOPED_TRACE(failAt);
+    ClsTar tar;
+    XString xml;
+    ClsBinData found;
+    EXPECT_FALSE(FailingSource(archive, failAt).endOfStream());
+    FailingSource one(archive, failAt), two(archive, failAt), three(archive, failAt);
+    EXPECT_FALSE(tar.VerifyTar(one));
+    EXPECT_TRUE(logHas(tar, "Failed to pass over data of the archive.")) << logOf(tar);
+    EXPECT_FALSE(tar.ListXml(two, xml));
+    EXPECT_EQ(std::string::npos, xml.str().find("inner"));
+    EXPECT_FALSE(tar.UntarFirstMatchingToBd(three, "inner", found));
+  }
+}
+
+// A source of which nothing ever comes out, and that never asks whether to abort.
+class EndlessSource : public _mvDataSource {
+ public:
+  EndlessSource(std::string start, std::string again)
+      : m_bytes(std::move(start)), m_again(std::move(again)) {}
+  bool readSourcePM(char* buffer, unsigned n, unsigned& numRead, ProgressMonitor*, LogBase&) override {
+    while (m_bytes.size() < n) m_bytes += m_again;
+    m_bytes.copy(buffer, numRead = n);
+    m_bytes.erase(0, n);
+    given += n;
+    return given < 100'000'000;
+  }
+  long long given = 0;
+
+ private:
+  std::string m_bytes;
+  const std::string m_again;
+};
+
+TEST(Sources, AbortIsHeardWhereNothingComesOut) {
+  // The name in a gzip header, zeros behind a member, empty bzip2 streams, LZW's code for "forget the table".
+  const std::string header("\x1F\x8B\x08\x08\0\0\0\0\0\3", 10), bare("\x1F\x8B\x08\0\0\0\0\0\0\3", 10);
+  const std::string emptyGzip = bare + "\3\0"s + std::string(8, '\0');
+  const std::string emptyBzip2 = "BZh9\x17\x72\x45\x38\x50\x90\0\0\0\0"s;
+  const std::string clears("\x00\x01\x02\x04\x08\x10\x20\x40\x80", 9);  // 256, eight times in nine bits
+  const struct {
+    const char* name;
+    std::string start, again;
+    bool (ClsTar::*untar)(_mvDataSource&, ProgressEvent*);
+  } kCases[] = {{"gzip name", header, "name", &ClsTar::UntarGz},
+                {"gzip padding", emptyGzip, std::string(64, '\0'), &ClsTar::UntarGz},
+                {"bzip2 streams", "", emptyBzip2, &ClsTar::UntarBz2},
+                {"LZW",
+                 "\x1F\x9D\x90"
+                 "a\0"s,
+                 clears, &ClsTar::UntarZ}};
+  for (const auto& each : kCases) {
+    SCOPED_TRACE(each.name);
+    ClsTar tar;
+    tar.put_UncommonOptions("GzipAllMembers,Bz2Framed");
+    tar.put_AbortCheckMs(1);
+    EndlessSource source(each.start, each.again);
+    struct : ProgressEvent {
+      void onAbortCheck(bool& abort) override { abort = source->given > 0; }
+      EndlessSource* source;
+    } event;
+    event.source = &source;
+    EXPECT_FALSE((tar.*each.untar)(source, &event));
+    EXPECT_LE(source.given, 256 * 1024) << logOf(tar);
+  }
+}
+
+// A source may end by giving nothing, and may lend without being able to show what comes.
+TEST(Sources, TheLeastThatTheySupplyIsEnough) {
+  _mvLogger log;
+  struct : TricklingSource {
+    using TricklingSource::TricklingSource;
+    bool endOfStream() override { return _mvDataSource::endOfStream(); }
+  } plain("some bytes", 3);
+  LimitedOutput out;
+  unsigned got = 0;
+  char byte;
+  EXPECT_FALSE(plain.endOfStream());
+  while (plain.read(&byte, 1, got, nullptr, log) && got > 0) out.bytes += byte;
+  EXPECT_EQ("some bytes", out.bytes);
+  EXPECT_TRUE(plain.endOfStream());
+
+  class Lending : public _mvMemoryDataSource {
+   public:
+    bool canPeek() override { return false; }
+    bool peekBytes(unsigned, const char*&, unsigned&, ProgressMonitor*, LogBase&) override { return false; }
+  } lending;
+  const std::string archive = member("f", "data") + kEnd;
+  lending.initializeMemSource(reinterpret_cast<const unsigned char*>(archive.data()),
+                              static_cast<unsigned>(archive.size()));
+  LimitedOutput data;
+  ClsTar tar;
+  EXPECT_TRUE(tar.UntarMemberToOutput(lending, data)) << logOf(tar);
+  EXPECT_EQ("data", data.bytes);
+}
+
+// ---- Callbacks
+
+// What a callback's exception leaves of a member is not taken for headers by what comes next.
+TEST(Callbacks, AThrownOneLeavesNoHalfReadMember) {
+  ScratchDir dir;
+  writeFile(dir / "a.tar", member("a", std::string(3000, 'a')) + member("b", "b") + kEnd);
+  ASSERT_EQ(0, run({"sh", "-c", "gzip -k a.tar; bzip2 -k a.tar"}, "", dir.path()).status);
+  struct : ProgressEvent {
+    void onTarEntry(const char*, long long, bool, bool&) override { throw 1; }
+  } event;
+  ClsTar tar;
+  tar.put_UncommonOptions("EntryEvents");
+  tar.put_UntarFromDir(dir / "out");
+  EXPECT_FALSE(tar.UntarGz(dir / "a.tar.gz", &event));
+  EXPECT_FALSE(tar.FinishStreamingUntar(nullptr, tar.log()));
+  _mvIoParams io;
+  EXPECT_FALSE(tar._writeBytes("more", 4, io, tar.log())) << "the run is over";
+  EXPECT_TRUE(tar.UntarBz2(dir / "a.tar.bz2")) << logOf(tar);
+  EXPECT_EQ("b", readFile(dir / "out/b"));
+}
+
+// The steps are refused like the methods, and the call that goes on ends as it would.
+TEST(Callbacks, StepsAreRefused) {
+  ScratchDir dir;
+  writeFile(dir / "a.tar", member("a", std::string(3000, 'a')) + member("b", "b") + kEnd);
+  ASSERT_EQ(0, run({"gzip", "-k", "a.tar"}, "", dir.path()).status);
+  ClsTar tar;
+  tar.put_UncommonOptions("EntryEvents");
+  tar.put_UntarFromDir(dir / "out");
+  ActingEvent event;
+  event.act = [&](const std::string&) {
+    _mvIoParams io;
+    LimitedOutput out;
+    bool finished = false;
+    _mvLogger log;
+    mvFileInfo info;
+    XString path("p");
+    TricklingSource source("", 1);
+    tar.BeginStreamingUntar(log);
+    tar.xmlListingInit();
+    EXPECT_FALSE(tar.StreamingUntarNext(nullptr, 0, finished, nullptr, log) ||
+                 tar.FinishStreamingUntar(nullptr, log) || tar._writeBytes("x", 1, io, log) ||
+                 tar.unTarGz(source, nullptr, log) || tar.writeTarToOutput(out, nullptr, log, nullptr) ||
+                 tar.copySourceToOutput(source, nullptr, log) ||
+                 tar.writeTarHeaderToOutput(path, info, nullptr, log) ||
+                 tar._untar(source, true, log, nullptr, nullptr) >= 0);
+    EXPECT_EQ("", log.text());
+  };
+  EXPECT_TRUE(tar.UntarGz(dir / "a.tar.gz", &event)) << logOf(tar);
+  EXPECT_EQ(2u, event.entries.size());
+  EXPECT_EQ(std::string(3000, 'a'), readFile(dir / "out/a"));
+}
+
+// A single file that becomes a link while its event is told is not followed; the directory that a callback
+// sets holds from the next member on, in both engines.
+TEST(Callbacks, WhatTheyChange) {
+  ScratchDir dir;
+  writeFile(dir / "secret", "secret");
+  writeFile(dir / "file", "plain!");
+  ClsTar tar;
+  tar.AddFile(dir / "file");
+  ActingEvent exchanging;
+  exchanging.act = [&](const std::string& path) {
+    std::filesystem::remove(path);
+    std::filesystem::create_symlink("secret", path);
+  };
+  LimitedOutput out;
+  EXPECT_FALSE(tar.WriteTar(out, &exchanging));
+  EXPECT_EQ(std::string::npos, out.bytes.find("secret"));
+
+  writeFile(dir / "a.tar", member("a", "a") + member("b", "b") + kEnd);
+  ASSERT_EQ(0, run({"gzip", "-k", "a.tar"}, "", dir.path()).status);
+  for (const std::string words : {"EntryEvents", "EntryEvents,Confine=beneath"}) {
+    for (const bool gzip : {false, true}) {
+      std::filesystem::remove_all(dir / "1");
+      std::filesystem::remove_all(dir / "2");
+      ClsTar reader;
+      reader.put_UncommonOptions(words.c_str());
+      reader.put_UntarFromDir(dir / "1");
+      ActingEvent moving;
+      moving.act = [&](const std::string&) { reader.put_UntarFromDir(dir / "2"); };
+      EXPECT_TRUE(gzip ? reader.UntarGz(dir / "a.tar.gz", &moving)
+                       : reader.Untar(dir / "a.tar", &moving) == 2);
+      EXPECT_TRUE(exists(dir / "1/a") && exists(dir / "2/b") && !exists(dir / "2/a")) << words << gzip;
+    }
+  }
+}
+
+// ---- Names and arguments that are not what they seem
+
+TEST(Arguments, NulsAreRefusedAndOneTextMayBeTwo) {
+  ScratchDir dir;
+  writeFile(dir / "x", "x");
+  const XString nul((dir / "x") + "\0y"s);
+  ClsTar tar;
+  EXPECT_FALSE(tar.AddFile(nul) || tar.AddFile2(dir / "x", std::string("a\0b", 3)) || tar.AddDirRoot(nul) ||
+               tar.AddDirRoot2(std::string("p\0", 2), dir.path()) || tar.VerifyTar(nul) || tar.WriteTar(nul));
+  EXPECT_TRUE(tar.AddFile(dir / "x"));
+  tar.put_DirPrefix(std::string("p\0q", 3));
+  LimitedOutput out;
+  EXPECT_FALSE(tar.WriteTar(out));
+  EXPECT_TRUE(logHas(tar, "A path with a NUL byte cannot be archived."));
+  tar.put_UntarFromDir(nul);
+  EXPECT_EQ(-1, untar(tar, member("a") + kEnd));
+
+  writeFile(dir / "a.tar", member("a") + kEnd);
+  XString both(dir / "a.tar");
+  EXPECT_TRUE(tar.ListXml(both, both));
+  EXPECT_NE(std::string::npos, both.str().find("<path>a</path>"));
+  XString path(std::string(60, 'd') + "/" + std::string(60, 'n')), name(path), prefix(path);
+  EXPECT_TRUE(tar.splitPathForTar(name, name, prefix, tar.log()) &&
+              tar.splitPathForTar(path, name, path, tar.log()));
+  EXPECT_EQ(std::string(60, 'n') + std::string(60, 'd') + "/", name.str() + path.str());
+}
+
+// A path of more parts than other programs can remove again ends the run when it would be made, by default.
+TEST(Arguments, MaxPathDepth) {
+  ScratchDir dir;
+  const auto deep = [](int parts) {
+    std::string path = "f";
+    while (--parts > 0) path.insert(0, "d/");
+    return longName(path) + member("short", "x");
+  };
+  const struct {
+    const char* words;
+    int parts;
+    bool extracts, walks;
+  } kCases[] = {{"", 4096, true, true},
+                {"", 4097, false, true},
+                {"MaxPathDepth=3", 3, true, true},
+                {"MaxPathDepth=3", 4, false, false},
+                {"MaxPathDepth=0", 4097, true, true}};
+  for (const auto& each : kCases) {
+    for (const bool gzip : {false, true}) {
+      SCOPED_TRACE(std::string(each.words) + " " + std::to_string(each.parts));
+      writeFile(dir / "a.tar", member("first", "1") + deep(each.parts) + kEnd);
+      ASSERT_EQ(0, run({"gzip", "-kf", "a.tar"}, "", dir.path()).status);
+      ClsTar tar;
+      tar.put_UncommonOptions((std::string("FullRead,") + each.words).c_str());
+      tar.put_UntarFromDir(dir / "out");
+      RecordingEvent event;
+      const auto read = [&] {
+        return gzip ? tar.UntarGz(dir / "a.tar.gz", &event) : tar.Untar(dir / "a.tar", &event) >= 0;
+      };
+      EXPECT_EQ(each.extracts, read());
+      EXPECT_EQ(2u, event.headers.size());
+      EXPECT_TRUE(exists(dir / "out/first"));
+      if (!each.extracts) {
+        EXPECT_TRUE(logHas(tar, "Limit reached.")) << logOf(tar);
+        EXPECT_TRUE(logHas(tar, "limit: MaxPathDepth\n") &&
+                    logHas(tar, "value: " + std::string(*each.words ? "3" : "4096") + "\n"));
+        EXPECT_EQ(gzip ? 0u : 1u, event.entries.size());
+      }
+      tar.put_SuppressOutput(true);
+      EXPECT_EQ(each.walks, read());
+      EXPECT_EQ(0, run({"rm", "-rf", "out"}, "", dir.path()).status);
+    }
+  }
+}
+
+}  // namespace
+}  // namespace morvane::testing
