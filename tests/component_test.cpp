@@ -301,21 +301,6 @@ TEST(Component, UnusableWordsFailEveryMethodBeforeItDoesAnything) {
   }
 }
 
-TEST(Component, ManyMembersLeaveAShortLog) {
-  ClsTar tar;
-  tar.put_SuppressOutput(true);
-  ArchiveBuilder archive;
-  std::string logs[2];
-  for (std::string& log : logs) {
-    for (int i = 0; i < 5000; ++i) archive.add({"directory/member" + std::to_string(i), "data"});
-    TricklingSource source(archive.bytes(), 20'000);
-    EXPECT_GE(tar.Untar(source), 0);
-    log = logOf(tar);
-  }
-  EXPECT_EQ(std::count(logs[0].begin(), logs[0].end(), '\n'),
-            std::count(logs[1].begin(), logs[1].end(), '\n'));
-}
-
 TEST(Progress, PercentagesRiseToTheScale) {
   __extension__ using Wide = __int128;
   constexpr long long kHuge = 0x7FFFFFFFFFFFFFFF;

@@ -271,21 +271,6 @@ TEST_F(Compressed, WrittenFrames) {
   EXPECT_FALSE(m_tar.WriteTarGz(noTrailer) || m_tar.WriteTarBz2(noEnd));
 }
 
-// That they read ours is shown of plain archives, and those are what our gzip and bzip2 files hold.
-TEST_F(Compressed, WhatOtherTarsWrite) {
-  const std::string tree = m_dir / "tree", path = m_dir / "a";
-  for (const size_t n : {0u, 1u, 512u, 70000u}) writeFile(tree + "/d/" + std::to_string(n), noise(n, 6));
-  writeFile(tree + "/d/" + std::string(120, 'm'), std::string(300000, 'z'));
-  m_tar.put_UncommonOptions(kAllWords);
-  for (const char* program : {"tar", "bsdtar"}) {
-    for (const auto& [form, option] : {std::pair{kGz, "-czf"}, {kBz2, "-cjf"}, {kZ, "-cZf"}}) {
-      ASSERT_EQ(0, run({program, option, path, "d"}, "", tree).status) << program << option;
-      EXPECT_TRUE(untarFile(form, path)) << program << option << logOf(m_tar);
-      EXPECT_EQ(treeOf(tree), takeTree()) << program << option;
-    }
-  }
-}
-
 // Their sum as signed bytes is 0, as which the letters in the checksum's place read.
 TEST_F(Compressed, AreNotTakenForAHeaderByChance) {
   const std::pair<std::string, ArchiveKind> kCases[] = {{"\x1F\x8B\x80\xD6", ArchiveKind::Gzip},

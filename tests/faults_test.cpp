@@ -17,14 +17,25 @@ bool failsNow() { return g_allocationsLeft > 0 && --g_allocationsLeft == 0; }
 
 }  // namespace
 
-// The whole program's, for the throwing forms in use here; all others come down to these.
+// The whole program's. Every form stands here, because a sanitizer's own would not know of ours.
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+  return failsNow() ? nullptr : std::malloc(size ? size : 1);
+}
 void* operator new(std::size_t size) {
-  void* const bytes = failsNow() ? nullptr : std::malloc(size ? size : 1);
+  void* const bytes = operator new(size, std::nothrow);
   if (!bytes) throw std::bad_alloc();
   return bytes;
 }
+void* operator new[](std::size_t size) { return operator new(size); }
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
+  return operator new(size, std::nothrow);
+}
 void operator delete(void* bytes) noexcept { std::free(bytes); }
 void operator delete(void* bytes, std::size_t) noexcept { std::free(bytes); }
+void operator delete(void* bytes, const std::nothrow_t&) noexcept { std::free(bytes); }
+void operator delete[](void* bytes) noexcept { std::free(bytes); }
+void operator delete[](void* bytes, std::size_t) noexcept { std::free(bytes); }
+void operator delete[](void* bytes, const std::nothrow_t&) noexcept { std::free(bytes); }
 
 namespace morvane::testing {
 namespace {

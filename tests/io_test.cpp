@@ -206,14 +206,6 @@ TEST(FileSource, AGrowingFileIsCopiedUpToWhereItEnded) {
   }
 }
 
-TEST(Outputs, TheBaseDiscards) {
-  _mvLogger log;
-  _mvOutput nowhere;
-  EXPECT_TRUE(nowhere.writeBytesPM("some", 4, nullptr, log) && nowhere.seekToEnd(log) &&
-              nowhere.fseekAbsolute64(1, log) && nowhere.resetOutput(log));
-  EXPECT_EQ(0, nowhere.ftell64());
-}
-
 // Pieces around the buffer's sizes into a disk that has room for all or for less: an error stays, is said
 // once, and shows by the end.
 TEST(OutputFile, PiecesOfEverySizeIntoAnyRoom) {

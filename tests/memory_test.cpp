@@ -82,19 +82,6 @@ TEST_F(FirstMatch, TableOfPatterns) {
   expectMatch(archive, "docs", true, "", {"entryFilepath: a.bin", "entryFilepath: docs", extracting("docs")});
 }
 
-TEST_F(FirstMatch, DamagedAndCutArchives) {
-  const std::string whole = member("a", std::string(600, 'a')) + member("b"), early = "The data ended early.";
-  expectMatch(whole, "c", false, "",
-              {"The archive ends without an end-of-archive mark.", "bytesRead: 0", kNoMatch});
-  expectMatch(whole + std::string(512, 'x'), "c", false, "",
-              {"The TAR header's checksum is wrong.", kNoMatch});
-  // What could be copied stays; a claim reserves no more than the source holds.
-  expectMatch(whole.substr(0, 1000), "a", false, std::string(488, 'a'),
-              {"extractingFilename: a", early, "bytesMissing: 112"});
-  expectMatch(ArchiveBuilder().add({"huge", "", '0', "", "", false, 0, 0x7FFFFFFFFFFFFFF0}).bytes(0), "huge",
-              false, "", {"extractingFilename: huge", early, "bytesMissing: 9223372036854775792"});
-}
-
 TEST(CreateDeb, LayoutOfEverySize) {
   const auto padded = [](std::string text, size_t width) { return text.append(width - text.size(), ' '); };
   const ScratchDir dir;
@@ -124,22 +111,6 @@ TEST(CreateDeb, LayoutOfEverySize) {
                                  part(d % 2 != 0 ? "data.tar.xz" : "data.tar.gz", data));
     }
   }
-}
-
-TEST(CreateDeb, NothingIsWrittenUnlessBothWereRead) {
-  const ScratchDir dir;
-  ClsTar tar;
-  writeFile(dir / "there.gz", "x");
-  writeFile(dir / "old.deb", "old");
-  for (const auto& [control, data] :
-       {std::pair{"there.gz", "none"}, {"none", "there.gz"}, {"there.gz", "."}}) {
-    EXPECT_FALSE(tar.CreateDeb(dir / control, dir / data, dir / "old.deb"));
-    EXPECT_TRUE(logHas(tar, "    Failure.\n"));
-    EXPECT_EQ("old", readFile(dir / "old.deb"));
-  }
-  EXPECT_FALSE(tar.CreateDeb(dir / "there.gz", dir / "there.gz", dir / "none/new.deb"));
-  LimitedOutput full(100);
-  EXPECT_FALSE(tar.CreateDeb(dir / "there.gz", dir / "there.gz", full));
 }
 
 }  // namespace

@@ -192,45 +192,6 @@ TEST(MvtarDamage, WhatIsNoArchive) {
   }
 }
 
-TEST(MvtarDamage, CutAnywhereOrChanged) {
-  ScratchDir dir;
-  must(dir, "mkdir x && echo text > x/f && echo more > x/g && tar -cf a.tar --sort=name -b1 x");
-  makeForms(dir);
-  for (const Form& form : kForms) {
-    const std::string whole = readFile(dir / ("a." + form.name));
-    const bool plain = form.name == "tar", lzw = form.name == "Z";
-    // One end block is the mark; the second may be missing, and where nothing else tells, the codes for it.
-    const size_t end = whole.size() - (plain ? 512 : lzw ? 20 : 0);
-    for (size_t n = 0; n < end; n += plain ? 197 : 7) {
-      const CommandResult result = mvtar(dir, kReading[n % 4] + "-", whole.substr(0, n));
-      EXPECT_EQ(2, result.status) << form.name << n;
-      EXPECT_TRUE(result.err.rfind("mvtar: ", 0) == 0 && has(result.err, said("", 2))) << n << result.err;
-      if (has(kReading[n % 4], "--xml")) {
-        EXPECT_EQ("</tar>\r\n", result.out.substr(result.out.rfind('<'))) << form.name << n;
-      }
-    }
-    // Checksums: no byte changes unnoticed, but for those of a gzip header that mean nothing here.
-    for (size_t at = form.name == "gz" ? 10 : 0; at < whole.size() && !plain && !lzw; at += 7) {
-      std::string bad = whole;
-      bad[at] = static_cast<char>(~bad[at]);
-      EXPECT_EQ(2, mvtar(dir, "--verify -f -", bad).status) << form.name << at;
-    }
-  }
-}
-
-TEST(MvtarDamage, WhatCameBeforeIsDone) {
-  ScratchDir dir;
-  must(dir,
-       "mkdir x && echo text > x/f && head -c 5000 /dev/urandom > x/g && tar -cf whole --sort=name x && "
-       "head -c 4000 whole > a.tar");
-  makeForms(dir);
-  for (const Form& form : kForms) {
-    const CommandResult result = mvtar(dir, "-xv -C out --totals -f a." + form.name);
-    EXPECT_TRUE(result.status == 2 && result.out == "x/\nx/f\n");
-    EXPECT_TRUE(has(result.err, "mvtar: 2 members, 5 bytes\n")) << result.err;
-  }
-}
-
 // ---- What cannot be extracted as it is
 
 TEST(MvtarExtract, WhatCannotBeKeptOrCreatedIsNamed) {

@@ -24,22 +24,6 @@ struct DescribingEvent : RecordingEvent {
 
 // ---- Writing
 
-TEST(Options, SkipOutputFile) {
-  for (const char* word : {"", "SkipOutputFile"}) {
-    ScratchDir dir;
-    writeFile(dir / "t/a.tar", "");
-    writeFile(dir / "t/b", "b");
-    std::filesystem::create_hard_link(dir / "t/a.tar", dir / "t/same");
-    ClsTar tar;
-    tar.put_UncommonOptions(word);
-    tar.AddDirRoot(dir / "t");
-    EXPECT_TRUE(tar.WriteTar(dir / "t/a.tar"));
-    const Lines members = membersOf(readFile(dir / "t/a.tar"));
-    EXPECT_EQ(*word ? Lines{"b 1"} : (Lines{"a.tar 0", "b 1", "same 0"}), members);
-    EXPECT_EQ(*word ? 2 : 0, countInLog(tar, "The archive is not put into itself.\n")) << logOf(tar);
-  }
-}
-
 // Something is gone at the moment when `at` is announced.
 TEST(Options, SkipUnreadable) {
   const struct {
@@ -333,41 +317,6 @@ TEST(Options, FullReadOfSparseMaps) {
   }
 }
 
-TEST(Options, MaxExtensionBytes) {
-  for (const char flag : {'x', 'L', 'K', 'g'}) {
-    const auto result = [flag](const std::string& words, size_t size) {
-      ClsTar tar;
-      tar.put_UncommonOptions(words.c_str());
-      tar.put_SuppressOutput(true);
-      std::string data = paxRecord("comment", std::string(size - 20, 'c'));
-      data.resize(size, '\0');
-      const int count = untar(tar, member("r", data, flag) + member("m") + kEnd);
-      EXPECT_EQ(count < 0,
-                logHas(tar, "Extension data too large.\n            size: " + std::to_string(size) + "\n"));
-      return count;
-    };
-    EXPECT_EQ(1, result("FullRead,MaxExtensionBytes=1000", 1000));
-    EXPECT_EQ(-1, result("FullRead,MaxExtensionBytes=1000", 1001));
-    EXPECT_EQ(flag == 'x' ? -1 : 1, result("FullRead", flag == 'x' ? (64 << 20) + 1 : 100001));
-  }
-}
-
-TEST(Options, FullReadOfGitArchives) {
-  ScratchDir dir;
-  writeFile(dir / "r/f", "f");
-  const std::string git =
-      "git init -q && git add -A && git -c user.name=n -c user.email=e@x commit -qm m && ";
-  ASSERT_EQ(0, run({"sh", "-c", git + "git archive -o ../a.tar HEAD"}, "", dir / "r").status);
-  for (const char* word : {"", "FullRead"}) {
-    ClsTar tar;
-    tar.put_UncommonOptions(word);
-    tar.put_UntarFromDir(dir / word + "out");
-    EXPECT_EQ(*word ? 1 : 2, tar.Untar(dir / "a.tar")) << logOf(tar);
-    EXPECT_EQ(*word == '\0', exists(dir / word + "out/pax_global_header"));
-    EXPECT_EQ("f", readFile(dir / word + "out/f"));
-  }
-}
-
 // Links planted in the target; beside it lies a directory that nobody may touch.
 TEST(Options, Confine) {
   constexpr char kOutside = 'o', kInside = 'i', kRefused = 'r', kFailed = 'f';
@@ -419,35 +368,6 @@ TEST(Options, Confine) {
   tar.put_NoAbsolutePaths(false);
   EXPECT_EQ(-1, untar(tar, member(dir / "abs", "new") + kEnd));
   EXPECT_TRUE(!exists(dir / "abs") && exists(dir / "a/b" + dir / "abs"));
-}
-
-TEST(Options, SkipUncreatable) {
-  const std::string tooLong(300, 'x'), tooLongMember = longName(tooLong) + member("x", "a");
-  const std::string archive =
-      member("f") + tooLongMember + member("f/below") + directory("f") + member("last") + kEnd;
-  for (const std::string confine : {"", ",Confine=beneath"}) {
-    for (const std::string word : {"", "SkipUncreatable"}) {
-      SCOPED_TRACE(word + confine);
-      ScratchDir dir;
-      ClsTar tar;
-      tar.put_UncommonOptions((word + confine).c_str());
-      tar.put_UntarFromDir(dir / "out");
-      ActingEvent event;
-      EXPECT_EQ(-1, untar(tar, archive, &event));
-      EXPECT_EQ(!word.empty(), exists(dir / "out/last"));
-      if (word.empty()) continue;
-      EXPECT_EQ("", missingLine(tar, {"reason: File name too long", "Member left out: it cannot be created.",
-                                      "entryPath: " + tooLong}));
-      // Confined, a file among the parents is a way that leaves the target, and one in a directory's place
-      // goes.
-      EXPECT_EQ(confine.empty() ? (Lines{"uncreatable=" + tooLong, "uncreatable=f/below", "uncreatable=f"})
-                                : (Lines{"uncreatable=" + tooLong, "refused=f/below"}),
-                event.infos);
-      tar.put_UntarMaxCount(2);  // what is left out does not count
-      EXPECT_EQ(-1, untar(tar, tooLongMember + member("one") + member("two") + member("three") + kEnd));
-      EXPECT_TRUE(exists(dir / "out/two") && !exists(dir / "out/three"));
-    }
-  }
 }
 
 }  // namespace

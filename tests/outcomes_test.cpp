@@ -37,11 +37,15 @@ class Place {
   std::string log() {
     std::string log = std::regex_replace(logOf(t), std::regex("untar: [0-9]+"), "untar: MS");
     log = std::regex_replace(log, std::regex("morvaneVersion: .*"), "morvaneVersion: V");
+    log = std::regex_replace(log, std::regex("currentWorkingDir: .*"), "currentWorkingDir: HERE");
     return std::regex_replace(log, std::regex(m_dir.path()), "%");
   }
 
  private:
   inline static const std::string kArchive = directory("d/") + member("d/f", "data") + kEnd;
+  inline static const std::string kEveryKind = directory("dm") + longName("long.m") + member("x") +
+                                               member("skip", "data") + paxHeader("path", "p.m") +
+                                               member("g", "data") + directory("skipped") + kEnd;
   inline static const std::string kNoEnd = kArchive.substr(0, 1536), kCutData = kArchive.substr(0, 1026);
 
   struct Event : ActingEvent {
@@ -95,6 +99,14 @@ class Place {
 
   ClsTar& verbose(ClsTar& tar) {
     tar.put_VerboseLogging(true);
+    return tar;
+  }
+  ClsTar& everyKind() {
+    t.put_MustMatch("*m");
+    return with(kEveryKind);
+  }
+  ClsTar& debug(ClsTar& tar) {
+    tar.put_UntarDebugLog(true);
     return tar;
   }
   ClsTar& most(int members) {
@@ -194,6 +206,9 @@ std::vector<Outcome> Place::outcomes() {
       OUTCOME(t.WriteTar(out, abortAt(1))),
       OUTCOME(t.WriteTar(out, abortAt(3))),
       OUTCOME(t.WriteTar(out, abortAt(4))),
+      OUTCOME(verbose(t).WriteTar(out)),
+      OUTCOME(verbose(aloneAs(kLongName)).WriteTar(out)),
+      OUTCOME(verbose(aloneAs(kLongName, "pax")).WriteTar(out)),
       OUTCOME(t.WriteTarGz(at("new"))),
       OUTCOME(t.WriteTarGz(at("none/new"))),
       OUTCOME(t.WriteTarGz(room(9))),
@@ -225,6 +240,10 @@ std::vector<Outcome> Place::outcomes() {
       OUTCOME(words("FullRead,MaxExtensionBytes=99", longName(kLongName)).Untar(at("tar")) >= 0),
       OUTCOME(words("Confine=beneath", member("../f") + kEnd).Untar(at("tar")) >= 0),
       OUTCOME((sh("mkdir -p to/d/f"), words("SkipUncreatable")).Untar(at("tar")) >= 0),
+      OUTCOME(debug(everyKind()).Untar(at("tar")) == 3),
+      OUTCOME(verbose(everyKind()).Untar(at("tar")) == 3),
+      OUTCOME(
+          t.extractToFile(source("tar"), "x", nullptr, nullptr, nullptr, -1, nullptr, 0, t.log(), nullptr)),
       OUTCOME(t.Untar(at("tar"), abortAt(1)) >= 0),
       OUTCOME(t.Untar(at("tar"), abortAt(3)) >= 0),
       OUTCOME(t.UntarFromMemory(bytes()) == 2),
@@ -285,6 +304,8 @@ std::vector<Outcome> Place::outcomes() {
       OUTCOME(fullDisk(member("a", noise(130000, 1)) + large).UntarGz(at("gz"))),
       OUTCOME(fullDisk(member("f", noise(300, 1))).UntarBz2(at("bz2"))),
       OUTCOME(with(paxHeader("path", "p") + member("f") + kEnd).UntarGz(at("gz"))),
+      OUTCOME(debug(everyKind()).UntarGz(at("gz"))),
+      OUTCOME(verbose(everyKind()).UntarGz(at("gz"))),
       OUTCOME(t.UntarBz2(at("bz2"))),
       OUTCOME(t.UntarBz2(append("bz2", "more"))),
       OUTCOME(words("RequireEndOfArchive,Bz2Framed", kNoEnd).UntarBz2(at("bz2"))),
@@ -332,6 +353,7 @@ TEST(Outcomes, OfEveryMethod) {
     const bool result = outcomes[i].run();
     all += outcomes[i].call + (result ? ": true\n" : ": false\n") + place.log() + "\n";
   }
+  if (const char* const made = std::getenv("OUTCOMES_TO")) writeFile(made, all);  // to look at, and to take in
   EXPECT_EQ(readFile(MORVANE_TESTDATA "/outcomes.txt"), all);
 }
 

@@ -317,68 +317,6 @@ class Streaming : public ::testing::Test {
   bool m_finished = false;
 };
 
-TEST_F(Streaming, VerboseStepByStep) {
-  const std::string archive =
-      member("a", noise(1000, 1)) + member("b", noise(600, 2)) + directory("d") + kEnd;
-  const std::string out = m_dir / "out/", left = "curFileBytesLeft: 0\n",
-                    header = left + "---- Next TAR Header ----\npreviousHeaderType: ",
-                    padding = left + "--- Consuming padding...\npaddingLeft: ";
-  const std::pair<size_t, std::string> kSteps[] = {
-      {500, left},
-      {12, header + "[ ]\ntypeFlag: [0]\ncreatingFile: " + out + "a\n"},
-      {700, ""},  // lies within the data and goes straight through
-      {1000,
-       "curFileBytesLeft: 300\n--- Some incoming bytes finalize the current output file...\n"
-       "finishedFileSize3: 1000\nnumPaddingBytesLeft3: 24\n"},
-      {0, header + "[0]\ntypeFlag: [0]\ncreatingFile: " + out + "b\n"},
-      {0, "curFileBytesLeft: 600\n--- All bytes going to output file (2)...\n"},
-      {436, "finishedFileSize1: 600\nnumPaddingBytesLeft1: 424\n"},
-      {400, padding + "424\n"},
-      {24, padding + "24\n"},
-      {512, header + "[0]\ntypeFlag: [5]\ncreatingDir: " + out + "d\n"},
-      {1024, header + "[5]\n"}};
-  m_log.setVerbose(true);
-  begin();
-  size_t at = 0;
-  for (const auto& [size, log] : kSteps) {
-    EXPECT_FALSE(m_finished);
-    EXPECT_TRUE(inner(archive.substr(at, size)));
-    EXPECT_EQ(log, takeLog()) << "at " << at;
-    at += size;
-  }
-  EXPECT_TRUE(m_finished);
-  EXPECT_TRUE(next("ignored") && finish() && m_finished);
-  EXPECT_EQ(
-      "StreamingUntarNext:\n    Streaming finished.\n"
-      "FinishStreamingUntar:\n    streaming is finished.\n",
-      takeLog());
-}
-
-TEST_F(Streaming, VerboseRecordsAndWhatIsLeftOut) {
-  m_log.setVerbose(true);
-  m_tar.put_MustNotMatch("no*");
-  begin();
-  ASSERT_TRUE(next(longName("no-long") + member("f") + directory("no-dir") + paxHeader("path", "p") +
-                   member("g", "data") + kEnd));
-  const std::string log = takeLog();
-  for (const std::string& line :
-       {"L_Data: no-long"s, "combinedFilename: no-long"s, "previousHeaderType: [L]"s,
-        "skippingFile: " + m_dir.path() + "/out/no-long", "skippingDir: " + m_dir.path() + "/out/no-dir",
-        "Parsing PAX extended header..."s, "paxName: path"s, "paxValue: p"s}) {
-    EXPECT_NE(std::string::npos, log.find(" " + line + "\n")) << line << "\nin\n" << log;
-  }
-}
-
-TEST_F(Streaming, OnlyTheTimeOfAFileWithDataIsSet) {
-  const long long before = std::time(nullptr) - 5;
-  begin();
-  ASSERT_TRUE(next(paxHeader("mtime", "5") + member("data", "1") + member("empty") + directory("dir")));
-  EXPECT_TRUE(finish());
-  EXPECT_EQ(1700000000, mtimeOf(m_dir / "out/data")) << "the header's own time wins";
-  EXPECT_LE(before, mtimeOf(m_dir / "out/empty"));
-  EXPECT_LE(before, mtimeOf(m_dir / "out/dir"));
-}
-
 TEST_F(Streaming, BeginForgetsAndAFinishedRunIgnores) {
   const std::string archive = member("a", std::string(900, 'a')) + kEnd;
   begin();

@@ -171,19 +171,6 @@ TEST(Untar, CountsAndLimits) {
   EXPECT_EQ("b file ", extracted(member("b") + "what follows is never looked at", tar));
 }
 
-TEST(Untar, Charset) {
-  const auto nameIn = [](const char* charset, const std::string& name) {
-    ClsTar tar;
-    tar.put_Charset(charset);
-    const std::string tree = extracted(member(name) + member(name + "2"), tar);
-    EXPECT_EQ(charset == "bogus"s ? 1 : 0, countInLog(tar, "The character set is not known"));
-    return tree.substr(0, tree.find(' '));
-  };
-  EXPECT_EQ("\xE4\xFF", nameIn("utf-8", "\xE4\xFF"));
-  EXPECT_EQ("a\xFF\xE3\x81\x82", nameIn("shift_jis", "a\xFF\x82\xA0"));  // what does not convert is kept
-  EXPECT_EQ("\xE4", nameIn("bogus", "\xE4"));
-}
-
 TEST(Untar, Events) {
   const std::string archive = member("d\\", "data", '5') + longName("longname") + member("/x", "data") +
                               member("no") + member("l", "", '2') + kEnd;
@@ -229,39 +216,6 @@ TEST(Untar, AbortAtEveryQuestion) {
 
 // ---- Sources
 
-// One archive, the same result from every kind of source.
-TEST(Untar, EverySourceGivesTheSame) {
-  const std::string name(150, 'n'), data = noise(5000, 1);
-  const std::string archive = paxHeader("path", name) + member("m", data) + member("no", data) +
-                              longName(name + "2") + member("m") + kEnd;
-  const auto check = [&](const std::function<int(ClsTar&, const std::string& path)>& extract) {
-    ScratchDir dir;
-    writeFile(dir / "a.tar", archive);
-    ClsTar tar;
-    tar.put_UntarFromDir(dir / "out");
-    tar.put_MustNotMatch("no");
-    EXPECT_EQ(2, extract(tar, dir / "a.tar")) << logOf(tar);
-    EXPECT_EQ(data, readFile(dir / ("out/" + name)));
-    EXPECT_EQ(2u, treeOf(dir / "out").size());
-  };
-  check([&](ClsTar& tar, const std::string&) { return untar(tar, archive); });
-  check([](ClsTar& tar, const std::string& path) { return tar.Untar(path); });
-  for (const unsigned most : {1u, 7u, 511u, 512u, 513u, 20000u}) {
-    check([&](ClsTar& tar, const std::string&) {
-      TricklingSource source(archive, most);
-      return tar.Untar(source);
-    });
-  }
-  check([&](ClsTar& tar, const std::string&) {  // from the middle of a source
-    const std::string shifted = "some bytes before" + archive;
-    _mvMemoryDataSource source;
-    source.initializeMemSource(reinterpret_cast<const unsigned char*>(shifted.data()),
-                               static_cast<unsigned>(shifted.size()));
-    EXPECT_TRUE(source.fseekAbsolute64(17, tar.log()));
-    return tar.Untar(source);
-  });
-}
-
 TEST(Untar, MembersOverEightGiB) {
   constexpr long long kSize = (9LL << 30) + 1;
   const std::string huge = ArchiveBuilder().add({"huge", "", '0', "", "", false, 0, kSize}).bytes(0);
@@ -294,45 +248,6 @@ TEST(Untar, Times) {
   EXPECT_EQ("8 5", timesOf(paxHeader("atime", "5.9"), "00000000010\0"s));
   EXPECT_EQ("8 8", timesOf(paxHeader("atime", "0"), "00000000010\0"s));
   EXPECT_EQ("8 8", timesOf("", "00000000010\0"s, 514));  // of a file that could not be finished too
-}
-
-TEST(Untar, AFailureClosesTheListing) {
-  ScratchDir dir;
-  ClsTar tar;
-  tar.put_UntarFromDir(dir.path());
-  tar.put_CaptureXmlListing(true);
-  EXPECT_EQ(-1, untar(tar, member("x", "data").substr(0, 514)));
-  XString listing;
-  tar.get_XmlListing(listing);
-  EXPECT_TRUE(listing.endsWithUtf8("</tar>\r\n", false));
-  _mvMemoryDataSource source;
-  EXPECT_FALSE(tar.extractToFile(source, "x", nullptr, nullptr, nullptr, -1, nullptr, 0, tar.log(), nullptr));
-  EXPECT_TRUE(logHas(tar, "extractToFile:\n    The number of bytes is negative.\n")) << logOf(tar);
-}
-
-TEST(Untar, LinesOfAGoodRun) {
-  ScratchDir dir;
-  ClsTar tar;
-  tar.put_UntarFromDir(dir.path());
-  tar.put_MustMatch("*m");
-  tar.put_UntarDebugLog(true);
-  const std::string archive = directory("dm") + longName("long.m") + member("x") + member("skip") + kEnd;
-  EXPECT_EQ(2, untar(tar, archive));
-  const std::string file = "        file:\n            ";
-  EXPECT_EQ("UntarFromMemory:\n    _untar:\n        UntarFromDir: " + dir.path() +
-                "\n        matchPattern: *m\n" + file + "dir: dm\n" + file + "file: long.m\n" + file +
-                "skipping: skip\n",
-            logOf(tar));
-  tar.put_VerboseLogging(true);
-  EXPECT_EQ(2, untar(tar, archive));
-  EXPECT_EQ("", missingLine(tar,
-                            {"mustMatch: *m", "mustNotMatch: ", "filePosition: 0", "previousTypeFlag:  ",
-                             "name: dm", "currentTypeFlag: 5", "size: 0", "createDir: %/dm",
-                             "previousTypeFlag: 5", "currentTypeFlag: L", "Processing long filename header.",
-                             "longFilename: long.m", "previousTypeFlag: L", "outputFile: %/long.m",
-                             "numBytesWritten: 0", "lastModDateTimeGmt: Tue, 14 Nov 2023 22:13:20 GMT",
-                             "Skipping file because of match pattern.", "End-of-TAR"},
-                            dir.path()));
 }
 
 }  // namespace

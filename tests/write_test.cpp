@@ -39,15 +39,6 @@ struct Sources {
   ClsTar tar;
 };
 
-TEST(Write, EmptySetIsTwoZeroBlocks) {
-  ClsTar tar;
-  ScratchDir dir;
-  ASSERT_TRUE(tar.WriteTar(dir / "a.tar"));
-  EXPECT_EQ(kEnd, readFile(dir / "a.tar"));
-  EXPECT_EQ("WriteTar:\n    tarFormat: gnu\n    outputFile: " + dir / "a.tar" + "\n    Success.\n",
-            logOf(tar));
-}
-
 TEST(Write, OrderAndNames) {
   Sources sources;
   for (const auto& [dirPrefix, d] : {std::pair("", ""), {"d/e///", "d/e/"}, {"/", ""}}) {
@@ -222,26 +213,6 @@ TEST(Write, FilesThatLoseTheirNameWhenTheyAreAnnounced) {
                 out.bytes.substr(0, 515).substr(ok ? 512 : 0, ok ? 3 : 0));
       EXPECT_EQ(!ok, logHas(tar, "Failed to open source file for TAR archive."));
     }
-  }
-}
-
-TEST(Write, VerboseLines) {
-  for (const std::string format : {"gnu", "pax"}) {
-    Sources sources;
-    sources.tar.put_WriteFormat(format);
-    written(sources.tar);
-    EXPECT_EQ("WriteTar:\n    tarFormat: " + format + "\n    Success.\n", logOf(sources.tar));
-    sources.tar.put_VerboseLogging(true);
-    written(sources.tar);
-    EXPECT_EQ(
-        "", missingLine(sources.tar,
-                        {"writeTarToOutput:", "writeFileToOutput:", "writeTarHeaderToOutput:",
-                         "filePathInTar: one.txt", "fileSize: 10", "isSymbolicLink: 0", "isDirectory: 0",
-                         "NextDirRoot:", "dirRoot: %/tree/",
-                         "currentWorkingDir: " + std::filesystem::current_path().string(),
-                         "fullPath: %/tree/a", "filePathInTar: a/", "isDirectory: 1",
-                         format == "gnu" ? "Writing LongLink header.." : "Writing PAX header..", "Success."},
-                        sources.dir.path()));
   }
 }
 
