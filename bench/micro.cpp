@@ -9,11 +9,11 @@
 #include "runtime/io/_mvMemoryDataSource.h"
 #include "runtime/io/_mvOutput.h"
 #include "runtime/log/LogNull.h"
-#include "tar/NameFilter.h"
-#include "tar/TarBlock.h"
-#include "tar/TarHeader.h"
-#include "tar/TarNumber.h"
-#include "tar/write/HeaderBlock.h"
+#include "tar/format/HeaderBlock.h"
+#include "tar/format/TarBlock.h"
+#include "tar/format/TarHeader.h"
+#include "tar/format/TarNumber.h"
+#include "tar/settings/NameFilter.h"
 
 namespace morvane {
 namespace {

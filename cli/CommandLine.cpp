@@ -8,7 +8,7 @@
 
 #include "cli/ArchiveName.h"
 #include "runtime/text/XString.h"
-#include "tar/TarOptions.h"
+#include "tar/settings/TarOptions.h"
 
 namespace mvtar {
 

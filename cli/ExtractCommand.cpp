@@ -9,7 +9,7 @@
 #include "cli/Commands.h"
 #include "cli/MemberEvent.h"
 #include "cli/ReadArchive.h"
-#include "tar/ExtractTarget.h"
+#include "tar/place/ExtractTarget.h"
 
 namespace mvtar {
 

@@ -9,8 +9,8 @@
 #include "cli/Names.h"
 #include "cli/ReadArchive.h"
 #include "cli/StandardStreams.h"
-#include "tar/TarHeader.h"
-#include "tar/XmlListing.h"
+#include "tar/format/TarHeader.h"
+#include "tar/format/XmlListing.h"
 
 namespace mvtar {
 

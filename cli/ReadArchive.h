@@ -7,8 +7,8 @@
 #include "cli/MemberEvent.h"
 #include "cli/ProgressBar.h"
 #include "cli/Report.h"
-#include "tar/ArchiveKind.h"
 #include "tar/ClsTar.h"
+#include "tar/format/ArchiveKind.h"
 
 namespace mvtar {
 

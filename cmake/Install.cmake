@@ -20,7 +20,7 @@ set(morvane_public_headers
   runtime/log/LogBase.h runtime/log/LogContextExitor.h runtime/log/LogNull.h runtime/log/_mvLogger.h
   runtime/progress/ProgressEvent.h runtime/progress/ProgressMonitor.h runtime/progress/TarMemberInfo.h
   runtime/text/ExtPtrArraySb.h runtime/text/StringBuffer.h runtime/text/XString.h
-  tar/ArchiveKind.h tar/ClsTar.h tar/DirRoot.h tar/TarHeader.h tar/TarOptions.h
+  tar/format/ArchiveKind.h tar/ClsTar.h tar/write/DirRoot.h tar/format/TarHeader.h tar/settings/TarOptions.h
   tar/write/ArchiveOutput.h)
 foreach(header ${morvane_public_headers})
   get_filename_component(folder ${header} DIRECTORY)

@@ -3,8 +3,8 @@
 //   read photos.tar.gz restored
 #include <cstdio>
 
-#include "tar/ArchiveKind.h"
 #include "tar/ClsTar.h"
+#include "tar/format/ArchiveKind.h"
 
 namespace {
 

@@ -7,9 +7,9 @@
 #include "runtime/codec/MorvaneLzw.h"
 #include "runtime/text/CharsetDecoder.h"
 #include "tar/ClsTar.h"
-#include "tar/FullExtensions.h"
-#include "tar/TarBlock.h"
-#include "tar/XmlEntry.h"
+#include "tar/format/FullExtensions.h"
+#include "tar/format/TarBlock.h"
+#include "tar/format/XmlEntry.h"
 
 namespace morvane::fuzz {
 

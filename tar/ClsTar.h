@@ -53,10 +53,10 @@
 #include "runtime/text/ExtPtrArraySb.h"
 #include "runtime/text/StringBuffer.h"
 #include "runtime/text/XString.h"
-#include "tar/DirRoot.h"
-#include "tar/TarHeader.h"
-#include "tar/TarOptions.h"
+#include "tar/format/TarHeader.h"
+#include "tar/settings/TarOptions.h"
 #include "tar/write/ArchiveOutput.h"
+#include "tar/write/DirRoot.h"
 
 namespace morvane {
 

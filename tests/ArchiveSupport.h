@@ -4,8 +4,8 @@
 #include <functional>
 
 #include "TestSupport.h"
-#include "tar/TarBlock.h"
-#include "tar/TarNumber.h"
+#include "tar/format/TarBlock.h"
+#include "tar/format/TarNumber.h"
 
 namespace morvane::testing {
 

@@ -14,9 +14,9 @@
 #include <random>
 #include <sstream>
 
-#include "tar/TarBlock.h"
-#include "tar/TarNumber.h"
-#include "tar/write/HeaderBlock.h"
+#include "tar/format/HeaderBlock.h"
+#include "tar/format/TarBlock.h"
+#include "tar/format/TarNumber.h"
 
 namespace morvane::testing {
 

@@ -4,8 +4,8 @@
 #include <sstream>
 
 #include "ArchiveSupport.h"
-#include "tar/ArchiveKind.h"
-#include "tar/TarNumber.h"
+#include "tar/format/ArchiveKind.h"
+#include "tar/format/TarNumber.h"
 
 namespace morvane::testing {
 namespace {

@@ -353,7 +353,8 @@ TEST(Outcomes, OfEveryMethod) {
     const bool result = outcomes[i].run();
     all += outcomes[i].call + (result ? ": true\n" : ": false\n") + place.log() + "\n";
   }
-  if (const char* const made = std::getenv("OUTCOMES_TO")) writeFile(made, all);  // to look at, and to take in
+  if (const char* const made = std::getenv("OUTCOMES_TO"))
+    writeFile(made, all);  // to look at, and to take in
   EXPECT_EQ(readFile(MORVANE_TESTDATA "/outcomes.txt"), all);
 }
 

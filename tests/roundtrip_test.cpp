@@ -5,7 +5,7 @@
 #include <functional>
 
 #include "TestSupport.h"
-#include "tar/TarBlock.h"
+#include "tar/format/TarBlock.h"
 
 namespace morvane::testing {
 namespace {

@@ -4,12 +4,12 @@
 #include <cstring>
 
 #include "ArchiveSupport.h"
-#include "tar/EntryPath.h"
-#include "tar/FullExtensions.h"
-#include "tar/NameFilter.h"
-#include "tar/PaxRecords.h"
+#include "tar/format/EntryPath.h"
+#include "tar/format/FullExtensions.h"
+#include "tar/format/PaxPathRecord.h"
+#include "tar/format/PaxRecords.h"
+#include "tar/settings/NameFilter.h"
 #include "tar/write/MemberHeader.h"
-#include "tar/write/PaxPathRecord.h"
 
 namespace morvane::testing {
 namespace {

@@ -8,12 +8,12 @@
 #include "runtime/io/_mvDataSource.h"
 #include "runtime/log/LogCause.h"
 #include "runtime/log/LogContextExitor.h"
-#include "tar/PathLimits.h"
-#include "tar/PaxRecords.h"
-#include "tar/TarBlock.h"
-#include "tar/XmlEntry.h"
-#include "tar/XmlListing.h"
-#include "tar/read/ExtractToFile.h"
+#include "tar/format/PaxRecords.h"
+#include "tar/format/TarBlock.h"
+#include "tar/format/XmlEntry.h"
+#include "tar/format/XmlListing.h"
+#include "tar/place/ExtractToFile.h"
+#include "tar/place/PathLimits.h"
 
 namespace morvane {
 

@@ -10,13 +10,13 @@
 #include "runtime/base/ByteArrayOwner.h"
 #include "runtime/log/LogBase.h"
 #include "runtime/progress/ProgressMonitor.h"
-#include "tar/ArchiveCursor.h"
-#include "tar/ExtractTarget.h"
-#include "tar/FullExtensions.h"
-#include "tar/LiveSettings.h"
-#include "tar/MemberPath.h"
-#include "tar/ReadSettings.h"
-#include "tar/TarHeader.h"
+#include "tar/format/FullExtensions.h"
+#include "tar/format/TarHeader.h"
+#include "tar/place/ExtractTarget.h"
+#include "tar/place/MemberPath.h"
+#include "tar/read/ArchiveCursor.h"
+#include "tar/settings/LiveSettings.h"
+#include "tar/settings/ReadSettings.h"
 
 namespace morvane {
 

@@ -5,7 +5,7 @@
 #include "runtime/io/_mvDataSource.h"
 #include "runtime/io/_mvOutput.h"
 #include "runtime/log/LogBase.h"
-#include "tar/GzipFormat.h"
+#include "tar/format/GzipFormat.h"
 
 namespace morvane {
 

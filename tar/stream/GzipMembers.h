@@ -1,7 +1,7 @@
 // The deflate data of a gzip file, with what the option words ask of the trailer and of further members.
 #pragma once
 
-#include "tar/TarOptions.h"
+#include "tar/settings/TarOptions.h"
 
 namespace morvane {
 

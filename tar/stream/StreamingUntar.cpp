@@ -9,11 +9,11 @@
 #include "runtime/log/LogCause.h"
 #include "runtime/log/LogContextExitor.h"
 #include "runtime/progress/ProgressMonitor.h"
-#include "tar/PathLimits.h"
-#include "tar/PaxRecords.h"
-#include "tar/TarBlock.h"
-#include "tar/XmlEntry.h"
-#include "tar/XmlListing.h"
+#include "tar/format/PaxRecords.h"
+#include "tar/format/TarBlock.h"
+#include "tar/format/XmlEntry.h"
+#include "tar/format/XmlListing.h"
+#include "tar/place/PathLimits.h"
 
 namespace morvane {
 

@@ -11,10 +11,10 @@
 #include "runtime/io/OutputFile.h"
 #include "runtime/log/LogContextExitor.h"
 #include "runtime/log/LogNull.h"
-#include "tar/DirRoot.h"
-#include "tar/SourceEntry.h"
-#include "tar/TarBlock.h"
+#include "tar/format/TarBlock.h"
+#include "tar/write/DirRoot.h"
 #include "tar/write/MemberHeader.h"
+#include "tar/write/SourceEntry.h"
 
 namespace morvane {
 

@@ -5,7 +5,7 @@
 
 #include "runtime/base/ExtPtrArray.h"
 #include "runtime/text/ExtPtrArraySb.h"
-#include "tar/LiveSettings.h"
+#include "tar/settings/LiveSettings.h"
 #include "tar/write/SourceFile.h"
 #include "tar/write/WriteRun.h"
 

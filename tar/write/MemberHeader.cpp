@@ -6,10 +6,10 @@
 #include "runtime/fs/OsFile.h"
 #include "runtime/fs/mvFileInfo.h"
 #include "runtime/log/LogContextExitor.h"
-#include "tar/TarBlock.h"
-#include "tar/write/HeaderBlock.h"
-#include "tar/write/PaxPathRecord.h"
-#include "tar/write/UstarSplit.h"
+#include "tar/format/HeaderBlock.h"
+#include "tar/format/PaxPathRecord.h"
+#include "tar/format/TarBlock.h"
+#include "tar/format/UstarSplit.h"
 
 namespace morvane {
 

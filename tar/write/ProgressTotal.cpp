@@ -9,9 +9,9 @@
 #include "runtime/log/LogNull.h"
 #include "runtime/progress/ProgressMonitor.h"
 #include "runtime/text/XString.h"
-#include "tar/DirRoot.h"
-#include "tar/SourceEntry.h"
-#include "tar/TarBlock.h"
+#include "tar/format/TarBlock.h"
+#include "tar/write/DirRoot.h"
+#include "tar/write/SourceEntry.h"
 
 namespace morvane {
 

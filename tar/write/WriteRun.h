@@ -6,8 +6,8 @@
 #include "runtime/log/LogBase.h"
 #include "runtime/progress/ProgressMonitor.h"
 #include "runtime/text/XString.h"
-#include "tar/NameFilter.h"
-#include "tar/TarOptions.h"
+#include "tar/settings/NameFilter.h"
+#include "tar/settings/TarOptions.h"
 #include "tar/write/ArchiveOutput.h"
 
 namespace morvane {

@@ -1,0 +1,138 @@
+// ClsTar's methods over compressed archives: decompressed straight into the object, in one pass.
+#include "runtime/base/ScopeExit.h"
+#include "runtime/codec/MorvaneLzw.h"
+#include "runtime/io/BufferedDataSource.h"
+#include "tar/door/ClsTarMethod.h"
+#include "tar/format/GzipFormat.h"
+#include "tar/stream/GzipMembers.h"
+#include "tar/stream/StreamSink.h"
+
+namespace morvane {
+
+bool ClsTar::UntarGz(const XString& tarGzPath, ProgressEvent* progress) {
+  return untarCompressedFile("UntarGz", tarGzPath, progress, &ClsTar::inflateTar);
+}
+
+bool ClsTar::UntarGz(_mvDataSource& source, ProgressEvent* progress) {
+  return untarCompressedSource("UntarGz", source, progress, &ClsTar::inflateTar);
+}
+
+bool ClsTar::UntarBz2(const XString& tarBz2Path, ProgressEvent* progress) {
+  return untarCompressedFile("UntarBz2", tarBz2Path, progress, &ClsTar::expandTarBz2);
+}
+
+bool ClsTar::UntarBz2(_mvDataSource& source, ProgressEvent* progress) {
+  return untarCompressedSource("UntarBz2", source, progress, &ClsTar::expandTarBz2);
+}
+
+bool ClsTar::UntarZ(const XString& tarZPath, ProgressEvent* progress) {
+  return untarCompressedFile("UntarZ", tarZPath, progress, &ClsTar::expandTarZ);
+}
+
+bool ClsTar::UntarZ(_mvDataSource& source, ProgressEvent* progress) {
+  return untarCompressedSource("UntarZ", source, progress, &ClsTar::expandTarZ);
+}
+
+// A path that cannot be opened leaves no verdict in the log.
+bool ClsTar::untarCompressedFile(const char* name, const XString& path, ProgressEvent* progress,
+                                 Decompress decompress) {
+  return method(name, MethodForm::Judged, false, [&](MethodFrame& frame) {
+    setMatchPatternExactFlags();
+    ProgressMonitorPtr waiting(progress, m_abortCheckMs, m_percentScale, 0);
+    _mvFileDataSource file;
+    if (file.openDataSourceFile(path, m_log, waiting.getPm()))
+      return untarCompressed(file, progress, decompress);
+    frame.withoutVerdict();
+    return false;
+  });
+}
+
+bool ClsTar::untarCompressedSource(const char* name, _mvDataSource& source, ProgressEvent* progress,
+                                   Decompress decompress) {
+  return method(name, MethodForm::Judged, false, [&](MethodFrame&) {
+    setMatchPatternExactFlags();
+    return untarCompressed(source, progress, decompress);
+  });
+}
+
+// What the three have in common: progress over the compressed bytes, and an end of the run that leaves
+// nothing in a buffer.
+bool ClsTar::untarCompressed(_mvDataSource& source, ProgressEvent* progress, Decompress decompress) {
+  const long long start = std::max(source.ftell64(), 0LL);
+  const long long total = std::max(source.sizeIfKnown() - start, 0LL);
+  ProgressMonitorPtr pm(progress, m_abortCheckMs, m_percentScale, total);
+  m_archiveSource = dynamic_cast<const _mvFileDataSource*>(&source);
+  // The output of a run that was not finished stays open, also after an exception.
+  ScopeExit letGo([this] {
+    m_stream->releaseTarget();
+    m_archiveSource = nullptr;
+  });
+  bool read = false, flushed = false;
+  {
+    ScopeExit keepWhatArrived([&] { flushed = m_stream->flushOpenOutput(pm.getPm(), m_log); });
+    read = (this->*decompress)(source, pm.getPm(), m_log);
+  }
+  const bool ok = read && flushed;
+  if (ok) pm.consumeRemaining(m_log);
+  return ok;
+}
+
+// Begins a streaming run over the archive that is being read.
+void ClsTar::beginFramedRun(LogBase& log) {
+  m_stream->BeginStreamingUntar();
+  protectArchive(log);
+}
+
+void ClsTar::protectArchive(LogBase& log) {
+  mvFileInfo archive;
+  if (m_archiveSource && m_archiveSource->getFileInfo(archive, log)) m_stream->protect(archive);
+}
+
+// The header's fields are read in small pieces, and what follows a member must be given back: the source
+// lends.
+bool ClsTar::inflateTar(_mvDataSource& source, ProgressMonitor* pm, LogBase& log) {
+  LogContextExitor context(log, "unTarGz");
+  BufferedDataSource buffered(source);
+  _mvDataSource& lending = source.canLend() ? source : buffered;
+  if (!readGzipHeader(lending, pm, log)) return false;
+  beginFramedRun(log);
+  StreamSink sink(*m_stream);
+  if (!inflateGzipMembers(lending, sink, m_options, pm, log)) {
+    log.LogError("unTarGz inflate failed (2)");
+    return false;
+  }
+  if (!m_stream->FinishStreamingUntar(pm, log)) {
+    log.LogNotice("unTarGz failed.");  // the cause was said, or is a refused member
+    return false;
+  }
+  return true;
+}
+
+bool ClsTar::expandTarBz2(_mvDataSource& source, ProgressMonitor* pm, LogBase& log) {
+  MorvaneBzip2 bzip2;
+  StreamSink sink(*m_stream);
+  if (m_options.bz2Framed) {
+    beginFramedRun(log);
+    return bzip2.DecompressStream(source, sink, log, pm) && m_stream->FinishStreamingUntar(pm, log);
+  }
+  m_stream->beginUnframed();
+  protectArchive(log);
+  return bzip2.DecompressStream(source, sink, log, pm) && !m_stream->anyLeftOut();
+}
+
+bool ClsTar::expandTarZ(_mvDataSource& source, ProgressMonitor* pm, LogBase& log) {
+  _mvIoParams io(pm);
+  beginFramedRun(log);
+  StreamSink sink(*m_stream);
+  if (!MorvaneLzw::decompressLzwSource64(source, sink, true, io, log)) {
+    log.LogError("Invalid compressed data (D)");
+    return false;
+  }
+  if (!m_stream->FinishStreamingUntar(pm, log)) {
+    log.LogNotice("Untar failed, possible corrupt .Z file.");
+    return false;
+  }
+  return true;
+}
+
+}  // namespace morvane

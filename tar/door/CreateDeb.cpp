@@ -1,0 +1,56 @@
+// ClsTar's Debian packages: an ar archive of debian-binary, the control tarball and the data tarball.
+#include "runtime/fs/Psdk.h"
+#include "tar/door/ClsTarMethod.h"
+#include "tar/format/ArFormat.h"
+
+namespace morvane {
+
+namespace {
+
+bool append(DataBuffer& package, std::string_view text) {
+  return package.append(text.data(), static_cast<unsigned>(text.size()));
+}
+
+// By the suffix alone: anything but ".xz" is named ".gz".
+std::string memberName(const char* stem, const XString& path) {
+  return std::string(stem) + (path.endsWithUtf8(".xz", false) ? ".tar.xz" : ".tar.gz");
+}
+
+bool appendTarball(DataBuffer& package, const char* stem, const XString& path, long long now, LogBase& log) {
+  DataBuffer tarball;
+  if (!isSystemPath(path, "Failed to open file.", log) || !tarball.loadFileUtf8(path.getUtf8(), &log))
+    return false;
+  const bool fits = append(package, arMemberHeader(memberName(stem, path), now, tarball.getSize())) &&
+                    package.append(tarball) && (package.getSize() % 2 == 0 || package.appendChar('\n'));
+  if (!fits) log.LogError("Out of memory for the package.");
+  return fits;
+}
+
+bool assemble(const XString& controlPath, const XString& dataPath, DataBuffer& package, LogBase& log) {
+  constexpr std::string_view kFormatVersion = "2.0\n";
+  const long long now = Psdk::getCurrentUnixTime();
+  return append(package, kArGlobalHeader) &&
+         append(package, arMemberHeader("debian-binary", now, kFormatVersion.size())) &&
+         append(package, kFormatVersion) && appendTarball(package, "control", controlPath, now, log) &&
+         appendTarball(package, "data", dataPath, now, log);
+}
+
+}  // namespace
+
+bool ClsTar::CreateDeb(const XString& controlPath, const XString& dataPath, const XString& debPath) {
+  return method("CreateDeb", MethodForm::Judged, false, [&](MethodFrame&) {
+    DataBuffer package;
+    return assemble(controlPath, dataPath, package, m_log) && isSystemPath(debPath, kCannotCreate, m_log) &&
+           package.saveToFileUtf8(debPath.getUtf8(), &m_log);
+  });
+}
+
+bool ClsTar::CreateDeb(const XString& controlPath, const XString& dataPath, _mvOutput& out) {
+  return method("CreateDeb", MethodForm::Judged, false, [&](MethodFrame&) {
+    DataBuffer package;
+    return assemble(controlPath, dataPath, package, m_log) && out.writeDbPM(package, nullptr, m_log) &&
+           out.announceOutputFinished(m_log);
+  });
+}
+
+}  // namespace morvane

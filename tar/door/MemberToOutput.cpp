@@ -1,0 +1,78 @@
+// ClsTar's extraction of one member, from an archive of any compression, into an output.
+#include "runtime/codec/MorvaneLzw.h"
+#include "runtime/io/BufferedDataSource.h"
+#include "runtime/io/OutputFlush.h"
+#include "tar/door/ClsTarMethod.h"
+#include "tar/format/ArchiveKind.h"
+#include "tar/format/GzipFormat.h"
+#include "tar/stream/GzipMembers.h"
+#include "tar/stream/StreamingUntar.h"
+
+namespace morvane {
+
+namespace {
+
+// Feeds the streaming engine, and stops the decompressor once the member is complete.
+class UntilMember : public _mvOutput {
+ public:
+  explicit UntilMember(StreamingUntar& stream) : m_stream(stream) {}
+  bool _writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log) override {
+    bool finished = false;
+    const auto* const data = reinterpret_cast<const unsigned char*>(bytes);
+    return m_stream.StreamingUntarNext(data, n, finished, io.monitor(), log) && !m_stream.memberIsComplete();
+  }
+
+ private:
+  StreamingUntar& m_stream;
+};
+
+}  // namespace
+
+bool ClsTar::UntarMemberToOutput(const XString& tarPath, _mvOutput& out, ProgressEvent* progress) {
+  return method("UntarMemberToOutput", MethodForm::Judged, false, [&](MethodFrame&) {
+    m_log.LogDataX("tarPath", tarPath);
+    ProgressMonitorPtr waiting(progress, m_abortCheckMs, m_percentScale, 0);
+    _mvFileDataSource file;
+    return file.openDataSourceFile(tarPath, m_log, waiting.getPm()) && memberToOutput(file, out, progress);
+  });
+}
+
+bool ClsTar::UntarMemberToOutput(_mvDataSource& source, _mvOutput& out, ProgressEvent* progress) {
+  return method("UntarMemberToOutput", MethodForm::Judged, false, [&](MethodFrame&) {
+    BufferedDataSource buffered(source);
+    return memberToOutput(source.canLend() && source.canPeek() ? source : buffered, out, progress);
+  });
+}
+
+bool ClsTar::memberToOutput(_mvDataSource& source, _mvOutput& out, ProgressEvent* progress) {
+  ProgressMonitorPtr monitor(progress, m_abortCheckMs, m_percentScale, 0);
+  ProgressMonitor* const pm = monitor.getPm();
+  OutputFlush flush(out, pm);
+  ArchiveKind kind = ArchiveKind::Unknown;
+  if (!detectArchiveKind(source, kind, pm, m_log)) return false;
+  bool found = false;
+  if (kind == ArchiveKind::Plain || kind == ArchiveKind::Unknown) {
+    const int count = untarMember(source, out, pm, progress);
+    if (count < 0) return false;
+    found = count > 0;
+  } else {
+    // An engine of its own: the object's goes on from where its last run ended.
+    XString noListing;
+    StreamingUntar stream(liveMemberSettings(), noListing);
+    stream.BeginStreamingUntar();
+    stream.extractFirstMemberInto(&out);
+    UntilMember sink(stream);
+    _mvIoParams io(pm);
+    const bool ended =
+        kind == ArchiveKind::Bzip2 ? MorvaneBzip2().DecompressStream(source, sink, m_log, pm)
+        : kind == ArchiveKind::Compress
+            ? MorvaneLzw::decompressLzwSource64(source, sink, true, io, m_log)
+            : readGzipHeader(source, pm, m_log) && inflateGzipMembers(source, sink, m_options, pm, m_log);
+    found = stream.memberIsComplete();
+    if (!found && (!ended || !stream.FinishStreamingUntar(pm, m_log))) return false;
+  }
+  if (!found) m_log.LogError("No such member.");
+  return found && flush.finish(m_log);
+}
+
+}  // namespace morvane

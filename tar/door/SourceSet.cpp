@@ -1,0 +1,86 @@
+// ClsTar's sources: what is added, counted, read back and cleared.
+#include <memory>
+
+#include "tar/door/ClsTarMethod.h"
+#include "tar/write/SourceEntry.h"
+
+namespace morvane {
+
+namespace {
+
+constexpr char kNulInPath[] = "A path with a NUL byte cannot be archived.";
+
+bool fails(const char* message, LogBase& log) {
+  log.LogError(message);
+  return false;
+}
+
+}  // namespace
+
+bool ClsTar::AddDirRoot(const XString& dirPath) {
+  return method("AddDirRoot", MethodForm::Judged, false,
+                [&](MethodFrame&) { return addDirRoot(nullptr, dirPath); });
+}
+
+bool ClsTar::AddDirRoot2(const XString& pathPrefix, const XString& dirPath) {
+  return method("AddDirRoot2", MethodForm::Judged, false,
+                [&](MethodFrame&) { return addDirRoot(&pathPrefix, dirPath); });
+}
+
+bool ClsTar::addDirRoot(const XString* pathPrefix, const XString& dirPath) {
+  if (pathPrefix) m_log.LogDataX("pathPrefix", *pathPrefix);
+  m_log.LogDataX("dirPath", dirPath);
+  if (hasNul(dirPath) || (pathPrefix && hasNul(*pathPrefix))) return fails(kNulInPath, m_log);
+  mvFileInfo info;
+  if (!info.loadTargetInfoUtf8(dirPath.getUtf8(), m_log)) return false;
+  if (!info.m_isDirectory) return fails("Not a directory.", m_log);
+  auto root = std::make_unique<_dirRoot>();
+  root->m_dirPath = dirPath.str();
+  if (pathPrefix) root->m_pathPrefix = pathPrefix->str();
+  return m_dirRoots.appendPtr(root.release()) || fails("Out of memory for a directory root.", m_log);
+}
+
+bool ClsTar::AddFile(const XString& path) {
+  return method("AddFile", MethodForm::WithVersion, false,
+                [&](MethodFrame&) { return addEntry(path.str()); });
+}
+
+bool ClsTar::AddFile2(const XString& path, const XString& pathInTar) {
+  return method("AddFile2", MethodForm::WithVersion, false,
+                [&](MethodFrame&) { return addEntry(makePairEntry(path.str(), pathInTar.str())); });
+}
+
+bool ClsTar::addEntry(const std::string& entry) {
+  if (entry.find('\0') != std::string::npos) return fails(kNulInPath, m_log);
+  auto owned = std::make_unique<StringBuffer>(entry);
+  return m_files.appendSb(owned.release()) || fails("Out of memory for a file.", m_log);
+}
+
+bool ClsTar::GetDirRoot(int index, XString& outDirPath) {
+  return method("GetDirRoot", MethodForm::Judged, false, [&](MethodFrame&) {
+    outDirPath.clear();
+    const auto* const root = static_cast<const _dirRoot*>(m_dirRoots.elementAt(index));
+    if (!root) {
+      m_log.LogError("Index out of range");
+      m_log.LogDataLong("index", index);
+      return false;
+    }
+    outDirPath.setFromSbUtf8(root->m_dirPath);
+    return true;
+  });
+}
+
+int ClsTar::get_NumDirRoots() {
+  CritSecExitor lock(*this);
+  return m_dirRoots.getSize();
+}
+
+bool ClsTar::ClearDirRootsAndFiles() {
+  return method("ClearDirRootsAndFiles", MethodForm::Unjudged, false, [&](MethodFrame&) {
+    m_dirRoots.removeAllObjects();
+    m_files.removeAllSbs();
+    return true;
+  });
+}
+
+}  // namespace morvane

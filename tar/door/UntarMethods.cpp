@@ -1,0 +1,117 @@
+// ClsTar's methods over plain archives, and the steps they are made of.
+#include "runtime/fs/Psdk.h"
+#include "tar/door/ClsTarMethod.h"
+#include "tar/format/PaxRecords.h"
+#include "tar/place/ExtractToFile.h"
+#include "tar/read/UntarRun.h"
+
+namespace morvane {
+
+namespace {
+
+// The log of a path that cannot be opened ends with this, and has no verdict.
+bool openArchive(_mvFileDataSource& file, const XString& path, ProgressMonitor* pm, MethodFrame& frame,
+                 LogBase& log) {
+  if (file.openDataSourceFile(path, log, pm)) return true;
+  log.LogError("Failed.");
+  frame.withoutVerdict();
+  return false;
+}
+
+}  // namespace
+
+int ClsTar::Untar(const XString& tarPath, ProgressEvent* progress) {
+  return method("Untar", MethodForm::Judged, -1, [&](MethodFrame& frame) {
+    ProgressMonitorPtr waiting(progress, m_abortCheckMs, m_percentScale, 0);
+    _mvFileDataSource file;
+    return openArchive(file, tarPath, waiting.getPm(), frame, m_log) ? untarWithProgress(file, true, progress)
+                                                                     : -1;
+  });
+}
+
+int ClsTar::Untar(_mvDataSource& source, ProgressEvent* progress) {
+  return method("Untar", MethodForm::Judged, -1,
+                [&](MethodFrame&) { return untarWithProgress(source, true, progress); });
+}
+
+bool ClsTar::VerifyTar(const XString& tarPath, ProgressEvent* progress) {
+  return method("VerifyTar", MethodForm::Judged, false, [&](MethodFrame& frame) {
+    m_log.LogDataX("filepath", tarPath);
+    ProgressMonitorPtr waiting(progress, m_abortCheckMs, m_percentScale, 0);
+    _mvFileDataSource file;
+    return openArchive(file, tarPath, waiting.getPm(), frame, m_log) &&
+           untarWithProgress(file, false, progress) >= 0;
+  });
+}
+
+bool ClsTar::VerifyTar(_mvDataSource& source, ProgressEvent* progress) {
+  return method("VerifyTar", MethodForm::Judged, false,
+                [&](MethodFrame&) { return untarWithProgress(source, false, progress) >= 0; });
+}
+
+int ClsTar::untarWithProgress(_mvDataSource& source, bool extract, ProgressEvent* progress) {
+  const long long size = source.sizeIfKnown();
+  const long long start = std::max(source.ftell64(), 0LL);
+  ProgressMonitorPtr pm(progress, m_abortCheckMs, m_percentScale, std::max(size - start, 0LL));
+  const unsigned startTicks = Psdk::getTickCount();
+  const int count = untarSource(source, extract, m_log, pm.getPm(), progress);
+  if (extract) m_log.LogElapsedMs("untar", startTicks);
+  if (count >= 0) pm.consumeRemaining(m_log);
+  if (extract) m_log.LogDataLong("untarCount", count);
+  return count;
+}
+
+// No verdict and no consumed remainder here; there is no total either.
+int ClsTar::UntarFromMemory(DataBuffer& tarBytes, ProgressEvent* progress) {
+  return method("UntarFromMemory", MethodForm::Unjudged, -1, [&](MethodFrame&) {
+    ProgressMonitorPtr pm(progress, m_abortCheckMs, m_percentScale, 0);
+    _mvMemoryDataSource source;
+    source.initializeMemSource(tarBytes.getData2(), tarBytes.getSize());
+    return untarSource(source, true, m_log, pm.getPm(), progress);
+  });
+}
+
+int ClsTar::_untar(_mvDataSource& source, bool extract, LogBase& log, ProgressMonitor* pm,
+                   ProgressEvent* progress) {
+  const StepGuard step(*this);
+  return step && takeOptions(log) ? untarSource(source, extract, log, pm, progress) : -1;
+}
+
+int ClsTar::untarSource(_mvDataSource& source, bool extract, LogBase& log, ProgressMonitor* pm,
+                        ProgressEvent* progress) {
+  UntarRun run({source, log, m_log, pm, progress, m_xmlListing}, liveReadSettings(), extract);
+  mvFileInfo archive;
+  const auto* const file = dynamic_cast<const _mvFileDataSource*>(&source);
+  if (file && file->getFileInfo(archive, log)) run.protect(archive);
+  return run.run();
+}
+
+// The first member that the event does not skip: 1 when there is one, 0 when not, -1 on failure.
+int ClsTar::untarMember(_mvDataSource& source, _mvOutput& out, ProgressMonitor* pm, ProgressEvent* progress) {
+  UntarRun run({source, m_log, m_log, pm, progress, m_xmlListing}, liveMemberSettings(), true);
+  run.extractFirstMemberInto(out);
+  return run.run();
+}
+
+bool ClsTar::extractToFile(_mvDataSource& source, const XString& path, const MorvaneFileTime* creation,
+                           const MorvaneFileTime* access, const MorvaneFileTime* modification, long long size,
+                           char* buffer, unsigned int bufferSize, LogBase& log, ProgressMonitor* pm) {
+  const StepGuard step(*this);
+  return step && morvane::extractToFile(source, path, nullptr, {creation, access, modification}, size, buffer,
+                                        bufferSize, log, pm)
+                     .isWhole;
+}
+
+bool ClsTar::parsePaxExtendedHeader(const char* text, TarHeader& record, LogBase& log) {
+  return morvane::parsePaxExtendedHeader(text, record, log);
+}
+
+void ClsTar::combineHeaderPaxExtended(TarHeader& following, TarHeader& staged) {
+  morvane::combineHeaderPaxExtended(following, staged);
+}
+
+void ClsTar::combineHeaderLongFilename(TarHeader& following, TarHeader& staged) {
+  morvane::combineHeaderLongFilename(following, staged);
+}
+
+}  // namespace morvane

@@ -1,0 +1,89 @@
+#include "tar/format/ArchiveKind.h"
+
+#include <algorithm>
+#include <cstring>
+#include <string_view>
+
+#include "runtime/io/_mvDataSource.h"
+#include "tar/format/TarBlock.h"
+#include "tar/format/TarNumber.h"
+
+namespace morvane {
+
+namespace {
+
+using namespace std::string_view_literals;
+
+bool startsWith(const unsigned char* bytes, unsigned n, const char* signature, unsigned length) {
+  return n >= length && std::memcmp(bytes, signature, length) == 0;
+}
+
+// Compressed bytes are no number where the checksum stands. Read as 0, that would agree with the sum of their
+// bytes as signed ones in one of some thousand archives.
+bool isPlainBlock(const unsigned char* bytes, unsigned n) {
+  if (n < kBlockSize) return false;
+  const NumberField stored = parseNumber(bytes, kChecksumField);
+  const bool isNumber = stored.state == NumberField::State::Ok && stored.value > 0;
+  return (isNumber && hasValidChecksum(bytes)) ||
+         std::all_of(bytes, bytes + kBlockSize, [](unsigned char b) { return b == 0; });
+}
+
+bool isBzip2(const unsigned char* bytes, unsigned n) {
+  constexpr unsigned kMagicAt = 4, kMagicSize = 6;
+  if (!startsWith(bytes, n, "BZh", 3) || n < kMagicAt + kMagicSize) return false;
+  const unsigned char* const magic = bytes + kMagicAt;
+  const bool block = std::memcmp(magic, "\x31\x41\x59\x26\x53\x59", kMagicSize) == 0;
+  const bool emptyStream = std::memcmp(magic, "\x17\x72\x45\x38\x50\x90", kMagicSize) == 0;
+  return bytes[3] >= '1' && bytes[3] <= '9' && (block || emptyStream);
+}
+
+}  // namespace
+
+ArchiveKind recogniseArchive(const unsigned char* bytes, unsigned n) {
+  if (isPlainBlock(bytes, n)) return ArchiveKind::Plain;
+  if (startsWith(bytes, n, "\x1F\x8B", 2)) return ArchiveKind::Gzip;
+  if (isBzip2(bytes, n)) return ArchiveKind::Bzip2;
+  if (startsWith(bytes, n, "\x1F\x9D", 2)) return ArchiveKind::Compress;
+  return ArchiveKind::Unknown;
+}
+
+const char* foreignContent(const unsigned char* bytes, unsigned n) {
+  static constexpr struct {
+    std::string_view signature;
+    const char* sentence;
+  } kForeign[] = {
+      {"\xFD"
+       "7zXZ\0"sv,
+       "This is xz-compressed, which cannot be read."},
+      {"\x28\xB5\x2F\xFD"sv, "This is zstd-compressed, which cannot be read."},
+      {"\x5D\0\0"sv, "This is lzma-compressed, which cannot be read."},
+      {"\x04\x22\x4D\x18"sv, "This is lz4-compressed, which cannot be read."},
+      {"LZIP"sv, "This is lzip-compressed, which cannot be read."},
+      {"PK\3\4"sv, "This is a ZIP archive, no tar."},
+      {"PK\5\6"sv, "This is a ZIP archive, no tar."},
+      {"7z\xBC\xAF\x27\x1C"sv, "This is a 7z archive, no tar."},
+      {"Rar!\x1A\7"sv, "This is a RAR archive, no tar."},
+      {"!<arch>\ndebian-binary"sv,
+       "This is a Debian package, no tar; its tarballs are members of an ar archive."},
+      {"!<arch>\n"sv, "This is an ar archive, no tar."},
+      {"07070"sv, "This is a cpio archive, no tar."},
+      {"\xED\xAB\xEE\xDB"sv, "This is an RPM package, no tar."},
+  };
+  for (const auto& [signature, sentence] : kForeign) {
+    if (startsWith(bytes, n, signature.data(), static_cast<unsigned>(signature.size()))) return sentence;
+  }
+  const auto isText = [](unsigned char c) {
+    return c >= 0x20 ? c != 0x7F : c == '\t' || (c >= '\n' && c <= '\r');
+  };
+  return n > 0 && std::all_of(bytes, bytes + n, isText) ? "This is text, no archive." : nullptr;
+}
+
+bool detectArchiveKind(_mvDataSource& source, ArchiveKind& kind, ProgressMonitor* pm, LogBase& log) {
+  const char* bytes = nullptr;
+  unsigned n = 0;
+  if (!source.peekBytes(kBlockSize, bytes, n, pm, log)) return false;
+  kind = recogniseArchive(reinterpret_cast<const unsigned char*>(bytes), n);
+  return true;
+}
+
+}  // namespace morvane

@@ -1,0 +1,226 @@
+#include "tar/format/FullExtensions.h"
+
+#include <charconv>
+#include <limits>
+
+#include "runtime/log/LogBase.h"
+#include "tar/format/TarBlock.h"
+
+namespace morvane {
+
+namespace {
+
+constexpr unsigned kNanosecondDigits = 9;
+// A global name is copied into every member.
+constexpr size_t kLongestGlobalName = 1024;
+
+bool malformed(LogBase& log, const char* why, std::string_view about) {
+  log.LogError(why);
+  log.LogData("paxRecord", std::string(about.substr(0, 100)).c_str());
+  return false;
+}
+
+// Cuts the next record off the front of `data`: "LENGTH KEYWORD=VALUE\n", the length counting all of it.
+bool nextPaxRecord(std::string_view& data, std::string_view& keyword, std::string_view& value) {
+  size_t length = 0;
+  const auto number = std::from_chars(data.data(), data.data() + data.size(), length);
+  const size_t digits = static_cast<size_t>(number.ptr - data.data());
+  if (number.ec != std::errc() || digits >= data.size() || data[digits] != ' ') return false;
+  // Our own plain pax form states one byte too few for the longest paths.
+  if (length + 1 == data.size() && data[length] == '\n' && data[length - 1] != '\n') ++length;
+  if (length > data.size() || length < digits + 3 || data[length - 1] != '\n') return false;
+  const std::string_view record = data.substr(digits + 1, length - digits - 2);
+  const size_t equals = record.find('=');
+  if (equals == std::string_view::npos || equals == 0) return false;
+  keyword = record.substr(0, equals);
+  value = record.substr(equals + 1);
+  data.remove_prefix(length);
+  return true;
+}
+
+std::optional<long long> parseCount(std::string_view text) {
+  long long value = 0;
+  const auto result = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (result.ec != std::errc() || result.ptr != text.data() + text.size() || value < 0) return std::nullopt;
+  return value;
+}
+
+unsigned clampTo32(long long value) {
+  constexpr long long kMax = std::numeric_limits<unsigned>::max();
+  return static_cast<unsigned>(value < 0 ? 0 : value > kMax ? kMax : value);
+}
+
+std::string_view untilNul(std::string_view text) { return text.substr(0, text.find('\0')); }
+
+void setOwned(std::unique_ptr<StringBuffer>& owned, const std::string& value) {
+  owned = std::make_unique<StringBuffer>(value);
+}
+
+}  // namespace
+
+TarTime parsePaxTime(std::string_view text) {
+  TarTime time;
+  const bool negative = !text.empty() && text.front() == '-';
+  if (negative) text.remove_prefix(1);
+  const size_t point = std::min(text.find('.'), text.size());
+  const std::string_view whole = text.substr(0, point);
+  const auto result = std::from_chars(whole.data(), whole.data() + whole.size(), time.seconds);
+  if (result.ptr != whole.data() + whole.size() || whole.empty() || whole.front() == '-') return TarTime();
+  if (result.ec == std::errc::result_out_of_range) time.seconds = std::numeric_limits<long long>::max();
+  unsigned digits = 0;
+  for (size_t i = point + 1; i < text.size(); ++i) {
+    if (text[i] < '0' || text[i] > '9') return TarTime();
+    if (digits == kNanosecondDigits) continue;
+    time.nanoseconds = time.nanoseconds * 10 + static_cast<unsigned>(text[i] - '0');
+    ++digits;
+  }
+  for (; digits < kNanosecondDigits; ++digits) time.nanoseconds *= 10;
+  if (negative) {
+    time.seconds = -time.seconds;
+    if (time.nanoseconds > 0) {  // nanoseconds count forward
+      --time.seconds;
+      time.nanoseconds = 1000000000u - time.nanoseconds;
+    }
+  }
+  time.known = true;
+  return time;
+}
+
+bool FullExtensions::isRecord(char typeFlag) {
+  return typeFlag == kTypePax || typeFlag == kTypePaxGlobal || typeFlag == kTypeLongName ||
+         typeFlag == kTypeLongLink;
+}
+
+bool FullExtensions::isPassedOver(char typeFlag) {
+  return typeFlag == kTypeVolumeLabel || typeFlag == kTypeDumpDir || typeFlag == kTypeMultiVolume ||
+         typeFlag == kTypeOldNames;
+}
+
+void FullExtensions::clear() {
+  m_global = Attributes();
+  m_hasGlobal = false;
+  forgetNext();
+}
+
+void FullExtensions::forgetNext() {
+  m_next = Attributes();
+  m_hasNext = false;
+}
+
+bool FullExtensions::take(char typeFlag, std::string_view data, LogBase& log) {
+  const std::string_view text = untilNul(data);
+  if (text.empty()) return true;  // says nothing
+  (typeFlag == kTypePaxGlobal ? m_hasGlobal : m_hasNext) = true;
+  switch (typeFlag) {
+    case kTypeLongName:
+      m_next.path = std::string(untilNul(data));
+      return true;
+    case kTypeLongLink:
+      m_next.linkPath = std::string(untilNul(data));
+      return true;
+    default:
+      return takePaxRecords(data, typeFlag == kTypePaxGlobal, log);
+  }
+}
+
+bool FullExtensions::takePaxRecords(std::string_view data, bool global, LogBase& log) {
+  while (!data.empty() && data.front() != '\0') {
+    std::string_view keyword, value;
+    if (!nextPaxRecord(data, keyword, value)) return malformed(log, "A PAX record is malformed.", data);
+    if (log.verbose()) {
+      log.LogData("paxName", std::string(keyword).c_str());
+      log.LogData("paxValue", std::string(value).c_str());
+    }
+    if (!takePaxRecord(keyword, value, global, log)) return false;
+  }
+  return true;
+}
+
+bool FullExtensions::takePaxRecord(std::string_view keyword, std::string_view value, bool global,
+                                   LogBase& log) {
+  Attributes& to = global ? m_global : m_next;
+  if (global && (keyword == "path" || keyword == "linkpath" || keyword == "size")) {
+    log.LogNotice("A global PAX record that can hold for one member only is ignored.");
+    log.LogData("paxName", std::string(keyword).c_str());
+    return true;
+  }
+  if (global && (keyword == "uname" || keyword == "gname") && value.size() > kLongestGlobalName) {
+    log.LogNotice("A global PAX record is too long to hold for every member and is ignored.");
+    log.LogData("paxName", std::string(keyword).c_str());
+    return true;
+  }
+  // An empty value takes the attribute back, for this member also from the global records.
+  const auto note = [&](PaxField field) {
+    to.takenBack = value.empty() ? to.takenBack | field : to.takenBack & ~static_cast<unsigned>(field);
+    return !value.empty();
+  };
+  const auto takeText = [&](PaxField field, std::optional<std::string>& text) {
+    text.reset();
+    if (note(field)) text = std::string(value);
+    return true;
+  };
+  const auto takeTime = [&](PaxField field, std::optional<TarTime>& time) {
+    time.reset();
+    if (!note(field)) return true;
+    time = parsePaxTime(value);
+    return time->known || malformed(log, "A PAX time is no number.", value);
+  };
+  const auto takeId = [&](PaxField field, std::optional<unsigned>& id) {
+    id.reset();
+    if (!note(field)) return true;
+    const std::optional<long long> count = parseCount(value);
+    // Ids beyond any range are no reason to lose the member: they are never applied to files.
+    id = count ? clampTo32(*count) : std::numeric_limits<unsigned>::max();
+    return true;
+  };
+  if (keyword == "path") return takeText(PAX_PATH, to.path);
+  if (keyword == "linkpath") return takeText(PAX_LINKPATH, to.linkPath);
+  if (keyword == "uname") return takeText(PAX_UNAME, to.userName);
+  if (keyword == "gname") return takeText(PAX_GNAME, to.groupName);
+  if (keyword == "mtime") return takeTime(PAX_MTIME, to.mtime);
+  if (keyword == "atime") return takeTime(PAX_ATIME, to.atime);
+  if (keyword == "ctime") return takeTime(PAX_CTIME, to.ctime);
+  if (keyword == "uid") return takeId(PAX_UID, to.uid);
+  if (keyword == "gid") return takeId(PAX_GID, to.gid);
+  if (keyword == "size") {
+    to.size = parseCount(value);
+    return to.size || value.empty() || malformed(log, "A PAX size is no number.", value);
+  }
+  return true;
+}
+
+void FullExtensions::complete(TarHeader& member) {
+  if (m_hasGlobal) apply(m_global, m_next.takenBack, member);
+  if (m_hasNext) {
+    apply(m_next, 0, member);
+    forgetNext();
+  }
+  // As other tars do: before ustar, a directory was an empty file whose name ends in a slash.
+  const bool regular = member.m_typeFlag == kTypeRegular || member.m_typeFlag == kTypeOldRegular;
+  const std::string& path = member.m_path.str();
+  if (regular) member.m_isDirectory = member.m_size == 0 && !path.empty() && path.back() == '/';
+}
+
+void FullExtensions::apply(const Attributes& attributes, unsigned except, TarHeader& member) {
+  const auto counts = [except](PaxField field) { return (except & field) == 0; };
+  const auto setTime = [&](PaxField field, const std::optional<TarTime>& time, TarTime& exact,
+                           unsigned& seconds) {
+    if (!time || !counts(field)) return;
+    exact = *time;
+    seconds = clampTo32(time->seconds);
+  };
+  if (attributes.path) {
+    member.setWholePath(attributes.path->data(), static_cast<unsigned>(attributes.path->size()));
+  }
+  if (attributes.linkPath) setOwned(member.m_linkPath, *attributes.linkPath);
+  if (attributes.userName && counts(PAX_UNAME)) setOwned(member.m_userName, *attributes.userName);
+  if (attributes.groupName && counts(PAX_GNAME)) setOwned(member.m_groupName, *attributes.groupName);
+  if (attributes.uid && counts(PAX_UID)) member.m_uid = *attributes.uid;
+  if (attributes.gid && counts(PAX_GID)) member.m_gid = *attributes.gid;
+  if (attributes.size) member.m_size = *attributes.size;
+  setTime(PAX_MTIME, attributes.mtime, member.m_exactMtime, member.m_mtime);
+  setTime(PAX_ATIME, attributes.atime, member.m_exactAtime, member.m_atime);
+  setTime(PAX_CTIME, attributes.ctime, member.m_exactCtime, member.m_ctime);
+}
+
+}  // namespace morvane

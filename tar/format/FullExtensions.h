@@ -1,0 +1,57 @@
+// Extension records as POSIX pax and the other tars mean them (the word FullRead).
+//
+// pax records go by their stated length and may hold newlines and NULs; times keep 63 bits and their
+// fraction; a record counts for the next member, a global one for all later members; an empty value takes an
+// attribute back.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "tar/format/TarHeader.h"
+
+namespace morvane {
+
+// A point in time as pax writes it: decimal seconds, perhaps negative, perhaps with a fraction. Not known
+// when the text is no number; seconds stop at what 63 bits hold.
+TarTime parsePaxTime(std::string_view text);
+
+class FullExtensions {
+ public:
+  // Records that only describe other members: pax, global pax, long name, long link.
+  static bool isRecord(char typeFlag);
+  // Records of GNU tar that describe the archive or an old state of the tree: neither members nor of use
+  // here.
+  static bool isPassedOver(char typeFlag);
+
+  void clear();
+  // Takes the data of a record. False, with the reason in the log, if they make no sense.
+  bool take(char typeFlag, std::string_view data, LogBase& log);
+  // Forgets the records meant for the next member alone: what followed them was none.
+  void forgetNext();
+  // Puts what the records say into the member's parsed header, and forgets those that were meant for it
+  // alone.
+  void complete(TarHeader& member);
+
+ private:
+  struct Attributes {
+    std::optional<std::string> path, linkPath, userName, groupName;
+    std::optional<unsigned> uid, gid;
+    std::optional<long long> size;
+    std::optional<TarTime> mtime, atime, ctime;
+    unsigned takenBack = 0;  // PaxField bits: an empty value undoes a global record too
+  };
+
+  bool takePaxRecords(std::string_view data, bool global, LogBase& log);
+  bool takePaxRecord(std::string_view keyword, std::string_view value, bool global, LogBase& log);
+  static void apply(const Attributes& attributes, unsigned except, TarHeader& member);
+
+  Attributes m_global;
+  Attributes m_next;
+  // Most members have no records: they are spared looking through what there could be.
+  bool m_hasGlobal = false;
+  bool m_hasNext = false;
+};
+
+}  // namespace morvane

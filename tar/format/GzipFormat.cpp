@@ -1,0 +1,80 @@
+#include "tar/format/GzipFormat.h"
+
+#include "runtime/base/ByteArrayOwner.h"
+#include "runtime/io/_mvDataSource.h"
+#include "runtime/io/_mvOutput.h"
+#include "runtime/log/LogBase.h"
+
+namespace morvane {
+
+namespace {
+
+constexpr unsigned char kId1 = 0x1F, kId2 = 0x8B, kDeflate = 8;
+constexpr unsigned char kHeaderCrc = 0x02, kExtra = 0x04, kName = 0x08, kComment = 0x10;  // bits of FLG
+constexpr unsigned char kXfl = 2, kUnix = 3;
+constexpr unsigned kHeaderSize = 10;
+constexpr unsigned kFlagsAt = 3;
+
+struct HeaderReader {
+  _mvDataSource& source;
+  ProgressMonitor* pm;
+  LogBase& log;
+
+  bool fail(const char* message) const {
+    log.LogError(message);
+    return false;
+  }
+
+  bool readExactly(unsigned char* bytes, unsigned n) const {
+    unsigned numRead = 0;
+    return source.readFully(reinterpret_cast<char*>(bytes), n, numRead, pm, log) && numRead == n;
+  }
+
+  bool skipExtraField() const {
+    unsigned char length[2];
+    if (!readExactly(length, sizeof length)) return fail("Failed to get extra length");
+    const unsigned n = length[0] | unsigned{length[1]} << 8;
+    const ByteArrayOwner bytes(mvNewChar(n));
+    if (!bytes.get()) return false;
+    return readExactly(reinterpret_cast<unsigned char*>(bytes.get()), n) || fail("Failed to get extra data");
+  }
+
+  // Text up to and including a zero byte.
+  bool skipText(const char* messageOnFailure) const {
+    unsigned char byte = 1;
+    while (byte != 0) {
+      if (!readExactly(&byte, 1)) return fail(messageOnFailure);
+    }
+    return true;
+  }
+};
+
+}  // namespace
+
+bool writeGzipHeader(_mvOutput& out, ProgressMonitor* pm, LogBase& log) {
+  constexpr unsigned char kHeader[kHeaderSize] = {kId1, kId2, kDeflate, 0, 0, 0, 0, 0, kXfl, kUnix};
+  return out.writeBytesPM(reinterpret_cast<const char*>(kHeader), kHeaderSize, pm, log);
+}
+
+bool writeGzipTrailer(_mvOutput& out, unsigned crc32, unsigned size, LogBase& log) {
+  return out.writeLittleEndianUInt32PM(crc32, nullptr, log) &&
+         out.writeLittleEndianUInt32PM(size, nullptr, log);
+}
+
+bool readGzipHeader(_mvDataSource& source, ProgressMonitor* pm, LogBase& log) {
+  const HeaderReader reader{source, pm, log};
+  unsigned char header[kHeaderSize];
+  if (!reader.readExactly(header, kHeaderSize)) return reader.fail("Failed to get gzip signature");
+  if (header[0] != kId1 || header[1] != kId2) return reader.fail("Invalid GZip ID");
+  if (header[2] != kDeflate) return reader.fail("Invalid GZip compression method");
+  const unsigned char flags = header[kFlagsAt];
+  if (flags & kExtra && !reader.skipExtraField()) return false;
+  if (flags & kName && !reader.skipText("Failed to get filename")) return false;
+  if (flags & kComment && !reader.skipText("Failed to get comment")) return false;
+  unsigned char crc[2];
+  if (flags & kHeaderCrc && !reader.readExactly(crc, sizeof crc)) return reader.fail("Failed to get CRC");
+  log.LogInfo("GZip header OK.");
+  return true;
+}
+
+}  // namespace morvane

@@ -1,0 +1,141 @@
+#include "tar/format/PaxRecords.h"
+
+#include <cstring>
+
+#include "runtime/base/ByteArrayOwner.h"
+#include "runtime/log/LogBase.h"
+#include "runtime/text/SmallStrings.h"
+
+namespace morvane {
+
+namespace {
+
+constexpr unsigned kLongestKeyword = 99;
+constexpr unsigned kLongestValue = 999;
+
+unsigned paxNumber(const char* keyword, const char* value, LogBase& log) {
+  bool overflowed = false;
+  const unsigned number = mvUIntValue(value, &overflowed);
+  if (overflowed) {
+    log.LogNotice("A PAX number is too large and was reduced.");
+    log.LogData("paxName", keyword);
+    log.LogData("paxValue", value);
+  }
+  return number;
+}
+
+void setOwned(std::unique_ptr<StringBuffer>& owned, const char* value) {
+  owned = std::make_unique<StringBuffer>(value);
+}
+
+void applyPaxRecord(const char* keyword, const char* value, TarHeader& record, LogBase& log) {
+  const auto is = [keyword](const char* name) { return mvStrCmp(keyword, name) == 0; };
+  const auto number = [&] { return paxNumber(keyword, value, log); };
+  unsigned& set = record.m_paxFieldsSet;
+  if (is("atime")) {
+    record.m_atime = number();
+    set |= PAX_ATIME;
+  } else if (is("ctime")) {
+    record.m_ctime = number();
+    set |= PAX_CTIME;
+  } else if (is("mtime")) {
+    record.m_mtime = number();
+    set |= PAX_MTIME;
+  } else if (is("path")) {
+    record.setWholePath(value);
+    set |= PAX_PATH;
+  } else if (is("size")) {
+    record.m_size = number();
+    set |= PAX_SIZE;
+  } else if (is("gid")) {
+    record.m_gid = number();
+    set |= PAX_GID;
+  } else if (is("gname")) {
+    setOwned(record.m_groupName, value);
+    set |= PAX_GNAME;
+  } else if (is("linkpath")) {
+    setOwned(record.m_linkPath, value);
+    set |= PAX_LINKPATH;
+  } else if (is("uid")) {
+    record.m_uid = number();
+    set |= PAX_UID;
+  } else if (is("uname")) {
+    setOwned(record.m_userName, value);
+    set |= PAX_UNAME;
+  }
+}
+
+const char* endOfLine(const char* text) {
+  while (*text != '\0' && *text != '\n') ++text;
+  return text;
+}
+
+void parsePaxLine(const char* line, const char* end, char* value, TarHeader& record, LogBase& log) {
+  const char* at = line;
+  while (at < end && *at != ' ') ++at;  // the length; a record ends where its line does
+  while (at < end && *at == ' ') ++at;
+  const char* const keywordStart = at;
+  while (at < end && *at != '=' && at - keywordStart < kLongestKeyword) ++at;
+  if (at == end || *at != '=') return;
+  char keyword[kLongestKeyword + 1];
+  const size_t keywordLength = static_cast<size_t>(at - keywordStart);
+  std::memcpy(keyword, keywordStart, keywordLength);
+  keyword[keywordLength] = '\0';
+  ++at;
+  const size_t valueLength = std::min<size_t>(static_cast<size_t>(end - at), kLongestValue);
+  std::memcpy(value, at, valueLength);
+  value[valueLength] = '\0';
+  if (log.verbose()) {
+    log.LogData("paxName", keyword);
+    log.LogData("paxValue", value);
+  }
+  applyPaxRecord(keyword, value, record, log);
+}
+
+}  // namespace
+
+bool parsePaxExtendedHeader(const char* text, TarHeader& record, LogBase& log) {
+  if (log.verbose()) log.LogInfo("Parsing PAX extended header...");
+  const ByteArrayOwner value(mvNewChar(kLongestValue + 1));
+  if (!value.get()) return false;
+  while (*text != '\0') {
+    const char* const end = endOfLine(text);
+    parsePaxLine(text, end, value.get(), record, log);
+    text = *end == '\n' ? end + 1 : end;
+  }
+  return true;
+}
+
+void combineHeaderPaxExtended(TarHeader& following, TarHeader& staged) {
+  const auto notSet = [&staged](PaxField field) { return (staged.m_paxFieldsSet & field) == 0; };
+  staged.m_typeFlag = following.m_typeFlag;
+  staged.m_isDirectory = following.m_isDirectory;
+  // The header's own time wins over a pax one, on purpose.
+  staged.m_mtime = following.m_mtime;
+  staged.m_exactMtime = following.m_exactMtime;
+  if (notSet(PAX_SIZE)) staged.m_size = following.m_size;
+  if (notSet(PAX_PATH)) {
+    staged.m_name.weakClear();
+    staged.m_prefix.clear();
+    staged.m_path = following.m_path;
+  }
+  if (notSet(PAX_GNAME)) staged.m_groupName = std::move(following.m_groupName);
+  if (notSet(PAX_UNAME)) staged.m_userName = std::move(following.m_userName);
+  staged.m_linkName = following.m_linkName;
+}
+
+void combineHeaderLongFilename(TarHeader& following, TarHeader& staged) {
+  staged.m_typeFlag = following.m_typeFlag;
+  staged.m_isDirectory = following.m_isDirectory;
+  staged.m_mode = following.m_mode;
+  staged.m_uid = following.m_uid;
+  staged.m_gid = following.m_gid;
+  staged.m_size = following.m_size;
+  staged.m_mtime = following.m_mtime;
+  staged.m_exactMtime = following.m_exactMtime;
+  staged.m_groupName = std::move(following.m_groupName);
+  staged.m_userName = std::move(following.m_userName);
+  staged.m_linkName = following.m_linkName;
+}
+
+}  // namespace morvane

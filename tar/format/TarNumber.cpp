@@ -1,0 +1,123 @@
+#include "tar/format/TarNumber.h"
+
+#include <cstring>
+
+#include "runtime/text/SmallStrings.h"
+
+namespace morvane {
+
+namespace {
+
+constexpr unsigned long long kLargest = 0x7FFFFFFFFFFFFFFFull;
+
+bool isOctalDigit(unsigned char c) { return c >= '0' && c <= '7'; }
+
+NumberField parseBase256(const unsigned char* at, unsigned width) {
+  NumberField number;
+  if (at[0] & 0x40) {
+    number.state = NumberField::State::Negative;
+    return number;
+  }
+  number.value = at[0] & 0x3F;
+  for (unsigned i = 1; i < width; ++i) {
+    if (number.value > kLargest >> 8) {
+      number.state = NumberField::State::TooLarge;
+      number.value = kLargest;
+      return number;
+    }
+    number.value = number.value << 8 | at[i];
+  }
+  return number;
+}
+
+NumberField parseOctal(const unsigned char* at, unsigned width) {
+  NumberField number;
+  const unsigned char* const end = at + width;
+  while (at < end && *at == ' ') ++at;
+  for (; at < end && isOctalDigit(*at); ++at) number.value = number.value << 3 | (*at - unsigned{'0'});
+  if (at < end && *at != ' ' && *at != '\0') number.state = NumberField::State::Foreign;
+  return number;
+}
+
+}  // namespace
+
+void putOctal(unsigned char* block, Field field, unsigned value) {
+  char digits[16];
+  mv_0o(value, field.width - 1, digits);
+  std::memcpy(block + field.offset, digits, field.width);
+}
+
+void putSize(unsigned char* block, long long n) {
+  unsigned char* const field = block + kSizeField.offset;
+  char digits[66];
+  mv64::itoa(n, digits, 8);
+  const unsigned count = static_cast<unsigned>(std::strlen(digits));
+  constexpr unsigned kDigits = kSizeField.width - 1;
+  if (count > kDigits) {
+    numToBase256(n, reinterpret_cast<char*>(field), kSizeField.width);
+    return;
+  }
+  std::memset(field, '0', kDigits - count);
+  std::memcpy(field + kDigits - count, digits, count + 1);
+}
+
+void putChecksum(unsigned char* block) {
+  char digits[8];
+  mv_0o(headerChecksum(block), 6, digits);
+  digits[7] = ' ';
+  std::memcpy(block + kChecksumField.offset, digits, sizeof digits);
+}
+
+unsigned headerChecksum(const unsigned char* block) {
+  if (!block) return 0;
+  // Columns of 16 bits, which a vector register adds at once and 32 bytes cannot fill.
+  constexpr unsigned kColumns = 16;
+  unsigned short columns[kColumns] = {};
+  for (unsigned row = 0; row < kBlockSize; row += kColumns) {
+    for (unsigned i = 0; i < kColumns; ++i) {
+      columns[i] = static_cast<unsigned short>(columns[i] + block[row + i]);
+    }
+  }
+  unsigned sum = 0;
+  for (const unsigned column : columns) sum += column;
+  for (unsigned i = 0; i < kChecksumField.width; ++i) {
+    sum += unsigned{' '} - block[kChecksumField.offset + i];
+  }
+  return sum;
+}
+
+bool numToBase256(long long value, char* out, int len) {
+  for (int i = len; i-- > 0; value >>= 8) out[i] = static_cast<char>(value & 0xFF);
+  out[0] = static_cast<char>(out[0] | 0x80);
+  return value == 0;
+}
+
+bool base256ToNum(long long& out, const char* in, int len) {
+  out = 0;
+  const auto byteAt = [in](int i) { return static_cast<unsigned char>(in[i]); };
+  if (byteAt(0) & 0x40) return false;
+  unsigned long long value = byteAt(0) & 0x3F;
+  for (int i = 1; i < len; ++i) value = value << 8 | byteAt(i);
+  out = static_cast<long long>(value);
+  return true;
+}
+
+NumberField parseNumber(const unsigned char* block, Field field) {
+  const unsigned char* const at = block + field.offset;
+  return *at & 0x80 ? parseBase256(at, field.width) : parseOctal(at, field.width);
+}
+
+bool hasValidChecksum(const unsigned char* block) {
+  const unsigned long long stored = parseNumber(block, kChecksumField).value;
+  const unsigned sum = headerChecksum(block);
+  if (stored == sum) return true;
+  // As signed char, each byte from 0x80 on counts 256 less.
+  unsigned highBytes = 0;
+  for (unsigned i = 0; i < kBlockSize; ++i) {
+    const bool inChecksum = i >= kChecksumField.offset && i < kChecksumField.offset + kChecksumField.width;
+    if (!inChecksum && block[i] & 0x80) ++highBytes;
+  }
+  return stored + 256ull * highBytes == sum;
+}
+
+}  // namespace morvane

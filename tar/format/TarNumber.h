@@ -1,0 +1,45 @@
+// The numbers in a header block: octal text, base-256 (GNU's binary form for what octal cannot hold), the
+// checksum.
+#pragma once
+
+#include "tar/format/TarBlock.h"
+
+namespace morvane {
+
+// Writes width - 1 octal digits and NUL; a value that needs more digits keeps its low ones.
+void putOctal(unsigned char* block, Field field, unsigned value);
+// Writes a size (n >= 0): 11 octal digits and NUL, from 8 GiB on base-256.
+void putSize(unsigned char* block, long long n);
+// Writes the checksum of the otherwise finished block.
+void putChecksum(unsigned char* block);
+
+// The unsigned sum of the block's bytes, its checksum field counted as blanks. 0 for a null pointer.
+unsigned headerChecksum(const unsigned char* block);
+
+// Big-endian binary with bit 7 of the first byte as a marker. True when the value fitted, so false for a
+// negative one; whether the marker covered a bit of the value is not checked.
+bool numToBase256(long long value, char* out, int len);
+// The marker is not required. False, with `out` 0, for a negative number (bit 6 of the first byte). Bits over
+// the 64th are lost.
+bool base256ToNum(long long& out, const char* in, int len);
+
+// A numeric field as read from a block that nobody vouches for.
+struct NumberField {
+  enum class State { Ok, Negative, TooLarge, Foreign };
+  State state = State::Ok;
+  // Foreign: what stood before the foreign character. Negative: 0. TooLarge (over 2^63-1): 2^63-1.
+  unsigned long long value = 0;
+
+  // Negative is 0, anything over 32 bits 2^32-1.
+  unsigned as32() const { return value > 0xFFFFFFFFull ? 0xFFFFFFFFu : static_cast<unsigned>(value); }
+};
+
+// Octal with leading blanks, ended by a blank, NUL or the field's end; blank is 0. Or base-256, where the
+// marker is.
+NumberField parseNumber(const unsigned char* block, Field field);
+
+// Whether the stored checksum is that of the block: the unsigned sum, or the signed one that old writers
+// made.
+bool hasValidChecksum(const unsigned char* block);
+
+}  // namespace morvane

@@ -1,0 +1,258 @@
+#include "tar/format/XmlEntry.h"
+
+#include <charconv>
+#include <cstdio>
+#include <cstring>
+#include <iterator>
+#include <string>
+#include <string_view>
+
+#include "runtime/fs/MorvaneFileTime.h"
+#include "runtime/log/LogBase.h"
+#include "runtime/text/CharsetDecoder.h"
+#include "runtime/text/StringBuffer.h"
+#include "runtime/text/Utf8.h"
+#include "runtime/text/XString.h"
+#include "tar/format/NameDecoder.h"
+#include "tar/format/TarBlock.h"
+#include "tar/format/TarHeader.h"
+
+namespace morvane {
+
+namespace {
+
+// What XML 1.0 allows as a character; everything else has no way to be written, not even as a reference.
+bool isXmlCharacter(char32_t c) {
+  if (c < 0x20) return c == '\t' || c == '\n' || c == '\r';
+  return c < kInvalidByte && c != 0xFFFE && c != 0xFFFF;
+}
+
+bool isPlainXml(std::string_view text) {
+  for (size_t at = 0; at < text.size();) {
+    if (!isXmlCharacter(nextUtf8(text, at))) return false;
+  }
+  return true;
+}
+
+// Text that stands for itself, as most names do.
+bool needsNoCare(std::string_view text) {
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte < 0x20 || byte >= 0x7F || c == '&' || c == '<' || c == '>' || c == '"') return false;
+  }
+  return true;
+}
+
+void appendHex(unsigned char byte, std::string& out) {
+  char text[8];
+  std::snprintf(text, sizeof text, "\\x%02X", byte);
+  out += text;
+}
+
+// In text that holds anything XML cannot, such bytes become \xHH and a back slash two of them.
+void appendXmlText(std::string_view text, bool escaped, std::string& out) {
+  for (size_t at = 0; at < text.size();) {
+    const size_t start = at;
+    const char32_t c = nextUtf8(text, at);
+    switch (c) {
+      case '&':
+        out += "&amp;";
+        continue;
+      case '<':
+        out += "&lt;";
+        continue;
+      case '>':
+        out += "&gt;";
+        continue;
+      case '"':
+        out += "&quot;";
+        continue;
+      // As references, for a parser turns them into blanks or line ends of its own.
+      case '\t':
+        out += "&#9;";
+        continue;
+      case '\n':
+        out += "&#10;";
+        continue;
+      case '\r':
+        out += "&#13;";
+        continue;
+      default:
+        break;
+    }
+    if (escaped && c == '\\') {
+      out += "\\\\";
+    } else if (isXmlCharacter(c)) {
+      out.append(text, start, at - start);
+    } else {
+      for (size_t i = start; i < at; ++i) appendHex(static_cast<unsigned char>(text[i]), out);
+    }
+  }
+}
+
+struct Element {
+  std::string_view start, escapedStart, end;
+};
+
+#define MORVANE_ELEMENT(name) \
+  { "\t\t<" name ">", "\t\t<" name " escaped=\"true\">", "</" name ">\r\n" }
+constexpr Element kPathElement = MORVANE_ELEMENT("path");
+constexpr Element kUserElement = MORVANE_ELEMENT("user");
+constexpr Element kGroupElement = MORVANE_ELEMENT("group");
+constexpr Element kLinkElement = MORVANE_ELEMENT("link");
+constexpr Element kDataElement = MORVANE_ELEMENT("data");
+#undef MORVANE_ELEMENT
+
+void appendElement(const Element& element, std::string_view text, std::string& out) {
+  if (needsNoCare(text)) {
+    out.append(element.start).append(text);
+  } else {
+    const bool escaped = !isPlainXml(text);
+    out.append(escaped ? element.escapedStart : element.start);
+    appendXmlText(text, escaped, out);
+  }
+  out.append(element.end);
+}
+
+std::string_view kindOf(const TarHeader& header) {
+  if (header.m_isDirectory) return "directory";
+  switch (header.m_typeFlag) {
+    case kTypeRegular:
+    case kTypeOldRegular:
+      return "file";
+    case kTypeHardLink:
+      return "hardlink";
+    case kTypeSymbolicLink:
+      return "symlink";
+    case kTypePax:
+    case kTypePaxGlobal:
+    case kTypeLongName:
+    case kTypeLongLink:
+      return "record";
+    default:
+      return "other";
+  }
+}
+
+// The start of an entry, put together apart and appended in one go: there is one for each of a million
+// members.
+class EntryStart {
+ public:
+  void text(std::string_view text) {
+    std::memcpy(m_end, text.data(), text.size());
+    m_end += text.size();
+  }
+  void number(std::string_view label, long long value, int base = 10, unsigned leastDigits = 1) {
+    text(label);
+    char digits[24];
+    const auto n = static_cast<unsigned>(std::to_chars(digits, std::end(digits), value, base).ptr - digits);
+    for (unsigned i = n; i < leastDigits; ++i) text("0");
+    text(std::string_view(digits, n));
+  }
+  // ISO 8601 in UTC; nothing for a year that has no four digits.
+  void isoTime(std::string_view label, long long seconds, std::string_view behind) {
+    constexpr long long kYear0001 = -62135596800, kYear10000 = 253402300800;
+    if (seconds < kYear0001 || seconds >= kYear10000) return;
+    const MorvaneSysTime time = MorvaneSysTime::fromFileTime(MorvaneFileTime::fromUnixTime64(seconds));
+    number(label, time.year, 10, 4);
+    number("-", time.month, 10, 2);
+    number("-", time.day, 10, 2);
+    number("T", time.hour, 10, 2);
+    number(":", time.minute, 10, 2);
+    number(":", time.second, 10, 2);
+    text(behind);
+  }
+  void appendTo(std::string& out) const { out.append(m_text, static_cast<size_t>(m_end - m_text)); }
+
+ private:
+  char m_text[384];  // the labels have 90, six numbers at most 23 each, the time and the kind 30
+  char* m_end = m_text;
+};
+
+std::string quotedPrintable(const unsigned char* bytes, unsigned n) {
+  std::string text;
+  for (unsigned i = 0; i < n; ++i) {
+    const unsigned char byte = bytes[i];
+    // "]" and ">" too, so that no CDATA section is ended, and what separates the fields.
+    const bool plain =
+        byte >= 0x20 && byte < 0x7F && byte != '=' && byte != ']' && byte != '>' && byte != ';';
+    if (plain) {
+      text.push_back(static_cast<char>(byte));
+    } else {
+      char escape[8];
+      std::snprintf(escape, sizeof escape, "=%02X", byte);
+      text += escape;
+    }
+  }
+  return text;
+}
+
+constexpr const char* kFieldNames[] = {"name",     "mode",     "uid",      "gid",   "size",  "mtime",
+                                       "chksum",   "typeflag", "linkname", "magic", "uname", "gname",
+                                       "devmajor", "devminor", "prefix",   "tail"};
+static_assert(sizeof kFieldNames / sizeof *kFieldNames == sizeof kAllFields / sizeof *kAllFields);
+
+// A field without the NULs at its end.
+std::string fieldText(const unsigned char* block, const Field& field) {
+  unsigned n = field.width;
+  while (n > 0 && block[field.offset + n - 1] == 0) --n;
+  return quotedPrintable(block + field.offset, n);
+}
+
+}  // namespace
+
+void toXmlEntry(const TarHeader& header, XString& xml, const char* extensionData, CharsetDecoder& decoder) {
+  std::string& out = xml.buffer();
+  std::string decoded;
+  const auto appendName = [&](const Element& element, std::string_view bytes) {
+    if (decoder.isUtf8()) {
+      appendElement(element, bytes, out);
+      return;
+    }
+    decoded.clear();
+    decoder.append(bytes, decoded);
+    appendElement(element, decoded, out);
+  };
+  out += "\t<entry type=\"";
+  appendXmlText(std::string_view(&header.m_typeFlag, 1), true, out);
+  EntryStart start;
+  start.text("\" kind=\"");
+  start.text(kindOf(header));
+  start.number("\" size=\"", header.m_size);
+  start.number("\" mode=\"", header.m_mode, 8, 4);
+  start.number("\" uid=\"", header.m_uid);
+  start.number("\" gid=\"", header.m_gid);
+  start.number("\" mtime=\"", header.m_exactMtime.seconds);
+  start.isoTime("\" modified=\"", header.m_exactMtime.seconds, "Z");
+  start.text("\">\r\n");
+  start.appendTo(out);
+  appendName(kPathElement, header.m_path.str());
+  appendName(kUserElement, header.userName());
+  appendName(kGroupElement, header.groupName());
+  if (*header.linkPath() != '\0') appendName(kLinkElement, header.linkPath());
+  if (extensionData) appendName(kDataElement, extensionData);
+  out += "\t</entry>\r\n";
+}
+
+void TarHeader::toXmlEntry(XString& xml, const char* extensionData, const char* charset, ProgressMonitor*,
+                           LogBase& log) const {
+  NameDecoder names;
+  morvane::toXmlEntry(*this, xml, extensionData, names.forCharset(charset, log));
+}
+
+void TarHeader::getFieldsQP(const unsigned char* block, StringBuffer& out) {
+  std::string text;
+  for (unsigned i = 0; i < sizeof kAllFields / sizeof *kAllFields; ++i) {
+    if (i > 0) text += "; ";
+    text.append(kFieldNames[i]).append("=").append(fieldText(block, kAllFields[i]));
+  }
+  out = text;
+}
+
+void TarHeader::debugLogTarHeader(const unsigned char* block, LogBase& log) {
+  for (unsigned i = 0; i < sizeof kAllFields / sizeof *kAllFields; ++i) {
+    log.LogData(kFieldNames[i], fieldText(block, kAllFields[i]).c_str());
+  }
+}
+
+}  // namespace morvane

@@ -1,0 +1,47 @@
+// The path of one member on its way from the archive to the disk, the same in both engines.
+#pragma once
+
+#include "runtime/text/XString.h"
+#include "tar/format/NameDecoder.h"
+#include "tar/settings/ReadSettings.h"
+
+namespace morvane {
+
+class LogBase;
+class ProgressEvent;
+class StringBuffer;
+class TarHeader;
+
+class MemberPath {
+ public:
+  // Path rules, decoding, and the place below UntarFromDir. An unknown Charset is said once.
+  void set(const TarHeader& header, const ReadSettings& settings, LogBase& log);
+  // The decoder of names, for what else is to be decoded of the same archive.
+  CharsetDecoder& decoder(const ReadSettings& settings, LogBase& log) {
+    return m_decoder.forCharset(settings.charset, log);
+  }
+  // ".", or whatever UntarFromDir is, joined with entryPath(); absolute entry paths stand for themselves.
+  // Made when it is first asked for: a walk needs none.
+  const XString& outputPath() const;
+  // UntarFromDir as it was when the path was set: one set in the member's own callback holds from the next
+  // on.
+  const XString& targetDir() const { return m_dir; }
+  // The member's path after the path rules: what the filters see.
+  const XString& entryPath() const { return m_entryPath; }
+
+ private:
+  XString m_entryPath;
+  XString m_dir;
+  mutable XString m_outputPath;
+  mutable bool m_hasOutputPath = false;
+  NameDecoder m_decoder;
+};
+
+// Extension data may carry texts of many megabytes: what was taken from such a one is not kept twice.
+void giveUpLongText(StringBuffer& text);
+
+// Sends onTarHeader.
+void announceHeader(ProgressEvent& event, const TarHeader& header, const XString& entryPath,
+                    long long headerPosition, const ReadSettings& settings);
+
+}  // namespace morvane

@@ -1,0 +1,46 @@
+// Where a reader stands in an archive, and how it gets further: by seeking where the source can, else by
+// reading on. Positions count from the archive's start, wherever in the source that lies.
+#pragma once
+
+#include "runtime/io/_mvDataSource.h"
+#include "runtime/log/LogBase.h"
+#include "runtime/progress/ProgressMonitor.h"
+#include "tar/format/TarBlock.h"
+
+namespace morvane {
+
+class ArchiveCursor {
+ public:
+  // The archive starts where the source stands.
+  ArchiveCursor(_mvDataSource& source, ProgressMonitor* pm, LogBase& log)
+      : m_source(source), m_pm(pm), m_log(log), m_start(source.ftell64()) {}
+
+  long long position() const { return m_at; }
+  // Tells that n bytes were read from the source.
+  void passed(long long n) { m_at = saturatedSum(m_at, n); }
+  // False, with the reason in the log, when a source that cannot be moved failed while it was read on: what
+  // comes next would be data in the place of a header. Where a seek fails, reads fail from then on, and it is
+  // the next header that says so.
+  [[nodiscard]] bool moveTo(long long position) {
+    const long long skipped = position - m_at;
+    m_at = position;
+    if (skipped == 0) return true;
+    if (m_start < 0) {
+      if (m_source.skip(skipped, m_pm, m_log)) return true;
+      if (!m_pm || !m_pm->isAborted()) m_log.LogError("Failed to pass over data of the archive.");
+      return false;
+    }
+    m_source.fseekAbsolute64(saturatedSum(m_start, position), m_log);
+    if (m_pm) m_pm->consumeProgress(skipped, m_log);
+    return true;
+  }
+
+ private:
+  _mvDataSource& m_source;
+  ProgressMonitor* const m_pm;
+  LogBase& m_log;
+  const long long m_start;  // -1 when the source cannot be moved
+  long long m_at = 0;
+};
+
+}  // namespace morvane

@@ -1,0 +1,26 @@
+#include "tar/write/SourceEntry.h"
+
+namespace morvane {
+
+std::string makePairEntry(std::string_view localPath, std::string_view pathInTar) {
+  std::string entry(1, kEntryEscape);
+  entry.append(localPath).push_back(kEntryEscape);
+  return entry.append(pathInTar);
+}
+
+SourceEntry parseSourceEntry(std::string_view entry) {
+  SourceEntry parsed;
+  parsed.isPair = !entry.empty() && entry.front() == kEntryEscape;
+  if (!parsed.isPair) {
+    parsed.localPath = entry;
+    return parsed;
+  }
+  const size_t closing = entry.find(kEntryEscape, 1);
+  parsed.isClosed = closing != std::string_view::npos;
+  if (!parsed.isClosed) return parsed;
+  parsed.localPath = entry.substr(1, closing - 1);
+  parsed.pathInTar = entry.substr(closing + 1);
+  return parsed;
+}
+
+}  // namespace morvane
