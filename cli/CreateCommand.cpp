@@ -15,6 +15,7 @@
 #include "cli/ReadArchive.h"
 #include "cli/Report.h"
 #include "cli/Selection.h"
+#include "runtime/codec/Compression.h"
 #include "tar/ClsTar.h"
 
 namespace mvtar {
@@ -22,12 +23,11 @@ namespace mvtar {
 namespace {
 
 using morvane::ClsTar;
+using morvane::Compression;
 using morvane::XString;
 
 // What makes the component name what it could not do as asked, instead of failing or passing over it.
-constexpr char kWords[] =
-    "SkipOutputFile,SkipUnreadable,WriteExactSizes,CountSkipsExcluded,UstarOverflow=fail,UstarPlainPrefix,"
-    "PaxExact,OpenBeforeEvent";
+constexpr char kWords[] = "Profile=usual,OpenBeforeEvent";
 
 constexpr char kEscape = '\x1B';
 
@@ -36,18 +36,12 @@ bool endsWith(const std::string& text, const char* ending) {
   return text.size() >= length && text.compare(text.size() - length, length, ending) == 0;
 }
 
-enum class Compression { None, Gzip, Bzip2 };
-
+// By the option, else by what the archive's name promises.
 Compression compressionOf(const CommandLine& line) {
   if (line.gzip) return Compression::Gzip;
   if (line.bzip2) return Compression::Bzip2;
-  for (const char* ending : {".tar.gz", ".tgz"}) {
-    if (endsWith(line.archive, ending)) return Compression::Gzip;
-  }
-  for (const char* ending : {".tar.bz2", ".tbz", ".tbz2"}) {
-    if (endsWith(line.archive, ending)) return Compression::Bzip2;
-  }
-  return Compression::None;
+  const Compression promised = morvane::compressionBySuffix(line.archive).value_or(Compression::None);
+  return morvane::canBeWritten(promised) ? promised : Compression::None;
 }
 
 // A path given to the component, and what it, or what lies below it, is called in the archive.
@@ -326,7 +320,7 @@ int createArchive(const CommandLine& line) {
       (std::string(kWords) + (bar.mayBeShown() ? "" : ",NoTotal") + line.options).c_str());
   CreateEvent event(report, bar, tar, sources.names(), line);
   bool ok = write(tar, line, event, report);
-  if (event.missedOnlyUnwanted() && failureReason(tar).empty()) ok = true;
+  if (event.missedOnlyUnwanted() && tar.get_OnlyLeftOut()) ok = true;
   bar.clear();
   if (line.printLog) report.log(tar);
   if (isInterrupted()) {

@@ -119,9 +119,12 @@ class OutputEvent : public MemberEvent {
 
  private:
   void onSelected(const TarMemberInfo& member) override {
-    m_path = member.path;
+    m_path = std::string(member.path, strnlen(member.path, kShownAtMost));
     m_lost = lostKind(member);
   }
+
+  // Of a name of many megabytes no second copy is kept; it is only shown.
+  static constexpr size_t kShownAtMost = 1 << 20;
 
   std::string m_path;
   const char* m_lost = nullptr;

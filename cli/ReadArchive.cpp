@@ -10,8 +10,8 @@ namespace mvtar {
 
 namespace {
 
-using morvane::ArchiveKind;
 using morvane::ClsTar;
+using morvane::Compression;
 using morvane::OsFile;
 
 constexpr unsigned kFirstLook = 512;
@@ -19,9 +19,7 @@ constexpr unsigned kFirstLook = 512;
 }  // namespace
 
 std::string readingWords(const CommandLine& line) {
-  const std::string words =
-      "FullRead,VerifyGzip,GzipAllMembers,Bz2Framed,RequireEndOfArchive,EntryEvents,SkipUncreatable";
-  return words + (line.keepNames ? "" : ",Confine=beneath") + line.options;
+  return std::string("Profile=usual") + (line.keepNames ? ",Confine=off" : "") + line.options;
 }
 
 bool ArchiveReader::open(const CommandLine& line, Report& report) {
@@ -41,12 +39,12 @@ bool ArchiveReader::open(const CommandLine& line, Report& report) {
   // The first bytes of a slow pipe may be long in coming.
   InterruptEvent event;
   morvane::ProgressMonitor monitor(event, 1, 0, 0);
-  if (!detectArchiveKind(m_source, m_kind, &monitor, log)) {
+  if (!detectArchive(m_source, m_compression, &monitor, log)) {
     const auto& cause = log.cause();
     if (!isInterrupted()) report.problem(line.archive, cause.reason.empty() ? cause.message : cause.reason);
     return false;
   }
-  return m_kind != ArchiveKind::Unknown || !isForeign(line, report);
+  return m_compression || !isForeign(line, report);
 }
 
 // Whether the content is known to be something else, which is then named: "checksum is wrong" would tell
@@ -71,19 +69,16 @@ bool ArchiveReader::openPath(const std::string& path, Report& report) {
   return false;
 }
 
-bool ArchiveReader::isPlain() const { return m_kind == ArchiveKind::Plain || m_kind == ArchiveKind::Unknown; }
+// What is nothing that is known is read as a plain archive, which then says what is wrong with it.
+bool ArchiveReader::isPlain() const { return m_compression.value_or(Compression::None) == Compression::None; }
 
 bool ArchiveReader::read(ClsTar& tar, morvane::ProgressEvent& event) {
-  switch (m_kind) {
-    case ArchiveKind::Gzip:
-      return tar.UntarGz(m_source, &event);
-    case ArchiveKind::Bzip2:
-      return tar.UntarBz2(m_source, &event);
-    case ArchiveKind::Compress:
-      return tar.UntarZ(m_source, &event);
-    case ArchiveKind::Plain:
-    case ArchiveKind::Unknown:
-      break;
+  using Untar = bool (ClsTar::*)(morvane::_mvDataSource&, morvane::ProgressEvent*);
+  static constexpr std::pair<Compression, Untar> kMethods[] = {{Compression::Gzip, &ClsTar::UntarGz},
+                                                               {Compression::Bzip2, &ClsTar::UntarBz2},
+                                                               {Compression::Compress, &ClsTar::UntarZ}};
+  for (const auto& [compression, untar] : kMethods) {
+    if (m_compression == compression) return (tar.*untar)(m_source, &event);
   }
   const bool ok =
       tar.get_SuppressOutput() ? tar.VerifyTar(m_source, &event) : tar.Untar(m_source, &event) >= 0;
@@ -115,7 +110,7 @@ std::string failureReason(ClsTar& tar) {
   return reason.str();
 }
 
-bool cameToTheEnd(ClsTar& tar, bool ok) { return ok || (failureReason(tar).empty() && !isInterrupted()); }
+bool cameToTheEnd(ClsTar& tar, bool ok) { return ok || (tar.get_OnlyLeftOut() && !isInterrupted()); }
 
 int finish(ClsTar& tar, const CommandLine& line, Report& report, bool ok, const char* rest) {
   if (line.printLog) report.log(tar);

@@ -8,7 +8,7 @@
 #include "cli/ProgressBar.h"
 #include "cli/Report.h"
 #include "tar/ClsTar.h"
-#include "tar/format/ArchiveKind.h"
+#include "tar/format/ArchiveContent.h"
 
 namespace mvtar {
 
@@ -34,7 +34,7 @@ class ArchiveReader {
   void takeRestOfRecord();
 
   morvane::_mvFileDataSource m_source;
-  morvane::ArchiveKind m_kind = morvane::ArchiveKind::Unknown;
+  std::optional<morvane::Compression> m_compression;  // nothing: not told
 };
 
 // The end of a command that reads: the log, the failure, the interrupt and the closing line said. `rest` as

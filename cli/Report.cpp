@@ -18,7 +18,7 @@ bool startsWith(std::string_view text, std::string_view start) {
 }
 
 // Memory that ran out is called the same wherever it did.
-std::string plainReason(const std::string& reason) {
+std::string_view plainReason(std::string_view reason) {
   const bool noMemory = startsWith(reason, "Out of memory") || reason == std::strerror(ENOMEM);
   return noMemory ? kOutOfMemory : reason;
 }
@@ -40,18 +40,15 @@ void Report::notice(std::string_view path, std::string_view text) {
 
 void Report::problem(std::string_view path, std::string_view reason) {
   m_status = kNotAllDone;  // first: saying it takes memory
-  notice(path, reason);
+  notice(path, plainReason(reason));
 }
 
 void Report::failure(morvane::ClsTar& tar, const std::string& archive) {
   morvane::XString path, reason;
   tar.get_FailureCause(path, reason);
-  if (reason.isEmpty()) {
-    // The call found no fault but that members are missing, and each of those was named when it was left out.
-    if (m_status == kDone) problem(archive, "it failed");
-    return;
-  }
-  problem(path.isEmpty() ? archive : path.str(), plainReason(reason.str()));
+  // What is merely missing was named when it was left out.
+  if (tar.get_OnlyLeftOut() && m_status != kDone) return;
+  problem(path.isEmpty() ? archive : path.str(), reason.isEmpty() ? "it failed" : reason.str());
 }
 
 void Report::name(std::string_view name, const std::string& before, const std::string& behind) {

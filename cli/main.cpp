@@ -57,7 +57,9 @@ int runCommandLine(int argc, char** argv) {
     return mvtar::kWrongUsage;
   }
   mvtar::catchInterrupts();
-  return runCommand(line);
+  const int status = runCommand(line);
+  mvtar::StandardOutput::flush();
+  return status;
 }
 
 }  // namespace
@@ -72,5 +74,8 @@ int main(int argc, char** argv) {
     return runCommandLine(argc, argv);
   } catch (const std::bad_alloc&) {
     return mvtar::finishWithoutMemory();
+  } catch (const std::exception& exception) {
+    mvtar::writeToStandardError(std::string("mvtar: ") + exception.what() + "\n");
+    return mvtar::kNotAllDone;
   }
 }

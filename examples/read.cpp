@@ -4,21 +4,24 @@
 #include <cstdio>
 
 #include "tar/ClsTar.h"
-#include "tar/format/ArchiveKind.h"
+#include "tar/format/ArchiveContent.h"
 
 namespace {
 
-bool extract(morvane::ClsTar& tar, morvane::_mvFileDataSource& source, morvane::ArchiveKind kind) {
-  switch (kind) {
-    case morvane::ArchiveKind::Gzip:
+using morvane::Compression;
+
+bool extract(morvane::ClsTar& tar, morvane::_mvFileDataSource& source, Compression compression) {
+  switch (compression) {
+    case Compression::Gzip:
       return tar.UntarGz(source);
-    case morvane::ArchiveKind::Bzip2:
+    case Compression::Bzip2:
       return tar.UntarBz2(source);
-    case morvane::ArchiveKind::Compress:
+    case Compression::Compress:
       return tar.UntarZ(source);
-    default:
-      return tar.Untar(source) >= 0;
+    case Compression::None:
+      break;
   }
+  return tar.Untar(source) >= 0;
 }
 
 }  // namespace
@@ -29,18 +32,19 @@ int main(int argc, char** argv) {
     return 64;
   }
   morvane::_mvFileDataSource source;
-  morvane::ArchiveKind kind = morvane::ArchiveKind::Unknown;
+  std::optional<Compression> compression;
   morvane::LogNull unwanted;
-  if (!source.openDataSourceFile(argv[1], unwanted) || !detectArchiveKind(source, kind, nullptr, unwanted)) {
+  if (!source.openDataSourceFile(argv[1], unwanted) ||
+      !detectArchive(source, compression, nullptr, unwanted)) {
     std::fprintf(stderr, "read: %s cannot be read\n", argv[1]);
     return 1;
   }
   morvane::ClsTar tar;
   tar.put_UntarFromDir(argv[2]);
-  // Nothing outside the target is touched, every record is understood as other tars mean it, and an archive
-  // that is damaged or cut does not pass for a whole one.
-  tar.put_UncommonOptions("Confine=beneath,FullRead,VerifyGzip,GzipAllMembers,Bz2Framed,RequireEndOfArchive");
-  if (extract(tar, source, kind)) return 0;
+  // Nothing outside the target is touched, every record is understood as other tars mean it, an archive that
+  // is damaged or cut does not pass for a whole one, and there are limits to what it may cost.
+  tar.put_UncommonOptions("Profile=untrusted");
+  if (extract(tar, source, compression.value_or(Compression::None))) return 0;
   morvane::XString path, reason;
   tar.get_FailureCause(path, reason);
   std::fprintf(stderr, "read: %s: %s\n", path.isEmpty() ? argv[1] : path.getUtf8(), reason.getUtf8());

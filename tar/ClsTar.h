@@ -54,17 +54,18 @@
 #include "runtime/text/StringBuffer.h"
 #include "runtime/text/XString.h"
 #include "tar/format/TarHeader.h"
-#include "tar/settings/TarOptions.h"
-#include "tar/write/ArchiveOutput.h"
 #include "tar/write/DirRoot.h"
 
 namespace morvane {
 
+enum class Compression;
 enum class MethodForm;
 template <class Settings>
 class LiveSettings;
 class StreamingUntar;
+struct ArchiveOutput;
 struct ReadSettings;
+struct TarOptions;
 struct WriteSettings;
 
 class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
@@ -153,6 +154,10 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   // False when there is none, or when its data are not complete. What comes behind the member is not read.
   bool UntarMemberToOutput(const XString& tarPath, _mvOutput& out, ProgressEvent* progress = nullptr);
   bool UntarMemberToOutput(_mvDataSource& source, _mvOutput& out, ProgressEvent* progress = nullptr);
+
+  // Whether the last method got to the end of its work and failed only because something was left out on the
+  // way that the event was told of (a refused member, a source that could not be read).
+  bool get_OnlyLeftOut() const { return m_onlyLeftOut; }
 
   // ---- Debian packages
 
@@ -334,11 +339,11 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   bool addDirRoot(const XString* pathPrefix, const XString& dirPath);
   bool addEntry(const std::string& entry);
 
-  bool writeArchive(const char* pathTag, const XString* path, _mvOutput* out, WriteCompression compression,
+  bool writeArchive(const char* pathTag, const XString* path, _mvOutput* out, Compression compression,
                     ProgressEvent* progress);
   void sayWhenUserIsUnknown(ProgressEvent* progress);
   bool countTotal(ProgressEvent* progress, long long& total);
-  bool writeTo(_mvOutput& out, ProgressMonitor* pm, ProgressEvent* progress);
+  bool writeTo(_mvOutput& out, Compression compression, ProgressMonitor* pm, ProgressEvent* progress);
   bool writeSources(_mvOutput& out, ProgressMonitor* pm, LogBase& log, ProgressEvent* progress,
                     bool& anythingLost);
   int untarSource(_mvDataSource& source, bool extract, LogBase& log, ProgressMonitor* pm,
@@ -388,7 +393,7 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   RelaxedAtomic<bool> m_matchCaseSensitive = false;
   XString m_dirPrefix;
   XString m_curDirRootPath;
-  ArchiveOutput m_archive;  // where archive bytes go while writing
+  std::unique_ptr<ArchiveOutput> m_archive;  // where archive bytes go while writing
   bool m_mustMatchExact = false;
   bool m_mustNotMatchExact = false;
   std::unique_ptr<StreamingUntar> m_stream;
@@ -398,7 +403,8 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   RelaxedAtomic<bool> m_untarDiscardPaths = false;
   RelaxedAtomic<bool> m_noAbsolutePaths = true;
   RelaxedAtomic<bool> m_untarDebugLog = false;
-  TarOptions m_options;
+  std::unique_ptr<TarOptions> m_options;
+  RelaxedAtomic<bool> m_onlyLeftOut = false;
   unsigned m_optionsTaken = 0;               // as m_uncommonOptionsChanges counts
   std::vector<std::string> m_unusableWords;  // of the options
 };

@@ -193,7 +193,7 @@ TEST_F(OutOfMemory, TheCommandSaysSoAndEndsWithTwo) {
           EXPECT_TRUE(result.out == whole.out && made == wholeMade) << "something is missing";
         } else {
           EXPECT_EQ(2, result.status);
-          EXPECT_TRUE(has(result.err, "mvtar: ") && has(result.err, said("", 2))) << result.err;
+          EXPECT_TRUE(has(result.err, "out of memory\n") && has(result.err, said("", 2))) << result.err;
         }
       }
     }

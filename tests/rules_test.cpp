@@ -556,22 +556,37 @@ TEST(TarOptions, Words) {
     if (options.confine != Confine::Off)
       text += options.confine == Confine::Beneath ? "beneath " : "nolinks ";
     if (options.maxExtensionBytes != 67108864) text += std::to_string(options.maxExtensionBytes) + " ";
-    if (options.fastDeflate != 0) text += "deflate" + std::to_string(options.fastDeflate) + " ";
+    if (options.codec.fastDeflate != 0) text += "deflate" + std::to_string(options.codec.fastDeflate) + " ";
+    if (options.maxMembers != 0) {
+      text += std::to_string(options.maxMembers) + "/" + std::to_string(options.maxTotalBytes) + "/" +
+              std::to_string(options.maxRatio) + "/" + std::to_string(options.maxPathDepth) + " ";
+    }
     for (const std::string& word : complaints) text += "?" + word + " ";
     return text;
   };
   for (const std::string line :
-       {" -> ", ",, , -> ", "UstarOverflow=fail -> fail ",
-        " fULLrEAD ,confine = BENEATH, -> FullRead beneath ", "FullRead,NoTotal=on,FullRead=off -> NoTotal ",
-        "FullRead,FullRead=yes -> FullRead ?FullRead=yes ", "FullRead=,Confine -> ?FullRead= ?Confine ",
-        "Confine=nolinks,Confine=x -> nolinks ?Confine=x ", "Confine=nolinks,Confine=off -> ",
+       {" -> ",
+        ",, , -> ",
+        "UstarOverflow=fail -> fail ",
+        " fULLrEAD ,confine = BENEATH, -> FullRead beneath ",
+        "FullRead,NoTotal=on,FullRead=off -> NoTotal ",
+        "FullRead,FullRead=yes -> FullRead ?FullRead=yes ",
+        "FullRead=,Confine -> ?FullRead= ?Confine ",
+        "Confine=nolinks,Confine=x -> nolinks ?Confine=x ",
+        "Confine=nolinks,Confine=off -> ",
         "MaxExtensionBytes=5,Bogus,=x -> 5 ?Bogus ?=x ",
         "MaxExtensionBytes=0,MaxExtensionBytes=-1 -> ?MaxExtensionBytes=0 ?MaxExtensionBytes=-1 ",
         "MaxExtensionBytes=9223372036854775808 -> ?MaxExtensionBytes=9223372036854775808 ",
         "MaxExtensionBytes=5x,MaxExtensionBytes -> ?MaxExtensionBytes=5x ?MaxExtensionBytes ",
         "MaxExtensionBytes=5,MaxExtensionBytes=off -> ",
         "UstarOverflow,UstarOverflow=on,UstarOverflow=off -> ?UstarOverflow ?UstarOverflow=on ",
-        "FastDeflate=3,FastDeflate=4 -> deflate3 ?FastDeflate=4 ", "FastDeflate=1,FastDeflate=off -> "}) {
+        "FastDeflate=3,FastDeflate=4 -> deflate3 ?FastDeflate=4 ",
+        "FastDeflate=1,FastDeflate=off -> ",
+        "FullRead=off,Profile=usual,Confine=off -> fail ",
+        "Profile=usual -> FullRead fail beneath ",
+        "Profile=untrusted,MaxRatio=5 -> FullRead fail nolinks 1000000/68719476736/5/256 ",
+        "Profile=usual,Profile=off,Profile,Profile=x -> ?Profile ?Profile=x ",
+        "MaxMembers=0,MaxMembers=x -> ?MaxMembers=x "}) {
     const std::string given = line.substr(0, line.find(" -> "));
     EXPECT_EQ(line, given + " -> " + shownOptions(given));
   }

@@ -64,6 +64,9 @@ TEST(CharsetDecoder, OneServesManyNamesOfAnyLength) {
     holding.append(bytes, converted);
     EXPECT_EQ(expected, converted);
   }
+  std::string shifted;
+  stateful.append("\x1B$B$\"\xFF$\"", shifted);
+  EXPECT_EQ("\xE3\x81\x82\xFF\xE3\x81\x82", shifted) << "the shift state outlives such a byte";
   std::string name, converted;
   for (int i = 0; i < 5000; ++i) name.append("\x3D\xD8\0\xDE", 4);
   wide.append(name + "x", converted);

@@ -58,7 +58,7 @@ bool FastDeflate::run(const unsigned char* bytes, unsigned n, bool last, DataBuf
     stream.next_out = m_engine->out;
     stream.avail_out = kOut;
     if (isal_deflate(&stream) != COMP_OK) return false;
-    if (!to.append(m_engine->out, kOut - stream.avail_out)) return false;
+    if (!to.append(m_engine->out, kOut - stream.avail_out)) throw std::bad_alloc();
   } while (stream.avail_out == 0 || stream.avail_in > 0);
   return !last || stream.internal_state.state == ZSTATE_END;
 }

@@ -53,7 +53,8 @@ struct MorvaneBzip2::Compressor {
       stream.next_out = out;
       stream.avail_out = kBuffer;
       const int state = BZ2_bzCompress(&stream, action);
-      if (state < 0 || !to.append(out, kBuffer - stream.avail_out)) return false;
+      if (state < 0) return false;
+      if (!to.append(out, kBuffer - stream.avail_out)) throw std::bad_alloc();
       if (action == BZ_FINISH ? state == BZ_STREAM_END : stream.avail_in == 0) return true;
     }
   }
@@ -77,8 +78,9 @@ MorvaneBzip2::MorvaneBzip2() = default;
 MorvaneBzip2::~MorvaneBzip2() = default;
 
 bool MorvaneBzip2::BeginCompress(const DataBuffer& in, DataBuffer& out, LogBase& log, ProgressMonitor* pm) {
-  if (!m_compressor) m_compressor.reset(new (std::nothrow) Compressor());
-  if (!m_compressor || !m_compressor->begin()) return fail(log, "Failed to start bzip2 compression.");
+  if (!m_compressor) m_compressor = std::make_unique<Compressor>();
+  // With these parameters it fails for lack of memory alone.
+  if (!m_compressor->begin()) return fail(log, "Out of memory for bzip2 compression.");
   return MoreCompress(in, out, log, pm);
 }
 

@@ -62,7 +62,7 @@ struct MorvaneDeflate::Compressor {
       stream.next_out = out;
       stream.avail_out = kBuffer;
       if (deflate(&stream, flush) == Z_STREAM_ERROR) return false;
-      if (!to.append(out, kBuffer - stream.avail_out)) return false;
+      if (!to.append(out, kBuffer - stream.avail_out)) throw std::bad_alloc();
     } while (stream.avail_out == 0);
     return true;
   }
@@ -84,11 +84,9 @@ MorvaneDeflate::MorvaneDeflate() = default;
 MorvaneDeflate::~MorvaneDeflate() = default;
 
 bool MorvaneDeflate::BeginCompress(const DataBuffer& in, DataBuffer& out, LogBase& log, ProgressMonitor* pm) {
-  if (!m_compressor) m_compressor.reset(new (std::nothrow) Compressor());
-  if (!m_compressor || !m_compressor->begin(m_fastLevel)) {
-    log.LogError("Failed to start deflate compression.");
-    return false;
-  }
+  if (!m_compressor) m_compressor = std::make_unique<Compressor>();
+  // With these parameters it fails for lack of memory alone.
+  if (!m_compressor->begin(m_fastLevel)) return fail(log, "Out of memory for deflate compression.");
   return MoreCompress(in, out, log, pm);
 }
 

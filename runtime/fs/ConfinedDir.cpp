@@ -168,7 +168,7 @@ ConfinedDir::Result ConfinedDir::openParentOf(const std::string& path, Place& pl
     place.parent.reset(openBeneath(place.parts, place.parts.size()));
     if (place.parent.isOpen()) return Result::Ok;
     if (leavesTheTarget(errno)) return Result::Refused;
-    if (errno != ENOENT) return failed(kCannotOpenDirectory, joined(place.parts, 0, place.parts.size()), log);
+    if (errno != ENOENT) return failed(kCannotOpenDirectory, path, log);
   }
   return walkToParent(place, log);
 }

@@ -62,6 +62,10 @@ class MORVANE_API LogBase {
     bool open = false;    // data lines still belong to it
   };
   const Cause& cause() const { return m_cause; }
+  // Gives the error line that was logged last a reason that the log itself does not tell.
+  void noteReason(const char* reason) {
+    if (m_cause.open) m_cause.reason = reason;
+  }
   void forgetCause() { m_cause = Cause(); }
   // Takes over what a failure in another log is put down to, if no error stands here yet.
   void adoptCause(const LogBase& other);

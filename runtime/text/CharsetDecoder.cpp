@@ -20,7 +20,7 @@ bool meansUtf8(const char* name) {
 }
 
 // Null for a character set that the system does not know. Memory that runs out inside may look the same: so
-// it is tried again, and a character set that every system knows tells whether there is any.
+// it is tried again, and a character set that needs no file of the system's tells whether there is any.
 void* openConverter(const char* charsetName) {
   const auto open = [](const char* name) {
     const iconv_t opened = iconv_open("UTF-8", name);
@@ -29,10 +29,28 @@ void* openConverter(const char* charsetName) {
   void* opened = open(charsetName);
   if (!opened) opened = open(charsetName);
   if (opened) return opened;
-  void* const known = open("ISO-8859-1");
+  void* const known = open("US-ASCII");
   if (!known) throw std::bad_alloc();
   iconv_close(static_cast<iconv_t>(known));
   return nullptr;
+}
+
+// Whether a character may be held back, because the next one may combine with it: then its bytes are taken,
+// nothing comes out, and a flush brings it. These are such characters, one for each character set that has
+// any.
+bool holdsBack(void* converter) {
+  for (std::string_view probe : {"A", "\xE5", "\xA4\xAB", "\x82\xA9", "\x88\x66"}) {
+    const auto cd = static_cast<iconv_t>(converter);
+    iconv(cd, nullptr, nullptr, nullptr, nullptr);
+    char out[64];
+    char* in = const_cast<char*>(probe.data());
+    char* outAt = out;
+    size_t inLeft = probe.size(), outLeft = sizeof out;
+    if (iconv(cd, &in, &inLeft, &outAt, &outLeft) != 0 || inLeft > 0 || outAt != out) continue;
+    iconv(cd, nullptr, nullptr, &outAt, &outLeft);
+    if (outAt != out) return true;
+  }
+  return false;
 }
 
 }  // namespace
@@ -41,6 +59,7 @@ CharsetDecoder::CharsetDecoder(const char* charsetName) {
   if (meansUtf8(charsetName)) return;
   m_converter = openConverter(charsetName);
   m_known = m_converter != nullptr;
+  m_holdsBack = m_known && holdsBack(m_converter);
 }
 
 CharsetDecoder::~CharsetDecoder() {

@@ -30,6 +30,7 @@ class CharsetDecoder {
 
   void* m_converter = nullptr;  // an iconv_t; null copies
   bool m_known = true;
+  bool m_holdsBack = false;
 };
 
 }  // namespace morvane

@@ -1,6 +1,7 @@
 #include "tar/ClsTar.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <new>
 #include <utility>
 
@@ -22,12 +23,15 @@ ClsTar* ClsTar::createNewCls() {
 }
 
 ClsTar::ClsTar()
-    : ClsBase("ClsTar"), m_stream(std::make_unique<StreamingUntar>(liveReadSettings(), m_xmlListing)) {}
+    : ClsBase("ClsTar"),
+      m_archive(std::make_unique<ArchiveOutput>()),
+      m_stream(std::make_unique<StreamingUntar>(liveReadSettings(), m_xmlListing)),
+      m_options(std::make_unique<TarOptions>()) {}
 
 ClsTar::~ClsTar() {
   if (!isAlive()) return;
   CritSecExitor lock(*this);
-  m_archive.m_output = nullptr;
+  m_archive->m_output = nullptr;
   m_stream->releaseOutput();
 }
 
@@ -43,7 +47,7 @@ bool ClsTar::takeOptions(LogBase& log) {
   if (const unsigned changes = m_uncommonOptionsChanges.now(); m_optionsTaken != changes) {
     CritSecExitor lock(*this);
     std::vector<std::string> unusable;
-    m_options = parseTarOptions(m_uncommonOptions.str(), unusable);
+    *m_options = parseTarOptions(m_uncommonOptions.str(), unusable);
     m_unusableWords = std::move(unusable);
     m_optionsTaken = changes;  // only now, for what went before may throw
     changed();
@@ -55,11 +59,15 @@ bool ClsTar::takeOptions(LogBase& log) {
   return m_unusableWords.empty();
 }
 
-// The group's name is the user's, too, on purpose: most users have a group of that name.
+// The group's name is the user's, too, on purpose: most users have a group of that name. A database that
+// cannot be read now may be read the next time.
 void ClsTar::lookUpUser() const {
+  m_userLookupError = 0;
   if (m_userNameIsSet && m_groupNameIsSet) return;
   StringBuffer user;
   m_userLookupError = Psdk::getUsername(user);
+  if (m_userLookupError == ENOMEM) throw std::bad_alloc();
+  if (m_userLookupError != 0) return;
   XString name;
   name.appendAnsi(user.getString());
   for (auto [text, isSet] :
@@ -85,7 +93,7 @@ ReadSettings ClsTar::readSettings() const {
   settings.noAbsolutePaths = m_noAbsolutePaths;
   settings.untarDebugLog = m_untarDebugLog;
   settings.abortCheckMs = m_abortCheckMs;
-  settings.options = m_options;
+  settings.options = *m_options;
   return settings;
 }
 
@@ -105,7 +113,7 @@ WriteSettings ClsTar::writeSettings() const {
   settings.filter = NameFilter(
       {m_mustMatch.str(), m_mustNotMatch.str(), m_matchCaseSensitive, m_mustMatchExact, m_mustNotMatchExact});
   settings.abortCheckMs = m_abortCheckMs;
-  settings.options = m_options;
+  settings.options = *m_options;
   return settings;
 }
 

@@ -10,6 +10,7 @@ namespace morvane {
 template <class Result, class Work>
 Result ClsTar::method(const char* name, MethodForm form, Result failure, Work work) {
   return MethodFrame(*this, name, form).run(failure, [&](MethodFrame& frame) {
+    m_onlyLeftOut = false;
     return takeOptions(m_log) ? work(frame) : failure;
   });
 }

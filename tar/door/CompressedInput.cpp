@@ -1,10 +1,12 @@
 // ClsTar's methods over compressed archives: decompressed straight into the object, in one pass.
 #include "runtime/base/ScopeExit.h"
+#include "runtime/codec/GzipFormat.h"
+#include "runtime/codec/GzipMembers.h"
+#include "runtime/codec/MorvaneBzip2.h"
 #include "runtime/codec/MorvaneLzw.h"
 #include "runtime/io/BufferedDataSource.h"
 #include "tar/door/ClsTarMethod.h"
-#include "tar/format/GzipFormat.h"
-#include "tar/stream/GzipMembers.h"
+#include "tar/stream/RatioLimit.h"
 #include "tar/stream/StreamSink.h"
 
 namespace morvane {
@@ -73,6 +75,7 @@ bool ClsTar::untarCompressed(_mvDataSource& source, ProgressEvent* progress, Dec
     read = (this->*decompress)(source, pm.getPm(), m_log);
   }
   const bool ok = read && flushed;
+  m_onlyLeftOut = !ok && flushed && m_stream->onlyLeftOut();
   if (ok) pm.consumeRemaining(m_log);
   return ok;
 }
@@ -97,7 +100,9 @@ bool ClsTar::inflateTar(_mvDataSource& source, ProgressMonitor* pm, LogBase& log
   if (!readGzipHeader(lending, pm, log)) return false;
   beginFramedRun(log);
   StreamSink sink(*m_stream);
-  if (!inflateGzipMembers(lending, sink, m_options, pm, log)) {
+  MeteredSource metered(lending);
+  RatioLimit limited(sink, metered, m_options->maxRatio);
+  if (!inflateGzipMembers(metered, limited, m_options->codec, pm, log)) {
     log.LogError("unTarGz inflate failed (2)");
     return false;
   }
@@ -111,20 +116,24 @@ bool ClsTar::inflateTar(_mvDataSource& source, ProgressMonitor* pm, LogBase& log
 bool ClsTar::expandTarBz2(_mvDataSource& source, ProgressMonitor* pm, LogBase& log) {
   MorvaneBzip2 bzip2;
   StreamSink sink(*m_stream);
-  if (m_options.bz2Framed) {
+  MeteredSource metered(source);
+  RatioLimit limited(sink, metered, m_options->maxRatio);
+  if (m_options->bz2Framed) {
     beginFramedRun(log);
-    return bzip2.DecompressStream(source, sink, log, pm) && m_stream->FinishStreamingUntar(pm, log);
+    return bzip2.DecompressStream(metered, limited, log, pm) && m_stream->FinishStreamingUntar(pm, log);
   }
   m_stream->beginUnframed();
   protectArchive(log);
-  return bzip2.DecompressStream(source, sink, log, pm) && !m_stream->anyLeftOut();
+  return bzip2.DecompressStream(metered, limited, log, pm) && !m_stream->anyLeftOut();
 }
 
 bool ClsTar::expandTarZ(_mvDataSource& source, ProgressMonitor* pm, LogBase& log) {
   _mvIoParams io(pm);
   beginFramedRun(log);
   StreamSink sink(*m_stream);
-  if (!MorvaneLzw::decompressLzwSource64(source, sink, true, io, log)) {
+  MeteredSource metered(source);
+  RatioLimit limited(sink, metered, m_options->maxRatio);
+  if (!MorvaneLzw::decompressLzwSource64(metered, limited, true, io, log)) {
     log.LogError("Invalid compressed data (D)");
     return false;
   }

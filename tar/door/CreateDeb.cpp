@@ -1,4 +1,6 @@
 // ClsTar's Debian packages: an ar archive of debian-binary, the control tarball and the data tarball.
+#include <new>
+
 #include "runtime/fs/Psdk.h"
 #include "tar/door/ClsTarMethod.h"
 #include "tar/format/ArFormat.h"
@@ -29,9 +31,11 @@ bool appendTarball(DataBuffer& package, const char* stem, const XString& path, l
 bool assemble(const XString& controlPath, const XString& dataPath, DataBuffer& package, LogBase& log) {
   constexpr std::string_view kFormatVersion = "2.0\n";
   const long long now = Psdk::getCurrentUnixTime();
-  return append(package, kArGlobalHeader) &&
-         append(package, arMemberHeader("debian-binary", now, kFormatVersion.size())) &&
-         append(package, kFormatVersion) && appendTarball(package, "control", controlPath, now, log) &&
+  const bool begun = append(package, kArGlobalHeader) &&
+                     append(package, arMemberHeader("debian-binary", now, kFormatVersion.size())) &&
+                     append(package, kFormatVersion);
+  if (!begun) throw std::bad_alloc();
+  return appendTarball(package, "control", controlPath, now, log) &&
          appendTarball(package, "data", dataPath, now, log);
 }
 

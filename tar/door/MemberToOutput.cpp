@@ -1,11 +1,10 @@
 // ClsTar's extraction of one member, from an archive of any compression, into an output.
-#include "runtime/codec/MorvaneLzw.h"
+#include "runtime/codec/Codec.h"
 #include "runtime/io/BufferedDataSource.h"
 #include "runtime/io/OutputFlush.h"
 #include "tar/door/ClsTarMethod.h"
-#include "tar/format/ArchiveKind.h"
-#include "tar/format/GzipFormat.h"
-#include "tar/stream/GzipMembers.h"
+#include "tar/format/ArchiveContent.h"
+#include "tar/stream/RatioLimit.h"
 #include "tar/stream/StreamingUntar.h"
 
 namespace morvane {
@@ -48,10 +47,10 @@ bool ClsTar::memberToOutput(_mvDataSource& source, _mvOutput& out, ProgressEvent
   ProgressMonitorPtr monitor(progress, m_abortCheckMs, m_percentScale, 0);
   ProgressMonitor* const pm = monitor.getPm();
   OutputFlush flush(out, pm);
-  ArchiveKind kind = ArchiveKind::Unknown;
-  if (!detectArchiveKind(source, kind, pm, m_log)) return false;
+  std::optional<Compression> compression;
+  if (!detectArchive(source, compression, pm, m_log)) return false;
   bool found = false;
-  if (kind == ArchiveKind::Plain || kind == ArchiveKind::Unknown) {
+  if (compression.value_or(Compression::None) == Compression::None) {
     const int count = untarMember(source, out, pm, progress);
     if (count < 0) return false;
     found = count > 0;
@@ -62,12 +61,9 @@ bool ClsTar::memberToOutput(_mvDataSource& source, _mvOutput& out, ProgressEvent
     stream.BeginStreamingUntar();
     stream.extractFirstMemberInto(&out);
     UntilMember sink(stream);
-    _mvIoParams io(pm);
-    const bool ended =
-        kind == ArchiveKind::Bzip2 ? MorvaneBzip2().DecompressStream(source, sink, m_log, pm)
-        : kind == ArchiveKind::Compress
-            ? MorvaneLzw::decompressLzwSource64(source, sink, true, io, m_log)
-            : readGzipHeader(source, pm, m_log) && inflateGzipMembers(source, sink, m_options, pm, m_log);
+    MeteredSource metered(source);
+    RatioLimit limited(sink, metered, m_options->maxRatio);
+    const bool ended = codecOf(*compression).decode(metered, limited, m_options->codec, pm, m_log);
     found = stream.memberIsComplete();
     if (!found && (!ended || !stream.FinishStreamingUntar(pm, m_log))) return false;
   }

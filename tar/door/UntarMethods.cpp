@@ -83,7 +83,9 @@ int ClsTar::untarSource(_mvDataSource& source, bool extract, LogBase& log, Progr
   mvFileInfo archive;
   const auto* const file = dynamic_cast<const _mvFileDataSource*>(&source);
   if (file && file->getFileInfo(archive, log)) run.protect(archive);
-  return run.run();
+  const int count = run.run();
+  m_onlyLeftOut = run.onlyLeftOut();
+  return count;
 }
 
 // The first member that the event does not skip: 1 when there is one, 0 when not, -1 on failure.

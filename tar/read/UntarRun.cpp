@@ -13,7 +13,6 @@
 #include "tar/format/XmlEntry.h"
 #include "tar/format/XmlListing.h"
 #include "tar/place/ExtractToFile.h"
-#include "tar/place/PathLimits.h"
 
 namespace morvane {
 
@@ -73,6 +72,7 @@ int UntarRun::run() {
       step = nextEntry();
     }
   }
+  m_onlyLeftOut = step != Step::Fail && m_anyLeftOut;
   return step == Step::Fail || m_anyLeftOut ? -1 : m_count;
 }
 
@@ -237,9 +237,9 @@ UntarRun::Step UntarRun::handleMember(char typeFlag) {
     if (m_live.refresh()) m_path.set(m_current, m_settings, m_log);
   }
   giveUpLongText(m_current.m_path);
-  const bool makes = m_extract && !m_memberOutput;
-  if (isTooDeep(m_path.entryPath().str(), makes, m_settings.options, m_context.event, m_log))
+  if (!m_limits.takeMember(m_path.entryPath().str(), m_settings.options, m_context.event, m_log)) {
     return Step::Fail;
+  }
   bool extracted = false;
   const Step step = extractMember(extracted);
   if (step != Step::GoOn) return step;
@@ -260,14 +260,16 @@ UntarRun::Step UntarRun::extractMember(bool& extracted) {
     ++m_count;
     return Step::GoOn;
   }
+  const long long dataSize = m_current.m_isDirectory ? 0 : m_current.m_size;
+  if (!m_memberOutput && !mayExtract(dataSize)) return Step::Fail;
   if (m_context.event) {
     bool skip = false;
-    m_context.event->onTarEntry(m_path.outputPath().getUtf8(), m_current.m_isDirectory ? 0 : m_current.m_size,
-                                m_current.m_isDirectory, skip);
+    m_context.event->onTarEntry(m_path.outputPath().getUtf8(), dataSize, m_current.m_isDirectory, skip);
     m_live.refresh();
     if (skip) return Step::GoOn;
   }
   if (m_memberOutput) return copyMember();
+  m_limits.tookData(dataSize);
   bool leftOut = false;
   if (!(m_current.m_isDirectory ? extractDirectory(leftOut) : extractFile(leftOut))) return Step::Fail;
   if (leftOut) {
@@ -282,6 +284,12 @@ UntarRun::Step UntarRun::extractMember(bool& extracted) {
     return Step::Stop;
   }
   return Step::GoOn;
+}
+
+// The limits for what is extracted, asked before it is announced.
+bool UntarRun::mayExtract(long long dataSize) {
+  return RunLimits::mayMake(m_path.entryPath().str(), m_settings.options, m_context.event, m_log) &&
+         m_limits.mayTakeData(dataSize, m_settings.options, m_context.event, m_log);
 }
 
 UntarRun::Step UntarRun::copyMember() {

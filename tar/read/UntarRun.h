@@ -14,6 +14,7 @@
 #include "tar/format/TarHeader.h"
 #include "tar/place/ExtractTarget.h"
 #include "tar/place/MemberPath.h"
+#include "tar/place/RunLimits.h"
 #include "tar/read/ArchiveCursor.h"
 #include "tar/settings/LiveSettings.h"
 #include "tar/settings/ReadSettings.h"
@@ -44,6 +45,8 @@ class UntarRun {
   void extractFirstMemberInto(_mvOutput& out) { m_memberOutput = &out; }
   // Members counted, -1 on failure.
   int run();
+  // Whether it failed for nothing but members that were left out.
+  bool onlyLeftOut() const { return m_onlyLeftOut; }
 
  private:
   enum class Step { GoOn, Stop, Fail };
@@ -58,6 +61,7 @@ class UntarRun {
   bool passSparseMap();
   Step handleMember(char typeFlag);
   Step extractMember(bool& extracted);
+  bool mayExtract(long long dataSize);
   Step copyMember();
   bool extractDirectory(bool& refused);
   bool extractFile(bool& refused);
@@ -76,6 +80,7 @@ class UntarRun {
   FullExtensions m_extensions;
   MemberPath m_path;
   ExtractTarget m_target;
+  RunLimits m_limits;
   ByteArrayOwner m_copyBuffer;
   unsigned m_copyBufferSize = 0;
   ByteArrayOwner m_extensionData;
@@ -85,7 +90,7 @@ class UntarRun {
   char m_previousTypeFlag = ' ';
   _mvOutput* m_memberOutput = nullptr;
   bool m_endOfArchive = false;
-  bool m_anyLeftOut = false;
+  bool m_anyLeftOut = false, m_onlyLeftOut = false;
   int m_count = 0;
 };
 

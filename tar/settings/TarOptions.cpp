@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <limits>
 
 #include "runtime/text/Ascii.h"
 
@@ -9,104 +10,185 @@ namespace morvane {
 
 namespace {
 
+// ---- The words, one row each, lower case
+
 struct Switch {
-  const char* word;  // lower case
-  bool TarOptions::*member;
+  const char* word;
+  bool& (*setting)(TarOptions& options);
 };
 
+struct Number {
+  const char* word;
+  long long& (*setting)(TarOptions& options);
+  long long least, most;
+};
+
+// One of a word's values.
+struct Choice {
+  const char *word, *value;
+  void (*choose)(TarOptions& options);
+};
+
+// Stands for other words.
+struct Profile {
+  const char *value, *words;
+};
+
+constexpr long long kAnyNumber = std::numeric_limits<long long>::max();
+
+#define MORVANE_SETTING(type, member) [](TarOptions& options) -> type& { return options.member; }
 constexpr Switch kSwitches[] = {
-    {"skipoutputfile", &TarOptions::skipOutputFile},
-    {"skipunreadable", &TarOptions::skipUnreadable},
-    {"writeexactsizes", &TarOptions::writeExactSizes},
-    {"countskipsexcluded", &TarOptions::countSkipsExcluded},
-    {"nototal", &TarOptions::noTotal},
-    {"ustarplainprefix", &TarOptions::ustarPlainPrefix},
-    {"paxexact", &TarOptions::paxExact},
-    {"openbeforeevent", &TarOptions::openBeforeEvent},
-    {"fullread", &TarOptions::fullRead},
-    {"skipuncreatable", &TarOptions::skipUncreatable},
-    {"verifygzip", &TarOptions::verifyGzip},
-    {"gzipallmembers", &TarOptions::gzipAllMembers},
-    {"bz2framed", &TarOptions::bz2Framed},
-    {"requireendofarchive", &TarOptions::requireEndOfArchive},
-    {"entryevents", &TarOptions::entryEvents},
+    {"skipoutputfile", MORVANE_SETTING(bool, skipOutputFile)},
+    {"skipunreadable", MORVANE_SETTING(bool, skipUnreadable)},
+    {"writeexactsizes", MORVANE_SETTING(bool, writeExactSizes)},
+    {"countskipsexcluded", MORVANE_SETTING(bool, countSkipsExcluded)},
+    {"nototal", MORVANE_SETTING(bool, noTotal)},
+    {"ustarplainprefix", MORVANE_SETTING(bool, ustarPlainPrefix)},
+    {"paxexact", MORVANE_SETTING(bool, paxExact)},
+    {"openbeforeevent", MORVANE_SETTING(bool, openBeforeEvent)},
+    {"fullread", MORVANE_SETTING(bool, fullRead)},
+    {"skipuncreatable", MORVANE_SETTING(bool, skipUncreatable)},
+    {"verifygzip", MORVANE_SETTING(bool, codec.verifyGzip)},
+    {"gzipallmembers", MORVANE_SETTING(bool, codec.gzipAllMembers)},
+    {"bz2framed", MORVANE_SETTING(bool, bz2Framed)},
+    {"requireendofarchive", MORVANE_SETTING(bool, requireEndOfArchive)},
+    {"entryevents", MORVANE_SETTING(bool, entryEvents)},
+    {"memberevents", MORVANE_SETTING(bool, memberEvents)},
+};
+constexpr Number kNumbers[] = {
+    {"maxextensionbytes", MORVANE_SETTING(long long, maxExtensionBytes), 1, kAnyNumber},
+    {"fastdeflate", MORVANE_SETTING(long long, codec.fastDeflate), 1, 3},
+    {"maxpathdepth", MORVANE_SETTING(long long, maxPathDepth), 0, kAnyNumber},
+    {"maxmembers", MORVANE_SETTING(long long, maxMembers), 0, kAnyNumber},
+    {"maxtotalbytes", MORVANE_SETTING(long long, maxTotalBytes), 0, kAnyNumber},
+    {"maxratio", MORVANE_SETTING(long long, maxRatio), 0, kAnyNumber},
+};
+#undef MORVANE_SETTING
+constexpr Choice kChoices[] = {
+    {"confine", "off", [](TarOptions& options) { options.confine = Confine::Off; }},
+    {"confine", "beneath", [](TarOptions& options) { options.confine = Confine::Beneath; }},
+    {"confine", "nolinks", [](TarOptions& options) { options.confine = Confine::NoLinks; }},
+    {"ustaroverflow", "off", [](TarOptions& options) { options.ustarOverflowFails = false; }},
+    {"ustaroverflow", "fail", [](TarOptions& options) { options.ustarOverflowFails = true; }},
 };
 
-bool parseCount(const std::string& text, long long least, long long& value) {
-  const char* const end = text.data() + text.size();
-  const auto result = std::from_chars(text.data(), end, value);
-  return result.ec == std::errc() && result.ptr == end && value >= least;
+constexpr char kProfileWord[] = "profile";
+#define MORVANE_USUAL                                                                                     \
+  "SkipOutputFile,SkipUnreadable,WriteExactSizes,CountSkipsExcluded,UstarOverflow=fail,UstarPlainPrefix," \
+  "PaxExact,"                                                                                             \
+  "FullRead,Confine=beneath,VerifyGzip,GzipAllMembers,Bz2Framed,RequireEndOfArchive,EntryEvents,"         \
+  "SkipUncreatable"
+constexpr Profile kProfiles[] = {
+    {"off", ""},
+    {"usual", MORVANE_USUAL},
+    {"untrusted", MORVANE_USUAL
+     ",Confine=nolinks,MaxMembers=1000000,MaxTotalBytes=68719476736,MaxRatio=1000,MaxPathDepth=256"},
+};
+#undef MORVANE_USUAL
+
+// ---- What they do
+
+// A word as it was given, and its parts in lower case. No value and an empty one ("Word=") are different
+// things.
+struct GivenWord {
+  std::string_view given;
+  std::string word, value;
+  bool hasValue = false;
+};
+
+std::vector<GivenWord> splitWords(std::string_view words) {
+  std::vector<GivenWord> split;
+  while (!words.empty()) {
+    const size_t comma = std::min(words.find(','), words.size());
+    GivenWord each;
+    each.given = trimmed(words.substr(0, comma));
+    words.remove_prefix(std::min(comma + 1, words.size()));
+    if (each.given.empty()) continue;
+    const size_t equals = std::min(each.given.find('='), each.given.size());
+    each.word = asciiLowerCase(trimmed(each.given.substr(0, equals)));
+    each.hasValue = equals < each.given.size();
+    if (each.hasValue) each.value = asciiLowerCase(trimmed(each.given.substr(equals + 1)));
+    split.push_back(each);
+  }
+  return split;
 }
 
-bool applySwitch(bool& setting, const std::string& value) {
-  setting = value != "off";
-  return value.empty() || value == "on" || value == "off";
+template <class Row, size_t kCount>
+const Row* rowOf(const Row (&rows)[kCount], const GivenWord& given) {
+  const Row* const end = rows + kCount;
+  const Row* const found = std::find_if(rows, end, [&](const Row& row) { return given.word == row.word; });
+  return found == end ? nullptr : found;
 }
 
-bool applyConfine(Confine& setting, const std::string& value) {
-  if (value == "off")
-    setting = Confine::Off;
-  else if (value == "beneath")
-    setting = Confine::Beneath;
-  else if (value == "nolinks")
-    setting = Confine::NoLinks;
-  else
-    return false;
-  return true;
+bool applySwitch(bool& setting, const GivenWord& given) {
+  const bool makesSense = !given.hasValue || given.value == "on" || given.value == "off";
+  if (makesSense) setting = given.value != "off";
+  return makesSense;
 }
 
-// False when the word is unknown or its value makes no sense; `options` may then be changed and is thrown
-// away.
-bool applyWord(const std::string& word, const std::string& value, TarOptions& options) {
-  const TarOptions defaults;
-  const auto* const found = std::find_if(std::begin(kSwitches), std::end(kSwitches),
-                                         [&](const Switch& each) { return word == each.word; });
-  if (found != std::end(kSwitches)) return applySwitch(options.*found->member, value);
-  if (word == "confine") return applyConfine(options.confine, value);
-  if (word == "ustaroverflow") {
-    options.ustarOverflowFails = value == "fail";
-    return value == "fail" || value == "off";
+bool applyNumber(const Number& row, TarOptions& options, const GivenWord& given) {
+  if (given.value == "off") {
+    TarOptions defaults;
+    row.setting(options) = row.setting(defaults);
+    return true;
   }
-  if (word == "maxextensionbytes") {
-    options.maxExtensionBytes = defaults.maxExtensionBytes;
-    return value == "off" || parseCount(value, 1, options.maxExtensionBytes);
-  }
-  if (word == "maxpathdepth") {
-    options.maxPathDepth = defaults.maxPathDepth;
-    options.maxPathDepthIsGiven = value != "off";
-    if (value == "off") return true;
-    return parseCount(value, 0, options.maxPathDepth);
-  }
-  if (word == "fastdeflate") {
-    options.fastDeflate = defaults.fastDeflate;
-    if (value == "off") return true;
-    long long level = 0;
-    if (!parseCount(value, 1, level) || level > 3) return false;
-    options.fastDeflate = static_cast<int>(level);
+  long long number = 0;
+  const char* const end = given.value.data() + given.value.size();
+  const auto result = std::from_chars(given.value.data(), end, number);
+  const bool makesSense =
+      result.ec == std::errc() && result.ptr == end && number >= row.least && number <= row.most;
+  if (makesSense) row.setting(options) = number;
+  return makesSense;
+}
+
+bool applyChoice(TarOptions& options, const GivenWord& given) {
+  for (const Choice& choice : kChoices) {
+    if (given.word != choice.word || given.value != choice.value) continue;
+    choice.choose(options);
     return true;
   }
   return false;
 }
 
+// False when the word is unknown or its value makes no sense; nothing is then changed.
+bool applyWord(TarOptions& options, const GivenWord& given) {
+  if (const Switch* const row = rowOf(kSwitches, given)) return applySwitch(row->setting(options), given);
+  if (const Number* const row = rowOf(kNumbers, given)) return applyNumber(*row, options, given);
+  return applyChoice(options, given);
+}
+
+const Profile* profileOf(const GivenWord& given) {
+  const Profile* const end = std::end(kProfiles);
+  const Profile* const found =
+      std::find_if(std::begin(kProfiles), end, [&](const Profile& row) { return given.value == row.value; });
+  return found == end ? nullptr : found;
+}
+
 }  // namespace
 
 TarOptions parseTarOptions(std::string_view words, std::vector<std::string>& complaints) {
+  const std::vector<GivenWord> given = splitWords(words);
   TarOptions options;
-  while (!words.empty()) {
-    const size_t comma = std::min(words.find(','), words.size());
-    const std::string_view given = trimmed(words.substr(0, comma));
-    words.remove_prefix(std::min(comma + 1, words.size()));
-    if (given.empty()) continue;
-    const size_t equals = std::min(given.find('='), given.size());
-    const std::string word = asciiLowerCase(trimmed(given.substr(0, equals)));
-    const bool hasValue = equals < given.size();
-    const std::string value = hasValue ? asciiLowerCase(trimmed(given.substr(equals + 1))) : "";
-    TarOptions changed = options;
-    if (!(hasValue && value.empty()) && applyWord(word, value, changed)) {
-      options = changed;
-    } else if (std::find(complaints.begin(), complaints.end(), given) == complaints.end()) {
-      complaints.emplace_back(given);
+  const auto complain = [&](const GivenWord& each) {
+    if (std::find(complaints.begin(), complaints.end(), each.given) == complaints.end()) {
+      complaints.emplace_back(each.given);
     }
+  };
+  // The profile first, wherever it stands, so that every other word wins over it.
+  const Profile* profile = nullptr;
+  for (const GivenWord& each : given) {
+    if (each.word != kProfileWord) continue;
+    if (const Profile* const found = profileOf(each)) {
+      profile = found;
+    } else {
+      complain(each);
+    }
+  }
+  if (profile) {
+    for (const GivenWord& each : splitWords(profile->words)) applyWord(options, each);
+  }
+  for (const GivenWord& each : given) {
+    if (each.word != kProfileWord && !applyWord(options, each)) complain(each);
   }
   return options;
 }

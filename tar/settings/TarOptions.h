@@ -6,12 +6,14 @@
 #include <vector>
 
 #include "runtime/base/Export.h"
+#include "runtime/codec/Codec.h"
 
 namespace morvane {
 
 enum class Confine { Off, Beneath, NoLinks };
 
 struct TarOptions {
+  CodecOptions codec;
   // Writing
   bool skipOutputFile = false;
   bool skipUnreadable = false;
@@ -22,24 +24,27 @@ struct TarOptions {
   bool ustarPlainPrefix = false;
   bool paxExact = false;
   bool openBeforeEvent = false;
-  int fastDeflate = 0;  // 0: zlib's default level
   // Reading
   bool fullRead = false;
   long long maxExtensionBytes = 64LL * 1024 * 1024;
   Confine confine = Confine::Off;
   bool skipUncreatable = false;
-  bool verifyGzip = false;
-  bool gzipAllMembers = false;
   bool bz2Framed = false;
   bool requireEndOfArchive = false;
   bool entryEvents = false;
-  long long maxPathDepth = 4096;  // parts of a member's path; 0: no limit
-  bool maxPathDepthIsGiven = false;
+  // Limits; 0: none
+  static constexpr long long kDefaultPathDepth = 4096;
+  long long maxPathDepth = -1;  // parts of a member's path; -1: the default, and only for what is extracted
+  long long maxMembers = 0;
+  long long maxTotalBytes = 0;
+  long long maxRatio = 0;
+  // Both
+  bool memberEvents = false;
 };
 
 // Words separated by commas, "Word" or "Word=value", case and blanks around them ignored; the last of a word
-// wins. Words that are not known, or have a value that makes no sense, are left out and added to `complaints`
-// as given; a component with any refuses to work.
+// wins, and any wins over a profile. Words that are not known, or have a value that makes no sense, are left
+// out and added to `complaints` as given; a component with any refuses to work.
 MORVANE_API TarOptions parseTarOptions(std::string_view words, std::vector<std::string>& complaints);
 
 }  // namespace morvane

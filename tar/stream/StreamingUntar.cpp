@@ -13,7 +13,6 @@
 #include "tar/format/TarBlock.h"
 #include "tar/format/XmlEntry.h"
 #include "tar/format/XmlListing.h"
-#include "tar/place/PathLimits.h"
 
 namespace morvane {
 
@@ -69,8 +68,9 @@ void StreamingUntar::resetRun() {
   m_streamOk = true;
   m_streamExtData.clear();
   m_streamPosition = 0;
-  m_endMarkSeen = m_memberFound = m_memberComplete = m_inSparseMap = m_brokenOff = false;
+  m_endMarkSeen = m_memberFound = m_memberComplete = m_inSparseMap = m_brokenOff = m_hasEnded = false;
   m_extensions.clear();
+  m_limits.clear();
 }
 
 void StreamingUntar::breakOff() {
@@ -81,16 +81,6 @@ void StreamingUntar::breakOff() {
 
 bool StreamingUntar::StreamingUntarNext(const unsigned char* data, unsigned numBytes, bool& finished,
                                         ProgressMonitor* pm, LogBase& log) {
-  try {
-    return takePiece(data, numBytes, finished, pm, log);
-  } catch (...) {
-    breakOff();
-    throw;
-  }
-}
-
-bool StreamingUntar::takePiece(const unsigned char* data, unsigned numBytes, bool& finished,
-                               ProgressMonitor* pm, LogBase& log) {
   LogContextExitor context(log, "StreamingUntarNext", log.verbose());
   if (!streamingUntarInner(data, numBytes, finished, pm, log)) {
     log.LogError("Streaming untar failed (1)");
@@ -145,11 +135,23 @@ bool StreamingUntar::FinishStreamingUntar(ProgressMonitor* pm, LogBase& log) {
     log.LogError("The archive has no end-of-archive mark.");
     m_streamOk = false;
   }
+  m_hasEnded = true;
   return m_streamOk && !m_anyLeftOut;
 }
 
+// An exception of a callback ends the run where nobody knows what of a member was taken.
 bool StreamingUntar::streamingUntarInner(const unsigned char* data, unsigned numBytes, bool& finished,
                                          ProgressMonitor* pm, LogBase& log) {
+  try {
+    return takeStep(data, numBytes, finished, pm, log);
+  } catch (...) {
+    breakOff();
+    throw;
+  }
+}
+
+bool StreamingUntar::takeStep(const unsigned char* data, unsigned numBytes, bool& finished,
+                              ProgressMonitor* pm, LogBase& log) {
   finished = false;
   if (m_brokenOff) {
     log.LogError("The run was broken off; begin another one.");
@@ -349,9 +351,8 @@ bool StreamingUntar::takeHeader(bool& finished, ProgressMonitor* pm, LogBase& lo
   if (m_settings.untarDebugLog) log.LogDataX("entry", m_path.entryPath());
   if (log.verbose()) log.LogBracketed("typeFlag", typeText(m_streamHeader.m_typeFlag).c_str());
   giveUpLongText(m_streamHeader.m_path);
-  const bool makes = isMember && !m_memberOutput && !m_settings.suppressOutput;
-  if (isMember &&
-      isTooDeep(m_path.entryPath().str(), makes, m_settings.options, pm ? &pm->event() : nullptr, log)) {
+  ProgressEvent* const event = pm ? &pm->event() : nullptr;
+  if (isMember && !m_limits.takeMember(m_path.entryPath().str(), m_settings.options, event, log)) {
     finished = m_streamFinished = true;
     return false;
   }
@@ -419,15 +420,32 @@ bool StreamingUntar::beginEntry(bool& finished, ProgressMonitor* pm, LogBase& lo
   const char typeFlag = m_streamHeader.m_typeFlag;
   if (extendsNext(typeFlag)) return beginExtension(finished, log);
   const bool passedOver = m_settings.options.fullRead && FullExtensions::isPassedOver(typeFlag);
-  const bool skipped = passedOver || isSkipped(pm, log);
+  const bool leftOut = passedOver || isLeftOut();
+  const long long dataSize = m_streamHeader.m_isDirectory ? 0 : m_streamHeader.m_size;
+  if (!leftOut && !m_memberOutput && !mayExtract(dataSize, pm, log)) {
+    finished = m_streamFinished = true;
+    return false;
+  }
+  const bool skipped = leftOut || isSkippedByEvent(pm);
+  if (!skipped) m_limits.tookData(dataSize);
   return m_streamHeader.m_isDirectory ? beginDirectory(skipped, finished, pm, log)
                                       : beginFile(skipped, finished, pm, log);
 }
 
-bool StreamingUntar::isSkipped(ProgressMonitor* pm, LogBase&) {
+// The limits for what is extracted, asked before it is announced.
+bool StreamingUntar::mayExtract(long long dataSize, ProgressMonitor* pm, LogBase& log) {
+  ProgressEvent* const event = pm ? &pm->event() : nullptr;
+  return RunLimits::mayMake(m_path.entryPath().str(), m_settings.options, event, log) &&
+         m_limits.mayTakeData(dataSize, m_settings.options, event, log);
+}
+
+bool StreamingUntar::isLeftOut() const {
   if (m_settings.filter.excludes(m_path.entryPath().str())) return true;
-  bool skip = m_memberOutput && m_streamHeader.m_isDirectory;
-  if (m_memberOutput ? skip : m_settings.suppressOutput) return true;
+  return m_memberOutput ? m_streamHeader.m_isDirectory : m_settings.suppressOutput;
+}
+
+bool StreamingUntar::isSkippedByEvent(ProgressMonitor* pm) {
+  bool skip = false;
   if (pm && (m_memberOutput || m_settings.options.entryEvents)) {
     pm->event().onTarEntry(m_path.outputPath().getUtf8(),
                            m_streamHeader.m_isDirectory ? 0 : m_streamHeader.m_size,
@@ -444,7 +462,11 @@ bool StreamingUntar::beginExtension(bool& finished, LogBase& log) {
     return false;
   }
   std::unique_ptr<_mvOutput> output(new (std::nothrow) OutputDataBuffer(m_streamExtData));
-  if (!output) return stop("Failed to create output buffer for untar.", finished, log);
+  if (!output) {
+    stop("Failed to create output buffer for untar.", finished, log);
+    log.noteReason("Out of memory.");
+    return false;
+  }
   setOutput(std::move(output), nullptr);
   m_streamBytesLeft = m_streamExpectedSize = m_streamHeader.m_size;
   m_streamBytesWritten = 0;

@@ -13,6 +13,7 @@
 #include "tar/format/TarHeader.h"
 #include "tar/place/ExtractTarget.h"
 #include "tar/place/MemberPath.h"
+#include "tar/place/RunLimits.h"
 #include "tar/settings/LiveSettings.h"
 #include "tar/settings/ReadSettings.h"
 
@@ -59,11 +60,13 @@ class StreamingUntar {
   void releaseOutput();
   // Whether members were left out since the run, or an unframed one, began.
   bool anyLeftOut() const { return m_anyLeftOut; }
+  // The same of a run that came to its end without any failure.
+  bool onlyLeftOut() const { return m_anyLeftOut && m_streamOk && m_hasEnded; }
 
  private:
   void resetRun();
-  bool takePiece(const unsigned char* data, unsigned numBytes, bool& finished, ProgressMonitor* pm,
-                 LogBase& log);
+  bool takeStep(const unsigned char* data, unsigned numBytes, bool& finished, ProgressMonitor* pm,
+                LogBase& log);
   bool extendsNext(char typeFlag) const;
   bool consumePadding();
   bool consumeData(ProgressMonitor* pm, LogBase& log);
@@ -78,7 +81,9 @@ class StreamingUntar {
   bool beginFile(bool skipped, bool& finished, ProgressMonitor* pm, LogBase& log);
   bool beginDirectory(bool skipped, bool& finished, ProgressMonitor* pm, LogBase& log);
   bool createOutputFile(bool& leftOut, bool& finished, ProgressMonitor* pm, LogBase& log);
-  bool isSkipped(ProgressMonitor* pm, LogBase& log);
+  bool mayExtract(long long dataSize, ProgressMonitor* pm, LogBase& log);
+  bool isLeftOut() const;
+  bool isSkippedByEvent(ProgressMonitor* pm);
   bool write(const char* bytes, unsigned n, int variant, ProgressMonitor* pm, LogBase& log);
   bool writeHasFailed(int variant, LogBase& log);
   bool finishEntry(int variant, ProgressMonitor* pm, LogBase& log);
@@ -113,12 +118,14 @@ class StreamingUntar {
   long long m_headerPosition = 0;  // of the current entry
   bool m_inSparseMap = false;      // between the current entry's header and its data
   bool m_endMarkSeen = false;
+  bool m_hasEnded = false;   // FinishStreamingUntar was called
   bool m_brokenOff = false;  // by an exception of a callback, or before it began
   bool m_anyLeftOut = false;
   bool m_writeFailed = false;  // of the open output
   FullExtensions m_extensions;
   MemberPath m_path;
   ExtractTarget m_target;
+  RunLimits m_limits;
 };
 
 }  // namespace morvane

@@ -1,9 +1,9 @@
-// The one way that bytes of an archive leave: straight to the output, or through a compressor and the CRC-32.
+// The one way that bytes of an archive leave: straight to the output, or through an encoder.
 #pragma once
 
-#include "runtime/codec/MorvaneBzip2.h"
-#include "runtime/codec/MorvaneDeflate.h"
-#include "runtime/codec/ZipCRC.h"
+#include <memory>
+
+#include "runtime/codec/Codec.h"
 
 namespace morvane {
 
@@ -12,23 +12,16 @@ class OutputFile;
 class ProgressMonitor;
 class _mvOutput;
 
-enum class WriteCompression { Plain = 0, Gzip = 1, Bzip2 = 2 };
-
 struct ArchiveOutput {
-  _mvOutput* m_output = nullptr;  // not owned; set for the length of a write
-  bool m_compressing = false;
-  bool m_compressFirst = false;  // the next write starts the compressor
-  bool m_compressLast = false;   // the next write is the last
-  bool m_computeCrc = false;
-  long long m_uncompressedSize = 0;  // archive bytes handed to the compressor
-  WriteCompression m_writeCompression = WriteCompression::Plain;
-  ZipCRC m_crc;
-  MorvaneDeflate m_deflate;
-  MorvaneBzip2 m_bzip2;
+  _mvOutput* m_output = nullptr;     // not owned; set for the length of a write
+  bool m_compressLast = false;       // the next write is the last
+  long long m_uncompressedSize = 0;  // archive bytes handed to the encoder
 
-  // Sets the members for a plain / compressed write.
-  void beginPlain() { m_compressing = false; }
-  void beginCompressed(WriteCompression compression, int fastDeflate);
+  // What the next write goes through. An encoder serves one archive.
+  void begin(Compression compression, const CodecOptions& options);
+  // Writes what an encoder puts in front of its data and behind them. Nothing for a plain archive.
+  [[nodiscard]] bool open(_mvOutput& out, ProgressMonitor* pm, LogBase& log);
+  [[nodiscard]] bool close(_mvOutput& out, LogBase& log);
 
   // `checkAbort`: whether the abort checks inside a member's data are on. Without an output a plain write
   // fails without a message.
@@ -40,6 +33,9 @@ struct ArchiveOutput {
 
  private:
   bool compress(const unsigned char* data, unsigned len, ProgressMonitor* pm, LogBase& log);
+
+  std::unique_ptr<Encoder> m_encoder;  // null: plain
+  bool m_compressFirst = false;        // the next write starts the encoder
 };
 
 }  // namespace morvane

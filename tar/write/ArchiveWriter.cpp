@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <limits>
 #include <memory>
+#include <new>
 
 #include "runtime/base/ByteArrayOwner.h"
 #include "runtime/fs/ClsDirTree.h"
@@ -82,7 +83,7 @@ bool ArchiveWriter::writeTree(const DirRoot& root, XString& curDirRootPath) {
   LogContextExitor context(m_log, "NextDirRoot", m_log.verbose());
   curDirRootPath.setFromSbUtf8(root.m_dirPath);
   const std::unique_ptr<ClsDirTree> tree(ClsDirTree::createNewCls());
-  if (!tree) return false;
+  if (!tree) throw std::bad_alloc();
   if (m_log.verbose()) {
     m_log.LogDataX("dirRoot", curDirRootPath);
     XString currentDir;
@@ -290,6 +291,7 @@ bool ArchiveWriter::copySourceToOutput(_mvDataSource& source) {
 // Copies up to `most` bytes of the open source file: read straight into the output's buffer, where it has
 // one.
 bool ArchiveWriter::copyFile(long long most, long long& copied) {
+  m_readFailed = false;
   OutputFile* const file = m_run.archive.plainFile();
   while (file && copied < most && !m_source.data().endOfStream()) {
     unsigned room = 0, got = 0;

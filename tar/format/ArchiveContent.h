@@ -1,7 +1,10 @@
-// What kind of archive a stream of bytes is, told by its first block.
+// What a stream of bytes is, told by its first block.
 #pragma once
 
+#include <optional>
+
 #include "runtime/base/Export.h"
+#include "runtime/codec/Compression.h"
 
 namespace morvane {
 
@@ -9,11 +12,9 @@ class LogBase;
 class ProgressMonitor;
 class _mvDataSource;
 
-enum class ArchiveKind { Plain, Gzip, Bzip2, Compress, Unknown };
-
-// A first block that is a valid header, or all zeros, is plain; then the signatures of gzip (1F 8B), bzip2
-// ("BZh", a digit, a block's magic) and Unix compress (1F 9D) count.
-MORVANE_API ArchiveKind recogniseArchive(const unsigned char* bytes, unsigned n);
+// A first block that is a valid header, or all zeros, is a plain archive (Compression::None); then the
+// signatures of the compressions count. Nothing for what is no archive that can be read.
+MORVANE_API std::optional<Compression> recogniseArchive(const unsigned char* bytes, unsigned n);
 
 // What content of no kind that can be read is, in one sentence, told by its first bytes (512 are enough);
 // null when that is not known, as of a damaged archive.
@@ -21,7 +22,7 @@ MORVANE_API const char* foreignContent(const unsigned char* bytes, unsigned n);
 
 // Looks at the bytes that the source will give next, without moving it (it must be able to show them: files,
 // memory). False, with the reason in the log, when they cannot be read.
-MORVANE_API bool detectArchiveKind(_mvDataSource& source, ArchiveKind& kind, ProgressMonitor* pm,
-                                   LogBase& log);
+MORVANE_API bool detectArchive(_mvDataSource& source, std::optional<Compression>& found, ProgressMonitor* pm,
+                               LogBase& log);
 
 }  // namespace morvane

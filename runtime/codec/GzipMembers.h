@@ -1,18 +1,13 @@
 // The deflate data of a gzip file, with what the option words ask of the trailer and of further members.
 #pragma once
 
-#include "tar/settings/TarOptions.h"
+#include "runtime/codec/Codec.h"
 
 namespace morvane {
 
-class LogBase;
-class ProgressMonitor;
-class _mvDataSource;
-class _mvOutput;
-
 // The source stands behind the first member's header and lends its bytes. Without a word the first member
 // alone is inflated and whatever follows its deflate data does not matter.
-bool inflateGzipMembers(_mvDataSource& source, _mvOutput& out, const TarOptions& options, ProgressMonitor* pm,
-                        LogBase& log);
+bool inflateGzipMembers(_mvDataSource& source, _mvOutput& out, const CodecOptions& options,
+                        ProgressMonitor* pm, LogBase& log);
 
 }  // namespace morvane

@@ -1,4 +1,4 @@
-#include "tar/format/GzipFormat.h"
+#include "runtime/codec/GzipFormat.h"
 
 #include "runtime/base/ByteArrayOwner.h"
 #include "runtime/io/_mvDataSource.h"

@@ -1,4 +1,4 @@
-#include "tar/format/ArchiveKind.h"
+#include "tar/format/ArchiveContent.h"
 
 #include <algorithm>
 #include <cstring>
@@ -28,23 +28,11 @@ bool isPlainBlock(const unsigned char* bytes, unsigned n) {
          std::all_of(bytes, bytes + kBlockSize, [](unsigned char b) { return b == 0; });
 }
 
-bool isBzip2(const unsigned char* bytes, unsigned n) {
-  constexpr unsigned kMagicAt = 4, kMagicSize = 6;
-  if (!startsWith(bytes, n, "BZh", 3) || n < kMagicAt + kMagicSize) return false;
-  const unsigned char* const magic = bytes + kMagicAt;
-  const bool block = std::memcmp(magic, "\x31\x41\x59\x26\x53\x59", kMagicSize) == 0;
-  const bool emptyStream = std::memcmp(magic, "\x17\x72\x45\x38\x50\x90", kMagicSize) == 0;
-  return bytes[3] >= '1' && bytes[3] <= '9' && (block || emptyStream);
-}
-
 }  // namespace
 
-ArchiveKind recogniseArchive(const unsigned char* bytes, unsigned n) {
-  if (isPlainBlock(bytes, n)) return ArchiveKind::Plain;
-  if (startsWith(bytes, n, "\x1F\x8B", 2)) return ArchiveKind::Gzip;
-  if (isBzip2(bytes, n)) return ArchiveKind::Bzip2;
-  if (startsWith(bytes, n, "\x1F\x9D", 2)) return ArchiveKind::Compress;
-  return ArchiveKind::Unknown;
+std::optional<Compression> recogniseArchive(const unsigned char* bytes, unsigned n) {
+  if (isPlainBlock(bytes, n)) return Compression::None;
+  return compressionByContent(bytes, n);
 }
 
 const char* foreignContent(const unsigned char* bytes, unsigned n) {
@@ -78,11 +66,12 @@ const char* foreignContent(const unsigned char* bytes, unsigned n) {
   return n > 0 && std::all_of(bytes, bytes + n, isText) ? "This is text, no archive." : nullptr;
 }
 
-bool detectArchiveKind(_mvDataSource& source, ArchiveKind& kind, ProgressMonitor* pm, LogBase& log) {
+bool detectArchive(_mvDataSource& source, std::optional<Compression>& found, ProgressMonitor* pm,
+                   LogBase& log) {
   const char* bytes = nullptr;
   unsigned n = 0;
   if (!source.peekBytes(kBlockSize, bytes, n, pm, log)) return false;
-  kind = recogniseArchive(reinterpret_cast<const unsigned char*>(bytes), n);
+  found = recogniseArchive(reinterpret_cast<const unsigned char*>(bytes), n);
   return true;
 }
 

@@ -1,11 +1,11 @@
-#include "tar/stream/GzipMembers.h"
+#include "runtime/codec/GzipMembers.h"
 
+#include "runtime/codec/GzipFormat.h"
 #include "runtime/codec/MorvaneDeflate.h"
 #include "runtime/codec/ZipCRC.h"
 #include "runtime/io/_mvDataSource.h"
 #include "runtime/io/_mvOutput.h"
 #include "runtime/log/LogBase.h"
-#include "tar/format/GzipFormat.h"
 
 namespace morvane {
 
@@ -72,8 +72,8 @@ bool findNextMember(_mvDataSource& source, bool& found, ProgressMonitor* pm, Log
 
 }  // namespace
 
-bool inflateGzipMembers(_mvDataSource& source, _mvOutput& out, const TarOptions& options, ProgressMonitor* pm,
-                        LogBase& log) {
+bool inflateGzipMembers(_mvDataSource& source, _mvOutput& out, const CodecOptions& options,
+                        ProgressMonitor* pm, LogBase& log) {
   if (!options.verifyGzip && !options.gzipAllMembers) {
     return MorvaneDeflate::inflateFromSourcePM(false, source, out, false, pm, log);
   }

@@ -1,0 +1,57 @@
+// One row for each compression: whoever asks how something is compressed or expanded asks this table.
+//
+// A new compression is a value of Compression, a row in Codec.cpp, and files for its encoder and decoder.
+#pragma once
+
+#include <memory>
+
+#include "runtime/codec/Compression.h"
+
+namespace morvane {
+
+class DataBuffer;
+class LogBase;
+class ProgressMonitor;
+class _mvDataSource;
+class _mvOutput;
+
+// What an application may ask of a codec; each row takes what concerns it.
+struct CodecOptions {
+  long long fastDeflate =
+      0;                    // gzip written: 0 is zlib's default level, 1 (fastest) to 3 trade size for speed
+  bool verifyGzip = false;  // gzip read: the trailer's checksum and size are compared
+  bool gzipAllMembers = false;  // gzip read: what follows the first member is read too
+};
+
+// Compresses one archive. Calls come in the order in which they stand here; each may fail, with its reason in
+// the log. The bytes of add are the archive's, in any pieces; what becomes ready of the output is appended to
+// `ready`, which is often nothing, for pieces are gathered inside.
+class Encoder {
+ public:
+  virtual ~Encoder();
+  // Writes what stands in front of the compressed data.
+  virtual bool begin(_mvOutput& out, ProgressMonitor* pm, LogBase& log);
+  virtual bool add(const unsigned char* bytes, unsigned n, DataBuffer& ready, ProgressMonitor* pm,
+                   LogBase& log) = 0;
+  virtual bool finish(DataBuffer& ready, ProgressMonitor* pm, LogBase& log) = 0;
+  // Writes what stands behind them; `size` counts the bytes that were added.
+  virtual bool end(_mvOutput& out, long long size, LogBase& log);
+};
+
+struct Codec {
+  Compression compression;
+  const char* name;
+  // Separated by blanks; a name that ends in one promises this compression.
+  const char* suffixes;
+  bool (*hasMagic)(const unsigned char* bytes, unsigned n);
+  // Null where it can only be read.
+  std::unique_ptr<Encoder> (*makeEncoder)(const CodecOptions& options);
+  // Expands the source from where it stands into the output.
+  bool (*decode)(_mvDataSource& source, _mvOutput& out, const CodecOptions& options, ProgressMonitor* pm,
+                 LogBase& log);
+};
+
+// The row of a compression other than None.
+const Codec& codecOf(Compression compression);
+
+}  // namespace morvane

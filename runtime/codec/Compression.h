@@ -1,0 +1,23 @@
+// The compressions that an archive may have: their names, how they are told by content and by a file's name.
+#pragma once
+
+#include <optional>
+#include <string_view>
+
+#include "runtime/base/Export.h"
+
+namespace morvane {
+
+enum class Compression { None, Gzip, Bzip2, Compress };
+
+// What a person calls it: "gzip".
+MORVANE_API const char* compressionName(Compression compression);
+// Whether it can be written; Unix compress is only read.
+MORVANE_API bool canBeWritten(Compression compression);
+// By a content's first bytes (10 are enough); nothing when they begin none of these.
+MORVANE_API std::optional<Compression> compressionByContent(const unsigned char* bytes, unsigned n);
+// By the suffix of an archive's name (".tar.gz", ".tgz"), which promises it. Nothing for a name that promises
+// none.
+MORVANE_API std::optional<Compression> compressionBySuffix(std::string_view path);
+
+}  // namespace morvane

@@ -1,0 +1,35 @@
+// Ends a decompressor of which far more comes out than went in (the word MaxRatio): a bomb, as a rule.
+#pragma once
+
+#include "runtime/io/MeteredSource.h"
+#include "runtime/io/_mvOutput.h"
+#include "runtime/progress/ProgressMonitor.h"
+#include "tar/place/RunLimits.h"
+
+namespace morvane {
+
+// Stands between a decompressor and its output. `in` is what the decompressor reads. 0 is no limit.
+class RatioLimit : public _mvOutput {
+ public:
+  RatioLimit(_mvOutput& out, const MeteredSource& in, long long mostTimes)
+      : m_out(out), m_in(in), m_mostTimes(mostTimes) {}
+
+  bool _writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log) override {
+    m_produced += n;
+    // Divided, because a product might be more than any number holds.
+    if (m_mostTimes > 0 && m_produced > kAlwaysAllowed && m_produced / m_mostTimes > m_in.bytesTaken()) {
+      return failAtLimit("MaxRatio", m_mostTimes, io.monitor() ? &io.monitor()->event() : nullptr, log);
+    }
+    return m_out._writeBytes(bytes, n, io, log);
+  }
+
+ private:
+  static constexpr long long kAlwaysAllowed = 16LL * 1024 * 1024;
+
+  _mvOutput& m_out;
+  const MeteredSource& m_in;
+  const long long m_mostTimes;
+  long long m_produced = 0;
+};
+
+}  // namespace morvane
