@@ -47,17 +47,35 @@ bool _mvDataSource::canPeek() { return false; }
 
 bool _mvDataSource::peekBytes(unsigned, const char*&, unsigned&, ProgressMonitor*, LogBase&) { return false; }
 
-bool _mvDataSource::noteRead(unsigned got, ProgressMonitor* pm, LogBase& log) {
-  m_gaveNothing = got == 0;
-  return !pm || !pm->abortCheckTimed(log) || logAborted(log);
-}
+namespace {
+
+// The question whether to abort behind an operation of a source that may or may not have asked it.
+class AbortQuestion {
+ public:
+  explicit AbortQuestion(ProgressMonitor* pm) : m_pm(pm), m_before(pm ? pm->timedChecks() : 0) {}
+  bool goesOn(LogBase& log) const {
+    return !m_pm || m_pm->timedChecks() != m_before || !m_pm->abortCheckTimed(log) || logAborted(log);
+  }
+
+ private:
+  ProgressMonitor* const m_pm;
+  const unsigned m_before;
+};
+
+}  // namespace
 
 bool _mvDataSource::read(char* buffer, unsigned n, unsigned& numRead, ProgressMonitor* pm, LogBase& log) {
-  return readSourcePM(buffer, n, numRead, pm, log) && noteRead(numRead, pm, log);
+  const AbortQuestion question(pm);
+  if (!readSourcePM(buffer, n, numRead, pm, log)) return false;
+  m_gaveNothing = numRead == 0;
+  return question.goesOn(log);
 }
 
 bool _mvDataSource::lend(unsigned most, const char*& bytes, unsigned& n, ProgressMonitor* pm, LogBase& log) {
-  return lendBytes(most, bytes, n, pm, log) && noteRead(n, pm, log);
+  const AbortQuestion question(pm);
+  if (!lendBytes(most, bytes, n, pm, log)) return false;
+  m_gaveNothing = n == 0;
+  return question.goesOn(log);
 }
 
 bool _mvDataSource::readFully(char* buffer, unsigned n, unsigned& numRead, ProgressMonitor* pm,

@@ -72,8 +72,6 @@ class MORVANE_API _mvDataSource {
                                       ProgressMonitor* pm, LogBase& log);
 
  private:
-  bool noteRead(unsigned got, ProgressMonitor* pm, LogBase& log);
-
   bool m_gaveNothing = false;  // the last read or lending
 };
 

@@ -28,6 +28,7 @@ bool ProgressMonitor::abortCheck(LogBase&) {
 }
 
 bool ProgressMonitor::abortCheckTimed(LogBase& log) {
+  ++m_timedChecks;
   const int interval = abortCheckMs();
   if (m_aborted || interval <= 0) return m_aborted;
   if (m_everAsked && millisecondTicks() - m_lastAsked < static_cast<unsigned>(interval)) return false;

@@ -36,6 +36,8 @@ class MORVANE_API ProgressMonitor {
   bool consumeProgress(long long n, LogBase& log);
   void consumeRemaining(LogBase& log);
   bool isAborted() const { return m_aborted; }
+  // How often abortCheckTimed was called: who wraps an operation sees whether that has asked by itself.
+  unsigned timedChecks() const { return m_timedChecks; }
 
   // Passes a named piece of information to the event.
   static void pprogressInfo(ProgressEvent& event, const char* name, const char* value) {
@@ -56,6 +58,7 @@ class MORVANE_API ProgressMonitor {
   int m_lastPercent = -1;
   bool m_everAsked = false;
   unsigned m_lastAsked = 0;
+  unsigned m_timedChecks = 0;
   bool m_aborted = false;
 };
 

@@ -70,7 +70,8 @@ void CharsetDecoder::append(std::string_view bytes, char from, char to, std::str
   if (isUtf8()) {
     const size_t start = utf8.size();
     utf8.append(bytes);
-    if (from != to) std::replace(utf8.begin() + static_cast<std::ptrdiff_t>(start), utf8.end(), from, to);
+    const bool hasAny = from != to && bytes.find(from) != std::string_view::npos;
+    if (hasAny) std::replace(utf8.begin() + static_cast<std::ptrdiff_t>(start), utf8.end(), from, to);
     return;
   }
   iconv(static_cast<iconv_t>(m_converter), nullptr, nullptr, nullptr,
