@@ -74,8 +74,8 @@ void CharsetDecoder::append(std::string_view bytes, char from, char to, std::str
     if (hasAny) std::replace(utf8.begin() + static_cast<std::ptrdiff_t>(start), utf8.end(), from, to);
     return;
   }
-  iconv(static_cast<iconv_t>(m_converter), nullptr, nullptr, nullptr,
-        nullptr);  // each name starts in the initial state
+  // Each name starts in the initial state.
+  iconv(static_cast<iconv_t>(m_converter), nullptr, nullptr, nullptr, nullptr);
   utf8.reserve(utf8.size() + bytes.size());
   char piece[kPiece];
   size_t held = 0;  // of the piece before: the beginning of a character
@@ -101,12 +101,12 @@ size_t CharsetDecoder::convert(char* bytes, size_t n, bool last, std::string& ut
     const int error = result == static_cast<size_t>(-1) ? errno : 0;
     utf8.append(out, sizeof out - outLeft);
     if (error == 0 || error == E2BIG) continue;
-    constexpr size_t kLongestCharacter =
-        32;  // with its shift sequences; what is longer is no beginning of one
+    // With its shift sequences. What is longer is no beginning of one.
+    constexpr size_t kLongestCharacter = 32;
     if (error == EINVAL && !last && n < kLongestCharacter) return n;
-    // The converter may hold back a character that the next one might still combine with. It stands in front
-    // of the byte that does not convert.
-    flush(utf8);
+    // What is held back stands in front of the byte that does not convert. Elsewhere nothing is flushed, for
+    // that also forgets the shift state that the bytes before have brought about.
+    if (m_holdsBack) flush(utf8);
     utf8.push_back(*bytes++);
     --n;
   }
