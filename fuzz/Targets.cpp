@@ -8,6 +8,7 @@
 #include "runtime/text/CharsetDecoder.h"
 #include "tar/ClsTar.h"
 #include "tar/format/FullExtensions.h"
+#include "tar/format/Member.h"
 #include "tar/format/TarBlock.h"
 #include "tar/format/XmlEntry.h"
 
@@ -60,7 +61,9 @@ void header(const uint8_t* data, size_t size) {
   require(record.m_size >= 0, "a size is never negative");
   XString xml;
   CharsetDecoder decoder("utf-8");
-  toXmlEntry(record, xml, nullptr, decoder);
+  Member shown;
+  shown.copyHeader(record);
+  toXmlEntry(shown, xml, nullptr, decoder);
   StringBuffer fields;
   TarHeader::getFieldsQP(data, fields);
   require(fields.str().find("]]>") == std::string::npos, "a field dump never ends a CDATA section");

@@ -154,11 +154,10 @@ for file in page.txt "${completions[@]}"; do
   done
 done
 # Every option word that the code knows is described and completed.
-words=$(sed -n 's/.*{"\([a-z0-9]*\)", &TarOptions::.*/\1/p; s/.*word == "\([a-z0-9]*\)".*/\1/p' \
-  "$source/tar/TarOptions.cpp")
+words=$(sed -n 's/^    {"\([a-z0-9]*\)", \(MORVANE_SETTING\|"[a-z]*", \[\).*/\1/p' "$source/tar/settings/TarOptions.cpp" | sort -u)
 [ "$(echo "$words" | wc -l)" -ge 17 ] || fail "the option words were not found in the code"
 for word in $words; do
-  grep -qiE "^## \`?$word\b" "$source/docs/options.md" || fail "docs/options.md does not describe $word"
+  grep -qiE "^## .*\b$word\b" "$source/docs/options.md" || fail "docs/options.md does not describe $word"
   for file in "${completions[@]}"; do grep -qiw "$word" "$file" || fail "$word is not completed by $file"; done
 done
 # A page that is referred to is there.

@@ -16,7 +16,7 @@ _mvtar() {
     --progress) words="auto always never" ;;
     --options)
       words="SkipOutputFile SkipUnreadable WriteExactSizes CountSkipsExcluded NoTotal UstarOverflow=fail
-        UstarPlainPrefix PaxExact OpenBeforeEvent FastDeflate= FullRead MaxExtensionBytes= Confine=beneath Confine=nolinks
+        UstarPlainPrefix PaxExact OpenBeforeEvent FastDeflate= FullRead MaxExtensionBytes= MaxPathDepth= MaxMembers= MaxTotalBytes= MaxRatio= Profile=usual Profile=untrusted Confine=beneath Confine=nolinks
         VerifyGzip GzipAllMembers Bz2Framed RequireEndOfArchive EntryEvents
         SkipUncreatable" ;;
     --directory)

@@ -38,6 +38,8 @@ class MORVANE_API StringBuffer : public MorvaneObject {
   bool appendInt64(long long value);
   bool appendN(const char* bytes, unsigned n);
 
+  void swap(std::string& text) noexcept { m_text.swap(text); }
+
   const char* getString() const { return m_text.c_str(); }
   const std::string& str() const { return m_text; }
   unsigned getSize() const { return static_cast<unsigned>(m_text.size()); }

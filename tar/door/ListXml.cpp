@@ -1,6 +1,7 @@
 // ClsTar's XML listings: ListXml, and the frame of those captured while reading.
 #include "runtime/base/ScopeExit.h"
 #include "tar/door/ClsTarMethod.h"
+#include "tar/format/Member.h"
 #include "tar/format/NameDecoder.h"
 #include "tar/format/TarBlock.h"
 #include "tar/format/XmlEntry.h"
@@ -72,6 +73,7 @@ bool ClsTar::listXml(_mvDataSource& source, XString& outXml, _mvOutput* drain, P
   ScopeExit close([&outXml] { endXmlListing(outXml); });
   ArchiveCursor cursor(source, pm, m_log);
   TarHeader header;
+  Member shown;
   unsigned char block[kBlockSize];
   while (true) {
     if (pm && m_abortCheckMs != 0 && pm->abortCheck(m_log)) {
@@ -94,7 +96,8 @@ bool ClsTar::listXml(_mvDataSource& source, XString& outXml, _mvOutput* drain, P
     std::string data;
     const bool hasData = hasListedData(header);
     if (hasData) readListedData(source, header, cursor, pm, m_log, data);
-    toXmlEntry(header, outXml, hasData ? data.c_str() : nullptr, decoder);
+    shown.exchangeHeader(header);
+    toXmlEntry(shown, outXml, hasData ? data.c_str() : nullptr, decoder);
     if (drain && outXml.getSizeUtf8() >= kDrainAt) {
       if (!drain->writeBytesPM(outXml.getUtf8(), outXml.getSizeUtf8(), pm, m_log)) return false;
       outXml.clear();

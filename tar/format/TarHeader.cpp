@@ -130,20 +130,37 @@ void TarHeader::takeNames(const unsigned char* block) {
   m_path.appendN(m_name.getString(), m_name.getSize());
 }
 
+bool TarHeader::readBlock(_mvDataSource& source, unsigned char* block, LogBase& log, ProgressMonitor* pm) {
+  unsigned numRead = 0;
+  if (!source.readFully(reinterpret_cast<char*>(block), kBlockSize, numRead, pm, log)) return false;
+  if (numRead == kBlockSize) return true;
+  std::memset(block + numRead, 0, kBlockSize - numRead);
+  log.LogError(numRead == 0 ? "The archive ends without an end-of-archive mark."
+                            : "The archive ends inside a header.");
+  log.LogDataLong("bytesRead", numRead);
+  return false;
+}
+
 bool TarHeader::parseFromDataSource(_mvDataSource& source, unsigned char* rawBlock, bool& endOfArchive,
                                     LogBase& log, ProgressMonitor* pm) {
   unsigned char local[kBlockSize];
   unsigned char* const block = rawBlock ? rawBlock : local;
-  unsigned numRead = 0;
-  if (!source.readFully(reinterpret_cast<char*>(block), kBlockSize, numRead, pm, log)) return false;
-  if (numRead < kBlockSize) {
-    std::memset(block + numRead, 0, kBlockSize - numRead);
-    log.LogError(numRead == 0 ? "The archive ends without an end-of-archive mark."
-                              : "The archive ends inside a header.");
-    log.LogDataLong("bytesRead", numRead);
-    return false;
-  }
-  return parseFromMemory(block, endOfArchive, log);
+  return readBlock(source, block, log, pm) && parseFromMemory(block, endOfArchive, log);
+}
+
+void TarHeader::exchangeTexts(std::string& path, std::string& linkPath, std::string& userName,
+                              std::string& groupName) {
+  const auto exchange = [](StringBuffer* text, std::string& with) {
+    if (text) {
+      text->swap(with);
+    } else {
+      with.clear();
+    }
+  };
+  exchange(&m_path, path);
+  exchange(m_linkPath ? m_linkPath.get() : &m_linkName, linkPath);
+  exchange(m_userName.get(), userName);
+  exchange(m_groupName.get(), groupName);
 }
 
 void TarHeader::setWholePath(const char* path) {

@@ -87,6 +87,14 @@ class MORVANE_API TarHeader {
   // Logs the fields of a block that could not be parsed.
   static void debugLogTarHeader(const unsigned char* block, LogBase& log);
 
+  // Exchanges the path, the link path (a record's, else the block's) and the names with other texts. The
+  // header's own are then of no use before the next parse, but for what a record makes the whole path.
+  void exchangeTexts(std::string& path, std::string& linkPath, std::string& userName, std::string& groupName);
+  // Reads the next 512 bytes; fewer are a failure, with the reason in the log. Those that are missing are
+  // then 0.
+  [[nodiscard]] static bool readBlock(_mvDataSource& source, unsigned char* block, LogBase& log,
+                                      ProgressMonitor* pm);
+
   const char* linkPath() const { return m_linkPath ? m_linkPath->getString() : m_linkName.getString(); }
   const char* userName() const { return m_userName ? m_userName->getString() : ""; }
   const char* groupName() const { return m_groupName ? m_groupName->getString() : ""; }

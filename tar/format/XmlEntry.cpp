@@ -13,9 +13,9 @@
 #include "runtime/text/StringBuffer.h"
 #include "runtime/text/Utf8.h"
 #include "runtime/text/XString.h"
+#include "tar/format/Member.h"
 #include "tar/format/NameDecoder.h"
 #include "tar/format/TarBlock.h"
-#include "tar/format/TarHeader.h"
 
 namespace morvane {
 
@@ -114,9 +114,9 @@ void appendElement(const Element& element, std::string_view text, std::string& o
   out.append(element.end);
 }
 
-std::string_view kindOf(const TarHeader& header) {
-  if (header.m_isDirectory) return "directory";
-  switch (header.m_typeFlag) {
+std::string_view kindOf(const Member& member) {
+  if (member.isDirectory) return "directory";
+  switch (member.typeFlag) {
     case kTypeRegular:
     case kTypeOldRegular:
       return "file";
@@ -201,7 +201,7 @@ std::string fieldText(const unsigned char* block, const Field& field) {
 
 }  // namespace
 
-void toXmlEntry(const TarHeader& header, XString& xml, const char* extensionData, CharsetDecoder& decoder) {
+void toXmlEntry(const Member& member, XString& xml, const char* extensionData, CharsetDecoder& decoder) {
   std::string& out = xml.buffer();
   std::string decoded;
   const auto appendName = [&](const Element& element, std::string_view bytes) {
@@ -214,30 +214,32 @@ void toXmlEntry(const TarHeader& header, XString& xml, const char* extensionData
     appendElement(element, decoded, out);
   };
   out += "\t<entry type=\"";
-  appendXmlText(std::string_view(&header.m_typeFlag, 1), true, out);
+  appendXmlText(std::string_view(&member.typeFlag, 1), true, out);
   EntryStart start;
   start.text("\" kind=\"");
-  start.text(kindOf(header));
-  start.number("\" size=\"", header.m_size);
-  start.number("\" mode=\"", header.m_mode, 8, 4);
-  start.number("\" uid=\"", header.m_uid);
-  start.number("\" gid=\"", header.m_gid);
-  start.number("\" mtime=\"", header.m_exactMtime.seconds);
-  start.isoTime("\" modified=\"", header.m_exactMtime.seconds, "Z");
+  start.text(kindOf(member));
+  start.number("\" size=\"", member.size);
+  start.number("\" mode=\"", member.mode, 8, 4);
+  start.number("\" uid=\"", member.uid);
+  start.number("\" gid=\"", member.gid);
+  start.number("\" mtime=\"", member.listedMtime);
+  start.isoTime("\" modified=\"", member.listedMtime, "Z");
   start.text("\">\r\n");
   start.appendTo(out);
-  appendName(kPathElement, header.m_path.str());
-  appendName(kUserElement, header.userName());
-  appendName(kGroupElement, header.groupName());
-  if (*header.linkPath() != '\0') appendName(kLinkElement, header.linkPath());
+  appendName(kPathElement, member.path);
+  appendName(kUserElement, member.userName.c_str());
+  appendName(kGroupElement, member.groupName.c_str());
+  if (*member.linkPath.c_str() != '\0') appendName(kLinkElement, member.linkPath.c_str());
   if (extensionData) appendName(kDataElement, extensionData);
   out += "\t</entry>\r\n";
 }
 
 void TarHeader::toXmlEntry(XString& xml, const char* extensionData, const char* charset, ProgressMonitor*,
                            LogBase& log) const {
+  Member shown;
+  shown.copyHeader(*this);
   NameDecoder names;
-  morvane::toXmlEntry(*this, xml, extensionData, names.forCharset(charset, log));
+  morvane::toXmlEntry(shown, xml, extensionData, names.forCharset(charset, log));
 }
 
 void TarHeader::getFieldsQP(const unsigned char* block, StringBuffer& out) {

@@ -5,17 +5,17 @@
 #include "runtime/progress/ProgressEvent.h"
 #include "runtime/progress/TarMemberInfo.h"
 #include "tar/format/EntryPath.h"
-#include "tar/format/TarHeader.h"
+#include "tar/format/Member.h"
 
 namespace morvane {
 
-void MemberPath::set(const TarHeader& header, const ReadSettings& settings, LogBase& log) {
+void MemberPath::set(const Member& member, const ReadSettings& settings, LogBase& log) {
   // Cut before it is decoded, and decoded without a copy: a name may have many megabytes.
   std::string& entryPath = m_entryPath.buffer();
   entryPath.clear();
   decoder(settings, log)
-      .append(leftOfEntryPath(header.m_path.str(), settings.untarDiscardPaths, settings.noAbsolutePaths),
-              '\\', '/', entryPath);
+      .append(leftOfEntryPath(member.path, settings.untarDiscardPaths, settings.noAbsolutePaths), '\\', '/',
+              entryPath);
   m_dir = settings.untarFromDir;
   m_hasOutputPath = false;
 }
@@ -26,28 +26,26 @@ const XString& MemberPath::outputPath() const {
   return m_outputPath;
 }
 
-void giveUpLongText(StringBuffer& text) {
-  constexpr unsigned kLong = 1 << 20;
-  if (text.getSize() > kLong) text.clear();
+void giveUpLongText(std::string& text) {
+  constexpr size_t kLong = 1 << 20;
+  if (text.size() > kLong) std::string().swap(text);
 }
 
-void announceHeader(ProgressEvent& event, const TarHeader& header, const XString& entryPath,
-                    long long headerPosition, const ReadSettings& settings) {
+void announceHeader(ProgressEvent& event, const Member& member, const XString& entryPath) {
   TarMemberInfo info;
-  info.path = header.m_path.getString();
+  info.path = member.path.c_str();
   info.entryPath = entryPath.getUtf8();
-  info.linkPath = header.linkPath();
-  info.userName = header.userName();
-  info.groupName = header.groupName();
-  info.typeFlag = header.m_typeFlag;
-  info.isDirectory = header.m_isDirectory;
-  info.size = header.m_size;
-  info.mtime =
-      settings.options.fullRead ? header.m_exactMtime.seconds : static_cast<long long>(header.m_mtime);
-  info.headerPosition = headerPosition;
-  info.mode = header.m_mode;
-  info.uid = header.m_uid;
-  info.gid = header.m_gid;
+  info.linkPath = member.linkPath.c_str();
+  info.userName = member.userName.c_str();
+  info.groupName = member.groupName.c_str();
+  info.typeFlag = member.typeFlag;
+  info.isDirectory = member.isDirectory;
+  info.size = member.size;
+  info.mtime = member.mtime.seconds;
+  info.headerPosition = member.headerPosition;
+  info.mode = member.mode;
+  info.uid = member.uid;
+  info.gid = member.gid;
   event.onTarHeader(info);
 }
 

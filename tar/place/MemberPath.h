@@ -9,13 +9,12 @@ namespace morvane {
 
 class LogBase;
 class ProgressEvent;
-class StringBuffer;
-class TarHeader;
+struct Member;
 
 class MemberPath {
  public:
   // Path rules, decoding, and the place below UntarFromDir. An unknown Charset is said once.
-  void set(const TarHeader& header, const ReadSettings& settings, LogBase& log);
+  void set(const Member& member, const ReadSettings& settings, LogBase& log);
   // The decoder of names, for what else is to be decoded of the same archive.
   CharsetDecoder& decoder(const ReadSettings& settings, LogBase& log) {
     return m_decoder.forCharset(settings.charset, log);
@@ -38,10 +37,9 @@ class MemberPath {
 };
 
 // Extension data may carry texts of many megabytes: what was taken from such a one is not kept twice.
-void giveUpLongText(StringBuffer& text);
+void giveUpLongText(std::string& text);
 
 // Sends onTarHeader.
-void announceHeader(ProgressEvent& event, const TarHeader& header, const XString& entryPath,
-                    long long headerPosition, const ReadSettings& settings);
+void announceHeader(ProgressEvent& event, const Member& member, const XString& entryPath);
 
 }  // namespace morvane

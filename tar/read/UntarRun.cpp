@@ -1,14 +1,14 @@
 #include "tar/read/UntarRun.h"
 
+#include <algorithm>
+#include <new>
 #include <string>
 
 #include "runtime/base/ScopeExit.h"
 #include "runtime/buffer/DataBuffer.h"
-#include "runtime/io/OutputDataBuffer.h"
 #include "runtime/io/_mvDataSource.h"
 #include "runtime/log/LogCause.h"
 #include "runtime/log/LogContextExitor.h"
-#include "tar/format/PaxRecords.h"
 #include "tar/format/TarBlock.h"
 #include "tar/format/XmlEntry.h"
 #include "tar/format/XmlListing.h"
@@ -20,16 +20,12 @@ namespace {
 
 constexpr unsigned kCopyBufferSize = 40000;
 constexpr unsigned kSmallCopyBufferSize = 20000;
-// Extension data are read whole; what is larger than this is no path.
-constexpr long long kLongestExtension = 100000;
-
 constexpr char kAborted[] = "Untar aborted by application. (1)";
 
 std::string typeText(char typeFlag) { return std::string(typeFlag ? 1 : 0, typeFlag); }
 
-MorvaneFileTime fileTime(unsigned seconds, const TarTime& exact, bool full) {
-  return full && exact.known ? MorvaneFileTime::fromUnixTime64(exact.seconds, exact.nanoseconds)
-                             : MorvaneFileTime::fromUnixTime32(seconds);
+MorvaneFileTime fileTime(const TarTime& time) {
+  return MorvaneFileTime::fromUnixTime64(time.seconds, time.nanoseconds);
 }
 
 }  // namespace
@@ -39,8 +35,9 @@ UntarRun::UntarRun(const Context& context, LiveSettings<ReadSettings> settings, 
       m_log(context.log),
       m_live(std::move(settings)),
       m_settings(m_live.now()),
+      m_reader(MemberReader::make((m_live.refresh(), m_settings.options.fullRead))),
+      m_member(m_reader->found()),
       m_cursor(context.source, context.pm, context.log) {
-  m_live.refresh();
   m_extract = extract && !m_settings.suppressOutput;
 }
 
@@ -97,123 +94,88 @@ UntarRun::Step UntarRun::nextEntry() {
     m_log.LogDataInt64("filePosition", m_filePosition);
     m_log.LogData("previousTypeFlag", typeText(m_previousTypeFlag).c_str());
   }
-  char typeFlag = '\0';
-  if (!readHeader(typeFlag)) return Step::Fail;
-  if (m_endOfArchive) {
+  MemberReader::Found found;
+  if (!readHeader(found)) return Step::Fail;
+  if (found == MemberReader::Found::End) {
     if (m_log.verbose()) m_log.LogInfo("End-of-TAR");
     return Step::Stop;
   }
   if (m_log.verbose()) {
-    m_log.LogData("currentTypeFlag", typeText(typeFlag).c_str());
-    m_log.LogDataInt64("size", m_current.m_size);
+    m_log.LogData("currentTypeFlag", typeText(m_member.typeFlag).c_str());
+    m_log.LogDataInt64("size", m_member.size);
   }
-  const bool isExtension = m_settings.options.fullRead
-                               ? FullExtensions::isRecord(typeFlag) || FullExtensions::isPassedOver(typeFlag)
-                               : typeFlag == kTypePax || typeFlag == kTypeLongName;
-  return isExtension ? handleExtension(typeFlag) : handleMember(typeFlag);
+  return found == MemberReader::Found::Member ? handleMember() : handleRecord(found);
 }
 
-bool UntarRun::readHeader(char& typeFlag) {
-  const bool merge = m_previousTypeFlag == kTypeLongName || m_previousTypeFlag == kTypePax;
-  const bool intoFollowing = merge && !m_settings.options.fullRead;
-  TarHeader& header = intoFollowing ? m_following : m_current;
-  if (!header.parseFromDataSource(m_context.source, nullptr, m_endOfArchive, m_log, m_context.pm)) {
+bool UntarRun::readHeader(MemberReader::Found& found) {
+  const bool merges = m_reader->followsRecord();
+  unsigned char block[kBlockSize];
+  if (!TarHeader::readBlock(m_context.source, block, m_log, m_context.pm) ||
+      !m_reader->takeBlock(block, found, m_log)) {
     if (m_context.pm && m_context.pm->isAborted()) fail(kAborted);
-    return fail(merge ? "Failed to parse header from data source (1)"
-                      : "Failed to parse header from data source (2)");
+    return fail(merges ? "Failed to parse header from data source (1)"
+                       : "Failed to parse header from data source (2)");
   }
   m_cursor.passed(kBlockSize);
-  typeFlag = header.m_typeFlag;
-  if (intoFollowing) {
-    if (m_previousTypeFlag == kTypePax) {
-      combineHeaderPaxExtended(m_following, m_current);
-    } else {
-      combineHeaderLongFilename(m_following, m_current);
-    }
-  } else if (!merge && m_log.verbose()) {
-    if (!m_current.m_prefix.isEmpty()) m_log.LogDataSb("prefix", m_current.m_prefix);
-    m_log.LogDataSb("name", m_current.m_name);
+  if (!merges && m_log.verbose()) {
+    const TarHeader& header = m_reader->header();
+    if (!header.m_prefix.isEmpty()) m_log.LogDataSb("prefix", header.m_prefix);
+    m_log.LogDataSb("name", header.m_name);
   }
   return true;
 }
 
-UntarRun::Step UntarRun::handleExtension(char typeFlag) {
+// A record, or what is passed over like one.
+UntarRun::Step UntarRun::handleRecord(MemberReader::Found found) {
   // The records may set a size; the header's own says where the next one lies.
-  const long long ownSize = m_current.m_size;
-  const Step step = m_settings.options.fullRead ? takeFullExtension(typeFlag)
-                    : typeFlag == kTypePax      ? takePaxHeader()
-                                                : takeLongName();
-  if (step != Step::GoOn) return step;
-  m_previousTypeFlag = typeFlag;
+  const long long ownSize = m_member.size;
+  if (found == MemberReader::Found::Record && !takeRecord()) return Step::Fail;
+  m_previousTypeFlag = m_member.typeFlag;
   return passOver(saturatedSum(m_filePosition, saturatedSum(kBlockSize, paddedSize(ownSize))));
 }
 
-// Reads the whole data of an extension record of 1 to 100,000 bytes as NUL-terminated text. `what` names the
-// record in the messages.
-bool UntarRun::readExtensionData(const char* what) {
-  const long long size = m_current.m_size;
-  if (size < 1 || size > kLongestExtension) {
-    m_log.LogError((std::string("Invalid size in ") + what + ".").c_str());
-    m_log.LogDataInt64("size", size);
-    return false;
+bool UntarRun::takeRecord() {
+  const bool isLongName = m_member.typeFlag == kTypeLongName;
+  const bool tells = m_log.verbose() && !m_reader->isFull();
+  if (tells)
+    m_log.LogInfo(isLongName ? "Processing long filename header." : "Processing extended PAX header.");
+  DataBuffer data;
+  if (!readRecord(data)) return false;
+  const auto* const text = reinterpret_cast<const char*>(data.getData2());
+  if (tells && isLongName) m_log.LogData("longFilename", text);
+  if (m_reader->takeRecord({text, data.getSize() - 1}, m_log)) return true;
+  if (!m_reader->isFull()) fail("Failed to parse PAX extended header.");
+  return false;
+}
+
+// Reads the whole data of a record, and a NUL behind them.
+bool UntarRun::readRecord(DataBuffer& data) {
+  const long long size = m_member.size;
+  const std::string what = m_reader->recordName();
+  if (!m_reader->acceptsRecordSize(size, m_settings.options.maxExtensionBytes, m_log)) return false;
+  // Room for any path at once; what is larger grows by what arrives, whatever the header claims.
+  constexpr long long kAtOnce = 100000;
+  if (!data.reserveMore(static_cast<unsigned>(std::min(size, kAtOnce) + 1))) {
+    return fail(("Out of memory for " + what + ".").c_str());
   }
-  const unsigned n = static_cast<unsigned>(size);
-  m_extensionData.own(mvNewChar(n + 1));
-  char* const text = m_extensionData.get();
-  if (!text) return fail((std::string("Out of memory for ") + what + ".").c_str());
-  unsigned numRead = 0;
-  if (!m_context.source.readFully(text, n, numRead, m_context.pm, m_context.componentLog) || numRead < n) {
-    return fail((std::string("Failed to read ") + what + ".").c_str());
+  char piece[16 * 1024];
+  for (long long left = size; left > 0;) {
+    const auto wanted = static_cast<unsigned>(std::min<long long>(left, sizeof piece));
+    unsigned got = 0;
+    const bool ok = m_context.source.readFully(piece, wanted, got, m_context.pm, m_context.componentLog);
+    if (!ok || got < wanted) return fail(("Failed to read " + what + ".").c_str());
+    if (!data.append(piece, got)) throw std::bad_alloc();
+    left -= got;
   }
   m_cursor.passed(size);
-  text[n] = '\0';
+  if (!data.appendChar('\0')) throw std::bad_alloc();
   return true;
-}
-
-UntarRun::Step UntarRun::takePaxHeader() {
-  if (m_log.verbose()) m_log.LogInfo("Processing extended PAX header.");
-  if (!readExtensionData("PAX extended header")) return Step::Fail;
-  if (!parsePaxExtendedHeader(m_extensionData.get(), m_current, m_log)) {
-    fail("Failed to parse PAX extended header.");
-    return Step::Fail;
-  }
-  return Step::GoOn;
-}
-
-UntarRun::Step UntarRun::takeLongName() {
-  if (m_log.verbose()) m_log.LogInfo("Processing long filename header.");
-  if (!readExtensionData("long filename header")) return Step::Fail;
-  if (m_log.verbose()) m_log.LogData("longFilename", m_extensionData.get());
-  m_current.setWholePath(m_extensionData.get());
-  return Step::GoOn;
-}
-
-UntarRun::Step UntarRun::takeFullExtension(char typeFlag) {
-  if (FullExtensions::isPassedOver(typeFlag)) {
-    m_extensions.forgetNext();
-    return Step::GoOn;
-  }
-  const long long size = m_current.m_size;
-  if (size > m_settings.options.maxExtensionBytes) {
-    m_log.LogError("Extension data too large.");
-    m_log.LogDataInt64("size", size);
-    return Step::Fail;
-  }
-  DataBuffer data;  // grows by what arrives, whatever the header claims
-  OutputDataBuffer out(data);
-  if (!m_context.source.copyNToOutputPM(out, size, m_context.pm, m_context.componentLog)) {
-    fail("Failed to read extension data.");
-    return Step::Fail;
-  }
-  m_cursor.passed(size);
-  const std::string_view bytes(reinterpret_cast<const char*>(data.getData2()), data.getSize());
-  return m_extensions.take(typeFlag, bytes, m_log) ? Step::GoOn : Step::Fail;
 }
 
 // The further blocks of a sparse map stand between header and data, and are counted in no size.
 bool UntarRun::passSparseMap() {
   char block[kBlockSize];
-  for (bool goesOn = m_current.m_sparseMapGoesOn; goesOn; goesOn = block[kSparseGoesOnInMap] != 0) {
+  for (bool goesOn = m_member.sparseMapGoesOn; goesOn; goesOn = block[kSparseGoesOnInMap] != 0) {
     unsigned numRead = 0;
     if (!m_context.source.readFully(block, kBlockSize, numRead, m_context.pm, m_log) || numRead < kBlockSize)
       return fail("Failed to read the map of a sparse member.");
@@ -223,20 +185,19 @@ bool UntarRun::passSparseMap() {
   return true;
 }
 
-UntarRun::Step UntarRun::handleMember(char typeFlag) {
-  if (m_settings.options.fullRead) m_extensions.complete(m_current);
-  const long long headerPosition = m_filePosition;
+UntarRun::Step UntarRun::handleMember() {
+  m_member.headerPosition = m_filePosition;
   m_filePosition = saturatedSum(m_filePosition, kBlockSize);
-  if (m_settings.options.fullRead && !passSparseMap()) return Step::Fail;
+  if (!passSparseMap()) return Step::Fail;
   if (m_settings.captureXmlListing) {
-    toXmlEntry(m_current, m_context.xmlListing, nullptr, m_path.decoder(m_settings, m_log));
+    toXmlEntry(m_member, m_context.xmlListing, nullptr, m_path.decoder(m_settings, m_log));
   }
-  m_path.set(m_current, m_settings, m_log);
+  m_path.set(m_member, m_settings, m_log);
   if (m_context.event) {
-    announceHeader(*m_context.event, m_current, m_path.entryPath(), headerPosition, m_settings);
-    if (m_live.refresh()) m_path.set(m_current, m_settings, m_log);
+    announceHeader(*m_context.event, m_member, m_path.entryPath());
+    if (m_live.refresh()) m_path.set(m_member, m_settings, m_log);
   }
-  giveUpLongText(m_current.m_path);
+  giveUpLongText(m_member.path);
   if (!m_limits.takeMember(m_path.entryPath().str(), m_settings.options, m_context.event, m_log)) {
     return Step::Fail;
   }
@@ -246,8 +207,8 @@ UntarRun::Step UntarRun::handleMember(char typeFlag) {
   if (!extracted && m_settings.untarDebugLog && !m_path.entryPath().isEmpty()) {
     m_log.LogDataX("skipping", m_path.entryPath());
   }
-  m_previousTypeFlag = typeFlag;
-  return passOver(saturatedSum(m_filePosition, paddedSize(m_current.m_size)));
+  m_previousTypeFlag = m_member.typeFlag;
+  return passOver(saturatedSum(m_filePosition, paddedSize(m_member.size)));
 }
 
 UntarRun::Step UntarRun::extractMember(bool& extracted) {
@@ -255,23 +216,23 @@ UntarRun::Step UntarRun::extractMember(bool& extracted) {
     if (m_log.verbose()) m_log.LogInfo("Skipping file because of match pattern.");
     return Step::GoOn;
   }
-  if (m_memberOutput && m_current.m_isDirectory) return Step::GoOn;
+  if (m_memberOutput && m_member.isDirectory) return Step::GoOn;
   if (!m_extract) {
     ++m_count;
     return Step::GoOn;
   }
-  const long long dataSize = m_current.m_isDirectory ? 0 : m_current.m_size;
+  const long long dataSize = m_member.dataSize();
   if (!m_memberOutput && !mayExtract(dataSize)) return Step::Fail;
   if (m_context.event) {
     bool skip = false;
-    m_context.event->onTarEntry(m_path.outputPath().getUtf8(), dataSize, m_current.m_isDirectory, skip);
+    m_context.event->onTarEntry(m_path.outputPath().getUtf8(), dataSize, m_member.isDirectory, skip);
     m_live.refresh();
     if (skip) return Step::GoOn;
   }
   if (m_memberOutput) return copyMember();
   m_limits.tookData(dataSize);
   bool leftOut = false;
-  if (!(m_current.m_isDirectory ? extractDirectory(leftOut) : extractFile(leftOut))) return Step::Fail;
+  if (!(m_member.isDirectory ? extractDirectory(leftOut) : extractFile(leftOut))) return Step::Fail;
   if (leftOut) {
     m_anyLeftOut = true;
     return Step::GoOn;
@@ -293,7 +254,7 @@ bool UntarRun::mayExtract(long long dataSize) {
 }
 
 UntarRun::Step UntarRun::copyMember() {
-  if (!m_context.source.copyNToOutputPM(*m_memberOutput, m_current.m_size, m_context.pm, m_log)) {
+  if (!m_context.source.copyNToOutputPM(*m_memberOutput, m_member.size, m_context.pm, m_log)) {
     failWith("Failed to copy the member.", "entryPath", m_path.entryPath());
     return Step::Fail;
   }
@@ -337,21 +298,19 @@ bool UntarRun::extractFile(bool& leftOut) {
     }
     return failWith("Failed to extract to file.", "filePath", m_path.outputPath());
   }
-  const bool full = m_settings.options.fullRead;
-  const MorvaneFileTime modification = fileTime(m_current.m_mtime, m_current.m_exactMtime, full);
-  const MorvaneFileTime access = fileTime(m_current.m_atime, m_current.m_exactAtime, full);
-  const MorvaneFileTime creation = fileTime(m_current.m_ctime, m_current.m_exactCtime, full);
+  const MorvaneFileTime modification = fileTime(m_member.mtime), access = fileTime(m_member.atime),
+                        creation = fileTime(m_member.ctime);
   MemberTimes times;
   times.modification = &modification;
-  if (full ? m_current.m_exactAtime.known : m_current.m_atime != 0) times.access = &access;
-  if (full ? m_current.m_exactCtime.known : m_current.m_ctime != 0) times.creation = &creation;
+  if (m_member.atime.known) times.access = &access;
+  if (m_member.ctime.known) times.creation = &creation;
   const Extraction done =
-      extractToFile(m_context.source, m_path.outputPath(), std::move(file), times, m_current.m_size,
+      extractToFile(m_context.source, m_path.outputPath(), std::move(file), times, m_member.size,
                     m_copyBuffer.get(), m_copyBufferSize, m_log, m_context.pm);
   if (!done.isWhole && !done.hasFailedAlone) {
     return failWith("Failed to extract to file.", "filePath", m_path.outputPath());
   }
-  m_cursor.passed(m_current.m_size);
+  m_cursor.passed(m_member.size);
   leftOut = !done.isWhole;
   if (leftOut) {
     reportIncomplete(m_path, m_context.event, m_log);

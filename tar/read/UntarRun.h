@@ -10,8 +10,7 @@
 #include "runtime/base/ByteArrayOwner.h"
 #include "runtime/log/LogBase.h"
 #include "runtime/progress/ProgressMonitor.h"
-#include "tar/format/FullExtensions.h"
-#include "tar/format/TarHeader.h"
+#include "tar/format/MemberReader.h"
 #include "tar/place/ExtractTarget.h"
 #include "tar/place/MemberPath.h"
 #include "tar/place/RunLimits.h"
@@ -21,6 +20,7 @@
 
 namespace morvane {
 
+class DataBuffer;
 class _mvDataSource;
 class _mvOutput;
 
@@ -52,14 +52,12 @@ class UntarRun {
   enum class Step { GoOn, Stop, Fail };
 
   Step nextEntry();
-  bool readHeader(char& typeFlag);
-  Step handleExtension(char typeFlag);
-  Step takePaxHeader();
-  Step takeLongName();
-  Step takeFullExtension(char typeFlag);
-  bool readExtensionData(const char* what);
+  bool readHeader(MemberReader::Found& found);
+  Step handleRecord(MemberReader::Found found);
+  bool readRecord(DataBuffer& data);
+  bool takeRecord();
   bool passSparseMap();
-  Step handleMember(char typeFlag);
+  Step handleMember();
   Step extractMember(bool& extracted);
   bool mayExtract(long long dataSize);
   Step copyMember();
@@ -75,21 +73,18 @@ class UntarRun {
   const ReadSettings& m_settings;
   bool m_extract = false;  // as it was when the run began
 
-  TarHeader m_current;
-  TarHeader m_following;
-  FullExtensions m_extensions;
+  const std::unique_ptr<MemberReader> m_reader;
+  Member& m_member;  // what the last header begins
   MemberPath m_path;
   ExtractTarget m_target;
   RunLimits m_limits;
   ByteArrayOwner m_copyBuffer;
   unsigned m_copyBufferSize = 0;
-  ByteArrayOwner m_extensionData;
 
   ArchiveCursor m_cursor;
   long long m_filePosition = 0;  // of the next header, from the archive's start
   char m_previousTypeFlag = ' ';
   _mvOutput* m_memberOutput = nullptr;
-  bool m_endOfArchive = false;
   bool m_anyLeftOut = false, m_onlyLeftOut = false;
   int m_count = 0;
 };

@@ -53,7 +53,6 @@ constexpr Switch kSwitches[] = {
     {"bz2framed", MORVANE_SETTING(bool, bz2Framed)},
     {"requireendofarchive", MORVANE_SETTING(bool, requireEndOfArchive)},
     {"entryevents", MORVANE_SETTING(bool, entryEvents)},
-    {"memberevents", MORVANE_SETTING(bool, memberEvents)},
 };
 constexpr Number kNumbers[] = {
     {"maxextensionbytes", MORVANE_SETTING(long long, maxExtensionBytes), 1, kAnyNumber},

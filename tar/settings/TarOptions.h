@@ -38,8 +38,6 @@ struct TarOptions {
   long long maxMembers = 0;
   long long maxTotalBytes = 0;
   long long maxRatio = 0;
-  // Both
-  bool memberEvents = false;
 };
 
 // Words separated by commas, "Word" or "Word=value", case and blanks around them ignored; the last of a word

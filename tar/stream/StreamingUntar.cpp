@@ -9,7 +9,6 @@
 #include "runtime/log/LogCause.h"
 #include "runtime/log/LogContextExitor.h"
 #include "runtime/progress/ProgressMonitor.h"
-#include "tar/format/PaxRecords.h"
 #include "tar/format/TarBlock.h"
 #include "tar/format/XmlEntry.h"
 #include "tar/format/XmlListing.h"
@@ -69,7 +68,8 @@ void StreamingUntar::resetRun() {
   m_streamExtData.clear();
   m_streamPosition = 0;
   m_endMarkSeen = m_memberFound = m_memberComplete = m_inSparseMap = m_brokenOff = m_hasEnded = false;
-  m_extensions.clear();
+  m_reader.reset();
+  m_found = MemberReader::Found::Member;
   m_limits.clear();
 }
 
@@ -252,10 +252,8 @@ bool StreamingUntar::finishEntry(int variant, ProgressMonitor* pm, LogBase& log)
       log.LogDataInt64("numBytesWritten", m_streamOutFile->ftell64());
     }
     ok = m_streamOutFile->flush(pm, log);
-    const TarTime& exact = m_streamHeader.m_exactMtime;
-    const MorvaneFileTime modification =
-        m_settings.options.fullRead ? MorvaneFileTime::fromUnixTime64(exact.seconds, exact.nanoseconds)
-                                    : MorvaneFileTime::fromUnixTime32(m_streamHeader.m_mtime, 0);
+    const TarTime& mtime = m_reader->found().mtime;
+    const auto modification = MorvaneFileTime::fromUnixTime64(mtime.seconds, mtime.nanoseconds);
     const bool timesAreSet = m_streamOutFile->setFileTimeUtc(modification, &log);
     ok = closeOutputFile(pm, log) && ok;
     if (ok && !timesAreSet) reportTimesNotSet(m_path, pm ? &pm->event() : nullptr, log);
@@ -284,12 +282,6 @@ bool StreamingUntar::closeOutputFile(ProgressMonitor* pm, LogBase& log) {
   return m_streamOutFile->closeHandle(&log, pm);
 }
 
-// Records that only describe the next member, and carry no file.
-bool StreamingUntar::extendsNext(char typeFlag) const {
-  return m_settings.options.fullRead ? FullExtensions::isRecord(typeFlag)
-                                     : typeFlag == kTypePax || typeFlag == kTypeLongName;
-}
-
 // Ends the run for good.
 bool StreamingUntar::stop(const char* message, bool& finished, LogBase& log) {
   finished = true;
@@ -306,12 +298,16 @@ bool StreamingUntar::consumeHeader(bool& finished, ProgressMonitor* pm, LogBase&
     log.LogInfo("---- Next TAR Header ----");
     log.LogBracketed("previousHeaderType", typeText(m_streamPrevTypeFlag).c_str());
   }
-  if (extendsNext(m_streamPrevTypeFlag) && !applyExtensionData(log)) {
+  // An unframed run goes on from the one before, but reads as the words are now.
+  if (!m_reader || m_reader->isFull() != m_settings.options.fullRead) {
+    m_reader = MemberReader::make(m_settings.options.fullRead);
+  }
+  if (m_found == MemberReader::Found::Record && !applyExtensionData(log)) {
     finished = m_streamFinished = true;
     return false;
   }
   if (!parseHeader(m_streamPending.getData2(), finished, log)) return false;
-  m_headerPosition = m_streamPosition;
+  m_reader->found().headerPosition = m_streamPosition;
   eat(kBlockSize);
   if (finished) {
     m_streamPending.clear();
@@ -319,7 +315,7 @@ bool StreamingUntar::consumeHeader(bool& finished, ProgressMonitor* pm, LogBase&
     return true;
   }
   if (!closeEmptyFile(pm, log)) return false;
-  m_inSparseMap = m_settings.options.fullRead && m_streamHeader.m_sparseMapGoesOn;
+  m_inSparseMap = m_reader->found().sparseMapGoesOn;
   return m_inSparseMap || takeHeader(finished, pm, log);
 }
 
@@ -331,80 +327,65 @@ bool StreamingUntar::consumeSparseMap(bool& finished, ProgressMonitor* pm, LogBa
 }
 
 bool StreamingUntar::takeHeader(bool& finished, ProgressMonitor* pm, LogBase& log) {
-  const bool isMember =
-      !extendsNext(m_streamHeader.m_typeFlag) &&
-      !(m_settings.options.fullRead && FullExtensions::isPassedOver(m_streamHeader.m_typeFlag));
-  if (m_settings.options.fullRead) {
-    if (isMember) m_extensions.complete(m_streamHeader);
-    if (FullExtensions::isPassedOver(m_streamHeader.m_typeFlag)) m_extensions.forgetNext();
-  }
+  const bool isMember = m_found == MemberReader::Found::Member;
+  Member& member = m_reader->found();
   if (m_settings.captureXmlListing) {
     // For every header, records included; the pull engine lists members only.
-    toXmlEntry(m_streamHeader, m_xmlListing, nullptr, m_path.decoder(m_settings, log));
+    toXmlEntry(member, m_xmlListing, nullptr, m_path.decoder(m_settings, log));
   }
   m_streamExpectedSize = 0;
-  m_path.set(m_streamHeader, m_settings, log);
+  m_path.set(member, m_settings, log);
   if (isMember && pm) {
-    announceHeader(pm->event(), m_streamHeader, m_path.entryPath(), m_headerPosition, m_settings);
-    if (m_live.refresh()) m_path.set(m_streamHeader, m_settings, log);
+    announceHeader(pm->event(), member, m_path.entryPath());
+    if (m_live.refresh()) m_path.set(member, m_settings, log);
   }
   if (m_settings.untarDebugLog) log.LogDataX("entry", m_path.entryPath());
-  if (log.verbose()) log.LogBracketed("typeFlag", typeText(m_streamHeader.m_typeFlag).c_str());
-  giveUpLongText(m_streamHeader.m_path);
+  if (log.verbose()) log.LogBracketed("typeFlag", typeText(member.typeFlag).c_str());
+  giveUpLongText(member.path);
   ProgressEvent* const event = pm ? &pm->event() : nullptr;
   if (isMember && !m_limits.takeMember(m_path.entryPath().str(), m_settings.options, event, log)) {
     finished = m_streamFinished = true;
     return false;
   }
   if (!beginEntry(finished, pm, log)) return false;
-  m_streamPrevTypeFlag = m_streamHeader.m_typeFlag;
+  m_streamPrevTypeFlag = member.typeFlag;
   return true;
 }
 
 // Stages what the entry before said of the one whose header has arrived.
 bool StreamingUntar::applyExtensionData(LogBase& log) {
-  if (m_settings.options.fullRead) {
-    const std::string_view bytes(reinterpret_cast<const char*>(m_streamExtData.getData2()),
-                                 m_streamExtData.getSize());
-    const bool ok = m_extensions.take(m_streamPrevTypeFlag, bytes, log);
-    m_streamExtData.clear();
-    return ok;
-  }
   if (!m_streamExtData.appendChar('\0')) {
     log.LogError("Out of memory for streamed data.");
     return false;
   }
-  const char* const text = reinterpret_cast<const char*>(m_streamExtData.getData2());
-  if (m_streamPrevTypeFlag == kTypeLongName) {
-    m_streamHeader.setWholePath(text);
-    if (log.verbose()) log.LogDataSb("L_Data", m_streamHeader.m_path);
-    m_streamExtData.clear();
-  } else {
-    if (!parsePaxExtendedHeader(text, m_streamHeader, log))
-      log.LogError("Failed to parse PAX extended header.");
-    m_streamExtData.truncate(m_streamExtData.getSize() - 1);
+  const auto* const text = reinterpret_cast<const char*>(m_streamExtData.getData2());
+  bool ok = m_reader->takeRecord({text, m_streamExtData.getSize() - 1}, log);
+  if (!m_reader->isFull()) {
+    const bool isLongName = m_streamPrevTypeFlag == kTypeLongName;
+    if (isLongName && log.verbose()) log.LogDataSb("L_Data", m_reader->header().m_path);
+    // Here the run goes on with what was understood.
+    if (!ok) log.LogError("Failed to parse PAX extended header.");
+    ok = true;
   }
-  return true;
+  m_streamExtData.clear();
+  return ok;
 }
 
 bool StreamingUntar::parseHeader(const unsigned char* block, bool& finished, LogBase& log) {
-  const bool merge = extendsNext(m_streamPrevTypeFlag);
-  TarHeader following;
-  TarHeader& header = merge && !m_settings.options.fullRead ? following : m_streamHeader;
-  if (!header.parseFromMemory(block, finished, log)) {
-    stop(merge ? "Failed to parse TAR header.." : "Failed to parse tar header", finished, log);
+  const bool merges = m_reader->followsRecord();
+  if (!m_reader->takeBlock(block, m_found, log)) {
+    stop(merges ? "Failed to parse TAR header.." : "Failed to parse tar header", finished, log);
     TarHeader::debugLogTarHeader(block, log);
     m_streamPending.clear();
     return false;
   }
-  if (!merge || m_settings.options.fullRead) return true;
+  finished = m_found == MemberReader::Found::End;
+  if (!merges || m_reader->isFull()) return true;
   if (m_streamPrevTypeFlag == kTypePax) {
     // A notice that readers of these logs know; pax headers are fully supported here.
     log.LogNotice("PAX header in streaming untar!");
-    combineHeaderPaxExtended(following, m_streamHeader);
-  } else {
-    combineHeaderLongFilename(following, m_streamHeader);
-    if (log.verbose()) log.LogDataSb("combinedFilename", m_streamHeader.m_path);
+  } else if (log.verbose()) {
+    log.LogData("combinedFilename", m_reader->found().path.c_str());
   }
   return true;
 }
@@ -417,19 +398,17 @@ bool StreamingUntar::closeEmptyFile(ProgressMonitor* pm, LogBase& log) {
 }
 
 bool StreamingUntar::beginEntry(bool& finished, ProgressMonitor* pm, LogBase& log) {
-  const char typeFlag = m_streamHeader.m_typeFlag;
-  if (extendsNext(typeFlag)) return beginExtension(finished, log);
-  const bool passedOver = m_settings.options.fullRead && FullExtensions::isPassedOver(typeFlag);
-  const bool leftOut = passedOver || isLeftOut();
-  const long long dataSize = m_streamHeader.m_isDirectory ? 0 : m_streamHeader.m_size;
+  if (m_found == MemberReader::Found::Record) return beginExtension(finished, log);
+  const bool leftOut = m_found == MemberReader::Found::PassedOver || isLeftOut();
+  const long long dataSize = m_reader->found().dataSize();
   if (!leftOut && !m_memberOutput && !mayExtract(dataSize, pm, log)) {
     finished = m_streamFinished = true;
     return false;
   }
   const bool skipped = leftOut || isSkippedByEvent(pm);
   if (!skipped) m_limits.tookData(dataSize);
-  return m_streamHeader.m_isDirectory ? beginDirectory(skipped, finished, pm, log)
-                                      : beginFile(skipped, finished, pm, log);
+  return m_reader->found().isDirectory ? beginDirectory(skipped, finished, pm, log)
+                                       : beginFile(skipped, finished, pm, log);
 }
 
 // The limits for what is extracted, asked before it is announced.
@@ -441,24 +420,23 @@ bool StreamingUntar::mayExtract(long long dataSize, ProgressMonitor* pm, LogBase
 
 bool StreamingUntar::isLeftOut() const {
   if (m_settings.filter.excludes(m_path.entryPath().str())) return true;
-  return m_memberOutput ? m_streamHeader.m_isDirectory : m_settings.suppressOutput;
+  return m_memberOutput ? m_reader->found().isDirectory : m_settings.suppressOutput;
 }
 
 bool StreamingUntar::isSkippedByEvent(ProgressMonitor* pm) {
   bool skip = false;
   if (pm && (m_memberOutput || m_settings.options.entryEvents)) {
-    pm->event().onTarEntry(m_path.outputPath().getUtf8(),
-                           m_streamHeader.m_isDirectory ? 0 : m_streamHeader.m_size,
-                           m_streamHeader.m_isDirectory, skip);
+    const Member& member = m_reader->found();
+    pm->event().onTarEntry(m_path.outputPath().getUtf8(), member.dataSize(), member.isDirectory, skip);
   }
   return skip;
 }
 
 bool StreamingUntar::beginExtension(bool& finished, LogBase& log) {
   m_streamExtData.clear();
-  if (m_streamHeader.m_size > m_settings.options.maxExtensionBytes) {
+  if (m_reader->found().size > m_settings.options.maxExtensionBytes) {
     stop("Extension data too large.", finished, log);
-    log.LogDataInt64("size", m_streamHeader.m_size);
+    log.LogDataInt64("size", m_reader->found().size);
     return false;
   }
   std::unique_ptr<_mvOutput> output(new (std::nothrow) OutputDataBuffer(m_streamExtData));
@@ -468,7 +446,7 @@ bool StreamingUntar::beginExtension(bool& finished, LogBase& log) {
     return false;
   }
   setOutput(std::move(output), nullptr);
-  m_streamBytesLeft = m_streamExpectedSize = m_streamHeader.m_size;
+  m_streamBytesLeft = m_streamExpectedSize = m_reader->found().size;
   m_streamBytesWritten = 0;
   return true;
 }
@@ -485,7 +463,7 @@ bool StreamingUntar::beginFile(bool skipped, bool& finished, ProgressMonitor* pm
     if (log.verbose()) log.LogDataX("skippingFile", m_path.outputPath());
     setOutput(std::make_unique<_mvOutput>(), nullptr);
   }
-  m_streamExpectedSize = m_streamBytesLeft = m_streamHeader.m_size;
+  m_streamExpectedSize = m_streamBytesLeft = m_reader->found().size;
   m_streamBytesWritten = 0;
   if (m_memberFound && m_streamBytesLeft == 0) completeMember();
   return true;

@@ -9,8 +9,7 @@
 #include <memory>
 
 #include "runtime/buffer/DataBuffer.h"
-#include "tar/format/FullExtensions.h"
-#include "tar/format/TarHeader.h"
+#include "tar/format/MemberReader.h"
 #include "tar/place/ExtractTarget.h"
 #include "tar/place/MemberPath.h"
 #include "tar/place/RunLimits.h"
@@ -67,7 +66,6 @@ class StreamingUntar {
   void resetRun();
   bool takeStep(const unsigned char* data, unsigned numBytes, bool& finished, ProgressMonitor* pm,
                 LogBase& log);
-  bool extendsNext(char typeFlag) const;
   bool consumePadding();
   bool consumeData(ProgressMonitor* pm, LogBase& log);
   bool consumeHeader(bool& finished, ProgressMonitor* pm, LogBase& log);
@@ -98,8 +96,9 @@ class StreamingUntar {
   const ReadSettings& m_settings;
   XString& m_xmlListing;
 
-  DataBuffer m_streamPending;  // received and not yet consumed
-  TarHeader m_streamHeader;    // of the current entry
+  DataBuffer m_streamPending;              // received and not yet consumed
+  std::unique_ptr<MemberReader> m_reader;  // null until the first header; holds the current entry
+  MemberReader::Found m_found = MemberReader::Found::Member;  // what the current entry is
   char m_streamPrevTypeFlag = ' ';
   DataBuffer m_streamExtData;                 // of the last extension entry
   std::unique_ptr<_mvOutput> m_streamOutput;  // of the current entry's data
@@ -115,14 +114,12 @@ class StreamingUntar {
   _mvOutput* m_memberOutput = nullptr;
   bool m_memberFound = false;
   bool m_memberComplete = false;
-  long long m_headerPosition = 0;  // of the current entry
-  bool m_inSparseMap = false;      // between the current entry's header and its data
+  bool m_inSparseMap = false;  // between the current entry's header and its data
   bool m_endMarkSeen = false;
   bool m_hasEnded = false;   // FinishStreamingUntar was called
   bool m_brokenOff = false;  // by an exception of a callback, or before it began
   bool m_anyLeftOut = false;
   bool m_writeFailed = false;  // of the open output
-  FullExtensions m_extensions;
   MemberPath m_path;
   ExtractTarget m_target;
   RunLimits m_limits;

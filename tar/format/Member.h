@@ -1,0 +1,39 @@
+// One member of an archive: what its header, and the records in front of it, say of it.
+//
+// The one shape between readers, path rules, events, listings and whoever places the member. Nothing in it is
+// trusted: numbers are within their ranges, and that is all that was looked at.
+#pragma once
+
+#include <string>
+
+#include "tar/format/TarHeader.h"
+
+namespace morvane {
+
+struct Member {
+  char typeFlag = '0';
+  bool isDirectory = false;
+  // Bytes as stored; nothing is decoded, and a NUL may stand in a name that a pax record gave.
+  std::string path, linkPath, userName, groupName;
+  unsigned mode = 0;
+  unsigned uid = 0, gid = 0;
+  long long size = 0;  // data bytes that follow the header, 0 to 2^63-1
+  TarTime mtime;
+  TarTime atime, ctime;          // not known unless a record gave them
+  long long listedMtime = 0;     // Unix seconds as a listing shows them: never brought into 32 bits
+  long long headerPosition = 0;  // byte offset in the tar stream of the member's own header block
+  bool sparseMapGoesOn = false;  // blocks of a GNU sparse map come before the data
+
+  // Takes a header's values as it has them by itself, and copies of its texts; or exchanges texts with it, so
+  // that the memory of both is used again. The header's own are then of no use before its next parse.
+  void copyHeader(const TarHeader& header);
+  void exchangeHeader(TarHeader& header);
+
+  // A directory has no data to extract, whatever its header states.
+  long long dataSize() const { return isDirectory ? 0 : size; }
+
+ private:
+  void takeNumbers(const TarHeader& header);
+};
+
+}  // namespace morvane

@@ -1,0 +1,123 @@
+#include "tar/format/MemberReader.h"
+
+#include "runtime/log/LogBase.h"
+#include "tar/format/FullExtensions.h"
+#include "tar/format/PaxRecords.h"
+#include "tar/format/TarBlock.h"
+
+namespace morvane {
+
+namespace {
+
+// Extension data are read whole; what is larger than this is no path.
+constexpr long long kLongestLenientRecord = 100000;
+
+class LenientReader : public MemberReader {
+ public:
+  LenientReader() : MemberReader(false) {}
+
+  bool takeBlock(const unsigned char* block, Found& found, LogBase& log) override {
+    bool endOfArchive = false;
+    TarHeader& parsed = followsRecord() ? m_following : m_header;
+    if (!parsed.parseFromMemory(block, endOfArchive, log)) return false;
+    const char typeFlag = parsed.m_typeFlag;
+    if (m_record == kTypePax) combineHeaderPaxExtended(m_following, m_header);
+    if (m_record == kTypeLongName) combineHeaderLongFilename(m_following, m_header);
+    m_record = '\0';
+    const bool isRecord = typeFlag == kTypePax || typeFlag == kTypeLongName;
+    found = endOfArchive ? Found::End : isRecord ? Found::Record : Found::Member;
+    // A record's own texts stay: the next record may be merged with them.
+    if (isRecord) {
+      m_found.copyHeader(m_header);
+    } else {
+      m_found.exchangeHeader(m_header);
+    }
+    // Here times have 32 bits, and only those that are not 0 count as given.
+    m_found.mtime = {m_header.m_mtime, 0, true};
+    m_found.atime = {m_header.m_atime, 0, m_header.m_atime != 0};
+    m_found.ctime = {m_header.m_ctime, 0, m_header.m_ctime != 0};
+    m_found.sparseMapGoesOn = false;  // the map's blocks pass for data
+    return true;
+  }
+
+  bool followsRecord() const override { return m_record != '\0'; }
+
+  bool takeRecord(std::string_view data, LogBase& log) override {
+    m_record = m_header.m_typeFlag;
+    if (m_record == kTypePax) return parsePaxExtendedHeader(data.data(), m_header, log);
+    m_header.setWholePath(data.data());
+    return true;
+  }
+
+  const char* recordName() const override {
+    return m_header.m_typeFlag == kTypePax ? "PAX extended header" : "long filename header";
+  }
+
+  bool acceptsRecordSize(long long size, long long, LogBase& log) const override {
+    if (size >= 1 && size <= kLongestLenientRecord) return true;
+    log.LogError((std::string("Invalid size in ") + recordName() + ".").c_str());
+    log.LogDataInt64("size", size);
+    return false;
+  }
+
+  const TarHeader& header() const override { return m_header; }
+
+ private:
+  TarHeader m_header;     // of the last block; holds a record's values until the block that it is about
+  TarHeader m_following;  // the block behind a record
+  char m_record = '\0';   // the type flag of a record that waits for its member
+};
+
+class FullReader : public MemberReader {
+ public:
+  FullReader() : MemberReader(true) {}
+
+  bool takeBlock(const unsigned char* block, Found& found, LogBase& log) override {
+    bool endOfArchive = false;
+    if (!m_header.parseFromMemory(block, endOfArchive, log)) return false;
+    const char typeFlag = m_header.m_typeFlag;
+    m_followsRecord = false;
+    found = endOfArchive                             ? Found::End
+            : FullExtensions::isRecord(typeFlag)     ? Found::Record
+            : FullExtensions::isPassedOver(typeFlag) ? Found::PassedOver
+                                                     : Found::Member;
+    if (found == Found::PassedOver) m_extensions.forgetNext();
+    if (found == Found::Member) m_extensions.complete(m_header);
+    m_found.exchangeHeader(m_header);
+    return true;
+  }
+
+  bool followsRecord() const override { return m_followsRecord; }
+
+  bool takeRecord(std::string_view data, LogBase& log) override {
+    m_followsRecord = true;
+    return m_extensions.take(m_found.typeFlag, data, log);
+  }
+
+  const char* recordName() const override { return "extension data"; }
+
+  bool acceptsRecordSize(long long size, long long most, LogBase& log) const override {
+    if (size <= most) return true;
+    log.LogError("Extension data too large.");
+    log.LogDataInt64("size", size);
+    return false;
+  }
+
+  const TarHeader& header() const override { return m_header; }
+
+ private:
+  TarHeader m_header;
+  FullExtensions m_extensions;
+  bool m_followsRecord = false;
+};
+
+}  // namespace
+
+MemberReader::~MemberReader() = default;
+
+std::unique_ptr<MemberReader> MemberReader::make(bool full) {
+  if (full) return std::make_unique<FullReader>();
+  return std::make_unique<LenientReader>();
+}
+
+}  // namespace morvane

@@ -1,0 +1,60 @@
+// Header blocks and records in, members out.
+//
+// There are two of them, chosen once a run: the lenient one merges pax and long-name records the component's
+// own way (tar/format/PaxRecords.h), the full one as POSIX pax and the other tars mean them
+// (tar/format/FullExtensions.h; the word FullRead). An engine brings the bytes, in its own order and with its
+// own messages, and never asks which.
+#pragma once
+
+#include <memory>
+#include <string_view>
+
+#include "tar/format/Member.h"
+
+namespace morvane {
+
+class LogBase;
+
+class MemberReader {
+ public:
+  // What a header block begins.
+  enum class Found {
+    Member,
+    Record,      // its data say something of the member that follows: they are to be given to takeRecord
+    PassedOver,  // neither: it and its data are to be passed over
+    End,         // nothing: the archive ends here
+  };
+
+  static std::unique_ptr<MemberReader> make(bool full);
+  explicit MemberReader(bool full) : m_isFull(full) {}
+  virtual ~MemberReader();
+
+  bool isFull() const { return m_isFull; }
+
+  // Takes the next header block. False, with the reason in the log, if it is no valid one. A member has what
+  // the records before said of it.
+  [[nodiscard]] virtual bool takeBlock(const unsigned char* block, Found& found, LogBase& log) = 0;
+  // Whether the block that comes next is merged with a record.
+  virtual bool followsRecord() const = 0;
+  // The data of the record that was found last. A NUL must follow the last byte. False, with the reason in
+  // the log, if they make no sense.
+  [[nodiscard]] virtual bool takeRecord(std::string_view data, LogBase& log) = 0;
+
+  // What a record is called in messages, and whether its data are of a size that is read: at most `most`
+  // bytes. What is refused is said in the log.
+  virtual const char* recordName() const = 0;
+  [[nodiscard]] virtual bool acceptsRecordSize(long long size, long long most, LogBase& log) const = 0;
+
+  // What was found last, records included. It may be changed, and its texts moved away, until the next block.
+  Member& found() { return m_found; }
+  // The texts of the last block as the log shows them; empty for a block that was merged.
+  virtual const TarHeader& header() const = 0;
+
+ protected:
+  Member m_found;
+
+ private:
+  const bool m_isFull;
+};
+
+}  // namespace morvane
