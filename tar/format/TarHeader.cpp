@@ -151,10 +151,13 @@ bool TarHeader::parseFromDataSource(_mvDataSource& source, unsigned char* rawBlo
 void TarHeader::exchangeTexts(std::string& path, std::string& linkPath, std::string& userName,
                               std::string& groupName) {
   const auto exchange = [](StringBuffer* text, std::string& with) {
-    if (text) {
-      text->swap(with);
-    } else {
+    constexpr unsigned kCopiedAsFast = 15;
+    if (!text) {
       with.clear();
+    } else if (text->getSize() <= kCopiedAsFast) {
+      with = text->str();
+    } else {
+      text->swap(with);
     }
   };
   exchange(&m_path, path);
