@@ -201,6 +201,35 @@ TEST_F(OutOfMemory, TheCommandSaysSoAndEndsWithTwo) {
   }
 }
 
+// Single calls of the system that fail: what is lost by it is said with the right reason, what can be tried
+// again is.
+TEST(SystemCalls, WhatFailsIsSaidAndWhatIsInterruptedIsTriedAgain) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "the sanitizers stand in front of these calls";
+#endif
+  ScratchDir dir;
+  must(dir, "mkdir d && echo text > d/f && tar -cf a.tar d && gzip -k a.tar");
+  const struct {
+    const char *environment, *line;
+    std::string facts, out;
+  } kCases[] = {{"FAIL_TIMES=1", "-xf a.tar -C out", "d/f: Operation not permitted", ""},
+                {"FAIL_TIMES=1", "-xf a.tar.gz -C out", "d/f: Operation not permitted", ""},
+                {"FAIL_PREAD=1", "-cf out d", "d/f: Input/output error", ""},
+                {"FULL_OPENAT2=2", "-xf a.tar -C out",
+                 "d/f: No space left on device\na.tar: the rest was not extracted", ""},
+                {"FULL_OPENAT2=2", "-xf a.tar.gz -C out",
+                 "d/f: No space left on device\na.tar.gz: the rest was not extracted", ""},
+                {"INTERRUPT=1", "-xvf a.tar -C out", "", "d/\nd/f\n"},
+                {"INTERRUPT=1", "-tf a.tar", "", "d/\nd/f\n"}};
+  for (const auto& each : kCases) {
+    SCOPED_TRACE(std::string(each.environment) + " " + each.line);
+    must(dir, "rm -rf out");
+    const std::string command =
+        std::string(each.environment) + " LD_PRELOAD=" FAILING_CALLS " mvtar " + each.line;
+    expect(shell(dir, command), each.facts.empty() ? 0 : 2, each.out, each.facts);
+  }
+}
+
 // ---- Sources
 
 // A source that cannot seek and fails when it has given so much.
@@ -371,6 +400,20 @@ TEST(Callbacks, StepsAreRefused) {
   EXPECT_EQ(std::string(3000, 'a'), readFile(dir / "out/a"));
 }
 
+// The counting pass examines an excluded entry for ever, as it always did, but it can be ended.
+TEST(Callbacks, ACountThatNeverEndsCanBeAborted) {
+  ScratchDir dir;
+  writeFile(dir / "tree/file", "x");
+  ClsTar tar;
+  tar.AddDirRoot(dir / "tree");
+  tar.put_MustNotMatch("*file");
+  RecordingEvent event;
+  event.abortAtQuestion = 100;
+  LimitedOutput out;
+  EXPECT_FALSE(tar.WriteTar(out, &event));
+  EXPECT_EQ(100, event.questions);
+}
+
 // A single file that becomes a link while its event is told is not followed; the directory that a callback
 // sets holds from the next member on, in both engines.
 TEST(Callbacks, WhatTheyChange) {
@@ -422,6 +465,13 @@ TEST(Arguments, NulsAreRefusedAndOneTextMayBeTwo) {
   EXPECT_TRUE(logHas(tar, "A path with a NUL byte cannot be archived."));
   tar.put_UntarFromDir(nul);
   EXPECT_EQ(-1, untar(tar, member("a") + kEnd));
+
+  // A path that becomes absolute by being decoded.
+  tar.put_Charset("utf-7");
+  tar.put_UncommonOptions("Confine=beneath");
+  tar.put_UntarFromDir(dir / "out");
+  EXPECT_EQ(-1, untar(tar, member("+AC8-" + (dir / "escaped").substr(1)) + kEnd));
+  EXPECT_TRUE(logHas(tar, "Member refused: its path leaves the target.") && !exists(dir / "escaped"));
 
   writeFile(dir / "a.tar", member("a") + kEnd);
   XString both(dir / "a.tar");

@@ -99,7 +99,9 @@ TEST(FileTime, RoundsDownAndClamps) {
                 {4107542400, 4107542400u, "Mon, 01 Mar 2100 00:00:00 GMT"},
                 {4294967295, 4294967295u, "Sun, 07 Feb 2106 06:28:15 GMT"},
                 {4294967296, 4294967295u, "Sun, 07 Feb 2106 06:28:16 GMT"},
-                {253402300800, 4294967295u, "Sat, 01 Jan 10000 00:00:00 GMT"}};
+                {253402300800, 4294967295u, "Sat, 01 Jan 10000 00:00:00 GMT"},
+                // A year that an int does not hold.
+                {67768036191676799, 4294967295u, "Thu, 01 Jan 1970 00:00:00 GMT"}};
   for (const auto& each : kCases) {
     const MorvaneFileTime time = MorvaneFileTime::fromUnixTime64(each.seconds, 999'999'999);
     EXPECT_EQ(each.unix32, time.toUnixTime32()) << each.seconds;

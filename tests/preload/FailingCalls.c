@@ -1,0 +1,55 @@
+// Loaded in front of a program (LD_PRELOAD), lets single system calls fail, as the environment says:
+//   FAIL_TIMES=1      setting the times of an open file: EPERM
+//   FAIL_PREAD=N      the N-th read at a position, and all behind it: EIO
+//   FULL_OPENAT2=N    the N-th openat2, and all behind it: ENOSPC
+//   INTERRUPT=1       the first openat2 and the first write to standard output: EINTR
+#define _GNU_SOURCE
+#include <dlfcn.h>
+#include <errno.h>
+#include <stdarg.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+static int failsWith(int error) {
+  errno = error;
+  return -1;
+}
+
+static int isFrom(const char* name, int count) {
+  const char* const from = getenv(name);
+  return from && count >= atoi(from);
+}
+
+int futimens(int fd, const struct timespec times[2]) {
+  if (getenv("FAIL_TIMES")) return failsWith(EPERM);
+  return ((int (*)(int, const struct timespec*))dlsym(RTLD_NEXT, "futimens"))(fd, times);
+}
+
+ssize_t pread(int fd, void* buffer, size_t n, off_t at) {
+  static int count = 0;
+  if (isFrom("FAIL_PREAD", ++count)) return failsWith(EIO);
+  return ((ssize_t(*)(int, void*, size_t, off_t))dlsym(RTLD_NEXT, "pread"))(fd, buffer, n, at);
+}
+
+ssize_t write(int fd, const void* bytes, size_t n) {
+  static int count = 0;
+  if (fd == 1 && ++count == 1 && getenv("INTERRUPT")) return failsWith(EINTR);
+  return ((ssize_t(*)(int, const void*, size_t))dlsym(RTLD_NEXT, "write"))(fd, bytes, n);
+}
+
+long syscall(long number, ...) {
+  static int count = 0;
+  if (number == SYS_openat2) {
+    ++count;
+    if (isFrom("FULL_OPENAT2", count)) return failsWith(ENOSPC);
+    if (count == 1 && getenv("INTERRUPT")) return failsWith(EINTR);
+  }
+  va_list list;
+  va_start(list, number);
+  long a[6];
+  for (int i = 0; i < 6; ++i) a[i] = va_arg(list, long);
+  va_end(list);
+  return ((long (*)(long, ...))dlsym(RTLD_NEXT, "syscall"))(number, a[0], a[1], a[2], a[3], a[4], a[5]);
+}
