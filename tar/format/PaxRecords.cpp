@@ -2,7 +2,6 @@
 
 #include <cstring>
 
-#include "runtime/base/ByteArrayOwner.h"
 #include "runtime/log/LogBase.h"
 #include "runtime/text/SmallStrings.h"
 
@@ -96,11 +95,10 @@ void parsePaxLine(const char* line, const char* end, char* value, TarHeader& rec
 
 bool parsePaxExtendedHeader(const char* text, TarHeader& record, LogBase& log) {
   if (log.verbose()) log.LogInfo("Parsing PAX extended header...");
-  const ByteArrayOwner value(mvNewChar(kLongestValue + 1));
-  if (!value.get()) return false;
+  char value[kLongestValue + 1];
   while (*text != '\0') {
     const char* const end = endOfLine(text);
-    parsePaxLine(text, end, value.get(), record, log);
+    parsePaxLine(text, end, value, record, log);
     text = *end == '\n' ? end + 1 : end;
   }
   return true;

@@ -9,7 +9,7 @@
 namespace morvane {
 
 // Applies the records of a pax header's data (NUL-terminated text) to the record that the pax header itself
-// was parsed into. Lines that make no sense are passed over. False only when there is no memory.
+// was parsed into. Lines that make no sense are passed over; the result is true.
 bool parsePaxExtendedHeader(const char* text, TarHeader& record, LogBase& log);
 
 // Completes `staged` (a pax header with its records applied) by what only the member's own header says. The

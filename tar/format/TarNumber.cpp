@@ -13,8 +13,8 @@ constexpr unsigned long long kLargest = 0x7FFFFFFFFFFFFFFFull;
 
 bool isOctalDigit(unsigned char c) { return c >= '0' && c <= '7'; }
 
-// The number that up to eight digits at `at` make, which then points behind them. Of the work on a header half was to
-// look at its some fifty digits one by one.
+// The number that up to eight digits at `at` make, which then points behind them. Of the work on a header
+// half was to look at its some fifty digits one by one.
 unsigned long long takeEightDigits(const unsigned char*& at) {
 #if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
   uint64_t digits;
@@ -24,8 +24,8 @@ unsigned long long takeEightDigits(const unsigned char*& at) {
   const unsigned count = others == 0 ? 8 : static_cast<unsigned>(__builtin_ctzll(others)) / 8;
   at += count;
   if (count == 0) return 0;
-  // The digits go to the upper bytes, so that those which are missing are zeros in front. Then neighbours are put
-  // together: two digits in 16 bits, four in 32, eight in 64.
+  // The digits go to the upper bytes, so that those which are missing are zeros in front. Then neighbours are
+  // put together: two digits in 16 bits, four in 32, eight in 64.
   digits <<= 64 - 8 * count;
   digits = (digits + (digits << 11)) >> 8 & 0x00FF00FF00FF00FF;
   digits = (digits + (digits << 22)) >> 16 & 0x0000FFFF0000FFFF;

@@ -237,6 +237,7 @@ bool ArchiveWriter::writeData(const SourcePlace& place, const mvFileInfo& info) 
 
 // As many bytes as the header says, zeros where the file has fewer.
 bool ArchiveWriter::writeExactData(const SourcePlace& place, const mvFileInfo& info) {
+  m_readFailed = false;
   if (info.m_size == 0) {
     LogNull unwanted;  // one that cannot be opened has nothing that was to be archived
     const bool grown =
