@@ -47,6 +47,7 @@ class Ground {
     OsFile file;
     const char result = letterOf(confined.createFile(path, file, log));
     EXPECT_EQ(result == 'k', file.isOpen() && file.writeSome("new", 3) == 3);
+    EXPECT_TRUE(!file.isOpen() || fcntl(file.fd(), F_GETFD) & FD_CLOEXEC) << "no program inherits it";
     return result;
   }
   char make(const std::string& path) { return letterOf(confined.makeDirectory(path, log)); }

@@ -201,6 +201,23 @@ TEST_F(OutOfMemory, TheCommandSaysSoAndEndsWithTwo) {
   }
 }
 
+// A listing of any length is printed as it comes, plain and compressed.
+TEST(Memory, AListingTakesNone) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "the sanitizers take far more";
+#endif
+  ScratchDir dir;
+  std::string archive;
+  for (int i = 0; i < 40'000; ++i)
+    archive += member("a/name/of/some/length/that/is/listed/" + std::to_string(i));
+  writeFile(dir / "a.tar", archive + kEnd);
+  must(dir, "gzip -1k a.tar");
+  for (const char* name : {"a.tar", "a.tar.gz"}) {
+    must(dir,
+         std::string("(ulimit -v 20000; mvtar -tf ") + name + " --xml) | grep -c '<entry' | grep -qx 40000");
+  }
+}
+
 // Single calls of the system that fail: what is lost by it is said with the right reason, what can be tried
 // again is.
 TEST(SystemCalls, WhatFailsIsSaidAndWhatIsInterruptedIsTriedAgain) {
@@ -215,6 +232,9 @@ TEST(SystemCalls, WhatFailsIsSaidAndWhatIsInterruptedIsTriedAgain) {
   } kCases[] = {{"FAIL_TIMES=1", "-xf a.tar -C out", "d/f: Operation not permitted", ""},
                 {"FAIL_TIMES=1", "-xf a.tar.gz -C out", "d/f: Operation not permitted", ""},
                 {"FAIL_PREAD=1", "-cf out d", "d/f: Input/output error", ""},
+                {"FAIL_USERS=1", "-cf out d",
+                 "user database: Input/output error; owners are stored by number alone", ""},
+                {"END_PREAD=2", "--deb -f out a.tar.gz a.tar.gz", "a.tar.gz: The file ended early.", ""},
                 {"FULL_OPENAT2=2", "-xf a.tar -C out",
                  "d/f: No space left on device\na.tar: the rest was not extracted", ""},
                 {"FULL_OPENAT2=2", "-xf a.tar.gz -C out",

@@ -1,12 +1,16 @@
 // Loaded in front of a program (LD_PRELOAD), lets single system calls fail, as the environment says:
 //   FAIL_TIMES=1      setting the times of an open file: EPERM
 //   FAIL_PREAD=N      the N-th read at a position, and all behind it: EIO
+//   END_PREAD=N       the same: nothing more is there
+//   FAIL_USERS=1      reading the user database: EIO
 //   FULL_OPENAT2=N    the N-th openat2, and all behind it: ENOSPC
 //   INTERRUPT=1       the first openat2 and the first write to standard output: EINTR
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
+#include <pwd.h>
 #include <stdarg.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -30,6 +34,7 @@ int futimens(int fd, const struct timespec times[2]) {
 ssize_t pread(int fd, void* buffer, size_t n, off_t at) {
   static int count = 0;
   if (isFrom("FAIL_PREAD", ++count)) return failsWith(EIO);
+  if (isFrom("END_PREAD", count)) return 0;
   return ((ssize_t(*)(int, void*, size_t, off_t))dlsym(RTLD_NEXT, "pread"))(fd, buffer, n, at);
 }
 
@@ -37,6 +42,12 @@ ssize_t write(int fd, const void* bytes, size_t n) {
   static int count = 0;
   if (fd == 1 && ++count == 1 && getenv("INTERRUPT")) return failsWith(EINTR);
   return ((ssize_t(*)(int, const void*, size_t))dlsym(RTLD_NEXT, "write"))(fd, bytes, n);
+}
+
+int fgetpwent_r(FILE* file, struct passwd* entry, char* buffer, size_t n, struct passwd** found) {
+  if (getenv("FAIL_USERS")) return EIO;
+  return ((int (*)(FILE*, struct passwd*, char*, size_t, struct passwd**))dlsym(RTLD_NEXT, "fgetpwent_r"))(
+      file, entry, buffer, n, found);
 }
 
 long syscall(long number, ...) {
