@@ -23,19 +23,25 @@ std::string_view plainReason(std::string_view reason) {
   return noMemory ? kOutOfMemory : reason;
 }
 
+// A line with a name as it is shown. In one piece, so that lines of several processes do not mix, but for a
+// name so long that a copy of it is not to be made.
+void writeLine(void (*write)(std::string_view), const std::string& before, std::string_view name,
+               const std::string& behind) {
+  constexpr size_t kInOnePiece = 4096;
+  if (name.size() <= kInOnePiece) {
+    write(before + shown(name) + behind + "\n");
+    return;
+  }
+  write(before);
+  printShown(name, write);
+  write(behind + "\n");
+}
+
 }  // namespace
 
 void Report::notice(std::string_view path, std::string_view text) {
-  constexpr size_t kInOnePiece = 4096;  // lines of several processes do not mix then
   m_bar.clear();
-  const std::string behind = ": " + std::string(text) + "\n";
-  if (path.size() <= kInOnePiece) {
-    writeToStandardError("mvtar: " + shown(path) + behind);
-    return;
-  }
-  writeToStandardError("mvtar: ");
-  printShown(path, writeToStandardError);
-  writeToStandardError(behind);
+  writeLine(writeToStandardError, "mvtar: ", path, ": " + std::string(text));
 }
 
 void Report::problem(std::string_view path, std::string_view reason) {
@@ -53,15 +59,7 @@ void Report::failure(morvane::ClsTar& tar, const std::string& archive) {
 
 void Report::name(std::string_view name, const std::string& before, const std::string& behind) {
   m_bar.clear();
-  const auto write = m_outputCarriesData ? writeToStandardError : StandardOutput::write;
-  constexpr size_t kInOnePiece = 4096;
-  if (name.size() <= kInOnePiece) {
-    write(before + shown(name) + behind + "\n");
-    return;
-  }
-  write(before);
-  printShown(name, write);
-  write(behind + "\n");
+  writeLine(m_outputCarriesData ? writeToStandardError : StandardOutput::write, before, name, behind);
 }
 
 void Report::line(const std::string& text) { name("", text); }
