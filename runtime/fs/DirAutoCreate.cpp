@@ -4,9 +4,11 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <cstring>
 #include <string>
 
 #include "runtime/fs/OsFile.h"
+#include "runtime/log/LogBase.h"
 #include "runtime/text/StringBuffer.h"
 
 namespace morvane {
@@ -15,8 +17,16 @@ namespace {
 
 constexpr mode_t kDirectoryMode = 0777;
 
-bool failed(LogBase& log, const char* dir, int error) {
-  logOsError(log, "Failed to create directory.", dir, error);
+constexpr char kCannotCreate[] = "Failed to create directory.";
+
+bool failed(LogBase& log, DirAutoCreate::Telling telling, const char* dir, int error) {
+  const bool tells = telling == DirAutoCreate::Telling::Always || log.verbose();
+  if (tells) {
+    logOsError(log, kCannotCreate, dir, error);
+  } else {
+    log.noteCause(kCannotCreate, dir, std::strerror(error));
+    errno = error;
+  }
   return false;
 }
 
@@ -46,30 +56,30 @@ int makeEachPart(const std::string& dir) {
 
 }  // namespace
 
-bool DirAutoCreate::ensureDirUtf8(const char* dir, LogBase& log) {
-  if (*dir == '\0') return failed(log, dir, ENOENT);
+bool DirAutoCreate::ensureDirUtf8(const char* dir, LogBase& log, Telling telling) {
+  if (*dir == '\0') return failed(log, telling, dir, ENOENT);
   if (osMakeDirectory(dir, kDirectoryMode) == 0) return true;
   int error = errno;
   if (error == ENOENT) {
     error = makeEachPart(dir);
-    return error == 0 || failed(log, dir, error);
+    return error == 0 || failed(log, telling, dir, error);
   }
   struct stat status;
   if (osStatus(dir, status, true) == 0) {
     if (S_ISDIR(status.st_mode)) return true;
     if (error == EEXIST) error = ENOTDIR;
   }
-  return failed(log, dir, error);
+  return failed(log, telling, dir, error);
 }
 
-bool DirAutoCreate::ensureFileUtf8(const char* path, StringBuffer& parent, LogBase& log) {
+bool DirAutoCreate::ensureFileUtf8(const char* path, StringBuffer& parent, LogBase& log, Telling telling) {
   const std::string text(path);
   size_t end = text.rfind('/');
   parent.weakClear();
   if (end == std::string::npos) return true;
   if (end == 0) end = 1;  // directly below the root
   parent = text.substr(0, end);
-  return ensureDirUtf8(parent.getString(), log);
+  return ensureDirUtf8(parent.getString(), log, telling);
 }
 
 }  // namespace morvane

@@ -55,11 +55,8 @@ void LogBase::LogError(const char* text) {
   writeText(text);
 }
 
-void LogBase::adoptCause(const LogBase& other) {
-  if (!m_cause.message.empty() || other.m_cause.message.empty()) return;
-  m_cause = other.m_cause;
-  m_cause.depth = contextDepth();
-  m_cause.open = false;
+void LogBase::noteCause(const char* message, const char* path, const char* reason) {
+  if (keepsLines() && m_cause.message.empty()) m_cause = {message, path, reason, contextDepth(), false};
 }
 
 void LogBase::LogData(const char* tag, const char* value) {

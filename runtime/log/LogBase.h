@@ -67,8 +67,8 @@ class MORVANE_API LogBase {
     if (m_cause.open) m_cause.reason = reason;
   }
   void forgetCause() { m_cause = Cause(); }
-  // Takes over what a failure in another log is put down to, if no error stands here yet.
-  void adoptCause(const LogBase& other);
+  // What a failure is to be put down to when the log shows no line of it, if no error stands here yet.
+  void noteCause(const char* message, const char* path, const char* reason);
 
   // Puts the names of the open contexts down even if nothing is written in them.
   void showContexts();

@@ -8,5 +8,6 @@ void ProgressEvent::onProgress(int, bool&) {}
 void ProgressEvent::onInfo(const char*, const char*) {}
 void ProgressEvent::onTarEntry(const char*, long long, bool, bool&) {}
 void ProgressEvent::onTarHeader(const TarMemberInfo&) {}
+void ProgressEvent::onTarMember(TarMember&) {}
 
 }  // namespace morvane

@@ -9,6 +9,7 @@
 
 namespace morvane {
 
+struct TarMember;
 struct TarMemberInfo;
 
 class MORVANE_API ProgressEvent {
@@ -31,6 +32,9 @@ class MORVANE_API ProgressEvent {
   virtual void onTarEntry(const char* path, long long size, bool isDirectory, bool& skip);
   // Reading only: what the archive says of each member, sent before path rules, filters and onTarEntry.
   virtual void onTarHeader(const TarMemberInfo& member);
+  // With the word MemberEvents, in both directions: a member that is about to be written or extracted, behind
+  // the filters and onTarEntry. It may be changed, renamed or skipped (runtime/progress/TarMember.h).
+  virtual void onTarMember(TarMember& member);
 };
 
 }  // namespace morvane

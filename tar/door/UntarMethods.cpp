@@ -2,7 +2,7 @@
 #include "runtime/fs/Psdk.h"
 #include "tar/door/ClsTarMethod.h"
 #include "tar/format/PaxRecords.h"
-#include "tar/place/ExtractToFile.h"
+#include "tar/read/ExtractToFile.h"
 #include "tar/read/UntarRun.h"
 
 namespace morvane {
@@ -79,7 +79,7 @@ int ClsTar::_untar(_mvDataSource& source, bool extract, LogBase& log, ProgressMo
 
 int ClsTar::untarSource(_mvDataSource& source, bool extract, LogBase& log, ProgressMonitor* pm,
                         ProgressEvent* progress) {
-  UntarRun run({source, log, m_log, pm, progress, m_xmlListing}, liveReadSettings(), extract);
+  UntarRun run({source, Io(log, pm, progress), m_log, m_xmlListing}, liveReadSettings(), extract);
   mvFileInfo archive;
   const auto* const file = dynamic_cast<const _mvFileDataSource*>(&source);
   if (file && file->getFileInfo(archive, log)) run.protect(archive);
@@ -90,7 +90,7 @@ int ClsTar::untarSource(_mvDataSource& source, bool extract, LogBase& log, Progr
 
 // The first member that the event does not skip: 1 when there is one, 0 when not, -1 on failure.
 int ClsTar::untarMember(_mvDataSource& source, _mvOutput& out, ProgressMonitor* pm, ProgressEvent* progress) {
-  UntarRun run({source, m_log, m_log, pm, progress, m_xmlListing}, liveMemberSettings(), true);
+  UntarRun run({source, Io(m_log, pm, progress), m_log, m_xmlListing}, liveMemberSettings(), true);
   run.extractFirstMemberInto(out);
   return run.run();
 }
@@ -99,8 +99,8 @@ bool ClsTar::extractToFile(_mvDataSource& source, const XString& path, const Mor
                            const MorvaneFileTime* access, const MorvaneFileTime* modification, long long size,
                            char* buffer, unsigned int bufferSize, LogBase& log, ProgressMonitor* pm) {
   const StepGuard step(*this);
-  return step && morvane::extractToFile(source, path, nullptr, {creation, access, modification}, size, buffer,
-                                        bufferSize, log, pm)
+  return step && morvane::extractToFile(source, path, nullptr, {creation, access, modification, false}, size,
+                                        buffer, bufferSize, Io(log, pm))
                      .isWhole;
 }
 

@@ -5,7 +5,6 @@
 
 #include "runtime/fs/DirAutoCreate.h"
 #include "runtime/log/LogNull.h"
-#include "runtime/progress/ProgressMonitor.h"
 #include "runtime/text/StringBuffer.h"
 
 namespace morvane {
@@ -13,12 +12,6 @@ namespace morvane {
 namespace {
 
 constexpr char kCannotOpenTarget[] = "Failed to open the target directory.";
-
-// Until the event has been told, get_FailureCause says why.
-void tellAndGoOn(const char* what, const MemberPath& path, ProgressEvent* event, LogBase& log) {
-  if (event) ProgressMonitor::pprogressInfo(*event, what, path.entryPath().getUtf8());
-  log.forgetCause();
-}
 
 }  // namespace
 
@@ -58,19 +51,24 @@ ExtractTarget::Outcome ExtractTarget::outcomeOf(ConfinedDir::Result result) {
 // What the path rules alone decide about a member, before the disk is touched.
 ExtractTarget::Outcome ExtractTarget::judge(const MemberPath& path, LogBase& log) {
   m_lastError = 0;
+  m_untoldPath.clear();
   if (hasNul(path.entryPath())) return Outcome::Refused;
-  if (path.entryPath().getSizeUtf8() > kLongestPath) return Outcome::TooLong;
+  if (const unsigned length = path.entryPath().getSizeUtf8(); length > kLongestPath) {
+    log.LogError("The member's path is too long to be created.");
+    log.LogDataInt64("pathLength", length);
+    return Outcome::TooLong;
+  }
   return isSystemPath(path.targetDir(), kCannotOpenTarget, log) ? Outcome::Ok : Outcome::NoTarget;
 }
 
 ExtractTarget::Outcome ExtractTarget::createFile(const MemberPath& path, const ReadSettings& settings,
-                                                 const char* creatingTag, LogBase& directoryLog, LogBase& log,
+                                                 const char* creatingTag, LogBase& log,
                                                  std::unique_ptr<OutputFile>& file) {
   Outcome outcome = judge(path, log);
   if (outcome != Outcome::Ok) return outcome;
   const char* const tag = log.verbose() ? creatingTag : nullptr;
   outcome = settings.options.confine == Confine::Off
-                ? createPlain(path, tag, directoryLog, log, file)
+                ? createPlain(path, tag, log, file)
                 : createConfined(path, settings.options.confine, tag, log, file);
   if (file && settings.options.skipUncreatable) file->dropAfterOwnFailure();
   return outcome;
@@ -90,69 +88,44 @@ ExtractTarget::Outcome ExtractTarget::createConfined(const MemberPath& path, Con
 }
 
 ExtractTarget::Outcome ExtractTarget::createPlain(const MemberPath& path, const char* creatingTag,
-                                                  LogBase& directoryLog, LogBase& log,
-                                                  std::unique_ptr<OutputFile>& file) {
+                                                  LogBase& log, std::unique_ptr<OutputFile>& file) {
   const char* const outputPath = path.outputPath().getUtf8();
+  LogNull untold;
   // Most parents are there: look for a missing one only when the file cannot be made.
-  LogNull firstTry;
-  if (!creatingTag) file.reset(OutputFile::createFileUtf8(outputPath, firstTry));
+  if (!creatingTag) file.reset(OutputFile::createFileUtf8(outputPath, untold));
   if (file) return Outcome::Ok;
   StringBuffer parent;
-  if (!DirAutoCreate::ensureFileUtf8(outputPath, parent, directoryLog)) {
+  if (!DirAutoCreate::ensureFileUtf8(outputPath, parent, log, DirAutoCreate::Telling::IfVerbose)) {
     m_lastError = errno;
-    log.adoptCause(directoryLog);
     return Outcome::NoParent;
   }
   if (creatingTag) log.LogDataX(creatingTag, path.outputPath());
-  file.reset(OutputFile::createFileUtf8(outputPath, log));
+  file.reset(OutputFile::createFileUtf8(outputPath, untold));
+  if (file) return Outcome::Ok;
   m_lastError = errno;
-  return file ? Outcome::Ok : Outcome::NotCreated;
+  m_untoldPath = outputPath;
+  return Outcome::NotCreated;
 }
 
 ExtractTarget::Outcome ExtractTarget::makeDirectory(const MemberPath& path, const ReadSettings& settings,
-                                                    LogBase& directoryLog, LogBase& log) {
+                                                    LogBase& log) {
   const Outcome judged = judge(path, log);
   if (judged != Outcome::Ok) return judged;
   if (settings.options.confine != Confine::Off) {
     if (!openConfined(path.targetDir(), settings.options.confine, log)) return Outcome::NoTarget;
     return outcomeOf(m_confined.makeDirectory(path.entryPath().str(), log));
   }
-  if (path.outputPath().isEmpty()) return Outcome::Ok;  // where the process stands
-  if (DirAutoCreate::ensureDirUtf8(path.outputPath().getUtf8(), directoryLog)) return Outcome::Ok;
+  const char* const outputPath = path.outputPath().getUtf8();
+  if (*outputPath == '\0') return Outcome::Ok;  // where the process stands
+  if (DirAutoCreate::ensureDirUtf8(outputPath, log, DirAutoCreate::Telling::IfVerbose)) return Outcome::Ok;
   m_lastError = errno;
-  log.adoptCause(directoryLog);
   return Outcome::NotCreated;
 }
 
-bool leavesOut(ExtractTarget::Outcome outcome, int error, const MemberPath& path,
-               const ReadSettings& settings, ProgressEvent* event, LogBase& log) {
-  using Outcome = ExtractTarget::Outcome;
-  if (outcome == Outcome::Ok || outcome == Outcome::NoTarget) return false;
-  if (outcome == Outcome::TooLong) {
-    log.LogError("The member's path is too long to be created.");
-    log.LogDataInt64("pathLength", path.entryPath().getSizeUtf8());
-  }
-  const bool refused = outcome == Outcome::Refused;
-  // A full disk, one that cannot be written, or a process that can open nothing more: so it goes on.
-  const bool isLasting =
-      error == ENOSPC || error == EROFS || error == EMFILE || error == ENFILE || error == ENOMEM;
-  if (!refused && (!settings.options.skipUncreatable || (outcome != Outcome::TooLong && isLasting)))
-    return false;
-  log.LogNotice(refused ? "Member refused: its path leaves the target."
-                        : "Member left out: it cannot be created.");
-  log.LogDataX("entryPath", path.entryPath());
-  tellAndGoOn(refused ? "refused" : "uncreatable", path, event, log);
-  return true;
-}
-
-void reportIncomplete(const MemberPath& path, ProgressEvent* event, LogBase& log) {
-  log.LogNotice("Member incomplete: it cannot be written.");
-  log.LogDataX("entryPath", path.entryPath());
-  tellAndGoOn("incomplete", path, event, log);
-}
-
-void reportTimesNotSet(const MemberPath& path, ProgressEvent* event, LogBase& log) {
-  tellAndGoOn("timesNotSet", path, event, log);
+void ExtractTarget::tellNotCreated(LogBase& log) {
+  if (m_untoldPath.empty()) return;
+  logOsError(log, kCannotCreate, m_untoldPath.c_str(), m_lastError);
+  m_untoldPath.clear();
 }
 
 }  // namespace morvane

@@ -20,6 +20,12 @@ void MemberPath::set(const Member& member, const ReadSettings& settings, LogBase
   m_hasOutputPath = false;
 }
 
+void MemberPath::rename(const std::string& path, const ReadSettings& settings) {
+  m_entryPath = std::string(leftOfEntryPath(path, settings.untarDiscardPaths, settings.noAbsolutePaths));
+  m_entryPath.replaceAllOccurancesUtf8("\\", "/", false);
+  m_hasOutputPath = false;
+}
+
 const XString& MemberPath::outputPath() const {
   if (!m_hasOutputPath) _mvFilePath::CombineDirAndFilepath(m_dir, m_entryPath, m_outputPath);
   m_hasOutputPath = true;

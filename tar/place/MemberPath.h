@@ -15,6 +15,8 @@ class MemberPath {
  public:
   // Path rules, decoding, and the place below UntarFromDir. An unknown Charset is said once.
   void set(const Member& member, const ReadSettings& settings, LogBase& log);
+  // Puts another path, in UTF-8, in the member's place, by the same rules.
+  void rename(const std::string& path, const ReadSettings& settings);
   // The decoder of names, for what else is to be decoded of the same archive.
   CharsetDecoder& decoder(const ReadSettings& settings, LogBase& log) {
     return m_decoder.forCharset(settings.charset, log);

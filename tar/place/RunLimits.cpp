@@ -2,8 +2,7 @@
 
 #include <string>
 
-#include "runtime/log/LogBase.h"
-#include "runtime/progress/ProgressEvent.h"
+#include "runtime/io/Io.h"
 #include "tar/format/TarBlock.h"
 #include "tar/settings/TarOptions.h"
 
@@ -19,43 +18,40 @@ long long depthOf(std::string_view path) {
   return parts;
 }
 
-bool failAtLimit(const char* word, long long value, ProgressEvent* event, LogBase& log) {
-  log.LogError("Limit reached.");
-  log.LogData("limit", word);
-  log.LogDataInt64("value", value);
-  if (event) event->onInfo("limit", (std::string(word) + "=" + std::to_string(value)).c_str());
+bool failAtLimit(const char* word, long long value, const Io& io) {
+  io.log.LogError("Limit reached.");
+  io.log.LogData("limit", word);
+  io.log.LogDataInt64("value", value);
+  io.inform("limit", (std::string(word) + "=" + std::to_string(value)).c_str());
   return false;
 }
 
 namespace {
 
-bool isNoDeeper(std::string_view path, long long depth, ProgressEvent* event, LogBase& log) {
+bool isNoDeeper(std::string_view path, long long depth, const Io& io) {
   // Every part but the last takes two bytes at least, so nearly every path is done with by its length.
   if (static_cast<long long>(path.size()) / 2 < depth || depthOf(path) <= depth) return true;
-  return failAtLimit("MaxPathDepth", depth, event, log);
+  return failAtLimit("MaxPathDepth", depth, io);
 }
 
 }  // namespace
 
-bool RunLimits::takeMember(std::string_view entryPath, const TarOptions& options, ProgressEvent* event,
-                           LogBase& log) {
+bool RunLimits::takeMember(std::string_view entryPath, const TarOptions& options, const Io& io) {
   ++m_members;
   if (options.maxMembers > 0 && m_members > options.maxMembers) {
-    return failAtLimit("MaxMembers", options.maxMembers, event, log);
+    return failAtLimit("MaxMembers", options.maxMembers, io);
   }
-  return options.maxPathDepth <= 0 || isNoDeeper(entryPath, options.maxPathDepth, event, log);
+  return options.maxPathDepth <= 0 || isNoDeeper(entryPath, options.maxPathDepth, io);
 }
 
-bool RunLimits::mayMake(std::string_view entryPath, const TarOptions& options, ProgressEvent* event,
-                        LogBase& log) {
-  return options.maxPathDepth >= 0 || isNoDeeper(entryPath, TarOptions::kDefaultPathDepth, event, log);
+bool RunLimits::mayMake(std::string_view entryPath, const TarOptions& options, const Io& io) {
+  const long long most = options.maxPathDepth < 0 ? TarOptions::kDefaultPathDepth : options.maxPathDepth;
+  return most == 0 || isNoDeeper(entryPath, most, io);
 }
 
-bool RunLimits::mayTakeData(long long size, const TarOptions& options, ProgressEvent* event,
-                            LogBase& log) const {
+bool RunLimits::mayTakeData(long long size, const TarOptions& options, const Io& io) const {
   const long long most = options.maxTotalBytes;
-  return most == 0 || saturatedSum(m_totalBytes, size) <= most ||
-         failAtLimit("MaxTotalBytes", most, event, log);
+  return most == 0 || saturatedSum(m_totalBytes, size) <= most || failAtLimit("MaxTotalBytes", most, io);
 }
 
 void RunLimits::tookData(long long size) { m_totalBytes = saturatedSum(m_totalBytes, size); }

@@ -7,12 +7,11 @@
 #include "runtime/base/ScopeExit.h"
 #include "runtime/buffer/DataBuffer.h"
 #include "runtime/io/_mvDataSource.h"
-#include "runtime/log/LogCause.h"
 #include "runtime/log/LogContextExitor.h"
 #include "tar/format/TarBlock.h"
 #include "tar/format/XmlEntry.h"
 #include "tar/format/XmlListing.h"
-#include "tar/place/ExtractToFile.h"
+#include "tar/read/ExtractToFile.h"
 
 namespace morvane {
 
@@ -20,7 +19,12 @@ namespace {
 
 constexpr unsigned kCopyBufferSize = 40000;
 constexpr unsigned kSmallCopyBufferSize = 20000;
+constexpr char kCannotExtract[] = "Failed to extract to file.";
 constexpr char kAborted[] = "Untar aborted by application. (1)";
+
+// This engine offers every member to the event, and puts no directories where paths are discarded; the push
+// engine does either only when told to.
+constexpr MemberPlacer::Manner kManner{true, false, nullptr};
 
 std::string typeText(char typeFlag) { return std::string(typeFlag ? 1 : 0, typeFlag); }
 
@@ -32,13 +36,15 @@ MorvaneFileTime fileTime(const TarTime& time) {
 
 UntarRun::UntarRun(const Context& context, LiveSettings<ReadSettings> settings, bool extract)
     : m_context(context),
-      m_log(context.log),
+      m_io(m_context.io),
+      m_log(m_io.log),
       m_live(std::move(settings)),
       m_settings(m_live.now()),
       m_reader(MemberReader::make((m_live.refresh(), m_settings.options.fullRead))),
       m_member(m_reader->found()),
-      m_cursor(context.source, context.pm, context.log) {
-  m_extract = extract && !m_settings.suppressOutput;
+      m_placer(m_live, kManner),
+      m_cursor(context.source, m_io.monitor, m_log) {
+  if (extract && !m_settings.suppressOutput) m_aim = MemberPlacer::Aim::Extract;
 }
 
 int UntarRun::run() {
@@ -49,7 +55,8 @@ int UntarRun::run() {
   }
   if (m_settings.captureXmlListing) m_context.xmlListing.setFromUtf8(kXmlListingStart);
   m_log.LogDataX("UntarFromDir", m_settings.untarFromDir);
-  if (m_extract && !m_settings.mustMatch.empty()) m_log.LogData("matchPattern", m_settings.mustMatch.c_str());
+  const bool extracts = m_aim != MemberPlacer::Aim::Look;
+  if (extracts && !m_settings.mustMatch.empty()) m_log.LogData("matchPattern", m_settings.mustMatch.c_str());
   for (const unsigned size : {kCopyBufferSize, kSmallCopyBufferSize}) {
     m_copyBuffer.own(mvNewChar(size));
     m_copyBufferSize = size;
@@ -69,13 +76,8 @@ int UntarRun::run() {
       step = nextEntry();
     }
   }
-  m_onlyLeftOut = step != Step::Fail && m_anyLeftOut;
-  return step == Step::Fail || m_anyLeftOut ? -1 : m_count;
-}
-
-bool UntarRun::fail(const char* message) {
-  m_log.LogError(message);
-  return false;
+  m_onlyLeftOut = step != Step::Fail && m_placer.anyLeftOut();
+  return step == Step::Fail || m_placer.anyLeftOut() ? -1 : m_count;
 }
 
 bool UntarRun::failWith(const char* message, const char* tag, const XString& value) {
@@ -86,10 +88,7 @@ bool UntarRun::failWith(const char* message, const char* tag, const XString& val
 
 UntarRun::Step UntarRun::nextEntry() {
   m_live.refresh();
-  if (m_context.pm && m_settings.abortCheckMs != 0 && m_context.pm->abortCheck(m_log)) {
-    fail(kAborted);
-    return Step::Fail;
-  }
+  if (m_io.monitor && m_settings.abortCheckMs != 0 && m_io.monitor->abortCheck(m_log)) return failAborted();
   if (m_log.verbose()) {
     m_log.LogDataInt64("filePosition", m_filePosition);
     m_log.LogData("previousTypeFlag", typeText(m_previousTypeFlag).c_str());
@@ -110,11 +109,11 @@ UntarRun::Step UntarRun::nextEntry() {
 bool UntarRun::readHeader(MemberReader::Found& found) {
   const bool merges = m_reader->followsRecord();
   unsigned char block[kBlockSize];
-  if (!TarHeader::readBlock(m_context.source, block, m_log, m_context.pm) ||
+  if (!TarHeader::readBlock(m_context.source, block, m_log, m_io.monitor) ||
       !m_reader->takeBlock(block, found, m_log)) {
-    if (m_context.pm && m_context.pm->isAborted()) fail(kAborted);
-    return fail(merges ? "Failed to parse header from data source (1)"
-                       : "Failed to parse header from data source (2)");
+    if (m_io.isAborted()) m_io.fail(kAborted);
+    return m_io.fail(merges ? "Failed to parse header from data source (1)"
+                            : "Failed to parse header from data source (2)");
   }
   m_cursor.passed(kBlockSize);
   if (!merges && m_log.verbose()) {
@@ -144,7 +143,7 @@ bool UntarRun::takeRecord() {
   const auto* const text = reinterpret_cast<const char*>(data.getData2());
   if (tells && isLongName) m_log.LogData("longFilename", text);
   if (m_reader->takeRecord({text, data.getSize() - 1}, m_log)) return true;
-  if (!m_reader->isFull()) fail("Failed to parse PAX extended header.");
+  if (!m_reader->isFull()) m_io.fail("Failed to parse PAX extended header.");
   return false;
 }
 
@@ -156,14 +155,14 @@ bool UntarRun::readRecord(DataBuffer& data) {
   // Room for any path at once; what is larger grows by what arrives, whatever the header claims.
   constexpr long long kAtOnce = 100000;
   if (!data.reserveMore(static_cast<unsigned>(std::min(size, kAtOnce) + 1))) {
-    return fail(("Out of memory for " + what + ".").c_str());
+    return m_io.fail(("Out of memory for " + what + ".").c_str());
   }
   char piece[16 * 1024];
   for (long long left = size; left > 0;) {
     const auto wanted = static_cast<unsigned>(std::min<long long>(left, sizeof piece));
     unsigned got = 0;
-    const bool ok = m_context.source.readFully(piece, wanted, got, m_context.pm, m_context.componentLog);
-    if (!ok || got < wanted) return fail(("Failed to read " + what + ".").c_str());
+    const bool ok = m_context.source.readFully(piece, wanted, got, m_io.monitor, m_context.componentLog);
+    if (!ok || got < wanted) return m_io.fail(("Failed to read " + what + ".").c_str());
     if (!data.append(piece, got)) throw std::bad_alloc();
     left -= got;
   }
@@ -177,8 +176,8 @@ bool UntarRun::passSparseMap() {
   char block[kBlockSize];
   for (bool goesOn = m_member.sparseMapGoesOn; goesOn; goesOn = block[kSparseGoesOnInMap] != 0) {
     unsigned numRead = 0;
-    if (!m_context.source.readFully(block, kBlockSize, numRead, m_context.pm, m_log) || numRead < kBlockSize)
-      return fail("Failed to read the map of a sparse member.");
+    if (!m_context.source.readFully(block, kBlockSize, numRead, m_io.monitor, m_log) || numRead < kBlockSize)
+      return m_io.fail("Failed to read the map of a sparse member.");
     m_cursor.passed(kBlockSize);
     m_filePosition = saturatedSum(m_filePosition, kBlockSize);
   }
@@ -190,141 +189,117 @@ UntarRun::Step UntarRun::handleMember() {
   m_filePosition = saturatedSum(m_filePosition, kBlockSize);
   if (!passSparseMap()) return Step::Fail;
   if (m_settings.captureXmlListing) {
-    toXmlEntry(m_member, m_context.xmlListing, nullptr, m_path.decoder(m_settings, m_log));
+    toXmlEntry(m_member, m_context.xmlListing, nullptr, m_placer.path().decoder(m_settings, m_log));
   }
-  m_path.set(m_member, m_settings, m_log);
-  if (m_context.event) {
-    announceHeader(*m_context.event, m_member, m_path.entryPath());
-    if (m_live.refresh()) m_path.set(m_member, m_settings, m_log);
-  }
+  m_placer.setPath(m_member, m_io);
+  m_placer.announce(m_member, m_io);
   giveUpLongText(m_member.path);
-  if (!m_limits.takeMember(m_path.entryPath().str(), m_settings.options, m_context.event, m_log)) {
-    return Step::Fail;
-  }
+  if (!m_placer.isWithinLimits(m_io)) return Step::Fail;
   bool extracted = false;
   const Step step = extractMember(extracted);
   if (step != Step::GoOn) return step;
-  if (!extracted && m_settings.untarDebugLog && !m_path.entryPath().isEmpty()) {
-    m_log.LogDataX("skipping", m_path.entryPath());
-  }
+  const XString& entryPath = m_placer.path().entryPath();
+  if (!extracted && m_settings.untarDebugLog && !entryPath.isEmpty()) m_log.LogDataX("skipping", entryPath);
   m_previousTypeFlag = m_member.typeFlag;
   return passOver(saturatedSum(m_filePosition, paddedSize(m_member.size)));
 }
 
 UntarRun::Step UntarRun::extractMember(bool& extracted) {
-  if (m_settings.filter.excludes(m_path.entryPath().str())) {
-    if (m_log.verbose()) m_log.LogInfo("Skipping file because of match pattern.");
-    return Step::GoOn;
-  }
-  if (m_memberOutput && m_member.isDirectory) return Step::GoOn;
-  if (!m_extract) {
-    ++m_count;
-    return Step::GoOn;
-  }
-  const long long dataSize = m_member.dataSize();
-  if (!m_memberOutput && !mayExtract(dataSize)) return Step::Fail;
-  if (m_context.event) {
-    bool skip = false;
-    m_context.event->onTarEntry(m_path.outputPath().getUtf8(), dataSize, m_member.isDirectory, skip);
-    m_live.refresh();
-    if (skip) return Step::GoOn;
+  using Choice = MemberPlacer::Choice;
+  switch (m_placer.choose(m_member, m_aim, m_io)) {
+    case Choice::FilteredOut:
+      if (m_log.verbose()) m_log.LogInfo("Skipping file because of match pattern.");
+      return Step::GoOn;
+    case Choice::Unwanted:
+    case Choice::Skipped:
+      return Step::GoOn;
+    case Choice::Suppressed:
+      ++m_count;  // what passes the filter counts, though nothing is written
+      return Step::GoOn;
+    case Choice::LimitReached:
+      return Step::Fail;
+    case Choice::Extract:
+      break;
   }
   if (m_memberOutput) return copyMember();
-  m_limits.tookData(dataSize);
   bool leftOut = false;
-  if (!(m_member.isDirectory ? extractDirectory(leftOut) : extractFile(leftOut))) return Step::Fail;
-  if (leftOut) {
-    m_anyLeftOut = true;
-    return Step::GoOn;
-  }
+  if (!makeMember(leftOut)) return Step::Fail;
+  if (leftOut) return Step::GoOn;
   extracted = true;
   ++m_count;
-  if (m_settings.untarMaxCount != 0 && m_count >= m_settings.untarMaxCount) {
-    m_log.LogInfo("Reached untar maximum count");
-    m_log.LogDataLong("UntarMaxCount", m_settings.untarMaxCount);
-    return Step::Stop;
-  }
-  return Step::GoOn;
-}
-
-// The limits for what is extracted, asked before it is announced.
-bool UntarRun::mayExtract(long long dataSize) {
-  return RunLimits::mayMake(m_path.entryPath().str(), m_settings.options, m_context.event, m_log) &&
-         m_limits.mayTakeData(dataSize, m_settings.options, m_context.event, m_log);
+  if (m_settings.untarMaxCount == 0 || m_count < m_settings.untarMaxCount) return Step::GoOn;
+  m_log.LogInfo("Reached untar maximum count");
+  m_log.LogDataLong("UntarMaxCount", m_settings.untarMaxCount);
+  return Step::Stop;
 }
 
 UntarRun::Step UntarRun::copyMember() {
-  if (!m_context.source.copyNToOutputPM(*m_memberOutput, m_member.size, m_context.pm, m_log)) {
-    failWith("Failed to copy the member.", "entryPath", m_path.entryPath());
+  if (!m_context.source.copyNToOutputPM(*m_memberOutput, m_member.size, m_io.monitor, m_log)) {
+    failWith("Failed to copy the member.", "entryPath", m_placer.path().entryPath());
     return Step::Fail;
   }
   ++m_count;
   return Step::Stop;
 }
 
-bool UntarRun::extractDirectory(bool& leftOut) {
-  if (m_settings.untarDiscardPaths) return true;
-  if (m_settings.untarDebugLog) m_log.LogDataX("dir", m_path.entryPath());
-  if (m_log.verbose()) m_log.LogDataX("createDir", m_path.outputPath());
-  LogCause quiet;
-  const auto outcome = m_target.makeDirectory(m_path, m_settings, m_log.verbose() ? m_log : quiet, m_log);
-  leftOut = leavesOut(outcome, m_target.lastError(), m_path, m_settings, m_context.event, m_log);
-  return leftOut || outcome == ExtractTarget::Outcome::Ok ||
-         failWith("Unable to create directory", "dirPath", m_path.outputPath());
+bool UntarRun::makeMember(bool& leftOut) {
+  logMaking();
+  Placed placed = m_placer.place(m_member, m_io);
+  leftOut = placed.result == Placed::Result::LeftOut;
+  if (leftOut) return true;
+  if (placed.result != Placed::Result::Made) return couldNotMake(placed.result);
+  return !placed.file || copyToFile(std::move(placed.file), leftOut);
 }
 
-bool UntarRun::extractFile(bool& leftOut) {
-  if (m_settings.untarDebugLog) m_log.LogDataX("file", m_path.entryPath());
-  if (m_log.verbose()) m_log.LogDataX("outputFile", m_path.outputPath());
-  LogCause quiet;
-  std::unique_ptr<OutputFile> file;
-  LogBase& directoryLog = m_log.verbose() ? m_log : quiet;
-  const bool confined = m_settings.options.confine != Confine::Off;
-  // Where plain creation fails, extractToFile tries again and says why.
-  bool triesAgain = !confined && !m_settings.options.skipUncreatable;
-  const ExtractTarget::Outcome outcome =
-      m_target.createFile(m_path, m_settings, nullptr, directoryLog, triesAgain ? quiet : m_log, file);
-  if (outcome == ExtractTarget::Outcome::NoParent) m_log.adoptCause(quiet);
-  triesAgain = triesAgain && outcome == ExtractTarget::Outcome::NotCreated;
-  leftOut = leavesOut(outcome, m_target.lastError(), m_path, m_settings, m_context.event, m_log);
-  if (leftOut) return true;
-  if (outcome == ExtractTarget::Outcome::NoTarget || outcome == ExtractTarget::Outcome::NoParent) {
-    return failWith("Failed to ensure directory exists.", "filePath", m_path.outputPath());
+void UntarRun::logMaking() {
+  const bool isDirectory = m_member.isDirectory;
+  if (isDirectory && m_settings.untarDiscardPaths) return;  // none is made
+  const MemberPath& path = m_placer.path();
+  if (m_settings.untarDebugLog) m_log.LogDataX(isDirectory ? "dir" : "file", path.entryPath());
+  if (m_log.verbose()) m_log.LogDataX(isDirectory ? "createDir" : "outputFile", path.outputPath());
+}
+
+bool UntarRun::couldNotMake(Placed::Result result) {
+  const XString& path = m_placer.path().outputPath();
+  if (m_member.isDirectory) return failWith("Unable to create directory", "dirPath", path);
+  if (result == Placed::Result::NoPlace) {
+    return failWith("Failed to ensure directory exists.", "filePath", path);
   }
-  if (!file && !triesAgain) {
-    {
-      LogContextExitor context(m_log, "extractToFile");
-      m_log.LogError("Failed to create OutputFile");
-    }
-    return failWith("Failed to extract to file.", "filePath", m_path.outputPath());
+  {
+    // Said in the context in which files are made, for that is where readers of the log look for it.
+    LogContextExitor context(m_log, "extractToFile");
+    m_placer.target().tellNotCreated(m_log);
+    m_io.fail(kCannotCreateOutputFile);
   }
+  return failWith(kCannotExtract, "filePath", path);
+}
+
+bool UntarRun::copyToFile(std::unique_ptr<OutputFile> file, bool& leftOut) {
   const MorvaneFileTime modification = fileTime(m_member.mtime), access = fileTime(m_member.atime),
                         creation = fileTime(m_member.ctime);
   MemberTimes times;
   times.modification = &modification;
   if (m_member.atime.known) times.access = &access;
   if (m_member.ctime.known) times.creation = &creation;
-  const Extraction done =
-      extractToFile(m_context.source, m_path.outputPath(), std::move(file), times, m_member.size,
-                    m_copyBuffer.get(), m_copyBufferSize, m_log, m_context.pm);
-  if (!done.isWhole && !done.hasFailedAlone) {
-    return failWith("Failed to extract to file.", "filePath", m_path.outputPath());
-  }
+  const XString& path = m_placer.path().outputPath();
+  const FileEnd end = extractToFile(m_context.source, path, std::move(file), times, m_member.size,
+                                    m_copyBuffer.get(), m_copyBufferSize, m_io);
+  if (!end.isWhole && !end.hasFailedAlone) return failWith(kCannotExtract, "filePath", path);
   m_cursor.passed(m_member.size);
-  leftOut = !done.isWhole;
-  if (leftOut) {
-    reportIncomplete(m_path, m_context.event, m_log);
-  } else if (!done.timesAreSet) {
-    reportTimesNotSet(m_path, m_context.event, m_log);
-  }
-  return true;
+  leftOut = !end.isWhole;
+  return m_placer.noteEnd(end, m_io);
 }
 
 // Moves on to the header at a position of the archive.
 UntarRun::Step UntarRun::passOver(long long upTo) {
   m_filePosition = upTo;
   if (m_cursor.moveTo(upTo)) return Step::GoOn;
-  if (m_context.pm && m_context.pm->isAborted()) fail(kAborted);
+  if (m_io.isAborted()) m_io.fail(kAborted);
+  return Step::Fail;
+}
+
+UntarRun::Step UntarRun::failAborted() {
+  m_io.fail(kAborted);
   return Step::Fail;
 }
 

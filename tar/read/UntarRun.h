@@ -8,15 +8,9 @@
 #include <string>
 
 #include "runtime/base/ByteArrayOwner.h"
-#include "runtime/log/LogBase.h"
-#include "runtime/progress/ProgressMonitor.h"
 #include "tar/format/MemberReader.h"
-#include "tar/place/ExtractTarget.h"
-#include "tar/place/MemberPath.h"
-#include "tar/place/RunLimits.h"
+#include "tar/place/MemberPlacer.h"
 #include "tar/read/ArchiveCursor.h"
-#include "tar/settings/LiveSettings.h"
-#include "tar/settings/ReadSettings.h"
 
 namespace morvane {
 
@@ -29,20 +23,21 @@ class UntarRun {
   // What a run is handed and does not own.
   struct Context {
     _mvDataSource& source;
-    LogBase& log;
+    Io io;
     LogBase& componentLog;  // gets the reasons of failed extension reads
-    ProgressMonitor* pm;    // may be null
-    ProgressEvent* event;   // may be null
     XString& xmlListing;
   };
 
   UntarRun(const Context& context, LiveSettings<ReadSettings> settings, bool extract);
 
   // A file that extraction must not replace (with Confine): the archive.
-  void protect(const mvFileInfo& archive) { m_target.protect(archive); }
+  void protect(const mvFileInfo& archive) { m_placer.protect(archive); }
   // Instead of files: offers each file member to the event, copies the first that is not skipped to `out`,
   // and stops.
-  void extractFirstMemberInto(_mvOutput& out) { m_memberOutput = &out; }
+  void extractFirstMemberInto(_mvOutput& out) {
+    m_memberOutput = &out;
+    m_aim = MemberPlacer::Aim::OneFile;
+  }
   // Members counted, -1 on failure.
   int run();
   // Whether it failed for nothing but members that were left out.
@@ -54,30 +49,30 @@ class UntarRun {
   Step nextEntry();
   bool readHeader(MemberReader::Found& found);
   Step handleRecord(MemberReader::Found found);
-  bool readRecord(DataBuffer& data);
   bool takeRecord();
+  bool readRecord(DataBuffer& data);
   bool passSparseMap();
   Step handleMember();
   Step extractMember(bool& extracted);
-  bool mayExtract(long long dataSize);
   Step copyMember();
-  bool extractDirectory(bool& refused);
-  bool extractFile(bool& refused);
-  bool fail(const char* message);
+  bool makeMember(bool& leftOut);
+  void logMaking();
+  bool couldNotMake(Placed::Result result);
+  bool copyToFile(std::unique_ptr<OutputFile> file, bool& leftOut);
   bool failWith(const char* message, const char* tag, const XString& value);
   Step passOver(long long upTo);
+  Step failAborted();
 
   const Context m_context;
+  const Io& m_io;
   LogBase& m_log;
   LiveSettings<ReadSettings> m_live;  // taken anew at each header and behind each callback
   const ReadSettings& m_settings;
-  bool m_extract = false;  // as it was when the run began
+  MemberPlacer::Aim m_aim = MemberPlacer::Aim::Look;  // as it was when the run began
 
   const std::unique_ptr<MemberReader> m_reader;
   Member& m_member;  // what the last header begins
-  MemberPath m_path;
-  ExtractTarget m_target;
-  RunLimits m_limits;
+  MemberPlacer m_placer;
   ByteArrayOwner m_copyBuffer;
   unsigned m_copyBufferSize = 0;
 
@@ -85,7 +80,7 @@ class UntarRun {
   long long m_filePosition = 0;  // of the next header, from the archive's start
   char m_previousTypeFlag = ' ';
   _mvOutput* m_memberOutput = nullptr;
-  bool m_anyLeftOut = false, m_onlyLeftOut = false;
+  bool m_onlyLeftOut = false;
   int m_count = 0;
 };
 

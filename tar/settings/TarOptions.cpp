@@ -38,6 +38,7 @@ constexpr long long kAnyNumber = std::numeric_limits<long long>::max();
 
 #define MORVANE_SETTING(type, member) [](TarOptions& options) -> type& { return options.member; }
 constexpr Switch kSwitches[] = {
+    {"memberevents", MORVANE_SETTING(bool, memberEvents)},
     {"skipoutputfile", MORVANE_SETTING(bool, skipOutputFile)},
     {"skipunreadable", MORVANE_SETTING(bool, skipUnreadable)},
     {"writeexactsizes", MORVANE_SETTING(bool, writeExactSizes)},

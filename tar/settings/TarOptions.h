@@ -14,6 +14,8 @@ enum class Confine { Off, Beneath, NoLinks };
 
 struct TarOptions {
   CodecOptions codec;
+  // Both directions
+  bool memberEvents = false;
   // Writing
   bool skipOutputFile = false;
   bool skipUnreadable = false;

@@ -1,9 +1,9 @@
 // Ends a decompressor of which far more comes out than went in (the word MaxRatio): a bomb, as a rule.
 #pragma once
 
+#include "runtime/io/Io.h"
 #include "runtime/io/MeteredSource.h"
 #include "runtime/io/_mvOutput.h"
-#include "runtime/progress/ProgressMonitor.h"
 #include "tar/place/RunLimits.h"
 
 namespace morvane {
@@ -18,7 +18,7 @@ class RatioLimit : public _mvOutput {
     m_produced += n;
     // Divided, because a product might be more than any number holds.
     if (m_mostTimes > 0 && m_produced > kAlwaysAllowed && m_produced / m_mostTimes > m_in.bytesTaken()) {
-      return failAtLimit("MaxRatio", m_mostTimes, io.monitor() ? &io.monitor()->event() : nullptr, log);
+      return failAtLimit("MaxRatio", m_mostTimes, Io(log, io.monitor()));
     }
     return m_out._writeBytes(bytes, n, io, log);
   }

@@ -10,17 +10,11 @@
 
 #include "runtime/buffer/DataBuffer.h"
 #include "tar/format/MemberReader.h"
-#include "tar/place/ExtractTarget.h"
-#include "tar/place/MemberPath.h"
-#include "tar/place/RunLimits.h"
-#include "tar/settings/LiveSettings.h"
-#include "tar/settings/ReadSettings.h"
+#include "tar/place/MemberPlacer.h"
 
 namespace morvane {
 
-class LogBase;
 class OutputFile;
-class ProgressMonitor;
 class XString;
 class _mvOutput;
 
@@ -28,7 +22,10 @@ class StreamingUntar {
  public:
   // `xmlListing` receives a captured listing.
   StreamingUntar(LiveSettings<ReadSettings> settings, XString& xmlListing)
-      : m_live(std::move(settings)), m_settings(m_live.now()), m_xmlListing(xmlListing) {}
+      : m_live(std::move(settings)),
+        m_settings(m_live.now()),
+        m_xmlListing(xmlListing),
+        m_placer(m_live, kManner) {}
   ~StreamingUntar();
 
   void BeginStreamingUntar();
@@ -43,86 +40,100 @@ class StreamingUntar {
   // skipped into `out`, and is then done. Null goes back to files.
   void extractFirstMemberInto(_mvOutput* out) { m_memberOutput = out; }
   // Whether such a member was found and all of its data have arrived.
-  bool memberIsComplete() const { return m_memberComplete; }
+  bool memberIsComplete() const { return m_wanted == Wanted::Complete; }
 
   // Ends the run where it stands, without a result: nothing more is taken until another one begins.
   void breakOff();
   // Before bytes that go on from the state of the last run: nothing of that run's target or names is kept.
   void beginUnframed();
   // Gives up the descriptors of the target directory.
-  void releaseTarget() { m_target.reset(); }
+  void releaseTarget() { m_placer.releaseTarget(); }
   // The archive that the stream comes from, which extraction must not replace (with Confine).
-  void protect(const mvFileInfo& archive) { m_target.protect(archive); }
+  void protect(const mvFileInfo& archive) { m_placer.protect(archive); }
   // For a run that ends without FinishStreamingUntar: what is still buffered goes to the open file, which
   // stays open.
   bool flushOpenOutput(ProgressMonitor* pm, LogBase& log);
   void releaseOutput();
   // Whether members were left out since the run, or an unframed one, began.
-  bool anyLeftOut() const { return m_anyLeftOut; }
+  bool anyLeftOut() const { return m_placer.anyLeftOut(); }
   // The same of a run that came to its end without any failure.
-  bool onlyLeftOut() const { return m_anyLeftOut && m_streamOk && m_hasEnded; }
+  bool onlyLeftOut() const { return anyLeftOut() && m_streamOk && m_life == Life::Closed; }
 
  private:
+  // This engine offers members to the event only with the word EntryEvents, and makes directories also where
+  // paths are discarded: the path then is the directory's last part, or nothing when it ends in a slash. The
+  // pull engine does neither.
+  static constexpr MemberPlacer::Manner kManner{false, true, "creatingFile"};
+
+  // The ways in which bytes reach the output of an entry; messages number them.
+  enum class Arrival {
+    WholePiece = 1,  // straight from the producer
+    AllPending = 2,
+    SomePending = 3,  // the first of what is pending ends the entry
+  };
+  // What comes next, when no data of an entry and no padding are left.
+  enum class Expected { Header, SparseMap };
+  enum class Life {
+    Running,
+    Closed,     // FinishStreamingUntar was called
+    BrokenOff,  // by an exception of a callback, or before it began: it has no state to go on from
+  };
+  // The one member that goes into an output of the caller's.
+  enum class Wanted { NotYet, Arriving, Complete };
+
   void resetRun();
-  bool takeStep(const unsigned char* data, unsigned numBytes, bool& finished, ProgressMonitor* pm,
-                LogBase& log);
+  void takeWhatIsPending(ProgressMonitor* pm, LogBase& log);
+  bool takeStep(const unsigned char* data, unsigned numBytes, bool& finished, const Io& io);
   bool consumePadding();
-  bool consumeData(ProgressMonitor* pm, LogBase& log);
-  bool consumeHeader(bool& finished, ProgressMonitor* pm, LogBase& log);
-  bool consumeSparseMap(bool& finished, ProgressMonitor* pm, LogBase& log);
-  bool takeHeader(bool& finished, ProgressMonitor* pm, LogBase& log);
-  bool parseHeader(const unsigned char* block, bool& finished, LogBase& log);
-  bool applyExtensionData(LogBase& log);
-  bool closeEmptyFile(ProgressMonitor* pm, LogBase& log);
-  bool beginEntry(bool& finished, ProgressMonitor* pm, LogBase& log);
-  bool beginExtension(bool& finished, LogBase& log);
-  bool beginFile(bool skipped, bool& finished, ProgressMonitor* pm, LogBase& log);
-  bool beginDirectory(bool skipped, bool& finished, ProgressMonitor* pm, LogBase& log);
-  bool createOutputFile(bool& leftOut, bool& finished, ProgressMonitor* pm, LogBase& log);
-  bool mayExtract(long long dataSize, ProgressMonitor* pm, LogBase& log);
-  bool isLeftOut() const;
-  bool isSkippedByEvent(ProgressMonitor* pm);
-  bool write(const char* bytes, unsigned n, int variant, ProgressMonitor* pm, LogBase& log);
-  bool writeHasFailed(int variant, LogBase& log);
-  bool finishEntry(int variant, ProgressMonitor* pm, LogBase& log);
+  bool consumeData(const Io& io);
+  bool consumeHeader(bool& finished, const Io& io);
+  bool consumeSparseMap(bool& finished, const Io& io);
+  bool takeHeader(bool& finished, const Io& io);
+  bool parseHeader(const unsigned char* block, bool& finished, const Io& io);
+  bool applyExtensionData(const Io& io);
+  bool closeEmptyFile(const Io& io);
+  bool beginEntry(bool& finished, const Io& io);
+  bool beginExtension(bool& finished, const Io& io);
+  bool beginFile(bool skipped, bool& finished, const Io& io);
+  bool beginDirectory(bool skipped, bool& finished, const Io& io);
+  bool write(const char* bytes, unsigned n, Arrival arrival, const Io& io);
+  bool writeHasFailed(Arrival arrival, const Io& io);
+  bool finishEntry(Arrival arrival, const Io& io);
+  bool settleOutputFile(const Io& io);
+  bool closeOutputFile(const Io& io);
   void completeMember();
-  bool goesOnWithout(ProgressMonitor* pm, LogBase& log);
-  bool closeOutputFile(ProgressMonitor* pm, LogBase& log);
   void eat(unsigned n);
   void setOutput(std::unique_ptr<_mvOutput> output, OutputFile* file);
-  bool stop(const char* message, bool& finished, LogBase& log);
+  bool stop(const char* message, bool& finished, const Io& io);
 
   LiveSettings<ReadSettings> m_live;  // taken anew at each header
   const ReadSettings& m_settings;
   XString& m_xmlListing;
+  MemberPlacer m_placer;
+  _mvOutput* m_memberOutput = nullptr;
 
-  DataBuffer m_streamPending;              // received and not yet consumed
+  // ---- The run
+  Life m_life = Life::Running;
+  bool m_streamOk = true;
+  bool m_streamFinished = false;  // the archive has ended, or a failure stopped the run
+  bool m_endMarkSeen = false;
+  Wanted m_wanted = Wanted::NotYet;
+  DataBuffer m_streamPending;      // received and not yet consumed
+  long long m_streamPosition = 0;  // bytes consumed: where the next header begins
+
+  // ---- The current entry
+  Expected m_expected = Expected::Header;
   std::unique_ptr<MemberReader> m_reader;  // null until the first header; holds the current entry
   MemberReader::Found m_found = MemberReader::Found::Member;  // what the current entry is
   char m_streamPrevTypeFlag = ' ';
   DataBuffer m_streamExtData;                 // of the last extension entry
   std::unique_ptr<_mvOutput> m_streamOutput;  // of the current entry's data
   OutputFile* m_streamOutFile = nullptr;      // the same object when it is a file
+  bool m_writeFailed = false;                 // of the open output
   long long m_streamExpectedSize = 0;
   long long m_streamBytesLeft = 0;
   long long m_streamBytesWritten = 0;
   unsigned m_streamPaddingLeft = 0;
-  bool m_streamFinished = false;
-  bool m_streamOk = true;
-
-  long long m_streamPosition = 0;  // bytes consumed: where the next header begins
-  _mvOutput* m_memberOutput = nullptr;
-  bool m_memberFound = false;
-  bool m_memberComplete = false;
-  bool m_inSparseMap = false;  // between the current entry's header and its data
-  bool m_endMarkSeen = false;
-  bool m_hasEnded = false;   // FinishStreamingUntar was called
-  bool m_brokenOff = false;  // by an exception of a callback, or before it began
-  bool m_anyLeftOut = false;
-  bool m_writeFailed = false;  // of the open output
-  MemberPath m_path;
-  ExtractTarget m_target;
-  RunLimits m_limits;
 };
 
 }  // namespace morvane

@@ -1,0 +1,35 @@
+// Whom a step of a job asks and tells, handed on as one: the log, the monitor, the application's event.
+//
+// A plain value; none of the three is owned. A job without an event has neither monitor nor event.
+#pragma once
+
+#include "runtime/log/LogBase.h"
+#include "runtime/progress/ProgressMonitor.h"
+
+namespace morvane {
+
+struct Io {
+  explicit Io(LogBase& theLog, ProgressMonitor* theMonitor = nullptr)
+      : log(theLog), monitor(theMonitor), event(theMonitor ? &theMonitor->event() : nullptr) {}
+  // For a step whose caller hands both: an event may come without a monitor, and then hears everything but
+  // progress and the question whether to abort.
+  Io(LogBase& theLog, ProgressMonitor* theMonitor, ProgressEvent* theEvent)
+      : log(theLog), monitor(theMonitor), event(theEvent) {}
+
+  bool isAborted() const { return monitor && monitor->isAborted(); }
+  // Tells the event a named piece of information; both texts UTF-8.
+  void inform(const char* name, const char* value) const {
+    if (event) event->onInfo(name, value);
+  }
+  // An error line. False, for the caller to return.
+  bool fail(const char* message) const {
+    log.LogError(message);
+    return false;
+  }
+
+  LogBase& log;
+  ProgressMonitor* const monitor;  // may be null
+  ProgressEvent* const event;      // may be null
+};
+
+}  // namespace morvane

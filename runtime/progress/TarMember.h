@@ -1,0 +1,33 @@
+// One member that is about to be written or extracted, as ProgressEvent::onTarMember shows it (with the word
+// MemberEvents): what the callback leaves in it is what is written or extracted.
+//
+// The texts are the object's own and may be changed at will; the object is valid during the call only.
+#pragma once
+
+#include <string>
+
+namespace morvane {
+
+struct TarMember {
+  // ---- Told, not changed. What is written here is of no effect.
+
+  bool writing = false;   // into an archive; else out of one
+  std::string localPath;  // the source of a member being written; empty for one from memory, and when reading
+  char typeFlag = '0';    // as POSIX ustar has them: '0' a file, '5' a directory
+  long long size = 0;     // bytes of data; 0 for a directory
+
+  // ---- May be changed.
+
+  // UTF-8, no slash at a directory's end. Writing: in the archive. Reading: below the target; the path rules,
+  // confinement and limits hold for a changed one, too. An empty path skips the member.
+  std::string path;
+  std::string linkPath;  // of a link, as stored
+  unsigned mode = 0;     // permission bits, the lower twelve
+  unsigned uid = 0, gid = 0;
+  std::string userName, groupName;
+  long long mtime = 0;  // Unix seconds
+  unsigned mtimeNanoseconds = 0;
+  bool skip = false;
+};
+
+}  // namespace morvane

@@ -1,0 +1,112 @@
+// One member after the other, from what the archive says of it to what stands on the disk: path rules, the
+// application's events, filters, limits, the target, the end of its file.
+//
+//   placer.setPath(member, io);
+//   placer.announce(member, io);
+//   if (!placer.isWithinLimits(io)) ...
+//   if (placer.choose(member, ..., io) == MemberPlacer::Choice::Extract) {
+//     Placed placed = placer.place(member, io);
+//     ... data into placed.file ...
+//     placer.noteEnd(settleFile(...), io);
+//   }
+//
+// The policy of both engines. Each keeps its own order of lines and its own messages: it logs between these
+// steps, which themselves log only what both say. What they do differently on purpose is in Manner.
+#pragma once
+
+#include "runtime/io/Io.h"
+#include "tar/place/ExtractTarget.h"
+#include "tar/place/RunLimits.h"
+#include "tar/place/SettleFile.h"
+#include "tar/settings/LiveSettings.h"
+
+namespace morvane {
+
+struct Member;
+
+// What became of a member that was to be made.
+struct Placed {
+  enum class Result {
+    Made,
+    LeftOut,  // the run goes on without it, and fails at its end; log and event have heard of it
+    NoPlace,  // the target, or a directory above the member, cannot be made
+    NotMade,  // the member itself: ExtractTarget::tellNotCreated has the reason, if the log has not
+  };
+  Result result = Result::Made;
+  std::unique_ptr<OutputFile> file;  // where its data go; null for what has none
+};
+
+class MemberPlacer {
+ public:
+  struct Manner {
+    // onTarEntry comes for every member; else only with the word EntryEvents.
+    bool announcesEveryEntry;
+    // With UntarDiscardPaths a directory is made under the last part of its path; else none is.
+    bool makesDiscardedDirectories;
+    // What a verbose log calls a file that is made, once its parents are there; null: the engine says it.
+    const char* creatingFileTag;
+  };
+
+  // The settings are the engine's, which takes them anew at each header; here they are taken anew behind each
+  // callback.
+  MemberPlacer(LiveSettings<ReadSettings>& live, Manner manner) : m_live(live), m_manner(manner) {}
+
+  // ---- Of a whole run
+
+  // A file that extraction must not replace (with Confine): the archive.
+  void protect(const mvFileInfo& archive) { m_target.protect(archive); }
+  // Gives up the descriptors of the target directory.
+  void releaseTarget() { m_target.reset(); }
+  // Forgets what an earlier run counted / what it left out, its names and its target.
+  void clearLimits() { m_limits.clear(); }
+  void beginRun();
+  // Whether members were left out since.
+  bool anyLeftOut() const { return m_anyLeftOut; }
+
+  // ---- Of one member, in this order
+
+  // The path rules.
+  void setPath(const Member& member, const Io& io) { m_path.set(member, settings(), io.log); }
+  // Sends onTarHeader. The rules are applied again if the callback changed any.
+  void announce(const Member& member, const Io& io);
+  // Counts the member, which filters may yet leave out. False, with the word in the log, at a limit.
+  [[nodiscard]] bool isWithinLimits(const Io& io);
+
+  enum class Choice {
+    Extract,
+    FilteredOut,
+    Unwanted,    // by its kind: a directory where one file is looked for
+    Suppressed,  // members are not extracted in this run
+    Skipped,     // by the event
+    LimitReached,
+  };
+  // What a run is after.
+  enum class Aim { Look, Extract, OneFile };
+  // Filters, limits and events, in the order that applications know.
+  Choice choose(Member& member, Aim aim, const Io& io);
+  // Makes the member: its missing parents, its directory or its empty file.
+  Placed place(const Member& member, const Io& io);
+  // Takes note of how the member's file ended. False when that ends the run; the reason is in the log.
+  [[nodiscard]] bool noteEnd(const FileEnd& end, const Io& io);
+
+  const MemberPath& path() const { return m_path; }
+  MemberPath& path() { return m_path; }
+  ExtractTarget& target() { return m_target; }
+
+ private:
+  const ReadSettings& settings() const { return m_live.now(); }
+  bool isSkippedByEvent(const Member& member, Aim aim, const Io& io);
+  Choice offerForChange(Member& member, Aim aim, const Io& io);
+  bool isAllowedDepth(const Io& io) const;
+  ExtractTarget::Outcome make(const Member& member, const Io& io, std::unique_ptr<OutputFile>& file);
+  bool goesOnWithout(ExtractTarget::Outcome outcome) const;
+
+  LiveSettings<ReadSettings>& m_live;
+  const Manner m_manner;
+  MemberPath m_path;
+  ExtractTarget m_target;
+  RunLimits m_limits;
+  bool m_anyLeftOut = false;
+};
+
+}  // namespace morvane

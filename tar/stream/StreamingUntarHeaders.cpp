@@ -1,0 +1,198 @@
+// The push engine's headers: what a block begins, and where the bytes behind it are to go.
+#include <new>
+#include <string>
+
+#include "runtime/io/ForwardingOutput.h"
+#include "runtime/io/OutputDataBuffer.h"
+#include "tar/format/TarBlock.h"
+#include "tar/format/XmlEntry.h"
+#include "tar/stream/StreamingUntar.h"
+
+namespace morvane {
+
+namespace {
+
+std::string typeText(char typeFlag) { return std::string(typeFlag ? 1 : 0, typeFlag); }
+
+}  // namespace
+
+bool StreamingUntar::consumeHeader(bool& finished, const Io& io) {
+  if (m_streamPending.getSize() < kBlockSize) return true;
+  if (m_expected == Expected::SparseMap) return consumeSparseMap(finished, io);
+  m_live.refresh();
+  if (io.log.verbose()) {
+    io.log.LogInfo("---- Next TAR Header ----");
+    io.log.LogBracketed("previousHeaderType", typeText(m_streamPrevTypeFlag).c_str());
+  }
+  // An unframed run goes on from the one before, but reads as the words are now.
+  if (!m_reader || m_reader->isFull() != m_settings.options.fullRead) {
+    m_reader = MemberReader::make(m_settings.options.fullRead);
+  }
+  if (m_found == MemberReader::Found::Record && !applyExtensionData(io)) {
+    finished = m_streamFinished = true;
+    return false;
+  }
+  if (!parseHeader(m_streamPending.getData2(), finished, io)) return false;
+  m_reader->found().headerPosition = m_streamPosition;
+  eat(kBlockSize);
+  if (finished) {
+    m_streamPending.clear();
+    m_streamFinished = m_endMarkSeen = true;
+    return true;
+  }
+  if (!closeEmptyFile(io)) return false;
+  if (m_reader->found().sparseMapGoesOn) m_expected = Expected::SparseMap;
+  return m_expected == Expected::SparseMap || takeHeader(finished, io);
+}
+
+// The further blocks of a sparse map stand between header and data, and are counted in no size.
+bool StreamingUntar::consumeSparseMap(bool& finished, const Io& io) {
+  const bool goesOn = m_streamPending.getData2()[kSparseGoesOnInMap] != 0;
+  eat(kBlockSize);
+  if (goesOn) return true;
+  m_expected = Expected::Header;
+  return takeHeader(finished, io);
+}
+
+// Stages what the entry before said of the one whose header has arrived.
+bool StreamingUntar::applyExtensionData(const Io& io) {
+  if (!m_streamExtData.appendChar('\0')) return io.fail("Out of memory for streamed data.");
+  const auto* const text = reinterpret_cast<const char*>(m_streamExtData.getData2());
+  bool ok = m_reader->takeRecord({text, m_streamExtData.getSize() - 1}, io.log);
+  if (!m_reader->isFull()) {
+    const bool isLongName = m_streamPrevTypeFlag == kTypeLongName;
+    if (isLongName && io.log.verbose()) io.log.LogDataSb("L_Data", m_reader->header().m_path);
+    // Here the run goes on with what was understood.
+    if (!ok) io.fail("Failed to parse PAX extended header.");
+    ok = true;
+  }
+  m_streamExtData.clear();
+  return ok;
+}
+
+bool StreamingUntar::parseHeader(const unsigned char* block, bool& finished, const Io& io) {
+  const bool merges = m_reader->followsRecord();
+  if (!m_reader->takeBlock(block, m_found, io.log)) {
+    stop(merges ? "Failed to parse TAR header.." : "Failed to parse tar header", finished, io);
+    TarHeader::debugLogTarHeader(block, io.log);
+    m_streamPending.clear();
+    return false;
+  }
+  finished = m_found == MemberReader::Found::End;
+  if (!merges || m_reader->isFull()) return true;
+  if (m_streamPrevTypeFlag == kTypePax) {
+    // A notice that readers of these logs know; pax headers are fully supported here.
+    io.log.LogNotice("PAX header in streaming untar!");
+  } else if (io.log.verbose()) {
+    io.log.LogData("combinedFilename", m_reader->found().path.c_str());
+  }
+  return true;
+}
+
+// An entry of no bytes left its output open; its file gets no time of its own.
+bool StreamingUntar::closeEmptyFile(const Io& io) {
+  const bool closed = !m_streamOutFile || closeOutputFile(io);
+  releaseOutput();
+  return closed || writeHasFailed(Arrival::AllPending, io);
+}
+
+bool StreamingUntar::takeHeader(bool& finished, const Io& io) {
+  const bool isMember = m_found == MemberReader::Found::Member;
+  Member& member = m_reader->found();
+  MemberPath& path = m_placer.path();
+  if (m_settings.captureXmlListing) {
+    // For every header, records included; the pull engine lists members only.
+    toXmlEntry(member, m_xmlListing, nullptr, path.decoder(m_settings, io.log));
+  }
+  m_streamExpectedSize = 0;
+  m_placer.setPath(member, io);
+  if (isMember) m_placer.announce(member, io);
+  if (m_settings.untarDebugLog) io.log.LogDataX("entry", path.entryPath());
+  if (io.log.verbose()) io.log.LogBracketed("typeFlag", typeText(member.typeFlag).c_str());
+  giveUpLongText(member.path);
+  if (isMember && !m_placer.isWithinLimits(io)) {
+    finished = m_streamFinished = true;
+    return false;
+  }
+  if (!beginEntry(finished, io)) return false;
+  m_streamPrevTypeFlag = member.typeFlag;
+  return true;
+}
+
+// ---- The beginning of an entry
+
+bool StreamingUntar::beginEntry(bool& finished, const Io& io) {
+  using Choice = MemberPlacer::Choice;
+  if (m_found == MemberReader::Found::Record) return beginExtension(finished, io);
+  const auto aim = m_memberOutput              ? MemberPlacer::Aim::OneFile
+                   : m_settings.suppressOutput ? MemberPlacer::Aim::Look
+                                               : MemberPlacer::Aim::Extract;
+  const bool passesOver = m_found == MemberReader::Found::PassedOver;
+  Member& member = m_reader->found();
+  const Choice choice = passesOver ? Choice::Unwanted : m_placer.choose(member, aim, io);
+  if (choice == Choice::LimitReached) {
+    finished = m_streamFinished = true;
+    return false;
+  }
+  const bool skipped = choice != Choice::Extract;
+  return member.isDirectory ? beginDirectory(skipped, finished, io) : beginFile(skipped, finished, io);
+}
+
+bool StreamingUntar::beginExtension(bool& finished, const Io& io) {
+  m_streamExtData.clear();
+  if (m_reader->found().size > m_settings.options.maxExtensionBytes) {
+    stop("Extension data too large.", finished, io);
+    io.log.LogDataInt64("size", m_reader->found().size);
+    return false;
+  }
+  std::unique_ptr<_mvOutput> output(new (std::nothrow) OutputDataBuffer(m_streamExtData));
+  if (!output) {
+    stop("Failed to create output buffer for untar.", finished, io);
+    io.log.noteReason("Out of memory.");
+    return false;
+  }
+  setOutput(std::move(output), nullptr);
+  m_streamBytesLeft = m_streamExpectedSize = m_reader->found().size;
+  m_streamBytesWritten = 0;
+  return true;
+}
+
+bool StreamingUntar::beginFile(bool skipped, bool& finished, const Io& io) {
+  if (!skipped && m_memberOutput) {
+    m_wanted = Wanted::Arriving;
+    setOutput(std::make_unique<ForwardingOutput>(*m_memberOutput), nullptr);
+  } else if (!skipped) {
+    Placed placed = m_placer.place(m_reader->found(), io);
+    if (placed.result == Placed::Result::NoPlace) {
+      return stop("Failed to ensure ability to create output file for untar.", finished, io);
+    }
+    if (placed.result == Placed::Result::NotMade) {
+      m_placer.target().tellNotCreated(io.log);
+      return stop("Failed to create output file for untar.", finished, io);
+    }
+    skipped = placed.result == Placed::Result::LeftOut;
+    OutputFile* const file = placed.file.get();
+    if (!skipped) setOutput(std::move(placed.file), file);
+  }
+  if (skipped) {
+    if (io.log.verbose()) io.log.LogDataX("skippingFile", m_placer.path().outputPath());
+    setOutput(std::make_unique<_mvOutput>(), nullptr);
+  }
+  m_streamExpectedSize = m_streamBytesLeft = m_reader->found().size;
+  m_streamBytesWritten = 0;
+  if (m_wanted == Wanted::Arriving && m_streamBytesLeft == 0) completeMember();
+  return true;
+}
+
+// A directory has no data here, whatever size its header states.
+bool StreamingUntar::beginDirectory(bool skipped, bool& finished, const Io& io) {
+  if (io.log.verbose()) {
+    io.log.LogDataX(skipped ? "skippingDir" : "creatingDir", m_placer.path().outputPath());
+  }
+  if (skipped) return true;
+  const Placed::Result result = m_placer.place(m_reader->found(), io).result;
+  return result == Placed::Result::Made || result == Placed::Result::LeftOut ||
+         stop("Failed to ensure untar directory.", finished, io);
+}
+
+}  // namespace morvane
