@@ -64,6 +64,7 @@ template <class Settings>
 class LiveSettings;
 class StreamingUntar;
 struct ArchiveOutput;
+struct Io;
 struct ReadSettings;
 struct TarOptions;
 struct WriteSettings;
@@ -92,6 +93,10 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   // The same, with the member's path; DirPrefix is not put in front of it. Neither path may hold an ESC byte
   // (0x1B).
   bool AddFile2(const XString& path, const XString& pathInTar);
+  // Adds a file that is only in memory: a copy of the bytes, which stays like a single file until the sources
+  // are cleared. Its time is that of this call; DirPrefix is not put in front of its path. Events and filters
+  // see the path in the archive where those of other files see the local one.
+  bool AddBytes(const XString& pathInTar, const DataBuffer& data);
   // The path of a directory root by its 0-based index; false, and empty, when there is none.
   bool GetDirRoot(int index, XString& outDirPath);
   int get_NumDirRoots();
@@ -339,13 +344,15 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   bool addDirRoot(const XString* pathPrefix, const XString& dirPath);
   bool addEntry(const std::string& entry);
 
-  bool writeArchive(const char* pathTag, const XString* path, _mvOutput* out, Compression compression,
-                    ProgressEvent* progress);
+  struct ArchivePlace;
+  bool writeMethod(const char* name, Compression compression, const ArchivePlace& place,
+                   ProgressEvent* progress);
   void sayWhenUserIsUnknown(ProgressEvent* progress);
   bool countTotal(ProgressEvent* progress, long long& total);
-  bool writeTo(_mvOutput& out, Compression compression, ProgressMonitor* pm, ProgressEvent* progress);
-  bool writeSources(_mvOutput& out, ProgressMonitor* pm, LogBase& log, ProgressEvent* progress,
-                    bool& anythingLost);
+  bool writeFramed(_mvOutput& out, Compression compression, const Io& io);
+  bool writeAllMembers(_mvOutput& out, const Io& io, bool& anythingLost);
+  template <class Write>
+  bool writeDescribed(XString& path, const mvFileInfo& info, const Io& io, Write write);
   int untarSource(_mvDataSource& source, bool extract, LogBase& log, ProgressMonitor* pm,
                   ProgressEvent* progress);
   bool firstMatchTo(_mvDataSource& source, const XString& pattern, _mvOutput& out, LogBase& log,

@@ -15,6 +15,7 @@
 #include <sstream>
 
 #include "tar/format/HeaderBlock.h"
+#include "tar/format/Member.h"
 #include "tar/format/TarBlock.h"
 #include "tar/format/TarNumber.h"
 
@@ -138,16 +139,14 @@ int countInLog(ClsTar& tar, const std::string& text) {
 }
 
 ArchiveBuilder& ArchiveBuilder::add(const Member& member) {
-  HeaderFields fields;
-  fields.name = member.name;
-  fields.prefix = member.prefix;
+  morvane::Member fields;
   fields.mode = 0644;
   fields.size = member.statedSize >= 0 ? member.statedSize : static_cast<long long>(member.data.size());
-  fields.mtime = member.mtime;
+  fields.mtime.seconds = member.mtime;
   fields.typeFlag = member.typeFlag;
-  fields.magic = member.gnu ? TarMagic::Gnu : TarMagic::Ustar;
   unsigned char block[kBlockSize];
-  encodeHeaderBlock(fields, block);
+  encodeHeaderBlock(fields, {member.name, member.prefix}, member.gnu ? TarMagic::Gnu : TarMagic::Ustar,
+                    block);
   std::memcpy(block + kLinkNameField.offset, member.linkName.data(), member.linkName.size());
   putChecksum(block);
   m_bytes.append(reinterpret_cast<const char*>(block), kBlockSize);

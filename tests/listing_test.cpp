@@ -147,7 +147,7 @@ TEST_F(Listing, AnyBlockIsListed) {
     auto* const bytes = reinterpret_cast<unsigned char*>(&block[0]);
     block[kTypeFlagField.offset] = static_cast<char>(seed);
     if (seed % 4 == 0) block.replace(kMagicField.offset, 8, kUstarMagic, 8);
-    if (seed % 3 == 0) putOctal(bytes, kMtimeField, seed * 2000000);
+    if (seed % 3 == 0) putNumber(bytes, kMtimeField, seed * 2000000);
     archive += patched(block, kSizeField, "00000000000\0"s);
   }
   m_tar.put_VerboseLogging(true);

@@ -1,6 +1,7 @@
 // ClsTar's sources: what is added, counted, read back and cleared.
 #include <memory>
 
+#include "runtime/fs/Psdk.h"
 #include "tar/door/ClsTarMethod.h"
 #include "tar/write/SourceEntry.h"
 
@@ -48,6 +49,17 @@ bool ClsTar::AddFile(const XString& path) {
 bool ClsTar::AddFile2(const XString& path, const XString& pathInTar) {
   return method("AddFile2", MethodForm::WithVersion, false,
                 [&](MethodFrame&) { return addEntry(makePairEntry(path.str(), pathInTar.str())); });
+}
+
+bool ClsTar::AddBytes(const XString& pathInTar, const DataBuffer& data) {
+  return method("AddBytes", MethodForm::WithVersion, false, [&](MethodFrame&) {
+    if (hasNul(pathInTar)) return fails(kNulInPath, m_log);
+    auto file = std::make_unique<MemoryFile>();
+    file->setString(pathInTar.getUtf8());
+    file->m_added = MorvaneFileTime::fromUnixTime64(Psdk::getCurrentUnixTime());
+    const bool added = file->m_bytes.append(data) && m_files.appendSb(file.release());
+    return added || fails("Out of memory for a file.", m_log);
+  });
 }
 
 bool ClsTar::addEntry(const std::string& entry) {

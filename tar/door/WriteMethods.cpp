@@ -8,68 +8,69 @@
 #include "tar/format/TarNumber.h"
 #include "tar/format/UstarSplit.h"
 #include "tar/write/ArchiveWriter.h"
-#include "tar/write/MemberHeader.h"
+#include "tar/write/MemberSource.h"
+#include "tar/write/MemberWriter.h"
 #include "tar/write/ProgressTotal.h"
 
 namespace morvane {
 
+// Where an archive goes: to the file at a path, which the log shows under a tag, or to an output.
+struct ClsTar::ArchivePlace {
+  const char* pathTag;
+  const XString* path;  // null: to the output
+  _mvOutput* out;
+};
+
+// ---- The methods. Each names its compression and where the archive goes; what they share comes behind.
+
 bool ClsTar::WriteTar(const XString& tarPath, ProgressEvent* progress) {
-  return method("WriteTar", MethodForm::Judged, false, [&](MethodFrame&) {
-    return writeArchive("outputFile", &tarPath, nullptr, Compression::None, progress);
-  });
+  return writeMethod("WriteTar", Compression::None, {"outputFile", &tarPath, nullptr}, progress);
 }
 
 bool ClsTar::WriteTar(_mvOutput& out, ProgressEvent* progress) {
-  return method("WriteTar", MethodForm::Judged, false, [&](MethodFrame&) {
-    return writeArchive(nullptr, nullptr, &out, Compression::None, progress);
-  });
+  return writeMethod("WriteTar", Compression::None, {nullptr, nullptr, &out}, progress);
 }
 
 bool ClsTar::WriteTarGz(const XString& tarGzFilePath, ProgressEvent* progress) {
-  return method("WriteTarGz", MethodForm::Judged, false, [&](MethodFrame&) {
-    return writeArchive("tarGzFilePath", &tarGzFilePath, nullptr, Compression::Gzip, progress);
-  });
+  return writeMethod("WriteTarGz", Compression::Gzip, {"tarGzFilePath", &tarGzFilePath, nullptr}, progress);
 }
 
 bool ClsTar::WriteTarGz(_mvOutput& out, ProgressEvent* progress) {
-  return method("WriteTarGz", MethodForm::Judged, false, [&](MethodFrame&) {
-    return writeArchive(nullptr, nullptr, &out, Compression::Gzip, progress);
-  });
+  return writeMethod("WriteTarGz", Compression::Gzip, {nullptr, nullptr, &out}, progress);
 }
 
 bool ClsTar::WriteTarBz2(const XString& tarBz2FilePath, ProgressEvent* progress) {
-  return method("WriteTarBz2", MethodForm::Judged, false, [&](MethodFrame&) {
-    return writeArchive("tarBz2FilePath", &tarBz2FilePath, nullptr, Compression::Bzip2, progress);
-  });
+  return writeMethod("WriteTarBz2", Compression::Bzip2, {"tarBz2FilePath", &tarBz2FilePath, nullptr},
+                     progress);
 }
 
 bool ClsTar::WriteTarBz2(_mvOutput& out, ProgressEvent* progress) {
-  return method("WriteTarBz2", MethodForm::Judged, false, [&](MethodFrame&) {
-    return writeArchive(nullptr, nullptr, &out, Compression::Bzip2, progress);
-  });
+  return writeMethod("WriteTarBz2", Compression::Bzip2, {nullptr, nullptr, &out}, progress);
 }
 
-// Writes to the file at `path`, or to `out` when there is no path. The result is decided after the last byte
+// What comes before the first byte, the output opened and closed. The result is decided after the last byte
 // was flushed and the file closed: a full disk may show as late as that.
-bool ClsTar::writeArchive(const char* pathTag, const XString* path, _mvOutput* out, Compression compression,
-                          ProgressEvent* progress) {
-  setMatchPatternExactFlags();
-  m_log.LogDataX("tarFormat", m_writeFormat);
-  if (path) m_log.LogDataX(pathTag, *path);
-  if (path && !isSystemPath(*path, kCannotCreate, m_log)) return false;
-  sayWhenUserIsUnknown(progress);
-  long long total = 0;
-  if (progress && !countTotal(progress, total)) return false;
-  ProgressMonitorPtr monitor(progress, m_abortCheckMs, m_percentScale, total);
-  ProgressMonitor* const pm = monitor.getPm();
-  m_archive->begin(compression, m_options->codec);
-  if (!path) return writeTo(*out, compression, pm, progress);
-  const std::unique_ptr<OutputFile> file(OutputFile::createFileUtf8(path->getUtf8(), m_log));
-  if (!file) return false;
-  const bool written = writeTo(*file, compression, pm, progress);
-  const bool closed = file->closeHandle(&m_log, pm);
-  if (!closed) m_onlyLeftOut = false;
-  return closed && written;
+bool ClsTar::writeMethod(const char* name, Compression compression, const ArchivePlace& place,
+                         ProgressEvent* progress) {
+  return method(name, MethodForm::Judged, false, [&](MethodFrame&) {
+    setMatchPatternExactFlags();
+    m_log.LogDataX("tarFormat", m_writeFormat);
+    if (place.path) m_log.LogDataX(place.pathTag, *place.path);
+    if (place.path && !isSystemPath(*place.path, kCannotCreate, m_log)) return false;
+    sayWhenUserIsUnknown(progress);
+    long long total = 0;
+    if (progress && !countTotal(progress, total)) return false;
+    ProgressMonitorPtr monitor(progress, m_abortCheckMs, m_percentScale, total);
+    const Io io(m_log, monitor.getPm(), progress);
+    m_archive->begin(compression, m_options->codec);
+    if (place.out) return writeFramed(*place.out, compression, io);
+    const std::unique_ptr<OutputFile> file(OutputFile::createFileUtf8(place.path->getUtf8(), m_log));
+    if (!file) return false;
+    const bool written = writeFramed(*file, compression, io);
+    const bool closed = file->closeHandle(&m_log, io.monitor);
+    if (!closed) m_onlyLeftOut = false;
+    return closed && written;
+  });
 }
 
 // Headers then hold the numbers alone, which is right; but it must not pass without a word.
@@ -85,18 +86,19 @@ void ClsTar::sayWhenUserIsUnknown(ProgressEvent* progress) {
 bool ClsTar::countTotal(ProgressEvent* progress, long long& total) {
   ProgressMonitorPtr pm(progress, m_abortCheckMs, m_percentScale, 0);
   if (!m_options->noTotal) {
-    total = morvane::calcTotalProgressForWrite(m_files, m_dirRoots, liveWriteSettings(), m_log, pm.getPm());
+    total =
+        morvane::calcTotalProgressForWrite(m_files, m_dirRoots, liveWriteSettings(), Io(m_log, pm.getPm()));
   }
   return !pm.get_Aborted(m_log) && total >= 0;
 }
 
-// The whole archive, framed and flushed. An archive that is complete is finished as such also when something
-// was left out of it, which makes the result false.
-bool ClsTar::writeTo(_mvOutput& out, Compression compression, ProgressMonitor* pm, ProgressEvent* progress) {
-  OutputFlush flush(out, pm);
+// The compression's frame around the archive, and the flush. An archive that is complete is finished as such
+// also when something was left out of it, which makes the result false.
+bool ClsTar::writeFramed(_mvOutput& out, Compression compression, const Io& io) {
+  OutputFlush flush(out, io.monitor);
   bool anythingLost = false;
-  if (!m_archive->open(out, pm, m_log)) return false;
-  if (!writeSources(out, pm, m_log, progress, anythingLost)) return false;
+  if (!m_archive->open(out, io)) return false;
+  if (!writeAllMembers(out, io, anythingLost)) return false;
   if (compression == Compression::Gzip) m_log.LogDataInt64("originalDataSize", m_archive->m_uncompressedSize);
   if (!m_archive->close(out, m_log)) return false;
   const bool complete = flush.finish(m_log);
@@ -118,20 +120,21 @@ bool ClsTar::endGzip(_mvOutput& out, unsigned int crc32, unsigned int size) {
 long long ClsTar::calcTotalProgressForWrite(LogBase& log, ProgressMonitor* pm) {
   const StepGuard step(*this);
   if (!step || !takeOptions(log)) return -1;
-  return morvane::calcTotalProgressForWrite(m_files, m_dirRoots, liveWriteSettings(), log, pm);
+  return morvane::calcTotalProgressForWrite(m_files, m_dirRoots, liveWriteSettings(), Io(log, pm));
 }
 
 bool ClsTar::writeTarToOutput(_mvOutput& out, ProgressMonitor* pm, LogBase& log, ProgressEvent* progress) {
   const StepGuard step(*this);
   bool anythingLost = false;
-  return step && takeOptions(log) && writeSources(out, pm, log, progress, anythingLost) && !anythingLost;
+  return step && takeOptions(log) && writeAllMembers(out, Io(log, pm, progress), anythingLost) &&
+         !anythingLost;
 }
 
-bool ClsTar::writeSources(_mvOutput& out, ProgressMonitor* pm, LogBase& log, ProgressEvent* progress,
-                          bool& anythingLost) {
+// The tar stream itself, through the output that is set for the length of it.
+bool ClsTar::writeAllMembers(_mvOutput& out, const Io& io, bool& anythingLost) {
   m_archive->m_output = &out;
   ScopeExit forget([this] { m_archive->m_output = nullptr; });
-  ArchiveWriter writer(liveWriteSettings(), *m_archive, log, pm, progress);
+  ArchiveWriter writer(liveWriteSettings(), *m_archive, io);
   mvFileInfo archive;
   const auto* const file = dynamic_cast<const OutputFile*>(&out);
   if (file && file->getFileInfo(archive)) writer.leaveOut(archive);
@@ -144,43 +147,50 @@ bool ClsTar::writeFileToOutput(XString& fullPath, XString& pathInTar, ProgressMo
                                ProgressEvent* progress) {
   const StepGuard step(*this);
   return step && takeOptions(log) &&
-         ArchiveWriter(liveWriteSettings(), *m_archive, log, pm, progress)
+         ArchiveWriter(liveWriteSettings(), *m_archive, Io(log, pm, progress))
              .writeFileToOutput(fullPath, pathInTar);
 }
 
 bool ClsTar::copySourceToOutput(_mvDataSource& source, ProgressMonitor* pm, LogBase& log) {
   const StepGuard step(*this);
   return step && takeOptions(log) &&
-         ArchiveWriter(liveWriteSettings(), *m_archive, log, pm, nullptr).copySourceToOutput(source);
+         ArchiveWriter(liveWriteSettings(), *m_archive, Io(log, pm, nullptr)).copySourceToOutput(source);
+}
+
+// The three that write headers by themselves: the member as its path and file information describe it.
+template <class Write>
+bool ClsTar::writeDescribed(XString& path, const mvFileInfo& info, const Io& io, Write write) {
+  const StepGuard step(*this);
+  if (!step || !takeOptions(io.log)) return false;
+  const WriteSettings settings = writeSettings();
+  WriteRun run{settings, *m_archive, io};
+  Member member;
+  describeMember(info, settings, path, member);
+  MemberWriter writer(run);
+  return write(writer, member);
 }
 
 bool ClsTar::writeTarHeaderToOutput(XString& pathInTar, mvFileInfo& info, ProgressMonitor* pm, LogBase& log) {
-  const StepGuard step(*this);
-  if (!step || !takeOptions(log)) return false;
-  const WriteSettings settings = writeSettings();
-  WriteRun run{settings, *m_archive, log, pm, nullptr};
-  return morvane::writeTarHeaderToOutput(run, pathInTar, info);
+  return writeDescribed(pathInTar, info, Io(log, pm), [](MemberWriter& writer, const Member& member) {
+    return writer.writeHeader(member);
+  });
 }
 
 bool ClsTar::writeLongFilenameToOutput(XString& path, mvFileInfo& info, ProgressMonitor* pm, LogBase& log) {
-  const StepGuard step(*this);
-  if (!step || !takeOptions(log)) return false;
-  const WriteSettings settings = writeSettings();
-  WriteRun run{settings, *m_archive, log, pm, nullptr};
-  return morvane::writeLongFilenameToOutput(run, path, info);
+  return writeDescribed(path, info, Io(log, pm), [](MemberWriter& writer, const Member& member) {
+    return writer.writeLongName(member);
+  });
 }
 
 bool ClsTar::writePaxHeaderToOutput(XString& path, mvFileInfo& info, ProgressMonitor* pm, LogBase& log) {
-  const StepGuard step(*this);
-  if (!step || !takeOptions(log)) return false;
-  const WriteSettings settings = writeSettings();
-  WriteRun run{settings, *m_archive, log, pm, nullptr};
-  return morvane::writePaxHeaderToOutput(run, path, info);
+  return writeDescribed(path, info, Io(log, pm), [](MemberWriter& writer, const Member& member) {
+    return writer.writePaxPath(member);
+  });
 }
 
 bool ClsTar::writeOut_pm(const unsigned char* data, unsigned int len, ProgressMonitor* pm, LogBase& log) {
   const StepGuard step(*this);
-  return step && m_archive->writeOut_pm(data, len, m_abortCheckMs != 0, pm, log);
+  return step && m_archive->writeOut_pm(data, len, m_abortCheckMs != 0, Io(log, pm));
 }
 
 bool ClsTar::splitPathForTar(const XString& path, XString& name, XString& prefix, LogBase& log) {

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "tar/format/Member.h"
 #include "tar/format/TarBlock.h"
 #include "tar/format/TarNumber.h"
 
@@ -24,33 +25,32 @@ void requirePrefixFits(std::string_view prefix) {
 
 }  // namespace
 
-void encodeHeaderBlock(const HeaderFields& fields, unsigned char* block) {
-  requirePrefixFits(fields.prefix);
+void encodeHeaderBlock(const Member& member, const StoredPath& path, TarMagic magic, unsigned char* block) {
+  requirePrefixFits(path.prefix);
   std::memset(block, 0, kBlockSize);
-  putText(block, kNameField.offset, kNameField.width, fields.name);
-  putText(block, kPrefixField.offset, kLongestPrefix, fields.prefix);
-  putOctal(block, kModeField, fields.mode);
-  putOctal(block, kUidField, fields.uid);
-  putOctal(block, kGidField, fields.gid);
-  putSize(block, fields.size);
-  putOctal(block, kMtimeField, fields.mtime);
-  block[kTypeFlagField.offset] = static_cast<unsigned char>(fields.typeFlag);
-  const bool gnu = fields.magic == TarMagic::Gnu;
+  putText(block, kNameField.offset, kNameField.width, path.name);
+  putText(block, kPrefixField.offset, kLongestPrefix, path.prefix);
+  const bool gnu = magic == TarMagic::Gnu;
+  // Base-256 is GNU's, but sizes have it in every format, because readers of every kind take it there.
+  const auto put = [&](Field field, long long value) {
+    putNumber(block, field, gnu || hasOctalForm(field, value) ? value : 0);
+  };
+  put(kModeField, member.mode);
+  put(kUidField, member.uid);
+  put(kGidField, member.gid);
+  putNumber(block, kSizeField, member.size);
+  put(kMtimeField, member.mtime.seconds);
+  block[kTypeFlagField.offset] = static_cast<unsigned char>(member.typeFlag);
+  putText(block, kLinkNameField.offset, kLinkNameField.width, member.linkPath);
   std::memcpy(block + kMagicField.offset, gnu ? kGnuMagic : kUstarMagic, kMagicField.width);
-  putText(block, kUserNameField.offset, kUserNameField.width - 1, fields.userName);
-  putText(block, kGroupNameField.offset, kGroupNameField.width - 1, fields.groupName);
-  if (!gnu) {
-    putOctal(block, kDevMajorField, 0);
-    putOctal(block, kDevMinorField, 0);
+  putText(block, kUserNameField.offset, kUserNameField.width - 1, member.userName);
+  putText(block, kGroupNameField.offset, kGroupNameField.width - 1, member.groupName);
+  const bool isDevice = member.typeFlag == kTypeCharacterDevice || member.typeFlag == kTypeBlockDevice;
+  if (!gnu || isDevice) {
+    put(kDevMajorField, member.deviceMajor);
+    put(kDevMinorField, member.deviceMinor);
   }
   putChecksum(block);
-}
-
-bool isScriptPath(std::string_view path) {
-  for (const std::string_view ending : {".sh", ".csh", ".bash", ".bsh"}) {
-    if (path.size() >= ending.size() && path.substr(path.size() - ending.size()) == ending) return true;
-  }
-  return false;
 }
 
 }  // namespace morvane

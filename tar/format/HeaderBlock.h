@@ -1,28 +1,25 @@
-// A member's fields encoded as a 512-byte header block.
+// A member encoded as a 512-byte header block.
 #pragma once
 
 #include <string_view>
 
 namespace morvane {
 
+struct Member;
+
 enum class TarMagic { Gnu, Ustar };
 
-struct HeaderFields {
+// A path as it stands in a block.
+struct StoredPath {
   std::string_view name;    // its first 100 bytes are stored
   std::string_view prefix;  // with its joining slash; must fit the prefix field and the block's tail
-  unsigned mode = 0, uid = 0, gid = 0;
-  long long size = 0;  // bytes, 0 or more
-  unsigned mtime = 0;  // Unix seconds
-  char typeFlag = '0';
-  TarMagic magic = TarMagic::Gnu;        // Ustar also writes the device numbers
-  std::string_view userName, groupName;  // the first 31 bytes of each are stored
 };
 
-// Fills all 512 bytes. A prefix that does not fit the block stops the process, with a line on standard error:
-// there is no place for it, and a wrong path must not be written.
-void encodeHeaderBlock(const HeaderFields& fields, unsigned char* block);
-
-// Whether a path (of any member, before normalisation) is that of a script.
-bool isScriptPath(std::string_view path);
+// Fills all 512 bytes: numbers, type flag, names, link and device (with Ustar, as GNU's form leaves it out
+// for what is none) from the member, the path as given. A number that has no octal form in its field is
+// written in base-256 where the magic is GNU's, as 0 elsewhere, but for the size; what has to go into a
+// record instead FormatLimits.h tells. A prefix that does not fit the block stops the process, with a line on
+// standard error: there is no place for it, and a wrong path must not be written.
+void encodeHeaderBlock(const Member& member, const StoredPath& path, TarMagic magic, unsigned char* block);
 
 }  // namespace morvane

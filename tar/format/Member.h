@@ -17,6 +17,7 @@ struct Member {
   std::string path, linkPath, userName, groupName;
   unsigned mode = 0;
   unsigned uid = 0, gid = 0;
+  unsigned deviceMajor = 0, deviceMinor = 0;
   long long size = 0;  // data bytes that follow the header, 0 to 2^63-1
   TarTime mtime;
   TarTime atime, ctime;          // not known unless a record gave them

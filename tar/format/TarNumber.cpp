@@ -66,24 +66,16 @@ NumberField parseOctal(const unsigned char* at, unsigned width) {
 
 }  // namespace
 
-void putOctal(unsigned char* block, Field field, unsigned value) {
-  char digits[16];
-  mv_0o(value, field.width - 1, digits);
-  std::memcpy(block + field.offset, digits, field.width);
-}
+bool hasOctalForm(Field field, long long value) { return value >= 0 && value < 1LL << 3 * (field.width - 1); }
 
-void putSize(unsigned char* block, long long n) {
-  unsigned char* const field = block + kSizeField.offset;
-  char digits[66];
-  mv64::itoa(n, digits, 8);
-  const unsigned count = static_cast<unsigned>(std::strlen(digits));
-  constexpr unsigned kDigits = kSizeField.width - 1;
-  if (count > kDigits) {
-    numToBase256(n, reinterpret_cast<char*>(field), kSizeField.width);
+void putNumber(unsigned char* block, Field field, long long value) {
+  char* const at = reinterpret_cast<char*>(block + field.offset);
+  if (!hasOctalForm(field, value)) {
+    numToBase256(value, at, static_cast<int>(field.width));
     return;
   }
-  std::memset(field, '0', kDigits - count);
-  std::memcpy(field + kDigits - count, digits, count + 1);
+  at[field.width - 1] = '\0';
+  for (unsigned i = field.width - 1; i-- > 0; value >>= 3) at[i] = static_cast<char>('0' + (value & 7));
 }
 
 void putChecksum(unsigned char* block) {

@@ -6,10 +6,13 @@
 
 namespace morvane {
 
-// Writes width - 1 octal digits and NUL; a value that needs more digits keeps its low ones.
-void putOctal(unsigned char* block, Field field, unsigned value);
-// Writes a size (n >= 0): 11 octal digits and NUL, from 8 GiB on base-256.
-void putSize(unsigned char* block, long long n);
+// What seven octal digits hold, as most fields have them.
+constexpr unsigned kMostOctal = 07777777;
+
+// Whether a number has width - 1 octal digits at most.
+bool hasOctalForm(Field field, long long value);
+// Writes width - 1 octal digits and NUL; what has no such form in base-256, as sizes from 8 GiB on.
+void putNumber(unsigned char* block, Field field, long long value);
 // Writes the checksum of the otherwise finished block.
 void putChecksum(unsigned char* block);
 

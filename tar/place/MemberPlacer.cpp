@@ -2,8 +2,8 @@
 
 #include <cerrno>
 
-#include "runtime/progress/TarMember.h"
 #include "tar/format/Member.h"
+#include "tar/format/ShownMember.h"
 
 namespace morvane {
 
@@ -29,30 +29,10 @@ void reportIncomplete(const MemberPath& path, const Io& io) {
   tellAndGoOn("incomplete", path, io);
 }
 
-std::string withoutEndingSlashes(const std::string& path) {
-  return path.substr(0, path.find_last_not_of('/') + 1);
-}
-
 // A full disk, one that cannot be written, or a process that can open nothing more: the next member would
 // meet it as well.
 bool isLasting(int error) {
   return error == ENOSPC || error == EROFS || error == EMFILE || error == ENFILE || error == ENOMEM;
-}
-
-TarMember shownForChange(const Member& member, const std::string& path) {
-  TarMember shown;
-  shown.typeFlag = member.typeFlag;
-  shown.size = member.dataSize();
-  shown.path = path;
-  shown.linkPath = member.linkPath;
-  shown.mode = member.mode;
-  shown.uid = member.uid;
-  shown.gid = member.gid;
-  shown.userName = member.userName;
-  shown.groupName = member.groupName;
-  shown.mtime = member.mtime.seconds;
-  shown.mtimeNanoseconds = member.mtime.nanoseconds;
-  return shown;
 }
 
 }  // namespace
@@ -107,21 +87,14 @@ bool MemberPlacer::isSkippedByEvent(const Member& member, Aim aim, const Io& io)
 // Sends onTarMember and takes what it left. A changed path passes the rules that every path passes; what
 // confinement has to say of it comes with its creation.
 MemberPlacer::Choice MemberPlacer::offerForChange(Member& member, Aim aim, const Io& io) {
-  const std::string path =
-      member.isDirectory ? withoutEndingSlashes(m_path.entryPath().str()) : m_path.entryPath().str();
-  TarMember shown = shownForChange(member, path);
-  io.event->onTarMember(shown);
+  showMember(member, m_path.entryPath().str(), m_shown);
+  const std::string path = m_shown.path;
+  io.event->onTarMember(m_shown);
   m_live.refresh();
-  if (shown.skip || shown.path.empty()) return Choice::Skipped;
-  member.linkPath = std::move(shown.linkPath);
-  member.mode = shown.mode;
-  member.uid = shown.uid;
-  member.gid = shown.gid;
-  member.userName = std::move(shown.userName);
-  member.groupName = std::move(shown.groupName);
-  member.mtime = {shown.mtime, shown.mtimeNanoseconds, true};
-  if (shown.path == path) return Choice::Extract;
-  m_path.rename(shown.path, settings());
+  if (m_shown.skip || m_shown.path.empty()) return Choice::Skipped;
+  takeShown(m_shown, member);
+  if (m_shown.path == path) return Choice::Extract;
+  m_path.rename(m_shown.path, settings());
   if (m_path.entryPath().isEmpty()) return Choice::Skipped;
   return aim != Aim::Extract || isAllowedDepth(io) ? Choice::Extract : Choice::LimitReached;
 }

@@ -15,6 +15,7 @@
 #pragma once
 
 #include "runtime/io/Io.h"
+#include "runtime/progress/TarMember.h"
 #include "tar/place/ExtractTarget.h"
 #include "tar/place/RunLimits.h"
 #include "tar/place/SettleFile.h"
@@ -106,6 +107,7 @@ class MemberPlacer {
   MemberPath m_path;
   ExtractTarget m_target;
   RunLimits m_limits;
+  TarMember m_shown;  // the current member, as the event may change it
   bool m_anyLeftOut = false;
 };
 

@@ -1,9 +1,8 @@
 #include "tar/write/ArchiveOutput.h"
 
 #include "runtime/buffer/DataBuffer.h"
+#include "runtime/io/Io.h"
 #include "runtime/io/OutputFile.h"
-#include "runtime/log/LogBase.h"
-#include "runtime/progress/ProgressMonitor.h"
 
 namespace morvane {
 
@@ -14,40 +13,38 @@ void ArchiveOutput::begin(Compression compression, const CodecOptions& options) 
   m_uncompressedSize = 0;
 }
 
-bool ArchiveOutput::open(_mvOutput& out, ProgressMonitor* pm, LogBase& log) {
-  return !m_encoder || m_encoder->begin(out, pm, log);
+bool ArchiveOutput::open(_mvOutput& out, const Io& io) {
+  return !m_encoder || m_encoder->begin(out, io.monitor, io.log);
 }
 
 bool ArchiveOutput::close(_mvOutput& out, LogBase& log) {
   return !m_encoder || m_encoder->end(out, m_uncompressedSize, log);
 }
 
-bool ArchiveOutput::writeOut_pm(const unsigned char* data, unsigned len, bool checkAbort, ProgressMonitor* pm,
-                                LogBase& log) {
-  if (checkAbort && pm && pm->abortCheckTimed(log)) {
-    log.LogError("TAR aborted by application. (1)");
-    return false;
+bool ArchiveOutput::writeOut_pm(const unsigned char* data, unsigned len, bool checkAbort, const Io& io) {
+  if (checkAbort && io.monitor && io.monitor->abortCheckTimed(io.log)) {
+    return io.fail("TAR aborted by application. (1)");
   }
-  if (m_encoder) return compress(data, len, pm, log);
-  return m_output && m_output->writeBytesPM(reinterpret_cast<const char*>(data), len, pm, log);
+  if (m_encoder) return compress(data, len, io);
+  return m_output && m_output->writeBytesPM(reinterpret_cast<const char*>(data), len, io.monitor, io.log);
 }
 
 OutputFile* ArchiveOutput::plainFile() const {
   return m_encoder ? nullptr : dynamic_cast<OutputFile*>(m_output);
 }
 
-bool ArchiveOutput::compress(const unsigned char* data, unsigned len, ProgressMonitor* pm, LogBase& log) {
+bool ArchiveOutput::compress(const unsigned char* data, unsigned len, const Io& io) {
   m_uncompressedSize += len;
   DataBuffer ready;
   const auto writeReady = [&] {
-    return ready.isEmpty() || (m_output && m_output->writeDbPM(ready, pm, log));
+    return ready.isEmpty() || (m_output && m_output->writeDbPM(ready, io.monitor, io.log));
   };
   const bool isLast = m_compressLast && !m_compressFirst;
   m_compressFirst = false;
-  if (!m_encoder->add(data, len, ready, pm, log) || !writeReady()) return false;
+  if (!m_encoder->add(data, len, ready, io.monitor, io.log) || !writeReady()) return false;
   if (!isLast) return true;
   ready.clear();
-  return m_encoder->finish(ready, pm, log) && writeReady();
+  return m_encoder->finish(ready, io.monitor, io.log) && writeReady();
 }
 
 }  // namespace morvane

@@ -9,8 +9,8 @@ namespace morvane {
 
 class LogBase;
 class OutputFile;
-class ProgressMonitor;
 class _mvOutput;
+struct Io;
 
 struct ArchiveOutput {
   _mvOutput* m_output = nullptr;     // not owned; set for the length of a write
@@ -20,19 +20,18 @@ struct ArchiveOutput {
   // What the next write goes through. An encoder serves one archive.
   void begin(Compression compression, const CodecOptions& options);
   // Writes what an encoder puts in front of its data and behind them. Nothing for a plain archive.
-  [[nodiscard]] bool open(_mvOutput& out, ProgressMonitor* pm, LogBase& log);
+  [[nodiscard]] bool open(_mvOutput& out, const Io& io);
   [[nodiscard]] bool close(_mvOutput& out, LogBase& log);
 
   // `checkAbort`: whether the abort checks inside a member's data are on. Without an output a plain write
   // fails without a message.
-  [[nodiscard]] bool writeOut_pm(const unsigned char* data, unsigned len, bool checkAbort,
-                                 ProgressMonitor* pm, LogBase& log);
+  [[nodiscard]] bool writeOut_pm(const unsigned char* data, unsigned len, bool checkAbort, const Io& io);
 
   // The file that bytes go to as they are; null when they go anywhere else.
   OutputFile* plainFile() const;
 
  private:
-  bool compress(const unsigned char* data, unsigned len, ProgressMonitor* pm, LogBase& log);
+  bool compress(const unsigned char* data, unsigned len, const Io& io);
 
   std::unique_ptr<Encoder> m_encoder;  // null: plain
   bool m_compressFirst = false;        // the next write starts the encoder

@@ -4,10 +4,11 @@
 #pragma once
 
 #include "runtime/base/ExtPtrArray.h"
+#include "runtime/progress/TarMember.h"
 #include "runtime/text/ExtPtrArraySb.h"
 #include "tar/settings/LiveSettings.h"
-#include "tar/write/SourceFile.h"
-#include "tar/write/WriteRun.h"
+#include "tar/write/MemberData.h"
+#include "tar/write/MemberWriter.h"
 
 namespace morvane {
 
@@ -17,10 +18,13 @@ struct SourceEntry;
 
 class ArchiveWriter {
  public:
-  // The properties are taken anew for each member; the monitor and the event may be null.
-  ArchiveWriter(LiveSettings<WriteSettings> settings, ArchiveOutput& archive, LogBase& log,
-                ProgressMonitor* pm, ProgressEvent* event)
-      : m_live(std::move(settings)), m_run{m_live.now(), archive, log, pm, event}, m_log(log) {
+  // The properties are taken anew for each member.
+  ArchiveWriter(LiveSettings<WriteSettings> settings, ArchiveOutput& archive, const Io& io)
+      : m_live(std::move(settings)),
+        m_run{m_live.now(), archive, io},
+        m_log(io.log),
+        m_writer(m_run),
+        m_data(m_run) {
     m_live.refresh();
   }
 
@@ -42,30 +46,36 @@ class ArchiveWriter {
   bool writeSingleFile(const SourceEntry& entry);
   bool writeTree(const DirRoot& root, XString& curDirRootPath);
   bool writeMember(const SourcePlace& place, XString& pathInTar, ClsDirTree* tree);
+  bool examine(const SourcePlace& place, mvFileInfo& info);
   bool isSkippedByEvent(const SourcePlace& place, const mvFileInfo& info, const XString& pathInTar);
+  bool isSkippedBeingChanged(const SourcePlace& place, XString& pathInTar);
   bool isArchiveItself(const SourcePlace& place, const mvFileInfo& info);
   bool canBeRead(const SourcePlace& place, const mvFileInfo& info, ClsDirTree* tree);
   bool passByIfUnreadable(const SourcePlace& place, ClsDirTree& tree);
   bool leftOutUnreadable(const SourcePlace& place);
   bool writeData(const SourcePlace& place, const mvFileInfo& info);
-  bool writeExactData(const SourcePlace& place, const mvFileInfo& info);
-  bool copyFile(long long most, long long& copied);
-  bool copyPieces(_mvDataSource& source, long long most, long long& copied);
-  bool putDataPiece(const char* bytes, unsigned n);
+  bool writeMemory(const MemoryFile& file);
+  bool writeToTheEnd(const SourcePlace& place, const mvFileInfo& info);
+  bool writeExactSize(const SourcePlace& place, const mvFileInfo& info);
+  bool openForData(const SourcePlace& place, const mvFileInfo& info);
+  bool hasGrownFromNothing(const SourcePlace& place, const mvFileInfo& info);
   void reportReadFailed(const SourcePlace& place);
-  bool reportSizeChanged(const SourcePlace& place, long long inHeader, long long copied);
+  bool reportSizeChanged(const SourcePlace& place, long long inHeader, long long now);
   bool memberFailed(const XString& fullPath, const XString& pathInTar);
-  bool abortedAfterMember();
+  bool isAborted();
   bool writeEndOfArchive();
 
   LiveSettings<WriteSettings> m_live;
   WriteRun m_run;
   LogBase& m_log;
+  MemberWriter m_writer;
+  MemberData m_data;
   SourceFile m_source;
+  Member m_member;    // the one being written
+  TarMember m_shown;  // the same, as the event may change it
   bool m_hasArchive = false;
   mvFileInfo m_archive;
   bool m_anythingLost = false;
-  bool m_readFailed = false;  // the copy that went last ended by a failed read
 };
 
 }  // namespace morvane

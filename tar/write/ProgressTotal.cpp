@@ -1,17 +1,13 @@
 #include "tar/write/ProgressTotal.h"
 
-#include <memory>
-
-#include "runtime/fs/ClsDirTree.h"
 #include "runtime/fs/FileSys.h"
 #include "runtime/fs/mvFileInfo.h"
 #include "runtime/log/LogContextExitor.h"
 #include "runtime/log/LogNull.h"
-#include "runtime/progress/ProgressMonitor.h"
 #include "runtime/text/XString.h"
 #include "tar/format/TarBlock.h"
-#include "tar/write/DirRoot.h"
 #include "tar/write/SourceEntry.h"
+#include "tar/write/SourceWalk.h"
 
 namespace morvane {
 
@@ -21,49 +17,37 @@ constexpr long long kAborted = -1;
 
 class Counter {
  public:
-  Counter(LiveSettings<WriteSettings> live, LogBase& log, ProgressMonitor* pm)
-      : m_live(std::move(live)), m_log(log), m_pm(pm) {
+  Counter(LiveSettings<WriteSettings> live, const Io& io) : m_live(std::move(live)), m_io(io) {
     m_live.refresh();
   }
 
   long long total() const { return m_total; }
-  bool gaveUp() const { return m_gaveUp; }
 
   void addFile(const StringBuffer& entry) {
-    const SourceEntry source = parseSourceEntry(entry.str());
+    const SourceEntry source = parseSourceEntry(entry);
     if (!source.isClosed || excludes(source.localPath)) return;
     bool ok = true;
-    const long long size = FileSys::fileSizeUtf8_64(source.localPath.c_str(), &m_quiet, ok);
+    const long long size = source.file ? source.file->m_bytes.getSize()
+                                       : FileSys::fileSizeUtf8_64(source.localPath.c_str(), &m_quiet, ok);
     if (ok) m_total = saturatedSum(m_total, size);
   }
 
   // False when the application aborted.
   bool addTree(const DirRoot& root) {
-    const std::unique_ptr<ClsDirTree> tree(ClsDirTree::createNewCls());
-    m_gaveUp = !tree;
-    if (m_gaveUp) return true;
-    tree->put_BaseDir(XString(root.m_dirPath.str()));
-    tree->put_Recurse(true);
-    bool walking = tree->beginIterate(m_quiet);
-    while (walking && !tree->get_DoneIterating()) {
-      XString fullPath;
-      tree->get_FullUncPath(fullPath);
-      if (excludes(fullPath.str())) {
-        if (m_pm && m_pm->abortCheck(m_log)) return false;
-        m_live.refresh();
-        if (m_live.now().options.countSkipsExcluded) walking = tree->advancePosition(m_quiet);
-        continue;
+    SourceWalk walk;
+    bool walking = walk.begin(root, m_quiet);
+    while (walking && !walk.isDone()) {
+      const SourcePlace place = walk.place();
+      const bool isExcluded = excludes(place.fullPath.str());
+      mvFileInfo info;
+      if (!isExcluded && !walk.tree().get_IsDirectory() &&
+          info.loadFileInfoAt(place.directory, place.name, place.fullPath.getUtf8(), m_quiet)) {
+        m_total = saturatedSum(m_total, info.m_size);
       }
-      if (!tree->get_IsDirectory()) {
-        mvFileInfo info;
-        const char* const path = fullPath.getUtf8();
-        if (info.loadFileInfoAt(tree->currentDirectory(), tree->currentName(), path, m_quiet)) {
-          m_total = saturatedSum(m_total, info.m_size);
-        }
-      }
-      if (m_pm && m_pm->abortCheck(m_log)) return false;
+      if (m_io.monitor && m_io.monitor->abortCheck(m_io.log)) return false;
       m_live.refresh();
-      walking = tree->advancePosition(m_quiet);
+      if (isExcluded && !m_live.now().options.countSkipsExcluded) continue;
+      walking = walk.advance(m_quiet);
     }
     return true;
   }
@@ -72,23 +56,20 @@ class Counter {
   bool excludes(const std::string& path) const { return m_live.now().filter.excludes(path); }
 
   LiveSettings<WriteSettings> m_live;
-  LogBase& m_log;
-  ProgressMonitor* const m_pm;
+  const Io& m_io;
   LogNull m_quiet;  // what cannot be read is said when it is written
   long long m_total = 0;
-  bool m_gaveUp = false;
 };
 
 }  // namespace
 
 long long calcTotalProgressForWrite(const ExtPtrArraySb& files, const ExtPtrArray& dirRoots,
-                                    LiveSettings<WriteSettings> live, LogBase& log, ProgressMonitor* pm) {
-  LogContextExitor context(log, "calcTotalProgressForWrite");
-  Counter counter(std::move(live), log, pm);
+                                    LiveSettings<WriteSettings> live, const Io& io) {
+  LogContextExitor context(io.log, "calcTotalProgressForWrite");
+  Counter counter(std::move(live), io);
   for (int i = 0; i < dirRoots.getSize(); ++i) {
     const auto* const root = static_cast<const DirRoot*>(dirRoots.elementAt(i));
     if (root && !counter.addTree(*root)) return kAborted;
-    if (counter.gaveUp()) return counter.total();
   }
   for (int i = 0; i < files.getSize(); ++i) {
     if (const StringBuffer* const entry = files.sbAt(i)) counter.addFile(*entry);

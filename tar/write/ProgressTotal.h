@@ -14,6 +14,6 @@ namespace morvane {
 // An entry of a directory tree that the filter excludes is examined again and again: the count then never
 // ends. The word CountSkipsExcluded makes it go on.
 long long calcTotalProgressForWrite(const ExtPtrArraySb& files, const ExtPtrArray& dirRoots,
-                                    LiveSettings<WriteSettings> live, LogBase& log, ProgressMonitor* pm);
+                                    LiveSettings<WriteSettings> live, const Io& io);
 
 }  // namespace morvane

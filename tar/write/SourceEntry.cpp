@@ -8,8 +8,15 @@ std::string makePairEntry(std::string_view localPath, std::string_view pathInTar
   return entry.append(pathInTar);
 }
 
-SourceEntry parseSourceEntry(std::string_view entry) {
+SourceEntry parseSourceEntry(const StringBuffer& stored) {
+  const std::string_view entry = stored.str();
   SourceEntry parsed;
+  parsed.file = dynamic_cast<const MemoryFile*>(&stored);
+  if (parsed.file) {
+    parsed.isPair = true;
+    parsed.localPath = parsed.pathInTar = entry;
+    return parsed;
+  }
   parsed.isPair = !entry.empty() && entry.front() == kEntryEscape;
   if (!parsed.isPair) {
     parsed.localPath = entry;

@@ -1,23 +1,35 @@
-// The stored form of a single file to archive: its local path alone, or ESC, local path, ESC, path in the
-// archive.
+// The stored form of a single file to archive: its local path alone; or ESC, local path, ESC, path in the
+// archive; or the path in the archive with the bytes themselves.
 #pragma once
 
 #include <string>
 #include <string_view>
 
+#include "runtime/buffer/DataBuffer.h"
+#include "runtime/fs/MorvaneFileTime.h"
+#include "runtime/text/StringBuffer.h"
+
 namespace morvane {
 
 constexpr char kEntryEscape = '\x1B';
 
+// A file that is not on the disk: the text is its path in the archive.
+class MemoryFile : public StringBuffer {
+ public:
+  DataBuffer m_bytes;
+  MorvaneFileTime m_added;
+};
+
 struct SourceEntry {
   bool isPair = false;
-  bool isClosed = true;  // false for a pair without its second ESC; nothing else is then set
-  std::string localPath;
-  std::string pathInTar;  // pairs only
+  bool isClosed = true;              // false for a pair without its second ESC; nothing else is then set
+  std::string localPath;             // of a file from memory, its path in the archive
+  std::string pathInTar;             // of pairs and files from memory
+  const MemoryFile* file = nullptr;  // null for a file on the disk
 };
 
 // Neither path is checked: one that holds an ESC itself is cut at the wrong place.
 std::string makePairEntry(std::string_view localPath, std::string_view pathInTar);
-SourceEntry parseSourceEntry(std::string_view entry);
+SourceEntry parseSourceEntry(const StringBuffer& entry);
 
 }  // namespace morvane

@@ -7,12 +7,15 @@
 
 namespace morvane {
 
-// Where a member's source is: its path and, from a directory walk, its name in an open directory.
+class MemoryFile;
+
+// Where a member's source is: its path and, from a directory walk, its name in an open directory; or memory.
 struct SourcePlace {
   const XString& fullPath;
   int directory = -1;  // -1: the path alone
   const char* name = nullptr;
-  bool isRegular = false;  // as the directory says
+  bool isRegular = false;              // as the directory says
+  const MemoryFile* memory = nullptr;  // the member's data, when they are not on the disk
 };
 
 // One object serves all members of a write, so that its buffer is made once.

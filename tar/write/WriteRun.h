@@ -1,18 +1,16 @@
-// What every step of writing an archive needs: the properties, and where bytes, messages and events go.
+// What every step of writing an archive needs: the properties, where bytes go, whom to ask and tell.
 #pragma once
 
 #include <string>
 
-#include "runtime/log/LogBase.h"
-#include "runtime/progress/ProgressMonitor.h"
+#include "runtime/io/Io.h"
 #include "runtime/text/XString.h"
+#include "tar/format/FormatLimits.h"
 #include "tar/settings/NameFilter.h"
 #include "tar/settings/TarOptions.h"
 #include "tar/write/ArchiveOutput.h"
 
 namespace morvane {
-
-enum class WriteFormat { Gnu, Pax, Ustar };
 
 struct WriteSettings {
   WriteFormat format = WriteFormat::Gnu;
@@ -28,12 +26,13 @@ struct WriteSettings {
 struct WriteRun {
   const WriteSettings& settings;
   ArchiveOutput& archive;
-  LogBase& log;
-  ProgressMonitor* pm;   // may be null
-  ProgressEvent* event;  // may be null
+  Io io;
 
   [[nodiscard]] bool put(const unsigned char* data, unsigned n) {
-    return archive.writeOut_pm(data, n, settings.abortCheckMs != 0, pm, log);
+    return archive.writeOut_pm(data, n, settings.abortCheckMs != 0, io);
+  }
+  [[nodiscard]] bool put(const std::string& data) {
+    return put(reinterpret_cast<const unsigned char*>(data.data()), static_cast<unsigned>(data.size()));
   }
   // n zero bytes, 0 or more.
   [[nodiscard]] bool putZeros(long long n);

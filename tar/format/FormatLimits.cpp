@@ -1,0 +1,90 @@
+#include "tar/format/FormatLimits.h"
+
+#include "tar/format/Member.h"
+#include "tar/format/PaxRecordText.h"
+#include "tar/format/TarBlock.h"
+#include "tar/format/TarNumber.h"
+#include "tar/format/UstarSplit.h"
+
+namespace morvane {
+
+namespace {
+
+bool fitsIds(const Member& member) {
+  return hasOctalForm(kUidField, member.uid) && hasOctalForm(kGidField, member.gid);
+}
+
+const char* splitIntoBlock(const Member& member, const FormatRules& rules, MemberEncoding& encoding) {
+  const UstarSplit split = splitUstarPath(member.path);
+  if (split.error) return split.error;
+  encoding.name = split.name;
+  encoding.prefix = split.prefix;
+  if (rules.ustarPlainPrefix && !encoding.prefix.empty()) {
+    encoding.prefix.remove_suffix(1);
+    // Without its slash, that of an absolute path would be gone.
+    if (encoding.prefix.empty()) return kUstarCannotSplit;
+  }
+  const bool overflows = rules.ustarOverflowFails && encoding.prefix.size() > kPrefixField.width;
+  return overflows ? kUstarCannotSplit : nullptr;
+}
+
+const char* whyNotInUstar(const Member& member) {
+  if (!fitsIds(member)) return "The ustar format cannot hold a user or group id over 2097151.";
+  if (!hasOctalForm(kMtimeField, member.mtime.seconds)) {
+    return "The ustar format cannot hold the time of the member.";
+  }
+  if (member.linkPath.size() > kLinkNameField.width) {
+    return "The ustar format cannot hold a link of more than 100 bytes.";
+  }
+  if (!hasOctalForm(kDevMajorField, member.deviceMajor) ||
+      !hasOctalForm(kDevMinorField, member.deviceMinor)) {
+    return "The ustar format cannot hold the number of the device.";
+  }
+  return nullptr;
+}
+
+// Everything that the block cannot hold exactly, as pax records.
+std::string paxRecordsFor(const Member& member, bool pathNeedsPax, const FormatRules& rules) {
+  std::string records;
+  if (pathNeedsPax) records = paxPathRecord(member.path, rules.paxExact);
+  const auto add = [&records](std::string_view keyword, std::string_view value) {
+    appendPaxRecord(keyword, value, records);
+  };
+  if (member.linkPath.size() > kLinkNameField.width) add("linkpath", member.linkPath);
+  if (!hasOctalForm(kUidField, member.uid)) add("uid", std::to_string(member.uid));
+  if (!hasOctalForm(kGidField, member.gid)) add("gid", std::to_string(member.gid));
+  if (member.userName.size() >= kUserNameField.width) add("uname", member.userName);
+  if (member.groupName.size() >= kGroupNameField.width) add("gname", member.groupName);
+  if (member.mtime.nanoseconds != 0 || !hasOctalForm(kMtimeField, member.mtime.seconds)) {
+    add("mtime", paxTimeText(member.mtime));
+  }
+  return records;
+}
+
+}  // namespace
+
+MemberEncoding encodingOf(const Member& member, WriteFormat format, const FormatRules& rules) {
+  MemberEncoding encoding;
+  encoding.name = member.path;
+  const size_t length = member.path.size();
+  const bool isLong = length > kLongestNameInBlock;
+  if (format == WriteFormat::Pax) {
+    encoding.pathNeedsPax = isLong;
+    encoding.paxRecords = paxRecordsFor(member, isLong, rules);
+    return encoding;
+  }
+  if (format == WriteFormat::Ustar) {
+    encoding.refusal = whyNotInUstar(member);
+    if (!encoding.refusal && isLong && length <= kLongestUstarPath) {
+      encoding.refusal = splitIntoBlock(member, rules, encoding);
+      encoding.pathIsRefused = encoding.refusal != nullptr;
+      return encoding;
+    }
+  }
+  // Longer paths in a ustar archive fall back to GNU's record rather than fail.
+  encoding.needsLongName = isLong;
+  encoding.needsLongLink = member.linkPath.size() > kLinkNameField.width;
+  return encoding;
+}
+
+}  // namespace morvane

@@ -1,0 +1,22 @@
+// The text of pax records as they are written (POSIX.1 pax, "LENGTH KEYWORD=VALUE\n").
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "tar/format/TarHeader.h"
+
+namespace morvane {
+
+// Appends a record. The stated length counts its own digits; the value may hold any bytes.
+void appendPaxRecord(std::string_view keyword, std::string_view value, std::string& records);
+
+// The record of a path. The length is the path's plus 10, from 990 bytes on plus 11: right for paths of 90 to
+// 9,988 bytes, one too few above. `exact` states it right for any path.
+std::string paxPathRecord(std::string_view path, bool exact);
+
+// Decimal seconds with a fraction of as many digits as it takes, at most nine: "-0.5",
+// "1700000000.000000001".
+std::string paxTimeText(const TarTime& time);
+
+}  // namespace morvane

@@ -1,0 +1,19 @@
+// A member as the event's onTarMember shows it, and back.
+#pragma once
+
+#include <string>
+
+namespace morvane {
+
+struct Member;
+struct TarMember;
+
+// `path` is what the member is called in the archive or below the target; a directory's loses its slashes at
+// the end. What the event is told beside the member itself (writing, localPath) is the caller's to set. The
+// texts of `shown` are used again.
+void showMember(const Member& member, const std::string& path, TarMember& shown);
+
+// Puts what the event left into the member, but for the path, which has rules of its own in each direction.
+void takeShown(const TarMember& shown, Member& member);
+
+}  // namespace morvane

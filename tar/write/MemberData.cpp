@@ -1,0 +1,90 @@
+#include "tar/write/MemberData.h"
+
+#include <algorithm>
+
+#include "runtime/base/ByteArrayOwner.h"
+#include "runtime/buffer/DataBuffer.h"
+#include "runtime/io/OutputFile.h"
+
+namespace morvane {
+
+namespace {
+
+constexpr unsigned kPieceSize = 20000;
+constexpr unsigned kMostEmptyReads = 1000;  // in a row
+
+}  // namespace
+
+MemberData::Copied MemberData::copyFile(SourceFile& file, long long most) {
+  Copied copied;
+  OutputFile* const output = m_run.archive.plainFile();
+  while (output && copied.bytes < most && !file.data().endOfStream()) {
+    unsigned room = 0, got = 0;
+    char* const bytes = output->spareRoom(kPieceSize, room, m_run.io.monitor, m_run.io.log);
+    if (!bytes) break;
+    const long long wanted = std::min<long long>(most - copied.bytes, room - room % kPieceSize);
+    copied.readFailed = !file.data().readOnce(bytes, static_cast<unsigned>(wanted), got, m_run.io.log);
+    if (copied.readFailed || got == 0) {
+      copied.ok = true;
+      return copied;
+    }
+    copied.bytes += got;
+    for (unsigned done = 0; done < got; done += kPieceSize) {
+      if (!putPiece(bytes + done, std::min(got - done, kPieceSize))) return copied;
+    }
+  }
+  copied.ok = copied.bytes >= most || file.data().endOfStream();
+  // A file that there is no memory to read is not one whose read failed.
+  if (!copied.ok && file.data().makeWindow(m_run.io.log)) copyPieces(file.data(), most, copied);
+  return copied;
+}
+
+MemberData::Copied MemberData::copySource(_mvDataSource& source, long long most) {
+  Copied copied;
+  copyPieces(source, most, copied);
+  return copied;
+}
+
+void MemberData::copyPieces(_mvDataSource& source, long long most, Copied& copied) {
+  LogBase& log = m_run.io.log;
+  copied.ok = false;
+  const bool lends = source.canLend();
+  const ByteArrayOwner buffer(lends ? nullptr : mvNewChar(kPieceSize));
+  if (!lends && !buffer.get()) return;
+  unsigned emptyReads = 0;
+  while (copied.bytes < most && !source.endOfStream()) {
+    const unsigned wanted = static_cast<unsigned>(std::min<long long>(most - copied.bytes, kPieceSize));
+    const char* bytes = buffer.get();
+    unsigned got = 0;
+    const bool ok = lends ? source.lend(wanted, bytes, got, nullptr, log)
+                          : source.read(buffer.get(), wanted, got, nullptr, log);
+    copied.readFailed = !ok;
+    if (!ok) break;
+    // A read of nothing is no end, but a source that gives nothing else has none to wait for.
+    emptyReads = got == 0 ? emptyReads + 1 : 0;
+    if (emptyReads == kMostEmptyReads) {
+      m_run.io.fail("The source gives no more data and does not end.");
+      return;
+    }
+    if (got == 0) continue;
+    copied.bytes += got;
+    if (!putPiece(bytes, got)) return;
+  }
+  copied.ok = true;
+}
+
+bool MemberData::put(const DataBuffer& bytes) {
+  const char* const first = reinterpret_cast<const char*>(bytes.getData2());
+  for (unsigned done = 0; done < bytes.getSize(); done += kPieceSize) {
+    if (!putPiece(first + done, std::min(bytes.getSize() - done, kPieceSize))) return false;
+  }
+  return true;
+}
+
+bool MemberData::putPiece(const char* bytes, unsigned n) {
+  if (m_run.io.monitor) m_run.io.monitor->consumeProgress(n, m_run.io.log);
+  if (m_run.put(reinterpret_cast<const unsigned char*>(bytes), n)) return true;
+  return m_run.io.fail("Failed to write file data to TAR output.");
+}
+
+}  // namespace morvane

@@ -1,0 +1,37 @@
+// The data of one member, copied from its source into the archive in pieces of at most 20,000 bytes.
+#pragma once
+
+#include "tar/write/SourceFile.h"
+#include "tar/write/WriteRun.h"
+
+namespace morvane {
+
+class MemberData {
+ public:
+  explicit MemberData(WriteRun& run) : m_run(run) {}
+
+  // How a copy went. One that a failed read ended is no failure of the archive.
+  struct Copied {
+    bool ok = false;  // every byte that was read is in the archive
+    bool readFailed = false;
+    long long bytes = 0;
+  };
+
+  // Up to `most` bytes of an open source file: read straight into the output's buffer, where it has one.
+  Copied copyFile(SourceFile& file, long long most);
+  // Up to `most` bytes of any source, which is read without the monitor: an abort is for the output's side to
+  // report.
+  Copied copySource(_mvDataSource& source, long long most);
+  // Bytes that lie in memory.
+  [[nodiscard]] bool put(const DataBuffer& bytes);
+
+  static constexpr long long kToTheEnd = 0x7FFFFFFFFFFFFFFF;
+
+ private:
+  void copyPieces(_mvDataSource& source, long long most, Copied& copied);
+  bool putPiece(const char* bytes, unsigned n);
+
+  WriteRun& m_run;
+};
+
+}  // namespace morvane

@@ -1,0 +1,102 @@
+#include "tar/write/MemberWriter.h"
+
+#include "runtime/log/LogContextExitor.h"
+#include "tar/format/FormatLimits.h"
+#include "tar/format/HeaderBlock.h"
+#include "tar/format/PaxRecordText.h"
+#include "tar/format/TarBlock.h"
+#include "tar/format/TarNumber.h"
+
+namespace morvane {
+
+namespace {
+
+constexpr std::string_view kLongLinkName = "././@LongLink";
+
+FormatRules rulesOf(const TarOptions& options) {
+  return {options.ustarPlainPrefix, options.ustarOverflowFails, options.paxExact};
+}
+
+bool refuse(const char* why, const Member& member, bool isPath, const Io& io) {
+  io.fail(why);
+  io.log.LogData(isPath ? "filePathTooLong" : "filePathInTar", member.path.c_str());
+  return false;
+}
+
+bool hasNul(const std::string& text) { return text.find('\0') != std::string::npos; }
+
+}  // namespace
+
+bool MemberWriter::writeHeader(const Member& member) {
+  LogContextExitor context(m_run.io.log, "writeTarHeaderToOutput");
+  if (hasNul(member.path) || hasNul(member.linkPath)) {
+    return m_run.io.fail("A path with a NUL byte cannot be archived.");
+  }
+  if (m_run.io.log.verbose()) m_run.io.log.LogData("filePathInTar", member.path.c_str());
+  const WriteFormat format = m_run.settings.format;
+  const MemberEncoding encoding = encodingOf(member, format, rulesOf(m_run.settings.options));
+  if (encoding.refusal) return refuse(encoding.refusal, member, encoding.pathIsRefused, m_run.io);
+  if (!writeRecords(member, encoding)) return false;
+  unsigned char block[kBlockSize];
+  encodeHeaderBlock(member, {encoding.name, encoding.prefix},
+                    format == WriteFormat::Gnu ? TarMagic::Gnu : TarMagic::Ustar, block);
+  if (!m_run.archive.m_output) return m_run.io.fail("No output object for writing file to tar..");
+  return m_run.put(block, kBlockSize);
+}
+
+bool MemberWriter::writeRecords(const Member& member, const MemberEncoding& encoding) {
+  const LogBase& log = m_run.io.log;
+  if (encoding.needsLongLink && !writeLongText(member, kTypeLongLink, member.linkPath)) return false;
+  if (encoding.needsLongName) {
+    if (log.verbose()) m_run.io.log.LogInfo("Writing LongLink header..");
+    if (!writeLongName(member)) return false;
+  }
+  if (encoding.paxRecords.empty()) return true;
+  if (log.verbose() && encoding.pathNeedsPax) m_run.io.log.LogInfo("Writing PAX header..");
+  return writePax(member, encoding.paxRecords);
+}
+
+bool MemberWriter::writeLongName(const Member& member) {
+  return writeLongText(member, kTypeLongName, member.path);
+}
+
+// Whatever the archive's format is, the record is GNU's.
+bool MemberWriter::writeLongText(const Member& member, char typeFlag, const std::string& text) {
+  if (!m_run.archive.m_output) return m_run.io.fail("No output object for writing file to tar.");
+  m_record.mode = m_record.uid = m_record.gid = 0;
+  m_record.mtime = TarTime();
+  m_record.typeFlag = typeFlag;
+  m_record.userName = member.userName;
+  m_record.groupName = member.groupName;
+  return putRecord(m_record, kLongLinkName, TarMagic::Gnu, text + '\0');
+}
+
+bool MemberWriter::writePaxPath(const Member& member) {
+  return writePax(member, paxPathRecord(member.path, m_run.settings.options.paxExact));
+}
+
+bool MemberWriter::writePax(const Member& member, const std::string& records) {
+  if (!m_run.archive.m_output) return false;
+  // FileMode also for a script: only the member's own header has ScriptFileMode. What has no octal form is in
+  // the records, if anywhere.
+  const int mode = member.isDirectory ? m_run.settings.dirMode : m_run.settings.fileMode;
+  m_record.mode = static_cast<unsigned>(mode) & kMostOctal;
+  m_record.uid = member.uid & kMostOctal;
+  m_record.gid = member.gid & kMostOctal;
+  m_record.mtime = member.mtime;
+  m_record.typeFlag = kTypePax;
+  m_record.userName.clear();
+  m_record.groupName.clear();
+  return putRecord(m_record, member.path, TarMagic::Ustar, records);
+}
+
+// A header block, then data, then zeros up to the next block.
+bool MemberWriter::putRecord(const Member& record, std::string_view name, TarMagic magic,
+                             const std::string& data) {
+  m_record.size = static_cast<long long>(data.size());
+  unsigned char block[kBlockSize];
+  encodeHeaderBlock(record, {name, ""}, magic, block);
+  return m_run.put(block, kBlockSize) && m_run.put(data) && m_run.putZeros(paddingAfter(m_record.size));
+}
+
+}  // namespace morvane

@@ -1,0 +1,35 @@
+// One member's way into the archive, but for its data: the records that its format needs in front of the
+// header block, and the block.
+//
+// Errors and order are those of writeTarHeaderToOutput and the record operations of ClsTar, which lead here.
+#pragma once
+
+#include "tar/format/HeaderBlock.h"
+#include "tar/format/Member.h"
+#include "tar/write/WriteRun.h"
+
+namespace morvane {
+
+class MemberWriter {
+ public:
+  explicit MemberWriter(WriteRun& run) : m_run(run) {}
+
+  // Records and header. What the format cannot hold is an error, and nothing is written.
+  [[nodiscard]] bool writeHeader(const Member& member);
+
+  // A record alone: GNU's for a long path / the pax records of the member. `records` is their text.
+  [[nodiscard]] bool writeLongName(const Member& member);
+  [[nodiscard]] bool writePax(const Member& member, const std::string& records);
+  // The one pax record that there is by default: the path's.
+  [[nodiscard]] bool writePaxPath(const Member& member);
+
+ private:
+  bool writeRecords(const Member& member, const MemberEncoding& encoding);
+  bool writeLongText(const Member& member, char typeFlag, const std::string& text);
+  bool putRecord(const Member& record, std::string_view name, TarMagic magic, const std::string& data);
+
+  WriteRun& m_run;
+  Member m_record;  // the header of a record, whose texts are used again
+};
+
+}  // namespace morvane

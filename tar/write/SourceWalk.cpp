@@ -1,0 +1,25 @@
+#include "tar/write/SourceWalk.h"
+
+namespace morvane {
+
+bool SourceWalk::begin(const DirRoot& root, LogBase& log) {
+  m_prefix = root.m_pathPrefix.str();
+  m_tree.put_BaseDir(XString(root.m_dirPath.str()));
+  m_tree.put_Recurse(true);
+  return m_tree.beginIterate(log);
+}
+
+SourcePlace SourceWalk::place() {
+  m_tree.get_FullUncPath(m_fullPath);
+  return {m_fullPath, m_tree.currentDirectory(), m_tree.currentName(), m_tree.isRegularFile()};
+}
+
+void SourceWalk::nameMember(const XString& dirPrefix, XString& pathInTar) const {
+  m_tree.get_RelativePath(pathInTar);
+  if (!m_prefix.empty()) prependPart(m_prefix, pathInTar);
+  if (!dirPrefix.isEmpty()) prependPart(dirPrefix.str(), pathInTar);
+}
+
+void prependPart(const std::string& part, XString& path) { path.buffer().insert(0, part + "/"); }
+
+}  // namespace morvane

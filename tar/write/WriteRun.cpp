@@ -1,0 +1,15 @@
+#include "tar/write/WriteRun.h"
+
+#include <algorithm>
+
+namespace morvane {
+
+bool WriteRun::putZeros(long long n) {
+  static constexpr unsigned char kZeros[4096] = {};
+  for (; n > 0; n -= static_cast<long long>(sizeof kZeros)) {
+    if (!put(kZeros, static_cast<unsigned>(std::min<long long>(n, sizeof kZeros)))) return false;
+  }
+  return true;
+}
+
+}  // namespace morvane
