@@ -16,6 +16,7 @@
 #include "cli/Report.h"
 #include "cli/Selection.h"
 #include "runtime/codec/Compression.h"
+#include "runtime/progress/TarMember.h"
 #include "tar/ClsTar.h"
 
 namespace mvtar {
@@ -27,7 +28,7 @@ using morvane::Compression;
 using morvane::XString;
 
 // What makes the component name what it could not do as asked, instead of failing or passing over it.
-constexpr char kWords[] = "Profile=usual,OpenBeforeEvent";
+constexpr char kWords[] = "Profile=usual,OpenBeforeEvent,MemberEvents";
 
 constexpr char kEscape = '\x1B';
 
@@ -44,74 +45,12 @@ Compression compressionOf(const CommandLine& line) {
   return morvane::canBeWritten(promised) ? promised : Compression::None;
 }
 
-// A path given to the component, and what it, or what lies below it, is called in the archive.
-struct Source {
-  std::string localPath;
-  std::string name;
-};
-
-// Like a comparison of paths component by component: a slash comes before every other character.
-bool walksBefore(const std::string& a, const std::string& b) {
-  for (size_t i = 0; i < a.size() && i < b.size(); ++i) {
-    if (a[i] == b[i]) continue;
-    const auto rank = [](char c) { return c == '/' ? 0 : 1 + static_cast<unsigned char>(c); };
-    return rank(a[i]) < rank(b[i]);
-  }
-  return a.size() < b.size();
-}
-
-// Follows the component through the sources, to tell what the local path it is about is called in the
-// archive.
-class SourceNames {
- public:
-  void addSingle(Source single) { m_singles.push_back(std::move(single)); }
-  void addTree(Source tree) { m_trees.push_back(std::move(tree)); }
-
-  // Sources come in the order they were added, single ones first (some may not come at all); a tree's members
-  // come in the order of its walk.
-  std::string nameOf(const std::string& localPath) {
-    for (size_t i = m_nextSingle; i < m_singles.size(); ++i) {
-      if (m_singles[i].localPath != localPath) continue;
-      m_nextSingle = i + 1;
-      return m_singles[i].name;
-    }
-    m_nextSingle = m_singles.size();
-    while (m_tree < m_trees.size() && !isNextIn(m_trees[m_tree], localPath)) {
-      ++m_tree;
-      m_last.clear();
-    }
-    if (m_tree == m_trees.size()) return localPath;
-    m_last = localPath;
-    const Source& tree = m_trees[m_tree];
-    return joinNames(tree.name, localPath.substr(prefixLength(tree)));
-  }
-
- private:
-  static size_t prefixLength(const Source& tree) {
-    const size_t end = tree.localPath.find_last_not_of('/');
-    return (end == std::string::npos ? 0 : end + 1) + 1;
-  }
-
-  bool isNextIn(const Source& tree, const std::string& localPath) const {
-    const size_t length = prefixLength(tree);
-    const bool below = localPath.size() > length && localPath[length - 1] == '/' &&
-                       localPath.compare(0, length - 1, tree.localPath, 0, length - 1) == 0;
-    return below && (m_last.empty() || walksBefore(m_last, localPath));
-  }
-
-  std::vector<Source> m_singles;
-  std::vector<Source> m_trees;
-  size_t m_nextSingle = 0, m_tree = 0;
-  std::string m_last;
-};
-
 class CreateEvent : public morvane::ProgressEvent {
  public:
-  CreateEvent(Report& report, ProgressBar& bar, ClsTar& tar, SourceNames& names, const CommandLine& line)
+  CreateEvent(Report& report, ProgressBar& bar, ClsTar& tar, const CommandLine& line)
       : m_report(report),
         m_bar(bar),
         m_tar(tar),
-        m_names(names),
         m_line(line),
         m_selection({}, line.matches, line.excludes) {}
 
@@ -121,21 +60,23 @@ class CreateEvent : public morvane::ProgressEvent {
   void onAbortCheck(bool& abort) override { abort = isInterrupted(); }
   void onProgress(int parts, bool&) override { m_bar.show(parts); }
 
-  void onTarEntry(const char* path, long long size, bool isDirectory, bool& skip) override {
-    settle();
-    const std::string name = m_names.nameOf(path);
-    m_localPath = path;
-    m_nothingBelow = m_selection.excludes(name) || (m_line.maxCount > 0 && m_members >= m_line.maxCount);
-    skip = m_nothingBelow || !m_selection.takes(name);
-    if (skip) return;
-    if (m_line.format == "ustar" && !fitsUstar(isDirectory ? name + "/" : name)) {
-      m_report.problem(path, "its name is too long for the ustar format");
-      skip = true;
+  void onTarEntry(const char*, long long, bool, bool&) override { settle(); }
+
+  void onTarMember(morvane::TarMember& member) override {
+    m_localPath = member.localPath;
+    m_nothingBelow =
+        m_selection.excludes(member.path) || (m_line.maxCount > 0 && m_members >= m_line.maxCount);
+    member.skip = m_nothingBelow || !m_selection.takes(member.path);
+    if (member.skip) return;
+    const bool isDirectory = member.typeFlag == '5';
+    if (m_line.format == "ustar" && !fitsUstar(isDirectory ? member.path + "/" : member.path)) {
+      m_report.problem(member.localPath, "its name is too long for the ustar format");
+      member.skip = true;
       return;
     }
-    if (size == 0 && !isDirectory) nameWhatIsLost(path);
+    if (member.size == 0 && !isDirectory) nameWhatIsLost(member.localPath.c_str());
     m_isBegun = true;
-    m_size = isDirectory ? 0 : size;
+    m_size = member.size;
     m_isDirectory = isDirectory;
   }
 
@@ -203,7 +144,6 @@ class CreateEvent : public morvane::ProgressEvent {
   Report& m_report;
   ProgressBar& m_bar;
   ClsTar& m_tar;
-  SourceNames& m_names;
   const CommandLine& m_line;
   Selection m_selection;
   std::set<std::string> m_unreadable;  // a directory is a member and the root of a tree
@@ -227,7 +167,6 @@ class Sources {
     m_prefix = nameOf(m_line.prefix);
     for (const Operand& operand : m_line.operands) addOperand(operand);
   }
-  SourceNames& names() { return m_names; }
 
  private:
   // What a path is called in the archive. What is left off is said, once for as long as it is the same.
@@ -264,26 +203,17 @@ class Sources {
       return;
     }
     if (!name.empty()) addSingle(local, name);
-    if (!m_tar.AddDirRoot2(name, local)) {
-      m_report.failure(m_tar, operand.path);
-      return;
-    }
-    m_names.addTree({local, name});
+    if (!m_tar.AddDirRoot2(name, local)) m_report.failure(m_tar, operand.path);
   }
 
   void addSingle(const std::string& local, const std::string& name) {
-    if (m_tar.AddFile2(local, name)) {
-      m_names.addSingle({local, name});
-    } else {
-      m_report.failure(m_tar, local);
-    }
+    if (!m_tar.AddFile2(local, name)) m_report.failure(m_tar, local);
   }
 
   const CommandLine& m_line;
   Report& m_report;
   ClsTar& m_tar;
   const Selection m_selection;
-  SourceNames m_names;
   std::string m_prefix;
   std::string m_lastRemoved;
 };
@@ -318,7 +248,7 @@ int createArchive(const CommandLine& line) {
   tar.put_PercentScale(ProgressBar::kScale);
   tar.put_UncommonOptions(
       (std::string(kWords) + (bar.mayBeShown() ? "" : ",NoTotal") + line.options).c_str());
-  CreateEvent event(report, bar, tar, sources.names(), line);
+  CreateEvent event(report, bar, tar, line);
   bool ok = write(tar, line, event, report);
   if (event.missedOnlyUnwanted() && tar.get_OnlyLeftOut()) ok = true;
   bar.clear();

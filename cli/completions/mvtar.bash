@@ -17,7 +17,7 @@ _mvtar() {
     --options)
       words="SkipOutputFile SkipUnreadable WriteExactSizes CountSkipsExcluded NoTotal UstarOverflow=fail
         UstarPlainPrefix PaxExact OpenBeforeEvent FastDeflate= FullRead MaxExtensionBytes= MaxPathDepth= MaxMembers= MaxTotalBytes= MaxRatio= Profile=usual Profile=untrusted Confine=beneath Confine=nolinks
-        VerifyGzip GzipAllMembers Bz2Framed RequireEndOfArchive EntryEvents
+        VerifyGzip GzipAllMembers Bz2Framed RequireEndOfArchive EntryEvents MemberEvents
         SkipUncreatable" ;;
     --directory)
       compopt -o filenames
