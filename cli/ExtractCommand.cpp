@@ -164,7 +164,7 @@ int extractToStandardOutput(const CommandLine& line) {
   ok = closeOutput(*out, job.report) && ok;
   job.bar.clear();
   if (ok) event.settle();
-  const bool none = !ok && failureReason(job.tar) == "No such member.";
+  const bool none = !ok && job.tar.get_OnlyLeftOut();
   if (none) event.nameUnfound();
   return job.finish(event, ok || (none && job.report.anyProblem()));
 }

@@ -161,7 +161,8 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   bool UntarMemberToOutput(_mvDataSource& source, _mvOutput& out, ProgressEvent* progress = nullptr);
 
   // Whether the last method got to the end of its work and failed only because something was left out on the
-  // way that the event was told of (a refused member, a source that could not be read).
+  // way that the event was told of (a refused member, a source that could not be read), or because the one
+  // member that was wanted is not in the archive.
   bool get_OnlyLeftOut() const { return m_onlyLeftOut; }
 
   // ---- Debian packages

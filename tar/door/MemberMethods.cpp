@@ -68,6 +68,7 @@ bool ClsTar::memberToOutput(_mvDataSource& source, _mvOutput& out, ProgressEvent
     if (!found && (!ended || !stream.FinishStreamingUntar(pm, m_log))) return false;
   }
   if (!found) m_log.LogError("No such member.");
+  m_onlyLeftOut = !found;
   return found && flush.finish(m_log);
 }
 

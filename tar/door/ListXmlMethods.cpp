@@ -1,0 +1,53 @@
+// ClsTar's XML listings: ListXml, and the frame of those captured while reading.
+#include "tar/door/ClsTarMethod.h"
+#include "tar/format/XmlListing.h"
+#include "tar/read/XmlListingRun.h"
+
+namespace morvane {
+
+bool ClsTar::ListXml(const XString& tarPath, XString& outXml, ProgressEvent* progress) {
+  return method("ListXml", MethodForm::Judged, false, [&](MethodFrame&) {
+    m_log.LogDataX("tarPath", tarPath);
+    ProgressMonitorPtr waiting(progress, m_abortCheckMs, m_percentScale, 0);
+    _mvFileDataSource file;
+    const bool opened = file.openDataSourceFile(tarPath, m_log, waiting.getPm());
+    outXml.clear();  // only now: it may be the path, too
+    return opened && listXml(file, outXml, nullptr, progress);
+  });
+}
+
+bool ClsTar::ListXml(_mvDataSource& source, XString& outXml, ProgressEvent* progress) {
+  return method("ListXml", MethodForm::Judged, false, [&](MethodFrame&) {
+    outXml.clear();
+    return listXml(source, outXml, nullptr, progress);
+  });
+}
+
+bool ClsTar::ListXml(_mvDataSource& source, _mvOutput& outXml, ProgressEvent* progress) {
+  return method("ListXml", MethodForm::Judged, false, [&](MethodFrame&) {
+    XString text;
+    _mvIoParams io;
+    // What was listed before a failure is written too, with its end.
+    const bool listed = listXml(source, text, &outXml, progress);
+    return outXml._writeBytes(text.getUtf8(), text.getSizeUtf8(), io, m_log) && listed;
+  });
+}
+
+bool ClsTar::listXml(_mvDataSource& source, XString& outXml, _mvOutput* drain, ProgressEvent* progress) {
+  ProgressMonitorPtr monitor(progress, m_abortCheckMs, m_percentScale, 0);
+  return XmlListingRun(source, liveReadSettings(), Io(m_log, monitor.getPm())).run(outXml, drain);
+}
+
+void ClsTar::xmlListingInit() {
+  const StepGuard step(*this);
+  if (!step) return;
+  if (m_captureXmlListing) m_xmlListing.setFromUtf8(kXmlListingStart);
+}
+
+void ClsTar::xmlListingFinish() {
+  const StepGuard step(*this);
+  if (!step) return;
+  if (m_captureXmlListing) endXmlListing(m_xmlListing);
+}
+
+}  // namespace morvane

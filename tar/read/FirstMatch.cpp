@@ -1,0 +1,58 @@
+#include "tar/read/FirstMatch.h"
+
+#include <algorithm>
+
+#include "runtime/io/OutputDataBuffer.h"
+#include "runtime/text/WildcardPattern.h"
+#include "tar/format/EntryPath.h"
+#include "tar/format/NameDecoder.h"
+#include "tar/format/TarHeader.h"
+#include "tar/read/ArchiveCursor.h"
+
+namespace morvane {
+
+namespace {
+
+// Room for the match in one allocation, by no claim larger than what the source can hold.
+void reserveFor(long long size, _mvDataSource& source, _mvOutput& out) {
+  auto* const buffer = dynamic_cast<OutputDataBuffer*>(&out);
+  const long long left = source.sizeIfKnown() - std::max(source.ftell64(), 0LL);
+  const long long wanted = std::min(size, left);
+  if (buffer && wanted > 0 && wanted <= 0xFFFFFFFFLL) buffer->reserveMore(static_cast<unsigned>(wanted));
+}
+
+}  // namespace
+
+bool copyFirstMatch(_mvDataSource& source, const MatchWanted& wanted, const ReadSettings& settings,
+                    _mvOutput& out, const Io& io) {
+  LogBase& log = io.log;
+  log.LogDataX("matchPattern", wanted.pattern);
+  ArchiveCursor cursor(source, io.monitor, log);
+  TarHeader header;
+  NameDecoder names;
+  CharsetDecoder& decoder = names.forCharset(settings.charset, log);
+  const WildcardPattern pattern(wanted.pattern.str(), wanted.caseSensitive);
+  XString path;
+  while (true) {
+    bool endOfArchive = false;
+    if (!header.parseFromDataSource(source, nullptr, endOfArchive, log) || endOfArchive) {
+      log.LogError("No match found to extract.");
+      // Reaching the end without a match is no failure; callers look at the destination.
+      return endOfArchive;
+    }
+    cursor.passed(kBlockSize);
+    path.buffer().clear();
+    decoder.append(leftOfEntryPath(header.m_path.str(), false, settings.noAbsolutePaths), '\\', '/',
+                   path.buffer());
+    if (settings.untarDebugLog) log.LogDataX("entry", path);
+    if (wanted.logsEntries) log.LogDataX("entryFilepath", path);
+    if (pattern.matches(path.str())) {
+      log.LogDataX("extractingFilename", path);
+      reserveFor(header.m_size, source, out);
+      return source.copyNToOutputPM(out, header.m_size, io.monitor, log);
+    }
+    if (!cursor.moveTo(saturatedSum(cursor.position(), paddedSize(header.m_size)))) return false;
+  }
+}
+
+}  // namespace morvane

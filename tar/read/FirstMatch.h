@@ -1,0 +1,23 @@
+// Copies the data of the first member whose path matches a pattern: a scan that is simpler than the untar
+// engine. Nothing is merged, so records are candidates under their own names.
+#pragma once
+
+#include "runtime/io/Io.h"
+#include "tar/settings/ReadSettings.h"
+
+namespace morvane {
+
+class _mvDataSource;
+class _mvOutput;
+
+struct MatchWanted {
+  const XString& pattern;
+  bool caseSensitive = false;
+  bool logsEntries = false;  // the log names each path that is looked at
+};
+
+// True also when the archive ended without a match, and nothing was written then.
+bool copyFirstMatch(_mvDataSource& source, const MatchWanted& wanted, const ReadSettings& settings,
+                    _mvOutput& out, const Io& io);
+
+}  // namespace morvane

@@ -1,0 +1,40 @@
+// Lists every header of an archive as XML, records included, each under its own name: nothing is merged.
+#pragma once
+
+#include <string>
+
+#include "runtime/io/Io.h"
+#include "tar/format/NameDecoder.h"
+#include "tar/read/ArchiveCursor.h"
+#include "tar/settings/LiveSettings.h"
+#include "tar/settings/ReadSettings.h"
+
+namespace morvane {
+
+class TarHeader;
+struct Member;
+
+class XmlListingRun {
+ public:
+  XmlListingRun(_mvDataSource& source, LiveSettings<ReadSettings> settings, const Io& io)
+      : m_source(source), m_live(std::move(settings)), m_io(io), m_cursor(source, io.monitor, io.log) {
+    m_live.refresh();
+  }
+
+  // Replaces `xml` by the listing. With a drain (which may be null), what has come together goes there now
+  // and then, so that a listing of any length takes no memory; the last of it stays in `xml`. True if the
+  // end-of-archive mark was reached; the listing is closed in any case.
+  bool run(XString& xml, _mvOutput* drain);
+
+ private:
+  bool nextHeader(TarHeader& header, Member& shown, XString& xml, bool& atEnd);
+  bool drainInto(_mvOutput& drain, XString& xml);
+
+  _mvDataSource& m_source;
+  LiveSettings<ReadSettings> m_live;
+  const Io m_io;
+  ArchiveCursor m_cursor;
+  NameDecoder m_names;
+};
+
+}  // namespace morvane
