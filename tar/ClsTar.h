@@ -175,78 +175,39 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   // ---- Properties
 
   bool get_CaptureXmlListing() const { return m_captureXmlListing; }
-  void put_CaptureXmlListing(bool capture) {
-    m_captureXmlListing = capture;
-    changed();
-  }
+  void put_CaptureXmlListing(bool capture) { set(m_captureXmlListing, capture); }
   // Reading goes through an archive without writing members out.
   bool get_SuppressOutput() const { return m_suppressOutput; }
-  void put_SuppressOutput(bool suppress) {
-    m_suppressOutput = suppress;
-    changed();
-  }
+  void put_SuppressOutput(bool suppress) { set(m_suppressOutput, suppress); }
   // Leading slashes of members' paths are removed (default true).
   bool get_NoAbsolutePaths() const { return m_noAbsolutePaths; }
-  void put_NoAbsolutePaths(bool none) {
-    m_noAbsolutePaths = none;
-    changed();
-  }
+  void put_NoAbsolutePaths(bool none) { set(m_noAbsolutePaths, none); }
   // Every member is extracted straight into UntarFromDir, under the last part of its path.
   bool get_UntarDiscardPaths() const { return m_untarDiscardPaths; }
-  void put_UntarDiscardPaths(bool discard) {
-    m_untarDiscardPaths = discard;
-    changed();
-  }
+  void put_UntarDiscardPaths(bool discard) { set(m_untarDiscardPaths, discard); }
   // More lines per member in the log.
   bool get_UntarDebugLog() const { return m_untarDebugLog; }
-  void put_UntarDebugLog(bool debug) {
-    m_untarDebugLog = debug;
-    changed();
-  }
+  void put_UntarDebugLog(bool debug) { set(m_untarDebugLog, debug); }
   // Whether the patterns regard case: one setting under two names.
   bool get_UntarCaseSensitive() const { return m_matchCaseSensitive; }
-  void put_UntarCaseSensitive(bool sensitive) {
-    m_matchCaseSensitive = sensitive;
-    changed();
-  }
+  void put_UntarCaseSensitive(bool sensitive) { set(m_matchCaseSensitive, sensitive); }
   bool get_MatchCaseSensitive() const { return get_UntarCaseSensitive(); }
-  void put_MatchCaseSensitive(bool sensitive) {
-    m_matchCaseSensitive = sensitive;
-    changed();
-  }
+  void put_MatchCaseSensitive(bool sensitive) { set(m_matchCaseSensitive, sensitive); }
   // Untar and UntarFromMemory stop after this many members; 0 is no limit.
   int get_UntarMaxCount() const { return m_untarMaxCount; }
-  void put_UntarMaxCount(int count) {
-    m_untarMaxCount = count;
-    changed();
-  }
+  void put_UntarMaxCount(int count) { set(m_untarMaxCount, count); }
   // What headers of written archives say. Modes are permission bits: 0755, 0644 and 0755 by default, ids
   // 1000.
   int get_GroupId() const { return m_groupId; }
-  void put_GroupId(int id) {
-    m_groupId = id;
-    changed();
-  }
+  void put_GroupId(int id) { set(m_groupId, id); }
   int get_UserId() const { return m_userId; }
-  void put_UserId(int id) {
-    m_userId = id;
-    changed();
-  }
+  void put_UserId(int id) { set(m_userId, id); }
   int get_DirMode() const { return m_dirMode; }
-  void put_DirMode(int mode) {
-    m_dirMode = mode;
-    changed();
-  }
+  void put_DirMode(int mode) { set(m_dirMode, mode); }
   int get_FileMode() const { return m_fileMode; }
-  void put_FileMode(int mode) {
-    m_fileMode = mode;
-    changed();
-  }
+  void put_FileMode(int mode) { set(m_fileMode, mode); }
   int get_ScriptFileMode() const { return m_scriptFileMode; }  // of *.sh, *.csh, *.bash, *.bsh
-  void put_ScriptFileMode(int mode) {
-    m_scriptFileMode = mode;
-    changed();
-  }
+  void put_ScriptFileMode(int mode) { set(m_scriptFileMode, mode); }
 
   // "gnu" (default), "pax" or "ustar". Case and blanks around it do not matter, "posix" means pax, "star"
   // ustar, and any other word gnu.
@@ -335,6 +296,11 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   template <class Result, class Work>
   Result method(const char* name, MethodForm form, Result failure, Work work);
   [[nodiscard]] bool takeOptions(LogBase& log);
+  template <class Value>
+  void set(RelaxedAtomic<Value>& member, Value value) {
+    member = value;
+    changed();
+  }
   void getString(const XString& member, XString& out);
   void lookUpUser() const;
   ReadSettings readSettings() const;
