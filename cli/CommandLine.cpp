@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <charconv>
+#include <cstdlib>
 #include <cstring>
 
 #include "cli/ArchiveName.h"
@@ -14,60 +15,54 @@ namespace mvtar {
 
 namespace {
 
-// Long options without a letter of their own.
-enum LongOption {
-  kVerify = 256,
-  kDeb,
-  kFormat,
-  kExclude,
-  kMatch,
-  kPrefix,
-  kStripPaths,
-  kMaxCount,
-  kCharset,
-  kProgress,
-  kTotals,
-  kLog,
-  kOptions,
-  kXml,
-  kHelp,
-  kVersion
+class Parser;
+
+// What an option is called, what it takes, what it does, and what --help says of it.
+struct Option {
+  char letter;       // '\0': none
+  const char* name;  // the long one; null: none
+  int argument;      // no_argument and so on
+  bool (*take)(Parser& parser, const char* value);
 };
 
-constexpr char kLetters[] = "-:cxtf:C:zjZvOP";  // "-": operands come in their place among the options
+extern const Option kOptions[];
+extern const size_t kOptionCount;
 
-const option kLongOptions[] = {
-    {"create", no_argument, nullptr, 'c'},
-    {"extract", no_argument, nullptr, 'x'},
-    {"list", no_argument, nullptr, 't'},
-    {"file", required_argument, nullptr, 'f'},
-    {"directory", required_argument, nullptr, 'C'},
-    {"gzip", no_argument, nullptr, 'z'},
-    {"bzip2", no_argument, nullptr, 'j'},
-    {"verbose", no_argument, nullptr, 'v'},
-    {"to-stdout", no_argument, nullptr, 'O'},
-    {"verify", no_argument, nullptr, kVerify},
-    {"deb", no_argument, nullptr, kDeb},
-    {"format", required_argument, nullptr, kFormat},
-    {"exclude", required_argument, nullptr, kExclude},
-    {"match", required_argument, nullptr, kMatch},
-    {"prefix", required_argument, nullptr, kPrefix},
-    {"strip-paths", no_argument, nullptr, kStripPaths},
-    {"max-count", required_argument, nullptr, kMaxCount},
-    {"charset", required_argument, nullptr, kCharset},
-    {"progress", optional_argument, nullptr, kProgress},
-    {"totals", no_argument, nullptr, kTotals},
-    {"log", no_argument, nullptr, kLog},
-    {"options", required_argument, nullptr, kOptions},
-    {"xml", no_argument, nullptr, kXml},
-    {"help", no_argument, nullptr, kHelp},
-    {"version", no_argument, nullptr, kVersion},
-    {nullptr, 0, nullptr, 0},
-};
+constexpr int kFirstLongOnly = 256;  // what getopt_long gives for a row without a letter, plus the row
+
+// "-" in front: operands come in their place among the options. ":" tells a missing value apart.
+std::string letters() {
+  std::string all = "-:";
+  for (size_t i = 0; i < kOptionCount; ++i) {
+    if (kOptions[i].letter == '\0') continue;
+    all += kOptions[i].letter;
+    if (kOptions[i].argument == required_argument) all += ':';
+  }
+  return all;
+}
+
+std::vector<option> longOptions() {
+  std::vector<option> all;
+  for (size_t i = 0; i < kOptionCount; ++i) {
+    const Option& row = kOptions[i];
+    const int value = row.letter != '\0' ? row.letter : kFirstLongOnly + static_cast<int>(i);
+    if (row.name) all.push_back({row.name, row.argument, nullptr, value});
+  }
+  all.push_back({nullptr, 0, nullptr, 0});
+  return all;
+}
+
+const Option* rowOf(int found) {
+  for (size_t i = 0; i < kOptionCount; ++i) {
+    const Option& row = kOptions[i];
+    if (row.letter != '\0' ? row.letter == found : kFirstLongOnly + static_cast<int>(i) == found) return &row;
+  }
+  return nullptr;
+}
 
 bool takesArgument(char letter) {
-  const char* const found = std::strchr(kLetters + 2, letter);
-  return found && found[1] == ':';
+  const Option* const row = rowOf(static_cast<unsigned char>(letter));
+  return row && row->argument == required_argument;
 }
 
 // "xfC a.tar dir ..." as "-x -f a.tar -C dir ...": without its dash, a first word's letters take the words
@@ -94,11 +89,13 @@ class Parser {
     for (std::string& word : words) arguments.push_back(&word[0]);
     arguments.push_back(nullptr);
     const int count = static_cast<int>(words.size());
+    const std::string shortOnes = letters();
+    const std::vector<option> longOnes = longOptions();
     opterr = 0;
     optind = 1;
     while (true) {
       const int before = optind;
-      const int found = getopt_long(count, arguments.data(), kLetters, kLongOptions, nullptr);
+      const int found = getopt_long(count, arguments.data(), shortOnes.c_str(), longOnes.data(), nullptr);
       if (found == -1) break;
       if (!take(found, words, before)) return false;
     }
@@ -106,96 +103,15 @@ class Parser {
     return m_line.mode == Mode::Help || m_line.mode == Mode::Version || check();
   }
 
- private:
+  // ---- What options do
+
+  CommandLine& line() { return m_line; }
   bool wrong(const std::string& what) {
     m_error = what;
     return false;
   }
 
-  void addOperand(const char* path) { m_line.operands.push_back({m_line.targetDir, path}); }
-
-  bool take(int found, const std::vector<std::string>& words, int at) {
-    switch (found) {
-      case 1:
-        addOperand(optarg);
-        return true;
-      case 'c':
-        return setMode(Mode::Create);
-      case 'x':
-        return setMode(Mode::Extract);
-      case 't':
-        return setMode(Mode::List);
-      case kVerify:
-        return setMode(Mode::Verify);
-      case kDeb:
-        return setMode(Mode::Deb);
-      case 'f':
-        m_line.archive = optarg;
-        return true;
-      case 'C':
-        return enterDirectory(optarg);
-      case 'z':
-        m_line.gzip = true;
-        return true;
-      case 'j':
-        m_line.bzip2 = true;
-        return true;
-      case 'Z':
-        m_compress = true;
-        return true;
-      case 'v':
-        m_line.verbose = true;
-        return true;
-      case 'O':
-        m_line.toStdout = true;
-        return true;
-      case 'P':
-        m_line.keepNames = true;
-        return true;
-      case kFormat:
-        return setFormat(optarg);
-      case kExclude:
-        m_line.excludes.emplace_back(optarg);
-        return true;
-      case kMatch:
-        m_line.matches.emplace_back(optarg);
-        return true;
-      case kPrefix:
-        m_line.prefix = optarg;
-        return true;
-      case kStripPaths:
-        m_line.stripPaths = true;
-        return true;
-      case kMaxCount:
-        return setMaxCount(optarg);
-      case kCharset:
-        return setCharset(optarg);
-      case kProgress:
-        return setProgress(optarg ? optarg : "always");
-      case kTotals:
-        m_line.totals = true;
-        return true;
-      case kLog:
-        m_line.printLog = true;
-        return true;
-      case kOptions:
-        return addOptions(optarg);
-      case kXml:
-        m_line.xml = true;
-        return true;
-      case kHelp:
-        m_line.mode = Mode::Help;
-        return true;
-      case kVersion:
-        m_line.mode = Mode::Version;
-        return true;
-      case ':':
-        return wrong("option '" + culprit(words, at) + "' needs a value");
-      default:
-        return wrong("unknown option '" + culprit(words, at) + "'");
-    }
-  }
-
+  void askForCompress() { m_compress = true; }
   // The word, or the letter of a bundle, that getopt stumbled over.
   static std::string culprit(const std::vector<std::string>& words, int at) {
     if (optopt > 0 && optopt < 256) return std::string("-") + static_cast<char>(optopt);
@@ -220,9 +136,10 @@ class Parser {
   }
 
   bool setFormat(const std::string& format) {
-    if (format != "gnu" && format != "ustar" && format != "pax")
+    const bool isPosix = format == "posix";
+    if (format != "gnu" && format != "ustar" && format != "pax" && !isPosix)
       return wrong("unknown format '" + format + "'");
-    m_line.format = format;
+    m_line.format = isPosix ? "pax" : format;
     return true;
   }
 
@@ -264,6 +181,31 @@ class Parser {
     return true;
   }
 
+  bool setReproducible(const char* seconds) {
+    const char* const environment = std::getenv("SOURCE_DATE_EPOCH");
+    const std::string text = seconds ? seconds : environment ? environment : "0";
+    long long value = 0;
+    const char* const end = text.data() + text.size();
+    const auto result = std::from_chars(text.data(), end, value);
+    if (result.ec != std::errc() || result.ptr != end || value < 0)
+      return wrong("'" + text + "' is no number of seconds");
+    m_line.keeping.reproducible = value;
+    return true;
+  }
+
+ private:
+  void addOperand(const char* path) { m_line.operands.push_back({m_line.targetDir, path}); }
+
+  bool take(int found, const std::vector<std::string>& words, int at) {
+    if (found == 1) {
+      addOperand(optarg);
+      return true;
+    }
+    if (found == ':') return wrong("option '" + culprit(words, at) + "' needs a value");
+    const Option* const row = found == '?' ? nullptr : rowOf(found);
+    return row ? row->take(*this, optarg) : wrong("unknown option '" + culprit(words, at) + "'");
+  }
+
   bool check() {
     const Mode mode = m_line.mode;
     m_line.progress = m_progress;
@@ -288,7 +230,127 @@ class Parser {
   ProgressBar::When m_progress = onTerminal();
 };
 
+template <bool CommandLine::*kSwitch>
+bool switchOn(Parser& parser, const char*) {
+  parser.line().*kSwitch = true;
+  return true;
+}
+
+template <bool Keeping::*kSwitch, bool kValue = true>
+bool keep(Parser& parser, const char*) {
+  parser.line().keeping.*kSwitch = kValue;
+  return true;
+}
+
+template <std::optional<bool> Keeping::*kSwitch, bool kValue>
+bool decide(Parser& parser, const char*) {
+  parser.line().keeping.*kSwitch = kValue;
+  return true;
+}
+
+template <Mode kMode>
+bool enter(Parser& parser, const char*) {
+  return parser.setMode(kMode);
+}
+
+template <std::string CommandLine::*kText>
+bool setText(Parser& parser, const char* value) {
+  parser.line().*kText = value;
+  return true;
+}
+
+template <std::vector<std::string> CommandLine::*kList>
+bool addTo(Parser& parser, const char* value) {
+  (parser.line().*kList).emplace_back(value);
+  return true;
+}
+
+bool nothing(Parser&, const char*) { return true; }
+
+const Option kOptions[] = {
+    {'c', "create", no_argument, enter<Mode::Create>},
+    {'x', "extract", no_argument, enter<Mode::Extract>},
+    {'\0', "get", no_argument, enter<Mode::Extract>},
+    {'t', "list", no_argument, enter<Mode::List>},
+    {'\0', "verify", no_argument, enter<Mode::Verify>},
+    {'\0', "deb", no_argument, enter<Mode::Deb>},
+    {'\0', "help", no_argument, enter<Mode::Help>},
+    {'\0', "version", no_argument, enter<Mode::Version>},
+    {'f', "file", required_argument, setText<&CommandLine::archive>},
+    {'C', "directory", required_argument,
+     [](Parser& parser, const char* value) { return parser.enterDirectory(value); }},
+    {'\0', "format", required_argument,
+     [](Parser& parser, const char* value) { return parser.setFormat(value); }},
+    {'z', "gzip", no_argument, switchOn<&CommandLine::gzip>},
+    {'j', "bzip2", no_argument, switchOn<&CommandLine::bzip2>},
+    {'Z', "compress", no_argument,
+     [](Parser& parser, const char*) {
+       parser.askForCompress();
+       return true;
+     }},
+    {'\0', "exclude", required_argument, addTo<&CommandLine::excludes>},
+    {'\0', "match", required_argument, addTo<&CommandLine::matches>},
+    {'\0', "max-count", required_argument,
+     [](Parser& parser, const char* value) { return parser.setMaxCount(value); }},
+    {'\0', "prefix", required_argument, setText<&CommandLine::prefix>},
+    {'\0', "strip-paths", no_argument, switchOn<&CommandLine::stripPaths>},
+    {'P', "absolute-names", no_argument, switchOn<&CommandLine::keepNames>},
+    {'\0', "charset", required_argument,
+     [](Parser& parser, const char* value) { return parser.setCharset(value); }},
+    {'p', "preserve-permissions", no_argument, keep<&Keeping::exactModes>},
+    {'\0', "same-permissions", no_argument, keep<&Keeping::exactModes>},
+    {'\0', "no-same-permissions", no_argument, decide<&Keeping::fullModes, false>},
+    {'\0', "same-owner", no_argument, decide<&Keeping::owners, true>},
+    {'\0', "no-same-owner", no_argument, decide<&Keeping::owners, false>},
+    {'\0', "numeric-owner", no_argument, keep<&Keeping::numericOwners>},
+    {'\0', "xattrs", no_argument, keep<&Keeping::attributes>},
+    {'\0', "acls", no_argument, keep<&Keeping::attributes>},
+    {'m', "touch", no_argument, keep<&Keeping::times, false>},
+    {'S', "sparse", no_argument, nothing},  // holes are kept anyway
+    {'\0', "reproducible", optional_argument,
+     [](Parser& parser, const char* value) { return parser.setReproducible(value); }},
+    {'v', "verbose", no_argument, switchOn<&CommandLine::verbose>},
+    {'O', "to-stdout", no_argument, switchOn<&CommandLine::toStdout>},
+    {'\0', "xml", no_argument, switchOn<&CommandLine::xml>},
+    {'\0', "progress", optional_argument,
+     [](Parser& parser, const char* value) { return parser.setProgress(value ? value : "always"); }},
+    {'\0', "totals", no_argument, switchOn<&CommandLine::totals>},
+    {'\0', "log", no_argument, switchOn<&CommandLine::printLog>},
+    {'\0', "options", required_argument,
+     [](Parser& parser, const char* value) { return parser.addOptions(value); }},
+    {'\0', "untrusted", no_argument, switchOn<&CommandLine::untrusted>},
+};
+const size_t kOptionCount = sizeof kOptions / sizeof *kOptions;
+
 }  // namespace
+
+std::string CommandLine::formatToWrite() const {
+  return !format.empty() ? format : keeping.attributes ? "pax" : "gnu";
+}
+
+std::string CommandLine::writingWords() const {
+  std::string words = "Profile=usual,OpenBeforeEvent,MemberEvents";
+  if (keeping.attributes) words += ",Store=usual+xattr";
+  if (keeping.numericOwners) words += ",OwnerBy=id";
+  if (keeping.reproducible) words += ",Reproducible=" + std::to_string(*keeping.reproducible);
+  return words;
+}
+
+// As other tars do: the superuser restores owners, devices and exact modes, everybody else what is theirs.
+std::string CommandLine::readingWords() const {
+  std::string words = std::string("Profile=") + (untrusted ? "untrusted" : "usual");
+  const bool isRoot = geteuid() == 0 && !untrusted;
+  std::string parts = "mode+link+sparse";
+  if (keeping.times) parts += "+time";
+  if (keeping.exactModes || keeping.fullModes.value_or(isRoot)) parts += "+fullmode";
+  if (keeping.owners.value_or(isRoot)) parts += "+owner";
+  if (!untrusted) parts += "+special";
+  if (keeping.attributes) parts += "+xattr";
+  words += ",Restore=" + parts;
+  if (keeping.exactModes) words += ",ExistingDirectories=settle";
+  if (keeping.numericOwners) words += ",OwnerBy=id";
+  return words + (keepNames ? ",Confine=off" : "") + options;
+}
 
 std::string Operand::localPath() const {
   const bool absolute = !path.empty() && path[0] == '/';
@@ -326,6 +388,14 @@ Options:
   --max-count=N       stop after N members
   -O                  extract the first matching file to standard output
   -P                  keep absolute names, allow names that leave the target
+  -p                  restore modes exactly, of directories that are there, too
+  --same-owner, --no-same-owner, --no-same-permissions, --numeric-owner
+                      owners and exact modes (by default for root alone)
+  -m                  leave times of extracted files alone
+  --xattrs            keep attributes and access lists (creates pax)
+  --reproducible[=SECONDS]
+                      create: the same bytes for the same tree
+  --untrusted         extract an archive of strangers, with limits
   --xml               list as XML
   --charset=NAME      the character set of names in the archive (utf-8)
   -v                  show names as they are done; with -t, more of each member

@@ -1,6 +1,7 @@
 // The command line of mvtar, parsed.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,20 +18,32 @@ struct Operand {
   std::string localPath() const;
 };
 
+// What of a member's nature is kept, as far as options say so.
+struct Keeping {
+  bool exactModes = false;                // -p
+  std::optional<bool> owners, fullModes;  // not said: for the superuser
+  bool numericOwners = false;
+  bool attributes = false;
+  bool times = true;
+  std::optional<long long> reproducible;  // no time is later than this
+};
+
 struct CommandLine {
   Mode mode = Mode::None;
   std::string archive;
   std::string targetDir;  // the last -C
   std::vector<Operand> operands;
   bool gzip = false, bzip2 = false;
-  std::string format = "gnu";
+  std::string format;  // empty: not given
   std::vector<std::string> matches, excludes;
   std::string prefix;
   bool verbose = false;
+  Keeping keeping;
   bool toStdout = false;   // -O
   bool keepNames = false;  // -P
   bool stripPaths = false;
   bool xml = false;
+  bool untrusted = false;
   bool totals = false;
   bool printLog = false;
   int maxCount = 0;  // 0: no limit
@@ -40,6 +53,11 @@ struct CommandLine {
 
   // Whether it is about some members only.
   bool selects() const { return !operands.empty() || !matches.empty() || !excludes.empty() || maxCount > 0; }
+  // The words of the component that the options stand for, --options behind all others.
+  std::string readingWords() const;
+  std::string writingWords() const;
+  // "gnu", unless another one was asked for or is needed.
+  std::string formatToWrite() const;
   bool usesStandardStream() const { return archive == "-"; }
 };
 

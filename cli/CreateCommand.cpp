@@ -27,9 +27,6 @@ using morvane::ClsTar;
 using morvane::Compression;
 using morvane::XString;
 
-// What makes the component name what it could not do as asked, instead of failing or passing over it.
-constexpr char kWords[] = "Profile=usual,OpenBeforeEvent,MemberEvents";
-
 constexpr char kEscape = '\x1B';
 
 bool endsWith(const std::string& text, const char* ending) {
@@ -69,12 +66,11 @@ class CreateEvent : public morvane::ProgressEvent {
     member.skip = m_nothingBelow || !m_selection.takes(member.path);
     if (member.skip) return;
     const bool isDirectory = member.typeFlag == '5';
-    if (m_line.format == "ustar" && !fitsUstar(isDirectory ? member.path + "/" : member.path)) {
+    if (m_line.formatToWrite() == "ustar" && !fitsUstar(isDirectory ? member.path + "/" : member.path)) {
       m_report.problem(member.localPath, "its name is too long for the ustar format");
       member.skip = true;
       return;
     }
-    if (member.size == 0 && !isDirectory) nameWhatIsLost(member.localPath.c_str());
     m_isBegun = true;
     m_size = member.size;
     m_isDirectory = isDirectory;
@@ -90,6 +86,8 @@ class CreateEvent : public morvane::ProgressEvent {
       m_report.problem(value, "its size changed while it was archived");
     } else if (what == "readFailed") {
       m_report.problem(value, failureReason(m_tar));
+    } else if (what == "socket") {
+      m_report.notice(value, "a socket is left out");
     } else if (what == "userUnknown") {
       m_report.problem("user database", std::string(value) + "; owners are stored by number alone");
     }
@@ -129,16 +127,6 @@ class CreateEvent : public morvane::ProgressEvent {
     morvane::LogNull unwanted;
     XString last, prefix;
     return m_tar.splitPathForTar(name, last, prefix, unwanted) && prefix.str().size() <= kPrefix + 1;
-  }
-
-  // Links and special files become empty files.
-  void nameWhatIsLost(const char* path) {
-    struct stat status;
-    if (lstat(path, &status) != 0 || S_ISREG(status.st_mode)) return;
-    m_report.problem(path, S_ISLNK(status.st_mode)    ? "a symbolic link is not kept as one"
-                           : S_ISFIFO(status.st_mode) ? "a FIFO is kept as an empty file"
-                           : S_ISSOCK(status.st_mode) ? "a socket is kept as an empty file"
-                                                      : "a device is kept as an empty file");
   }
 
   Report& m_report;
@@ -244,10 +232,10 @@ int createArchive(const CommandLine& line) {
   ClsTar tar;
   Sources sources(line, report, tar);
   sources.add();
-  tar.put_WriteFormat(line.format);
+  tar.put_WriteFormat(line.formatToWrite());
   tar.put_PercentScale(ProgressBar::kScale);
   tar.put_UncommonOptions(
-      (std::string(kWords) + (bar.mayBeShown() ? "" : ",NoTotal") + line.options).c_str());
+      (line.writingWords() + (bar.mayBeShown() ? "" : ",NoTotal") + line.options).c_str());
   CreateEvent event(report, bar, tar, line);
   bool ok = write(tar, line, event, report);
   if (event.missedOnlyUnwanted() && tar.get_OnlyLeftOut()) ok = true;

@@ -18,32 +18,17 @@ namespace {
 using morvane::ClsTar;
 using morvane::TarMemberInfo;
 
-constexpr char kSparse[] = "a sparse file is kept as its stored pieces";
-
-// Where GNU tar and bsdtar put the stored pieces in a pax archive.
-bool isPaxSparse(const char* path) {
-  constexpr char kPart[] = "/GNUSparseFile.";
-  return std::strstr(path, kPart) || std::strncmp(path, kPart + 1, std::strlen(kPart + 1)) == 0;
-}
-
-const char* lostKind(const TarMemberInfo& member) {
-  if (member.isDirectory) return nullptr;
-  switch (member.typeFlag) {
-    case '1':
-      return "a hard link is kept as an ordinary file";
-    case '2':
-      return "a symbolic link is kept as an ordinary file";
-    case '3':
-    case '4':
-      return "a device is kept as an ordinary file";
-    case '6':
-      return "a FIFO is kept as an ordinary file";
-    case 'S':
-      return kSparse;
-    default:
-      return isPaxSparse(member.path) ? kSparse : nullptr;
-  }
-}
+// What was asked for and is not kept of a member, by the event of the component, and of how many others.
+struct NotKept {
+  const char *event, *message, *countEvent, *countMessage;
+};
+constexpr NotKept kNotKept[] = {
+    {"ownerNotKept", "the owner is not kept", "ownersNotKept", "members without their owner"},
+    {"modeNotKept", "the mode is not kept", "modesNotKept", "members without their mode"},
+    {"timesNotKept", "the times are not kept", "allTimesNotKept", "members without their times"},
+    {"attributesNotKept", "attributes are not kept", "allAttributesNotKept", "members without attributes"},
+    {"linkNotKept", "a link cannot be made here; it is a copy", "linksNotKept", "copies in place of links"},
+};
 
 class ExtractEvent : public MemberEvent {
  public:
@@ -65,6 +50,15 @@ class ExtractEvent : public MemberEvent {
       if (what != "timesNotSet") drop();
       m_report.problem(value,
                        what == "refused" ? "refused: its path leaves the target" : failureReason(m_tar));
+      return;
+    }
+    for (const NotKept& row : kNotKept) {
+      if (what == row.event) {
+        const std::string reason = failureReason(m_tar);
+        m_report.problem(value, row.message + (reason.empty() ? "" : ": " + reason));
+      } else if (what == row.countEvent) {
+        m_report.problem(m_line.archive, std::string(value) + " " + row.countMessage);
+      }
     }
   }
 
@@ -76,11 +70,9 @@ class ExtractEvent : public MemberEvent {
       return;
     }
     m_path = member.path;
-    m_lost = lostKind(member);
   }
 
   void nameWhatChanges() {
-    if (m_lost) m_report.problem(m_path, m_lost);
     if (m_path.find('\\') != std::string::npos) {
       m_report.problem(m_path, "a back slash cannot be kept; it becomes a slash");
     }
@@ -101,7 +93,6 @@ class ExtractEvent : public MemberEvent {
   ClsTar& m_tar;
   bool m_isTooLong = false;
   std::string m_path;
-  const char* m_lost = nullptr;
   bool m_slashesNamed = false;
   std::map<std::string, std::string> m_lastParts;  // and the paths they came from
 };
@@ -113,21 +104,18 @@ class OutputEvent : public MemberEvent {
   void onTarEntry(const char*, long long size, bool, bool& skip) override {
     skip = !isSelected();
     if (skip) return;
-    if (m_lost) m_report.problem(m_path, m_lost);
     begin(m_path, size);
   }
 
  private:
   void onSelected(const TarMemberInfo& member) override {
     m_path = std::string(member.path, strnlen(member.path, kShownAtMost));
-    m_lost = lostKind(member);
   }
 
   // Of a name of many megabytes no second copy is kept; it is only shown.
   static constexpr size_t kShownAtMost = 1 << 20;
 
   std::string m_path;
-  const char* m_lost = nullptr;
 };
 
 // The target is made even if nothing is put into it. A path too long for the system is left to the component.

@@ -57,6 +57,12 @@ std::string ownerText(const TarMemberInfo& member) {
   return either(member.userName, member.uid) + "/" + either(member.groupName, member.gid);
 }
 
+// Of a device its number, as other tars show it; of a sparse file its size with the holes.
+std::string sizeText(const TarMemberInfo& member) {
+  if (member.typeFlag != '3' && member.typeFlag != '4') return std::to_string(member.realSize);
+  return std::to_string(member.deviceMajor) + "," + std::to_string(member.deviceMinor);
+}
+
 // Local time, as other tars show it.
 std::string timeText(long long seconds) {
   const time_t time = static_cast<time_t>(seconds);
@@ -102,7 +108,7 @@ class ListEvent : public CountEvent {
     }
     // The owner's and the size's columns widen as they need to, within reason.
     const std::string owner = ownerText(member);
-    const std::string size = std::to_string(member.size);
+    const std::string size = sizeText(member);
     const size_t needed = owner.size() + 1 + size.size();
     m_width = std::max(m_width, std::min(needed, kWidest));
     const std::string gap(1 + m_width - std::min(needed, m_width), ' ');

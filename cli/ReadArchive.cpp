@@ -18,10 +18,6 @@ constexpr unsigned kFirstLook = 512;
 
 }  // namespace
 
-std::string readingWords(const CommandLine& line) {
-  return std::string("Profile=usual") + (line.keepNames ? ",Confine=off" : "") + line.options;
-}
-
 bool ArchiveReader::open(const CommandLine& line, Report& report) {
   morvane::LogCause log;
   if (line.usesStandardStream()) {
@@ -131,7 +127,7 @@ int finish(ClsTar& tar, const CommandLine& line, Report& report, bool ok, const 
 bool ReadJob::open() {
   if (!archive.open(m_line, report)) return false;
   tar.put_PercentScale(ProgressBar::kScale);
-  tar.put_UncommonOptions(readingWords(m_line).c_str());
+  tar.put_UncommonOptions(m_line.readingWords().c_str());
   tar.put_Charset(m_line.charset);
   tar.put_NoAbsolutePaths(!m_line.keepNames);
   tar.put_UntarDiscardPaths(m_line.stripPaths);

@@ -13,7 +13,6 @@
 namespace mvtar {
 
 // The words of UncommonOptions that every reading command sets.
-std::string readingWords(const CommandLine& line);
 
 class ArchiveReader {
  public:

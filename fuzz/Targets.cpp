@@ -75,10 +75,11 @@ void pax(const uint8_t* data, size_t size) {
   TarHeader record;
   require(ClsTar::parsePaxExtendedHeader(text.c_str(), record, log),
           "lines that make no sense are passed over");
-  FullExtensions extensions;
+  FullExtensions extensions(true);
   extensions.take(kTypePaxGlobal, text, log);
   extensions.take(kTypePax, text, log);
-  extensions.complete(record);
+  Member member;
+  extensions.complete(record, member);
   require(record.m_size >= 0, "a size is never negative");
 }
 

@@ -45,12 +45,15 @@ class Ground {
   // 'k' done, 'R' refused, 'F' failed.
   char create(const std::string& path) {
     OsFile file;
-    const char result = letterOf(confined.createFile(path, file, log));
+    const char result = letterOf(confined.createFile(path, 0666, file, log));
     EXPECT_EQ(result == 'k', file.isOpen() && file.writeSome("new", 3) == 3);
     EXPECT_TRUE(!file.isOpen() || fcntl(file.fd(), F_GETFD) & FD_CLOEXEC) << "no program inherits it";
     return result;
   }
-  char make(const std::string& path) { return letterOf(confined.makeDirectory(path, log)); }
+  char make(const std::string& path) {
+    ConfinedDir::MadeDirectory made;
+    return letterOf(confined.makeDirectory(path, 0777, made, log));
+  }
   std::string found(const std::string& path) { return treeOf(dir / "target")[path]; }
 
   ScratchDir dir;

@@ -226,11 +226,13 @@ TEST(SystemCalls, WhatFailsIsSaidAndWhatIsInterruptedIsTriedAgain) {
 #endif
   ScratchDir dir;
   must(dir, "mkdir d && echo text > d/f && tar -cf a.tar d && gzip -k a.tar");
+  const std::string kTimes =
+      "d/f: the times are not kept: Operation not permitted\nARCHIVE: 2 members without their times";
   const struct {
     const char *environment, *line;
     std::string facts, out;
-  } kCases[] = {{"FAIL_TIMES=1", "-xf a.tar -C out", "d/f: Operation not permitted", ""},
-                {"FAIL_TIMES=1", "-xf a.tar.gz -C out", "d/f: Operation not permitted", ""},
+  } kCases[] = {{"FAIL_TIMES=1", "-xf a.tar -C out", kTimes, ""},
+                {"FAIL_TIMES=1", "-xf a.tar.gz -C out", kTimes, ""},
                 {"FAIL_PREAD=1", "-cf out d", "d/f: Input/output error", ""},
                 {"FAIL_USERS=1", "-cf out d",
                  "user database: Input/output error; owners are stored by number alone", ""},
@@ -246,7 +248,10 @@ TEST(SystemCalls, WhatFailsIsSaidAndWhatIsInterruptedIsTriedAgain) {
     must(dir, "rm -rf out");
     const std::string command =
         std::string(each.environment) + " LD_PRELOAD=" FAILING_CALLS " mvtar " + each.line;
-    expect(shell(dir, command), each.facts.empty() ? 0 : 2, each.out, each.facts);
+    std::string facts = each.facts;
+    if (const size_t at = facts.find("ARCHIVE"); at != std::string::npos)
+      facts.replace(at, 7, split(each.line, ' ')[1]);
+    expect(shell(dir, command), facts.empty() ? 0 : 2, each.out, facts);
   }
 }
 

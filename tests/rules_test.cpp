@@ -454,14 +454,15 @@ TEST(FullExtensions, TextToFields) {
   };
   for (const auto& [text, fields] : kCases) {
     SCOPED_TRACE(text.substr(0, 60));
-    FullExtensions extensions;
+    FullExtensions extensions(true);
+    morvane::Member about;
     _mvLogger log;
     EXPECT_TRUE(extensions.take('x', text, log)) << log.text();
     const Block block = blockOf(kNameField, "block", kTypeFlagField, "0");
     TarHeader header = parsed(block), next = parsed(block);
-    extensions.complete(header);
+    extensions.complete(header, about);
     EXPECT_EQ(fields, shown(header));
-    extensions.complete(next);  // the records are spent
+    extensions.complete(next, about);  // the records are spent
     EXPECT_EQ("path=block", shown(next));
   }
 }
@@ -471,7 +472,8 @@ TEST(FullExtensions, MalformedRecords) {
        {paxRecord("size", "9223372036854775808"), paxRecord("size", "-1"), paxRecord("size", "1x"),
         paxRecord("mtime", "x"), "7 path=p\n"s, "11 path=p\n"s, "99999999999999999999999 path=p\n"s,
         "-10 path=p\n"s, "10 path p\n"s, "5 =p\n"s, "10"s}) {
-    FullExtensions extensions;
+    FullExtensions extensions(true);
+    morvane::Member about;
     _mvLogger log;
     EXPECT_FALSE(extensions.take('x', text, log) || log.text().empty()) << text;
   }
@@ -582,7 +584,7 @@ TEST(TarOptions, Words) {
         "UstarOverflow,UstarOverflow=on,UstarOverflow=off -> ?UstarOverflow ?UstarOverflow=on ",
         "FastDeflate=3,FastDeflate=4 -> deflate3 ?FastDeflate=4 ",
         "FastDeflate=1,FastDeflate=off -> ",
-        "FullRead=off,Profile=usual,Confine=off -> fail ",
+        "FullRead=off,Profile=usual,Confine=off -> FullRead fail ?FullRead=off ",
         "Profile=usual -> FullRead fail beneath ",
         "Profile=untrusted,MaxRatio=5 -> FullRead fail nolinks 1000000/68719476736/5/256 ",
         "Profile=usual,Profile=off,Profile,Profile=x -> ?Profile ?Profile=x ",

@@ -19,14 +19,14 @@ namespace {
 
 constexpr int kPathOnly = O_PATH | O_DIRECTORY;
 constexpr int kNewFile = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
-constexpr unsigned kFileMode = 0666, kDirectoryMode = 0777;
+constexpr unsigned kParentMode = 0777;
 constexpr int kTriesWhileChanging = 8;
 constexpr char kCannotCreate[] = "Failed to create file.";
 constexpr char kCannotMakeDirectory[] = "Failed to create directory.";
 constexpr char kCannotOpenDirectory[] = "Failed to open directory.";
 
 // False for a path that must be refused: absolute, or with a ".." part or a NUL.
-bool isConfinable(const std::string& path) {
+bool staysBeneath(const std::string& path) {
   if (path.find('\0') != std::string::npos || (!path.empty() && path.front() == '/')) return false;
   for (size_t at = path.find(".."); at != std::string::npos; at = path.find("..", at + 1)) {
     const bool starts = at == 0 || path[at - 1] == '/';
@@ -35,7 +35,8 @@ bool isConfinable(const std::string& path) {
   return true;
 }
 
-// Empty parts and "." are left out.
+// Empty parts and "." are left out. A path that ends in ".." has been refused where it must stay beneath the
+// target.
 std::vector<std::string> partsOf(const std::string& path) {
   std::vector<std::string> parts;
   for (size_t start = 0; start < path.size();) {
@@ -62,12 +63,15 @@ int openat2(int from, const char* path, int flags, unsigned mode, unsigned long 
   return static_cast<int>(::syscall(SYS_openat2, from, path, &how, sizeof how));
 }
 
+ConfinedDir::Identity identityOf(const struct stat& status) { return {status.st_dev, status.st_ino}; }
+
 bool leavesTheTarget(int error) { return error == EXDEV || error == ELOOP || error == ENOTDIR; }
 
 }  // namespace
 
 bool ConfinedDir::open(const char* target, Links links, LogBase& log) {
   m_links = links;
+  m_newParents.clear();
   m_target.reset(osOpen(target, kPathOnly));
   if (!m_target.isOpen() && errno == ENOENT && DirAutoCreate::ensureDirUtf8(target, log)) {
     m_target.reset(osOpen(target, kPathOnly));
@@ -99,24 +103,134 @@ ConfinedDir::Result ConfinedDir::failed(const char* message, const std::string& 
   return Result::Failed;
 }
 
-ConfinedDir::Result ConfinedDir::createFile(const std::string& path, OsFile& file, LogBase& log) {
-  if (!isConfinable(path)) return Result::Refused;
-  // Nearly every file has its parents and nothing in its way: one call does it all.
-  file.reset(createBeneath(path));
-  if (file.isOpen()) return Result::Ok;
-  Place place;
-  const Result opened = openParentOf(path, place, log);
-  if (opened != Result::Ok) return opened;
-  errno = EISDIR;
+// False for a path that must be refused.
+bool ConfinedDir::isConfinable(const std::string& path) const {
+  if (m_links == Links::Anywhere) return path.find('\0') == std::string::npos;
+  return staysBeneath(path);
+}
+
+// Where a path starts: the target, or, where paths may leave it, the root for an absolute one. -1 with errno.
+int ConfinedDir::baseOf(const std::string& path) {
+  if (m_links != Links::Anywhere || path.empty() || path.front() != '/') return m_target.fd();
+  if (!m_root.isOpen()) m_root.reset(osOpen("/", kPathOnly));
+  return m_root.fd();
+}
+
+// Makes a leaf by a call that fails where something is there, which is then removed. `make` returns -1 with
+// errno on failure.
+template <class Make>
+ConfinedDir::Result ConfinedDir::makeExclusively(const Place& place, const std::string& path, LogBase& log,
+                                                 Make make) {
+  errno = EISDIR;  // a path without a leaf is the target itself
   for (int tries = 0; !place.leaf.empty() && tries < kTriesWhileChanging; ++tries) {
-    file.reset(osOpenAt(place.parent.fd(), place.leaf.c_str(), kNewFile, kFileMode));
-    if (file.isOpen()) return Result::Ok;
+    if (make(place.parent.fd(), place.leaf.c_str()) >= 0) return Result::Ok;
     if (errno != EEXIST) break;
     const Result cleared = clearTheWay(place, log);
     if (cleared != Result::Ok) return cleared;
     errno = EEXIST;
   }
   return failed(kCannotCreate, path, log);
+}
+
+ConfinedDir::Result ConfinedDir::createFile(const std::string& path, unsigned mode, OsFile& file,
+                                            LogBase& log) {
+  if (!isConfinable(path)) return Result::Refused;
+  // Nearly every file has its parents and nothing in its way: one call does it all.
+  file.reset(createBeneath(path, mode));
+  if (file.isOpen()) return Result::Ok;
+  Place place;
+  const Result opened = openParentOf(path, place, log);
+  if (opened != Result::Ok) return opened;
+  return makeExclusively(place, path, log, [&](int parent, const char* leaf) {
+    file.reset(osOpenAt(parent, leaf, kNewFile, mode));
+    return file.fd();
+  });
+}
+
+ConfinedDir::Result ConfinedDir::makeSymbolicLink(const std::string& path, const std::string& text,
+                                                  OsFile& made, LogBase& log) {
+  if (!isConfinable(path)) return Result::Refused;
+  Place place;
+  const Result opened = openParentOf(path, place, log);
+  if (opened != Result::Ok) return opened;
+  const Result result = makeExclusively(
+      place, path, log, [&](int parent, const char* leaf) { return symlinkat(text.c_str(), parent, leaf); });
+  if (result == Result::Ok) made.reset(osOpenAt(place.parent.fd(), place.leaf.c_str(), O_PATH | O_NOFOLLOW));
+  return result;
+}
+
+ConfinedDir::Result ConfinedDir::makeNode(const std::string& path, unsigned mode, unsigned long long device,
+                                          OsFile& made, LogBase& log) {
+  if (!isConfinable(path)) return Result::Refused;
+  Place place;
+  const Result opened = openParentOf(path, place, log);
+  if (opened != Result::Ok) return opened;
+  const Result result = makeExclusively(
+      place, path, log, [&](int parent, const char* leaf) { return mknodat(parent, leaf, mode, device); });
+  if (result == Result::Ok) made.reset(osOpenAt(place.parent.fd(), place.leaf.c_str(), O_PATH | O_NOFOLLOW));
+  return result;
+}
+
+ConfinedDir::Linked ConfinedDir::makeHardLink(const std::string& path, const std::string& target,
+                                              LogBase& log) {
+  if (!isConfinable(path) || !isConfinable(target)) return Linked::Refused;
+  Place from;
+  if (!openExistingParentOf(target, from) || from.leaf.empty()) {
+    if (from.leaf.empty() || leavesTheTarget(errno)) return Linked::Refused;
+    return errno == ENOENT ? Linked::Missing : (failed(kCannotCreate, path, log), Linked::Failed);
+  }
+  struct stat old, there;
+  if (fstatat(from.parent.fd(), from.leaf.c_str(), &old, AT_SYMLINK_NOFOLLOW) != 0) {
+    return errno == ENOENT ? Linked::Missing : (failed(kCannotCreate, path, log), Linked::Failed);
+  }
+  if (S_ISDIR(old.st_mode) || isProtected(old)) return Linked::Refused;
+  Place place;
+  const Result opened = openParentOf(path, place, log);
+  if (opened != Result::Ok) return opened == Result::Refused ? Linked::Refused : Linked::Failed;
+  // A second name that is there already must not be removed: it may be the only one that is left.
+  if (!place.leaf.empty() &&
+      fstatat(place.parent.fd(), place.leaf.c_str(), &there, AT_SYMLINK_NOFOLLOW) == 0 &&
+      identityOf(there) == identityOf(old)) {
+    return Linked::Ok;
+  }
+  bool cannot = false;
+  const Result result = makeExclusively(place, path, log, [&](int parent, const char* leaf) {
+    const int made = linkat(from.parent.fd(), from.leaf.c_str(), parent, leaf, 0);
+    cannot = made != 0 && (errno == EXDEV || errno == EPERM || errno == EMLINK);
+    return cannot ? 0 : made;
+  });
+  if (cannot) return Linked::CannotLink;
+  return result == Result::Ok ? Linked::Ok : result == Result::Refused ? Linked::Refused : Linked::Failed;
+}
+
+int ConfinedDir::openExisting(const std::string& path, int flags) {
+  Place place;
+  if (!isConfinable(path) || !openExistingParentOf(path, place)) return -1;
+  if (place.leaf.empty()) return osOpenAt(place.parent.fd(), ".", flags);
+  return osOpenAt(place.parent.fd(), place.leaf.c_str(), flags | O_NOFOLLOW);
+}
+
+// The parent of something that is to be there already: nothing is made, and no link is passed. False with
+// errno.
+bool ConfinedDir::openExistingParentOf(const std::string& path, Place& place) {
+  place.parts = partsOf(path);
+  place.base = baseOf(path);
+  if (!place.parts.empty()) {
+    place.leaf = std::move(place.parts.back());
+    place.parts.pop_back();
+  }
+  if (m_links == Links::Anywhere || !m_partByPart) {
+    place.parent.reset(openBeneath(place.base, place.parts, place.parts.size(), O_NOFOLLOW));
+    return place.parent.isOpen();
+  }
+  place.parent.reset(osOpenAt(place.base, ".", kPathOnly));
+  for (size_t i = 0; place.parent.isOpen() && i < place.parts.size(); ++i) {
+    OsFile next(osOpenAt(place.parent.fd(), place.parts[i].c_str(), kPathOnly | O_NOFOLLOW));
+    const int error = errno;
+    place.parent = std::move(next);
+    errno = error;
+  }
+  return place.parent.isOpen();
 }
 
 // Removes what stands where a member is to be made.
@@ -134,23 +248,27 @@ ConfinedDir::Result ConfinedDir::clearTheWay(const Place& place, LogBase& log) {
   return failed("Failed to remove what is in the way.", place.leaf, log);
 }
 
-ConfinedDir::Result ConfinedDir::makeDirectory(const std::string& path, LogBase& log) {
+ConfinedDir::Result ConfinedDir::makeDirectory(const std::string& path, unsigned mode, MadeDirectory& made,
+                                               LogBase& log) {
+  made = MadeDirectory();
   if (!isConfinable(path)) return Result::Refused;
   Place place;
   const Result opened = openParentOf(path, place, log);
   if (opened != Result::Ok || place.leaf.empty()) return opened;  // without a leaf it is the target itself
+  const int parent = place.parent.fd();
   const char* const leaf = place.leaf.c_str();
   for (int tries = 0; tries < kTriesWhileChanging; ++tries) {
-    if (mkdirat(place.parent.fd(), leaf, kDirectoryMode) == 0) return Result::Ok;
-    if (errno != EEXIST) break;
+    made.isNew = mkdirat(parent, leaf, mode) == 0;
+    if (!made.isNew && errno != EEXIST) break;
+    if (made.isNew && !m_notesParents) return Result::Ok;  // nobody asks which it is
     struct stat status;
-    if (fstatat(place.parent.fd(), leaf, &status, AT_SYMLINK_NOFOLLOW) != 0) continue;
-    if (S_ISDIR(status.st_mode)) return Result::Ok;
-    if (S_ISLNK(status.st_mode) && m_links == Links::InsideTarget && !m_partByPart) {
-      Parts whole = place.parts;
-      whole.push_back(place.leaf);
-      if (const OsFile inside(openBeneath(whole, whole.size())); inside.isOpen()) return Result::Ok;
+    if (fstatat(parent, leaf, &status, AT_SYMLINK_NOFOLLOW) != 0) continue;
+    if (S_ISDIR(status.st_mode)) {
+      made.identity = identityOf(status);
+      made.isKnown = true;
+      return Result::Ok;
     }
+    if (S_ISLNK(status.st_mode) && isDirectoryInside(place)) return Result::Ok;
     const Result cleared = clearTheWay(place, log);
     if (cleared != Result::Ok) return cleared;
     errno = EEXIST;
@@ -158,14 +276,23 @@ ConfinedDir::Result ConfinedDir::makeDirectory(const std::string& path, LogBase&
   return failed(kCannotMakeDirectory, path, log);
 }
 
+// Whether a link leads to a directory that members may be put into.
+bool ConfinedDir::isDirectoryInside(const Place& place) {
+  if (m_links == Links::None || (m_partByPart && m_links != Links::Anywhere)) return false;
+  Parts whole = place.parts;
+  whole.push_back(place.leaf);
+  return OsFile(openBeneath(place.base, whole, whole.size(), 0)).isOpen();
+}
+
 // Opens the directory that the path's last part is in; that part is the leaf, empty for the target itself.
 ConfinedDir::Result ConfinedDir::openParentOf(const std::string& path, Place& place, LogBase& log) {
   place.parts = partsOf(path);
+  place.base = baseOf(path);
   if (place.parts.empty()) return Result::Ok;
   place.leaf = std::move(place.parts.back());
   place.parts.pop_back();
-  if (!m_partByPart) {
-    place.parent.reset(openBeneath(place.parts, place.parts.size()));
+  if (!m_partByPart || m_links == Links::Anywhere) {
+    place.parent.reset(openBeneath(place.base, place.parts, place.parts.size(), 0));
     if (place.parent.isOpen()) return Result::Ok;
     if (leavesTheTarget(errno)) return Result::Refused;
     if (errno != ENOENT) return failed(kCannotOpenDirectory, path, log);
@@ -173,23 +300,29 @@ ConfinedDir::Result ConfinedDir::openParentOf(const std::string& path, Place& pl
   return walkToParent(place, log);
 }
 
-// Part by part from the target on, making what is missing. A link on the way is passed only as the kernel
-// resolves it beneath the target.
+// Part by part from the base on, making what is missing. A link on the way is passed only as the kernel
+// resolves it beneath the target, or where members may lie anywhere.
 ConfinedDir::Result ConfinedDir::walkToParent(Place& place, LogBase& log) {
   const Parts& parts = place.parts;
-  OsFile reached(osOpenAt(m_target.fd(), ".", kPathOnly));
+  OsFile reached(osOpenAt(place.base, ".", kPathOnly));
+  const int noFollow = m_links == Links::Anywhere ? 0 : O_NOFOLLOW;
   for (size_t i = 0; reached.isOpen() && i < parts.size(); ++i) {
     const char* const part = parts[i].c_str();
-    OsFile next(osOpenAt(reached.fd(), part, kPathOnly | O_NOFOLLOW));
+    OsFile next(osOpenAt(reached.fd(), part, kPathOnly | noFollow));
     if (!next.isOpen() && errno == ENOENT) {
-      if (mkdirat(reached.fd(), part, kDirectoryMode) != 0 && errno != EEXIST) {
+      const bool made = mkdirat(reached.fd(), part, kParentMode) == 0;
+      if (!made && errno != EEXIST) {
         return failed(kCannotMakeDirectory, joined(parts, 0, parts.size()), log);
       }
-      next.reset(osOpenAt(reached.fd(), part, kPathOnly | O_NOFOLLOW));
+      next.reset(osOpenAt(reached.fd(), part, kPathOnly | noFollow));
+      struct stat status;
+      if (made && m_notesParents && next.isOpen() && next.status(status) == 0) {
+        m_newParents.push_back(identityOf(status));
+      }
     }
     if (!next.isOpen() && leavesTheTarget(errno)) {
-      if (m_partByPart || m_links == Links::None) return Result::Refused;
-      next.reset(openBeneath(parts, i + 1));
+      if (m_partByPart || m_links != Links::InsideTarget) return Result::Refused;
+      next.reset(openBeneath(place.base, parts, i + 1, 0));
       // A link to nothing is refused too: making what it names might be making it elsewhere.
       if (!next.isOpen() && (leavesTheTarget(errno) || errno == ENOENT)) return Result::Refused;
     }
@@ -203,17 +336,18 @@ ConfinedDir::Result ConfinedDir::walkToParent(Place& place, LogBase& log) {
 }
 
 // A new file whose parents are there; -1 with errno when anything about it needs a closer look.
-int ConfinedDir::createBeneath(const std::string& path) {
+int ConfinedDir::createBeneath(const std::string& path, unsigned mode) {
   if (!m_partByPart && path.size() < PATH_MAX) {
-    return openResolved(m_target.fd(), path.c_str(), kNewFile, kFileMode);
+    return openResolved(m_target.fd(), path.c_str(), kNewFile, mode);
   }
   errno = ENOENT;
   return -1;
 }
 
-// The directory that the first `count` parts name, resolved beneath the target; -1 with errno.
-int ConfinedDir::openBeneath(const Parts& parts, size_t count) {
-  if (count == 0) return osOpenAt(m_target.fd(), ".", kPathOnly);
+// The directory that the first `count` parts name, resolved beneath the base; with O_NOFOLLOW as the last
+// flags no link is passed at all. -1 with errno.
+int ConfinedDir::openBeneath(int base, const Parts& parts, size_t count, int lastFlags) {
+  if (count == 0) return osOpenAt(base, ".", kPathOnly);
   OsFile reached;
   for (size_t start = 0; start < count;) {
     size_t end = start, length = 0;
@@ -222,8 +356,9 @@ int ConfinedDir::openBeneath(const Parts& parts, size_t count) {
       errno = ENAMETOOLONG;
       return -1;
     }
-    const int from = reached.isOpen() ? reached.fd() : m_target.fd();
-    const int opened = openResolved(from, joined(parts, start, end).c_str(), kPathOnly, 0);
+    const int from = reached.isOpen() ? reached.fd() : base;
+    const std::string piece = joined(parts, start, end);
+    const int opened = openResolved(from, piece.c_str(), kPathOnly | lastFlags, 0, lastFlags == 0);
     if (opened < 0) return -1;
     reached.reset(opened);
     start = end;
@@ -232,9 +367,11 @@ int ConfinedDir::openBeneath(const Parts& parts, size_t count) {
 }
 
 // EAGAIN: something on the way was renamed meanwhile. EINTR: a signal came.
-int ConfinedDir::openResolved(int from, const char* path, int flags, unsigned mode) {
+int ConfinedDir::openResolved(int from, const char* path, int flags, unsigned mode, bool passesLinks) {
+  // Without bounds there is nothing for the newer call to keep, and the older one is there on every system.
+  if (m_links == Links::Anywhere) return osOpenAt(from, path, flags, mode);
   unsigned long long resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS;
-  if (m_links == Links::None) resolve |= RESOLVE_NO_SYMLINKS;
+  if (m_links == Links::None || !passesLinks) resolve |= RESOLVE_NO_SYMLINKS;
   int fd = -1;
   for (int tries = 0; tries < kTriesWhileChanging;) {
     fd = openat2(from, path, flags, mode, resolve);

@@ -1,4 +1,4 @@
-// Files and directories created beneath one directory, and nowhere else.
+// Files, directories, links and special files created beneath one directory, and nowhere else.
 //
 // The target is opened once. Every member is resolved anew by the kernel beneath it (openat2), parents and
 // new file in one call, so there is no moment between looking and using in which a link could be slipped in,
@@ -7,6 +7,7 @@
 #pragma once
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "runtime/fs/OsFile.h"
@@ -17,8 +18,21 @@ struct mvFileInfo;
 
 class ConfinedDir {
  public:
-  enum class Links { InsideTarget, None };
+  enum class Links {
+    InsideTarget,  // links on the way to a member are passed where they stay in the target
+    None,          // none is passed
+    Anywhere,      // members may lie outside of the target, too; what is created is still created exclusively
+  };
   enum class Result { Ok, Refused, Failed };
+
+  // Which file of which file system something is, whatever it is called.
+  struct Identity {
+    unsigned long long device = 0, inode = 0;
+    bool operator<(const Identity& other) const {
+      return device != other.device ? device < other.device : inode < other.inode;
+    }
+    bool operator==(const Identity& other) const { return device == other.device && inode == other.inode; }
+  };
 
   // Opens the target, which is made first when it is missing. Links in the target's own path are the caller's
   // choice.
@@ -29,13 +43,44 @@ class ConfinedDir {
   // For tests of the way that old kernels get.
   void withoutOpenat2() { m_partByPart = true; }
 
-  // Makes an empty file for writing, its missing parents first. What was there is removed, a link or FIFO as
-  // itself; a full directory and the protected file are refused. The path is relative, its parts separated by
-  // "/".
-  Result createFile(const std::string& path, OsFile& file, LogBase& log);
-  // Makes a directory, its missing parents first. A directory that is there stays; so does a link to one
-  // inside the target where links are allowed; anything else is removed.
-  Result makeDirectory(const std::string& path, LogBase& log);
+  // All of these take a relative path, its parts separated by "/", and make its missing parents first. What
+  // stands in the way is removed, a link or FIFO as itself; a full directory and the protected file are
+  // refused. Modes are those of the system's calls: the umask is taken off.
+
+  // Makes an empty file for writing.
+  Result createFile(const std::string& path, unsigned mode, OsFile& file, LogBase& log);
+  // Makes a directory. A directory that is there stays; so does a link to one inside the target where links
+  // are allowed. `made` tells which it is, and whether it is new; it is left alone for the target itself.
+  struct MadeDirectory {
+    Identity identity;
+    bool isNew = false;
+    bool isKnown = false;  // false for the target itself, and for what a link leads to
+  };
+  Result makeDirectory(const std::string& path, unsigned mode, MadeDirectory& made, LogBase& log);
+  // Makes a symbolic link with a text that is not looked at, or a FIFO or device (`mode` with its type).
+  // `made` is a descriptor of it that can do nothing but name it (O_PATH).
+  Result makeSymbolicLink(const std::string& path, const std::string& text, OsFile& made, LogBase& log);
+  Result makeNode(const std::string& path, unsigned mode, unsigned long long device, OsFile& made,
+                  LogBase& log);
+  // Gives what the path `target` names another name. No link is followed on the way to either, nor as the
+  // target itself.
+  enum class Linked {
+    Ok,
+    Refused,     // one of the two leaves the target, or the target is a directory
+    Missing,     // there is no such target
+    CannotLink,  // the file system will not: the target may be opened and copied
+    Failed,
+  };
+  Linked makeHardLink(const std::string& path, const std::string& target, LogBase& log);
+
+  // Opens a file that is there, for reading / a directory that is there; passes no link. -1 with errno.
+  int openExisting(const std::string& path, int flags);
+
+  // Directories that were made on the way to others, since they were last taken.
+  std::vector<Identity> takeNewParents() { return std::exchange(m_newParents, {}); }
+  // Whether those are to be noted, which costs a look at each.
+  void noteNewParents(bool note) { m_notesParents = note; }
+
   // The system's reason (an errno) behind the last Failed.
   int lastError() const { return m_lastError; }
 
@@ -45,23 +90,33 @@ class ConfinedDir {
   // Where a member goes: the open directory it is in, and its name there.
   struct Place {
     OsFile parent;
-    Parts parts;  // of the parent, from the target on
+    int base = -1;  // where the parts start: the target, or the root
+    Parts parts;    // of the parent, from the base on
     std::string leaf;
   };
 
   Result openParentOf(const std::string& path, Place& place, LogBase& log);
   Result walkToParent(Place& place, LogBase& log);
-  int createBeneath(const std::string& path);
-  int openBeneath(const Parts& parts, size_t count);
-  int openResolved(int from, const char* path, int flags, unsigned mode);
+  bool openExistingParentOf(const std::string& path, Place& place);
+  bool isConfinable(const std::string& path) const;
+  int baseOf(const std::string& path);
+  template <class Make>
+  Result makeExclusively(const Place& place, const std::string& path, LogBase& log, Make make);
+  bool isDirectoryInside(const Place& place);
+  int createBeneath(const std::string& path, unsigned mode);
+  int openBeneath(int base, const Parts& parts, size_t count, int lastFlags);
+  int openResolved(int from, const char* path, int flags, unsigned mode, bool passesLinks = true);
   Result clearTheWay(const Place& place, LogBase& log);
   bool isProtected(const struct stat& status) const;
   Result failed(const char* message, const std::string& path, LogBase& log);
 
   OsFile m_target;
+  OsFile m_root;  // where absolute paths start, with Links::Anywhere
   Links m_links = Links::None;
   bool m_partByPart = false;
   int m_lastError = 0;
+  bool m_notesParents = false;
+  std::vector<Identity> m_newParents;
   bool m_hasProtected = false;
   unsigned long long m_protectedDevice = 0, m_protectedInode = 0;
 };

@@ -16,6 +16,8 @@ namespace morvane {
 
 namespace {
 
+constexpr size_t kLongestLink = 1 << 20;  // no system has longer ones
+
 constexpr int kOpenSource = O_RDONLY | O_NONBLOCK | O_NOCTTY;
 
 // Calls system(directory, rest) for a path. A path that the kernel would refuse for its length is walked down
@@ -83,6 +85,14 @@ int OsFile::setBlocking() const {
 
 long long OsFile::seek(long long offset, int whence) const { return ::lseek(m_fd, offset, whence); }
 
+int OsFile::setLength(long long length) const {
+  int result;
+  do {
+    result = ::ftruncate(m_fd, length);
+  } while (result != 0 && errno == EINTR);
+  return result;
+}
+
 int osOpen(const char* path, int flags, mode_t mode) {
   int fd;
   do {
@@ -116,6 +126,18 @@ int osStatus(const char* path, struct stat& out, bool followLinks) {
   return onPath(path, [&](int directory, const char* rest) {
     return fstatat(directory, rest, &out, followLinks ? 0 : AT_SYMLINK_NOFOLLOW);
   });
+}
+
+int osReadLink(int directory, const char* name, std::string& text) {
+  for (text.resize(256); text.size() <= kLongestLink; text.resize(text.size() * 4)) {
+    const ssize_t length = ::readlinkat(directory, name, &text[0], text.size());
+    if (length < 0) return errno;
+    if (static_cast<size_t>(length) < text.size()) {
+      text.resize(static_cast<size_t>(length));
+      return 0;
+    }
+  }
+  return ENAMETOOLONG;
 }
 
 int osMakeDirectory(const char* path, mode_t mode) {

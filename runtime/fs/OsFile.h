@@ -9,6 +9,7 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <string>
 
 #include "runtime/base/Export.h"
 
@@ -42,6 +43,7 @@ class MORVANE_API OsFile {
   // Makes reads and writes wait again after an open that must not.
   int setBlocking() const;
   long long seek(long long offset, int whence) const;
+  int setLength(long long length) const;
 
  private:
   int m_fd;
@@ -59,6 +61,8 @@ int osOpenSource(const char* path);
 int osOpenSource(int directory, const char* name);
 int osStatus(const char* path, struct stat& out, bool followLinks);
 int osMakeDirectory(const char* path, mode_t mode);
+// The text of a symbolic link in an open directory, of any length. 0, or an errno.
+int osReadLink(int directory, const char* name, std::string& text);
 int osSetTimes(const char* path, const timespec& access, const timespec& modification);
 
 // Whether a text can be a path at all. One with a NUL cannot: the system would take it to end there, and so

@@ -33,6 +33,8 @@ int findInFile(passwd& entry, std::vector<char>& buffer, passwd*& found) {
 
 long long Psdk::getCurrentUnixTime() { return std::time(nullptr); }
 
+bool Psdk::isSuperuser() { return geteuid() == 0; }
+
 unsigned Psdk::getTickCount() { return millisecondTicks(); }
 
 int Psdk::getUsername(StringBuffer& out) {

@@ -10,6 +10,7 @@ class StringBuffer;
 struct MORVANE_API Psdk {
   static long long getCurrentUnixTime();
   static unsigned getTickCount();  // milliseconds, for measuring spans
+  static bool isSuperuser();
   // The name of the effective user; empty when the user has none. The result is 0, or the errno of a user
   // database that could not be read.
   static int getUsername(StringBuffer& out);

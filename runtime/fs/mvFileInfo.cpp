@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 
 #include <cerrno>
 
@@ -23,6 +24,7 @@ void mvFileInfo::setFromStatus(const struct stat& status) {
   m_isSymbolicLink = S_ISLNK(status.st_mode);
   m_isRegularFile = S_ISREG(status.st_mode);
   m_isDirectory = S_ISDIR(status.st_mode);
+  m_isSocket = S_ISSOCK(status.st_mode);
   m_size = S_ISREG(status.st_mode) ? status.st_size : 0;
   m_linkCount = status.st_nlink;
   m_lastModified = timeOf(status.st_mtim);
@@ -30,6 +32,13 @@ void mvFileInfo::setFromStatus(const struct stat& status) {
   m_creation = timeOf(status.st_ctim);
   m_device = status.st_dev;
   m_inode = status.st_ino;
+  m_mode = status.st_mode;
+  m_uid = status.st_uid;
+  m_gid = status.st_gid;
+  m_deviceMajor = major(status.st_rdev);
+  m_deviceMinor = minor(status.st_rdev);
+  constexpr long long kStatusBlock = 512;  // whatever the file system's own blocks are
+  m_storedSize = status.st_blocks * kStatusBlock;
 }
 
 bool mvFileInfo::loadFileInfoUtf8(const char* path, LogBase& log) { return load(path, false, log); }

@@ -16,6 +16,7 @@ struct MORVANE_API mvFileInfo {
   bool m_isDirectory = false;
   bool m_isSymbolicLink = false;
   bool m_isRegularFile = false;
+  bool m_isSocket = false;
   unsigned long long m_linkCount = 1;
   long long m_size = 0;
   MorvaneFileTime m_lastModified;
@@ -24,6 +25,10 @@ struct MORVANE_API mvFileInfo {
       m_creation;  // Linux keeps none that is portable; the time of the last status change stands in
   unsigned long long m_device = 0;
   unsigned long long m_inode = 0;
+  unsigned m_mode = 0;  // all bits, the type among them (S_IFMT)
+  unsigned m_uid = 0, m_gid = 0;
+  unsigned m_deviceMajor = 0, m_deviceMinor = 0;  // of a device itself
+  long long m_storedSize = 0;                     // bytes that the data take on the disk; fewer with holes
 
   // False, with the reason in the log, if the path cannot be examined.
   bool loadFileInfoUtf8(const char* path, LogBase& log);

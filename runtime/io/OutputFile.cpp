@@ -121,6 +121,11 @@ void OutputFile::failWith(int error) {
   m_dropping = m_dropsAfterOwnFailure && (error == EIO || error == EFBIG || error == EDQUOT);
 }
 
+void OutputFile::failAlone() {
+  m_failed = true;
+  m_dropping = m_dropsAfterOwnFailure;
+}
+
 bool OutputFile::getFileInfo(mvFileInfo& info) const {
   struct stat status;
   if (!m_file.isOpen() || m_file.status(status) != 0) return false;
@@ -147,6 +152,25 @@ bool OutputFile::closeHandle(LogBase* log, ProgressMonitor* pm) {
     logOsError(to, "Failed to close file.", m_path.c_str(), error);
   }
   return !m_failed;
+}
+
+bool OutputFile::passHole(long long n, ProgressMonitor* pm, LogBase& log) {
+  if (!flush(pm, log)) return m_dropping;
+  m_bytesWritten += n;
+  return m_file.seek(n, SEEK_CUR) >= 0 || failToShape("Failed to move on in the file.", log);
+}
+
+bool OutputFile::setLength(long long length, ProgressMonitor* pm, LogBase& log) {
+  if (!flush(pm, log)) return m_dropping;
+  return m_file.setLength(length) == 0 || failToShape("Failed to give the file its length.", log);
+}
+
+// What a file system cannot hold of one file's length is no reason to lose the others.
+bool OutputFile::failToShape(const char* message, LogBase& log) {
+  const int error = errno;
+  failWith(error == EINVAL ? EFBIG : error);
+  logOsError(log, message, m_path.c_str(), error);
+  return m_dropping;
 }
 
 bool OutputFile::setFileTimeUtc(const MorvaneFileTime& modification, LogBase* log) {

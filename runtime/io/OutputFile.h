@@ -42,12 +42,22 @@ class MORVANE_API OutputFile : public _mvOutput {
   // its owner's quota) is said, and what comes behind it is accepted and dropped: whoever copies into the
   // file gets past its data. The file has failed all the same, which closeHandle tells.
   void dropAfterOwnFailure() { m_dropsAfterOwnFailure = true; }
+  // Makes it fail so, for a reason that the caller has said: what it is given makes no sense.
+  void failAlone();
   // Whether a failure was of that kind, and was borne.
   bool hasFailedAlone() const { return m_failed && m_dropping; }
 
   // Bytes accepted so far.
   long long ftell64() override { return m_bytesWritten; }
   bool announceOutputFinished(LogBase& log) override { return flush(nullptr, log); }
+
+  // Moves on past bytes that are to be a hole / gives the file its length, behind the last byte. What is
+  // buffered is flushed first.
+  [[nodiscard]] bool passHole(long long n, ProgressMonitor* pm, LogBase& log);
+  [[nodiscard]] bool setLength(long long length, ProgressMonitor* pm, LogBase& log);
+
+  // For what is set through the open file. -1 when it is closed.
+  int descriptor() const { return m_file.fd(); }
 
   // The identity of the open file; false when there is none to tell.
   bool getFileInfo(mvFileInfo& info) const;
@@ -70,6 +80,7 @@ class MORVANE_API OutputFile : public _mvOutput {
   OutputFile(OsFile file, const char* path) : m_file(std::move(file)), m_path(path) {}
   bool writeThrough(const char* bytes, size_t n, ProgressMonitor* pm, LogBase& log);
   void failWith(int error);
+  bool failToShape(const char* message, LogBase& log);
   bool makeBuffer(unsigned capacity);
   bool setTimes(const timespec& access, const timespec& modification, LogBase& log);
 

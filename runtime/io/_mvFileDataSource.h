@@ -27,6 +27,8 @@ class MORVANE_API _mvFileDataSource : public _mvDataSource {
   // ends where the file ends when its reading begins, however fast it grows.
   void adoptForCopy(OsFile file, const char* path, long long sizeSeen);
   void close() { m_file.close(); }
+  // For what is asked of the open file itself. -1 when it is closed.
+  int descriptor() const { return m_file.fd(); }
 
   // The bytes handed out since it was adopted, also where there is no position to tell; the position
   // elsewhere.

@@ -20,6 +20,9 @@ struct TarMemberInfo {
   unsigned mode = 0;             // permission bits
   unsigned uid = 0;
   unsigned gid = 0;
+  unsigned mtimeNanoseconds = 0;              // with FullRead; count forward from mtime
+  unsigned deviceMajor = 0, deviceMinor = 0;  // with FullRead, of devices
+  long long realSize = 0;  // of the file that the member is: with Restore=sparse, holes included; else `size`
 };
 
 }  // namespace morvane

@@ -124,7 +124,9 @@ bool ClsTar::expandTarBz2(_mvDataSource& source, ProgressMonitor* pm, LogBase& l
   }
   m_stream->beginUnframed();
   protectArchive(log);
-  return bzip2.DecompressStream(metered, limited, log, pm) && !m_stream->anyLeftOut();
+  const bool expanded = bzip2.DecompressStream(metered, limited, log, pm);
+  m_stream->endUnframed(pm, log);
+  return expanded && !m_stream->anyLeftOut();
 }
 
 bool ClsTar::expandTarZ(_mvDataSource& source, ProgressMonitor* pm, LogBase& log) {

@@ -99,8 +99,8 @@ bool ClsTar::extractToFile(_mvDataSource& source, const XString& path, const Mor
                            const MorvaneFileTime* access, const MorvaneFileTime* modification, long long size,
                            char* buffer, unsigned int bufferSize, LogBase& log, ProgressMonitor* pm) {
   const StepGuard step(*this);
-  return step && morvane::extractToFile(source, path, nullptr, {creation, access, modification, false}, size,
-                                        buffer, bufferSize, Io(log, pm))
+  return step && extractToNewFile(source, path, {creation, access, modification, false}, size, buffer,
+                                  bufferSize, Io(log, pm))
                      .isWhole;
 }
 

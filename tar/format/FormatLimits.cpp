@@ -43,6 +43,23 @@ const char* whyNotInUstar(const Member& member) {
   return nullptr;
 }
 
+// As GNU tar names them, so that readers which know nothing of holes keep the pieces apart from other files.
+std::string sparseStandIn(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  const size_t last = slash == std::string::npos ? 0 : slash + 1;
+  return path.substr(0, last) + "GNUSparseFile.0/" + path.substr(last);
+}
+
+// Last of all, because a reader that ends records at newlines would take a value that holds some for records.
+void addAttributes(const Member& member, std::string& records) {
+  if (!member.accessList.empty()) appendPaxRecord("SCHILY.acl.access", member.accessList, records);
+  if (!member.defaultAccessList.empty())
+    appendPaxRecord("SCHILY.acl.default", member.defaultAccessList, records);
+  for (const MemberAttribute& attribute : member.attributes) {
+    appendPaxRecord("SCHILY.xattr." + attribute.name, attribute.value, records);
+  }
+}
+
 // Everything that the block cannot hold exactly, as pax records.
 std::string paxRecordsFor(const Member& member, bool pathNeedsPax, const FormatRules& rules) {
   std::string records;
@@ -58,6 +75,13 @@ std::string paxRecordsFor(const Member& member, bool pathNeedsPax, const FormatR
   if (member.mtime.nanoseconds != 0 || !hasOctalForm(kMtimeField, member.mtime.seconds)) {
     add("mtime", paxTimeText(member.mtime));
   }
+  if (member.sparse.isSparse()) {
+    add("GNU.sparse.major", "1");
+    add("GNU.sparse.minor", "0");
+    add("GNU.sparse.name", member.path);
+    add("GNU.sparse.realsize", std::to_string(member.sparse.realSize()));
+  }
+  addAttributes(member, records);
   return records;
 }
 
@@ -69,8 +93,10 @@ MemberEncoding encodingOf(const Member& member, WriteFormat format, const Format
   const size_t length = member.path.size();
   const bool isLong = length > kLongestNameInBlock;
   if (format == WriteFormat::Pax) {
-    encoding.pathNeedsPax = isLong;
-    encoding.paxRecords = paxRecordsFor(member, isLong, rules);
+    if (member.sparse.isSparse()) encoding.name = encoding.standIn = sparseStandIn(member.path);
+    // A sparse member's own name is in a record in any case.
+    encoding.pathNeedsPax = isLong && encoding.standIn.empty();
+    encoding.paxRecords = paxRecordsFor(member, encoding.pathNeedsPax, rules);
     return encoding;
   }
   if (format == WriteFormat::Ustar) {

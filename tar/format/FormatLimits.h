@@ -29,6 +29,7 @@ struct MemberEncoding {
   bool needsLongName = false;     // GNU's record for the path, in any format but pax
   bool needsLongLink = false;     // and for the link
   bool pathNeedsPax = false;
+  std::string standIn;     // the name of a sparse member in pax, by which readers know it
   std::string paxRecords;  // data of the pax record; empty: none is needed
 };
 

@@ -186,19 +186,86 @@ bool FullExtensions::takePaxRecord(std::string_view keyword, std::string_view va
     to.size = parseCount(value);
     return to.size || value.empty() || malformed(log, "A PAX size is no number.", value);
   }
+  // What is left is about one member alone, whatever a global record says.
+  if (global || takeAttribute(keyword, value, to)) return true;
+  constexpr std::string_view kSparse = "GNU.sparse.";
+  if (m_spreads && keyword.substr(0, kSparse.size()) == kSparse) {
+    takeSparseRecord(keyword.substr(kSparse.size()), value, to);
+  }
   return true;
 }
 
-void FullExtensions::complete(TarHeader& member) {
-  if (m_hasGlobal) apply(m_global, m_next.takenBack, member);
+// The forms that GNU tar, bsdtar and star have in common.
+bool FullExtensions::takeAttribute(std::string_view keyword, std::string_view value, Attributes& to) {
+  constexpr std::string_view kXattr = "SCHILY.xattr.";
+  if (keyword.substr(0, kXattr.size()) == kXattr) {
+    to.attributes.push_back({std::string(keyword.substr(kXattr.size())), std::string(value)});
+    return true;
+  }
+  if (keyword == "SCHILY.acl.access") {
+    to.accessList = value;
+  } else if (keyword == "SCHILY.acl.default") {
+    to.defaultAccessList = value;
+  } else {
+    return false;
+  }
+  return true;
+}
+
+void FullExtensions::takeSparseRecord(std::string_view keyword, std::string_view value, Attributes& to) {
+  const std::optional<long long> count = parseCount(value);
+  if (keyword == "name") {
+    to.sparseName = std::string(value);
+  } else if (keyword == "map") {
+    to.sparseList = std::string(value);
+  } else if (keyword == "size" || keyword == "realsize") {
+    to.sparseSize = count;
+    to.sparseIsWrong |= !count;
+  } else if (keyword == "major") {
+    to.sparseMapIsInData = value == "1";
+  } else if (keyword == "offset") {
+    to.sparseOffset = count;
+    to.sparseIsWrong |= !count;
+  } else if (keyword == "numbytes") {
+    const bool fits = static_cast<long long>(to.sparseRanges.size()) < SparseMap::kMostRanges;
+    to.sparseIsWrong |= !count || !to.sparseOffset || !fits;
+    if (!to.sparseIsWrong) to.sparseRanges.push_back({*to.sparseOffset, *count});
+    to.sparseOffset.reset();
+  }
+}
+
+void FullExtensions::complete(TarHeader& header, Member& member) {
+  if (m_hasGlobal) apply(m_global, m_next.takenBack, header);
   if (m_hasNext) {
-    apply(m_next, 0, member);
+    apply(m_next, 0, header);
+    member.attributes = std::move(m_next.attributes);
+    member.accessList = std::move(m_next.accessList);
+    member.defaultAccessList = std::move(m_next.defaultAccessList);
+    if (m_next.sparseSize || m_next.sparseIsWrong) spread(header, member);
     forgetNext();
   }
   // As other tars do: before ustar, a directory was an empty file whose name ends in a slash.
-  const bool regular = member.m_typeFlag == kTypeRegular || member.m_typeFlag == kTypeOldRegular;
-  const std::string& path = member.m_path.str();
-  if (regular) member.m_isDirectory = member.m_size == 0 && !path.empty() && path.back() == '/';
+  const bool regular = header.m_typeFlag == kTypeRegular || header.m_typeFlag == kTypeOldRegular;
+  const std::string& path = header.m_path.str();
+  if (regular) header.m_isDirectory = header.m_size == 0 && !path.empty() && path.back() == '/';
+}
+
+void FullExtensions::spread(TarHeader& header, Member& member) {
+  if (m_next.sparseName && !m_next.sparseName->empty()) {
+    header.setWholePath(m_next.sparseName->data(), static_cast<unsigned>(m_next.sparseName->size()));
+  }
+  member.sparseIsWrong = m_next.sparseIsWrong;
+  if (member.sparseIsWrong) return;
+  if (m_next.sparseMapIsInData) {
+    member.sparse.beginInData(*m_next.sparseSize);
+    return;
+  }
+  member.sparse.begin(*m_next.sparseSize);
+  bool ok = true;
+  for (const SparseRange& range : m_next.sparseRanges)
+    ok = ok && member.sparse.add(range.offset, range.length);
+  if (m_next.sparseList) ok = ok && member.sparse.addList(*m_next.sparseList);
+  member.sparseIsWrong = !ok;
 }
 
 void FullExtensions::apply(const Attributes& attributes, unsigned except, TarHeader& member) {

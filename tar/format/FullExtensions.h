@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-#include "tar/format/TarHeader.h"
+#include "tar/format/Member.h"
 
 namespace morvane {
 
@@ -25,14 +25,17 @@ class FullExtensions {
   // here.
   static bool isPassedOver(char typeFlag);
 
+  // `spreads`: records about holes are understood, so that a member takes its real name and size from them.
+  explicit FullExtensions(bool spreads) : m_spreads(spreads) {}
+
   void clear();
   // Takes the data of a record. False, with the reason in the log, if they make no sense.
   bool take(char typeFlag, std::string_view data, LogBase& log);
   // Forgets the records meant for the next member alone: what followed them was none.
   void forgetNext();
-  // Puts what the records say into the member's parsed header, and forgets those that were meant for it
-  // alone.
-  void complete(TarHeader& member);
+  // Puts what the records say into the member's parsed header, and what a header has no place for into the
+  // member itself; forgets those that were meant for it alone.
+  void complete(TarHeader& header, Member& member);
 
  private:
   struct Attributes {
@@ -40,13 +43,23 @@ class FullExtensions {
     std::optional<unsigned> uid, gid;
     std::optional<long long> size;
     std::optional<TarTime> mtime, atime, ctime;
+    std::optional<std::string> sparseName, sparseList;
+    std::optional<long long> sparseSize, sparseOffset;
+    std::vector<SparseRange> sparseRanges;  // in the form of repeated records
+    bool sparseMapIsInData = false, sparseIsWrong = false;
+    std::vector<MemberAttribute> attributes;
+    std::string accessList, defaultAccessList;
     unsigned takenBack = 0;  // PaxField bits: an empty value undoes a global record too
   };
 
   bool takePaxRecords(std::string_view data, bool global, LogBase& log);
   bool takePaxRecord(std::string_view keyword, std::string_view value, bool global, LogBase& log);
+  static void takeSparseRecord(std::string_view keyword, std::string_view value, Attributes& to);
+  static bool takeAttribute(std::string_view keyword, std::string_view value, Attributes& to);
+  void spread(TarHeader& header, Member& member);
   static void apply(const Attributes& attributes, unsigned except, TarHeader& member);
 
+  const bool m_spreads;
   Attributes m_global;
   Attributes m_next;
   // Most members have no records: they are spared looking through what there could be.

@@ -5,10 +5,18 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
+#include "tar/format/SparseMap.h"
+#include "tar/format/TarBlock.h"
 #include "tar/format/TarHeader.h"
 
 namespace morvane {
+
+// An extended attribute: its name as the system has it ("user.comment"), and any bytes.
+struct MemberAttribute {
+  std::string name, value;
+};
 
 struct Member {
   char typeFlag = '0';
@@ -24,6 +32,10 @@ struct Member {
   long long listedMtime = 0;     // Unix seconds as a listing shows them: never brought into 32 bits
   long long headerPosition = 0;  // byte offset in the tar stream of the member's own header block
   bool sparseMapGoesOn = false;  // blocks of a GNU sparse map come before the data
+  SparseMap sparse;              // of a member whose stored bytes are to be spread
+  bool sparseIsWrong = false;    // it has a map, and that makes no sense
+  std::vector<MemberAttribute> attributes;
+  std::string accessList, defaultAccessList;  // POSIX access lists as text; empty: none
 
   // Takes a header's values as it has them by itself, and copies of its texts; or exchanges texts with it, so
   // that the memory of both is used again. The header's own are then of no use before its next parse.
@@ -32,6 +44,12 @@ struct Member {
 
   // A directory has no data to extract, whatever its header states.
   long long dataSize() const { return isDirectory ? 0 : size; }
+  // The size of the file that it is, holes included.
+  long long realSize() const { return sparse.isSparse() ? sparse.realSize() : dataSize(); }
+  bool isSymbolicLink() const { return typeFlag == kTypeSymbolicLink; }
+  bool isHardLink() const { return typeFlag == kTypeHardLink; }
+  bool isDevice() const { return typeFlag == kTypeCharacterDevice || typeFlag == kTypeBlockDevice; }
+  bool isSpecial() const { return typeFlag == kTypeFifo || isDevice(); }
 
  private:
   void takeNumbers(const TarHeader& header);

@@ -4,6 +4,7 @@
 #include "tar/format/FullExtensions.h"
 #include "tar/format/PaxRecords.h"
 #include "tar/format/TarBlock.h"
+#include "tar/format/TarNumber.h"
 
 namespace morvane {
 
@@ -14,7 +15,7 @@ constexpr long long kLongestLenientRecord = 100000;
 
 class LenientReader : public MemberReader {
  public:
-  LenientReader() : MemberReader(false) {}
+  explicit LenientReader(Demand demand) : MemberReader(demand) {}
 
   bool takeBlock(const unsigned char* block, Found& found, LogBase& log) override {
     bool endOfArchive = false;
@@ -70,7 +71,7 @@ class LenientReader : public MemberReader {
 
 class FullReader : public MemberReader {
  public:
-  FullReader() : MemberReader(true) {}
+  explicit FullReader(Demand demand) : MemberReader(demand), m_extensions(demand.spreads) {}
 
   bool takeBlock(const unsigned char* block, Found& found, LogBase& log) override {
     bool endOfArchive = false;
@@ -82,8 +83,24 @@ class FullReader : public MemberReader {
             : FullExtensions::isPassedOver(typeFlag) ? Found::PassedOver
                                                      : Found::Member;
     if (found == Found::PassedOver) m_extensions.forgetNext();
-    if (found == Found::Member) m_extensions.complete(m_header);
+    m_found.sparse.clear();
+    m_found.sparseIsWrong = false;
+    m_found.attributes.clear();
+    m_found.accessList.clear();
+    m_found.defaultAccessList.clear();
+    if (found == Found::Member) {
+      if (const NumberField mtime = parseNumber(block, kMtimeField);
+          mtime.state == NumberField::State::Negative) {
+        m_header.m_exactMtime.seconds = parseNegative(block, kMtimeField);
+      }
+      m_extensions.complete(m_header, m_found);
+      m_found.deviceMajor = parseNumber(block, kDevMajorField).as32();
+      m_found.deviceMinor = parseNumber(block, kDevMinorField).as32();
+    }
     m_found.exchangeHeader(m_header);
+    if (found == Found::Member && demand().spreads && typeFlag == kTypeSparse) {
+      m_found.sparseIsWrong = !m_found.sparse.takeHeaderBlock(block);
+    }
     return true;
   }
 
@@ -115,9 +132,16 @@ class FullReader : public MemberReader {
 
 MemberReader::~MemberReader() = default;
 
-std::unique_ptr<MemberReader> MemberReader::make(bool full) {
-  if (full) return std::make_unique<FullReader>();
-  return std::make_unique<LenientReader>();
+std::unique_ptr<MemberReader> MemberReader::make(Demand demand) {
+  if (demand.full) return std::make_unique<FullReader>(demand);
+  return std::make_unique<LenientReader>(demand);
+}
+
+bool MemberReader::takeSparseBlock(const unsigned char* block) {
+  if (m_found.sparse.isSparse() && !m_found.sparse.addOldEntries(block, SparseMap::kEntriesInBlock)) {
+    m_found.sparseIsWrong = true;
+  }
+  return block[kSparseGoesOnInMap] != 0;
 }
 
 }  // namespace morvane

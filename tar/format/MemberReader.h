@@ -25,11 +25,20 @@ class MemberReader {
     End,         // nothing: the archive ends here
   };
 
-  static std::unique_ptr<MemberReader> make(bool full);
-  explicit MemberReader(bool full) : m_isFull(full) {}
+  // What a reader has to look for. `spreads`: maps of sparse members are read (only where full), so that
+  // their bytes can be put where they belong.
+  struct Demand {
+    bool full = false;
+    bool spreads = false;
+    bool operator==(const Demand& other) const { return full == other.full && spreads == other.spreads; }
+  };
+
+  static std::unique_ptr<MemberReader> make(Demand demand);
+  explicit MemberReader(Demand demand) : m_demand(demand) {}
   virtual ~MemberReader();
 
-  bool isFull() const { return m_isFull; }
+  bool isFull() const { return m_demand.full; }
+  const Demand& demand() const { return m_demand; }
 
   // Takes the next header block. False, with the reason in the log, if it is no valid one. A member has what
   // the records before said of it.
@@ -45,6 +54,10 @@ class MemberReader {
   virtual const char* recordName() const = 0;
   [[nodiscard]] virtual bool acceptsRecordSize(long long size, long long most, LogBase& log) const = 0;
 
+  // A further block of the map of a sparse member of GNU's form, which stands between header and data and is
+  // counted in no size. True when yet another one comes.
+  bool takeSparseBlock(const unsigned char* block);
+
   // What was found last, records included. It may be changed, and its texts moved away, until the next block.
   Member& found() { return m_found; }
   // The texts of the last block as the log shows them; empty for a block that was merged.
@@ -54,7 +67,7 @@ class MemberReader {
   Member m_found;
 
  private:
-  const bool m_isFull;
+  const Demand m_demand;
 };
 
 }  // namespace morvane

@@ -124,6 +124,16 @@ NumberField parseNumber(const unsigned char* block, Field field) {
   return *at & 0x80 ? parseBase256(at, field.width) : parseOctal(at, field.width);
 }
 
+long long parseNegative(const unsigned char* block, Field field) {
+  unsigned long long value = ~0ull;
+  for (unsigned i = 0; i < field.width; ++i) {
+    // Of the first byte bit 7 is the marker, which stands for the sign that bit 6 has.
+    const unsigned char byte = block[field.offset + i];
+    value = value << 8 | (i == 0 ? byte | 0x80u : byte);
+  }
+  return static_cast<long long>(value);
+}
+
 bool hasValidChecksum(const unsigned char* block) {
   const unsigned long long stored = parseNumber(block, kChecksumField).value;
   const unsigned sum = headerChecksum(block);

@@ -41,6 +41,9 @@ struct NumberField {
 // marker is.
 NumberField parseNumber(const unsigned char* block, Field field);
 
+// The value of a field whose state is Negative: base-256 in two's complement, at least -2^63.
+long long parseNegative(const unsigned char* block, Field field);
+
 // Whether the stored checksum is that of the block: the unsigned sum, or the signed one that old writers
 // made.
 bool hasValidChecksum(const unsigned char* block);

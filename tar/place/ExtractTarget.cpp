@@ -11,6 +11,24 @@ namespace morvane {
 
 namespace {
 
+// What is restored goes through the confined directory also where members may lie anywhere, because there
+// everything is made exclusively.
+bool isConfined(const TarOptions& options) {
+  return options.confine != Confine::Off || options.restore.any();
+}
+
+ConfinedDir::Links linksOf(Confine confine) {
+  switch (confine) {
+    case Confine::Beneath:
+      return ConfinedDir::Links::InsideTarget;
+    case Confine::NoLinks:
+      return ConfinedDir::Links::None;
+    case Confine::Off:
+      break;
+  }
+  return ConfinedDir::Links::Anywhere;
+}
+
 constexpr char kCannotOpenTarget[] = "Failed to open the target directory.";
 
 }  // namespace
@@ -25,14 +43,16 @@ void ExtractTarget::reset() {
   m_hasArchive = false;
 }
 
-bool ExtractTarget::openConfined(const XString& dir, Confine how, LogBase& log) {
+bool ExtractTarget::openConfined(const MemberPath& path, const ReadSettings& settings, LogBase& log) {
+  const XString& dir = path.targetDir();
+  const ConfinedDir::Links how = linksOf(settings.options.confine);
   if (m_confined.isOpen() && how == m_confinedHow && m_confinedDir.str() == dir.str()) return true;
   m_confined = ConfinedDir();
   if (m_hasArchive) m_confined.protect(m_archive);
+  m_confined.noteNewParents(settings.options.restore.any());
   m_confinedHow = how;
   m_confinedDir = dir;
-  const auto links = how == Confine::Beneath ? ConfinedDir::Links::InsideTarget : ConfinedDir::Links::None;
-  return m_confined.open(dir.isEmpty() ? "." : dir.getUtf8(), links, log);
+  return m_confined.open(dir.isEmpty() ? "." : dir.getUtf8(), how, log);
 }
 
 ExtractTarget::Outcome ExtractTarget::outcomeOf(ConfinedDir::Result result) {
@@ -62,29 +82,58 @@ ExtractTarget::Outcome ExtractTarget::judge(const MemberPath& path, LogBase& log
 }
 
 ExtractTarget::Outcome ExtractTarget::createFile(const MemberPath& path, const ReadSettings& settings,
-                                                 const char* creatingTag, LogBase& log,
+                                                 unsigned mode, const char* creatingTag, LogBase& log,
                                                  std::unique_ptr<OutputFile>& file) {
   Outcome outcome = judge(path, log);
   if (outcome != Outcome::Ok) return outcome;
   const char* const tag = log.verbose() ? creatingTag : nullptr;
-  outcome = settings.options.confine == Confine::Off
-                ? createPlain(path, tag, log, file)
-                : createConfined(path, settings.options.confine, tag, log, file);
+  outcome = isConfined(settings.options) ? createConfined(path, settings, mode, tag, log, file)
+                                         : createPlain(path, tag, log, file);
   if (file && settings.options.skipUncreatable) file->dropAfterOwnFailure();
   return outcome;
 }
 
-ExtractTarget::Outcome ExtractTarget::createConfined(const MemberPath& path, Confine how,
-                                                     const char* creatingTag, LogBase& log,
+ExtractTarget::Outcome ExtractTarget::createConfined(const MemberPath& path, const ReadSettings& settings,
+                                                     unsigned mode, const char* creatingTag, LogBase& log,
                                                      std::unique_ptr<OutputFile>& file) {
-  if (!openConfined(path.targetDir(), how, log)) return Outcome::NoTarget;
+  if (!openConfined(path, settings, log)) return Outcome::NoTarget;
   if (creatingTag) log.LogDataX(creatingTag, path.outputPath());
   OsFile created;
-  const Outcome outcome = outcomeOf(m_confined.createFile(path.entryPath().str(), created, log));
+  const Outcome outcome = outcomeOf(m_confined.createFile(path.entryPath().str(), mode, created, log));
   if (outcome != Outcome::Ok) return outcome;
   file.reset(OutputFile::adopt(std::move(created), path.outputPath().getUtf8()));
   if (!file) throw std::bad_alloc();
   return Outcome::Ok;
+}
+
+ExtractTarget::Outcome ExtractTarget::makeSymbolicLink(const MemberPath& path, const ReadSettings& settings,
+                                                       const std::string& text, OsFile& made, LogBase& log) {
+  const Outcome judged = judge(path, log);
+  if (judged != Outcome::Ok) return judged;
+  if (!openConfined(path, settings, log)) return Outcome::NoTarget;
+  return outcomeOf(m_confined.makeSymbolicLink(path.entryPath().str(), text, made, log));
+}
+
+ExtractTarget::Outcome ExtractTarget::makeNode(const MemberPath& path, const ReadSettings& settings,
+                                               unsigned mode, unsigned long long device, OsFile& made,
+                                               LogBase& log) {
+  const Outcome judged = judge(path, log);
+  if (judged != Outcome::Ok) return judged;
+  if (!openConfined(path, settings, log)) return Outcome::NoTarget;
+  return outcomeOf(m_confined.makeNode(path.entryPath().str(), mode, device, made, log));
+}
+
+ExtractTarget::Outcome ExtractTarget::makeHardLink(const MemberPath& path, const ReadSettings& settings,
+                                                   const std::string& target, ConfinedDir::Linked& linked,
+                                                   LogBase& log) {
+  const Outcome judged = judge(path, log);
+  if (judged != Outcome::Ok) return judged;
+  if (!openConfined(path, settings, log)) return Outcome::NoTarget;
+  linked = m_confined.makeHardLink(path.entryPath().str(), target, log);
+  if (linked == ConfinedDir::Linked::Refused) return Outcome::Refused;
+  if (linked != ConfinedDir::Linked::Failed) return Outcome::Ok;
+  m_lastError = m_confined.lastError();
+  return Outcome::NotCreated;
 }
 
 ExtractTarget::Outcome ExtractTarget::createPlain(const MemberPath& path, const char* creatingTag,
@@ -108,12 +157,13 @@ ExtractTarget::Outcome ExtractTarget::createPlain(const MemberPath& path, const 
 }
 
 ExtractTarget::Outcome ExtractTarget::makeDirectory(const MemberPath& path, const ReadSettings& settings,
+                                                    unsigned mode, ConfinedDir::MadeDirectory& made,
                                                     LogBase& log) {
   const Outcome judged = judge(path, log);
   if (judged != Outcome::Ok) return judged;
-  if (settings.options.confine != Confine::Off) {
-    if (!openConfined(path.targetDir(), settings.options.confine, log)) return Outcome::NoTarget;
-    return outcomeOf(m_confined.makeDirectory(path.entryPath().str(), log));
+  if (isConfined(settings.options)) {
+    if (!openConfined(path, settings, log)) return Outcome::NoTarget;
+    return outcomeOf(m_confined.makeDirectory(path.entryPath().str(), mode, made, log));
   }
   const char* const outputPath = path.outputPath().getUtf8();
   if (*outputPath == '\0') return Outcome::Ok;  // where the process stands

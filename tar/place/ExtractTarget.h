@@ -20,6 +20,7 @@ class ExtractTarget {
     Ok,
     Refused,     // the path leaves the target, or what stands in the way may not be removed
     TooLong,     // said in the log
+    Unusable,    // what the archive says of the member makes no sense here: said in the log
     NoTarget,    // the target itself cannot be opened or made
     NoParent,    // a directory above the member cannot be made
     NotCreated,  // the member itself cannot be made; tellNotCreated says why
@@ -32,9 +33,26 @@ class ExtractTarget {
 
   // Makes the missing parents and the empty file. A verbose log says which file is made, under `creatingTag`
   // (null: it does not).
-  Outcome createFile(const MemberPath& path, const ReadSettings& settings, const char* creatingTag,
-                     LogBase& log, std::unique_ptr<OutputFile>& file);
-  Outcome makeDirectory(const MemberPath& path, const ReadSettings& settings, LogBase& log);
+  Outcome createFile(const MemberPath& path, const ReadSettings& settings, unsigned mode,
+                     const char* creatingTag, LogBase& log, std::unique_ptr<OutputFile>& file);
+  Outcome makeDirectory(const MemberPath& path, const ReadSettings& settings, unsigned mode,
+                        ConfinedDir::MadeDirectory& made, LogBase& log);
+
+  // Links and special files are made only through the confined directory, which is opened for them also where
+  // members may lie anywhere.
+  Outcome makeSymbolicLink(const MemberPath& path, const ReadSettings& settings, const std::string& text,
+                           OsFile& made, LogBase& log);
+  Outcome makeNode(const MemberPath& path, const ReadSettings& settings, unsigned mode,
+                   unsigned long long device, OsFile& made, LogBase& log);
+  // `linked` tells what became of it where the outcome is Ok.
+  Outcome makeHardLink(const MemberPath& path, const ReadSettings& settings, const std::string& target,
+                       ConfinedDir::Linked& linked, LogBase& log);
+  // Whether what is to be made at the path lies in another target than what was made last.
+  bool isElsewhere(const MemberPath& path) const {
+    return m_confined.isOpen() && m_confinedDir.str() != path.targetDir().str();
+  }
+  // Null until something was made through it.
+  ConfinedDir* confined() { return m_confined.isOpen() ? &m_confined : nullptr; }
 
   // The system's reason (an errno) why the last member was not created; 0 when it was none of the system's.
   int lastError() const { return m_lastError; }
@@ -42,17 +60,17 @@ class ExtractTarget {
   void tellNotCreated(LogBase& log);
 
  private:
-  bool openConfined(const XString& dir, Confine how, LogBase& log);
+  bool openConfined(const MemberPath& path, const ReadSettings& settings, LogBase& log);
   Outcome judge(const MemberPath& path, LogBase& log);
-  Outcome createConfined(const MemberPath& path, Confine how, const char* creatingTag, LogBase& log,
-                         std::unique_ptr<OutputFile>& file);
+  Outcome createConfined(const MemberPath& path, const ReadSettings& settings, unsigned mode,
+                         const char* creatingTag, LogBase& log, std::unique_ptr<OutputFile>& file);
   Outcome createPlain(const MemberPath& path, const char* creatingTag, LogBase& log,
                       std::unique_ptr<OutputFile>& file);
   Outcome outcomeOf(ConfinedDir::Result result);
 
   ConfinedDir m_confined;
   XString m_confinedDir;
-  Confine m_confinedHow = Confine::Off;
+  ConfinedDir::Links m_confinedHow = ConfinedDir::Links::None;
   int m_lastError = 0;
   std::string m_untoldPath;  // of a file whose creation failed, while the log does not say so
   bool m_hasArchive = false;

@@ -11,13 +11,22 @@ namespace morvane {
 
 void MemberPath::set(const Member& member, const ReadSettings& settings, LogBase& log) {
   // Cut before it is decoded, and decoded without a copy: a name may have many megabytes.
-  std::string& entryPath = m_entryPath.buffer();
-  entryPath.clear();
-  decoder(settings, log)
-      .append(leftOfEntryPath(member.path, settings.untarDiscardPaths, settings.noAbsolutePaths), '\\', '/',
-              entryPath);
+  applyRules(member.path, settings, log, m_entryPath.buffer());
   m_dir = settings.untarFromDir;
   m_hasOutputPath = false;
+}
+
+void MemberPath::applyRules(const std::string& stored, const ReadSettings& settings, LogBase& log,
+                            std::string& path) {
+  path.clear();
+  decoder(settings, log)
+      .append(leftOfEntryPath(stored, settings.untarDiscardPaths, settings.noAbsolutePaths), '\\', '/', path);
+}
+
+std::string MemberPath::targetOf(const std::string& linkPath, const ReadSettings& settings, LogBase& log) {
+  std::string path;
+  applyRules(linkPath, settings, log, path);
+  return path;
 }
 
 void MemberPath::rename(const std::string& path, const ReadSettings& settings) {
@@ -52,6 +61,10 @@ void announceHeader(ProgressEvent& event, const Member& member, const XString& e
   info.mode = member.mode;
   info.uid = member.uid;
   info.gid = member.gid;
+  info.mtimeNanoseconds = member.mtime.nanoseconds;
+  info.deviceMajor = member.deviceMajor;
+  info.deviceMinor = member.deviceMinor;
+  info.realSize = member.sparse.isSparse() ? member.sparse.realSize() : member.size;
   event.onTarHeader(info);
 }
 

@@ -15,6 +15,8 @@ class MemberPath {
  public:
   // Path rules, decoding, and the place below UntarFromDir. An unknown Charset is said once.
   void set(const Member& member, const ReadSettings& settings, LogBase& log);
+  // Where a hard link's target is, by the rules that a member of that path goes by.
+  std::string targetOf(const std::string& linkPath, const ReadSettings& settings, LogBase& log);
   // Puts another path, in UTF-8, in the member's place, by the same rules.
   void rename(const std::string& path, const ReadSettings& settings);
   // The decoder of names, for what else is to be decoded of the same archive.
@@ -31,6 +33,8 @@ class MemberPath {
   const XString& entryPath() const { return m_entryPath; }
 
  private:
+  void applyRules(const std::string& stored, const ReadSettings& settings, LogBase& log, std::string& path);
+
   XString m_entryPath;
   XString m_dir;
   mutable XString m_outputPath;

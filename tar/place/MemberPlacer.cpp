@@ -16,13 +16,6 @@ void tellAndGoOn(const char* what, const MemberPath& path, const Io& io) {
   io.log.forgetCause();
 }
 
-void reportLeftOut(bool refused, const MemberPath& path, const Io& io) {
-  io.log.LogNotice(refused ? "Member refused: its path leaves the target."
-                           : "Member left out: it cannot be created.");
-  io.log.LogDataX("entryPath", path.entryPath());
-  tellAndGoOn(refused ? "refused" : "uncreatable", path, io);
-}
-
 void reportIncomplete(const MemberPath& path, const Io& io) {
   io.log.LogNotice("Member incomplete: it cannot be written.");
   io.log.LogDataX("entryPath", path.entryPath());
@@ -38,8 +31,10 @@ bool isLasting(int error) {
 }  // namespace
 
 void MemberPlacer::beginRun() {
+  releaseTarget();
   m_anyLeftOut = false;
-  m_target.reset();
+  m_links.clear();
+  m_restorer.begin(settings().options);
   m_path = MemberPath();
 }
 
@@ -54,6 +49,14 @@ bool MemberPlacer::isWithinLimits(const Io& io) {
 }
 
 MemberPlacer::Choice MemberPlacer::choose(Member& member, Aim aim, const Io& io) {
+  const Choice choice = chooseByRules(member, aim, io);
+  if (restored().link && aim == Aim::Extract && choice != Choice::Extract) {
+    m_links.noteUnmade(m_path.entryPath().str());
+  }
+  return choice;
+}
+
+MemberPlacer::Choice MemberPlacer::chooseByRules(Member& member, Aim aim, const Io& io) {
   if (settings().filter.excludes(m_path.entryPath().str())) return Choice::FilteredOut;
   if (aim == Aim::OneFile && member.isDirectory) return Choice::Unwanted;
   if (aim == Aim::Look) return Choice::Suppressed;
@@ -94,29 +97,26 @@ MemberPlacer::Choice MemberPlacer::offerForChange(Member& member, Aim aim, const
   if (m_shown.skip || m_shown.path.empty()) return Choice::Skipped;
   takeShown(m_shown, member);
   if (m_shown.path == path) return Choice::Extract;
+  const std::string before = m_path.entryPath().str();
   m_path.rename(m_shown.path, settings());
+  if (restored().link) m_links.noteRenamed(before, m_path.entryPath().str());
   if (m_path.entryPath().isEmpty()) return Choice::Skipped;
   return aim != Aim::Extract || isAllowedDepth(io) ? Choice::Extract : Choice::LimitReached;
-}
-
-ExtractTarget::Outcome MemberPlacer::make(const Member& member, const Io& io,
-                                          std::unique_ptr<OutputFile>& file) {
-  if (!member.isDirectory) {
-    return m_target.createFile(m_path, settings(), m_manner.creatingFileTag, io.log, file);
-  }
-  const bool isDiscarded = settings().untarDiscardPaths && !m_manner.makesDiscardedDirectories;
-  return isDiscarded ? ExtractTarget::Outcome::Ok : m_target.makeDirectory(m_path, settings(), io.log);
 }
 
 Placed MemberPlacer::place(const Member& member, const Io& io) {
   using Outcome = ExtractTarget::Outcome;
   Placed placed;
-  const Outcome outcome = make(member, io, placed.file);
+  if (restored().any() && m_target.isElsewhere(m_path)) finishTarget(io);
+  const Outcome outcome = make(member, io, placed);
+  if (restored().link) {
+    const std::string& path = m_path.entryPath().str();
+    outcome == Outcome::Ok ? m_links.noteMade(path) : m_links.noteUnmade(path);
+  }
   if (outcome == Outcome::Ok) return placed;
   if (goesOnWithout(outcome)) {
     m_target.tellNotCreated(io.log);
-    reportLeftOut(outcome == Outcome::Refused, m_path, io);
-    m_anyLeftOut = true;
+    reportLeftOut(outcome == Outcome::Refused, io);
     placed.result = Placed::Result::LeftOut;
   } else {
     const bool noPlace = outcome == Outcome::NoTarget || outcome == Outcome::NoParent;
@@ -125,11 +125,19 @@ Placed MemberPlacer::place(const Member& member, const Io& io) {
   return placed;
 }
 
+void MemberPlacer::reportLeftOut(bool refused, const Io& io) {
+  io.log.LogNotice(refused ? "Member refused: its path leaves the target."
+                           : "Member left out: it cannot be created.");
+  io.log.LogDataX("entryPath", m_path.entryPath());
+  tellAndGoOn(refused ? "refused" : "uncreatable", m_path, io);
+  m_anyLeftOut = true;
+}
+
 // A refused member is no reason to leave out the others, nor, with SkipUncreatable, one that the target has
 // no place for.
 bool MemberPlacer::goesOnWithout(ExtractTarget::Outcome outcome) const {
   using Outcome = ExtractTarget::Outcome;
-  if (outcome == Outcome::Refused) return true;
+  if (outcome == Outcome::Refused || outcome == Outcome::Unusable) return true;
   if (outcome == Outcome::NoTarget || !settings().options.skipUncreatable) return false;
   return outcome == Outcome::TooLong || !isLasting(m_target.lastError());
 }

@@ -7,8 +7,9 @@
 //   if (placer.choose(member, ..., io) == MemberPlacer::Choice::Extract) {
 //     Placed placed = placer.place(member, io);
 //     ... data into placed.file ...
-//     placer.noteEnd(settleFile(...), io);
+//     placer.noteEnd(placer.settle(member, *placed.out, *placed.file, ...), io);
 //   }
+//   placer.finish(io);
 //
 // The policy of both engines. Each keeps its own order of lines and its own messages: it logs between these
 // steps, which themselves log only what both say. What they do differently on purpose is in Manner.
@@ -16,7 +17,10 @@
 
 #include "runtime/io/Io.h"
 #include "runtime/progress/TarMember.h"
+#include "tar/format/MemberReader.h"
 #include "tar/place/ExtractTarget.h"
+#include "tar/place/LinkTable.h"
+#include "tar/place/MetadataRestorer.h"
 #include "tar/place/RunLimits.h"
 #include "tar/place/SettleFile.h"
 #include "tar/settings/LiveSettings.h"
@@ -34,8 +38,14 @@ struct Placed {
     NotMade,  // the member itself: ExtractTarget::tellNotCreated has the reason, if the log has not
   };
   Result result = Result::Made;
-  std::unique_ptr<OutputFile> file;  // where its data go; null for what has none
+  std::unique_ptr<_mvOutput> out;  // where its data go; null for what takes none
+  OutputFile* file = nullptr;      // the same, or what lies behind it
 };
+
+// What a run with these words asks of its reader.
+inline MemberReader::Demand demandOf(const TarOptions& options) {
+  return {options.fullRead, options.restore.sparse};
+}
 
 class MemberPlacer {
  public:
@@ -51,16 +61,22 @@ class MemberPlacer {
   // The settings are the engine's, which takes them anew at each header; here they are taken anew behind each
   // callback.
   MemberPlacer(LiveSettings<ReadSettings>& live, Manner manner) : m_live(live), m_manner(manner) {}
+  ~MemberPlacer() { finishQuietly(); }
 
   // ---- Of a whole run
 
   // A file that extraction must not replace (with Confine): the archive.
   void protect(const mvFileInfo& archive) { m_target.protect(archive); }
   // Gives up the descriptors of the target directory.
-  void releaseTarget() { m_target.reset(); }
+  void releaseTarget();
   // Forgets what an earlier run counted / what it left out, its names and its target.
   void clearLimits() { m_limits.clear(); }
   void beginRun();
+  // The end of a run, however it ends: links that waited for their targets are made, directories get what
+  // they are to get. What went wrong is said, and counts as left out.
+  void finish(const Io& io);
+  // The same where nobody is to hear of it: behind an exception, or for a run that was given up.
+  void finishQuietly() noexcept;
   // Whether members were left out since.
   bool anyLeftOut() const { return m_anyLeftOut; }
 
@@ -87,6 +103,13 @@ class MemberPlacer {
   Choice choose(Member& member, Aim aim, const Io& io);
   // Makes the member: its missing parents, its directory or its empty file.
   Placed place(const Member& member, const Io& io);
+  // Ends the member's file. `times` are for a run that restores nothing, and then alone.
+  FileEnd settle(const Member& member, _mvOutput& out, OutputFile& file, bool isComplete,
+                 const MemberTimes& times, const Io& io);
+  // Puts in front of an output what spreads the member's bytes, where it is sparse. `file` is the output
+  // again where that is a file.
+  static std::unique_ptr<_mvOutput> spreading(const Member& member, std::unique_ptr<_mvOutput> out,
+                                              OutputFile* file);
   // Takes note of how the member's file ended. False when that ends the run; the reason is in the log.
   [[nodiscard]] bool noteEnd(const FileEnd& end, const Io& io);
 
@@ -96,10 +119,21 @@ class MemberPlacer {
 
  private:
   const ReadSettings& settings() const { return m_live.now(); }
+  Choice chooseByRules(Member& member, Aim aim, const Io& io);
   bool isSkippedByEvent(const Member& member, Aim aim, const Io& io);
   Choice offerForChange(Member& member, Aim aim, const Io& io);
   bool isAllowedDepth(const Io& io) const;
-  ExtractTarget::Outcome make(const Member& member, const Io& io, std::unique_ptr<OutputFile>& file);
+  ExtractTarget::Outcome make(const Member& member, const Io& io, Placed& placed);
+  ExtractTarget::Outcome makeFile(const Member& member, const Io& io, Placed& placed);
+  ExtractTarget::Outcome makeDirectory(const Member& member, const Io& io);
+  ExtractTarget::Outcome makeSymbolicLink(const Member& member, const Io& io);
+  ExtractTarget::Outcome makeHardLink(const Member& member, const Io& io, Placed& placed);
+  ExtractTarget::Outcome makeSpecial(const Member& member, const Io& io);
+  ExtractTarget::Outcome copyTarget(const Member& member, const std::string& target, const Io& io);
+  void makeWaitingLinks(const Io& io);
+  void reportLeftOut(bool refused, const Io& io);
+  void finishTarget(const Io& io);
+  const KeptParts& restored() const { return settings().options.restore; }
   bool goesOnWithout(ExtractTarget::Outcome outcome) const;
 
   LiveSettings<ReadSettings>& m_live;
@@ -107,6 +141,8 @@ class MemberPlacer {
   MemberPath m_path;
   ExtractTarget m_target;
   RunLimits m_limits;
+  MetadataRestorer m_restorer;
+  LinkTable m_links;
   TarMember m_shown;  // the current member, as the event may change it
   bool m_anyLeftOut = false;
 };

@@ -1,12 +1,13 @@
-// The end of a member's file: what is buffered goes to the disk, the times are set, the file is closed, and
-// each of it is looked at.
+// The end of a member's file: what is buffered goes to the disk, what is set through the open file is set,
+// the file is closed, and each of it is looked at.
 #pragma once
+
+#include "runtime/io/Io.h"
+#include "runtime/io/OutputFile.h"
 
 namespace morvane {
 
 class MorvaneFileTime;
-class OutputFile;
-struct Io;
 
 // Each may be null: not known. Without a modification time none is set.
 struct MemberTimes {
@@ -15,6 +16,9 @@ struct MemberTimes {
   const MorvaneFileTime* modification = nullptr;
   bool accessStays = false;  // an access time that is not known is left alone; else it is the modification's
 };
+
+// Through the open file. False, with the reason in the log, when they cannot be set.
+bool setFileTimes(OutputFile& file, const MemberTimes& times, LogBase& log);
 
 // How a file ended.
 struct FileEnd {
@@ -25,9 +29,17 @@ struct FileEnd {
   bool timesAreSet = true;  // or none were given
 };
 
-// `isComplete`: whether all data were handed to the file. Of one that is not the buffer is left alone, but
-// the times are set. They go through the open file, between the last byte and the close: nobody can put
-// another file in its place. Why something failed is in the log.
-FileEnd settleFile(OutputFile& file, bool isComplete, const MemberTimes& times, const Io& io);
+// `isComplete`: whether all data were handed to the file. Of one that is not the buffer is left alone.
+// `set(file)` sets what is to be set, between the last byte and the close, when nobody can put another file
+// in its place; it tells whether the times are set. Why something failed is in the log.
+template <class Set>
+FileEnd settleFile(OutputFile& file, bool isComplete, const Io& io, Set set) {
+  FileEnd end;
+  const bool flushed = isComplete && file.flush(io.monitor, io.log);
+  end.timesAreSet = set(file);
+  end.isWhole = file.closeHandle(&io.log, io.monitor) && flushed;
+  end.hasFailedAlone = isComplete && file.hasFailedAlone();
+  return end;
+}
 
 }  // namespace morvane

@@ -13,6 +13,8 @@ namespace morvane {
 
 namespace {
 
+constexpr char kContext[] = "extractToFile";
+
 void logTime(LogBase& log, const char* tag, const MorvaneFileTime* time) {
   if (!time) return;
   StringBuffer text;
@@ -27,30 +29,44 @@ void logTimes(LogBase& log, const MemberTimes& times) {
   logTime(log, "createDateTimeGmt", times.creation);
 }
 
+// In the log context that both forms share.
+FileEnd fill(_mvDataSource& source, FileToFill to, const MemberTimes& times, long long size, char* buffer,
+             unsigned bufferSize, const Io& io, const Settle& settle) {
+  to.file->expect(size);
+  const bool copied = source.copyNToOutput2PM(*to.out, size, buffer, bufferSize, io.monitor, io.log);
+  if (copied && io.log.verbose()) io.log.LogDataInt64("numBytesWritten", size);
+  logTimes(io.log, times);
+  return settle(to, copied);
+}
+
 }  // namespace
 
-FileEnd extractToFile(_mvDataSource& source, const XString& path, std::unique_ptr<OutputFile> file,
-                      const MemberTimes& times, long long size, char* buffer, unsigned bufferSize,
-                      const Io& io) {
-  LogContextExitor context(io.log, "extractToFile");
+FileEnd extractToFile(_mvDataSource& source, FileToFill to, const MemberTimes& times, long long size,
+                      char* buffer, unsigned bufferSize, const Io& io, const Settle& settle) {
+  LogContextExitor context(io.log, kContext);
+  return fill(source, std::move(to), times, size, buffer, bufferSize, io, settle);
+}
+
+FileEnd extractToNewFile(_mvDataSource& source, const XString& path, const MemberTimes& times, long long size,
+                         char* buffer, unsigned bufferSize, const Io& io) {
+  LogContextExitor context(io.log, kContext);
   if (size < 0) {
     io.fail("The number of bytes is negative.");
     return {};
   }
-  if (!file) {
-    XString longPath;
-    _mvFilePath::buildLongPath(path, longPath);
-    file.reset(OutputFile::createFileUtf8(longPath.getUtf8(), io.log));
-    if (!file) {
-      io.fail(kCannotCreateOutputFile);
-      return {};
-    }
+  XString longPath;
+  _mvFilePath::buildLongPath(path, longPath);
+  FileToFill to;
+  to.out.reset(to.file = OutputFile::createFileUtf8(longPath.getUtf8(), io.log));
+  if (!to.file) {
+    io.fail(kCannotCreateOutputFile);
+    return {};
   }
-  file->expect(size);
-  const bool copied = source.copyNToOutput2PM(*file, size, buffer, bufferSize, io.monitor, io.log);
-  if (copied && io.log.verbose()) io.log.LogDataInt64("numBytesWritten", size);
-  logTimes(io.log, times);
-  return settleFile(*file, copied, times, io);
+  return fill(source, std::move(to), times, size, buffer, bufferSize, io,
+              [&](FileToFill& filled, bool isWhole) {
+                return settleFile(*filled.file, isWhole, io,
+                                  [&](OutputFile& open) { return setFileTimes(open, times, io.log); });
+              });
 }
 
 }  // namespace morvane

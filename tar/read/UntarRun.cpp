@@ -6,12 +6,12 @@
 
 #include "runtime/base/ScopeExit.h"
 #include "runtime/buffer/DataBuffer.h"
+#include "runtime/io/ForwardingOutput.h"
 #include "runtime/io/_mvDataSource.h"
 #include "runtime/log/LogContextExitor.h"
 #include "tar/format/TarBlock.h"
 #include "tar/format/XmlEntry.h"
 #include "tar/format/XmlListing.h"
-#include "tar/read/ExtractToFile.h"
 
 namespace morvane {
 
@@ -40,7 +40,7 @@ UntarRun::UntarRun(const Context& context, LiveSettings<ReadSettings> settings, 
       m_log(m_io.log),
       m_live(std::move(settings)),
       m_settings(m_live.now()),
-      m_reader(MemberReader::make((m_live.refresh(), m_settings.options.fullRead))),
+      m_reader(MemberReader::make((m_live.refresh(), demandOf(m_settings.options)))),
       m_member(m_reader->found()),
       m_placer(m_live, kManner),
       m_cursor(context.source, m_io.monitor, m_log) {
@@ -64,9 +64,11 @@ int UntarRun::run() {
   }
   if (!m_copyBuffer.get()) return -1;
 
+  m_placer.beginRun();
   Step step = Step::GoOn;
   {
-    // An exception from a callback ends the run like any failure: the listing is closed.
+    // An exception from a callback ends the run like any failure: the listing is closed, and what was made is
+    // settled, which behind an exception nobody hears of.
     ScopeExit closeListing([this] {
       m_live.refresh();
       if (m_settings.captureXmlListing) endXmlListing(m_context.xmlListing);
@@ -76,6 +78,7 @@ int UntarRun::run() {
       step = nextEntry();
     }
   }
+  m_placer.finish(m_io);
   m_onlyLeftOut = step != Step::Fail && m_placer.anyLeftOut();
   return step == Step::Fail || m_placer.anyLeftOut() ? -1 : m_count;
 }
@@ -173,10 +176,11 @@ bool UntarRun::readRecord(DataBuffer& data) {
 
 // The further blocks of a sparse map stand between header and data, and are counted in no size.
 bool UntarRun::passSparseMap() {
-  char block[kBlockSize];
-  for (bool goesOn = m_member.sparseMapGoesOn; goesOn; goesOn = block[kSparseGoesOnInMap] != 0) {
+  unsigned char block[kBlockSize];
+  for (bool goesOn = m_member.sparseMapGoesOn; goesOn; goesOn = m_reader->takeSparseBlock(block)) {
     unsigned numRead = 0;
-    if (!m_context.source.readFully(block, kBlockSize, numRead, m_io.monitor, m_log) || numRead < kBlockSize)
+    auto* const bytes = reinterpret_cast<char*>(block);
+    if (!m_context.source.readFully(bytes, kBlockSize, numRead, m_io.monitor, m_log) || numRead < kBlockSize)
       return m_io.fail("Failed to read the map of a sparse member.");
     m_cursor.passed(kBlockSize);
     m_filePosition = saturatedSum(m_filePosition, kBlockSize);
@@ -234,7 +238,9 @@ UntarRun::Step UntarRun::extractMember(bool& extracted) {
 }
 
 UntarRun::Step UntarRun::copyMember() {
-  if (!m_context.source.copyNToOutputPM(*m_memberOutput, m_member.size, m_io.monitor, m_log)) {
+  const auto out =
+      MemberPlacer::spreading(m_member, std::make_unique<ForwardingOutput>(*m_memberOutput), nullptr);
+  if (!m_context.source.copyNToOutputPM(*out, m_member.size, m_io.monitor, m_log)) {
     failWith("Failed to copy the member.", "entryPath", m_placer.path().entryPath());
     return Step::Fail;
   }
@@ -248,7 +254,7 @@ bool UntarRun::makeMember(bool& leftOut) {
   leftOut = placed.result == Placed::Result::LeftOut;
   if (leftOut) return true;
   if (placed.result != Placed::Result::Made) return couldNotMake(placed.result);
-  return !placed.file || copyToFile(std::move(placed.file), leftOut);
+  return !placed.file || copyToFile({std::move(placed.out), placed.file}, leftOut);
 }
 
 void UntarRun::logMaking() {
@@ -274,7 +280,7 @@ bool UntarRun::couldNotMake(Placed::Result result) {
   return failWith(kCannotExtract, "filePath", path);
 }
 
-bool UntarRun::copyToFile(std::unique_ptr<OutputFile> file, bool& leftOut) {
+bool UntarRun::copyToFile(FileToFill to, bool& leftOut) {
   const MorvaneFileTime modification = fileTime(m_member.mtime), access = fileTime(m_member.atime),
                         creation = fileTime(m_member.ctime);
   MemberTimes times;
@@ -282,8 +288,11 @@ bool UntarRun::copyToFile(std::unique_ptr<OutputFile> file, bool& leftOut) {
   if (m_member.atime.known) times.access = &access;
   if (m_member.ctime.known) times.creation = &creation;
   const XString& path = m_placer.path().outputPath();
-  const FileEnd end = extractToFile(m_context.source, path, std::move(file), times, m_member.size,
-                                    m_copyBuffer.get(), m_copyBufferSize, m_io);
+  const FileEnd end =
+      extractToFile(m_context.source, std::move(to), times, m_member.size, m_copyBuffer.get(),
+                    m_copyBufferSize, m_io, [&](FileToFill& filled, bool isComplete) {
+                      return m_placer.settle(m_member, *filled.out, *filled.file, isComplete, times, m_io);
+                    });
   if (!end.isWhole && !end.hasFailedAlone) return failWith(kCannotExtract, "filePath", path);
   m_cursor.passed(m_member.size);
   leftOut = !end.isWhole;

@@ -11,6 +11,7 @@
 #include "tar/format/MemberReader.h"
 #include "tar/place/MemberPlacer.h"
 #include "tar/read/ArchiveCursor.h"
+#include "tar/read/ExtractToFile.h"
 
 namespace morvane {
 
@@ -58,7 +59,7 @@ class UntarRun {
   bool makeMember(bool& leftOut);
   void logMaking();
   bool couldNotMake(Placed::Result result);
-  bool copyToFile(std::unique_ptr<OutputFile> file, bool& leftOut);
+  bool copyToFile(FileToFill to, bool& leftOut);
   bool failWith(const char* message, const char* tag, const XString& value);
   Step passOver(long long upTo);
   Step failAborted();

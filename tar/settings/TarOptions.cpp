@@ -4,6 +4,7 @@
 #include <charconv>
 #include <limits>
 
+#include "runtime/fs/Psdk.h"
 #include "runtime/text/Ascii.h"
 
 namespace morvane {
@@ -27,6 +28,17 @@ struct Number {
 struct Choice {
   const char *word, *value;
   void (*choose)(TarOptions& options);
+};
+
+struct PartsWord {
+  const char* word;
+  KeptParts& (*parts)(TarOptions& options);
+  bool restores;
+};
+
+struct Part {
+  const char* name;
+  void (*add)(KeptParts& parts);
 };
 
 // Stands for other words.
@@ -62,6 +74,7 @@ constexpr Number kNumbers[] = {
     {"maxmembers", MORVANE_SETTING(long long, maxMembers), 0, kAnyNumber},
     {"maxtotalbytes", MORVANE_SETTING(long long, maxTotalBytes), 0, kAnyNumber},
     {"maxratio", MORVANE_SETTING(long long, maxRatio), 0, kAnyNumber},
+    {"reproducible", MORVANE_SETTING(long long, reproducible), 0, kAnyNumber},
 };
 #undef MORVANE_SETTING
 constexpr Choice kChoices[] = {
@@ -70,6 +83,30 @@ constexpr Choice kChoices[] = {
     {"confine", "nolinks", [](TarOptions& options) { options.confine = Confine::NoLinks; }},
     {"ustaroverflow", "off", [](TarOptions& options) { options.ustarOverflowFails = false; }},
     {"ustaroverflow", "fail", [](TarOptions& options) { options.ustarOverflowFails = true; }},
+    {"ownerby", "off", [](TarOptions& options) { options.ownerById = false; }},
+    {"ownerby", "name", [](TarOptions& options) { options.ownerById = false; }},
+    {"ownerby", "id", [](TarOptions& options) { options.ownerById = true; }},
+    {"linktargets", "off", [](TarOptions& options) { options.linksInside = false; }},
+    {"linktargets", "any", [](TarOptions& options) { options.linksInside = false; }},
+    {"linktargets", "inside", [](TarOptions& options) { options.linksInside = true; }},
+    {"existingdirectories", "off", [](TarOptions& options) { options.settlesExistingDirectories = false; }},
+    {"existingdirectories", "keep", [](TarOptions& options) { options.settlesExistingDirectories = false; }},
+    {"existingdirectories", "settle", [](TarOptions& options) { options.settlesExistingDirectories = true; }},
+};
+// Words whose value is a set: parts joined by "+".
+constexpr PartsWord kPartsWords[] = {
+    {"store", [](TarOptions& options) -> KeptParts& { return options.store; }, false},
+    {"restore", [](TarOptions& options) -> KeptParts& { return options.restore; }, true},
+};
+constexpr Part kParts[] = {
+    {"mode", [](KeptParts& parts) { parts.mode = true; }},
+    {"owner", [](KeptParts& parts) { parts.owner = true; }},
+    {"time", [](KeptParts& parts) { parts.time = true; }},
+    {"link", [](KeptParts& parts) { parts.link = true; }},
+    {"special", [](KeptParts& parts) { parts.special = true; }},
+    {"sparse", [](KeptParts& parts) { parts.sparse = true; }},
+    {"xattr", [](KeptParts& parts) { parts.xattr = true; }},
+    {"fullmode", [](KeptParts& parts) { parts.mode = parts.fullMode = true; }},
 };
 
 constexpr char kProfileWord[] = "profile";
@@ -77,12 +114,13 @@ constexpr char kProfileWord[] = "profile";
   "SkipOutputFile,SkipUnreadable,WriteExactSizes,CountSkipsExcluded,UstarOverflow=fail,UstarPlainPrefix," \
   "PaxExact,"                                                                                             \
   "FullRead,Confine=beneath,VerifyGzip,GzipAllMembers,Bz2Framed,RequireEndOfArchive,EntryEvents,"         \
-  "SkipUncreatable"
+  "SkipUncreatable,Store=usual,Restore=usual"
 constexpr Profile kProfiles[] = {
     {"off", ""},
     {"usual", MORVANE_USUAL},
-    {"untrusted", MORVANE_USUAL
-     ",Confine=nolinks,MaxMembers=1000000,MaxTotalBytes=68719476736,MaxRatio=1000,MaxPathDepth=256"},
+    {"untrusted",
+     MORVANE_USUAL ",Confine=nolinks,LinkTargets=inside,Restore=mode+time+link+sparse,MaxMembers=1000000,"
+                   "MaxTotalBytes=68719476736,MaxRatio=1000,MaxPathDepth=256"},
 };
 #undef MORVANE_USUAL
 
@@ -141,6 +179,42 @@ bool applyNumber(const Number& row, TarOptions& options, const GivenWord& given)
   return makesSense;
 }
 
+// What a set stands for that has a name. Owners, devices and exact modes are for the superuser alone to
+// restore; asked for in so many words, they are tried by anybody.
+bool addNamedSet(std::string_view name, bool restores, KeptParts& parts) {
+  if (name != "usual" && name != "all") return false;
+  const bool isAll = name == "all";
+  const bool mayDoAll = !restores || isAll || Psdk::isSuperuser();
+  parts.mode = parts.time = parts.link = parts.sparse = true;
+  parts.owner |= mayDoAll;
+  parts.special |= mayDoAll;
+  parts.fullMode |= restores && mayDoAll;
+  parts.xattr |= isAll;
+  parts.all |= isAll;
+  return true;
+}
+
+bool applyParts(const PartsWord& row, TarOptions& options, const GivenWord& given) {
+  KeptParts parts;
+  std::string_view rest = given.value;
+  if (rest.empty()) return false;
+  while (!rest.empty() && rest != "off") {
+    const size_t plus = std::min(rest.find('+'), rest.size());
+    const std::string_view name = rest.substr(0, plus);
+    rest.remove_prefix(std::min(plus + 1, rest.size()));
+    const Part* const end = std::end(kParts);
+    const Part* const part =
+        std::find_if(std::begin(kParts), end, [&](const Part& each) { return name == each.name; });
+    if (part != end && (row.restores || name != "fullmode")) {
+      part->add(parts);
+    } else if (!addNamedSet(name, row.restores, parts)) {
+      return false;
+    }
+  }
+  row.parts(options) = parts;
+  return true;
+}
+
 bool applyChoice(TarOptions& options, const GivenWord& given) {
   for (const Choice& choice : kChoices) {
     if (given.word != choice.word || given.value != choice.value) continue;
@@ -154,6 +228,7 @@ bool applyChoice(TarOptions& options, const GivenWord& given) {
 bool applyWord(TarOptions& options, const GivenWord& given) {
   if (const Switch* const row = rowOf(kSwitches, given)) return applySwitch(row->setting(options), given);
   if (const Number* const row = rowOf(kNumbers, given)) return applyNumber(*row, options, given);
+  if (const PartsWord* const row = rowOf(kPartsWords, given)) return applyParts(*row, options, given);
   return applyChoice(options, given);
 }
 
@@ -162,6 +237,19 @@ const Profile* profileOf(const GivenWord& given) {
   const Profile* const found =
       std::find_if(std::begin(kProfiles), end, [&](const Profile& row) { return given.value == row.value; });
   return found == end ? nullptr : found;
+}
+
+// What is restored has to be read in full, and must not get out of the target unless the application says
+// so in so many words.
+template <class Complain>
+void implyForRestoring(TarOptions& options, const std::vector<GivenWord>& given, Complain complain) {
+  bool confineIsGiven = false;
+  for (const GivenWord& each : given) {
+    if (each.word == "fullread" && each.value == "off") complain(each);
+    confineIsGiven |= each.word == "confine";
+  }
+  options.fullRead = true;
+  if (!confineIsGiven && options.confine == Confine::Off) options.confine = Confine::Beneath;
 }
 
 }  // namespace
@@ -190,6 +278,7 @@ TarOptions parseTarOptions(std::string_view words, std::vector<std::string>& com
   for (const GivenWord& each : given) {
     if (each.word != kProfileWord && !applyWord(options, each)) complain(each);
   }
+  if (options.restore.any()) implyForRestoring(options, given, complain);
   return options;
 }
 

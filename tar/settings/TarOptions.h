@@ -7,6 +7,7 @@
 
 #include "runtime/base/Export.h"
 #include "runtime/codec/Codec.h"
+#include "tar/settings/KeptParts.h"
 
 namespace morvane {
 
@@ -16,6 +17,7 @@ struct TarOptions {
   CodecOptions codec;
   // Both directions
   bool memberEvents = false;
+  bool ownerById = false;  // owners are numbers alone
   // Writing
   bool skipOutputFile = false;
   bool skipUnreadable = false;
@@ -26,6 +28,8 @@ struct TarOptions {
   bool ustarPlainPrefix = false;
   bool paxExact = false;
   bool openBeforeEvent = false;
+  KeptParts store;
+  long long reproducible = -1;  // no time is later than this (Unix seconds); -1: not reproducible
   // Reading
   bool fullRead = false;
   long long maxExtensionBytes = 64LL * 1024 * 1024;
@@ -34,6 +38,9 @@ struct TarOptions {
   bool bz2Framed = false;
   bool requireEndOfArchive = false;
   bool entryEvents = false;
+  KeptParts restore;  // any of it: fullRead, and a confine unless that was switched off in so many words
+  bool linksInside = false;                 // symbolic links that lead out of the target are refused
+  bool settlesExistingDirectories = false;  // with restore.fullMode: as those that the run made
   // Limits; 0: none
   static constexpr long long kDefaultPathDepth = 4096;
   long long maxPathDepth = -1;  // parts of a member's path; -1: the default, and only for what is extracted

@@ -109,6 +109,7 @@ bool StreamingUntar::FinishStreamingUntar(ProgressMonitor* pm, LogBase& log) {
     m_streamOk = writeHasFailed(Arrival::AllPending, io);
   }
   releaseOutput();
+  m_placer.finish(io);
   m_live.refresh();
   if (m_settings.captureXmlListing) endXmlListing(m_xmlListing);
   if (m_settings.options.requireEndOfArchive && m_streamOk && !m_endMarkSeen) {
@@ -247,7 +248,8 @@ bool StreamingUntar::finishEntry(Arrival arrival, const Io& io) {
 }
 
 bool StreamingUntar::settleOutputFile(const Io& io) {
-  if (m_streamOutFile->ftell64() != m_streamExpectedSize) {
+  const bool isSpread = m_reader->found().sparse.isSparse();  // then it gets more than comes
+  if (!isSpread && m_streamOutFile->ftell64() != m_streamExpectedSize) {
     io.log.LogNotice("Warning: numByteWritten not equal to exected size.");
     io.log.LogDataInt64("expectedSize", m_streamExpectedSize);
     io.log.LogDataInt64("numBytesWritten", m_streamOutFile->ftell64());
@@ -257,12 +259,16 @@ bool StreamingUntar::settleOutputFile(const Io& io) {
   MemberTimes times;
   times.modification = &modification;
   times.accessStays = true;
-  return m_placer.noteEnd(settleFile(*m_streamOutFile, true, times, io), io);
+  return endOutputFile(times, io);
 }
 
 // Of a file that gets no time of its own: an empty one, or one whose data did not all come.
-bool StreamingUntar::closeOutputFile(const Io& io) {
-  return m_placer.noteEnd(settleFile(*m_streamOutFile, true, {}, io), io);
+bool StreamingUntar::closeOutputFile(const Io& io) { return endOutputFile({}, io); }
+
+// What of the data did not come has been said; how the file ends is about what did.
+bool StreamingUntar::endOutputFile(const MemberTimes& times, const Io& io) {
+  const FileEnd end = m_placer.settle(m_reader->found(), *m_streamOutput, *m_streamOutFile, true, times, io);
+  return m_placer.noteEnd(end, io);
 }
 
 // The wanted member has arrived: what comes behind it in the same piece is not looked at.

@@ -46,6 +46,8 @@ class StreamingUntar {
   void breakOff();
   // Before bytes that go on from the state of the last run: nothing of that run's target or names is kept.
   void beginUnframed();
+  // The end of one that nothing frames: what was made is settled, as FinishStreamingUntar does it.
+  void endUnframed(ProgressMonitor* pm, LogBase& log) { m_placer.finish(Io(log, pm)); }
   // Gives up the descriptors of the target directory.
   void releaseTarget() { m_placer.releaseTarget(); }
   // The archive that the stream comes from, which extraction must not replace (with Confine).
@@ -101,6 +103,7 @@ class StreamingUntar {
   bool finishEntry(Arrival arrival, const Io& io);
   bool settleOutputFile(const Io& io);
   bool closeOutputFile(const Io& io);
+  bool endOutputFile(const MemberTimes& times, const Io& io);
   void completeMember();
   void eat(unsigned n);
   void setOutput(std::unique_ptr<_mvOutput> output, OutputFile* file);

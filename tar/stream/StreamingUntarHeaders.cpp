@@ -25,9 +25,8 @@ bool StreamingUntar::consumeHeader(bool& finished, const Io& io) {
     io.log.LogBracketed("previousHeaderType", typeText(m_streamPrevTypeFlag).c_str());
   }
   // An unframed run goes on from the one before, but reads as the words are now.
-  if (!m_reader || m_reader->isFull() != m_settings.options.fullRead) {
-    m_reader = MemberReader::make(m_settings.options.fullRead);
-  }
+  const MemberReader::Demand demand = demandOf(m_settings.options);
+  if (!m_reader || !(m_reader->demand() == demand)) m_reader = MemberReader::make(demand);
   if (m_found == MemberReader::Found::Record && !applyExtensionData(io)) {
     finished = m_streamFinished = true;
     return false;
@@ -47,7 +46,7 @@ bool StreamingUntar::consumeHeader(bool& finished, const Io& io) {
 
 // The further blocks of a sparse map stand between header and data, and are counted in no size.
 bool StreamingUntar::consumeSparseMap(bool& finished, const Io& io) {
-  const bool goesOn = m_streamPending.getData2()[kSparseGoesOnInMap] != 0;
+  const bool goesOn = m_reader->takeSparseBlock(m_streamPending.getData2());
   eat(kBlockSize);
   if (goesOn) return true;
   m_expected = Expected::Header;
@@ -160,7 +159,8 @@ bool StreamingUntar::beginExtension(bool& finished, const Io& io) {
 bool StreamingUntar::beginFile(bool skipped, bool& finished, const Io& io) {
   if (!skipped && m_memberOutput) {
     m_wanted = Wanted::Arriving;
-    setOutput(std::make_unique<ForwardingOutput>(*m_memberOutput), nullptr);
+    auto out = std::make_unique<ForwardingOutput>(*m_memberOutput);
+    setOutput(MemberPlacer::spreading(m_reader->found(), std::move(out), nullptr), nullptr);
   } else if (!skipped) {
     Placed placed = m_placer.place(m_reader->found(), io);
     if (placed.result == Placed::Result::NoPlace) {
@@ -171,17 +171,18 @@ bool StreamingUntar::beginFile(bool skipped, bool& finished, const Io& io) {
       return stop("Failed to create output file for untar.", finished, io);
     }
     skipped = placed.result == Placed::Result::LeftOut;
-    OutputFile* const file = placed.file.get();
-    if (!skipped) setOutput(std::move(placed.file), file);
+    if (placed.out) setOutput(std::move(placed.out), placed.file);
   }
-  if (skipped) {
-    if (io.log.verbose()) io.log.LogDataX("skippingFile", m_placer.path().outputPath());
-    setOutput(std::make_unique<_mvOutput>(), nullptr);
-  }
+  if (skipped && io.log.verbose()) io.log.LogDataX("skippingFile", m_placer.path().outputPath());
+  // What takes no data has them passed over.
+  if (skipped || !m_streamOutput) setOutput(std::make_unique<_mvOutput>(), nullptr);
   m_streamExpectedSize = m_streamBytesLeft = m_reader->found().size;
   m_streamBytesWritten = 0;
   if (m_wanted == Wanted::Arriving && m_streamBytesLeft == 0) completeMember();
-  return true;
+  // By the next header it would be too late for what this one says of it.
+  const bool isEmptyAndRestored =
+      m_streamOutFile && m_streamBytesLeft == 0 && m_settings.options.restore.any();
+  return !isEmptyAndRestored || closeEmptyFile(io);
 }
 
 // A directory has no data here, whatever size its header states.

@@ -8,7 +8,6 @@
 #include "runtime/log/LogNull.h"
 #include "tar/format/ShownMember.h"
 #include "tar/format/TarBlock.h"
-#include "tar/write/MemberSource.h"
 #include "tar/write/SourceEntry.h"
 #include "tar/write/SourceWalk.h"
 
@@ -128,13 +127,15 @@ bool ArchiveWriter::writeMember(const SourcePlace& place, XString& pathInTar, Cl
     if (tree) tree->passBy();
     return m_run.settings.options.skipUnreadable && leftOutUnreadable(place);
   }
-  if (isArchiveItself(place, info)) return true;
+  if (isArchiveItself(place, info) || isSocketLeftOut(place, info)) return true;
   if (isSkippedByEvent(place, info, pathInTar)) return true;
   if (m_run.io.monitor && m_run.settings.abortCheckMs != 0 && m_run.io.monitor->abortCheck(m_log)) {
     return m_run.io.fail("TAR aborted by application. (2)");
   }
   m_live.refresh();
-  describeMember(info, m_run.settings, pathInTar, m_member);
+  if (!m_describer.describe(place, info, m_run.settings, m_source, pathInTar, m_member, m_run.io)) {
+    return m_run.settings.options.skipUnreadable && leftOutUnreadable(place);
+  }
   if (isSkippedBeingChanged(place, pathInTar)) return true;
   if (m_run.settings.options.skipUnreadable && !canBeRead(place, info, tree)) return leftOutUnreadable(place);
   if (!m_writer.writeHeader(m_member)) return m_run.io.fail("Failed to write TAR header.");
@@ -143,7 +144,10 @@ bool ArchiveWriter::writeMember(const SourcePlace& place, XString& pathInTar, Cl
     m_log.LogDataInt64("isSymbolicLink", info.m_isSymbolicLink);
     m_log.LogDataInt64("isDirectory", info.m_isDirectory);
   }
-  return info.m_isDirectory || info.m_isSymbolicLink || writeData(place, info);
+  const bool hasData = !info.m_isDirectory && !info.m_isSymbolicLink && !m_member.isHardLink();
+  if (hasData && !writeData(place, info)) return false;
+  m_describer.noteWritten(info, m_run.settings, m_member);
+  return true;
 }
 
 bool ArchiveWriter::examine(const SourcePlace& place, mvFileInfo& info) {
@@ -162,6 +166,15 @@ bool ArchiveWriter::isArchiveItself(const SourcePlace& place, const mvFileInfo& 
   if (!m_run.settings.options.skipOutputFile || !m_hasArchive || !info.isSameFile(m_archive)) return false;
   m_log.LogInfo("The archive is not put into itself.");
   m_log.LogDataX("fullPath", place.fullPath);
+  return true;
+}
+
+// Of a socket there is nothing that could be kept.
+bool ArchiveWriter::isSocketLeftOut(const SourcePlace& place, const mvFileInfo& info) {
+  if (!m_run.settings.options.store.special || !info.m_isSocket) return false;
+  m_log.LogInfo("A socket is not archived.");
+  m_log.LogDataX("fullPath", place.fullPath);
+  m_run.io.inform("socket", place.fullPath.getUtf8());
   return true;
 }
 
@@ -202,7 +215,7 @@ bool ArchiveWriter::isSkippedBeingChanged(const SourcePlace& place, XString& pat
 
 // Whether the member's data, or a directory's names, can be read at all; the reason why not is in the log.
 bool ArchiveWriter::canBeRead(const SourcePlace& place, const mvFileInfo& info, ClsDirTree* tree) {
-  if (info.m_isSymbolicLink || place.memory) return true;
+  if (info.m_isSymbolicLink || place.memory || m_member.isHardLink()) return true;
   // The walk goes by what it found; it enters nothing that has become a directory since.
   if (info.m_isDirectory && tree) return !tree->get_IsDirectory() || tree->prepareToEnter(m_log);
   if (!info.m_isRegularFile && !info.m_isDirectory) return true;
@@ -229,12 +242,36 @@ bool ArchiveWriter::leftOutUnreadable(const SourcePlace& place) {
 
 bool ArchiveWriter::writeData(const SourcePlace& place, const mvFileInfo& info) {
   if (place.memory) return writeMemory(*place.memory);
+  if (m_member.sparse.isSparse()) return writeSparse(place, info);
   return m_run.settings.options.writeExactSizes ? writeExactSize(place, info) : writeToTheEnd(place, info);
 }
 
 bool ArchiveWriter::writeMemory(const MemoryFile& file) {
   if (!m_data.put(file.m_bytes)) return m_run.io.fail(kCannotCopy);
   return m_run.putZeros(paddingAfter(file.m_bytes.getSize()));
+}
+
+// The map where it is data, then the ranges, each with as many bytes as the map says: zeros where the file
+// has become shorter.
+bool ArchiveWriter::writeSparse(const SourcePlace& place, const mvFileInfo& info) {
+  const SparseMap& map = m_member.sparse;
+  if (m_member.typeFlag != kTypeSparse && !m_run.put(sparseMapText(map))) return false;
+  const bool isOpen = openForData(place, info);
+  if (!isOpen && !m_run.settings.options.skipUnreadable) return false;
+  bool isWhole = isOpen, readFailed = false;
+  for (const SparseRange& range : map.ranges()) {
+    MemberData::Copied copied;
+    if (isOpen && !readFailed && m_source.data().fseekAbsolute64(range.offset, m_log)) {
+      copied = m_data.copyFile(m_source, range.length);
+      if (!copied.ok) return m_run.io.fail(kCannotCopy);
+    }
+    readFailed |= copied.readFailed;
+    isWhole &= copied.bytes == range.length;
+    if (!m_run.putZeros(range.length - copied.bytes)) return false;
+  }
+  if (!m_run.putZeros(paddingAfter(m_member.size))) return false;
+  if (readFailed) reportReadFailed(place);
+  return isWhole || readFailed || reportSizeChanged(place, info.m_size, m_source.sizeNow());
 }
 
 bool ArchiveWriter::openForData(const SourcePlace& place, const mvFileInfo& info) {

@@ -8,6 +8,7 @@
 #include "runtime/text/ExtPtrArraySb.h"
 #include "tar/settings/LiveSettings.h"
 #include "tar/write/MemberData.h"
+#include "tar/write/MemberSource.h"
 #include "tar/write/MemberWriter.h"
 
 namespace morvane {
@@ -49,12 +50,14 @@ class ArchiveWriter {
   bool examine(const SourcePlace& place, mvFileInfo& info);
   bool isSkippedByEvent(const SourcePlace& place, const mvFileInfo& info, const XString& pathInTar);
   bool isSkippedBeingChanged(const SourcePlace& place, XString& pathInTar);
+  bool isSocketLeftOut(const SourcePlace& place, const mvFileInfo& info);
   bool isArchiveItself(const SourcePlace& place, const mvFileInfo& info);
   bool canBeRead(const SourcePlace& place, const mvFileInfo& info, ClsDirTree* tree);
   bool passByIfUnreadable(const SourcePlace& place, ClsDirTree& tree);
   bool leftOutUnreadable(const SourcePlace& place);
   bool writeData(const SourcePlace& place, const mvFileInfo& info);
   bool writeMemory(const MemoryFile& file);
+  bool writeSparse(const SourcePlace& place, const mvFileInfo& info);
   bool writeToTheEnd(const SourcePlace& place, const mvFileInfo& info);
   bool writeExactSize(const SourcePlace& place, const mvFileInfo& info);
   bool openForData(const SourcePlace& place, const mvFileInfo& info);
@@ -70,6 +73,7 @@ class ArchiveWriter {
   LogBase& m_log;
   MemberWriter m_writer;
   MemberData m_data;
+  MemberSource m_describer;
   SourceFile m_source;
   Member m_member;    // the one being written
   TarMember m_shown;  // the same, as the event may change it

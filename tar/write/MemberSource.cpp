@@ -1,5 +1,12 @@
 #include "tar/write/MemberSource.h"
 
+#include <sys/stat.h>
+
+#include <algorithm>
+
+#include "runtime/fs/AccessList.h"
+#include "runtime/fs/FileMetadata.h"
+#include "runtime/log/LogNull.h"
 #include "tar/format/TarBlock.h"
 #include "tar/format/TarNumber.h"
 
@@ -22,6 +29,21 @@ int modeOf(const mvFileInfo& info, const WriteSettings& settings, std::string_vi
   return isScriptPath(path) ? settings.scriptFileMode : settings.fileMode;
 }
 
+std::pair<unsigned long long, unsigned long long> identityOf(const mvFileInfo& info) {
+  return {info.m_device, info.m_inode};
+}
+
+// The same for every machine and every time at which the tree may be packed.
+void makeReproducible(const mvFileInfo& info, long long latest, Member& member) {
+  constexpr unsigned kOwnerMayRun = 0100;
+  const bool runs = info.m_isDirectory || (info.m_mode & kOwnerMayRun) != 0;
+  member.mode = runs ? 0755 : 0644;
+  member.uid = member.gid = 0;
+  member.userName.clear();
+  member.groupName.clear();
+  member.mtime = {std::min(info.m_lastModified.seconds(), latest), 0, true};
+}
+
 }  // namespace
 
 void normalisePath(XString& path, bool isDirectory) {
@@ -33,9 +55,11 @@ void describeMember(const mvFileInfo& info, const WriteSettings& settings, XStri
                     Member& member) {
   normalisePath(pathInTar, info.m_isDirectory);
   member.path = pathInTar.str();
+  member.linkPath.clear();
   member.isDirectory = info.m_isDirectory;
   member.typeFlag = info.m_isDirectory ? kTypeDirectory : kTypeRegular;
   member.size = info.m_isDirectory ? 0 : info.m_size;
+  member.deviceMajor = member.deviceMinor = 0;
   member.mode = storedDigits(modeOf(info, settings, pathInTar.str()));
   member.uid = storedDigits(settings.userId);
   member.gid = storedDigits(settings.groupId);
@@ -43,6 +67,102 @@ void describeMember(const mvFileInfo& info, const WriteSettings& settings, XStri
   member.groupName.assign(settings.groupName, 0, kGroupNameField.width - 1);
   // Whole seconds of 32 bits: what is outside their range is brought to its end.
   member.mtime = {info.m_lastModified.toUnixTime32(), 0, true};
+  member.sparse.clear();
+  member.attributes.clear();
+  member.accessList.clear();
+  member.defaultAccessList.clear();
+}
+
+bool MemberSource::describe(const SourcePlace& place, const mvFileInfo& info, const WriteSettings& settings,
+                            SourceFile& file, XString& pathInTar, Member& member, const Io& io) {
+  describeMember(info, settings, pathInTar, member);
+  const KeptParts& parts = settings.options.store;
+  const long long latest = settings.options.reproducible;
+  if (place.memory) {
+    if (latest >= 0) makeReproducible(info, latest, member);
+    return true;
+  }
+  if (parts.mode) member.mode = info.m_mode & FileMetadata::kAllBits;
+  if (parts.owner) takeOwner(info, settings, member);
+  if (parts.time) member.mtime = {info.m_lastModified.seconds(), info.m_lastModified.nanoseconds(), true};
+  if (parts.special && !info.m_isRegularFile && !info.m_isDirectory && !info.m_isSymbolicLink) {
+    member.typeFlag = S_ISCHR(info.m_mode)   ? kTypeCharacterDevice
+                      : S_ISBLK(info.m_mode) ? kTypeBlockDevice
+                                             : kTypeFifo;
+    member.deviceMajor = member.isDevice() ? info.m_deviceMajor : 0;
+    member.deviceMinor = member.isDevice() ? info.m_deviceMinor : 0;
+  }
+  if (latest >= 0) makeReproducible(info, latest, member);
+  if (parts.link && !takeLink(place, info, member, io)) return false;
+  if (member.isHardLink() || latest >= 0) return true;
+  if (parts.xattr && !takeAttributes(place, info, file, member, io)) return false;
+  return !parts.sparse || takeHoles(place, info, settings, file, member);
+}
+
+void MemberSource::takeOwner(const mvFileInfo& info, const WriteSettings& settings, Member& member) {
+  member.uid = info.m_uid;
+  member.gid = info.m_gid;
+  member.userName.clear();
+  member.groupName.clear();
+  if (settings.options.ownerById) return;
+  member.userName = m_users.userName(info.m_uid);
+  member.groupName = m_users.groupName(info.m_gid);
+}
+
+// A further name of a file that is in the archive is a link to the first; only such a one is looked for, as
+// most files have one name.
+bool MemberSource::takeLink(const SourcePlace& place, const mvFileInfo& info, Member& member, const Io& io) {
+  if (info.m_isSymbolicLink) {
+    member.typeFlag = kTypeSymbolicLink;
+    member.mode |= 0777;  // what every system shows for one
+    if (!SourceFile::readLink(place, member.linkPath, io.log)) return false;
+  }
+  if (info.m_isDirectory || info.m_linkCount < 2) return true;
+  const auto first = m_firstNames.find(identityOf(info));
+  if (first == m_firstNames.end()) return true;
+  member.typeFlag = kTypeHardLink;
+  member.linkPath = first->second;
+  member.size = 0;
+  return true;
+}
+
+void MemberSource::noteWritten(const mvFileInfo& info, const WriteSettings& settings, const Member& member) {
+  if (!settings.options.store.link || info.m_isDirectory || info.m_linkCount < 2) return;
+  if (!member.isHardLink()) m_firstNames[identityOf(info)] = member.path;
+}
+
+bool MemberSource::takeAttributes(const SourcePlace& place, const mvFileInfo& info, SourceFile& file,
+                                  Member& member, const Io& io) {
+  if (!info.m_isRegularFile && !info.m_isDirectory) return true;
+  FileMetadata::Attributes attributes;
+  if (!file.readAttributes(place, attributes, io.log)) return false;
+  for (auto& [name, value] : attributes) {
+    const bool isAccess = name == FileMetadata::kAccessList, isDefault = name == FileMetadata::kDefaultList;
+    if (isAccess || isDefault) {
+      const std::optional<std::string> text = accessListText(value, m_users);
+      if (text) (isAccess ? member.accessList : member.defaultAccessList) = *text;
+    } else {
+      member.attributes.push_back({std::move(name), std::move(value)});
+    }
+  }
+  return true;
+}
+
+// Only a file that takes less room than its size is looked through.
+bool MemberSource::takeHoles(const SourcePlace& place, const mvFileInfo& info, const WriteSettings& settings,
+                             SourceFile& file, Member& member) {
+  const bool mayHaveHoles = info.m_isRegularFile && info.m_size > 0 && info.m_storedSize < info.m_size;
+  if (!mayHaveHoles || settings.format == WriteFormat::Ustar) return true;
+  LogNull unwanted;
+  // What cannot be opened is said when its data are wanted.
+  if (!file.open(place, info, unwanted)) return true;
+  file.findRanges(info.m_size, member.sparse);
+  if (!member.sparse.isSparse()) return true;
+  const bool isPax = settings.format == WriteFormat::Pax;
+  if (!isPax) member.typeFlag = kTypeSparse;
+  const size_t mapSize = isPax ? sparseMapText(member.sparse).size() : 0;
+  member.size = static_cast<long long>(mapSize) + member.sparse.storedSize();
+  return true;
 }
 
 }  // namespace morvane

@@ -1,7 +1,10 @@
-// What a member's header says of its source. Today it is what the properties say, but for kind, size and
-// time.
+// What a member's header says of its source: what the properties say, or, with the word Store, what the
+// source itself is.
 #pragma once
 
+#include <map>
+
+#include "runtime/fs/UserDatabase.h"
 #include "tar/format/Member.h"
 #include "tar/write/SourceFile.h"
 #include "tar/write/WriteRun.h"
@@ -11,8 +14,31 @@ namespace morvane {
 // Brings a path into the archive's form: back slashes to "/", a "/" at a directory's end.
 void normalisePath(XString& path, bool isDirectory);
 
-// Normalises the path and describes the member that is to have it. The member's texts are used again.
+// Normalises the path and describes the member that is to have it by the properties alone. The member's texts
+// are used again.
 void describeMember(const mvFileInfo& info, const WriteSettings& settings, XString& pathInTar,
                     Member& member);
+
+// One object serves all members of a write: names of users are looked up once, and the first name of a file
+// that has several is remembered.
+class MemberSource {
+ public:
+  // False, with the reason in the log, when the source cannot be read for what is to be stored of it.
+  bool describe(const SourcePlace& place, const mvFileInfo& info, const WriteSettings& settings,
+                SourceFile& file, XString& pathInTar, Member& member, const Io& io);
+  // The member has been written: further names of the same file are links to it.
+  void noteWritten(const mvFileInfo& info, const WriteSettings& settings, const Member& member);
+
+ private:
+  void takeOwner(const mvFileInfo& info, const WriteSettings& settings, Member& member);
+  bool takeLink(const SourcePlace& place, const mvFileInfo& info, Member& member, const Io& io);
+  bool takeAttributes(const SourcePlace& place, const mvFileInfo& info, SourceFile& file, Member& member,
+                      const Io& io);
+  bool takeHoles(const SourcePlace& place, const mvFileInfo& info, const WriteSettings& settings,
+                 SourceFile& file, Member& member);
+
+  UserDatabase m_users;
+  std::map<std::pair<unsigned long long, unsigned long long>, std::string> m_firstNames;  // by device, inode
+};
 
 }  // namespace morvane

@@ -41,7 +41,25 @@ bool MemberWriter::writeHeader(const Member& member) {
   encodeHeaderBlock(member, {encoding.name, encoding.prefix},
                     format == WriteFormat::Gnu ? TarMagic::Gnu : TarMagic::Ustar, block);
   if (!m_run.archive.m_output) return m_run.io.fail("No output object for writing file to tar..");
-  return m_run.put(block, kBlockSize);
+  return member.typeFlag == kTypeSparse ? putWithMap(member.sparse, block) : m_run.put(block, kBlockSize);
+}
+
+// GNU's form of a sparse member: the map begins in the header block and goes on in blocks behind it.
+bool MemberWriter::putWithMap(const SparseMap& map, unsigned char* block) {
+  size_t ranges = SparseMap::kEntriesInHeader;
+  bool goesOn = map.putOldEntries(0, SparseMap::kEntriesInHeader, block + SparseMap::kFirstInHeader);
+  block[kSparseGoesOnInHeader] = goesOn;
+  putNumber(block, {SparseMap::kRealSizeInHeader, 12}, map.realSize());
+  putChecksum(block);
+  if (!m_run.put(block, kBlockSize)) return false;
+  while (goesOn) {
+    unsigned char further[kBlockSize] = {};
+    goesOn = map.putOldEntries(ranges, SparseMap::kEntriesInBlock, further);
+    further[kSparseGoesOnInMap] = goesOn;
+    ranges += SparseMap::kEntriesInBlock;
+    if (!m_run.put(further, kBlockSize)) return false;
+  }
+  return true;
 }
 
 bool MemberWriter::writeRecords(const Member& member, const MemberEncoding& encoding) {

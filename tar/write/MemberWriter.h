@@ -24,6 +24,7 @@ class MemberWriter {
   [[nodiscard]] bool writePaxPath(const Member& member);
 
  private:
+  bool putWithMap(const SparseMap& map, unsigned char* block);
   bool writeRecords(const Member& member, const MemberEncoding& encoding);
   bool writeLongText(const Member& member, char typeFlag, const std::string& text);
   bool putRecord(const Member& record, std::string_view name, TarMagic magic, const std::string& data);

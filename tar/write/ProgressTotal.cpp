@@ -1,5 +1,8 @@
 #include "tar/write/ProgressTotal.h"
 
+#include <algorithm>
+#include <set>
+
 #include "runtime/fs/FileSys.h"
 #include "runtime/fs/mvFileInfo.h"
 #include "runtime/log/LogContextExitor.h"
@@ -42,7 +45,7 @@ class Counter {
       mvFileInfo info;
       if (!isExcluded && !walk.tree().get_IsDirectory() &&
           info.loadFileInfoAt(place.directory, place.name, place.fullPath.getUtf8(), m_quiet)) {
-        m_total = saturatedSum(m_total, info.m_size);
+        m_total = saturatedSum(m_total, storedSize(info));
       }
       if (m_io.monitor && m_io.monitor->abortCheck(m_io.log)) return false;
       m_live.refresh();
@@ -53,11 +56,20 @@ class Counter {
   }
 
  private:
+  // What of a file goes into the archive: holes do not, nor does a file that is there under another name.
+  long long storedSize(const mvFileInfo& info) {
+    const KeptParts& parts = m_live.now().options.store;
+    if (parts.link && info.m_linkCount > 1 && !m_counted.insert({info.m_device, info.m_inode}).second)
+      return 0;
+    return parts.sparse ? std::min(info.m_size, info.m_storedSize) : info.m_size;
+  }
+
   bool excludes(const std::string& path) const { return m_live.now().filter.excludes(path); }
 
   LiveSettings<WriteSettings> m_live;
   const Io& m_io;
   LogNull m_quiet;  // what cannot be read is said when it is written
+  std::set<std::pair<unsigned long long, unsigned long long>> m_counted;  // files of several names
   long long m_total = 0;
 };
 

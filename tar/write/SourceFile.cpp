@@ -1,7 +1,12 @@
 #include "tar/write/SourceFile.h"
 
-#include <cerrno>
+#include <fcntl.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <vector>
+
+#include "runtime/fs/Psdk.h"
 #include "runtime/log/LogNull.h"
 
 namespace morvane {
@@ -46,6 +51,51 @@ long long SourceFile::sizeNow() {
   mvFileInfo info;
   LogNull unwanted;
   return m_data.getFileInfo(info, unwanted) ? info.m_size : -1;
+}
+
+bool SourceFile::readLink(const SourcePlace& place, std::string& text, LogBase& log) {
+  const char* const path = place.fullPath.getUtf8();
+  const int error =
+      place.directory < 0 ? osReadLink(AT_FDCWD, path, text) : osReadLink(place.directory, place.name, text);
+  if (error != 0) logOsError(log, "Failed to read the symbolic link.", path, error);
+  return error == 0;
+}
+
+bool SourceFile::readAttributes(const SourcePlace& place, FileMetadata::Attributes& attributes,
+                                LogBase& log) {
+  const char* const path = place.fullPath.getUtf8();
+  OsFile named;
+  if (!m_open) {
+    named.reset(place.directory < 0 ? osOpen(path, O_PATH | O_NOFOLLOW)
+                                    : osOpenAt(place.directory, place.name, O_PATH | O_NOFOLLOW));
+  }
+  const int fd = m_open ? m_data.descriptor() : named.fd();
+  const int error = fd < 0 ? errno : FileMetadata::readAttributes(fd, Psdk::isSuperuser(), attributes);
+  if (error != 0) logOsError(log, "Failed to read the attributes of the file.", path, error);
+  return error == 0;
+}
+
+void SourceFile::findRanges(long long size, SparseMap& map) {
+  const int fd = m_data.descriptor();
+  std::vector<SparseRange> ranges;
+  long long stored = 0;
+  for (long long at = 0; at < size;) {
+    const long long start = ::lseek(fd, at, SEEK_DATA);
+    if (start < 0 && errno != ENXIO) return;  // the file system does not tell
+    if (start < 0 || start >= size) break;    // the rest is a hole
+    long long end = ::lseek(fd, start, SEEK_HOLE);
+    if (end < 0) return;
+    if (end > size) end = size;
+    if (end <= start || static_cast<long long>(ranges.size()) == SparseMap::kMostRanges) return;
+    ranges.push_back({start, end - start});
+    stored += end - start;
+    at = end;
+  }
+  if (stored == size) return;
+  map.begin(size);
+  bool ok = true;
+  for (const SparseRange& range : ranges) ok = ok && map.add(range.offset, range.length);
+  if (!ok) map.clear();
 }
 
 void SourceFile::close() {

@@ -1,9 +1,11 @@
 // One file or directory on its way into an archive: examined, opened, its data at hand.
 #pragma once
 
+#include "runtime/fs/FileMetadata.h"
 #include "runtime/fs/mvFileInfo.h"
 #include "runtime/io/_mvFileDataSource.h"
 #include "runtime/text/XString.h"
+#include "tar/format/SparseMap.h"
 
 namespace morvane {
 
@@ -37,6 +39,14 @@ class SourceFile {
   void close();
 
   _mvFileDataSource& data() { return m_data; }
+
+  // The text of a symbolic link, of any length.
+  static bool readLink(const SourcePlace& place, std::string& text, LogBase& log);
+  // The extended attributes of what was examined.
+  bool readAttributes(const SourcePlace& place, FileMetadata::Attributes& attributes, LogBase& log);
+  // The ranges of the open file that are no holes, of `size` bytes in all; the map stays empty where there
+  // are none, or where the file system does not tell.
+  void findRanges(long long size, SparseMap& map);
 
  private:
   _mvFileDataSource m_data;

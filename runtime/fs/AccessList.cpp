@@ -1,0 +1,145 @@
+#include "runtime/fs/AccessList.h"
+
+#include <endian.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+#include "runtime/fs/UserDatabase.h"
+
+namespace morvane {
+
+namespace {
+
+// The attribute: a version, then entries of eight bytes, all little-endian (Linux, posix_acl_xattr.h).
+constexpr uint32_t kVersion = 2;
+constexpr uint32_t kNoId = 0xFFFFFFFF;
+constexpr size_t kVersionSize = 4, kEntrySize = 8;
+
+struct Kind {
+  const char* name;
+  uint16_t ownTag, namedTag;  // of "user::" and of "user:lisa:"
+};
+constexpr Kind kKinds[] = {
+    {"user", 0x01, 0x02}, {"group", 0x04, 0x08}, {"mask", 0x10, 0}, {"other", 0x20, 0}};
+
+struct Entry {
+  uint16_t tag = 0, permissions = 0;
+  uint32_t id = kNoId;
+};
+
+std::string_view cut(std::string_view& rest, const char* separators) {
+  const size_t end = std::min(rest.find_first_of(separators), rest.size());
+  const std::string_view piece = rest.substr(0, end);
+  rest.remove_prefix(std::min(end + 1, rest.size()));
+  return piece;
+}
+
+std::optional<uint32_t> numberOf(std::string_view text) {
+  uint32_t number = 0;
+  const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
+  const bool isNumber =
+      result.ec == std::errc() && result.ptr == text.data() + text.size() && number != kNoId;
+  return isNumber ? std::optional<uint32_t>(number) : std::nullopt;
+}
+
+std::optional<uint32_t> idOf(std::string_view name, std::string_view id, bool isUser, bool byId,
+                             UserDatabase& users) {
+  const std::optional<uint32_t> number = numberOf(id);
+  if (byId && number) return number;
+  const std::string text(name);
+  const std::optional<unsigned> known = isUser ? users.userId(text) : users.groupId(text);
+  if (known) return *known;
+  return number ? number : numberOf(name);
+}
+
+std::optional<Entry> parseEntry(std::string_view text, bool byId, UserDatabase& users) {
+  const std::string_view kindName = cut(text, ":"), name = cut(text, ":"), permissions = cut(text, ":"),
+                         id = cut(text, ":");
+  const auto* const kind = std::find_if(std::begin(kKinds), std::end(kKinds),
+                                        [&](const Kind& each) { return kindName == each.name; });
+  if (kind == std::end(kKinds) || permissions.size() < 3) return std::nullopt;
+  Entry entry;
+  constexpr std::string_view kLetters = "rwx";
+  for (unsigned i = 0; i < 3; ++i) {
+    if (permissions[i] == kLetters[i]) entry.permissions |= static_cast<uint16_t>(4 >> i);
+  }
+  entry.tag = name.empty() ? kind->ownTag : kind->namedTag;
+  if (entry.tag == 0) return std::nullopt;
+  if (!name.empty()) {
+    const std::optional<uint32_t> known = idOf(name, id, kind == kKinds, byId, users);
+    if (!known) return std::nullopt;
+    entry.id = *known;
+  }
+  return entry;
+}
+
+template <class Number>
+void append(Number littleEndian, std::string& bytes) {
+  bytes.append(reinterpret_cast<const char*>(&littleEndian), sizeof littleEndian);
+}
+
+}  // namespace
+
+std::optional<std::string> accessListText(std::string_view bytes, UserDatabase& users) {
+  uint32_t version = 0;
+  if (bytes.size() < kVersionSize || (bytes.size() - kVersionSize) % kEntrySize != 0) return std::nullopt;
+  std::memcpy(&version, bytes.data(), sizeof version);
+  if (le32toh(version) != kVersion) return std::nullopt;
+  std::string text;
+  for (size_t at = kVersionSize; at < bytes.size(); at += kEntrySize) {
+    uint16_t tag = 0, permissions = 0;
+    uint32_t id = 0;
+    std::memcpy(&tag, bytes.data() + at, sizeof tag);
+    std::memcpy(&permissions, bytes.data() + at + 2, sizeof permissions);
+    std::memcpy(&id, bytes.data() + at + 4, sizeof id);
+    tag = le16toh(tag);
+    permissions = le16toh(permissions);
+    id = le32toh(id);
+    const auto* const kind = std::find_if(std::begin(kKinds), std::end(kKinds), [&](const Kind& each) {
+      return tag == each.ownTag || (tag == each.namedTag && tag != 0);
+    });
+    if (kind == std::end(kKinds)) return std::nullopt;
+    const bool isNamed = tag == kind->namedTag;
+    if (!text.empty()) text += ',';
+    text.append(kind->name).append(1, ':');
+    if (isNamed) {
+      const std::string& name = kind == kKinds ? users.userName(id) : users.groupName(id);
+      text += name.empty() ? std::to_string(id) : name;
+    }
+    text += ':';
+    for (unsigned i = 0; i < 3; ++i) text += permissions & 4 >> i ? "rwx"[i] : '-';
+    if (isNamed) text += ":" + std::to_string(id);
+  }
+  return text;
+}
+
+std::optional<std::string> accessListBytes(std::string_view text, bool byId, UserDatabase& users) {
+  std::vector<Entry> entries;
+  while (!text.empty()) {
+    std::string_view piece = cut(text, ",\n");
+    piece = piece.substr(0, piece.find('#'));
+    piece.remove_prefix(std::min(piece.find_first_not_of(" \t"), piece.size()));
+    if (piece.empty()) continue;
+    const std::optional<Entry> entry = parseEntry(piece, byId, users);
+    if (!entry) return std::nullopt;
+    entries.push_back(*entry);
+  }
+  // The system takes them by tag, and by number within one.
+  std::stable_sort(entries.begin(), entries.end(), [](const Entry& a, const Entry& b) {
+    return a.tag != b.tag ? a.tag < b.tag : a.id < b.id;
+  });
+  std::string bytes;
+  append(htole32(kVersion), bytes);
+  for (const Entry& entry : entries) {
+    append(htole16(entry.tag), bytes);
+    append(htole16(entry.permissions), bytes);
+    append(htole32(entry.id), bytes);
+  }
+  return bytes;
+}
+
+}  // namespace morvane

@@ -1,0 +1,122 @@
+#include "runtime/fs/FileMetadata.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+namespace morvane {
+
+namespace {
+
+int resultOf(long returned) { return returned < 0 ? errno : 0; }
+
+// A path to an open file, for the calls that take no descriptor that can only name one.
+std::string pathOf(int fd) { return "/proc/self/fd/" + std::to_string(fd); }
+
+bool isWanted(const std::string& name, bool all) {
+  const auto startsWith = [&name](const char* start) {
+    return name.compare(0, std::strlen(start), start) == 0;
+  };
+  if (startsWith("user.") || name == FileMetadata::kAccessList || name == FileMetadata::kDefaultList)
+    return true;
+  return all && (startsWith("security.") || startsWith("trusted."));
+}
+
+// Attributes may grow between two calls, so the size is asked for anew as long as it was too small.
+template <class Read>
+int readGrowing(std::string& bytes, Read read) {
+  for (int tries = 0; tries < 8; ++tries) {
+    const ssize_t size = read(nullptr, 0);
+    if (size < 0) return errno;
+    bytes.resize(static_cast<size_t>(size));
+    if (size == 0) return 0;
+    const ssize_t got = read(&bytes[0], bytes.size());
+    if (got >= 0) {
+      bytes.resize(static_cast<size_t>(got));
+      return 0;
+    }
+    if (errno != ERANGE) return errno;
+  }
+  return ERANGE;
+}
+
+}  // namespace
+
+int FileMetadata::setOwner(int fd, unsigned uid, unsigned gid) {
+  return resultOf(fchownat(fd, "", uid, gid, AT_EMPTY_PATH | AT_SYMLINK_NOFOLLOW));
+}
+
+int FileMetadata::owner(int fd, unsigned& uid, unsigned& gid) {
+  struct stat status;
+  if (fstat(fd, &status) != 0) return errno;
+  uid = status.st_uid;
+  gid = status.st_gid;
+  return 0;
+}
+
+int FileMetadata::setMode(int fd, unsigned mode) {
+  if (fchmod(fd, mode) == 0) return 0;
+  return errno == EBADF ? resultOf(chmod(pathOf(fd).c_str(), mode)) : errno;
+}
+
+int FileMetadata::setModeBesideList(int fd, unsigned mode) {
+  constexpr unsigned kGroupBits = 070;
+  struct stat status;
+  if (fstat(fd, &status) != 0) return errno;
+  return setMode(fd, (mode & ~kGroupBits) | (status.st_mode & kGroupBits));
+}
+
+int FileMetadata::setTimes(int fd, const timespec& access, const timespec& modification) {
+  const timespec times[] = {access, modification};
+  if (futimens(fd, times) == 0) return 0;
+  return errno == EBADF ? resultOf(utimensat(fd, "", times, AT_EMPTY_PATH)) : errno;
+}
+
+int FileMetadata::setAttribute(int fd, const std::string& name, const std::string& value) {
+  return resultOf(fsetxattr(fd, name.c_str(), value.data(), value.size(), 0));
+}
+
+int FileMetadata::readAttributes(int fd, bool all, Attributes& attributes) {
+  attributes.clear();
+  const std::string path = pathOf(fd);
+  std::string names;
+  const int error =
+      readGrowing(names, [&](char* buffer, size_t size) { return listxattr(path.c_str(), buffer, size); });
+  if (error != 0) return error == ENOTSUP || error == ENOSYS ? 0 : error;
+  for (size_t start = 0; start < names.size();) {
+    const std::string name = names.c_str() + start;
+    start += name.size() + 1;
+    if (!isWanted(name, all)) continue;
+    std::string value;
+    const int failed = readGrowing(
+        value, [&](char* buffer, size_t size) { return getxattr(path.c_str(), name.c_str(), buffer, size); });
+    if (failed == ENODATA) continue;  // it has gone meanwhile
+    if (failed != 0) return failed;
+    attributes.emplace_back(name, std::move(value));
+  }
+  return 0;
+}
+
+unsigned FileMetadata::umask() {
+  constexpr unsigned kStrictest = 077;
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen("/proc/self/status", "re"),
+                                                             std::fclose);
+  if (!file) return kStrictest;
+  char line[256];
+  while (std::fgets(line, sizeof line, file.get())) {
+    constexpr char kTag[] = "Umask:";
+    if (std::strncmp(line, kTag, sizeof kTag - 1) == 0) {
+      return static_cast<unsigned>(std::strtoul(line + sizeof kTag - 1, nullptr, 8)) & kPermissions;
+    }
+  }
+  return kStrictest;
+}
+
+}  // namespace morvane

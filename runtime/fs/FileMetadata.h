@@ -1,0 +1,41 @@
+// What the system keeps of a file beside its data: owner, mode, times, attributes. Read and set through a
+// descriptor, so that nobody can put another file in its place meanwhile; one that can only name a file
+// (O_PATH), as for links and special files, will do for all but attributes.
+//
+// Each operation returns 0 or the system's errno.
+#pragma once
+
+#include <ctime>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace morvane {
+
+struct FileMetadata {
+  static constexpr unsigned kAllBits = 07777, kPermissions = 0777, kSetIds = 06000;
+
+  // An id of 4294967295 means "leave it as it is" to the system.
+  static int setOwner(int fd, unsigned uid, unsigned gid);
+  static int owner(int fd, unsigned& uid, unsigned& gid);
+  static int setMode(int fd, unsigned mode);
+  // The same for a file that has an access list, whose group bits are the list's mask and stay.
+  static int setModeBesideList(int fd, unsigned mode);
+  static int setTimes(int fd, const timespec& access, const timespec& modification);
+
+  using Attributes = std::vector<std::pair<std::string, std::string>>;  // name and value, any bytes
+  static int setAttribute(int fd, const std::string& name, const std::string& value);
+  // Those of the name spaces "user." and of POSIX access lists; with `all` also "security." and "trusted.",
+  // as far as the process may see them. A file system without attributes has none.
+  static int readAttributes(int fd, bool all, Attributes& attributes);
+
+  // The names under which the system keeps access lists.
+  static constexpr char kAccessList[] = "system.posix_acl_access",
+                        kDefaultList[] = "system.posix_acl_default";
+
+  // The process's umask, which nobody may change to look at it: that would be for all threads. What cannot be
+  // told is taken to be the strictest.
+  static unsigned umask();
+};
+
+}  // namespace morvane

@@ -1,0 +1,40 @@
+// What a run knows of hard links: which members may be their targets, under which names, and which links wait
+// for a target that comes later.
+#pragma once
+
+#include <map>
+#include <string>
+#include <unordered_set>
+#include <vector>
+
+namespace morvane {
+
+class LinkTable {
+ public:
+  struct Waiting {
+    std::string path, target;
+  };
+
+  void clear();
+
+  // A member that was skipped, refused or filtered out is no target, though a file of its name may be there:
+  // it would be another one. What is made later under that name is one again. A hash stands for each path; a
+  // false hit leaves a link out, and says so.
+  void noteUnmade(const std::string& path) { m_unmade.insert(std::hash<std::string>()(path)); }
+  void noteMade(const std::string& path);
+  bool mayBeTarget(const std::string& path) const;
+
+  // Links to a member that the event renamed follow its new name.
+  void noteRenamed(const std::string& from, const std::string& to) { m_renamed[from] = to; }
+  const std::string& nameNow(const std::string& path) const;
+
+  void waitFor(const std::string& target, const std::string& path) { m_waiting.push_back({path, target}); }
+  std::vector<Waiting> takeWaiting();
+
+ private:
+  std::unordered_set<size_t> m_unmade;
+  std::map<std::string, std::string> m_renamed;
+  std::vector<Waiting> m_waiting;
+};
+
+}  // namespace morvane

@@ -1,0 +1,223 @@
+// The placer's makings: what each kind of member becomes on the disk, and the end of it.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+
+#include <cerrno>
+#include <climits>
+
+#include "runtime/log/LogNull.h"
+#include "tar/format/EntryPath.h"
+#include "tar/place/MemberPlacer.h"
+#include "tar/place/SparseOutput.h"
+
+namespace morvane {
+
+namespace {
+
+using Outcome = ExtractTarget::Outcome;
+
+// Whether the text of a symbolic link, beside the member, leads out of the target by its parts alone.
+bool leadsOut(const std::string& path, std::string_view text) {
+  if (!text.empty() && text.front() == '/') return true;
+  long long depth = -1;  // of the directory that the link is in; the link itself is no part of it
+  for (size_t start = 0; start < path.size();) {
+    const size_t end = std::min(path.find('/', start), path.size());
+    const std::string_view part = std::string_view(path).substr(start, end - start);
+    depth += !part.empty() && part != ".";
+    start = end + 1;
+  }
+  while (!text.empty()) {
+    const size_t end = std::min(text.find('/'), text.size());
+    const std::string_view part = text.substr(0, end);
+    if (part == "..") {
+      if (--depth < 0) return true;
+    } else if (!part.empty() && part != ".") {
+      ++depth;
+    }
+    text.remove_prefix(std::min(end + 1, text.size()));
+  }
+  return false;
+}
+
+// The system has no link of no text, nor of one that no path could be.
+bool canBeLinkText(const std::string& text) {
+  return !text.empty() && text.size() < PATH_MAX && text.find('\0') == std::string::npos;
+}
+
+}  // namespace
+
+Outcome MemberPlacer::make(const Member& member, const Io& io, Placed& placed) {
+  if (restored().link && member.isSymbolicLink()) return makeSymbolicLink(member, io);
+  if (restored().link && member.isHardLink()) return makeHardLink(member, io, placed);
+  if (restored().special && member.isSpecial()) return makeSpecial(member, io);
+  return member.isDirectory ? makeDirectory(member, io) : makeFile(member, io, placed);
+}
+
+Outcome MemberPlacer::makeDirectory(const Member& member, const Io& io) {
+  if (settings().untarDiscardPaths && !m_manner.makesDiscardedDirectories) return Outcome::Ok;
+  ConfinedDir::MadeDirectory made;
+  const unsigned mode = restored().any() ? m_restorer.directoryModeToMake() : 0777;
+  const Outcome outcome = m_target.makeDirectory(m_path, settings(), mode, made, io.log);
+  if (outcome == Outcome::Ok && restored().any()) {
+    m_restorer.noteParents(m_target.confined()->takeNewParents());
+    m_restorer.noteDirectory(made, member, m_path.entryPath().str());
+  }
+  return outcome;
+}
+
+Outcome MemberPlacer::makeFile(const Member& member, const Io& io, Placed& placed) {
+  if (member.sparseIsWrong) {
+    io.fail("The map of a sparse member makes no sense.");
+    return Outcome::Unusable;
+  }
+  const unsigned mode = restored().any() ? m_restorer.modeToMake(member) : 0666;
+  std::unique_ptr<OutputFile> file;
+  const Outcome outcome =
+      m_target.createFile(m_path, settings(), mode, m_manner.creatingFileTag, io.log, file);
+  if (outcome != Outcome::Ok) return outcome;
+  placed.file = file.get();
+  placed.out = spreading(member, std::move(file), placed.file);
+  return outcome;
+}
+
+std::unique_ptr<_mvOutput> MemberPlacer::spreading(const Member& member, std::unique_ptr<_mvOutput> out,
+                                                   OutputFile* file) {
+  if (!member.sparse.isSparse()) return out;
+  return std::make_unique<SparseOutput>(std::move(out), file, member.sparse, member.size);
+}
+
+Outcome MemberPlacer::makeSymbolicLink(const Member& member, const Io& io) {
+  const std::string& text = member.linkPath;
+  const std::string& path = m_path.entryPath().str();
+  const bool isUsable = canBeLinkText(text);
+  if (!isUsable || (settings().options.linksInside && leadsOut(path, text))) {
+    io.fail(isUsable ? "The symbolic link leads out of the target."
+                     : "The symbolic link has no usable text.");
+    return Outcome::Unusable;
+  }
+  OsFile made;
+  const Outcome outcome = m_target.makeSymbolicLink(m_path, settings(), text, made, io.log);
+  if (outcome == Outcome::Ok && made.isOpen()) m_restorer.settle(made.fd(), member, m_path.entryPath(), io);
+  return outcome;
+}
+
+Outcome MemberPlacer::makeSpecial(const Member& member, const Io& io) {
+  const unsigned type = member.typeFlag == kTypeFifo              ? S_IFIFO
+                        : member.typeFlag == kTypeCharacterDevice ? S_IFCHR
+                                                                  : S_IFBLK;
+  const unsigned long long device = member.isDevice() ? makedev(member.deviceMajor, member.deviceMinor) : 0;
+  OsFile made;
+  const unsigned mode = restored().mode ? 0600 : 0666;
+  const Outcome outcome = m_target.makeNode(m_path, settings(), type | mode, device, made, io.log);
+  if (outcome == Outcome::Ok && made.isOpen()) m_restorer.settle(made.fd(), member, m_path.entryPath(), io);
+  // Devices are the superuser's; that somebody else cannot make them is no reason to lose the rest.
+  const bool mayNot = outcome == Outcome::NotCreated && m_target.lastError() == EPERM;
+  return mayNot ? Outcome::Unusable : outcome;
+}
+
+// A link to what is not there yet waits until the end. One that has data of its own needs no target.
+Outcome MemberPlacer::makeHardLink(const Member& member, const Io& io, Placed& placed) {
+  const std::string target = m_links.nameNow(m_path.targetOf(member.linkPath, settings(), io.log));
+  const std::string& path = m_path.entryPath().str();
+  if (target.empty()) return Outcome::Refused;
+  const bool mayLink = m_links.mayBeTarget(target);
+  ConfinedDir::Linked linked = ConfinedDir::Linked::Missing;
+  if (mayLink) {
+    const Outcome outcome = m_target.makeHardLink(m_path, settings(), target, linked, io.log);
+    if (outcome != Outcome::Ok) return outcome;
+  }
+  if (linked == ConfinedDir::Linked::Ok) return Outcome::Ok;
+  if (linked == ConfinedDir::Linked::CannotLink) return copyTarget(member, target, io);
+  if (member.size > 0) return makeFile(member, io, placed);
+  if (!mayLink) {
+    io.fail("The target of a hard link was not extracted.");
+    io.log.LogData("linkPath", target.c_str());
+    return Outcome::Unusable;
+  }
+  if (target == path) return Outcome::Refused;  // a name of nothing
+  m_links.waitFor(target, path);
+  return Outcome::Ok;
+}
+
+// Where the file system links nothing, the second name gets a file of its own with the same data.
+Outcome MemberPlacer::copyTarget(const Member& member, const std::string& target, const Io& io) {
+  OsFile source(m_target.confined()->openExisting(target, O_RDONLY | O_NONBLOCK | O_NOCTTY));
+  struct stat status;
+  const bool canBeCopied = source.isOpen() && source.status(status) == 0 && S_ISREG(status.st_mode);
+  if (!canBeCopied) return Outcome::Refused;
+  Placed placed;
+  const Outcome outcome = makeFile(member, io, placed);
+  if (outcome != Outcome::Ok) return outcome;
+  std::vector<char> buffer(64 * 1024);
+  bool ok = true;
+  for (ssize_t got = 1; ok && got > 0;) {
+    got = source.readSome(buffer.data(), buffer.size());
+    ok = got >= 0 && (got == 0 || placed.out->writeBytesPM(buffer.data(), static_cast<unsigned>(got),
+                                                           io.monitor, io.log));
+  }
+  const FileEnd end = settle(member, *placed.out, *placed.file, ok, {}, io);
+  m_restorer.notKept().note(NotKept::Kind::Link, m_path.entryPath(), 0, io);
+  return end.isWhole ? Outcome::Ok : Outcome::NotCreated;
+}
+
+FileEnd MemberPlacer::settle(const Member& member, _mvOutput& out, OutputFile& file, bool isComplete,
+                             const MemberTimes& times, const Io& io) {
+  if (auto* const sparse = dynamic_cast<SparseOutput*>(&out); sparse && isComplete) {
+    _mvIoParams params(io.monitor);
+    isComplete = sparse->finish(params, io.log);
+  }
+  if (!restored().any()) {
+    return settleFile(file, isComplete, io,
+                      [&](OutputFile& open) { return setFileTimes(open, times, io.log); });
+  }
+  return settleFile(file, isComplete, io, [&](OutputFile& open) {
+    if (open.descriptor() >= 0) m_restorer.settle(open.descriptor(), member, m_path.entryPath(), io);
+    return true;
+  });
+}
+
+// ---- The end of a run
+
+void MemberPlacer::makeWaitingLinks(const Io& io) {
+  ConfinedDir* const target = m_target.confined();
+  for (const LinkTable::Waiting& link : m_links.takeWaiting()) {
+    const ConfinedDir::Linked linked =
+        target ? target->makeHardLink(link.path, link.target, io.log) : ConfinedDir::Linked::Missing;
+    if (linked == ConfinedDir::Linked::Ok) continue;
+    m_path.rename(link.path, settings());
+    if (linked == ConfinedDir::Linked::Missing) {
+      io.fail("The target of a hard link is not there.");
+      io.log.LogData("linkPath", link.target.c_str());
+    }
+    reportLeftOut(linked == ConfinedDir::Linked::Refused, io);
+  }
+}
+
+void MemberPlacer::finishTarget(const Io& io) {
+  makeWaitingLinks(io);
+  if (ConfinedDir* const target = m_target.confined()) m_restorer.settleDirectories(*target, io);
+}
+
+void MemberPlacer::finish(const Io& io) {
+  if (!restored().any()) return;
+  finishTarget(io);
+  m_restorer.notKept().tellCounts(io);
+  m_anyLeftOut |= m_restorer.notKept().any();
+  m_restorer.notKept().clear();
+}
+
+void MemberPlacer::finishQuietly() noexcept {
+  try {
+    LogNull unwanted;
+    finishTarget(Io(unwanted));
+  } catch (...) {  // out of memory: there is nothing more that could be done
+  }
+}
+
+void MemberPlacer::releaseTarget() {
+  finishQuietly();
+  m_target.reset();
+}
+
+}  // namespace morvane

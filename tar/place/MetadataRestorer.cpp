@@ -1,0 +1,186 @@
+#include "tar/place/MetadataRestorer.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "runtime/fs/AccessList.h"
+#include "runtime/fs/MorvaneFileTime.h"
+#include "runtime/io/Io.h"
+
+namespace morvane {
+
+namespace {
+
+// To the system it means "leave the owner as it is".
+constexpr unsigned kNoId = 0xFFFFFFFF;
+
+timespec toTimespec(const TarTime& time) {
+  return MorvaneFileTime::fromUnixTime64(time.seconds, time.nanoseconds).toTimespec();
+}
+
+bool isSecurityAttribute(const std::string& name) { return name.compare(0, 5, "user.") != 0; }
+
+}  // namespace
+
+void MetadataRestorer::begin(const TarOptions& options) {
+  m_parts = options.restore;
+  m_byId = options.ownerById;
+  m_settlesExisting = options.settlesExistingDirectories && m_parts.fullMode;
+  m_directories.clear();
+  m_newParents.clear();
+  m_notKept.clear();
+  if (m_parts.mode && !m_parts.fullMode) m_umask = FileMetadata::umask();
+}
+
+bool MetadataRestorer::setsAfterwards(const Member& member) const {
+  return m_parts.owner || (m_parts.fullMode && (member.mode & FileMetadata::kSetIds) != 0) ||
+         (m_parts.xattr && !member.accessList.empty());
+}
+
+unsigned MetadataRestorer::modeToMake(const Member& member) const {
+  if (!m_parts.mode) return 0666;
+  return setsAfterwards(member) ? 0600 : member.mode & FileMetadata::kPermissions;
+}
+
+void MetadataRestorer::settle(int fd, const Member& member, const XString& entryPath, const Io& io) {
+  const bool ownerIsKept = !m_parts.owner || setOwner(fd, member, entryPath, io);
+  // Links have neither a mode nor attributes that are their own.
+  if (!member.isSymbolicLink()) {
+    if (m_parts.xattr) setAttributes(fd, member, false, entryPath, io);
+    if (m_parts.mode) setMode(fd, member, ownerIsKept, entryPath, io);
+    if (m_parts.all) setAttributes(fd, member, true, entryPath, io);
+  }
+  if (m_parts.time) setTimes(fd, member, entryPath, io);
+}
+
+unsigned MetadataRestorer::uidOf(const Member& member) {
+  if (m_byId || member.userName.empty()) return member.uid;
+  return m_users.userId(member.userName).value_or(member.uid);
+}
+
+unsigned MetadataRestorer::gidOf(const Member& member) {
+  if (m_byId || member.groupName.empty()) return member.gid;
+  return m_users.groupId(member.groupName).value_or(member.gid);
+}
+
+bool MetadataRestorer::setOwner(int fd, const Member& member, const XString& entryPath, const Io& io) {
+  const unsigned uid = uidOf(member), gid = gidOf(member);
+  const int error = uid == kNoId || gid == kNoId ? EINVAL : FileMetadata::setOwner(fd, uid, gid);
+  if (error != 0) m_notKept.note(NotKept::Kind::Owner, entryPath, error, io);
+  return error == 0;
+}
+
+bool MetadataRestorer::isOwnedAsStored(int fd, const Member& member) {
+  unsigned uid = 0, gid = 0;
+  return FileMetadata::owner(fd, uid, gid) == 0 && uid == uidOf(member) && gid == gidOf(member);
+}
+
+// Set-id bits only on what belongs to the owner that the archive states: on anybody else's file they would be
+// a program that runs as somebody whom nobody meant.
+void MetadataRestorer::setMode(int fd, const Member& member, bool ownerIsKept, const XString& entryPath,
+                               const Io& io) {
+  unsigned mode = member.mode & FileMetadata::kAllBits;
+  if (!m_parts.fullMode) {
+    mode &= FileMetadata::kPermissions & ~m_umask;
+    const bool hasItsMode = !member.isDirectory && !member.isSpecial() && !setsAfterwards(member);
+    if (hasItsMode) return;  // it was made with it
+  } else if ((mode & FileMetadata::kSetIds) != 0 && !(ownerIsKept && isOwnedAsStored(fd, member))) {
+    mode &= ~FileMetadata::kSetIds;
+  }
+  const bool hasList = m_parts.xattr && !member.accessList.empty();
+  const int error = hasList ? FileMetadata::setModeBesideList(fd, mode) : FileMetadata::setMode(fd, mode);
+  if (error != 0) m_notKept.note(NotKept::Kind::Mode, entryPath, error, io);
+}
+
+void MetadataRestorer::setAttributes(int fd, const Member& member, bool security, const XString& entryPath,
+                                     const Io& io) {
+  for (const MemberAttribute& attribute : member.attributes) {
+    if (isSecurityAttribute(attribute.name) != security) continue;
+    const int error = FileMetadata::setAttribute(fd, attribute.name, attribute.value);
+    if (error != 0) m_notKept.note(NotKept::Kind::Attributes, entryPath, error, io);
+  }
+  if (security) return;
+  setAccessList(fd, FileMetadata::kAccessList, member.accessList, entryPath, io);
+  if (member.isDirectory)
+    setAccessList(fd, FileMetadata::kDefaultList, member.defaultAccessList, entryPath, io);
+}
+
+void MetadataRestorer::setAccessList(int fd, const char* name, const std::string& text,
+                                     const XString& entryPath, const Io& io) {
+  if (text.empty()) return;
+  const std::optional<std::string> bytes = accessListBytes(text, m_byId, m_users);
+  const int error = bytes ? FileMetadata::setAttribute(fd, name, *bytes) : EINVAL;
+  if (error != 0) m_notKept.note(NotKept::Kind::Attributes, entryPath, error, io);
+}
+
+void MetadataRestorer::setTimes(int fd, const Member& member, const XString& entryPath, const Io& io) {
+  timespec access{};
+  access.tv_nsec = UTIME_OMIT;
+  if (member.atime.known) access = toTimespec(member.atime);
+  const int error = FileMetadata::setTimes(fd, access, toTimespec(member.mtime));
+  if (error != 0) m_notKept.note(NotKept::Kind::Times, entryPath, error, io);
+}
+
+void MetadataRestorer::noteParents(std::vector<ConfinedDir::Identity> parents) {
+  for (const ConfinedDir::Identity& parent : parents) m_newParents[parent] = true;
+}
+
+void MetadataRestorer::noteDirectory(const ConfinedDir::MadeDirectory& made, const Member& member,
+                                     const std::string& path) {
+  if (!made.isKnown) return;
+  const bool isOurs = made.isNew || m_settlesExisting || m_newParents.count(made.identity) > 0 ||
+                      m_directories.count(made.identity) > 0;
+  if (!isOurs) return;
+  m_directories[made.identity] = {path,
+                                  member.mode,
+                                  member.uid,
+                                  member.gid,
+                                  member.userName,
+                                  member.groupName,
+                                  member.mtime,
+                                  member.atime,
+                                  member.attributes,
+                                  member.accessList,
+                                  member.defaultAccessList};
+}
+
+void MetadataRestorer::settleDirectories(ConfinedDir& target, const Io& io) {
+  std::vector<std::pair<const ConfinedDir::Identity, Directory>*> order;
+  for (auto& each : m_directories) order.push_back(&each);
+  // What lies deeper has the longer path.
+  std::sort(order.begin(), order.end(),
+            [](const auto* a, const auto* b) { return a->second.path.size() > b->second.path.size(); });
+  for (auto* each : order) {
+    Directory& directory = each->second;
+    const XString entryPath(directory.path);
+    const OsFile file(target.openExisting(directory.path, O_RDONLY | O_DIRECTORY | O_NONBLOCK));
+    struct stat status;
+    if (!file.isOpen() || file.status(status) != 0 || status.st_dev != each->first.device ||
+        status.st_ino != each->first.inode) {
+      io.log.LogNotice("The directory is not the one that was made; it is left as it is.");
+      io.log.LogDataX("entryPath", entryPath);
+      continue;
+    }
+    Member member;
+    member.isDirectory = true;
+    member.typeFlag = kTypeDirectory;
+    member.mode = directory.mode;
+    member.uid = directory.uid;
+    member.gid = directory.gid;
+    member.userName = std::move(directory.userName);
+    member.groupName = std::move(directory.groupName);
+    member.mtime = directory.mtime;
+    member.atime = directory.atime;
+    member.attributes = std::move(directory.attributes);
+    member.accessList = std::move(directory.accessList);
+    member.defaultAccessList = std::move(directory.defaultAccessList);
+    settle(file.fd(), member, entryPath, io);
+  }
+  m_directories.clear();
+  m_newParents.clear();
+}
+
+}  // namespace morvane

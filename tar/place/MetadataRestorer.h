@@ -1,0 +1,77 @@
+// Gives what was extracted its owner, mode, times and attributes back (the word Restore): files as they are
+// closed, links and special files as they are made, directories at the end of the run, because what is put
+// into them would change their times and may need them to be writable.
+//
+// Always through a descriptor of what the run itself made. Order: owner (which takes set-id bits and
+// capabilities away), attributes and access lists, mode, the security attributes, times.
+#pragma once
+
+#include <map>
+
+#include "runtime/fs/ConfinedDir.h"
+#include "runtime/fs/FileMetadata.h"
+#include "runtime/fs/UserDatabase.h"
+#include "tar/format/Member.h"
+#include "tar/place/NotKept.h"
+#include "tar/settings/TarOptions.h"
+
+namespace morvane {
+
+class MetadataRestorer {
+ public:
+  // Before a run. Only with something to restore is anything asked of the system.
+  void begin(const TarOptions& options);
+  const KeptParts& parts() const { return m_parts; }
+
+  // The mode to make a member's file with: its own, less the umask, which the system takes off, where nothing
+  // else has to be set before it; else one for the owner alone.
+  unsigned modeToMake(const Member& member) const;
+  // The mode to make a directory with, until it is settled.
+  unsigned directoryModeToMake() const { return m_parts.mode ? 0700 : 0777; }
+
+  // Sets everything of a file, link or special file that is open as `fd`.
+  void settle(int fd, const Member& member, const XString& entryPath, const Io& io);
+  // Notes a directory that a member made, or means again. `path` is below the target.
+  void noteDirectory(const ConfinedDir::MadeDirectory& made, const Member& member, const std::string& path);
+  // Directories that were made on the way to members count as made by the run.
+  void noteParents(std::vector<ConfinedDir::Identity> parents);
+  // Settles all of them, deepest first. One that is no more the one that was made is passed over.
+  void settleDirectories(ConfinedDir& target, const Io& io);
+
+  // Whether directories wait to be settled.
+  bool hasDirectories() const { return !m_directories.empty(); }
+  NotKept& notKept() { return m_notKept; }
+
+ private:
+  struct Directory {
+    std::string path;
+    unsigned mode = 0, uid = 0, gid = 0;
+    std::string userName, groupName;
+    TarTime mtime, atime;
+    std::vector<MemberAttribute> attributes;
+    std::string accessList, defaultAccessList;
+  };
+
+  bool setsAfterwards(const Member& member) const;
+  bool setOwner(int fd, const Member& member, const XString& entryPath, const Io& io);
+  bool isOwnedAsStored(int fd, const Member& member);
+  void setMode(int fd, const Member& member, bool ownerIsKept, const XString& entryPath, const Io& io);
+  void setAttributes(int fd, const Member& member, bool security, const XString& entryPath, const Io& io);
+  void setAccessList(int fd, const char* name, const std::string& text, const XString& entryPath,
+                     const Io& io);
+  void setTimes(int fd, const Member& member, const XString& entryPath, const Io& io);
+  unsigned uidOf(const Member& member);
+  unsigned gidOf(const Member& member);
+
+  KeptParts m_parts;
+  bool m_byId = false;
+  bool m_settlesExisting = false;
+  unsigned m_umask = 0;
+  UserDatabase m_users;
+  NotKept m_notKept;
+  // Those that the run made on the way, and those that have members: their paths and what to give them.
+  std::map<ConfinedDir::Identity, Directory> m_directories;
+  std::map<ConfinedDir::Identity, bool> m_newParents;
+};
+
+}  // namespace morvane

@@ -1,0 +1,51 @@
+#include "tar/place/NotKept.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "runtime/io/Io.h"
+
+namespace morvane {
+
+namespace {
+
+struct Row {
+  const char *message, *event, *countEvent;
+};
+constexpr Row kRows[] = {
+    {"The member's owner is not kept.", "ownerNotKept", "ownersNotKept"},
+    {"The member's mode is not kept.", "modeNotKept", "modesNotKept"},
+    {"The member's times are not kept.", "timesNotKept", "allTimesNotKept"},
+    {"Attributes of the member are not kept.", "attributesNotKept", "allAttributesNotKept"},
+    {"The member is a copy: a link cannot be made here.", "linkNotKept", "linksNotKept"},
+};
+static_assert(std::size(kRows) == static_cast<size_t>(NotKept::Kind::Count));
+
+}  // namespace
+
+void NotKept::note(Kind kind, const XString& entryPath, int error, const Io& io) {
+  const auto index = static_cast<size_t>(kind);
+  if (++m_counts[index] > 1) return;
+  const char* const reason = error != 0 ? std::strerror(error) : "";
+  io.log.LogNotice(kRows[index].message);
+  io.log.LogDataX("entryPath", entryPath);
+  if (error != 0) io.log.LogData("reason", reason);
+  io.log.noteCause(kRows[index].message, entryPath.getUtf8(), reason);
+  io.inform(kRows[index].event, entryPath.getUtf8());
+  io.log.forgetCause();  // the run goes on
+}
+
+void NotKept::tellCounts(const Io& io) {
+  for (size_t i = 0; i < m_counts.size(); ++i) {
+    if (m_counts[i] < 2) continue;
+    io.log.LogInfo(kRows[i].message);
+    io.log.LogDataInt64("members", m_counts[i]);
+    io.inform(kRows[i].countEvent, std::to_string(m_counts[i]).c_str());
+  }
+}
+
+bool NotKept::any() const {
+  return std::any_of(m_counts.begin(), m_counts.end(), [](long long count) { return count > 0; });
+}
+
+}  // namespace morvane

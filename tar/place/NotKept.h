@@ -1,0 +1,29 @@
+// What was asked for and could not be kept of the members that were made: said once for each kind, with the
+// first member, and counted where it repeats.
+#pragma once
+
+#include <array>
+
+#include "tar/place/MemberPath.h"
+
+namespace morvane {
+
+struct Io;
+
+class NotKept {
+ public:
+  enum class Kind { Owner, Mode, Times, Attributes, Link, Count };
+
+  void clear() { m_counts = {}; }
+  // `error` is the system's reason, 0 when it was none of the system's. The event hears "ownerNotKept" and so
+  // on with the path; the log has the reason.
+  void note(Kind kind, const XString& entryPath, int error, const Io& io);
+  // At the end of a run: how many there were, where there were more than one ("ownersNotKept", "12").
+  void tellCounts(const Io& io);
+  bool any() const;
+
+ private:
+  std::array<long long, static_cast<size_t>(Kind::Count)> m_counts{};
+};
+
+}  // namespace morvane

@@ -1,0 +1,85 @@
+#include "tar/place/SparseOutput.h"
+
+#include <algorithm>
+
+#include "runtime/io/OutputFile.h"
+#include "runtime/log/LogBase.h"
+
+namespace morvane {
+
+bool SparseOutput::checkMap(LogBase& log) {
+  m_mapIsComplete = true;
+  if (m_map.fits(m_left)) return true;
+  return fail("The map of a sparse member does not fit its data.", log);
+}
+
+bool SparseOutput::takeMap(const char*& bytes, unsigned& n, LogBase& log) {
+  if (m_map.isInData()) {
+    unsigned used = 0;
+    const SparseMapText::State state = m_text.take(bytes, n, used, m_map);
+    bytes += used;
+    n -= used;
+    m_left -= used;
+    if (state == SparseMapText::State::GoesOn) return true;
+    if (state == SparseMapText::State::Wrong) return fail("The map of a sparse member is malformed.", log);
+  }
+  return checkMap(log);
+}
+
+bool SparseOutput::_writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log) {
+  if (!m_hasFailed && !m_mapIsComplete && !takeMap(bytes, n, log)) return false;
+  if (m_hasFailed) return m_file && m_file->hasFailedAlone();
+  const std::vector<SparseRange>& ranges = m_map.ranges();
+  while (n > 0) {
+    while (m_range < ranges.size() && m_inRange == ranges[m_range].length) {
+      ++m_range;
+      m_inRange = 0;
+    }
+    if (m_range == ranges.size()) return fail("A sparse member has more data than its map.", log);
+    const SparseRange& range = ranges[m_range];
+    if (!passHole(range.offset + m_inRange, io, log)) return false;
+    const unsigned piece = static_cast<unsigned>(std::min<long long>(n, range.length - m_inRange));
+    if (!m_out->_writeBytes(bytes, piece, io, log)) return false;
+    bytes += piece;
+    n -= piece;
+    m_at += piece;
+    m_inRange += piece;
+    m_left -= piece;
+  }
+  return true;
+}
+
+bool SparseOutput::passHole(long long upTo, _mvIoParams& io, LogBase& log) {
+  if (upTo == m_at) return true;
+  if (m_file) {
+    if (!m_file->passHole(upTo - m_at, io.monitor(), log)) return false;
+    m_at = upTo;
+    return true;
+  }
+  static constexpr char kZeros[16 * 1024] = {};
+  while (m_at < upTo) {
+    const auto piece = static_cast<unsigned>(std::min<long long>(upTo - m_at, sizeof kZeros));
+    if (!m_out->writeBytesPM(kZeros, piece, io.monitor(), log)) return false;
+    m_at += piece;
+  }
+  return true;
+}
+
+bool SparseOutput::finish(_mvIoParams& io, LogBase& log) {
+  if (!m_hasFailed && !m_mapIsComplete) {
+    if (m_map.isInData() ? !fail("The map of a sparse member is cut.", log) : !checkMap(log)) return false;
+  }
+  if (m_hasFailed) return m_file && m_file->hasFailedAlone();
+  if (m_left > 0) return fail("A sparse member has less data than its map.", log);
+  return passHole(m_map.realSize(), io, log) &&
+         (!m_file || m_file->setLength(m_map.realSize(), io.monitor(), log));
+}
+
+bool SparseOutput::fail(const char* message, LogBase& log) {
+  log.LogError(message);
+  m_hasFailed = true;
+  if (m_file) m_file->failAlone();
+  return m_file && m_file->hasFailedAlone();
+}
+
+}  // namespace morvane

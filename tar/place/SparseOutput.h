@@ -1,0 +1,46 @@
+// Stands between an engine and the file of a sparse member: takes the stored bytes one behind the other and
+// puts them where their map says, with holes between. A map that is text at the front of the data is taken
+// off first.
+#pragma once
+
+#include <memory>
+
+#include "runtime/io/_mvOutput.h"
+#include "tar/format/SparseMap.h"
+
+namespace morvane {
+
+class OutputFile;
+
+class SparseOutput : public _mvOutput {
+ public:
+  // `stored`: bytes that will come, a map's text included. `file` is `out` again where that is a file, else
+  // null: `out` then has no positions, and holes become zeros.
+  SparseOutput(std::unique_ptr<_mvOutput> out, OutputFile* file, SparseMap map, long long stored)
+      : m_out(std::move(out)), m_file(file), m_map(std::move(map)), m_left(stored) {}
+
+  bool _writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log) override;
+  // A map or data that make no sense fail the file alone, where that is borne (OutputFile::failAlone).
+
+  // Behind the last byte: the file gets its size. False, with the reason in the log, when bytes are missing.
+  [[nodiscard]] bool finish(_mvIoParams& io, LogBase& log);
+
+ private:
+  bool takeMap(const char*& bytes, unsigned& n, LogBase& log);
+  bool checkMap(LogBase& log);
+  bool fail(const char* message, LogBase& log);
+  bool passHole(long long upTo, _mvIoParams& io, LogBase& log);
+
+  const std::unique_ptr<_mvOutput> m_out;
+  OutputFile* const m_file;
+  SparseMap m_map;
+  SparseMapText m_text;
+  bool m_mapIsComplete = false;
+  bool m_hasFailed = false;
+  long long m_left;         // stored bytes to come
+  long long m_at = 0;       // in the file
+  size_t m_range = 0;       // the current one
+  long long m_inRange = 0;  // bytes of it that have come
+};
+
+}  // namespace morvane
