@@ -5,8 +5,11 @@
 
 namespace morvane {
 
+// Bytes in any pieces give the same sum; n may be 0. Computed by ISA-L where the build found it, else by
+// zlib.
 class MORVANE_API ZipCRC {
  public:
+  // Forgets what was added before.
   void beginStream() { m_crc = 0; }
   void moreData(const unsigned char* bytes, unsigned n);
   // The CRC-32 of all bytes since beginStream.

@@ -1,3 +1,4 @@
+// ZipCRC over zlib, for builds without ISA-L.
 #include "runtime/codec/ZipCRC.h"
 
 #include <zlib.h>
