@@ -1,3 +1,8 @@
+// Pax and long-name records the lenient way: lines of text, short values, 32-bit numbers. It is what reading
+// does without FullRead, and every oddity below is kept because archives and programs have been read by it;
+// docs/format.md lists them with their cures.
+//
+// Nothing is allocated for what an archive claims: keyword and value are cut to fixed sizes on the stack.
 #include "tar/format/PaxRecords.h"
 
 #include <cstring>
@@ -9,9 +14,12 @@ namespace morvane {
 
 namespace {
 
+// A longer keyword is passed over with its line; a longer value is cut.
 constexpr unsigned kLongestKeyword = 99;
 constexpr unsigned kLongestValue = 999;
 
+// Digits up to the first other character, so that "1234.5" is 1234 and "-1" is 0. A size from 4 GiB on
+// becomes 2^32-1, with a line in the log: the rest of such an archive is lost.
 unsigned paxNumber(const char* keyword, const char* value, LogBase& log) {
   bool overflowed = false;
   const unsigned number = mvUIntValue(value, &overflowed);
@@ -27,6 +35,8 @@ void setOwned(std::unique_ptr<StringBuffer>& owned, const char* value) {
   owned = std::make_unique<StringBuffer>(value);
 }
 
+// Each keyword is marked as given, whatever it was given: merging asks for the mark. The marks of ids, times
+// and links are not asked for; see combineHeaderPaxExtended. An unknown keyword is passed over.
 void applyPaxRecord(const char* keyword, const char* value, TarHeader& record, LogBase& log) {
   const auto is = [keyword](const char* name) { return mvStrCmp(keyword, name) == 0; };
   const auto number = [&] { return paxNumber(keyword, value, log); };
@@ -64,11 +74,13 @@ void applyPaxRecord(const char* keyword, const char* value, TarHeader& record, L
   }
 }
 
+// A value that holds a newline is cut there, and its rest is taken for a line.
 const char* endOfLine(const char* text) {
   while (*text != '\0' && *text != '\n') ++text;
   return text;
 }
 
+// The length in front is passed over and never compared. A line without "=" says nothing.
 void parsePaxLine(const char* line, const char* end, char* value, TarHeader& record, LogBase& log) {
   const char* at = line;
   while (at < end && *at != ' ') ++at;  // the length; a record ends where its line does
@@ -93,6 +105,7 @@ void parsePaxLine(const char* line, const char* end, char* value, TarHeader& rec
 
 }  // namespace
 
+// Stops at the first NUL: padding, or a value that holds one.
 bool parsePaxExtendedHeader(const char* text, TarHeader& record, LogBase& log) {
   if (log.verbose()) log.LogInfo("Parsing PAX extended header...");
   char value[kLongestValue + 1];
@@ -104,6 +117,8 @@ bool parsePaxExtendedHeader(const char* text, TarHeader& record, LogBase& log) {
   return true;
 }
 
+// Mode, ids, access and change time stay those of the record's header, with what the record set in them. So a
+// member behind a record has the mode and owner that the record's own block states.
 void combineHeaderPaxExtended(TarHeader& following, TarHeader& staged) {
   const auto notSet = [&staged](PaxField field) { return (staged.m_paxFieldsSet & field) == 0; };
   staged.m_typeFlag = following.m_typeFlag;
@@ -112,6 +127,7 @@ void combineHeaderPaxExtended(TarHeader& following, TarHeader& staged) {
   staged.m_mtime = following.m_mtime;
   staged.m_exactMtime = following.m_exactMtime;
   if (notSet(PAX_SIZE)) staged.m_size = following.m_size;
+  // The path the member's own header gives; the record's header has only a name of its own.
   if (notSet(PAX_PATH)) {
     staged.m_name.weakClear();
     staged.m_prefix.clear();
@@ -122,6 +138,7 @@ void combineHeaderPaxExtended(TarHeader& following, TarHeader& staged) {
   staged.m_linkName = following.m_linkName;
 }
 
+// Here everything but the path is the member's own, except what only a pax record could have set before.
 void combineHeaderLongFilename(TarHeader& following, TarHeader& staged) {
   staged.m_typeFlag = following.m_typeFlag;
   staged.m_isDirectory = following.m_isDirectory;

@@ -1,7 +1,11 @@
+// A path of 101 to 255 bytes cut in two for the prefix and name fields of a ustar block.
 #include "tar/format/UstarSplit.h"
 
 namespace morvane {
 
+// From the left, so that the prefix is as short as the name's 100 bytes allow, unlike other tars, which cut
+// as far to the right as the prefix's 155 bytes allow; readers join both alike. A slash at the very end
+// leaves no name, so a directory is cut at an earlier one.
 UstarSplit splitUstarPath(std::string_view path) {
   UstarSplit split;
   if (path.size() > kLongestUstarPath) {
