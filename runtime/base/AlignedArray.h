@@ -12,7 +12,8 @@ struct AlignedArrayDelete {
 };
 using AlignedArray = std::unique_ptr<char[], AlignedArrayDelete>;
 
-// n bytes, contents undefined; null when there is no memory.
+// n bytes, contents undefined; null when there is no memory. It is freed by its owner alone, since a plain
+// delete[] would not know the alignment.
 inline AlignedArray makeAlignedArray(unsigned n) {
   return AlignedArray(new (AlignedArrayDelete::kAlignment, std::nothrow) char[n]);
 }

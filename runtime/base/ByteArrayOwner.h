@@ -6,10 +6,12 @@
 
 namespace morvane {
 
-// A new byte array of n bytes (contents undefined), released with delete[]; null when there is no memory.
+// A new byte array of n bytes (contents undefined), released with delete[]; null when there is no memory. n
+// may be 0; the array is then none that may be read.
 inline char* mvNewChar(unsigned n) { return new (std::nothrow) char[n]; }
 inline unsigned char* mvNewUnsignedChar(unsigned n) { return new (std::nothrow) unsigned char[n]; }
 
+// Not copied and not moved: an array has the scope in which it was made. May be empty.
 class ByteArrayOwner {
  public:
   explicit ByteArrayOwner(char* bytes = nullptr) : m_bytes(bytes) {}
@@ -17,6 +19,7 @@ class ByteArrayOwner {
   ByteArrayOwner(const ByteArrayOwner&) = delete;
   ByteArrayOwner& operator=(const ByteArrayOwner&) = delete;
 
+  // Frees the array before.
   void own(char* bytes) {
     delete[] m_bytes;
     m_bytes = bytes;

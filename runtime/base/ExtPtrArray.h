@@ -7,6 +7,7 @@
 
 namespace morvane {
 
+// Indices are 0-based. One thread at a time.
 class MORVANE_API ExtPtrArray {
  public:
   ExtPtrArray() = default;
@@ -25,6 +26,7 @@ class MORVANE_API ExtPtrArray {
   MorvaneObject* elementAt(int index) const;
 
   int getSize() const { return static_cast<int>(m_objects.size()); }
+  // Deletes them if the array owns them, in the order in which they were added.
   void removeAllObjects();
 
  private:

@@ -15,6 +15,7 @@ class MorvaneCritSec {
   std::recursive_mutex m_mutex;
 };
 
+// Exceptions release it too.
 class CritSecExitor {
  public:
   explicit CritSecExitor(MorvaneCritSec& critSec) : m_critSec(critSec) { m_critSec.enter(); }

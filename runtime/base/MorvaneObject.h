@@ -5,6 +5,7 @@
 
 namespace morvane {
 
+// The destructor is virtual, because the array deletes what it knows as this.
 class MORVANE_API MorvaneObject {
  public:
   MorvaneObject() = default;

@@ -8,6 +8,7 @@
 namespace morvane {
 
 template <class T>
+// Looks like a plain T to whoever reads or sets it. T is a scalar.
 class RelaxedAtomic {
  public:
   RelaxedAtomic(T value = T()) : m_value(value) {}
@@ -22,6 +23,7 @@ class RelaxedAtomic {
 };
 
 // Counts how often settings changed. It publishes them: who sees the new count sees what was set before it.
+// It may wrap: who goes by it asks whether it is another one than before.
 class ChangeCount {
  public:
   void increment() { m_count.fetch_add(1, std::memory_order_release); }

@@ -8,6 +8,7 @@
 namespace morvane {
 
 template <class Action>
+// The action must not outlive what it refers to: it runs before locals that were made earlier are destroyed.
 class ScopeExit {
  public:
   explicit ScopeExit(Action action) : m_action(std::move(action)) {}

@@ -5,6 +5,7 @@
 
 namespace morvane {
 
+// It owns the bytes. One thread at a time.
 class ClsBinData {
  public:
   DataBuffer& data() { return m_data; }

@@ -24,8 +24,11 @@ enum class MethodForm {
   WithVersion,  // starts with the library's version line and ends without a success or failure line
 };
 
+// Lives on the stack of the method, once a call. A method that must not run now is told by the thread that it
+// is called on: another thread waits for the lock instead.
 class MORVANE_API MethodFrame {
  public:
+  // `name` must outlive the method; a string literal does.
   explicit MethodFrame(ClsBase& owner, const char* name, MethodForm form = MethodForm::Judged)
       : m_owner(owner), m_name(name), m_form(form) {}
 
@@ -33,6 +36,8 @@ class MORVANE_API MethodFrame {
   void withoutVerdict() { m_form = MethodForm::Unjudged; }
 
   template <class Result, class Work>
+  // `work` takes the frame and returns what the method returns: a bool, or a count of which negative means
+  // failure. `failure` is what is returned when it does not get to run or throws.
   Result run(Result failure, Work work) {
     CritSecExitor lock(m_owner);
     if (isNested()) return failure;
@@ -59,6 +64,7 @@ class MORVANE_API MethodFrame {
   static bool succeeded(bool result) { return result; }
   static bool succeeded(int count) { return count >= 0; }
 
+  // The lock is recursive, so that it does not keep a callback's call out; this does.
   bool isNested() const {
     const auto me = std::this_thread::get_id();
     return m_owner.m_methodRunner == me || m_owner.m_stepRunner == me;
@@ -84,6 +90,7 @@ class MORVANE_API StepGuard {
   ~StepGuard();
   StepGuard(const StepGuard&) = delete;
   StepGuard& operator=(const StepGuard&) = delete;
+  // False: the step returns its failure and does nothing.
   explicit operator bool() const { return m_mayRun; }
 
  private:

@@ -5,6 +5,7 @@
 
 namespace morvane {
 
+// For code that reports to a person itself: `cause` has message, path and reason of the first error.
 class MORVANE_API LogCause : public LogBase {
  protected:
   bool keepsLines() const override { return true; }

@@ -8,7 +8,8 @@ namespace morvane {
 
 class LogContextExitor {
  public:
-  // `enabled` false opens nothing: for contexts that only a verbose log has.
+  // `enabled` false opens nothing: for contexts that only a verbose log has. The name must outlive the
+  // context.
   LogContextExitor(LogBase& log, const char* name, bool enabled = true) : m_log(enabled ? &log : nullptr) {
     if (m_log) m_log->enterContext(name);
   }

@@ -1,9 +1,13 @@
+// Values in a log come from archives. A newline in one would let it forge lines, and an escape sequence would
+// reach the terminal of whoever reads the log; so no control character gets there as it is.
 #include "runtime/log/LogText.h"
 
 #include <cstdio>
 
 namespace morvane {
 
+// DEL counts as one. Bytes from 0x80 on stay, for they are most often UTF-8; back slashes stay too, because a
+// log is read and not parsed back.
 std::string logSafeText(const char* text) {
   std::string safe;
   for (; *text; ++text) {

@@ -10,11 +10,12 @@
 
 namespace morvane {
 
+// Keeps 1.5 MiB and a line at most, whatever is logged.
 class MORVANE_API _mvLogger : public LogBase {
  public:
   // Discards the text and every open context.
   void ClearLog();
-  // Closes the innermost context.
+  // Closes the innermost context. Does nothing where none is open.
   void LeaveContext() { leaveContext(); }
   // The log so far: lines that end in "\n", each indented by four blanks for every context it stands in.
   std::string text() const;

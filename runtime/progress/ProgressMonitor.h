@@ -15,6 +15,7 @@ namespace morvane {
 
 class LogBase;
 
+// One call's, on the thread of that call. A callback that throws ends the call through it.
 class MORVANE_API ProgressMonitor {
  public:
   // `abortCheckMs`: milliseconds between two questions inside a member's data; 0 or less asks none there.
@@ -25,6 +26,7 @@ class MORVANE_API ProgressMonitor {
   ProgressMonitor(ProgressEvent& event, const RelaxedAtomic<int>& abortCheckMs, int percentScale,
                   long long total);
 
+  // Valid as long as the monitor: the application's object must outlive the call.
   ProgressEvent& event() { return m_event; }
 
   // Asks the event whether to abort; true means abort. Once it said so, it is not asked again.
@@ -32,7 +34,8 @@ class MORVANE_API ProgressMonitor {
   // The same where much happens between two questions worth asking: asks the first time, and then only when
   // abortCheckMs have passed.
   bool abortCheckTimed(LogBase& log);
-  // Adds n units to what is done and reports a new percentage. True means abort.
+  // Adds n units to what is done and reports a new percentage. True means abort. Without a total nothing is
+  // reported.
   bool consumeProgress(long long n, LogBase& log);
   void consumeRemaining(LogBase& log);
   bool isAborted() const { return m_aborted; }
@@ -62,7 +65,8 @@ class MORVANE_API ProgressMonitor {
   bool m_aborted = false;
 };
 
-// The monitor of one call, with the lifetime of the call.
+// The monitor of one call, with the lifetime of the call. Without an event there is no monitor, and
+// everything here does nothing.
 class MORVANE_API ProgressMonitorPtr {
  public:
   template <class AbortCheckMs>

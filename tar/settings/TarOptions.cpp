@@ -1,3 +1,8 @@
+// The parser of UncommonOptions: tables of what there is, and a few functions that go through them. A new
+// word is a row here and a member of TarOptions; nothing else in this file changes.
+//
+// All words are optional behaviour: text without any gives the defaults. What is not understood is never
+// guessed at, because a misspelt Confine that was passed over would let an archive out of its directory.
 #include "tar/settings/TarOptions.h"
 
 #include <algorithm>
@@ -12,11 +17,13 @@ namespace {
 
 // ---- The words, one row each, lower case
 
+// A word that is on or off: "Word", "Word=on", "Word=off".
 struct Switch {
   const char* word;
   bool& (*setting)(TarOptions& options);
 };
 
+// A word that needs a number, "Word=1000", in a range of its own. "Word=off" gives the default back.
 struct Number {
   const char* word;
   long long& (*setting)(TarOptions& options);
@@ -29,13 +36,14 @@ struct Choice {
   void (*choose)(TarOptions& options);
 };
 
-// Stands for other words.
+// Stands for other words. A row's words are parsed like given ones; nobody is told of one that is not known.
 struct Profile {
   const char *value, *words;
 };
 
 constexpr long long kAnyNumber = std::numeric_limits<long long>::max();
 
+// A function for each member: there is no pointer to a member of a member.
 #define MORVANE_SETTING(type, member) [](TarOptions& options) -> type& { return options.member; }
 constexpr Switch kSwitches[] = {
     {"memberevents", MORVANE_SETTING(bool, memberEvents)},
@@ -72,12 +80,15 @@ constexpr Choice kChoices[] = {
     {"ustaroverflow", "fail", [](TarOptions& options) { options.ustarOverflowFails = true; }},
 };
 
+// A profile may not name another one.
 constexpr char kProfileWord[] = "profile";
 #define MORVANE_USUAL                                                                                     \
   "SkipOutputFile,SkipUnreadable,WriteExactSizes,CountSkipsExcluded,UstarOverflow=fail,UstarPlainPrefix," \
   "PaxExact,"                                                                                             \
   "FullRead,Confine=beneath,VerifyGzip,GzipAllMembers,Bz2Framed,RequireEndOfArchive,EntryEvents,"         \
   "SkipUncreatable"
+// "untrusted" adds to "usual" what no archive that is meant well comes near: a million members, 64 GiB, a
+// thousand bytes out of each that is read, 256 parts of a path.
 constexpr Profile kProfiles[] = {
     {"off", ""},
     {"usual", MORVANE_USUAL},
@@ -96,6 +107,7 @@ struct GivenWord {
   bool hasValue = false;
 };
 
+// Empty words, as between two commas, are none.
 std::vector<GivenWord> splitWords(std::string_view words) {
   std::vector<GivenWord> split;
   while (!words.empty()) {
@@ -114,18 +126,21 @@ std::vector<GivenWord> splitWords(std::string_view words) {
 }
 
 template <class Row, size_t kCount>
+// Null where the table has no such word. The tables are short, and are looked through once a method.
 const Row* rowOf(const Row (&rows)[kCount], const GivenWord& given) {
   const Row* const end = rows + kCount;
   const Row* const found = std::find_if(rows, end, [&](const Row& row) { return given.word == row.word; });
   return found == end ? nullptr : found;
 }
 
+// A switch that is given no value is on.
 bool applySwitch(bool& setting, const GivenWord& given) {
   const bool makesSense = !given.hasValue || given.value == "on" || given.value == "off";
   if (makesSense) setting = given.value != "off";
   return makesSense;
 }
 
+// Decimal digits and nothing else; no number at all makes no sense either.
 bool applyNumber(const Number& row, TarOptions& options, const GivenWord& given) {
   if (given.value == "off") {
     TarOptions defaults;
@@ -141,6 +156,7 @@ bool applyNumber(const Number& row, TarOptions& options, const GivenWord& given)
   return makesSense;
 }
 
+// One row for each value that makes sense.
 bool applyChoice(TarOptions& options, const GivenWord& given) {
   for (const Choice& choice : kChoices) {
     if (given.word != choice.word || given.value != choice.value) continue;
@@ -157,6 +173,7 @@ bool applyWord(TarOptions& options, const GivenWord& given) {
   return applyChoice(options, given);
 }
 
+// Null for a profile that is not known, or without a value.
 const Profile* profileOf(const GivenWord& given) {
   const Profile* const end = std::end(kProfiles);
   const Profile* const found =
@@ -166,6 +183,7 @@ const Profile* profileOf(const GivenWord& given) {
 
 }  // namespace
 
+// Never fails by itself: whoever asked decides what complaints lead to. A word is complained of once.
 TarOptions parseTarOptions(std::string_view words, std::vector<std::string>& complaints) {
   const std::vector<GivenWord> given = splitWords(words);
   TarOptions options;

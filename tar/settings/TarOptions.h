@@ -10,11 +10,14 @@
 
 namespace morvane {
 
+// Off: where extraction goes is the archive's affair. Beneath: never out of the target, links included.
+// NoLinks: and no link is followed at all.
 enum class Confine { Off, Beneath, NoLinks };
 
+// Plain values, copied into each run. Every default is what the component does without any word.
 struct TarOptions {
   CodecOptions codec;
-  // Both directions
+  // Both directions Sends onTarMember.
   bool memberEvents = false;
   // Writing
   bool skipOutputFile = false;
@@ -28,6 +31,7 @@ struct TarOptions {
   bool openBeforeEvent = false;
   // Reading
   bool fullRead = false;
+  // Bytes of one extension record (a pax header, a long name) that are read at all.
   long long maxExtensionBytes = 64LL * 1024 * 1024;
   Confine confine = Confine::Off;
   bool skipUncreatable = false;
@@ -37,6 +41,8 @@ struct TarOptions {
   // Limits; 0: none
   static constexpr long long kDefaultPathDepth = 4096;
   long long maxPathDepth = -1;  // parts of a member's path; -1: the default, and only for what is extracted
+  // Members of one run; bytes of data that it writes in all; bytes out for each byte of the compressed
+  // archive.
   long long maxMembers = 0;
   long long maxTotalBytes = 0;
   long long maxRatio = 0;
@@ -44,7 +50,7 @@ struct TarOptions {
 
 // Words separated by commas, "Word" or "Word=value", case and blanks around them ignored; the last of a word
 // wins, and any wins over a profile. Words that are not known, or have a value that makes no sense, are left
-// out and added to `complaints` as given; a component with any refuses to work.
+// out and added to `complaints` as given; a component with any refuses to work. Throws std::bad_alloc only.
 MORVANE_API TarOptions parseTarOptions(std::string_view words, std::vector<std::string>& complaints);
 
 }  // namespace morvane
