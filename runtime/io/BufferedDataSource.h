@@ -8,8 +8,11 @@
 
 namespace morvane {
 
+// The source behind it is not owned and must outlive this. It is read up to 64 KiB further than what was
+// handed out: what this took too much is lost to whoever reads the source afterwards.
 class BufferedDataSource : public _mvDataSource {
  public:
+  // Allocates nothing; the buffer comes with the first read.
   explicit BufferedDataSource(_mvDataSource& source) : m_source(source) {}
 
   bool readSourcePM(char* buffer, unsigned int n, unsigned int& numRead, ProgressMonitor* pm,

@@ -5,6 +5,8 @@
 
 namespace morvane {
 
+// For an output of the caller's where one that is owned and deleted is expected. Positions and the
+// announcement of the end are not passed on: those are the caller's.
 class ForwardingOutput : public _mvOutput {
  public:
   explicit ForwardingOutput(_mvOutput& to) : m_to(to) {}

@@ -5,9 +5,12 @@
 
 namespace morvane {
 
+// For limits that compare what goes into a decompressor with what comes out. Bytes that a seek passes are not
+// counted, because no decompressor seeks.
 class MeteredSource : public _mvDataSource {
  public:
   explicit MeteredSource(_mvDataSource& source) : m_source(source) {}
+  // Read and lent, less what was taken back.
   long long bytesTaken() const { return m_taken; }
 
   bool readSourcePM(char* buffer, unsigned int n, unsigned int& numRead, ProgressMonitor* pm,

@@ -1,3 +1,4 @@
+// A source over bytes that lie in memory already. Nothing is copied unless somebody wants a copy.
 #include "runtime/io/_mvMemoryDataSource.h"
 
 #include <algorithm>
@@ -7,6 +8,7 @@
 
 namespace morvane {
 
+// May be called again for other bytes; it then stands at their beginning.
 void _mvMemoryDataSource::initializeMemSource(const unsigned char* bytes, unsigned n) {
   m_bytes = reinterpret_cast<const char*>(bytes);
   m_size = n;
@@ -18,6 +20,7 @@ unsigned _mvMemoryDataSource::available(unsigned most) const {
   return static_cast<unsigned>(std::min<long long>(most, m_size - m_position));
 }
 
+// Lends all that is asked for; whoever reads large archives asks for pieces.
 bool _mvMemoryDataSource::lendBytes(unsigned most, const char*& bytes, unsigned& n, ProgressMonitor* pm,
                                     LogBase& log) {
   n = available(most);
@@ -41,6 +44,8 @@ bool _mvMemoryDataSource::peekBytes(unsigned n, const char*& bytes, unsigned& go
   return true;
 }
 
+// Past the end is allowed, as in a file: an archive may claim more data than there are, and the next read
+// tells.
 bool _mvMemoryDataSource::fseekAbsolute64(long long position, LogBase& log) {
   if (position < 0) {
     log.LogError("Cannot seek to a negative position.");

@@ -5,8 +5,10 @@
 
 namespace morvane {
 
+// The bytes must not change while they are read. Empty until it is initialized.
 class MORVANE_API _mvMemoryDataSource : public _mvDataSource {
  public:
+  // `bytes` may be null when n is 0.
   void initializeMemSource(const unsigned char* bytes, unsigned n);
 
   bool readSourcePM(char* buffer, unsigned int n, unsigned int& numRead, ProgressMonitor* pm,

@@ -13,7 +13,7 @@ class DataBuffer;
 class LogBase;
 class ProgressMonitor;
 
-// What travels with a write beside its bytes.
+// What travels with a write beside its bytes. The monitor may be null; it is not owned.
 class _mvIoParams {
  public:
   explicit _mvIoParams(ProgressMonitor* pm = nullptr) : m_pm(pm) {}
@@ -29,7 +29,8 @@ class MORVANE_API _mvOutput {
   _mvOutput(const _mvOutput&) = delete;
   _mvOutput& operator=(const _mvOutput&) = delete;
 
-  // Takes all n bytes, or fails.
+  // Takes all n bytes, or fails. n may be 0. The bytes are the caller's and may change afterwards: what is
+  // held back has to be copied.
   virtual bool _writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log);
 
   // For outputs that have positions. The base does nothing, succeeds, and stands at 0.
@@ -46,6 +47,7 @@ class MORVANE_API _mvOutput {
   // Writes through _writeBytes; fails if that fails or the monitor (which may be null) was told to abort.
   [[nodiscard]] bool writeBytesPM(const char* bytes, unsigned n, ProgressMonitor* pm, LogBase& log);
   [[nodiscard]] bool writeDbPM(const DataBuffer& bytes, ProgressMonitor* pm, LogBase& log);
+  // Four bytes, the least significant first.
   [[nodiscard]] bool writeLittleEndianUInt32PM(unsigned value, ProgressMonitor* pm, LogBase& log);
 };
 
