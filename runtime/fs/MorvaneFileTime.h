@@ -7,14 +7,17 @@
 
 namespace morvane {
 
+// A value. The epoch unless it is set.
 class MORVANE_API MorvaneFileTime {
  public:
   MorvaneFileTime() = default;
+  // Times from 1970 to 2106.
   static MorvaneFileTime fromUnixTime32(unsigned seconds, unsigned nanoseconds = 0);
   // Nanoseconds run from 0 to 999,999,999 and count forward from the second, also before 1970.
   static MorvaneFileTime fromUnixTime64(long long seconds, unsigned nanoseconds = 0);
 
-  // Rounded down to whole seconds; a time before 1970 gives 0, one past the range 2^32-1.
+  // Rounded down to whole seconds; a time before 1970 gives 0, one past the range 2^32-1. So it cannot be
+  // told whether a result at either end is exact.
   unsigned toUnixTime32() const;
   long long seconds() const { return m_seconds; }
   unsigned nanoseconds() const { return m_nanoseconds; }
@@ -31,6 +34,7 @@ struct MORVANE_API MorvaneSysTime {
   int hour = 0, minute = 0, second = 0;
   int weekday = 4;  // 0 is Sunday
 
+  // The epoch for a year that an int cannot hold.
   static MorvaneSysTime fromFileTime(const MorvaneFileTime& time);
 };
 

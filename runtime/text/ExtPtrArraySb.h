@@ -6,8 +6,10 @@
 
 namespace morvane {
 
+// ExtPtrArray with the type put in and out again.
 class ExtPtrArraySb {
  public:
+  // On unless switched off.
   void setOwnsObjects(bool owns) { m_array.setOwnsObjects(owns); }
   // Takes the buffer over, also when it fails for lack of memory (the buffer is deleted then).
   bool appendSb(StringBuffer* sb) { return m_array.appendPtr(sb); }

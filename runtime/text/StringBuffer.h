@@ -14,6 +14,7 @@ namespace morvane {
 
 class ExtPtrArraySb;
 
+// A value: copies are independent. One thread at a time. Positions and lengths are bytes.
 class MORVANE_API StringBuffer : public MorvaneObject {
  public:
   StringBuffer() = default;
@@ -34,14 +35,19 @@ class MORVANE_API StringBuffer : public MorvaneObject {
   bool append(int value);
   bool append(unsigned value);
   bool appendChar(char c);
+  // n times the same byte.
   bool appendCharN(char c, unsigned n);
   bool appendInt64(long long value);
+  // Exactly n bytes, NULs included.
   bool appendN(const char* bytes, unsigned n);
 
+  // For long texts that are not needed here any more.
   void swap(std::string& text) noexcept { m_text.swap(text); }
 
+  // Valid until the text changes, never null.
   const char* getString() const { return m_text.c_str(); }
   const std::string& str() const { return m_text; }
+  // In bytes, which 32 bits must hold.
   unsigned getSize() const { return static_cast<unsigned>(m_text.size()); }
   bool isEmpty() const { return m_text.empty(); }
 
@@ -49,6 +55,7 @@ class MORVANE_API StringBuffer : public MorvaneObject {
   void clear();
   void weakClear() { m_text.clear(); }
 
+  // Null counts as empty.
   bool equals(const char* text) const { return m_text == (text ? text : ""); }
   bool beginsWith(const char* text) const;
 

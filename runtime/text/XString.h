@@ -10,9 +10,11 @@ namespace morvane {
 
 class StringBuffer;
 
+// A value: copies are independent. One thread at a time. Building throws std::bad_alloc.
 class MORVANE_API XString {
  public:
   XString() = default;
+  // Null counts as empty. Both convert on purpose: most methods are called with literals.
   XString(const char* utf8) : m_utf8(utf8 ? utf8 : "") {}
   XString(std::string utf8) : m_utf8(std::move(utf8)) {}
   XString& operator=(const char* utf8);
@@ -27,6 +29,7 @@ class MORVANE_API XString {
   void clear() { m_utf8.clear(); }
 
   void setFromUtf8(const char* text) { m_utf8.assign(text ? text : ""); }
+  // Null counts as empty.
   void appendUtf8(const char* text);
   void appendUtf8N(const char* text, unsigned n) { m_utf8.append(text, n); }  // exactly n bytes
   void prependUtf8(const char* text);
@@ -37,10 +40,12 @@ class MORVANE_API XString {
   void setFromSbUtf8(const StringBuffer& sb);
   void copyFromX(const XString& other) { m_utf8 = other.m_utf8; }
 
+  // Byte for byte; no normal forms are compared.
   bool equalsUtf8(const char* text) const { return m_utf8 == text; }
   bool equalsIgnoreCaseUtf8(const char* text) const;
   // Whole-text match in which "*" stands for any run of characters, "/" included; nothing else is special.
   bool matchesUtf8(const char* pattern, bool caseSensitive) const;
+  // `ignoreCase` goes beyond ASCII.
   bool endsWithUtf8(const char* text, bool ignoreCase) const;
 
   // Drops the last n characters (not bytes), all of them when there are fewer.
