@@ -1,4 +1,10 @@
 // mvtar -t
+//
+// mvtar -t and --verify: archives that are read and not extracted.
+//
+// A plain list and --xml of some members are printed by events, as members come. --xml of a whole archive
+// lists headers, records included, which only the component's own listing shows. Nothing is gathered: a list
+// of any length takes no memory.
 #include <algorithm>
 #include <cstdio>
 #include <ctime>
@@ -19,6 +25,7 @@ namespace {
 using morvane::ClsTar;
 using morvane::TarMemberInfo;
 
+// As ls and other tars have them; "h" for a hard link, which ls does not know.
 char kindLetter(const TarMemberInfo& member) {
   if (member.isDirectory) return 'd';
   switch (member.typeFlag) {
@@ -37,6 +44,7 @@ char kindLetter(const TarMemberInfo& member) {
   }
 }
 
+// Like ls -l. A set-id or sticky bit takes the place of its x, as a capital where there is no x.
 std::string modeText(const TarMemberInfo& member) {
   std::string text(1, kindLetter(member));
   for (int shift = 6; shift >= 0; shift -= 3) {
@@ -52,12 +60,13 @@ std::string modeText(const TarMemberInfo& member) {
   return text;
 }
 
+// A name may be empty or hold anything; the number stands in for the first, escapes for the second.
 std::string ownerText(const TarMemberInfo& member) {
   const auto either = [](const char* name, unsigned id) { return *name ? shown(name) : std::to_string(id); };
   return either(member.userName, member.uid) + "/" + either(member.groupName, member.gid);
 }
 
-// Local time, as other tars show it.
+// Local time, as other tars show it. Seconds, where the year does not fit or the text does not.
 std::string timeText(long long seconds) {
   const time_t time = static_cast<time_t>(seconds);
   tm parts{};
@@ -68,10 +77,11 @@ std::string timeText(long long seconds) {
   return text;
 }
 
-// Whether nobody takes what is printed any more. `finish` says so.
+// Whether nobody takes what is printed any more. `finish` says so. Going on would be of no use to anybody.
 bool outputIsBroken() { return StandardOutput::isBroken(); }
 
-// Counts what is selected. What is printed of it, derived ones say.
+// Counts what is selected. What is printed of it, derived ones say. A directory counts without a size,
+// whatever its header states.
 class CountEvent : public MemberEvent {
  public:
   using MemberEvent::MemberEvent;
@@ -90,6 +100,8 @@ class CountEvent : public MemberEvent {
   }
 };
 
+// -t: one line for each member. A long listing's columns cannot be known beforehand, because the list is
+// printed as it is read.
 class ListEvent : public CountEvent {
  public:
   using CountEvent::CountEvent;
@@ -117,6 +129,7 @@ class ListEvent : public CountEvent {
 };
 
 // --xml of the members that are asked for: each is put into the listing as its extension records leave it.
+// Its header is made anew from what the event tells, in UTF-8 already.
 class XmlEvent : public CountEvent {
  public:
   using CountEvent::CountEvent;
@@ -153,10 +166,13 @@ class HeaderXmlEvent : public CountEvent {
 
   void onTarHeader(const TarMemberInfo& member) override {
     constexpr unsigned kAtATime = 64;
+    // A listing is taken while the run goes on, which the property allows; 64 headers are some ten KiB.
     if (m_captures && ++m_headers % kAtATime == 0) printCaptured();
     CountEvent::onTarHeader(member);
   }
 
+  // Of a plain archive the component writes the listing straight to an output. A compressed one can only be
+  // listed by capturing.
   bool list(ReadJob& job) {
     if (job.archive.isPlain()) {
       Printer printer(m_report);
@@ -184,6 +200,7 @@ class HeaderXmlEvent : public CountEvent {
     Report& m_report;
   };
 
+  // What is taken is taken away, by setting the property to nothing.
   void printCaptured() {
     morvane::XString listing;
     m_tar.get_XmlListing(listing);
@@ -198,7 +215,8 @@ class HeaderXmlEvent : public CountEvent {
   unsigned m_headers = 0;
 };
 
-// Opens the archive, has it read and ends the command.
+// Opens the archive, has it read and ends the command. A run that was ended because nobody reads its output,
+// or because enough was seen, has not failed.
 template <class Event, class Read>
 int list(ReadJob& job, Event& event, Read read) {
   if (!job.open()) return job.finish();
@@ -231,6 +249,8 @@ int listArchive(const CommandLine& line) {
   return list(job, event, [&](HeaderXmlEvent& headers) { return headers.list(job); });
 }
 
+// "Whole" is about headers and, of a compressed archive, what its checksums cover: plain tar has none of its
+// data.
 int verifyArchive(const CommandLine& line) {
   ReadJob job(line, false);
   if (!job.open()) return job.finish();

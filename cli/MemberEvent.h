@@ -17,6 +17,7 @@
 
 namespace mvtar {
 
+// Operands of reading commands are members; their directories mean nothing here.
 inline std::vector<std::string> operandPaths(const CommandLine& line) {
   std::vector<std::string> paths;
   for (const Operand& operand : line.operands) paths.push_back(operand.path);
@@ -24,6 +25,7 @@ inline std::vector<std::string> operandPaths(const CommandLine& line) {
 }
 
 // The texts of a member in UTF-8, from the character set that --charset names: what a person reads and types.
+// For UTF-8, the usual case, nobody needs one: texts are shown as they are.
 class MemberDecoder {
  public:
   explicit MemberDecoder(const CommandLine& line)
@@ -32,7 +34,8 @@ class MemberDecoder {
         m_stripsPaths(line.stripPaths) {}
 
   bool isUtf8() const { return m_isUtf8; }
-  // Valid until the next member.
+  // Valid until the next member. The texts of the result point into this object or into what the component
+  // lent.
   morvane::TarMemberInfo decoded(morvane::TarMemberInfo member) {
     // What the path rules leave alone the component has decoded already; a name may have many megabytes.
     const bool isAsStored = *member.path != '/' && !std::strchr(member.path, '\\') && !m_stripsPaths;
@@ -59,6 +62,11 @@ class MemberDecoder {
   morvane::XString m_texts[4];
 };
 
+// A derived class says what becomes of a selected member: it counts it at once, or begins it and has it
+// counted when its data have come to their end. A limit on the count ends the run at the header behind, and
+// so not in a member.
+//
+// It lives as long as one command and is called by one thread.
 class MemberEvent : public morvane::ProgressEvent {
  public:
   MemberEvent(Report& report, ProgressBar& bar, const CommandLine& line)
@@ -74,6 +82,7 @@ class MemberEvent : public morvane::ProgressEvent {
   long long members() const { return m_members; }
   long long bytes() const { return m_bytes; }
 
+  // Only after a whole run: one that ended early has not seen everything.
   void nameUnfound() {
     if (m_enoughSeen) return;
     for (const std::string& name : m_selection.unfound()) m_report.problem(name, "not found in the archive");
@@ -96,6 +105,7 @@ class MemberEvent : public morvane::ProgressEvent {
   // The limit that ended the run, "Word=value"; empty when none did.
   const std::string& limit() const { return m_limit; }
 
+  // The next header is the proof that the data of the member before are complete.
   void onTarHeader(const morvane::TarMemberInfo& member) override {
     settle();
     m_enoughSeen = m_line.maxCount > 0 && m_members >= m_line.maxCount;
@@ -107,7 +117,10 @@ class MemberEvent : public morvane::ProgressEvent {
   }
 
  protected:
+  // Called for each member that the command is about, in the order of the archive. Its texts are valid during
+  // the call only.
   virtual void onSelected(const morvane::TarMemberInfo& member) = 0;
+  // The sum stops at the largest value: sizes are claims.
   void count(long long bytes) {
     ++m_members;
     m_bytes += std::min(bytes, std::numeric_limits<long long>::max() - m_bytes);
@@ -118,6 +131,7 @@ class MemberEvent : public morvane::ProgressEvent {
     m_begunPath = path;
     m_begunBytes = bytes;
   }
+  // The member that was begun was not done after all; it does not count.
   void drop() { m_isBegun = false; }
   bool isSelected() const { return m_isSelected; }
 

@@ -5,6 +5,7 @@
 
 namespace mvtar {
 
+// AfterOneSecond: a job that is over at once shows none. Failing to write it is nobody's concern.
 class ProgressBar {
  public:
   enum class When { Never, AfterOneSecond, Always };
@@ -15,6 +16,7 @@ class ProgressBar {
   ~ProgressBar() { clear(); }
 
   bool mayBeShown() const { return m_when != When::Never; }
+  // From 0 to kScale. Called as often as the component reports.
   void show(int parts);
   // Takes the bar off the screen, so that a line can be written in its place.
   void clear();
@@ -22,6 +24,7 @@ class ProgressBar {
  private:
   const When m_when;
   const std::chrono::steady_clock::time_point m_start;
+  // Whether something of it stands on the screen now.
   bool m_onScreen = false;
 };
 

@@ -9,16 +9,19 @@
 
 namespace mvtar {
 
+// All three lists may be empty: no MEMBER and no --match means every member. Case counts; "*" stands for
+// anything, slashes included.
 class Selection {
  public:
   Selection(const std::vector<std::string>& members, const std::vector<std::string>& matches,
             const std::vector<std::string>& excludes);
 
-  // The path as it is in the archive. Notes which MEMBERs have been found.
+  // The path as it is in the archive. Notes which MEMBERs have been found. In UTF-8, with or without a slash
+  // at its end.
   bool takes(std::string_view path);
   // Whether --exclude leaves the path out, and with it all that may be below it.
   bool excludes(std::string_view path) const;
-  // MEMBERs that matched nothing so far.
+  // MEMBERs that matched nothing so far. Of use behind a run that saw the whole archive.
   std::vector<std::string> unfound() const;
 
  private:
@@ -26,6 +29,7 @@ class Selection {
     std::string given;
     std::string path;  // without a leading "./" and a slash at the end
     morvane::WildcardPattern pattern;
+    // Whether any path has matched it.
     bool found;
   };
   struct Pattern {
@@ -33,6 +37,7 @@ class Selection {
     bool isForWholePath;  // it has a "/", and is not tried on single components
   };
 
+  // Each --match and --exclude as it is compared.
   static std::vector<Pattern> patternsOf(const std::vector<std::string>& given);
   static bool matches(std::string_view path, const Pattern& pattern);
   static bool anyMatches(std::string_view path, const std::vector<Pattern>& patterns);
