@@ -86,8 +86,10 @@ class CountEvent : public MemberEvent {
  public:
   using MemberEvent::MemberEvent;
 
+  // Heard with the next question, at the latest behind the member whose line could not be written.
   void onAbortCheck(bool& abort) override {
     MemberEvent::onAbortCheck(abort);
+    // So that `mvtar -t | head` ends with head.
     abort = abort || outputIsBroken();
   }
 
@@ -117,6 +119,7 @@ class ListEvent : public CountEvent {
     const std::string size = std::to_string(member.size);
     const size_t needed = owner.size() + 1 + size.size();
     m_width = std::max(m_width, std::min(needed, kWidest));
+    // At least one blank between the two.
     const std::string gap(1 + m_width - std::min(needed, m_width), ' ');
     const char* const link = member.typeFlag == '2' ? " -> " : member.typeFlag == '1' ? " link to " : "";
     m_report.name(member.path,
@@ -125,6 +128,7 @@ class ListEvent : public CountEvent {
   }
 
   static constexpr size_t kWidest = 80;
+  // Of owner and size together: what fits most archives, as GNU tar begins.
   size_t m_width = 19;
 };
 
@@ -178,6 +182,7 @@ class HeaderXmlEvent : public CountEvent {
       Printer printer(m_report);
       return job.archive.listPlainXml(m_tar, printer, *this);
     }
+    // The property is set back by nobody: the component lives for this one command.
     m_captures = true;
     m_tar.put_CaptureXmlListing(true);
     const bool ok = job.archive.read(m_tar, *this);
@@ -188,6 +193,7 @@ class HeaderXmlEvent : public CountEvent {
   }
 
  private:
+  // A listing's pieces, straight to standard output. A broken one fails the write, and with it the run.
   class Printer : public morvane::_mvOutput {
    public:
     explicit Printer(Report& report) : m_report(report) {}
@@ -205,6 +211,7 @@ class HeaderXmlEvent : public CountEvent {
     morvane::XString listing;
     m_tar.get_XmlListing(listing);
     m_tar.put_XmlListing("");
+    // What was captured last tells whether the component closed the listing.
     m_isClosed = listing.endsWithUtf8(morvane::kXmlListingEnd, false);
     m_report.text(listing.str());
   }
@@ -229,8 +236,11 @@ int list(ReadJob& job, Event& event, Read read) {
 
 }  // namespace
 
+// Three ways, in the order of what is asked for: lines, an XML listing of some members, the XML listing of
+// everything.
 int listArchive(const CommandLine& line) {
   ReadJob job(line, false);
+  // Names, or the long form with -v; the event looks at that itself.
   if (!line.xml) {
     ListEvent event(job.report, job.bar, line);
     return list(job, event, [&](ListEvent& names) { return job.archive.read(job.tar, names); });

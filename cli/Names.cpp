@@ -25,6 +25,7 @@ std::string shown(std::string_view name) {
   for (size_t at = 0; at < name.size(); ++at) {
     const char c = name[at];
     const auto byte = static_cast<unsigned char>(c);
+    // What C has a letter for; a back slash stands for itself only when it is two.
     switch (c) {
       case '\\':
         text += "\\\\";

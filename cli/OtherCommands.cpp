@@ -29,6 +29,7 @@ bool assemble(morvane::ClsTar& tar, const CommandLine& line, Report& report) {
 
 }  // namespace
 
+// Nothing is read from the archive's path, so only its being a terminal has to be asked.
 int createDeb(const CommandLine& line) {
   ProgressBar bar(ProgressBar::When::Never);
   Report report(bar, line.usesStandardStream());

@@ -8,11 +8,13 @@ namespace mvtar {
 // AfterOneSecond: a job that is over at once shows none. Failing to write it is nobody's concern.
 class ProgressBar {
  public:
+  // Always shows it even where standard error is no terminal.
   enum class When { Never, AfterOneSecond, Always };
   // The scale of show(): parts of a whole job.
   static constexpr int kScale = 1000;
 
   explicit ProgressBar(When when) : m_when(when), m_start(std::chrono::steady_clock::now()) {}
+  // Nothing of it is left behind, whatever the end.
   ~ProgressBar() { clear(); }
 
   bool mayBeShown() const { return m_when != When::Never; }

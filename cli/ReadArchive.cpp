@@ -49,6 +49,7 @@ bool ArchiveReader::open(const CommandLine& line, Report& report) {
     if (!isInterrupted()) report.problem(line.archive, cause.reason.empty() ? cause.message : cause.reason);
     return false;
   }
+  // What is not known either is read all the same: see isPlain.
   return m_compression || !isForeign(line, report);
 }
 
@@ -93,6 +94,7 @@ bool ArchiveReader::read(ClsTar& tar, morvane::ProgressEvent& event) {
   return ok;
 }
 
+// The listing ends with its closing line even when the archive is damaged.
 bool ArchiveReader::listPlainXml(ClsTar& tar, morvane::_mvOutput& xml, morvane::ProgressEvent& event) {
   const bool ok = tar.ListXml(m_source, xml, &event);
   if (ok) takeRestOfRecord();
@@ -112,6 +114,7 @@ void ArchiveReader::takeRestOfRecord() {
   (void)m_source.skip(rest, &monitor, unwanted);
 }
 
+// The path is not asked for: the caller has a better one.
 std::string failureReason(ClsTar& tar) {
   morvane::XString path, reason;
   tar.get_FailureCause(path, reason);
@@ -133,6 +136,7 @@ int finish(ClsTar& tar, const CommandLine& line, Report& report, bool ok, const 
     report.failure(tar, line.archive);
     morvane::XString path, reason;
     tar.get_FailureCause(path, reason);
+    // A path that is not the archive's is the target's: the archive itself goes on.
     if (rest && !path.isEmpty() && path.str() != line.archive) report.notice(line.archive, rest);
   }
   return report.finish();

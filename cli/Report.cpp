@@ -43,6 +43,7 @@ void writeLine(void (*write)(std::string_view), const std::string& before, std::
 
 }  // namespace
 
+// The bar is drawn anew with the next progress.
 void Report::notice(std::string_view path, std::string_view text) {
   m_bar.clear();
   writeLine(writeToStandardError, "mvtar: ", path, ": " + std::string(text));
@@ -82,6 +83,7 @@ void Report::totals(long long members, long long bytes) {
                        " bytes\n");
 }
 
+// The log ends in a line end of its own.
 void Report::log(morvane::ClsTar& tar) {
   morvane::XString text;
   tar.get_LogText(text);

@@ -37,7 +37,8 @@ std::vector<Selection::Pattern> Selection::patternsOf(const std::vector<std::str
   return patterns;
 }
 
-// The path or a directory above it matches, or a single component does.
+// The path or a directory above it matches, or a single component does. A pattern with a slash is not tried
+// on single parts, which have none.
 bool Selection::matches(std::string_view path, const Pattern& pattern) {
   if (pattern.pattern.matchesUpToASlash(path)) return true;
   if (pattern.isForWholePath) return false;
@@ -78,6 +79,7 @@ bool Selection::takes(std::string_view storedPath) {
   return named && (m_matches.empty() || anyMatches(path, m_matches)) && !anyMatches(path, m_excludes);
 }
 
+// For walks over the disk, which need not go into what is excluded.
 bool Selection::excludes(std::string_view path) const { return anyMatches(comparable(path), m_excludes); }
 
 // As they were typed.

@@ -26,6 +26,7 @@ class Selection {
 
  private:
   struct Member {
+    // As it was typed, for the message.
     std::string given;
     std::string path;  // without a leading "./" and a slash at the end
     morvane::WildcardPattern pattern;
@@ -39,9 +40,11 @@ class Selection {
 
   // Each --match and --exclude as it is compared.
   static std::vector<Pattern> patternsOf(const std::vector<std::string>& given);
+  // The path must be comparable: no "./" in front, no slash behind.
   static bool matches(std::string_view path, const Pattern& pattern);
   static bool anyMatches(std::string_view path, const std::vector<Pattern>& patterns);
 
+  // Empty: every member is named.
   std::vector<Member> m_members;
   std::vector<Pattern> m_matches;
   std::vector<Pattern> m_excludes;

@@ -1,7 +1,7 @@
 // mvtar: the component's command-line front.
 //
-// Here a command is chosen and its end made sure of: whatever happens, what was printed is written out, the
-// status says whether all was done, and running out of memory is told without any.
+// Here a command is chosen and its end made sure of: whatever happens, the status says whether all was done,
+// and running out of memory is told without any.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -49,6 +49,7 @@ int runCommand(const mvtar::CommandLine& line) {
     case Mode::None:
       break;
   }
+  // What was written may have failed: the report tells and has the status.
   mvtar::ProgressBar noBar(mvtar::ProgressBar::When::Never);
   return mvtar::Report(noBar, false).finish();
 }

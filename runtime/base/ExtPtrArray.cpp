@@ -26,6 +26,7 @@ MorvaneObject* ExtPtrArray::elementAt(int index) const {
   return m_objects[static_cast<size_t>(index)];
 }
 
+// The slots' memory stays for the next objects.
 void ExtPtrArray::removeAllObjects() {
   if (m_ownsObjects) {
     for (MorvaneObject* object : m_objects) delete object;

@@ -11,6 +11,7 @@ namespace morvane {
 class MORVANE_API ExtPtrArray {
  public:
   ExtPtrArray() = default;
+  // Like removeAllObjects.
   ~ExtPtrArray();
   ExtPtrArray(const ExtPtrArray&) = delete;
   ExtPtrArray& operator=(const ExtPtrArray&) = delete;

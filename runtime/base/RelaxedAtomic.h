@@ -11,7 +11,9 @@ template <class T>
 // Looks like a plain T to whoever reads or sets it. T is a scalar.
 class RelaxedAtomic {
  public:
+  // Converts from and to T on purpose.
   RelaxedAtomic(T value = T()) : m_value(value) {}
+  // The value as of some moment; two reads may differ.
   operator T() const { return m_value.load(std::memory_order_relaxed); }
   RelaxedAtomic& operator=(T value) {
     m_value.store(value, std::memory_order_relaxed);
@@ -26,7 +28,9 @@ class RelaxedAtomic {
 // It may wrap: who goes by it asks whether it is another one than before.
 class ChangeCount {
  public:
+  // Called behind the change, by any thread.
   void increment() { m_count.fetch_add(1, std::memory_order_release); }
+  // Called in front of reading the settings.
   unsigned now() const { return m_count.load(std::memory_order_acquire); }
 
  private:

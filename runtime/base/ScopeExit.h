@@ -11,7 +11,9 @@ template <class Action>
 // The action must not outlive what it refers to: it runs before locals that were made earlier are destroyed.
 class ScopeExit {
  public:
+  // The type of the action is deduced: a lambda as a rule.
   explicit ScopeExit(Action action) : m_action(std::move(action)) {}
+  // Nobody could be told of a failure here.
   ~ScopeExit() {
     try {
       m_action();

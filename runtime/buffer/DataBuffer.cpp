@@ -54,6 +54,7 @@ const unsigned char* DataBuffer::getData2() const {
   return m_bytes ? m_bytes + m_start : kEmpty;
 }
 
+// Borrowed bytes are only let go.
 void DataBuffer::clear() {
   if (m_capacity > 0) std::free(m_bytes);
   m_bytes = nullptr;
@@ -88,6 +89,7 @@ void DataBuffer::truncate(unsigned size) {
   if (size < m_size) m_size = size;
 }
 
+// Capacity 0 is the mark of borrowed bytes.
 void DataBuffer::borrowData(const unsigned char* bytes, unsigned n) {
   clear();
   m_bytes = const_cast<unsigned char*>(bytes);  // never written: every change goes through makeRoom first

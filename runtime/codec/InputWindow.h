@@ -15,6 +15,7 @@ namespace morvane {
 // lost: so far does every decompressor promise where it leaves its source.
 class InputWindow {
  public:
+  // Nothing is read yet. All three must outlive it; the monitor may be null.
   InputWindow(_mvDataSource& source, ProgressMonitor* pm, LogBase& log)
       : m_source(source), m_pm(pm), m_log(log), m_lends(source.canLend()) {}
 
@@ -44,7 +45,9 @@ class InputWindow {
   _mvDataSource& m_source;
   ProgressMonitor* const m_pm;
   LogBase& m_log;
+  // Whether the source lends is asked once: it does not change.
   const bool m_lends;
+  // Only for a source that does not lend.
   std::unique_ptr<char[]> m_own;
 };
 

@@ -122,6 +122,8 @@ bool MorvaneBzip2::DecompressStream(_mvDataSource& source, _mvOutput& out, LogBa
   InputWindow input(source, pm, log);
   bz_stream stream{};
   bool inStream = false;
+  // The library's memory for a stream, several MB, goes with it; each way out of the loop ends the one that
+  // is open.
   const auto endStream = [&] {
     if (inStream) BZ2_bzDecompressEnd(&stream);
     inStream = false;
@@ -144,6 +146,8 @@ bool MorvaneBzip2::DecompressStream(_mvDataSource& source, _mvOutput& out, LogBa
       return fail(log, streams == 0 && bytesOfStream == 0 ? "There are no bzip2 data."
                                                           : "The bzip2 data end before the stream does.");
     }
+    // The library begins a stream before it has seen any of it; so it is begun for bytes that may turn out to
+    // be none.
     if (!inStream) {
       stream = bz_stream{};
       if (BZ2_bzDecompressInit(&stream, 0, 0) != BZ_OK)
@@ -170,6 +174,7 @@ bool MorvaneBzip2::DecompressStream(_mvDataSource& source, _mvOutput& out, LogBa
                        : state == BZ_MEM_ERROR      ? "Out of memory for bzip2 decompression."
                                                     : "The bzip2 data are damaged.");
     }
+    // The library may have brought out nothing, while it gathers a block.
     const unsigned produced = kOut - stream.avail_out;
     if (produced > 0 && !out.writeBytesPM(buffer.get(), produced, pm, log)) return false;
     if (state == BZ_STREAM_END) {

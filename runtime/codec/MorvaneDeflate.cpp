@@ -102,6 +102,7 @@ bool MorvaneDeflate::BeginCompress(const DataBuffer& in, DataBuffer& out, LogBas
   return MoreCompress(in, out, log, pm);
 }
 
+// Without Begin, and behind a failed one, it fails.
 bool MorvaneDeflate::MoreCompress(const DataBuffer& in, DataBuffer& out, LogBase& log, ProgressMonitor*) {
   if (m_compressor && m_compressor->begun && m_compressor->take(in.getData2(), in.getSize(), out))
     return true;
@@ -131,7 +132,8 @@ bool MorvaneDeflate::inflateFromSourcePM(bool, _mvDataSource& source, _mvOutput&
   RawInflate::State state = RawInflate::State::GoesOn;
   unsigned produced = 0;
   while (state != RawInflate::State::Finished) {
-    // A full output may have more behind it that needs no further input.
+    // A full output may have more behind it that needs no further input. The last piece of input may be used
+    // up long before its output is out.
     if (inflater.inputLeft() == 0 && produced < kOut) {
       const char* bytes = nullptr;
       unsigned n = 0;

@@ -68,6 +68,7 @@ void ClsBase::get_UncommonOptions(XString& out) {
 
 bool ClsBase::get_VerboseLogging() { return m_log.verbose(); }
 
+// Without the lock, so that a run can be told while it goes on.
 void ClsBase::put_VerboseLogging(bool verbose) { m_log.setVerbose(verbose); }
 
 void ClsBase::dotNetDispose() {}
@@ -77,8 +78,10 @@ void ClsBase::get_DebugLogFilePath(XString& out) {
   out.copyFromX(m_debugLogFilePath);
 }
 
+// Opened anew for each method; the file may be moved away in between.
 void ClsBase::put_DebugLogFilePath(XString& path) { putText(m_debugLogFilePath, path.str()); }
 
+// A copy: the log goes on being written.
 void ClsBase::get_LogText(XString& out) {
   CritSecExitor lock(*this);
   out = m_log.text();

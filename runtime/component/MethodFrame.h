@@ -32,7 +32,7 @@ class MORVANE_API MethodFrame {
   explicit MethodFrame(ClsBase& owner, const char* name, MethodForm form = MethodForm::Judged)
       : m_owner(owner), m_name(name), m_form(form) {}
 
-  // For a method that leaves early without its success or failure line.
+  // For a method that leaves early without its success or failure line. Called by the work inside.
   void withoutVerdict() { m_form = MethodForm::Unjudged; }
 
   template <class Result, class Work>
@@ -61,6 +61,7 @@ class MORVANE_API MethodFrame {
   }
 
  private:
+  // What a result says about success: the verdict in the log goes by it.
   static bool succeeded(bool result) { return result; }
   static bool succeeded(int count) { return count >= 0; }
 
@@ -69,13 +70,16 @@ class MORVANE_API MethodFrame {
     const auto me = std::this_thread::get_id();
     return m_owner.m_methodRunner == me || m_owner.m_stepRunner == me;
   }
+  // Both write the log and keep what that throws.
   bool open() noexcept;
   void reportException(const char* what, const char* inShort) noexcept;
+  // Literals, so that a failure without any memory has its words.
   static constexpr char kOutOfMemory[] = "Out of memory.";
   static constexpr char kException[] = "The method was ended by an exception.";
 
   void close(bool ok) noexcept;
 
+  // Outlives the frame.
   ClsBase& m_owner;
   const char* const m_name;
   MethodForm m_form;
@@ -86,6 +90,7 @@ class MORVANE_API MethodFrame {
 // the work of the call that is going on.
 class MORVANE_API StepGuard {
  public:
+  // The owner must outlive it. It never waits.
   explicit StepGuard(ClsBase& owner);
   ~StepGuard();
   StepGuard(const StepGuard&) = delete;

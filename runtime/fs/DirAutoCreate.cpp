@@ -17,6 +17,7 @@ namespace morvane {
 
 namespace {
 
+// The umask takes from it what the process's user does not want.
 constexpr mode_t kDirectoryMode = 0777;
 
 constexpr char kCannotCreate[] = "Failed to create directory.";
@@ -41,6 +42,7 @@ int makeEachPart(const std::string& dir) {
   if (dir[0] == '/') reached.reset(osOpen("/", O_PATH | O_DIRECTORY));
   for (size_t start = 0; start < dir.size();) {
     const size_t end = std::min(dir.find('/', start), dir.size());
+    // Doubled slashes have nothing between them.
     if (end > start) {
       const std::string part = dir.substr(start, end - start);
       const int from = reached.isOpen() ? reached.fd() : AT_FDCWD;
@@ -50,6 +52,7 @@ int makeEachPart(const std::string& dir) {
         struct stat status;
         if (fstatat(from, part.c_str(), &status, 0) != 0) return error;
       }
+      // O_PATH needs no right to read the directory, only to pass through it.
       const int opened = osOpenAt(from, part.c_str(), O_PATH | O_DIRECTORY);
       if (opened < 0) return errno;
       reached.reset(opened);
@@ -74,6 +77,7 @@ bool DirAutoCreate::ensureDirUtf8(const char* dir, LogBase& log, Telling telling
   struct stat status;
   if (osStatus(dir, status, true) == 0) {
     if (S_ISDIR(status.st_mode)) return true;
+    // "Not a directory" says what is wrong; "File exists" would sound like success.
     if (error == EEXIST) error = ENOTDIR;
   }
   return failed(log, telling, dir, error);

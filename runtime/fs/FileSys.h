@@ -8,6 +8,7 @@ namespace morvane {
 class LogBase;
 class XString;
 
+// Paths are the system's bytes.
 struct MORVANE_API FileSys {
   // The size of a file in bytes, 0 for a symbolic link. `ok` is set to false when the file cannot be examined
   // and is otherwise left alone; `log` may be null. A failure is logged.

@@ -9,10 +9,12 @@
 
 namespace morvane {
 
+// Any value fits.
 MorvaneFileTime MorvaneFileTime::fromUnixTime32(unsigned seconds, unsigned nanoseconds) {
   return fromUnixTime64(seconds, nanoseconds);
 }
 
+// Not checked: who has nanoseconds of a second or more brings them into range first.
 MorvaneFileTime MorvaneFileTime::fromUnixTime64(long long seconds, unsigned nanoseconds) {
   MorvaneFileTime time;
   time.m_seconds = seconds;

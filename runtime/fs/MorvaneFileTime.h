@@ -21,6 +21,7 @@ class MORVANE_API MorvaneFileTime {
   unsigned toUnixTime32() const;
   long long seconds() const { return m_seconds; }
   unsigned nanoseconds() const { return m_nanoseconds; }
+  // As the system's calls want it, to the nanosecond.
   timespec toTimespec() const;
 
  private:
@@ -28,7 +29,8 @@ class MORVANE_API MorvaneFileTime {
   unsigned m_nanoseconds = 0;
 };
 
-// A broken-down time in UTC (proleptic Gregorian calendar).
+// A broken-down time in UTC (proleptic Gregorian calendar). What it is when nothing is set is the epoch, a
+// Thursday.
 struct MORVANE_API MorvaneSysTime {
   int year = 1970, month = 1, day = 1;  // month and day from 1
   int hour = 0, minute = 0, second = 0;

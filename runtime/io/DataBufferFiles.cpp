@@ -23,6 +23,7 @@ bool DataBuffer::loadFileUtf8(const char* path, LogBase* log) {
   _mvFileDataSource source;
   if (!source.openDataSourceFile(XString(path), to)) return false;
   const long long size = source.sizeIfKnown();
+  // Said before anything is read; a file that grows beyond it fails when it does.
   if (size > 0xFFFFFFFFLL) {
     to.LogError("The file is too large for memory.");
     to.LogData("path", path);

@@ -10,11 +10,13 @@ namespace morvane {
 class ForwardingOutput : public _mvOutput {
  public:
   explicit ForwardingOutput(_mvOutput& to) : m_to(to) {}
+  // The other output's failure is this one's, with the line that it logged.
   bool _writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log) override {
     return m_to._writeBytes(bytes, n, io, log);
   }
 
  private:
+  // Must outlive this.
   _mvOutput& m_to;
 };
 

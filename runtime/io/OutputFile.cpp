@@ -57,6 +57,7 @@ OutputFile::~OutputFile() { closeHandle(); }
 // Bytes that stand in the buffer already (see spareRoom) are only counted. After a failure that concerns this
 // file alone, writes are accepted and dropped where the owner asked for that.
 bool OutputFile::_writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log) {
+  // What is dropped counts as accepted, so that the positions of whoever writes stay right.
   if (m_dropping) m_bytesWritten += n;
   if (m_failed || !m_file.isOpen()) return m_dropping;
   if (n == 0) return true;
@@ -82,7 +83,7 @@ bool OutputFile::_writeBytes(const char* bytes, unsigned int n, _mvIoParams& io,
 }
 
 // A buffer of at least this capacity, with what is in it; false when there is no memory, and the bytes then
-// pass the buffer by.
+// pass the buffer by. Bytes pass it by without a failure: a buffer is for speed alone.
 bool OutputFile::makeBuffer(unsigned capacity) {
   if (capacity <= m_capacity) return true;
   AlignedArray grown = makeAlignedArray(capacity);
@@ -137,6 +138,7 @@ void OutputFile::failWith(int error) {
   m_dropping = m_dropsAfterOwnFailure && (error == EIO || error == EFBIG || error == EDQUOT);
 }
 
+// Of the open file and not of the path, which may mean another one by now.
 bool OutputFile::getFileInfo(mvFileInfo& info) const {
   struct stat status;
   if (!m_file.isOpen() || m_file.status(status) != 0) return false;

@@ -8,6 +8,7 @@
 
 namespace morvane {
 
+// Made when a job begins, on its stack, so that every way out of the job passes it.
 class OutputFlush {
  public:
   // `out` and the monitor must outlive it; the monitor may be null.
@@ -27,6 +28,7 @@ class OutputFlush {
   }
 
  private:
+  // m_file is the same output where it is a file, else null.
   _mvOutput& m_out;
   OutputFile* const m_file;
   ProgressMonitor* const m_pm;

@@ -12,6 +12,7 @@ namespace morvane {
 
 namespace {
 
+// For sources that do not lend.
 constexpr unsigned kCopyBuffer = 64 * 1024;
 // What is lent at a time, so that an abort is heard after no more than this.
 constexpr unsigned kLentPiece = 128 * 1024;
@@ -33,6 +34,7 @@ _mvDataSource::~_mvDataSource() = default;
 // A source that has not been read has not ended, as far as this can tell.
 bool _mvDataSource::endOfStream() { return m_gaveNothing; }
 
+// Not called where ftell64 says that there are no positions.
 bool _mvDataSource::fseekAbsolute64(long long, LogBase& log) {
   log.LogError("This data source cannot seek.");
   return false;
@@ -41,6 +43,7 @@ bool _mvDataSource::fseekAbsolute64(long long, LogBase& log) {
 // What the base says of everything that a source need not supply: it cannot.
 long long _mvDataSource::ftell64() { return -1; }
 
+// For progress, and for room taken at once; never trusted for more.
 long long _mvDataSource::sizeIfKnown() { return -1; }
 
 bool _mvDataSource::canLend() { return false; }
@@ -122,6 +125,7 @@ bool _mvDataSource::copyNToOutput2PM(_mvOutput& out, long long n, char* buffer, 
     const bool ok = lends ? lend(pieceOf(n, kLentPiece), bytes, got, pm, log)
                           : read(buffer, pieceOf(n, bufferSize), got, pm, log);
     if (!ok) return false;
+    // A copy promised all its bytes.
     if (got == 0) return endedEarly(n, log);
     if (!out.writeBytesPM(bytes, got, pm, log)) return false;
     n -= got;

@@ -28,6 +28,7 @@ namespace {
 
 constexpr char kCannotOpen[] = "Failed to open file.";
 
+// The largest piece that is read ahead.
 constexpr unsigned kWindow = 256 * 1024;
 // Behind a jump a header is wanted and, likely, another jump: what is read beyond it is read for nothing. So
 // little is read behind a short one and one block behind a long one, over a member that has the likes of it
@@ -227,6 +228,7 @@ bool _mvFileDataSource::readSourcePM(char* buffer, unsigned int n, unsigned int&
   if (m_failed) return false;
   while (numRead < n) {
     unsigned wanted = n - numRead, got = 0;
+    // From half a window on a read of its own costs less than the copy.
     if (m_windowAt == m_windowEnd && wanted < kWindow / 2 && !fillWindow(pm, log)) return false;
     if (m_windowAt < m_windowEnd) {
       got = std::min(wanted, m_windowEnd - m_windowAt);

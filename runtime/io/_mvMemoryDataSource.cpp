@@ -15,6 +15,7 @@ void _mvMemoryDataSource::initializeMemSource(const unsigned char* bytes, unsign
   m_position = 0;
 }
 
+// 0 at the end and past it.
 unsigned _mvMemoryDataSource::available(unsigned most) const {
   if (m_position >= m_size) return 0;
   return static_cast<unsigned>(std::min<long long>(most, m_size - m_position));
@@ -29,6 +30,7 @@ bool _mvMemoryDataSource::lendBytes(unsigned most, const char*& bytes, unsigned&
   return !pm || !(pm->abortCheckTimed(log) || pm->consumeProgress(n, log)) || logAborted(log);
 }
 
+// memcpy must not be called with null, even for no bytes.
 bool _mvMemoryDataSource::readSourcePM(char* buffer, unsigned int n, unsigned int& numRead,
                                        ProgressMonitor* pm, LogBase& log) {
   const char* bytes = nullptr;
@@ -37,6 +39,7 @@ bool _mvMemoryDataSource::readSourcePM(char* buffer, unsigned int n, unsigned in
   return true;
 }
 
+// Everything is there; nothing can fail.
 bool _mvMemoryDataSource::peekBytes(unsigned n, const char*& bytes, unsigned& got, ProgressMonitor*,
                                     LogBase&) {
   got = available(n);

@@ -11,21 +11,25 @@ class MORVANE_API _mvMemoryDataSource : public _mvDataSource {
   // `bytes` may be null when n is 0.
   void initializeMemSource(const unsigned char* bytes, unsigned n);
 
+  // All n bytes unless the data end.
   bool readSourcePM(char* buffer, unsigned int n, unsigned int& numRead, ProgressMonitor* pm,
                     LogBase& log) override;
   bool endOfStream() override { return m_position >= m_size; }
   bool fseekAbsolute64(long long position, LogBase& log) override;
   long long ftell64() override { return m_position; }
   long long sizeIfKnown() override { return m_size; }
+  // Bytes are lent from where they lie, and stay valid as long as the caller keeps them.
   bool canLend() override { return true; }
   bool lendBytes(unsigned most, const char*& bytes, unsigned& n, ProgressMonitor* pm, LogBase& log) override;
   void takeBack(unsigned n) override { m_position -= n; }
   bool canPeek() override { return true; }
+  // Shows up to n bytes, more than 512 too.
   bool peekBytes(unsigned n, const char*& bytes, unsigned& got, ProgressMonitor* pm, LogBase& log) override;
 
  private:
   unsigned available(unsigned most) const;
 
+  // Not owned.
   const char* m_bytes = nullptr;
   long long m_size = 0;
   long long m_position = 0;  // may lie past the end, where reads yield nothing

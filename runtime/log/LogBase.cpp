@@ -30,8 +30,10 @@ LogBase::~LogBase() = default;
 // Discards, and keepsLines says so beforehand: a log that nobody reads is never built.
 void LogBase::writeLine(unsigned, const char*, unsigned) {}
 
+// A derived log that takes lines says so.
 bool LogBase::keepsLines() const { return false; }
 
+// The names of those that were entered since the last line, each at its own depth.
 void LogBase::showContexts() {
   // Contexts are shown from the outside in, so the shown ones are at the front.
   unsigned depth = contextDepth();

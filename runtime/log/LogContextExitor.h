@@ -20,6 +20,7 @@ class LogContextExitor {
   LogContextExitor& operator=(const LogContextExitor&) = delete;
 
  private:
+  // Null where nothing was opened. The log must outlive the scope.
   LogBase* m_log;
 };
 

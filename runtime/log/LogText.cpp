@@ -19,6 +19,7 @@ std::string logSafeText(const char* text) {
     } else if (byte == '\t') {
       safe += "\\t";
     } else if (byte < 0x20 || byte == 0x7F) {
+      // Always three digits, so that a digit behind it is not taken for its own.
       char escape[8];
       std::snprintf(escape, sizeof escape, "\\%03o", byte);
       safe += escape;

@@ -29,7 +29,8 @@ class MORVANE_API ProgressMonitor {
   // Valid as long as the monitor: the application's object must outlive the call.
   ProgressEvent& event() { return m_event; }
 
-  // Asks the event whether to abort; true means abort. Once it said so, it is not asked again.
+  // Asks the event whether to abort; true means abort. Once it said so, it is not asked again. Leaves the log
+  // alone; the line about it is the caller's.
   bool abortCheck(LogBase& log);
   // The same where much happens between two questions worth asking: asks the first time, and then only when
   // abortCheckMs have passed.
@@ -37,6 +38,7 @@ class MORVANE_API ProgressMonitor {
   // Adds n units to what is done and reports a new percentage. True means abort. Without a total nothing is
   // reported.
   bool consumeProgress(long long n, LogBase& log);
+  // All of it is done: what is left of the total is reported at once.
   void consumeRemaining(LogBase& log);
   bool isAborted() const { return m_aborted; }
   // How often abortCheckTimed was called: who wraps an operation sees whether that has asked by itself.
@@ -48,6 +50,7 @@ class MORVANE_API ProgressMonitor {
   }
 
  private:
+  // The setting as it is now, where it may change.
   int abortCheckMs() const { return m_liveAbortCheckMs ? int{*m_liveAbortCheckMs} : m_abortCheckMs; }
   void reportPercent(long long done);
 
@@ -55,11 +58,13 @@ class MORVANE_API ProgressMonitor {
   const int m_abortCheckMs;
   const RelaxedAtomic<int>* const m_liveAbortCheckMs = nullptr;
   const int m_percentScale;
+  // 0 or less: not known.
   const long long m_total;
   long long m_done = 0;
   long long m_nextReportAt = 0;  // no percentage changes before this much is done
   int m_lastPercent = -1;
   bool m_everAsked = false;
+  // Ticks of the last question.
   unsigned m_lastAsked = 0;
   unsigned m_timedChecks = 0;
   bool m_aborted = false;
@@ -74,6 +79,7 @@ class MORVANE_API ProgressMonitorPtr {
                      long long total) {
     if (event) m_monitor.emplace(*event, abortCheckMs, percentScale, total);
   }
+  // Null without an event; owned by this.
   ProgressMonitor* getPm() { return m_monitor ? &*m_monitor : nullptr; }
   // Asks the event; false without one.
   bool get_Aborted(LogBase& log) { return m_monitor && m_monitor->abortCheck(log); }

@@ -35,6 +35,7 @@ char* mv64::itoa(long long value, char* buffer, int radix) {
   if (negative) rest = 0 - rest;
   char reversed[65];
   unsigned count = 0;
+  // At least one digit: zero is "0".
   do {
     reversed[count++] = "0123456789abcdef"[rest % static_cast<unsigned>(radix)];
     rest /= static_cast<unsigned>(radix);

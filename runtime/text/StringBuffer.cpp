@@ -26,6 +26,7 @@ StringBuffer& StringBuffer::operator=(const std::string& text) {
 // Null instead of an exception, for callers that ask.
 StringBuffer* StringBuffer::createNewSB() { return new (std::nothrow) StringBuffer(); }
 
+// Copying the text may run out of memory, too; no buffer is left behind then.
 StringBuffer* StringBuffer::createNewSB(const char* text) {
   try {
     return new StringBuffer(text);
@@ -40,11 +41,13 @@ bool StringBuffer::setString(const char* text) {
   return true;
 }
 
+// Nothing is appended for null.
 bool StringBuffer::append(const char* text) {
   if (text) m_text.append(text);
   return true;
 }
 
+// Decimal, without regard to the locale.
 bool StringBuffer::append(int value) { return appendInt64(value); }
 
 bool StringBuffer::append(unsigned value) { return appendInt64(value); }

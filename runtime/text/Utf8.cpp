@@ -13,6 +13,7 @@ namespace morvane {
 
 namespace {
 
+// 10xxxxxx.
 bool isContinuation(unsigned char byte) { return (byte & 0xC0) == 0x80; }
 
 // ASCII is seen to first, because nearly all text is. The locale is the C library's own, not the process's:
@@ -35,6 +36,8 @@ char32_t nextUtf8(std::string_view text, size_t& at) {
   const unsigned char first = byteAt(at);
   if (first < 0x80) return static_cast<char32_t>(text[at++]);
   const unsigned length = first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : 2;
+  // By length: what is smaller has a shorter form, and an overlong one may smuggle a slash past whoever looks
+  // for it.
   static constexpr char32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
   char32_t character = first & (0xFFu >> (length + 1));
   bool valid = first >= 0xC2 && first <= 0xF4 && at + length <= text.size();

@@ -28,6 +28,7 @@ void XString::appendUtf8(const char* text) {
 // Costs as much as the text is long; for short texts.
 void XString::prependUtf8(const char* text) { m_utf8.insert(0, text); }
 
+// nl_langinfo is asked each time: a program may set its locale at any time.
 void XString::appendAnsi(const char* text) {
   const char* codeset = nl_langinfo(CODESET);
   // A program that never set its locale runs in "C"; its texts are in truth the system's, which is UTF-8
@@ -69,6 +70,7 @@ void XString::shortenNumChars(unsigned n) {
   for (; n > 0 && size > 0; --n) {
     // A character starts at most four bytes before its end; an invalid byte is one of its own.
     size_t start = size - 1;
+    // Only a sequence that ends exactly here is one character.
     for (size_t back = 2; back <= 4 && back <= size; ++back) {
       size_t at = size - back;
       const char32_t character = nextUtf8(std::string_view(m_utf8.data(), size), at);

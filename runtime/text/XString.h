@@ -22,7 +22,7 @@ class MORVANE_API XString {
   // The text as UTF-8, NUL-terminated, valid until the string changes.
   const char* getUtf8() const { return m_utf8.c_str(); }
   const std::string& str() const { return m_utf8; }
-  // The bytes themselves, for code that builds long texts in place.
+  // The bytes themselves, for code that builds long texts in place. May be changed at will.
   std::string& buffer() { return m_utf8; }
   unsigned getSizeUtf8() const { return static_cast<unsigned>(m_utf8.size()); }
   bool isEmpty() const { return m_utf8.empty(); }
@@ -50,7 +50,8 @@ class MORVANE_API XString {
 
   // Drops the last n characters (not bytes), all of them when there are fewer.
   void shortenNumChars(unsigned n);
-  // `ignoreCase` compares ASCII letters without regard to case. Returns the number of replacements.
+  // `ignoreCase` compares ASCII letters without regard to case. Returns the number of replacements. An empty
+  // `from` is never found.
   int replaceAllOccurancesUtf8(const char* from, const char* to, bool ignoreCase);
 
  private:

@@ -153,6 +153,7 @@ bool FullExtensions::takePaxRecords(std::string_view data, bool global, LogBase&
   while (!data.empty() && data.front() != '\0') {
     std::string_view keyword, value;
     if (!nextPaxRecord(data, keyword, value)) return malformed(log, "A PAX record is malformed.", data);
+    // Built only for a log that is to show it: there may be many.
     if (log.verbose()) {
       log.LogData("paxName", std::string(keyword).c_str());
       log.LogData("paxValue", std::string(value).c_str());

@@ -28,7 +28,9 @@ class NameDecoder {
   }
 
  private:
+  // Null until it is asked for first.
   std::unique_ptr<CharsetDecoder> m_decoder;
+  // What m_decoder is for.
   std::string m_charset;
 };
 

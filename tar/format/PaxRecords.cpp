@@ -31,6 +31,7 @@ unsigned paxNumber(const char* keyword, const char* value, LogBase& log) {
   return number;
 }
 
+// An owned text is what tells a record's link path from the block's.
 void setOwned(std::unique_ptr<StringBuffer>& owned, const char* value) {
   owned = std::make_unique<StringBuffer>(value);
 }
@@ -39,6 +40,7 @@ void setOwned(std::unique_ptr<StringBuffer>& owned, const char* value) {
 // and links are not asked for; see combineHeaderPaxExtended. An unknown keyword is passed over.
 void applyPaxRecord(const char* keyword, const char* value, TarHeader& record, LogBase& log) {
   const auto is = [keyword](const char* name) { return mvStrCmp(keyword, name) == 0; };
+  // A value is only read as a number where the keyword asks for one; else its notice would be about nothing.
   const auto number = [&] { return paxNumber(keyword, value, log); };
   unsigned& set = record.m_paxFieldsSet;
   if (is("atime")) {
@@ -109,6 +111,8 @@ void parsePaxLine(const char* line, const char* end, char* value, TarHeader& rec
 bool parsePaxExtendedHeader(const char* text, TarHeader& record, LogBase& log) {
   if (log.verbose()) log.LogInfo("Parsing PAX extended header...");
   char value[kLongestValue + 1];
+  // Each line is a record, whatever length stands in front of it: so the component's own records that state
+  // one byte too few are read rightly.
   while (*text != '\0') {
     const char* const end = endOfLine(text);
     parsePaxLine(text, end, value, record, log);
@@ -122,10 +126,12 @@ bool parsePaxExtendedHeader(const char* text, TarHeader& record, LogBase& log) {
 void combineHeaderPaxExtended(TarHeader& following, TarHeader& staged) {
   const auto notSet = [&staged](PaxField field) { return (staged.m_paxFieldsSet & field) == 0; };
   staged.m_typeFlag = following.m_typeFlag;
+  // Told by the member's own block, as it was parsed: a path in the record does not make a directory.
   staged.m_isDirectory = following.m_isDirectory;
   // The header's own time wins over a pax one, on purpose.
   staged.m_mtime = following.m_mtime;
   staged.m_exactMtime = following.m_exactMtime;
+  // What the record left out the block says.
   if (notSet(PAX_SIZE)) staged.m_size = following.m_size;
   // The path the member's own header gives; the record's header has only a name of its own.
   if (notSet(PAX_PATH)) {
@@ -135,6 +141,7 @@ void combineHeaderPaxExtended(TarHeader& following, TarHeader& staged) {
   }
   if (notSet(PAX_GNAME)) staged.m_groupName = std::move(following.m_groupName);
   if (notSet(PAX_UNAME)) staged.m_userName = std::move(following.m_userName);
+  // Read where the record gave no link path.
   staged.m_linkName = following.m_linkName;
 }
 

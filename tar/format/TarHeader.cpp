@@ -63,6 +63,7 @@ bool isDirectoryBlock(const unsigned char* block, char typeFlag, long long size)
   return length > 0 && length < kNameField.width && block[kNameField.offset + length - 1] == '/';
 }
 
+// One error line; the caller shows the block if it wants to.
 bool invalid(LogBase& log, const char* why) {
   log.LogError(why);
   return false;
@@ -173,6 +174,7 @@ bool TarHeader::parseFromDataSource(_mvDataSource& source, unsigned char* rawBlo
 void TarHeader::exchangeTexts(std::string& path, std::string& linkPath, std::string& userName,
                               std::string& groupName) {
   const auto exchange = [](StringBuffer* text, std::string& with) {
+    // What std::string keeps in itself.
     constexpr unsigned kCopiedAsFast = 15;
     if (!text) {
       with.clear();

@@ -16,6 +16,7 @@ UstarSplit splitUstarPath(std::string_view path) {
     split.name = path;
     return split;
   }
+  // A slash at the very beginning makes a prefix of that slash alone, and the path stays absolute.
   for (size_t slash = path.find('/'); slash != std::string_view::npos; slash = path.find('/', slash + 1)) {
     const std::string_view name = path.substr(slash + 1);
     if (name.empty() || name.size() > kLongestNameInBlock) continue;

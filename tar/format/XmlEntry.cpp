@@ -31,6 +31,7 @@ bool isXmlCharacter(char32_t c) {
   return c < kInvalidByte && c != 0xFFFE && c != 0xFFFF;
 }
 
+// Whether every character can be written, by itself or as a reference.
 bool isPlainXml(std::string_view text) {
   for (size_t at = 0; at < text.size();) {
     if (!isXmlCharacter(nextUtf8(text, at))) return false;
@@ -71,6 +72,7 @@ void appendXmlText(std::string_view text, bool escaped, std::string& out) {
       case '>':
         out += "&gt;";
         continue;
+      // The same function writes the attributes, which are quoted.
       case '"':
         out += "&quot;";
         continue;
@@ -87,6 +89,7 @@ void appendXmlText(std::string_view text, bool escaped, std::string& out) {
       default:
         break;
     }
+    // Only where the element is marked: there a back slash begins an escape.
     if (escaped && c == '\\') {
       out += "\\\\";
     } else if (isXmlCharacter(c)) {
@@ -105,6 +108,7 @@ struct Element {
 
 #define MORVANE_ELEMENT(name) \
   { "\t\t<" name ">", "\t\t<" name " escaped=\"true\">", "</" name ">\r\n" }
+// Path, user and group are in every entry, link and data only where there are such.
 constexpr Element kPathElement = MORVANE_ELEMENT("path");
 constexpr Element kUserElement = MORVANE_ELEMENT("user");
 constexpr Element kGroupElement = MORVANE_ELEMENT("group");
@@ -150,6 +154,7 @@ std::string_view kindOf(const Member& member) {
 // them.
 class EntryStart {
  public:
+  // There is room, see m_text.
   void text(std::string_view text) {
     std::memcpy(m_end, text.data(), text.size());
     m_end += text.size();
@@ -176,6 +181,7 @@ class EntryStart {
     number(":", time.second, 10, 2);
     text(behind);
   }
+  // The one append of all of it.
   void appendTo(std::string& out) const { out.append(m_text, static_cast<size_t>(m_end - m_text)); }
 
  private:
@@ -189,6 +195,7 @@ class EntryStart {
 std::string quotedPrintable(const unsigned char* bytes, unsigned n) {
   std::string text;
   for (unsigned i = 0; i < n; ++i) {
+    // Bytes, not characters: whoever looks at a raw block wants to see what is there.
     const unsigned char byte = bytes[i];
     // "]" and ">" too, so that no CDATA section is ended, and what separates the fields.
     const bool plain =
@@ -222,8 +229,10 @@ std::string fieldText(const unsigned char* block, const Field& field) {
 // Texts end at the first NUL, also a name that a pax record gave one, for XML cannot hold it; only the path
 // shows it, escaped.
 void toXmlEntry(const Member& member, XString& xml, const char* extensionData, CharsetDecoder& decoder) {
+  // Built in the listing's own text: a text for each entry would be one more copy of it.
   std::string& out = xml.buffer();
   std::string decoded;
+  // UTF-8 is looked at as it is, without a copy.
   const auto appendName = [&](const Element& element, std::string_view bytes) {
     if (decoder.isUtf8()) {
       appendElement(element, bytes, out);
@@ -239,6 +248,7 @@ void toXmlEntry(const Member& member, XString& xml, const char* extensionData, C
   EntryStart start;
   start.text("\" kind=\"");
   start.text(kindOf(member));
+  // Decimal but for the mode, which everybody knows in octal.
   start.number("\" size=\"", member.size);
   start.number("\" mode=\"", member.mode, 8, 4);
   start.number("\" uid=\"", member.uid);
@@ -250,6 +260,7 @@ void toXmlEntry(const Member& member, XString& xml, const char* extensionData, C
   appendName(kPathElement, member.path);
   appendName(kUserElement, member.userName.c_str());
   appendName(kGroupElement, member.groupName.c_str());
+  // Most members have no link, and get no empty element for it.
   if (*member.linkPath.c_str() != '\0') appendName(kLinkElement, member.linkPath.c_str());
   if (extensionData) appendName(kDataElement, extensionData);
   out += "\t</entry>\r\n";
@@ -260,6 +271,7 @@ void TarHeader::toXmlEntry(XString& xml, const char* extensionData, const char* 
                            LogBase& log) const {
   Member shown;
   shown.copyHeader(*this);
+  // An unknown character set is said here as elsewhere.
   NameDecoder names;
   morvane::toXmlEntry(shown, xml, extensionData, names.forCharset(charset, log));
 }

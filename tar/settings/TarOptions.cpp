@@ -30,9 +30,10 @@ struct Number {
   long long least, most;
 };
 
-// One of a word's values.
+// One of a word's values. Words with values of their own, one row for each value.
 struct Choice {
   const char *word, *value;
+  // Sets what the value stands for.
   void (*choose)(TarOptions& options);
 };
 
@@ -63,6 +64,7 @@ constexpr Switch kSwitches[] = {
     {"requireendofarchive", MORVANE_SETTING(bool, requireEndOfArchive)},
     {"entryevents", MORVANE_SETTING(bool, entryEvents)},
 };
+// With the least and the largest value that makes sense.
 constexpr Number kNumbers[] = {
     {"maxextensionbytes", MORVANE_SETTING(long long, maxExtensionBytes), 1, kAnyNumber},
     {"fastdeflate", MORVANE_SETTING(long long, codec.fastDeflate), 1, 3},
@@ -90,6 +92,7 @@ constexpr char kProfileWord[] = "profile";
 // "untrusted" adds to "usual" what no archive that is meant well comes near: a million members, 64 GiB, a
 // thousand bytes out of each that is read, 256 parts of a path.
 constexpr Profile kProfiles[] = {
+    // The same as no profile at all, for whoever puts words behind those of somebody else.
     {"off", ""},
     {"usual", MORVANE_USUAL},
     {"untrusted", MORVANE_USUAL
@@ -113,6 +116,7 @@ std::vector<GivenWord> splitWords(std::string_view words) {
   while (!words.empty()) {
     const size_t comma = std::min(words.find(','), words.size());
     GivenWord each;
+    // As given, for the complaint; what it is compared with is made below.
     each.given = trimmed(words.substr(0, comma));
     words.remove_prefix(std::min(comma + 1, words.size()));
     if (each.given.empty()) continue;
@@ -142,6 +146,7 @@ bool applySwitch(bool& setting, const GivenWord& given) {
 
 // Decimal digits and nothing else; no number at all makes no sense either.
 bool applyNumber(const Number& row, TarOptions& options, const GivenWord& given) {
+  // Not 0, which for a limit means none and for others may not be allowed.
   if (given.value == "off") {
     TarOptions defaults;
     row.setting(options) = row.setting(defaults);
@@ -194,6 +199,7 @@ TarOptions parseTarOptions(std::string_view words, std::vector<std::string>& com
   };
   // The profile first, wherever it stands, so that every other word wins over it.
   const Profile* profile = nullptr;
+  // The last profile that is known counts.
   for (const GivenWord& each : given) {
     if (each.word != kProfileWord) continue;
     if (const Profile* const found = profileOf(each)) {
@@ -202,9 +208,11 @@ TarOptions parseTarOptions(std::string_view words, std::vector<std::string>& com
       complain(each);
     }
   }
+  // The rows of a profile are applied like words that were given first.
   if (profile) {
     for (const GivenWord& each : splitWords(profile->words)) applyWord(options, each);
   }
+  // In their order: the last of a word wins.
   for (const GivenWord& each : given) {
     if (each.word != kProfileWord && !applyWord(options, each)) complain(each);
   }

@@ -16,6 +16,7 @@ enum class Confine { Off, Beneath, NoLinks };
 
 // Plain values, copied into each run. Every default is what the component does without any word.
 struct TarOptions {
+  // FastDeflate, VerifyGzip, GzipAllMembers.
   CodecOptions codec;
   // Both directions Sends onTarMember.
   bool memberEvents = false;
@@ -26,6 +27,7 @@ struct TarOptions {
   bool countSkipsExcluded = false;
   bool noTotal = false;
   bool ustarOverflowFails = false;
+  // The three of these are FormatRules of tar/format.
   bool ustarPlainPrefix = false;
   bool paxExact = false;
   bool openBeforeEvent = false;
@@ -35,6 +37,7 @@ struct TarOptions {
   long long maxExtensionBytes = 64LL * 1024 * 1024;
   Confine confine = Confine::Off;
   bool skipUncreatable = false;
+  // UntarBz2 begins each run anew.
   bool bz2Framed = false;
   bool requireEndOfArchive = false;
   bool entryEvents = false;
