@@ -18,6 +18,8 @@ class MorvaneCritSec {
   std::recursive_mutex m_mutex;
 };
 
+// Holds the lock for the block in which it stands:
+//   CritSecExitor lock(*this);
 // Exceptions release it too.
 class CritSecExitor {
  public:

@@ -9,6 +9,7 @@ namespace morvane {
 class MORVANE_API MorvaneObject {
  public:
   MorvaneObject() = default;
+  // Records are values: a copy is independent of what it was made from.
   MorvaneObject(const MorvaneObject&) = default;
   MorvaneObject& operator=(const MorvaneObject&) = default;
   virtual ~MorvaneObject();

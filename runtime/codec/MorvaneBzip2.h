@@ -25,7 +25,9 @@ class MORVANE_API MorvaneBzip2 {
   // The protocol of MorvaneDeflate. A stream of no bytes is a valid one. `pm` is not asked: whoever writes
   // the output is.
   bool BeginCompress(const DataBuffer& in, DataBuffer& out, LogBase& log, ProgressMonitor* pm);
+  // Pieces of any size; nothing is kept of `in` itself.
   bool MoreCompress(const DataBuffer& in, DataBuffer& out, LogBase& log, ProgressMonitor* pm);
+  // Without a Begin before it, or behind another End, it fails.
   bool EndCompress(DataBuffer& out, LogBase& log, ProgressMonitor* pm);
 
   // Decompresses all consecutive bzip2 streams of the source (parallel compressors write many). Bytes behind

@@ -31,7 +31,9 @@ class MORVANE_API MorvaneDeflate {
   // follow. `pm` is not asked: whoever writes the output is. Memory that runs out while `out` grows is
   // std::bad_alloc.
   bool BeginCompress(const DataBuffer& in, DataBuffer& out, LogBase& log, ProgressMonitor* pm);
+  // Pieces of any size; nothing is kept of `in` itself.
   bool MoreCompress(const DataBuffer& in, DataBuffer& out, LogBase& log, ProgressMonitor* pm);
+  // Without a Begin before it, or behind another End, it fails.
   bool EndCompress(DataBuffer& out, LogBase& log, ProgressMonitor* pm);
 
   // Inflates the deflate stream at the source's position into the output. Stops behind the stream's last byte
@@ -42,8 +44,10 @@ class MORVANE_API MorvaneDeflate {
                                   LogBase& log);
 
  private:
+  // Null until Begin and after End.
   struct Compressor;
   std::unique_ptr<Compressor> m_compressor;
+  // 0 to 3.
   int m_fastLevel = 0;
 };
 

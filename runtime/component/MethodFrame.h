@@ -17,7 +17,8 @@
 
 namespace morvane {
 
-// How a method's context is opened and closed.
+// How a method's context is opened and closed. The lines are part of what programs read in a log; so each
+// method keeps its form.
 enum class MethodForm {
   Judged,       // ends with a success or failure line
   Unjudged,     // ends without one
@@ -35,9 +36,12 @@ class MORVANE_API MethodFrame {
   // For a method that leaves early without its success or failure line. Called by the work inside.
   void withoutVerdict() { m_form = MethodForm::Unjudged; }
 
-  template <class Result, class Work>
   // `work` takes the frame and returns what the method returns: a bool, or a count of which negative means
   // failure. `failure` is what is returned when it does not get to run or throws.
+  //
+  // The order is fixed: the lock is held until the log is closed and appended to its file, and a nested call
+  // is turned away before it could touch the log of the one that is running.
+  template <class Result, class Work>
   Result run(Result failure, Work work) {
     CritSecExitor lock(m_owner);
     if (isNested()) return failure;
@@ -72,6 +76,7 @@ class MORVANE_API MethodFrame {
   }
   // Both write the log and keep what that throws.
   bool open() noexcept;
+  // `what` goes into the log, `inShort` to get_FailureCause.
   void reportException(const char* what, const char* inShort) noexcept;
   // Literals, so that a failure without any memory has its words.
   static constexpr char kOutOfMemory[] = "Out of memory.";
@@ -87,7 +92,8 @@ class MORVANE_API MethodFrame {
 
 // The entry of a step that methods are made of and that an application may call by itself: it has neither
 // lock nor log context. Called from a callback of the same object it is refused like a method: it would end
-// the work of the call that is going on.
+// the work of the call that is going on. For the streaming operations: an application's decompressor calls
+// them piece by piece, and none of its calls is a method.
 class MORVANE_API StepGuard {
  public:
   // The owner must outlive it. It never waits.
@@ -100,6 +106,7 @@ class MORVANE_API StepGuard {
 
  private:
   ClsBase& m_owner;
+  // So that only the guard that took the mark takes it away.
   bool m_mayRun;
 };
 

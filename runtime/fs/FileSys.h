@@ -14,7 +14,7 @@ struct MORVANE_API FileSys {
   // and is otherwise left alone; `log` may be null. A failure is logged.
   static long long fileSizeUtf8_64(const char* path, LogBase* log, bool& ok);
   static long long fileSizeX_64(const XString& path, LogBase* log, bool& ok);
-  // The process's current directory, empty when it has none.
+  // The process's current directory, empty when it has none. Of any length.
   static void getCurrentDir(XString& out);
 };
 

@@ -7,7 +7,8 @@
 
 namespace morvane {
 
-// A value. The epoch unless it is set.
+// A value. The epoch unless it is set. Seconds have 63 bits and a sign, so that any time of a file system or
+// an archive fits.
 class MORVANE_API MorvaneFileTime {
  public:
   MorvaneFileTime() = default;
@@ -32,6 +33,7 @@ class MORVANE_API MorvaneFileTime {
 // A broken-down time in UTC (proleptic Gregorian calendar). What it is when nothing is set is the epoch, a
 // Thursday.
 struct MORVANE_API MorvaneSysTime {
+  // The year may be negative or have more than four digits.
   int year = 1970, month = 1, day = 1;  // month and day from 1
   int hour = 0, minute = 0, second = 0;
   int weekday = 4;  // 0 is Sunday
@@ -42,6 +44,7 @@ struct MORVANE_API MorvaneSysTime {
 
 class StringBuffer;
 
+// For people: what programs read is Unix seconds.
 struct MORVANE_API _mvDateParser {
   // The time as GMT date text in the form of RFC 1123: "Sat, 21 Nov 2026 09:42:00 GMT".
   static void FileTimeToStringGmt(const MorvaneFileTime& time, StringBuffer& out);

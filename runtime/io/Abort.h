@@ -15,7 +15,7 @@ inline bool logAborted(LogBase& log) {
 
 // True, with its line in the log, when a wait broken by a signal is to end. Without a monitor the wait goes
 // on. Asks at once, whatever interval is set: a signal that breaks a wait is rare, and most often it is the
-// reason to stop.
+// reason to stop. It is for calls that ended with EINTR.
 inline bool endsWait(ProgressMonitor* pm, LogBase& log) {
   if (!pm || !pm->abortCheck(log)) return false;
   logAborted(log);

@@ -8,7 +8,8 @@
 
 namespace morvane {
 
-// Made when a job begins, on its stack, so that every way out of the job passes it.
+// Made when a job begins, on its stack, so that every way out of the job passes it. It does not close the
+// file and does not own it.
 class OutputFlush {
  public:
   // `out` and the monitor must outlive it; the monitor may be null.

@@ -23,6 +23,7 @@ class _mvIoParams {
   ProgressMonitor* m_pm;
 };
 
+// An application may derive its own: _writeBytes is all that it must supply.
 class MORVANE_API _mvOutput {
  public:
   _mvOutput() = default;
@@ -45,8 +46,10 @@ class MORVANE_API _mvOutput {
 
   virtual ~_mvOutput();
 
-  // Writes through _writeBytes; fails if that fails or the monitor (which may be null) was told to abort.
+  // Writes through _writeBytes; fails if that fails or the monitor (which may be null) was told to abort. The
+  // question whether to abort is asked first, as often as AbortCheckMs allows; progress is not counted here.
   [[nodiscard]] bool writeBytesPM(const char* bytes, unsigned n, ProgressMonitor* pm, LogBase& log);
+  // All of a buffer.
   [[nodiscard]] bool writeDbPM(const DataBuffer& bytes, ProgressMonitor* pm, LogBase& log);
   // Four bytes, the least significant first.
   [[nodiscard]] bool writeLittleEndianUInt32PM(unsigned value, ProgressMonitor* pm, LogBase& log);

@@ -20,6 +20,7 @@ class MORVANE_API ProgressMonitor {
  public:
   // `abortCheckMs`: milliseconds between two questions inside a member's data; 0 or less asks none there.
   // `percentScale`: what the whole job counts as. `total`: 0 when not known, and then no progress is sent.
+  // The event must outlive the monitor. `percentScale` 0 or less sends no progress.
   ProgressMonitor(ProgressEvent& event, int abortCheckMs, int percentScale, long long total);
   // The same for a setting that a callback may change: what it is set to holds at once. It must outlive the
   // monitor.
@@ -33,10 +34,10 @@ class MORVANE_API ProgressMonitor {
   // alone; the line about it is the caller's.
   bool abortCheck(LogBase& log);
   // The same where much happens between two questions worth asking: asks the first time, and then only when
-  // abortCheckMs have passed.
+  // abortCheckMs have passed. Its cost is a look at the clock.
   bool abortCheckTimed(LogBase& log);
   // Adds n units to what is done and reports a new percentage. True means abort. Without a total nothing is
-  // reported.
+  // reported. n is in bytes; 0 or less does nothing.
   bool consumeProgress(long long n, LogBase& log);
   // All of it is done: what is left of the total is reported at once.
   void consumeRemaining(LogBase& log);
@@ -44,7 +45,8 @@ class MORVANE_API ProgressMonitor {
   // How often abortCheckTimed was called: who wraps an operation sees whether that has asked by itself.
   unsigned timedChecks() const { return m_timedChecks; }
 
-  // Passes a named piece of information to the event.
+  // Passes a named piece of information to the event. Names and values are UTF-8 and need to live for the
+  // call only.
   static void pprogressInfo(ProgressEvent& event, const char* name, const char* value) {
     event.onInfo(name, value);
   }
@@ -75,6 +77,7 @@ class MORVANE_API ProgressMonitor {
 class MORVANE_API ProgressMonitorPtr {
  public:
   template <class AbortCheckMs>
+  // `event` may be null. AbortCheckMs is a number, or a setting that is looked at as it is.
   ProgressMonitorPtr(ProgressEvent* event, const AbortCheckMs& abortCheckMs, int percentScale,
                      long long total) {
     if (event) m_monitor.emplace(*event, abortCheckMs, percentScale, total);

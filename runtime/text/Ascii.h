@@ -10,7 +10,8 @@ namespace morvane {
 // What isspace knows in the C locale.
 constexpr const char* kAsciiWhiteSpace = " \t\r\n\v\f";
 
-// Bytes from 0x80 on stay, so that UTF-8 is not damaged.
+// Bytes from 0x80 on stay, so that UTF-8 is not damaged. The process's locale could make tolower mean
+// something else.
 constexpr char asciiLower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
 
 // Without white space at both ends; a view into the text.

@@ -11,6 +11,7 @@ namespace morvane {
 inline const char* mvStrChr(const char* text, char c) { return std::strchr(text, c); }
 inline const char* mvStrrChr(const char* text, char c) { return std::strrchr(text, c); }
 inline int mvStrCmp(const char* a, const char* b) { return std::strcmp(a, b); }
+// `to` must have room for the text and its NUL.
 inline char* mvStrCpy(char* to, const char* from) { return std::strcpy(to, from); }
 // Copies at most n bytes; the rest of the n bytes is filled with NUL, and there is no NUL when `from` has n
 // or more.

@@ -18,6 +18,7 @@ class ExtPtrArraySb;
 class MORVANE_API StringBuffer : public MorvaneObject {
  public:
   StringBuffer() = default;
+  // Null counts as empty.
   StringBuffer(const char* text) : m_text(text ? text : "") {}
   StringBuffer(std::string text) : m_text(std::move(text)) {}
   StringBuffer(const StringBuffer&) = default;
@@ -34,6 +35,7 @@ class MORVANE_API StringBuffer : public MorvaneObject {
   bool append(const char* text);
   bool append(int value);
   bool append(unsigned value);
+  // One byte, a NUL too.
   bool appendChar(char c);
   // n times the same byte.
   bool appendCharN(char c, unsigned n);
@@ -57,6 +59,7 @@ class MORVANE_API StringBuffer : public MorvaneObject {
 
   // Null counts as empty.
   bool equals(const char* text) const { return m_text == (text ? text : ""); }
+  // Byte for byte. The text must not be null.
   bool beginsWith(const char* text) const;
 
   void trim2();        // removes white space (ASCII) at both ends
@@ -70,12 +73,14 @@ class MORVANE_API StringBuffer : public MorvaneObject {
   // `ignoreCase` compares ASCII letters without regard to case.
   int replaceAllOccurances(const char* from, const char* to);
   bool replaceFirstOccurance(const char* from, const char* to, bool ignoreCase);
+  // Bytes: both are to be ASCII.
   void replaceChar(char from, char to);
 
   // Appends the parts between separators to the array. `skipEmpty` leaves empty parts out, `trimParts` trims
   // each part first. Text without a separator is one part; empty text has no part.
   bool split(ExtPtrArraySb& parts, char separator, bool skipEmpty, bool trimParts) const;
 
+  // Capacity, in bytes.
   unsigned long long heapUsage() const override;
 
  private:

@@ -63,14 +63,15 @@ constexpr char kUstarMagic[] =
 constexpr char kGnuMagic[] = "ustar  ";
 static_assert(sizeof kUstarMagic == 9 && sizeof kGnuMagic == 8, "the last NUL of the gnu form is part of it");
 
-// A prefix of ours may run on into the block's tail: the slash between prefix and name is stored with it.
+// A prefix of ours may run on into the block's tail: the slash between prefix and name is stored with it. 167
+// bytes.
 constexpr unsigned kLongestPrefix = kPrefixField.width + kTailField.width;
 
 // Bytes that are not 0 where the map of a sparse member goes on in a further block: in its header block, and
-// in each of those.
+// in each of those. GNU tar's old sparse format: isextended.
 constexpr unsigned kSparseGoesOnInHeader = 482, kSparseGoesOnInMap = 504;
 
-// Type flags.
+// Type flags. A type that is not known here is read as a regular file, as POSIX asks.
 constexpr char kTypeRegular = '0';
 constexpr char kTypeOldRegular = '\0';
 constexpr char kTypeHardLink = '1';
@@ -96,12 +97,13 @@ constexpr unsigned paddingAfter(long long n) {
 }
 
 // n >= 0 plus m >= 0, where a claim in an archive may be too large for any sum: stops at the largest value.
+// So a comparison with the sum is right for every claim.
 constexpr long long saturatedSum(long long n, long long m) {
   constexpr long long kMost = 0x7FFFFFFFFFFFFFFF;
   return n > kMost - m ? kMost : n + m;
 }
 
-// n data bytes, n >= 0, raised to whole blocks.
+// n data bytes, n >= 0, raised to whole blocks. What to pass over behind a header.
 constexpr long long paddedSize(long long n) { return saturatedSum(n, paddingAfter(n)); }
 
 }  // namespace morvane

@@ -43,6 +43,7 @@ struct TarOptions {
   bool entryEvents = false;
   // Limits; 0: none
   static constexpr long long kDefaultPathDepth = 4096;
+  // A limit ends the run; it is not passed over.
   long long maxPathDepth = -1;  // parts of a member's path; -1: the default, and only for what is extracted
   // Members of one run; bytes of data that it writes in all; bytes out for each byte of the compressed
   // archive.
