@@ -7,8 +7,8 @@
 
 namespace morvane {
 
-template <class T>
 // Looks like a plain T to whoever reads or sets it. T is a scalar.
+template <class T>
 class RelaxedAtomic {
  public:
   // Converts from and to T on purpose.

@@ -76,8 +76,8 @@ class MORVANE_API ProgressMonitor {
 // everything here does nothing.
 class MORVANE_API ProgressMonitorPtr {
  public:
-  template <class AbortCheckMs>
   // `event` may be null. AbortCheckMs is a number, or a setting that is looked at as it is.
+  template <class AbortCheckMs>
   ProgressMonitorPtr(ProgressEvent* event, const AbortCheckMs& abortCheckMs, int percentScale,
                      long long total) {
     if (event) m_monitor.emplace(*event, abortCheckMs, percentScale, total);

@@ -8,9 +8,9 @@
 
 namespace morvane {
 
-template <class Settings>
 // Belongs to one run, and so to one thread. The properties themselves may be set by any thread: the change
 // count is what makes their new values visible here.
+template <class Settings>
 class LiveSettings {
  public:
   // `take` tells the properties as they are; `changes` counts how often any of them was set. Both must

@@ -129,8 +129,8 @@ std::vector<GivenWord> splitWords(std::string_view words) {
   return split;
 }
 
-template <class Row, size_t kCount>
 // Null where the table has no such word. The tables are short, and are looked through once a method.
+template <class Row, size_t kCount>
 const Row* rowOf(const Row (&rows)[kCount], const GivenWord& given) {
   const Row* const end = rows + kCount;
   const Row* const found = std::find_if(rows, end, [&](const Row& row) { return given.word == row.word; });
