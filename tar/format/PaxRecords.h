@@ -1,7 +1,8 @@
 // Pax and long-name records merged into the member that follows them, the component's own way.
 //
-// This is what reading does unless the word FullRead is set (see tar/FullExtensions.h): records are lines,
-// values are cut at 999 bytes, numbers are 32-bit, and the block's modification time wins over the record's.
+// This is what reading does unless the word FullRead is set (see tar/format/FullExtensions.h): records are
+// lines, values are cut at 999 bytes, numbers are 32-bit, and the block's modification time wins over the
+// record's.
 #pragma once
 
 #include "tar/format/TarHeader.h"

@@ -1,4 +1,4 @@
-// The frame around the elements of an XML listing (tar/XmlEntry.h makes the elements).
+// The frame around the elements of an XML listing (tar/format/XmlEntry.h makes the elements).
 #pragma once
 
 #include "runtime/text/XString.h"
