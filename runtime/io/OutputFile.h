@@ -66,8 +66,8 @@ class MORVANE_API OutputFile : public _mvOutput {
   void abandon();
 
   // The last-modified time / all three times (Linux has no settable creation time), through the descriptor
-  // while the file is open, else through its path. A failure is logged. Of the modification, which leaves the
-  // time of access alone. Nanoseconds are set as far as the file system has them.
+  // while the file is open, else through its path. A failure is logged. The first leaves the time of access
+  // alone. Nanoseconds are set as far as the file system has them.
   bool setFileTimeUtc(const MorvaneFileTime& modification, LogBase* log);
   bool setFileTimeUtc_3(const MorvaneFileTime& creation, const MorvaneFileTime& access,
                         const MorvaneFileTime& modification, LogBase& log);

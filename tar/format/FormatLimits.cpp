@@ -20,7 +20,7 @@ bool fitsIds(const Member& member) {
 
 // Null if the path could be cut in two. The views of `encoding` then point into the member's path. By default
 // the prefix keeps its slash and may have more than the field's 155 bytes (see HeaderBlock.h for what becomes
-// of it), because archives keep the bytes that they have always had.
+// of it), because equal input is to give equal archives in every version.
 const char* splitIntoBlock(const Member& member, const FormatRules& rules, MemberEncoding& encoding) {
   const UstarSplit split = splitUstarPath(member.path);
   if (split.error) return split.error;

@@ -15,8 +15,8 @@ struct Member;
 // The format of a whole archive; what records it brings along encodingOf tells for each member.
 enum class WriteFormat { Gnu, Pax, Ustar };
 
-// Where the rules differ from the component's oldest ones (the words of UncommonOptions). Every default keeps
-// the bytes of archives as they have always been.
+// Where the rules differ from the component's oldest ones (the words of UncommonOptions). The defaults keep
+// archives of equal input the same in every version.
 struct FormatRules {
   bool ustarPlainPrefix = false;    // the prefix without the slash that joins it to the name
   bool ustarOverflowFails = false;  // a prefix longer than its field is an error

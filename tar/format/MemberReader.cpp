@@ -2,8 +2,7 @@
 // on.
 //
 // They share no state, because they differ in what they merge into what: the lenient one merges the member's
-// block into the record's header, as it always has, the full one what the records say into the member's
-// header.
+// block into the record's header, the full one what the records say into the member's header.
 #include "tar/format/MemberReader.h"
 
 #include "runtime/log/LogBase.h"
@@ -64,7 +63,7 @@ class LenientReader : public MemberReader {
     return m_header.m_typeFlag == kTypePax ? "PAX extended header" : "long filename header";
   }
 
-  // The limit of the option MaxExtensionBytes is not asked here: this reader has always had its own.
+  // The limit of the option MaxExtensionBytes is not asked here: this reader has one of its own.
   bool acceptsRecordSize(long long size, long long, LogBase& log) const override {
     if (size >= 1 && size <= kLongestLenientRecord) return true;
     log.LogError((std::string("Invalid size in ") + recordName() + ".").c_str());

@@ -28,8 +28,8 @@ void appendPaxRecord(std::string_view keyword, std::string_view value, std::stri
 
 // What the length is short of: " path=" and the newline are 7 bytes, and the digits three, or four from 990
 // bytes on. From 9,989 bytes on there are five digits, which the short rule does not know. It is kept,
-// because equal input is to give the bytes that it always gave; FullExtensions.cpp forgives the missing one,
-// and a reader that goes by lines does not see it.
+// because equal input is to give equal archives in every version; FullExtensions.cpp forgives the missing
+// one, and a reader that goes by lines does not see it.
 std::string paxPathRecord(std::string_view path, bool exact) {
   std::string record;
   if (exact) {

@@ -101,7 +101,7 @@ void appendXmlText(std::string_view text, bool escaped, std::string& out) {
 }
 
 // The three texts of an element, ready to be appended: its start, its start where the text is escaped, its
-// end. Lines end in CR LF, as they always have in these listings.
+// end. Lines end in CR LF.
 struct Element {
   std::string_view start, escapedStart, end;
 };
