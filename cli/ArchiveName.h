@@ -5,6 +5,7 @@
 
 namespace mvtar {
 
+// UTF-8 or whatever bytes the path has; nothing is decoded.
 struct ArchiveName {
   std::string name;  // without a slash at the end; empty for "." and "/": the members are named below it
   std::string
@@ -15,7 +16,7 @@ struct ArchiveName {
 // and whatever stands before and with the last ".." go too.
 ArchiveName archiveNameOf(const std::string& path, bool keep);
 
-// The two joined by a "/"; either may be empty.
+// The two joined by a "/"; either may be empty. A prefix that ends in a slash gets no second one.
 std::string joinNames(const std::string& prefix, const std::string& name);
 
 }  // namespace mvtar

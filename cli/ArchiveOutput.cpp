@@ -1,3 +1,5 @@
+// An archive written to standard output, or to a path that turns out to be a terminal. An ordinary file is
+// the component's affair.
 #include "cli/ArchiveOutput.h"
 
 #include <fcntl.h>
@@ -17,6 +19,9 @@ namespace {
 
 constexpr char kStandardOutput[] = "standard output";
 
+// Only a character device is opened to be asked: opening a FIFO would wait, and a regular file need not be
+// opened. O_NONBLOCK and O_NOCTTY, because a serial line may make an open wait and a terminal must not become
+// ours.
 bool isTerminal(const std::string& path) {
   struct stat status;
   if (stat(path.c_str(), &status) != 0 || !S_ISCHR(status.st_mode)) return false;
@@ -26,6 +31,7 @@ bool isTerminal(const std::string& path) {
 
 }  // namespace
 
+// A terminal would be shown control characters by the thousand, and obey them.
 bool isNoTerminal(const CommandLine& line, Report& report) {
   const bool standard = line.usesStandardStream();
   if (!(standard ? isatty(STDOUT_FILENO) : isTerminal(line.archive))) return true;
@@ -33,6 +39,7 @@ bool isNoTerminal(const CommandLine& line, Report& report) {
   return false;
 }
 
+// A descriptor of its own, because the OutputFile closes what it has, and messages may still be printed.
 std::unique_ptr<morvane::OutputFile> standardOutput(Report& report) {
   morvane::OsFile file(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0));
   if (!file.isOpen()) {
@@ -44,6 +51,7 @@ std::unique_ptr<morvane::OutputFile> standardOutput(Report& report) {
   return out;
 }
 
+// The monitor asks an event that knows nothing but the interrupt, since the component's call is over.
 bool closeOutput(morvane::OutputFile& out, Report& report) {
   InterruptEvent event;
   morvane::ProgressMonitor monitor(event, 1, 0, 0);

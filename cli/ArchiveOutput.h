@@ -14,7 +14,7 @@ bool isNoTerminal(const CommandLine& line, Report& report);
 // Null, and named, when standard output cannot be had.
 std::unique_ptr<morvane::OutputFile> standardOutput(Report& report);
 // A closed pipe or a full disk may show as late as here, and is then named. An interrupt ends the wait for a
-// reader.
+// reader. True when every byte has arrived; what did not is in the status of the report.
 bool closeOutput(morvane::OutputFile& out, Report& report);
 
 }  // namespace mvtar

@@ -9,12 +9,15 @@
 
 namespace mvtar {
 
+// What is to be done; None until the words have said it.
 enum class Mode { None, Create, Extract, List, Verify, Deb, Help, Version };
 
+// A PATH or MEMBER of the command line.
 struct Operand {
   std::string dir;   // from -C; empty: where the command was started
   std::string path;  // as given
 
+  // The path as the system is asked for it: joined to the directory.
   std::string localPath() const;
 };
 
@@ -28,6 +31,8 @@ struct Keeping {
   std::optional<long long> reproducible;  // no time is later than this
 };
 
+// What the words say, checked as far as words alone can be: the modes read it and change nothing. Texts are
+// bytes as the shell gave them.
 struct CommandLine {
   Mode mode = Mode::None;
   std::string archive;
@@ -58,13 +63,15 @@ struct CommandLine {
   std::string writingWords() const;
   // "gnu", unless another one was asked for or is needed.
   std::string formatToWrite() const;
+  // Output when creating, input when reading.
   bool usesStandardStream() const { return archive == "-"; }
 };
 
-// False for wrong usage; `error` then says what is wrong.
+// False for wrong usage; `error` then says what is wrong. The message goes behind "mvtar: "; it may hold what
+// was typed, and so is to be shown escaped.
 bool parseCommandLine(int argc, char** argv, CommandLine& line, std::string& error);
 
-// The text of --help.
+// The text of --help. A literal, lines of 80 columns.
 const char* helpText();
 
 }  // namespace mvtar

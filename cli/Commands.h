@@ -5,11 +5,17 @@
 
 namespace mvtar {
 
+// -c: the operands into an archive.
 int createArchive(const CommandLine& line);
+// -x, into the target directory.
 int extractArchive(const CommandLine& line);
+// -x -O: the data of the first file that matches.
 int extractToStandardOutput(const CommandLine& line);
+// -t, with -v or --xml for more.
 int listArchive(const CommandLine& line);
+// Reads all that can be checked and says whether the archive is whole.
 int verifyArchive(const CommandLine& line);
+// --deb: a control and a data tarball into a Debian package.
 int createDeb(const CommandLine& line);
 
 }  // namespace mvtar

@@ -1,3 +1,6 @@
+// How SIGINT and SIGTERM end a command: by a flag that the component is told of when it asks whether to
+// abort, so that it leaves files and messages in order. Waits in the system are broken by the signal itself,
+// which is why no handler asks for SA_RESTART.
 #include "cli/Interrupt.h"
 
 #include <unistd.h>
@@ -10,12 +13,14 @@ namespace mvtar {
 
 namespace {
 
+// Set by a handler. Timer and last line are complete before the handlers that use them are set.
 volatile std::sig_atomic_t g_signal = 0;
 timer_t g_timer;
 bool g_hasTimer = false;
 
 // A signal that arrives just before a read or write begins to wait would not break it; so the timer knocks
-// again and again until the component has heard. timer_settime may be called from a handler.
+// again and again until the component has heard. timer_settime may be called from a handler. 100 milliseconds
+// are short for a person and next to nothing for the processor.
 void onInterrupt(int signal) {
   g_signal = signal;
   if (!g_hasTimer) return;
@@ -24,11 +29,14 @@ void onInterrupt(int signal) {
   timer_settime(g_timer, 0, &knocks, nullptr);
 }
 
+// Having a handler is all that it takes to break a wait.
 void onKnock(int) {}
 
+// Put together beforehand: a handler must not allocate.
 std::string g_lastLine;
 
-// Only what may be called from a handler.
+// Only what may be called from a handler. 128 and the signal's number is what a shell makes of a process that
+// a signal ended.
 void endAtOnce(int signal) {
   const ssize_t written = write(STDERR_FILENO, g_lastLine.data(), g_lastLine.size());
   (void)written;
@@ -42,6 +50,7 @@ void handle(int signal, void (*handler)(int)) {
   sigaction(signal, &action, nullptr);
 }
 
+// The other handler, if any, is replaced.
 void handleInterrupts(void (*handler)(int)) {
   for (const int signal : {SIGINT, SIGTERM}) {
     struct sigaction current {};
@@ -53,6 +62,8 @@ void handleInterrupts(void (*handler)(int)) {
 
 }  // namespace
 
+// SIGALRM first: the timer's signal would end the process without it. Where no timer can be had interrupts
+// work all the same, but for one that falls between the question and the wait.
 void catchInterrupts() {
   handle(SIGALRM, onKnock);
   for (const int refusal : {SIGPIPE, SIGXFSZ})
@@ -61,6 +72,7 @@ void catchInterrupts() {
   handleInterrupts(onInterrupt);
 }
 
+// An interrupt that came just before is not lost.
 void endOnInterrupt(const std::string& line) {
   g_lastLine = line + "\n";
   handleInterrupts(endAtOnce);

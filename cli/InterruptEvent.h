@@ -6,6 +6,7 @@
 
 namespace mvtar {
 
+// Such as opening a FIFO and closing a pipe.
 class InterruptEvent : public morvane::ProgressEvent {
  public:
   void onAbortCheck(bool& abort) override { abort = isInterrupted(); }

@@ -1,4 +1,10 @@
 // mvtar -t
+//
+// mvtar -t and --verify: archives that are read and not extracted.
+//
+// A plain list and --xml of some members are printed by events, as members come. --xml of a whole archive
+// lists headers, records included, which only the component's own listing shows. Nothing is gathered: a list
+// of any length takes no memory.
 #include <algorithm>
 #include <cstdio>
 #include <ctime>
@@ -19,6 +25,7 @@ namespace {
 using morvane::ClsTar;
 using morvane::TarMemberInfo;
 
+// As ls and other tars have them; "h" for a hard link, which ls does not know.
 char kindLetter(const TarMemberInfo& member) {
   if (member.isDirectory) return 'd';
   switch (member.typeFlag) {
@@ -37,6 +44,7 @@ char kindLetter(const TarMemberInfo& member) {
   }
 }
 
+// Like ls -l. A set-id or sticky bit takes the place of its x, as a capital where there is no x.
 std::string modeText(const TarMemberInfo& member) {
   std::string text(1, kindLetter(member));
   for (int shift = 6; shift >= 0; shift -= 3) {
@@ -52,6 +60,7 @@ std::string modeText(const TarMemberInfo& member) {
   return text;
 }
 
+// A name may be empty or hold anything; the number stands in for the first, escapes for the second.
 std::string ownerText(const TarMemberInfo& member) {
   const auto either = [](const char* name, unsigned id) { return *name ? shown(name) : std::to_string(id); };
   return either(member.userName, member.uid) + "/" + either(member.groupName, member.gid);
@@ -63,7 +72,7 @@ std::string sizeText(const TarMemberInfo& member) {
   return std::to_string(member.deviceMajor) + "," + std::to_string(member.deviceMinor);
 }
 
-// Local time, as other tars show it.
+// Local time, as other tars show it. Seconds, where the year does not fit or the text does not.
 std::string timeText(long long seconds) {
   const time_t time = static_cast<time_t>(seconds);
   tm parts{};
@@ -74,16 +83,19 @@ std::string timeText(long long seconds) {
   return text;
 }
 
-// Whether nobody takes what is printed any more. `finish` says so.
+// Whether nobody takes what is printed any more. `finish` says so. Going on would be of no use to anybody.
 bool outputIsBroken() { return StandardOutput::isBroken(); }
 
-// Counts what is selected. What is printed of it, derived ones say.
+// Counts what is selected. What is printed of it, derived ones say. A directory counts without a size,
+// whatever its header states.
 class CountEvent : public MemberEvent {
  public:
   using MemberEvent::MemberEvent;
 
+  // Heard with the next question, at the latest behind the member whose line could not be written.
   void onAbortCheck(bool& abort) override {
     MemberEvent::onAbortCheck(abort);
+    // So that `mvtar -t | head` ends with head.
     abort = abort || outputIsBroken();
   }
 
@@ -96,6 +108,8 @@ class CountEvent : public MemberEvent {
   }
 };
 
+// -t: one line for each member. A long listing's columns cannot be known beforehand, because the list is
+// printed as it is read.
 class ListEvent : public CountEvent {
  public:
   using CountEvent::CountEvent;
@@ -111,6 +125,7 @@ class ListEvent : public CountEvent {
     const std::string size = sizeText(member);
     const size_t needed = owner.size() + 1 + size.size();
     m_width = std::max(m_width, std::min(needed, kWidest));
+    // At least one blank between the two.
     const std::string gap(1 + m_width - std::min(needed, m_width), ' ');
     const char* const link = member.typeFlag == '2' ? " -> " : member.typeFlag == '1' ? " link to " : "";
     m_report.name(member.path,
@@ -119,10 +134,12 @@ class ListEvent : public CountEvent {
   }
 
   static constexpr size_t kWidest = 80;
+  // Of owner and size together: what fits most archives, as GNU tar begins.
   size_t m_width = 19;
 };
 
 // --xml of the members that are asked for: each is put into the listing as its extension records leave it.
+// Its header is made anew from what the event tells, in UTF-8 already.
 class XmlEvent : public CountEvent {
  public:
   using CountEvent::CountEvent;
@@ -159,15 +176,19 @@ class HeaderXmlEvent : public CountEvent {
 
   void onTarHeader(const TarMemberInfo& member) override {
     constexpr unsigned kAtATime = 64;
+    // A listing is taken while the run goes on, which the property allows; 64 headers are some ten KiB.
     if (m_captures && ++m_headers % kAtATime == 0) printCaptured();
     CountEvent::onTarHeader(member);
   }
 
+  // Of a plain archive the component writes the listing straight to an output. A compressed one can only be
+  // listed by capturing.
   bool list(ReadJob& job) {
     if (job.archive.isPlain()) {
       Printer printer(m_report);
       return job.archive.listPlainXml(m_tar, printer, *this);
     }
+    // The property is set back by nobody: the component lives for this one command.
     m_captures = true;
     m_tar.put_CaptureXmlListing(true);
     const bool ok = job.archive.read(m_tar, *this);
@@ -178,6 +199,7 @@ class HeaderXmlEvent : public CountEvent {
   }
 
  private:
+  // A listing's pieces, straight to standard output. A broken one fails the write, and with it the run.
   class Printer : public morvane::_mvOutput {
    public:
     explicit Printer(Report& report) : m_report(report) {}
@@ -190,10 +212,12 @@ class HeaderXmlEvent : public CountEvent {
     Report& m_report;
   };
 
+  // What is taken is taken away, by setting the property to nothing.
   void printCaptured() {
     morvane::XString listing;
     m_tar.get_XmlListing(listing);
     m_tar.put_XmlListing("");
+    // What was captured last tells whether the component closed the listing.
     m_isClosed = listing.endsWithUtf8(morvane::kXmlListingEnd, false);
     m_report.text(listing.str());
   }
@@ -204,7 +228,8 @@ class HeaderXmlEvent : public CountEvent {
   unsigned m_headers = 0;
 };
 
-// Opens the archive, has it read and ends the command.
+// Opens the archive, has it read and ends the command. A run that was ended because nobody reads its output,
+// or because enough was seen, has not failed.
 template <class Event, class Read>
 int list(ReadJob& job, Event& event, Read read) {
   if (!job.open()) return job.finish();
@@ -217,8 +242,11 @@ int list(ReadJob& job, Event& event, Read read) {
 
 }  // namespace
 
+// Three ways, in the order of what is asked for: lines, an XML listing of some members, the XML listing of
+// everything.
 int listArchive(const CommandLine& line) {
   ReadJob job(line, false);
+  // Names, or the long form with -v; the event looks at that itself.
   if (!line.xml) {
     ListEvent event(job.report, job.bar, line);
     return list(job, event, [&](ListEvent& names) { return job.archive.read(job.tar, names); });
@@ -237,6 +265,8 @@ int listArchive(const CommandLine& line) {
   return list(job, event, [&](HeaderXmlEvent& headers) { return headers.list(job); });
 }
 
+// "Whole" is about headers and, of a compressed archive, what its checksums cover: plain tar has none of its
+// data.
 int verifyArchive(const CommandLine& line) {
   ReadJob job(line, false);
   if (!job.open()) return job.finish();

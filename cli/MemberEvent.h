@@ -17,6 +17,7 @@
 
 namespace mvtar {
 
+// Operands of reading commands are members; their directories mean nothing here.
 inline std::vector<std::string> operandPaths(const CommandLine& line) {
   std::vector<std::string> paths;
   for (const Operand& operand : line.operands) paths.push_back(operand.path);
@@ -24,15 +25,18 @@ inline std::vector<std::string> operandPaths(const CommandLine& line) {
 }
 
 // The texts of a member in UTF-8, from the character set that --charset names: what a person reads and types.
+// For UTF-8, the usual case, nobody needs one: texts are shown as they are.
 class MemberDecoder {
  public:
+  // Takes from the command line what it needs, and keeps nothing of it.
   explicit MemberDecoder(const CommandLine& line)
       : m_charset(line.charset),
         m_isUtf8(morvane::XString(line.charset).equalsIgnoreCaseUtf8("utf-8")),
         m_stripsPaths(line.stripPaths) {}
 
   bool isUtf8() const { return m_isUtf8; }
-  // Valid until the next member.
+  // Valid until the next member. The texts of the result point into this object or into what the component
+  // lent. By value: the component's own information is left as it is.
   morvane::TarMemberInfo decoded(morvane::TarMemberInfo member) {
     // What the path rules leave alone the component has decoded already; a name may have many megabytes.
     const bool isAsStored = *member.path != '/' && !std::strchr(member.path, '\\') && !m_stripsPaths;
@@ -59,8 +63,14 @@ class MemberDecoder {
   morvane::XString m_texts[4];
 };
 
+// A derived class says what becomes of a selected member: it counts it at once, or begins it and has it
+// counted when its data have come to their end. A limit on the count ends the run at the header behind, and
+// so not in a member.
+//
+// It lives as long as one command and is called by one thread.
 class MemberEvent : public morvane::ProgressEvent {
  public:
+  // Report, bar and command line must outlive it.
   MemberEvent(Report& report, ProgressBar& bar, const CommandLine& line)
       : m_report(report),
         m_line(line),
@@ -71,15 +81,19 @@ class MemberEvent : public morvane::ProgressEvent {
   // Whether --max-count was reached and the last counted member is complete: how the run ends then does not
   // matter.
   bool enoughSeen() const { return m_enoughSeen; }
+  // What was counted: members, and bytes of their data.
   long long members() const { return m_members; }
   long long bytes() const { return m_bytes; }
 
+  // Only after a whole run: one that ended early has not seen everything.
   void nameUnfound() {
     if (m_enoughSeen) return;
     for (const std::string& name : m_selection.unfound()) m_report.problem(name, "not found in the archive");
   }
 
+  // Ends the run once enough was seen; whoever asks how it ended asks enoughSeen first.
   void onAbortCheck(bool& abort) override { abort = m_enoughSeen || isInterrupted(); }
+  // The component's scale is the bar's (ReadJob::open).
   void onProgress(int parts, bool&) override { m_bar.show(parts); }
 
   // What was begun is done: it counts, and is named with -v. Call it after a run that came to its end.
@@ -90,12 +104,14 @@ class MemberEvent : public morvane::ProgressEvent {
     if (m_line.verbose) m_report.name(m_begunPath);
   }
 
+  // "limit" names the option word that ended the run; everything else is heard by derived classes.
   void onInfo(const char* name, const char* value) override {
     if (std::string_view(name) == "limit") m_limit = value;
   }
   // The limit that ended the run, "Word=value"; empty when none did.
   const std::string& limit() const { return m_limit; }
 
+  // The next header is the proof that the data of the member before are complete.
   void onTarHeader(const morvane::TarMemberInfo& member) override {
     settle();
     m_enoughSeen = m_line.maxCount > 0 && m_members >= m_line.maxCount;
@@ -107,7 +123,10 @@ class MemberEvent : public morvane::ProgressEvent {
   }
 
  protected:
+  // Called for each member that the command is about, in the order of the archive. Its texts are valid during
+  // the call only.
   virtual void onSelected(const morvane::TarMemberInfo& member) = 0;
+  // The sum stops at the largest value: sizes are claims.
   void count(long long bytes) {
     ++m_members;
     m_bytes += std::min(bytes, std::numeric_limits<long long>::max() - m_bytes);
@@ -118,13 +137,17 @@ class MemberEvent : public morvane::ProgressEvent {
     m_begunPath = path;
     m_begunBytes = bytes;
   }
+  // The member that was begun was not done after all; it does not count.
   void drop() { m_isBegun = false; }
+  // Whether the member of the last header was.
   bool isSelected() const { return m_isSelected; }
 
+  // For derived classes, as m_line is.
   Report& m_report;
   const CommandLine& m_line;
 
  private:
+  // With names as a person types them.
   void select(const morvane::TarMemberInfo& member) {
     m_isSelected = !m_enoughSeen && m_selection.takes(member.path);
     if (m_isSelected) onSelected(member);
@@ -135,6 +158,7 @@ class MemberEvent : public morvane::ProgressEvent {
   ProgressBar& m_bar;
   bool m_isSelected = false;
   bool m_enoughSeen = false;
+  // What `begin` was told, until it is settled or dropped.
   bool m_isBegun = false;
   std::string m_limit;
   std::string_view m_begunPath;

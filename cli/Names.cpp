@@ -1,3 +1,5 @@
+// Names on a person's screen. They come from archives and may hold anything a terminal obeys, so control
+// characters never get there; what is printable in any language stays as it is.
 #include "cli/Names.h"
 
 #include <algorithm>
@@ -7,6 +9,7 @@ namespace mvtar {
 
 namespace {
 
+// Three digits always, so that a digit behind it is not taken for its own.
 void appendOctal(unsigned char byte, std::string& text) {
   char escape[8];
   std::snprintf(escape, sizeof escape, "\\%03o", byte);
@@ -15,11 +18,14 @@ void appendOctal(unsigned char byte, std::string& text) {
 
 }  // namespace
 
+// Back slashes are doubled, so that two names never look alike. Bytes that are no UTF-8 stay: the terminal
+// shows them as such.
 std::string shown(std::string_view name) {
   std::string text;
   for (size_t at = 0; at < name.size(); ++at) {
     const char c = name[at];
     const auto byte = static_cast<unsigned char>(c);
+    // What C has a letter for; a back slash stands for itself only when it is two.
     switch (c) {
       case '\\':
         text += "\\\\";
@@ -60,6 +66,7 @@ std::string shown(std::string_view name) {
   return text;
 }
 
+// Cut between two bytes of a C1 control character, neither half would be seen for what it is.
 void printShown(std::string_view name, void (*write)(std::string_view)) {
   constexpr size_t kPiece = 16384;
   while (!name.empty()) {

@@ -1,4 +1,7 @@
 // mvtar --deb, and the version.
+//
+// The component assembles a package in memory and asks nobody whether to abort; so an interrupt ends the
+// process there.
 #include "cli/ArchiveName.h"
 #include "cli/ArchiveOutput.h"
 #include "cli/Commands.h"
@@ -14,6 +17,7 @@ namespace {
 
 using morvane::XString;
 
+// On standard output the package is only as whole as its last write.
 bool assemble(morvane::ClsTar& tar, const CommandLine& line, Report& report) {
   const XString control(line.operands[0].localPath()), data(line.operands[1].localPath());
   if (!line.usesStandardStream()) return tar.CreateDeb(control, data, XString(line.archive));
@@ -25,6 +29,7 @@ bool assemble(morvane::ClsTar& tar, const CommandLine& line, Report& report) {
 
 }  // namespace
 
+// Nothing is read from the archive's path, so only its being a terminal has to be asked.
 int createDeb(const CommandLine& line) {
   ProgressBar bar(ProgressBar::When::Never);
   Report report(bar, line.usesStandardStream());

@@ -1,3 +1,5 @@
+// The bar is drawn over itself with a carriage return and never wraps, because only one line can be taken
+// back.
 #include "cli/ProgressBar.h"
 
 #include <sys/ioctl.h>
@@ -24,6 +26,9 @@ int columns() {
 
 }  // namespace
 
+// Within a window that is too narrow for any bar the percentage stands alone. One write for each state, so
+// that a terminal never shows half of one. (Nothing is too large for `line`: the bar has 40 characters at
+// most.)
 void ProgressBar::show(int parts) {
   if (m_when == When::Never) return;
   const auto elapsed = std::chrono::steady_clock::now() - m_start;
@@ -43,6 +48,7 @@ void ProgressBar::show(int parts) {
   m_onScreen = true;
 }
 
+// Carriage return, and erase to the end of the line.
 void ProgressBar::clear() {
   if (!m_onScreen) return;
   writeToStandardError("\r\033[K");

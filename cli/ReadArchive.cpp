@@ -1,3 +1,5 @@
+// Opening an archive, finding out what it is, reading it by the method for that, and saying how it ended:
+// what every command that reads does in the same way.
 #include "cli/ReadArchive.h"
 
 #include <unistd.h>
@@ -40,11 +42,12 @@ bool ArchiveReader::open(const CommandLine& line, Report& report) {
     if (!isInterrupted()) report.problem(line.archive, cause.reason.empty() ? cause.message : cause.reason);
     return false;
   }
+  // What is not known either is read all the same: see isPlain.
   return m_compression || !isForeign(line, report);
 }
 
 // Whether the content is known to be something else, which is then named: "checksum is wrong" would tell
-// nobody what is wrong.
+// nobody what is wrong. The bytes have been peeked at already and are not read again.
 bool ArchiveReader::isForeign(const CommandLine& line, Report& report) {
   morvane::LogNull unwanted;
   const char* bytes = nullptr;
@@ -68,6 +71,8 @@ bool ArchiveReader::openPath(const std::string& path, Report& report) {
 // What is nothing that is known is read as a plain archive, which then says what is wrong with it.
 bool ArchiveReader::isPlain() const { return m_compression.value_or(Compression::None) == Compression::None; }
 
+// A table from compression to method. The methods find the archive's end in their own ways; see
+// docs/format.md.
 bool ArchiveReader::read(ClsTar& tar, morvane::ProgressEvent& event) {
   using Untar = bool (ClsTar::*)(morvane::_mvDataSource&, morvane::ProgressEvent*);
   static constexpr std::pair<Compression, Untar> kMethods[] = {{Compression::Gzip, &ClsTar::UntarGz},
@@ -82,6 +87,7 @@ bool ArchiveReader::read(ClsTar& tar, morvane::ProgressEvent& event) {
   return ok;
 }
 
+// The listing ends with its closing line even when the archive is damaged.
 bool ArchiveReader::listPlainXml(ClsTar& tar, morvane::_mvOutput& xml, morvane::ProgressEvent& event) {
   const bool ok = tar.ListXml(m_source, xml, &event);
   if (ok) takeRestOfRecord();
@@ -89,7 +95,8 @@ bool ArchiveReader::listPlainXml(ClsTar& tar, morvane::_mvOutput& xml, morvane::
 }
 
 // Who writes an archive into a pipe writes whole records, and would be ended by a reader that left at the end
-// mark.
+// mark. 20 blocks are tar's usual record. A file is left alone: nobody waits for its end. What is there is
+// passed over without a look, and failing to is no failure of the command's.
 void ArchiveReader::takeRestOfRecord() {
   constexpr long long kRecord = 20 * 512;
   if (m_source.ftell64() >= 0) return;
@@ -100,14 +107,17 @@ void ArchiveReader::takeRestOfRecord() {
   (void)m_source.skip(rest, &monitor, unwanted);
 }
 
+// The path is not asked for: the caller has a better one.
 std::string failureReason(ClsTar& tar) {
   morvane::XString path, reason;
   tar.get_FailureCause(path, reason);
   return reason.str();
 }
 
+// An interrupted run may have left out members, too, and has not come to the end.
 bool cameToTheEnd(ClsTar& tar, bool ok) { return ok || (tar.get_OnlyLeftOut() && !isInterrupted()); }
 
+// An interrupt has a status of its own and comes before every other way to end.
 int finish(ClsTar& tar, const CommandLine& line, Report& report, bool ok, const char* rest) {
   if (line.printLog) report.log(tar);
   if (isInterrupted()) {
@@ -119,11 +129,13 @@ int finish(ClsTar& tar, const CommandLine& line, Report& report, bool ok, const 
     report.failure(tar, line.archive);
     morvane::XString path, reason;
     tar.get_FailureCause(path, reason);
+    // A path that is not the archive's is the target's: the archive itself goes on.
     if (rest && !path.isEmpty() && path.str() != line.archive) report.notice(line.archive, rest);
   }
   return report.finish();
 }
 
+// Everything that does not depend on the command itself.
 bool ReadJob::open() {
   if (!archive.open(m_line, report)) return false;
   tar.put_PercentScale(ProgressBar::kScale);
@@ -135,6 +147,7 @@ bool ReadJob::open() {
   return true;
 }
 
+// A limit that ended the run is named by its word, in place of the component's reason.
 int ReadJob::finish(const MemberEvent& event, bool ok, const char* rest) {
   if (m_line.totals) report.totals(event.members(), event.bytes());
   if (event.limit().empty()) return mvtar::finish(tar, m_line, report, ok, rest);

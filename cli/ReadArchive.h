@@ -12,8 +12,7 @@
 
 namespace mvtar {
 
-// The words of UncommonOptions that every reading command sets.
-
+// One archive, read once, from where standard input or the file stands.
 class ArchiveReader {
  public:
   // False, and named, when the archive cannot be opened or is a terminal.
@@ -24,6 +23,7 @@ class ArchiveReader {
   bool read(morvane::ClsTar& tar, morvane::ProgressEvent& event);
   // The XML listing of a whole plain archive, closed also when it fails.
   bool listPlainXml(morvane::ClsTar& tar, morvane::_mvOutput& xml, morvane::ProgressEvent& event);
+  // Also true for content of no kind that is known.
   bool isPlain() const;
   morvane::_mvFileDataSource& source() { return m_source; }
 
@@ -40,13 +40,15 @@ class ArchiveReader {
 // for ReadJob::finish. The exit status.
 int finish(morvane::ClsTar& tar, const CommandLine& line, Report& report, bool ok,
            const char* rest = nullptr);
-// Why the component's last call failed; empty when it was nothing that ended the call.
+// Why the component's last call failed; empty when it was nothing that ended the call. One line, as
+// get_FailureCause has it.
 std::string failureReason(morvane::ClsTar& tar);
 // Whether a reading call that returned `ok` got to the archive's end: refused members alone are no reason to
 // think it did not.
 bool cameToTheEnd(morvane::ClsTar& tar, bool ok);
 
-// What a command that reads members works with.
+// What a command that reads members works with. Lives for one command. The command line must outlive it. The
+// report refers to the bar, and so stands behind it.
 class ReadJob {
  public:
   ReadJob(const CommandLine& line, bool outputCarriesData)

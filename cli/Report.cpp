@@ -1,3 +1,5 @@
+// Everything that mvtar says goes through here, so that no message stands in the progress bar and no problem
+// leaves the status at 0.
 #include "cli/Report.h"
 
 #include <cerrno>
@@ -11,20 +13,22 @@ namespace mvtar {
 
 namespace {
 
+// Long lists scroll away; this line is the last one.
 constexpr char kClosingLine[] = "mvtar: not everything could be done; see the messages above\n";
 
 bool startsWith(std::string_view text, std::string_view start) {
   return text.substr(0, start.size()) == start;
 }
 
-// Memory that ran out is called the same wherever it did.
+// Memory that ran out is called the same wherever it did. The system and the component have sentences of
+// their own for it.
 std::string_view plainReason(std::string_view reason) {
   const bool noMemory = startsWith(reason, "Out of memory") || reason == std::strerror(ENOMEM);
   return noMemory ? kOutOfMemory : reason;
 }
 
 // A line with a name as it is shown. In one piece, so that lines of several processes do not mix, but for a
-// name so long that a copy of it is not to be made.
+// name so long that a copy of it is not to be made. `before` and `behind` are ours and stand as they are.
 void writeLine(void (*write)(std::string_view), const std::string& before, std::string_view name,
                const std::string& behind) {
   constexpr size_t kInOnePiece = 4096;
@@ -39,16 +43,19 @@ void writeLine(void (*write)(std::string_view), const std::string& before, std::
 
 }  // namespace
 
+// The bar is drawn anew with the next progress.
 void Report::notice(std::string_view path, std::string_view text) {
   m_bar.clear();
   writeLine(writeToStandardError, "mvtar: ", path, ": " + std::string(text));
 }
 
+// What is named is named once; the closing line says that there was something.
 void Report::problem(std::string_view path, std::string_view reason) {
   m_status = kNotAllDone;  // first: saying it takes memory
   notice(path, plainReason(reason));
 }
 
+// Without a path of its own a failure is about the archive.
 void Report::failure(morvane::ClsTar& tar, const std::string& archive) {
   morvane::XString path, reason;
   tar.get_FailureCause(path, reason);
@@ -57,6 +64,7 @@ void Report::failure(morvane::ClsTar& tar, const std::string& archive) {
   problem(path.isEmpty() ? archive : path.str(), reason.isEmpty() ? "it failed" : reason.str());
 }
 
+// Both streams may be terminals, so the bar is cleared for either.
 void Report::name(std::string_view name, const std::string& before, const std::string& behind) {
   m_bar.clear();
   writeLine(m_outputCarriesData ? writeToStandardError : StandardOutput::write, before, name, behind);
@@ -75,6 +83,7 @@ void Report::totals(long long members, long long bytes) {
                        " bytes\n");
 }
 
+// The log ends in a line end of its own.
 void Report::log(morvane::ClsTar& tar) {
   morvane::XString text;
   tar.get_LogText(text);
@@ -82,6 +91,7 @@ void Report::log(morvane::ClsTar& tar) {
   writeToStandardError(text.str());
 }
 
+// What could not be printed is a problem too, and known only now.
 int Report::finish() {
   m_bar.clear();
   if (!StandardOutput::flush()) problem("standard output", std::strerror(StandardOutput::error()));
@@ -89,6 +99,7 @@ int Report::finish() {
   return m_status;
 }
 
+// Literals only.
 int finishWithoutMemory() {
   StandardOutput::flush();
   writeToStandardError("mvtar: out of memory\n");

@@ -12,20 +12,24 @@ class ClsTar;
 
 namespace mvtar {
 
-// Exit statuses.
+// Exit statuses. Everything was done; something was not (a message has said what); the command line was
+// wrong, EX_USAGE of sysexits.h.
 constexpr int kDone = 0;
 constexpr int kNotAllDone = 2;
 constexpr int kWrongUsage = 64;
 
 constexpr char kOutOfMemory[] = "out of memory";
 
+// Lives for one command, like the bar, which it does not own. `outputCarriesData` says that standard output
+// is an archive's or a member's, and no place for lines.
 class Report {
  public:
   Report(ProgressBar& bar, bool outputCarriesData) : m_bar(bar), m_outputCarriesData(outputCarriesData) {}
 
   // "mvtar: PATH: reason" on standard error.
   void notice(std::string_view path, std::string_view text);
-  // The same for something that was not done: the status becomes 2.
+  // The same for something that was not done: the status becomes 2. A reason that means missing memory is
+  // said in the same words whoever found it.
   void problem(std::string_view path, std::string_view reason);
   // The reason of a failed call of the component, when it is about more than what was said already.
   void failure(morvane::ClsTar& tar, const std::string& archive);
@@ -36,13 +40,14 @@ class Report {
   void line(const std::string& text);
   // Text of the listing, as it is, on standard output.
   void text(std::string_view text);
-  // What --totals asks for.
+  // What --totals asks for. "members" and "bytes" of what was done, on standard error.
   void totals(long long members, long long bytes);
   // What --log asks for.
   void log(morvane::ClsTar& tar);
 
   // Says once more that something is missing, and tells the status. Call it last.
   int finish();
+  // Whether the status is no longer 0.
   bool anyProblem() const { return m_status != kDone; }
 
  private:

@@ -1,3 +1,5 @@
+// Which members a command is about. The rules are a person's, not the component's filters: names mean what is
+// below them, patterns mean parts of a path, and a name that was asked for and not found is told.
 #include "cli/Selection.h"
 
 #include <algorithm>
@@ -6,7 +8,8 @@ namespace mvtar {
 
 namespace {
 
-// How a path is compared: "./a/" is a, and "./" is ".".
+// How a path is compared: "./a/" is a, and "./" is ".". So that what was typed, what a shell completed and
+// what is stored are compared alike. Leading slashes stay.
 std::string_view comparable(std::string_view path) {
   while (path.size() > 1 && path.back() == '/') path.remove_suffix(1);
   while (path.size() > 2 && path.substr(0, 2) == "./") {
@@ -16,6 +19,7 @@ std::string_view comparable(std::string_view path) {
   return path;
 }
 
+// The root, "/", ends in its own slash.
 bool isBelow(std::string_view path, const std::string& dir) {
   return !dir.empty() && path.size() > dir.size() && path.substr(0, dir.size()) == dir &&
          (path[dir.size()] == '/' || dir.back() == '/');
@@ -23,6 +27,7 @@ bool isBelow(std::string_view path, const std::string& dir) {
 
 }  // namespace
 
+// Cut at their stars here, once.
 std::vector<Selection::Pattern> Selection::patternsOf(const std::vector<std::string>& given) {
   std::vector<Pattern> patterns;
   for (const std::string& text : given) {
@@ -32,7 +37,8 @@ std::vector<Selection::Pattern> Selection::patternsOf(const std::vector<std::str
   return patterns;
 }
 
-// The path or a directory above it matches, or a single component does.
+// The path or a directory above it matches, or a single component does. A pattern with a slash is not tried
+// on single parts, which have none.
 bool Selection::matches(std::string_view path, const Pattern& pattern) {
   if (pattern.pattern.matchesUpToASlash(path)) return true;
   if (pattern.isForWholePath) return false;
@@ -58,6 +64,8 @@ Selection::Selection(const std::vector<std::string>& members, const std::vector<
   }
 }
 
+// Every MEMBER is tried, also behind one that matched, because each of them wants to be found. Exclusion
+// comes last and wins.
 bool Selection::takes(std::string_view storedPath) {
   const std::string_view path = comparable(storedPath);
   bool named = m_members.empty();
@@ -71,8 +79,10 @@ bool Selection::takes(std::string_view storedPath) {
   return named && (m_matches.empty() || anyMatches(path, m_matches)) && !anyMatches(path, m_excludes);
 }
 
+// For walks over the disk, which need not go into what is excluded.
 bool Selection::excludes(std::string_view path) const { return anyMatches(comparable(path), m_excludes); }
 
+// As they were typed.
 std::vector<std::string> Selection::unfound() const {
   std::vector<std::string> names;
   for (const Member& member : m_members) {

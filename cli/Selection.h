@@ -9,23 +9,28 @@
 
 namespace mvtar {
 
+// All three lists may be empty: no MEMBER and no --match means every member. Case counts; "*" stands for
+// anything, slashes included.
 class Selection {
  public:
   Selection(const std::vector<std::string>& members, const std::vector<std::string>& matches,
             const std::vector<std::string>& excludes);
 
-  // The path as it is in the archive. Notes which MEMBERs have been found.
+  // The path as it is in the archive. Notes which MEMBERs have been found. In UTF-8, with or without a slash
+  // at its end.
   bool takes(std::string_view path);
   // Whether --exclude leaves the path out, and with it all that may be below it.
   bool excludes(std::string_view path) const;
-  // MEMBERs that matched nothing so far.
+  // MEMBERs that matched nothing so far. Of use behind a run that saw the whole archive.
   std::vector<std::string> unfound() const;
 
  private:
   struct Member {
+    // As it was typed, for the message.
     std::string given;
     std::string path;  // without a leading "./" and a slash at the end
     morvane::WildcardPattern pattern;
+    // Whether any path has matched it.
     bool found;
   };
   struct Pattern {
@@ -33,10 +38,13 @@ class Selection {
     bool isForWholePath;  // it has a "/", and is not tried on single components
   };
 
+  // Each --match and --exclude as it is compared.
   static std::vector<Pattern> patternsOf(const std::vector<std::string>& given);
+  // The path must be comparable: no "./" in front, no slash behind.
   static bool matches(std::string_view path, const Pattern& pattern);
   static bool anyMatches(std::string_view path, const std::vector<Pattern>& patterns);
 
+  // Empty: every member is named.
   std::vector<Member> m_members;
   std::vector<Pattern> m_matches;
   std::vector<Pattern> m_excludes;

@@ -1,3 +1,5 @@
+// The process's own streams without stdio, which allocates its buffers and does not keep the reason of a
+// write that failed. Used by the command's one thread.
 #include "cli/StandardStreams.h"
 
 #include <poll.h>
@@ -12,7 +14,8 @@ namespace mvtar {
 
 namespace {
 
-// 0, or the errno of a write that an interrupt or the system ended.
+// 0, or the errno of a write that an interrupt or the system ended. An interrupt ends a wait for a reader who
+// does not come; any other signal does not.
 int writeWhole(int fd, std::string_view text) {
   while (!text.empty()) {
     const ssize_t written = ::write(fd, text.data(), text.size());
@@ -30,6 +33,7 @@ int writeWhole(int fd, std::string_view text) {
   return 0;
 }
 
+// What waits to be written, and the errno of the first write that failed: after it everything is dropped.
 char g_buffer[64 * 1024];
 size_t g_buffered = 0;
 int g_error = 0;
@@ -42,6 +46,7 @@ bool isTerminal() {
 
 }  // namespace
 
+// Text that is larger than the buffer goes by itself, behind what was gathered.
 void StandardOutput::write(std::string_view text) {
   if (text.size() > sizeof g_buffer - g_buffered) flush();
   if (g_error != 0) return;
@@ -54,6 +59,7 @@ void StandardOutput::write(std::string_view text) {
   if (isTerminal() && !text.empty() && text.back() == '\n') flush();
 }
 
+// What was held is gone in any case.
 bool StandardOutput::flush() {
   const std::string_view held(g_buffer, g_buffered);
   g_buffered = 0;
@@ -65,6 +71,7 @@ bool StandardOutput::isBroken() { return g_error != 0; }
 
 int StandardOutput::error() { return g_error; }
 
+// Not being able to say something is nothing that could be said.
 void writeToStandardError(std::string_view text) { (void)writeWhole(STDERR_FILENO, text); }
 
 }  // namespace mvtar

@@ -6,17 +6,20 @@
 
 namespace mvtar {
 
+// Static, because there is one: whoever prints and whoever runs out of memory mean the same.
 class StandardOutput {
  public:
+  // Gathered, and written line by line at a terminal. A failure is kept for flush and error.
   static void write(std::string_view text);
   // False if anything so far could not be written.
   static bool flush();
   // Whether nobody takes what is printed any more.
   static bool isBroken();
-  // The system's reason for that, an errno.
+  // The system's reason for that, an errno. 0 while none.
   static int error();
 };
 
+// Written at once; a failure is ignored.
 void writeToStandardError(std::string_view text);
 
 }  // namespace mvtar

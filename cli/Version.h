@@ -3,6 +3,7 @@
 
 namespace mvtar {
 
+// As "1.2.3"; a literal.
 const char* versionText();
 
 }  // namespace mvtar

@@ -1,4 +1,7 @@
 // mvtar: the component's command-line front.
+//
+// Here a command is chosen and its end made sure of: whatever happens, the status says whether all was done,
+// and running out of memory is told without any.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -23,6 +26,7 @@ void occupyStandardStreams() {
   }
 }
 
+// Help and version are commands like the others: when they cannot be printed, the status says so.
 int runCommand(const mvtar::CommandLine& line) {
   using mvtar::Mode;
   switch (line.mode) {
@@ -45,10 +49,12 @@ int runCommand(const mvtar::CommandLine& line) {
     case Mode::None:
       break;
   }
+  // What was written may have failed: the report tells and has the status.
   mvtar::ProgressBar noBar(mvtar::ProgressBar::When::Never);
   return mvtar::Report(noBar, false).finish();
 }
 
+// Interrupts are caught only when the line makes sense: a wrong one is over at once.
 int runCommandLine(int argc, char** argv) {
   mvtar::CommandLine line;
   std::string error;
@@ -64,7 +70,8 @@ int runCommandLine(int argc, char** argv) {
 
 }  // namespace
 
-// Without memory even an exception may be more than there is room for.
+// Without memory even an exception may be more than there is room for. std::terminate gets here when an
+// exception finds none to be thrown with.
 [[noreturn]] void endWithoutMemory() { _exit(mvtar::finishWithoutMemory()); }
 
 int main(int argc, char** argv) {

@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
 # Installs what the tests need, builds them in release, with address and undefined-behaviour sanitizers and with the
-# thread sanitizer, runs them all, and checks the formatting. The last line counts every test of every build.
+# thread sanitizer, runs them all, checks the formatting and runs clang-tidy. The last line counts every test of every
+# build.
 set -uo pipefail
 cd "$(dirname "$0")/.."
 
 packages="g++ cmake ninja-build git zlib1g-dev libbz2-dev libisal-dev libgtest-dev clang-format libarchive-tools busybox ncompress
-  bzip2 gzip xz-utils python3 libxml2-utils dpkg pkg-config diffutils"
+  clang-tidy bzip2 gzip xz-utils python3 libxml2-utils dpkg pkg-config diffutils"
 missing=""
 for package in $packages; do
   dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'ok installed' || missing="$missing $package"
@@ -88,6 +89,16 @@ if git ls-files '*.h' '*.cpp' | xargs clang-format --dry-run --Werror >"$logs/fo
 else
   head -n 20 "$logs/format.log"
   fail "formatting"
+fi
+
+# The checks of .clang-tidy, over what release was built from: its compile commands are used, and its generated header.
+echo "== clang-tidy"
+if git ls-files 'runtime/*.cpp' 'tar/*.cpp' 'cli/*.cpp' | xargs -P "$(nproc)" -n 4 \
+  clang-tidy --quiet -p build/release >"$logs/clang-tidy.log" 2>&1; then
+  passed=$((passed + 1))
+else
+  grep -E '(error|warning): ' "$logs/clang-tidy.log" | sort -u | head -n 20
+  fail "clang-tidy"
 fi
 
 echo "$passed passed, $failed failed"

@@ -6,13 +6,16 @@
 
 namespace morvane {
 
+// Must be what frees it, for a plain delete[] does not know the alignment.
 struct AlignedArrayDelete {
   static constexpr std::align_val_t kAlignment{4096};
   void operator()(char* bytes) const { operator delete[](bytes, kAlignment); }
 };
+// Owns the array; moving hands it on.
 using AlignedArray = std::unique_ptr<char[], AlignedArrayDelete>;
 
-// n bytes, contents undefined; null when there is no memory.
+// n bytes, contents undefined; null when there is no memory. It is freed by its owner alone, since a plain
+// delete[] would not know the alignment.
 inline AlignedArray makeAlignedArray(unsigned n) {
   return AlignedArray(new (AlignedArrayDelete::kAlignment, std::nothrow) char[n]);
 }

@@ -6,8 +6,11 @@
 namespace morvane {
 
 // Recursive, because a callback that runs inside a method may read and set the properties of the same object.
+// A component derives from it, so that the object is its own lock. Who holds it and calls the application may
+// be called back by the same thread, never by another one.
 class MorvaneCritSec {
  public:
+  // Waits until no other thread holds it. As often as it was entered it has to be left.
   void enter() { m_mutex.lock(); }
   void leave() { m_mutex.unlock(); }
 
@@ -15,8 +18,12 @@ class MorvaneCritSec {
   std::recursive_mutex m_mutex;
 };
 
+// Holds the lock for the block in which it stands:
+//   CritSecExitor lock(*this);
+// Exceptions release it too.
 class CritSecExitor {
  public:
+  // The lock must outlive the scope.
   explicit CritSecExitor(MorvaneCritSec& critSec) : m_critSec(critSec) { m_critSec.enter(); }
   ~CritSecExitor() { m_critSec.leave(); }
   CritSecExitor(const CritSecExitor&) = delete;

@@ -1,3 +1,4 @@
+// The functions that give the class its table of functions in the library.
 #include "runtime/base/MorvaneObject.h"
 
 namespace morvane {

@@ -5,9 +5,11 @@
 
 namespace morvane {
 
+// The destructor is virtual, because the array deletes what it knows as this.
 class MORVANE_API MorvaneObject {
  public:
   MorvaneObject() = default;
+  // Records are values: a copy is independent of what it was made from.
   MorvaneObject(const MorvaneObject&) = default;
   MorvaneObject& operator=(const MorvaneObject&) = default;
   virtual ~MorvaneObject();

@@ -7,10 +7,14 @@
 
 namespace morvane {
 
+// The action must not outlive what it refers to: it runs before locals that were made earlier are destroyed.
+// There is no way to call it off: what is to happen on success alone is no matter for this.
 template <class Action>
 class ScopeExit {
  public:
+  // The type of the action is deduced: a lambda as a rule.
   explicit ScopeExit(Action action) : m_action(std::move(action)) {}
+  // Nobody could be told of a failure here.
   ~ScopeExit() {
     try {
       m_action();

@@ -5,7 +5,8 @@
 
 namespace morvane {
 
-// By the clock that costs least to read; it steps every few milliseconds.
+// By the clock that costs least to read; it steps every few milliseconds. Differences are to be taken
+// unsigned. Setting the system's time does not move it.
 inline unsigned millisecondTicks() {
   timespec now;
   clock_gettime(CLOCK_MONOTONIC_COARSE, &now);

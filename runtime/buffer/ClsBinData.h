@@ -5,8 +5,10 @@
 
 namespace morvane {
 
+// It owns the bytes. One thread at a time.
 class ClsBinData {
  public:
+  // The buffer itself: what is appended to it is appended to the data.
   DataBuffer& data() { return m_data; }
   const DataBuffer& data() const { return m_data; }
 

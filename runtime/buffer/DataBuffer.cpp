@@ -1,3 +1,9 @@
+// A buffer that is filled at its end and eaten from its front, for pieces on their way between codecs,
+// streams and memory.
+//
+// m_capacity says whose the bytes are: 0 while they are borrowed (or none), else the size of an allocation of
+// ours. Nothing is written without makeRoom, which turns borrowed bytes into our own first. malloc and
+// realloc are used because a large block can be grown in place, without a copy.
 #include "runtime/buffer/DataBuffer.h"
 
 #include <cstdlib>
@@ -8,6 +14,7 @@ namespace morvane {
 
 namespace {
 
+// Less is not worth a second allocation a few bytes later.
 constexpr unsigned kSmallestAllocation = 64;
 constexpr unsigned long long kLargestSize = std::numeric_limits<unsigned>::max();
 
@@ -31,6 +38,7 @@ bool DataBuffer::append(const unsigned char* bytes, unsigned n) {
   return true;
 }
 
+// Of the buffer itself too: the overlap is seen to above.
 bool DataBuffer::append(const DataBuffer& other) { return append(other.getData2(), other.m_size); }
 
 bool DataBuffer::appendStr(const char* text) {
@@ -40,11 +48,13 @@ bool DataBuffer::appendStr(const char* text) {
 
 bool DataBuffer::reserveMore(unsigned n) { return makeRoom(n); }
 
+// Callers hand the pointer to functions that want one even for no bytes.
 const unsigned char* DataBuffer::getData2() const {
   static const unsigned char kEmpty[1] = {0};
   return m_bytes ? m_bytes + m_start : kEmpty;
 }
 
+// Borrowed bytes are only let go.
 void DataBuffer::clear() {
   if (m_capacity > 0) std::free(m_bytes);
   m_bytes = nullptr;
@@ -59,6 +69,8 @@ void DataBuffer::weakClear() {
   m_start = m_size = 0;
 }
 
+// From the front by moving the start, from the end by moving the size; only out of the middle are bytes
+// moved, and then borrowed ones become our own. Without memory for that nothing is removed.
 void DataBuffer::removeChunk(unsigned offset, unsigned n) {
   if (offset >= m_size) return;
   if (n > m_size - offset) n = m_size - offset;
@@ -77,13 +89,15 @@ void DataBuffer::truncate(unsigned size) {
   if (size < m_size) m_size = size;
 }
 
+// Capacity 0 is the mark of borrowed bytes.
 void DataBuffer::borrowData(const unsigned char* bytes, unsigned n) {
   clear();
   m_bytes = const_cast<unsigned char*>(bytes);  // never written: every change goes through makeRoom first
   m_size = n;
 }
 
-// Afterwards the bytes are our own and `more` bytes fit behind them.
+// Afterwards the bytes are our own and `more` bytes fit behind them. Capacity grows by half, so that
+// appending costs the same per byte however long it goes on. False leaves everything as it was.
 bool DataBuffer::makeRoom(unsigned long long more) {
   const unsigned long long needed = m_size + more;
   if (needed > kLargestSize) return false;
@@ -100,6 +114,7 @@ bool DataBuffer::makeRoom(unsigned long long more) {
   if (capacity > kLargestSize) capacity = kLargestSize;
   // A first reservation is taken at its word: no slack behind a buffer whose final size is known.
   if (!owned && m_size == 0 && needed >= kSmallestAllocation) capacity = needed;
+  // realloc would copy the eaten part along.
   const bool plainGrowth = owned && m_start == 0;
   auto* const grown =
       static_cast<unsigned char*>(plainGrowth ? std::realloc(m_bytes, capacity) : std::malloc(capacity));

@@ -11,6 +11,7 @@ namespace morvane {
 
 class LogBase;
 
+// One thread at a time. It is not copied; appending one to another does that.
 class MORVANE_API DataBuffer {
  public:
   DataBuffer() = default;
@@ -18,6 +19,7 @@ class MORVANE_API DataBuffer {
   DataBuffer(const DataBuffer&) = delete;
   DataBuffer& operator=(const DataBuffer&) = delete;
 
+  // The bytes may be the buffer's own.
   bool append(const char* bytes, unsigned n);
   bool append(const unsigned char* bytes, unsigned n);
   bool append(const DataBuffer& other);  // the buffer itself is allowed
@@ -26,7 +28,8 @@ class MORVANE_API DataBuffer {
   // Room for n more bytes in one allocation.
   bool reserveMore(unsigned n);
 
-  // The bytes; valid until the buffer changes. Never null, also when empty.
+  // The bytes; valid until the buffer changes. Never null, also when empty. An empty buffer's pointer must
+  // not be read from.
   const unsigned char* getData2() const;
   unsigned getSize() const { return m_size; }
   bool isEmpty() const { return m_size == 0; }
@@ -36,6 +39,7 @@ class MORVANE_API DataBuffer {
   void weakClear();
   // Removes n bytes from `offset` on; what lies behind the end is ignored.
   void removeChunk(unsigned offset, unsigned n);
+  // Keeps the first `size` bytes; a larger size changes nothing.
   void truncate(unsigned size);
 
   // Makes the buffer refer to the caller's bytes without copying them. They must stay until the buffer is

@@ -1,3 +1,6 @@
+// The table of compressions, and the adapters that bring each library into its shape. The libraries
+// themselves are called in the files beside this one; here stands only how an archive is begun, fed and ended
+// with each of them.
 #include "runtime/codec/Codec.h"
 
 #include <cstring>
@@ -15,11 +18,14 @@ namespace morvane {
 
 namespace {
 
+// Whether n bytes begin with a signature, which may hold NULs: so its length is given.
 bool startsWith(const unsigned char* bytes, unsigned n, const char* signature, unsigned length) {
   return n >= length && std::memcmp(bytes, signature, length) == 0;
 }
 
-// The two libraries share a protocol: the first piece begins the stream.
+// The two libraries share a protocol: the first piece begins the stream. The bytes are lent to the
+// compressor, not copied: it takes them before it returns. A stream of no bytes at all never begins, and the
+// caller's finish is then the library's failure; archives always have their end mark.
 template <class Compressor>
 class BlockEncoder : public Encoder {
  public:
@@ -43,7 +49,8 @@ class BlockEncoder : public Encoder {
   bool m_begun = false;
 };
 
-// One member (RFC 1952) whose size and checksum become known at its end.
+// One member (RFC 1952) whose size and checksum become known at its end. The checksum is taken here and not
+// by the library, because raw deflate has none and ISA-L's is faster where that was found.
 class GzipEncoder : public BlockEncoder<MorvaneDeflate> {
  public:
   explicit GzipEncoder(int fastLevel) {
@@ -67,10 +74,16 @@ class GzipEncoder : public BlockEncoder<MorvaneDeflate> {
   ZipCRC m_crc;
 };
 
+// RFC 1952, 2.3.1: ID1 and ID2. The method behind them is left to the decoder, which has a message of its own
+// for it.
 bool isGzip(const unsigned char* bytes, unsigned n) { return startsWith(bytes, n, "\x1F\x8B", 2); }
 
+// The magic of Unix compress; the third byte is the code width, about which the decoder has a message too.
 bool isCompress(const unsigned char* bytes, unsigned n) { return startsWith(bytes, n, "\x1F\x9D", 2); }
 
+// "BZh" alone is also how a text may begin. So the level has to be a digit from 1 to 9, and behind it the
+// 48-bit magic of a block or of the end of an empty stream has to stand: the digits of pi, and those of its
+// square root.
 bool isBzip2(const unsigned char* bytes, unsigned n) {
   constexpr unsigned kMagicAt = 4, kMagicSize = 6;
   if (!startsWith(bytes, n, "BZh", 3) || n < kMagicAt + kMagicSize) return false;
@@ -88,6 +101,7 @@ std::unique_ptr<Encoder> makeBzip2(const CodecOptions&) {
   return std::make_unique<BlockEncoder<MorvaneBzip2>>();
 }
 
+// The header of the first member is read here; those of further ones where the option for them is obeyed.
 bool decodeGzip(_mvDataSource& source, _mvOutput& out, const CodecOptions& options, ProgressMonitor* pm,
                 LogBase& log) {
   return readGzipHeader(source, pm, log) && inflateGzipMembers(source, out, options, pm, log);
@@ -98,18 +112,23 @@ bool decodeBzip2(_mvDataSource& source, _mvOutput& out, const CodecOptions&, Pro
   return MorvaneBzip2().DecompressStream(source, out, log, pm);
 }
 
+// The flag is without meaning, see MorvaneLzw.h.
 bool decodeCompress(_mvDataSource& source, _mvOutput& out, const CodecOptions&, ProgressMonitor* pm,
                     LogBase& log) {
   _mvIoParams io(pm);
   return MorvaneLzw::decompressLzwSource64(source, out, true, io, log);
 }
 
+// One row each. The signatures exclude one another, so that the order does not matter. A null encoder marks
+// what is only read: old .Z archives are still met, new ones nobody asks for.
 constexpr Codec kCodecs[] = {
     {Compression::Gzip, "gzip", ".tar.gz .tgz", isGzip, makeGzip, decodeGzip},
     {Compression::Bzip2, "bzip2", ".tar.bz2 .tbz .tbz2", isBzip2, makeBzip2, decodeBzip2},
     {Compression::Compress, "compress", ".tar.Z", isCompress, nullptr, decodeCompress},
 };
 
+// Whether the path ends in one of the suffixes, which blanks separate. Case counts, as it does for the files
+// themselves.
 bool endsInOneOf(std::string_view path, std::string_view suffixes) {
   while (!suffixes.empty()) {
     const std::string_view suffix = suffixes.substr(0, suffixes.find(' '));
@@ -122,9 +141,12 @@ bool endsInOneOf(std::string_view path, std::string_view suffixes) {
 }  // namespace
 
 Encoder::~Encoder() = default;
+// Neither bzip2 nor a raw stream has anything in front of or behind the compressed data.
 bool Encoder::begin(_mvOutput&, ProgressMonitor*, LogBase&) { return true; }
 bool Encoder::end(_mvOutput&, long long, LogBase&) { return true; }
 
+// Every value but None has a row, so the search needs no end; None is never asked for, because a plain
+// archive has neither encoder nor decoder.
 const Codec& codecOf(Compression compression) {
   const Codec* codec = kCodecs;
   while (codec->compression != compression) ++codec;
@@ -139,6 +161,8 @@ bool canBeWritten(Compression compression) {
   return compression == Compression::None || codecOf(compression).makeEncoder;
 }
 
+// Only signatures are asked. A plain tar archive is told by its first header block, which is the business of
+// tar/format.
 std::optional<Compression> compressionByContent(const unsigned char* bytes, unsigned n) {
   for (const Codec& codec : kCodecs) {
     if (codec.hasMagic(bytes, n)) return codec.compression;

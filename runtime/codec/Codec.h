@@ -15,7 +15,8 @@ class ProgressMonitor;
 class _mvDataSource;
 class _mvOutput;
 
-// What an application may ask of a codec; each row takes what concerns it.
+// What an application may ask of a codec; each row takes what concerns it. Plain values, taken over when a
+// run begins; the defaults are what happens without any option word.
 struct CodecOptions {
   long long fastDeflate =
       0;                    // gzip written: 0 is zlib's default level, 1 (fastest) to 3 trade size for speed
@@ -33,25 +34,32 @@ class Encoder {
   virtual bool begin(_mvOutput& out, ProgressMonitor* pm, LogBase& log);
   virtual bool add(const unsigned char* bytes, unsigned n, DataBuffer& ready, ProgressMonitor* pm,
                    LogBase& log) = 0;
+  // Brings out everything that is still gathered, once, behind the last add. Nothing may be added after it.
   virtual bool finish(DataBuffer& ready, ProgressMonitor* pm, LogBase& log) = 0;
   // Writes what stands behind them; `size` counts the bytes that were added.
   virtual bool end(_mvOutput& out, long long size, LogBase& log);
 };
 
+// One compression. The functions hold no state of their own: any number of runs may use a row at a time.
 struct Codec {
   Compression compression;
+  // What a person calls it, lower case.
   const char* name;
   // Separated by blanks; a name that ends in one promises this compression.
   const char* suffixes;
+  // Whether the first bytes of a content begin one; n may be smaller than any signature, and then it is none.
   bool (*hasMagic)(const unsigned char* bytes, unsigned n);
   // Null where it can only be read.
   std::unique_ptr<Encoder> (*makeEncoder)(const CodecOptions& options);
-  // Expands the source from where it stands into the output.
+  // Expands the source from where it stands into the output. Returns false, with the reason in the log, for
+  // data that are damaged or cut, and when the output refuses a write or the monitor aborts. Where the source
+  // stands afterwards is each codec's own: what follows the data matters to gzip alone.
   bool (*decode)(_mvDataSource& source, _mvOutput& out, const CodecOptions& options, ProgressMonitor* pm,
                  LogBase& log);
 };
 
-// The row of a compression other than None.
+// The row of a compression other than None. None has none and must not be asked for. The row lives as long as
+// the process.
 const Codec& codecOf(Compression compression);
 
 }  // namespace morvane

@@ -8,6 +8,9 @@ namespace morvane {
 
 class DataBuffer;
 
+// One stream at a time. What comes out is raw deflate (RFC 1951) that any inflater reads, but other bytes
+// than zlib's for the same input: an archive written with it cannot be compared byte for byte with one
+// written without.
 class FastDeflate {
  public:
   FastDeflate();
@@ -17,12 +20,16 @@ class FastDeflate {
 
   // Whether this build has one.
   static bool isAvailable();
-  // Level 1 (fastest) to 3. False when there is no memory.
+  // Level 1 (fastest) to 3. False when there is no memory. A stream begun before is given up. Called only
+  // where isAvailable() says true.
   bool begin(int level);
-  // Takes the whole input and appends what became ready; the last call brings out everything.
+  // Takes the whole input and appends what became ready; the last call brings out everything. `last` belongs
+  // to the end of the data and may come with none; after it only begin may follow. False when the library
+  // refuses, which valid input does not bring about; throws std::bad_alloc when `to` cannot grow.
   bool run(const unsigned char* bytes, unsigned n, bool last, DataBuffer& to);
 
  private:
+  // The library's state lies behind a pointer, so that its header is seen by one source file only.
   struct Engine;
   std::unique_ptr<Engine> m_engine;
 };

@@ -1,3 +1,5 @@
+// FastDeflate over ISA-L's igzip, for builds that found the library; FastDeflateNone.cpp stands in for it
+// elsewhere.
 #include <isa-l/igzip_lib.h>
 
 #include <new>
@@ -9,8 +11,11 @@ namespace morvane {
 
 namespace {
 
+// What comes out at a time, appended to the buffer of the caller and then used again.
 constexpr unsigned kOut = 64 * 1024;
 
+// igzip works in memory that the caller supplies, and each level has a size of its own. Level 0 of igzip is
+// not offered: here 0 stands for zlib's default.
 unsigned workspaceFor(int level) {
   switch (level) {
     case 1:
@@ -24,6 +29,7 @@ unsigned workspaceFor(int level) {
 
 }  // namespace
 
+// Some hundred KiB, with the workspace: on the heap, where missing memory can be told.
 struct FastDeflate::Engine {
   isal_zstream stream;
   std::unique_ptr<unsigned char[]> workspace;
@@ -35,6 +41,8 @@ FastDeflate::~FastDeflate() = default;
 
 bool FastDeflate::isAvailable() { return true; }
 
+// `new` without exceptions, because the caller has one message for every way in which a compressor can fail
+// to begin.
 bool FastDeflate::begin(int level) {
   const unsigned size = workspaceFor(level);
   m_engine.reset(new (std::nothrow) Engine());
@@ -49,6 +57,9 @@ bool FastDeflate::begin(int level) {
   return true;
 }
 
+// The library does not write to its input; its interface merely lacks the const. A full output may hide more,
+// so the loop ends only with room to spare and nothing left of the input. A stream is whole once the engine
+// has written its end: anything else behind the last piece is a failure.
 bool FastDeflate::run(const unsigned char* bytes, unsigned n, bool last, DataBuffer& to) {
   isal_zstream& stream = m_engine->stream;
   stream.next_in = const_cast<unsigned char*>(bytes);

@@ -1,3 +1,5 @@
+// FastDeflate for builds without ISA-L. It says that there is none, and MorvaneDeflate then takes zlib's own
+// fast levels; the other functions are there to be linked and are never called.
 #include "runtime/codec/FastDeflate.h"
 
 namespace morvane {

@@ -8,13 +8,14 @@ class ProgressMonitor;
 class _mvDataSource;
 class _mvOutput;
 
-// The 10-byte header: deflate, no optional field, no time, Unix.
+// The 10-byte header: deflate, no optional field, no time, Unix. It is the same for every member: equal data
+// give equal files.
 bool writeGzipHeader(_mvOutput& out, ProgressMonitor* pm, LogBase& log);
-// CRC-32 and size modulo 2^32 of the uncompressed data, little-endian.
+// CRC-32 and size modulo 2^32 of the uncompressed data, little-endian. In this order, eight bytes in all.
 bool writeGzipTrailer(_mvOutput& out, unsigned crc32, unsigned size, LogBase& log);
 
 // Reads a member's header with its optional fields, and stands behind it. False, with the reason in the log,
-// when it is none or is cut.
+// when it is none or is cut. Takes no byte beyond the header.
 bool readGzipHeader(_mvDataSource& source, ProgressMonitor* pm, LogBase& log);
 
 }  // namespace morvane

@@ -1,3 +1,7 @@
+// What follows the deflate data of a gzip member: its trailer, padding, and further members.
+//
+// By default none of it is looked at, because programs rely on reading archives whose end is missing or has
+// something else behind it. VerifyGzip and GzipAllMembers each ask for a part of what RFC 1952 says.
 #include "runtime/codec/GzipMembers.h"
 
 #include "runtime/codec/GzipFormat.h"
@@ -11,7 +15,8 @@ namespace morvane {
 
 namespace {
 
-// Passes bytes on and keeps what the trailer states about them.
+// Passes bytes on and keeps what the trailer states about them. A write that fails is counted all the same:
+// the run is over then, and nobody asks.
 class CheckedOutput : public _mvOutput {
  public:
   explicit CheckedOutput(_mvOutput& out) : m_out(out) { m_crc.beginStream(); }
@@ -35,10 +40,13 @@ bool fail(LogBase& log, const char* message) {
   return false;
 }
 
+// RFC 1952, 2.1: the least significant byte comes first.
 unsigned littleEndian(const unsigned char* bytes) {
   return bytes[0] | unsigned{bytes[1]} << 8 | unsigned{bytes[2]} << 16 | unsigned{bytes[3]} << 24;
 }
 
+// CRC-32 and size of what was inflated, four bytes each. A trailer that is cut is a failure also where it is
+// not compared: the next member begins behind it.
 bool checkTrailer(_mvDataSource& source, const CheckedOutput& checked, bool verify, ProgressMonitor* pm,
                   LogBase& log) {
   unsigned char trailer[8];
@@ -50,7 +58,11 @@ bool checkTrailer(_mvDataSource& source, const CheckedOutput& checked, bool veri
   return true;
 }
 
-// Stands on the next member's header, or at the end; zero bytes behind the last member are padding.
+// Stands on the next member's header, or at the end; zero bytes behind the last member are padding. Tapes and
+// some devices fill a file up with zeros, which gzip itself accepts at the end, but not between two members;
+// so whatever stands behind padding is refused. What follows a trailer at once is taken for a header, and
+// called none by whoever reads it. A piece is given back whole, because one that begins with a zero never
+// gets that far.
 bool findNextMember(_mvDataSource& source, bool& found, ProgressMonitor* pm, LogBase& log) {
   found = false;
   bool padding = false;
@@ -72,6 +84,8 @@ bool findNextMember(_mvDataSource& source, bool& found, ProgressMonitor* pm, Log
 
 }  // namespace
 
+// The checksum costs a pass over all data: without a word the bytes go straight to the output. With
+// GzipAllMembers alone it is computed and not compared.
 bool inflateGzipMembers(_mvDataSource& source, _mvOutput& out, const CodecOptions& options,
                         ProgressMonitor* pm, LogBase& log) {
   if (!options.verifyGzip && !options.gzipAllMembers) {

@@ -10,12 +10,17 @@
 
 namespace morvane {
 
+// A source that lends its bytes is read without a copy, and what a decompressor took too much goes back to
+// it. Any other is read through a buffer, made with the first piece, and what was taken too much of it is
+// lost: so far does every decompressor promise where it leaves its source.
 class InputWindow {
  public:
+  // Nothing is read yet. All three must outlive it; the monitor may be null.
   InputWindow(_mvDataSource& source, ProgressMonitor* pm, LogBase& log)
       : m_source(source), m_pm(pm), m_log(log), m_lends(source.canLend()) {}
 
-  // The next piece; n is 0 at the end of the data.
+  // The next piece; n is 0 at the end of the data. It stays valid until the next call. False, with the reason
+  // in the log, when the source fails, the monitor aborts or there is no memory for the buffer.
   bool next(const char*& bytes, unsigned& n) {
     n = 0;
     if (m_lends) return m_source.lend(kPiece, bytes, n, m_pm, m_log);
@@ -27,7 +32,8 @@ class InputWindow {
     bytes = m_own.get();
     return m_source.read(m_own.get(), kPiece, n, m_pm, m_log);
   }
-  // The last n bytes of the last piece were not used.
+  // The last n bytes of the last piece were not used. Called once, at the end. An inflater holds a few whole
+  // bytes back, so that n may be larger than that piece, by no more than the 16 bytes that takeBack allows.
   void giveBack(unsigned n) {
     if (m_lends && n > 0) m_source.takeBack(n);
   }
@@ -39,7 +45,9 @@ class InputWindow {
   _mvDataSource& m_source;
   ProgressMonitor* const m_pm;
   LogBase& m_log;
+  // Whether the source lends is asked once: it does not change.
   const bool m_lends;
+  // Only for a source that does not lend.
   std::unique_ptr<char[]> m_own;
 };
 

@@ -1,3 +1,5 @@
+// bzip2 over libbzip2. Compressing makes one stream of 900,000-byte blocks, which is what the bzip2 command
+// writes by default. Decompressing reads every stream that follows, as that command does.
 #include "runtime/codec/MorvaneBzip2.h"
 
 #include <bzlib.h>
@@ -15,6 +17,7 @@ namespace {
 
 constexpr unsigned kBuffer = 64 * 1024;
 constexpr int kBlockSize100k = 9;
+// Bytes that decide whether a further stream begins.
 constexpr unsigned kSignature = 4;  // "BZh" and the block size
 
 bool fail(LogBase& log, const char* message) {
@@ -24,6 +27,8 @@ bool fail(LogBase& log, const char* message) {
 
 }  // namespace
 
+// The library's state and a buffer on either side of it: on the heap, because they are too large for a stack
+// of unknown size.
 struct MorvaneBzip2::Compressor {
   bz_stream stream{};
   bool begun = false;
@@ -33,11 +38,13 @@ struct MorvaneBzip2::Compressor {
 
   ~Compressor() { end(); }
 
+  // May be called at any time and more than once.
   void end() {
     if (begun) BZ2_bzCompressEnd(&stream);
     begun = false;
   }
 
+  // A stream that is being compressed is given up. Block size 9, silent, the library's own work factor.
   bool begin() {
     end();
     stream = bz_stream{};
@@ -46,6 +53,9 @@ struct MorvaneBzip2::Compressor {
     return begun;
   }
 
+  // Until the library has taken all input, or has brought out all there is. A full output is the usual case
+  // at the end of a block, which comes out all at once. Memory that runs out in the caller's buffer is no
+  // failure of the compressor and is thrown, so that the frame of the method calls it what it is.
   bool run(const char* bytes, unsigned n, int action, DataBuffer& to) {
     stream.next_in = const_cast<char*>(bytes);
     stream.avail_in = n;
@@ -62,6 +72,8 @@ struct MorvaneBzip2::Compressor {
   // The library wants no empty run.
   bool runGathered(DataBuffer& to) { return gathered == 0 || run(in, gathered, BZ_RUN, to); }
 
+  // Small pieces are gathered: archives come in headers of 512 bytes. One that is larger than the buffer goes
+  // in by itself, behind what was gathered before it.
   bool take(const char* bytes, unsigned n, DataBuffer& to) {
     if (n > kBuffer - gathered) {
       if (!runGathered(to)) return false;
@@ -84,12 +96,14 @@ bool MorvaneBzip2::BeginCompress(const DataBuffer& in, DataBuffer& out, LogBase&
   return MoreCompress(in, out, log, pm);
 }
 
+// After a failure the library's stream stays begun; the callers do not go on with it.
 bool MorvaneBzip2::MoreCompress(const DataBuffer& in, DataBuffer& out, LogBase& log, ProgressMonitor*) {
   const char* const bytes = reinterpret_cast<const char*>(in.getData2());
   if (m_compressor && m_compressor->begun && m_compressor->take(bytes, in.getSize(), out)) return true;
   return fail(log, "bzip2 compression failed.");
 }
 
+// The compressor is gone afterwards, whatever came of it: a second End is a failure and no crash.
 bool MorvaneBzip2::EndCompress(DataBuffer& out, LogBase& log, ProgressMonitor*) {
   const bool ok = m_compressor && m_compressor->begun && m_compressor->runGathered(out) &&
                   m_compressor->run(nullptr, 0, BZ_FINISH, out);
@@ -97,6 +111,9 @@ bool MorvaneBzip2::EndCompress(DataBuffer& out, LogBase& log, ProgressMonitor*) 
   return ok || fail(log, "bzip2 compression failed.");
 }
 
+// Decompression is a loop over pieces of input in which streams begin and end where they will. The library is
+// told of no limit: what comes out is handed on in pieces of 128 KiB, and the limits of a run are kept by
+// whoever takes them.
 bool MorvaneBzip2::DecompressStream(_mvDataSource& source, _mvOutput& out, LogBase& log,
                                     ProgressMonitor* pm) {
   constexpr unsigned kOut = 2 * kBuffer;
@@ -105,6 +122,8 @@ bool MorvaneBzip2::DecompressStream(_mvDataSource& source, _mvOutput& out, LogBa
   InputWindow input(source, pm, log);
   bz_stream stream{};
   bool inStream = false;
+  // The library's memory for a stream, several MB, goes with it; each way out of the loop ends the one that
+  // is open.
   const auto endStream = [&] {
     if (inStream) BZ2_bzDecompressEnd(&stream);
     inStream = false;
@@ -127,6 +146,8 @@ bool MorvaneBzip2::DecompressStream(_mvDataSource& source, _mvOutput& out, LogBa
       return fail(log, streams == 0 && bytesOfStream == 0 ? "There are no bzip2 data."
                                                           : "The bzip2 data end before the stream does.");
     }
+    // The library begins a stream before it has seen any of it; so it is begun for bytes that may turn out to
+    // be none.
     if (!inStream) {
       stream = bz_stream{};
       if (BZ2_bzDecompressInit(&stream, 0, 0) != BZ_OK)
@@ -138,17 +159,22 @@ bool MorvaneBzip2::DecompressStream(_mvDataSource& source, _mvOutput& out, LogBa
     stream.avail_in = left;
     stream.next_out = buffer.get();
     stream.avail_out = kOut;
+    // It returns when the input is used up, the output is full or the stream has ended; each of them is an
+    // ordinary round.
     const int state = BZ2_bzDecompress(&stream);
     const unsigned used = left - stream.avail_in;
     bytesOfStream += used;
     bytes += used;
     left = stream.avail_in;
+    // A wrong signature within its four bytes is no stream at all, and ignored like what bzip2 calls trailing
+    // garbage; a wrong one in the first stream, or anything wrong later, is damage.
     if (state == BZ_DATA_ERROR_MAGIC && streams > 0 && bytesOfStream <= kSignature) break;
     if (state != BZ_OK && state != BZ_STREAM_END) {
       return fail(log, state == BZ_DATA_ERROR_MAGIC ? "The data are no bzip2 data."
                        : state == BZ_MEM_ERROR      ? "Out of memory for bzip2 decompression."
                                                     : "The bzip2 data are damaged.");
     }
+    // The library may have brought out nothing, while it gathers a block.
     const unsigned produced = kOut - stream.avail_out;
     if (produced > 0 && !out.writeBytesPM(buffer.get(), produced, pm, log)) return false;
     if (state == BZ_STREAM_END) {

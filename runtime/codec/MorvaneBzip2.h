@@ -13,6 +13,8 @@ class ProgressMonitor;
 class _mvDataSource;
 class _mvOutput;
 
+// An object compresses one stream at a time; decompressing keeps nothing in it. It may be used by one thread
+// at a time.
 class MORVANE_API MorvaneBzip2 {
  public:
   MorvaneBzip2();
@@ -20,17 +22,23 @@ class MORVANE_API MorvaneBzip2 {
   MorvaneBzip2(const MorvaneBzip2&) = delete;
   MorvaneBzip2& operator=(const MorvaneBzip2&) = delete;
 
-  // The protocol of MorvaneDeflate.
+  // The protocol of MorvaneDeflate. A stream of no bytes is a valid one. `pm` is not asked: whoever writes
+  // the output is.
   bool BeginCompress(const DataBuffer& in, DataBuffer& out, LogBase& log, ProgressMonitor* pm);
+  // Pieces of any size; nothing is kept of `in` itself.
   bool MoreCompress(const DataBuffer& in, DataBuffer& out, LogBase& log, ProgressMonitor* pm);
+  // Without a Begin before it, or behind another End, it fails.
   bool EndCompress(DataBuffer& out, LogBase& log, ProgressMonitor* pm);
 
   // Decompresses all consecutive bzip2 streams of the source (parallel compressors write many). Bytes behind
   // the last complete stream that begin no other are ignored with a line in the log. False for damaged data,
-  // none at all, data that end inside a stream, or when the output refuses a write.
+  // none at all, data that end inside a stream, or when the output refuses a write. The source is read from
+  // where it stands; where behind the data it is left is not promised. What was decompressed before a failure
+  // has been written.
   bool DecompressStream(_mvDataSource& source, _mvOutput& out, LogBase& log, ProgressMonitor* pm);
 
  private:
+  // Null until Begin and after End.
   struct Compressor;
   std::unique_ptr<Compressor> m_compressor;
 };

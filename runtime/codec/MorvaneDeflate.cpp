@@ -1,3 +1,5 @@
+// Raw deflate: compressed over zlib, or over ISA-L where the option FastDeflate asks for speed and the build
+// has it; inflated by RawInflate, which has an engine for each library too.
 #include "runtime/codec/MorvaneDeflate.h"
 
 #include <zlib.h>
@@ -17,6 +19,7 @@ namespace {
 
 constexpr unsigned kBuffer = 64 * 1024;
 constexpr int kRawDeflate = -15;  // the largest window, no framing
+// zlib's memLevel, the value that deflateInit takes by itself.
 constexpr int kDefaultMemory = 8;
 
 bool fail(LogBase& log, const char* message) {
@@ -26,6 +29,8 @@ bool fail(LogBase& log, const char* message) {
 
 }  // namespace
 
+// zlib's stream or the fast one, whichever `begin` chose, and the buffers: on the heap, because they are too
+// large for a stack of unknown size.
 struct MorvaneDeflate::Compressor {
   z_stream stream{};
   FastDeflate fast;
@@ -37,11 +42,14 @@ struct MorvaneDeflate::Compressor {
 
   ~Compressor() { end(); }
 
+  // May be called at any time and more than once; the fast engine frees itself.
   void end() {
     if (begun && !usesFast) deflateEnd(&stream);
     begun = false;
   }
 
+  // Levels 1 to 3 mean what zlib's own mean when there is no fast engine, so that the option holds in every
+  // build.
   bool begin(int fastLevel) {
     end();
     stream = z_stream{};
@@ -54,6 +62,9 @@ struct MorvaneDeflate::Compressor {
     return begun;
   }
 
+  // zlib has taken all input once it leaves room in the output; that it then had nothing to do (Z_BUF_ERROR)
+  // is no failure. Memory that runs out in the caller's buffer is thrown, so that the frame of the method
+  // calls it what it is.
   bool run(const unsigned char* bytes, unsigned n, int flush, DataBuffer& to) {
     if (usesFast) return fast.run(bytes, n, flush == Z_FINISH, to);
     stream.next_in = const_cast<unsigned char*>(bytes);
@@ -67,7 +78,8 @@ struct MorvaneDeflate::Compressor {
     return true;
   }
 
-  // Small pieces are gathered, so that the compressor is called for 64 KiB at a time.
+  // Small pieces are gathered, so that the compressor is called for 64 KiB at a time. What is larger than
+  // that goes in by itself, behind what was gathered before it.
   bool take(const unsigned char* bytes, unsigned n, DataBuffer& to) {
     if (n > kBuffer - gathered) {
       if (!run(in, gathered, Z_NO_FLUSH, to)) return false;
@@ -90,6 +102,7 @@ bool MorvaneDeflate::BeginCompress(const DataBuffer& in, DataBuffer& out, LogBas
   return MoreCompress(in, out, log, pm);
 }
 
+// Without Begin, and behind a failed one, it fails.
 bool MorvaneDeflate::MoreCompress(const DataBuffer& in, DataBuffer& out, LogBase& log, ProgressMonitor*) {
   if (m_compressor && m_compressor->begun && m_compressor->take(in.getData2(), in.getSize(), out))
     return true;
@@ -97,6 +110,7 @@ bool MorvaneDeflate::MoreCompress(const DataBuffer& in, DataBuffer& out, LogBase
   return false;
 }
 
+// The compressor is gone afterwards, whatever came of it: a second End is a failure and no crash.
 bool MorvaneDeflate::EndCompress(DataBuffer& out, LogBase& log, ProgressMonitor*) {
   const bool ok = m_compressor && m_compressor->begun &&
                   m_compressor->run(m_compressor->in, m_compressor->gathered, Z_FINISH, out);
@@ -105,6 +119,8 @@ bool MorvaneDeflate::EndCompress(DataBuffer& out, LogBase& log, ProgressMonitor*
   return ok;
 }
 
+// Whether to abort is asked with each piece of input and of output: data that never produce anything, and a
+// few bytes that produce gigabytes, are both left in time.
 bool MorvaneDeflate::inflateFromSourcePM(bool, _mvDataSource& source, _mvOutput& out, bool,
                                          ProgressMonitor* pm, LogBase& log) {
   constexpr unsigned kOut = 2 * kBuffer;
@@ -116,7 +132,8 @@ bool MorvaneDeflate::inflateFromSourcePM(bool, _mvDataSource& source, _mvOutput&
   RawInflate::State state = RawInflate::State::GoesOn;
   unsigned produced = 0;
   while (state != RawInflate::State::Finished) {
-    // A full output may have more behind it that needs no further input.
+    // A full output may have more behind it that needs no further input. The last piece of input may be used
+    // up long before its output is out.
     if (inflater.inputLeft() == 0 && produced < kOut) {
       const char* bytes = nullptr;
       unsigned n = 0;
@@ -126,11 +143,15 @@ bool MorvaneDeflate::inflateFromSourcePM(bool, _mvDataSource& source, _mvOutput&
     }
     const unsigned hadIn = inflater.inputLeft();
     state = inflater.step(buffer.get(), kOut, produced);
+    // Also what came out in front of damage: a member keeps what had arrived.
     if (produced > 0 && !out.writeBytesPM(buffer.get(), produced, pm, log)) return false;
     if (state == RawInflate::State::Damaged) return fail(log, "The deflate data are damaged.");
+    // One such round is ordinary: the output was filled to its last byte just where the input ended. Behind
+    // it there is new input, so that two in a row are a stream (or an engine) that would go on for ever.
     roundsWithoutProgress = produced == 0 && inflater.inputLeft() == hadIn ? roundsWithoutProgress + 1 : 0;
     if (roundsWithoutProgress == 2) return fail(log, "The deflate data make no progress.");
   }
+  // The trailer of gzip, and a further member, begin at the first byte that was not used.
   input.giveBack(inflater.inputLeft());
   return true;
 }

@@ -1,3 +1,14 @@
+// The decoder of Unix compress (.Z): LZW with codes of 9 to 16 bits, least significant bit first.
+//
+// A file is three bytes (two of magic, then the largest width and the block mode) and codes up to its end;
+// there is neither an end mark nor a checksum. Each code but the first and those behind a full table enters
+// one string: the one before and one byte more. The format has quirks that every decoder shares, because the
+// first encoder had them: the widths change by groups of eight codes, and behind a clear an entry is made
+// that no code can name.
+//
+// Two things make it fast. Strings are copied from the output, where they were produced last, rather than
+// spelt from the table; and while nothing special happens codes are decoded by a loop that keeps its state in
+// registers.
 #include "runtime/codec/MorvaneLzw.h"
 
 #include <algorithm>
@@ -14,12 +25,16 @@ namespace morvane {
 namespace {
 
 constexpr unsigned char kMagic1 = 0x1F, kMagic2 = 0x9D;
+// The third byte. The two bits between width and block mode are not used by any writer and not looked at.
 constexpr unsigned kMaxBitsMask = 0x1F, kBlockModeFlag = 0x80;
+// No writer goes beyond 16 bits, which is also what two bytes of a table entry hold.
 constexpr unsigned kFirstWidth = 9, kLargestWidth = 16;
+// In block mode the code that empties the table; without it the first code that a string gets.
 constexpr unsigned kClear = 256;
 constexpr unsigned kCodesPerGroup = 8;  // the encoder writes codes in groups, padded when their width changes
 
-// Reads codes, least significant bit first.
+// Reads codes, least significant bit first. A code may begin in one piece of the input and end in the next;
+// that is what the bits taken beforehand are for.
 class CodeReader {
  public:
   explicit CodeReader(InputWindow& input) : m_input(input) {}
@@ -43,12 +58,14 @@ class CodeReader {
     return true;
   }
 
+  // A byte of the file's header, which no group of codes counts.
   bool nextByte(unsigned& byte) {
     const bool got = next(8, byte);
     m_codesInGroup = 0;
     return got;
   }
 
+  // The source failed or the run is aborted; otherwise a code that cannot be read is the end of the data.
   bool failed() const { return m_failed; }
 
   // For a loop that keeps the reader's state in registers: the bytes at hand, and the bits taken from those
@@ -60,6 +77,9 @@ class CodeReader {
     unsigned bitCount = 0;
 
     bool canFill() const { return end - at >= 8; }
+    // Takes as many whole bytes as there is room for above the bits at hand, which are then 56 to 63. The
+    // bits above those belong to a byte that is taken only next time; it brings the same bits again, so that
+    // joining them does no harm.
     void fill() {
       bits |= load64(at) << bitCount;
       at += (63 - bitCount) / 8;
@@ -67,6 +87,8 @@ class CodeReader {
     }
   };
 
+  // Together these let a loop run on a copy: `goOnFrom` counts the codes that it took by the bits that have
+  // gone, all of one width.
   State state() const { return m_state; }
   void goOnFrom(const State& state, unsigned width) {
     const auto bytes = static_cast<unsigned>(state.at - m_state.at);
@@ -77,6 +99,7 @@ class CodeReader {
   }
 
  private:
+  // Little-endian whatever the processor, because codes begin at the low bits of a byte.
   static uint64_t load64(const unsigned char* at) {
     uint64_t bytes;
     std::memcpy(&bytes, at, sizeof bytes);
@@ -86,6 +109,7 @@ class CodeReader {
     return bytes;
   }
 
+  // Near a piece's end: byte by byte.
   bool refill(unsigned width) {
     while (m_state.bitCount < width) {
       if (m_state.at == m_state.end && !nextPiece()) return false;
@@ -111,12 +135,15 @@ class CodeReader {
 };
 
 // The output's end, kept in memory: strings are copied from where they stand in it. Positions count modulo
-// 2^32 from the start of the output.
+// 2^32 from the start of the output. The window never loses the previous string: more is kept when it is
+// moved than any string has. Whoever asks for a string that has left it learns so by `holds` and spells it
+// from the table.
 class OutputWindow {
  public:
   OutputWindow(_mvOutput& out, ProgressMonitor* pm, LogBase& log) : m_out(out), m_pm(pm), m_log(log) {}
 
   uint32_t position() const { return m_base + m_end; }
+  // An earlier position makes the difference wrap to a large number, and so fails the one comparison.
   bool holds(uint32_t position) const { return position - m_base < m_end; }
   const char* at(uint32_t position) const { return m_bytes + (position - m_base); }
   char* end() { return m_bytes + m_end; }
@@ -125,6 +152,7 @@ class OutputWindow {
   bool hasRoom(unsigned n) const { return fits(m_end, n); }
   static bool fits(unsigned used, unsigned n) { return used + n + kCopySlack <= kSize; }
   unsigned used() const { return m_end; }
+  // The room that is then there fits the longest string, as the sizes below show; it need not be asked again.
   bool makeRoom() {
     if (!flush()) return false;
     std::memmove(m_bytes, m_bytes + m_end - kKept, kKept);
@@ -148,6 +176,8 @@ class OutputWindow {
     }
   }
 
+  // Writes what has not been written yet. What was produced in front of damage is written too: a member keeps
+  // what had arrived.
   bool flush() {
     const unsigned n = m_end - m_flushed;
     const char* const from = m_bytes + m_flushed;
@@ -156,7 +186,10 @@ class OutputWindow {
   }
 
  private:
+  // What a copy may write beyond a string's end; the room for it is kept free.
   static constexpr unsigned kCopySlack = 16;
+  // A string is one byte longer than an older one at most, and there are less than 65,536 of them: lengths
+  // fit 16 bits, and so does the one more that an entry adds.
   static constexpr unsigned kLongestString = 1u << kLargestWidth;
   static constexpr unsigned kKept = 96 * 1024;
   static constexpr unsigned kSize = 416 * 1024;
@@ -171,18 +204,22 @@ class OutputWindow {
 };
 
 // A string that a code stands for: where it was last produced, and how to make it again once that has left
-// the window.
+// the window. Eight bytes, so that an entry is one load: the last byte of the string, which is seldom wanted,
+// has an array of its own.
 struct TableEntry {
   uint32_t position;
   uint16_t length;
   uint16_t prefix;  // the code of all but the last byte
 };
 
+// About 600 KiB, and so on the heap. Codes below kClear are bytes and have no entry.
 class LzwDecoder {
  public:
   LzwDecoder(CodeReader& codes, OutputWindow& window, unsigned maxBits, bool blockMode, LogBase& log)
       : m_codes(codes), m_window(window), m_maxBits(maxBits), m_blockMode(blockMode), m_log(log) {}
 
+  // Every code is checked against the table before it is looked up, so that no data make the decoder read an
+  // entry that was not made. The first code stands for itself alone; behind it each enters a string.
   bool run() {
     m_free = m_blockMode ? kClear + 1 : kClear;
     setFirstWidth();
@@ -191,6 +228,7 @@ class LzwDecoder {
     if (code >= kClear) return fail("The compressed data start with a code that cannot be first.");
     if (!produce(code)) return false;
     while (true) {
+      // Full, and of its final width: nothing is entered any more until a clear.
       const bool isFull = m_free == 1u << m_maxBits && m_free <= m_largestCode;
       isFull ? decodePlainCodes<true>() : decodePlainCodes<false>();
       if (m_free > m_largestCode && !widen()) return endOfCodes();
@@ -212,6 +250,7 @@ class LzwDecoder {
   // As many codes as come without anything special: while eight bytes of input and room for the string are at
   // hand, the width stays, and the code's string stands in the window. What a register can hold is not kept
   // in memory, for a byte written to the window might be any of it; so a full table has a loop of its own.
+  // Whatever it does not know how to do it leaves untouched for the loop around it.
   template <bool kFull>
   void decodePlainCodes() {
     CodeReader::State in = m_codes.state();
@@ -260,6 +299,7 @@ class LzwDecoder {
     m_window.advance(used - m_window.used());
   }
 
+  // The largest code that the first width can hold; one more and the width grows.
   void setFirstWidth() {
     m_width = kFirstWidth;
     m_largestCode = (1u << kFirstWidth) - 1;
@@ -274,6 +314,7 @@ class LzwDecoder {
     return true;
   }
 
+  // Data that end anywhere are simply over, unless the source failed or the output refuses the rest.
   bool endOfCodes() { return !m_codes.failed() && m_window.flush(); }
 
   bool fail(const char* message) {
@@ -282,7 +323,8 @@ class LzwDecoder {
     return false;
   }
 
-  // Enters "the previous string and the byte behind it", which stand in the output side by side.
+  // Enters "the previous string and the byte behind it", which stand in the output side by side. A full table
+  // stays as it is: the encoder stopped there too.
   void enterPrevious(char nextByte) {
     if (m_free >= 1u << m_maxBits) return;
     m_table[m_free] = {previousAt(), static_cast<uint16_t>(m_previousLength + 1),
@@ -294,12 +336,14 @@ class LzwDecoder {
   // The output ends with the previous string.
   uint32_t previousAt() const { return m_window.position() - m_previousLength; }
 
+  // The string has been put at the window's end, and is now part of it.
   void becomePrevious(unsigned code, unsigned length) {
     m_previousCode = code;
     m_previousLength = length;
     m_window.advance(length);
   }
 
+  // Here, where the window moves, and not with every string.
   bool makeRoom(unsigned n) {
     if (m_window.hasRoom(n)) return true;
     if (!m_window.makeRoom()) return false;
@@ -316,6 +360,8 @@ class LzwDecoder {
     }
   }
 
+  // Puts the string of a code that is in the table (or is a byte) at the end of the output, and enters the
+  // previous one with its first byte.
   bool produce(unsigned code) {
     const unsigned length = code < kClear ? 1 : m_table[code].length;
     if (!makeRoom(length)) return false;
@@ -333,7 +379,8 @@ class LzwDecoder {
     return true;
   }
 
-  // The code that is about to be entered: the previous string and its own first byte again.
+  // The code that is about to be entered: the previous string and its own first byte again. Its room is asked
+  // for before the copy, for making room moves the previous string.
   bool produceUnfinished() {
     const unsigned length = m_previousLength + 1;
     if (!makeRoom(length)) return false;
@@ -347,7 +394,9 @@ class LzwDecoder {
   }
 
   // From the table's chain, last byte first, down to a beginning of the string that still stands in the
-  // window. All that is passed begins here, too.
+  // window. All that is passed begins here, too. The chain ends in a byte at the latest: each code's prefix
+  // was entered before it. It costs as many steps as the string has bytes, and seldom that, because every
+  // string that is passed is then at hand again.
   void spell(unsigned code, unsigned length) {
     char* const to = m_window.end();
     const uint32_t here = m_window.position();
@@ -373,6 +422,7 @@ class LzwDecoder {
   unsigned m_largestCode = 0;
   unsigned m_free = 0;  // the next code to enter
   unsigned m_previousCode = 0, m_previousLength = 0;
+  // The position at which old positions were last made harmless.
   uint32_t m_sweptAt = 0;
   TableEntry m_table[1u << kLargestWidth];
   char m_suffix[1u << kLargestWidth];
@@ -385,6 +435,8 @@ bool fail(LogBase& log, const char* message) {
 
 }  // namespace
 
+// The header is read by the same reader as the codes. What it states decides nothing but the width and the
+// mode: the memory is the same for all files.
 bool MorvaneLzw::decompressLzwSource64(_mvDataSource& source, _mvOutput& out, bool, _mvIoParams& io,
                                        LogBase& log) {
   InputWindow input(source, io.monitor(), log);

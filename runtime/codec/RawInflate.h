@@ -5,8 +5,11 @@
 
 namespace morvane {
 
+// One stream, one thread. What the data state makes it allocate nothing: a window of 32 KiB is all there is.
 class RawInflate {
  public:
+  // GoesOn: it needs more input, or more room. Finished: the stream's last block has ended, and all of it
+  // came out. Damaged: these bytes are no deflate data, and the object is of no further use.
   enum class State { GoesOn, Finished, Damaged };
 
   RawInflate();
@@ -16,6 +19,8 @@ class RawInflate {
 
   // False when there is no memory.
   bool begin();
+  // The bytes are not copied and must stay until they are used up; what was left of the input before is
+  // forgotten.
   void setInput(const char* bytes, unsigned n);
   // Input bytes not used yet. Behind a finished stream these may be up to 8 more than the last input held.
   unsigned inputLeft() const;
@@ -24,6 +29,7 @@ class RawInflate {
   State step(char* out, unsigned room, unsigned& produced);
 
  private:
+  // The library's state lies behind a pointer, so that its header is seen by one source file only.
   struct Engine;
   std::unique_ptr<Engine> m_engine;
 };

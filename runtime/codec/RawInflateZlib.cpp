@@ -1,3 +1,4 @@
+// RawInflate over zlib, for builds without ISA-L.
 #include <zlib.h>
 
 #include <new>
@@ -6,6 +7,7 @@
 
 namespace morvane {
 
+// inflateEnd must be called for a stream that was begun and must not be for any other.
 struct RawInflate::Engine {
   z_stream stream{};
   bool begun = false;
@@ -25,13 +27,18 @@ bool RawInflate::begin() {
   return m_engine->begun;
 }
 
+// zlib does not write to its input; its interface lacks the const unless it is asked for.
 void RawInflate::setInput(const char* bytes, unsigned n) {
   m_engine->stream.next_in = reinterpret_cast<unsigned char*>(const_cast<char*>(bytes));
   m_engine->stream.avail_in = n;
 }
 
+// zlib gives back whole bytes that it took in too early by itself.
 unsigned RawInflate::inputLeft() const { return m_engine->stream.avail_in; }
 
+// Z_BUF_ERROR says that nothing could be done without more input or room, which is the caller's to bring.
+// Everything else that is not Z_OK passes for damage, also the memory that zlib wants for its window with the
+// first output.
 RawInflate::State RawInflate::step(char* out, unsigned room, unsigned& produced) {
   z_stream& stream = m_engine->stream;
   stream.next_out = reinterpret_cast<unsigned char*>(out);

@@ -5,11 +5,15 @@
 
 namespace morvane {
 
+// Bytes in any pieces give the same sum; n may be 0. Computed by ISA-L where the build found it, else by
+// zlib.
 class MORVANE_API ZipCRC {
  public:
+  // Forgets what was added before.
   void beginStream() { m_crc = 0; }
+  // Takes pieces in their order.
   void moreData(const unsigned char* bytes, unsigned n);
-  // The CRC-32 of all bytes since beginStream.
+  // The CRC-32 of all bytes since beginStream. May be asked at any time, and more bytes may follow.
   unsigned endStream() const { return m_crc; }
 
  private:

@@ -1,3 +1,6 @@
+// What every public class has beside its own methods: properties that more than one class has, the log and
+// what is told of a failure. Properties may be read and set from any thread and from callbacks; scalar ones
+// do without the lock.
 #include "runtime/component/ClsBase.h"
 
 #include <fcntl.h>
@@ -13,10 +16,12 @@ namespace morvane {
 
 ClsBase::ClsBase(const char* className) : m_className(className) {}
 
+// For a second destruction of the same object, which finds it so where the memory has not been used again.
 ClsBase::~ClsBase() { m_validity = 0; }
 
 void ClsBase::_toString(XString& out) { out.setFromUtf8(m_className); }
 
+// Null texts count as empty: these come from applications, and in part from other languages.
 void ClsBase::injectStatus(const char* text, bool ok) {
   CritSecExitor lock(*this);
   m_log.LogInfo((std::string(text ? text : "") + (ok ? ": true" : ": false")).c_str());
@@ -27,6 +32,9 @@ void ClsBase::injectError(const char* tag, const char* text) {
   m_log.LogError((std::string(tag ? tag : "") + ": " + (text ? text : "")).c_str());
 }
 
+// A setter cannot report that memory ran out, and must not leave the old value to be taken for the new one.
+// So the property is remembered as unset, which makes every method fail until it is set after all. The list
+// has room for each text property a class has, and takes no memory itself.
 void ClsBase::putText(XString& property, std::string_view value) noexcept {
   CritSecExitor lock(*this);
   const XString** const end = m_unset + m_unsetCount;
@@ -40,6 +48,7 @@ void ClsBase::putText(XString& property, std::string_view value) noexcept {
   changed();
 }
 
+// Parsed when the next method begins; the counter tells that they have to be.
 void ClsBase::put_UncommonOptions(XString& words) {
   CritSecExitor lock(*this);
   putText(m_uncommonOptions, words.str());
@@ -59,6 +68,7 @@ void ClsBase::get_UncommonOptions(XString& out) {
 
 bool ClsBase::get_VerboseLogging() { return m_log.verbose(); }
 
+// Without the lock, so that a run can be told while it goes on.
 void ClsBase::put_VerboseLogging(bool verbose) { m_log.setVerbose(verbose); }
 
 void ClsBase::dotNetDispose() {}
@@ -68,13 +78,16 @@ void ClsBase::get_DebugLogFilePath(XString& out) {
   out.copyFromX(m_debugLogFilePath);
 }
 
+// Opened anew for each method; the file may be moved away in between.
 void ClsBase::put_DebugLogFilePath(XString& path) { putText(m_debugLogFilePath, path.str()); }
 
+// A copy: the log goes on being written.
 void ClsBase::get_LogText(XString& out) {
   CritSecExitor lock(*this);
   out = m_log.text();
 }
 
+// What was thrown wins: it ended the method, whatever had been logged before.
 void ClsBase::get_FailureCause(XString& path, XString& reason) {
   CritSecExitor lock(*this);
   const LogBase::Cause& cause = m_log.cause();
@@ -87,12 +100,15 @@ void ClsBase::get_FailureCause(XString& path, XString& reason) {
   reason = cause.reason.empty() ? cause.message : cause.reason;
 }
 
+// The context's name is put down at once, so that a log that has nothing to tell still says which method it
+// is about.
 void ClsBase::enterContextBase(const char* name) {
   m_log.ClearLog();
   m_log.enterContext(name);
   m_log.showContexts();
 }
 
+// "Failure." is a notice, because the cause of the failure is the error line before it.
 void ClsBase::logSuccessFailure(bool ok) {
   if (ok) {
     m_log.LogInfo("Success.");
@@ -103,6 +119,8 @@ void ClsBase::logSuccessFailure(bool ok) {
 
 void ClsBase::logMorvaneVersion(LogBase& log) { log.LogData("morvaneVersion", MORVANE_TAR_VERSION); }
 
+// No failure of this is told anywhere: the method's own result must not depend on it. O_NONBLOCK, because
+// nobody may be reading a FIFO of that name.
 void ClsBase::appendToDebugLogFile() {
   if (m_debugLogFilePath.isEmpty()) return;
   OsFile opened(

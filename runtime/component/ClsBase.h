@@ -17,8 +17,11 @@
 
 namespace morvane {
 
+// Callbacks run with the lock held by their own thread, which may therefore read and set every property of
+// the object.
 class MORVANE_API ClsBase : public MorvaneCritSec {
  public:
+  // `className` must outlive the object; a string literal does.
   explicit ClsBase(const char* className);
   ClsBase(const ClsBase&) = delete;
   ClsBase& operator=(const ClsBase&) = delete;
@@ -26,7 +29,7 @@ class MORVANE_API ClsBase : public MorvaneCritSec {
 
   virtual void _toString(XString& out);  // the class's name
   // Put a line into the log as it stands: an info line, "text: true" or "text: false" / an error line, "tag:
-  // text".
+  // text". Texts are UTF-8 and may be null.
   virtual void injectStatus(const char* text, bool ok);
   virtual void injectError(const char* tag, const char* text);
   // Opt-in behaviour: words separated by commas, "Word" or "Word=value", case ignored; docs/options.md lists
@@ -35,13 +38,15 @@ class MORVANE_API ClsBase : public MorvaneCritSec {
   // must not let an archive out.
   virtual void put_UncommonOptions(XString& words);
   void put_UncommonOptions(const char* words);
+  // Whether data lines that explain a run in detail are logged. Off unless set; it may be set during a run.
   virtual bool get_VerboseLogging();
   virtual void put_VerboseLogging(bool verbose);
   // Setters never throw. A text for which there was no memory is not set, and until it is, methods fail.
 
   // Called by bindings for garbage-collected languages; does nothing.
   virtual void dotNetDispose();
-  // Where the finished log of each method is appended; empty (the default) appends it nowhere.
+  // Where the finished log of each method is appended; empty (the default) appends it nowhere. A file that
+  // cannot be opened or written is passed over silently.
   virtual void get_DebugLogFilePath(XString& out);
   virtual void put_DebugLogFilePath(XString& path);
 
@@ -63,10 +68,12 @@ class MORVANE_API ClsBase : public MorvaneCritSec {
   }
   // What a whole job counts as in ProgressEvent::onProgress. Default 100.
   int get_PercentScale() const { return m_percentScale; }
+  // 0 or less: no percentage is sent. Taken when a method begins.
   void put_PercentScale(int scale) { m_percentScale = scale; }
 
   // Opens a public method's context: the log of the previous method is discarded, the context always appears.
   void enterContextBase(const char* name);
+  // Part of the frame; applications have no need of these.
   void logSuccessFailure(bool ok);
   void logMorvaneVersion(LogBase& log);
 
@@ -75,6 +82,7 @@ class MORVANE_API ClsBase : public MorvaneCritSec {
   _mvLogger& log() { return m_log; }
 
  protected:
+  // False in an object that was destroyed, as far as that can be told.
   bool isAlive() const { return m_validity == kAlive; }
   // Tells a run that goes on that a property was set.
   void changed() { m_changes.increment(); }
@@ -84,6 +92,7 @@ class MORVANE_API ClsBase : public MorvaneCritSec {
   // Whether a property has another value than it was given, for lack of memory.
   bool hasUnsetText() const { return m_unsetCount > 0; }
 
+  // Counts settings of any property, for runs that go on (LiveSettings).
   ChangeCount m_changes;
   _mvLogger m_log;
   RelaxedAtomic<int> m_abortCheckMs = 100;
@@ -98,6 +107,7 @@ class MORVANE_API ClsBase : public MorvaneCritSec {
 
   void appendToDebugLogFile();
 
+  // kAlive until the destructor ran.
   unsigned m_validity = kAlive;
   const char* const m_className;
   XString m_debugLogFilePath;

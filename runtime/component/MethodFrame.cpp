@@ -1,9 +1,11 @@
+// The beginning and the end of a public method's frame; what lies between them is a template in the header.
 #include "runtime/component/MethodFrame.h"
 
 namespace morvane {
 
 // Writing the log takes memory too; what fails for lack of it here must not get out of the frame.
 
+// False for lack of memory alone: the method then does nothing and fails, with its cause told without any.
 bool MethodFrame::open() noexcept {
   m_owner.m_methodRunner = std::this_thread::get_id();
   m_owner.m_endedBy = nullptr;
@@ -17,6 +19,9 @@ bool MethodFrame::open() noexcept {
   }
 }
 
+// The contexts that the exception left open are closed but for the method's own, so that the line stands
+// where a reader looks for it. The words for get_FailureCause are a literal: there may be no memory for any
+// other.
 void MethodFrame::reportException(const char* what, const char* inShort) noexcept {
   m_owner.m_endedBy = inShort;
   try {
@@ -27,6 +32,7 @@ void MethodFrame::reportException(const char* what, const char* inShort) noexcep
   }
 }
 
+// The thread's mark goes last. Until then the log of this method is being written.
 void MethodFrame::close(bool ok) noexcept {
   try {
     if (m_form == MethodForm::Judged) m_owner.logSuccessFailure(ok);
@@ -37,6 +43,8 @@ void MethodFrame::close(bool ok) noexcept {
   m_owner.m_methodRunner = std::thread::id();
 }
 
+// A step that another thread has begun is not refused here: it has no lock, and keeping its calls apart is
+// the application's business.
 StepGuard::StepGuard(ClsBase& owner) : m_owner(owner) {
   const auto me = std::this_thread::get_id();
   m_mayRun = owner.m_methodRunner != me && owner.m_stepRunner != me;

@@ -1,3 +1,4 @@
+// Small questions that need no object. Each asks the system anew; nothing is remembered.
 #include "runtime/fs/FileSys.h"
 
 #include <unistd.h>
@@ -11,6 +12,7 @@
 
 namespace morvane {
 
+// The path is not followed if it is a link, like everywhere where sources are examined.
 long long FileSys::fileSizeUtf8_64(const char* path, LogBase* log, bool& ok) {
   mvFileInfo info;
   LogNull unwanted;
@@ -25,6 +27,8 @@ long long FileSys::fileSizeX_64(const XString& path, LogBase* log, bool& ok) {
   return fileSizeUtf8_64(path.getUtf8(), log, ok);
 }
 
+// A path of any length: the buffer grows until it fits. A directory that was removed has no path, and that is
+// no failure here.
 void FileSys::getCurrentDir(XString& out) {
   out.clear();
   for (std::vector<char> buffer(4096);; buffer.resize(buffer.size() * 2)) {

@@ -8,12 +8,13 @@ namespace morvane {
 class LogBase;
 class XString;
 
+// Paths are the system's bytes.
 struct MORVANE_API FileSys {
   // The size of a file in bytes, 0 for a symbolic link. `ok` is set to false when the file cannot be examined
-  // and is otherwise left alone; `log` may be null.
+  // and is otherwise left alone; `log` may be null. A failure is logged.
   static long long fileSizeUtf8_64(const char* path, LogBase* log, bool& ok);
   static long long fileSizeX_64(const XString& path, LogBase* log, bool& ok);
-  // The process's current directory, empty when it has none.
+  // The process's current directory, empty when it has none. Of any length.
   static void getCurrentDir(XString& out);
 };
 

@@ -1,3 +1,5 @@
+// File times, and the calendar for those who show them. The calendar is UTC throughout: what is shown must
+// not depend on where the process runs.
 #include "runtime/fs/MorvaneFileTime.h"
 
 #include <cstdio>
@@ -7,10 +9,12 @@
 
 namespace morvane {
 
+// Any value fits.
 MorvaneFileTime MorvaneFileTime::fromUnixTime32(unsigned seconds, unsigned nanoseconds) {
   return fromUnixTime64(seconds, nanoseconds);
 }
 
+// Not checked: who has nanoseconds of a second or more brings them into range first.
 MorvaneFileTime MorvaneFileTime::fromUnixTime64(long long seconds, unsigned nanoseconds) {
   MorvaneFileTime time;
   time.m_seconds = seconds;
@@ -18,6 +22,8 @@ MorvaneFileTime MorvaneFileTime::fromUnixTime64(long long seconds, unsigned nano
   return time;
 }
 
+// Seconds count down to the last whole one already, since nanoseconds count forward from it: nothing has to
+// be rounded.
 unsigned MorvaneFileTime::toUnixTime32() const {
   constexpr unsigned kMax = std::numeric_limits<unsigned>::max();
   if (m_seconds < 0) return 0;
@@ -31,6 +37,7 @@ timespec MorvaneFileTime::toTimespec() const {
   return out;
 }
 
+// gmtime_r fails for years that an int cannot hold; the year itself may just not hold 1900 more.
 MorvaneSysTime MorvaneSysTime::fromFileTime(const MorvaneFileTime& time) {
   const time_t seconds = static_cast<time_t>(time.seconds());
   MorvaneSysTime out;
@@ -49,6 +56,8 @@ MorvaneSysTime MorvaneSysTime::fromFileTime(const MorvaneFileTime& time) {
   return out;
 }
 
+// The names are English whatever the locale, as RFC 1123 has them; strftime would translate them. Room for a
+// year of ten digits and a sign.
 void _mvDateParser::FileTimeToStringGmt(const MorvaneFileTime& time, StringBuffer& out) {
   static constexpr const char* kDays[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
   static constexpr const char* kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",

@@ -1,3 +1,6 @@
+// The clock and the user of the process. Unless another is set, the user's name goes into every header that
+// is written, so that not finding it must not be the end of an archive, while a database that failed must not
+// pass for one without the user.
 #include "runtime/fs/Psdk.h"
 
 #include <pwd.h>
@@ -18,6 +21,8 @@ namespace {
 
 // The effective user's entry of the system's own file, which has nearly every user. The other ways to users
 // take far longer, and in some C libraries end the process when memory runs out in them. 0, or an errno.
+// glibc's reader for one file at a time; `buffer` holds the texts of the entry. A missing file is none of the
+// errors that are told.
 int findInFile(passwd& entry, std::vector<char>& buffer, passwd*& found) {
   const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen("/etc/passwd", "re"), std::fclose);
   if (!file) return errno == ENOMEM || errno == EIO ? errno : 0;
@@ -37,6 +42,8 @@ bool Psdk::isSuperuser() { return geteuid() == 0; }
 
 unsigned Psdk::getTickCount() { return millisecondTicks(); }
 
+// The buffer grows while an entry does not fit it, up to 1 MiB, which no real one needs. The file is asked
+// again each time: it is short.
 int Psdk::getUsername(StringBuffer& out) {
   out.clear();
   constexpr size_t kLargestEntry = 1 << 20;

@@ -8,7 +8,9 @@ namespace morvane {
 class StringBuffer;
 
 struct MORVANE_API Psdk {
+  // Seconds since 1970, UTC.
   static long long getCurrentUnixTime();
+  // It wraps after 49 days: differences are to be taken unsigned.
   static unsigned getTickCount();  // milliseconds, for measuring spans
   static bool isSuperuser();
   // The name of the effective user; empty when the user has none. The result is 0, or the errno of a user

@@ -6,13 +6,16 @@
 
 namespace morvane {
 
+// The one line that every aborted job has, wherever it was when it was told. Always false, for the caller to
+// return.
 inline bool logAborted(LogBase& log) {
   log.LogError("Aborted by application.");
   return false;
 }
 
 // True, with its line in the log, when a wait broken by a signal is to end. Without a monitor the wait goes
-// on.
+// on. Asks at once, whatever interval is set: a signal that breaks a wait is rare, and most often it is the
+// reason to stop. It is for calls that ended with EINTR.
 inline bool endsWait(ProgressMonitor* pm, LogBase& log) {
   if (!pm || !pm->abortCheck(log)) return false;
   logAborted(log);

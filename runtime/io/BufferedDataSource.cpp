@@ -1,3 +1,5 @@
+// A buffer in front of a source that only reads, as an application's own most often is. Decompressors and the
+// look at an archive's first block need bytes that lie still.
 #include "runtime/io/BufferedDataSource.h"
 
 #include <algorithm>
@@ -10,11 +12,14 @@ namespace morvane {
 
 namespace {
 
+// More than the 512 bytes that a peek may ask for, in however small pieces they come.
 constexpr unsigned kBuffer = 64 * 1024;
 
 }  // namespace
 
-// Adds to what is left in the buffer, which is moved to its start.
+// Adds to what is left in the buffer, which is moved to its start. One read, which may bring any number of
+// bytes; none is the end. A few bytes in front of the position stay, for takeBack may reach behind the piece
+// that was lent last.
 bool BufferedDataSource::fill(ProgressMonitor* pm, LogBase& log) {
   if (!m_buffer) m_buffer.reset(new (std::nothrow) char[kBehind + kBuffer]);
   if (!m_buffer) {
@@ -33,6 +38,8 @@ bool BufferedDataSource::fill(ProgressMonitor* pm, LogBase& log) {
   return true;
 }
 
+// The underlying read has asked whether to abort and told of the progress; nothing is left to do about
+// either.
 bool BufferedDataSource::lendBytes(unsigned most, const char*& bytes, unsigned& n, ProgressMonitor* pm,
                                    LogBase& log) {
   n = 0;
@@ -43,6 +50,7 @@ bool BufferedDataSource::lendBytes(unsigned most, const char*& bytes, unsigned& 
   return true;
 }
 
+// As many bytes as lie there: a short read is allowed before the end.
 bool BufferedDataSource::readSourcePM(char* buffer, unsigned int n, unsigned int& numRead,
                                       ProgressMonitor* pm, LogBase& log) {
   const char* bytes = nullptr;
@@ -51,6 +59,7 @@ bool BufferedDataSource::readSourcePM(char* buffer, unsigned int n, unsigned int
   return true;
 }
 
+// n is 512 at most, so there is always room to fill up to it.
 bool BufferedDataSource::peekBytes(unsigned n, const char*& bytes, unsigned& got, ProgressMonitor* pm,
                                    LogBase& log) {
   while (m_end - m_at < n && !m_ended) {

@@ -8,16 +8,22 @@
 
 namespace morvane {
 
+// The source behind it is not owned and must outlive this. It is read up to 64 KiB further than what was
+// handed out: what this took too much is lost to whoever reads the source afterwards.
 class BufferedDataSource : public _mvDataSource {
  public:
+  // Allocates nothing; the buffer comes with the first read.
   explicit BufferedDataSource(_mvDataSource& source) : m_source(source) {}
 
+  // At most what one read of the source gave, so that a slow one is not waited for twice.
   bool readSourcePM(char* buffer, unsigned int n, unsigned int& numRead, ProgressMonitor* pm,
                     LogBase& log) override;
+  // Only behind a read that met the end.
   bool endOfStream() override { return m_at == m_end && m_ended; }
   long long sizeIfKnown() override { return m_source.sizeIfKnown(); }
   bool canLend() override { return true; }
   bool lendBytes(unsigned most, const char*& bytes, unsigned& n, ProgressMonitor* pm, LogBase& log) override;
+  // Up to kBehind bytes more than were lent last.
   void takeBack(unsigned n) override { m_at -= n; }
   bool canPeek() override { return true; }
   bool peekBytes(unsigned n, const char*& bytes, unsigned& got, ProgressMonitor* pm, LogBase& log) override;

@@ -1,4 +1,7 @@
 // DataBuffer's file operations; they stand here because the buffer itself knows nothing of files.
+//
+// Both read and write through the streams, so that interrupts, short reads and files that grow are seen to in
+// one place.
 #include <memory>
 
 #include "runtime/buffer/DataBuffer.h"
@@ -10,6 +13,9 @@
 
 namespace morvane {
 
+// The size that a file states is a hint: one of /proc states 0, and one that is being written grows. So room
+// for it is taken at once where there is any, and everything up to the end is read, whatever it said. Fewer
+// bytes than stated are a failure, because the file was cut meanwhile.
 bool DataBuffer::loadFileUtf8(const char* path, LogBase* log) {
   LogNull unwanted;
   LogBase& to = log ? *log : unwanted;
@@ -17,6 +23,7 @@ bool DataBuffer::loadFileUtf8(const char* path, LogBase* log) {
   _mvFileDataSource source;
   if (!source.openDataSourceFile(XString(path), to)) return false;
   const long long size = source.sizeIfKnown();
+  // Said before anything is read; a file that grows beyond it fails when it does.
   if (size > 0xFFFFFFFFLL) {
     to.LogError("The file is too large for memory.");
     to.LogData("path", path);
@@ -41,6 +48,7 @@ bool DataBuffer::loadFileUtf8(const char* path, LogBase* log) {
   return false;
 }
 
+// Closing may be the first to tell of a full disk; its answer counts.
 bool DataBuffer::saveToFileUtf8(const char* path, LogBase* log) const {
   LogNull unwanted;
   LogBase& to = log ? *log : unwanted;

@@ -5,14 +5,18 @@
 
 namespace morvane {
 
+// For an output of the caller's where one that is owned and deleted is expected. Positions and the
+// announcement of the end are not passed on: those are the caller's.
 class ForwardingOutput : public _mvOutput {
  public:
   explicit ForwardingOutput(_mvOutput& to) : m_to(to) {}
+  // The other output's failure is this one's, with the line that it logged.
   bool _writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log) override {
     return m_to._writeBytes(bytes, n, io, log);
   }
 
  private:
+  // Must outlive this.
   _mvOutput& m_to;
 };
 

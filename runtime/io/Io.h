@@ -8,7 +8,9 @@
 
 namespace morvane {
 
+// Passed by reference to every step, instead of three parameters that always go together.
 struct Io {
+  // Without a monitor there is no event either.
   explicit Io(LogBase& theLog, ProgressMonitor* theMonitor = nullptr)
       : log(theLog), monitor(theMonitor), event(theMonitor ? &theMonitor->event() : nullptr) {}
   // For a step whose caller hands both: an event may come without a monitor, and then hears everything but
@@ -16,6 +18,7 @@ struct Io {
   Io(LogBase& theLog, ProgressMonitor* theMonitor, ProgressEvent* theEvent)
       : log(theLog), monitor(theMonitor), event(theEvent) {}
 
+  // Whether the event has said so already; it is not asked again.
   bool isAborted() const { return monitor && monitor->isAborted(); }
   // Tells the event a named piece of information; both texts UTF-8.
   void inform(const char* name, const char* value) const {
@@ -28,6 +31,7 @@ struct Io {
   }
 
   LogBase& log;
+  // Asked whether to abort, and told of the bytes that are done.
   ProgressMonitor* const monitor;  // may be null
   ProgressEvent* const event;      // may be null
 };

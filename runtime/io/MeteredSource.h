@@ -5,11 +5,16 @@
 
 namespace morvane {
 
+// For limits that compare what goes into a decompressor with what comes out. Bytes that a seek passes are not
+// counted, because no decompressor seeks.
 class MeteredSource : public _mvDataSource {
  public:
+  // The source must outlive it.
   explicit MeteredSource(_mvDataSource& source) : m_source(source) {}
+  // Read and lent, less what was taken back.
   long long bytesTaken() const { return m_taken; }
 
+  // A read that fails counts nothing.
   bool readSourcePM(char* buffer, unsigned int n, unsigned int& numRead, ProgressMonitor* pm,
                     LogBase& log) override {
     const bool ok = m_source.readSourcePM(buffer, n, numRead, pm, log);
@@ -28,6 +33,7 @@ class MeteredSource : public _mvDataSource {
     m_taken -= n;
   }
   bool canPeek() override { return m_source.canPeek(); }
+  // What is only shown is not taken.
   bool peekBytes(unsigned n, const char*& bytes, unsigned& got, ProgressMonitor* pm, LogBase& log) override {
     return m_source.peekBytes(n, bytes, got, pm, log);
   }
@@ -39,6 +45,7 @@ class MeteredSource : public _mvDataSource {
 
  private:
   _mvDataSource& m_source;
+  // Bytes, from the beginning of this object on.
   long long m_taken = 0;
 };
 

@@ -1,3 +1,8 @@
+// A file being written: small writes gathered, errors kept, and nothing called written before the system took
+// it.
+//
+// A write may be broken by a signal, be taken in part, be refused for now (a pipe that was told not to wait)
+// or for good. The first three are gone on with here, so that callers see bytes that arrived or a failure.
 #include "runtime/io/OutputFile.h"
 
 #include <fcntl.h>
@@ -15,7 +20,8 @@ namespace morvane {
 
 namespace {
 
-// Most files are small: they get a small buffer, and a large one only once that has been filled.
+// Most files are small: they get a small buffer, and a large one only once that has been filled. What does
+// not fit and has kPassesBuffer bytes or more gains nothing by being copied first.
 constexpr unsigned kSmallBuffer = 16 * 1024;
 constexpr unsigned kLargeBuffer = 256 * 1024;
 constexpr unsigned kPassesBuffer = 64 * 1024;
@@ -23,6 +29,8 @@ static_assert(OutputFile::kMostSpare <= kLargeBuffer);
 
 }  // namespace
 
+// O_NONBLOCK, so that opening a FIFO fails at once instead of waiting for a reader; it has no meaning for a
+// file on a disk. O_NOCTTY, because a path may be a terminal's, which must not become the process's own.
 OutputFile* OutputFile::createFileUtf8(const char* path, LogBase& log) {
   OsFile file(osOpen(path, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_NOCTTY, 0666));
   if (!file.isOpen()) {
@@ -34,6 +42,7 @@ OutputFile* OutputFile::createFileUtf8(const char* path, LogBase& log) {
   return opened;
 }
 
+// The descriptor is closed if there is no memory: it has been taken over.
 OutputFile* OutputFile::adopt(OsFile file, const char* path) {
   try {
     return new OutputFile(std::move(file), path);
@@ -42,9 +51,13 @@ OutputFile* OutputFile::adopt(OsFile file, const char* path) {
   }
 }
 
+// Whoever wants to know how it ended has closed it before.
 OutputFile::~OutputFile() { closeHandle(); }
 
+// Bytes that stand in the buffer already (see spareRoom) are only counted. After a failure that concerns this
+// file alone, writes are accepted and dropped where the owner asked for that.
 bool OutputFile::_writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log) {
+  // What is dropped counts as accepted, so that the positions of whoever writes stay right.
   if (m_dropping) m_bytesWritten += n;
   if (m_failed || !m_file.isOpen()) return m_dropping;
   if (n == 0) return true;
@@ -70,7 +83,7 @@ bool OutputFile::_writeBytes(const char* bytes, unsigned int n, _mvIoParams& io,
 }
 
 // A buffer of at least this capacity, with what is in it; false when there is no memory, and the bytes then
-// pass the buffer by.
+// pass the buffer by. Bytes pass it by without a failure: a buffer is for speed alone.
 bool OutputFile::makeBuffer(unsigned capacity) {
   if (capacity <= m_capacity) return true;
   AlignedArray grown = makeAlignedArray(capacity);
@@ -81,6 +94,7 @@ bool OutputFile::makeBuffer(unsigned capacity) {
   return true;
 }
 
+// Always in the large buffer: who asks for it copies whole files through.
 char* OutputFile::spareRoom(unsigned n, unsigned& room, ProgressMonitor* pm, LogBase& log) {
   if (m_failed || !m_file.isOpen()) return nullptr;
   if (!makeBuffer(kLargeBuffer)) return nullptr;
@@ -89,6 +103,7 @@ char* OutputFile::spareRoom(unsigned n, unsigned& room, ProgressMonitor* pm, Log
   return m_buffer.get() + m_buffered;
 }
 
+// The bytes count as gone even where writing them fails, since the file is then of no use.
 bool OutputFile::flush(ProgressMonitor* pm, LogBase& log) {
   if (m_failed) return false;
   const unsigned buffered = m_buffered;
@@ -96,6 +111,7 @@ bool OutputFile::flush(ProgressMonitor* pm, LogBase& log) {
   return writeThrough(m_buffer.get(), buffered, pm, log);
 }
 
+// Until all is written or the system says no. Whether to abort is asked only when a signal has broken a wait.
 bool OutputFile::writeThrough(const char* bytes, size_t n, ProgressMonitor* pm, LogBase& log) {
   while (n > 0) {
     const ssize_t written = m_file.writeSome(bytes, n);
@@ -116,6 +132,7 @@ bool OutputFile::writeThrough(const char* bytes, size_t n, ProgressMonitor* pm, 
   return true;
 }
 
+// EIO, EFBIG and EDQUOT speak of this file; a full disk (ENOSPC) concerns those behind it as well.
 void OutputFile::failWith(int error) {
   m_failed = true;
   m_dropping = m_dropsAfterOwnFailure && (error == EIO || error == EFBIG || error == EDQUOT);
@@ -126,6 +143,7 @@ void OutputFile::failAlone() {
   m_dropping = m_dropsAfterOwnFailure;
 }
 
+// Of the open file and not of the path, which may mean another one by now.
 bool OutputFile::getFileInfo(mvFileInfo& info) const {
   struct stat status;
   if (!m_file.isOpen() || m_file.status(status) != 0) return false;
@@ -133,6 +151,7 @@ bool OutputFile::getFileInfo(mvFileInfo& info) const {
   return true;
 }
 
+// A regular file takes its bytes without waiting. Anything else may wait for a reader who does not come.
 void OutputFile::abandon() {
   LogNull unwanted;
   mvFileInfo info;
@@ -141,6 +160,8 @@ void OutputFile::abandon() {
   m_buffered = 0;
 }
 
+// A network's file system may tell only here that a write failed before. An error behind an earlier one is
+// not logged.
 bool OutputFile::closeHandle(LogBase* log, ProgressMonitor* pm) {
   LogNull unwanted;
   LogBase& to = log ? *log : unwanted;
@@ -173,6 +194,7 @@ bool OutputFile::failToShape(const char* message, LogBase& log) {
   return m_dropping;
 }
 
+// The access time stays.
 bool OutputFile::setFileTimeUtc(const MorvaneFileTime& modification, LogBase* log) {
   LogNull unwanted;
   timespec leaveAccess{};
@@ -185,6 +207,7 @@ bool OutputFile::setFileTimeUtc_3(const MorvaneFileTime&, const MorvaneFileTime&
   return setTimes(access.toTimespec(), modification.toTimespec(), log);
 }
 
+// A flush that fails has said so, and the times are set all the same.
 bool OutputFile::setTimes(const timespec& access, const timespec& modification, LogBase& log) {
   // What is still in the buffer would change the time again when it is written.
   if (m_buffered > 0) flush(nullptr, log);

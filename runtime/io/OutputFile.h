@@ -19,12 +19,15 @@ struct mvFileInfo;
 
 constexpr char kCannotCreate[] = "Failed to create file.";
 
+// One writer at a time. Bytes that were accepted may be read back from the file only behind a flush.
 class MORVANE_API OutputFile : public _mvOutput {
  public:
   // Creates or truncates the file (mode 0666 less the umask), following a symbolic link, never waiting for
-  // the reader of a FIFO. Null, with the reason in the log, on failure. The caller deletes the result.
+  // the reader of a FIFO. Null, with the reason in the log, on failure. The caller deletes the result. Paths
+  // are the system's bytes. `log` gets the path and the system's reason.
   static OutputFile* createFileUtf8(const char* path, LogBase& log);
-  // Takes over an open descriptor; `path` is what messages call it. Null when there is no memory.
+  // Takes over an open descriptor; `path` is what messages call it. Null when there is no memory. The file is
+  // written from where the descriptor stands.
   static OutputFile* adopt(OsFile file, const char* path);
   ~OutputFile() override;
 
@@ -44,11 +47,12 @@ class MORVANE_API OutputFile : public _mvOutput {
   void dropAfterOwnFailure() { m_dropsAfterOwnFailure = true; }
   // Makes it fail so, for a reason that the caller has said: what it is given makes no sense.
   void failAlone();
-  // Whether a failure was of that kind, and was borne.
+  // Whether a failure was of that kind, and was borne. Only ever true after dropAfterOwnFailure.
   bool hasFailedAlone() const { return m_failed && m_dropping; }
 
   // Bytes accepted so far.
   long long ftell64() override { return m_bytesWritten; }
+  // Sends what is buffered on its way, and tells whether it went.
   bool announceOutputFinished(LogBase& log) override { return flush(nullptr, log); }
 
   // Moves on past bytes that are to be a hole / gives the file its length, behind the last byte. What is
@@ -62,6 +66,7 @@ class MORVANE_API OutputFile : public _mvOutput {
   // The identity of the open file; false when there is none to tell.
   bool getFileInfo(mvFileInfo& info) const;
 
+  // The monitor may be null; it is asked where a signal breaks a wait.
   bool flush(ProgressMonitor* pm, LogBase& log);
   // Flushes and closes; true when every byte written so far arrived. Log and monitor may be null. Closing
   // again repeats the first answer.
@@ -71,7 +76,8 @@ class MORVANE_API OutputFile : public _mvOutput {
   void abandon();
 
   // The last-modified time / all three times (Linux has no settable creation time), through the descriptor
-  // while the file is open, else through its path. A failure is logged.
+  // while the file is open, else through its path. A failure is logged. The first leaves the time of access
+  // alone. Nanoseconds are set as far as the file system has them.
   bool setFileTimeUtc(const MorvaneFileTime& modification, LogBase* log);
   bool setFileTimeUtc_3(const MorvaneFileTime& creation, const MorvaneFileTime& access,
                         const MorvaneFileTime& modification, LogBase& log);
@@ -86,6 +92,7 @@ class MORVANE_API OutputFile : public _mvOutput {
 
   OsFile m_file;
   std::string m_path;
+  // Made with the first write that wants one, and only ever grown.
   AlignedArray m_buffer;
   unsigned m_capacity = 0;
   unsigned m_buffered = 0;

@@ -8,22 +8,28 @@
 
 namespace morvane {
 
+// Made when a job begins, on its stack, so that every way out of the job passes it. It does not close the
+// file and does not own it.
 class OutputFlush {
  public:
+  // `out` and the monitor must outlive it; the monitor may be null.
   OutputFlush(_mvOutput& out, ProgressMonitor* pm)
       : m_out(out), m_file(dynamic_cast<OutputFile*>(&out)), m_pm(pm) {}
+  // A job that failed for another reason has nothing to wait for, and its file flushes when it is closed.
   ~OutputFlush() {
     if (m_file && m_pm && m_pm->isAborted()) m_file->abandon();
   }
   OutputFlush(const OutputFlush&) = delete;
   OutputFlush& operator=(const OutputFlush&) = delete;
 
-  // Once everything was written. False, with its reason in the log, if not all of it arrives.
+  // Once everything was written. False, with its reason in the log, if not all of it arrives. An output of
+  // the application's is told once, and only if the job got here.
   [[nodiscard]] bool finish(LogBase& log) {
     return (!m_file || m_file->flush(m_pm, log)) && m_out.announceOutputFinished(log);
   }
 
  private:
+  // m_file is the same output where it is a file, else null.
   _mvOutput& m_out;
   OutputFile* const m_file;
   ProgressMonitor* const m_pm;

@@ -1,3 +1,5 @@
+// What every source has beside what it supplies itself: reading whole amounts, copying, passing over, and in
+// all of them the question whether to abort, so that no derived source can forget it.
 #include "runtime/io/_mvDataSource.h"
 
 #include <algorithm>
@@ -10,12 +12,15 @@ namespace morvane {
 
 namespace {
 
+// For sources that do not lend.
 constexpr unsigned kCopyBuffer = 64 * 1024;
 // What is lent at a time, so that an abort is heard after no more than this.
 constexpr unsigned kLentPiece = 128 * 1024;
 
+// n may be any size a header claims; a piece has 32 bits.
 unsigned pieceOf(long long n, unsigned most) { return static_cast<unsigned>(std::min<long long>(n, most)); }
 
+// For copies, which promise all their bytes; passing over does not.
 bool endedEarly(long long missing, LogBase& log) {
   log.LogError("The data ended early.");
   log.LogDataInt64("bytesMissing", missing);
@@ -26,15 +31,19 @@ bool endedEarly(long long missing, LogBase& log) {
 
 _mvDataSource::~_mvDataSource() = default;
 
+// A source that has not been read has not ended, as far as this can tell.
 bool _mvDataSource::endOfStream() { return m_gaveNothing; }
 
+// Not called where ftell64 says that there are no positions.
 bool _mvDataSource::fseekAbsolute64(long long, LogBase& log) {
   log.LogError("This data source cannot seek.");
   return false;
 }
 
+// What the base says of everything that a source need not supply: it cannot.
 long long _mvDataSource::ftell64() { return -1; }
 
+// For progress, and for room taken at once; never trusted for more.
 long long _mvDataSource::sizeIfKnown() { return -1; }
 
 bool _mvDataSource::canLend() { return false; }
@@ -49,7 +58,9 @@ bool _mvDataSource::peekBytes(unsigned, const char*&, unsigned&, ProgressMonitor
 
 namespace {
 
-// The question whether to abort behind an operation of a source that may or may not have asked it.
+// The question whether to abort behind an operation of a source that may or may not have asked it. It goes by
+// a count of the questions asked, because asking is the application's callback, and one call between two
+// pieces is enough.
 class AbortQuestion {
  public:
   explicit AbortQuestion(ProgressMonitor* pm) : m_pm(pm), m_before(pm ? pm->timedChecks() : 0) {}
@@ -64,6 +75,7 @@ class AbortQuestion {
 
 }  // namespace
 
+// An abort that is heard behind a read that succeeded makes it a failure: its bytes are not wanted any more.
 bool _mvDataSource::read(char* buffer, unsigned n, unsigned& numRead, ProgressMonitor* pm, LogBase& log) {
   const AbortQuestion question(pm);
   if (!readSourcePM(buffer, n, numRead, pm, log)) return false;
@@ -78,6 +90,7 @@ bool _mvDataSource::lend(unsigned most, const char*& bytes, unsigned& n, Progres
   return question.goesOn(log);
 }
 
+// Sources may give less than they were asked for at any time, as pipes do.
 bool _mvDataSource::readFully(char* buffer, unsigned n, unsigned& numRead, ProgressMonitor* pm,
                               LogBase& log) {
   numRead = 0;
@@ -90,6 +103,7 @@ bool _mvDataSource::readFully(char* buffer, unsigned n, unsigned& numRead, Progr
   return true;
 }
 
+// A source that lends needs no buffer, and its bytes are copied once less.
 bool _mvDataSource::copyNToOutputPM(_mvOutput& out, long long n, ProgressMonitor* pm, LogBase& log) {
   if (canLend()) return copyNToOutput2PM(out, n, nullptr, 0, pm, log);
   const ByteArrayOwner buffer(mvNewChar(kCopyBuffer));
@@ -100,6 +114,8 @@ bool _mvDataSource::copyNToOutputPM(_mvOutput& out, long long n, ProgressMonitor
   return copyNToOutput2PM(out, n, buffer.get(), kCopyBuffer, pm, log);
 }
 
+// An output that fails ends the copy with bytes read that were not written; the source is then of no use for
+// going on.
 bool _mvDataSource::copyNToOutput2PM(_mvOutput& out, long long n, char* buffer, unsigned bufferSize,
                                      ProgressMonitor* pm, LogBase& log) {
   const bool lends = canLend();
@@ -109,6 +125,7 @@ bool _mvDataSource::copyNToOutput2PM(_mvOutput& out, long long n, char* buffer, 
     const bool ok = lends ? lend(pieceOf(n, kLentPiece), bytes, got, pm, log)
                           : read(buffer, pieceOf(n, bufferSize), got, pm, log);
     if (!ok) return false;
+    // A copy promised all its bytes.
     if (got == 0) return endedEarly(n, log);
     if (!out.writeBytesPM(bytes, got, pm, log)) return false;
     n -= got;
@@ -116,6 +133,8 @@ bool _mvDataSource::copyNToOutput2PM(_mvOutput& out, long long n, char* buffer, 
   return true;
 }
 
+// The end of the data is none of its business: what follows is asked for by whoever goes on, and missed there
+// with a better message.
 bool _mvDataSource::skip(long long n, ProgressMonitor* pm, LogBase& log) {
   const bool lends = canLend();
   const ByteArrayOwner buffer(lends ? nullptr : mvNewChar(kCopyBuffer));

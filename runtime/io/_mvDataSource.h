@@ -29,10 +29,11 @@ class MORVANE_API _mvDataSource {
 
   // Reads up to n bytes and sets numRead. Fewer than n, or none, means the end of the data (a derived source
   // may also return fewer before the end). Reports what it read to the monitor, which may be null; an abort
-  // is a failure.
+  // is a failure. n is at least 1. On failure numRead is of no meaning.
   virtual bool readSourcePM(char* buffer, unsigned int n, unsigned int& numRead, ProgressMonitor* pm,
                             LogBase& log) = 0;
-  // True once the source is exhausted. The base goes by the last read: whether it gave nothing.
+  // True once the source is exhausted. The base goes by the last read: whether it gave nothing. Asked between
+  // reads; it must not wait.
   virtual bool endOfStream();
   // Moves to a byte position. The base cannot. Where it fails, later reads must fail too: readers of archives
   // go by that.
@@ -52,7 +53,7 @@ class MORVANE_API _mvDataSource {
   // before the last.
   virtual void takeBack(unsigned n);
   // Shows the next bytes, up to n of at most 512, without moving past them; fewer only at the end. Sources
-  // that do not supply it say false to canPeek().
+  // that do not supply it say false to canPeek(). The bytes stay valid until the next operation.
   virtual bool canPeek();
   virtual bool peekBytes(unsigned n, const char*& bytes, unsigned& got, ProgressMonitor* pm, LogBase& log);
 

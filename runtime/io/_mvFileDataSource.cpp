@@ -1,3 +1,12 @@
+// Reading files, pipes and devices through one window of memory.
+//
+// The window is filled by single reads. How much is read at a time follows from what was done before: it
+// starts small, grows by four with each fill that was used up, and becomes small again behind a jump, because
+// what lies behind a header that was jumped to is seldom wanted. In front of the window the last bytes of the
+// one before are kept, so that a few can always be taken back.
+//
+// A file that is copied into an archive (adoptForCopy) has rules of its own: it has an end, taken when
+// reading begins, so that a log that is being written to cannot make its copy endless.
 #include "runtime/io/_mvFileDataSource.h"
 
 #include <fcntl.h>
@@ -19,6 +28,7 @@ namespace {
 
 constexpr char kCannotOpen[] = "Failed to open file.";
 
+// The largest piece that is read ahead.
 constexpr unsigned kWindow = 256 * 1024;
 // Behind a jump a header is wanted and, likely, another jump: what is read beyond it is read for nothing. So
 // little is read behind a short one and one block behind a long one, over a member that has the likes of it
@@ -26,6 +36,7 @@ constexpr unsigned kWindow = 256 * 1024;
 constexpr unsigned kAfterJump = 8 * 1024;
 constexpr unsigned kAfterLongJump = 512;
 constexpr long long kLongJump = 32 * 1024;
+// The first fill; those that follow it without a jump are four times larger each, up to the window.
 constexpr unsigned kAtStart = 64 * 1024;
 // Files are copied in pieces of 20,000 bytes; the window holds a whole number of them.
 constexpr unsigned kCopyAtStart = 3 * 20000;
@@ -34,6 +45,8 @@ static_assert(kCopyWindow <= kWindow);
 
 }  // namespace
 
+// Opening a FIFO waits for its writer, and a signal breaks the wait; then the event is asked, and without its
+// word the wait goes on. osOpenOnce leaves EINTR to its caller for that.
 bool _mvFileDataSource::openDataSourceFile(const XString& path, LogBase& log, ProgressMonitor* pm) {
   if (!isSystemPath(path, kCannotOpen, log)) return false;
   OsFile file;
@@ -47,6 +60,8 @@ bool _mvFileDataSource::openDataSourceFile(const XString& path, LogBase& log, Pr
   return adopt(std::move(file), path.getUtf8(), log);
 }
 
+// A directory opens like a file and would fail only at the first read, so it is refused here. Seeking is left
+// to files and block devices: what other devices answer to a seek means nothing.
 bool _mvFileDataSource::adopt(OsFile file, const char* path, LogBase& log) {
   m_file = std::move(file);
   m_path = path;
@@ -67,6 +82,8 @@ bool _mvFileDataSource::adopt(OsFile file, const char* path, LogBase& log) {
   return true;
 }
 
+// Whoever calls this has examined the file: it is regular and stands at its beginning. That saves two system
+// calls for each of many small files.
 void _mvFileDataSource::adoptForCopy(OsFile file, const char* path, long long sizeSeen) {
   m_file = std::move(file);
   m_path = path;
@@ -80,6 +97,7 @@ void _mvFileDataSource::adoptForCopy(OsFile file, const char* path, long long si
 }
 
 // Spares a small file the read that would find nothing, and fixes where a larger or a growing one ends.
+// Called behind each read of such a file.
 void _mvFileDataSource::noteCopyEnd(unsigned wanted, unsigned got) {
   if (got == 0 || (got < wanted && m_systemAt == m_sizeSeen)) {
     m_atEnd = true;
@@ -90,6 +108,7 @@ void _mvFileDataSource::noteCopyEnd(unsigned wanted, unsigned got) {
   }
 }
 
+// A pipe or a device has no size that would be of use.
 long long _mvFileDataSource::getFileSize64(LogBase& log) {
   mvFileInfo info;
   return getFileInfo(info, log) && info.m_isRegularFile ? info.m_size : 0;
@@ -110,6 +129,7 @@ long long _mvFileDataSource::sizeIfKnown() {
   return m_file.status(status) == 0 && S_ISREG(status.st_mode) ? status.st_size : -1;
 }
 
+// A read of one byte at a position moves nothing; on what has no positions it fails, which is false too.
 bool _mvFileDataSource::hasByteAt(long long position) const {
   char byte;
   return m_file.readSomeAt(&byte, 1, position) > 0;
@@ -122,7 +142,9 @@ bool _mvFileDataSource::endOfStream() {
   return m_seekable && m_position >= m_sizeSeen && !hasByteAt(m_position);
 }
 
-// One read that moves at least a byte unless the data end; `got` 0 is the end.
+// One read that moves at least a byte unless the data end; `got` 0 is the end. Reads are by position where
+// there is one, so that descriptors that share a file do not move each other. A failure stays: later reads
+// fail, without a line of their own.
 bool _mvFileDataSource::readSystem(char* buffer, unsigned n, unsigned& got, ProgressMonitor* pm,
                                    LogBase& log) {
   got = 0;
@@ -150,6 +172,7 @@ bool _mvFileDataSource::readSystem(char* buffer, unsigned n, unsigned& got, Prog
   }
 }
 
+// Made when it is needed first: a source that is only asked for its size has none.
 bool _mvFileDataSource::makeWindow(LogBase& log) {
   if (m_window) return true;
   m_window = makeAlignedArray(kBehind + kWindow);
@@ -157,6 +180,7 @@ bool _mvFileDataSource::makeWindow(LogBase& log) {
   return m_window != nullptr;
 }
 
+// Only when all of the window has been handed out.
 bool _mvFileDataSource::fillWindow(ProgressMonitor* pm, LogBase& log) {
   if (!makeWindow(log)) return false;
   std::memmove(m_window.get(), m_window.get() + m_windowEnd - kBehind, kBehind);
@@ -168,6 +192,7 @@ bool _mvFileDataSource::fillWindow(ProgressMonitor* pm, LogBase& log) {
   return true;
 }
 
+// Progress counts each byte once, also one that was taken back and is handed out again.
 bool _mvFileDataSource::mayGoOn(unsigned moved, ProgressMonitor* pm, LogBase& log) {
   const unsigned again = std::min(moved, m_countedBefore);
   m_countedBefore -= again;
@@ -175,6 +200,7 @@ bool _mvFileDataSource::mayGoOn(unsigned moved, ProgressMonitor* pm, LogBase& lo
   return logAborted(log);
 }
 
+// No more than the window holds, at the most.
 bool _mvFileDataSource::lendBytes(unsigned most, const char*& bytes, unsigned& n, ProgressMonitor* pm,
                                   LogBase& log) {
   n = 0;
@@ -187,18 +213,22 @@ bool _mvFileDataSource::lendBytes(unsigned most, const char*& bytes, unsigned& n
   return mayGoOn(n, pm, log);
 }
 
+// The caller took them from here: they are still in front of m_windowAt.
 void _mvFileDataSource::takeBack(unsigned n) {
   m_windowAt -= n;
   m_position -= n;
   m_countedBefore += n;
 }
 
+// Small reads go through the window, large ones past it, straight into the caller's memory. A pipe's short
+// reads are gathered until all n bytes are there, or the data end.
 bool _mvFileDataSource::readSourcePM(char* buffer, unsigned int n, unsigned int& numRead, ProgressMonitor* pm,
                                      LogBase& log) {
   numRead = 0;
   if (m_failed) return false;
   while (numRead < n) {
     unsigned wanted = n - numRead, got = 0;
+    // From half a window on a read of its own costs less than the copy.
     if (m_windowAt == m_windowEnd && wanted < kWindow / 2 && !fillWindow(pm, log)) return false;
     if (m_windowAt < m_windowEnd) {
       got = std::min(wanted, m_windowEnd - m_windowAt);
@@ -214,6 +244,7 @@ bool _mvFileDataSource::readSourcePM(char* buffer, unsigned int n, unsigned int&
   return mayGoOn(numRead, pm, log);
 }
 
+// What lies in the window comes first, alone: a second source of bytes in one call could wait.
 bool _mvFileDataSource::readOnce(char* buffer, unsigned n, unsigned& got, LogBase& log) {
   got = 0;
   if (m_failed) return false;
@@ -224,6 +255,8 @@ bool _mvFileDataSource::readOnce(char* buffer, unsigned n, unsigned& got, LogBas
   return true;
 }
 
+// n is 512 at most and the window starts with at least as much room. Nothing is told to the monitor: the
+// bytes have not been passed.
 bool _mvFileDataSource::peekBytes(unsigned n, const char*& bytes, unsigned& got, ProgressMonitor* pm,
                                   LogBase& log) {
   if (m_failed || !makeWindow(log)) return false;
@@ -246,6 +279,9 @@ bool _mvFileDataSource::peekBytes(unsigned n, const char*& bytes, unsigned& got,
   return true;
 }
 
+// Within the window only the position moves. Beyond it nothing is done but to note where the next read
+// begins, for nobody knows yet whether there will be one. Without positions a source moves forward by
+// reading.
 bool _mvFileDataSource::fseekAbsolute64(long long position, LogBase& log) {
   if (position < 0 || (!m_seekable && position < m_position)) {
     log.LogError(position < 0 ? "Cannot seek to a negative position." : "Cannot seek back in this file.");

@@ -16,11 +16,15 @@ namespace morvane {
 struct mvFileInfo;
 class XString;
 
+// It owns its descriptor. Memory: none until it is needed, then 256 KiB.
 class MORVANE_API _mvFileDataSource : public _mvDataSource {
  public:
-  // Opens a file for reading; a FIFO is waited for. False, with the reason in the log, on failure.
+  // Opens a file for reading; a FIFO is waited for. False, with the reason in the log, on failure. An
+  // interrupt ends the wait if the monitor's event says so. Directories are refused, and so is a path that
+  // holds a NUL.
   bool openDataSourceFile(const XString& path, LogBase& log, ProgressMonitor* pm = nullptr);
-  // Takes over an open descriptor and reads on from where it stands; `path` is what messages call it.
+  // Takes over an open descriptor and reads on from where it stands; `path` is what messages call it. The
+  // descriptor is closed when this fails. It may be a pipe or a socket.
   bool adopt(OsFile file, const char* path, LogBase& log);
 
   // The same for a regular file to be copied whole, whose size was `sizeSeen` when it was opened. The copy
@@ -33,7 +37,8 @@ class MORVANE_API _mvFileDataSource : public _mvDataSource {
   // The bytes handed out since it was adopted, also where there is no position to tell; the position
   // elsewhere.
   long long bytesPassed() const { return m_position; }
-  // Whether the system itself said that there is no more, rather than a limit of ours.
+  // Whether the system itself said that there is no more, rather than a limit of ours. For copies: whether
+  // what is missing is missing in the file.
   bool endWasSeen() const { return m_atEnd && m_endAt < 0 && m_windowAt == m_windowEnd; }
   // Whether the file has a byte at a position, whatever size it states. Never waits; nothing is passed.
   bool hasByteAt(long long position) const;
@@ -60,6 +65,7 @@ class MORVANE_API _mvFileDataSource : public _mvDataSource {
   bool peekBytes(unsigned n, const char*& bytes, unsigned& got, ProgressMonitor* pm, LogBase& log) override;
 
  private:
+  // Bytes of the window before that stay in front of it, more than takeBack may reach behind a piece.
   static constexpr unsigned kBehind = 64;
 
   bool readSystem(char* buffer, unsigned n, unsigned& got, ProgressMonitor* pm, LogBase& log);

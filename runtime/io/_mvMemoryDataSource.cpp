@@ -1,3 +1,4 @@
+// A source over bytes that lie in memory already. Nothing is copied unless somebody wants a copy.
 #include "runtime/io/_mvMemoryDataSource.h"
 
 #include <algorithm>
@@ -7,17 +8,20 @@
 
 namespace morvane {
 
+// May be called again for other bytes; it then stands at their beginning.
 void _mvMemoryDataSource::initializeMemSource(const unsigned char* bytes, unsigned n) {
   m_bytes = reinterpret_cast<const char*>(bytes);
   m_size = n;
   m_position = 0;
 }
 
+// 0 at the end and past it.
 unsigned _mvMemoryDataSource::available(unsigned most) const {
   if (m_position >= m_size) return 0;
   return static_cast<unsigned>(std::min<long long>(most, m_size - m_position));
 }
 
+// Lends all that is asked for; whoever reads large archives asks for pieces.
 bool _mvMemoryDataSource::lendBytes(unsigned most, const char*& bytes, unsigned& n, ProgressMonitor* pm,
                                     LogBase& log) {
   n = available(most);
@@ -26,6 +30,7 @@ bool _mvMemoryDataSource::lendBytes(unsigned most, const char*& bytes, unsigned&
   return !pm || !(pm->abortCheckTimed(log) || pm->consumeProgress(n, log)) || logAborted(log);
 }
 
+// memcpy must not be called with null, even for no bytes.
 bool _mvMemoryDataSource::readSourcePM(char* buffer, unsigned int n, unsigned int& numRead,
                                        ProgressMonitor* pm, LogBase& log) {
   const char* bytes = nullptr;
@@ -34,6 +39,7 @@ bool _mvMemoryDataSource::readSourcePM(char* buffer, unsigned int n, unsigned in
   return true;
 }
 
+// Everything is there; nothing can fail.
 bool _mvMemoryDataSource::peekBytes(unsigned n, const char*& bytes, unsigned& got, ProgressMonitor*,
                                     LogBase&) {
   got = available(n);
@@ -41,6 +47,8 @@ bool _mvMemoryDataSource::peekBytes(unsigned n, const char*& bytes, unsigned& go
   return true;
 }
 
+// Past the end is allowed, as in a file: an archive may claim more data than there are, and the next read
+// tells.
 bool _mvMemoryDataSource::fseekAbsolute64(long long position, LogBase& log) {
   if (position < 0) {
     log.LogError("Cannot seek to a negative position.");

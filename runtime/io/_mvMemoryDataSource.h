@@ -5,25 +5,37 @@
 
 namespace morvane {
 
+// The bytes must not change while they are read. Empty until it is initialized. Nothing is allocated and no
+// read fails, but for an abort.
 class MORVANE_API _mvMemoryDataSource : public _mvDataSource {
  public:
+  // `bytes` may be null when n is 0.
   void initializeMemSource(const unsigned char* bytes, unsigned n);
 
+  // All n bytes unless the data end.
   bool readSourcePM(char* buffer, unsigned int n, unsigned int& numRead, ProgressMonitor* pm,
                     LogBase& log) override;
+  // Past the end, too.
   bool endOfStream() override { return m_position >= m_size; }
+  // Any position from 0 on; a negative one is a failure, with its line in the log, and leaves the position.
   bool fseekAbsolute64(long long position, LogBase& log) override;
   long long ftell64() override { return m_position; }
   long long sizeIfKnown() override { return m_size; }
+  // Bytes are lent from where they lie, and stay valid as long as the caller keeps them.
   bool canLend() override { return true; }
+  // Up to all of what is left, in one piece. Told to the monitor, which may be null.
   bool lendBytes(unsigned most, const char*& bytes, unsigned& n, ProgressMonitor* pm, LogBase& log) override;
+  // No more than was handed out.
   void takeBack(unsigned n) override { m_position -= n; }
   bool canPeek() override { return true; }
+  // Shows up to n bytes, more than 512 too.
   bool peekBytes(unsigned n, const char*& bytes, unsigned& got, ProgressMonitor* pm, LogBase& log) override;
 
  private:
+  // Bytes that a read of `most` would give.
   unsigned available(unsigned most) const;
 
+  // Not owned.
   const char* m_bytes = nullptr;
   long long m_size = 0;
   long long m_position = 0;  // may lie past the end, where reads yield nothing

@@ -13,7 +13,7 @@ class DataBuffer;
 class LogBase;
 class ProgressMonitor;
 
-// What travels with a write beside its bytes.
+// What travels with a write beside its bytes. The monitor may be null; it is not owned.
 class _mvIoParams {
  public:
   explicit _mvIoParams(ProgressMonitor* pm = nullptr) : m_pm(pm) {}
@@ -23,16 +23,19 @@ class _mvIoParams {
   ProgressMonitor* m_pm;
 };
 
+// An application may derive its own: _writeBytes is all that it must supply.
 class MORVANE_API _mvOutput {
  public:
   _mvOutput() = default;
   _mvOutput(const _mvOutput&) = delete;
   _mvOutput& operator=(const _mvOutput&) = delete;
 
-  // Takes all n bytes, or fails.
+  // Takes all n bytes, or fails. n may be 0. The bytes are the caller's and may change afterwards: what is
+  // held back has to be copied.
   virtual bool _writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log);
 
-  // For outputs that have positions. The base does nothing, succeeds, and stands at 0.
+  // For outputs that have positions. The base does nothing, succeeds, and stands at 0. The component itself
+  // only ever writes forward.
   virtual bool seekToEnd(LogBase& log);
   virtual bool fseekAbsolute64(long long position, LogBase& log);
   virtual long long ftell64();
@@ -43,9 +46,12 @@ class MORVANE_API _mvOutput {
 
   virtual ~_mvOutput();
 
-  // Writes through _writeBytes; fails if that fails or the monitor (which may be null) was told to abort.
+  // Writes through _writeBytes; fails if that fails or the monitor (which may be null) was told to abort. The
+  // question whether to abort is asked first, as often as AbortCheckMs allows; progress is not counted here.
   [[nodiscard]] bool writeBytesPM(const char* bytes, unsigned n, ProgressMonitor* pm, LogBase& log);
+  // All of a buffer.
   [[nodiscard]] bool writeDbPM(const DataBuffer& bytes, ProgressMonitor* pm, LogBase& log);
+  // Four bytes, the least significant first.
   [[nodiscard]] bool writeLittleEndianUInt32PM(unsigned value, ProgressMonitor* pm, LogBase& log);
 };
 

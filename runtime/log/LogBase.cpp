@@ -1,3 +1,5 @@
+// The log's frame: contexts that show themselves with their first line, lines made safe, and the cause of a
+// failure picked out of them. Where the lines go derived classes say.
 #include "runtime/log/LogBase.h"
 
 #include <cstring>
@@ -12,7 +14,8 @@ namespace morvane {
 
 namespace {
 
-// The start of a value that is too long to be of use in a log.
+// The start of a value that is too long to be of use in a log. An archive may have a name of megabytes; 64
+// KiB of it tell what it is.
 std::string shortened(const char* value) {
   constexpr size_t kShown = 64 * 1024;
   const size_t length = std::strlen(value);
@@ -24,10 +27,13 @@ std::string shortened(const char* value) {
 
 LogBase::~LogBase() = default;
 
+// Discards, and keepsLines says so beforehand: a log that nobody reads is never built.
 void LogBase::writeLine(unsigned, const char*, unsigned) {}
 
+// A derived log that takes lines says so.
 bool LogBase::keepsLines() const { return false; }
 
+// The names of those that were entered since the last line, each at its own depth.
 void LogBase::showContexts() {
   // Contexts are shown from the outside in, so the shown ones are at the front.
   unsigned depth = contextDepth();
@@ -39,6 +45,7 @@ void LogBase::showContexts() {
   }
 }
 
+// Texts are the library's own, but may quote an application's: they are made safe like values.
 void LogBase::writeText(const char* text) {
   if (!keepsLines()) return;
   showContexts();
@@ -46,6 +53,7 @@ void LogBase::writeText(const char* text) {
   writeLine(contextDepth(), line.data(), static_cast<unsigned>(line.size()));
 }
 
+// The first error since the last context beside it is the cause; later ones tell of its consequences.
 void LogBase::LogError(const char* text) {
   if (!keepsLines()) return;
   if (m_cause.message.empty())
@@ -55,10 +63,13 @@ void LogBase::LogError(const char* text) {
   writeText(text);
 }
 
+// Nothing is written: a caller that says in its own words what could not be done has the cause told all the
+// same.
 void LogBase::noteCause(const char* message, const char* path, const char* reason) {
   if (keepsLines() && m_cause.message.empty()) m_cause = {message, path, reason, contextDepth(), false};
 }
 
+// Path and reason belong to the cause while it is the latest error.
 void LogBase::LogData(const char* tag, const char* value) {
   if (!keepsLines()) return;
   const std::string shown = shortened(value);
@@ -81,6 +92,7 @@ void LogBase::LogBracketed(const char* tag, const char* text) {
   if (keepsLines()) LogData(tag, (std::string("[") + text + "]").c_str());
 }
 
+// Unsigned, so that the difference is right across the point where the ticks wrap.
 void LogBase::LogElapsedMs(const char* tag, unsigned startTicks) {
   LogDataInt64(tag, static_cast<long long>(millisecondTicks() - startTicks));
 }

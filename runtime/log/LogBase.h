@@ -16,6 +16,8 @@ namespace morvane {
 class StringBuffer;
 class XString;
 
+// A log belongs to one object and is written under that object's lock. No call of it is a failure for its
+// caller; for lack of memory it throws std::bad_alloc. Texts are UTF-8 and not null.
 class MORVANE_API LogBase {
  public:
   LogBase() = default;
@@ -23,32 +25,43 @@ class MORVANE_API LogBase {
   LogBase(const LogBase&) = delete;
   LogBase& operator=(const LogBase&) = delete;
 
+  // Another thread may set it at any time.
   bool verbose() const { return m_verbose; }
+  // Holds from the next line on.
   void setVerbose(bool verbose) { m_verbose = verbose; }
 
+  // An error line: why something failed, in one sentence. The first one becomes the cause. LogNotice stands
+  // for what is worth as much attention and fails nothing.
   void LogError(const char* text);
   // An error line about something that fails nothing: it is never taken for the cause of a failure.
   void LogNotice(const char* text) { writeText(text); }
+  // Something worth knowing about a run that goes on.
   void LogInfo(const char* text) { writeText(text); }
 
   // One data line, "tag: value". Control characters in a value are written as C escapes, so that a value can
-  // neither end its line nor forge another.
+  // neither end its line nor forge another. A value of more than 64 KiB is cut, and the line says by how
+  // much.
   void LogData(const char* tag, const char* value);
+  // The same for other forms of text and for numbers. Numbers are decimal.
   void LogDataX(const char* tag, const XString& value);
   void LogDataSb(const char* tag, const StringBuffer& value);
   void LogDataLong(const char* tag, long value) { LogDataInt64(tag, value); }
   void LogDataInt64(const char* tag, long long value);
   void LogBracketed(const char* tag, const char* text);  // "tag: [text]"
+  // Milliseconds since `startTicks`, as Psdk::getTickCount gave them.
   void LogElapsedMs(const char* tag, unsigned startTicks);
 
   // The name must outlive the context; a string literal does. Contexts are closed in the reverse order.
+  // LogContextExitor does both.
   void enterContext(const char* name) {
     if (m_cause.depth > contextDepth()) forgetCause();
     m_contexts.push_back({name, false});
   }
+  // Closes the innermost; does nothing where none is open.
   void leaveContext() {
     if (!m_contexts.empty()) m_contexts.pop_back();
   }
+  // Contexts that are open, shown or not.
   unsigned contextDepth() const { return static_cast<unsigned>(m_contexts.size()); }
 
   // What a failure is put down to: the first error line of the context that failed, with the path and the
@@ -61,6 +74,7 @@ class MORVANE_API LogBase {
     unsigned depth = 0;   // of the contexts it stands in
     bool open = false;    // data lines still belong to it
   };
+  // Valid until the log is written again.
   const Cause& cause() const { return m_cause; }
   // Gives the error line that was logged last a reason that the log itself does not tell.
   void noteReason(const char* reason) {
@@ -76,10 +90,11 @@ class MORVANE_API LogBase {
  protected:
   // Takes one line, without its line end, that stands `depth` contexts deep. The base discards it.
   virtual void writeLine(unsigned depth, const char* line, unsigned length);
-  // Whether lines are kept at all; if not, none is built.
+  // Whether lines are kept at all; if not, none is built. It must always give the same answer.
   virtual bool keepsLines() const;
 
  private:
+  // A name that is shown stands in the log already.
   struct Context {
     const char* name;
     bool shown;

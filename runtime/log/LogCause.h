@@ -5,8 +5,10 @@
 
 namespace morvane {
 
+// For code that reports to a person itself: `cause` has message, path and reason of the first error.
 class MORVANE_API LogCause : public LogBase {
  protected:
+  // So that causes are noted; the lines themselves go nowhere.
   bool keepsLines() const override { return true; }
 };
 

@@ -6,12 +6,15 @@
 
 namespace morvane {
 
+// A context whose scope logs nothing leaves no trace, so that one may be opened for every member.
 class LogContextExitor {
  public:
-  // `enabled` false opens nothing: for contexts that only a verbose log has.
+  // `enabled` false opens nothing: for contexts that only a verbose log has. The name must outlive the
+  // context.
   LogContextExitor(LogBase& log, const char* name, bool enabled = true) : m_log(enabled ? &log : nullptr) {
     if (m_log) m_log->enterContext(name);
   }
+  // Exceptions close it, too.
   ~LogContextExitor() {
     if (m_log) m_log->leaveContext();
   }
@@ -19,6 +22,7 @@ class LogContextExitor {
   LogContextExitor& operator=(const LogContextExitor&) = delete;
 
  private:
+  // Null where nothing was opened. The log must outlive the scope.
   LogBase* m_log;
 };
 

@@ -1,9 +1,13 @@
+// Values in a log come from archives. A newline in one would let it forge lines, and an escape sequence would
+// reach the terminal of whoever reads the log; so no control character gets there as it is.
 #include "runtime/log/LogText.h"
 
 #include <cstdio>
 
 namespace morvane {
 
+// DEL counts as one. Bytes from 0x80 on stay, for they are most often UTF-8; back slashes stay too, because a
+// log is read and not parsed back.
 std::string logSafeText(const char* text) {
   std::string safe;
   for (; *text; ++text) {
@@ -15,6 +19,7 @@ std::string logSafeText(const char* text) {
     } else if (byte == '\t') {
       safe += "\\t";
     } else if (byte < 0x20 || byte == 0x7F) {
+      // Always three digits, so that a digit behind it is not taken for its own.
       char escape[8];
       std::snprintf(escape, sizeof escape, "\\%03o", byte);
       safe += escape;

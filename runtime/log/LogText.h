@@ -5,7 +5,8 @@
 
 namespace morvane {
 
-// The text with control characters as C escapes (\n, \t, \033); every other byte as it is.
+// The text with control characters as C escapes (\n, \t, \033); every other byte as it is. NUL-terminated
+// text in, of any bytes.
 std::string logSafeText(const char* text);
 
 }  // namespace morvane

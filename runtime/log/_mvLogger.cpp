@@ -1,3 +1,5 @@
+// A log of bounded size: what came first, what came last, and how much is missing between them. Both matter
+// to whoever asks why a run over millions of members failed; the middle rarely does.
 #include "runtime/log/_mvLogger.h"
 
 namespace morvane {
@@ -5,10 +7,12 @@ namespace morvane {
 namespace {
 
 constexpr size_t kKeptAtEachEnd = 512 * 1024;
+// Blanks for each context.
 constexpr unsigned kIndent = 4;
 
 }  // namespace
 
+// The head keeps its memory for the next method, which is short as a rule; the tail gives it back.
 void _mvLogger::ClearLog() {
   while (contextDepth() > 0) leaveContext();
   forgetCause();
@@ -18,6 +22,8 @@ void _mvLogger::ClearLog() {
   m_headFull = false;
 }
 
+// Once a line has not fitted the head every later one goes to the tail, shorter ones too: lines stay in their
+// order.
 void _mvLogger::writeLine(unsigned depth, const char* line, unsigned length) {
   const size_t needed = static_cast<size_t>(depth) * kIndent + length + 1;
   m_headFull = m_headFull || m_head.size() + needed > kKeptAtEachEnd;
@@ -38,6 +44,7 @@ void _mvLogger::dropOldestOfTail() {
   m_tail.erase(0, cut);
 }
 
+// The tail holds up to twice what is kept, so it is cut here as it would have been next.
 std::string _mvLogger::text() const {
   std::string text = m_head;
   unsigned long long dropped = m_droppedBytes;

@@ -10,22 +10,25 @@
 
 namespace morvane {
 
+// Keeps 1.5 MiB and a line at most, whatever is logged.
 class MORVANE_API _mvLogger : public LogBase {
  public:
-  // Discards the text and every open context.
+  // Discards the text and every open context. The cause of failures goes, too.
   void ClearLog();
-  // Closes the innermost context.
+  // Closes the innermost context. Does nothing where none is open.
   void LeaveContext() { leaveContext(); }
   // The log so far: lines that end in "\n", each indented by four blanks for every context it stands in.
   std::string text() const;
 
  protected:
+  // Takes memory, and throws where there is none.
   void writeLine(unsigned depth, const char* line, unsigned length) override;
   bool keepsLines() const override { return true; }
 
  private:
   void dropOldestOfTail();
 
+  // The first 512 KiB, in whole lines.
   std::string m_head;
   std::string m_tail;  // used once the head is full; up to twice what is kept of it
   unsigned long long m_droppedBytes = 0;

@@ -1,3 +1,5 @@
+// An event that hears everything and does nothing: applications override what they care about. The bodies
+// stand here so that the class has its table of functions in the library.
 #include "runtime/progress/ProgressEvent.h"
 
 namespace morvane {

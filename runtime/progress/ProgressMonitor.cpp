@@ -1,3 +1,5 @@
+// When an event is asked and told. Both are rare on purpose: an application's callback may be slow, and a run
+// passes here with every piece of data.
 #include "runtime/progress/ProgressMonitor.h"
 
 #include <algorithm>
@@ -7,6 +9,7 @@
 
 namespace morvane {
 
+// Negative totals count as not known.
 ProgressMonitor::ProgressMonitor(ProgressEvent& event, int abortCheckMs, int percentScale, long long total)
     : m_event(event), m_abortCheckMs(abortCheckMs), m_percentScale(percentScale), m_total(total) {}
 
@@ -18,6 +21,7 @@ ProgressMonitor::ProgressMonitor(ProgressEvent& event, const RelaxedAtomic<int>&
       m_percentScale(percentScale),
       m_total(total) {}
 
+// What the callback leaves in `abort` is the answer; one that throws gets through to the frame of the method.
 bool ProgressMonitor::abortCheck(LogBase&) {
   if (!m_aborted) {
     m_everAsked = true;
@@ -27,6 +31,8 @@ bool ProgressMonitor::abortCheck(LogBase&) {
   return m_aborted;
 }
 
+// The first question is asked at once, so that an application that wants to stop before anything happens can.
+// The difference of ticks is unsigned and right across their wrap.
 bool ProgressMonitor::abortCheckTimed(LogBase& log) {
   ++m_timedChecks;
   const int interval = abortCheckMs();
@@ -35,6 +41,7 @@ bool ProgressMonitor::abortCheckTimed(LogBase& log) {
   return abortCheck(log);
 }
 
+// More than the total may be done, as when files grow meanwhile; it stays at the whole then.
 bool ProgressMonitor::consumeProgress(long long n, LogBase&) {
   if (m_total <= 0 || n <= 0) return m_aborted;
   m_done = n > m_total - m_done ? m_total : m_done + n;
@@ -46,6 +53,8 @@ void ProgressMonitor::consumeRemaining(LogBase&) {
   if (m_total > 0) reportPercent(m_done = m_total);
 }
 
+// m_nextReportAt is the least amount of work that is one part more, rounded up, so that most calls end with
+// one comparison.
 void ProgressMonitor::reportPercent(long long done) {
   if (m_percentScale <= 0) return;
   // 128 bits: the product of a 63-bit count and a 31-bit scale.

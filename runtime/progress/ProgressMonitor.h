@@ -15,36 +15,44 @@ namespace morvane {
 
 class LogBase;
 
+// One call's, on the thread of that call. A callback that throws ends the call through it.
 class MORVANE_API ProgressMonitor {
  public:
   // `abortCheckMs`: milliseconds between two questions inside a member's data; 0 or less asks none there.
   // `percentScale`: what the whole job counts as. `total`: 0 when not known, and then no progress is sent.
+  // The event must outlive the monitor. `percentScale` 0 or less sends no progress.
   ProgressMonitor(ProgressEvent& event, int abortCheckMs, int percentScale, long long total);
   // The same for a setting that a callback may change: what it is set to holds at once. It must outlive the
   // monitor.
   ProgressMonitor(ProgressEvent& event, const RelaxedAtomic<int>& abortCheckMs, int percentScale,
                   long long total);
 
+  // Valid as long as the monitor: the application's object must outlive the call.
   ProgressEvent& event() { return m_event; }
 
-  // Asks the event whether to abort; true means abort. Once it said so, it is not asked again.
+  // Asks the event whether to abort; true means abort. Once it said so, it is not asked again. Leaves the log
+  // alone; the line about it is the caller's.
   bool abortCheck(LogBase& log);
   // The same where much happens between two questions worth asking: asks the first time, and then only when
-  // abortCheckMs have passed.
+  // abortCheckMs have passed. Its cost is a look at the clock.
   bool abortCheckTimed(LogBase& log);
-  // Adds n units to what is done and reports a new percentage. True means abort.
+  // Adds n units to what is done and reports a new percentage. True means abort. Without a total nothing is
+  // reported. n is in bytes; 0 or less does nothing.
   bool consumeProgress(long long n, LogBase& log);
+  // All of it is done: what is left of the total is reported at once.
   void consumeRemaining(LogBase& log);
   bool isAborted() const { return m_aborted; }
   // How often abortCheckTimed was called: who wraps an operation sees whether that has asked by itself.
   unsigned timedChecks() const { return m_timedChecks; }
 
-  // Passes a named piece of information to the event.
+  // Passes a named piece of information to the event. Names and values are UTF-8 and need to live for the
+  // call only.
   static void pprogressInfo(ProgressEvent& event, const char* name, const char* value) {
     event.onInfo(name, value);
   }
 
  private:
+  // The setting as it is now, where it may change.
   int abortCheckMs() const { return m_liveAbortCheckMs ? int{*m_liveAbortCheckMs} : m_abortCheckMs; }
   void reportPercent(long long done);
 
@@ -52,24 +60,29 @@ class MORVANE_API ProgressMonitor {
   const int m_abortCheckMs;
   const RelaxedAtomic<int>* const m_liveAbortCheckMs = nullptr;
   const int m_percentScale;
+  // 0 or less: not known.
   const long long m_total;
   long long m_done = 0;
   long long m_nextReportAt = 0;  // no percentage changes before this much is done
   int m_lastPercent = -1;
   bool m_everAsked = false;
+  // Ticks of the last question.
   unsigned m_lastAsked = 0;
   unsigned m_timedChecks = 0;
   bool m_aborted = false;
 };
 
-// The monitor of one call, with the lifetime of the call.
+// The monitor of one call, with the lifetime of the call. Without an event there is no monitor, and
+// everything here does nothing.
 class MORVANE_API ProgressMonitorPtr {
  public:
+  // `event` may be null. AbortCheckMs is a number, or a setting that is looked at as it is.
   template <class AbortCheckMs>
   ProgressMonitorPtr(ProgressEvent* event, const AbortCheckMs& abortCheckMs, int percentScale,
                      long long total) {
     if (event) m_monitor.emplace(*event, abortCheckMs, percentScale, total);
   }
+  // Null without an event; owned by this.
   ProgressMonitor* getPm() { return m_monitor ? &*m_monitor : nullptr; }
   // Asks the event; false without one.
   bool get_Aborted(LogBase& log) { return m_monitor && m_monitor->abortCheck(log); }

@@ -1,3 +1,8 @@
+// Names into UTF-8 through the system's iconv. What iconv cannot convert is kept byte for byte, because a
+// member with a broken name is still a member.
+//
+// Character sets with a state (ISO-2022, UTF-7) and those that hold a character back until the next one is
+// known (Vietnamese, Hebrew and some East Asian ones) make this more than a loop: see convert and flush.
 #include "runtime/text/CharsetDecoder.h"
 
 #include <iconv.h>
@@ -15,6 +20,7 @@ namespace {
 // Names of many megabytes come from hostile archives: they are converted in pieces of this size.
 constexpr size_t kPiece = 4096;
 
+// An empty name counts as one, too. Bytes are then not looked at.
 bool meansUtf8(const char* name) {
   return *name == '\0' || strcasecmp(name, "utf-8") == 0 || strcasecmp(name, "utf8") == 0;
 }
@@ -37,7 +43,8 @@ void* openConverter(const char* charsetName) {
 
 // Whether a character may be held back, because the next one may combine with it: then its bytes are taken,
 // nothing comes out, and a flush brings it. These are such characters, one for each character set that has
-// any.
+// any. Asked once a decoder. It decides whether something must be flushed in front of a byte that does not
+// convert.
 bool holdsBack(void* converter) {
   for (std::string_view probe : {"A", "\xE5", "\xA4\xAB", "\x82\xA9", "\x88\x66"}) {
     const auto cd = static_cast<iconv_t>(converter);
@@ -66,6 +73,7 @@ CharsetDecoder::~CharsetDecoder() {
   if (m_converter) iconv_close(static_cast<iconv_t>(m_converter));
 }
 
+// Throws std::bad_alloc only; `utf8` then ends in part of the name.
 void CharsetDecoder::append(std::string_view bytes, char from, char to, std::string& utf8) {
   if (isUtf8()) {
     const size_t start = utf8.size();
@@ -91,7 +99,8 @@ void CharsetDecoder::append(std::string_view bytes, char from, char to, std::str
   flush(utf8);
 }
 
-// What could not be taken yet, for it goes on in the next piece; nothing if this is the last one.
+// What could not be taken yet, for it goes on in the next piece; nothing if this is the last one. The bytes
+// are taken in order; after each that does not convert iconv goes on behind it.
 size_t CharsetDecoder::convert(char* bytes, size_t n, bool last, std::string& utf8) {
   while (n > 0) {
     char out[512];

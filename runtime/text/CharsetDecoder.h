@@ -10,8 +10,10 @@
 
 namespace morvane {
 
+// One thread at a time. Names are independent of each other: each begins in the initial state.
 class CharsetDecoder {
  public:
+  // A name that iconv knows, in any case. Throws std::bad_alloc where the system has no memory for it.
   explicit CharsetDecoder(const char* charsetName);
   ~CharsetDecoder();
   CharsetDecoder(const CharsetDecoder&) = delete;
@@ -19,9 +21,12 @@ class CharsetDecoder {
 
   // False when the character set is unknown to the system; the caller says so once.
   bool isKnown() const { return m_known; }
+  // True for an unknown character set, too.
   bool isUtf8() const { return m_converter == nullptr; }
+  // Appends the name; bytes may hold NULs.
   void append(std::string_view bytes, std::string& utf8) { append(bytes, '\0', '\0', utf8); }
   // The same for bytes of which each `from` is to be read as a `to`. The text needs no second copy for that.
+  // Both are ASCII; the replacement is of stored bytes, before they are decoded, as the path rules have it.
   void append(std::string_view bytes, char from, char to, std::string& utf8);
 
  private:
@@ -30,6 +35,7 @@ class CharsetDecoder {
 
   void* m_converter = nullptr;  // an iconv_t; null copies
   bool m_known = true;
+  // Whether a character may wait inside for the one behind it.
   bool m_holdsBack = false;
 };
 

@@ -6,10 +6,13 @@
 
 namespace morvane {
 
+// ExtPtrArray with the type put in and out again.
 class ExtPtrArraySb {
  public:
+  // On unless switched off.
   void setOwnsObjects(bool owns) { m_array.setOwnsObjects(owns); }
-  // Takes the buffer over, also when it fails for lack of memory (the buffer is deleted then).
+  // Takes the buffer over, also when it fails for lack of memory (the buffer is deleted then). True when it
+  // has been added.
   bool appendSb(StringBuffer* sb) { return m_array.appendPtr(sb); }
   // The buffer at a 0-based index, null when the index is out of range. Still owned by the array.
   StringBuffer* sbAt(int index) const { return static_cast<StringBuffer*>(m_array.elementAt(index)); }
@@ -17,6 +20,7 @@ class ExtPtrArraySb {
   void removeAllSbs() { m_array.removeAllObjects(); }
 
  private:
+  // Its elements are StringBuffers and nothing else.
   ExtPtrArray m_array;
 };
 

@@ -7,9 +7,11 @@
 
 namespace morvane {
 
+// The C library's functions under this library's names. Texts must not be null.
 inline const char* mvStrChr(const char* text, char c) { return std::strchr(text, c); }
 inline const char* mvStrrChr(const char* text, char c) { return std::strrchr(text, c); }
 inline int mvStrCmp(const char* a, const char* b) { return std::strcmp(a, b); }
+// `to` must have room for the text and its NUL.
 inline char* mvStrCpy(char* to, const char* from) { return std::strcpy(to, from); }
 // Copies at most n bytes; the rest of the n bytes is filled with NUL, and there is no NUL when `from` has n
 // or more.
@@ -23,7 +25,7 @@ inline char* mvStrNCpy(char* to, const char* from, unsigned n) {
 MORVANE_API unsigned mvUIntValue(const char* text, bool* overflowed = nullptr);
 
 // An unsigned value as exactly `width` octal digits followed by NUL. A value that needs more digits keeps its
-// low ones. The buffer holds width + 1 bytes.
+// low ones. The buffer holds width + 1 bytes. The form of most numbers in a header block.
 MORVANE_API void mv_0o(unsigned value, unsigned width, char* buffer);
 
 struct MORVANE_API mv64 {

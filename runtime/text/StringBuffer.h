@@ -14,9 +14,11 @@ namespace morvane {
 
 class ExtPtrArraySb;
 
+// A value: copies are independent. One thread at a time. Positions and lengths are bytes.
 class MORVANE_API StringBuffer : public MorvaneObject {
  public:
   StringBuffer() = default;
+  // Null counts as empty.
   StringBuffer(const char* text) : m_text(text ? text : "") {}
   StringBuffer(std::string text) : m_text(std::move(text)) {}
   StringBuffer(const StringBuffer&) = default;
@@ -33,15 +35,21 @@ class MORVANE_API StringBuffer : public MorvaneObject {
   bool append(const char* text);
   bool append(int value);
   bool append(unsigned value);
+  // One byte, a NUL too.
   bool appendChar(char c);
+  // n times the same byte.
   bool appendCharN(char c, unsigned n);
   bool appendInt64(long long value);
+  // Exactly n bytes, NULs included.
   bool appendN(const char* bytes, unsigned n);
 
+  // For long texts that are not needed here any more.
   void swap(std::string& text) noexcept { m_text.swap(text); }
 
+  // Valid until the text changes, never null.
   const char* getString() const { return m_text.c_str(); }
   const std::string& str() const { return m_text; }
+  // In bytes, which 32 bits must hold.
   unsigned getSize() const { return static_cast<unsigned>(m_text.size()); }
   bool isEmpty() const { return m_text.empty(); }
 
@@ -49,7 +57,9 @@ class MORVANE_API StringBuffer : public MorvaneObject {
   void clear();
   void weakClear() { m_text.clear(); }
 
+  // Null counts as empty.
   bool equals(const char* text) const { return m_text == (text ? text : ""); }
+  // Byte for byte. The text must not be null.
   bool beginsWith(const char* text) const;
 
   void trim2();        // removes white space (ASCII) at both ends
@@ -63,12 +73,14 @@ class MORVANE_API StringBuffer : public MorvaneObject {
   // `ignoreCase` compares ASCII letters without regard to case.
   int replaceAllOccurances(const char* from, const char* to);
   bool replaceFirstOccurance(const char* from, const char* to, bool ignoreCase);
+  // Bytes: both are to be ASCII.
   void replaceChar(char from, char to);
 
   // Appends the parts between separators to the array. `skipEmpty` leaves empty parts out, `trimParts` trims
   // each part first. Text without a separator is one part; empty text has no part.
   bool split(ExtPtrArraySb& parts, char separator, bool skipEmpty, bool trimParts) const;
 
+  // Capacity, in bytes.
   unsigned long long heapUsage() const override;
 
  private:

@@ -1,3 +1,6 @@
+// UTF-8 (RFC 3629) read and written one character at a time. Invalid bytes are characters of their own, so
+// that any text can be taken apart and put together again without a loss, whatever a file system or an
+// archive holds.
 #include "runtime/text/Utf8.h"
 
 #include <algorithm>
@@ -10,8 +13,11 @@ namespace morvane {
 
 namespace {
 
+// 10xxxxxx.
 bool isContinuation(unsigned char byte) { return (byte & 0xC0) == 0x80; }
 
+// ASCII is seen to first, because nearly all text is. The locale is the C library's own, not the process's:
+// patterns must match alike in every program.
 char32_t lowerCase(char32_t character) {
   if (character < 0x80) return character >= 'A' && character <= 'Z' ? character + ('a' - 'A') : character;
   if (character >= kInvalidByte) return character;
@@ -23,11 +29,15 @@ char32_t lowerCase(char32_t character) {
 
 }  // namespace
 
+// The first byte tells the length; C0 and C1 would begin overlong forms, F5 and above lie beyond Unicode. A
+// sequence that is cut or broken gives its first byte alone, and the next call looks at the one behind it.
 char32_t nextUtf8(std::string_view text, size_t& at) {
   const auto byteAt = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
   const unsigned char first = byteAt(at);
   if (first < 0x80) return static_cast<char32_t>(text[at++]);
   const unsigned length = first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : 2;
+  // By length: what is smaller has a shorter form, and an overlong one may smuggle a slash past whoever looks
+  // for it.
   static constexpr char32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
   char32_t character = first & (0xFFu >> (length + 1));
   bool valid = first >= 0xC2 && first <= 0xF4 && at + length <= text.size();
@@ -45,6 +55,7 @@ char32_t nextUtf8(std::string_view text, size_t& at) {
   return character;
 }
 
+// The reverse of nextUtf8 for everything that it gives.
 void appendUtf8Char(char32_t character, std::string& out) {
   const auto put = [&out](char32_t byte) { out.push_back(static_cast<char>(byte)); };
   if (character >= kInvalidByte) {
@@ -66,6 +77,8 @@ void appendUtf8Char(char32_t character, std::string& out) {
   }
 }
 
+// ASCII text, the usual case, is folded by a plain loop up to its first other byte. Folding may change a
+// text's length.
 std::string foldCase(std::string_view text) {
   std::string folded = asciiLowerCase(text);
   const auto beyondAscii = std::find_if(text.begin(), text.end(), [](char c) { return (c & 0x80) != 0; });

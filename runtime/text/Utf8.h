@@ -10,7 +10,7 @@ namespace morvane {
 constexpr char32_t kInvalidByte = 0x110000;
 
 // The character at text[at], which must exist; `at` moves behind it. Overlong forms and surrogates are
-// invalid.
+// invalid. So every text is a row of characters, whatever its bytes are.
 char32_t nextUtf8(std::string_view text, size_t& at);
 
 // Appends the character; one made by nextUtf8 from an invalid byte becomes that byte again.

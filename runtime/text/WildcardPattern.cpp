@@ -1,3 +1,6 @@
+// Matching whose cost no pattern and no name can blow up: patterns come from users, but names come from
+// archives. A pattern of many stars is tried without going back: once a piece stands as far to the left as it
+// can, no other place for it would leave more to those behind it.
 #include "runtime/text/WildcardPattern.h"
 
 #include <cstring>
@@ -12,6 +15,7 @@ constexpr size_t kNoMatch = static_cast<size_t>(-1);
 
 }  // namespace
 
+// Two stars side by side are one, so that no piece is empty.
 WildcardPattern::WildcardPattern(std::string_view pattern, bool caseSensitive)
     : m_caseSensitive(caseSensitive) {
   const std::string text = caseSensitive ? std::string(pattern) : foldCase(pattern);
@@ -29,6 +33,7 @@ WildcardPattern::WildcardPattern(std::string_view pattern, bool caseSensitive)
   findTailBorders();
 }
 
+// The failure table of Knuth, Morris and Pratt: where to go on in the tail when the next byte does not fit.
 void WildcardPattern::findTailBorders() {
   m_tailBorders.assign(m_tail.size() + 1, 0);
   for (size_t end = 1, border = 0; end < m_tail.size(); ++end) {
@@ -38,14 +43,17 @@ void WildcardPattern::findTailBorders() {
   }
 }
 
+// Folding takes a copy of the text; a case-sensitive pattern takes none.
 bool WildcardPattern::matches(std::string_view text) const {
   return m_caseSensitive ? matchesFolded(text) : matchesFolded(foldCase(text));
 }
 
+// Folding leaves slashes where they are among the characters.
 bool WildcardPattern::matchesUpToASlash(std::string_view path) const {
   return m_caseSensitive ? matchesFoldedUpToASlash(path) : matchesFoldedUpToASlash(foldCase(path));
 }
 
+// Head and tail must not overlap in the text: "ab*ba" does not match "aba".
 bool WildcardPattern::matchesFolded(std::string_view text) const {
   if (!m_hasStar) return text == m_head;
   if (text.size() < m_head.size() + m_tail.size()) return false;
@@ -53,13 +61,15 @@ bool WildcardPattern::matchesFolded(std::string_view text) const {
   return text.substr(rest) == m_tail && behindLastPiece(text.substr(0, rest)) != kNoMatch;
 }
 
+// An empty pattern matches no directory, or it would match the one above all absolute paths.
 bool WildcardPattern::matchesFoldedUpToASlash(std::string_view path) const {
   const auto endsAt = [path](size_t at) { return at == path.size() || path[at] == '/'; };
   if (!m_hasStar) return !m_head.empty() && path.substr(0, m_head.size()) == m_head && endsAt(m_head.size());
   size_t at = behindLastPiece(path);
   if (at == kNoMatch || m_tail.empty()) return at != kNoMatch;
   // The tail may stand in many places, one over another, and only one that ends a part counts: Knuth, Morris
-  // and Pratt's way looks at each byte once, whatever an archive's names are like.
+  // and Pratt's way looks at each byte once, whatever an archive's names are like. How much of the tail's
+  // beginning ends here.
   size_t matched = 0;
   for (; at < path.size(); ++at) {
     while (matched > 0 && (matched == m_tail.size() || path[at] != m_tail[matched]))

@@ -13,13 +13,19 @@
 
 namespace morvane {
 
+// A value; asking it changes nothing, so that several threads may. There is no way to write a star that means
+// itself.
 class MORVANE_API WildcardPattern {
  public:
   WildcardPattern() : WildcardPattern("", true) {}
+  // Without regard to case, both sides are folded by foldCase, beyond ASCII too. The pattern's bytes need not
+  // be UTF-8.
   WildcardPattern(std::string_view pattern, bool caseSensitive);
 
+  // An empty pattern matches empty text alone.
   bool matches(std::string_view text) const;
-  // Whether a path or any directory above it matches: the text up to one of its slashes, or all of it.
+  // Whether a path or any directory above it matches: the text up to one of its slashes, or all of it. In
+  // time that grows with the path's length, as above.
   bool matchesUpToASlash(std::string_view path) const;
 
  private:

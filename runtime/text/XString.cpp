@@ -1,3 +1,5 @@
+// UTF-8 text and the ways into it. Comparisons without regard to case fold by the same function as patterns,
+// so that both agree.
 #include "runtime/text/XString.h"
 
 #include <langinfo.h>
@@ -18,12 +20,15 @@ XString& XString::operator=(const char* utf8) {
   return *this;
 }
 
+// Null counts as empty.
 void XString::appendUtf8(const char* text) {
   if (text) m_utf8.append(text);
 }
 
+// Costs as much as the text is long; for short texts.
 void XString::prependUtf8(const char* text) { m_utf8.insert(0, text); }
 
+// nl_langinfo is asked each time: a program may set its locale at any time.
 void XString::appendAnsi(const char* text) {
   const char* codeset = nl_langinfo(CODESET);
   // A program that never set its locale runs in "C"; its texts are in truth the system's, which is UTF-8
@@ -32,6 +37,7 @@ void XString::appendAnsi(const char* text) {
   appendFromEncoding(text, plainC ? "utf-8" : codeset);
 }
 
+// Makes a decoder each time; who has many texts keeps one (CharsetDecoder).
 bool XString::appendFromEncoding(const char* bytes, const char* charsetName) {
   CharsetDecoder decoder(charsetName);
   decoder.append(bytes, m_utf8);
@@ -42,10 +48,12 @@ void XString::setFromSbUtf8(const StringBuffer& sb) { m_utf8 = sb.str(); }
 
 bool XString::equalsIgnoreCaseUtf8(const char* text) const { return foldCase(m_utf8) == foldCase(text); }
 
+// Cuts the pattern each time; who has many texts keeps a WildcardPattern.
 bool XString::matchesUtf8(const char* pattern, bool caseSensitive) const {
   return WildcardPattern(pattern, caseSensitive).matches(m_utf8);
 }
 
+// Without regard to case both are folded first, because folding may change a length.
 bool XString::endsWithUtf8(const char* text, bool ignoreCase) const {
   const size_t length = std::strlen(text);
   if (ignoreCase) {
@@ -56,11 +64,13 @@ bool XString::endsWithUtf8(const char* text, bool ignoreCase) const {
   return m_utf8.size() >= length && m_utf8.compare(m_utf8.size() - length, length, text) == 0;
 }
 
+// From the end, so that it costs as much as is dropped and not as the text has.
 void XString::shortenNumChars(unsigned n) {
   std::string::size_type size = m_utf8.size();
   for (; n > 0 && size > 0; --n) {
     // A character starts at most four bytes before its end; an invalid byte is one of its own.
     size_t start = size - 1;
+    // Only a sequence that ends exactly here is one character.
     for (size_t back = 2; back <= 4 && back <= size; ++back) {
       size_t at = size - back;
       const char32_t character = nextUtf8(std::string_view(m_utf8.data(), size), at);

@@ -1,3 +1,6 @@
+// What an archive is, told by its content, because names lie: plain tar by its first header block, the
+// compressions by their magic, and what is none of these by signatures worth a sentence to the person who
+// mistook it.
 #include "tar/format/ArchiveContent.h"
 
 #include <algorithm>
@@ -30,11 +33,15 @@ bool isPlainBlock(const unsigned char* bytes, unsigned n) {
 
 }  // namespace
 
+// Tar first: a header's first bytes are a member's name, and a name may begin with any signature. A valid
+// checksum is not met with by chance.
 std::optional<Compression> recogniseArchive(const unsigned char* bytes, unsigned n) {
   if (isPlainBlock(bytes, n)) return Compression::None;
   return compressionByContent(bytes, n);
 }
 
+// The longer signature stands in front of the shorter one that it begins with. A literal that holds NULs is a
+// string_view with its length. A cut literal keeps an escape from taking the digit behind it for its own.
 const char* foreignContent(const unsigned char* bytes, unsigned n) {
   static constexpr struct {
     std::string_view signature;
@@ -60,12 +67,15 @@ const char* foreignContent(const unsigned char* bytes, unsigned n) {
   for (const auto& [signature, sentence] : kForeign) {
     if (startsWith(bytes, n, signature.data(), static_cast<unsigned>(signature.size()))) return sentence;
   }
+  // Printable bytes, white space and everything from 0x80 on, which is most of what any character set writes.
+  // All n bytes must be text.
   const auto isText = [](unsigned char c) {
     return c >= 0x20 ? c != 0x7F : c == '\t' || (c >= '\n' && c <= '\r');
   };
   return n > 0 && std::all_of(bytes, bytes + n, isText) ? "This is text, no archive." : nullptr;
 }
 
+// One block is enough for a header and far more than enough for a magic.
 bool detectArchive(_mvDataSource& source, std::optional<Compression>& found, ProgressMonitor* pm,
                    LogBase& log) {
   const char* bytes = nullptr;

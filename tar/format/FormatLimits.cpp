@@ -1,3 +1,6 @@
+// What goes where when a member is written: into the block, into a record in front of it, or nowhere. Each
+// format is asked once, before anything is written, so that a member that it cannot hold leaves no trace in
+// the archive.
 #include "tar/format/FormatLimits.h"
 
 #include "tar/format/Member.h"
@@ -10,10 +13,14 @@ namespace morvane {
 
 namespace {
 
+// Seven octal digits: 0 to 2,097,151.
 bool fitsIds(const Member& member) {
   return hasOctalForm(kUidField, member.uid) && hasOctalForm(kGidField, member.gid);
 }
 
+// Null if the path could be cut in two. The views of `encoding` then point into the member's path. By default
+// the prefix keeps its slash and may have more than the field's 155 bytes (see HeaderBlock.h for what becomes
+// of it), because equal input is to give equal archives in every version.
 const char* splitIntoBlock(const Member& member, const FormatRules& rules, MemberEncoding& encoding) {
   const UstarSplit split = splitUstarPath(member.path);
   if (split.error) return split.error;
@@ -28,6 +35,8 @@ const char* splitIntoBlock(const Member& member, const FormatRules& rules, Membe
   return overflows ? kUstarCannotSplit : nullptr;
 }
 
+// The size is not asked about, because every reader takes it in base-256. Longer user and group names are cut
+// by the block, which loses no data.
 const char* whyNotInUstar(const Member& member) {
   if (!fitsIds(member)) return "The ustar format cannot hold a user or group id over 2097151.";
   if (!hasOctalForm(kMtimeField, member.mtime.seconds)) {
@@ -60,7 +69,9 @@ void addAttributes(const Member& member, std::string& records) {
   }
 }
 
-// Everything that the block cannot hold exactly, as pax records.
+// Everything that the block cannot hold exactly, as pax records, by the keywords of POSIX. Fields that fit
+// are left to the block alone, so that archives stay as small as without records and readers without pax lose
+// nothing. Names count as too long from the field's width on: their field ends in a NUL.
 std::string paxRecordsFor(const Member& member, bool pathNeedsPax, const FormatRules& rules) {
   std::string records;
   if (pathNeedsPax) records = paxPathRecord(member.path, rules.paxExact);
@@ -87,6 +98,7 @@ std::string paxRecordsFor(const Member& member, bool pathNeedsPax, const FormatR
 
 }  // namespace
 
+// Lengths are bytes; a directory's slash counts.
 MemberEncoding encodingOf(const Member& member, WriteFormat format, const FormatRules& rules) {
   MemberEncoding encoding;
   encoding.name = member.path;
@@ -99,6 +111,7 @@ MemberEncoding encodingOf(const Member& member, WriteFormat format, const Format
     encoding.paxRecords = paxRecordsFor(member, encoding.pathNeedsPax, rules);
     return encoding;
   }
+  // A path of 101 to 255 bytes is the one case in which ustar has a way of its own: cut, or refused.
   if (format == WriteFormat::Ustar) {
     encoding.refusal = whyNotInUstar(member);
     if (!encoding.refusal && isLong && length <= kLongestUstarPath) {
@@ -107,7 +120,9 @@ MemberEncoding encodingOf(const Member& member, WriteFormat format, const Format
       return encoding;
     }
   }
-  // Longer paths in a ustar archive fall back to GNU's record rather than fail.
+  // Longer paths in a ustar archive fall back to GNU's record rather than fail. Readers without GNU's record
+  // show such a member under a cut name, which is documented; a refusal would end the archive for a path that
+  // most readers can take.
   encoding.needsLongName = isLong;
   encoding.needsLongLink = member.linkPath.size() > kLinkNameField.width;
   return encoding;

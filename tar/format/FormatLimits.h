@@ -12,16 +12,19 @@ namespace morvane {
 
 struct Member;
 
+// The format of a whole archive; what records it brings along encodingOf tells for each member.
 enum class WriteFormat { Gnu, Pax, Ustar };
 
-// Where the rules differ from the component's oldest ones (the words of UncommonOptions).
+// Where the rules differ from the component's oldest ones (the words of UncommonOptions). The defaults keep
+// archives of equal input the same in every version.
 struct FormatRules {
   bool ustarPlainPrefix = false;    // the prefix without the slash that joins it to the name
   bool ustarOverflowFails = false;  // a prefix longer than its field is an error
   bool paxExact = false;            // the length of a path's record is right for any length
 };
 
-// How a member goes into an archive. The views are of the member's path, or of constants.
+// How a member goes into an archive. The views are of the member's path, or of constants. It must not outlive
+// the member.
 struct MemberEncoding {
   const char* refusal = nullptr;  // why the format cannot hold the member; the rest is then of no use
   bool pathIsRefused = false;     // it is the path
@@ -33,6 +36,8 @@ struct MemberEncoding {
   std::string paxRecords;  // data of the pax record; empty: none is needed
 };
 
+// Plain computation: nothing is written and nothing logged; what is refused the caller says in its own words
+// and order.
 MemberEncoding encodingOf(const Member& member, WriteFormat format, const FormatRules& rules);
 
 }  // namespace morvane

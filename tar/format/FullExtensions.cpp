@@ -1,3 +1,9 @@
+// Extension records read as POSIX pax (IEEE 1003.1, "pax Extended Header") and GNU tar mean them, for runs
+// with FullRead.
+//
+// Everything here comes from an archive that nobody vouches for. Lengths are checked against what is there
+// before anything is cut out; a record that cannot be told apart from the next one is an error, because
+// whatever follows would be read as something else; a record that is merely unknown is passed over.
 #include "tar/format/FullExtensions.h"
 
 #include <charconv>
@@ -10,24 +16,32 @@ namespace morvane {
 
 namespace {
 
+// Further digits are cut off, not rounded.
 constexpr unsigned kNanosecondDigits = 9;
-// A global name is copied into every member.
+// A global name is copied into every member. So one of megabytes would cost as much with each of a million
+// members.
 constexpr size_t kLongestGlobalName = 1024;
 
+// The error and the beginning of what it is about; the log makes control characters harmless.
 bool malformed(LogBase& log, const char* why, std::string_view about) {
   log.LogError(why);
   log.LogData("paxRecord", std::string(about.substr(0, 100)).c_str());
   return false;
 }
 
-// Cuts the next record off the front of `data`: "LENGTH KEYWORD=VALUE\n", the length counting all of it.
+// Cuts the next record off the front of `data`: "LENGTH KEYWORD=VALUE\n", the length counting all of it. The
+// length decides, never a newline, for values may hold newlines and NULs. A keyword may hold anything but
+// "=", and has at least one byte; a value may be empty.
 bool nextPaxRecord(std::string_view& data, std::string_view& keyword, std::string_view& value) {
   size_t length = 0;
   const auto number = std::from_chars(data.data(), data.data() + data.size(), length);
   const size_t digits = static_cast<size_t>(number.ptr - data.data());
   if (number.ec != std::errc() || digits >= data.size() || data[digits] != ' ') return false;
-  // Our own plain pax form states one byte too few for the longest paths.
+  // Our own plain pax form states one byte too few for the longest paths. So it is forgiven where the byte
+  // that is missing is the last one of all data and the record's newline.
   if (length + 1 == data.size() && data[length] == '\n' && data[length - 1] != '\n') ++length;
+  // Digits, a blank, one byte and a newline are the least, so that no difference below goes under 0.
+  // (from_chars refuses a number over 64 bits, and takes no sign.)
   if (length > data.size() || length < digits + 3 || data[length - 1] != '\n') return false;
   const std::string_view record = data.substr(digits + 1, length - digits - 2);
   const size_t equals = record.find('=');
@@ -38,6 +52,7 @@ bool nextPaxRecord(std::string_view& data, std::string_view& keyword, std::strin
   return true;
 }
 
+// Digits and nothing else, from 0 to 2^63-1.
 std::optional<long long> parseCount(std::string_view text) {
   long long value = 0;
   const auto result = std::from_chars(text.data(), text.data() + text.size(), value);
@@ -45,11 +60,13 @@ std::optional<long long> parseCount(std::string_view text) {
   return value;
 }
 
+// For the 32-bit forms of times and for ids; the exact times keep their 63 bits.
 unsigned clampTo32(long long value) {
   constexpr long long kMax = std::numeric_limits<unsigned>::max();
   return static_cast<unsigned>(value < 0 ? 0 : value > kMax ? kMax : value);
 }
 
+// Long names and links are NUL-terminated text; a pax value is not, and does not come here.
 std::string_view untilNul(std::string_view text) { return text.substr(0, text.find('\0')); }
 
 void setOwned(std::unique_ptr<StringBuffer>& owned, const std::string& value) {
@@ -58,6 +75,9 @@ void setOwned(std::unique_ptr<StringBuffer>& owned, const std::string& value) {
 
 }  // namespace
 
+// Nothing that a double would do: it has not enough digits for nanoseconds today. "1." and "-0.5" are times,
+// "." and "1e9" are not. A whole part beyond 63 bits stops at the end of the range, so that the member is not
+// lost for it.
 TarTime parsePaxTime(std::string_view text) {
   TarTime time;
   const bool negative = !text.empty() && text.front() == '-';
@@ -91,11 +111,13 @@ bool FullExtensions::isRecord(char typeFlag) {
          typeFlag == kTypeLongLink;
 }
 
+// Read as members they would become files that never were any.
 bool FullExtensions::isPassedOver(char typeFlag) {
   return typeFlag == kTypeVolumeLabel || typeFlag == kTypeDumpDir || typeFlag == kTypeMultiVolume ||
          typeFlag == kTypeOldNames;
 }
 
+// For another archive: global records hold for one.
 void FullExtensions::clear() {
   m_global = Attributes();
   m_hasGlobal = false;
@@ -107,11 +129,14 @@ void FullExtensions::forgetNext() {
   m_hasNext = false;
 }
 
+// Data that begin with a NUL count as none. What is taken stays even if a later record of the same data is
+// malformed: the run is over then.
 bool FullExtensions::take(char typeFlag, std::string_view data, LogBase& log) {
   const std::string_view text = untilNul(data);
   if (text.empty()) return true;  // says nothing
   (typeFlag == kTypePaxGlobal ? m_hasGlobal : m_hasNext) = true;
   switch (typeFlag) {
+    // GNU's record wins over a pax path before it, as the later one.
     case kTypeLongName:
       m_next.path = std::string(untilNul(data));
       return true;
@@ -123,10 +148,12 @@ bool FullExtensions::take(char typeFlag, std::string_view data, LogBase& log) {
   }
 }
 
+// A NUL where a record should begin is padding, and ends the data.
 bool FullExtensions::takePaxRecords(std::string_view data, bool global, LogBase& log) {
   while (!data.empty() && data.front() != '\0') {
     std::string_view keyword, value;
     if (!nextPaxRecord(data, keyword, value)) return malformed(log, "A PAX record is malformed.", data);
+    // Built only for a log that is to show it: there may be many.
     if (log.verbose()) {
       log.LogData("paxName", std::string(keyword).c_str());
       log.LogData("paxValue", std::string(value).c_str());
@@ -136,9 +163,12 @@ bool FullExtensions::takePaxRecords(std::string_view data, bool global, LogBase&
   return true;
 }
 
+// Within one member the later of two equal keywords wins. Unknown keywords, vendors' ones included, are
+// passed over as POSIX asks.
 bool FullExtensions::takePaxRecord(std::string_view keyword, std::string_view value, bool global,
                                    LogBase& log) {
   Attributes& to = global ? m_global : m_next;
+  // They would give every later member the same name or size, which no writer means.
   if (global && (keyword == "path" || keyword == "linkpath" || keyword == "size")) {
     log.LogNotice("A global PAX record that can hold for one member only is ignored.");
     log.LogData("paxName", std::string(keyword).c_str());
@@ -183,6 +213,7 @@ bool FullExtensions::takePaxRecord(std::string_view keyword, std::string_view va
   if (keyword == "uid") return takeId(PAX_UID, to.uid);
   if (keyword == "gid") return takeId(PAX_GID, to.gid);
   if (keyword == "size") {
+    // An empty size takes back the record's alone; the block always has one.
     to.size = parseCount(value);
     return to.size || value.empty() || malformed(log, "A PAX size is no number.", value);
   }
@@ -234,6 +265,8 @@ void FullExtensions::takeSparseRecord(std::string_view keyword, std::string_view
   }
 }
 
+// Global records first, so that the member's own win; what an empty value of the member's own took back is
+// left out of the global ones. Where neither says anything the block's own stays.
 void FullExtensions::complete(TarHeader& header, Member& member) {
   if (m_hasGlobal) apply(m_global, m_next.takenBack, header);
   if (m_hasNext) {
@@ -268,6 +301,7 @@ void FullExtensions::spread(TarHeader& header, Member& member) {
   member.sparseIsWrong = !ok;
 }
 
+// The path is given its length, because a pax path may hold a NUL; whoever makes a file of it refuses that.
 void FullExtensions::apply(const Attributes& attributes, unsigned except, TarHeader& member) {
   const auto counts = [except](PaxField field) { return (except & field) == 0; };
   const auto setTime = [&](PaxField field, const std::optional<TarTime>& time, TarTime& exact,

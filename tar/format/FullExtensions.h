@@ -14,9 +14,12 @@
 namespace morvane {
 
 // A point in time as pax writes it: decimal seconds, perhaps negative, perhaps with a fraction. Not known
-// when the text is no number; seconds stop at what 63 bits hold.
+// when the text is no number; seconds stop at what 63 bits hold. Nanoseconds are 0 to 999,999,999 and count
+// forward from the second, before 1970 too.
 TarTime parsePaxTime(std::string_view text);
 
+// The records of one archive, as they come. A record counts from where it stands; nothing is merged
+// backwards.
 class FullExtensions {
  public:
   // Records that only describe other members: pax, global pax, long name, long link.
@@ -28,8 +31,11 @@ class FullExtensions {
   // `spreads`: records about holes are understood, so that a member takes its real name and size from them.
   explicit FullExtensions(bool spreads) : m_spreads(spreads) {}
 
+  // Forgets global records too.
   void clear();
-  // Takes the data of a record. False, with the reason in the log, if they make no sense.
+  // Takes the data of a record. False, with the reason in the log, if they make no sense. The type flag must
+  // be one of isRecord. Views are not kept: texts are copied. What is unknown or of no use here is taken and
+  // ignored.
   bool take(char typeFlag, std::string_view data, LogBase& log);
   // Forgets the records meant for the next member alone: what followed them was none.
   void forgetNext();
@@ -38,6 +44,7 @@ class FullExtensions {
   void complete(TarHeader& header, Member& member);
 
  private:
+  // What is not set leaves what the header, or a global record, says.
   struct Attributes {
     std::optional<std::string> path, linkPath, userName, groupName;
     std::optional<unsigned> uid, gid;

@@ -1,3 +1,6 @@
+// The one place where a header block is written, for members and for records. The layout is TarBlock.h's;
+// what has to go into a record instead has been decided before (FormatLimits.h). This only puts values into
+// their fields.
 #include "tar/format/HeaderBlock.h"
 
 #include <cstdio>
@@ -12,10 +15,15 @@ namespace morvane {
 
 namespace {
 
+// At most `most` bytes, without a NUL when all are used: POSIX allows that for name, link name and prefix,
+// and the block was zero before. User and group names leave their last byte for the NUL that POSIX demands
+// there.
 void putText(unsigned char* block, unsigned offset, unsigned most, std::string_view text) {
   text.copy(reinterpret_cast<char*>(block + offset), most);
 }
 
+// Such a path has been refused long before with UstarOverflow=fail. Without it there is no way left to report
+// anything from here, and an archive with a wrong path in it would be found out too late.
 void requirePrefixFits(std::string_view prefix) {
   if (prefix.size() <= kLongestPrefix) return;
   std::fprintf(stderr, "morvane_tar: fatal: a ustar prefix of %zu bytes does not fit the header block\n",
@@ -25,13 +33,16 @@ void requirePrefixFits(std::string_view prefix) {
 
 }  // namespace
 
+// The checksum comes last: it is of all the other bytes.
 void encodeHeaderBlock(const Member& member, const StoredPath& path, TarMagic magic, unsigned char* block) {
   requirePrefixFits(path.prefix);
   std::memset(block, 0, kBlockSize);
   putText(block, kNameField.offset, kNameField.width, path.name);
   putText(block, kPrefixField.offset, kLongestPrefix, path.prefix);
   const bool gnu = magic == TarMagic::Gnu;
-  // Base-256 is GNU's, but sizes have it in every format, because readers of every kind take it there.
+  // Base-256 is GNU's, but sizes have it in every format, because readers of every kind take it there. An id
+  // or a time that neither form holds has been put into a pax record, which readers take in its place, or has
+  // been refused.
   const auto put = [&](Field field, long long value) {
     putNumber(block, field, gnu || hasOctalForm(field, value) ? value : 0);
   };
@@ -46,6 +57,7 @@ void encodeHeaderBlock(const Member& member, const StoredPath& path, TarMagic ma
   putText(block, kUserNameField.offset, kUserNameField.width - 1, member.userName);
   putText(block, kGroupNameField.offset, kGroupNameField.width - 1, member.groupName);
   const bool isDevice = member.typeFlag == kTypeCharacterDevice || member.typeFlag == kTypeBlockDevice;
+  // GNU tar leaves both fields zero for what is no device.
   if (!gnu || isDevice) {
     put(kDevMajorField, member.deviceMajor);
     put(kDevMinorField, member.deviceMinor);

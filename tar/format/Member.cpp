@@ -1,7 +1,10 @@
+// From a parsed header, which belongs to a reader and is used again for every block, to the plain value that
+// everybody else works with.
 #include "tar/format/Member.h"
 
 namespace morvane {
 
+// The exact times are taken, never the 32-bit ones; a reader that wants those puts them in afterwards.
 void Member::takeNumbers(const TarHeader& header) {
   typeFlag = header.m_typeFlag;
   isDirectory = header.m_isDirectory;
@@ -12,10 +15,13 @@ void Member::takeNumbers(const TarHeader& header) {
   mtime = header.m_exactMtime;
   atime = header.m_exactAtime;
   ctime = header.m_exactCtime;
+  // Listings show what the header says, also where the reader brings the member's own time into 32 bits.
   listedMtime = header.m_exactMtime.seconds;
+  // For whoever passes over the data: the blocks of a sparse map are not counted in the size.
   sparseMapGoesOn = header.m_sparseMapGoesOn;
 }
 
+// The link path is a record's where there is one.
 void Member::copyHeader(const TarHeader& header) {
   takeNumbers(header);
   path = header.m_path.str();
@@ -24,6 +30,7 @@ void Member::copyHeader(const TarHeader& header) {
   groupName = header.groupName();
 }
 
+// For runs over millions of members: both sides keep memory for texts and need not allocate it again.
 void Member::exchangeHeader(TarHeader& header) {
   takeNumbers(header);
   header.exchangeTexts(path, linkPath, userName, groupName);

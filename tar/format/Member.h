@@ -19,10 +19,13 @@ struct MemberAttribute {
 };
 
 struct Member {
+  // As stored, also one that nobody knows; TarBlock.h names those that mean something here.
   char typeFlag = '0';
+  // By type flag, or by an old header's slash: whoever places the member asks this and not the type flag.
   bool isDirectory = false;
   // Bytes as stored; nothing is decoded, and a NUL may stand in a name that a pax record gave.
   std::string path, linkPath, userName, groupName;
+  // Permission bits and whatever else the field held, up to 32 bits.
   unsigned mode = 0;
   unsigned uid = 0, gid = 0;
   unsigned deviceMajor = 0, deviceMinor = 0;

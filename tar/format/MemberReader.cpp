@@ -1,3 +1,8 @@
+// The two ways to put a member together from blocks and records; MemberReader.h says what an engine may rely
+// on.
+//
+// They share no state, because they differ in what they merge into what: the lenient one merges the member's
+// block into the record's header, the full one what the records say into the member's header.
 #include "tar/format/MemberReader.h"
 
 #include "runtime/log/LogBase.h"
@@ -13,10 +18,14 @@ namespace {
 // Extension data are read whole; what is larger than this is no path.
 constexpr long long kLongestLenientRecord = 100000;
 
+// Only pax and GNU long-name records are known here; any other type, global records included, is a member of
+// that name.
 class LenientReader : public MemberReader {
  public:
   explicit LenientReader(Demand demand) : MemberReader(demand) {}
 
+  // The block behind a record is parsed apart, because the record's header is what the result is made of. If
+  // that block is a record itself, the merged header counts as that record's, oddly and on purpose.
   bool takeBlock(const unsigned char* block, Found& found, LogBase& log) override {
     bool endOfArchive = false;
     TarHeader& parsed = followsRecord() ? m_following : m_header;
@@ -43,6 +52,7 @@ class LenientReader : public MemberReader {
 
   bool followsRecord() const override { return m_record != '\0'; }
 
+  // Text up to the first NUL, which the caller has put behind the data.
   bool takeRecord(std::string_view data, LogBase& log) override {
     m_record = m_header.m_typeFlag;
     if (m_record == kTypePax) return parsePaxExtendedHeader(data.data(), m_header, log);
@@ -54,6 +64,7 @@ class LenientReader : public MemberReader {
     return m_header.m_typeFlag == kTypePax ? "PAX extended header" : "long filename header";
   }
 
+  // The limit of the option MaxExtensionBytes is not asked here: this reader has one of its own.
   bool acceptsRecordSize(long long size, long long, LogBase& log) const override {
     if (size >= 1 && size <= kLongestLenientRecord) return true;
     log.LogError((std::string("Invalid size in ") + recordName() + ".").c_str());
@@ -69,6 +80,7 @@ class LenientReader : public MemberReader {
   char m_record = '\0';   // the type flag of a record that waits for its member
 };
 
+// Records wait in m_extensions until a member comes, however many there are and in whatever order.
 class FullReader : public MemberReader {
  public:
   explicit FullReader(Demand demand) : MemberReader(demand), m_extensions(demand.spreads) {}
@@ -82,6 +94,7 @@ class FullReader : public MemberReader {
             : FullExtensions::isRecord(typeFlag)     ? Found::Record
             : FullExtensions::isPassedOver(typeFlag) ? Found::PassedOver
                                                      : Found::Member;
+    // Records in front of something that is no member were about that, and must not stick to the next one.
     if (found == Found::PassedOver) m_extensions.forgetNext();
     m_found.sparse.clear();
     m_found.sparseIsWrong = false;
@@ -113,6 +126,7 @@ class FullReader : public MemberReader {
 
   const char* recordName() const override { return "extension data"; }
 
+  // An empty record is fine: it says nothing.
   bool acceptsRecordSize(long long size, long long most, LogBase& log) const override {
     if (size <= most) return true;
     log.LogError("Extension data too large.");
@@ -123,6 +137,7 @@ class FullReader : public MemberReader {
   const TarHeader& header() const override { return m_header; }
 
  private:
+  // The texts are exchanged with m_found, and so parsed into memory that is there already.
   TarHeader m_header;
   FullExtensions m_extensions;
   bool m_followsRecord = false;

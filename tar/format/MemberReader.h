@@ -15,6 +15,8 @@ namespace morvane {
 
 class LogBase;
 
+// It is fed in the order of the archive: takeBlock with each header block, and behind a Record takeRecord
+// with its data. It keeps no pointer to what it is given. One thread.
 class MemberReader {
  public:
   // What a header block begins.
@@ -41,9 +43,10 @@ class MemberReader {
   const Demand& demand() const { return m_demand; }
 
   // Takes the next header block. False, with the reason in the log, if it is no valid one. A member has what
-  // the records before said of it.
+  // the records before said of it. `block` has 512 bytes.
   [[nodiscard]] virtual bool takeBlock(const unsigned char* block, Found& found, LogBase& log) = 0;
-  // Whether the block that comes next is merged with a record.
+  // Whether the block that comes next is merged with a record. Its texts are then the record's and not the
+  // block's.
   virtual bool followsRecord() const = 0;
   // The data of the record that was found last. A NUL must follow the last byte. False, with the reason in
   // the log, if they make no sense.
@@ -52,6 +55,7 @@ class MemberReader {
   // What a record is called in messages, and whether its data are of a size that is read: at most `most`
   // bytes. What is refused is said in the log.
   virtual const char* recordName() const = 0;
+  // The pull engine asks, before it takes memory for them; the push engine has limits of its own.
   [[nodiscard]] virtual bool acceptsRecordSize(long long size, long long most, LogBase& log) const = 0;
 
   // A further block of the map of a sparse member of GNU's form, which stands between header and data and is

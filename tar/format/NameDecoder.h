@@ -9,9 +9,13 @@
 
 namespace morvane {
 
+// A decoder costs the system a look at its tables, so it is kept from name to name and made anew when a
+// callback has changed the property. Owned by a run; one thread.
 class NameDecoder {
  public:
-  // The decoder for a character set, made again only when it is another than the last time.
+  // The decoder for a character set, made again only when it is another than the last time. Valid until the
+  // next call. `charset` is a name that iconv knows, in any case; an unknown one is no failure, because a
+  // listing of names read wrongly is worth more than none.
   CharsetDecoder& forCharset(const std::string& charset, LogBase& log) {
     if (m_decoder && m_charset == charset) return *m_decoder;
     m_decoder = std::make_unique<CharsetDecoder>(charset.c_str());
@@ -24,7 +28,9 @@ class NameDecoder {
   }
 
  private:
+  // Null until it is asked for first.
   std::unique_ptr<CharsetDecoder> m_decoder;
+  // What m_decoder is for.
   std::string m_charset;
 };
 

@@ -1,10 +1,13 @@
+// Pax records as text (IEEE 1003.1, "pax Extended Header File Format"): "LENGTH KEYWORD=VALUE\n", where the
+// decimal length counts the whole record, its own digits and the newline.
 #include "tar/format/PaxRecordText.h"
 
 namespace morvane {
 
 namespace {
 
-// The record's length counts the digits of the record's length.
+// The record's length counts the digits of the record's length. Grows by a digit at most twice on the way: 99
+// bytes without digits need a length of 3 digits, not 2. So the loop ends.
 size_t exactRecordLength(size_t withoutDigits) {
   size_t length = withoutDigits;
   for (size_t previous = 0; length != previous;) {
@@ -16,12 +19,17 @@ size_t exactRecordLength(size_t withoutDigits) {
 
 }  // namespace
 
+// No byte of the value is escaped, because the length tells where it ends.
 void appendPaxRecord(std::string_view keyword, std::string_view value, std::string& records) {
   constexpr size_t kBlankEqualsAndNewline = 3;
   records += std::to_string(exactRecordLength(kBlankEqualsAndNewline + keyword.size() + value.size()));
   records.append(1, ' ').append(keyword).append(1, '=').append(value).append(1, '\n');
 }
 
+// What the length is short of: " path=" and the newline are 7 bytes, and the digits three, or four from 990
+// bytes on. From 9,989 bytes on there are five digits, which the short rule does not know. It is kept,
+// because equal input is to give equal archives in every version; FullExtensions.cpp forgives the missing
+// one, and a reader that goes by lines does not see it.
 std::string paxPathRecord(std::string_view path, bool exact) {
   std::string record;
   if (exact) {
@@ -33,6 +41,9 @@ std::string paxPathRecord(std::string_view path, bool exact) {
   return record.append(" path=").append(path).append(1, '\n');
 }
 
+// -1 second and 500,000,000 nanoseconds is "-0.5": half a second before 1970. Zeros at the end of a fraction
+// say nothing and are left out. The 1 is added before the sign changes, so that even -2^63 seconds do not
+// overflow.
 std::string paxTimeText(const TarTime& time) {
   if (time.nanoseconds == 0) return std::to_string(time.seconds);
   // The fraction counts forward from the second; in text, before 1970, it counts away from zero.

@@ -1,3 +1,5 @@
+// Between a Member, in which nothing is trusted or decoded, and the TarMember that an application sees and
+// may change.
 #include "tar/format/ShownMember.h"
 
 #include "runtime/progress/TarMember.h"
@@ -5,6 +7,7 @@
 
 namespace morvane {
 
+// A directory's size is 0, because no data of it are ever extracted.
 void showMember(const Member& member, const std::string& path, TarMember& shown) {
   shown.typeFlag = member.typeFlag;
   shown.size = member.dataSize();
@@ -20,6 +23,9 @@ void showMember(const Member& member, const std::string& path, TarMember& shown)
   shown.skip = false;
 }
 
+// The rest of `shown` is told and not taken back: type, size and directory stay what they are, or the data
+// that follow would be read as something else. What a callback may write is brought into range here and
+// nowhere else.
 void takeShown(const TarMember& shown, Member& member) {
   constexpr unsigned kModeBits = 07777;
   constexpr unsigned kMostNanoseconds = 999999999;
@@ -29,6 +35,7 @@ void takeShown(const TarMember& shown, Member& member) {
   member.gid = shown.gid;
   member.userName = shown.userName;
   member.groupName = shown.groupName;
+  // A whole second or more of them would be refused by the system when the time is set.
   const unsigned nanoseconds = shown.mtimeNanoseconds;
   member.mtime = {shown.mtime, nanoseconds > kMostNanoseconds ? kMostNanoseconds : nanoseconds, true};
 }

@@ -10,10 +10,12 @@ struct TarMember;
 
 // `path` is what the member is called in the archive or below the target; a directory's loses its slashes at
 // the end. What the event is told beside the member itself (writing, localPath) is the caller's to set. The
-// texts of `shown` are used again.
+// texts of `shown` are used again. Throws std::bad_alloc only.
 void showMember(const Member& member, const std::string& path, TarMember& shown);
 
 // Puts what the event left into the member, but for the path, which has rules of its own in each direction.
+// Mode is cut to its lower twelve bits, nanoseconds to less than a second. Whether the texts fit the format
+// is asked when the member is written.
 void takeShown(const TarMember& shown, Member& member);
 
 }  // namespace morvane

@@ -1,3 +1,8 @@
+// One header block parsed. It decides what a block is at all: the end mark, a header, or neither.
+//
+// Refusals are few, because an archive that other tars read must be read too: the checksum, without which
+// nothing in the block means anything, and the size, without which the next header cannot be found. Every
+// other field has a value that does no harm.
 #include "tar/format/TarHeader.h"
 
 #include <cstring>
@@ -12,14 +17,17 @@ namespace morvane {
 
 namespace {
 
+// The first byte is zero, and each byte equals the one before.
 bool isZeroBlock(const unsigned char* block) {
   return block[0] == 0 && std::memcmp(block, block + 1, kBlockSize - 1) == 0;
 }
 
+// Up to the NUL, or all of the field where there is none.
 unsigned textLength(const unsigned char* block, Field field) {
   return static_cast<unsigned>(strnlen(reinterpret_cast<const char*>(block + field.offset), field.width));
 }
 
+// Clears without giving memory back: headers are parsed by the million into the same record.
 void takeText(const unsigned char* block, Field field, StringBuffer& out) {
   out.weakClear();
   out.appendN(reinterpret_cast<const char*>(block + field.offset), textLength(block, field));
@@ -30,7 +38,9 @@ void takeOwnedText(const unsigned char* block, Field field, std::unique_ptr<Stri
   takeText(block, field, *out);
 }
 
-// The prefix has 155 bytes, except that our own writer lets one run on into the tail, slash included.
+// The prefix has 155 bytes, except that our own writer lets one run on into the tail, slash included. Such a
+// one ends in a slash in the tail. Bytes there that do not end in one are somebody else's use of the tail,
+// and no part of the path.
 unsigned prefixLength(const unsigned char* block) {
   const unsigned length = textLength(block, kPrefixField);
   if (length < kPrefixField.width) return length;
@@ -38,6 +48,7 @@ unsigned prefixLength(const unsigned char* block) {
   return block[kPrefixField.offset + longer - 1] == '/' ? longer : length;
 }
 
+// GNU tar's magic has a blank in the NUL's place, and what lies behind it is no prefix.
 bool isUstarBlock(const unsigned char* block) {
   constexpr unsigned kMagicAlone = 6;  // "ustar" and NUL; versions differ and do not matter
   return std::memcmp(block + kMagicField.offset, kUstarMagic, kMagicAlone) == 0;
@@ -52,6 +63,7 @@ bool isDirectoryBlock(const unsigned char* block, char typeFlag, long long size)
   return length > 0 && length < kNameField.width && block[kNameField.offset + length - 1] == '/';
 }
 
+// One error line; the caller shows the block if it wants to.
 bool invalid(LogBase& log, const char* why) {
   log.LogError(why);
   return false;
@@ -70,6 +82,8 @@ void TarHeader::clear() {
   for (TarTime* time : {&m_exactMtime, &m_exactAtime, &m_exactCtime}) *time = TarTime();
 }
 
+// The end mark is told by its first block; whether a second one follows is left to whoever cares. The
+// checksum comes before everything else, so that messages about fields are about headers.
 bool TarHeader::parseFromMemory(const unsigned char* block, bool& endOfArchive, LogBase& log) {
   if (isZeroBlock(block)) {
     clear();
@@ -85,6 +99,8 @@ bool TarHeader::parseFromMemory(const unsigned char* block, bool& endOfArchive, 
       return invalid(log, "The TAR header's size is negative.");
     case NumberField::State::TooLarge:
       return invalid(log, "The TAR header's size is too large.");
+    // A number that stops early would find the wrong place for the next header, and everything from there on
+    // would be noise.
     case NumberField::State::Foreign:
       return invalid(log, "The TAR header's size is not a number.");
   }
@@ -97,6 +113,7 @@ bool TarHeader::parseFromMemory(const unsigned char* block, bool& endOfArchive, 
   return true;
 }
 
+// What is no number counts as far as it can be read; a wrong mode or time is no reason to lose a file.
 void TarHeader::takeNumbers(const unsigned char* block) {
   m_mode = parseNumber(block, kModeField).as32();
   m_uid = parseNumber(block, kUidField).as32();
@@ -110,6 +127,7 @@ void TarHeader::takeNumbers(const unsigned char* block) {
   m_exactAtime = m_exactCtime = TarTime();
 }
 
+// User and group name are made anew where merging has moved them away.
 void TarHeader::takeNames(const unsigned char* block) {
   takeText(block, kNameField, m_name);
   takeText(block, kLinkNameField, m_linkName);
@@ -130,6 +148,8 @@ void TarHeader::takeNames(const unsigned char* block) {
   m_path.appendN(m_name.getString(), m_name.getSize());
 }
 
+// The two failures are told apart, because the first is what an archive looks like whose writer was stopped
+// between members. The missing bytes are zeroed for those who show the block.
 bool TarHeader::readBlock(_mvDataSource& source, unsigned char* block, LogBase& log, ProgressMonitor* pm) {
   unsigned numRead = 0;
   if (!source.readFully(reinterpret_cast<char*>(block), kBlockSize, numRead, pm, log)) return false;
@@ -141,6 +161,7 @@ bool TarHeader::readBlock(_mvDataSource& source, unsigned char* block, LogBase& 
   return false;
 }
 
+// The caller's block is filled even when parsing fails, for it is then shown in the log.
 bool TarHeader::parseFromDataSource(_mvDataSource& source, unsigned char* rawBlock, bool& endOfArchive,
                                     LogBase& log, ProgressMonitor* pm) {
   unsigned char local[kBlockSize];
@@ -148,9 +169,12 @@ bool TarHeader::parseFromDataSource(_mvDataSource& source, unsigned char* rawBlo
   return readBlock(source, block, log, pm) && parseFromMemory(block, endOfArchive, log);
 }
 
+// A short text lies inside its std::string, where copying costs less than exchanging two and leaves the
+// header's as it was; a longer one gives its memory away instead.
 void TarHeader::exchangeTexts(std::string& path, std::string& linkPath, std::string& userName,
                               std::string& groupName) {
   const auto exchange = [](StringBuffer* text, std::string& with) {
+    // What std::string keeps in itself.
     constexpr unsigned kCopiedAsFast = 15;
     if (!text) {
       with.clear();
@@ -170,6 +194,7 @@ void TarHeader::setWholePath(const char* path) {
   setWholePath(path, static_cast<unsigned>(std::strlen(path)));
 }
 
+// Name and prefix are no part of it any more.
 void TarHeader::setWholePath(const char* bytes, unsigned n) {
   m_path.weakClear();
   m_path.appendN(bytes, n);

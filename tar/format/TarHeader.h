@@ -16,7 +16,7 @@ class ProgressMonitor;
 class XString;
 class _mvDataSource;
 
-// Which attributes a pax extended header supplied to a record.
+// Which attributes a pax extended header supplied to a record. Bits; the gaps between them have no meaning.
 enum PaxField : unsigned {
   PAX_ATIME = 0x001,
   PAX_CTIME = 0x008,
@@ -30,19 +30,23 @@ enum PaxField : unsigned {
   PAX_UNAME = 0x800,
 };
 
-// A point in time as an archive may give it: 63-bit seconds and a fraction.
+// A point in time as an archive may give it: 63-bit seconds and a fraction. Nanoseconds are 0 to 999,999,999
+// and count forward from the second, before 1970 too.
 struct TarTime {
   long long seconds = 0;
   unsigned nanoseconds = 0;
   bool known = false;
 };
 
+// It owns its texts and may be parsed into again and again; one thread at a time.
 class MORVANE_API TarHeader {
  public:
+  // Of the block: at most 100 bytes, empty where a record gave the path.
   StringBuffer m_name;
   StringBuffer m_prefix;        // of ustar blocks only
   unsigned m_paxFieldsSet = 0;  // PaxField bits; 0 when only a block was parsed
   StringBuffer m_path;  // what readers go by: prefix and name joined, or what a record put in its place
+  // Numbers as the block has them, brought into 32 bits: negative and blank are 0, too large is 2^32-1.
   unsigned m_mode = 0;
   unsigned m_uid = 0;
   unsigned m_gid = 0;
@@ -52,6 +56,7 @@ class MORVANE_API TarHeader {
   unsigned m_ctime = 0;  // 0: unknown
   char m_typeFlag = '\0';
   std::unique_ptr<StringBuffer> m_linkPath;  // of a pax or long-link record
+  // May be null, as when merging has moved it away; userName() is then empty.
   std::unique_ptr<StringBuffer> m_userName;
   std::unique_ptr<StringBuffer> m_groupName;
   bool m_isDirectory = false;
@@ -60,12 +65,12 @@ class MORVANE_API TarHeader {
   // The times in full; m_mtime, m_atime and m_ctime are their 32-bit forms.
   TarTime m_exactMtime, m_exactAtime, m_exactCtime;
 
-  // Returns the record to the empty state.
+  // Returns the record to the empty state. The texts' memory is kept for the next block.
   void clear();
 
   // Parses a 512-byte block into the record, everything of an earlier one gone. A block of zero bytes sets
   // `endOfArchive` (which is otherwise left alone) and is no failure. False, with the reason in the log, for
-  // a block that is no valid header.
+  // a block that is no valid header. After a failure the record is as it was.
   bool parseFromMemory(const unsigned char* block, bool& endOfArchive, LogBase& log);
   // Reads the next 512 bytes and parses them. Fewer are a failure. `rawBlock`, when not null, receives the
   // 512 bytes. The monitor, which may be null, is asked while the read waits.
@@ -82,16 +87,16 @@ class MORVANE_API TarHeader {
   void toXmlEntry(XString& xml, const char* extensionData, const char* charset, ProgressMonitor* pm,
                   LogBase& log) const;
   // The fields of a raw 512-byte block in quoted-printable form, "name=...; mode=..." and so on. Never holds
-  // "]]>".
+  // "]]>". For listings: anything but plain ASCII is written "=HH", and so are "=", "]", ">" and ";".
   static void getFieldsQP(const unsigned char* block, StringBuffer& out);
-  // Logs the fields of a block that could not be parsed.
+  // Logs the fields of a block that could not be parsed. In the same form, a data line for each field.
   static void debugLogTarHeader(const unsigned char* block, LogBase& log);
 
   // Exchanges the path, the link path (a record's, else the block's) and the names with other texts. The
   // header's own are then of no use before the next parse, but for what a record makes the whole path.
   void exchangeTexts(std::string& path, std::string& linkPath, std::string& userName, std::string& groupName);
   // Reads the next 512 bytes; fewer are a failure, with the reason in the log. Those that are missing are
-  // then 0.
+  // then 0. `block` has 512 bytes.
   [[nodiscard]] static bool readBlock(_mvDataSource& source, unsigned char* block, LogBase& log,
                                       ProgressMonitor* pm);
 

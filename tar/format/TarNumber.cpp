@@ -1,3 +1,6 @@
+// Numbers between their forms in a block and C++'s. Readers meet more than POSIX has: leading blanks, fields
+// without an end, GNU's base-256, checksums of writers whose char had a sign. Each form is read here and
+// nowhere else.
 #include "tar/format/TarNumber.h"
 
 #include <cstdint>
@@ -9,12 +12,15 @@ namespace morvane {
 
 namespace {
 
+// 2^63-1: whatever is larger cannot be a size or a time here.
 constexpr unsigned long long kLargest = 0x7FFFFFFFFFFFFFFFull;
 
 bool isOctalDigit(unsigned char c) { return c >= '0' && c <= '7'; }
 
 // The number that up to eight digits at `at` make, which then points behind them. Of the work on a header
-// half was to look at its some fifty digits one by one.
+// half was to look at its some fifty digits one by one. Reads eight bytes whether or not they are digits: the
+// caller has them in the field. The digits are octal, so that each brings three bits, and the shifts by 11,
+// 22 and 44 put two neighbours together in one addition.
 unsigned long long takeEightDigits(const unsigned char*& at) {
 #if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
   uint64_t digits;
@@ -36,6 +42,9 @@ unsigned long long takeEightDigits(const unsigned char*& at) {
 #endif
 }
 
+// Bit 7 of the first byte is the marker and bit 6 the sign (GNU tar writes two's complement); the remaining
+// bits are the number, most significant first. A field of 12 bytes has room for more than 64 bits, hence the
+// check before each shift.
 NumberField parseBase256(const unsigned char* at, unsigned width) {
   NumberField number;
   if (at[0] & 0x40) {
@@ -54,6 +63,7 @@ NumberField parseBase256(const unsigned char* at, unsigned width) {
   return number;
 }
 
+// Twelve digits are 36 bits, so that no field of a header can overflow. A blank field has no digit and is 0.
 NumberField parseOctal(const unsigned char* at, unsigned width) {
   NumberField number;
   const unsigned char* const end = at + width;
@@ -66,8 +76,10 @@ NumberField parseOctal(const unsigned char* at, unsigned width) {
 
 }  // namespace
 
+// One byte of the field is the NUL.
 bool hasOctalForm(Field field, long long value) { return value >= 0 && value < 1LL << 3 * (field.width - 1); }
 
+// Leading zeros fill the field, as POSIX has it.
 void putNumber(unsigned char* block, Field field, long long value) {
   char* const at = reinterpret_cast<char*>(block + field.offset);
   if (!hasOctalForm(field, value)) {
@@ -78,6 +90,8 @@ void putNumber(unsigned char* block, Field field, long long value) {
   for (unsigned i = field.width - 1; i-- > 0; value >>= 3) at[i] = static_cast<char>('0' + (value & 7));
 }
 
+// Six digits, NUL, blank: the form in which every tar writes this one field, and which some old readers
+// insist on. The sum of 512 bytes is less than 2^17, which six octal digits hold.
 void putChecksum(unsigned char* block) {
   char digits[8];
   mv_0o(headerChecksum(block), 6, digits);
@@ -85,6 +99,7 @@ void putChecksum(unsigned char* block) {
   std::memcpy(block + kChecksumField.offset, digits, sizeof digits);
 }
 
+// 32 rows of at most 255 are less than 2^16.
 unsigned headerChecksum(const unsigned char* block) {
   if (!block) return 0;
   // Columns of 16 bits, which a vector register adds at once and 32 bytes cannot fill.
@@ -97,18 +112,23 @@ unsigned headerChecksum(const unsigned char* block) {
   }
   unsigned sum = 0;
   for (const unsigned column : columns) sum += column;
+  // As if the field held blanks. The difference may be negative; unsigned arithmetic comes out right all the
+  // same.
   for (unsigned i = 0; i < kChecksumField.width; ++i) {
     sum += unsigned{' '} - block[kChecksumField.offset + i];
   }
   return sum;
 }
 
+// Big-endian from the last byte to the first; the marker is put over the first bit. What is left of the value
+// tells whether it fitted; of a negative one that is -1, because the shift keeps the sign.
 bool numToBase256(long long value, char* out, int len) {
   for (int i = len; i-- > 0; value >>= 8) out[i] = static_cast<char>(value & 0xFF);
   out[0] = static_cast<char>(out[0] | 0x80);
   return value == 0;
 }
 
+// The bits of longer fields are shifted out at the top without a word; parseNumber is the one that checks.
 bool base256ToNum(long long& out, const char* in, int len) {
   out = 0;
   const auto byteAt = [in](int i) { return static_cast<unsigned char>(in[i]); };
@@ -119,6 +139,7 @@ bool base256ToNum(long long& out, const char* in, int len) {
   return true;
 }
 
+// No octal digit, blank or NUL has bit 7 set, so that the marker cannot be mistaken.
 NumberField parseNumber(const unsigned char* block, Field field) {
   const unsigned char* const at = block + field.offset;
   return *at & 0x80 ? parseBase256(at, field.width) : parseOctal(at, field.width);

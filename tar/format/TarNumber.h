@@ -9,9 +9,11 @@ namespace morvane {
 // What seven octal digits hold, as most fields have them.
 constexpr unsigned kMostOctal = 07777777;
 
-// Whether a number has width - 1 octal digits at most.
+// Whether a number has width - 1 octal digits at most. Negative numbers have none.
 bool hasOctalForm(Field field, long long value);
-// Writes width - 1 octal digits and NUL; what has no such form in base-256, as sizes from 8 GiB on.
+// Writes width - 1 octal digits and NUL; what has no such form in base-256, as sizes from 8 GiB on. The field
+// is overwritten whole. A negative number's two's complement is cut to the field, with the marker over its
+// first bit; so GNU tar reads it.
 void putNumber(unsigned char* block, Field field, long long value);
 // Writes the checksum of the otherwise finished block.
 void putChecksum(unsigned char* block);
@@ -20,13 +22,16 @@ void putChecksum(unsigned char* block);
 unsigned headerChecksum(const unsigned char* block);
 
 // Big-endian binary with bit 7 of the first byte as a marker. True when the value fitted, so false for a
-// negative one; whether the marker covered a bit of the value is not checked.
+// negative one; whether the marker covered a bit of the value is not checked. `out` has `len` bytes, 1 or
+// more; bytes above the value's own are filled with its sign.
 bool numToBase256(long long value, char* out, int len);
 // The marker is not required. False, with `out` 0, for a negative number (bit 6 of the first byte). Bits over
-// the 64th are lost.
+// the 64th are lost. For `len` bytes, 1 or more.
 bool base256ToNum(long long& out, const char* in, int len);
 
-// A numeric field as read from a block that nobody vouches for.
+// A numeric field as read from a block that nobody vouches for. The state says what was wrong, and the value
+// is what a lenient reader takes for it. A caller that cannot do with a wrong value, as of a size, asks the
+// state.
 struct NumberField {
   enum class State { Ok, Negative, TooLarge, Foreign };
   State state = State::Ok;
@@ -38,7 +43,7 @@ struct NumberField {
 };
 
 // Octal with leading blanks, ended by a blank, NUL or the field's end; blank is 0. Or base-256, where the
-// marker is.
+// marker is. Never fails: whatever the bytes are, there is a value. Reads the field's bytes only.
 NumberField parseNumber(const unsigned char* block, Field field);
 
 // The value of a field whose state is Negative: base-256 in two's complement, at least -2^63.

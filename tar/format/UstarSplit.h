@@ -6,6 +6,8 @@
 
 namespace morvane {
 
+// 155 bytes of prefix and 100 of name. A prefix without its slash would allow for one byte more, which is not
+// used.
 constexpr size_t kLongestUstarPath = 255;
 constexpr size_t kLongestNameInBlock = 100;
 
@@ -21,7 +23,8 @@ struct UstarSplit {
   std::string_view prefix;
 };
 
-// Cuts at the first slash from the left that leaves a name of 1 to 100 bytes. The views point into `path`.
+// Cuts at the first slash from the left that leaves a name of 1 to 100 bytes. The views point into `path`. Up
+// to 100 bytes all is name.
 UstarSplit splitUstarPath(std::string_view path);
 
 }  // namespace morvane

@@ -8,18 +8,23 @@
 
 namespace morvane {
 
+// Belongs to one run, and so to one thread. The properties themselves may be set by any thread: the change
+// count is what makes their new values visible here.
 template <class Settings>
 class LiveSettings {
  public:
   // `take` tells the properties as they are; `changes` counts how often any of them was set. Both must
-  // outlive the object.
+  // outlive the object. `Settings` is a plain struct whose defaults are those of the component.
   LiveSettings(std::function<Settings()> take, const ChangeCount& changes)
       : m_take(std::move(take)), m_changes(changes) {}
 
-  // As of the last refresh; every default before the first.
+  // As of the last refresh; every default before the first. The reference stays valid, and its contents the
+  // same, until the next refresh that finds a change; views into them do not outlast it.
   const Settings& now() const { return m_settings; }
-  // Takes the properties anew if any was set since the last time. True if so.
+  // Takes the properties anew if any was set since the last time. True if so. Without a change it costs one
+  // load of a counter, because it is asked at each header.
   bool refresh() {
+    // Read before the properties: what is set while they are taken is found by the next refresh.
     const unsigned changes = m_changes.now();
     if (m_taken && changes == m_changesTaken) return false;
     m_settings = m_take();

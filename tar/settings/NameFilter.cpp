@@ -1,18 +1,25 @@
+// The decision by which MustMatch and MustNotMatch leave paths out, for writing and for reading. The two
+// plain-name rules below are odd, each in its own way, and both are documented (docs/format.md, "Patterns"):
+// programs rely on what they let through.
 #include "tar/settings/NameFilter.h"
 
 #include "runtime/text/Utf8.h"
 
 namespace morvane {
 
+// A plain name has rules of its own about the last part of a path, see below.
 bool isPlainName(std::string_view pattern) {
   return !pattern.empty() && pattern.find_first_of("*/\\") == std::string_view::npos;
 }
 
+// The patterns are cut at their stars here, once, and not with each path.
 NameFilter::NameFilter(Settings settings)
     : m_settings(std::move(settings)),
       m_mustMatch(m_settings.mustMatch, m_settings.caseSensitive),
       m_mustNotMatch(m_settings.mustNotMatch, m_settings.caseSensitive) {}
 
+// The wildcard step comes first for both patterns; the plain name's rule only adds to what MustMatch takes
+// and only takes from what MustNotMatch leaves out.
 bool NameFilter::excludes(std::string_view path) const {
   if (!m_settings.mustMatch.empty() && !m_mustMatch.matches(path)) {
     if (!m_settings.mustMatchExact || !finalPartEquals(path, m_settings.mustMatch)) return true;

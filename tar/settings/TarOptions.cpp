@@ -1,3 +1,8 @@
+// The parser of UncommonOptions: tables of what there is, and a few functions that go through them. A new
+// word is a row here and a member of TarOptions; nothing else in this file changes.
+//
+// All words are optional behaviour: text without any gives the defaults. What is not understood is never
+// guessed at, because a misspelt Confine that was passed over would let an archive out of its directory.
 #include "tar/settings/TarOptions.h"
 
 #include <algorithm>
@@ -13,20 +18,23 @@ namespace {
 
 // ---- The words, one row each, lower case
 
+// A word that is on or off: "Word", "Word=on", "Word=off".
 struct Switch {
   const char* word;
   bool& (*setting)(TarOptions& options);
 };
 
+// A word that needs a number, "Word=1000", in a range of its own. "Word=off" gives the default back.
 struct Number {
   const char* word;
   long long& (*setting)(TarOptions& options);
   long long least, most;
 };
 
-// One of a word's values.
+// One of a word's values. Words with values of their own, one row for each value.
 struct Choice {
   const char *word, *value;
+  // Sets what the value stands for.
   void (*choose)(TarOptions& options);
 };
 
@@ -41,13 +49,14 @@ struct Part {
   void (*add)(KeptParts& parts);
 };
 
-// Stands for other words.
+// Stands for other words. A row's words are parsed like given ones; nobody is told of one that is not known.
 struct Profile {
   const char *value, *words;
 };
 
 constexpr long long kAnyNumber = std::numeric_limits<long long>::max();
 
+// A function for each member: there is no pointer to a member of a member.
 #define MORVANE_SETTING(type, member) [](TarOptions& options) -> type& { return options.member; }
 constexpr Switch kSwitches[] = {
     {"memberevents", MORVANE_SETTING(bool, memberEvents)},
@@ -67,6 +76,7 @@ constexpr Switch kSwitches[] = {
     {"requireendofarchive", MORVANE_SETTING(bool, requireEndOfArchive)},
     {"entryevents", MORVANE_SETTING(bool, entryEvents)},
 };
+// With the least and the largest value that makes sense.
 constexpr Number kNumbers[] = {
     {"maxextensionbytes", MORVANE_SETTING(long long, maxExtensionBytes), 1, kAnyNumber},
     {"fastdeflate", MORVANE_SETTING(long long, codec.fastDeflate), 1, 3},
@@ -109,6 +119,7 @@ constexpr Part kParts[] = {
     {"fullmode", [](KeptParts& parts) { parts.mode = parts.fullMode = true; }},
 };
 
+// A profile may not name another one.
 constexpr char kProfileWord[] = "profile";
 #define MORVANE_USUAL                                                                                     \
   "SkipOutputFile,SkipUnreadable,WriteExactSizes,CountSkipsExcluded,UstarOverflow=fail,UstarPlainPrefix," \
@@ -116,6 +127,7 @@ constexpr char kProfileWord[] = "profile";
   "FullRead,Confine=beneath,VerifyGzip,GzipAllMembers,Bz2Framed,RequireEndOfArchive,EntryEvents,"         \
   "SkipUncreatable,Store=usual,Restore=usual"
 constexpr Profile kProfiles[] = {
+    // The same as no profile at all, for whoever puts words behind those of somebody else.
     {"off", ""},
     {"usual", MORVANE_USUAL},
     {"untrusted",
@@ -134,11 +146,13 @@ struct GivenWord {
   bool hasValue = false;
 };
 
+// Empty words, as between two commas, are none.
 std::vector<GivenWord> splitWords(std::string_view words) {
   std::vector<GivenWord> split;
   while (!words.empty()) {
     const size_t comma = std::min(words.find(','), words.size());
     GivenWord each;
+    // As given, for the complaint; what it is compared with is made below.
     each.given = trimmed(words.substr(0, comma));
     words.remove_prefix(std::min(comma + 1, words.size()));
     if (each.given.empty()) continue;
@@ -151,6 +165,7 @@ std::vector<GivenWord> splitWords(std::string_view words) {
   return split;
 }
 
+// Null where the table has no such word. The tables are short, and are looked through once a method.
 template <class Row, size_t kCount>
 const Row* rowOf(const Row (&rows)[kCount], const GivenWord& given) {
   const Row* const end = rows + kCount;
@@ -158,13 +173,16 @@ const Row* rowOf(const Row (&rows)[kCount], const GivenWord& given) {
   return found == end ? nullptr : found;
 }
 
+// A switch that is given no value is on.
 bool applySwitch(bool& setting, const GivenWord& given) {
   const bool makesSense = !given.hasValue || given.value == "on" || given.value == "off";
   if (makesSense) setting = given.value != "off";
   return makesSense;
 }
 
+// Decimal digits and nothing else; no number at all makes no sense either.
 bool applyNumber(const Number& row, TarOptions& options, const GivenWord& given) {
+  // Not 0, which for a limit means none and for others may not be allowed.
   if (given.value == "off") {
     TarOptions defaults;
     row.setting(options) = row.setting(defaults);
@@ -215,6 +233,7 @@ bool applyParts(const PartsWord& row, TarOptions& options, const GivenWord& give
   return true;
 }
 
+// One row for each value that makes sense.
 bool applyChoice(TarOptions& options, const GivenWord& given) {
   for (const Choice& choice : kChoices) {
     if (given.word != choice.word || given.value != choice.value) continue;
@@ -232,6 +251,7 @@ bool applyWord(TarOptions& options, const GivenWord& given) {
   return applyChoice(options, given);
 }
 
+// Null for a profile that is not known, or without a value.
 const Profile* profileOf(const GivenWord& given) {
   const Profile* const end = std::end(kProfiles);
   const Profile* const found =
@@ -254,6 +274,7 @@ void implyForRestoring(TarOptions& options, const std::vector<GivenWord>& given,
 
 }  // namespace
 
+// Never fails by itself: whoever asked decides what complaints lead to. A word is complained of once.
 TarOptions parseTarOptions(std::string_view words, std::vector<std::string>& complaints) {
   const std::vector<GivenWord> given = splitWords(words);
   TarOptions options;
@@ -264,6 +285,7 @@ TarOptions parseTarOptions(std::string_view words, std::vector<std::string>& com
   };
   // The profile first, wherever it stands, so that every other word wins over it.
   const Profile* profile = nullptr;
+  // The last profile that is known counts.
   for (const GivenWord& each : given) {
     if (each.word != kProfileWord) continue;
     if (const Profile* const found = profileOf(each)) {
@@ -272,9 +294,11 @@ TarOptions parseTarOptions(std::string_view words, std::vector<std::string>& com
       complain(each);
     }
   }
+  // The rows of a profile are applied like words that were given first.
   if (profile) {
     for (const GivenWord& each : splitWords(profile->words)) applyWord(options, each);
   }
+  // In their order: the last of a word wins.
   for (const GivenWord& each : given) {
     if (each.word != kProfileWord && !applyWord(options, each)) complain(each);
   }

@@ -11,11 +11,15 @@
 
 namespace morvane {
 
+// Off: where extraction goes is the archive's affair. Beneath: never out of the target, links included.
+// NoLinks: and no link is followed at all.
 enum class Confine { Off, Beneath, NoLinks };
 
+// Plain values, copied into each run. Every default is what the component does without any word.
 struct TarOptions {
+  // FastDeflate, VerifyGzip, GzipAllMembers.
   CodecOptions codec;
-  // Both directions
+  // Both directions Sends onTarMember.
   bool memberEvents = false;
   bool ownerById = false;  // owners are numbers alone
   // Writing
@@ -25,6 +29,7 @@ struct TarOptions {
   bool countSkipsExcluded = false;
   bool noTotal = false;
   bool ustarOverflowFails = false;
+  // The three of these are FormatRules of tar/format.
   bool ustarPlainPrefix = false;
   bool paxExact = false;
   bool openBeforeEvent = false;
@@ -32,9 +37,11 @@ struct TarOptions {
   long long reproducible = -1;  // no time is later than this (Unix seconds); -1: not reproducible
   // Reading
   bool fullRead = false;
+  // Bytes of one extension record (a pax header, a long name) that are read at all.
   long long maxExtensionBytes = 64LL * 1024 * 1024;
   Confine confine = Confine::Off;
   bool skipUncreatable = false;
+  // UntarBz2 begins each run anew.
   bool bz2Framed = false;
   bool requireEndOfArchive = false;
   bool entryEvents = false;
@@ -43,7 +50,10 @@ struct TarOptions {
   bool settlesExistingDirectories = false;  // with restore.fullMode: as those that the run made
   // Limits; 0: none
   static constexpr long long kDefaultPathDepth = 4096;
+  // A limit ends the run; it is not passed over.
   long long maxPathDepth = -1;  // parts of a member's path; -1: the default, and only for what is extracted
+  // Members of one run; bytes of data that it writes in all; bytes out for each byte of the compressed
+  // archive.
   long long maxMembers = 0;
   long long maxTotalBytes = 0;
   long long maxRatio = 0;
@@ -51,7 +61,7 @@ struct TarOptions {
 
 // Words separated by commas, "Word" or "Word=value", case and blanks around them ignored; the last of a word
 // wins, and any wins over a profile. Words that are not known, or have a value that makes no sense, are left
-// out and added to `complaints` as given; a component with any refuses to work.
+// out and added to `complaints` as given; a component with any refuses to work. Throws std::bad_alloc only.
 MORVANE_API TarOptions parseTarOptions(std::string_view words, std::vector<std::string>& complaints);
 
 }  // namespace morvane
