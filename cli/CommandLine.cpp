@@ -309,6 +309,7 @@ const Option kOptions[] = {
     {'S', "sparse", no_argument, nothing},  // holes are kept anyway
     {'\0', "reproducible", optional_argument,
      [](Parser& parser, const char* value) { return parser.setReproducible(value); }},
+    {'h', "dereference", no_argument, keep<&Keeping::followsLinks>},
     {'v', "verbose", no_argument, switchOn<&CommandLine::verbose>},
     {'O', "to-stdout", no_argument, switchOn<&CommandLine::toStdout>},
     {'\0', "xml", no_argument, switchOn<&CommandLine::xml>},
@@ -332,6 +333,7 @@ std::string CommandLine::writingWords() const {
   std::string words = "Profile=usual,OpenBeforeEvent,MemberEvents";
   if (keeping.attributes) words += ",Store=usual+xattr";
   if (keeping.numericOwners) words += ",OwnerBy=id";
+  if (keeping.followsLinks) words += ",FollowLinks";
   if (keeping.reproducible) words += ",Reproducible=" + std::to_string(*keeping.reproducible);
   return words;
 }
@@ -391,6 +393,7 @@ Options:
   -p                  restore modes exactly, of directories that are there, too
   --same-owner, --no-same-owner, --no-same-permissions, --numeric-owner
                       owners and exact modes (by default for root alone)
+  -h                  create: archive what links point at
   -m                  leave times of extracted files alone
   --xattrs            keep attributes and access lists (creates pax)
   --reproducible[=SECONDS]

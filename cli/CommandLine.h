@@ -26,6 +26,7 @@ struct Keeping {
   bool exactModes = false;                // -p
   std::optional<bool> owners, fullModes;  // not said: for the superuser
   bool numericOwners = false;
+  bool followsLinks = false;
   bool attributes = false;
   bool times = true;
   std::optional<long long> reproducible;  // no time is later than this

@@ -181,7 +181,8 @@ class Sources {
       return;
     }
     // A slash at the end asks for what a link points at.
-    const bool throughLink = operand.path.back() == '/' && S_ISLNK(status.st_mode);
+    const bool throughLink =
+        S_ISLNK(status.st_mode) && (operand.path.back() == '/' || m_line.keeping.followsLinks);
     if (throughLink && stat(local.c_str(), &status) != 0) {
       m_report.problem(operand.path, std::strerror(errno));
       return;

@@ -66,10 +66,15 @@ bool ClsDirTree::advancePosition(LogBase& log) {
 bool ClsDirTree::prepareToEnter(LogBase& log) {
   m_prepared = Level();
   int error = 0;
-  m_prepared.directory.reset(osOpenAt(currentDirectory(), currentName(), kOpenDirectory | O_NOFOLLOW));
+  const int noFollow = m_followsLinks ? 0 : O_NOFOLLOW;
+  m_prepared.directory.reset(osOpenAt(currentDirectory(), currentName(), kOpenDirectory | noFollow));
   error = errno;
   m_hasPrepared =
       m_prepared.directory.isOpen() && readDirectory(m_prepared.directory.fd(), m_prepared, error);
+  if (m_hasPrepared && m_followsLinks && isOnTheWay(m_prepared)) {
+    m_hasPrepared = false;
+    error = ELOOP;
+  }
   m_passBy = !m_hasPrepared;
   if (m_hasPrepared) return true;
   m_failedPath = fullPathOf(m_relativePath);
@@ -115,8 +120,15 @@ bool ClsDirTree::reopenDirectory(Level& level, int child, LogBase& log) {
   return true;
 }
 
+bool ClsDirTree::isOnTheWay(const Level& level) const {
+  return std::any_of(m_levels.begin(), m_levels.end(), [&level](const Level& each) {
+    return each.device == level.device && each.inode == level.inode;
+  });
+}
+
+// The parent of what a link leads to is not where the link is, so that there is no way back through it.
 void ClsDirTree::closeFarLevels() {
-  if (m_levels.size() <= kOpenLevels) return;
+  if (m_followsLinks || m_levels.size() <= kOpenLevels) return;
   m_levels[m_levels.size() - kOpenLevels - 1].directory.close();
 }
 
@@ -165,9 +177,11 @@ const char* ClsDirTree::currentName() const {
 unsigned char ClsDirTree::currentType() const {
   const Level& level = m_levels.back();
   const auto type = static_cast<unsigned char>(level.names[level.entries[level.current]]);
-  if (type != DT_UNKNOWN) return type;
+  const bool isFollowed = m_followsLinks && type == DT_LNK;
+  if (type != DT_UNKNOWN && !isFollowed) return type;
   struct stat status;
-  if (fstatat(currentDirectory(), currentName(), &status, AT_SYMLINK_NOFOLLOW) != 0) return DT_UNKNOWN;
+  const int flags = m_followsLinks ? 0 : AT_SYMLINK_NOFOLLOW;
+  if (fstatat(currentDirectory(), currentName(), &status, flags) != 0) return type;
   return static_cast<unsigned char>(IFTODT(status.st_mode));
 }
 

@@ -29,6 +29,10 @@ class MORVANE_API ClsDirTree {
 
   void put_BaseDir(const XString& dir);
   void put_Recurse(bool recurse) { m_recurse = recurse; }
+  // Links are what they point at, directories entered: one that leads back to a directory that the walk is in
+  // cannot be read (ELOOP). The levels of such a walk stay open, so its depth is limited by the open files
+  // that the process may have.
+  void put_FollowLinks(bool follow) { m_followsLinks = follow; }
 
   // Reads the base directory and stands on the first entry. False, with the reason in the log, when it cannot
   // be read.
@@ -75,11 +79,13 @@ class MORVANE_API ClsDirTree {
   void closeFarLevels();
   void takeName();
   unsigned char currentType() const;
+  bool isOnTheWay(const Level& level) const;
   std::string fullPathOf(const std::string& relative) const;
   bool failedToRead(LogBase& log, int error);
 
   std::string m_baseDir;
   bool m_recurse = false;
+  bool m_followsLinks = false;
   std::vector<Level> m_levels;
   std::string m_relativePath;
   std::string m_failedPath;

@@ -53,12 +53,18 @@ int FileMetadata::setOwner(int fd, unsigned uid, unsigned gid) {
   return resultOf(fchownat(fd, "", uid, gid, AT_EMPTY_PATH | AT_SYMLINK_NOFOLLOW));
 }
 
-int FileMetadata::owner(int fd, unsigned& uid, unsigned& gid) {
-  struct stat status;
-  if (fstat(fd, &status) != 0) return errno;
-  uid = status.st_uid;
-  gid = status.st_gid;
-  return 0;
+void FileMetadata::look(int fd, Status& status) {
+  struct stat found;
+  status.isKnown = fstat(fd, &found) == 0;
+  if (!status.isKnown) return;
+  status.uid = found.st_uid;
+  status.gid = found.st_gid;
+  status.mode = found.st_mode & kAllBits;
+}
+
+void FileMetadata::ownIds(unsigned& uid, unsigned& gid) {
+  uid = geteuid();
+  gid = getegid();
 }
 
 int FileMetadata::setMode(int fd, unsigned mode) {

@@ -17,7 +17,14 @@ struct FileMetadata {
 
   // An id of 4294967295 means "leave it as it is" to the system.
   static int setOwner(int fd, unsigned uid, unsigned gid);
-  static int owner(int fd, unsigned& uid, unsigned& gid);
+  // What is there; not known when the system does not tell.
+  struct Status {
+    bool isKnown = false;
+    unsigned uid = 0, gid = 0, mode = 0;
+  };
+  static void look(int fd, Status& status);
+  // Those that new files of the process get, but for a directory that hands on its group.
+  static void ownIds(unsigned& uid, unsigned& gid);
   static int setMode(int fd, unsigned mode);
   // The same for a file that has an access list, whose group bits are the list's mask and stay.
   static int setModeBesideList(int fd, unsigned mode);

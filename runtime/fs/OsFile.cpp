@@ -20,6 +20,8 @@ constexpr size_t kLongestLink = 1 << 20;  // no system has longer ones
 
 constexpr int kOpenSource = O_RDONLY | O_NONBLOCK | O_NOCTTY;
 
+int sourceFlags(SourceLinks links) { return kOpenSource | (links == SourceLinks::Followed ? 0 : O_NOFOLLOW); }
+
 // Calls system(directory, rest) for a path. A path that the kernel would refuse for its length is walked down
 // first, as many whole parts at a time as it takes.
 template <class Call>
@@ -116,10 +118,10 @@ int osOpenAt(int directory, const char* name, int flags, mode_t mode) {
   return fd;
 }
 
-int osOpenSource(const char* path) { return osOpen(path, kOpenSource | O_NOFOLLOW); }
+int osOpenSource(const char* path, SourceLinks links) { return osOpen(path, sourceFlags(links)); }
 
-int osOpenSource(int directory, const char* name) {
-  return osOpenAt(directory, name, kOpenSource | O_NOFOLLOW);
+int osOpenSource(int directory, const char* name, SourceLinks links) {
+  return osOpenAt(directory, name, sourceFlags(links));
 }
 
 int osStatus(const char* path, struct stat& out, bool followLinks) {

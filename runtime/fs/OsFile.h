@@ -56,9 +56,10 @@ int osOpenOnce(const char* path, int flags);  // a wait that a signal breaks is 
 int osOpenAt(int directory, const char* name, int flags, mode_t mode = 0);
 // Opens a file to be copied: for reading, never waiting for a FIFO, never taking a terminal, not following a
 // symbolic link at the path's end, which has come there since the file was examined.
-int osOpenSource(const char* path);
+enum class SourceLinks { NotFollowed, Followed };
+int osOpenSource(const char* path, SourceLinks links = SourceLinks::NotFollowed);
 // The same for a name in an open directory.
-int osOpenSource(int directory, const char* name);
+int osOpenSource(int directory, const char* name, SourceLinks links = SourceLinks::NotFollowed);
 int osStatus(const char* path, struct stat& out, bool followLinks);
 int osMakeDirectory(const char* path, mode_t mode);
 // The text of a symbolic link in an open directory, of any length. 0, or an errno.

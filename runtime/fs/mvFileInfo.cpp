@@ -55,9 +55,10 @@ bool mvFileInfo::load(const char* path, bool followLink, LogBase& log) {
   return true;
 }
 
-bool mvFileInfo::loadFileInfoAt(int directory, const char* name, const char* path, LogBase& log) {
+bool mvFileInfo::loadFileInfoAt(int directory, const char* name, const char* path, LogBase& log,
+                                bool followLink) {
   struct stat status;
-  if (fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
+  if (fstatat(directory, name, &status, followLink ? 0 : AT_SYMLINK_NOFOLLOW) != 0) {
     logOsError(log, kCannotExamine, path, errno);
     return false;
   }

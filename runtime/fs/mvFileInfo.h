@@ -35,7 +35,8 @@ struct MORVANE_API mvFileInfo {
   // The same for what a symbolic link at the end of the path points at.
   bool loadTargetInfoUtf8(const char* path, LogBase& log);
   // As loadFileInfoUtf8 for a name in an open directory; `path` is what the log calls it.
-  bool loadFileInfoAt(int directory, const char* name, const char* path, LogBase& log);
+  bool loadFileInfoAt(int directory, const char* name, const char* path, LogBase& log,
+                      bool followLink = false);
   // From what fstat or lstat found.
   void setFromStatus(const struct stat& status);
 

@@ -33,24 +33,39 @@ void MetadataRestorer::begin(const TarOptions& options) {
   m_newParents.clear();
   m_notKept.clear();
   if (m_parts.mode && !m_parts.fullMode) m_umask = FileMetadata::umask();
+  if (m_parts.owner) FileMetadata::ownIds(m_ownUid, m_ownGid);
 }
 
-bool MetadataRestorer::setsAfterwards(const Member& member) const {
-  return m_parts.owner || (m_parts.fullMode && (member.mode & FileMetadata::kSetIds) != 0) ||
+// A file of the user's own needs no other owner afterwards.
+bool MetadataRestorer::isOurs(const Member& member) {
+  return !m_parts.owner || (uidOf(member) == m_ownUid && gidOf(member) == m_ownGid);
+}
+
+// Whether anything has to be set before the file may have its mode.
+bool MetadataRestorer::setsAfterwards(const Member& member) {
+  return !isOurs(member) || (m_parts.fullMode && (member.mode & FileMetadata::kSetIds) != 0) ||
          (m_parts.xattr && !member.accessList.empty());
 }
 
-unsigned MetadataRestorer::modeToMake(const Member& member) const {
+// The system has then taken off what the umask, or the directory's own default list, takes off.
+bool MetadataRestorer::wasMadeWithItsMode(const Member& member) {
+  return !m_parts.fullMode && !member.isDirectory && !member.isSpecial() && !setsAfterwards(member);
+}
+
+unsigned MetadataRestorer::modeToMake(const Member& member) {
   if (!m_parts.mode) return 0666;
   return setsAfterwards(member) ? 0600 : member.mode & FileMetadata::kPermissions;
 }
 
 void MetadataRestorer::settle(int fd, const Member& member, const XString& entryPath, const Io& io) {
-  const bool ownerIsKept = !m_parts.owner || setOwner(fd, member, entryPath, io);
+  // One look at what is there spares most files two calls.
+  FileMetadata::Status status;
+  if (m_parts.owner || (m_parts.mode && !wasMadeWithItsMode(member))) FileMetadata::look(fd, status);
+  const bool ownerIsKept = !m_parts.owner || setOwner(fd, member, status, entryPath, io);
   // Links have neither a mode nor attributes that are their own.
   if (!member.isSymbolicLink()) {
     if (m_parts.xattr) setAttributes(fd, member, false, entryPath, io);
-    if (m_parts.mode) setMode(fd, member, ownerIsKept, entryPath, io);
+    if (m_parts.mode) setMode(fd, member, status, ownerIsKept, entryPath, io);
     if (m_parts.all) setAttributes(fd, member, true, entryPath, io);
   }
   if (m_parts.time) setTimes(fd, member, entryPath, io);
@@ -66,31 +81,30 @@ unsigned MetadataRestorer::gidOf(const Member& member) {
   return m_users.groupId(member.groupName).value_or(member.gid);
 }
 
-bool MetadataRestorer::setOwner(int fd, const Member& member, const XString& entryPath, const Io& io) {
+bool MetadataRestorer::setOwner(int fd, const Member& member, FileMetadata::Status& status,
+                                const XString& entryPath, const Io& io) {
   const unsigned uid = uidOf(member), gid = gidOf(member);
+  if (status.isKnown && status.uid == uid && status.gid == gid) return true;
   const int error = uid == kNoId || gid == kNoId ? EINVAL : FileMetadata::setOwner(fd, uid, gid);
   if (error != 0) m_notKept.note(NotKept::Kind::Owner, entryPath, error, io);
+  FileMetadata::look(fd, status);  // the system may have taken bits of the mode away
   return error == 0;
-}
-
-bool MetadataRestorer::isOwnedAsStored(int fd, const Member& member) {
-  unsigned uid = 0, gid = 0;
-  return FileMetadata::owner(fd, uid, gid) == 0 && uid == uidOf(member) && gid == gidOf(member);
 }
 
 // Set-id bits only on what belongs to the owner that the archive states: on anybody else's file they would be
 // a program that runs as somebody whom nobody meant.
-void MetadataRestorer::setMode(int fd, const Member& member, bool ownerIsKept, const XString& entryPath,
-                               const Io& io) {
+void MetadataRestorer::setMode(int fd, const Member& member, const FileMetadata::Status& status,
+                               bool ownerIsKept, const XString& entryPath, const Io& io) {
   unsigned mode = member.mode & FileMetadata::kAllBits;
   if (!m_parts.fullMode) {
     mode &= FileMetadata::kPermissions & ~m_umask;
-    const bool hasItsMode = !member.isDirectory && !member.isSpecial() && !setsAfterwards(member);
-    if (hasItsMode) return;  // it was made with it
-  } else if ((mode & FileMetadata::kSetIds) != 0 && !(ownerIsKept && isOwnedAsStored(fd, member))) {
-    mode &= ~FileMetadata::kSetIds;
+  } else if ((mode & FileMetadata::kSetIds) != 0) {
+    const bool isOwners = status.isKnown && status.uid == uidOf(member) && status.gid == gidOf(member);
+    if (!ownerIsKept || !isOwners) mode &= ~FileMetadata::kSetIds;
   }
   const bool hasList = m_parts.xattr && !member.accessList.empty();
+  if (status.isKnown && status.mode == mode && !hasList) return;
+  if (wasMadeWithItsMode(member)) return;
   const int error = hasList ? FileMetadata::setModeBesideList(fd, mode) : FileMetadata::setMode(fd, mode);
   if (error != 0) m_notKept.note(NotKept::Kind::Mode, entryPath, error, io);
 }

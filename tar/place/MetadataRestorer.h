@@ -25,7 +25,7 @@ class MetadataRestorer {
 
   // The mode to make a member's file with: its own, less the umask, which the system takes off, where nothing
   // else has to be set before it; else one for the owner alone.
-  unsigned modeToMake(const Member& member) const;
+  unsigned modeToMake(const Member& member);
   // The mode to make a directory with, until it is settled.
   unsigned directoryModeToMake() const { return m_parts.mode ? 0700 : 0777; }
 
@@ -52,10 +52,13 @@ class MetadataRestorer {
     std::string accessList, defaultAccessList;
   };
 
-  bool setsAfterwards(const Member& member) const;
-  bool setOwner(int fd, const Member& member, const XString& entryPath, const Io& io);
-  bool isOwnedAsStored(int fd, const Member& member);
-  void setMode(int fd, const Member& member, bool ownerIsKept, const XString& entryPath, const Io& io);
+  bool isOurs(const Member& member);
+  bool setsAfterwards(const Member& member);
+  bool wasMadeWithItsMode(const Member& member);
+  bool setOwner(int fd, const Member& member, FileMetadata::Status& status, const XString& entryPath,
+                const Io& io);
+  void setMode(int fd, const Member& member, const FileMetadata::Status& status, bool ownerIsKept,
+               const XString& entryPath, const Io& io);
   void setAttributes(int fd, const Member& member, bool security, const XString& entryPath, const Io& io);
   void setAccessList(int fd, const char* name, const std::string& text, const XString& entryPath,
                      const Io& io);
@@ -67,6 +70,7 @@ class MetadataRestorer {
   bool m_byId = false;
   bool m_settlesExisting = false;
   unsigned m_umask = 0;
+  unsigned m_ownUid = 0, m_ownGid = 0;
   UserDatabase m_users;
   NotKept m_notKept;
   // Those that the run made on the way, and those that have members: their paths and what to give them.

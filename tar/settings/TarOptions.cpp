@@ -68,6 +68,7 @@ constexpr Switch kSwitches[] = {
     {"ustarplainprefix", MORVANE_SETTING(bool, ustarPlainPrefix)},
     {"paxexact", MORVANE_SETTING(bool, paxExact)},
     {"openbeforeevent", MORVANE_SETTING(bool, openBeforeEvent)},
+    {"followlinks", MORVANE_SETTING(bool, followLinks)},
     {"fullread", MORVANE_SETTING(bool, fullRead)},
     {"skipuncreatable", MORVANE_SETTING(bool, skipUncreatable)},
     {"verifygzip", MORVANE_SETTING(bool, codec.verifyGzip)},
@@ -302,6 +303,8 @@ TarOptions parseTarOptions(std::string_view words, std::vector<std::string>& com
   for (const GivenWord& each : given) {
     if (each.word != kProfileWord && !applyWord(options, each)) complain(each);
   }
+  // Whatever a faster compressor makes, it makes on some machines only.
+  if (options.reproducible >= 0) options.codec.fastDeflate = TarOptions().codec.fastDeflate;
   if (options.restore.any()) implyForRestoring(options, given, complain);
   return options;
 }

@@ -33,6 +33,7 @@ struct TarOptions {
   bool ustarPlainPrefix = false;
   bool paxExact = false;
   bool openBeforeEvent = false;
+  bool followLinks = false;
   KeptParts store;
   long long reproducible = -1;  // no time is later than this (Unix seconds); -1: not reproducible
   // Reading

@@ -18,7 +18,9 @@ namespace {
 constexpr char kCannotOpenSource[] = "Failed to open source file for TAR archive.";
 constexpr char kCannotCopy[] = "Failed to copy file contents to TAR.";
 
-SourcePlace placeOf(const XString& fullPath) { return {fullPath, -1, nullptr, false}; }
+SourcePlace placeOf(const XString& fullPath, bool followsLinks = false) {
+  return {fullPath, -1, nullptr, false, nullptr, followsLinks};
+}
 
 }  // namespace
 
@@ -60,7 +62,7 @@ bool ArchiveWriter::writeSingleFile(const SourceEntry& entry) {
     if (!prefix.isEmpty()) prependPart(prefix.str(), pathInTar);
   }
   const XString fullPath(entry.localPath);
-  SourcePlace place = placeOf(fullPath);
+  SourcePlace place = placeOf(fullPath, m_run.settings.options.followLinks);
   place.memory = entry.file;
   if (!writeMember(place, pathInTar, nullptr)) return memberFailed(fullPath, pathInTar);
   if (isAborted()) return false;
@@ -79,7 +81,8 @@ bool ArchiveWriter::writeTree(const DirRoot& root, XString& curDirRootPath) {
   }
   const bool& goesOnWithoutUnreadable = m_run.settings.options.skipUnreadable;
   SourceWalk walk;
-  if (!walk.begin(root, m_log)) return goesOnWithoutUnreadable && leftOutUnreadable(placeOf(curDirRootPath));
+  if (!walk.begin(root, m_run.settings.options.followLinks, m_log))
+    return goesOnWithoutUnreadable && leftOutUnreadable(placeOf(curDirRootPath));
   XString pathInTar;
   while (!walk.isDone()) {
     const SourcePlace place = walk.place();
@@ -111,7 +114,7 @@ bool ArchiveWriter::isAborted() {
 }
 
 bool ArchiveWriter::writeFileToOutput(const XString& fullPath, XString& pathInTar) {
-  return writeMember(placeOf(fullPath), pathInTar, nullptr);
+  return writeMember(placeOf(fullPath, m_run.settings.options.followLinks), pathInTar, nullptr);
 }
 
 // `tree` is the walk that stands on the member, null for a single file.

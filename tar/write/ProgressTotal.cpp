@@ -38,13 +38,14 @@ class Counter {
   // False when the application aborted.
   bool addTree(const DirRoot& root) {
     SourceWalk walk;
-    bool walking = walk.begin(root, m_quiet);
+    bool walking = walk.begin(root, m_live.now().options.followLinks, m_quiet);
     while (walking && !walk.isDone()) {
       const SourcePlace place = walk.place();
       const bool isExcluded = excludes(place.fullPath.str());
       mvFileInfo info;
       if (!isExcluded && !walk.tree().get_IsDirectory() &&
-          info.loadFileInfoAt(place.directory, place.name, place.fullPath.getUtf8(), m_quiet)) {
+          info.loadFileInfoAt(place.directory, place.name, place.fullPath.getUtf8(), m_quiet,
+                              place.followsLinks)) {
         m_total = saturatedSum(m_total, storedSize(info));
       }
       if (m_io.monitor && m_io.monitor->abortCheck(m_io.log)) return false;

@@ -11,12 +11,24 @@
 
 namespace morvane {
 
+namespace {
+
+int openSource(const SourcePlace& place) {
+  const auto links = place.followsLinks ? SourceLinks::Followed : SourceLinks::NotFollowed;
+  if (place.directory < 0) return osOpenSource(place.fullPath.getUtf8(), links);
+  return osOpenSource(place.directory, place.name, links);
+}
+
+}  // namespace
+
 bool SourceFile::examine(const SourcePlace& place, bool mayOpen, mvFileInfo& info, LogBase& log) {
   close();
   const char* const path = place.fullPath.getUtf8();
-  if (place.directory < 0) return info.loadFileInfoUtf8(path, log);
+  if (place.directory < 0) {
+    return place.followsLinks ? info.loadTargetInfoUtf8(path, log) : info.loadFileInfoUtf8(path, log);
+  }
   if (place.isRegular && mayOpen) {
-    OsFile file(osOpenSource(place.directory, place.name));
+    OsFile file(openSource(place));
     struct stat status;
     if (file.isOpen() && file.status(status) == 0 && S_ISREG(status.st_mode)) {
       info.setFromStatus(status);
@@ -25,13 +37,13 @@ bool SourceFile::examine(const SourcePlace& place, bool mayOpen, mvFileInfo& inf
       return true;
     }
   }
-  return info.loadFileInfoAt(place.directory, place.name, path, log);
+  return info.loadFileInfoAt(place.directory, place.name, path, log, place.followsLinks);
 }
 
 bool SourceFile::open(const SourcePlace& place, const mvFileInfo& info, LogBase& log) {
   if (m_open) return true;
   const char* const path = place.fullPath.getUtf8();
-  OsFile file(place.directory < 0 ? osOpenSource(path) : osOpenSource(place.directory, place.name));
+  OsFile file(openSource(place));
   if (!file.isOpen()) {
     logOsError(log, "Failed to open file.", path, errno);
     return false;
@@ -65,9 +77,10 @@ bool SourceFile::readAttributes(const SourcePlace& place, FileMetadata::Attribut
                                 LogBase& log) {
   const char* const path = place.fullPath.getUtf8();
   OsFile named;
+  const int noFollow = place.followsLinks ? 0 : O_NOFOLLOW;
   if (!m_open) {
-    named.reset(place.directory < 0 ? osOpen(path, O_PATH | O_NOFOLLOW)
-                                    : osOpenAt(place.directory, place.name, O_PATH | O_NOFOLLOW));
+    named.reset(place.directory < 0 ? osOpen(path, O_PATH | noFollow)
+                                    : osOpenAt(place.directory, place.name, O_PATH | noFollow));
   }
   const int fd = m_open ? m_data.descriptor() : named.fd();
   const int error = fd < 0 ? errno : FileMetadata::readAttributes(fd, Psdk::isSuperuser(), attributes);

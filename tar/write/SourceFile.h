@@ -18,6 +18,7 @@ struct SourcePlace {
   const char* name = nullptr;
   bool isRegular = false;              // as the directory says
   const MemoryFile* memory = nullptr;  // the member's data, when they are not on the disk
+  bool followsLinks = false;           // a link stands for what it points at
 };
 
 // One object serves all members of a write, so that its buffer is made once.

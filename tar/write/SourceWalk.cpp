@@ -2,16 +2,19 @@
 
 namespace morvane {
 
-bool SourceWalk::begin(const DirRoot& root, LogBase& log) {
+bool SourceWalk::begin(const DirRoot& root, bool followsLinks, LogBase& log) {
   m_prefix = root.m_pathPrefix.str();
   m_tree.put_BaseDir(XString(root.m_dirPath.str()));
   m_tree.put_Recurse(true);
+  m_tree.put_FollowLinks(followsLinks);
+  m_followsLinks = followsLinks;
   return m_tree.beginIterate(log);
 }
 
 SourcePlace SourceWalk::place() {
   m_tree.get_FullUncPath(m_fullPath);
-  return {m_fullPath, m_tree.currentDirectory(), m_tree.currentName(), m_tree.isRegularFile()};
+  return {m_fullPath,    m_tree.currentDirectory(), m_tree.currentName(), m_tree.isRegularFile(), nullptr,
+          m_followsLinks};
 }
 
 void SourceWalk::nameMember(const XString& dirPrefix, XString& pathInTar) const {

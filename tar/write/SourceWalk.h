@@ -2,7 +2,8 @@
 // in common.
 //
 //   SourceWalk walk;
-//   for (bool ok = walk.begin(root, log); ok && !walk.isDone(); ok = walk.advance(log)) { ... walk.place()
+//   for (bool ok = walk.begin(root, false, log); ok && !walk.isDone(); ok = walk.advance(log)) { ...
+//   walk.place()
 //   ... }
 #pragma once
 
@@ -15,7 +16,7 @@ namespace morvane {
 class SourceWalk {
  public:
   // False, with the reason in the log, when the root cannot be read.
-  bool begin(const DirRoot& root, LogBase& log);
+  bool begin(const DirRoot& root, bool followsLinks, LogBase& log);
   bool isDone() const { return m_tree.get_DoneIterating(); }
   // Goes on to the next entry. False, with the reason in the log, when a directory on the way cannot be read.
   bool advance(LogBase& log) { return m_tree.advancePosition(log); }
@@ -32,6 +33,7 @@ class SourceWalk {
  private:
   ClsDirTree m_tree;
   std::string m_prefix;
+  bool m_followsLinks = false;
   XString m_fullPath;
 };
 
