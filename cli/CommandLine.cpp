@@ -174,9 +174,6 @@ class Parser {
   }
 
   bool addOptions(const std::string& words) {
-    std::vector<std::string> complaints;
-    morvane::parseTarOptions(words, complaints);
-    if (!complaints.empty()) return wrong("unknown word '" + complaints.front() + "' in --options");
     m_line.options += "," + words;
     return true;
   }
@@ -220,6 +217,12 @@ class Parser {
     if (!m_line.prefix.empty() && mode != Mode::Create) return wrong("--prefix goes with -c");
     if (m_line.stripPaths && mode == Mode::Create) return wrong("--strip-paths goes with -x");
     if (m_line.toStdout && mode != Mode::Extract) return wrong("-O goes with -x");
+    // Whether words make sense may depend on those they stand beside.
+    std::vector<std::string> complaints;
+    const bool writes = mode == Mode::Create;
+    morvane::parseTarOptions(writes ? m_line.writingWords() + m_line.options : m_line.readingWords(),
+                             complaints);
+    if (!complaints.empty()) return wrong("unknown word '" + complaints.front() + "' in --options");
     if (m_line.xml && mode != Mode::List) return wrong("--xml goes with -t");
     return true;
   }

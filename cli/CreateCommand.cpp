@@ -86,6 +86,13 @@ class CreateEvent : public morvane::ProgressEvent {
       m_report.problem(value, "its size changed while it was archived");
     } else if (what == "readFailed") {
       m_report.problem(value, failureReason(m_tar));
+    } else if (what == "unstorable") {
+      m_isBegun = false;
+      m_report.problem(value, failureReason(m_tar));
+    } else if (what == "attributesNotStored") {
+      m_report.problem(value, "attributes can be stored in the pax format alone");
+    } else if (what == "allAttributesNotStored") {
+      m_report.problem(m_line.archive, std::string(value) + " members without attributes");
     } else if (what == "socket") {
       m_report.notice(value, "a socket is left out");
     } else if (what == "userUnknown") {

@@ -70,9 +70,12 @@ class ExtractEvent : public MemberEvent {
       return;
     }
     m_path = member.path;
+    const bool isSpecial = member.typeFlag == '3' || member.typeFlag == '4' || member.typeFlag == '6';
+    m_isEmptied = isSpecial && m_line.untrusted;
   }
 
   void nameWhatChanges() {
+    if (m_isEmptied) m_report.problem(m_path, "a FIFO or device is kept as an empty file");
     if (m_path.find('\\') != std::string::npos) {
       m_report.problem(m_path, "a back slash cannot be kept; it becomes a slash");
     }
@@ -93,6 +96,7 @@ class ExtractEvent : public MemberEvent {
   ClsTar& m_tar;
   bool m_isTooLong = false;
   std::string m_path;
+  bool m_isEmptied = false;
   bool m_slashesNamed = false;
   std::map<std::string, std::string> m_lastParts;  // and the paths they came from
 };

@@ -18,7 +18,7 @@ set(morvane_public_headers
   runtime/io/OutputDataBuffer.h runtime/io/OutputFile.h runtime/io/_mvDataSource.h runtime/io/_mvFileDataSource.h
   runtime/io/_mvMemoryDataSource.h runtime/io/_mvOutput.h
   runtime/log/LogBase.h runtime/log/LogContextExitor.h runtime/log/LogNull.h runtime/log/_mvLogger.h
-  runtime/progress/ProgressEvent.h runtime/progress/ProgressMonitor.h runtime/progress/TarMemberInfo.h
+  runtime/progress/ProgressEvent.h runtime/progress/ProgressMonitor.h runtime/progress/TarMember.h runtime/progress/TarMemberInfo.h
   runtime/text/ExtPtrArraySb.h runtime/text/StringBuffer.h runtime/text/XString.h
   tar/ClsTar.h tar/format/ArchiveContent.h tar/format/TarHeader.h tar/write/DirRoot.h)
 foreach(header ${morvane_public_headers})

@@ -12,13 +12,15 @@ _mvtar() {
 
   local words=""
   case $option in
-    --format) words="gnu ustar pax" ;;
+    --format) words="gnu ustar pax posix" ;;
     --progress) words="auto always never" ;;
     --options)
       words="SkipOutputFile SkipUnreadable WriteExactSizes CountSkipsExcluded NoTotal UstarOverflow=fail
-        UstarPlainPrefix PaxExact OpenBeforeEvent FastDeflate= FullRead MaxExtensionBytes= MaxPathDepth= MaxMembers= MaxTotalBytes= MaxRatio= Profile=usual Profile=untrusted Confine=beneath Confine=nolinks
-        VerifyGzip GzipAllMembers Bz2Framed RequireEndOfArchive EntryEvents MemberEvents
-        SkipUncreatable" ;;
+        UstarPlainPrefix PaxExact OpenBeforeEvent FollowLinks Store= Reproducible= FastDeflate= FullRead Restore=
+        OwnerBy=name OwnerBy=id LinkTargets=any LinkTargets=inside ExistingDirectories=keep ExistingDirectories=settle
+        MaxExtensionBytes= MaxPathDepth= MaxMembers= MaxTotalBytes= MaxRatio= Profile=usual Profile=untrusted
+        Confine=beneath Confine=nolinks VerifyGzip GzipAllMembers Bz2Framed RequireEndOfArchive EntryEvents
+        MemberEvents SkipUncreatable" ;;
     --directory)
       compopt -o filenames
       mapfile -t COMPREPLY < <(compgen -d -- "$value")
@@ -35,9 +37,11 @@ _mvtar() {
   fi
 
   if [[ $cur == --* ]]; then
-    mapfile -t COMPREPLY < <(compgen -W "--create --extract --list --verify --deb --file --directory --gzip --bzip2
-      --format= --match= --exclude= --prefix= --strip-paths --max-count= --to-stdout --xml --charset= --verbose
-      --totals --progress --log --options= --help --version" -- "$cur")
+    mapfile -t COMPREPLY < <(compgen -W "--create --extract --get --list --verify --deb --file --directory --gzip
+      --bzip2 --format= --match= --exclude= --prefix= --strip-paths --max-count= --to-stdout --absolute-names
+      --preserve-permissions --same-permissions --no-same-permissions --same-owner --no-same-owner --numeric-owner
+      --touch --dereference --xattrs --acls --sparse --reproducible --untrusted --xml --charset= --verbose --totals
+      --progress --log --options= --help --version" -- "$cur")
     [[ ${COMPREPLY[0]-} == *= ]] && compopt -o nospace
     return
   fi
@@ -46,7 +50,7 @@ _mvtar() {
     return
   fi
   if [[ $cur == - ]]; then
-    mapfile -t COMPREPLY < <(compgen -W "-c -x -t -f -C -z -j -v -O -P --" -- "$cur")
+    mapfile -t COMPREPLY < <(compgen -W "-c -x -t -f -C -z -j -v -O -P -p -m -h -S --" -- "$cur")
     return
   fi
   compopt -o filenames

@@ -19,7 +19,7 @@ enum class Confine { Off, Beneath, NoLinks };
 struct TarOptions {
   // FastDeflate, VerifyGzip, GzipAllMembers.
   CodecOptions codec;
-  // Both directions Sends onTarMember.
+  // Both directions
   bool memberEvents = false;
   bool ownerById = false;  // owners are numbers alone
   // Writing

@@ -40,6 +40,9 @@ bool ArchiveWriter::writeTarToOutput(const ExtPtrArraySb& files, const ExtPtrArr
     const auto* const root = static_cast<const DirRoot*>(dirRoots.elementAt(i));
     if (root && !writeTree(*root, curDirRootPath)) return false;
   }
+  if (m_withoutAttributes > 1) {
+    m_run.io.inform("allAttributesNotStored", std::to_string(m_withoutAttributes).c_str());
+  }
   return writeEndOfArchive();
 }
 
@@ -141,6 +144,8 @@ bool ArchiveWriter::writeMember(const SourcePlace& place, XString& pathInTar, Cl
   }
   if (isSkippedBeingChanged(place, pathInTar)) return true;
   if (m_run.settings.options.skipUnreadable && !canBeRead(place, info, tree)) return leftOutUnreadable(place);
+  if (isLeftOutByFormat(place)) return true;
+  noteLostAttributes(place);
   if (!m_writer.writeHeader(m_member)) return m_run.io.fail("Failed to write TAR header.");
   if (m_log.verbose()) {
     m_log.LogDataInt64("fileSize", info.m_size);
@@ -179,6 +184,33 @@ bool ArchiveWriter::isSocketLeftOut(const SourcePlace& place, const mvFileInfo& 
   m_log.LogDataX("fullPath", place.fullPath);
   m_run.io.inform("socket", place.fullPath.getUtf8());
   return true;
+}
+
+// What the format would store wrongly is not stored. Where the run goes on without what cannot be read it
+// does so without this, too.
+bool ArchiveWriter::isLeftOutByFormat(const SourcePlace& place) {
+  if (m_run.settings.format != WriteFormat::Ustar || !m_run.settings.options.skipUnreadable) return false;
+  const char* const refusal = m_writer.refusalOf(m_member);
+  if (!refusal) return false;
+  m_anythingLost = true;
+  m_log.LogNotice(refusal);
+  m_log.LogDataX("fullPath", place.fullPath);
+  m_log.noteCause(refusal, "", "");
+  m_run.io.inform("unstorable", place.fullPath.getUtf8());
+  m_log.forgetCause();
+  return true;
+}
+
+// Said once, with the first member; how many there were is told at the end.
+void ArchiveWriter::noteLostAttributes(const SourcePlace& place) {
+  const bool hasSome =
+      !m_member.attributes.empty() || !m_member.accessList.empty() || !m_member.defaultAccessList.empty();
+  if (!hasSome || m_run.settings.format == WriteFormat::Pax) return;
+  m_anythingLost = true;
+  if (++m_withoutAttributes > 1) return;
+  m_log.LogNotice("Only the pax format can hold attributes.");
+  m_log.LogDataX("fullPath", place.fullPath);
+  m_run.io.inform("attributesNotStored", place.fullPath.getUtf8());
 }
 
 bool ArchiveWriter::isSkippedByEvent(const SourcePlace& place, const mvFileInfo& info,

@@ -51,6 +51,8 @@ class ArchiveWriter {
   bool isSkippedByEvent(const SourcePlace& place, const mvFileInfo& info, const XString& pathInTar);
   bool isSkippedBeingChanged(const SourcePlace& place, XString& pathInTar);
   bool isSocketLeftOut(const SourcePlace& place, const mvFileInfo& info);
+  bool isLeftOutByFormat(const SourcePlace& place);
+  void noteLostAttributes(const SourcePlace& place);
   bool isArchiveItself(const SourcePlace& place, const mvFileInfo& info);
   bool canBeRead(const SourcePlace& place, const mvFileInfo& info, ClsDirTree* tree);
   bool passByIfUnreadable(const SourcePlace& place, ClsDirTree& tree);
@@ -80,6 +82,7 @@ class ArchiveWriter {
   bool m_hasArchive = false;
   mvFileInfo m_archive;
   bool m_anythingLost = false;
+  long long m_withoutAttributes = 0;  // members that had some
 };
 
 }  // namespace morvane

@@ -27,6 +27,11 @@ bool hasNul(const std::string& text) { return text.find('\0') != std::string::np
 
 }  // namespace
 
+const char* MemberWriter::refusalOf(const Member& member) const {
+  const MemberEncoding encoding = encodingOf(member, m_run.settings.format, rulesOf(m_run.settings.options));
+  return encoding.pathIsRefused ? nullptr : encoding.refusal;
+}
+
 bool MemberWriter::writeHeader(const Member& member) {
   LogContextExitor context(m_run.io.log, "writeTarHeaderToOutput");
   if (hasNul(member.path) || hasNul(member.linkPath)) {

@@ -14,6 +14,8 @@ class MemberWriter {
  public:
   explicit MemberWriter(WriteRun& run) : m_run(run) {}
 
+  // Why the archive's format cannot hold the member, its path apart; null when it can.
+  const char* refusalOf(const Member& member) const;
   // Records and header. What the format cannot hold is an error, and nothing is written.
   [[nodiscard]] bool writeHeader(const Member& member);
 

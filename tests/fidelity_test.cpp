@@ -1,0 +1,288 @@
+// Members that come back as what they were: written by each and restored by each, the kinds that are hostile,
+// and what cannot be kept.
+#ifdef MVTAR
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "MvtarSupport.h"
+#include "tar/format/SparseMap.h"
+
+namespace morvane::testing {
+namespace {
+
+bool isRoot() { return geteuid() == 0; }
+
+// A tree with every kind of thing, as far as the user may make it.
+void makeTree(const ScratchDir& dir) {
+  must(dir,
+       R"(mkdir -p t/d/closed t/e && cd t && echo key > key && chmod 600 key && printf '#!/bin/sh\n' > run &&
+    chmod 755 run && ln key d/second && ln -s ../key d/link && ln -s /nowhere/at/all abs && ln -s dangling e/l &&
+    ln -s $(printf 'x%.0s' $(seq 150)) long && mkfifo -m 640 pipe && echo in > d/closed/f && chmod 555 d/closed &&
+    : > empty && chmod 000 empty && truncate -s 3M hole && printf end >> hole && truncate -s 1M nothing &&
+    for i in $(seq 0 2 60); do printf A | dd of=many bs=8192 seek=$i conv=notrunc status=none; done &&
+    truncate -s 700000 many && touch -d '2001-02-03 04:05:06.123456789' key d/closed run many &&
+    touch -h -d '1999-01-01 01:01:01.5' abs && touch -d '2005-05-05 05:05:05.000000001' d e)");
+  if (isRoot()) {
+    must(dir,
+         "cd t && mknod null c 1 3 && chmod 666 null && chown 1234:4321 run && chmod 4755 run && "
+         "chown -h 77:88 abs && chmod 1777 e && touch -d '2006-06-06 06:06:06' run e");
+  }
+}
+
+// What can be seen of a tree: kind, mode, owner, time, link text, names of one file, contents.
+std::string described(const ScratchDir& dir, const std::string& where, bool wholeSeconds) {
+  std::string script = "cd " + where + R"( && find t \( -type d -printf '%p %y %m %U %G %T@\n' \) -o -printf
+    '%p %y %m %U %G %T@ %s %l %n\n' | sort && find t -type f -links +1 -printf '%i %p\n' | sort |
+    awk '{a[$1]=a[$1]" "$2} END {for (i in a) print a[i]}' | sort && find t -type f -exec cksum {} + | sort -k3)";
+  for (size_t at; (at = script.find("-printf\n")) != std::string::npos;) script.replace(at, 8, "-printf ");
+  if (wholeSeconds) script = "{ " + script + R"(; } | sed -E 's/ ([0-9]+)\.[0-9]{10}/ \1/')";
+  const CommandResult result = shell(dir, script);
+  EXPECT_EQ(0, result.status) << result.err;
+  return result.out;
+}
+
+long long diskUse(const std::string& path) {
+  struct stat status {};
+  EXPECT_EQ(0, lstat(path.c_str(), &status)) << path;
+  return status.st_blocks * 512;
+}
+
+TEST(Fidelity, WhatOneWritesTheOtherRestores) {
+  ScratchDir dir;
+  makeTree(dir);
+  if (!isRoot()) must(dir, "chmod 400 t/empty");
+  const struct {
+    std::string write;
+    bool wholeSeconds;
+  } kWriters[] = {{"mvtar -cf a.tar t", true},
+                  {"mvtar --format=pax -cf a.tar t", false},
+                  {"tar --format=gnu -S -cf a.tar t", true},
+                  {"tar --format=pax -S -cf a.tar t", false},
+                  {"tar --format=pax --sparse-version=0.0 -S -cf a.tar t", false},
+                  {"tar --format=pax --sparse-version=0.1 -S -cf a.tar t", false},
+                  {"bsdtar --format=pax -cf a.tar t", false},
+                  {"bsdtar -cf a.tar t", true}};
+  for (const auto& writer : kWriters) {
+    SCOPED_TRACE(writer.write);
+    must(dir, writer.write);
+    const std::string expected = described(dir, ".", writer.wholeSeconds);
+    makeForms(dir);
+    std::vector<std::string> readers;
+    for (const Form& form : kForms) readers.push_back("mvtar -xpf a." + form.name + " -C out");
+    const bool isOurs = writer.write[0] == 'm';
+    if (isOurs) readers.insert(readers.end(), {"tar -xpSf a.tar -C out", "bsdtar -xpf a.tar -C out"});
+    for (const std::string& reader : readers) {
+      SCOPED_TRACE(reader);
+      must(dir, "chmod -R u+rwx out 2>/dev/null; rm -rf out; mkdir out; " + reader);
+      EXPECT_EQ(expected, described(dir, "out", writer.wholeSeconds));
+      EXPECT_GT(1000000, diskUse(dir / "out/t/hole") + diskUse(dir / "out/t/nothing"));
+    }
+    // Listings show what things are and where they lead.
+    const std::string listing = mvtar(dir, "-tvf a.tar").out;
+    for (const std::string line : {"3145731 ", "d/link -> ../key", "prw-r-----"})
+      EXPECT_TRUE(has(listing, line)) << listing;
+  }
+}
+
+TEST(Fidelity, ModesOfAUserAreLessTheUmask) {
+  ScratchDir dir;
+  must(
+      dir,
+      R"(mkdir t && for m in 000 111 444 600 644 666 755 777; do echo $m > t/f$m; mkdir t/d$m; chmod $m t/?$m; done
+    chmod 4755 t/f755; chmod 2755 t/d755; chmod 1777 t/d777; mvtar -cf a.tar t || true; chmod 777 .)");
+  const std::string asUser = isRoot() ? "setpriv --reuid=65534 --regid=65534 --clear-groups " : "";
+  for (const int mask : {0, 022, 077}) {
+    for (const bool exactly : {false, true}) {
+      must(dir, "rm -rf out; mkdir out; chmod 777 out; umask " +
+                    std::string(mask == 0     ? "000"
+                                : mask == 022 ? "022"
+                                              : "077") +
+                    "; cp " MVTAR " ./m; " + asUser + "./m -x" + (exactly ? "p" : "") + "f a.tar -C out");
+      for (const std::string name :
+           {"f000", "f111", "f444", "f600", "f644", "f666", "f777", "d111", "d755", "d777"}) {
+        struct stat was {
+        }, is{};
+        lstat((dir / ("t/" + name)).c_str(), &was);
+        ASSERT_EQ(0, lstat((dir / ("out/t/" + name)).c_str(), &is)) << name;
+        // Set-id bits come back only where the owner does.
+        const unsigned kept =
+            exactly ? (is.st_uid == was.st_uid ? 07777 : 01777) : 0777u & ~static_cast<unsigned>(mask);
+        EXPECT_EQ(was.st_mode & kept, is.st_mode & 07777u) << name << " umask " << mask << exactly;
+      }
+    }
+  }
+}
+
+// ---- Links that mean no good
+
+std::string membersOf(const std::vector<ArchiveBuilder::Member>& members) {
+  ArchiveBuilder archive;
+  for (const auto& member : members) archive.add(member);
+  return archive.bytes(20);
+}
+
+TEST(Fidelity, LinksThatLeadNowhereAreNamed) {
+  ScratchDir dir;
+  const std::string beyond(5000, 'x'), bad = "\nmvtar: not everything";
+  const struct {
+    std::string options;
+    std::vector<ArchiveBuilder::Member> members;
+    std::string facts, tree;
+  } kCases[] = {
+      {"", {{"l", "", '1', "f"}, {"f", "data"}}, "", "f=file data l=file data"},  // it comes later
+      {"",
+       {{"l", "", '1', "none"}, {"z", "data"}},
+       "l: The target of a hard link is not there.",
+       "z=file data"},
+      {"", {{"l", "", '1', "l"}, {"z", "data"}}, "l: refused: its path leaves the target", "z=file data"},
+      {"", {{"d/", "", '5'}, {"l", "", '1', "d"}}, "l: refused: its path leaves the target", "d=dir"},
+      {"", {{"l", "", '1', "../out/victim"}}, "l: refused: its path leaves the target", ""},
+      {"",
+       {{"s", "", '2', "../../out"}, {"l", "", '1', "s/victim"}},
+       "l: refused: its path leaves the target",
+       "s=link ../../out"},
+      {"",
+       {{"s", "", '2', "../../out"}, {"s/f", "data"}},
+       "s/f: refused: its path leaves the target",
+       "s=link ../../out"},
+      {"", {{"s", "", '2', ""}, {"z", "data"}}, "s: The symbolic link has no usable text.", "z=file data"},
+      {"--exclude=f ",
+       {{"f", "data"}, {"l", "", '1', "f"}},
+       "l: The target of a hard link was not extracted.",
+       ""},
+      {"--exclude=f ", {{"f", "data"}, {"l", "own", '1', "f"}}, "", "l=file own"},  // it brings its data
+      {"--options=LinkTargets=inside ",
+       {{"d/a", "", '2', "../b"}, {"d/c", "", '2', "../../b"}, {"e", "", '2', "/x"}},
+       "d/c: The symbolic link leads out of the target.\ne: The symbolic link leads out of the target.",
+       "d=dir d/a=link ../b"},
+      {"", {{"f", "old"}, {"f", "", '2', "x"}}, "", "f=link x"},  // the later one wins
+      {"", {{"f", "", '2', "../../out/victim"}, {"f", "new"}}, "", "f=file new"},
+      {"", {{"d/", "", '5'}, {"d", "file"}}, "", "d=file file"},
+      {"", {{"p", "", '6'}, {"p", "file"}}, "", "p=file file"},
+  };
+  for (const auto& each : kCases) {
+    SCOPED_TRACE(each.options + each.facts + each.tree);
+    must(dir, "rm -rf t; mkdir -p t/in t/out; echo outside > t/out/victim; chmod 640 t/out/victim");
+    writeFile(dir / "a.tar", membersOf(each.members));
+    makeForms(dir);
+    for (const std::string form : {"tar", "gz"}) {
+      must(dir, "rm -rf t/in; mkdir t/in");
+      expectMvtar(dir, each.options + "-xf a." + form + " -C t/in", each.facts.empty() ? 0 : 2, "",
+                  each.facts);
+      std::string tree;
+      for (const auto& [path, what] : treeOf(dir / "t/in"))
+        tree += (tree.empty() ? "" : " ") + path + "=" + what;
+      EXPECT_EQ(each.tree, tree) << form;
+    }
+    EXPECT_EQ("outside\n640 1\n", shell(dir, "cat t/out/victim; stat -c '%a %h' t/out/victim").out);
+  }
+}
+
+// Every kind of member against everything that may stand in its way: what is beside the target stays.
+TEST(Fidelity, NothingBesideTheTargetChanges) {
+  ScratchDir dir;
+  const char* const kWays[] = {"true",
+                               "mkdir x",
+                               "mkdir x; touch x/f",
+                               "ln -s in x",
+                               "ln -s ../out x",
+                               "ln -s ../out/victim x",
+                               "ln ../out/victim x",
+                               "mkfifo x",
+                               "ln -s ../new x"};
+  const ArchiveBuilder::Member kKinds[] = {
+      {"x", "evil"},          {"x/", "", '5'},          {"x", "", '2', "../out/victim"},
+      {"x", "", '6'},         {"x/y", "evil"},          {"x/y/", "", '5'},
+      {"x", "", '1', "good"}, {"x/y", "", '1', "good"}, {"x/y", "", '2', "z"}};
+  for (const char* words : {"Profile=usual", "Profile=untrusted"}) {
+    for (const char* way : kWays) {
+      for (const auto& kind : kKinds) {
+        SCOPED_TRACE(std::string(words) + " " + way + " " + kind.typeFlag + kind.name);
+        must(dir,
+             std::string("rm -rf t; mkdir -p t/in t/out; echo outside > t/out/victim; touch -d @1000000000 "
+                         "t/out/victim t/out; cd t/in; mkdir in; ") +
+                 way);
+        const std::string look =
+            "find t -path t/in -prune -o -path t -o -printf '%p %y %m %U %T@ %s\\n' | sort; cat t/out/*";
+        const std::string before = shell(dir, look).out;
+        writeFile(dir / "a.tar", membersOf({{"good", "fine"}, kind, {"last", "done"}}));
+        ClsTar tar;
+        tar.put_UncommonOptions(words);
+        tar.put_UntarFromDir(dir / "t/in");
+        tar.Untar(dir / "a.tar");
+        EXPECT_EQ(before, shell(dir, look).out);
+        EXPECT_EQ("done", readFile(dir / "t/in/last"));
+        EXPECT_EQ("fine", readFile(dir / "t/in/good"));
+      }
+    }
+  }
+}
+
+TEST(Fidelity, WhatAFormatCannotHoldIsNamed) {
+  ScratchDir dir;
+  must(dir,
+       "mkdir t && ln -s $(printf 'y%.0s' $(seq 120)) t/long && echo z > t/z && touch -d '1960-01-01' t/z");
+  expectMvtar(dir, "-cf a.tar --format=ustar t", 2, "",
+              "t/long: The ustar format cannot hold a link of more than 100 bytes.\n"
+              "t/z: The ustar format cannot hold the time of the member.");
+  expectMvtar(dir, "-tf a.tar", 0, "t/\n");
+  must(dir, "mvtar -cf a.tar t; mkdir out; mvtar -xf a.tar -C out");
+  EXPECT_EQ(-315619200, mtimeOf(dir / "out/t/z"));
+}
+
+TEST(Fidelity, ReproducibleArchivesAreTheSame) {
+  ScratchDir dir;
+  must(
+      dir,
+      R"(mkdir -p a/t/sub b/t/sub && for x in a b; do echo one > $x/t/1; echo two > $x/t/sub/2; ln -s 1 $x/t/l;
+    truncate -s 1M $x/t/h; chmod 711 $x/t/1; done; chmod 600 a/t/sub/2; chmod 700 a/t; umask 077; touch b/t/1;
+    cp --sparse=never b/t/h b/t/x; mv b/t/x b/t/h; cd a; mvtar -czf ../a.tgz --reproducible=1000000000 t; cd ../b;
+    SOURCE_DATE_EPOCH=1000000000 mvtar -czf ../b.tgz --reproducible t)");
+  EXPECT_EQ(readFile(dir / "a.tgz"), readFile(dir / "b.tgz"));
+  const std::string listing = mvtar(dir, "-tvf a.tgz").out;
+  EXPECT_TRUE(has(listing, "-rwxr-xr-x 0/0 ") && has(listing, " 4 2001-09-09 01:46 t/1")) << listing;
+}
+
+TEST(Fidelity, FollowedLinksAreWhatTheyPointAt) {
+  ScratchDir dir;
+  must(dir,
+       "mkdir -p t/a/b t/x && echo one > t/x/f && ln -s ../x t/a/dir && ln -s .. t/a/b/loop && ln -s x/f "
+       "t/file && "
+       "ln -s none t/dangling");
+  expectMvtar(dir, "-chf a.tar t", 2, "",
+              "t/a/b/loop: Too many levels of symbolic links\nt/dangling: No such file or directory");
+  expectMvtar(dir, "-tf a.tar", 0, "t/\nt/a/\nt/a/b/\nt/a/dir/\nt/a/dir/f\nt/file\nt/x/\nt/x/f\n");
+}
+
+TEST(SparseMap, ClaimsThatMakeNoSense) {
+  const auto lists = [](const std::string& text, long long realSize) {
+    SparseMap map;
+    map.begin(realSize);
+    return map.addList(text);
+  };
+  EXPECT_TRUE(lists("", 0) && lists("0,5,10,5", 15) && lists("15,0", 15));
+  for (const char* text : {"0,5,4,5", "10,6", "5", "5,", "x,1", "-1,2", "1,-2", "9223372036854775807,1",
+                           "99999999999999999999,1", "0,5;6,1"}) {
+    EXPECT_FALSE(lists(text, 15)) << text;
+  }
+  for (const std::string text : {"2\n0\n1\n", "1\n0\nx\n", "\n", "9999999\n", "1\n5\n99\n", "1\n0\n5"}) {
+    for (const unsigned piece : {1u, 512u}) {
+      SparseMap map;
+      map.beginInData(10);
+      SparseMapText reader;
+      std::string padded = text;
+      padded.resize(512);
+      SparseMapText::State state = SparseMapText::State::GoesOn;
+      unsigned used = 0;
+      for (size_t at = 0; at < padded.size() && state == SparseMapText::State::GoesOn; at += used) {
+        state = reader.take(padded.data() + at,
+                            std::min<unsigned>(piece, static_cast<unsigned>(padded.size() - at)), used, map);
+      }
+      EXPECT_EQ(SparseMapText::State::Wrong, state) << text;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace morvane::testing
+#endif
