@@ -102,7 +102,8 @@ TEST(MemberEvents, WhenReading) {
       event.changes["deep"] = [](TarMember& member) { member.path = "x/y/z"; };
       EXPECT_FALSE(gzip ? tar.UntarGz(dir / "a", &event) : tar.Untar(dir / "a", &event) >= 0);
       EXPECT_TRUE(logHas(tar, "Member refused: its path leaves the target.") && !exists(dir / "leaving"));
-      EXPECT_EQ(offered, Lines(event.offered.begin(), event.offered.begin() + 7));
+      event.offered.resize(offered.size());  // what comes behind the limit is not offered
+      EXPECT_EQ(offered, event.offered);
       EXPECT_EQ(7, mtimeOf(dir / "out/D/f"));
       EXPECT_EQ(limit.empty() ? "./D/f ./etc ./last ./x/y/z\n" : "./D/f ./etc\n",
                 shell(dir, "cd out && find -type f | sort | xargs").out);
