@@ -236,6 +236,7 @@ TEST(SystemCalls, WhatFailsIsSaidAndWhatIsInterruptedIsTriedAgain) {
                 {"FULL_OPENAT2=2", "-xf a.tar.gz -C out",
                  "d/f: No space left on device\na.tar.gz: the rest was not extracted", ""},
                 {"INTERRUPT=1", "-xvf a.tar -C out", "", "d/\nd/f\n"},
+                {"INTERRUPT=1", "-tf - < <(cat a.tar)", "", "d/\nd/f\n"},
                 {"INTERRUPT=1", "-tf a.tar", "", "d/\nd/f\n"}};
   for (const auto& each : kCases) {
     SCOPED_TRACE(std::string(each.environment) + " " + each.line);
