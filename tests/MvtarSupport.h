@@ -9,17 +9,12 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <sstream>
 
 #include "TestSupport.h"
 
 namespace morvane::testing {
 
 using Words = std::vector<std::string>;
-
-inline bool has(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
-}
 
 inline Words split(const std::string& text, char at) {
   Words words;
@@ -31,22 +26,6 @@ inline Words split(const std::string& text, char at) {
 // Runs it in the scratch directory. The words stand one blank apart; two blanks enclose an empty one.
 inline CommandResult mvtar(const ScratchDir& dir, const std::string& line, const std::string& input = "") {
   return run(split("env TZ=UTC " MVTAR + (line.empty() ? "" : " " + line), ' '), input, dir.path());
-}
-
-// What makes mvtar a command in a script.
-inline std::string withMvtar(const std::string& script) {
-  return "PATH=$(dirname " MVTAR "):$PATH; " + script;
-}
-
-// A pipe in the script fails when any part of it does.
-inline CommandResult shell(const ScratchDir& dir, const std::string& script) {
-  return run({"env", "TZ=UTC", "bash", "-o", "pipefail", "-c", withMvtar(script)}, "", dir.path());
-}
-
-// A step that a test builds on.
-inline void must(const ScratchDir& dir, const std::string& script) {
-  const CommandResult result = shell(dir, script);
-  ASSERT_EQ(0, result.status) << script << "\n" << result.err;
 }
 
 // What mvtar says of the facts, one "PATH: reason" a line, when it ends with a status.

@@ -8,11 +8,7 @@
 
 #include <csignal>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
-#include <functional>
-#include <random>
-#include <sstream>
 
 #include "tar/format/HeaderBlock.h"
 #include "tar/format/Member.h"
@@ -20,8 +16,6 @@
 #include "tar/format/TarNumber.h"
 
 namespace morvane::testing {
-
-namespace fs = std::filesystem;
 
 ScratchDir::ScratchDir() {
   std::string pattern = (fs::temp_directory_path() / "morvane-test-XXXXXX").string();
@@ -125,6 +119,23 @@ CommandResult run(const std::vector<std::string>& command, const std::string& st
   return result;
 }
 
+std::string withMvtar(const std::string& script) {
+#ifdef MVTAR
+  return "PATH=$(dirname " MVTAR "):$PATH; " + script;
+#else
+  return script;
+#endif
+}
+
+CommandResult shell(const ScratchDir& dir, const std::string& script) {
+  return run({"env", "TZ=UTC", "bash", "-o", "pipefail", "-c", withMvtar(script)}, "", dir.path());
+}
+
+void must(const ScratchDir& dir, const std::string& script) {
+  const CommandResult result = shell(dir, script);
+  ASSERT_EQ(0, result.status) << script << "\n" << result.err;
+}
+
 std::string logOf(ClsTar& tar) {
   XString text;
   tar.get_LogText(text);
@@ -175,6 +186,7 @@ bool LimitedOutput::_writeBytes(const char* data, unsigned int n, _mvIoParams&, 
     return false;
   }
   bytes.append(data, n);
+  largest = std::max(largest, n);
   return true;
 }
 

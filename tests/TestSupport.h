@@ -4,13 +4,26 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <filesystem>
+#include <functional>
 #include <map>
+#include <memory>
+#include <random>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "tar/ClsTar.h"
 
 namespace morvane::testing {
+
+namespace fs = std::filesystem;
+using namespace std::string_literals;
+
+inline bool has(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
 
 // A new empty directory that is removed with everything in it.
 class ScratchDir {
@@ -47,6 +60,20 @@ struct CommandResult {
 // Runs a program with the shell's PATH and waits for it.
 CommandResult run(const std::vector<std::string>& command, const std::string& standardInput = "",
                   const std::string& workingDir = "");
+// Has bash run a script in a directory; mvtar, where it is built, is a command in it. A pipe fails when any
+// part of it does.
+std::string withMvtar(const std::string& script);
+CommandResult shell(const ScratchDir& dir, const std::string& script);
+// A step that a test builds on.
+void must(const ScratchDir& dir, const std::string& script);
+
+// A component with option words, and with a target unless that is empty.
+struct TarWith : ClsTar {
+  explicit TarWith(const std::string& words, const std::string& target = "") {
+    put_UncommonOptions(words.c_str());
+    if (!target.empty()) put_UntarFromDir(target);
+  }
+};
 
 std::string logOf(ClsTar& tar);
 // How often a text stands in the log.
@@ -82,6 +109,7 @@ class LimitedOutput : public _mvOutput {
   explicit LimitedOutput(size_t limit = static_cast<size_t>(-1)) : m_limit(limit) {}
   bool _writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log) override;
   std::string bytes;
+  unsigned largest = 0;  // the largest piece
 
  private:
   size_t m_limit;
@@ -114,13 +142,15 @@ class RecordingEvent : public ProgressEvent {
   void onTarEntry(const char* path, long long size, bool isDirectory, bool& skip) override {
     entries.push_back(std::string(path) + " " + (isDirectory ? "dir" : std::to_string(size)));
     skip = skipEntry == path;
+    if (act) act(path);
   }
   void onTarHeader(const TarMemberInfo& member) override {
     headers.push_back(std::string(1, member.typeFlag) + " " + member.path + " " +
                       std::to_string(member.size) + " " + std::to_string(member.headerPosition));
   }
 
-  int abortAtQuestion = 0;  // the n-th onAbortCheck answers yes; 0 never
+  std::function<void(const std::string& path)> act;  // what is done when an entry is announced
+  int abortAtQuestion = 0;                           // the n-th onAbortCheck answers yes; 0 never
   int abortAtPercent = -1;
   std::string skipEntry;  // the onTarEntry path that is skipped
   int questions = 0;

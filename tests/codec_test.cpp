@@ -1,9 +1,4 @@
 // The codecs by themselves: deflate, bzip2, LZW.
-#include <functional>
-#include <optional>
-#include <random>
-#include <unordered_map>
-
 #include "TestSupport.h"
 #include "runtime/codec/MorvaneBzip2.h"
 #include "runtime/codec/MorvaneDeflate.h"
@@ -13,7 +8,6 @@
 namespace morvane::testing {
 namespace {
 
-using namespace std::string_literals;
 using Decoder = std::function<bool(_mvDataSource&, _mvOutput&, LogBase&)>;
 
 const Decoder kInflate = [](_mvDataSource& source, _mvOutput& out, LogBase& log) {
@@ -109,21 +103,20 @@ TEST(Deflate, OutputBehindTheLastInput) {
 }
 
 TEST(Bzip2, ConsecutiveStreamsAndWhatFollows) {
-  const std::string one = compressed<MorvaneBzip2>("first "), empty = compressed<MorvaneBzip2>(""),
-                    two = compressed<MorvaneBzip2>(text(3000, 7));
-  const std::string packed = one + empty + two, bytes = "first " + text(3000, 7);
-  const std::string ignored = "Bytes behind the bzip2 data are ignored.\n";
+  const std::string bytes = "first " + text(3000, 7), two = compressed<MorvaneBzip2>(text(3000, 7)),
+                    one = compressed<MorvaneBzip2>("first "), empty = compressed<MorvaneBzip2>("");
   EXPECT_EQ("BZh9", one.substr(0, 4));
   for (const std::string& behind : {""s, "\0"s, "B"s, "BZh"s, "BZh0"s, "BZ0123456789"s, noise(70000, 8)}) {
-    const Decoded expected = success(bytes, behind.empty() ? "" : ignored);
+    const std::string log = behind.empty() ? "" : "Bytes behind the bzip2 data are ignored.\n";
     for (const unsigned piece : {1u, 3u, 64u, kWhole}) {
-      EXPECT_EQ(expected, decode(kBunzip2, packed + behind, piece)) << behind.size() << " in " << piece;
+      EXPECT_EQ(success(bytes, log), decode(kBunzip2, one + empty + two + behind, piece))
+          << behind.size() << " in " << piece;
     }
   }
   for (size_t n = 4; n < two.size(); ++n) {
     EXPECT_FALSE(decode(kBunzip2, one + two.substr(0, n), 16).ok) << "it has shown its signature, " << n;
   }
-  EXPECT_NE(std::string::npos, decode(kInflate, "\x07").log.find("The deflate data are damaged."));
+  EXPECT_TRUE(has(decode(kInflate, "\x07").log, "The deflate data are damaged."));
   EXPECT_EQ(failure("", "There are no bzip2 data."), decode(kBunzip2, ""));
   EXPECT_EQ(failure("", "The data are no bzip2 data."), decode(kBunzip2, "BZh0"));
   EXPECT_EQ(failure("first ", "The bzip2 data are damaged."), decode(kBunzip2, one + "BZh9damage"));
@@ -178,35 +171,17 @@ class CodeWriter {
   bool m_any = false;
 };
 
-// An encoder that clears its table before the bytes whose positions are multiples of `clearEvery` (0: never).
-std::string lzw(const std::string& bytes, unsigned maxBits, bool blockMode, size_t clearEvery = 0) {
+// Every byte as a code of its own, the table cleared before the positions that are multiples of `clearEvery`.
+std::string literals(const std::string& bytes, unsigned maxBits, bool blockMode, size_t clearEvery = kWhole) {
   CodeWriter writer(maxBits, blockMode);
-  std::unordered_map<unsigned, unsigned> table;  // by the code of a string and the byte behind it
-  const unsigned first = blockMode ? 257 : 256;
-  unsigned free = first;
-  std::optional<unsigned> current;
   for (size_t i = 0; i < bytes.size(); ++i) {
-    if (clearEvery && i % clearEvery == 0 && current) {
-      writer.put(*current);
-      writer.clear();
-      table.clear();
-      free = first;
-      current.reset();
-    }
-    const auto byte = static_cast<unsigned char>(bytes[i]);
-    const auto known = current ? table.find(*current << 8 | byte) : table.end();
-    if (known != table.end()) {
-      current = known->second;
-      continue;
-    }
-    if (current) {
-      writer.put(*current);
-      if (free < 1u << maxBits) table[*current << 8 | byte] = free++;
-    }
-    current = byte;
+    if (i > 0 && i % clearEvery == 0) writer.clear();
+    writer.put(static_cast<unsigned char>(bytes[i]));
   }
-  if (current) writer.put(*current);
   return writer.bytes;
+}
+std::string compress(const std::string& bytes, unsigned maxBits) {
+  return run({"compress", "-cfb", std::to_string(maxBits)}, bytes).out;
 }
 
 // No pair of neighbours comes twice, so that every byte is a code and the table grows by one with each.
@@ -225,30 +200,28 @@ TEST(Lzw, EveryWriterMaximumAndSize) {
   const std::string old = noise(15000, 3), pairs = noPairTwice(33000),
                     mixed = old + std::string(260000, 'z') + old + text(40000, 4) + old + noise(300000, 5);
   for (unsigned bits = 9; bits <= 16; ++bits) {
-    const auto check = [bits](const std::string& bytes, size_t clearEvery = 0) {
-      for (const bool blockMode : {true, false}) {
-        const std::string packed = lzw(bytes, bits, blockMode, blockMode ? clearEvery : 0);
-        ASSERT_EQ(success(bytes), decode(kUncompress, packed, 3)) << bits << " " << bytes.size();
-      }
+    const auto check = [bits](const std::string& bytes) {
+      for (const bool blockMode : {true, false})
+        ASSERT_EQ(success(bytes), decode(kUncompress, literals(bytes, bits, blockMode), 3)) << bits;
       // With 9 bits compress itself fails beyond a full table: neither it nor another tar reads what it
       // wrote.
-      if (clearEvery > 0 || (bits == 9 && bytes.size() > 257)) return;
-      const std::string packed = run({"compress", "-cfb", std::to_string(bits)}, bytes).out;
-      ASSERT_EQ(success(bytes), decode(kUncompress, packed)) << bits << ": " << bytes.size();
+      if (bits == 9 && bytes.size() > 257) return;
+      ASSERT_EQ(success(bytes), decode(kUncompress, compress(bytes, bits))) << bits << ": " << bytes.size();
     };
     check(mixed);
     for (unsigned width = bits == 16 ? 9 : bits; width <= std::min(bits, 15u); ++width) {
       for (size_t n = (1u << width) - 257 - 9; n <= (1u << width) - 257 + 18; ++n) check(pairs.substr(0, n));
     }
     for (const size_t every : {1u, 2u, 3u, 7u, 8u, 9u, 255u, 256u, 5000u, 70000u}) {
-      check(mixed.substr(0, every < 256 ? 5000 : mixed.size()), every);
+      const std::string bytes = mixed.substr(0, 70 + 3 * every);
+      ASSERT_EQ(success(bytes), decode(kUncompress, literals(bytes, bits, true, every))) << bits << every;
     }
   }
 }
 
 // What is cut fails, after a part of the bytes; but a .Z file does not tell where it should end.
 TEST(Codecs, EveryCutAndEveryRefusal) {
-  const std::string bytes = text(6000, 10), noZ = "The data are not in compress format.";
+  const std::string bytes = text(6000, 10);
   const struct {
     const Decoder& decoder;
     std::string packed, line;
@@ -256,57 +229,52 @@ TEST(Codecs, EveryCutAndEveryRefusal) {
   } kCodecs[] = {
       {kInflate, compressed<MorvaneDeflate>(bytes), "The deflate data end before the stream does.", 0},
       {kBunzip2, compressed<MorvaneBzip2>(bytes), "The bzip2 data end before the stream does.", 4},
-      {kUncompress, lzw(bytes, 16, true), "", 3},
-      {kUncompress, lzw(bytes, 16, true, 500), "", 3}};
-  for (const auto& codec : kCodecs) {
-    size_t before = 0;
-    for (size_t n = 0; n < codec.packed.size(); ++n) {
-      const Decoded cut = decode(codec.decoder, codec.packed.substr(0, n), 64);
-      ASSERT_LE(before, cut.bytes.size()) << n;
-      before = cut.bytes.size();
-      const std::string start = bytes.substr(0, before);
-      if (n < codec.signature) {
-        ASSERT_FALSE(cut.ok) << n;
-      } else {
-        ASSERT_EQ(codec.line.empty() ? success(start) : failure(start, codec.line), cut) << n;
-      }
+      {kUncompress, compress(bytes, 16), "", 3},
+      {kUncompress, literals(bytes, 16, true, 500), "", 3}};
+  for (const auto& [decoder, packed, line, signature] : kCodecs) {
+    std::string before;
+    for (size_t n = 0; n < packed.size(); ++n) {
+      const Decoded cut = decode(decoder, packed.substr(0, n), 64);
+      ASSERT_TRUE(cut.bytes.find(before) == 0 && bytes.find(cut.bytes) == 0) << n;
+      ASSERT_EQ(line.empty() && n >= signature, cut.ok) << n;
+      ASSERT_TRUE(n < signature || cut.log == (line.empty() ? "" : line + "\n")) << n;
+      before = cut.bytes;
     }
     for (size_t limit = 0; limit < bytes.size(); ++limit) {
-      ASSERT_FALSE(decode(codec.decoder, codec.packed, 100, limit).ok) << limit;
+      ASSERT_FALSE(decode(decoder, packed, 100, limit).ok) << limit;
     }
   }
 }
 
 TEST(Lzw, WhatCannotBe) {
   for (unsigned bits = 0; bits < 32; ++bits) {
-    const Decoded expected =
-        bits >= 9 && bits <= 16
-            ? success("")
-            : failure("", "maxBits: " + std::to_string(bits) +
-                              "\nThe compressed data need a code width that is not supported.");
-    EXPECT_EQ(expected, decode(kUncompress, {'\x1F', '\x9D', static_cast<char>(bits | 0x80)})) << bits;
+    const std::string line =
+        "maxBits: " + std::to_string(bits) + "\nThe compressed data need a code width that is not supported.";
+    EXPECT_EQ(bits >= 9 && bits <= 16 ? success("") : failure("", line),
+              decode(kUncompress, {'\x1F', '\x9D', static_cast<char>(bits | 0x80)}));
   }
   EXPECT_EQ(failure("", "The data are not in compress format."), decode(kUncompress, "\x1F\x8B\x90"));
   constexpr unsigned kClear = 1000;
-  const auto codes = [](const std::vector<unsigned>& list, bool blockMode) {
-    CodeWriter writer(12, blockMode);
-    for (const unsigned code : list) code == kClear ? writer.clear() : writer.put(code);
-    return decode(kUncompress, writer.bytes, 1);
-  };
-  const std::string notYet = "The compressed data hold a code that is not in the table yet.";
-  for (const unsigned code : {256u, 257u, 511u}) {
-    for (const bool mode : {true, false}) {
-      EXPECT_EQ(failure("", "The compressed data start with a code that cannot be first."),
-                codes({code}, mode))
-          << code;
-    }
+  const std::string notYet = "The compressed data hold a code that is not in the table yet.",
+                    notFirst = "The compressed data start with a code that cannot be first.";
+  const struct {
+    std::vector<unsigned> codes;
+    bool blockMode;
+    Decoded expected;
+  } kCases[] = {{{256}, true, failure("", notFirst)},
+                {{256}, false, failure("", notFirst)},
+                {{511}, false, failure("", notFirst)},
+                {{'a', 257}, true, success("aaa")},
+                {{'a', 256}, false, success("aaa")},
+                {{'a', 258}, true, failure("a", notYet)},
+                {{'a', 257}, false, failure("a", notYet)},
+                // Nothing of the old table is left behind a clear.
+                {{'a', 'b', 'c', kClear, 257}, true, failure("abc", notYet)}};
+  for (const auto& each : kCases) {
+    CodeWriter writer(12, each.blockMode);
+    for (const unsigned code : each.codes) code == kClear ? writer.clear() : writer.put(code);
+    EXPECT_EQ(each.expected, decode(kUncompress, writer.bytes, 1)) << each.codes.back();
   }
-  EXPECT_EQ(success("aaa"), codes({'a', 257}, true));
-  EXPECT_EQ(success("aaa"), codes({'a', 256}, false));
-  EXPECT_EQ(failure("a", notYet), codes({'a', 258}, true));
-  EXPECT_EQ(failure("a", notYet), codes({'a', 257}, false));
-  EXPECT_EQ(failure("abc", notYet), codes({'a', 'b', 'c', kClear, 257}, true))
-      << "nothing of the old table is left behind a clear";
 }
 
 // Positions of strings count modulo 2^32 inside; one that comes round again must not be taken for another.

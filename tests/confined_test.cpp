@@ -16,8 +16,6 @@
 namespace morvane::testing {
 namespace {
 
-using namespace std::string_literals;
-
 // The ways to open parents: links inside the target, no links, and both where the system has no openat2.
 constexpr int kModes = 4;
 

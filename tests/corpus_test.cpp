@@ -1,7 +1,4 @@
 // Replays the fuzzing corpus, and inputs derived from it, without a fuzzing engine.
-#include <filesystem>
-#include <random>
-
 #include "TestSupport.h"
 #include "fuzz/Targets.h"
 
@@ -19,7 +16,7 @@ TEST_P(Corpus, HoldsItsPromises) {
   const fuzz::Target target = fuzz::targets().at(GetParam());
   const std::string folder = std::string(MORVANE_TESTDATA) + "/../../fuzz/corpus/" + GetParam();
   unsigned inputs = 0;
-  for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+  for (const auto& entry : fs::directory_iterator(folder)) {
     const std::string bytes = readFile(entry.path().string());
     runOn(target, bytes);
     ++inputs;

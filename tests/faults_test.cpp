@@ -2,7 +2,6 @@
 // skipped or never end, and callbacks that do what they should not. Nothing is then reported as done that is
 // not.
 #include <cstdlib>
-#include <filesystem>
 #include <new>
 
 #include "ArchiveSupport.h"
@@ -39,8 +38,6 @@ void operator delete[](void* bytes, const std::nothrow_t&) noexcept { std::free(
 
 namespace morvane::testing {
 namespace {
-
-using namespace std::string_literals;
 
 struct MemoryCase {
   const char* name;
@@ -101,7 +98,7 @@ TEST_F(OutOfMemory, NoCallSucceedsWithSomethingMissing) {
       long allocations = 0;
       for (bool counted = false;; ++allocations) {
         SCOPED_TRACE(std::string(each.name) + " " + words + " " + std::to_string(allocations));
-        std::filesystem::remove_all(m_dir / "out");
+        fs::remove_all(m_dir / "out");
         std::string result;
         ClsTar tar;
         tar.put_UserName("u");
@@ -132,12 +129,11 @@ TEST_F(OutOfMemory, NothingOfAnOlderSettingIsKept) {
   DataBuffer archive;
   archive.append(bytes.data(), static_cast<unsigned>(bytes.size()));
   const XString target(m_dir / "deep/target");
-  std::filesystem::create_directories(m_dir / "deep/before/x");
+  fs::create_directories(m_dir / "deep/before/x");
   for (long failing = 1; failing < 60; ++failing) {
-    ClsTar tar;
-    tar.put_UntarFromDir(m_dir / "deep/before/x");
+    TarWith tar("", m_dir / "deep/before/x");
     EXPECT_EQ(1, tar.UntarFromMemory(archive)) << "not confined yet";
-    std::filesystem::remove(m_dir / "deep/before/escaped");
+    fs::remove(m_dir / "deep/before/escaped");
     XString words("Confine=beneath,FullRead,VerifyGzip");
     g_allocationsLeft = failing;
     tar.put_UncommonOptions(words);
@@ -172,9 +168,9 @@ TEST_F(OutOfMemory, TheCommandSaysSoAndEndsWithTwo) {
                                "--deb -f out a.tgz b.tgz"};
   int kind = 0;
   for (const std::string line : lines) {
-    const bool comparesFile = line.find(" out") != std::string::npos && line[1] != '-';
+    const bool comparesFile = has(line, " out") && line[1] != '-';
     const auto run = [&](const std::string& environment) {
-      std::filesystem::remove_all(m_dir / "out");
+      fs::remove_all(m_dir / "out");
       const CommandResult result = shell(m_dir, environment + " LD_PRELOAD=" FAILING_MALLOC " mvtar " + line);
       std::string made;
       for (const auto& [path, what] : treeOf(m_dir.path()))
@@ -242,6 +238,7 @@ TEST(SystemCalls, WhatFailsIsSaidAndWhatIsInterruptedIsTriedAgain) {
                 {"FULL_OPENAT2=2", "-xf a.tar.gz -C out",
                  "d/f: No space left on device\na.tar.gz: the rest was not extracted", ""},
                 {"INTERRUPT=1", "-xvf a.tar -C out", "", "d/\nd/f\n"},
+                {"INTERRUPT=1", "-tf - < <(cat a.tar)", "", "d/\nd/f\n"},
                 {"INTERRUPT=1", "-tf a.tar", "", "d/\nd/f\n"}};
   for (const auto& each : kCases) {
     SCOPED_TRACE(std::string(each.environment) + " " + each.line);
@@ -286,7 +283,7 @@ TEST(Sources, AFailedSkipEndsTheRun) {
     EXPECT_FALSE(tar.VerifyTar(one));
     EXPECT_TRUE(logHas(tar, "Failed to pass over data of the archive.")) << logOf(tar);
     EXPECT_FALSE(tar.ListXml(two, xml));
-    EXPECT_EQ(std::string::npos, xml.str().find("inner"));
+    EXPECT_FALSE(has(xml.str(), "inner"));
     EXPECT_FALSE(tar.UntarFirstMatchingToBd(three, "inner", found));
   }
 }
@@ -329,8 +326,7 @@ TEST(Sources, AbortIsHeardWhereNothingComesOut) {
                  clears, &ClsTar::UntarZ}};
   for (const auto& each : kCases) {
     SCOPED_TRACE(each.name);
-    ClsTar tar;
-    tar.put_UncommonOptions("GzipAllMembers,Bz2Framed");
+    TarWith tar("GzipAllMembers,Bz2Framed");
     tar.put_AbortCheckMs(1);
     EndlessSource source(each.start, each.again);
     struct : ProgressEvent {
@@ -343,21 +339,8 @@ TEST(Sources, AbortIsHeardWhereNothingComesOut) {
   }
 }
 
-// A source may end by giving nothing, and may lend without being able to show what comes.
+// A source may lend without being able to show what comes.
 TEST(Sources, TheLeastThatTheySupplyIsEnough) {
-  _mvLogger log;
-  struct : TricklingSource {
-    using TricklingSource::TricklingSource;
-    bool endOfStream() override { return _mvDataSource::endOfStream(); }
-  } plain("some bytes", 3);
-  LimitedOutput out;
-  unsigned got = 0;
-  char byte;
-  EXPECT_FALSE(plain.endOfStream());
-  while (plain.read(&byte, 1, got, nullptr, log) && got > 0) out.bytes += byte;
-  EXPECT_EQ("some bytes", out.bytes);
-  EXPECT_TRUE(plain.endOfStream());
-
   class Lending : public _mvMemoryDataSource {
    public:
     bool canPeek() override { return false; }
@@ -382,9 +365,7 @@ TEST(Callbacks, AThrownOneLeavesNoHalfReadMember) {
   struct : ProgressEvent {
     void onTarEntry(const char*, long long, bool, bool&) override { throw 1; }
   } event;
-  ClsTar tar;
-  tar.put_UncommonOptions("EntryEvents");
-  tar.put_UntarFromDir(dir / "out");
+  TarWith tar("EntryEvents", dir / "out");
   EXPECT_FALSE(tar.UntarGz(dir / "a.tar.gz", &event));
   EXPECT_FALSE(tar.FinishStreamingUntar(nullptr, tar.log()));
   _mvIoParams io;
@@ -398,9 +379,7 @@ TEST(Callbacks, StepsAreRefused) {
   ScratchDir dir;
   writeFile(dir / "a.tar", member("a", std::string(3000, 'a')) + member("b", "b") + kEnd);
   ASSERT_EQ(0, run({"gzip", "-k", "a.tar"}, "", dir.path()).status);
-  ClsTar tar;
-  tar.put_UncommonOptions("EntryEvents");
-  tar.put_UntarFromDir(dir / "out");
+  TarWith tar("EntryEvents", dir / "out");
   ActingEvent event;
   event.act = [&](const std::string&) {
     _mvIoParams io;
@@ -434,8 +413,7 @@ TEST(Callbacks, ACountThatNeverEndsCanBeAborted) {
   tar.put_MustNotMatch("*file");
   RecordingEvent event;
   event.abortAtQuestion = 100;
-  LimitedOutput out;
-  EXPECT_FALSE(tar.WriteTar(out, &event));
+  written(tar, &event, false);
   EXPECT_EQ(100, event.questions);
 }
 
@@ -443,28 +421,19 @@ TEST(Callbacks, ACountThatNeverEndsCanBeAborted) {
 // sets holds from the next member on, in both engines.
 TEST(Callbacks, WhatTheyChange) {
   ScratchDir dir;
-  writeFile(dir / "secret", "secret");
-  writeFile(dir / "file", "plain!");
+  must(dir, "printf secret > secret && printf plain! > file");
   ClsTar tar;
   tar.AddFile(dir / "file");
   ActingEvent exchanging;
-  exchanging.act = [&](const std::string& path) {
-    std::filesystem::remove(path);
-    std::filesystem::create_symlink("secret", path);
-  };
-  LimitedOutput out;
-  EXPECT_FALSE(tar.WriteTar(out, &exchanging));
-  EXPECT_EQ(std::string::npos, out.bytes.find("secret"));
+  exchanging.act = [&](const std::string&) { must(dir, "ln -sf secret file"); };
+  EXPECT_FALSE(has(written(tar, &exchanging, false), "secret"));
 
   writeFile(dir / "a.tar", member("a", "a") + member("b", "b") + kEnd);
-  ASSERT_EQ(0, run({"gzip", "-k", "a.tar"}, "", dir.path()).status);
+  must(dir, "gzip -k a.tar");
   for (const std::string words : {"EntryEvents", "EntryEvents,Confine=beneath"}) {
     for (const bool gzip : {false, true}) {
-      std::filesystem::remove_all(dir / "1");
-      std::filesystem::remove_all(dir / "2");
-      ClsTar reader;
-      reader.put_UncommonOptions(words.c_str());
-      reader.put_UntarFromDir(dir / "1");
+      must(dir, "rm -rf 1 2");
+      TarWith reader(words, dir / "1");
       ActingEvent moving;
       moving.act = [&](const std::string&) { reader.put_UntarFromDir(dir / "2"); };
       EXPECT_TRUE(gzip ? reader.UntarGz(dir / "a.tar.gz", &moving)
@@ -485,8 +454,7 @@ TEST(Arguments, NulsAreRefusedAndOneTextMayBeTwo) {
                tar.AddDirRoot2(std::string("p\0", 2), dir.path()) || tar.VerifyTar(nul) || tar.WriteTar(nul));
   EXPECT_TRUE(tar.AddFile(dir / "x"));
   tar.put_DirPrefix(std::string("p\0q", 3));
-  LimitedOutput out;
-  EXPECT_FALSE(tar.WriteTar(out));
+  written(tar, nullptr, false);
   EXPECT_TRUE(logHas(tar, "A path with a NUL byte cannot be archived."));
   tar.put_UntarFromDir(nul);
   EXPECT_EQ(-1, untar(tar, member("a") + kEnd));
@@ -501,7 +469,7 @@ TEST(Arguments, NulsAreRefusedAndOneTextMayBeTwo) {
   writeFile(dir / "a.tar", member("a") + kEnd);
   XString both(dir / "a.tar");
   EXPECT_TRUE(tar.ListXml(both, both));
-  EXPECT_NE(std::string::npos, both.str().find("<path>a</path>"));
+  EXPECT_TRUE(has(both.str(), "<path>a</path>"));
   XString path(std::string(60, 'd') + "/" + std::string(60, 'n')), name(path), prefix(path);
   EXPECT_TRUE(tar.splitPathForTar(name, name, prefix, tar.log()) &&
               tar.splitPathForTar(path, name, path, tar.log()));
@@ -510,45 +478,38 @@ TEST(Arguments, NulsAreRefusedAndOneTextMayBeTwo) {
 
 // A path of more parts than other programs can remove again ends the run when it would be made, by default.
 TEST(Arguments, MaxPathDepth) {
-  ScratchDir dir;
-  const auto deep = [](int parts) {
-    std::string path = "f";
-    while (--parts > 0) path.insert(0, "d/");
-    return longName(path) + member("short", "x");
-  };
   const struct {
-    const char* words;
+    std::string words;
     int parts;
     bool extracts, walks;
   } kCases[] = {{"", 4096, true, true},
                 {"", 4097, false, true},
-                {"MaxPathDepth=3", 3, true, true},
-                {"MaxPathDepth=3", 4, false, false},
-                {"MaxPathDepth=0", 4097, true, true}};
-  for (const auto& each : kCases) {
+                {",MaxPathDepth=3", 3, true, true},
+                {",MaxPathDepth=3", 4, false, false},
+                {",MaxPathDepth=0", 4097, true, true}};
+  for (const auto& [words, parts, extracts, walks] : kCases) {
+    std::string path = "f";
+    for (int i = 1; i < parts; ++i) path.insert(0, "d/");
+    const std::string archive = member("first") + longName(path) + member("short") + kEnd;
     for (const bool gzip : {false, true}) {
-      SCOPED_TRACE(std::string(each.words) + " " + std::to_string(each.parts));
-      writeFile(dir / "a.tar", member("first", "1") + deep(each.parts) + kEnd);
-      ASSERT_EQ(0, run({"gzip", "-kf", "a.tar"}, "", dir.path()).status);
-      ClsTar tar;
-      tar.put_UncommonOptions((std::string("FullRead,") + each.words).c_str());
-      tar.put_UntarFromDir(dir / "out");
+      SCOPED_TRACE(words + " " + std::to_string(parts));
+      ScratchDir dir;
+      writeFile(dir / "a", gzip ? run({"gzip", "-c"}, archive).out : archive);
+      TarWith tar("FullRead" + words, dir / "out");
       RecordingEvent event;
-      const auto read = [&] {
-        return gzip ? tar.UntarGz(dir / "a.tar.gz", &event) : tar.Untar(dir / "a.tar", &event) >= 0;
+      const auto reads = [&] {
+        return gzip ? tar.UntarGz(dir / "a", &event) : tar.Untar(dir / "a", &event) >= 0;
       };
-      EXPECT_EQ(each.extracts, read());
+      EXPECT_EQ(extracts, reads());
       EXPECT_EQ(2u, event.headers.size());
       EXPECT_TRUE(exists(dir / "out/first"));
-      if (!each.extracts) {
-        EXPECT_TRUE(logHas(tar, "Limit reached.")) << logOf(tar);
-        EXPECT_TRUE(logHas(tar, "limit: MaxPathDepth\n") &&
-                    logHas(tar, "value: " + std::string(*each.words ? "3" : "4096") + "\n"));
-        EXPECT_EQ(gzip ? 0u : 1u, event.entries.size());
-      }
+      EXPECT_EQ(!extracts, logHas(tar, "Limit reached.\n"));
+      const std::string limit = words.empty() ? "4096" : "3";
+      EXPECT_TRUE(extracts ||
+                  (logHas(tar, "limit: MaxPathDepth\n") && logHas(tar, "value: " + limit + "\n")));
+      EXPECT_EQ(gzip ? 0u : 1u + extracts, event.entries.size());
       tar.put_SuppressOutput(true);
-      EXPECT_EQ(each.walks, read());
-      EXPECT_EQ(0, run({"rm", "-rf", "out"}, "", dir.path()).status);
+      EXPECT_EQ(walks, reads());
     }
   }
 }

@@ -103,14 +103,11 @@ TEST(MvtarOutput, FullDisk) {
   if (shell(dir, "mount -t tmpfs -o size=64k none small").status != 0)
     GTEST_SKIP() << "mounting is not permitted";
   expectMvtar(dir, "-cf small/x d", 2, "", "small/x: No space left on device");
-  must(dir, "rm small/x");
   for (const Form& form : kForms) {
-    // What is not complete is not shown as done.
-    const CommandResult result = mvtar(dir, "-xvf a." + form.name + " -C small");
-    EXPECT_TRUE(result.status == 2 && result.out == "d/\n");
-    EXPECT_TRUE(has(result.err, "small/d/f: No space left on device\nmvtar: a." + form.name +
-                                    ": the rest was not extracted\n"));
     must(dir, "rm -r small/*");
+    // What is not complete is not shown as done.
+    expectMvtar(dir, "-xvf a." + form.name + " -C small", 2, "d/\n",
+                "small/d/f: No space left on device\na." + form.name + ": the rest was not extracted");
   }
   must(dir, "umount small");
 }
@@ -141,8 +138,7 @@ TEST(MvtarOutput, ClosedStandardStreams) {
 
 TEST(MvtarPipes, ToAndFromOtherTars) {
   ScratchDir dir;
-  must(dir, "mkdir -p d/sub out && seq 50000 > d/f && echo text > d/sub/g && touch -d @1234567890 d/sub/g");
-  const auto tree = treeOf(dir / "d");
+  must(dir, "mkdir -p d/sub && seq 50000 > d/f && echo text > d/sub/g && touch -d @1234567890 d/sub/g");
   Words scripts = {"mvtar -cf - d | tar -x -C out", "mvtar -cjf - d | bsdtar -x -C out"};
   for (const Form& form : kForms) {
     // A reader that left before the end would end the writer; a trickle must do as well.
@@ -151,10 +147,10 @@ TEST(MvtarPipes, ToAndFromOtherTars) {
   }
   for (const std::string& script : scripts) {
     SCOPED_TRACE(script);
+    must(dir, "rm -rf out && mkdir out");
     expect(shell(dir, script), 0, "", "");
-    EXPECT_EQ(tree, treeOf(dir / "out/d"));
+    EXPECT_EQ(treeOf(dir / "d"), treeOf(dir / "out/d"));
     EXPECT_EQ(1234567890, mtimeOf(dir / "out/d/sub/g"));
-    must(dir, "rm -r out/d");
   }
 }
 
@@ -162,31 +158,31 @@ TEST(MvtarPipes, ToAndFromOtherTars) {
 
 TEST(MvtarDamage, WhatIsNoArchive) {
   ScratchDir dir;
-  must(dir,
-       "mkdir dir && : > empty && seq 2000 > text && gzip -nk text && printf BZh > bz && printf '\\037\\235' "
-       "> Z");
+  must(dir, R"(mkdir dir && : > empty && seq 2000 > text && gzip -nk text && printf BZh > bz &&
+               printf '\37\235' > Z && xz -k text && printf 'PK\3\4' > zip &&
+               printf '!<arch>\ndebian-binary   ' > deb)");
   const std::string longName(300, 'a');
-  for (const std::string& name :
-       Words{"empty", "text", "text.gz", "bz", "Z", "none", "dir", "text/x", longName}) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"empty", ""},
+      {"text.gz", ""},
+      {"bz", ""},
+      {"Z", ""},  // each reader has its own reason
+      {"none", "No such file or directory"},
+      {"dir", "Is a directory"},
+      {"text/x", "Not a directory"},
+      {longName, "File name too long"},
+      {"text", "This is text, no archive."},
+      {"text.xz", "This is xz-compressed, which cannot be read."},
+      {"zip", "This is a ZIP archive, no tar."},
+      {"deb", "This is a Debian package, no tar; its tarballs are members of an ar archive."}};
+  for (const auto& [name, reason] : cases) {
     for (const std::string& reading : kReading) {
       const CommandResult result = mvtar(dir, reading + name);
       EXPECT_EQ(2, result.status) << name;
-      const Words lines = split(result.err, '\n');
-      EXPECT_TRUE(lines.size() == 3 && lines[0].rfind("mvtar: " + name + ": ", 0) == 0) << result.err;
+      const std::string line = result.err.substr(0, result.err.find('\n')), start = "mvtar: " + name + ": ";
+      EXPECT_TRUE(reason.empty() ? line.find(start) == 0 : line == start + reason) << result.err;
+      EXPECT_EQ(line + "\n" + said("", 2), result.err);
     }
-  }
-  expectMvtar(dir, "-tf dir", 2, "", "dir: Is a directory");
-  // What else it is, where that is known.
-  const std::pair<const char*, const char*> kForeign[] = {
-      {"xz -c text", "This is xz-compressed, which cannot be read."},
-      {"printf 'PK\\3\\4'", "This is a ZIP archive, no tar."},
-      {"printf '!<arch>\\ndebian-binary   '",
-       "This is a Debian package, no tar; its tarballs are members of an ar archive."},
-      {"cat text", "This is text, no archive."}};
-  for (const auto& [making, what] : kForeign) {
-    must(dir, std::string(making) + " > foreign");
-    for (const std::string& reading : kReading)
-      expectMvtar(dir, reading + "foreign", 2, "", std::string("foreign: ") + what);
   }
 }
 
@@ -200,32 +196,17 @@ TEST(MvtarExtract, WhatCannotBeKeptOrCreatedIsNamed) {
                 longest + R"( && tar -S -cf a.tar --sort=name --transform=s/^xx/xxx/ d x* last &&
                tar --format=pax -S -cf p.tar d/5sparse && { ! mknod dev c 1 3 || tar -rf a.tar dev; })");
   makeForms(dir);
-  const std::string facts =
-      "d/6b\\\\s: a back slash cannot be kept; it becomes a slash\nx" + longest + "/: File name too long";
+  const std::string tooLong = "x" + longest + "/: File name too long";
+  const std::string facts = "d/6b\\\\s: a back slash cannot be kept; it becomes a slash\n" + tooLong;
   for (const Form& form : kForms) {
     expectMvtar(dir, "-xf a." + form.name + " -C out", 2, "", facts);
     EXPECT_EQ("file ", treeOf(dir / "out")["d/6b/s"]);
-    expectMvtar(dir, "-xvf a." + form.name + " -C out d/1 x* last", 2, "d/1\nlast\n",
-                "x" + longest + "/: File name too long");
+    expectMvtar(dir, "-xvf a." + form.name + " -C out d/1 x* last", 2, "d/1\nlast\n", tooLong);
     must(dir, "rm -r out");
   }
 }
 
 // ---- Escapes. The target is t/in; beside it everything must stay as it is.
-
-void prepareTarget(const ScratchDir& dir, const std::string& before) {
-  must(dir,
-       "mkdir -p t/in t/out && echo outside > t/out/victim && touch -d @1000000000 t/out/* t/out && cd t/in "
-       "&& " +
-           before);
-}
-
-std::string outside(const ScratchDir& dir) {
-  return shell(
-             dir,
-             "find t -path t/in -prune -o -path t -o -printf '%p %y %m %U %G %T@ %l\\n' | sort; cat t/out/*")
-      .out;
-}
 
 // Names with a slash at the end are directories; all files hold "evil".
 std::string hostile(const std::string& names) {
@@ -237,8 +218,6 @@ std::string hostile(const std::string& names) {
   return archive.bytes(20);
 }
 
-const char kRefused[] = ": refused: its path leaves the target";
-
 TEST(MvtarTarget, NothingOutsideIsTouched) {
   const struct {
     std::string before, members, refused, inside, notice = "";
@@ -247,26 +226,24 @@ TEST(MvtarTarget, NothingOutsideIsTouched) {
       {"true", "/etc/evil //x/y /../evil", "../evil", "etc/evil x/y",
        "/etc/evil: leading slashes are left off\n"},
       {"ln -s ../out/victim l; ln -s ../new m; ln ../out/victim h", "l m h", "", "l m h"},
-      {"ln -s ../out l", "l/ l/victim", "", "l/victim"},
       {"ln -s ../out l; ln -s / n; ln -s loop loop", "l/victim l/d/ n/tmp/x loop/f",
        "l/victim l/d/ n/tmp/x loop/f", ""},
-      {"mkdir d; ln -s d a", "a/ a/f", "", "d/f"},
-      {"mkfifo p; touch q; mkdir -p d/x e", "p q/f d e", "q/f d", "p e"},
-  };
+      {"mkfifo p; touch q; mkdir -p d/x e", "p q/f d e", "q/f d", "p e"}};
+  const std::string surroundings =
+      "find t -path t/in -prune -o -path t -o -printf '%p %y %m %T@ %l\\n' | sort; cat t/out/*";
   for (const auto& test : cases) {
     for (const Form& form : kForms) {
       SCOPED_TRACE(test.members + " " + form.name);
       ScratchDir dir;
-      prepareTarget(dir, test.before);
-      const std::string before = outside(dir);
+      must(dir, "mkdir -p t/in t/out && echo outside > t/out/victim && cd t/in && " + test.before);
+      const std::string before = shell(dir, surroundings).out;
       writeFile(dir / "a.tar", hostile(test.members + " ok"));
       must(dir, form.filter + " < a.tar > a; true");
       std::string facts = test.notice;
-      for (const std::string& name : split(test.refused, ' ')) {
-        if (!name.empty()) facts += name + kRefused + "\n";
-      }
+      for (const std::string& name : split(test.refused, ' '))
+        facts += name.empty() ? "" : name + ": refused: its path leaves the target\n";
       expectMvtar(dir, "-xf a -C t/in", test.refused.empty() ? 0 : 2, "", facts);
-      EXPECT_EQ(before, outside(dir));
+      EXPECT_EQ(before, shell(dir, surroundings).out);
       for (const std::string& name : split(test.inside + " ok", ' '))  // the rest went on
         EXPECT_EQ(name.empty() ? "" : "file evil", treeOf(dir / "t/in")[name]) << name;
     }
@@ -275,31 +252,25 @@ TEST(MvtarTarget, NothingOutsideIsTouched) {
 
 TEST(MvtarTarget, MayBeLeftWithP) {
   ScratchDir dir;
-  prepareTarget(dir, "true");
-  writeFile(dir / "a.tar", hostile("../out/new " + (dir / "t/abs")));
+  writeFile(dir / "a.tar", hostile("../new " + (dir / "abs") + " file/ file/f last"));
   makeForms(dir);
   for (const Form& form : kForms) {
-    expectMvtar(dir, "-xP -C t/in -f a." + form.name, 0);
-    must(dir, "rm t/out/new t/abs");
+    // What is in the way is removed there, too, rather than written through.
+    must(dir, "rm -rf in new abs && mkdir in && touch in/file");
+    expectMvtar(dir, "-xP -C in -f a." + form.name, 0);
+    must(dir, "cat new abs in/last | grep -qx evilevilevil");
   }
   // Without it nothing is judged by the joined path: a target beside or above is no escape.
   writeFile(dir / "b.tar", hostile("f"));
-  expect(shell(dir, "cd t/in; mvtar -xf ../../b.tar -C ../../new/../other"), 0, "", "");
+  expect(shell(dir, "cd in; mvtar -xf ../b.tar -C ../new.d/../other"), 0, "", "");
   EXPECT_EQ("evil", readFile(dir / "other/f"));
-  // What is in the way is removed there, too, rather than written through.
-  writeFile(dir / "a.tar", hostile("file/ file/f last"));
-  makeForms(dir);
-  for (const Form& form : kForms) {
-    must(dir, "rm -rf here && mkdir here && touch here/file");
-    expectMvtar(dir, "-xP -C here -f a." + form.name, 0);
-    EXPECT_EQ("evil", readFile(dir / "here/last"));
-  }
 }
 
 TEST(MvtarTarget, LinksPlantedBetweenTwoMembers) {
   ScratchDir dir;
-  prepareTarget(dir, "true");
-  const std::string before = outside(dir), bytes = hostile("d/one d/two d/victim e/x last");
+  must(dir, "mkdir -p t/in t/out && echo outside > t/out/victim");
+  const std::string before = treeOf(dir / "t/out")["victim"],
+                    bytes = hostile("d/one d/two d/victim e/x last");
   Running command(dir, "exec mvtar -xf - -C t/in");
   command.feed(bytes.substr(0, 1024));
   ASSERT_TRUE(command.waitsForInput());
@@ -307,8 +278,9 @@ TEST(MvtarTarget, LinksPlantedBetweenTwoMembers) {
   command.feed(bytes.substr(1024));
   command.closeInput();
   EXPECT_EQ(2, command.end());
-  EXPECT_TRUE(has(command.err, std::string("mvtar: e/x") + kRefused + "\n")) << command.err;
-  EXPECT_EQ(before, outside(dir));
+  EXPECT_TRUE(has(command.err, "mvtar: e/x: refused: its path leaves the target\n")) << command.err;
+  EXPECT_EQ(before, treeOf(dir / "t/out")["victim"]);
+  EXPECT_EQ(1u, treeOf(dir / "t/out").size());
   EXPECT_EQ("file evil", treeOf(dir / "t/in")["last"]);
 }
 

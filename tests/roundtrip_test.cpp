@@ -1,16 +1,12 @@
 // Whole trees there and back: other tars and we ourselves read what we write, and we read what they write.
 // None of GNU tar, bsdtar and Python's tarfile may be missing.
-#include <filesystem>
 #include <fstream>
-#include <functional>
 
 #include "TestSupport.h"
 #include "tar/format/TarBlock.h"
 
 namespace morvane::testing {
 namespace {
-
-namespace fs = std::filesystem;
 
 enum Reach { kV7, kUstar, kAny };  // which paths a format can hold
 
@@ -47,7 +43,7 @@ void expectSame(const std::string& tree, const std::string& copy) {
 }
 
 void expectQuiet(const ScratchDir& dir, const std::string& script) {
-  const CommandResult result = run({"env", "LC_ALL=C.UTF-8", "sh", "-c", script}, "", dir.path());
+  const CommandResult result = shell(dir, "export LC_ALL=C.UTF-8; " + script);
   EXPECT_TRUE(result.status == 0 && result.err.empty()) << script << result.err;
 }
 
@@ -57,24 +53,21 @@ TEST(RoundTrip, OfWhatWeWrite) {
       SCOPED_TRACE(std::string(format) + words);
       ScratchDir dir;
       makeTree(dir / "tree", *format == 'u' ? kUstar : kAny);
-      ClsTar tar;
+      TarWith tar(words);
       tar.put_WriteFormat(format);
-      tar.put_UncommonOptions(words);
       tar.AddDirRoot(dir / "tree");
       const XString plain(dir / "a.tar"), gzip(dir / "a.tgz"), bzip2(dir / "a.tbz");
       ASSERT_TRUE(tar.WriteTar(plain) && tar.WriteTarGz(gzip) && tar.WriteTarBz2(bzip2)) << logOf(tar);
       expectQuiet(dir, "mkdir gnu bsd && tar -xf a.tar -C gnu && bsdtar -xf a.tar -C bsd");
       expectQuiet(dir, "python3 -c 'import tarfile; tarfile.open(\"a.tar\").extractall(\"python\")'");
       for (const char* reader : {"gnu", "bsd", "python"}) expectSame(dir / "tree", dir / reader);
-      const std::function<bool(ClsTar&)> kReaders[] = {[&](ClsTar& ours) { return ours.Untar(plain) >= 0; },
-                                                       [&](ClsTar& ours) { return ours.UntarGz(gzip); },
-                                                       [&](ClsTar& ours) { return ours.UntarBz2(bzip2); }};
-      for (const auto& reader : kReaders) {
+      for (const char form : {'t', 'g', 'b'}) {
         const ScratchDir out;
-        ClsTar ours;
-        ours.put_UncommonOptions(words);
-        ours.put_UntarFromDir(out.path());
-        EXPECT_TRUE(reader(ours)) << logOf(ours);
+        TarWith ours(words, out.path());
+        EXPECT_TRUE(form == 't'   ? ours.Untar(plain) >= 0
+                    : form == 'g' ? ours.UntarGz(gzip)
+                                  : ours.UntarBz2(bzip2))
+            << logOf(ours);
         expectSame(dir / "tree", out.path());
       }
     }
@@ -98,17 +91,14 @@ TEST(RoundTrip, OfWhatOthersWrite) {
       {"bsdtar --format=pax -cf a.tar -C tree . 2>/dev/null", kAny},
       {python + "USTAR_FORMAT", kUstar},
       {python + "GNU_FORMAT", kAny},
-      {python + "PAX_FORMAT", kAny},
-  };
+      {python + "PAX_FORMAT", kAny}};
   for (const auto& [command, reach] : kCases) {
     ScratchDir dir;
     makeTree(dir / "tree", reach);
     expectQuiet(dir, command);
     for (const std::string words : {"", "FullRead,Confine=nolinks"}) {
       SCOPED_TRACE(command + words);
-      ClsTar tar;
-      tar.put_UncommonOptions(words.c_str());
-      tar.put_UntarFromDir(dir / "out" + words);
+      TarWith tar(words, dir / "out" + words);
       EXPECT_GT(tar.Untar(dir / "a.tar"), 0) << logOf(tar);
       expectSame(dir / "tree", dir / "out" + words);
     }

@@ -46,31 +46,23 @@ TEST(Utf8, CharactersAreCutOffWholeAndInvalidBytesOneByOne) {
 
 // What each character set makes of bytes is shown where archives are read.
 TEST(CharsetDecoder, OneServesManyNamesOfAnyLength) {
-  CharsetDecoder latin1("iso-8859-1"), stateful("iso-2022-jp");
-  for (size_t length = 0; length < 1100; length += 51) {
-    std::string expected, converted;
-    for (size_t i = 0; i < length; ++i) expected += "\xC3\xA9";
-    latin1.append(std::string(length, '\xE9'), converted);
-    EXPECT_EQ(expected, converted);
-    stateful.append("!\x1B$B$\"", converted);  // not back in its initial state
-    EXPECT_EQ(expected + "!\xE3\x81\x82", converted);
-  }
+  const auto append = [](CharsetDecoder& decoder, const std::string& bytes) {
+    std::string converted;
+    decoder.append(bytes, converted);
+    return converted;
+  };
+  CharsetDecoder latin1("iso-8859-1"), stateful("iso-2022-jp"), holding("cp1255"), wide("utf-16le");
+  std::string expected, name;
+  for (size_t length = 0; length < 1100; ++length, expected += "\xC3\xA9")
+    EXPECT_EQ(expected, append(latin1, std::string(length, '\xE9')));
+  for (int i = 0; i < 3; ++i) EXPECT_EQ("!\xE3\x81\x82", append(stateful, "!\x1B$B$\""));  // left shifted
+  EXPECT_EQ("\xE3\x81\x82\xFF\xE3\x81\x82", append(stateful, "\x1B$B$\"\xFF$\"")) << "outlives such a byte";
   // What the converter holds back stands in front of a byte that does not convert, and pieces of a long name
   // meet in the midst of a character.
-  CharsetDecoder holding("cp1255"), wide("utf-16le");
-  for (const auto& [bytes, expected] :
-       {std::pair("\xE5\x81", "\xD7\x95\x81"), std::pair("\x81\xE5", "\x81\xD7\x95")}) {
-    std::string converted;
-    holding.append(bytes, converted);
-    EXPECT_EQ(expected, converted);
-  }
-  std::string shifted;
-  stateful.append("\x1B$B$\"\xFF$\"", shifted);
-  EXPECT_EQ("\xE3\x81\x82\xFF\xE3\x81\x82", shifted) << "the shift state outlives such a byte";
-  std::string name, converted;
+  EXPECT_EQ("\xD7\x95\x81", append(holding, "\xE5\x81"));
+  EXPECT_EQ("\x81\xD7\x95", append(holding, "\x81\xE5"));
   for (int i = 0; i < 5000; ++i) name.append("\x3D\xD8\0\xDE", 4);
-  wide.append(name + "x", converted);
-  EXPECT_EQ(5000u * 4 + 1, converted.size()) << "and the last byte, which is half a character, stays";
+  EXPECT_EQ(5000u * 4 + 1, append(wide, name + "x").size()) << "half a character stays";
 }
 
 // Of these, where no character is written in two ways.
@@ -138,13 +130,10 @@ TEST(Wildcard, ManyStarsCostNoMoreThanOne) {
   const XString text(std::string(100'000, 'a'));
   std::string stars, near;
   for (int i = 0; i < 1000; ++i) stars += "*a", near += "*aaaaaaaab";
-  const std::string nearlyEverywhere = "*" + std::string(50'000, 'a') + "b*";
-  for (const bool caseSensitive : {true, false}) {
-    EXPECT_TRUE(text.matchesUtf8(stars.c_str(), caseSensitive));
-    for (const std::string& pattern : {stars + "*b", stars + "*b*", near, nearlyEverywhere}) {
-      EXPECT_FALSE(text.matchesUtf8(pattern.c_str(), caseSensitive));
-      EXPECT_FALSE(WildcardPattern(pattern, caseSensitive).matchesUpToASlash(text.str() + "/" + text.str()));
-    }
+  EXPECT_TRUE(text.matchesUtf8(stars.c_str(), true));
+  for (const std::string& pattern : {stars + "*b", near, "*" + std::string(50'000, 'a') + "b*"}) {
+    EXPECT_FALSE(text.matchesUtf8(pattern.c_str(), false));
+    EXPECT_FALSE(WildcardPattern(pattern, true).matchesUpToASlash(text.str() + "/" + text.str()));
   }
 }
 
@@ -170,36 +159,27 @@ TEST(Strings, AreEdited) {
   StringBuffer built;
   EXPECT_TRUE(built.append("\t n=") && built.append(-5) && built.append(4294967295u) &&
               built.appendCharN('/', 3) && built.appendInt64(-8589934592) && built.append("A\v "));
-  EXPECT_GE(built.heapUsage(), built.getSize());
   built.trim2();
   EXPECT_STREQ("n=-54294967295///-8589934592A", built.getString());
-  EXPECT_TRUE(built.beginsWith("n=") && !built.beginsWith("="));
+  EXPECT_TRUE(built.beginsWith("n=") && !built.beginsWith("=") && built.heapUsage() >= built.getSize());
   built.stripDirectory();
   built.toLowerCase();
   EXPECT_STREQ("-8589934592a", built.getString());
 }
 
-TEST(Strings, AreSplit) {
+TEST(Strings, PartsNumbersAndFields) {
   // Skip empty parts, trim parts; then the parts, each behind a "|".
-  const char* const kSplit[][4] = {{"", "", "", ""},
-                                   {"", "", ",a, ,b,", "||a| |b|"},
-                                   {"", "y", ",a, ,b,", "||a||b|"},
-                                   {"y", "y", ",a, ,b,", "|a|b"},
-                                   {"y", "", ",a, ,b,", "|a| |b"}};
-  for (const auto& [skip, trim, given, result] : kSplit) {
+  const char* const kSplit[][3] = {
+      {"", "", "||a| |b|"}, {"", "y", "||a||b|"}, {"y", "y", "|a|b"}, {"y", "", "|a| |b"}};
+  for (const auto& [skip, trim, result] : kSplit) {
     ExtPtrArraySb parts;
-    EXPECT_TRUE(StringBuffer(given).split(parts, ',', *skip, *trim));
+    EXPECT_TRUE(StringBuffer(",a, ,b,").split(parts, ',', *skip, *trim));
     std::string found;
     for (int i = 0; i < parts.getSize(); ++i) found += "|" + parts.sbAt(i)->str();
     EXPECT_EQ(result, found);
   }
-}
-
-TEST(Strings, NumbersAndFields) {
   char text[66], field[] = "#####";
   EXPECT_STREQ("-9223372036854775808", mv64::itoa(-9223372036854775807LL - 1, text, 10));
-  EXPECT_STREQ("100000000000", mv64::itoa(8589934592, text, 8));
-  EXPECT_STREQ("0", mv64::itoa(0, text, 2));
   EXPECT_EQ(std::string("ab\0\0#", 5), std::string(mvStrNCpy(field, "ab", 4), 5));
   EXPECT_STREQ("abcd#", mvStrNCpy(field, "abcdef", 4));
 }

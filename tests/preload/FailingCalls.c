@@ -4,7 +4,8 @@
 //   END_PREAD=N       the same: nothing more is there
 //   FAIL_USERS=1      reading the user database: EIO
 //   FULL_OPENAT2=N    the N-th openat2, and all behind it: ENOSPC
-//   INTERRUPT=1       the first openat2 and the first write to standard output: EINTR
+//   INTERRUPT=1       the first openat2, the first read of each kind, and the first write to standard output and
+//                     to anything else: EINTR
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
@@ -34,13 +35,20 @@ int futimens(int fd, const struct timespec times[2]) {
 ssize_t pread(int fd, void* buffer, size_t n, off_t at) {
   static int count = 0;
   if (isFrom("FAIL_PREAD", ++count)) return failsWith(EIO);
+  if (count == 1 && getenv("INTERRUPT")) return failsWith(EINTR);
   if (isFrom("END_PREAD", count)) return 0;
   return ((ssize_t(*)(int, void*, size_t, off_t))dlsym(RTLD_NEXT, "pread"))(fd, buffer, n, at);
 }
 
-ssize_t write(int fd, const void* bytes, size_t n) {
+ssize_t read(int fd, void* buffer, size_t n) {
   static int count = 0;
-  if (fd == 1 && ++count == 1 && getenv("INTERRUPT")) return failsWith(EINTR);
+  if (++count == 1 && getenv("INTERRUPT")) return failsWith(EINTR);
+  return ((ssize_t(*)(int, void*, size_t))dlsym(RTLD_NEXT, "read"))(fd, buffer, n);
+}
+
+ssize_t write(int fd, const void* bytes, size_t n) {
+  static int counts[2] = {0, 0};  // of other outputs, and of standard output
+  if (++counts[fd == 1] == 1 && getenv("INTERRUPT")) return failsWith(EINTR);
   return ((ssize_t(*)(int, const void*, size_t))dlsym(RTLD_NEXT, "write"))(fd, bytes, n);
 }
 
