@@ -199,8 +199,11 @@ class Parser {
       return true;
     }
     if (found == ':') return wrong("option '" + culprit(words, at) + "' needs a value");
-    const Option* const row = found == '?' ? nullptr : rowOf(found);
-    return row ? row->take(*this, optarg) : wrong("unknown option '" + culprit(words, at) + "'");
+    // For a known option that was given a value it does not take, getopt_long tells which it is.
+    const Option* const known = rowOf(found == '?' ? optopt : found);
+    if (!known) return wrong("unknown option '" + culprit(words, at) + "'");
+    return found == '?' ? wrong(std::string("option '--") + known->name + "' takes no value")
+                        : known->take(*this, optarg);
   }
 
   bool check() {

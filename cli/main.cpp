@@ -82,6 +82,7 @@ int main(int argc, char** argv) {
   } catch (const std::bad_alloc&) {
     return mvtar::finishWithoutMemory();
   } catch (const std::exception& exception) {
+    mvtar::StandardOutput::flush();
     mvtar::writeToStandardError(std::string("mvtar: ") + exception.what() + "\n");
     return mvtar::kNotAllDone;
   }

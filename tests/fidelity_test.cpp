@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include "MvtarSupport.h"
+#include "runtime/fs/AccessList.h"
+#include "runtime/fs/UserDatabase.h"
 #include "tar/format/SparseMap.h"
 
 namespace morvane::testing {
@@ -252,6 +254,51 @@ TEST(Fidelity, FollowedLinksAreWhatTheyPointAt) {
   expectMvtar(dir, "-chf a.tar t", 2, "",
               "t/a/b/loop: Too many levels of symbolic links\nt/dangling: No such file or directory");
   expectMvtar(dir, "-tf a.tar", 0, "t/\nt/a/\nt/a/b/\nt/a/dir/\nt/a/dir/f\nt/file\nt/x/\nt/x/f\n");
+}
+
+TEST(Fidelity, AttributesAndAccessLists) {
+  ScratchDir dir;
+  must(dir, "mkdir -p t/d && echo data > t/f && mkdir out");
+  // A value that a reader which ends records at newlines would take for another path.
+  const std::string set = R"(
+import os, struct
+os.setxattr('t/f', 'user.evil', b'a\n11 path=x\n\0=')
+os.setxattr('t/d', 'user.big', b'v' * 3000)
+acl = struct.pack('<I', 2) + b''.join(struct.pack('<HHI', *e) for e in
+  [(1, 7, 0xffffffff), (2, 4, 1234), (4, 5, 0xffffffff), (16, 5, 0xffffffff), (32, 0, 0xffffffff)])
+os.setxattr('t/f', 'system.posix_acl_access', acl)
+os.setxattr('t/d', 'system.posix_acl_default', acl)
+)";
+  if (run({"python3", "-c", set}, "", dir.path()).status != 0) GTEST_SKIP() << "not on this file system";
+  const std::string show =
+      "import os\nfor f in 'f', 'd':\n print({n: os.getxattr('t/' + f, n) for n in "
+      "sorted(os.listxattr('t/' + f))}, oct(os.stat('t/' + f).st_mode))";
+  const std::string expected = run({"python3", "-c", show}, "", dir.path()).out;
+  ASSERT_TRUE(has(expected, "posix_acl_default") && has(expected, "user.evil")) << expected;
+  for (const char* writer : {"mvtar --xattrs -cf a.tar t", "bsdtar --acls --xattrs -cf a.tar t",
+                             "tar --acls --xattrs --format=pax -cf a.tar t"}) {
+    for (const char* reader :
+         {"mvtar --xattrs -xf a.tar -C out", "gzip -kf a.tar; mvtar --xattrs -xf a.tar.gz -C out",
+          "bsdtar --acls --xattrs -xpf a.tar -C out"}) {
+      must(dir, std::string("rm -rf out; mkdir out; ") + writer + "; " + reader);
+      EXPECT_EQ(expected, run({"python3", "-c", show}, "", dir / "out").out) << writer << " " << reader;
+    }
+  }
+  expectMvtar(dir, "--xattrs --format=gnu -cf a.tar t", 2, "",
+              "t/d: attributes can be stored in the pax format alone\na.tar: 2 members without attributes");
+}
+
+TEST(AccessList, TextsThatMakeNoSense) {
+  UserDatabase users;
+  for (const char* text :
+       {"user", "user::", "user::rw", "owner::rwx", "mask:x:rwx", "user:nobody-of-that-name:rwx"}) {
+    EXPECT_FALSE(accessListBytes(text, false, users)) << text;
+  }
+  const auto bytes = accessListBytes("other::--x\nuser::rw-#own\n user:12:r--:34567,mask::rwx", true, users);
+  ASSERT_TRUE(bytes);
+  EXPECT_EQ("user::rw-,user:34567:r--:34567,mask::rwx,other::--x",
+            accessListText(*bytes, users).value_or(""));
+  EXPECT_FALSE(accessListText(bytes->substr(0, 7), users) || accessListText("\3" + bytes->substr(1), users));
 }
 
 TEST(SparseMap, ClaimsThatMakeNoSense) {

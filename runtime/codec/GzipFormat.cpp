@@ -5,6 +5,8 @@
 // says anything that matters to a tar archive; they are passed over.
 #include "runtime/codec/GzipFormat.h"
 
+#include <new>
+
 #include "runtime/base/ByteArrayOwner.h"
 #include "runtime/io/_mvDataSource.h"
 #include "runtime/io/_mvOutput.h"
@@ -45,7 +47,7 @@ struct HeaderReader {
     if (!readExactly(length, sizeof length)) return fail("Failed to get extra length");
     const unsigned n = length[0] | unsigned{length[1]} << 8;
     const ByteArrayOwner bytes(mvNewChar(n));
-    if (!bytes.get()) return false;
+    if (!bytes.get()) throw std::bad_alloc();
     return readExactly(reinterpret_cast<unsigned char*>(bytes.get()), n) || fail("Failed to get extra data");
   }
 

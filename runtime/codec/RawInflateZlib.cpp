@@ -37,14 +37,15 @@ void RawInflate::setInput(const char* bytes, unsigned n) {
 unsigned RawInflate::inputLeft() const { return m_engine->stream.avail_in; }
 
 // Z_BUF_ERROR says that nothing could be done without more input or room, which is the caller's to bring.
-// Everything else that is not Z_OK passes for damage, also the memory that zlib wants for its window with the
-// first output.
+// The memory that it wants for its window with the first output may be missing. Everything else that is not
+// Z_OK is damage.
 RawInflate::State RawInflate::step(char* out, unsigned room, unsigned& produced) {
   z_stream& stream = m_engine->stream;
   stream.next_out = reinterpret_cast<unsigned char*>(out);
   stream.avail_out = room;
   const int result = inflate(&stream, Z_NO_FLUSH);
   produced = room - stream.avail_out;
+  if (result == Z_MEM_ERROR) throw std::bad_alloc();
   if (result == Z_STREAM_END) return State::Finished;
   return result == Z_OK || result == Z_BUF_ERROR ? State::GoesOn : State::Damaged;
 }

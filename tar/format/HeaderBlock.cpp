@@ -24,6 +24,11 @@ void putText(unsigned char* block, unsigned offset, unsigned most, std::string_v
 
 // Such a path has been refused long before with UstarOverflow=fail. Without it there is no way left to report
 // anything from here, and an archive with a wrong path in it would be found out too late.
+// A name that is cut may be somebody else's; the number tells whose the member is.
+void putName(unsigned char* block, Field field, std::string_view name) {
+  if (name.size() < field.width) putText(block, field.offset, field.width - 1, name);
+}
+
 void requirePrefixFits(std::string_view prefix) {
   if (prefix.size() <= kLongestPrefix) return;
   std::fprintf(stderr, "morvane_tar: fatal: a ustar prefix of %zu bytes does not fit the header block\n",
@@ -54,8 +59,8 @@ void encodeHeaderBlock(const Member& member, const StoredPath& path, TarMagic ma
   block[kTypeFlagField.offset] = static_cast<unsigned char>(member.typeFlag);
   putText(block, kLinkNameField.offset, kLinkNameField.width, member.linkPath);
   std::memcpy(block + kMagicField.offset, gnu ? kGnuMagic : kUstarMagic, kMagicField.width);
-  putText(block, kUserNameField.offset, kUserNameField.width - 1, member.userName);
-  putText(block, kGroupNameField.offset, kGroupNameField.width - 1, member.groupName);
+  putName(block, kUserNameField, member.userName);
+  putName(block, kGroupNameField, member.groupName);
   const bool isDevice = member.typeFlag == kTypeCharacterDevice || member.typeFlag == kTypeBlockDevice;
   // GNU tar leaves both fields zero for what is no device.
   if (!gnu || isDevice) {
