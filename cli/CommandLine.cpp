@@ -112,6 +112,12 @@ class Parser {
   }
 
   void askForCompress() { m_compress = true; }
+  bool setCompression(morvane::Compression compression) {
+    m_twoCompressions |= m_line.compression && *m_line.compression != compression;
+    m_line.compression = compression;
+    return true;
+  }
+  bool setLevel(const std::string& level) { return addOptions("Level=" + level); }
   // The word, or the letter of a bundle, that getopt stumbled over.
   static std::string culprit(const std::vector<std::string>& words, int at) {
     if (optopt > 0 && optopt < 256) return std::string("-") + static_cast<char>(optopt);
@@ -211,7 +217,7 @@ class Parser {
     m_line.progress = m_progress;
     if (mode == Mode::None) return wrong("one of -c, -x, -t, --verify, --deb is needed");
     if (m_line.archive.empty()) return wrong("no archive: option '-f' is needed");
-    if (m_line.gzip && m_line.bzip2) return wrong("only one of -z and -j");
+    if (m_twoCompressions) return wrong("only one of -z, -j, -J, --zstd");
     if (mode == Mode::Create && m_compress) return wrong("compress format can be read but not written");
     if (mode == Mode::Create && m_line.operands.empty()) return wrong("nothing to put into the archive");
     if (mode == Mode::Deb && m_line.operands.size() != 2)
@@ -233,6 +239,7 @@ class Parser {
   CommandLine& m_line;
   std::string& m_error;
   bool m_compress = false;
+  bool m_twoCompressions = false;
   ProgressBar::When m_progress = onTerminal();
 };
 
@@ -271,6 +278,11 @@ bool addTo(Parser& parser, const char* value) {
   return true;
 }
 
+template <morvane::Compression kCompression>
+bool compress(Parser& parser, const char*) {
+  return parser.setCompression(kCompression);
+}
+
 bool nothing(Parser&, const char*) { return true; }
 
 const Option kOptions[] = {
@@ -287,8 +299,13 @@ const Option kOptions[] = {
      [](Parser& parser, const char* value) { return parser.enterDirectory(value); }},
     {'\0', "format", required_argument,
      [](Parser& parser, const char* value) { return parser.setFormat(value); }},
-    {'z', "gzip", no_argument, switchOn<&CommandLine::gzip>},
-    {'j', "bzip2", no_argument, switchOn<&CommandLine::bzip2>},
+    {'z', "gzip", no_argument, compress<morvane::Compression::Gzip>},
+    {'j', "bzip2", no_argument, compress<morvane::Compression::Bzip2>},
+    {'J', "xz", no_argument, compress<morvane::Compression::Xz>},
+    {'\0', "zstd", no_argument, compress<morvane::Compression::Zstd>},
+    {'a', "auto-compress", no_argument, nothing},  // names are gone by anyway
+    {'\0', "level", required_argument,
+     [](Parser& parser, const char* value) { return parser.setLevel(value); }},
     {'Z', "compress", no_argument,
      [](Parser& parser, const char*) {
        parser.askForCompress();
@@ -372,7 +389,7 @@ bool parseCommandLine(int argc, char** argv, CommandLine& line, std::string& err
 
 const char* helpText() {
   return R"(Usage:
-  mvtar -c -f ARCHIVE [-z|-j] [options] PATH...    create an archive
+  mvtar -c -f ARCHIVE [-z|-j|-J] [options] PATH...    create an archive
   mvtar -x -f ARCHIVE [options] [MEMBER...]        extract
   mvtar -t -f ARCHIVE [options] [MEMBER...]        list
   mvtar --verify -f ARCHIVE                        check the whole archive
@@ -380,14 +397,15 @@ const char* helpText() {
                                                    assemble a Debian package
 
 ARCHIVE is a file, or - for standard output or input. Compression is told by the
-content when reading; when creating, by -z, -j or the archive's name (.tar.gz,
-.tgz, .tar.bz2, .tbz, .tbz2). MEMBER is a path, a directory's path (with all
+content when reading; when creating, by an option or the archive's name (.tar.gz,
+.tgz, .tar.bz2, .tbz, .tbz2, .tar.xz, .txz, .tar.zst, .tzst). MEMBER is a path, a directory's path (with all
 below it) or a pattern with *.
 
 Options:
   -C DIR              create: find the following PATHs in DIR (may be repeated);
                       extract: the target, made if it is missing
-  -z, -j              create with gzip, bzip2
+  -z, -j, -J, --zstd  create with gzip, bzip2, xz, zstd
+  --level=N           of zstd (1 to 22) and xz (1 to 9)
   --format=FORMAT     gnu (default), ustar or pax
   --match=PATTERN     only what matches (may be repeated)
   --exclude=PATTERN   not what matches (may be repeated)

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "cli/ProgressBar.h"
+#include "runtime/codec/Compression.h"
 
 namespace mvtar {
 
@@ -39,8 +40,8 @@ struct CommandLine {
   std::string archive;
   std::string targetDir;  // the last -C
   std::vector<Operand> operands;
-  bool gzip = false, bzip2 = false;
-  std::string format;  // empty: not given
+  std::optional<morvane::Compression> compression;  // asked for; reading goes by the content
+  std::string format;                               // empty: not given
   std::vector<std::string> matches, excludes;
   std::string prefix;
   bool verbose = false;

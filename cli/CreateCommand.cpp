@@ -36,8 +36,7 @@ bool endsWith(const std::string& text, const char* ending) {
 
 // By the option, else by what the archive's name promises.
 Compression compressionOf(const CommandLine& line) {
-  if (line.gzip) return Compression::Gzip;
-  if (line.bzip2) return Compression::Bzip2;
+  if (line.compression) return *line.compression;
   const Compression promised = morvane::compressionBySuffix(line.archive).value_or(Compression::None);
   return morvane::canBeWritten(promised) ? promised : Compression::None;
 }
@@ -217,9 +216,20 @@ class Sources {
 bool write(ClsTar& tar, const CommandLine& line, morvane::ProgressEvent& event, Report& report) {
   const Compression compression = compressionOf(line);
   const auto writeTo = [&](auto& out) {
-    return compression == Compression::Gzip    ? tar.WriteTarGz(out, &event)
-           : compression == Compression::Bzip2 ? tar.WriteTarBz2(out, &event)
-                                               : tar.WriteTar(out, &event);
+    switch (compression) {
+      case Compression::Gzip:
+        return tar.WriteTarGz(out, &event);
+      case Compression::Bzip2:
+        return tar.WriteTarBz2(out, &event);
+      case Compression::Zstd:
+        return tar.WriteTarZst(out, &event);
+      case Compression::Xz:
+        return tar.WriteTarXz(out, &event);
+      case Compression::None:
+      case Compression::Compress:  // is never asked for
+        break;
+    }
+    return tar.WriteTar(out, &event);
   };
   if (!line.usesStandardStream()) {
     const XString path(line.archive);

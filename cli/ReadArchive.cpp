@@ -77,7 +77,9 @@ bool ArchiveReader::read(ClsTar& tar, morvane::ProgressEvent& event) {
   using Untar = bool (ClsTar::*)(morvane::_mvDataSource&, morvane::ProgressEvent*);
   static constexpr std::pair<Compression, Untar> kMethods[] = {{Compression::Gzip, &ClsTar::UntarGz},
                                                                {Compression::Bzip2, &ClsTar::UntarBz2},
-                                                               {Compression::Compress, &ClsTar::UntarZ}};
+                                                               {Compression::Compress, &ClsTar::UntarZ},
+                                                               {Compression::Zstd, &ClsTar::UntarZst},
+                                                               {Compression::Xz, &ClsTar::UntarXz}};
   for (const auto& [compression, untar] : kMethods) {
     if (m_compression == compression) return (tar.*untar)(m_source, &event);
   }

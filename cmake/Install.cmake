@@ -32,7 +32,7 @@ configure_package_config_file(cmake/morvane_tarConfig.cmake.in morvane_tarConfig
 write_basic_package_version_file(morvane_tarConfigVersion.cmake COMPATIBILITY SameMajorVersion)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/morvane_tarConfig.cmake
               ${CMAKE_CURRENT_BINARY_DIR}/morvane_tarConfigVersion.cmake
-              cmake/FindIsal.cmake
+              cmake/FindIsal.cmake cmake/FindZstd.cmake
   DESTINATION ${morvane_package_dir} COMPONENT Development)
 install(EXPORT morvane_tarTargets NAMESPACE morvane:: DESTINATION ${morvane_package_dir} COMPONENT Development)
 
@@ -48,6 +48,12 @@ endforeach()
 set(morvane_pc_codecs " -lbz2 -lz")
 if(MORVANE_HAS_ISAL)
   string(APPEND morvane_pc_codecs " -lisal")
+endif()
+if(MORVANE_HAS_ZSTD)
+  string(APPEND morvane_pc_codecs " -lzstd")
+endif()
+if(MORVANE_HAS_XZ)
+  string(APPEND morvane_pc_codecs " -llzma")
 endif()
 # Of a static library alone there is nothing to link without its codecs: plain "pkg-config --libs" names them then.
 set(morvane_pc_static_codecs "")

@@ -114,6 +114,13 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   bool WriteTarBz2(const XString& tarBz2FilePath, ProgressEvent* progress = nullptr);
   bool WriteTarBz2(_mvOutput& out, ProgressEvent* progress = nullptr);
 
+  // The same as zstd (one frame with a checksum) and as xz, where the build has them (else they fail: "This
+  // build has no zstd."); the word Level chooses between speed and size.
+  bool WriteTarZst(const XString& tarZstPath, ProgressEvent* progress = nullptr);
+  bool WriteTarZst(_mvOutput& out, ProgressEvent* progress = nullptr);
+  bool WriteTarXz(const XString& tarXzPath, ProgressEvent* progress = nullptr);
+  bool WriteTarXz(_mvOutput& out, ProgressEvent* progress = nullptr);
+
   // ---- Reading plain archives.
 
   // Extracts below UntarFromDir. The result counts the members extracted (directories too), -1 on failure.
@@ -151,6 +158,21 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   // Unix compress (LZW).
   bool UntarZ(const XString& tarZPath, ProgressEvent* progress = nullptr);
   bool UntarZ(_mvDataSource& source, ProgressEvent* progress = nullptr);
+
+  // zstd; xz and .lzma. Every frame or stream is read, checksums are compared, data that are cut or followed
+  // by something else fail, and the archive must have its end mark.
+  bool UntarZst(const XString& tarZstPath, ProgressEvent* progress = nullptr);
+  bool UntarZst(_mvDataSource& source, ProgressEvent* progress = nullptr);
+  bool UntarXz(const XString& tarXzPath, ProgressEvent* progress = nullptr);
+  bool UntarXz(_mvDataSource& source, ProgressEvent* progress = nullptr);
+
+  // Any of these, or a plain archive, told by its content, and with every check that there is: checksums, all
+  // members and streams, the end mark. VerifyAny writes nothing. What is none of them is named in the log
+  // ("This is a ZIP archive, no tar.").
+  bool UntarAny(const XString& tarPath, ProgressEvent* progress = nullptr);
+  bool UntarAny(_mvDataSource& source, ProgressEvent* progress = nullptr);
+  bool VerifyAny(const XString& tarPath, ProgressEvent* progress = nullptr);
+  bool VerifyAny(_mvDataSource& source, ProgressEvent* progress = nullptr);
 
   // ---- One member of an archive of any compression
 
@@ -307,6 +329,7 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   WriteSettings writeSettings() const;
   LiveSettings<ReadSettings> liveReadSettings() const;
   LiveSettings<ReadSettings> liveMemberSettings() const;
+  LiveSettings<ReadSettings> liveCheckedSettings(bool extract) const;
   LiveSettings<WriteSettings> liveWriteSettings() const;
   bool addDirRoot(const XString* pathPrefix, const XString& dirPath);
   bool addEntry(const std::string& entry);
@@ -338,6 +361,11 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   bool expandTarBz2(_mvDataSource& source, ProgressMonitor* pm, LogBase& log);
   bool expandTarZ(_mvDataSource& source, ProgressMonitor* pm, LogBase& log);
   int untarMember(_mvDataSource& source, _mvOutput& out, ProgressMonitor* pm, ProgressEvent* progress);
+  bool untarCheckedPath(const char* name, const XString& path, Compression expected, bool extract,
+                        ProgressEvent* progress);
+  bool untarCheckedSource(const char* name, _mvDataSource& source, Compression expected, bool extract,
+                          ProgressEvent* progress);
+  bool untarChecked(_mvDataSource& source, Compression expected, bool extract, ProgressEvent* progress);
   bool memberToOutput(_mvDataSource& source, _mvOutput& out, ProgressEvent* progress);
   bool listXml(_mvDataSource& source, XString& outXml, _mvOutput* drain, ProgressEvent* progress);
 

@@ -18,7 +18,7 @@ _mvtar() {
       words="SkipOutputFile SkipUnreadable WriteExactSizes CountSkipsExcluded NoTotal UstarOverflow=fail
         UstarPlainPrefix PaxExact OpenBeforeEvent FollowLinks Store= Reproducible= FastDeflate= FullRead Restore=
         OwnerBy=name OwnerBy=id LinkTargets=any LinkTargets=inside ExistingDirectories=keep ExistingDirectories=settle
-        MaxExtensionBytes= MaxPathDepth= MaxMembers= MaxTotalBytes= MaxRatio= Profile=usual Profile=untrusted
+        MaxExtensionBytes= MaxPathDepth= MaxMembers= MaxTotalBytes= MaxRatio= MaxWindowBytes= Level= Profile=usual Profile=untrusted
         Confine=beneath Confine=nolinks VerifyGzip GzipAllMembers Bz2Framed RequireEndOfArchive EntryEvents
         MemberEvents SkipUncreatable" ;;
     --directory)
@@ -37,7 +37,7 @@ _mvtar() {
   fi
 
   if [[ $cur == --* ]]; then
-    mapfile -t COMPREPLY < <(compgen -W "--create --extract --get --list --verify --deb --file --directory --gzip
+    mapfile -t COMPREPLY < <(compgen -W "--create --extract --get --list --verify --deb --file --directory --xz --zstd --auto-compress --level= --gzip
       --bzip2 --format= --match= --exclude= --prefix= --strip-paths --max-count= --to-stdout --absolute-names
       --preserve-permissions --same-permissions --no-same-permissions --same-owner --no-same-owner --numeric-owner
       --touch --dereference --xattrs --acls --sparse --reproducible --untrusted --xml --charset= --verbose --totals

@@ -3,6 +3,7 @@
 // with each of them.
 #include "runtime/codec/Codec.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "runtime/buffer/DataBuffer.h"
@@ -11,7 +12,9 @@
 #include "runtime/codec/MorvaneBzip2.h"
 #include "runtime/codec/MorvaneDeflate.h"
 #include "runtime/codec/MorvaneLzw.h"
+#include "runtime/codec/XzCodec.h"
 #include "runtime/codec/ZipCRC.h"
+#include "runtime/codec/ZstdCodec.h"
 #include "runtime/io/_mvOutput.h"
 
 namespace morvane {
@@ -93,6 +96,35 @@ bool isBzip2(const unsigned char* bytes, unsigned n) {
   return bytes[3] >= '1' && bytes[3] <= '9' && (block || emptyStream);
 }
 
+// A frame, or a skippable one, of which there are sixteen (RFC 8878, 3.1).
+bool isZstd(const unsigned char* bytes, unsigned n) {
+  if (startsWith(bytes, n, "\x28\xB5\x2F\xFD", 4)) return true;
+  return n >= 4 && (bytes[0] & 0xF0) == 0x50 && std::memcmp(bytes + 1, "\x2A\x4D\x18", 3) == 0;
+}
+
+// The older .lzma has no signature: its usual properties, a dictionary of 2^n or 2^n + 2^(n-1) bytes, and a
+// size that is unknown or less than 256 GiB, as liblzma itself looks at it.
+bool isLzma(const unsigned char* bytes, unsigned n) {
+  constexpr unsigned kHeader = 13, kSizeAt = 5;
+  if (n < kHeader || bytes[0] != 0x5D) return false;
+  const unsigned dictionary =
+      bytes[1] | unsigned{bytes[2]} << 8 | unsigned{bytes[3]} << 16 | unsigned{bytes[4]} << 24;
+  const unsigned lowest = dictionary & (0 - dictionary);
+  const unsigned rest = dictionary - lowest;
+  if (dictionary < 4096 || (rest != 0 && rest != lowest << 1)) return false;
+  const bool isUnknown =
+      std::all_of(bytes + kSizeAt, bytes + kHeader, [](unsigned char b) { return b == 0xFF; });
+  return isUnknown || (bytes[kHeader - 1] == 0 && bytes[kHeader - 2] == 0 && bytes[kHeader - 3] < 0x40);
+}
+
+bool isXz(const unsigned char* bytes, unsigned n) {
+  return startsWith(bytes, n,
+                    "\xFD"
+                    "7zXZ\0",
+                    6) ||
+         isLzma(bytes, n);
+}
+
 std::unique_ptr<Encoder> makeGzip(const CodecOptions& options) {
   return std::make_unique<GzipEncoder>(options.fastDeflate);
 }
@@ -125,6 +157,8 @@ constexpr Codec kCodecs[] = {
     {Compression::Gzip, "gzip", ".tar.gz .tgz", isGzip, makeGzip, decodeGzip},
     {Compression::Bzip2, "bzip2", ".tar.bz2 .tbz .tbz2", isBzip2, makeBzip2, decodeBzip2},
     {Compression::Compress, "compress", ".tar.Z", isCompress, nullptr, decodeCompress},
+    {Compression::Zstd, "zstd", ".tar.zst .tzst", isZstd, makeZstdEncoder, decodeZstd},
+    {Compression::Xz, "xz", ".tar.xz .txz", isXz, makeXzEncoder, decodeXz},
 };
 
 // Whether the path ends in one of the suffixes, which blanks separate. Case counts, as it does for the files

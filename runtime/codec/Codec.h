@@ -18,6 +18,8 @@ class _mvOutput;
 // What an application may ask of a codec; each row takes what concerns it. Plain values, taken over when a
 // run begins; the defaults are what happens without any option word.
 struct CodecOptions {
+  long long level = 0;           // zstd, xz: 0 is each one's own default; higher is smaller and slower
+  long long maxWindowBytes = 0;  // zstd, xz read: the most that data may claim; 0 is each one's own default
   long long fastDeflate =
       0;                    // gzip written: 0 is zlib's default level, 1 (fastest) to 3 trade size for speed
   bool verifyGzip = false;  // gzip read: the trailer's checksum and size are compared

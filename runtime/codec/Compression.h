@@ -9,13 +9,13 @@
 namespace morvane {
 
 // None is a plain tar archive; the others are what the whole archive is wrapped in.
-enum class Compression { None, Gzip, Bzip2, Compress };
+enum class Compression { None, Gzip, Bzip2, Compress, Zstd, Xz };
 
 // What a person calls it: "gzip". A literal, lower case; "none" for None.
 MORVANE_API const char* compressionName(Compression compression);
 // Whether it can be written; Unix compress is only read.
 MORVANE_API bool canBeWritten(Compression compression);
-// By a content's first bytes (10 are enough); nothing when they begin none of these.
+// By a content's first bytes (13 are enough); nothing when they begin none of these.
 MORVANE_API std::optional<Compression> compressionByContent(const unsigned char* bytes, unsigned n);
 // By the suffix of an archive's name (".tar.gz", ".tgz"), which promises it. Nothing for a name that promises
 // none. Case counts.

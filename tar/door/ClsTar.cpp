@@ -131,6 +131,17 @@ LiveSettings<ReadSettings> ClsTar::liveMemberSettings() const {
           m_changes};
 }
 
+// With every check that there is, whatever the words say.
+LiveSettings<ReadSettings> ClsTar::liveCheckedSettings(bool extract) const {
+  return {[this, extract] {
+            ReadSettings settings = readSettings();
+            settings.suppressOutput |= !extract;
+            settings.options.requireEndOfArchive = true;
+            return settings;
+          },
+          m_changes};
+}
+
 LiveSettings<WriteSettings> ClsTar::liveWriteSettings() const {
   return {[this] { return writeSettings(); }, m_changes};
 }

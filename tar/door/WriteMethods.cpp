@@ -48,6 +48,22 @@ bool ClsTar::WriteTarBz2(_mvOutput& out, ProgressEvent* progress) {
   return writeMethod("WriteTarBz2", Compression::Bzip2, {nullptr, nullptr, &out}, progress);
 }
 
+bool ClsTar::WriteTarZst(const XString& tarZstPath, ProgressEvent* progress) {
+  return writeMethod("WriteTarZst", Compression::Zstd, {"tarZstPath", &tarZstPath, nullptr}, progress);
+}
+
+bool ClsTar::WriteTarZst(_mvOutput& out, ProgressEvent* progress) {
+  return writeMethod("WriteTarZst", Compression::Zstd, {nullptr, nullptr, &out}, progress);
+}
+
+bool ClsTar::WriteTarXz(const XString& tarXzPath, ProgressEvent* progress) {
+  return writeMethod("WriteTarXz", Compression::Xz, {"tarXzPath", &tarXzPath, nullptr}, progress);
+}
+
+bool ClsTar::WriteTarXz(_mvOutput& out, ProgressEvent* progress) {
+  return writeMethod("WriteTarXz", Compression::Xz, {nullptr, nullptr, &out}, progress);
+}
+
 // What comes before the first byte, the output opened and closed. The result is decided after the last byte
 // was flushed and the file closed: a full disk may show as late as that.
 bool ClsTar::writeMethod(const char* name, Compression compression, const ArchivePlace& place,

@@ -47,11 +47,6 @@ const char* foreignContent(const unsigned char* bytes, unsigned n) {
     std::string_view signature;
     const char* sentence;
   } kForeign[] = {
-      {"\xFD"
-       "7zXZ\0"sv,
-       "This is xz-compressed, which cannot be read."},
-      {"\x28\xB5\x2F\xFD"sv, "This is zstd-compressed, which cannot be read."},
-      {"\x5D\0\0"sv, "This is lzma-compressed, which cannot be read."},
       {"\x04\x22\x4D\x18"sv, "This is lz4-compressed, which cannot be read."},
       {"LZIP"sv, "This is lzip-compressed, which cannot be read."},
       {"PK\3\4"sv, "This is a ZIP archive, no tar."},

@@ -80,6 +80,8 @@ constexpr Switch kSwitches[] = {
 // With the least and the largest value that makes sense.
 constexpr Number kNumbers[] = {
     {"maxextensionbytes", MORVANE_SETTING(long long, maxExtensionBytes), 1, kAnyNumber},
+    {"level", MORVANE_SETTING(long long, codec.level), 1, 22},
+    {"maxwindowbytes", MORVANE_SETTING(long long, codec.maxWindowBytes), 1, kAnyNumber},
     {"fastdeflate", MORVANE_SETTING(long long, codec.fastDeflate), 1, 3},
     {"maxpathdepth", MORVANE_SETTING(long long, maxPathDepth), 0, kAnyNumber},
     {"maxmembers", MORVANE_SETTING(long long, maxMembers), 0, kAnyNumber},

@@ -1,0 +1,14 @@
+# Finds libzstd: Zstd_FOUND and the target Zstd::zstd. Serves this build and, installed beside it, the package.
+find_path(ZSTD_INCLUDE_DIR zstd.h)
+find_library(ZSTD_LIBRARY zstd)
+
+include(FindPackageHandleStandardArgs)
+find_package_handle_standard_args(Zstd REQUIRED_VARS ZSTD_LIBRARY ZSTD_INCLUDE_DIR)
+mark_as_advanced(ZSTD_INCLUDE_DIR ZSTD_LIBRARY)
+
+if(Zstd_FOUND AND NOT TARGET Zstd::zstd)
+  add_library(Zstd::zstd UNKNOWN IMPORTED)
+  set_target_properties(Zstd::zstd PROPERTIES
+    IMPORTED_LOCATION "${ZSTD_LIBRARY}"
+    INTERFACE_INCLUDE_DIRECTORIES "${ZSTD_INCLUDE_DIR}")
+endif()

@@ -1,0 +1,28 @@
+# libzstd and liblzma, each optional: without it everything else works, and a call for it says that this build has none.
+set(morvane_codec_libraries "")
+
+# morvane_optional_codec(NAME PACKAGE TARGET SOURCE SUBSTITUTE): sets MORVANE_HAS_<NAME>, and leaves one of two sources out.
+macro(morvane_optional_codec name package target source substitute)
+  set(MORVANE_TAR_${name} AUTO CACHE STRING "Use ${package}: AUTO (where found), ON, OFF")
+  set_property(CACHE MORVANE_TAR_${name} PROPERTY STRINGS AUTO ON OFF)
+  set(MORVANE_HAS_${name} OFF)
+  if(NOT MORVANE_TAR_${name} STREQUAL "OFF")
+    list(PREPEND CMAKE_MODULE_PATH ${CMAKE_CURRENT_LIST_DIR})
+    find_package(${package} QUIET)
+    list(POP_FRONT CMAKE_MODULE_PATH)
+    if(TARGET ${target})
+      set(MORVANE_HAS_${name} ON)
+      list(APPEND morvane_codec_libraries ${target})
+    elseif(NOT MORVANE_TAR_${name} STREQUAL "AUTO")
+      message(FATAL_ERROR "MORVANE_TAR_${name} is ${MORVANE_TAR_${name}}, but ${package} was not found")
+    endif()
+  endif()
+  if(MORVANE_HAS_${name})
+    list(APPEND morvane_other_engine ${substitute})
+  else()
+    list(APPEND morvane_other_engine ${source})
+  endif()
+endmacro()
+
+morvane_optional_codec(ZSTD Zstd Zstd::zstd runtime/codec/ZstdCodec.cpp runtime/codec/ZstdCodecNone.cpp)
+morvane_optional_codec(XZ LibLZMA LibLZMA::LibLZMA runtime/codec/XzCodec.cpp runtime/codec/XzCodecNone.cpp)

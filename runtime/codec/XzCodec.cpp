@@ -1,0 +1,129 @@
+// xz by liblzma. What a stream claims to need for its dictionary is bounded by the library's own limit on
+// memory, before it is allocated.
+#include "runtime/codec/XzCodec.h"
+
+#include <lzma.h>
+
+#include <algorithm>
+#include <vector>
+
+#include "runtime/buffer/DataBuffer.h"
+#include "runtime/codec/InputWindow.h"
+#include "runtime/io/_mvOutput.h"
+#include "runtime/log/LogBase.h"
+
+namespace morvane {
+
+namespace {
+
+constexpr size_t kPiece = 128 * 1024;
+constexpr unsigned kDefaultLevel = 6, kHighestLevel = 9;  // as the library's own programs have them
+
+bool fail(const char* message, LogBase& log) {
+  log.LogError(message);
+  return false;
+}
+
+// The library's state, ended with the object.
+struct Stream {
+  ~Stream() { lzma_end(&state); }
+  lzma_stream state = LZMA_STREAM_INIT;
+};
+
+class XzEncoder : public Encoder {
+ public:
+  explicit XzEncoder(long long level) : m_out(kPiece) {
+    const auto chosen =
+        level == 0 ? kDefaultLevel : static_cast<unsigned>(std::min<long long>(level, kHighestLevel));
+    if (lzma_easy_encoder(&m_stream.state, chosen, LZMA_CHECK_CRC64) != LZMA_OK) throw std::bad_alloc();
+  }
+
+  bool add(const unsigned char* bytes, unsigned n, DataBuffer& ready, ProgressMonitor*,
+           LogBase& log) override {
+    m_stream.state.next_in = bytes;
+    m_stream.state.avail_in = n;
+    while (m_stream.state.avail_in > 0) {
+      if (run(LZMA_RUN, ready, log) != LZMA_OK) return fail("xz compression failed.", log);
+    }
+    return true;
+  }
+
+  bool finish(DataBuffer& ready, ProgressMonitor*, LogBase& log) override {
+    lzma_ret result = LZMA_OK;
+    while (result == LZMA_OK) result = run(LZMA_FINISH, ready, log);
+    return result == LZMA_STREAM_END || fail("xz compression failed.", log);
+  }
+
+ private:
+  lzma_ret run(lzma_action action, DataBuffer& ready, LogBase&) {
+    m_stream.state.next_out = m_out.data();
+    m_stream.state.avail_out = m_out.size();
+    const lzma_ret result = lzma_code(&m_stream.state, action);
+    const size_t produced = m_out.size() - m_stream.state.avail_out;
+    if (produced > 0 && !ready.append(m_out.data(), static_cast<unsigned>(produced))) return LZMA_MEM_ERROR;
+    return result;
+  }
+
+  Stream m_stream;
+  std::vector<unsigned char> m_out;
+};
+
+const char* reasonOf(lzma_ret result, bool anyInput) {
+  switch (result) {
+    case LZMA_FORMAT_ERROR:
+      return "What follows is no xz data.";
+    case LZMA_MEMLIMIT_ERROR:
+      return "The xz data need a larger dictionary than MaxWindowBytes allows.";
+    case LZMA_MEM_ERROR:
+      return "Out of memory for xz decompression.";
+    case LZMA_BUF_ERROR:
+      return anyInput ? "The xz data end before the stream does." : "There are no xz data.";
+    case LZMA_OPTIONS_ERROR:
+      return "The xz data use something that this library does not know.";
+    default:
+      return "The xz data are damaged.";
+  }
+}
+
+}  // namespace
+
+std::unique_ptr<Encoder> makeXzEncoder(const CodecOptions& options) {
+  return std::make_unique<XzEncoder>(options.level);
+}
+
+bool decodeXz(_mvDataSource& source, _mvOutput& out, const CodecOptions& options, ProgressMonitor* pm,
+              LogBase& log) {
+  constexpr long long kMostByDefault = 256LL * 1024 * 1024;
+  // The decoder takes some hundred kilobytes beside the dictionary.
+  constexpr long long kBesideDictionary = 1024 * 1024;
+  const long long most = options.maxWindowBytes > 0 ? options.maxWindowBytes : kMostByDefault;
+  Stream stream;
+  lzma_ret result =
+      lzma_auto_decoder(&stream.state, static_cast<uint64_t>(most + kBesideDictionary), LZMA_CONCATENATED);
+  if (result != LZMA_OK) return fail(reasonOf(result, false), log);
+  std::vector<unsigned char> buffer(kPiece);
+  InputWindow input(source, pm, log);
+  bool anyInput = false, atEnd = false;
+  while (true) {
+    if (stream.state.avail_in == 0 && !atEnd) {
+      const char* bytes = nullptr;
+      unsigned n = 0;
+      if (!input.next(bytes, n)) return false;
+      atEnd = n == 0;
+      anyInput |= n > 0;
+      stream.state.next_in = reinterpret_cast<const unsigned char*>(bytes);
+      stream.state.avail_in = n;
+    }
+    stream.state.next_out = buffer.data();
+    stream.state.avail_out = buffer.size();
+    // With joined streams the library has to be told that no further one comes.
+    result = lzma_code(&stream.state, atEnd ? LZMA_FINISH : LZMA_RUN);
+    const size_t produced = buffer.size() - stream.state.avail_out;
+    const char* const bytes = reinterpret_cast<const char*>(buffer.data());
+    if (produced > 0 && !out.writeBytesPM(bytes, static_cast<unsigned>(produced), pm, log)) return false;
+    if (result == LZMA_STREAM_END) return true;
+    if (result != LZMA_OK) return fail(reasonOf(result, anyInput), log);
+  }
+}
+
+}  // namespace morvane

@@ -1,0 +1,20 @@
+// xz streams (the .xz file format 1.1) and the older .lzma, by liblzma where the build has it.
+#pragma once
+
+#include <memory>
+
+#include "runtime/codec/Codec.h"
+
+namespace morvane {
+
+// One stream with CRC-64 checksums, at options.level (1 to 9; 0: 6). Where the build has no xz,
+// one that fails as soon as it is to begin.
+std::unique_ptr<Encoder> makeXzEncoder(const CodecOptions& options);
+
+// Expands every stream to the source's end, with the padding that may stand between them, checksums compared.
+// False, with the reason in the log, for data that are damaged, cut, followed by something else, or that
+// claim a dictionary over options.maxWindowBytes.
+bool decodeXz(_mvDataSource& source, _mvOutput& out, const CodecOptions& options, ProgressMonitor* pm,
+              LogBase& log);
+
+}  // namespace morvane

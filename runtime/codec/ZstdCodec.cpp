@@ -1,0 +1,136 @@
+// zstd by libzstd. Its own buffers are as large as it recommends; memory that a frame's header claims is
+// bounded before it is allocated, by the library's own limit on windows.
+#include "runtime/codec/ZstdCodec.h"
+
+#include <zstd.h>
+#include <zstd_errors.h>
+
+#include <algorithm>
+#include <vector>
+
+#include "runtime/buffer/DataBuffer.h"
+#include "runtime/codec/InputWindow.h"
+#include "runtime/io/_mvOutput.h"
+#include "runtime/log/LogBase.h"
+
+namespace morvane {
+
+namespace {
+
+constexpr int kDefaultLevel = 3;  // as the library's own programs have it
+
+bool fail(const char* message, LogBase& log) {
+  log.LogError(message);
+  return false;
+}
+
+class ZstdEncoder : public Encoder {
+ public:
+  explicit ZstdEncoder(long long level)
+      : m_context(ZSTD_createCCtx(), ZSTD_freeCCtx), m_out(ZSTD_CStreamOutSize()) {
+    if (!m_context) throw std::bad_alloc();
+    const int chosen =
+        level == 0 ? kDefaultLevel : static_cast<int>(std::min<long long>(level, ZSTD_maxCLevel()));
+    ZSTD_CCtx_setParameter(m_context.get(), ZSTD_c_compressionLevel, chosen);
+    // Without it a flipped bit may pass for data.
+    ZSTD_CCtx_setParameter(m_context.get(), ZSTD_c_checksumFlag, 1);
+  }
+
+  bool add(const unsigned char* bytes, unsigned n, DataBuffer& ready, ProgressMonitor*,
+           LogBase& log) override {
+    ZSTD_inBuffer in{bytes, n, 0};
+    while (in.pos < in.size) {
+      size_t left = 0;
+      if (!run(in, ZSTD_e_continue, left, ready, log)) return false;
+    }
+    return true;
+  }
+
+  bool finish(DataBuffer& ready, ProgressMonitor*, LogBase& log) override {
+    ZSTD_inBuffer none{nullptr, 0, 0};
+    for (size_t left = 1; left > 0;) {
+      if (!run(none, ZSTD_e_end, left, ready, log)) return false;
+    }
+    return true;
+  }
+
+ private:
+  // One call of the library; `left` tells how much it still holds back at least.
+  bool run(ZSTD_inBuffer& in, ZSTD_EndDirective directive, size_t& left, DataBuffer& ready, LogBase& log) {
+    ZSTD_outBuffer out{m_out.data(), m_out.size(), 0};
+    left = ZSTD_compressStream2(m_context.get(), &out, &in, directive);
+    if (ZSTD_isError(left)) return fail("zstd compression failed.", log);
+    return out.pos == 0 || ready.append(m_out.data(), static_cast<unsigned>(out.pos)) ||
+           fail("Out of memory for zstd compression.", log);
+  }
+
+  const std::unique_ptr<ZSTD_CCtx, size_t (*)(ZSTD_CCtx*)> m_context;
+  std::vector<char> m_out;
+};
+
+// The largest window of 2^n bytes that a limit allows.
+int windowLogFor(long long bytes) {
+  const ZSTD_bounds bounds = ZSTD_dParam_getBounds(ZSTD_d_windowLogMax);
+  int log = bounds.lowerBound;
+  while (log < bounds.upperBound && 1LL << (log + 1) <= bytes) ++log;
+  return log;
+}
+
+const char* reasonOf(size_t error) {
+  switch (ZSTD_getErrorCode(error)) {
+    case ZSTD_error_prefix_unknown:
+      return "What follows is no zstd data.";
+    case ZSTD_error_frameParameter_windowTooLarge:
+      return "The zstd data need a larger window than MaxWindowBytes allows.";
+    case ZSTD_error_checksum_wrong:
+      return "The checksum of the zstd data is wrong.";
+    case ZSTD_error_memory_allocation:
+      return "Out of memory for zstd decompression.";
+    default:
+      return "The zstd data are damaged.";
+  }
+}
+
+}  // namespace
+
+std::unique_ptr<Encoder> makeZstdEncoder(const CodecOptions& options) {
+  return std::make_unique<ZstdEncoder>(options.level);
+}
+
+bool decodeZstd(_mvDataSource& source, _mvOutput& out, const CodecOptions& options, ProgressMonitor* pm,
+                LogBase& log) {
+  constexpr long long kMostByDefault = 128LL * 1024 * 1024;
+  const std::unique_ptr<ZSTD_DCtx, size_t (*)(ZSTD_DCtx*)> context(ZSTD_createDCtx(), ZSTD_freeDCtx);
+  if (!context) return fail("Out of memory for zstd decompression.", log);
+  const long long most = options.maxWindowBytes > 0 ? options.maxWindowBytes : kMostByDefault;
+  ZSTD_DCtx_setParameter(context.get(), ZSTD_d_windowLogMax, windowLogFor(most));
+  std::vector<char> buffer(ZSTD_DStreamOutSize());
+  InputWindow input(source, pm, log);
+  ZSTD_inBuffer in{nullptr, 0, 0};
+  size_t wanted = 1;  // 0: the last call ended a frame, and nothing of it is held back
+  bool anyFrame = false;
+  while (true) {
+    if (in.pos == in.size) {
+      const char* bytes = nullptr;
+      unsigned n = 0;
+      if (!input.next(bytes, n)) return false;
+      if (n == 0) break;
+      in = {bytes, n, 0};
+    }
+    ZSTD_outBuffer piece{buffer.data(), buffer.size(), 0};
+    do {
+      piece.pos = 0;
+      wanted = ZSTD_decompressStream(context.get(), &piece, &in);
+      if (ZSTD_isError(wanted)) return fail(reasonOf(wanted), log);
+      if (piece.pos > 0 && !out.writeBytesPM(buffer.data(), static_cast<unsigned>(piece.pos), pm, log))
+        return false;
+      // A full output may mean that there is more of it than there was room for.
+    } while (piece.pos == piece.size);
+    anyFrame |= wanted == 0;
+  }
+  if (wanted == 0) return true;
+  return fail(
+      anyFrame || in.size > 0 ? "The zstd data end before the frame does." : "There are no zstd data.", log);
+}
+
+}  // namespace morvane

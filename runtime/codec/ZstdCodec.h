@@ -1,0 +1,20 @@
+// zstd frames (RFC 8878), by libzstd where the build has it.
+#pragma once
+
+#include <memory>
+
+#include "runtime/codec/Codec.h"
+
+namespace morvane {
+
+// One frame with a checksum, at options.level (1 to 22; 0: 3). Where the build has no zstd,
+// one that fails as soon as it is to begin.
+std::unique_ptr<Encoder> makeZstdEncoder(const CodecOptions& options);
+
+// Expands every frame to the source's end, skippable ones passed over, checksums compared. False, with the
+// reason in the log, for data that are damaged, cut, followed by something else, or that claim a window over
+// options.maxWindowBytes.
+bool decodeZstd(_mvDataSource& source, _mvOutput& out, const CodecOptions& options, ProgressMonitor* pm,
+                LogBase& log);
+
+}  // namespace morvane

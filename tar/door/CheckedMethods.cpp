@@ -1,0 +1,125 @@
+// ClsTar's methods that read with every check there is: zstd, xz, and any compression told by the content.
+#include "runtime/base/ScopeExit.h"
+#include "runtime/codec/Codec.h"
+#include "runtime/io/BufferedDataSource.h"
+#include "tar/door/ClsTarMethod.h"
+#include "tar/format/ArchiveContent.h"
+#include "tar/read/UntarRun.h"
+#include "tar/stream/RatioLimit.h"
+#include "tar/stream/StreamSink.h"
+
+namespace morvane {
+
+namespace {
+
+// Stands for "whichever it is": no archive is expected to be plain by name.
+constexpr Compression kAny = Compression::None;
+
+// Says what the source is instead. False, for the caller to return.
+bool failAsForeign(_mvDataSource& source, ProgressMonitor* pm, LogBase& log) {
+  constexpr unsigned kLook = 512;
+  const char* bytes = nullptr;
+  unsigned n = 0;
+  const char* what = nullptr;
+  if (source.peekBytes(kLook, bytes, n, pm, log)) {
+    what =
+        n == 0 ? "The archive is empty." : foreignContent(reinterpret_cast<const unsigned char*>(bytes), n);
+  }
+  log.LogError(what ? what : "This is no archive of a known kind.");
+  return false;
+}
+
+}  // namespace
+
+bool ClsTar::UntarZst(const XString& tarZstPath, ProgressEvent* progress) {
+  return untarCheckedPath("UntarZst", tarZstPath, Compression::Zstd, true, progress);
+}
+
+bool ClsTar::UntarZst(_mvDataSource& source, ProgressEvent* progress) {
+  return untarCheckedSource("UntarZst", source, Compression::Zstd, true, progress);
+}
+
+bool ClsTar::UntarXz(const XString& tarXzPath, ProgressEvent* progress) {
+  return untarCheckedPath("UntarXz", tarXzPath, Compression::Xz, true, progress);
+}
+
+bool ClsTar::UntarXz(_mvDataSource& source, ProgressEvent* progress) {
+  return untarCheckedSource("UntarXz", source, Compression::Xz, true, progress);
+}
+
+bool ClsTar::UntarAny(const XString& tarPath, ProgressEvent* progress) {
+  return untarCheckedPath("UntarAny", tarPath, kAny, true, progress);
+}
+
+bool ClsTar::UntarAny(_mvDataSource& source, ProgressEvent* progress) {
+  return untarCheckedSource("UntarAny", source, kAny, true, progress);
+}
+
+bool ClsTar::VerifyAny(const XString& tarPath, ProgressEvent* progress) {
+  return untarCheckedPath("VerifyAny", tarPath, kAny, false, progress);
+}
+
+bool ClsTar::VerifyAny(_mvDataSource& source, ProgressEvent* progress) {
+  return untarCheckedSource("VerifyAny", source, kAny, false, progress);
+}
+
+bool ClsTar::untarCheckedPath(const char* name, const XString& path, Compression expected, bool extract,
+                              ProgressEvent* progress) {
+  return method(name, MethodForm::Judged, false, [&](MethodFrame& frame) {
+    setMatchPatternExactFlags();
+    ProgressMonitorPtr waiting(progress, m_abortCheckMs, m_percentScale, 0);
+    _mvFileDataSource file;
+    if (file.openDataSourceFile(path, m_log, waiting.getPm()))
+      return untarChecked(file, expected, extract, progress);
+    frame.withoutVerdict();
+    return false;
+  });
+}
+
+bool ClsTar::untarCheckedSource(const char* name, _mvDataSource& source, Compression expected, bool extract,
+                                ProgressEvent* progress) {
+  return method(name, MethodForm::Judged, false, [&](MethodFrame&) {
+    setMatchPatternExactFlags();
+    BufferedDataSource buffered(source);
+    return untarChecked(source.canLend() && source.canPeek() ? source : buffered, expected, extract,
+                        progress);
+  });
+}
+
+bool ClsTar::untarChecked(_mvDataSource& source, Compression expected, bool extract,
+                          ProgressEvent* progress) {
+  const long long start = std::max(source.ftell64(), 0LL);
+  ProgressMonitorPtr monitor(progress, m_abortCheckMs, m_percentScale,
+                             std::max(source.sizeIfKnown() - start, 0LL));
+  const Io io(m_log, monitor.getPm(), progress);
+  std::optional<Compression> found = expected;
+  if (expected == kAny && !detectArchive(source, found, io.monitor, m_log)) return false;
+  if (!found) return failAsForeign(source, io.monitor, m_log);
+  mvFileInfo archive;
+  const auto* const file = dynamic_cast<const _mvFileDataSource*>(&source);
+  const bool isProtected = file && file->getFileInfo(archive, m_log);
+  bool ok = false;
+  if (*found == Compression::None) {
+    UntarRun run({source, io, m_log, m_xmlListing}, liveCheckedSettings(extract), extract);
+    if (isProtected) run.protect(archive);
+    ok = run.run() >= 0;
+    m_onlyLeftOut = run.onlyLeftOut();
+  } else {
+    // An engine of its own: the object's goes on from where its last run ended.
+    StreamingUntar stream(liveCheckedSettings(extract), m_xmlListing);
+    stream.BeginStreamingUntar();
+    if (isProtected) stream.protect(archive);
+    StreamSink sink(stream);
+    MeteredSource metered(source);
+    RatioLimit limited(sink, metered, m_options->maxRatio);
+    CodecOptions options = m_options->codec;
+    options.verifyGzip = options.gzipAllMembers = true;
+    const bool expanded = codecOf(*found).decode(metered, limited, options, io.monitor, m_log);
+    ok = stream.FinishStreamingUntar(io.monitor, m_log) && expanded;
+    m_onlyLeftOut = expanded && stream.onlyLeftOut();
+  }
+  if (ok) monitor.consumeRemaining(m_log);
+  return ok;
+}
+
+}  // namespace morvane
