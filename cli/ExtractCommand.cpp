@@ -54,7 +54,8 @@ class ExtractEvent : public MemberEvent {
     }
     for (const NotKept& row : kNotKept) {
       if (what == row.event) {
-        const std::string reason = failureReason(m_tar);
+        // A copy in place of a link has no reason but that.
+        const std::string reason = what == "linkNotKept" ? "" : failureReason(m_tar);
         m_report.problem(value, row.message + (reason.empty() ? "" : ": " + reason));
       } else if (what == row.countEvent) {
         m_report.problem(m_line.archive, std::string(value) + " " + row.countMessage);

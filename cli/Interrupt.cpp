@@ -52,7 +52,7 @@ void handle(int signal, void (*handler)(int)) {
 
 // The other handler, if any, is replaced.
 void handleInterrupts(void (*handler)(int)) {
-  for (const int signal : {SIGINT, SIGTERM}) {
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
     struct sigaction current {};
     // One that is ignored, as for a command in the background, stays ignored.
     if (sigaction(signal, nullptr, &current) == 0 && current.sa_handler == SIG_IGN) continue;

@@ -136,7 +136,7 @@ TEST(Fidelity, LinksThatLeadNowhereAreNamed) {
        {{"l", "", '1', "none"}, {"z", "data"}},
        "l: The target of a hard link is not there.",
        "z=file data"},
-      {"", {{"l", "", '1', "l"}, {"z", "data"}}, "l: refused: its path leaves the target", "z=file data"},
+      {"", {{"l", "", '1', "l"}, {"z", "data"}}, "l: A hard link leads to itself.", "z=file data"},
       {"", {{"d/", "", '5'}, {"l", "", '1', "d"}}, "l: refused: its path leaves the target", "d=dir"},
       {"", {{"l", "", '1', "../out/victim"}}, "l: refused: its path leaves the target", ""},
       {"",
@@ -158,6 +158,17 @@ TEST(Fidelity, LinksThatLeadNowhereAreNamed) {
        "d/c: The symbolic link leads out of the target.\ne: The symbolic link leads out of the target.",
        "d=dir d/a=link ../b"},
       {"", {{"f", "old"}, {"f", "", '2', "x"}}, "", "f=link x"},  // the later one wins
+      {"", {{"h", "", '1', "late"}, {"h", "own"}, {"late", "z"}}, "", "h=file own late=file z"},
+      {"", {{"a", "", '1', "b"}, {"b", "", '1', "c"}, {"c", "z"}}, "", "a=file z b=file z c=file z"},
+      {"--exclude=a ",
+       {{"./a", "new"}, {"h", "", '1', "a"}},
+       "h: The target of a hard link was not extracted.",
+       ""},
+      // Two links, of which the one passes the other.
+      {"--options=LinkTargets=inside ",
+       {{"a/l", "", '2', ".."}, {"x", "", '2', "a/l/../etc"}},
+       "x: The symbolic link leads out of the target.",
+       "a=dir a/l=link .."},
       {"", {{"f", "", '2', "../../out/victim"}, {"f", "new"}}, "", "f=file new"},
       {"", {{"d/", "", '5'}, {"d", "file"}}, "", "d=file file"},
       {"", {{"p", "", '6'}, {"p", "file"}}, "", "p=file file"},
@@ -220,6 +231,39 @@ TEST(Fidelity, NothingBesideTheTargetChanges) {
   }
 }
 
+// A directory that is reached through a link gets its mode like any other, and one whose name is longer than
+// that of what is in it comes later all the same.
+TEST(Fidelity, DirectoriesAreSettledHoweverTheyAreReached) {
+  ScratchDir dir;
+  const std::string user =
+      isRoot() ? "chmod 777 . && setpriv --reuid=65534 --regid=65534 --clear-groups " : "";
+  writeFile(dir / "a.tar", membersOf({{"real/", "", '5'},
+                                      {"link", "", '2', "real"},
+                                      {"link/sub/", "", '5'},
+                                      {"link/sub/f", "data"},
+                                      {"././././deep/", "", '5'},
+                                      {"deep/er/", "", '5'}}));
+  must(dir, "cp " MVTAR " m; " + user + "./m -xf a.tar -C out && find out -type d -perm 700 | wc -l > n");
+  EXPECT_EQ("0\n", readFile(dir / "n"));
+}
+
+// The end of a sparse member is a hole as well, where it goes into an output, and its limit is its real size.
+TEST(Fidelity, SparseMembersIntoAnOutput) {
+  ScratchDir dir;
+  must(
+      dir,
+      "echo hello > hole && truncate -s 3000000 hole && truncate -s 50000 all && mvtar -cf a.tar hole all && "
+      "gzip -k a.tar");
+  for (const char* archive : {"a.tar", "a.tar.gz"}) {
+    for (const std::string name : {"hole", "all"}) {
+      must(dir, std::string("mvtar -xOf ") + archive + " " + name + " | cmp - " + name);
+      EXPECT_EQ(
+          2,
+          mvtar(dir, std::string("-xOf ") + archive + " " + name + " --options=MaxTotalBytes=9999").status);
+    }
+  }
+}
+
 TEST(Fidelity, WhatAFormatCannotHoldIsNamed) {
   ScratchDir dir;
   must(dir,
@@ -262,6 +306,7 @@ TEST(Fidelity, AttributesAndAccessLists) {
   // A value that a reader which ends records at newlines would take for another path.
   const std::string set = R"(
 import os, struct
+os.setxattr('t/f', 'user.a=b%', b'')
 os.setxattr('t/f', 'user.evil', b'a\n11 path=x\n\0=')
 os.setxattr('t/d', 'user.big', b'v' * 3000)
 acl = struct.pack('<I', 2) + b''.join(struct.pack('<HHI', *e) for e in

@@ -172,7 +172,7 @@ TEST(MvtarDamage, WhatIsNoArchive) {
       {"text/x", "Not a directory"},
       {longName, "File name too long"},
       {"text", "This is text, no archive."},
-      {"text.xz", "This is xz-compressed, which cannot be read."},
+      {"text.xz", ""},
       {"zip", "This is a ZIP archive, no tar."},
       {"deb", "This is a Debian package, no tar; its tarballs are members of an ar archive."}};
   for (const auto& [name, reason] : cases) {

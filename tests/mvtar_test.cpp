@@ -17,7 +17,7 @@ TEST(Mvtar, WrongUsageSaysWhatIsWrongAndDoesNothing) {
       {"-cf a.tar dir --exclude", "option '--exclude' needs a value"},
       {"-cf a.tar -C  dir", "option '-C' needs a directory"},
       {"-cf a.tar --", "nothing to put into the archive"},
-      {"-czjf a.tar dir", "only one of -z and -j"},
+      {"-czjf a.tar dir", "only one of -z, -j, -J, --zstd"},
       {"-cZf a.tar dir", "compress format can be read but not written"},
       {"-cqf a.tar dir", "unknown option '-q'"},
       {"-cf a.tar --b\x1B=1 dir", "unknown option '--b\\033'"},

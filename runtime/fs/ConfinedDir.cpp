@@ -80,6 +80,8 @@ bool ConfinedDir::open(const char* target, Links links, LogBase& log) {
     failed("Failed to open the target directory.", target, log);
     return false;
   }
+  struct stat status;
+  m_handsOnGroup = m_target.status(status) != 0 || (status.st_mode & S_ISGID) != 0;
   // Old kernels, and containers that forbid what they do not know. Asked here, where EPERM has no other
   // meaning.
   const OsFile probe(openResolved(m_target.fd(), ".", kPathOnly, 0));
@@ -147,6 +149,22 @@ ConfinedDir::Result ConfinedDir::createFile(const std::string& path, unsigned mo
   });
 }
 
+// Opens what has just been made. In a directory that somebody else may write, another thing may have come in
+// its place, and nothing must be set of that: it has to be of the kind that was made, the process's own, and
+// without another name.
+ConfinedDir::Result ConfinedDir::openMade(const Place& place, unsigned type, unsigned long long device,
+                                          const std::string& path, OsFile& made, LogBase& log) {
+  made.reset(osOpenAt(place.parent.fd(), place.leaf.c_str(), O_PATH | O_NOFOLLOW));
+  struct stat status;
+  if (!made.isOpen() || made.status(status) != 0) return failed(kCannotCreate, path, log);
+  const bool isIt = (status.st_mode & S_IFMT) == type && status.st_nlink == 1 && status.st_uid == geteuid() &&
+                    ((type != S_IFCHR && type != S_IFBLK) || status.st_rdev == device);
+  if (isIt) return Result::Ok;
+  made.close();
+  errno = ESTALE;
+  return failed(kCannotCreate, path, log);
+}
+
 ConfinedDir::Result ConfinedDir::makeSymbolicLink(const std::string& path, const std::string& text,
                                                   OsFile& made, LogBase& log) {
   if (!isConfinable(path)) return Result::Refused;
@@ -155,8 +173,7 @@ ConfinedDir::Result ConfinedDir::makeSymbolicLink(const std::string& path, const
   if (opened != Result::Ok) return opened;
   const Result result = makeExclusively(
       place, path, log, [&](int parent, const char* leaf) { return symlinkat(text.c_str(), parent, leaf); });
-  if (result == Result::Ok) made.reset(osOpenAt(place.parent.fd(), place.leaf.c_str(), O_PATH | O_NOFOLLOW));
-  return result;
+  return result == Result::Ok ? openMade(place, S_IFLNK, 0, path, made, log) : result;
 }
 
 ConfinedDir::Result ConfinedDir::makeNode(const std::string& path, unsigned mode, unsigned long long device,
@@ -167,15 +184,14 @@ ConfinedDir::Result ConfinedDir::makeNode(const std::string& path, unsigned mode
   if (opened != Result::Ok) return opened;
   const Result result = makeExclusively(
       place, path, log, [&](int parent, const char* leaf) { return mknodat(parent, leaf, mode, device); });
-  if (result == Result::Ok) made.reset(osOpenAt(place.parent.fd(), place.leaf.c_str(), O_PATH | O_NOFOLLOW));
-  return result;
+  return result == Result::Ok ? openMade(place, mode & S_IFMT, device, path, made, log) : result;
 }
 
 ConfinedDir::Linked ConfinedDir::makeHardLink(const std::string& path, const std::string& target,
                                               LogBase& log) {
   if (!isConfinable(path) || !isConfinable(target)) return Linked::Refused;
   Place from;
-  if (!openExistingParentOf(target, from) || from.leaf.empty()) {
+  if (!openExistingParentOf(target, from, Passing::NoLinks) || from.leaf.empty()) {
     if (from.leaf.empty() || leavesTheTarget(errno)) return Linked::Refused;
     return errno == ENOENT ? Linked::Missing : (failed(kCannotCreate, path, log), Linked::Failed);
   }
@@ -203,16 +219,15 @@ ConfinedDir::Linked ConfinedDir::makeHardLink(const std::string& path, const std
   return result == Result::Ok ? Linked::Ok : result == Result::Refused ? Linked::Refused : Linked::Failed;
 }
 
-int ConfinedDir::openExisting(const std::string& path, int flags) {
+int ConfinedDir::openExisting(const std::string& path, int flags, Passing passing) {
   Place place;
-  if (!isConfinable(path) || !openExistingParentOf(path, place)) return -1;
+  if (!isConfinable(path) || !openExistingParentOf(path, place, passing)) return -1;
   if (place.leaf.empty()) return osOpenAt(place.parent.fd(), ".", flags);
   return osOpenAt(place.parent.fd(), place.leaf.c_str(), flags | O_NOFOLLOW);
 }
 
-// The parent of something that is to be there already: nothing is made, and no link is passed. False with
-// errno.
-bool ConfinedDir::openExistingParentOf(const std::string& path, Place& place) {
+// The parent of something that is to be there already: nothing is made. False with errno.
+bool ConfinedDir::openExistingParentOf(const std::string& path, Place& place, Passing passing) {
   place.parts = partsOf(path);
   place.base = baseOf(path);
   if (!place.parts.empty()) {
@@ -220,7 +235,8 @@ bool ConfinedDir::openExistingParentOf(const std::string& path, Place& place) {
     place.parts.pop_back();
   }
   if (m_links == Links::Anywhere || !m_partByPart) {
-    place.parent.reset(openBeneath(place.base, place.parts, place.parts.size(), O_NOFOLLOW));
+    const int lastFlags = passing == Passing::NoLinks ? O_NOFOLLOW : 0;
+    place.parent.reset(openBeneath(place.base, place.parts, place.parts.size(), lastFlags));
     return place.parent.isOpen();
   }
   place.parent.reset(osOpenAt(place.base, ".", kPathOnly));
@@ -254,7 +270,13 @@ ConfinedDir::Result ConfinedDir::makeDirectory(const std::string& path, unsigned
   if (!isConfinable(path)) return Result::Refused;
   Place place;
   const Result opened = openParentOf(path, place, log);
-  if (opened != Result::Ok || place.leaf.empty()) return opened;  // without a leaf it is the target itself
+  if (opened != Result::Ok) return opened;
+  if (place.leaf.empty()) {  // it is the target itself
+    struct stat status;
+    made.isKnown = m_notesParents && m_target.status(status) == 0;
+    if (made.isKnown) made.identity = identityOf(status);
+    return Result::Ok;
+  }
   const int parent = place.parent.fd();
   const char* const leaf = place.leaf.c_str();
   for (int tries = 0; tries < kTriesWhileChanging; ++tries) {
@@ -265,7 +287,9 @@ ConfinedDir::Result ConfinedDir::makeDirectory(const std::string& path, unsigned
     if (fstatat(parent, leaf, &status, AT_SYMLINK_NOFOLLOW) != 0) continue;
     if (S_ISDIR(status.st_mode)) {
       made.identity = identityOf(status);
-      made.isKnown = true;
+      // One that was moved into its place meanwhile is not what was made.
+      made.isKnown = !made.isNew || status.st_uid == geteuid();
+      m_handsOnGroup |= (status.st_mode & S_ISGID) != 0;
       return Result::Ok;
     }
     if (S_ISLNK(status.st_mode) && isDirectoryInside(place)) return Result::Ok;

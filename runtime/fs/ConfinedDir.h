@@ -73,8 +73,12 @@ class ConfinedDir {
   };
   Linked makeHardLink(const std::string& path, const std::string& target, LogBase& log);
 
-  // Opens a file that is there, for reading / a directory that is there; passes no link. -1 with errno.
-  int openExisting(const std::string& path, int flags);
+  // Opens a file or directory that is there, never a link as itself. -1 with errno. On the way to it links
+  // are passed as they are for what is made, or not at all.
+  enum class Passing { LinksAsMade, NoLinks };
+  int openExisting(const std::string& path, int flags, Passing passing = Passing::NoLinks);
+  // Whether a new file may get its group from a directory instead of from the process, as far as was seen.
+  bool handsOnGroup() const { return m_handsOnGroup; }
 
   // Directories that were made on the way to others, since they were last taken.
   std::vector<Identity> takeNewParents() { return std::exchange(m_newParents, {}); }
@@ -97,7 +101,9 @@ class ConfinedDir {
 
   Result openParentOf(const std::string& path, Place& place, LogBase& log);
   Result walkToParent(Place& place, LogBase& log);
-  bool openExistingParentOf(const std::string& path, Place& place);
+  bool openExistingParentOf(const std::string& path, Place& place, Passing passing);
+  Result openMade(const Place& place, unsigned type, unsigned long long device, const std::string& path,
+                  OsFile& made, LogBase& log);
   bool isConfinable(const std::string& path) const;
   int baseOf(const std::string& path);
   template <class Make>
@@ -116,6 +122,7 @@ class ConfinedDir {
   bool m_partByPart = false;
   int m_lastError = 0;
   bool m_notesParents = false;
+  bool m_handsOnGroup = false;
   std::vector<Identity> m_newParents;
   bool m_hasProtected = false;
   unsigned long long m_protectedDevice = 0, m_protectedInode = 0;

@@ -16,4 +16,18 @@ std::string_view leftOfEntryPath(std::string_view path, bool discardPaths, bool 
   return path;
 }
 
+std::string cleanPath(std::string_view path) {
+  std::string clean;
+  if (!path.empty() && path.front() == '/') clean = "/";
+  while (!path.empty()) {
+    const size_t end = std::min(path.find('/'), path.size());
+    const std::string_view part = path.substr(0, end);
+    path.remove_prefix(std::min(end + 1, path.size()));
+    if (part.empty() || part == ".") continue;
+    if (!clean.empty() && clean.back() != '/') clean += '/';
+    clean += part;
+  }
+  return clean;
+}
+
 }  // namespace morvane

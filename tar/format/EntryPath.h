@@ -1,6 +1,7 @@
 // From a member's stored path to where it is extracted.
 #pragma once
 
+#include <string>
 #include <string_view>
 
 namespace morvane {
@@ -10,5 +11,8 @@ namespace morvane {
 // into `path`; empty when nothing is left, as of "/" or of a directory whose path is discarded. Parts like
 // ".." are not its business: they are judged where the target is known.
 std::string_view leftOfEntryPath(std::string_view path, bool discardPaths, bool noAbsolutePaths);
+
+// The same place without empty parts, "." parts and slashes at the end; ".." parts stay.
+std::string cleanPath(std::string_view path);
 
 }  // namespace morvane

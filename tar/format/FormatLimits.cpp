@@ -65,7 +65,7 @@ void addAttributes(const Member& member, std::string& records) {
   if (!member.defaultAccessList.empty())
     appendPaxRecord("SCHILY.acl.default", member.defaultAccessList, records);
   for (const MemberAttribute& attribute : member.attributes) {
-    appendPaxRecord("SCHILY.xattr." + attribute.name, attribute.value, records);
+    appendPaxRecord("SCHILY.xattr." + escapedKeyword(attribute.name), attribute.value, records);
   }
 }
 

@@ -10,6 +10,7 @@
 #include <limits>
 
 #include "runtime/log/LogBase.h"
+#include "tar/format/PaxRecordText.h"
 #include "tar/format/TarBlock.h"
 
 namespace morvane {
@@ -230,7 +231,7 @@ bool FullExtensions::takePaxRecord(std::string_view keyword, std::string_view va
 bool FullExtensions::takeAttribute(std::string_view keyword, std::string_view value, Attributes& to) {
   constexpr std::string_view kXattr = "SCHILY.xattr.";
   if (keyword.substr(0, kXattr.size()) == kXattr) {
-    to.attributes.push_back({std::string(keyword.substr(kXattr.size())), std::string(value)});
+    to.attributes.push_back({unescapedKeyword(keyword.substr(kXattr.size())), std::string(value)});
     return true;
   }
   if (keyword == "SCHILY.acl.access") {
@@ -274,6 +275,7 @@ void FullExtensions::complete(TarHeader& header, Member& member) {
     member.attributes = std::move(m_next.attributes);
     member.accessList = std::move(m_next.accessList);
     member.defaultAccessList = std::move(m_next.defaultAccessList);
+    m_next.sparseIsWrong |= m_next.sparseMapIsInData && !m_next.sparseSize;
     if (m_next.sparseSize || m_next.sparseIsWrong) spread(header, member);
     forgetNext();
   }

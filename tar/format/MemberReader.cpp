@@ -81,6 +81,15 @@ class LenientReader : public MemberReader {
 };
 
 // Records wait in m_extensions until a member comes, however many there are and in whatever order.
+// What is no number is not taken for one: it would make somebody an owner whom nobody meant. 2^32-1 is no id,
+// and no device.
+unsigned numberOrNone(const unsigned char* block, Field field) {
+  const NumberField number = parseNumber(block, field);
+  const bool isNone =
+      number.state == NumberField::State::Negative || number.state == NumberField::State::Foreign;
+  return isNone ? 0xFFFFFFFF : number.as32();
+}
+
 class FullReader : public MemberReader {
  public:
   explicit FullReader(Demand demand) : MemberReader(demand), m_extensions(demand.spreads) {}
@@ -106,9 +115,11 @@ class FullReader : public MemberReader {
           mtime.state == NumberField::State::Negative) {
         m_header.m_exactMtime.seconds = parseNegative(block, kMtimeField);
       }
+      m_header.m_uid = numberOrNone(block, kUidField);
+      m_header.m_gid = numberOrNone(block, kGidField);
       m_extensions.complete(m_header, m_found);
-      m_found.deviceMajor = parseNumber(block, kDevMajorField).as32();
-      m_found.deviceMinor = parseNumber(block, kDevMinorField).as32();
+      m_found.deviceMajor = numberOrNone(block, kDevMajorField);
+      m_found.deviceMinor = numberOrNone(block, kDevMinorField);
     }
     m_found.exchangeHeader(m_header);
     if (found == Found::Member && demand().spreads && typeFlag == kTypeSparse) {

@@ -30,6 +30,29 @@ void appendPaxRecord(std::string_view keyword, std::string_view value, std::stri
 // bytes on. From 9,989 bytes on there are five digits, which the short rule does not know. It is kept,
 // because equal input is to give equal archives in every version; FullExtensions.cpp forgives the missing
 // one, and a reader that goes by lines does not see it.
+std::string escapedKeyword(std::string_view name) {
+  std::string escaped;
+  for (const char c : name) {
+    if (c == '=' || c == '%') {
+      escaped += c == '=' ? "%3D" : "%25";
+    } else {
+      escaped += c;
+    }
+  }
+  return escaped;
+}
+
+std::string unescapedKeyword(std::string_view name) {
+  std::string plain;
+  while (!name.empty()) {
+    const std::string_view escape = name.substr(0, 3);
+    const bool isEscape = escape == "%3D" || escape == "%25";
+    plain += escape == "%3D" ? '=' : name.front();
+    name.remove_prefix(isEscape ? escape.size() : 1);
+  }
+  return plain;
+}
+
 std::string paxPathRecord(std::string_view path, bool exact) {
   std::string record;
   if (exact) {

@@ -7,13 +7,20 @@
 
 namespace morvane {
 
+namespace {
+
+constexpr unsigned kModeBits = 07777;
+
+}  // namespace
+
 // A directory's size is 0, because no data of it are ever extracted.
 void showMember(const Member& member, const std::string& path, TarMember& shown) {
-  shown.typeFlag = member.typeFlag;
+  // An old header has directories as empty files whose name ends in a slash.
+  shown.typeFlag = member.isDirectory ? kTypeDirectory : member.typeFlag;
   shown.size = member.dataSize();
   shown.path.assign(path, 0, member.isDirectory ? path.find_last_not_of('/') + 1 : path.size());
   shown.linkPath = member.linkPath;
-  shown.mode = member.mode;
+  shown.mode = member.mode & kModeBits;
   shown.uid = member.uid;
   shown.gid = member.gid;
   shown.userName = member.userName;
@@ -27,10 +34,10 @@ void showMember(const Member& member, const std::string& path, TarMember& shown)
 // that follow would be read as something else. What a callback may write is brought into range here and
 // nowhere else.
 void takeShown(const TarMember& shown, Member& member) {
-  constexpr unsigned kModeBits = 07777;
   constexpr unsigned kMostNanoseconds = 999999999;
   member.linkPath = shown.linkPath;
-  member.mode = shown.mode & kModeBits;
+  const bool modeIsChanged = shown.mode != (member.mode & kModeBits);
+  if (modeIsChanged) member.mode = shown.mode & kModeBits;
   member.uid = shown.uid;
   member.gid = shown.gid;
   member.userName = shown.userName;

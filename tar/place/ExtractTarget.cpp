@@ -1,11 +1,14 @@
 #include "tar/place/ExtractTarget.h"
 
+#include <fcntl.h>
+
 #include <cerrno>
 #include <new>
 
 #include "runtime/fs/DirAutoCreate.h"
 #include "runtime/log/LogNull.h"
 #include "runtime/text/StringBuffer.h"
+#include "tar/format/EntryPath.h"
 
 namespace morvane {
 
@@ -134,6 +137,15 @@ ExtractTarget::Outcome ExtractTarget::makeHardLink(const MemberPath& path, const
   if (linked != ConfinedDir::Linked::Failed) return Outcome::Ok;
   m_lastError = m_confined.lastError();
   return Outcome::NotCreated;
+}
+
+bool ExtractTarget::passesLink(const MemberPath& path, const ReadSettings& settings, LogBase& log) {
+  if (!openConfined(path, settings, log)) return false;
+  const std::string clean = cleanPath(path.entryPath().str());
+  const size_t slash = clean.rfind('/');
+  if (slash == std::string::npos) return false;
+  const OsFile parent(m_confined.openExisting(clean.substr(0, slash), O_PATH | O_DIRECTORY));
+  return !parent.isOpen() && errno != ENOENT;
 }
 
 ExtractTarget::Outcome ExtractTarget::createPlain(const MemberPath& path, const char* creatingTag,

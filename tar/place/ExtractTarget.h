@@ -51,6 +51,9 @@ class ExtractTarget {
   bool isElsewhere(const MemberPath& path) const {
     return m_confined.isOpen() && m_confinedDir.str() != path.targetDir().str();
   }
+  // Whether there is a link on the way to where the member is to be made.
+  bool passesLink(const MemberPath& path, const ReadSettings& settings, LogBase& log);
+  bool handsOnGroup() const { return m_confined.handsOnGroup(); }
   // Null until something was made through it.
   ConfinedDir* confined() { return m_confined.isOpen() ? &m_confined : nullptr; }
 

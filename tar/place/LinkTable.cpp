@@ -1,8 +1,27 @@
 #include "tar/place/LinkTable.h"
 
+#include <algorithm>
 #include <utility>
 
+#include "tar/format/EntryPath.h"
+
 namespace morvane {
+
+namespace {
+
+size_t hashOf(const std::string& path) { return std::hash<std::string>()(cleanPath(path)); }
+
+}  // namespace
+
+void LinkTable::noteUnmade(const std::string& path) { m_unmade.insert(hashOf(path)); }
+
+void LinkTable::noteRenamed(const std::string& from, const std::string& to) {
+  m_renamed[cleanPath(from)] = to;
+}
+
+void LinkTable::forgetRenamed(const std::string& path) {
+  if (!m_renamed.empty()) m_renamed.erase(cleanPath(path));
+}
 
 void LinkTable::clear() {
   m_unmade.clear();
@@ -11,15 +30,23 @@ void LinkTable::clear() {
 }
 
 void LinkTable::noteMade(const std::string& path) {
-  if (!m_unmade.empty()) m_unmade.erase(std::hash<std::string>()(path));
+  if (!m_unmade.empty()) m_unmade.erase(hashOf(path));
+}
+
+void LinkTable::replaceWaiting(const std::string& path) {
+  if (m_waiting.empty()) return;
+  const std::string made = cleanPath(path);
+  const auto isReplaced = [&made](const Waiting& link) { return cleanPath(link.path) == made; };
+  m_waiting.erase(std::remove_if(m_waiting.begin(), m_waiting.end(), isReplaced), m_waiting.end());
 }
 
 bool LinkTable::mayBeTarget(const std::string& path) const {
-  return m_unmade.empty() || m_unmade.count(std::hash<std::string>()(path)) == 0;
+  return m_unmade.empty() || m_unmade.count(hashOf(path)) == 0;
 }
 
 const std::string& LinkTable::nameNow(const std::string& path) const {
-  const auto renamed = m_renamed.find(path);
+  if (m_renamed.empty()) return path;
+  const auto renamed = m_renamed.find(cleanPath(path));
   return renamed == m_renamed.end() ? path : renamed->second;
 }
 

@@ -1,5 +1,6 @@
 // What a run knows of hard links: which members may be their targets, under which names, and which links wait
-// for a target that comes later.
+// for a target that comes later. Paths that mean the same are the same here, however they are written ("./a",
+// "a").
 #pragma once
 
 #include <map>
@@ -13,6 +14,7 @@ class LinkTable {
  public:
   struct Waiting {
     std::string path, target;
+    bool isGiven = false;  // by the event: it means the name that stands there
   };
 
   void clear();
@@ -20,15 +22,19 @@ class LinkTable {
   // A member that was skipped, refused or filtered out is no target, though a file of its name may be there:
   // it would be another one. What is made later under that name is one again. A hash stands for each path; a
   // false hit leaves a link out, and says so.
-  void noteUnmade(const std::string& path) { m_unmade.insert(std::hash<std::string>()(path)); }
+  void noteUnmade(const std::string& path);
   void noteMade(const std::string& path);
   bool mayBeTarget(const std::string& path) const;
 
   // Links to a member that the event renamed follow its new name.
-  void noteRenamed(const std::string& from, const std::string& to) { m_renamed[from] = to; }
+  void noteRenamed(const std::string& from, const std::string& to);
+  // A later member of that name was not renamed.
+  void forgetRenamed(const std::string& path);
   const std::string& nameNow(const std::string& path) const;
 
-  void waitFor(const std::string& target, const std::string& path) { m_waiting.push_back({path, target}); }
+  // A link of that name that still waits gives way to what comes now.
+  void replaceWaiting(const std::string& path);
+  void waitFor(Waiting link) { m_waiting.push_back(std::move(link)); }
   std::vector<Waiting> takeWaiting();
 
  private:

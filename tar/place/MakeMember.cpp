@@ -9,6 +9,7 @@
 #include "runtime/log/LogNull.h"
 #include "tar/format/EntryPath.h"
 #include "tar/place/MemberPlacer.h"
+#include "tar/place/RunLimits.h"
 #include "tar/place/SparseOutput.h"
 
 namespace morvane {
@@ -17,25 +18,19 @@ namespace {
 
 using Outcome = ExtractTarget::Outcome;
 
-// Whether the text of a symbolic link, beside the member, leads out of the target by its parts alone.
+// Whether the text of a symbolic link, beside the member, may lead out of the target. ".." parts are judged
+// only at the front: behind another part, which may be a link itself, nobody knows where they lead.
 bool leadsOut(const std::string& path, std::string_view text) {
   if (!text.empty() && text.front() == '/') return true;
-  long long depth = -1;  // of the directory that the link is in; the link itself is no part of it
-  for (size_t start = 0; start < path.size();) {
-    const size_t end = std::min(path.find('/', start), path.size());
-    const std::string_view part = std::string_view(path).substr(start, end - start);
-    depth += !part.empty() && part != ".";
-    start = end + 1;
-  }
+  long long depth = depthOf(cleanPath(path)) - 1;  // of the directory that the link is in
+  bool atFront = true;
   while (!text.empty()) {
     const size_t end = std::min(text.find('/'), text.size());
     const std::string_view part = text.substr(0, end);
-    if (part == "..") {
-      if (--depth < 0) return true;
-    } else if (!part.empty() && part != ".") {
-      ++depth;
-    }
     text.remove_prefix(std::min(end + 1, text.size()));
+    if (part.empty() || part == ".") continue;
+    if (part == ".." && (!atFront || --depth < 0)) return true;
+    atFront = atFront && part == "..";
   }
   return false;
 }
@@ -71,7 +66,7 @@ Outcome MemberPlacer::makeFile(const Member& member, const Io& io, Placed& place
     io.fail("The map of a sparse member makes no sense.");
     return Outcome::Unusable;
   }
-  const unsigned mode = restored().any() ? m_restorer.modeToMake(member) : 0666;
+  const unsigned mode = restored().any() ? m_restorer.modeToMake(member, m_target.handsOnGroup()) : 0666;
   std::unique_ptr<OutputFile> file;
   const Outcome outcome =
       m_target.createFile(m_path, settings(), mode, m_manner.creatingFileTag, io.log, file);
@@ -91,7 +86,9 @@ Outcome MemberPlacer::makeSymbolicLink(const Member& member, const Io& io) {
   const std::string& text = member.linkPath;
   const std::string& path = m_path.entryPath().str();
   const bool isUsable = canBeLinkText(text);
-  if (!isUsable || (settings().options.linksInside && leadsOut(path, text))) {
+  const bool leads = settings().options.linksInside &&
+                     (leadsOut(path, text) || m_target.passesLink(m_path, settings(), io.log));
+  if (!isUsable || leads) {
     io.fail(isUsable ? "The symbolic link leads out of the target."
                      : "The symbolic link has no usable text.");
     return Outcome::Unusable;
@@ -106,6 +103,11 @@ Outcome MemberPlacer::makeSpecial(const Member& member, const Io& io) {
   const unsigned type = member.typeFlag == kTypeFifo              ? S_IFIFO
                         : member.typeFlag == kTypeCharacterDevice ? S_IFCHR
                                                                   : S_IFBLK;
+  constexpr unsigned kMostMajor = 0xFFF, kMostMinor = 0xFFFFF;  // what the system has
+  if (member.isDevice() && (member.deviceMajor > kMostMajor || member.deviceMinor > kMostMinor)) {
+    io.fail("The number of the device makes no sense.");
+    return Outcome::Unusable;
+  }
   const unsigned long long device = member.isDevice() ? makedev(member.deviceMajor, member.deviceMinor) : 0;
   OsFile made;
   const unsigned mode = restored().mode ? 0600 : 0666;
@@ -118,7 +120,9 @@ Outcome MemberPlacer::makeSpecial(const Member& member, const Io& io) {
 
 // A link to what is not there yet waits until the end. One that has data of its own needs no target.
 Outcome MemberPlacer::makeHardLink(const Member& member, const Io& io, Placed& placed) {
-  const std::string target = m_links.nameNow(m_path.targetOf(member.linkPath, settings(), io.log));
+  const std::string stored = m_path.targetOf(member.linkPath, settings(), io.log);
+  // What the event says of a link is meant as it says it.
+  const std::string target = m_linkIsGiven ? stored : m_links.nameNow(stored);
   const std::string& path = m_path.entryPath().str();
   if (target.empty()) return Outcome::Refused;
   const bool mayLink = m_links.mayBeTarget(target);
@@ -135,8 +139,11 @@ Outcome MemberPlacer::makeHardLink(const Member& member, const Io& io, Placed& p
     io.log.LogData("linkPath", target.c_str());
     return Outcome::Unusable;
   }
-  if (target == path) return Outcome::Refused;  // a name of nothing
-  m_links.waitFor(target, path);
+  if (cleanPath(target) == cleanPath(path)) {
+    io.fail("A hard link leads to itself.");
+    return Outcome::Unusable;
+  }
+  m_links.waitFor({path, target, m_linkIsGiven});
   return Outcome::Ok;
 }
 
@@ -161,12 +168,15 @@ Outcome MemberPlacer::copyTarget(const Member& member, const std::string& target
   return end.isWhole ? Outcome::Ok : Outcome::NotCreated;
 }
 
+bool MemberPlacer::finishSpreading(_mvOutput& out, const Io& io) {
+  auto* const sparse = dynamic_cast<SparseOutput*>(&out);
+  _mvIoParams params(io.monitor);
+  return !sparse || sparse->finish(params, io.log);
+}
+
 FileEnd MemberPlacer::settle(const Member& member, _mvOutput& out, OutputFile& file, bool isComplete,
                              const MemberTimes& times, const Io& io) {
-  if (auto* const sparse = dynamic_cast<SparseOutput*>(&out); sparse && isComplete) {
-    _mvIoParams params(io.monitor);
-    isComplete = sparse->finish(params, io.log);
-  }
+  isComplete = isComplete && finishSpreading(out, io);
   if (!restored().any()) {
     return settleFile(file, isComplete, io,
                       [&](OutputFile& open) { return setFileTimes(open, times, io.log); });
@@ -180,18 +190,54 @@ FileEnd MemberPlacer::settle(const Member& member, _mvOutput& out, OutputFile& f
 // ---- The end of a run
 
 void MemberPlacer::makeWaitingLinks(const Io& io) {
-  ConfinedDir* const target = m_target.confined();
-  for (const LinkTable::Waiting& link : m_links.takeWaiting()) {
-    const ConfinedDir::Linked linked =
-        target ? target->makeHardLink(link.path, link.target, io.log) : ConfinedDir::Linked::Missing;
-    if (linked == ConfinedDir::Linked::Ok) continue;
-    m_path.rename(link.path, settings());
-    if (linked == ConfinedDir::Linked::Missing) {
-      io.fail("The target of a hard link is not there.");
-      io.log.LogData("linkPath", link.target.c_str());
+  std::vector<LinkTable::Waiting> waiting = m_links.takeWaiting();
+  // One may wait for another: as long as any could be made, the rest is tried again.
+  for (bool anyMade = true; anyMade && !waiting.empty();) {
+    std::vector<LinkTable::Waiting> left;
+    for (LinkTable::Waiting& link : waiting) {
+      if (!makeWaitingLink(link, io)) left.push_back(std::move(link));
     }
-    reportLeftOut(linked == ConfinedDir::Linked::Refused, io);
+    anyMade = left.size() < waiting.size();
+    waiting = std::move(left);
   }
+  for (const LinkTable::Waiting& link : waiting) {
+    m_path.rename(link.path, settings());
+    io.fail("The target of a hard link is not there.");
+    io.log.LogData("linkPath", link.target.c_str());
+    reportLeftOut(false, io);
+  }
+}
+
+// False while the target is missing. Everything else is final, and said.
+bool MemberPlacer::makeWaitingLink(const LinkTable::Waiting& link, const Io& io) {
+  ConfinedDir* const confined = m_target.confined();
+  if (!confined) return false;
+  // It may have been renamed since.
+  const std::string target = link.isGiven ? link.target : m_links.nameNow(link.target);
+  const ConfinedDir::Linked linked = confined->makeHardLink(link.path, target, io.log);
+  if (linked == ConfinedDir::Linked::Missing) return false;
+  if (linked == ConfinedDir::Linked::Ok) return true;
+  m_path.rename(link.path, settings());
+  const bool isCopied =
+      linked == ConfinedDir::Linked::CannotLink && copyTarget(memberLike(target), target, io) == Outcome::Ok;
+  if (!isCopied) reportLeftOut(linked == ConfinedDir::Linked::Refused, io);
+  return true;
+}
+
+// A member that is what a file already is: for a copy in place of a link, which has no header of its own any
+// more.
+Member MemberPlacer::memberLike(const std::string& target) {
+  Member member;
+  const OsFile file(m_target.confined()->openExisting(target, O_RDONLY | O_NONBLOCK | O_NOCTTY));
+  mvFileInfo info;
+  struct stat status;
+  if (!file.isOpen() || file.status(status) != 0) return member;
+  info.setFromStatus(status);
+  member.mode = info.m_mode & FileMetadata::kAllBits;
+  member.uid = info.m_uid;
+  member.gid = info.m_gid;
+  member.mtime = {info.m_lastModified.seconds(), info.m_lastModified.nanoseconds(), true};
+  return member;
 }
 
 void MemberPlacer::finishTarget(const Io& io) {

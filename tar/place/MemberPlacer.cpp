@@ -60,16 +60,19 @@ MemberPlacer::Choice MemberPlacer::chooseByRules(Member& member, Aim aim, const 
   if (settings().filter.excludes(m_path.entryPath().str())) return Choice::FilteredOut;
   if (aim == Aim::OneFile && member.isDirectory) return Choice::Unwanted;
   if (aim == Aim::Look) return Choice::Suppressed;
-  const long long dataSize = member.dataSize();
+  // Into an output holes go as zeros.
+  const long long size = aim == Aim::OneFile ? member.realSize() : member.dataSize();
   // Asked before the member is announced.
-  if (aim == Aim::Extract && !(isAllowedDepth(io) && m_limits.mayTakeData(dataSize, settings().options, io)))
-    return Choice::LimitReached;
+  const bool isAllowed =
+      (aim != Aim::Extract || isAllowedDepth(io)) && m_limits.mayTakeData(size, settings().options, io);
+  if (!isAllowed) return Choice::LimitReached;
+  m_linkIsGiven = m_isRenamed = false;
   if (isSkippedByEvent(member, aim, io)) return Choice::Skipped;
   if (settings().options.memberEvents && io.event) {
     const Choice choice = offerForChange(member, aim, io);
     if (choice != Choice::Extract) return choice;
   }
-  m_limits.tookData(dataSize);
+  m_limits.tookData(size);
   return Choice::Extract;
 }
 
@@ -91,13 +94,17 @@ bool MemberPlacer::isSkippedByEvent(const Member& member, Aim aim, const Io& io)
 // confinement has to say of it comes with its creation.
 MemberPlacer::Choice MemberPlacer::offerForChange(Member& member, Aim aim, const Io& io) {
   showMember(member, m_path.entryPath().str(), m_shown);
+  m_shown.writing = false;
+  m_shown.localPath.clear();
   const std::string path = m_shown.path;
   io.event->onTarMember(m_shown);
   m_live.refresh();
   if (m_shown.skip || m_shown.path.empty()) return Choice::Skipped;
+  m_linkIsGiven = m_shown.linkPath != member.linkPath;
   takeShown(m_shown, member);
   if (m_shown.path == path) return Choice::Extract;
   const std::string before = m_path.entryPath().str();
+  m_isRenamed = true;
   m_path.rename(m_shown.path, settings());
   if (restored().link) m_links.noteRenamed(before, m_path.entryPath().str());
   if (m_path.entryPath().isEmpty()) return Choice::Skipped;
@@ -108,10 +115,12 @@ Placed MemberPlacer::place(const Member& member, const Io& io) {
   using Outcome = ExtractTarget::Outcome;
   Placed placed;
   if (restored().any() && m_target.isElsewhere(m_path)) finishTarget(io);
+  if (restored().link) m_links.replaceWaiting(m_path.entryPath().str());
   const Outcome outcome = make(member, io, placed);
   if (restored().link) {
     const std::string& path = m_path.entryPath().str();
     outcome == Outcome::Ok ? m_links.noteMade(path) : m_links.noteUnmade(path);
+    if (!m_isRenamed) m_links.forgetRenamed(path);
   }
   if (outcome == Outcome::Ok) return placed;
   if (goesOnWithout(outcome)) {

@@ -110,6 +110,9 @@ class MemberPlacer {
   // again where that is a file.
   static std::unique_ptr<_mvOutput> spreading(const Member& member, std::unique_ptr<_mvOutput> out,
                                               OutputFile* file);
+  // The same for such an output of the caller's, behind the member's last byte. False, with the reason in the
+  // log, when bytes of it are missing.
+  [[nodiscard]] static bool finishSpreading(_mvOutput& out, const Io& io);
   // Takes note of how the member's file ended. False when that ends the run; the reason is in the log.
   [[nodiscard]] bool noteEnd(const FileEnd& end, const Io& io);
 
@@ -131,9 +134,12 @@ class MemberPlacer {
   ExtractTarget::Outcome makeSpecial(const Member& member, const Io& io);
   ExtractTarget::Outcome copyTarget(const Member& member, const std::string& target, const Io& io);
   void makeWaitingLinks(const Io& io);
+  bool makeWaitingLink(const LinkTable::Waiting& link, const Io& io);
+  Member memberLike(const std::string& target);
   void reportLeftOut(bool refused, const Io& io);
   void finishTarget(const Io& io);
-  const KeptParts& restored() const { return settings().options.restore; }
+  // As the run began: what is restored of one member is restored of all.
+  const KeptParts& restored() const { return m_restorer.parts(); }
   bool goesOnWithout(ExtractTarget::Outcome outcome) const;
 
   LiveSettings<ReadSettings>& m_live;
@@ -143,7 +149,9 @@ class MemberPlacer {
   RunLimits m_limits;
   MetadataRestorer m_restorer;
   LinkTable m_links;
-  TarMember m_shown;  // the current member, as the event may change it
+  // Of the current member.
+  TarMember m_shown;                                // as the event may change it
+  bool m_isRenamed = false, m_linkIsGiven = false;  // the event changed its path / where it leads
   bool m_anyLeftOut = false;
 };
 

@@ -9,6 +9,8 @@
 #include "runtime/fs/AccessList.h"
 #include "runtime/fs/MorvaneFileTime.h"
 #include "runtime/io/Io.h"
+#include "tar/format/EntryPath.h"
+#include "tar/place/RunLimits.h"
 
 namespace morvane {
 
@@ -21,7 +23,16 @@ timespec toTimespec(const TarTime& time) {
   return MorvaneFileTime::fromUnixTime64(time.seconds, time.nanoseconds).toTimespec();
 }
 
-bool isSecurityAttribute(const std::string& name) { return name.compare(0, 5, "user.") != 0; }
+bool startsWith(const std::string& name, std::string_view start) {
+  return name.compare(0, start.size(), start) == 0;
+}
+
+bool isUserAttribute(const std::string& name) { return startsWith(name, "user."); }
+
+// Those that the superuser alone may set, and that a change of owner takes away.
+bool isSecurityAttribute(const std::string& name) {
+  return startsWith(name, "security.") || startsWith(name, "trusted.");
+}
 
 }  // namespace
 
@@ -44,7 +55,7 @@ bool MetadataRestorer::isOurs(const Member& member) {
 // Whether anything has to be set before the file may have its mode.
 bool MetadataRestorer::setsAfterwards(const Member& member) {
   return !isOurs(member) || (m_parts.fullMode && (member.mode & FileMetadata::kSetIds) != 0) ||
-         (m_parts.xattr && !member.accessList.empty());
+         (m_parts.xattr && (!member.accessList.empty() || !member.attributes.empty()));
 }
 
 // The system has then taken off what the umask, or the directory's own default list, takes off.
@@ -52,12 +63,15 @@ bool MetadataRestorer::wasMadeWithItsMode(const Member& member) {
   return !m_parts.fullMode && !member.isDirectory && !member.isSpecial() && !setsAfterwards(member);
 }
 
-unsigned MetadataRestorer::modeToMake(const Member& member) {
+unsigned MetadataRestorer::modeToMake(const Member& member, bool groupMayDiffer) {
+  constexpr unsigned kOwnerOnly = 0600;
   if (!m_parts.mode) return 0666;
+  if (m_parts.owner && groupMayDiffer) return kOwnerOnly;
   return setsAfterwards(member) ? 0600 : member.mode & FileMetadata::kPermissions;
 }
 
 void MetadataRestorer::settle(int fd, const Member& member, const XString& entryPath, const Io& io) {
+  m_hasList = false;
   // One look at what is there spares most files two calls.
   FileMetadata::Status status;
   if (m_parts.owner || (m_parts.mode && !wasMadeWithItsMode(member))) FileMetadata::look(fd, status);
@@ -96,38 +110,40 @@ bool MetadataRestorer::setOwner(int fd, const Member& member, FileMetadata::Stat
 void MetadataRestorer::setMode(int fd, const Member& member, const FileMetadata::Status& status,
                                bool ownerIsKept, const XString& entryPath, const Io& io) {
   unsigned mode = member.mode & FileMetadata::kAllBits;
+  if (member.isSpecial()) mode &= ~FileMetadata::kSetIds;  // they mean nothing there
   if (!m_parts.fullMode) {
     mode &= FileMetadata::kPermissions & ~m_umask;
   } else if ((mode & FileMetadata::kSetIds) != 0) {
     const bool isOwners = status.isKnown && status.uid == uidOf(member) && status.gid == gidOf(member);
     if (!ownerIsKept || !isOwners) mode &= ~FileMetadata::kSetIds;
   }
-  const bool hasList = m_parts.xattr && !member.accessList.empty();
-  if (status.isKnown && status.mode == mode && !hasList) return;
+  if (status.isKnown && status.mode == mode && !m_hasList) return;
   if (wasMadeWithItsMode(member)) return;
-  const int error = hasList ? FileMetadata::setModeBesideList(fd, mode) : FileMetadata::setMode(fd, mode);
+  const int error = m_hasList ? FileMetadata::setModeBesideList(fd, mode) : FileMetadata::setMode(fd, mode);
   if (error != 0) m_notKept.note(NotKept::Kind::Mode, entryPath, error, io);
 }
 
 void MetadataRestorer::setAttributes(int fd, const Member& member, bool security, const XString& entryPath,
                                      const Io& io) {
   for (const MemberAttribute& attribute : member.attributes) {
-    if (isSecurityAttribute(attribute.name) != security) continue;
+    if (!(security ? isSecurityAttribute : isUserAttribute)(attribute.name)) continue;
     const int error = FileMetadata::setAttribute(fd, attribute.name, attribute.value);
     if (error != 0) m_notKept.note(NotKept::Kind::Attributes, entryPath, error, io);
   }
   if (security) return;
-  setAccessList(fd, FileMetadata::kAccessList, member.accessList, entryPath, io);
-  if (member.isDirectory)
+  m_hasList = setAccessList(fd, FileMetadata::kAccessList, member.accessList, entryPath, io);
+  if (member.isDirectory) {
     setAccessList(fd, FileMetadata::kDefaultList, member.defaultAccessList, entryPath, io);
+  }
 }
 
-void MetadataRestorer::setAccessList(int fd, const char* name, const std::string& text,
+bool MetadataRestorer::setAccessList(int fd, const char* name, const std::string& text,
                                      const XString& entryPath, const Io& io) {
-  if (text.empty()) return;
+  if (text.empty()) return false;
   const std::optional<std::string> bytes = accessListBytes(text, m_byId, m_users);
   const int error = bytes ? FileMetadata::setAttribute(fd, name, *bytes) : EINVAL;
   if (error != 0) m_notKept.note(NotKept::Kind::Attributes, entryPath, error, io);
+  return error == 0;
 }
 
 void MetadataRestorer::setTimes(int fd, const Member& member, const XString& entryPath, const Io& io) {
@@ -148,50 +164,46 @@ void MetadataRestorer::noteDirectory(const ConfinedDir::MadeDirectory& made, con
   const bool isOurs = made.isNew || m_settlesExisting || m_newParents.count(made.identity) > 0 ||
                       m_directories.count(made.identity) > 0;
   if (!isOurs) return;
-  m_directories[made.identity] = {path,
-                                  member.mode,
-                                  member.uid,
-                                  member.gid,
-                                  member.userName,
-                                  member.groupName,
-                                  member.mtime,
-                                  member.atime,
-                                  member.attributes,
-                                  member.accessList,
-                                  member.defaultAccessList};
+  Member& kept = m_directories[made.identity];
+  // What comes with every directory is kept until the end, so nothing that is not needed then.
+  kept.path = cleanPath(path);
+  kept.isDirectory = true;
+  kept.typeFlag = kTypeDirectory;
+  kept.mode = member.mode;
+  kept.uid = member.uid;
+  kept.gid = member.gid;
+  kept.userName = member.userName;
+  kept.groupName = member.groupName;
+  kept.mtime = member.mtime;
+  kept.atime = member.atime;
+  if (!m_parts.xattr) return;
+  kept.attributes = member.attributes;
+  kept.accessList = member.accessList;
+  kept.defaultAccessList = member.defaultAccessList;
 }
 
 void MetadataRestorer::settleDirectories(ConfinedDir& target, const Io& io) {
-  std::vector<std::pair<const ConfinedDir::Identity, Directory>*> order;
+  std::vector<std::pair<const ConfinedDir::Identity, Member>*> order;
   for (auto& each : m_directories) order.push_back(&each);
-  // What lies deeper has the longer path.
   std::sort(order.begin(), order.end(),
-            [](const auto* a, const auto* b) { return a->second.path.size() > b->second.path.size(); });
-  for (auto* each : order) {
-    Directory& directory = each->second;
+            [](const auto* a, const auto* b) { return depthOf(a->second.path) > depthOf(b->second.path); });
+  for (const auto* each : order) {
+    const Member& directory = each->second;
     const XString entryPath(directory.path);
-    const OsFile file(target.openExisting(directory.path, O_RDONLY | O_DIRECTORY | O_NONBLOCK));
+    const OsFile file(target.openExisting(directory.path, O_RDONLY | O_DIRECTORY | O_NONBLOCK,
+                                          ConfinedDir::Passing::LinksAsMade));
+    const int error = errno;
     struct stat status;
-    if (!file.isOpen() || file.status(status) != 0 || status.st_dev != each->first.device ||
-        status.st_ino != each->first.inode) {
-      io.log.LogNotice("The directory is not the one that was made; it is left as it is.");
-      io.log.LogDataX("entryPath", entryPath);
+    const bool isThere = file.isOpen() && file.status(status) == 0;
+    if (isThere && status.st_dev == each->first.device && status.st_ino == each->first.inode) {
+      settle(file.fd(), directory, entryPath, io);
       continue;
     }
-    Member member;
-    member.isDirectory = true;
-    member.typeFlag = kTypeDirectory;
-    member.mode = directory.mode;
-    member.uid = directory.uid;
-    member.gid = directory.gid;
-    member.userName = std::move(directory.userName);
-    member.groupName = std::move(directory.groupName);
-    member.mtime = directory.mtime;
-    member.atime = directory.atime;
-    member.attributes = std::move(directory.attributes);
-    member.accessList = std::move(directory.accessList);
-    member.defaultAccessList = std::move(directory.defaultAccessList);
-    settle(file.fd(), member, entryPath, io);
+    // A later member may have taken its place; what cannot be opened is another matter.
+    const bool isGone = isThere || error == ENOENT || error == ENOTDIR || error == ELOOP;
+    if (!isGone) m_notKept.note(NotKept::Kind::Mode, entryPath, error, io);
+    io.log.LogNotice("The directory is not the one that was made; it is left as it is.");
+    io.log.LogDataX("entryPath", entryPath);
   }
   m_directories.clear();
   m_newParents.clear();

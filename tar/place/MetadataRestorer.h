@@ -25,7 +25,7 @@ class MetadataRestorer {
 
   // The mode to make a member's file with: its own, less the umask, which the system takes off, where nothing
   // else has to be set before it; else one for the owner alone.
-  unsigned modeToMake(const Member& member);
+  unsigned modeToMake(const Member& member, bool groupMayDiffer);
   // The mode to make a directory with, until it is settled.
   unsigned directoryModeToMake() const { return m_parts.mode ? 0700 : 0777; }
 
@@ -38,20 +38,9 @@ class MetadataRestorer {
   // Settles all of them, deepest first. One that is no more the one that was made is passed over.
   void settleDirectories(ConfinedDir& target, const Io& io);
 
-  // Whether directories wait to be settled.
-  bool hasDirectories() const { return !m_directories.empty(); }
   NotKept& notKept() { return m_notKept; }
 
  private:
-  struct Directory {
-    std::string path;
-    unsigned mode = 0, uid = 0, gid = 0;
-    std::string userName, groupName;
-    TarTime mtime, atime;
-    std::vector<MemberAttribute> attributes;
-    std::string accessList, defaultAccessList;
-  };
-
   bool isOurs(const Member& member);
   bool setsAfterwards(const Member& member);
   bool wasMadeWithItsMode(const Member& member);
@@ -60,7 +49,7 @@ class MetadataRestorer {
   void setMode(int fd, const Member& member, const FileMetadata::Status& status, bool ownerIsKept,
                const XString& entryPath, const Io& io);
   void setAttributes(int fd, const Member& member, bool security, const XString& entryPath, const Io& io);
-  void setAccessList(int fd, const char* name, const std::string& text, const XString& entryPath,
+  bool setAccessList(int fd, const char* name, const std::string& text, const XString& entryPath,
                      const Io& io);
   void setTimes(int fd, const Member& member, const XString& entryPath, const Io& io);
   unsigned uidOf(const Member& member);
@@ -73,8 +62,9 @@ class MetadataRestorer {
   unsigned m_ownUid = 0, m_ownGid = 0;
   UserDatabase m_users;
   NotKept m_notKept;
+  bool m_hasList = false;  // the file being settled has got an access list
   // Those that the run made on the way, and those that have members: their paths and what to give them.
-  std::map<ConfinedDir::Identity, Directory> m_directories;
+  std::map<ConfinedDir::Identity, Member> m_directories;
   std::map<ConfinedDir::Identity, bool> m_newParents;
 };
 

@@ -78,7 +78,8 @@ int UntarRun::run() {
       step = nextEntry();
     }
   }
-  m_placer.finish(m_io);
+  // Of a run that failed, what waits for a member that never came is no news.
+  step == Step::Fail ? m_placer.finishQuietly() : m_placer.finish(m_io);
   m_onlyLeftOut = step != Step::Fail && m_placer.anyLeftOut();
   return step == Step::Fail || m_placer.anyLeftOut() ? -1 : m_count;
 }
@@ -240,7 +241,8 @@ UntarRun::Step UntarRun::extractMember(bool& extracted) {
 UntarRun::Step UntarRun::copyMember() {
   const auto out =
       MemberPlacer::spreading(m_member, std::make_unique<ForwardingOutput>(*m_memberOutput), nullptr);
-  if (!m_context.source.copyNToOutputPM(*out, m_member.size, m_io.monitor, m_log)) {
+  if (!m_context.source.copyNToOutputPM(*out, m_member.size, m_io.monitor, m_log) ||
+      !MemberPlacer::finishSpreading(*out, m_io)) {
     failWith("Failed to copy the member.", "entryPath", m_placer.path().entryPath());
     return Step::Fail;
   }

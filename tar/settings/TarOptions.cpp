@@ -218,11 +218,11 @@ bool addNamedSet(std::string_view name, bool restores, KeptParts& parts) {
 bool applyParts(const PartsWord& row, TarOptions& options, const GivenWord& given) {
   KeptParts parts;
   std::string_view rest = given.value;
-  if (rest.empty()) return false;
-  while (!rest.empty() && rest != "off") {
-    const size_t plus = std::min(rest.find('+'), rest.size());
+  for (bool goesOn = rest != "off"; goesOn;) {
+    const size_t plus = rest.find('+');
     const std::string_view name = rest.substr(0, plus);
-    rest.remove_prefix(std::min(plus + 1, rest.size()));
+    goesOn = plus != std::string_view::npos;
+    if (goesOn) rest.remove_prefix(plus + 1);
     const Part* const end = std::end(kParts);
     const Part* const part =
         std::find_if(std::begin(kParts), end, [&](const Part& each) { return name == each.name; });
@@ -267,10 +267,12 @@ const Profile* profileOf(const GivenWord& given) {
 template <class Complain>
 void implyForRestoring(TarOptions& options, const std::vector<GivenWord>& given, Complain complain) {
   bool confineIsGiven = false;
+  const GivenWord* lastFullRead = nullptr;
   for (const GivenWord& each : given) {
-    if (each.word == "fullread" && each.value == "off") complain(each);
+    if (each.word == "fullread") lastFullRead = &each;
     confineIsGiven |= each.word == "confine";
   }
+  if (lastFullRead && lastFullRead->value == "off") complain(*lastFullRead);
   options.fullRead = true;
   if (!confineIsGiven && options.confine == Confine::Off) options.confine = Confine::Beneath;
 }

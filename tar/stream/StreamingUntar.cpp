@@ -33,6 +33,7 @@ void StreamingUntar::releaseOutput() { setOutput(nullptr, nullptr); }
 void StreamingUntar::beginUnframed() {
   // Where a callback threw, nobody knows what of a member was taken: there is no state to go on from.
   if (m_life == Life::BrokenOff) resetRun();
+  m_live.refresh();
   m_placer.beginRun();
 }
 
@@ -109,7 +110,8 @@ bool StreamingUntar::FinishStreamingUntar(ProgressMonitor* pm, LogBase& log) {
     m_streamOk = writeHasFailed(Arrival::AllPending, io);
   }
   releaseOutput();
-  m_placer.finish(io);
+  // Of a run that failed, what waits for a member that never came is no news.
+  m_streamOk ? m_placer.finish(io) : m_placer.finishQuietly();
   m_live.refresh();
   if (m_settings.captureXmlListing) endXmlListing(m_xmlListing);
   if (m_settings.options.requireEndOfArchive && m_streamOk && !m_endMarkSeen) {
@@ -237,7 +239,9 @@ bool StreamingUntar::finishEntry(Arrival arrival, const Io& io) {
   LogBase& log = io.log;
   const std::string number = std::to_string(static_cast<int>(arrival));
   if (log.verbose()) log.LogDataInt64(("finishedFileSize" + number).c_str(), m_streamBytesWritten);
-  const bool ok = !m_streamOutFile || settleOutputFile(io) || writeHasFailed(arrival, io);
+  const bool isWhole =
+      m_streamOutFile ? settleOutputFile(io) : MemberPlacer::finishSpreading(*m_streamOutput, io);
+  const bool ok = isWhole || writeHasFailed(arrival, io);
   m_streamPaddingLeft = paddingAfter(m_streamBytesWritten);
   releaseOutput();
   if (log.verbose() && arrival != Arrival::AllPending) {

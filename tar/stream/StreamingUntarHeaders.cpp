@@ -178,7 +178,10 @@ bool StreamingUntar::beginFile(bool skipped, bool& finished, const Io& io) {
   if (skipped || !m_streamOutput) setOutput(std::make_unique<_mvOutput>(), nullptr);
   m_streamExpectedSize = m_streamBytesLeft = m_reader->found().size;
   m_streamBytesWritten = 0;
-  if (m_wanted == Wanted::Arriving && m_streamBytesLeft == 0) completeMember();
+  if (m_wanted == Wanted::Arriving && m_streamBytesLeft == 0) {
+    if (!MemberPlacer::finishSpreading(*m_streamOutput, io)) return writeHasFailed(Arrival::AllPending, io);
+    completeMember();
+  }
   // By the next header it would be too late for what this one says of it.
   const bool isEmptyAndRestored =
       m_streamOutFile && m_streamBytesLeft == 0 && m_settings.options.restore.any();

@@ -243,6 +243,10 @@ bool ArchiveWriter::isSkippedBeingChanged(const SourcePlace& place, XString& pat
   }
   takeShown(m_shown, m_member);
   pathInTar = m_shown.path;
+  pathInTar.replaceAllOccurancesUtf8("\\", "/", false);
+  // Only a directory's name ends in a slash; readers would take a file's for one.
+  pathInTar.buffer().erase(pathInTar.str().find_last_not_of('/') + 1);
+  if (pathInTar.isEmpty()) return true;
   normalisePath(pathInTar, m_member.isDirectory);
   m_member.path = pathInTar.str();
   return false;
