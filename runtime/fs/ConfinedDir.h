@@ -16,6 +16,8 @@ namespace morvane {
 
 struct mvFileInfo;
 
+// For one run on one thread. A failure leaves the reason in the log; a refusal logs nothing, because the
+// caller has the member's own words for it. What was made on the way to something that failed stays.
 class ConfinedDir {
  public:
   enum class Links {
@@ -23,6 +25,7 @@ class ConfinedDir {
     None,          // none is passed
     Anywhere,      // members may lie outside of the target, too; what is created is still created exclusively
   };
+  // Refused: the path, a link on it or what stands in its place is not allowed. Failed: the system would not.
   enum class Result { Ok, Refused, Failed };
 
   // Which file of which file system something is, whatever it is called.
@@ -71,23 +74,30 @@ class ConfinedDir {
     CannotLink,  // the file system will not: the target may be opened and copied
     Failed,
   };
+  // Gives what the path `target` names another name. No link is followed as the target itself, nor on the way
+  // to it unless members may lie anywhere; on the way to the new name they are as for any member. A name that
+  // already belongs to the same file is Ok.
   Linked makeHardLink(const std::string& path, const std::string& target, LogBase& log);
 
   // Opens a file that is there, for reading / a directory that is there; passes no link. -1 with errno.
+  // `path` as above, but nothing is made; with Links::Anywhere a link on the way is passed, as the last part
+  // never. The caller owns the descriptor. An empty path is the target itself.
   int openExisting(const std::string& path, int flags);
 
   // Directories that were made on the way to others, since they were last taken.
   std::vector<Identity> takeNewParents() { return std::exchange(m_newParents, {}); }
-  // Whether those are to be noted, which costs a look at each.
+  // Whether those are to be noted, which costs a look at each. Off at first; then the identity of new
+  // directories is unknown.
   void noteNewParents(bool note) { m_notesParents = note; }
 
-  // The system's reason (an errno) behind the last Failed.
+  // The system's reason (an errno) behind the last Failed. Of no meaning after another result.
   int lastError() const { return m_lastError; }
 
  private:
   using Parts = std::vector<std::string>;
 
-  // Where a member goes: the open directory it is in, and its name there.
+  // Where a member goes: the open directory it is in, and its name there. For the target itself the leaf is
+  // empty and `parent` may be closed.
   struct Place {
     OsFile parent;
     int base = -1;  // where the parts start: the target, or the root
@@ -95,6 +105,7 @@ class ConfinedDir {
     std::string leaf;
   };
 
+  // The first two make what is missing on the way; the third only opens.
   Result openParentOf(const std::string& path, Place& place, LogBase& log);
   Result walkToParent(Place& place, LogBase& log);
   bool openExistingParentOf(const std::string& path, Place& place);

@@ -9,6 +9,8 @@
 
 namespace morvane {
 
+// It holds names and touches no file. What it holds grows with what is skipped, renamed or early, not with
+// the archive; a run may skip millions, hence the hashes.
 class LinkTable {
  public:
   struct Waiting {
@@ -24,10 +26,13 @@ class LinkTable {
   void noteMade(const std::string& path);
   bool mayBeTarget(const std::string& path) const;
 
-  // Links to a member that the event renamed follow its new name.
+  // Links to a member that the event renamed follow its new name. The last renaming of a path counts, as the
+  // last member of a name does.
   void noteRenamed(const std::string& from, const std::string& to) { m_renamed[from] = to; }
   const std::string& nameNow(const std::string& path) const;
 
+  // For a link that stands in front of its target. It waits until the end of the run, in the order of the
+  // archive.
   void waitFor(const std::string& target, const std::string& path) { m_waiting.push_back({path, target}); }
   std::vector<Waiting> takeWaiting();
 

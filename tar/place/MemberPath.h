@@ -11,6 +11,8 @@ class LogBase;
 class ProgressEvent;
 struct Member;
 
+// One object for a run; each member replaces the one before. References stay valid until the next set or
+// rename.
 class MemberPath {
  public:
   // Path rules, decoding, and the place below UntarFromDir. An unknown Charset is said once.

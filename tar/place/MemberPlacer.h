@@ -47,6 +47,8 @@ inline MemberReader::Demand demandOf(const TarOptions& options) {
   return {options.fullRead, options.restore.sparse};
 }
 
+// On the stack of a run, or in an engine that lives longer; one thread. Nothing but the disk outlives it:
+// what waits is settled by the destructor.
 class MemberPlacer {
  public:
   struct Manner {
@@ -119,10 +121,12 @@ class MemberPlacer {
 
  private:
   const ReadSettings& settings() const { return m_live.now(); }
+  // The steps of choose, in this order.
   Choice chooseByRules(Member& member, Aim aim, const Io& io);
   bool isSkippedByEvent(const Member& member, Aim aim, const Io& io);
   Choice offerForChange(Member& member, Aim aim, const Io& io);
   bool isAllowedDepth(const Io& io) const;
+  // Each kind of member; make() tells them apart.
   ExtractTarget::Outcome make(const Member& member, const Io& io, Placed& placed);
   ExtractTarget::Outcome makeFile(const Member& member, const Io& io, Placed& placed);
   ExtractTarget::Outcome makeDirectory(const Member& member, const Io& io);
@@ -130,6 +134,7 @@ class MemberPlacer {
   ExtractTarget::Outcome makeHardLink(const Member& member, const Io& io, Placed& placed);
   ExtractTarget::Outcome makeSpecial(const Member& member, const Io& io);
   ExtractTarget::Outcome copyTarget(const Member& member, const std::string& target, const Io& io);
+  // The parts of finish.
   void makeWaitingLinks(const Io& io);
   void reportLeftOut(bool refused, const Io& io);
   void finishTarget(const Io& io);

@@ -17,6 +17,8 @@
 
 namespace morvane {
 
+// One object for one run after another. Failures are noted in notKept(), never returned: they do not end a
+// run.
 class MetadataRestorer {
  public:
   // Before a run. Only with something to restore is anything asked of the system.
@@ -29,7 +31,8 @@ class MetadataRestorer {
   // The mode to make a directory with, until it is settled.
   unsigned directoryModeToMake() const { return m_parts.mode ? 0700 : 0777; }
 
-  // Sets everything of a file, link or special file that is open as `fd`.
+  // Sets everything of a file, link or special file that is open as `fd`. `entryPath` is for messages. Of a
+  // directory, the descriptor must be an ordinary one; a link's may be O_PATH.
   void settle(int fd, const Member& member, const XString& entryPath, const Io& io);
   // Notes a directory that a member made, or means again. `path` is below the target.
   void noteDirectory(const ConfinedDir::MadeDirectory& made, const Member& member, const std::string& path);
@@ -43,6 +46,7 @@ class MetadataRestorer {
   NotKept& notKept() { return m_notKept; }
 
  private:
+  // What of its member is needed at the end; the member itself is gone by then.
   struct Directory {
     std::string path;
     unsigned mode = 0, uid = 0, gid = 0;
@@ -52,6 +56,7 @@ class MetadataRestorer {
     std::string accessList, defaultAccessList;
   };
 
+  // Whether it belongs to whom the process makes files for; and what follows from that for its mode.
   bool isOurs(const Member& member);
   bool setsAfterwards(const Member& member);
   bool wasMadeWithItsMode(const Member& member);
@@ -63,6 +68,7 @@ class MetadataRestorer {
   void setAccessList(int fd, const char* name, const std::string& text, const XString& entryPath,
                      const Io& io);
   void setTimes(int fd, const Member& member, const XString& entryPath, const Io& io);
+  // Of this system, by name or number.
   unsigned uidOf(const Member& member);
   unsigned gidOf(const Member& member);
 

@@ -10,6 +10,7 @@ namespace morvane {
 
 struct Io;
 
+// Of one run. Nothing noted here fails anything by itself; whoever ends the run asks any().
 class NotKept {
  public:
   enum class Kind { Owner, Mode, Times, Attributes, Link, Count };
@@ -20,6 +21,7 @@ class NotKept {
   void note(Kind kind, const XString& entryPath, int error, const Io& io);
   // At the end of a run: how many there were, where there were more than one ("ownersNotKept", "12").
   void tellCounts(const Io& io);
+  // Whether anything was noted since clear().
   bool any() const;
 
  private:

@@ -12,6 +12,8 @@ namespace morvane {
 
 class OutputFile;
 
+// Of one member. It owns the output in front of which it stands; memory is the map's, whatever the file's
+// size. Offsets and sizes are bytes from 0 up to 2^63-1.
 class SparseOutput : public _mvOutput {
  public:
   // `stored`: bytes that will come, a map's text included. `file` is `out` again where that is a file, else
