@@ -9,12 +9,15 @@
 
 namespace morvane {
 
+// On the stack of one run. It counts what others read: whoever takes bytes from the source says so, and a
+// position that comes from an archive's claims saturates at 2^63-1 instead of wrapping round.
 class ArchiveCursor {
  public:
   // The archive starts where the source stands.
   ArchiveCursor(_mvDataSource& source, ProgressMonitor* pm, LogBase& log)
       : m_source(source), m_pm(pm), m_log(log), m_start(source.ftell64()) {}
 
+  //  Bytes from the archive's start.
   long long position() const { return m_at; }
   // Tells that n bytes were read from the source.
   void passed(long long n) { m_at = saturatedSum(m_at, n); }

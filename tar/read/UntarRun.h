@@ -19,9 +19,11 @@ class DataBuffer;
 class _mvDataSource;
 class _mvOutput;
 
+// On the stack of a method, one run for each object, on one thread; callbacks are called on it. An exception
+// of theirs passes through after the listing has been closed.
 class UntarRun {
  public:
-  // What a run is handed and does not own.
+  // What a run is handed and does not own. All of it must outlive the run.
   struct Context {
     _mvDataSource& source;
     Io io;
@@ -39,14 +41,17 @@ class UntarRun {
     m_memberOutput = &out;
     m_aim = MemberPlacer::Aim::OneFile;
   }
-  // Members counted, -1 on failure.
+  // Members counted, -1 on failure. Called once. The reason of a failure is in the log; what was extracted
+  // before it stays.
   int run();
   // Whether it failed for nothing but members that were left out.
   bool onlyLeftOut() const { return m_onlyLeftOut; }
 
  private:
+  // Stop: the run has ended well, at the end of the archive or because enough was extracted.
   enum class Step { GoOn, Stop, Fail };
 
+  // From one header to the next; each of these leaves the cursor behind what it consumed.
   Step nextEntry();
   bool readHeader(MemberReader::Found& found);
   Step handleRecord(MemberReader::Found found);
@@ -56,6 +61,7 @@ class UntarRun {
   Step handleMember();
   Step extractMember(bool& extracted);
   Step copyMember();
+  // What is made of a member on the disk. `leftOut`: the run goes on without it.
   bool makeMember(bool& leftOut);
   void logMaking();
   bool couldNotMake(Placed::Result result);

@@ -18,9 +18,12 @@ class OutputFile;
 class XString;
 class _mvOutput;
 
+// It lives in the ClsTar object between two pieces, or on the stack for one member. One call at a time; it
+// holds no lock. Callbacks run inside of these calls and must not make another on the same object. Memory:
+// what is pending, at most a piece and a block, and one record of extension data (MaxExtensionBytes).
 class StreamingUntar {
  public:
-  // `xmlListing` receives a captured listing.
+  // `xmlListing` receives a captured listing. It must outlive this object.
   StreamingUntar(LiveSettings<ReadSettings> settings, XString& xmlListing)
       : m_live(std::move(settings)),
         m_settings(m_live.now()),
@@ -28,9 +31,13 @@ class StreamingUntar {
         m_placer(m_live, kManner) {}
   ~StreamingUntar();
 
+  // Any state of an earlier run is given up; a file that is still open is closed as it is.
   void BeginStreamingUntar();
+  // Takes a piece of any size; `data` may be null for none. False, with the reason in the log, for a failure,
+  // which need not end the run: `finished` tells that.
   bool StreamingUntarNext(const unsigned char* data, unsigned numBytes, bool& finished, ProgressMonitor* pm,
                           LogBase& log);
+  // The result of the run; see ClsTar. Called once, behind the pieces.
   bool FinishStreamingUntar(ProgressMonitor* pm, LogBase& log);
   // One step: consumes what it can of one piece, or of what earlier pieces left, and returns.
   bool streamingUntarInner(const unsigned char* data, unsigned numBytes, bool& finished, ProgressMonitor* pm,
@@ -86,6 +93,7 @@ class StreamingUntar {
   void resetRun();
   void takeWhatIsPending(ProgressMonitor* pm, LogBase& log);
   bool takeStep(const unsigned char* data, unsigned numBytes, bool& finished, const Io& io);
+  // Steps that take from what is pending; each leaves the state consistent when it fails.
   bool consumePadding();
   bool consumeData(const Io& io);
   bool consumeHeader(bool& finished, const Io& io);
@@ -94,12 +102,14 @@ class StreamingUntar {
   bool parseHeader(const unsigned char* block, bool& finished, const Io& io);
   bool applyExtensionData(const Io& io);
   bool closeEmptyFile(const Io& io);
+  // What the header begins: each opens the output of the entry's data, and tells how many there are.
   bool beginEntry(bool& finished, const Io& io);
   bool beginExtension(bool& finished, const Io& io);
   bool beginFile(bool skipped, bool& finished, const Io& io);
   bool beginDirectory(bool skipped, bool& finished, const Io& io);
   bool write(const char* bytes, unsigned n, Arrival arrival, const Io& io);
   bool writeHasFailed(Arrival arrival, const Io& io);
+  // The end of an entry's data, and of its file.
   bool finishEntry(Arrival arrival, const Io& io);
   bool settleOutputFile(const Io& io);
   bool closeOutputFile(const Io& io);
