@@ -33,9 +33,9 @@ void logTimes(LogBase& log, const MemberTimes& times) {
   logTime(log, "createDateTimeGmt", times.creation);
 }
 
-// In the log context that both forms share. The file is told its size first, so that a disk that cannot hold
-// it says so before it is full. What was copied before a failure stays, and the file is settled all the same,
-// to get its metadata and its close.
+// In the log context that both forms share. The file is told its size first, because one that comes in one
+// piece needs no buffer. What was copied before a failure stays, and the file is settled all the same, to get
+// its metadata and its close.
 FileEnd fill(_mvDataSource& source, FileToFill to, const MemberTimes& times, long long size, char* buffer,
              unsigned bufferSize, const Io& io, const Settle& settle) {
   to.file->expect(size);

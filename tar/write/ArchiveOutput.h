@@ -12,6 +12,7 @@ class OutputFile;
 class _mvOutput;
 struct Io;
 
+// It lives in the ClsTar object and serves one write after the other. Failures have their reason in the log.
 struct ArchiveOutput {
   _mvOutput* m_output = nullptr;     // not owned; set for the length of a write
   bool m_compressLast = false;       // the next write is the last

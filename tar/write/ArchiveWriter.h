@@ -17,6 +17,8 @@ class ClsDirTree;
 class DirRoot;
 struct SourceEntry;
 
+// On the stack of a method, for one archive, on one thread; callbacks run on it. Nothing of a source is held
+// longer than its member, but for the first names of files that have several.
 class ArchiveWriter {
  public:
   // The properties are taken anew for each member.
@@ -29,13 +31,14 @@ class ArchiveWriter {
     m_live.refresh();
   }
 
-  // The archive itself, which is left out of itself (the word SkipOutputFile).
+  // The archive itself, which is left out of itself (the word SkipOutputFile). Set before the write.
   void leaveOut(const mvFileInfo& archive);
 
   // Whether something was left out or changed its size: the archive is whole then, the job is not done.
   bool anythingLost() const { return m_anythingLost; }
 
-  // Everything, with the end of the archive. `curDirRootPath` shows the root being walked.
+  // Everything, with the end of the archive. `curDirRootPath` shows the root being walked. False, with the
+  // reason in the log, when the archive is not complete; what was written stays where it went.
   bool writeTarToOutput(const ExtPtrArraySb& files, const ExtPtrArray& dirRoots, XString& curDirRootPath);
   // One member. The path in the archive is brought into the archive's form.
   bool writeFileToOutput(const XString& fullPath, XString& pathInTar);
@@ -44,10 +47,12 @@ class ArchiveWriter {
   bool copySourceToOutput(_mvDataSource& source);
 
  private:
+  // The sources, and the member that each entry of theirs becomes.
   bool writeSingleFile(const SourceEntry& entry);
   bool writeTree(const DirRoot& root, XString& curDirRootPath);
   bool writeMember(const SourcePlace& place, XString& pathInTar, ClsDirTree* tree);
   bool examine(const SourcePlace& place, mvFileInfo& info);
+  // Whether a member is left out, each for a reason of its own, which log and event have heard.
   bool isSkippedByEvent(const SourcePlace& place, const mvFileInfo& info, const XString& pathInTar);
   bool isSkippedBeingChanged(const SourcePlace& place, XString& pathInTar);
   bool isSocketLeftOut(const SourcePlace& place, const mvFileInfo& info);
@@ -57,6 +62,7 @@ class ArchiveWriter {
   bool canBeRead(const SourcePlace& place, const mvFileInfo& info, ClsDirTree* tree);
   bool passByIfUnreadable(const SourcePlace& place, ClsDirTree& tree);
   bool leftOutUnreadable(const SourcePlace& place);
+  // The member's data and the padding behind them, up to a whole block of 512 bytes.
   bool writeData(const SourcePlace& place, const mvFileInfo& info);
   bool writeMemory(const MemoryFile& file);
   bool writeSparse(const SourcePlace& place, const mvFileInfo& info);

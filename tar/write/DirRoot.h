@@ -5,6 +5,9 @@
 
 namespace morvane {
 
+// A source that AddDirRoot or AddDirRoot2 put into the component, which owns it until the sources are
+// cleared. Both texts are plain data: the directory was looked at when it was added, and is looked at anew
+// whenever an archive is written, relative to the directory in which the process then stands.
 class DirRoot : public MorvaneObject {
  public:
   StringBuffer m_pathPrefix;  // in front of the names of the tree's members; may be empty

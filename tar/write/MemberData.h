@@ -6,6 +6,8 @@
 
 namespace morvane {
 
+// It holds nothing between two calls. Counts are bytes of data; the padding behind them is the caller's to
+// write.
 class MemberData {
  public:
   explicit MemberData(WriteRun& run) : m_run(run) {}
@@ -25,9 +27,11 @@ class MemberData {
   // Bytes that lie in memory.
   [[nodiscard]] bool put(const DataBuffer& bytes);
 
+  // More than any file has.
   static constexpr long long kToTheEnd = 0x7FFFFFFFFFFFFFFF;
 
  private:
+  // `copied` goes on from what it is.
   void copyPieces(_mvDataSource& source, long long most, Copied& copied);
   bool putPiece(const char* bytes, unsigned n);
 

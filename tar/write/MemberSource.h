@@ -20,10 +20,11 @@ void describeMember(const mvFileInfo& info, const WriteSettings& settings, XStri
                     Member& member);
 
 // One object serves all members of a write: names of users are looked up once, and the first name of a file
-// that has several is remembered.
+// that has several is remembered. It opens a file only to look at attributes and holes.
 class MemberSource {
  public:
-  // False, with the reason in the log, when the source cannot be read for what is to be stored of it.
+  // False, with the reason in the log, when the source cannot be read for what is to be stored of it. `file`
+  // may be left open, for its data. `member` is overwritten whole.
   bool describe(const SourcePlace& place, const mvFileInfo& info, const WriteSettings& settings,
                 SourceFile& file, XString& pathInTar, Member& member, const Io& io);
   // The member has been written: further names of the same file are links to it.

@@ -10,6 +10,8 @@
 
 namespace morvane {
 
+// One for a write; it keeps nothing of a member. It writes where the run's output leads, and fails without
+// one. Reasons of failures are in the log.
 class MemberWriter {
  public:
   explicit MemberWriter(WriteRun& run) : m_run(run) {}

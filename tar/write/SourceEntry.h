@@ -13,13 +13,15 @@ namespace morvane {
 
 constexpr char kEntryEscape = '\x1B';
 
-// A file that is not on the disk: the text is its path in the archive.
+// A file that is not on the disk: the text is its path in the archive. Owned by the list of files, with a
+// copy of the application's bytes.
 class MemoryFile : public StringBuffer {
  public:
   DataBuffer m_bytes;
   MorvaneFileTime m_added;
 };
 
+// Copies of the texts; `file` is the list's and lives as long as the entry.
 struct SourceEntry {
   bool isPair = false;
   bool isClosed = true;              // false for a pair without its second ESC; nothing else is then set

@@ -12,6 +12,7 @@ namespace morvane {
 class MemoryFile;
 
 // Where a member's source is: its path and, from a directory walk, its name in an open directory; or memory.
+// It borrows what it points at: path and name are good until the walk goes on.
 struct SourcePlace {
   const XString& fullPath;
   int directory = -1;  // -1: the path alone
@@ -21,7 +22,8 @@ struct SourcePlace {
   bool followsLinks = false;           // a link stands for what it points at
 };
 
-// One object serves all members of a write, so that its buffer is made once.
+// One object serves all members of a write, so that its buffer is made once. Closed by the next examination,
+// or by the destructor. Sizes and positions are bytes.
 class SourceFile {
  public:
   // Examines the place. With `mayOpen`, a regular file of a walk is opened with it: one look then serves

@@ -12,6 +12,8 @@
 
 namespace morvane {
 
+// The properties of ClsTar that concern writing, as plain values with the same defaults. Modes are permission
+// bits, ids decimal numbers; what does not fit a field loses its high digits there.
 struct WriteSettings {
   WriteFormat format = WriteFormat::Gnu;
   int dirMode = 0755, fileMode = 0644, scriptFileMode = 0755;
@@ -23,6 +25,8 @@ struct WriteSettings {
   TarOptions options;
 };
 
+// Borrowed for the length of a write: the settings are the run's and change between members, the archive is
+// the component's. Each step holds a reference to it.
 struct WriteRun {
   const WriteSettings& settings;
   ArchiveOutput& archive;
