@@ -32,7 +32,7 @@ struct Option {
 extern const Option kOptions[];
 extern const size_t kOptionCount;
 
-//  No letter is as large.
+// No letter is as large.
 constexpr int kFirstLongOnly = 256;  // what getopt_long gives for a row without a letter, plus the row
 
 // "-" in front: operands come in their place among the options. ":" tells a missing value apart. Operands

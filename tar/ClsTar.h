@@ -282,7 +282,7 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   // A streaming run: begin, any number of pieces, finish. What finish returns is the run's success: no
   // failure, and the last member's data complete. `finished` tells that the archive has ended or a failure
   // stopped the run; further pieces are then ignored. `data` belongs to the caller and may be gone behind the
-  // call; `monitor` and `log` may be others with each piece. What StreamingUntarNext takes is any number of
+  // call; `pm` and `log` may be others with each piece. What StreamingUntarNext takes is any number of
   // bytes, 0 among them.
   void BeginStreamingUntar(LogBase& log);
   bool StreamingUntarNext(const unsigned char* data, unsigned int numBytes, bool& finished,

@@ -38,10 +38,11 @@ class ConfinedDir {
   };
 
   // Opens the target, which is made first when it is missing. Links in the target's own path are the caller's
-  // choice.
+  // choice. False, with the reason in the log, when it cannot be opened or made. `target` is the system's
+  // bytes, of any length.
   bool open(const char* target, Links links, LogBase& log);
   bool isOpen() const { return m_target.isOpen(); }
-  // A file that must not be replaced: the archive being read.
+  // A file that must not be replaced: the archive being read. Of device and inode; one at a time.
   void protect(const mvFileInfo& file);
   // For tests of the way that old kernels get.
   void withoutOpenat2() { m_partByPart = true; }
@@ -50,7 +51,8 @@ class ConfinedDir {
   // stands in the way is removed, a link or FIFO as itself; a full directory and the protected file are
   // refused. Modes are those of the system's calls: the umask is taken off.
 
-  // Makes an empty file for writing.
+  // Makes an empty file for writing. `file` is open for writing only, and the caller's. A link or file of
+  // that name is replaced, never written through.
   Result createFile(const std::string& path, unsigned mode, OsFile& file, LogBase& log);
   // Makes a directory. A directory that is there stays; so does a link to one inside the target where links
   // are allowed. `made` tells which it is, and whether it is new; it is left alone for the target itself.
@@ -109,11 +111,14 @@ class ConfinedDir {
   Result openParentOf(const std::string& path, Place& place, LogBase& log);
   Result walkToParent(Place& place, LogBase& log);
   bool openExistingParentOf(const std::string& path, Place& place);
+  // Whether a path may be tried at all; and the directory that its first part is looked up in.
   bool isConfinable(const std::string& path) const;
   int baseOf(const std::string& path);
+  // Makes a leaf by `make`, once the way is clear.
   template <class Make>
   Result makeExclusively(const Place& place, const std::string& path, LogBase& log, Make make);
   bool isDirectoryInside(const Place& place);
+  // The system's calls, bounded as m_links says: a descriptor, or -1 with errno.
   int createBeneath(const std::string& path, unsigned mode);
   int openBeneath(int base, const Parts& parts, size_t count, int lastFlags);
   int openResolved(int from, const char* path, int flags, unsigned mode, bool passesLinks = true);
@@ -121,9 +126,11 @@ class ConfinedDir {
   bool isProtected(const struct stat& status) const;
   Result failed(const char* message, const std::string& path, LogBase& log);
 
+  // Opened with O_PATH: enough to start from, and no right to read is needed.
   OsFile m_target;
   OsFile m_root;  // where absolute paths start, with Links::Anywhere
   Links m_links = Links::None;
+  // Set where the kernel has no openat2, and for tests of that way.
   bool m_partByPart = false;
   int m_lastError = 0;
   bool m_notesParents = false;

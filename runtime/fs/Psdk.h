@@ -8,7 +8,7 @@ namespace morvane {
 class StringBuffer;
 
 struct MORVANE_API Psdk {
-  // Seconds since 1970, UTC.
+  // Seconds since 1970, UTC. Whole ones; it follows when the clock is set.
   static long long getCurrentUnixTime();
   // It wraps after 49 days: differences are to be taken unsigned. The clock is one that nobody can set.
   static unsigned getTickCount();  // milliseconds, for measuring spans

@@ -34,6 +34,7 @@ class UserDatabase {
   void readUsers();
   void readGroups();
 
+  // Numbers may have the same name in both.
   Names m_users, m_groups;
 };
 

@@ -46,7 +46,7 @@ struct MORVANE_API mvFileInfo {
   // As loadFileInfoUtf8 for a name in an open directory; `path` is what the log calls it.
   bool loadFileInfoAt(int directory, const char* name, const char* path, LogBase& log,
                       bool followLink = false);
-  // From what fstat or lstat found.
+  // From what fstat or lstat found. All members are replaced.
   void setFromStatus(const struct stat& status);
 
   // Whether both looks were at one file; true for two that were never filled in.

@@ -201,7 +201,7 @@ bool ClsTar::writeOut_pm(const unsigned char* data, unsigned int len, ProgressMo
   return step && m_archive->writeOut_pm(data, len, m_abortCheckMs != 0, Io(log, pm));
 }
 
-//  On failure both are empty.
+// On failure both are empty.
 bool ClsTar::splitPathForTar(const XString& path, XString& name, XString& prefix, LogBase& log) {
   // Either result may be the path itself.
   const UstarSplit split = splitUstarPath(path.str());

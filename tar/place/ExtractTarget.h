@@ -46,7 +46,8 @@ class ExtractTarget {
                         ConfinedDir::MadeDirectory& made, LogBase& log);
 
   // Links and special files are made only through the confined directory, which is opened for them also where
-  // members may lie anywhere.
+  // members may lie anywhere. `made` is a descriptor that only names what was made, for its owner and times;
+  // it is closed when that could not be opened. `text` is not looked at.
   Outcome makeSymbolicLink(const MemberPath& path, const ReadSettings& settings, const std::string& text,
                            OsFile& made, LogBase& log);
   Outcome makeNode(const MemberPath& path, const ReadSettings& settings, unsigned mode,
@@ -76,11 +77,14 @@ class ExtractTarget {
                       std::unique_ptr<OutputFile>& file);
   Outcome outcomeOf(ConfinedDir::Result result);
 
+  // What the confined directory was opened for; it is opened anew when either is another.
   ConfinedDir m_confined;
   XString m_confinedDir;
   ConfinedDir::Links m_confinedHow = ConfinedDir::Links::None;
+  // Of the member that was made or tried last; judge() clears them.
   int m_lastError = 0;
   std::string m_untoldPath;  // of a file whose creation failed, while the log does not say so
+  // The archive is kept here too, because each confined directory that is opened has to be told of it.
   bool m_hasArchive = false;
   mvFileInfo m_archive;
 };

@@ -13,10 +13,12 @@ namespace morvane {
 // the archive; a run may skip millions, hence the hashes.
 class LinkTable {
  public:
+  // Both below the target, after the path rules.
   struct Waiting {
     std::string path, target;
   };
 
+  // Before a run: links never reach over from one archive to the next.
   void clear();
 
   // A member that was skipped, refused or filtered out is no target, though a file of its name may be there:
@@ -37,6 +39,7 @@ class LinkTable {
   std::vector<Waiting> takeWaiting();
 
  private:
+  // By old name, the new one. Empty for nearly every run, as the others are.
   std::unordered_set<size_t> m_unmade;
   std::map<std::string, std::string> m_renamed;
   std::vector<Waiting> m_waiting;

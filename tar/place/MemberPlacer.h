@@ -71,7 +71,8 @@ class MemberPlacer {
   void protect(const mvFileInfo& archive) { m_target.protect(archive); }
   // Gives up the descriptors of the target directory.
   void releaseTarget();
-  // Forgets what an earlier run counted / what it left out, its names and its target.
+  // Forgets what an earlier run counted / what it left out, its names and its target. A streaming engine
+  // needs the two apart, as limits hold over several unframed runs.
   void clearLimits() { m_limits.clear(); }
   void beginRun();
   // The end of a run, however it ends: links that waited for their targets are made, directories get what
@@ -115,6 +116,7 @@ class MemberPlacer {
   // Takes note of how the member's file ended. False when that ends the run; the reason is in the log.
   [[nodiscard]] bool noteEnd(const FileEnd& end, const Io& io);
 
+  // Of the member that was set last; good until the next one.
   const MemberPath& path() const { return m_path; }
   MemberPath& path() { return m_path; }
   ExtractTarget& target() { return m_target; }
@@ -141,9 +143,12 @@ class MemberPlacer {
   const KeptParts& restored() const { return settings().options.restore; }
   bool goesOnWithout(ExtractTarget::Outcome outcome) const;
 
+  // The engine's own, and what it differs in.
   LiveSettings<ReadSettings>& m_live;
   const Manner m_manner;
+  // Of the current member.
   MemberPath m_path;
+  // Of the whole run: where members go, what they may use up, and what is owed to those that are there.
   ExtractTarget m_target;
   RunLimits m_limits;
   MetadataRestorer m_restorer;

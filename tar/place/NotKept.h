@@ -13,8 +13,10 @@ struct Io;
 // Of one run. Nothing noted here fails anything by itself; whoever ends the run asks any().
 class NotKept {
  public:
+  // Count is none, but how many there are.
   enum class Kind { Owner, Mode, Times, Attributes, Link, Count };
 
+  // Before a run, and behind the counts.
   void clear() { m_counts = {}; }
   // `error` is the system's reason, 0 when it was none of the system's. The event hears "ownerNotKept" and so
   // on with the path; the log has the reason.

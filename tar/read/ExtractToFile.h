@@ -12,6 +12,7 @@ class OutputFile;
 class XString;
 class _mvDataSource;
 
+// A line that both ways to make a file end with; readers of logs look for it.
 constexpr char kCannotCreateOutputFile[] = "Failed to create OutputFile";
 
 // Where the data go: a file, or what lies in front of one.

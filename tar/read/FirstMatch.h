@@ -12,6 +12,7 @@ class _mvOutput;
 
 // The pattern is a whole path's, "*" standing for anything; the text lives as long as the call.
 struct MatchWanted {
+  // Without regard to case, letters beyond ASCII are alike too.
   const XString& pattern;
   bool caseSensitive = false;
   bool logsEntries = false;  // the log names each path that is looked at

@@ -32,12 +32,15 @@ class XmlListingRun {
  private:
   // One header and the data of its record. False, with the reason in the log, when it cannot be read.
   bool nextHeader(TarHeader& header, Member& shown, XString& xml, bool& atEnd);
+  // Empties `xml` into the drain. False when that refuses it.
   bool drainInto(_mvOutput& drain, XString& xml);
 
+  // Borrowed for the run, which reads it from where it stands.
   _mvDataSource& m_source;
   LiveSettings<ReadSettings> m_live;
   const Io m_io;
   ArchiveCursor m_cursor;
+  // Names are shown in UTF-8, by Charset as it is at the header.
   NameDecoder m_names;
 };
 

@@ -9,7 +9,8 @@
 namespace morvane {
 
 // Stands between a decompressor and its output. `in` is what the decompressor reads. 0 is no limit. Bytes
-// against bytes, from the start of the run, so that a short stretch that compresses well is nothing.
+// against bytes, from the start of the run, so that a short stretch that compresses well is nothing. One for
+// a run; the sums are never set back.
 class RatioLimit : public _mvOutput {
  public:
   RatioLimit(_mvOutput& out, const MeteredSource& in, long long mostTimes)
@@ -32,6 +33,7 @@ class RatioLimit : public _mvOutput {
   // Both of the caller's, who outlives this.
   _mvOutput& m_out;
   const MeteredSource& m_in;
+  // Bytes out for each byte in.
   const long long m_mostTimes;
   long long m_produced = 0;
 };

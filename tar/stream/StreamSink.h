@@ -7,7 +7,8 @@
 
 namespace morvane {
 
-// It has no end: whoever runs the decompressor finishes the stream behind it. The engine is not owned.
+// It has no end: whoever runs the decompressor finishes the stream behind it. The engine is not owned. It
+// keeps no bytes itself.
 class StreamSink : public _mvOutput {
  public:
   explicit StreamSink(StreamingUntar& stream) : m_stream(stream) {}
@@ -24,6 +25,7 @@ class StreamSink : public _mvOutput {
   }
 
  private:
+  // Borrowed; begun by whoever made the sink.
   StreamingUntar& m_stream;
 };
 

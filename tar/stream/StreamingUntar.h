@@ -92,6 +92,7 @@ class StreamingUntar {
 
   void resetRun();
   void takeWhatIsPending(ProgressMonitor* pm, LogBase& log);
+  // One step, by the state that the run is in.
   bool takeStep(const unsigned char* data, unsigned numBytes, bool& finished, const Io& io);
   // Steps that take from what is pending; each leaves the state consistent when it fails.
   bool consumePadding();
@@ -107,6 +108,7 @@ class StreamingUntar {
   bool beginExtension(bool& finished, const Io& io);
   bool beginFile(bool skipped, bool& finished, const Io& io);
   bool beginDirectory(bool skipped, bool& finished, const Io& io);
+  // To the open output. False, with the way the bytes came in the message, when it refuses them.
   bool write(const char* bytes, unsigned n, Arrival arrival, const Io& io);
   bool writeHasFailed(Arrival arrival, const Io& io);
   // The end of an entry's data, and of its file.
@@ -116,13 +118,16 @@ class StreamingUntar {
   bool endOutputFile(const MemberTimes& times, const Io& io);
   void completeMember();
   void eat(unsigned n);
+  // Replaces both at once; the old output is destroyed, which closes a file.
   void setOutput(std::unique_ptr<_mvOutput> output, OutputFile* file);
+  // Nothing is taken behind it. False, for the caller to return.
   bool stop(const char* message, bool& finished, const Io& io);
 
   LiveSettings<ReadSettings> m_live;  // taken anew at each header
   const ReadSettings& m_settings;
   XString& m_xmlListing;
   MemberPlacer m_placer;
+  // The caller's output for one member; null where members become files.
   _mvOutput* m_memberOutput = nullptr;
 
   // ---- The run
@@ -143,6 +148,7 @@ class StreamingUntar {
   std::unique_ptr<_mvOutput> m_streamOutput;  // of the current entry's data
   OutputFile* m_streamOutFile = nullptr;      // the same object when it is a file
   bool m_writeFailed = false;                 // of the open output
+  // Bytes: of the entry in all, still to come, handed to its output; then zeros up to the next block.
   long long m_streamExpectedSize = 0;
   long long m_streamBytesLeft = 0;
   long long m_streamBytesWritten = 0;

@@ -59,6 +59,7 @@ class ArchiveWriter {
   bool isLeftOutByFormat(const SourcePlace& place);
   void noteLostAttributes(const SourcePlace& place);
   bool isArchiveItself(const SourcePlace& place, const mvFileInfo& info);
+  // With SkipUnreadable; what cannot be read is told by leftOutUnreadable, which lets the run go on.
   bool canBeRead(const SourcePlace& place, const mvFileInfo& info, ClsDirTree* tree);
   bool passByIfUnreadable(const SourcePlace& place, ClsDirTree& tree);
   bool leftOutUnreadable(const SourcePlace& place);
@@ -70,21 +71,26 @@ class ArchiveWriter {
   bool writeExactSize(const SourcePlace& place, const mvFileInfo& info);
   bool openForData(const SourcePlace& place, const mvFileInfo& info);
   bool hasGrownFromNothing(const SourcePlace& place, const mvFileInfo& info);
+  // What is told of a source that changed or failed while its data were copied; the archive stays whole.
   void reportReadFailed(const SourcePlace& place);
   bool reportSizeChanged(const SourcePlace& place, long long inHeader, long long now);
+  // Both are asked behind each member.
   bool memberFailed(const XString& fullPath, const XString& pathInTar);
   bool isAborted();
   bool writeEndOfArchive();
 
+  // The order matters: the run refers to the settings, and those behind it to the run.
   LiveSettings<WriteSettings> m_live;
   WriteRun m_run;
   LogBase& m_log;
   MemberWriter m_writer;
   MemberData m_data;
+  // They serve all members, one behind the other, and keep their buffers.
   MemberSource m_describer;
   SourceFile m_source;
   Member m_member;    // the one being written
   TarMember m_shown;  // the same, as the event may change it
+  // The archive that is left out of itself; none in memory or on a pipe.
   bool m_hasArchive = false;
   mvFileInfo m_archive;
   bool m_anythingLost = false;

@@ -10,6 +10,7 @@ namespace morvane {
 // whenever an archive is written, relative to the directory in which the process then stands.
 class DirRoot : public MorvaneObject {
  public:
+  // Bytes of UTF-8, without slashes added or taken off.
   StringBuffer m_pathPrefix;  // in front of the names of the tree's members; may be empty
   StringBuffer m_dirPath;     // as the application gave it
 };

@@ -19,12 +19,14 @@ class MemberData {
     long long bytes = 0;
   };
 
-  // Up to `most` bytes of an open source file: read straight into the output's buffer, where it has one.
+  // Up to `most` bytes of an open source file: read straight into the output's buffer, where it has one. It
+  // is read from where it stands. `most` is 0 or more.
   Copied copyFile(SourceFile& file, long long most);
   // Up to `most` bytes of any source, which is read without the monitor: an abort is for the output's side to
   // report.
   Copied copySource(_mvDataSource& source, long long most);
-  // Bytes that lie in memory.
+  // Bytes that lie in memory. False, with the reason in the log, when the output refuses a piece or the
+  // application aborts.
   [[nodiscard]] bool put(const DataBuffer& bytes);
 
   // More than any file has.

@@ -29,10 +29,12 @@ class MemberWriter {
 
  private:
   bool putWithMap(const SparseMap& map, unsigned char* block);
+  // Records that the format needs, in the order in which readers expect them.
   bool writeRecords(const Member& member, const MemberEncoding& encoding);
   bool writeLongText(const Member& member, char typeFlag, const std::string& text);
   bool putRecord(const Member& record, std::string_view name, TarMagic magic, const std::string& data);
 
+  // Borrowed; its settings are those of the current member.
   WriteRun& m_run;
   Member m_record;  // the header of a record, whose texts are used again
 };

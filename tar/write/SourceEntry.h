@@ -17,6 +17,7 @@ constexpr char kEntryEscape = '\x1B';
 // copy of the application's bytes.
 class MemoryFile : public StringBuffer {
  public:
+  // Up to 4 GiB less one byte. The time is that of the call that added it.
   DataBuffer m_bytes;
   MorvaneFileTime m_added;
 };
@@ -32,6 +33,7 @@ struct SourceEntry {
 
 // Neither path is checked: one that holds an ESC itself is cut at the wrong place.
 std::string makePairEntry(std::string_view localPath, std::string_view pathInTar);
+// Never fails: what is wrong with a pair shows in isClosed and in an empty path.
 SourceEntry parseSourceEntry(const StringBuffer& entry);
 
 }  // namespace morvane

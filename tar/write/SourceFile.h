@@ -14,6 +14,7 @@ class MemoryFile;
 // Where a member's source is: its path and, from a directory walk, its name in an open directory; or memory.
 // It borrows what it points at: path and name are good until the walk goes on.
 struct SourcePlace {
+  // In front of everything that is said to people.
   const XString& fullPath;
   int directory = -1;  // -1: the path alone
   const char* name = nullptr;
@@ -34,7 +35,7 @@ class SourceFile {
   // Reads the first data now. False when that fails.
   bool readFirst(LogBase& log);
   bool isOpen() const { return m_open; }
-  // The size that the open file states now; -1 if that cannot be told.
+  // The size that the open file states now; -1 if that cannot be told. In bytes.
   long long sizeNow();
   // Whether the file, of which `size` bytes were read, has more by now, or had them all the time, as files
   // that the system makes up do. Asks the system only if it has not said so.
@@ -52,6 +53,7 @@ class SourceFile {
   void findRanges(long long size, SparseMap& map);
 
  private:
+  // Opened and closed for each file; its buffer stays.
   _mvFileDataSource m_data;
   bool m_open = false;
 };
