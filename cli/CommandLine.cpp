@@ -1,3 +1,6 @@
+// Arguments to a CommandLine, over getopt_long. A table has a row for each option, so that letters, long
+// names and what they take stand in one place; what needs more than setting a value is a method of Parser.
+// Whatever is wrong is found before an archive is touched, and told in one line.
 #include "cli/CommandLine.h"
 
 #include <getopt.h>
@@ -25,12 +28,15 @@ struct Option {
   bool (*take)(Parser& parser, const char* value);
 };
 
+// Below, behind the functions that its rows name.
 extern const Option kOptions[];
 extern const size_t kOptionCount;
 
+// No letter is as large.
 constexpr int kFirstLongOnly = 256;  // what getopt_long gives for a row without a letter, plus the row
 
-// "-" in front: operands come in their place among the options. ":" tells a missing value apart.
+// "-" in front: operands come in their place among the options. ":" tells a missing value apart. Operands
+// have to come in their place because each -C holds for those behind it.
 std::string letters() {
   std::string all = "-:";
   for (size_t i = 0; i < kOptionCount; ++i) {
@@ -41,6 +47,7 @@ std::string letters() {
   return all;
 }
 
+// The row of zeros ends the list.
 std::vector<option> longOptions() {
   std::vector<option> all;
   for (size_t i = 0; i < kOptionCount; ++i) {
@@ -52,6 +59,7 @@ std::vector<option> longOptions() {
   return all;
 }
 
+// Null for what getopt_long gives for operands and errors.
 const Option* rowOf(int found) {
   for (size_t i = 0; i < kOptionCount; ++i) {
     const Option& row = kOptions[i];
@@ -60,13 +68,15 @@ const Option* rowOf(int found) {
   return nullptr;
 }
 
+// An optional value never takes a word of its own: it has to stand behind a "=".
 bool takesArgument(char letter) {
   const Option* const row = rowOf(static_cast<unsigned char>(letter));
   return row && row->argument == required_argument;
 }
 
 // "xfC a.tar dir ..." as "-x -f a.tar -C dir ...": without its dash, a first word's letters take the words
-// behind it in their order.
+// behind it in their order. That is how people have typed tar's options since before there were dashes. A
+// letter whose word is missing is left for getopt_long to complain of.
 std::vector<std::string> withDashes(int argc, char** argv) {
   std::vector<std::string> words(argv, argv + argc);
   if (argc < 2 || words[1].empty() || words[1][0] == '-') return words;
@@ -84,6 +94,8 @@ class Parser {
  public:
   Parser(CommandLine& line, std::string& error) : m_line(line), m_error(error) {}
 
+  // getopt_long wants pointers to char and keeps its state in globals: one parse at a time, with its own
+  // messages off. The words outlive it, so that they can be shown. Operands behind "--" are what is left.
   bool parse(std::vector<std::string> words) {
     std::vector<char*> arguments;
     for (std::string& word : words) arguments.push_back(&word[0]);
@@ -106,6 +118,7 @@ class Parser {
   // ---- What options do
 
   CommandLine& line() { return m_line; }
+  // False, for the caller to return. The first error counts.
   bool wrong(const std::string& what) {
     m_error = what;
     return false;
@@ -125,6 +138,8 @@ class Parser {
     return index < words.size() ? words[index].substr(0, words[index].find('=')) : "";
   }
 
+  // The same mode twice is no contradiction. Help goes before everything, so that "--help" beside half a
+  // command line helps.
   bool setMode(Mode mode) {
     if (m_line.mode == Mode::Help || m_line.mode == Mode::Version) return true;
     if (m_line.mode != Mode::None && m_line.mode != mode)
@@ -141,6 +156,8 @@ class Parser {
     return true;
   }
 
+  // "posix" is what GNU tar calls pax. Case counts here, unlike in the component: a typo should not become
+  // gnu.
   bool setFormat(const std::string& format) {
     const bool isPosix = format == "posix";
     if (format != "gnu" && format != "ustar" && format != "pax" && !isPosix)
@@ -149,6 +166,7 @@ class Parser {
     return true;
   }
 
+  // Asked of the converter itself, with no text to convert, because iconv alone knows its names.
   bool setCharset(const std::string& name) {
     if (name.empty() || !morvane::XString().appendFromEncoding("", name.c_str()))
       return wrong("unknown character set '" + name + "'");
@@ -156,6 +174,7 @@ class Parser {
     return true;
   }
 
+  // All of the text must be digits; 0 is no limit.
   bool setMaxCount(const std::string& text) {
     const char* const end = text.data() + text.size();
     const auto result = std::from_chars(text.data(), end, m_line.maxCount);
@@ -163,6 +182,7 @@ class Parser {
     return wrong("'" + text + "' is no number of members");
   }
 
+  // "auto" waits a second, so that short runs show no bar.
   bool setProgress(const std::string& when) {
     if (when == "always")
       m_progress = ProgressBar::When::Always;
@@ -175,15 +195,18 @@ class Parser {
     return true;
   }
 
+  // The bar goes to standard error, whatever standard output is.
   static ProgressBar::When onTerminal() {
     return isatty(STDERR_FILENO) ? ProgressBar::When::AfterOneSecond : ProgressBar::When::Never;
   }
 
+  // Collected; whether they make sense is checked with the words of the command, all at once.
   bool addOptions(const std::string& words) {
     m_line.options += "," + words;
     return true;
   }
 
+  // SOURCE_DATE_EPOCH is what builders set for this (reproducible-builds.org); the epoch without it.
   bool setReproducible(const char* seconds) {
     const char* const environment = std::getenv("SOURCE_DATE_EPOCH");
     const std::string text = seconds ? seconds : environment ? environment : "0";
@@ -199,6 +222,8 @@ class Parser {
  private:
   void addOperand(const char* path) { m_line.operands.push_back({m_line.targetDir, path}); }
 
+  // 1 is an operand, ":" a missing value, "?" anything else that is wrong. For the last two `optopt` has what
+  // it was, or 0 for an unknown long option.
   bool take(int found, const std::vector<std::string>& words, int at) {
     if (found == 1) {
       addOperand(optarg);
@@ -212,6 +237,8 @@ class Parser {
                         : known->take(*this, optarg);
   }
 
+  // What options mean together, once all are known, since they may come in any order. The first contradiction
+  // is told.
   bool check() {
     const Mode mode = m_line.mode;
     m_line.progress = m_progress;
@@ -243,6 +270,8 @@ class Parser {
   ProgressBar::When m_progress = onTerminal();
 };
 
+// A row's action for each kind of plain option: its member is a template argument, so that a row needs no
+// function of its own.
 template <bool CommandLine::*kSwitch>
 bool switchOn(Parser& parser, const char*) {
   parser.line().*kSwitch = true;
@@ -255,6 +284,8 @@ bool keep(Parser& parser, const char*) {
   return true;
 }
 
+// For pairs of "--x" and "--no-x", of which the last one counts; without either the user decides (root or
+// not).
 template <std::optional<bool> Keeping::*kSwitch, bool kValue>
 bool decide(Parser& parser, const char*) {
   parser.line().keeping.*kSwitch = kValue;
@@ -283,8 +314,11 @@ bool compress(Parser& parser, const char*) {
   return parser.setCompression(kCompression);
 }
 
+// For options that other tars need and this one does not.
 bool nothing(Parser&, const char*) { return true; }
 
+// getopt_long takes unambiguous beginnings of long names, so that a new name may make an old abbreviation
+// ambiguous.
 const Option kOptions[] = {
     {'c', "create", no_argument, enter<Mode::Create>},
     {'x', "extract", no_argument, enter<Mode::Extract>},
@@ -348,10 +382,12 @@ const size_t kOptionCount = sizeof kOptions / sizeof *kOptions;
 
 }  // namespace
 
+// Attributes have a place in the pax format alone, so that asking for them chooses it.
 std::string CommandLine::formatToWrite() const {
   return !format.empty() ? format : keeping.attributes ? "pax" : "gnu";
 }
 
+// OpenBeforeEvent, because the command's event touches no file; MemberEvents, because it selects in them.
 std::string CommandLine::writingWords() const {
   std::string words = "Profile=usual,OpenBeforeEvent,MemberEvents";
   if (keeping.attributes) words += ",Store=usual+xattr";
@@ -361,7 +397,9 @@ std::string CommandLine::writingWords() const {
   return words;
 }
 
-// As other tars do: the superuser restores owners, devices and exact modes, everybody else what is theirs.
+// As other tars do: the superuser restores owners, devices and exact modes, everybody else what is theirs. An
+// archive of strangers gets none of root's rights, and no special files, whoever extracts it. Options stand
+// last and win.
 std::string CommandLine::readingWords() const {
   std::string words = std::string("Profile=") + (untrusted ? "untrusted" : "usual");
   const bool isRoot = geteuid() == 0 && !untrusted;
@@ -377,6 +415,7 @@ std::string CommandLine::readingWords() const {
   return words + (keepNames ? ",Confine=off" : "") + options;
 }
 
+// "." below a -C is that directory itself: it keeps messages short.
 std::string Operand::localPath() const {
   const bool absolute = !path.empty() && path[0] == '/';
   const bool isDirItself = path == "." && !dir.empty();
@@ -387,6 +426,7 @@ bool parseCommandLine(int argc, char** argv, CommandLine& line, std::string& err
   return Parser(line, error).parse(withDashes(argc, argv));
 }
 
+// 80 columns. tests/install_test.sh holds it together with the manual and the completions.
 const char* helpText() {
   return R"(Usage:
   mvtar -c -f ARCHIVE [-z|-j|-J] [options] PATH...    create an archive

@@ -34,13 +34,17 @@ bool endsWith(const std::string& text, const char* ending) {
   return text.size() >= length && text.compare(text.size() - length, length, ending) == 0;
 }
 
-// By the option, else by what the archive's name promises.
+// By the option, else by what the archive's name promises. A name that promises what can only be read (.Z)
+// gets a plain archive.
 Compression compressionOf(const CommandLine& line) {
   if (line.compression) return *line.compression;
   const Compression promised = morvane::compressionBySuffix(line.archive).value_or(Compression::None);
   return morvane::canBeWritten(promised) ? promised : Compression::None;
 }
 
+// Follows the write by its events: which member is being written, what is skipped, what went wrong. The
+// component's words become lines of the command here. A member is done when the next one is offered, because
+// nothing tells its end.
 class CreateEvent : public morvane::ProgressEvent {
  public:
   CreateEvent(Report& report, ProgressBar& bar, ClsTar& tar, const CommandLine& line)
@@ -50,14 +54,21 @@ class CreateEvent : public morvane::ProgressEvent {
         m_line(line),
         m_selection({}, line.matches, line.excludes) {}
 
+  // Of members that are whole.
   long long members() const { return m_members; }
   long long bytes() const { return m_bytes; }
 
+  // A signal only sets a flag; the component asks for it between pieces.
   void onAbortCheck(bool& abort) override { abort = isInterrupted(); }
   void onProgress(int parts, bool&) override { m_bar.show(parts); }
 
+  // The first word of the next member, also of one that is going to be skipped.
   void onTarEntry(const char*, long long, bool, bool&) override { settle(); }
 
+  // Selection goes by the path in the archive, which is what the user sees in a listing; the component's own
+  // filter would go by the local one. What is excluded takes all below it along; what merely does not match
+  // may have members below that do. A path that ustar cannot hold is told here, with the others of its kind,
+  // instead of ending the archive.
   void onTarMember(morvane::TarMember& member) override {
     m_localPath = member.localPath;
     m_nothingBelow =
@@ -75,6 +86,8 @@ class CreateEvent : public morvane::ProgressEvent {
     m_isDirectory = isDirectory;
   }
 
+  // The component's names of what happened (ProgressEvent.h). Each is a problem and makes the exit status 2,
+  // but for a socket, which no tar keeps.
   void onInfo(const char* name, const char* value) override {
     const std::string_view what(name);
     if (what == "pathInTar") {
@@ -115,7 +128,8 @@ class CreateEvent : public morvane::ProgressEvent {
   bool missedOnlyUnwanted() const { return m_unwantedMissed && m_unreadable.empty(); }
 
  private:
-  // Of a directory that is skipped, what may lie below is missed.
+  // Of a directory that is skipped, what may lie below is missed. The path is the member's own, or a
+  // directory's that was written before and cannot be walked into.
   void noteUnreadable(const std::string& path) {
     if (path != m_localPath) {
       settle();
@@ -127,6 +141,8 @@ class CreateEvent : public morvane::ProgressEvent {
     if (m_unreadable.insert(path).second) m_report.problem(path, failureReason(m_tar));
   }
 
+  // By the component's own rule, so that both agree. One byte more than the prefix's field is let pass, as it
+  // is the slash between prefix and name.
   bool fitsUstar(const std::string& name) const {
     constexpr size_t kName = 100, kPrefix = 155, kAll = kPrefix + kName;
     if (name.size() <= kName || name.size() > kAll) return true;  // even longer ones go into a record
@@ -151,6 +167,7 @@ class CreateEvent : public morvane::ProgressEvent {
   long long m_members = 0, m_bytes = 0;
 };
 
+// The operands on their way into the component, where each becomes single files and trees.
 class Sources {
  public:
   Sources(const CommandLine& line, Report& report, ClsTar& tar)
@@ -173,6 +190,8 @@ class Sources {
     return stored.name;
   }
 
+  // Looked at now for a message of the command's own, and because a directory is a member and a tree, while
+  // anything else is a member alone. ESC is what the component separates stored paths with.
   void addOperand(const Operand& operand) {
     const std::string local = operand.localPath();
     struct stat status;
@@ -201,6 +220,7 @@ class Sources {
     if (!m_tar.AddDirRoot2(name, local)) m_report.failure(m_tar, operand.path);
   }
 
+  // Always with its name: AddFile would take the last part of the path.
   void addSingle(const std::string& local, const std::string& name) {
     if (!m_tar.AddFile2(local, name)) m_report.failure(m_tar, local);
   }
@@ -213,6 +233,8 @@ class Sources {
   std::string m_lastRemoved;
 };
 
+// To a path, the component opens and closes the file; standard output is the command's to close, and the
+// result counts only behind that.
 bool write(ClsTar& tar, const CommandLine& line, morvane::ProgressEvent& event, Report& report) {
   const Compression compression = compressionOf(line);
   const auto writeTo = [&](auto& out) {
@@ -243,6 +265,9 @@ bool write(ClsTar& tar, const CommandLine& line, morvane::ProgressEvent& event, 
 
 }  // namespace
 
+// Options of the user come last, behind what the command asks for itself: the last of a word wins. A total is
+// counted for a bar that may be shown only. What the component counts as left out is no failure if it was not
+// wanted anyway. The last member is settled only if the run came to its end; one that broke off may be in it.
 int createArchive(const CommandLine& line) {
   ProgressBar bar(line.progress);
   Report report(bar, line.usesStandardStream());

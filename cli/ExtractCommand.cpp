@@ -30,6 +30,7 @@ constexpr NotKept kNotKept[] = {
     {"linkNotKept", "a link cannot be made here; it is a copy", "linksNotKept", "copies in place of links"},
 };
 
+// Names members as they are extracted, and what becomes different on the disk. Selection is MemberEvent's.
 class ExtractEvent : public MemberEvent {
  public:
   ExtractEvent(ClsTar& tar, Report& report, ProgressBar& bar, const CommandLine& line)
@@ -43,6 +44,8 @@ class ExtractEvent : public MemberEvent {
     begin(m_path, isDirectory ? 0 : size);
   }
 
+  // What was begun and not made is dropped from the count before it is told; a member whose times could not
+  // be set is whole. The others are told with the first member and, at the end, by their number.
   void onInfo(const char* name, const char* value) override {
     MemberEvent::onInfo(name, value);
     const std::string_view what(name);
@@ -75,6 +78,9 @@ class ExtractEvent : public MemberEvent {
     m_isEmptied = isSpecial && m_line.untrusted;
   }
 
+  // Each of these loses something without the component failing: so the command says it. Leading slashes are
+  // told once, since an archive that has one has them all. Members of one last name replace each other under
+  // --strip-paths, the last one stays; the same path twice is no surprise.
   void nameWhatChanges() {
     if (m_isEmptied) m_report.problem(m_path, "a FIFO or device is kept as an empty file");
     if (m_path.find('\\') != std::string::npos) {
@@ -102,6 +108,7 @@ class ExtractEvent : public MemberEvent {
   std::map<std::string, std::string> m_lastParts;  // and the paths they came from
 };
 
+// For -O: the first selected file, to standard output. Directories are never offered then.
 class OutputEvent : public MemberEvent {
  public:
   using MemberEvent::MemberEvent;
@@ -124,6 +131,8 @@ class OutputEvent : public MemberEvent {
 };
 
 // The target is made even if nothing is put into it. A path too long for the system is left to the component.
+// Made before anything is read, so that an archive of nothing leaves an empty directory, as the user asked
+// for one.
 bool makeTarget(const CommandLine& line, Report& report) {
   std::error_code error;
   if (!line.targetDir.empty()) std::filesystem::create_directories(line.targetDir, error);
@@ -134,6 +143,8 @@ bool makeTarget(const CommandLine& line, Report& report) {
 
 }  // namespace
 
+// Enough may have been seen before the archive's end (--max-count): then a run that was stopped is no
+// failure. Operands that matched nothing are named only if the whole archive was looked through.
 int extractArchive(const CommandLine& line) {
   ReadJob job(line, false);
   if (!job.open() || !makeTarget(line, job.report)) return job.finish();
@@ -147,6 +158,8 @@ int extractArchive(const CommandLine& line) {
   return job.finish(event, ok, "the rest was not extracted");
 }
 
+// Closed before success is claimed: a full disk or a reader that has gone shows as late as that. No match is
+// a problem that is named, and then not a failure of the component's as well.
 int extractToStandardOutput(const CommandLine& line) {
   ReadJob job(line, true);
   if (!job.open()) return job.finish();

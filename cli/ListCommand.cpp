@@ -1,5 +1,3 @@
-// mvtar -t
-//
 // mvtar -t and --verify: archives that are read and not extracted.
 //
 // A plain list and --xml of some members are printed by events, as members come. --xml of a whole archive

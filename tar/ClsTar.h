@@ -69,14 +69,22 @@ struct ReadSettings;
 struct TarOptions;
 struct WriteSettings;
 
+// An object keeps its properties and sources from one call to the next, and nothing else but the last listing
+// and the state of its streaming run. It cannot be copied, because it owns its engines. Everything that is
+// passed by reference or pointer belongs to the caller and is used during the call only, unless a method says
+// otherwise; strings and sources are copied.
 class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
  public:
+  // The name under which directory roots are known to applications.
   using _dirRoot = DirRoot;
 
   // A new object with every default, or null if there is no memory. The caller deletes it.
   static ClsTar* createNewCls();
+  // Throws std::bad_alloc, as constructors do; createNewCls does not.
   ClsTar();
+  // Must not run while another thread is about to begin a call. One that is going on is waited for.
   ~ClsTar() override;
+  // Does nothing here.
   void dotNetDispose() override;
 
   // ---- Sources: what goes into an archive. They stay until cleared; the same source may be added more than
@@ -85,7 +93,8 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   // Adds a directory tree. False if the path cannot be examined or is no directory. The tree's members are
   // named relative to the directory, which is itself no member.
   bool AddDirRoot(const XString& dirPath);
-  // The same, with a prefix for the names of the tree's members ("prefix/relative").
+  // The same, with a prefix for the names of the tree's members ("prefix/relative"). An empty prefix is none.
+  // The path may be a symbolic link to a directory.
   bool AddDirRoot2(const XString& pathPrefix, const XString& dirPath);
   // Adds a file, which is looked at only when the archive is written. Its member is named by the last part of
   // the path.
@@ -99,6 +108,7 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   bool AddBytes(const XString& pathInTar, const DataBuffer& data);
   // The path of a directory root by its 0-based index; false, and empty, when there is none.
   bool GetDirRoot(int index, XString& outDirPath);
+  // How many there are, single files not among them; also from callbacks.
   int get_NumDirRoots();
   // Removes every directory root and file. True.
   bool ClearDirRootsAndFiles();
@@ -107,8 +117,10 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
 
   // Writes the sources as a plain tar file, created or truncated. The first failure ends the write.
   bool WriteTar(const XString& tarPath, ProgressEvent* progress = nullptr);
+  // The same into an output, from where it stands. It is flushed, not closed.
   bool WriteTar(_mvOutput& out, ProgressEvent* progress = nullptr);
-  // The same stream as one gzip member (RFC 1952) / as a bzip2 stream.
+  // The same stream as one gzip member (RFC 1952) / as a bzip2 stream. Neither a name nor a time is recorded
+  // in it. Block size of bzip2 is 900,000 bytes.
   bool WriteTarGz(const XString& tarGzFilePath, ProgressEvent* progress = nullptr);
   bool WriteTarGz(_mvOutput& out, ProgressEvent* progress = nullptr);
   bool WriteTarBz2(const XString& tarBz2FilePath, ProgressEvent* progress = nullptr);
@@ -126,9 +138,10 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   // Extracts below UntarFromDir. The result counts the members extracted (directories too), -1 on failure.
   int Untar(const XString& tarPath, ProgressEvent* progress = nullptr);
   int Untar(_mvDataSource& source, ProgressEvent* progress = nullptr);
+  // The bytes are read where they lie and must stay unchanged during the call.
   int UntarFromMemory(DataBuffer& tarBytes, ProgressEvent* progress = nullptr);
   // Walks the archive and writes nothing: every header must be valid up to the end-of-archive mark. Member
-  // data are not read.
+  // data are not read. Nor are the checksums of a compression: it is for plain archives.
   bool VerifyTar(const XString& tarPath, ProgressEvent* progress = nullptr);
   bool VerifyTar(_mvDataSource& source, ProgressEvent* progress = nullptr);
 
@@ -139,7 +152,7 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   bool UntarFirstMatchingToBd(const XString& tarPath, const XString& pattern, ClsBinData& destination);
   bool UntarFirstMatchingToBd(_mvDataSource& source, const XString& pattern, ClsBinData& destination);
   // Lists every header as XML (docs/xml-listing.md). True if the end-of-archive mark was reached; what was
-  // listed before a failure stays in outXml.
+  // listed before a failure stays in outXml. Nothing is extracted, and neither patterns nor limits apply.
   bool ListXml(const XString& tarPath, XString& outXml, ProgressEvent* progress = nullptr);
   bool ListXml(_mvDataSource& source, XString& outXml, ProgressEvent* progress = nullptr);
   // The same, written as it comes: a listing of any length takes no memory.
@@ -148,7 +161,9 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   // ---- Reading compressed archives, in one pass, extracted below UntarFromDir. UntarMaxCount does not
   // apply.
 
-  // gzip: the first member; its trailer is not checked (see VerifyGzip and GzipAllMembers).
+  // gzip: the first member; its trailer is not checked (see VerifyGzip and GzipAllMembers). An archive
+  // without its end-of-archive mark is extracted and succeeds (see RequireEndOfArchive); one that ends in the
+  // middle of a member fails.
   bool UntarGz(const XString& tarGzPath, ProgressEvent* progress = nullptr);
   bool UntarGz(_mvDataSource& source, ProgressEvent* progress = nullptr);
   // bzip2. Goes on from the state that the object's last streaming run left: after a run that reached the end
@@ -184,42 +199,51 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
 
   // Whether the last method got to the end of its work and failed only because something was left out on the
   // way that the event was told of (a refused member, a source that could not be read), or because the one
-  // member that was wanted is not in the archive.
+  // member that was wanted is not in the archive. False before the first method, and behind a success.
   bool get_OnlyLeftOut() const { return m_onlyLeftOut; }
 
   // ---- Debian packages
 
   // Frames a control and a data tarball (gzip, or xz by the suffix ".xz") as a Debian binary package. Neither
-  // is looked into; all three are held in memory.
+  // is looked into; all three are held in memory. The format is deb(5), version 2.0; members have the time of
+  // the call, mode 0644 and owner 0. The package's file is created or truncated.
   bool CreateDeb(const XString& controlPath, const XString& dataPath, const XString& debPath);
   bool CreateDeb(const XString& controlPath, const XString& dataPath, _mvOutput& out);
 
   // ---- Properties
 
+  // Reading calls list the members they pass in XmlListing (docs/xml-listing.md); default false. Not the
+  // first match, one member, or ListXml, which has its own.
   bool get_CaptureXmlListing() const { return m_captureXmlListing; }
   void put_CaptureXmlListing(bool capture) { set(m_captureXmlListing, capture); }
-  // Reading goes through an archive without writing members out.
+  // Reading goes through an archive without writing members out. Default false. Taken when Untar begins, at
+  // each header when streaming.
   bool get_SuppressOutput() const { return m_suppressOutput; }
   void put_SuppressOutput(bool suppress) { set(m_suppressOutput, suppress); }
-  // Leading slashes of members' paths are removed (default true).
+  // Leading slashes of members' paths are removed (default true). Back slashes count as slashes. It does not
+  // keep ".." parts or links from leading out: that is Confine (docs/options.md).
   bool get_NoAbsolutePaths() const { return m_noAbsolutePaths; }
   void put_NoAbsolutePaths(bool none) { set(m_noAbsolutePaths, none); }
-  // Every member is extracted straight into UntarFromDir, under the last part of its path.
+  // Every member is extracted straight into UntarFromDir, under the last part of its path. Default false. A
+  // later member of the same last part replaces the earlier one.
   bool get_UntarDiscardPaths() const { return m_untarDiscardPaths; }
   void put_UntarDiscardPaths(bool discard) { set(m_untarDiscardPaths, discard); }
-  // More lines per member in the log.
+  // More lines per member in the log. Default false.
   bool get_UntarDebugLog() const { return m_untarDebugLog; }
   void put_UntarDebugLog(bool debug) { set(m_untarDebugLog, debug); }
-  // Whether the patterns regard case: one setting under two names.
+  // Whether the patterns regard case: one setting under two names. Default false: letters that differ in case
+  // alone are then alike, beyond ASCII too.
   bool get_UntarCaseSensitive() const { return m_matchCaseSensitive; }
   void put_UntarCaseSensitive(bool sensitive) { set(m_matchCaseSensitive, sensitive); }
   bool get_MatchCaseSensitive() const { return get_UntarCaseSensitive(); }
   void put_MatchCaseSensitive(bool sensitive) { set(m_matchCaseSensitive, sensitive); }
-  // Untar and UntarFromMemory stop after this many members; 0 is no limit.
+  // Untar and UntarFromMemory stop after this many members; 0 is no limit. Default 0. Reaching it is a
+  // success. A negative count stops behind the first member.
   int get_UntarMaxCount() const { return m_untarMaxCount; }
   void put_UntarMaxCount(int count) { set(m_untarMaxCount, count); }
   // What headers of written archives say. Modes are permission bits: 0755, 0644 and 0755 by default, ids
-  // 1000.
+  // 1000. Of a number that has more digits than its field (7 octal ones) the low ones are stored. With
+  // Store=mode or Store=owner the files' own go before these.
   int get_GroupId() const { return m_groupId; }
   void put_GroupId(int id) { set(m_groupId, id); }
   int get_UserId() const { return m_userId; }
@@ -232,28 +256,35 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   void put_ScriptFileMode(int mode) { set(m_scriptFileMode, mode); }
 
   // "gnu" (default), "pax" or "ustar". Case and blanks around it do not matter, "posix" means pax, "star"
-  // ustar, and any other word gnu.
+  // ustar, and any other word gnu. What is read back is one of the three.
   void get_WriteFormat(XString& out);
   void put_WriteFormat(const XString& format);
-  // The character set of names in archives being read, by its iconv name; default "utf-8".
+  // The character set of names in archives being read, by its iconv name; default "utf-8". One that iconv
+  // does not know is said in the log of the reading call, and names are read as utf-8.
   void get_Charset(XString& out);
   void put_Charset(const XString& charset);
-  // In front of the names of written members ("prefix/name"). Trailing slashes are removed.
+  // In front of the names of written members ("prefix/name"). Trailing slashes are removed. Empty by default.
+  // Not in front of the paths of AddFile2 and AddBytes.
   void get_DirPrefix(XString& out);
   void put_DirPrefix(const XString& prefix);
-  // The listing made by the last reading call while CaptureXmlListing was on.
+  // The listing made by the last reading call while CaptureXmlListing was on. Empty before the first; a
+  // setter replaces it.
   void get_XmlListing(XString& out);
   void put_XmlListing(const XString& listing);
-  // Both default to the name of the user running the process. Headers hold their first 31 bytes.
+  // Both default to the name of the user running the process. Headers hold their first 31 bytes. Once set,
+  // also to nothing, a name is used as it is.
   void get_UserName(XString& out);
   void put_UserName(const XString& name);
   void get_GroupName(XString& out);
   void put_GroupName(const XString& name);
-  // Where members are extracted to; default ".". Made when missing.
+  // Where members are extracted to; default ".". Made when missing. A relative one counts from where the
+  // process stands; empty is the same as ".".
   void get_UntarFromDir(XString& out);
   void put_UntarFromDir(const XString& dir);
   // Patterns ("*" stands for anything, "/" included) that a path must / must not match, for writing and
-  // reading alike. MustMatch and UntarMatchPattern are one setting.
+  // reading alike. MustMatch and UntarMatchPattern are one setting. Empty patterns exclude nothing; both
+  // default to that. A pattern without a "*" and without slashes has rules of its own about the last part of
+  // a path (docs/format.md, "Patterns"). Writing compares local paths, reading the paths of members.
   void get_MustMatch(XString& out);
   void put_MustMatch(const XString& pattern);
   void get_UntarMatchPattern(XString& out);
@@ -267,48 +298,79 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   // memory in them is thrown.
 
   // Writes into the object as an output: the bytes of a tar stream, in pieces of any size, are extracted as
-  // they come.
+  // they come. True for what comes behind the archive's end.
   bool _writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log) override;
 
   // A streaming run: begin, any number of pieces, finish. What finish returns is the run's success: no
   // failure, and the last member's data complete. `finished` tells that the archive has ended or a failure
-  // stopped the run; further pieces are then ignored.
+  // stopped the run; further pieces are then ignored. `data` belongs to the caller and may be gone behind the
+  // call; `pm` and `log` may be others with each piece. What StreamingUntarNext takes is any number of
+  // bytes, 0 among them.
   void BeginStreamingUntar(LogBase& log);
   bool StreamingUntarNext(const unsigned char* data, unsigned int numBytes, bool& finished,
                           ProgressMonitor* pm, LogBase& log);
   bool FinishStreamingUntar(ProgressMonitor* pm, LogBase& log);
+  // One step of StreamingUntarNext: it may leave bytes for the next call to take.
   bool streamingUntarInner(const unsigned char* data, unsigned int numBytes, bool& finished,
                            ProgressMonitor* pm, LogBase& log);
-  // Parses the gzip member at the source's position and extracts the tar stream in it.
+  // Parses the gzip member at the source's position and extracts the tar stream in it. Bytes behind the
+  // member stay in the source where it can give them back.
   bool unTarGz(_mvDataSource& source, ProgressMonitor* pm, LogBase& log);
+  // The 10 bytes of RFC 1952 in front of a member, and the 8 behind it: the checksum and the size modulo 2^32
+  // of what was compressed. The path is not recorded.
   bool beginGzip(const XString& path, _mvOutput& out, ProgressMonitor* pm, LogBase& log);
   bool endGzip(_mvOutput& out, unsigned int crc32, unsigned int size);
 
+  // Looks at MustMatch and MustNotMatch anew, which methods do when they begin; and whether the two leave out
+  // a path.
   void setMatchPatternExactFlags();
   bool excludeByMatch(const XString& path, LogBase& log);
 
+  // Bytes of data that a write of the sources would archive, headers and padding left out; -1 when it was
+  // aborted or refused.
   long long calcTotalProgressForWrite(LogBase& log, ProgressMonitor* pm);
+  // The whole tar stream of the sources. False also when something was left out.
   bool writeTarToOutput(_mvOutput& out, ProgressMonitor* pm, LogBase& log, ProgressEvent* progress);
+  // One member: header, data, padding. `pathInTar` comes back in the form that it has in the archive.
   bool writeFileToOutput(XString& fullPath, XString& pathInTar, ProgressMonitor* pm, LogBase& log,
                          ProgressEvent* progress);
+  // A source to its end, without header or padding. A failed read ends it and is no failure.
   bool copySourceToOutput(_mvDataSource& source, ProgressMonitor* pm, LogBase& log);
+  // The 512-byte header of a member with the records that its format needs; only GNU's record of a long path;
+  // only the pax record of the path. `info` is what mvFileInfo says of the file or what an application filled
+  // in.
   bool writeTarHeaderToOutput(XString& pathInTar, mvFileInfo& info, ProgressMonitor* pm, LogBase& log);
   bool writeLongFilenameToOutput(XString& path, mvFileInfo& info, ProgressMonitor* pm, LogBase& log);
   bool writePaxHeaderToOutput(XString& path, mvFileInfo& info, ProgressMonitor* pm, LogBase& log);
+  // Archive bytes as they are, through the compression where there is one.
   bool writeOut_pm(const unsigned char* data, unsigned int len, ProgressMonitor* pm, LogBase& log);
+  // A path of up to 255 bytes into ustar's prefix and name (POSIX.1, ustar Interchange Format); the prefix
+  // keeps its slash here. False, with both empty and the reason in the log, where there is no slash at which
+  // it could be cut.
   bool splitPathForTar(const XString& path, XString& name, XString& prefix, LogBase& log);
+  // The sum of a block's 512 bytes, its checksum field counted as blanks.
   static unsigned int computeHeaderChecksum(const unsigned char* block);
+  // GNU's form of numbers that octal digits cannot hold: big-endian, the first byte's high bit set, in a
+  // field of `len` bytes. False for a negative value, or one that the field does not hold. Reading does not
+  // ask for that bit, and gives 0 and false for a negative number.
   static bool numToBase256(long long value, char* out, int len);
   static bool base256ToNum(long long& out, const char* in, int len);
 
+  // Untar without its frame. The count, or -1.
   int _untar(_mvDataSource& source, bool extract, LogBase& log, ProgressMonitor* pm, ProgressEvent* progress);
+  // Exactly `size` bytes from where the source stands into a new file, which gets the times; each may be
+  // null. `buffer` is the caller's, of any size above 0.
   bool extractToFile(_mvDataSource& source, const XString& path, const MorvaneFileTime* creation,
                      const MorvaneFileTime* access, const MorvaneFileTime* modification, long long size,
                      char* buffer, unsigned int bufferSize, LogBase& log, ProgressMonitor* pm);
+  // UntarFirstMatchingToMemory over any source and output; `logEntries` names each path that is looked at.
   bool _untarFirstMatchingToOutput(_mvDataSource& source, const XString& pattern, _mvOutput& out,
                                    LogBase& log, bool logEntries, ProgressMonitor* pm);
+  // The beginning and the end of XmlListing around entries; nothing without CaptureXmlListing.
   void xmlListingInit();
   void xmlListingFinish();
+  // Extension records as the component merges them by itself (without FullRead): what a pax record's text
+  // says, NUL-terminated, is put into `record`; and what a record staged goes into the header that follows.
   static bool parsePaxExtendedHeader(const char* text, TarHeader& record, LogBase& log);
   static void combineHeaderPaxExtended(TarHeader& following, TarHeader& staged);
   static void combineHeaderLongFilename(TarHeader& following, TarHeader& staged);
@@ -317,7 +379,10 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   // Runs a public method in its frame (tar/ClsTarMethod.h).
   template <class Result, class Work>
   Result method(const char* name, MethodForm form, Result failure, Work work);
+  // UncommonOptions are parsed when they were set since the last call. False, with the words in the log,
+  // while any is unusable.
   [[nodiscard]] bool takeOptions(LogBase& log);
+  // Properties are set without the lock; the count of changes tells a run that goes on.
   template <class Value>
   void set(RelaxedAtomic<Value>& member, Value value) {
     member = value;
@@ -334,6 +399,7 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   bool addDirRoot(const XString* pathPrefix, const XString& dirPath);
   bool addEntry(const std::string& entry);
 
+  // What writing methods have in common, behind their doors.
   struct ArchivePlace;
   bool writeMethod(const char* name, Compression compression, const ArchivePlace& place,
                    ProgressEvent* progress);
@@ -349,6 +415,7 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
                     bool logEntries, ProgressMonitor* pm);
   int untarWithProgress(_mvDataSource& source, bool extract, ProgressEvent* progress);
 
+  // One for each compression; the rest is common to all of them.
   using Decompress = bool (ClsTar::*)(_mvDataSource&, ProgressMonitor*, LogBase&);
   bool untarCompressedFile(const char* name, const XString& path, ProgressEvent* progress,
                            Decompress decompress);

@@ -7,6 +7,7 @@
 #include "MvtarSupport.h"
 #include "runtime/fs/AccessList.h"
 #include "runtime/fs/UserDatabase.h"
+#include "tar/format/PaxRecordText.h"
 #include "tar/format/SparseMap.h"
 
 namespace morvane::testing {
@@ -306,7 +307,6 @@ TEST(Fidelity, AttributesAndAccessLists) {
   // A value that a reader which ends records at newlines would take for another path.
   const std::string set = R"(
 import os, struct
-os.setxattr('t/f', 'user.a=b%', b'')
 os.setxattr('t/f', 'user.evil', b'a\n11 path=x\n\0=')
 os.setxattr('t/d', 'user.big', b'v' * 3000)
 acl = struct.pack('<I', 2) + b''.join(struct.pack('<HHI', *e) for e in
@@ -331,6 +331,12 @@ os.setxattr('t/d', 'system.posix_acl_default', acl)
   }
   expectMvtar(dir, "--xattrs --format=gnu -cf a.tar t", 2, "",
               "t/d: attributes can be stored in the pax format alone\na.tar: 2 members without attributes");
+}
+
+TEST(PaxRecordText, NamesOfAttributesInKeywords) {
+  EXPECT_EQ("user.a%3Db%25", escapedKeyword("user.a=b%"));
+  for (const char* name : {"user.a=b%", "%3D", "%253D=", "%"})
+    EXPECT_EQ(name, unescapedKeyword(escapedKeyword(name)));
 }
 
 TEST(AccessList, TextsThatMakeNoSense) {

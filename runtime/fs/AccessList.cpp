@@ -1,3 +1,5 @@
+// Access lists between their two forms. The text comes from an archive and may be anything: what is not
+// understood makes no list at all, because half a list would give rights that nobody granted.
 #include "runtime/fs/AccessList.h"
 
 #include <endian.h>
@@ -19,6 +21,8 @@ constexpr uint32_t kVersion = 2;
 constexpr uint32_t kNoId = 0xFFFFFFFF;
 constexpr size_t kVersionSize = 4, kEntrySize = 8;
 
+// The four kinds of entries and their tags (ACL_USER_OBJ and the others of the system's header). A mask and
+// the others have no name, so that 0 stands there for a tag that no entry may have.
 struct Kind {
   const char* name;
   uint16_t ownTag, namedTag;  // of "user::" and of "user:lisa:"
@@ -26,11 +30,15 @@ struct Kind {
 constexpr Kind kKinds[] = {
     {"user", 0x01, 0x02}, {"group", 0x04, 0x08}, {"mask", 0x10, 0}, {"other", 0x20, 0}};
 
+// One entry as the attribute has it; the permissions are 4, 2 and 1 as in a mode. Entries without a name
+// carry the id that is none.
 struct Entry {
   uint16_t tag = 0, permissions = 0;
   uint32_t id = kNoId;
 };
 
+// Takes the next piece off the front, with the separator behind it. Where there is none left, the piece is
+// all of it, and what is asked for then is empty: missing fields need no check.
 std::string_view cut(std::string_view& rest, const char* separators) {
   const size_t end = std::min(rest.find_first_of(separators), rest.size());
   const std::string_view piece = rest.substr(0, end);
@@ -38,6 +46,8 @@ std::string_view cut(std::string_view& rest, const char* separators) {
   return piece;
 }
 
+// Digits and nothing else. The number that means "no id" to the system is refused, because an entry with it
+// would be another entry than the text says.
 std::optional<uint32_t> numberOf(std::string_view text) {
   uint32_t number = 0;
   const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
@@ -46,6 +56,8 @@ std::optional<uint32_t> numberOf(std::string_view text) {
   return isNumber ? std::optional<uint32_t>(number) : std::nullopt;
 }
 
+// Whose entry it is. A name that this system does not know falls back to the number that was archived with
+// it, and then to a name that is itself a number, as is written for an id without a name.
 std::optional<uint32_t> idOf(std::string_view name, std::string_view id, bool isUser, bool byId,
                              UserDatabase& users) {
   const std::optional<uint32_t> number = numberOf(id);
@@ -56,6 +68,8 @@ std::optional<uint32_t> idOf(std::string_view name, std::string_view id, bool is
   return number ? number : numberOf(name);
 }
 
+// Kinds are spelled out and lower case, as every tar writes them. A letter counts in its own place only;
+// anything else there means that the right is not given. What stands behind the third letter is passed over.
 std::optional<Entry> parseEntry(std::string_view text, bool byId, UserDatabase& users) {
   const std::string_view kindName = cut(text, ":"), name = cut(text, ":"), permissions = cut(text, ":"),
                          id = cut(text, ":");
@@ -77,6 +91,7 @@ std::optional<Entry> parseEntry(std::string_view text, bool byId, UserDatabase& 
   return entry;
 }
 
+// The caller has brought it into the order of the attribute's bytes.
 template <class Number>
 void append(Number littleEndian, std::string& bytes) {
   bytes.append(reinterpret_cast<const char*>(&littleEndian), sizeof littleEndian);
@@ -84,6 +99,8 @@ void append(Number littleEndian, std::string& bytes) {
 
 }  // namespace
 
+// The attribute has no alignment, so each field is copied out. A name that may not be known where the archive
+// is read always has its number behind it, and an id that has no name stands there as its own.
 std::optional<std::string> accessListText(std::string_view bytes, UserDatabase& users) {
   uint32_t version = 0;
   if (bytes.size() < kVersionSize || (bytes.size() - kVersionSize) % kEntrySize != 0) return std::nullopt;
@@ -117,6 +134,8 @@ std::optional<std::string> accessListText(std::string_view bytes, UserDatabase& 
   return text;
 }
 
+// Both separators are taken, because archives have one and tools that print lists the other; so are comments
+// ("#effective:rw-") and the blanks in front of an entry. A text without entries gives a list of none.
 std::optional<std::string> accessListBytes(std::string_view text, bool byId, UserDatabase& users) {
   std::vector<Entry> entries;
   while (!text.empty()) {

@@ -1,3 +1,6 @@
+// The walk holds one level for each directory on the way down: its names, read at once and sorted, and its
+// descriptor. Entries are opened and examined relative to that descriptor, never by a whole path, so that a
+// directory that is renamed or replaced on the way cannot lead the walk elsewhere, and depth has no limit.
 #include "runtime/fs/ClsDirTree.h"
 
 #include <dirent.h>
@@ -17,6 +20,8 @@ namespace morvane {
 namespace {
 
 constexpr char kCannotRead[] = "Failed to read directory.";
+// The levels nearest to the current entry stay open; those above are closed, and opened again on the way
+// back. Deeper trees are rare, and most processes may have 1,024 files open.
 constexpr size_t kOpenLevels = 32;
 constexpr int kOpenDirectory = O_RDONLY | O_DIRECTORY;
 
@@ -26,10 +31,13 @@ bool isSelfOrParent(const char* name) {
 
 }  // namespace
 
+// The objects of the runtime are made without exceptions, like those of the public interface.
 ClsDirTree* ClsDirTree::createNewCls() { return new (std::nothrow) ClsDirTree(); }
 
 void ClsDirTree::put_BaseDir(const XString& dir) { m_baseDir = dir.str(); }
 
+// The base is opened as the path says, through a link too: the caller named it. An empty base has no first
+// entry, and the walk is done before it begins.
 bool ClsDirTree::beginIterate(LogBase& log) {
   m_levels.clear();
   m_relativePath.clear();
@@ -46,6 +54,8 @@ bool ClsDirTree::beginIterate(LogBase& log) {
   return true;
 }
 
+// Down if the current entry is a directory to be entered, else to its next sibling, else up until there is
+// one. A directory that turns out empty adds no level and is passed like a file.
 bool ClsDirTree::advancePosition(LogBase& log) {
   if (m_levels.empty()) return true;
   const bool enter = m_recurse && !m_passBy && get_IsDirectory();
@@ -63,6 +73,9 @@ bool ClsDirTree::advancePosition(LogBase& log) {
   return true;
 }
 
+// The entry was a directory when its parent was read. O_NOFOLLOW keeps the walk out of a link that has taken
+// its place since. With links followed, a directory that is already on the way would be entered for ever;
+// without them none can lie within itself.
 bool ClsDirTree::prepareToEnter(LogBase& log) {
   m_prepared = Level();
   int error = 0;
@@ -82,6 +95,8 @@ bool ClsDirTree::prepareToEnter(LogBase& log) {
   return false;
 }
 
+// What was prepared is used up here, whether the directory has entries or not: the next one must be read for
+// itself. A failure that nobody prepared for ends the walk.
 bool ClsDirTree::enterCurrent(LogBase& log) {
   if (!m_hasPrepared && !prepareToEnter(log)) {
     m_levels.clear();
@@ -101,6 +116,8 @@ bool ClsDirTree::enterCurrent(LogBase& log) {
   return true;
 }
 
+// The level that is left is always open, because only far ones were closed; so the way back to its parent
+// leads through its descriptor.
 bool ClsDirTree::leaveLevel(LogBase& log) {
   const Level child = std::move(m_levels.back());
   m_levels.pop_back();
@@ -110,7 +127,8 @@ bool ClsDirTree::leaveLevel(LogBase& log) {
   return parent.directory.isOpen() || reopenDirectory(parent, child.directory.fd(), log);
 }
 
-// Through the child, whose parent it was when the walk came down; only if it still is.
+// Through the child, whose parent it was when the walk came down; only if it still is. A directory that was
+// moved elsewhere meanwhile would otherwise let the walk go on in a tree that nobody asked for.
 bool ClsDirTree::reopenDirectory(Level& level, int child, LogBase& log) {
   level.directory.reset(osOpenAt(child, "..", kOpenDirectory));
   struct stat status;
@@ -120,6 +138,7 @@ bool ClsDirTree::reopenDirectory(Level& level, int child, LogBase& log) {
   return true;
 }
 
+// Device and inode, because a name tells nothing where links are followed.
 bool ClsDirTree::isOnTheWay(const Level& level) const {
   return std::any_of(m_levels.begin(), m_levels.end(), [&level](const Level& each) {
     return each.device == level.device && each.inode == level.inode;
@@ -132,6 +151,10 @@ void ClsDirTree::closeFarLevels() {
   m_levels[m_levels.size() - kOpenLevels - 1].directory.close();
 }
 
+// Read to its end before the first entry is used: the order wants that, and what the application does to the
+// directory meanwhile cannot make entries come twice. getdents64 itself, and not readdir, because a broken
+// read is then told from the end, and the descriptor stays the level's. In `names` each entry is its type,
+// its name, a NUL; entries are offsets, because the string moves while it grows.
 bool ClsDirTree::readDirectory(int fd, Level& level, int& error) {
   struct stat status;
   if (fstat(fd, &status) != 0) {
@@ -163,17 +186,20 @@ bool ClsDirTree::readDirectory(int fd, Level& level, int& error) {
   return true;
 }
 
+// The path of the directory stays in the string; only the last name is exchanged.
 void ClsDirTree::takeName() {
   m_relativePath.resize(m_levels.back().parentLength);
   m_relativePath += currentName();
 }
 
+// Behind the type byte.
 const char* ClsDirTree::currentName() const {
   const Level& level = m_levels.back();
   return level.names.data() + level.entries[level.current] + 1;
 }
 
-// The type that the directory gives, or a look at the entry where the file system gives none.
+// The type that the directory gives, or a look at the entry where the file system gives none. An entry that
+// cannot be looked at keeps the type it had, and whoever opens it learns the reason.
 unsigned char ClsDirTree::currentType() const {
   const Level& level = m_levels.back();
   const auto type = static_cast<unsigned char>(level.names[level.entries[level.current]]);
@@ -191,8 +217,10 @@ bool ClsDirTree::get_IsDirectory() const { return currentType() == DT_DIR; }
 
 void ClsDirTree::get_RelativePath(XString& out) const { out = m_relativePath; }
 
+// For events and messages only: files are opened through currentDirectory().
 void ClsDirTree::get_FullUncPath(XString& out) const { out = fullPathOf(m_relativePath); }
 
+// "/" as the base gives "/name", and slashes at the end of the base do not double.
 std::string ClsDirTree::fullPathOf(const std::string& relative) const {
   const size_t end = m_baseDir.find_last_not_of('/');
   std::string path = m_baseDir.substr(0, end == std::string::npos ? 0 : end + 1);
@@ -200,6 +228,7 @@ std::string ClsDirTree::fullPathOf(const std::string& relative) const {
   return path += relative;
 }
 
+// The path is taken before the levels go, since it is made of them.
 bool ClsDirTree::failedToRead(LogBase& log, int error) {
   m_failedPath = m_levels.empty() ? m_baseDir : fullPathOf(m_relativePath);
   m_levels.clear();

@@ -23,11 +23,15 @@ namespace morvane {
 class LogBase;
 class XString;
 
+// The directory that failed and the position are asked for between calls; an entry's name and descriptor stay
+// valid until the walk goes on.
 class MORVANE_API ClsDirTree {
  public:
   static ClsDirTree* createNewCls();  // null when there is no memory
 
+  // Set before beginIterate; the path is taken as the system's bytes, relative to the process's directory.
   void put_BaseDir(const XString& dir);
+  // Whether directories are entered; not by default, and then the walk lists one directory.
   void put_Recurse(bool recurse) { m_recurse = recurse; }
   // Links are what they point at, directories entered: one that leads back to a directory that the walk is in
   // cannot be read (ELOOP). The levels of such a walk stay open, so its depth is limited by the open files
@@ -37,6 +41,7 @@ class MORVANE_API ClsDirTree {
   // Reads the base directory and stands on the first entry. False, with the reason in the log, when it cannot
   // be read.
   bool beginIterate(LogBase& log);
+  // True before the first beginIterate, too. The position must not be asked for then.
   bool get_DoneIterating() const { return m_levels.empty(); }
   // Goes on to the next entry, into the current one when that is a directory. False, with the name in the
   // log, when a directory on the way cannot be read; the walk is then over.
@@ -63,6 +68,7 @@ class MORVANE_API ClsDirTree {
   void passBy() { m_passBy = true; }
 
  private:
+  // A directory on the way. The identity is kept to know it again when it is opened anew.
   struct Level {
     OsFile directory;  // closed while the walk is far below
     unsigned long long device = 0, inode = 0;

@@ -1,3 +1,7 @@
+// The boundary that members must not cross. Everything is done relative to open directories and by calls that
+// fail where something is there already (O_EXCL, mkdir, symlink, link), never by looking first and acting
+// then: between the two, another process could exchange what was looked at. What is looked at here decides
+// only what is removed by name from one open directory, which can do no harm outside of it.
 #include "runtime/fs/ConfinedDir.h"
 
 #include <fcntl.h>
@@ -17,9 +21,11 @@ namespace morvane {
 
 namespace {
 
+// A directory on the way needs no right to be read, only to be passed.
 constexpr int kPathOnly = O_PATH | O_DIRECTORY;
 constexpr int kNewFile = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
 constexpr unsigned kParentMode = 0777;
+// Somebody who renames or recreates things in the target all the time makes a member fail, not the run hang.
 constexpr int kTriesWhileChanging = 8;
 constexpr char kCannotCreate[] = "Failed to create file.";
 constexpr char kCannotMakeDirectory[] = "Failed to create directory.";
@@ -65,6 +71,9 @@ int openat2(int from, const char* path, int flags, unsigned mode, unsigned long 
 
 ConfinedDir::Identity identityOf(const struct stat& status) { return {status.st_dev, status.st_ino}; }
 
+// EXDEV: the kernel's word for a path that leads out. ELOOP: a link where none may be passed. ENOTDIR: a file
+// on the way, or a link where a directory was to be opened; which of the two makes no difference to the
+// member, which cannot be put there.
 bool leavesTheTarget(int error) { return error == EXDEV || error == ELOOP || error == ENOTDIR; }
 
 }  // namespace
@@ -95,10 +104,13 @@ void ConfinedDir::protect(const mvFileInfo& file) {
   m_protectedInode = file.m_inode;
 }
 
+// By identity, because the archive may be reached under several names: by a hard link or another mount of the
+// same file system.
 bool ConfinedDir::isProtected(const struct stat& status) const {
   return m_hasProtected && status.st_dev == m_protectedDevice && status.st_ino == m_protectedInode;
 }
 
+// The reason first: what is logged may change errno.
 ConfinedDir::Result ConfinedDir::failed(const char* message, const std::string& path, LogBase& log) {
   m_lastError = errno;
   logOsError(log, message, path.c_str(), m_lastError);
@@ -165,6 +177,8 @@ ConfinedDir::Result ConfinedDir::openMade(const Place& place, unsigned type, uns
   return failed(kCannotCreate, path, log);
 }
 
+// The text is stored as it is. It may lead anywhere, because links are judged when a later member would pass
+// one, and not when they are made.
 ConfinedDir::Result ConfinedDir::makeSymbolicLink(const std::string& path, const std::string& text,
                                                   OsFile& made, LogBase& log) {
   if (!isConfinable(path)) return Result::Refused;
@@ -176,6 +190,7 @@ ConfinedDir::Result ConfinedDir::makeSymbolicLink(const std::string& path, const
   return result == Result::Ok ? openMade(place, S_IFLNK, 0, path, made, log) : result;
 }
 
+// `mode` has the type. A device needs a privilege, and without it the reason is the system's.
 ConfinedDir::Result ConfinedDir::makeNode(const std::string& path, unsigned mode, unsigned long long device,
                                           OsFile& made, LogBase& log) {
   if (!isConfinable(path)) return Result::Refused;
@@ -187,6 +202,9 @@ ConfinedDir::Result ConfinedDir::makeNode(const std::string& path, unsigned mode
   return result == Result::Ok ? openMade(place, mode & S_IFMT, device, path, made, log) : result;
 }
 
+// The target is found before parents of the new name are made, so that a link to nothing leaves no
+// directories behind. A directory cannot have a second name, and one of the archive itself would let the next
+// member write into what is being read. Where the file system has no link for the two, the caller copies.
 ConfinedDir::Linked ConfinedDir::makeHardLink(const std::string& path, const std::string& target,
                                               LogBase& log) {
   if (!isConfinable(path) || !isConfinable(target)) return Linked::Refused;
@@ -249,7 +267,9 @@ bool ConfinedDir::openExistingParentOf(const std::string& path, Place& place, Pa
   return place.parent.isOpen();
 }
 
-// Removes what stands where a member is to be made.
+// Removes what stands where a member is to be made. unlinkat never follows a link and never removes a
+// directory that has something in it: nothing below a name is lost that was not itself in the way. A file
+// that has gone by itself is no failure.
 ConfinedDir::Result ConfinedDir::clearTheWay(const Place& place, LogBase& log) {
   const int parent = place.parent.fd();
   const char* const leaf = place.leaf.c_str();
@@ -264,6 +284,10 @@ ConfinedDir::Result ConfinedDir::clearTheWay(const Place& place, LogBase& log) {
   return failed("Failed to remove what is in the way.", place.leaf, log);
 }
 
+// A directory that is there is used as it is, and so is a link to one that members may pass: administrators
+// move directories to other disks that way. Any other thing in its place is removed and mkdir tried again.
+// Whether a new one is looked at depends on whether anybody asks for its identity: for most runs that would
+// be a call wasted on each directory.
 ConfinedDir::Result ConfinedDir::makeDirectory(const std::string& path, unsigned mode, MadeDirectory& made,
                                                LogBase& log) {
   made = MadeDirectory();
@@ -300,7 +324,8 @@ ConfinedDir::Result ConfinedDir::makeDirectory(const std::string& path, unsigned
   return failed(kCannotMakeDirectory, path, log);
 }
 
-// Whether a link leads to a directory that members may be put into.
+// Whether a link leads to a directory that members may be put into. Without openat2 nobody can say where a
+// link leads without passing it, so none is.
 bool ConfinedDir::isDirectoryInside(const Place& place) {
   if (m_links == Links::None || (m_partByPart && m_links != Links::Anywhere)) return false;
   Parts whole = place.parts;
@@ -309,6 +334,8 @@ bool ConfinedDir::isDirectoryInside(const Place& place) {
 }
 
 // Opens the directory that the path's last part is in; that part is the leaf, empty for the target itself.
+// For the target itself nothing is opened, and the parent must not be asked for. The parents of most members
+// exist, so the whole path is tried first, in one call.
 ConfinedDir::Result ConfinedDir::openParentOf(const std::string& path, Place& place, LogBase& log) {
   place.parts = partsOf(path);
   place.base = baseOf(path);
@@ -325,7 +352,9 @@ ConfinedDir::Result ConfinedDir::openParentOf(const std::string& path, Place& pl
 }
 
 // Part by part from the base on, making what is missing. A link on the way is passed only as the kernel
-// resolves it beneath the target, or where members may lie anywhere.
+// resolves it beneath the target, or where members may lie anywhere. Such a link is resolved again from the
+// base, because it may lead up and down again without leaving the target, which the kernel could not see from
+// the directory reached so far.
 ConfinedDir::Result ConfinedDir::walkToParent(Place& place, LogBase& log) {
   const Parts& parts = place.parts;
   OsFile reached(osOpenAt(place.base, ".", kPathOnly));
@@ -359,7 +388,9 @@ ConfinedDir::Result ConfinedDir::walkToParent(Place& place, LogBase& log) {
   return Result::Ok;
 }
 
-// A new file whose parents are there; -1 with errno when anything about it needs a closer look.
+// A new file whose parents are there; -1 with errno when anything about it needs a closer look. The kernel
+// resolves the parents and creates the file in one step: there is no moment in which a part of the path could
+// be exchanged.
 int ConfinedDir::createBeneath(const std::string& path, unsigned mode) {
   if (!m_partByPart && path.size() < PATH_MAX) {
     return openResolved(m_target.fd(), path.c_str(), kNewFile, mode);
@@ -369,7 +400,10 @@ int ConfinedDir::createBeneath(const std::string& path, unsigned mode) {
 }
 
 // The directory that the first `count` parts name, resolved beneath the base; with O_NOFOLLOW as the last
-// flags no link is passed at all. -1 with errno.
+// flags no link is passed at all. -1 with errno. A path that is longer than the kernel takes is opened in
+// pieces of whole parts, each beneath the one before. A link in a later piece that leads up past its
+// beginning is refused then, although it might stay in the target: that is the safe side, and such paths have
+// no links in practice.
 int ConfinedDir::openBeneath(int base, const Parts& parts, size_t count, int lastFlags) {
   if (count == 0) return osOpenAt(base, ".", kPathOnly);
   OsFile reached;
@@ -390,7 +424,9 @@ int ConfinedDir::openBeneath(int base, const Parts& parts, size_t count, int las
   return reached.release();
 }
 
-// EAGAIN: something on the way was renamed meanwhile. EINTR: a signal came.
+// EAGAIN: something on the way was renamed meanwhile. EINTR: a signal came. The first are counted, because
+// somebody may keep on renaming; signals end by themselves. Magic links are those of /proc, which lead to
+// open files wherever these are.
 int ConfinedDir::openResolved(int from, const char* path, int flags, unsigned mode, bool passesLinks) {
   // Without bounds there is nothing for the newer call to keep, and the older one is there on every system.
   if (m_links == Links::Anywhere) return osOpenAt(from, path, flags, mode);

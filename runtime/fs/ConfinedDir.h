@@ -16,6 +16,8 @@ namespace morvane {
 
 struct mvFileInfo;
 
+// For one run on one thread. A failure leaves the reason in the log; a refusal logs nothing, because the
+// caller has the member's own words for it. What was made on the way to something that failed stays.
 class ConfinedDir {
  public:
   enum class Links {
@@ -23,6 +25,7 @@ class ConfinedDir {
     None,          // none is passed
     Anywhere,      // members may lie outside of the target, too; what is created is still created exclusively
   };
+  // Refused: the path, a link on it or what stands in its place is not allowed. Failed: the system would not.
   enum class Result { Ok, Refused, Failed };
 
   // Which file of which file system something is, whatever it is called.
@@ -35,10 +38,11 @@ class ConfinedDir {
   };
 
   // Opens the target, which is made first when it is missing. Links in the target's own path are the caller's
-  // choice.
+  // choice. False, with the reason in the log, when it cannot be opened or made. `target` is the system's
+  // bytes, of any length.
   bool open(const char* target, Links links, LogBase& log);
   bool isOpen() const { return m_target.isOpen(); }
-  // A file that must not be replaced: the archive being read.
+  // A file that must not be replaced: the archive being read. Of device and inode; one at a time.
   void protect(const mvFileInfo& file);
   // For tests of the way that old kernels get.
   void withoutOpenat2() { m_partByPart = true; }
@@ -47,7 +51,8 @@ class ConfinedDir {
   // stands in the way is removed, a link or FIFO as itself; a full directory and the protected file are
   // refused. Modes are those of the system's calls: the umask is taken off.
 
-  // Makes an empty file for writing.
+  // Makes an empty file for writing. `file` is open for writing only, and the caller's. A link or file of
+  // that name is replaced, never written through.
   Result createFile(const std::string& path, unsigned mode, OsFile& file, LogBase& log);
   // Makes a directory. A directory that is there stays; so does a link to one inside the target where links
   // are allowed. `made` tells which it is, and whether it is new; it is left alone for the target itself.
@@ -71,6 +76,9 @@ class ConfinedDir {
     CannotLink,  // the file system will not: the target may be opened and copied
     Failed,
   };
+  // Gives what the path `target` names another name. No link is followed as the target itself, nor on the way
+  // to it unless members may lie anywhere; on the way to the new name they are as for any member. A name that
+  // already belongs to the same file is Ok.
   Linked makeHardLink(const std::string& path, const std::string& target, LogBase& log);
 
   // Opens a file or directory that is there, never a link as itself. -1 with errno. On the way to it links
@@ -82,16 +90,18 @@ class ConfinedDir {
 
   // Directories that were made on the way to others, since they were last taken.
   std::vector<Identity> takeNewParents() { return std::exchange(m_newParents, {}); }
-  // Whether those are to be noted, which costs a look at each.
+  // Whether those are to be noted, which costs a look at each. Off at first; then the identity of new
+  // directories is unknown.
   void noteNewParents(bool note) { m_notesParents = note; }
 
-  // The system's reason (an errno) behind the last Failed.
+  // The system's reason (an errno) behind the last Failed. Of no meaning after another result.
   int lastError() const { return m_lastError; }
 
  private:
   using Parts = std::vector<std::string>;
 
-  // Where a member goes: the open directory it is in, and its name there.
+  // Where a member goes: the open directory it is in, and its name there. For the target itself the leaf is
+  // empty and `parent` may be closed.
   struct Place {
     OsFile parent;
     int base = -1;  // where the parts start: the target, or the root
@@ -99,6 +109,7 @@ class ConfinedDir {
     std::string leaf;
   };
 
+  // The first two make what is missing on the way; the third only opens.
   Result openParentOf(const std::string& path, Place& place, LogBase& log);
   Result walkToParent(Place& place, LogBase& log);
   bool openExistingParentOf(const std::string& path, Place& place, Passing passing);
@@ -106,9 +117,11 @@ class ConfinedDir {
                   OsFile& made, LogBase& log);
   bool isConfinable(const std::string& path) const;
   int baseOf(const std::string& path);
+  // Makes a leaf by `make`, once the way is clear.
   template <class Make>
   Result makeExclusively(const Place& place, const std::string& path, LogBase& log, Make make);
   bool isDirectoryInside(const Place& place);
+  // The system's calls, bounded as m_links says: a descriptor, or -1 with errno.
   int createBeneath(const std::string& path, unsigned mode);
   int openBeneath(int base, const Parts& parts, size_t count, int lastFlags);
   int openResolved(int from, const char* path, int flags, unsigned mode, bool passesLinks = true);
@@ -116,9 +129,11 @@ class ConfinedDir {
   bool isProtected(const struct stat& status) const;
   Result failed(const char* message, const std::string& path, LogBase& log);
 
+  // Opened with O_PATH: enough to start from, and no right to read is needed.
   OsFile m_target;
   OsFile m_root;  // where absolute paths start, with Links::Anywhere
   Links m_links = Links::None;
+  // Set where the kernel has no openat2, and for tests of that way.
   bool m_partByPart = false;
   int m_lastError = 0;
   bool m_notesParents = false;

@@ -1,3 +1,6 @@
+// Owner, mode, times and attributes by descriptor. Descriptors of links and special files can only name them
+// (O_PATH): the newer calls take those with an empty path, the older ones answer EBADF and are given the name
+// that /proc has for the descriptor, which leads to that very file whatever its path is by then.
 #include "runtime/fs/FileMetadata.h"
 
 #include <fcntl.h>
@@ -15,11 +18,15 @@ namespace morvane {
 
 namespace {
 
+// The system's -1 with errno, as the result that this file promises.
 int resultOf(long returned) { return returned < 0 ? errno : 0; }
 
 // A path to an open file, for the calls that take no descriptor that can only name one.
 std::string pathOf(int fd) { return "/proc/self/fd/" + std::to_string(fd); }
 
+// Without `all` only what its owner may set: "security." and "trusted." hold labels and capabilities that
+// mean something on this system alone and need privileges to be set again. Of "system." the access lists are
+// the only ones that are a user's.
 bool isWanted(const std::string& name, bool all) {
   const auto startsWith = [&name](const char* start) {
     return name.compare(0, std::strlen(start), start) == 0;
@@ -49,10 +56,12 @@ int readGrowing(std::string& bytes, Read read) {
 
 }  // namespace
 
+// Links have owners, so that none is followed: the descriptor is the file itself.
 int FileMetadata::setOwner(int fd, unsigned uid, unsigned gid) {
   return resultOf(fchownat(fd, "", uid, gid, AT_EMPTY_PATH | AT_SYMLINK_NOFOLLOW));
 }
 
+// Permissions with the set-id and sticky bits, as setMode takes them.
 void FileMetadata::look(int fd, Status& status) {
   struct stat found;
   status.isKnown = fstat(fd, &found) == 0;
@@ -72,6 +81,8 @@ int FileMetadata::setMode(int fd, unsigned mode) {
   return errno == EBADF ? resultOf(chmod(pathOf(fd).c_str(), mode)) : errno;
 }
 
+// chmod sets the mask of an access list where others have group bits. A list that was restored before would
+// lose the rights that its mask gives, so these bits are taken from the file.
 int FileMetadata::setModeBesideList(int fd, unsigned mode) {
   constexpr unsigned kGroupBits = 070;
   struct stat status;
@@ -79,6 +90,7 @@ int FileMetadata::setModeBesideList(int fd, unsigned mode) {
   return setMode(fd, (mode & ~kGroupBits) | (status.st_mode & kGroupBits));
 }
 
+// The kernel takes the empty path here, too, so that links get their times without /proc.
 int FileMetadata::setTimes(int fd, const timespec& access, const timespec& modification) {
   const timespec times[] = {access, modification};
   if (futimens(fd, times) == 0) return 0;
@@ -89,6 +101,8 @@ int FileMetadata::setAttribute(int fd, const std::string& name, const std::strin
   return resultOf(fsetxattr(fd, name.c_str(), value.data(), value.size(), 0));
 }
 
+// Listed and read by path for the sake of descriptors that only name a file. The list is one string of names,
+// each with its NUL.
 int FileMetadata::readAttributes(int fd, bool all, Attributes& attributes) {
   attributes.clear();
   const std::string path = pathOf(fd);
@@ -110,6 +124,8 @@ int FileMetadata::readAttributes(int fd, bool all, Attributes& attributes) {
   return 0;
 }
 
+// The kernel tells it since 4.7. Too strict a guess costs rights that the user can give again; too lax a one
+// gives away what others may then read.
 unsigned FileMetadata::umask() {
   constexpr unsigned kStrictest = 077;
   const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen("/proc/self/status", "re"),

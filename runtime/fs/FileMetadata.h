@@ -28,9 +28,11 @@ struct FileMetadata {
   static int setMode(int fd, unsigned mode);
   // The same for a file that has an access list, whose group bits are the list's mask and stay.
   static int setModeBesideList(int fd, unsigned mode);
+  // Both are set; a value's nanoseconds run from 0 to 999,999,999. Whoever keeps one of them reads it first.
   static int setTimes(int fd, const timespec& access, const timespec& modification);
 
   using Attributes = std::vector<std::pair<std::string, std::string>>;  // name and value, any bytes
+  // Creates or replaces it.
   static int setAttribute(int fd, const std::string& name, const std::string& value);
   // Those of the name spaces "user." and of POSIX access lists; with `all` also "security." and "trusted.",
   // as far as the process may see them. A file system without attributes has none.

@@ -1,3 +1,5 @@
+// The system's calls, each in one place: whether a call that a signal broke is taken up again, whether a
+// descriptor is inherited, and what becomes of a path that is too long are decided here once.
 #include "runtime/fs/OsFile.h"
 
 #include <fcntl.h>
@@ -18,12 +20,17 @@ namespace {
 
 constexpr size_t kLongestLink = 1 << 20;  // no system has longer ones
 
+// What was a regular file when it was examined may be a FIFO or a terminal when it is opened. Regular files
+// do not notice O_NONBLOCK; who reads from anything else makes it wait again (setBlocking).
 constexpr int kOpenSource = O_RDONLY | O_NONBLOCK | O_NOCTTY;
 
 int sourceFlags(SourceLinks links) { return kOpenSource | (links == SourceLinks::Followed ? 0 : O_NOFOLLOW); }
 
 // Calls system(directory, rest) for a path. A path that the kernel would refuse for its length is walked down
 // first, as many whole parts at a time as it takes.
+// Parts are opened relative to the one before, so that nothing starts over at the root, and links are
+// followed as the kernel itself would. Slashes in front of what is left go: it would be an absolute path with
+// them. A path that ends in slashes leaves the directory reached, ".".
 template <class Call>
 int onPath(const char* path, Call call) {
   size_t length = std::strlen(path);
@@ -59,8 +66,10 @@ void OsFile::reset(int fd) {
   m_fd = fd;
 }
 
+// Not again after EINTR: Linux has given the number free by then, and another thread may have it already.
 int OsFile::close() { return m_fd < 0 ? 0 : ::close(release()); }
 
+// These three leave EINTR to the caller, who asks whether to abort before going on.
 ssize_t OsFile::readSome(void* buffer, size_t n) const { return ::read(m_fd, buffer, n); }
 
 ssize_t OsFile::readSomeAt(void* buffer, size_t n, long long position) const {
@@ -71,6 +80,7 @@ ssize_t OsFile::writeSome(const void* bytes, size_t n) const { return ::write(m_
 
 int OsFile::status(struct stat& out) const { return ::fstat(m_fd, &out); }
 
+// File systems that are programs or networks may let a signal break this, which is then no failure.
 int OsFile::setTimes(const timespec& access, const timespec& modification) const {
   const timespec times[2] = {access, modification};
   int result;
@@ -80,6 +90,7 @@ int OsFile::setTimes(const timespec& access, const timespec& modification) const
   return result;
 }
 
+// The flag belongs to the open file, not to the number: whoever shares it is changed, too.
 int OsFile::setBlocking() const {
   const int flags = ::fcntl(m_fd, F_GETFL);
   return flags < 0 ? -1 : ::fcntl(m_fd, F_SETFL, flags & ~O_NONBLOCK);
@@ -95,6 +106,8 @@ int OsFile::setLength(long long length) const {
   return result;
 }
 
+// The mode is without meaning unless the flags create a file. An open may wait long, for a FIFO or a network,
+// and a signal in that time is taken for none.
 int osOpen(const char* path, int flags, mode_t mode) {
   int fd;
   do {
@@ -105,6 +118,7 @@ int osOpen(const char* path, int flags, mode_t mode) {
   return fd;
 }
 
+// So that Ctrl-C gets a program out of a FIFO that nobody writes to.
 int osOpenOnce(const char* path, int flags) {
   return onPath(path,
                 [&](int directory, const char* rest) { return openat(directory, rest, flags | O_CLOEXEC); });
@@ -130,6 +144,8 @@ int osStatus(const char* path, struct stat& out, bool followLinks) {
   });
 }
 
+// The system does not tell whether the text was cut: one that fills the buffer is read again into a larger
+// one. Links of /proc have no size to ask for beforehand.
 int osReadLink(int directory, const char* name, std::string& text) {
   for (text.resize(256); text.size() <= kLongestLink; text.resize(text.size() * 4)) {
     const ssize_t length = ::readlinkat(directory, name, &text[0], text.size());
@@ -146,6 +162,7 @@ int osMakeDirectory(const char* path, mode_t mode) {
   return onPath(path, [&](int directory, const char* rest) { return mkdirat(directory, rest, mode); });
 }
 
+// Follows a link at the end of the path, as the caller's own path may be one.
 int osSetTimes(const char* path, const timespec& access, const timespec& modification) {
   const timespec times[2] = {access, modification};
   return onPath(path, [&](int directory, const char* rest) { return utimensat(directory, rest, times, 0); });
@@ -153,12 +170,14 @@ int osSetTimes(const char* path, const timespec& access, const timespec& modific
 
 bool hasNul(const XString& path) { return path.str().find('\0') != std::string::npos; }
 
+// EINVAL, since the system never sees such a path to find a reason of its own.
 bool isSystemPath(const XString& path, const char* message, LogBase& log) {
   if (!hasNul(path)) return true;
   logOsError(log, message, path.getUtf8(), EINVAL);
   return false;
 }
 
+// Writing the lines may change errno, and callers look at it afterwards.
 void logOsError(LogBase& log, const char* message, const char* path, int error) {
   log.LogError(message);
   log.LogData("path", path);

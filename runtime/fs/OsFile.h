@@ -18,7 +18,9 @@ namespace morvane {
 class LogBase;
 class XString;
 
-// Owns one descriptor.
+// Owns one descriptor. It is moved, never copied, and closed with the object; a close whose result matters
+// (written data) is called by itself. One thread at a time; the system's own rules hold for descriptors that
+// are shared. -1 is none.
 class MORVANE_API OsFile {
  public:
   explicit OsFile(int fd = -1) : m_fd(fd) {}
@@ -28,21 +30,27 @@ class MORVANE_API OsFile {
 
   bool isOpen() const { return m_fd >= 0; }
   int fd() const { return m_fd; }
+  // Gives the descriptor away, to be closed by the caller, and owns none.
   int release();
+  // Closes what it had and takes the new one over.
   void reset(int fd);
   // 0, or -1 with errno. The descriptor is gone in both cases.
   int close();
 
-  // One system call each, EINTR included in what may come back.
+  // One system call each, EINTR included in what may come back. They return how many bytes were moved, which
+  // may be fewer than asked for; 0 at the end of a file. readSomeAt leaves the position alone.
   ssize_t readSome(void* buffer, size_t n) const;
   ssize_t readSomeAt(void* buffer, size_t n, long long position) const;
   ssize_t writeSome(const void* bytes, size_t n) const;
 
+  // Times are set to the nanosecond, as far as the file system keeps them.
   int status(struct stat& out) const;
   int setTimes(const timespec& access, const timespec& modification) const;
   // Makes reads and writes wait again after an open that must not.
   int setBlocking() const;
+  // The new position from the start, or -1; `whence` is the system's (SEEK_SET, SEEK_DATA).
   long long seek(long long offset, int whence) const;
+  // Cuts the file, or lengthens it by a hole. The position stays.
   int setLength(long long length) const;
 
  private:
@@ -60,7 +68,9 @@ enum class SourceLinks { NotFollowed, Followed };
 int osOpenSource(const char* path, SourceLinks links = SourceLinks::NotFollowed);
 // The same for a name in an open directory.
 int osOpenSource(int directory, const char* name, SourceLinks links = SourceLinks::NotFollowed);
+// What lies at the path; with `followLinks` a link at its end is what it points at.
 int osStatus(const char* path, struct stat& out, bool followLinks);
+// 0 or -1 with errno. Its parent must be there.
 int osMakeDirectory(const char* path, mode_t mode);
 // The text of a symbolic link in an open directory, of any length. 0, or an errno.
 int osReadLink(int directory, const char* name, std::string& text);

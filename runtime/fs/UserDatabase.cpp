@@ -1,3 +1,7 @@
+// Names and numbers, read from the system's own files at once and asked for one by one elsewhere. What has no
+// answer is remembered as well: an archive of a foreign system asks for the same unknown user with each
+// member. The maps keep their elements in place, so that a name that was returned stays valid as long as the
+// object.
 #include "runtime/fs/UserDatabase.h"
 
 #include <grp.h>
@@ -12,6 +16,7 @@ namespace morvane {
 
 namespace {
 
+// No real entry needs as much; a database that asks for more and more memory is given up.
 constexpr size_t kLargestEntry = 1 << 20;
 
 using File = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
@@ -43,6 +48,7 @@ void UserDatabase::readUsers() {
   }
 }
 
+// A database that cannot be opened leaves everything to the other way.
 void UserDatabase::readGroups() {
   m_groups.isRead = true;
   const File file(std::fopen("/etc/group", "re"), std::fclose);
@@ -56,6 +62,8 @@ void UserDatabase::readGroups() {
   }
 }
 
+// A database that fails is taken for one that does not know the user: the number is in the archive in any
+// case, and an archive without names is better than none.
 const std::string& UserDatabase::userName(unsigned uid) {
   if (!m_users.isRead) readUsers();
   const auto known = m_users.byId.find(uid);
@@ -86,6 +94,8 @@ const std::string& UserDatabase::groupName(unsigned gid) {
   return name;
 }
 
+// A name that is in the file is never asked for elsewhere, as nsswitch.conf has it nearly everywhere ("files"
+// first).
 std::optional<unsigned> UserDatabase::userId(const std::string& name) {
   if (!m_users.isRead) readUsers();
   const auto known = m_users.byName.find(name);

@@ -1,3 +1,5 @@
+// One look at a file, taken over whole: what is asked later is answered from it, so that an archive's header
+// tells of one moment, and a file that is exchanged meanwhile is found out by its device and inode.
 #include "runtime/fs/mvFileInfo.h"
 
 #include <fcntl.h>
@@ -14,12 +16,15 @@ namespace {
 
 constexpr const char* kCannotExamine = "Failed to get file information.";
 
+// The system's nanoseconds are in range and count forward before 1970, too: the same shape.
 MorvaneFileTime timeOf(const timespec& time) {
   return MorvaneFileTime::fromUnixTime64(time.tv_sec, static_cast<unsigned>(time.tv_nsec));
 }
 
 }  // namespace
 
+// A link's size is the length of its text and a directory's is the file system's own; neither is data that an
+// archive would hold, so both are 0.
 void mvFileInfo::setFromStatus(const struct stat& status) {
   m_isSymbolicLink = S_ISLNK(status.st_mode);
   m_isRegularFile = S_ISREG(status.st_mode);
@@ -55,6 +60,8 @@ bool mvFileInfo::load(const char* path, bool followLink, LogBase& log) {
   return true;
 }
 
+// A name in an open directory is found whatever became of the path on the way to it, and without the length
+// of a whole path; so walks use this one.
 bool mvFileInfo::loadFileInfoAt(int directory, const char* name, const char* path, LogBase& log,
                                 bool followLink) {
   struct stat status;

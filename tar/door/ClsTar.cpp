@@ -1,3 +1,6 @@
+// The object itself: its life, its properties, and how a run sees them. Texts are kept under the object's
+// lock and numbers as atomics, so that a thread that shows progress may read and set them while another one
+// writes; a run works on copies, which it takes anew when the count of changes has moved on.
 #include "tar/ClsTar.h"
 
 #include <algorithm>
@@ -14,6 +17,7 @@
 
 namespace morvane {
 
+// Null is all that a caller without exceptions can be told.
 ClsTar* ClsTar::createNewCls() {
   try {
     return new ClsTar();
@@ -22,12 +26,15 @@ ClsTar* ClsTar::createNewCls() {
   }
 }
 
+// The engine's settings are taken when it is first used; here only where they come from is handed over.
 ClsTar::ClsTar()
     : ClsBase("ClsTar"),
       m_archive(std::make_unique<ArchiveOutput>()),
       m_stream(std::make_unique<StreamingUntar>(liveReadSettings(), m_xmlListing)),
       m_options(std::make_unique<TarOptions>()) {}
 
+// The lock waits for a method that another thread is still in. A second destruction, which memory that was
+// not used again shows as such, does nothing.
 ClsTar::~ClsTar() {
   if (!isAlive()) return;
   CritSecExitor lock(*this);
@@ -35,10 +42,13 @@ ClsTar::~ClsTar() {
   m_stream->releaseOutput();
 }
 
+// There is nothing to give up before the destructor.
 void ClsTar::dotNetDispose() {}
 
 // Reads the option words again if they were set since the last call. False while they, or another property,
-// are not what the application meant them to be.
+// are not what the application meant them to be. Words that make no sense are complained of in each call, not
+// only in the one that read them: a call that went on with half of what was asked for could extract where it
+// must not.
 bool ClsTar::takeOptions(LogBase& log) {
   if (hasUnsetText()) {
     log.LogError("Out of memory: a property could not be set.");
@@ -77,6 +87,8 @@ void ClsTar::lookUpUser() const {
   }
 }
 
+// A property that could not be set for lack of memory has another value than the application believes; it
+// must not be run with, and the frame turns the exception into a message.
 ReadSettings ClsTar::readSettings() const {
   if (hasUnsetText()) throw std::bad_alloc();
   ReadSettings settings;
@@ -97,6 +109,7 @@ ReadSettings ClsTar::readSettings() const {
   return settings;
 }
 
+// The user is looked up for those who write only.
 WriteSettings ClsTar::writeSettings() const {
   if (hasUnsetText()) throw std::bad_alloc();
   lookUpUser();
@@ -117,6 +130,7 @@ WriteSettings ClsTar::writeSettings() const {
   return settings;
 }
 
+// They refer to this object, which outlives any run over it.
 LiveSettings<ReadSettings> ClsTar::liveReadSettings() const {
   return {[this] { return readSettings(); }, m_changes};
 }
@@ -146,16 +160,19 @@ LiveSettings<WriteSettings> ClsTar::liveWriteSettings() const {
   return {[this] { return writeSettings(); }, m_changes};
 }
 
+// A plain name among the patterns gets rules of its own about the last part of a path (NameFilter).
 void ClsTar::setMatchPatternExactFlags() {
   m_mustMatchExact = isPlainName(m_mustMatch.str());
   m_mustNotMatchExact = isPlainName(m_mustNotMatch.str());
   changed();
 }
 
+// The step that applications call for a path of their own, by the patterns as they are.
 bool ClsTar::excludeByMatch(const XString& path, LogBase&) {
   return readSettings().filter.excludes(path.str());
 }
 
+// Under the lock, since a text takes more than one step to copy.
 void ClsTar::getString(const XString& member, XString& out) {
   CritSecExitor lock(*this);
   out.copyFromX(member);
@@ -163,6 +180,7 @@ void ClsTar::getString(const XString& member, XString& out) {
 
 void ClsTar::get_WriteFormat(XString& out) { getString(m_writeFormat, out); }
 
+// What is no known word is gnu, the default, and reads so afterwards; a setter has no way to fail.
 void ClsTar::put_WriteFormat(const XString& format) {
   CritSecExitor lock(*this);
   std::string_view word = trimmed(format.str());
@@ -176,11 +194,13 @@ void ClsTar::put_WriteFormat(const XString& format) {
   putText(m_writeFormat, m_formatPax ? "pax" : m_formatUstar ? "ustar" : "gnu");
 }
 
+// A prefix of slashes alone is none: npos and 1 is 0.
 void ClsTar::put_DirPrefix(const XString& prefix) {
   const std::string& text = prefix.str();
   putText(m_dirPrefix, std::string_view(text).substr(0, text.find_last_not_of('/') + 1));
 }
 
+// Setting it, even to nothing, ends the look-up for good. A group's name is a setting of its own.
 void ClsTar::put_UserName(const XString& name) {
   CritSecExitor lock(*this);
   m_userNameIsSet = true;
@@ -205,6 +225,7 @@ void ClsTar::get_GroupName(XString& out) {
   out.copyFromX(m_groupName);
 }
 
+// The rest are plain texts. UntarMatchPattern is MustMatch by its old name.
 void ClsTar::get_DirPrefix(XString& out) { getString(m_dirPrefix, out); }
 void ClsTar::get_Charset(XString& out) { getString(m_charset, out); }
 void ClsTar::put_Charset(const XString& charset) { putText(m_charset, charset.str()); }

@@ -7,6 +7,9 @@
 
 namespace morvane {
 
+// `work(frame)` does the method's own part and returns what the method returns; it does not run when the
+// words are unusable. What the last method left out is forgotten first, so that a method which fails before
+// it begins does not show the answer of another one. Included by the files of methods only.
 template <class Result, class Work>
 Result ClsTar::method(const char* name, MethodForm form, Result failure, Work work) {
   return MethodFrame(*this, name, form).run(failure, [&](MethodFrame& frame) {

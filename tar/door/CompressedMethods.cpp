@@ -11,6 +11,7 @@
 
 namespace morvane {
 
+// Each method is a name for the log and a decompressor; archive and progress are alike.
 bool ClsTar::UntarGz(const XString& tarGzPath, ProgressEvent* progress) {
   return untarCompressedFile("UntarGz", tarGzPath, progress, &ClsTar::inflateTar);
 }
@@ -49,6 +50,7 @@ bool ClsTar::untarCompressedFile(const char* name, const XString& path, Progress
   });
 }
 
+// The source is the caller's and stays open.
 bool ClsTar::untarCompressedSource(const char* name, _mvDataSource& source, ProgressEvent* progress,
                                    Decompress decompress) {
   return method(name, MethodForm::Judged, false, [&](MethodFrame&) {
@@ -58,7 +60,9 @@ bool ClsTar::untarCompressedSource(const char* name, _mvDataSource& source, Prog
 }
 
 // What the three have in common: progress over the compressed bytes, and an end of the run that leaves
-// nothing in a buffer.
+// nothing in a buffer. Progress counts from where the source stands, and a source that does not know its size
+// has none. What is buffered is written even when the decompressor fails or throws, because what arrived
+// before damage is to be kept. onlyLeftOut needs the flush too: a full disk is no member that was left out.
 bool ClsTar::untarCompressed(_mvDataSource& source, ProgressEvent* progress, Decompress decompress) {
   const long long start = std::max(source.ftell64(), 0LL);
   const long long total = std::max(source.sizeIfKnown() - start, 0LL);
@@ -86,13 +90,15 @@ void ClsTar::beginFramedRun(LogBase& log) {
   protectArchive(log);
 }
 
+// Only a file can be met again in the target.
 void ClsTar::protectArchive(LogBase& log) {
   mvFileInfo archive;
   if (m_archiveSource && m_archiveSource->getFileInfo(archive, log)) m_stream->protect(archive);
 }
 
 // The header's fields are read in small pieces, and what follows a member must be given back: the source
-// lends.
+// lends. The run begins behind the gzip header, so that a file that is no gzip at all leaves the engine's
+// state and the target untouched.
 bool ClsTar::inflateTar(_mvDataSource& source, ProgressMonitor* pm, LogBase& log) {
   LogContextExitor context(log, "unTarGz");
   BufferedDataSource buffered(source);
@@ -113,6 +119,8 @@ bool ClsTar::inflateTar(_mvDataSource& source, ProgressMonitor* pm, LogBase& log
   return true;
 }
 
+// Unframed by default: the state of the last run goes on, so that an archive behind one that has ended
+// extracts nothing and succeeds. Bz2Framed is the way out. What such a run made is settled all the same.
 bool ClsTar::expandTarBz2(_mvDataSource& source, ProgressMonitor* pm, LogBase& log) {
   MorvaneBzip2 bzip2;
   StreamSink sink(*m_stream);
@@ -129,6 +137,7 @@ bool ClsTar::expandTarBz2(_mvDataSource& source, ProgressMonitor* pm, LogBase& l
   return expanded && !m_stream->anyLeftOut();
 }
 
+// The message blames the data; a member that was left out is in the log before it.
 bool ClsTar::expandTarZ(_mvDataSource& source, ProgressMonitor* pm, LogBase& log) {
   _mvIoParams io(pm);
   beginFramedRun(log);

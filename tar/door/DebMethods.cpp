@@ -9,15 +9,19 @@ namespace morvane {
 
 namespace {
 
+// Texts here are headers and file names: short.
 bool append(DataBuffer& package, std::string_view text) {
   return package.append(text.data(), static_cast<unsigned>(text.size()));
 }
 
-// By the suffix alone: anything but ".xz" is named ".gz".
+// By the suffix alone: anything but ".xz" is named ".gz". dpkg goes by the member's name and not by its
+// content, and gzip is what old ones know.
 std::string memberName(const char* stem, const XString& path) {
   return std::string(stem) + (path.endsWithUtf8(".xz", false) ? ".tar.xz" : ".tar.gz");
 }
 
+// A member of odd size is followed by a newline, as ar has it, so that the next header lies at an even
+// position (deb(5), ar(5)). A NUL in a path would be the end of it for the system.
 bool appendTarball(DataBuffer& package, const char* stem, const XString& path, long long now, LogBase& log) {
   DataBuffer tarball;
   if (!isSystemPath(path, "Failed to open file.", log) || !tarball.loadFileUtf8(path.getUtf8(), &log))
@@ -28,6 +32,8 @@ bool appendTarball(DataBuffer& package, const char* stem, const XString& path, l
   return fits;
 }
 
+// The order of members is the format's: dpkg reads them one behind the other. All have one time, that of the
+// call.
 bool assemble(const XString& controlPath, const XString& dataPath, DataBuffer& package, LogBase& log) {
   constexpr std::string_view kFormatVersion = "2.0\n";
   const long long now = Psdk::getCurrentUnixTime();
@@ -41,6 +47,7 @@ bool assemble(const XString& controlPath, const XString& dataPath, DataBuffer& p
 
 }  // namespace
 
+// Nothing is created before the whole package is there: a tarball that is missing leaves no file behind.
 bool ClsTar::CreateDeb(const XString& controlPath, const XString& dataPath, const XString& debPath) {
   return method("CreateDeb", MethodForm::Judged, false, [&](MethodFrame&) {
     DataBuffer package;

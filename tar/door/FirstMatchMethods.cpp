@@ -4,12 +4,14 @@
 
 namespace morvane {
 
+// The step. The methods below run in a frame, which a step may not enter a second time.
 bool ClsTar::_untarFirstMatchingToOutput(_mvDataSource& source, const XString& pattern, _mvOutput& out,
                                          LogBase& log, bool logEntries, ProgressMonitor* pm) {
   const StepGuard step(*this);
   return step && takeOptions(log) && firstMatchTo(source, pattern, out, log, logEntries, pm);
 }
 
+// The pattern is the call's own; MustMatch and MustNotMatch are not asked, only whether case counts.
 bool ClsTar::firstMatchTo(_mvDataSource& source, const XString& pattern, _mvOutput& out, LogBase& log,
                           bool logEntries, ProgressMonitor* pm) {
   return copyFirstMatch(source, {pattern, m_matchCaseSensitive, logEntries}, readSettings(), out,
@@ -30,6 +32,7 @@ bool ClsTar::UntarFirstMatchingToMemory(DataBuffer& tarBytes, const XString& pat
   });
 }
 
+// A path that cannot be opened ends with this line and without a verdict, as applications know it.
 bool ClsTar::UntarFirstMatchingToBd(const XString& tarPath, const XString& pattern, ClsBinData& destination) {
   return method("UntarFirstMatchingToBd", MethodForm::Judged, false, [&](MethodFrame& frame) {
     _mvFileDataSource file;

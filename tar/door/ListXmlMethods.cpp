@@ -5,6 +5,7 @@
 
 namespace morvane {
 
+// Waiting for a FIFO to be opened can be aborted as well; so there is a monitor before there is a source.
 bool ClsTar::ListXml(const XString& tarPath, XString& outXml, ProgressEvent* progress) {
   return method("ListXml", MethodForm::Judged, false, [&](MethodFrame&) {
     m_log.LogDataX("tarPath", tarPath);
@@ -16,6 +17,7 @@ bool ClsTar::ListXml(const XString& tarPath, XString& outXml, ProgressEvent* pro
   });
 }
 
+// A source cannot be the listing.
 bool ClsTar::ListXml(_mvDataSource& source, XString& outXml, ProgressEvent* progress) {
   return method("ListXml", MethodForm::Judged, false, [&](MethodFrame&) {
     outXml.clear();
@@ -33,11 +35,14 @@ bool ClsTar::ListXml(_mvDataSource& source, _mvOutput& outXml, ProgressEvent* pr
   });
 }
 
+// Without a total, because a listing seeks over the data and has nothing to count.
 bool ClsTar::listXml(_mvDataSource& source, XString& outXml, _mvOutput* drain, ProgressEvent* progress) {
   ProgressMonitorPtr monitor(progress, m_abortCheckMs, m_percentScale, 0);
   return XmlListingRun(source, liveReadSettings(), Io(m_log, monitor.getPm())).run(outXml, drain);
 }
 
+// The two steps with which an application frames a listing of its own making; without CaptureXmlListing they
+// leave it alone.
 void ClsTar::xmlListingInit() {
   const StepGuard step(*this);
   if (!step) return;

@@ -11,7 +11,9 @@ namespace morvane {
 
 namespace {
 
-// Feeds the streaming engine, and stops the decompressor once the member is complete.
+// Feeds the streaming engine, and stops the decompressor once the member is complete. The decompressor takes
+// the refusal for a failed write, and what it returns then is not asked: whether the member is complete
+// decides.
 class UntilMember : public _mvOutput {
  public:
   explicit UntilMember(StreamingUntar& stream) : m_stream(stream) {}
@@ -27,6 +29,7 @@ class UntilMember : public _mvOutput {
 
 }  // namespace
 
+// Which compression it is, the content tells: one method for all of them.
 bool ClsTar::UntarMemberToOutput(const XString& tarPath, _mvOutput& out, ProgressEvent* progress) {
   return method("UntarMemberToOutput", MethodForm::Judged, false, [&](MethodFrame&) {
     m_log.LogDataX("tarPath", tarPath);
@@ -36,6 +39,7 @@ bool ClsTar::UntarMemberToOutput(const XString& tarPath, _mvOutput& out, Progres
   });
 }
 
+// Telling it needs to look ahead, and gzip to give back; a source that cannot do both gets a buffer.
 bool ClsTar::UntarMemberToOutput(_mvDataSource& source, _mvOutput& out, ProgressEvent* progress) {
   return method("UntarMemberToOutput", MethodForm::Judged, false, [&](MethodFrame&) {
     BufferedDataSource buffered(source);
@@ -43,6 +47,9 @@ bool ClsTar::UntarMemberToOutput(_mvDataSource& source, _mvOutput& out, Progress
   });
 }
 
+// No total: where the member lies is not known beforehand. A plain archive goes to the pull engine, which can
+// seek over what is not wanted. The output is flushed before success is claimed; that no member was wanted
+// counts as left out, not as damage.
 bool ClsTar::memberToOutput(_mvDataSource& source, _mvOutput& out, ProgressEvent* progress) {
   ProgressMonitorPtr monitor(progress, m_abortCheckMs, m_percentScale, 0);
   ProgressMonitor* const pm = monitor.getPm();

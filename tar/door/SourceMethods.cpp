@@ -9,8 +9,10 @@ namespace morvane {
 
 namespace {
 
+// Told when it is added: stored, the path would be another one, and the write could only fail.
 constexpr char kNulInPath[] = "A path with a NUL byte cannot be archived.";
 
+// False, for the caller to return.
 bool fails(const char* message, LogBase& log) {
   log.LogError(message);
   return false;
@@ -28,6 +30,9 @@ bool ClsTar::AddDirRoot2(const XString& pathPrefix, const XString& dirPath) {
                 [&](MethodFrame&) { return addDirRoot(&pathPrefix, dirPath); });
 }
 
+// Looked at now, so that a mistyped path fails where it was given. A root that is a link to a directory is
+// followed, as the walk will do. The list takes the root over; unlike a file's, its prefix is kept apart from
+// its path.
 bool ClsTar::addDirRoot(const XString* pathPrefix, const XString& dirPath) {
   if (pathPrefix) m_log.LogDataX("pathPrefix", *pathPrefix);
   m_log.LogDataX("dirPath", dirPath);
@@ -41,16 +46,19 @@ bool ClsTar::addDirRoot(const XString* pathPrefix, const XString& dirPath) {
   return m_dirRoots.appendPtr(root.release()) || fails("Out of memory for a directory root.", m_log);
 }
 
+// A file need not be there yet: only the write looks at it.
 bool ClsTar::AddFile(const XString& path) {
   return method("AddFile", MethodForm::WithVersion, false,
                 [&](MethodFrame&) { return addEntry(path.str()); });
 }
 
+// An ESC in either path is not refused, though the path is cut there when it is read back.
 bool ClsTar::AddFile2(const XString& path, const XString& pathInTar) {
   return method("AddFile2", MethodForm::WithVersion, false,
                 [&](MethodFrame&) { return addEntry(makePairEntry(path.str(), pathInTar.str())); });
 }
 
+// The time of the call stands in for the one that a file would have.
 bool ClsTar::AddBytes(const XString& pathInTar, const DataBuffer& data) {
   return method("AddBytes", MethodForm::WithVersion, false, [&](MethodFrame&) {
     if (hasNul(pathInTar)) return fails(kNulInPath, m_log);
@@ -62,12 +70,14 @@ bool ClsTar::AddBytes(const XString& pathInTar, const DataBuffer& data) {
   });
 }
 
+// The list owns what it is given, also when it fails to take it.
 bool ClsTar::addEntry(const std::string& entry) {
   if (entry.find('\0') != std::string::npos) return fails(kNulInPath, m_log);
   auto owned = std::make_unique<StringBuffer>(entry);
   return m_files.appendSb(owned.release()) || fails("Out of memory for a file.", m_log);
 }
 
+// An index out of range, negative ones included, gives null.
 bool ClsTar::GetDirRoot(int index, XString& outDirPath) {
   return method("GetDirRoot", MethodForm::Judged, false, [&](MethodFrame&) {
     outDirPath.clear();
@@ -87,6 +97,7 @@ int ClsTar::get_NumDirRoots() {
   return m_dirRoots.getSize();
 }
 
+// No verdict: there is nothing that could fail.
 bool ClsTar::ClearDirRootsAndFiles() {
   return method("ClearDirRootsAndFiles", MethodForm::Unjudged, false, [&](MethodFrame&) {
     m_dirRoots.removeAllObjects();

@@ -16,12 +16,15 @@ void ClsTar::BeginStreamingUntar(LogBase& log) {
   if (!usable) m_stream->breakOff();
 }
 
+// These take no lock, because a decompressor of the application calls them for each piece; StepGuard keeps
+// callbacks of the same object out. The words are taken with each piece, since no method's frame does it.
 bool ClsTar::StreamingUntarNext(const unsigned char* data, unsigned int numBytes, bool& finished,
                                 ProgressMonitor* pm, LogBase& log) {
   const StepGuard step(*this);
   return step && takeOptions(log) && m_stream->StreamingUntarNext(data, numBytes, finished, pm, log);
 }
 
+// Not refused for unusable words: what was extracted has to be settled in any case.
 bool ClsTar::FinishStreamingUntar(ProgressMonitor* pm, LogBase& log) {
   const StepGuard step(*this);
   return step && m_stream->FinishStreamingUntar(pm, log);
@@ -33,11 +36,13 @@ bool ClsTar::streamingUntarInner(const unsigned char* data, unsigned int numByte
   return step && takeOptions(log) && m_stream->streamingUntarInner(data, numBytes, finished, pm, log);
 }
 
+// As a sink the object cannot say that the archive has ended; what comes behind the end is taken and ignored.
 bool ClsTar::_writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log) {
   const StepGuard step(*this);
   return step && takeOptions(log) && StreamSink(*m_stream)._writeBytes(bytes, n, io, log);
 }
 
+// UntarGz without its frame: the caller's log, monitor and source.
 bool ClsTar::unTarGz(_mvDataSource& source, ProgressMonitor* pm, LogBase& log) {
   const StepGuard step(*this);
   return step && takeOptions(log) && inflateTar(source, pm, log);

@@ -20,6 +20,8 @@ bool openArchive(_mvFileDataSource& file, const XString& path, ProgressMonitor* 
 
 }  // namespace
 
+// Opening may wait, for a FIFO or a network, and is watched by a monitor of its own: the real one needs the
+// size first.
 int ClsTar::Untar(const XString& tarPath, ProgressEvent* progress) {
   return method("Untar", MethodForm::Judged, -1, [&](MethodFrame& frame) {
     ProgressMonitorPtr waiting(progress, m_abortCheckMs, m_percentScale, 0);
@@ -34,6 +36,7 @@ int ClsTar::Untar(_mvDataSource& source, ProgressEvent* progress) {
                 [&](MethodFrame&) { return untarWithProgress(source, true, progress); });
 }
 
+// An untar that does not extract, and its count is of no interest.
 bool ClsTar::VerifyTar(const XString& tarPath, ProgressEvent* progress) {
   return method("VerifyTar", MethodForm::Judged, false, [&](MethodFrame& frame) {
     m_log.LogDataX("filepath", tarPath);
@@ -49,6 +52,8 @@ bool ClsTar::VerifyTar(_mvDataSource& source, ProgressEvent* progress) {
                 [&](MethodFrame&) { return untarWithProgress(source, false, progress) >= 0; });
 }
 
+// The count is in the log also when it is -1. What was passed over at the end is made up for, so that
+// progress ends at the whole.
 int ClsTar::untarWithProgress(_mvDataSource& source, bool extract, ProgressEvent* progress) {
   const long long size = source.sizeIfKnown();
   const long long start = std::max(source.ftell64(), 0LL);
@@ -77,6 +82,8 @@ int ClsTar::_untar(_mvDataSource& source, bool extract, LogBase& log, ProgressMo
   return step && takeOptions(log) ? untarSource(source, extract, log, pm, progress) : -1;
 }
 
+// A listing goes into the object's own property. Only an archive that is a file can be met in its own target,
+// and is protected from being replaced there.
 int ClsTar::untarSource(_mvDataSource& source, bool extract, LogBase& log, ProgressMonitor* pm,
                         ProgressEvent* progress) {
   UntarRun run({source, Io(log, pm, progress), m_log, m_xmlListing}, liveReadSettings(), extract);
@@ -95,6 +102,7 @@ int ClsTar::untarMember(_mvDataSource& source, _mvOutput& out, ProgressMonitor* 
   return run.run();
 }
 
+// Times may be null; the file gets those that are known.
 bool ClsTar::extractToFile(_mvDataSource& source, const XString& path, const MorvaneFileTime* creation,
                            const MorvaneFileTime* access, const MorvaneFileTime* modification, long long size,
                            char* buffer, unsigned int bufferSize, LogBase& log, ProgressMonitor* pm) {
@@ -104,6 +112,7 @@ bool ClsTar::extractToFile(_mvDataSource& source, const XString& path, const Mor
                      .isWhole;
 }
 
+// Rules of tar/format under their public names; they need no object.
 bool ClsTar::parsePaxExtendedHeader(const char* text, TarHeader& record, LogBase& log) {
   return morvane::parsePaxExtendedHeader(text, record, log);
 }

@@ -99,6 +99,8 @@ void ClsTar::sayWhenUserIsUnknown(ProgressEvent* progress) {
   if (progress) progress->onInfo("userUnknown", reason);
 }
 
+// Only for those who watch: the sources are walked twice for it. An abort while counting ends the write
+// before anything was created.
 bool ClsTar::countTotal(ProgressEvent* progress, long long& total) {
   ProgressMonitorPtr pm(progress, m_abortCheckMs, m_percentScale, 0);
   if (!m_options->noTotal) {
@@ -109,7 +111,8 @@ bool ClsTar::countTotal(ProgressEvent* progress, long long& total) {
 }
 
 // The compression's frame around the archive, and the flush. An archive that is complete is finished as such
-// also when something was left out of it, which makes the result false.
+// also when something was left out of it, which makes the result false. On failure the frame is not closed: a
+// reader then finds the archive cut instead of complete.
 bool ClsTar::writeFramed(_mvOutput& out, Compression compression, const Io& io) {
   OutputFlush flush(out, io.monitor);
   bool anythingLost = false;
@@ -128,11 +131,13 @@ bool ClsTar::beginGzip(const XString&, _mvOutput& out, ProgressMonitor* pm, LogB
   return step && writeGzipHeader(out, pm, log);
 }
 
+// The size is modulo 2^32, as the trailer has it.
 bool ClsTar::endGzip(_mvOutput& out, unsigned int crc32, unsigned int size) {
   const StepGuard step(*this);
   return step && writeGzipTrailer(out, crc32, size, m_log);
 }
 
+// The step; -1 also where it is refused.
 long long ClsTar::calcTotalProgressForWrite(LogBase& log, ProgressMonitor* pm) {
   const StepGuard step(*this);
   if (!step || !takeOptions(log)) return -1;
@@ -159,6 +164,8 @@ bool ClsTar::writeAllMembers(_mvOutput& out, const Io& io, bool& anythingLost) {
   return complete;
 }
 
+// Each step has a writer of its own, and so knows nothing of members that others wrote: links to earlier
+// names are made within a write only.
 bool ClsTar::writeFileToOutput(XString& fullPath, XString& pathInTar, ProgressMonitor* pm, LogBase& log,
                                ProgressEvent* progress) {
   const StepGuard step(*this);
@@ -186,6 +193,7 @@ bool ClsTar::writeDescribed(XString& path, const mvFileInfo& info, const Io& io,
   return write(writer, member);
 }
 
+// The path comes back in the form that it has in the archive.
 bool ClsTar::writeTarHeaderToOutput(XString& pathInTar, mvFileInfo& info, ProgressMonitor* pm, LogBase& log) {
   return writeDescribed(pathInTar, info, Io(log, pm), [](MemberWriter& writer, const Member& member) {
     return writer.writeHeader(member);
@@ -209,6 +217,7 @@ bool ClsTar::writeOut_pm(const unsigned char* data, unsigned int len, ProgressMo
   return step && m_archive->writeOut_pm(data, len, m_abortCheckMs != 0, Io(log, pm));
 }
 
+// On failure both are empty.
 bool ClsTar::splitPathForTar(const XString& path, XString& name, XString& prefix, LogBase& log) {
   // Either result may be the path itself.
   const UstarSplit split = splitUstarPath(path.str());
@@ -219,6 +228,7 @@ bool ClsTar::splitPathForTar(const XString& path, XString& name, XString& prefix
   return !split.error;
 }
 
+// Rules of tar/format under their public names.
 unsigned int ClsTar::computeHeaderChecksum(const unsigned char* block) { return headerChecksum(block); }
 
 bool ClsTar::numToBase256(long long value, char* out, int len) {

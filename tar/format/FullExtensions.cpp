@@ -200,7 +200,7 @@ bool FullExtensions::takePaxRecord(std::string_view keyword, std::string_view va
     id.reset();
     if (!note(field)) return true;
     const std::optional<long long> count = parseCount(value);
-    // Ids beyond any range are no reason to lose the member: they are never applied to files.
+    // Ids beyond any range are no reason to lose the member: it then keeps the owner that it gets.
     id = count ? clampTo32(*count) : std::numeric_limits<unsigned>::max();
     return true;
   };

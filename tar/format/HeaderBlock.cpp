@@ -16,19 +16,19 @@ namespace morvane {
 namespace {
 
 // At most `most` bytes, without a NUL when all are used: POSIX allows that for name, link name and prefix,
-// and the block was zero before. User and group names leave their last byte for the NUL that POSIX demands
-// there.
+// and the block was zero before.
 void putText(unsigned char* block, unsigned offset, unsigned most, std::string_view text) {
   text.copy(reinterpret_cast<char*>(block + offset), most);
 }
 
-// Such a path has been refused long before with UstarOverflow=fail. Without it there is no way left to report
-// anything from here, and an archive with a wrong path in it would be found out too late.
-// A name that is cut may be somebody else's; the number tells whose the member is.
+// The last byte is left for the NUL that POSIX demands there. A name that is cut may be somebody else's; the
+// number tells whose the member is.
 void putName(unsigned char* block, Field field, std::string_view name) {
   if (name.size() < field.width) putText(block, field.offset, field.width - 1, name);
 }
 
+// Such a path has been refused long before with UstarOverflow=fail. Without it there is no way left to report
+// anything from here, and an archive with a wrong path in it would be found out too late.
 void requirePrefixFits(std::string_view prefix) {
   if (prefix.size() <= kLongestPrefix) return;
   std::fprintf(stderr, "morvane_tar: fatal: a ustar prefix of %zu bytes does not fit the header block\n",

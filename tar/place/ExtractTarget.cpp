@@ -1,3 +1,6 @@
+// The one gate between a member and the disk. Two ways lead through it: the plain one, for which the path is
+// what the archive says and the system follows whatever is there, and the confined one, which the word
+// Confine and everything that restores more than data take. The outcome is the same kind of answer for both.
 #include "tar/place/ExtractTarget.h"
 
 #include <fcntl.h>
@@ -20,6 +23,7 @@ bool isConfined(const TarOptions& options) {
   return options.confine != Confine::Off || options.restore.any();
 }
 
+// Off still has a confined directory where something is restored: then it only creates exclusively.
 ConfinedDir::Links linksOf(Confine confine) {
   switch (confine) {
     case Confine::Beneath:
@@ -36,16 +40,20 @@ constexpr char kCannotOpenTarget[] = "Failed to open the target directory.";
 
 }  // namespace
 
+// The plain way does not look at it, as it replaces what it is told to.
 void ExtractTarget::protect(const mvFileInfo& archive) {
   m_hasArchive = true;
   m_archive = archive;
 }
 
+// A descriptor that is kept would keep a file system from being unmounted.
 void ExtractTarget::reset() {
   m_confined = ConfinedDir();
   m_hasArchive = false;
 }
 
+// Opened when the first member needs it, and kept: a run has one target, unless UntarFromDir or Confine is
+// set from a callback. An empty UntarFromDir is where the process stands.
 bool ExtractTarget::openConfined(const MemberPath& path, const ReadSettings& settings, LogBase& log) {
   const XString& dir = path.targetDir();
   const ConfinedDir::Links how = linksOf(settings.options.confine);
@@ -58,6 +66,7 @@ bool ExtractTarget::openConfined(const MemberPath& path, const ReadSettings& set
   return m_confined.open(dir.isEmpty() ? "." : dir.getUtf8(), how, log);
 }
 
+// The reason is taken at once; the next member overwrites it.
 ExtractTarget::Outcome ExtractTarget::outcomeOf(ConfinedDir::Result result) {
   switch (result) {
     case ConfinedDir::Result::Ok:
@@ -71,7 +80,9 @@ ExtractTarget::Outcome ExtractTarget::outcomeOf(ConfinedDir::Result result) {
   return Outcome::NotCreated;
 }
 
-// What the path rules alone decide about a member, before the disk is touched.
+// What the path rules alone decide about a member, before the disk is touched. A NUL would end the path for
+// the system, and the file would be another than the one that filters and events were shown. Both ways ask
+// here, so that they refuse the same.
 ExtractTarget::Outcome ExtractTarget::judge(const MemberPath& path, LogBase& log) {
   m_lastError = 0;
   m_untoldPath.clear();
@@ -84,6 +95,8 @@ ExtractTarget::Outcome ExtractTarget::judge(const MemberPath& path, LogBase& log
   return isSystemPath(path.targetDir(), kCannotOpenTarget, log) ? Outcome::Ok : Outcome::NoTarget;
 }
 
+// With SkipUncreatable, an output that fails for a reason of its own drops its file and takes the rest of the
+// data in silence: the member is left out and the run goes on.
 ExtractTarget::Outcome ExtractTarget::createFile(const MemberPath& path, const ReadSettings& settings,
                                                  unsigned mode, const char* creatingTag, LogBase& log,
                                                  std::unique_ptr<OutputFile>& file) {
@@ -96,6 +109,7 @@ ExtractTarget::Outcome ExtractTarget::createFile(const MemberPath& path, const R
   return outcome;
 }
 
+// The path in messages is the whole one, although the file was made by its path below the target.
 ExtractTarget::Outcome ExtractTarget::createConfined(const MemberPath& path, const ReadSettings& settings,
                                                      unsigned mode, const char* creatingTag, LogBase& log,
                                                      std::unique_ptr<OutputFile>& file) {
@@ -109,6 +123,8 @@ ExtractTarget::Outcome ExtractTarget::createConfined(const MemberPath& path, con
   return Outcome::Ok;
 }
 
+// Links and special files have no plain way: made by path alone they could be put through a link that an
+// earlier member made. All three ask the same questions in the same order.
 ExtractTarget::Outcome ExtractTarget::makeSymbolicLink(const MemberPath& path, const ReadSettings& settings,
                                                        const std::string& text, OsFile& made, LogBase& log) {
   const Outcome judged = judge(path, log);
@@ -126,6 +142,8 @@ ExtractTarget::Outcome ExtractTarget::makeNode(const MemberPath& path, const Rea
   return outcomeOf(m_confined.makeNode(path.entryPath().str(), mode, device, made, log));
 }
 
+// A target that is missing, and a file system that will not link, are answers that the caller has a use for,
+// and so are Ok here.
 ExtractTarget::Outcome ExtractTarget::makeHardLink(const MemberPath& path, const ReadSettings& settings,
                                                    const std::string& target, ConfinedDir::Linked& linked,
                                                    LogBase& log) {
@@ -148,6 +166,8 @@ bool ExtractTarget::passesLink(const MemberPath& path, const ReadSettings& setti
   return !parent.isOpen() && errno != ENOENT;
 }
 
+// A verbose log says which file is made behind what it says of parents; so parents are seen to first there.
+// The reason of the last try is not logged but kept: the engines say it in contexts of their own.
 ExtractTarget::Outcome ExtractTarget::createPlain(const MemberPath& path, const char* creatingTag,
                                                   LogBase& log, std::unique_ptr<OutputFile>& file) {
   const char* const outputPath = path.outputPath().getUtf8();
@@ -168,6 +188,8 @@ ExtractTarget::Outcome ExtractTarget::createPlain(const MemberPath& path, const 
   return Outcome::NotCreated;
 }
 
+// The mode is the confined way's; the plain one makes directories as mkdir -p does, through links that are
+// there.
 ExtractTarget::Outcome ExtractTarget::makeDirectory(const MemberPath& path, const ReadSettings& settings,
                                                     unsigned mode, ConfinedDir::MadeDirectory& made,
                                                     LogBase& log) {
@@ -184,6 +206,7 @@ ExtractTarget::Outcome ExtractTarget::makeDirectory(const MemberPath& path, cons
   return Outcome::NotCreated;
 }
 
+// Once: what was told is forgotten.
 void ExtractTarget::tellNotCreated(LogBase& log) {
   if (m_untoldPath.empty()) return;
   logOsError(log, kCannotCreate, m_untoldPath.c_str(), m_lastError);

@@ -11,11 +11,15 @@
 
 namespace morvane {
 
+// One object for a run, or for several of the same engine with reset() between them. Nothing is opened before
+// a member needs it, so that a run that makes nothing leaves no target directory behind.
 class ExtractTarget {
  public:
   // Deeper than any tree that is in use; hostile archives go on from here. Bytes.
   static constexpr unsigned kLongestPath = 2 << 20;
 
+  // Only the engines know whether a run ends at one of these; MemberPlacer::goesOnWithout decides it for
+  // both.
   enum class Outcome {
     Ok,
     Refused,     // the path leaves the target, or what stands in the way may not be removed
@@ -26,20 +30,24 @@ class ExtractTarget {
     NotCreated,  // the member itself cannot be made; tellNotCreated says why
   };
 
-  // A file that extraction must not replace: the archive being read.
+  // A file that extraction must not replace: the archive being read. Without effect on the plain way. It
+  // holds until reset().
   void protect(const mvFileInfo& archive);
   // Gives up what is held from an earlier run.
   void reset();
 
   // Makes the missing parents and the empty file. A verbose log says which file is made, under `creatingTag`
-  // (null: it does not).
+  // (null: it does not). Null in `file` unless the outcome is Ok; the caller owns it and settles it. `mode`
+  // holds on the confined way, less the umask.
   Outcome createFile(const MemberPath& path, const ReadSettings& settings, unsigned mode,
                      const char* creatingTag, LogBase& log, std::unique_ptr<OutputFile>& file);
+  // A directory that is there is Ok. `made` is filled in by the confined way alone.
   Outcome makeDirectory(const MemberPath& path, const ReadSettings& settings, unsigned mode,
                         ConfinedDir::MadeDirectory& made, LogBase& log);
 
   // Links and special files are made only through the confined directory, which is opened for them also where
-  // members may lie anywhere.
+  // members may lie anywhere. `made` is a descriptor that only names what was made, for its owner and times;
+  // it is closed when that could not be opened. `text` is not looked at.
   Outcome makeSymbolicLink(const MemberPath& path, const ReadSettings& settings, const std::string& text,
                            OsFile& made, LogBase& log);
   Outcome makeNode(const MemberPath& path, const ReadSettings& settings, unsigned mode,
@@ -54,7 +62,7 @@ class ExtractTarget {
   // Whether there is a link on the way to where the member is to be made.
   bool passesLink(const MemberPath& path, const ReadSettings& settings, LogBase& log);
   bool handsOnGroup() const { return m_confined.handsOnGroup(); }
-  // Null until something was made through it.
+  // Null until something was made through it. Owned here; gone with the next target or reset().
   ConfinedDir* confined() { return m_confined.isOpen() ? &m_confined : nullptr; }
 
   // The system's reason (an errno) why the last member was not created; 0 when it was none of the system's.
@@ -63,6 +71,7 @@ class ExtractTarget {
   void tellNotCreated(LogBase& log);
 
  private:
+  // The two ways, and what stands in front of both.
   bool openConfined(const MemberPath& path, const ReadSettings& settings, LogBase& log);
   Outcome judge(const MemberPath& path, LogBase& log);
   Outcome createConfined(const MemberPath& path, const ReadSettings& settings, unsigned mode,
@@ -71,11 +80,14 @@ class ExtractTarget {
                       std::unique_ptr<OutputFile>& file);
   Outcome outcomeOf(ConfinedDir::Result result);
 
+  // What the confined directory was opened for; it is opened anew when either is another.
   ConfinedDir m_confined;
   XString m_confinedDir;
   ConfinedDir::Links m_confinedHow = ConfinedDir::Links::None;
+  // Of the member that was made or tried last; judge() clears them.
   int m_lastError = 0;
   std::string m_untoldPath;  // of a file whose creation failed, while the log does not say so
+  // The archive is kept here too, because each confined directory that is opened has to be told of it.
   bool m_hasArchive = false;
   mvFileInfo m_archive;
 };

@@ -1,3 +1,5 @@
+// Paths here are members' paths below the target, after the path rules: two spellings of one path are two
+// paths, which at worst leaves a link out.
 #include "tar/place/LinkTable.h"
 
 #include <algorithm>
@@ -29,6 +31,7 @@ void LinkTable::clear() {
   m_waiting.clear();
 }
 
+// Nearly every run skips nothing; then no name is hashed at all.
 void LinkTable::noteMade(const std::string& path) {
   if (!m_unmade.empty()) m_unmade.erase(hashOf(path));
 }
@@ -44,12 +47,14 @@ bool LinkTable::mayBeTarget(const std::string& path) const {
   return m_unmade.empty() || m_unmade.count(hashOf(path)) == 0;
 }
 
+// One step: a new name is not itself looked up, because it is a name on the disk and not one of the archive.
 const std::string& LinkTable::nameNow(const std::string& path) const {
   if (m_renamed.empty()) return path;
   const auto renamed = m_renamed.find(cleanPath(path));
   return renamed == m_renamed.end() ? path : renamed->second;
 }
 
+// Taken before they are made, so that what throws on the way leaves none of them to be made twice.
 std::vector<LinkTable::Waiting> LinkTable::takeWaiting() { return std::exchange(m_waiting, {}); }
 
 }  // namespace morvane

@@ -10,13 +10,17 @@
 
 namespace morvane {
 
+// It holds names and touches no file. What it holds grows with what is skipped, renamed or early, not with
+// the archive; a run may skip millions, hence the hashes.
 class LinkTable {
  public:
+  // Both below the target, after the path rules.
   struct Waiting {
     std::string path, target;
     bool isGiven = false;  // by the event: it means the name that stands there
   };
 
+  // Before a run: links never reach over from one archive to the next.
   void clear();
 
   // A member that was skipped, refused or filtered out is no target, though a file of its name may be there:
@@ -38,6 +42,7 @@ class LinkTable {
   std::vector<Waiting> takeWaiting();
 
  private:
+  // By old name, the new one. Empty for nearly every run, as the others are.
   std::unordered_set<size_t> m_unmade;
   std::map<std::string, std::string> m_renamed;
   std::vector<Waiting> m_waiting;

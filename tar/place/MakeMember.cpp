@@ -18,8 +18,9 @@ namespace {
 
 using Outcome = ExtractTarget::Outcome;
 
-// Whether the text of a symbolic link, beside the member, may lead out of the target. ".." parts are judged
-// only at the front: behind another part, which may be a link itself, nobody knows where they lead.
+// Whether the text of a symbolic link, beside the member, leads out of the target by its parts alone. By its
+// text, and not by what is on the disk, because it need not be there yet: "a/../../b" leads out although "a"
+// might be a link that makes it lead elsewhere. An absolute text always does.
 bool leadsOut(const std::string& path, std::string_view text) {
   if (!text.empty() && text.front() == '/') return true;
   long long depth = depthOf(cleanPath(path)) - 1;  // of the directory that the link is in
@@ -35,13 +36,16 @@ bool leadsOut(const std::string& path, std::string_view text) {
   return false;
 }
 
-// The system has no link of no text, nor of one that no path could be.
+// The system has no link of no text, nor of one that no path could be. Length and NUL are asked beforehand,
+// since a text that was cut would be a link to something else.
 bool canBeLinkText(const std::string& text) {
   return !text.empty() && text.size() < PATH_MAX && text.find('\0') == std::string::npos;
 }
 
 }  // namespace
 
+// What is not restored as itself becomes a file: a link or device without the word is an empty file under its
+// name, as the component always made it.
 Outcome MemberPlacer::make(const Member& member, const Io& io, Placed& placed) {
   if (restored().link && member.isSymbolicLink()) return makeSymbolicLink(member, io);
   if (restored().link && member.isHardLink()) return makeHardLink(member, io, placed);
@@ -49,6 +53,7 @@ Outcome MemberPlacer::make(const Member& member, const Io& io, Placed& placed) {
   return member.isDirectory ? makeDirectory(member, io) : makeFile(member, io, placed);
 }
 
+// Made with a mode that lets members in; its own comes at the end of the run, because it may forbid writing.
 Outcome MemberPlacer::makeDirectory(const Member& member, const Io& io) {
   if (settings().untarDiscardPaths && !m_manner.makesDiscardedDirectories) return Outcome::Ok;
   ConfinedDir::MadeDirectory made;
@@ -61,6 +66,8 @@ Outcome MemberPlacer::makeDirectory(const Member& member, const Io& io) {
   return outcome;
 }
 
+// A map that makes no sense is found before the file is made. 0666 is what programs make files with; the
+// umask does the rest.
 Outcome MemberPlacer::makeFile(const Member& member, const Io& io, Placed& placed) {
   if (member.sparseIsWrong) {
     io.fail("The map of a sparse member makes no sense.");
@@ -76,12 +83,15 @@ Outcome MemberPlacer::makeFile(const Member& member, const Io& io, Placed& place
   return outcome;
 }
 
+// An output that is no file has no holes; it gets zeros in their place.
 std::unique_ptr<_mvOutput> MemberPlacer::spreading(const Member& member, std::unique_ptr<_mvOutput> out,
                                                    OutputFile* file) {
   if (!member.sparse.isSparse()) return out;
   return std::make_unique<SparseOutput>(std::move(out), file, member.sparse, member.size);
 }
 
+// Links are settled at once, as they have no data to wait for. `made` may be closed if somebody was faster to
+// remove it: then there is nothing to be given a time.
 Outcome MemberPlacer::makeSymbolicLink(const Member& member, const Io& io) {
   const std::string& text = member.linkPath;
   const std::string& path = m_path.entryPath().str();
@@ -99,6 +109,8 @@ Outcome MemberPlacer::makeSymbolicLink(const Member& member, const Io& io) {
   return outcome;
 }
 
+// The type decides whether the numbers are looked at; a FIFO has none. With a mode of its own to come, nobody
+// else may open it before that.
 Outcome MemberPlacer::makeSpecial(const Member& member, const Io& io) {
   const unsigned type = member.typeFlag == kTypeFifo              ? S_IFIFO
                         : member.typeFlag == kTypeCharacterDevice ? S_IFCHR
@@ -118,7 +130,10 @@ Outcome MemberPlacer::makeSpecial(const Member& member, const Io& io) {
   return mayNot ? Outcome::Unusable : outcome;
 }
 
-// A link to what is not there yet waits until the end. One that has data of its own needs no target.
+// A link to what is not there yet waits until the end. One that has data of its own needs no target. POSIX
+// pax archives may store the data with each name; GNU tar's with the first one only. A target that was
+// skipped is not linked to even if a file of that name is there, because that would be a file of an earlier
+// run.
 Outcome MemberPlacer::makeHardLink(const Member& member, const Io& io, Placed& placed) {
   const std::string stored = m_path.targetOf(member.linkPath, settings(), io.log);
   // What the event says of a link is meant as it says it.
@@ -147,7 +162,9 @@ Outcome MemberPlacer::makeHardLink(const Member& member, const Io& io, Placed& p
   return Outcome::Ok;
 }
 
-// Where the file system links nothing, the second name gets a file of its own with the same data.
+// Where the file system links nothing, the second name gets a file of its own with the same data. O_NONBLOCK,
+// because what stands there by now may be a FIFO; anything but a regular file is refused. The copy is noted
+// as a link that was not kept, and settled like any file.
 Outcome MemberPlacer::copyTarget(const Member& member, const std::string& target, const Io& io) {
   OsFile source(m_target.confined()->openExisting(target, O_RDONLY | O_NONBLOCK | O_NOCTTY));
   struct stat status;
@@ -174,6 +191,9 @@ bool MemberPlacer::finishSpreading(_mvOutput& out, const Io& io) {
   return !sparse || sparse->finish(params, io.log);
 }
 
+// A sparse file gets its length here, since the hole at its end has no data behind it. Without anything to
+// restore a member gets its modification time alone, as ever. A descriptor below 0 is a file that was dropped
+// after a failure of its own.
 FileEnd MemberPlacer::settle(const Member& member, _mvOutput& out, OutputFile& file, bool isComplete,
                              const MemberTimes& times, const Io& io) {
   isComplete = isComplete && finishSpreading(out, io);
@@ -189,6 +209,8 @@ FileEnd MemberPlacer::settle(const Member& member, _mvOutput& out, OutputFile& f
 
 // ---- The end of a run
 
+// Behind the last member every target that will ever be there is there. The path is set for the messages: the
+// link is no longer the current member.
 void MemberPlacer::makeWaitingLinks(const Io& io) {
   std::vector<LinkTable::Waiting> waiting = m_links.takeWaiting();
   // One may wait for another: as long as any could be made, the rest is tried again.
@@ -240,11 +262,13 @@ Member MemberPlacer::memberLike(const std::string& target) {
   return member;
 }
 
+// Links first: making one in a directory changes the directory's time.
 void MemberPlacer::finishTarget(const Io& io) {
   makeWaitingLinks(io);
   if (ConfinedDir* const target = m_target.confined()) m_restorer.settleDirectories(*target, io);
 }
 
+// Counts are told once all members are through, directories among them.
 void MemberPlacer::finish(const Io& io) {
   if (!restored().any()) return;
   finishTarget(io);
@@ -253,6 +277,8 @@ void MemberPlacer::finish(const Io& io) {
   m_restorer.notKept().clear();
 }
 
+// Directories that wait may be closed to everybody but their owner, so that they are settled even when the
+// run ends in an exception.
 void MemberPlacer::finishQuietly() noexcept {
   try {
     LogNull unwanted;

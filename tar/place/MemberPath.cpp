@@ -1,3 +1,6 @@
+// The way of a path: stored bytes, path rules, decoding, the place below UntarFromDir. Back slashes become
+// slashes as archives written on Windows have them, always, so that no rule can be got around with the other
+// kind.
 #include "tar/place/MemberPath.h"
 
 #include "runtime/fs/_mvFilePath.h"
@@ -16,6 +19,8 @@ void MemberPath::set(const Member& member, const ReadSettings& settings, LogBase
   m_hasOutputPath = false;
 }
 
+// The rules look at stored bytes. They need slashes only, which every character set that is read keeps as
+// they are; what becomes absolute by decoding is left to the confined target.
 void MemberPath::applyRules(const std::string& stored, const ReadSettings& settings, LogBase& log,
                             std::string& path) {
   path.clear();
@@ -23,29 +28,36 @@ void MemberPath::applyRules(const std::string& stored, const ReadSettings& setti
       .append(leftOfEntryPath(stored, settings.untarDiscardPaths, settings.noAbsolutePaths), '\\', '/', path);
 }
 
+// Hard links name a member, so that the same rules lead to where that member was put.
 std::string MemberPath::targetOf(const std::string& linkPath, const ReadSettings& settings, LogBase& log) {
   std::string path;
   applyRules(linkPath, settings, log, path);
   return path;
 }
 
+// The event's path is UTF-8 already and is not decoded. Rules hold for it as for a stored one: an application
+// that passes a name on from elsewhere gets the same protection.
 void MemberPath::rename(const std::string& path, const ReadSettings& settings) {
   m_entryPath = std::string(leftOfEntryPath(path, settings.untarDiscardPaths, settings.noAbsolutePaths));
   m_entryPath.replaceAllOccurancesUtf8("\\", "/", false);
   m_hasOutputPath = false;
 }
 
+// Members that are only listed or filtered out never need it.
 const XString& MemberPath::outputPath() const {
   if (!m_hasOutputPath) _mvFilePath::CombineDirAndFilepath(m_dir, m_entryPath, m_outputPath);
   m_hasOutputPath = true;
   return m_outputPath;
 }
 
+// A string keeps its room when it is cleared; only exchanging it for another gives that back.
 void giveUpLongText(std::string& text) {
   constexpr size_t kLong = 1 << 20;
   if (text.size() > kLong) std::string().swap(text);
 }
 
+// Pointers into the member, good for the callback only. The path is the stored one in its own character set;
+// entryPath is what the rules made of it.
 void announceHeader(ProgressEvent& event, const Member& member, const XString& entryPath) {
   TarMemberInfo info;
   info.path = member.path.c_str();

@@ -11,6 +11,8 @@ class LogBase;
 class ProgressEvent;
 struct Member;
 
+// One object for a run; each member replaces the one before. References stay valid until the next set or
+// rename.
 class MemberPath {
  public:
   // Path rules, decoding, and the place below UntarFromDir. An unknown Charset is said once.
@@ -33,8 +35,10 @@ class MemberPath {
   const XString& entryPath() const { return m_entryPath; }
 
  private:
+  // `path` is replaced; a text that was long keeps its room for the next member.
   void applyRules(const std::string& stored, const ReadSettings& settings, LogBase& log, std::string& path);
 
+  // The rules' result, and the target that it lies below. The path on the disk is made of both on demand.
   XString m_entryPath;
   XString m_dir;
   mutable XString m_outputPath;
@@ -42,10 +46,11 @@ class MemberPath {
   NameDecoder m_decoder;
 };
 
-// Extension data may carry texts of many megabytes: what was taken from such a one is not kept twice.
+// Extension data may carry texts of many megabytes: what was taken from such a one is not kept twice. Over 1
+// MiB; a shorter one keeps its room, which the next member uses again.
 void giveUpLongText(std::string& text);
 
-// Sends onTarHeader.
+// Sends onTarHeader. What the callback is shown is good until it returns.
 void announceHeader(ProgressEvent& event, const Member& member, const XString& entryPath);
 
 }  // namespace morvane

@@ -1,3 +1,6 @@
+// The choice of what becomes of a member, in the order that applications have come to know: filters before
+// limits of data, limits before events, because an event that was sent for a member must be followed by the
+// member or by its skipping, and never by a failure that could have been known.
 #include "tar/place/MemberPlacer.h"
 
 #include <cerrno>
@@ -16,6 +19,7 @@ void tellAndGoOn(const char* what, const MemberPath& path, const Io& io) {
   io.log.forgetCause();
 }
 
+// The line behind the notice has the path, as the event does.
 void reportIncomplete(const MemberPath& path, const Io& io) {
   io.log.LogNotice("Member incomplete: it cannot be written.");
   io.log.LogDataX("entryPath", path.entryPath());
@@ -30,6 +34,7 @@ bool isLasting(int error) {
 
 }  // namespace
 
+// The run before may not have been ended: its links and directories are settled first.
 void MemberPlacer::beginRun() {
   releaseTarget();
   m_anyLeftOut = false;
@@ -38,16 +43,20 @@ void MemberPlacer::beginRun() {
   m_path = MemberPath();
 }
 
+// Properties set in the callback hold for this very member, so that an application can choose UntarFromDir or
+// the filters by what the header says.
 void MemberPlacer::announce(const Member& member, const Io& io) {
   if (!io.event) return;
   announceHeader(*io.event, member, m_path.entryPath());
   if (m_live.refresh()) setPath(member, io);
 }
 
+// By the path after the rules, which is the one that would be made.
 bool MemberPlacer::isWithinLimits(const Io& io) {
   return m_limits.takeMember(m_path.entryPath().str(), settings().options, io);
 }
 
+// Whatever was not chosen is no target for later links, for whatever reason.
 MemberPlacer::Choice MemberPlacer::choose(Member& member, Aim aim, const Io& io) {
   const Choice choice = chooseByRules(member, aim, io);
   if (restored().link && aim == Aim::Extract && choice != Choice::Extract) {
@@ -56,6 +65,8 @@ MemberPlacer::Choice MemberPlacer::choose(Member& member, Aim aim, const Io& io)
   return choice;
 }
 
+// What is only looked at has no depth and no data to be limited, and is not offered to the event. The data
+// are counted once the event has let the member pass: those of skipped members cost nothing.
 MemberPlacer::Choice MemberPlacer::chooseByRules(Member& member, Aim aim, const Io& io) {
   if (settings().filter.excludes(m_path.entryPath().str())) return Choice::FilteredOut;
   if (aim == Aim::OneFile && member.isDirectory) return Choice::Unwanted;
@@ -80,6 +91,7 @@ bool MemberPlacer::isAllowedDepth(const Io& io) const {
   return RunLimits::mayMake(m_path.entryPath().str(), settings().options, io);
 }
 
+// Where one file is looked for, the event is how it is chosen; so it comes in both engines.
 bool MemberPlacer::isSkippedByEvent(const Member& member, Aim aim, const Io& io) {
   const bool announces =
       m_manner.announcesEveryEntry || aim == Aim::OneFile || settings().options.entryEvents;
@@ -91,7 +103,8 @@ bool MemberPlacer::isSkippedByEvent(const Member& member, Aim aim, const Io& io)
 }
 
 // Sends onTarMember and takes what it left. A changed path passes the rules that every path passes; what
-// confinement has to say of it comes with its creation.
+// confinement has to say of it comes with its creation. An empty path, from the event or left by the rules,
+// is a way to skip. A depth is asked for again, because the event may have made the path deeper.
 MemberPlacer::Choice MemberPlacer::offerForChange(Member& member, Aim aim, const Io& io) {
   showMember(member, m_path.entryPath().str(), m_shown);
   m_shown.writing = false;
@@ -111,6 +124,8 @@ MemberPlacer::Choice MemberPlacer::offerForChange(Member& member, Aim aim, const
   return aim != Aim::Extract || isAllowedDepth(io) ? Choice::Extract : Choice::LimitReached;
 }
 
+// A target that changed in the middle of a run is finished before the first member goes elsewhere: the table
+// of links and the directories to settle are of one target. Whatever was not made is no target for links.
 Placed MemberPlacer::place(const Member& member, const Io& io) {
   using Outcome = ExtractTarget::Outcome;
   Placed placed;
@@ -134,6 +149,7 @@ Placed MemberPlacer::place(const Member& member, const Io& io) {
   return placed;
 }
 
+// The notice first, then the event: a callback that reads the log finds it there.
 void MemberPlacer::reportLeftOut(bool refused, const Io& io) {
   io.log.LogNotice(refused ? "Member refused: its path leaves the target."
                            : "Member left out: it cannot be created.");
@@ -143,7 +159,8 @@ void MemberPlacer::reportLeftOut(bool refused, const Io& io) {
 }
 
 // A refused member is no reason to leave out the others, nor, with SkipUncreatable, one that the target has
-// no place for.
+// no place for. A target that cannot be opened would fail each member alike, and so would what isLasting
+// knows.
 bool MemberPlacer::goesOnWithout(ExtractTarget::Outcome outcome) const {
   using Outcome = ExtractTarget::Outcome;
   if (outcome == Outcome::Refused || outcome == Outcome::Unusable) return true;
@@ -151,6 +168,7 @@ bool MemberPlacer::goesOnWithout(ExtractTarget::Outcome outcome) const {
   return outcome == Outcome::TooLong || !isLasting(m_target.lastError());
 }
 
+// Times that could not be set cost no member its success; that is told and the run is whole.
 bool MemberPlacer::noteEnd(const FileEnd& end, const Io& io) {
   if (end.isWhole) {
     if (!end.timesAreSet) tellAndGoOn("timesNotSet", m_path, io);

@@ -47,6 +47,8 @@ inline MemberReader::Demand demandOf(const TarOptions& options) {
   return {options.fullRead, options.restore.sparse};
 }
 
+// On the stack of a run, or in an engine that lives longer; one thread. Nothing but the disk outlives it:
+// what waits is settled by the destructor.
 class MemberPlacer {
  public:
   struct Manner {
@@ -69,7 +71,8 @@ class MemberPlacer {
   void protect(const mvFileInfo& archive) { m_target.protect(archive); }
   // Gives up the descriptors of the target directory.
   void releaseTarget();
-  // Forgets what an earlier run counted / what it left out, its names and its target.
+  // Forgets what an earlier run counted / what it left out, its names and its target. A streaming engine
+  // needs the two apart, as limits hold over several unframed runs.
   void clearLimits() { m_limits.clear(); }
   void beginRun();
   // The end of a run, however it ends: links that waited for their targets are made, directories get what
@@ -116,16 +119,19 @@ class MemberPlacer {
   // Takes note of how the member's file ended. False when that ends the run; the reason is in the log.
   [[nodiscard]] bool noteEnd(const FileEnd& end, const Io& io);
 
+  // Of the member that was set last; good until the next one.
   const MemberPath& path() const { return m_path; }
   MemberPath& path() { return m_path; }
   ExtractTarget& target() { return m_target; }
 
  private:
   const ReadSettings& settings() const { return m_live.now(); }
+  // The steps of choose, in this order.
   Choice chooseByRules(Member& member, Aim aim, const Io& io);
   bool isSkippedByEvent(const Member& member, Aim aim, const Io& io);
   Choice offerForChange(Member& member, Aim aim, const Io& io);
   bool isAllowedDepth(const Io& io) const;
+  // Each kind of member; make() tells them apart.
   ExtractTarget::Outcome make(const Member& member, const Io& io, Placed& placed);
   ExtractTarget::Outcome makeFile(const Member& member, const Io& io, Placed& placed);
   ExtractTarget::Outcome makeDirectory(const Member& member, const Io& io);
@@ -133,6 +139,7 @@ class MemberPlacer {
   ExtractTarget::Outcome makeHardLink(const Member& member, const Io& io, Placed& placed);
   ExtractTarget::Outcome makeSpecial(const Member& member, const Io& io);
   ExtractTarget::Outcome copyTarget(const Member& member, const std::string& target, const Io& io);
+  // The parts of finish.
   void makeWaitingLinks(const Io& io);
   bool makeWaitingLink(const LinkTable::Waiting& link, const Io& io);
   Member memberLike(const std::string& target);
@@ -142,9 +149,12 @@ class MemberPlacer {
   const KeptParts& restored() const { return m_restorer.parts(); }
   bool goesOnWithout(ExtractTarget::Outcome outcome) const;
 
+  // The engine's own, and what it differs in.
   LiveSettings<ReadSettings>& m_live;
   const Manner m_manner;
+  // Of the current member.
   MemberPath m_path;
+  // Of the whole run: where members go, what they may use up, and what is owed to those that are there.
   ExtractTarget m_target;
   RunLimits m_limits;
   MetadataRestorer m_restorer;

@@ -1,3 +1,6 @@
+// What was extracted gets back what it was. Everything goes through a descriptor of what the run made, so
+// that nobody can have the run change another file by putting it in the place of this one. What cannot be
+// kept is noted and never fails the run: data without their owner are better than none.
 #include "tar/place/MetadataRestorer.h"
 
 #include <fcntl.h>
@@ -36,6 +39,7 @@ bool isSecurityAttribute(const std::string& name) {
 
 }  // namespace
 
+// The umask is asked for only where it is needed: it costs reading a file of /proc.
 void MetadataRestorer::begin(const TarOptions& options) {
   m_parts = options.restore;
   m_byId = options.ownerById;
@@ -47,18 +51,21 @@ void MetadataRestorer::begin(const TarOptions& options) {
   if (m_parts.owner) FileMetadata::ownIds(m_ownUid, m_ownGid);
 }
 
-// A file of the user's own needs no other owner afterwards.
+// A file of the user's own needs no other owner afterwards. By names where they count, as they will be set.
 bool MetadataRestorer::isOurs(const Member& member) {
   return !m_parts.owner || (uidOf(member) == m_ownUid && gidOf(member) == m_ownGid);
 }
 
-// Whether anything has to be set before the file may have its mode.
+// Whether anything has to be set before the file may have its mode. A file that is open to others before it
+// has its owner, or its list, could be read by those who were never to see it.
 bool MetadataRestorer::setsAfterwards(const Member& member) {
   return !isOurs(member) || (m_parts.fullMode && (member.mode & FileMetadata::kSetIds) != 0) ||
          (m_parts.xattr && (!member.accessList.empty() || !member.attributes.empty()));
 }
 
-// The system has then taken off what the umask, or the directory's own default list, takes off.
+// The system has then taken off what the umask, or the directory's own default list, takes off. This spares a
+// call for each ordinary file. Directories are made with a mode of the run's, special files with one that
+// depends on Restore.
 bool MetadataRestorer::wasMadeWithItsMode(const Member& member) {
   return !m_parts.fullMode && !member.isDirectory && !member.isSpecial() && !setsAfterwards(member);
 }
@@ -70,6 +77,7 @@ unsigned MetadataRestorer::modeToMake(const Member& member, bool groupMayDiffer)
   return setsAfterwards(member) ? 0600 : member.mode & FileMetadata::kPermissions;
 }
 
+// A step that fails is noted, and the next ones are taken all the same.
 void MetadataRestorer::settle(int fd, const Member& member, const XString& entryPath, const Io& io) {
   m_hasList = false;
   // One look at what is there spares most files two calls.
@@ -85,6 +93,8 @@ void MetadataRestorer::settle(int fd, const Member& member, const XString& entry
   if (m_parts.time) setTimes(fd, member, entryPath, io);
 }
 
+// A name goes before a number unless OwnerById says otherwise, since numbers mean different people on
+// different systems. A name that is not known here leaves the number.
 unsigned MetadataRestorer::uidOf(const Member& member) {
   if (m_byId || member.userName.empty()) return member.uid;
   return m_users.userId(member.userName).value_or(member.uid);
@@ -95,6 +105,8 @@ unsigned MetadataRestorer::gidOf(const Member& member) {
   return m_users.groupId(member.groupName).value_or(member.gid);
 }
 
+// The number that means "leave it" is refused: the archive would then choose to keep the owner that extracts.
+// Status is looked at again behind the change, for the mode that follows.
 bool MetadataRestorer::setOwner(int fd, const Member& member, FileMetadata::Status& status,
                                 const XString& entryPath, const Io& io) {
   const unsigned uid = uidOf(member), gid = gidOf(member);
@@ -106,7 +118,8 @@ bool MetadataRestorer::setOwner(int fd, const Member& member, FileMetadata::Stat
 }
 
 // Set-id bits only on what belongs to the owner that the archive states: on anybody else's file they would be
-// a program that runs as somebody whom nobody meant.
+// a program that runs as somebody whom nobody meant. Comparing first spares the call where the mode is right
+// already. A file with a list keeps its group bits, which are the list's mask.
 void MetadataRestorer::setMode(int fd, const Member& member, const FileMetadata::Status& status,
                                bool ownerIsKept, const XString& entryPath, const Io& io) {
   unsigned mode = member.mode & FileMetadata::kAllBits;
@@ -123,6 +136,8 @@ void MetadataRestorer::setMode(int fd, const Member& member, const FileMetadata:
   if (error != 0) m_notKept.note(NotKept::Kind::Mode, entryPath, error, io);
 }
 
+// Called twice, for the two kinds; lists go with the first, before the mode. Default lists are directories'
+// alone.
 void MetadataRestorer::setAttributes(int fd, const Member& member, bool security, const XString& entryPath,
                                      const Io& io) {
   for (const MemberAttribute& attribute : member.attributes) {
@@ -146,6 +161,7 @@ bool MetadataRestorer::setAccessList(int fd, const char* name, const std::string
   return error == 0;
 }
 
+// An access time that the archive does not have stays what extraction made it.
 void MetadataRestorer::setTimes(int fd, const Member& member, const XString& entryPath, const Io& io) {
   timespec access{};
   access.tv_nsec = UTIME_OMIT;
@@ -158,6 +174,9 @@ void MetadataRestorer::noteParents(std::vector<ConfinedDir::Identity> parents) {
   for (const ConfinedDir::Identity& parent : parents) m_newParents[parent] = true;
 }
 
+// A directory that stood there before the run is not the run's to change, unless a full mode was asked for
+// along with it (settlesExistingDirectories). A second member of the same directory replaces what the first
+// one said, as a later member does.
 void MetadataRestorer::noteDirectory(const ConfinedDir::MadeDirectory& made, const Member& member,
                                      const std::string& path) {
   if (!made.isKnown) return;
@@ -182,6 +201,8 @@ void MetadataRestorer::noteDirectory(const ConfinedDir::MadeDirectory& made, con
   kept.defaultAccessList = member.defaultAccessList;
 }
 
+// Deepest first: setting the mode of a directory may close the way to those in it. Each is opened anew by its
+// path, for no run could keep thousands of them open, and left alone if it is no more the one that was made.
 void MetadataRestorer::settleDirectories(ConfinedDir& target, const Io& io) {
   std::vector<std::pair<const ConfinedDir::Identity, Member>*> order;
   for (auto& each : m_directories) order.push_back(&each);

@@ -17,9 +17,12 @@
 
 namespace morvane {
 
+// One object for one run after another. Failures are noted in notKept(), never returned: they do not end a
+// run.
 class MetadataRestorer {
  public:
-  // Before a run. Only with something to restore is anything asked of the system.
+  // Before a run. Only with something to restore is anything asked of the system. What an earlier run noted
+  // is forgotten.
   void begin(const TarOptions& options);
   const KeptParts& parts() const { return m_parts; }
 
@@ -29,13 +32,16 @@ class MetadataRestorer {
   // The mode to make a directory with, until it is settled.
   unsigned directoryModeToMake() const { return m_parts.mode ? 0700 : 0777; }
 
-  // Sets everything of a file, link or special file that is open as `fd`.
+  // Sets everything of a file, link or special file that is open as `fd`. `entryPath` is for messages. Of a
+  // directory, the descriptor must be an ordinary one; a link's may be O_PATH.
   void settle(int fd, const Member& member, const XString& entryPath, const Io& io);
-  // Notes a directory that a member made, or means again. `path` is below the target.
+  // Notes a directory that a member made, or means again. `path` is below the target. What is needed of the
+  // member is copied. One that was there before the run is not noted, unless such ones are to be settled too.
   void noteDirectory(const ConfinedDir::MadeDirectory& made, const Member& member, const std::string& path);
   // Directories that were made on the way to members count as made by the run.
   void noteParents(std::vector<ConfinedDir::Identity> parents);
-  // Settles all of them, deepest first. One that is no more the one that was made is passed over.
+  // Settles all of them, deepest first. One that is no more the one that was made is passed over. Then
+  // nothing is noted any more.
   void settleDirectories(ConfinedDir& target, const Io& io);
 
   NotKept& notKept() { return m_notKept; }
@@ -44,6 +50,8 @@ class MetadataRestorer {
   bool isOurs(const Member& member);
   bool setsAfterwards(const Member& member);
   bool wasMadeWithItsMode(const Member& member);
+  // Each sets one part and notes what the system would not. setOwner brings `status` up to date and tells
+  // whether the owner is the archive's now.
   bool setOwner(int fd, const Member& member, FileMetadata::Status& status, const XString& entryPath,
                 const Io& io);
   void setMode(int fd, const Member& member, const FileMetadata::Status& status, bool ownerIsKept,
@@ -52,12 +60,15 @@ class MetadataRestorer {
   bool setAccessList(int fd, const char* name, const std::string& text, const XString& entryPath,
                      const Io& io);
   void setTimes(int fd, const Member& member, const XString& entryPath, const Io& io);
+  // Of this system, by name or number.
   unsigned uidOf(const Member& member);
   unsigned gidOf(const Member& member);
 
+  // From the option words, taken when the run begins: a callback cannot change halfway what is restored.
   KeptParts m_parts;
   bool m_byId = false;
   bool m_settlesExisting = false;
+  // Asked once a run, and only where they are needed.
   unsigned m_umask = 0;
   unsigned m_ownUid = 0, m_ownGid = 0;
   UserDatabase m_users;

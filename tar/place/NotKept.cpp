@@ -1,3 +1,5 @@
+// Thousands of members may fail for one reason (nobody but the superuser changes owners): the first of a kind
+// is told with its reason, the others are counted.
 #include "tar/place/NotKept.h"
 
 #include <algorithm>
@@ -9,6 +11,7 @@ namespace morvane {
 
 namespace {
 
+// In the order of Kind. The events' names are part of the interface: applications compare them.
 struct Row {
   const char *message, *event, *countEvent;
 };
@@ -23,6 +26,7 @@ static_assert(std::size(kRows) == static_cast<size_t>(NotKept::Kind::Count));
 
 }  // namespace
 
+// The cause is there while the event is told, so that a callback may ask for it, and gone behind it.
 void NotKept::note(Kind kind, const XString& entryPath, int error, const Io& io) {
   const auto index = static_cast<size_t>(kind);
   if (++m_counts[index] > 1) return;
@@ -35,6 +39,7 @@ void NotKept::note(Kind kind, const XString& entryPath, int error, const Io& io)
   io.log.forgetCause();  // the run goes on
 }
 
+// One was told already, with its path; a count says more only from two on.
 void NotKept::tellCounts(const Io& io) {
   for (size_t i = 0; i < m_counts.size(); ++i) {
     if (m_counts[i] < 2) continue;

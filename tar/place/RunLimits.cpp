@@ -1,3 +1,5 @@
+// Limits are compared before anything is done, and sums saturate: sizes come from the archive and may be any
+// number, so that adding them must not wrap round to a small one.
 #include "tar/place/RunLimits.h"
 
 #include <string>
@@ -8,6 +10,7 @@
 
 namespace morvane {
 
+// Doubled slashes are one, as they are to the system.
 long long depthOf(std::string_view path) {
   long long parts = 0;
   bool inPart = false;
@@ -18,6 +21,7 @@ long long depthOf(std::string_view path) {
   return parts;
 }
 
+// "Word=value" is what the user would have to raise, in the spelling of the options.
 bool failAtLimit(const char* word, long long value, const Io& io) {
   io.log.LogError("Limit reached.");
   io.log.LogData("limit", word);
@@ -36,6 +40,7 @@ bool isNoDeeper(std::string_view path, long long depth, const Io& io) {
 
 }  // namespace
 
+// Counted before the comparison, so that the limit itself is still allowed.
 bool RunLimits::takeMember(std::string_view entryPath, const TarOptions& options, const Io& io) {
   ++m_members;
   if (options.maxMembers > 0 && m_members > options.maxMembers) {
@@ -44,11 +49,13 @@ bool RunLimits::takeMember(std::string_view entryPath, const TarOptions& options
   return options.maxPathDepth <= 0 || isNoDeeper(entryPath, options.maxPathDepth, io);
 }
 
+// -1 is no word at all, 0 a word that lifts the limit.
 bool RunLimits::mayMake(std::string_view entryPath, const TarOptions& options, const Io& io) {
   const long long most = options.maxPathDepth < 0 ? TarOptions::kDefaultPathDepth : options.maxPathDepth;
   return most == 0 || isNoDeeper(entryPath, most, io);
 }
 
+// By what the header claims; a member that would pass the limit is not begun.
 bool RunLimits::mayTakeData(long long size, const TarOptions& options, const Io& io) const {
   const long long most = options.maxTotalBytes;
   return most == 0 || saturatedSum(m_totalBytes, size) <= most || failAtLimit("MaxTotalBytes", most, io);

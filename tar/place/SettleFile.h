@@ -9,7 +9,7 @@ namespace morvane {
 
 class MorvaneFileTime;
 
-// Each may be null: not known. Without a modification time none is set.
+// Each may be null: not known. Without a modification time none is set. Pointers are borrowed for the call.
 struct MemberTimes {
   const MorvaneFileTime* creation = nullptr;  // nothing can be done with it here
   const MorvaneFileTime* access = nullptr;    // not known: as `accessStays` says
@@ -17,10 +17,11 @@ struct MemberTimes {
   bool accessStays = false;  // an access time that is not known is left alone; else it is the modification's
 };
 
-// Through the open file. False, with the reason in the log, when they cannot be set.
+// Through the open file. False, with the reason in the log, when they cannot be set. True too where there is
+// nothing to be set.
 bool setFileTimes(OutputFile& file, const MemberTimes& times, LogBase& log);
 
-// How a file ended.
+// How a file ended. A run goes on with a file that is whole or has failed alone, and ends with any other.
 struct FileEnd {
   bool isWhole = false;  // all data arrived on the disk
   // They did not, for a reason of the file's own (see OutputFile::dropAfterOwnFailure); whoever copied into

@@ -1,3 +1,6 @@
+// The state is a position in the stored data and one in the file. Pieces come as they are cut by whoever
+// reads; ranges come from the archive, in order and without overlap (SparseMap checks that), so that the file
+// is written forward only.
 #include "tar/place/SparseOutput.h"
 
 #include <algorithm>
@@ -7,12 +10,14 @@
 
 namespace morvane {
 
+// Once the whole map is known: its ranges have to add up to exactly the bytes that are left.
 bool SparseOutput::checkMap(LogBase& log) {
   m_mapIsComplete = true;
   if (m_map.fits(m_left)) return true;
   return fail("The map of a sparse member does not fit its data.", log);
 }
 
+// True may also mean that the map goes on in the next piece, and then n is 0.
 bool SparseOutput::takeMap(const char*& bytes, unsigned& n, LogBase& log) {
   if (m_map.isInData()) {
     unsigned used = 0;
@@ -26,6 +31,8 @@ bool SparseOutput::takeMap(const char*& bytes, unsigned& n, LogBase& log) {
   return checkMap(log);
 }
 
+// A failure of the file's own lets the rest of the data pass without being written; otherwise a failure ends
+// the run. Ranges of no length are stepped over: GNU tar ends its maps with one.
 bool SparseOutput::_writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log) {
   if (!m_hasFailed && !m_mapIsComplete && !takeMap(bytes, n, log)) return false;
   if (m_hasFailed) return m_file && m_file->hasFailedAlone();
@@ -49,6 +56,8 @@ bool SparseOutput::_writeBytes(const char* bytes, unsigned int n, _mvIoParams& i
   return true;
 }
 
+// A file is only moved on; a stream gets zeros, up to the size that the map claims, which may be far more
+// than was stored: whoever takes them can stop it.
 bool SparseOutput::passHole(long long upTo, _mvIoParams& io, LogBase& log) {
   if (upTo == m_at) return true;
   if (m_file) {
@@ -65,6 +74,7 @@ bool SparseOutput::passHole(long long upTo, _mvIoParams& io, LogBase& log) {
   return true;
 }
 
+// A sparse member without any data never had a piece, and its map is looked at here.
 bool SparseOutput::finish(_mvIoParams& io, LogBase& log) {
   if (!m_hasFailed && !m_mapIsComplete) {
     if (m_map.isInData() ? !fail("The map of a sparse member is cut.", log) : !checkMap(log)) return false;
@@ -75,6 +85,7 @@ bool SparseOutput::finish(_mvIoParams& io, LogBase& log) {
          (!m_file || m_file->setLength(m_map.realSize(), io.monitor(), log));
 }
 
+// True where the file alone fails, so that the run goes on.
 bool SparseOutput::fail(const char* message, LogBase& log) {
   log.LogError(message);
   m_hasFailed = true;

@@ -12,6 +12,8 @@ namespace morvane {
 
 class OutputFile;
 
+// Of one member. It owns the output in front of which it stands; memory is the map's, whatever the file's
+// size. Offsets and sizes are bytes from 0 up to 2^63-1.
 class SparseOutput : public _mvOutput {
  public:
   // `stored`: bytes that will come, a map's text included. `file` is `out` again where that is a file, else
@@ -23,14 +25,18 @@ class SparseOutput : public _mvOutput {
   // A map or data that make no sense fail the file alone, where that is borne (OutputFile::failAlone).
 
   // Behind the last byte: the file gets its size. False, with the reason in the log, when bytes are missing.
+  // True also where the file has failed alone, which settling it tells.
   [[nodiscard]] bool finish(_mvIoParams& io, LogBase& log);
 
  private:
+  //  checkMap: whether the ranges add up to the bytes that are left. passHole: up to an offset of the file.
+  // fail: says why, and returns whether the run may go on.
   bool takeMap(const char*& bytes, unsigned& n, LogBase& log);
   bool checkMap(LogBase& log);
   bool fail(const char* message, LogBase& log);
   bool passHole(long long upTo, _mvIoParams& io, LogBase& log);
 
+  // The two are one object where it is a file.
   const std::unique_ptr<_mvOutput> m_out;
   OutputFile* const m_file;
   SparseMap m_map;

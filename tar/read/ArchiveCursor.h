@@ -9,14 +9,18 @@
 
 namespace morvane {
 
+// On the stack of one run. It counts what others read: whoever takes bytes from the source says so, and a
+// position that comes from an archive's claims saturates at 2^63-1 instead of wrapping round.
 class ArchiveCursor {
  public:
   // The archive starts where the source stands.
   ArchiveCursor(_mvDataSource& source, ProgressMonitor* pm, LogBase& log)
       : m_source(source), m_pm(pm), m_log(log), m_start(source.ftell64()) {}
 
+  // Bytes from the archive's start. It is where the reader has got to by what it was told, whether or not the
+  // source could be asked.
   long long position() const { return m_at; }
-  // Tells that n bytes were read from the source.
+  // Tells that n bytes were read from the source. Negative counts do not come.
   void passed(long long n) { m_at = saturatedSum(m_at, n); }
   // False, with the reason in the log, when a source that cannot be moved failed while it was read on: what
   // comes next would be data in the place of a header. Where a seek fails, reads fail from then on, and it is
@@ -36,6 +40,7 @@ class ArchiveCursor {
   }
 
  private:
+  // Borrowed for the run.
   _mvDataSource& m_source;
   ProgressMonitor* const m_pm;
   LogBase& m_log;

@@ -1,3 +1,5 @@
+// The pull engine's copy of one member's data, and the same as a step of its own that applications call. The
+// lines and their context are what readers of these logs know.
 #include "tar/read/ExtractToFile.h"
 
 #include "runtime/fs/MorvaneFileTime.h"
@@ -15,6 +17,7 @@ namespace {
 
 constexpr char kContext[] = "extractToFile";
 
+// Times that the archive does not have make no line.
 void logTime(LogBase& log, const char* tag, const MorvaneFileTime* time) {
   if (!time) return;
   StringBuffer text;
@@ -22,6 +25,7 @@ void logTime(LogBase& log, const char* tag, const MorvaneFileTime* time) {
   log.LogDataSb(tag, text);
 }
 
+// A step that was given no modification time sets none, and so tells none.
 void logTimes(LogBase& log, const MemberTimes& times) {
   if (!log.verbose() || !times.modification) return;
   logTime(log, "lastModDateTimeGmt", times.modification);
@@ -29,7 +33,9 @@ void logTimes(LogBase& log, const MemberTimes& times) {
   logTime(log, "createDateTimeGmt", times.creation);
 }
 
-// In the log context that both forms share.
+// In the log context that both forms share. The file is told its size first, because one that comes in one
+// piece needs no buffer. What was copied before a failure stays, and the file is settled all the same, to get
+// its metadata and its close.
 FileEnd fill(_mvDataSource& source, FileToFill to, const MemberTimes& times, long long size, char* buffer,
              unsigned bufferSize, const Io& io, const Settle& settle) {
   to.file->expect(size);
@@ -47,6 +53,7 @@ FileEnd extractToFile(_mvDataSource& source, FileToFill to, const MemberTimes& t
   return fill(source, std::move(to), times, size, buffer, bufferSize, io, settle);
 }
 
+// A size below 0 can only come from a caller: headers with one are refused before.
 FileEnd extractToNewFile(_mvDataSource& source, const XString& path, const MemberTimes& times, long long size,
                          char* buffer, unsigned bufferSize, const Io& io) {
   LogContextExitor context(io.log, kContext);

@@ -1,3 +1,5 @@
+// The scan reads header after header as they are, without looking into records: a long name is a candidate
+// under the 100 bytes of it that its own header has.
 #include "tar/read/FirstMatch.h"
 
 #include <algorithm>
@@ -13,7 +15,8 @@ namespace morvane {
 
 namespace {
 
-// Room for the match in one allocation, by no claim larger than what the source can hold.
+// Room for the match in one allocation, by no claim larger than what the source can hold. A source that does
+// not know its size has -1, and nothing is reserved; then the buffer grows as data arrive.
 void reserveFor(long long size, _mvDataSource& source, _mvOutput& out) {
   auto* const buffer = dynamic_cast<OutputDataBuffer*>(&out);
   const long long left = source.sizeIfKnown() - std::max(source.ftell64(), 0LL);
@@ -23,6 +26,7 @@ void reserveFor(long long size, _mvDataSource& source, _mvOutput& out) {
 
 }  // namespace
 
+// A header that cannot be read ends the scan as a failure with the same line as an end without a match.
 bool copyFirstMatch(_mvDataSource& source, const MatchWanted& wanted, const ReadSettings& settings,
                     _mvOutput& out, const Io& io) {
   LogBase& log = io.log;

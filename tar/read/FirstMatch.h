@@ -10,13 +10,17 @@ namespace morvane {
 class _mvDataSource;
 class _mvOutput;
 
+// The pattern is a whole path's, "*" standing for anything; the text lives as long as the call.
 struct MatchWanted {
+  // Without regard to case, letters beyond ASCII are alike too.
   const XString& pattern;
   bool caseSensitive = false;
   bool logsEntries = false;  // the log names each path that is looked at
 };
 
-// True also when the archive ended without a match, and nothing was written then.
+// True also when the archive ended without a match, and nothing was written then. False, with the reason in
+// the log, for a damaged header, data that are cut, or an output that refuses a write. The source is read
+// from where it stands and left behind the match, so that the caller may go on.
 bool copyFirstMatch(_mvDataSource& source, const MatchWanted& wanted, const ReadSettings& settings,
                     _mvOutput& out, const Io& io);
 

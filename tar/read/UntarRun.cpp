@@ -1,3 +1,6 @@
+// The run is a loop over headers. Its order of steps and lines is what applications' logs have shown for
+// years; so it stays where another order would read better. Positions are counted, not asked for: a source
+// that cannot tell where it stands is read like any other.
 #include "tar/read/UntarRun.h"
 
 #include <algorithm>
@@ -17,6 +20,7 @@ namespace morvane {
 
 namespace {
 
+// Pieces in which data are copied; the smaller one where memory is short.
 constexpr unsigned kCopyBufferSize = 40000;
 constexpr unsigned kSmallCopyBufferSize = 20000;
 constexpr char kCannotExtract[] = "Failed to extract to file.";
@@ -26,6 +30,7 @@ constexpr char kAborted[] = "Untar aborted by application. (1)";
 // engine does either only when told to.
 constexpr MemberPlacer::Manner kManner{true, false, nullptr};
 
+// Old archives have a NUL as the type of a file; a log shows nothing for it.
 std::string typeText(char typeFlag) { return std::string(typeFlag ? 1 : 0, typeFlag); }
 
 MorvaneFileTime fileTime(const TarTime& time) {
@@ -34,6 +39,8 @@ MorvaneFileTime fileTime(const TarTime& time) {
 
 }  // namespace
 
+// The words have to be known before the reader is chosen, and so the settings are refreshed in its
+// initializer: members are initialized in the order in which they are declared, the settings first.
 UntarRun::UntarRun(const Context& context, LiveSettings<ReadSettings> settings, bool extract)
     : m_context(context),
       m_io(m_context.io),
@@ -47,6 +54,7 @@ UntarRun::UntarRun(const Context& context, LiveSettings<ReadSettings> settings, 
   if (extract && !m_settings.suppressOutput) m_aim = MemberPlacer::Aim::Extract;
 }
 
+// Without memory for a buffer the run fails before anything was touched.
 int UntarRun::run() {
   LogContextExitor context(m_log, "_untar");
   if (m_log.verbose()) {
@@ -84,12 +92,15 @@ int UntarRun::run() {
   return step == Step::Fail || m_placer.anyLeftOut() ? -1 : m_count;
 }
 
+// Always false, for the caller to return.
 bool UntarRun::failWith(const char* message, const char* tag, const XString& value) {
   m_log.LogError(message);
   m_log.LogDataX(tag, value);
   return false;
 }
 
+// Settings first, for everything behind them goes by what they are now. With AbortCheckMs of 0 nobody is
+// asked between members.
 UntarRun::Step UntarRun::nextEntry() {
   m_live.refresh();
   if (m_io.monitor && m_settings.abortCheckMs != 0 && m_io.monitor->abortCheck(m_log)) return failAborted();
@@ -110,6 +121,8 @@ UntarRun::Step UntarRun::nextEntry() {
   return found == MemberReader::Found::Member ? handleMember() : handleRecord(found);
 }
 
+// The two messages tell a header that follows a record from one that does not: what is damaged is found more
+// quickly with them. An abort has its own line first.
 bool UntarRun::readHeader(MemberReader::Found& found) {
   const bool merges = m_reader->followsRecord();
   unsigned char block[kBlockSize];
@@ -128,7 +141,8 @@ bool UntarRun::readHeader(MemberReader::Found& found) {
   return true;
 }
 
-// A record, or what is passed over like one.
+// A record, or what is passed over like one. It is taken before the record is, since the full reader may
+// change it.
 UntarRun::Step UntarRun::handleRecord(MemberReader::Found found) {
   // The records may set a size; the header's own says where the next one lies.
   const long long ownSize = m_member.size;
@@ -137,6 +151,8 @@ UntarRun::Step UntarRun::handleRecord(MemberReader::Found found) {
   return passOver(saturatedSum(m_filePosition, saturatedSum(kBlockSize, paddedSize(ownSize))));
 }
 
+// The lenient reader has lines of its own about records, which the full one does not: it says what is wrong
+// itself.
 bool UntarRun::takeRecord() {
   const bool isLongName = m_member.typeFlag == kTypeLongName;
   const bool tells = m_log.verbose() && !m_reader->isFull();
@@ -151,7 +167,8 @@ bool UntarRun::takeRecord() {
   return false;
 }
 
-// Reads the whole data of a record, and a NUL behind them.
+// Reads the whole data of a record, and a NUL behind them. The NUL is for the lenient reader and the log,
+// which take text as C strings; it is not counted in what the reader gets.
 bool UntarRun::readRecord(DataBuffer& data) {
   const long long size = m_member.size;
   const std::string what = m_reader->recordName();
@@ -175,7 +192,8 @@ bool UntarRun::readRecord(DataBuffer& data) {
   return true;
 }
 
-// The further blocks of a sparse map stand between header and data, and are counted in no size.
+// The further blocks of a sparse map stand between header and data, and are counted in no size. What is read
+// of them is counted here, for the positions of headers.
 bool UntarRun::passSparseMap() {
   unsigned char block[kBlockSize];
   for (bool goesOn = m_member.sparseMapGoesOn; goesOn; goesOn = m_reader->takeSparseBlock(block)) {
@@ -189,6 +207,9 @@ bool UntarRun::passSparseMap() {
   return true;
 }
 
+// Listing, path, event, limits, and only then extraction: a member that is not extracted is listed and
+// announced all the same. The stored path is given up once nobody looks at it any more. Data that were not
+// read are passed over, whatever the reason.
 UntarRun::Step UntarRun::handleMember() {
   m_member.headerPosition = m_filePosition;
   m_filePosition = saturatedSum(m_filePosition, kBlockSize);
@@ -209,6 +230,9 @@ UntarRun::Step UntarRun::handleMember() {
   return passOver(saturatedSum(m_filePosition, paddedSize(m_member.size)));
 }
 
+// What the count means is the caller's question: members that pass the filter where nothing is written, else
+// members that were made. UntarMaxCount is looked at behind a member, so that the one that reaches it is
+// whole.
 UntarRun::Step UntarRun::extractMember(bool& extracted) {
   using Choice = MemberPlacer::Choice;
   switch (m_placer.choose(m_member, m_aim, m_io)) {
@@ -238,6 +262,7 @@ UntarRun::Step UntarRun::extractMember(bool& extracted) {
   return Step::Stop;
 }
 
+// The caller's output is not owned, and gets zeros where a sparse member has holes.
 UntarRun::Step UntarRun::copyMember() {
   const auto out =
       MemberPlacer::spreading(m_member, std::make_unique<ForwardingOutput>(*m_memberOutput), nullptr);
@@ -250,6 +275,7 @@ UntarRun::Step UntarRun::copyMember() {
   return Step::Stop;
 }
 
+// What has no data (a directory, a link, a special file) is done once it is made.
 bool UntarRun::makeMember(bool& leftOut) {
   logMaking();
   Placed placed = m_placer.place(m_member, m_io);
@@ -259,6 +285,7 @@ bool UntarRun::makeMember(bool& leftOut) {
   return !placed.file || copyToFile({std::move(placed.out), placed.file}, leftOut);
 }
 
+// Before the attempt: a log that ends here shows at which member.
 void UntarRun::logMaking() {
   const bool isDirectory = m_member.isDirectory;
   if (isDirectory && m_settings.untarDiscardPaths) return;  // none is made
@@ -267,6 +294,8 @@ void UntarRun::logMaking() {
   if (m_log.verbose()) m_log.LogDataX(isDirectory ? "createDir" : "outputFile", path.outputPath());
 }
 
+// One message for directories, whatever the reason; files tell a missing place from a file that could not be
+// made.
 bool UntarRun::couldNotMake(Placed::Result result) {
   const XString& path = m_placer.path().outputPath();
   if (m_member.isDirectory) return failWith("Unable to create directory", "dirPath", path);
@@ -282,6 +311,9 @@ bool UntarRun::couldNotMake(Placed::Result result) {
   return failWith(kCannotExtract, "filePath", path);
 }
 
+// The header's times are handed over as far as the archive has them; without Restore only the modification
+// time and, where it is known, the access time can be set. A file that failed for a reason of its own has had
+// its data taken, so that the cursor stands right.
 bool UntarRun::copyToFile(FileToFill to, bool& leftOut) {
   const MorvaneFileTime modification = fileTime(m_member.mtime), access = fileTime(m_member.atime),
                         creation = fileTime(m_member.ctime);

@@ -19,9 +19,11 @@ class DataBuffer;
 class _mvDataSource;
 class _mvOutput;
 
+// On the stack of a method, one run for each object, on one thread; callbacks are called on it. An exception
+// of theirs passes through after the listing has been closed.
 class UntarRun {
  public:
-  // What a run is handed and does not own.
+  // What a run is handed and does not own. All of it must outlive the run.
   struct Context {
     _mvDataSource& source;
     Io io;
@@ -29,6 +31,8 @@ class UntarRun {
     XString& xmlListing;
   };
 
+  // Whether members are extracted is settled here, by `extract` and the settings as they are. Throws
+  // std::bad_alloc.
   UntarRun(const Context& context, LiveSettings<ReadSettings> settings, bool extract);
 
   // A file that extraction must not replace (with Confine): the archive.
@@ -39,23 +43,29 @@ class UntarRun {
     m_memberOutput = &out;
     m_aim = MemberPlacer::Aim::OneFile;
   }
-  // Members counted, -1 on failure.
+  // Members counted, -1 on failure. Called once. The reason of a failure is in the log; what was extracted
+  // before it stays.
   int run();
   // Whether it failed for nothing but members that were left out.
   bool onlyLeftOut() const { return m_onlyLeftOut; }
 
  private:
+  // Stop: the run has ended well, at the end of the archive or because enough was extracted.
   enum class Step { GoOn, Stop, Fail };
 
+  // From one header to the next; each of these leaves the cursor behind what it consumed.
   Step nextEntry();
+  // Of an extension record: its data are read whole, up to MaxExtensionBytes, and given to the reader.
   bool readHeader(MemberReader::Found& found);
   Step handleRecord(MemberReader::Found found);
   bool takeRecord();
   bool readRecord(DataBuffer& data);
   bool passSparseMap();
   Step handleMember();
+  // Chooses, and makes or copies. `extracted` is for a line of the debugging log.
   Step extractMember(bool& extracted);
   Step copyMember();
+  // What is made of a member on the disk. `leftOut`: the run goes on without it.
   bool makeMember(bool& leftOut);
   void logMaking();
   bool couldNotMake(Placed::Result result);
@@ -71,14 +81,18 @@ class UntarRun {
   const ReadSettings& m_settings;
   MemberPlacer::Aim m_aim = MemberPlacer::Aim::Look;  // as it was when the run began
 
+  // The reader of the run, lenient or full, and its member, which the next header replaces.
   const std::unique_ptr<MemberReader> m_reader;
   Member& m_member;  // what the last header begins
   MemberPlacer m_placer;
+  // Made once, for all members.
   ByteArrayOwner m_copyBuffer;
   unsigned m_copyBufferSize = 0;
 
+  // The cursor is where bytes were read to; the position is what headers say.
   ArchiveCursor m_cursor;
   long long m_filePosition = 0;  // of the next header, from the archive's start
+  // For the log alone.
   char m_previousTypeFlag = ' ';
   _mvOutput* m_memberOutput = nullptr;
   bool m_onlyLeftOut = false;

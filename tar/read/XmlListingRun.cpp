@@ -1,3 +1,5 @@
+// The listing shows what is in the archive, block by block, for people who look for what is wrong with one:
+// hence no merging, and data of records beside their headers.
 #include "tar/read/XmlListingRun.h"
 
 #include "runtime/base/ScopeExit.h"
@@ -10,6 +12,8 @@ namespace morvane {
 
 namespace {
 
+// A record's data are shown up to here; longer ones are passed over as data are. An XML viewer is no place
+// for more.
 constexpr long long kLongestListedData = 99999;
 constexpr unsigned kDrainAt = 64 * 1024;
 
@@ -26,6 +30,7 @@ void readListedData(_mvDataSource& source, const TarHeader& header, ArchiveCurso
   if (!ok || numRead < size) io.fail("Failed to read long filename after TAR header.");
 }
 
+// GNU's long names of links ('K') and global records ('g') are shown without.
 bool hasListedData(const TarHeader& header) {
   const bool record = header.m_typeFlag == kTypePax || header.m_typeFlag == kTypeLongName;
   return record && header.m_size >= 1 && header.m_size <= kLongestListedData;
@@ -33,6 +38,7 @@ bool hasListedData(const TarHeader& header) {
 
 }  // namespace
 
+// The closing tags are written in any case, so that what is there can be parsed.
 bool XmlListingRun::run(XString& xml, _mvOutput* drain) {
   TarHeader header;
   Member shown;
@@ -50,6 +56,9 @@ bool XmlListingRun::run(XString& xml, _mvOutput* drain) {
   }
 }
 
+// In a verbose log's listing each header also has its raw bytes, quoted-printable. The position behind the
+// header is noted before the data are read, since a cut record is left at any place and the next header is
+// sought from there.
 bool XmlListingRun::nextHeader(TarHeader& header, Member& shown, XString& xml, bool& atEnd) {
   unsigned char block[kBlockSize];
   header.clear();
@@ -73,6 +82,7 @@ bool XmlListingRun::nextHeader(TarHeader& header, Member& shown, XString& xml, b
   return m_cursor.moveTo(saturatedSum(dataPosition, paddedSize(header.m_size)));
 }
 
+// Cleared only when it was taken: a failed output leaves the rest for the caller to see.
 bool XmlListingRun::drainInto(_mvOutput& drain, XString& xml) {
   if (!drain.writeBytesPM(xml.getUtf8(), xml.getSizeUtf8(), m_io.monitor, m_io.log)) return false;
   xml.clear();

@@ -14,6 +14,9 @@ namespace morvane {
 class TarHeader;
 struct Member;
 
+// One run for each object, on the caller's stack; the source is not owned. Properties set by a callback
+// (Charset, AbortCheckMs) hold from the next header on. It sends no events of its own but the questions
+// whether to abort.
 class XmlListingRun {
  public:
   XmlListingRun(_mvDataSource& source, LiveSettings<ReadSettings> settings, const Io& io)
@@ -27,13 +30,17 @@ class XmlListingRun {
   bool run(XString& xml, _mvOutput* drain);
 
  private:
+  // One header and the data of its record. False, with the reason in the log, when it cannot be read.
   bool nextHeader(TarHeader& header, Member& shown, XString& xml, bool& atEnd);
+  // Empties `xml` into the drain. False when that refuses it.
   bool drainInto(_mvOutput& drain, XString& xml);
 
+  // Borrowed for the run, which reads it from where it stands.
   _mvDataSource& m_source;
   LiveSettings<ReadSettings> m_live;
   const Io m_io;
   ArchiveCursor m_cursor;
+  // Names are shown in UTF-8, by Charset as it is at the header.
   NameDecoder m_names;
 };
 

@@ -8,12 +8,15 @@
 
 namespace morvane {
 
-// Stands between a decompressor and its output. `in` is what the decompressor reads. 0 is no limit.
+// Stands between a decompressor and its output. `in` is what the decompressor reads. 0 is no limit. Bytes
+// against bytes, from the start of the run, so that a short stretch that compresses well is nothing. One for
+// a run; the sums are never set back.
 class RatioLimit : public _mvOutput {
  public:
   RatioLimit(_mvOutput& out, const MeteredSource& in, long long mostTimes)
       : m_out(out), m_in(in), m_mostTimes(mostTimes) {}
 
+  // The piece that goes beyond the limit is not handed on, and its refusal ends the decompressor.
   bool _writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log) override {
     m_produced += n;
     // Divided, because a product might be more than any number holds.
@@ -24,10 +27,13 @@ class RatioLimit : public _mvOutput {
   }
 
  private:
+  // Small archives of zeros have any ratio and do no harm; the limit begins to count at 16 MiB of output.
   static constexpr long long kAlwaysAllowed = 16LL * 1024 * 1024;
 
+  // Both of the caller's, who outlives this.
   _mvOutput& m_out;
   const MeteredSource& m_in;
+  // Bytes out for each byte in.
   const long long m_mostTimes;
   long long m_produced = 0;
 };

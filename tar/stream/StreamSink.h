@@ -7,11 +7,15 @@
 
 namespace morvane {
 
+// It has no end: whoever runs the decompressor finishes the stream behind it. The engine is not owned. It
+// keeps no bytes itself.
 class StreamSink : public _mvOutput {
  public:
   explicit StreamSink(StreamingUntar& stream) : m_stream(stream) {}
 
-  // Pieces that arrive behind the end of the archive succeed and are ignored.
+  // Pieces that arrive behind the end of the archive succeed and are ignored. So a decompressor runs to its
+  // own end, where it checks its checksum. Behind the engine's line there is one of this room, as the logs
+  // have always had.
   bool _writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log) override {
     bool finished = false;
     const auto* const data = reinterpret_cast<const unsigned char*>(bytes);
@@ -21,6 +25,7 @@ class StreamSink : public _mvOutput {
   }
 
  private:
+  // Borrowed; begun by whoever made the sink.
   StreamingUntar& m_stream;
 };
 

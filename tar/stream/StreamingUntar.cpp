@@ -1,3 +1,7 @@
+// The state machine: in an entry's data (m_streamBytesLeft), in its padding (m_streamPaddingLeft), or in
+// front of a header. A piece that belongs to one file is handed straight through; only what a piece has
+// beyond that, and what is too short for a header, is held back. So memory does not depend on the size of
+// archives or members.
 #include "tar/stream/StreamingUntar.h"
 
 #include <algorithm>
@@ -30,6 +34,7 @@ void StreamingUntar::setOutput(std::unique_ptr<_mvOutput> output, OutputFile* fi
 
 void StreamingUntar::releaseOutput() { setOutput(nullptr, nullptr); }
 
+// The state of the last run goes on, because applications feed one archive to an object in several calls.
 void StreamingUntar::beginUnframed() {
   // Where a callback threw, nobody knows what of a member was taken: there is no state to go on from.
   if (m_life == Life::BrokenOff) resetRun();
@@ -48,6 +53,7 @@ void StreamingUntar::BeginStreamingUntar() {
   beginUnframed();
 }
 
+// Every member that one run leaves for the next is set here, and limits count from 0.
 void StreamingUntar::resetRun() {
   releaseOutput();
   m_streamPending.clear();
@@ -66,12 +72,15 @@ void StreamingUntar::resetRun() {
   m_placer.clearLimits();
 }
 
+// Whatever is fed from now on is refused, until a run is begun.
 void StreamingUntar::breakOff() {
   resetRun();
   m_life = Life::BrokenOff;
   m_streamOk = false;
 }
 
+// A failure is remembered, so that finishing the run tells of it even when its caller did not look. The loop
+// ends when nothing is consumed any more; each step that consumes something makes what is pending smaller.
 bool StreamingUntar::StreamingUntarNext(const unsigned char* data, unsigned numBytes, bool& finished,
                                         ProgressMonitor* pm, LogBase& log) {
   LogContextExitor context(log, "StreamingUntarNext", log.verbose());
@@ -93,6 +102,9 @@ bool StreamingUntar::StreamingUntarNext(const unsigned char* data, unsigned numB
   return true;
 }
 
+// A member that is cut is an error; an archive without its end mark is one only where RequireEndOfArchive
+// says so, because many writers omit it. What arrived of a cut member is kept, and closed without a time of
+// its own, so that it does not look like the whole.
 bool StreamingUntar::FinishStreamingUntar(ProgressMonitor* pm, LogBase& log) {
   LogContextExitor context(log, "FinishStreamingUntar");
   const Io io(log, pm);
@@ -121,6 +133,8 @@ bool StreamingUntar::FinishStreamingUntar(ProgressMonitor* pm, LogBase& log) {
   return m_streamOk && !anyLeftOut();
 }
 
+// Less than a block behind the last member is no header; it is told and ignored, as other tars do. Steps that
+// make no progress end it, whatever their result: StreamingUntarNext has noted a failure.
 void StreamingUntar::takeWhatIsPending(ProgressMonitor* pm, LogBase& log) {
   while (!m_streamPending.isEmpty() && !m_streamFinished) {
     const unsigned pendingBefore = m_streamPending.getSize();
@@ -150,6 +164,7 @@ bool StreamingUntar::streamingUntarInner(const unsigned char* data, unsigned num
   }
 }
 
+// Each branch consumes what belongs to one state and returns; the caller comes back for the rest.
 bool StreamingUntar::takeStep(const unsigned char* data, unsigned numBytes, bool& finished, const Io& io) {
   LogBase& log = io.log;
   finished = false;
@@ -191,6 +206,7 @@ void StreamingUntar::eat(unsigned n) {
   m_streamPosition += n;
 }
 
+// May be less than is needed; the rest is taken from the next piece.
 bool StreamingUntar::consumePadding() {
   const unsigned n = std::min(m_streamPending.getSize(), m_streamPaddingLeft);
   eat(n);
@@ -198,6 +214,7 @@ bool StreamingUntar::consumePadding() {
   return true;
 }
 
+// The position moves on here only for pieces that never were pending; eat() counts the others.
 bool StreamingUntar::write(const char* bytes, unsigned n, Arrival arrival, const Io& io) {
   if (!m_streamOutput->writeBytesPM(bytes, n, io.monitor, io.log)) {
     m_writeFailed = true;
@@ -209,11 +226,14 @@ bool StreamingUntar::write(const char* bytes, unsigned n, Arrival arrival, const
   return true;
 }
 
+// The number tells by which way the bytes came, for those who read logs of long ago.
 bool StreamingUntar::writeHasFailed(Arrival arrival, const Io& io) {
   const std::string number = std::to_string(static_cast<int>(arrival));
   return io.fail(("Failed to write tar data to output. (" + number + ")").c_str());
 }
 
+// Here n fits an unsigned, since it is less than what is pending. Strictly less: data that end exactly with
+// the piece leave no padding to be taken along, and have a message of their own.
 bool StreamingUntar::consumeData(const Io& io) {
   if (!m_streamOutput) return io.fail("No output for streaming.");
   const unsigned pending = m_streamPending.getSize();
@@ -235,6 +255,8 @@ bool StreamingUntar::consumeData(const Io& io) {
 
 // ---- The end of an entry
 
+// Padding follows from what was written, which is the header's size by now. The output goes however its file
+// ended; a member that was wanted counts only if that went well.
 bool StreamingUntar::finishEntry(Arrival arrival, const Io& io) {
   LogBase& log = io.log;
   const std::string number = std::to_string(static_cast<int>(arrival));
@@ -251,6 +273,8 @@ bool StreamingUntar::finishEntry(Arrival arrival, const Io& io) {
   return ok;
 }
 
+// The size is compared as a warning only: an output that dropped its data has said why. An access time is
+// left to the system here, as it always was in this engine.
 bool StreamingUntar::settleOutputFile(const Io& io) {
   const bool isSpread = m_reader->found().sparse.isSparse();  // then it gets more than comes
   if (!isSpread && m_streamOutFile->ftell64() != m_streamExpectedSize) {

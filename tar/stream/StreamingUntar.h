@@ -18,9 +18,12 @@ class OutputFile;
 class XString;
 class _mvOutput;
 
+// It lives in the ClsTar object between two pieces, or on the stack for one member. One call at a time; it
+// holds no lock. Callbacks run inside of these calls and must not make another on the same object. Memory:
+// what is pending, at most a piece and a block, and one record of extension data (MaxExtensionBytes).
 class StreamingUntar {
  public:
-  // `xmlListing` receives a captured listing.
+  // `xmlListing` receives a captured listing. It must outlive this object.
   StreamingUntar(LiveSettings<ReadSettings> settings, XString& xmlListing)
       : m_live(std::move(settings)),
         m_settings(m_live.now()),
@@ -28,9 +31,13 @@ class StreamingUntar {
         m_placer(m_live, kManner) {}
   ~StreamingUntar();
 
+  // Any state of an earlier run is given up; a file that is still open is closed as it is.
   void BeginStreamingUntar();
+  // Takes a piece of any size; `data` may be null for none. False, with the reason in the log, for a failure,
+  // which need not end the run: `finished` tells that.
   bool StreamingUntarNext(const unsigned char* data, unsigned numBytes, bool& finished, ProgressMonitor* pm,
                           LogBase& log);
+  // The result of the run; see ClsTar. Called once, behind the pieces.
   bool FinishStreamingUntar(ProgressMonitor* pm, LogBase& log);
   // One step: consumes what it can of one piece, or of what earlier pieces left, and returns.
   bool streamingUntarInner(const unsigned char* data, unsigned numBytes, bool& finished, ProgressMonitor* pm,
@@ -85,7 +92,9 @@ class StreamingUntar {
 
   void resetRun();
   void takeWhatIsPending(ProgressMonitor* pm, LogBase& log);
+  // One step, by the state that the run is in.
   bool takeStep(const unsigned char* data, unsigned numBytes, bool& finished, const Io& io);
+  // Steps that take from what is pending; each leaves the state consistent when it fails.
   bool consumePadding();
   bool consumeData(const Io& io);
   bool consumeHeader(bool& finished, const Io& io);
@@ -94,25 +103,31 @@ class StreamingUntar {
   bool parseHeader(const unsigned char* block, bool& finished, const Io& io);
   bool applyExtensionData(const Io& io);
   bool closeEmptyFile(const Io& io);
+  // What the header begins: each opens the output of the entry's data, and tells how many there are.
   bool beginEntry(bool& finished, const Io& io);
   bool beginExtension(bool& finished, const Io& io);
   bool beginFile(bool skipped, bool& finished, const Io& io);
   bool beginDirectory(bool skipped, bool& finished, const Io& io);
+  // To the open output. False, with the way the bytes came in the message, when it refuses them.
   bool write(const char* bytes, unsigned n, Arrival arrival, const Io& io);
   bool writeHasFailed(Arrival arrival, const Io& io);
+  // The end of an entry's data, and of its file.
   bool finishEntry(Arrival arrival, const Io& io);
   bool settleOutputFile(const Io& io);
   bool closeOutputFile(const Io& io);
   bool endOutputFile(const MemberTimes& times, const Io& io);
   void completeMember();
   void eat(unsigned n);
+  // Replaces both at once; the old output is destroyed, which closes a file.
   void setOutput(std::unique_ptr<_mvOutput> output, OutputFile* file);
+  // Nothing is taken behind it. False, for the caller to return.
   bool stop(const char* message, bool& finished, const Io& io);
 
   LiveSettings<ReadSettings> m_live;  // taken anew at each header
   const ReadSettings& m_settings;
   XString& m_xmlListing;
   MemberPlacer m_placer;
+  // The caller's output for one member; null where members become files.
   _mvOutput* m_memberOutput = nullptr;
 
   // ---- The run
@@ -133,6 +148,7 @@ class StreamingUntar {
   std::unique_ptr<_mvOutput> m_streamOutput;  // of the current entry's data
   OutputFile* m_streamOutFile = nullptr;      // the same object when it is a file
   bool m_writeFailed = false;                 // of the open output
+  // Bytes: of the entry in all, still to come, handed to its output; then zeros up to the next block.
   long long m_streamExpectedSize = 0;
   long long m_streamBytesLeft = 0;
   long long m_streamBytesWritten = 0;

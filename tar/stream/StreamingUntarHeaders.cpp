@@ -16,6 +16,9 @@ std::string typeText(char typeFlag) { return std::string(typeFlag ? 1 : 0, typeF
 
 }  // namespace
 
+// A header is looked at once 512 bytes are there. What comes behind the end mark is thrown away: archives are
+// filled up to the record size of a tape, and some carry more. An empty member's file is closed only here, by
+// the header behind it, as its outcome has always been told there.
 bool StreamingUntar::consumeHeader(bool& finished, const Io& io) {
   if (m_streamPending.getSize() < kBlockSize) return true;
   if (m_expected == Expected::SparseMap) return consumeSparseMap(finished, io);
@@ -44,7 +47,8 @@ bool StreamingUntar::consumeHeader(bool& finished, const Io& io) {
   return m_expected == Expected::SparseMap || takeHeader(finished, io);
 }
 
-// The further blocks of a sparse map stand between header and data, and are counted in no size.
+// The further blocks of a sparse map stand between header and data, and are counted in no size. Each needs a
+// whole block of its own, so that this is a state and not a loop.
 bool StreamingUntar::consumeSparseMap(bool& finished, const Io& io) {
   const bool goesOn = m_reader->takeSparseBlock(m_streamPending.getData2());
   eat(kBlockSize);
@@ -53,7 +57,8 @@ bool StreamingUntar::consumeSparseMap(bool& finished, const Io& io) {
   return takeHeader(finished, io);
 }
 
-// Stages what the entry before said of the one whose header has arrived.
+// Stages what the entry before said of the one whose header has arrived. Only now, because the record's
+// padding lay between. The NUL is for the lenient reader, which takes C strings.
 bool StreamingUntar::applyExtensionData(const Io& io) {
   if (!m_streamExtData.appendChar('\0')) return io.fail("Out of memory for streamed data.");
   const auto* const text = reinterpret_cast<const char*>(m_streamExtData.getData2());
@@ -69,6 +74,8 @@ bool StreamingUntar::applyExtensionData(const Io& io) {
   return ok;
 }
 
+// A header that cannot be parsed ends the run for good, since nobody knows where the next one would be. The
+// block is shown in the log before it is given up.
 bool StreamingUntar::parseHeader(const unsigned char* block, bool& finished, const Io& io) {
   const bool merges = m_reader->followsRecord();
   if (!m_reader->takeBlock(block, m_found, io.log)) {
@@ -95,6 +102,8 @@ bool StreamingUntar::closeEmptyFile(const Io& io) {
   return closed || writeHasFailed(Arrival::AllPending, io);
 }
 
+// The same steps as the pull engine's handleMember, with this engine's lines; a record takes part in listing
+// and path, but is announced to nobody.
 bool StreamingUntar::takeHeader(bool& finished, const Io& io) {
   const bool isMember = m_found == MemberReader::Found::Member;
   Member& member = m_reader->found();
@@ -120,6 +129,8 @@ bool StreamingUntar::takeHeader(bool& finished, const Io& io) {
 
 // ---- The beginning of an entry
 
+// Here suppressing may be switched on and off between members, because settings are taken anew with each
+// header. What is passed over is treated as a file that nobody wants: its data have to be consumed.
 bool StreamingUntar::beginEntry(bool& finished, const Io& io) {
   using Choice = MemberPlacer::Choice;
   if (m_found == MemberReader::Found::Record) return beginExtension(finished, io);
@@ -137,6 +148,7 @@ bool StreamingUntar::beginEntry(bool& finished, const Io& io) {
   return member.isDirectory ? beginDirectory(skipped, finished, io) : beginFile(skipped, finished, io);
 }
 
+// The size is a claim: the buffer grows by what arrives, and a limit is asked before.
 bool StreamingUntar::beginExtension(bool& finished, const Io& io) {
   m_streamExtData.clear();
   if (m_reader->found().size > m_settings.options.maxExtensionBytes) {
@@ -156,6 +168,9 @@ bool StreamingUntar::beginExtension(bool& finished, const Io& io) {
   return true;
 }
 
+// A file that is left out gets an output that takes everything and does nothing, so that its data are
+// consumed like any other's. One that cannot be made ends the run: without an output its data have nowhere to
+// go.
 bool StreamingUntar::beginFile(bool skipped, bool& finished, const Io& io) {
   if (!skipped && m_memberOutput) {
     m_wanted = Wanted::Arriving;

@@ -1,3 +1,5 @@
+// Every byte of an archive passes writeOut_pm, headers as well as data: so the question whether to abort, the
+// count for the trailer and the choice of plain or compressed stand here once.
 #include "tar/write/ArchiveOutput.h"
 
 #include "runtime/buffer/DataBuffer.h"
@@ -6,6 +8,7 @@
 
 namespace morvane {
 
+// Whatever an earlier write left, a failed one too, is forgotten.
 void ArchiveOutput::begin(Compression compression, const CodecOptions& options) {
   m_encoder = compression == Compression::None ? nullptr : codecOf(compression).makeEncoder(options);
   m_compressFirst = true;
@@ -21,6 +24,7 @@ bool ArchiveOutput::close(_mvOutput& out, LogBase& log) {
   return !m_encoder || m_encoder->end(out, m_uncompressedSize, log);
 }
 
+// The abort is asked for by time, not with each piece: a clock is cheaper than a callback.
 bool ArchiveOutput::writeOut_pm(const unsigned char* data, unsigned len, bool checkAbort, const Io& io) {
   if (checkAbort && io.monitor && io.monitor->abortCheckTimed(io.log)) {
     return io.fail("TAR aborted by application. (1)");
@@ -29,10 +33,13 @@ bool ArchiveOutput::writeOut_pm(const unsigned char* data, unsigned len, bool ch
   return m_output && m_output->writeBytesPM(reinterpret_cast<const char*>(data), len, io.monitor, io.log);
 }
 
+// For copying without a buffer between: only a plain archive in a file takes its bytes as they are.
 OutputFile* ArchiveOutput::plainFile() const {
   return m_encoder ? nullptr : dynamic_cast<OutputFile*>(m_output);
 }
 
+// The encoder is finished together with the last piece, because nothing may be added behind it. The first
+// piece is never the last: an archive's end alone is two blocks.
 bool ArchiveOutput::compress(const unsigned char* data, unsigned len, const Io& io) {
   m_uncompressedSize += len;
   DataBuffer ready;

@@ -12,19 +12,22 @@ class OutputFile;
 class _mvOutput;
 struct Io;
 
+// It lives in the ClsTar object and serves one write after the other. Failures have their reason in the log.
 struct ArchiveOutput {
   _mvOutput* m_output = nullptr;     // not owned; set for the length of a write
   bool m_compressLast = false;       // the next write is the last
   long long m_uncompressedSize = 0;  // archive bytes handed to the encoder
 
-  // What the next write goes through. An encoder serves one archive.
+  // What the next write goes through. An encoder serves one archive. Called before each write, a failed one
+  // included.
   void begin(Compression compression, const CodecOptions& options);
-  // Writes what an encoder puts in front of its data and behind them. Nothing for a plain archive.
+  // Writes what an encoder puts in front of its data and behind them. Nothing for a plain archive. `out` is
+  // the output of the write, which is set later than this.
   [[nodiscard]] bool open(_mvOutput& out, const Io& io);
   [[nodiscard]] bool close(_mvOutput& out, LogBase& log);
 
   // `checkAbort`: whether the abort checks inside a member's data are on. Without an output a plain write
-  // fails without a message.
+  // fails without a message. The piece is not kept.
   [[nodiscard]] bool writeOut_pm(const unsigned char* data, unsigned len, bool checkAbort, const Io& io);
 
   // The file that bytes go to as they are; null when they go anywhere else.

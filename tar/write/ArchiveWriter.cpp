@@ -1,3 +1,6 @@
+// The order of a member's steps: filter, examine, events, description, event, checks, header, data. A
+// callback may set properties at any of them and what it sets holds from the next on. Once a header is out
+// its size is a promise, which with WriteExactSizes is kept whatever happens to the source then.
 #include "tar/write/ArchiveWriter.h"
 
 #include <algorithm>
@@ -18,17 +21,22 @@ namespace {
 constexpr char kCannotOpenSource[] = "Failed to open source file for TAR archive.";
 constexpr char kCannotCopy[] = "Failed to copy file contents to TAR.";
 
+// A place that is a path alone, on the disk.
 SourcePlace placeOf(const XString& fullPath, bool followsLinks = false) {
   return {fullPath, -1, nullptr, false, nullptr, followsLinks};
 }
 
 }  // namespace
 
+// Only a regular file can be met again as a source; a pipe's numbers tell nothing.
 void ArchiveWriter::leaveOut(const mvFileInfo& archive) {
   m_hasArchive = archive.m_isRegularFile;
   m_archive = archive;
 }
 
+// Lists are owned by the component and do not change during the write, since methods that would change them
+// are refused in callbacks. The number of members without their attributes is told only if it says more than
+// the first line did.
 bool ArchiveWriter::writeTarToOutput(const ExtPtrArraySb& files, const ExtPtrArray& dirRoots,
                                      XString& curDirRootPath) {
   LogContextExitor context(m_log, "writeTarToOutput");
@@ -46,6 +54,8 @@ bool ArchiveWriter::writeTarToOutput(const ExtPtrArraySb& files, const ExtPtrArr
   return writeEndOfArchive();
 }
 
+// POSIX's two blocks of zeros, and no filling up to a tape's record; the last block takes the encoder's end
+// with it.
 bool ArchiveWriter::writeEndOfArchive() {
   static constexpr unsigned char kZeroBlock[kBlockSize] = {};
   if (!m_run.put(kZeroBlock, kBlockSize)) return false;
@@ -53,6 +63,7 @@ bool ArchiveWriter::writeEndOfArchive() {
   return m_run.put(kZeroBlock, kBlockSize);
 }
 
+// What is wrong with a stored pair shows only here, because adding a file does not look at it.
 bool ArchiveWriter::writeSingleFile(const SourceEntry& entry) {
   if (!entry.isClosed) return m_run.io.fail("Did not find closing ESC char.");
   XString pathInTar;
@@ -73,6 +84,8 @@ bool ArchiveWriter::writeSingleFile(const SourceEntry& entry) {
   return true;
 }
 
+// The option is taken by reference, so that a callback may set it in the middle of a walk. A walk that breaks
+// off is the end of this tree; with SkipUnreadable the trees behind it are still written.
 bool ArchiveWriter::writeTree(const DirRoot& root, XString& curDirRootPath) {
   LogContextExitor context(m_log, "NextDirRoot", m_log.verbose());
   curDirRootPath.setFromSbUtf8(root.m_dirPath);
@@ -102,6 +115,7 @@ bool ArchiveWriter::writeTree(const DirRoot& root, XString& curDirRootPath) {
   return true;
 }
 
+// False, for the caller to return.
 bool ArchiveWriter::memberFailed(const XString& fullPath, const XString& pathInTar) {
   m_log.LogError("Failed to write file to output.");
   m_log.LogDataX("fullFilePath", fullPath);
@@ -116,11 +130,14 @@ bool ArchiveWriter::isAborted() {
   return true;
 }
 
+// The step of the public interface, for a file or a directory by itself.
 bool ArchiveWriter::writeFileToOutput(const XString& fullPath, XString& pathInTar) {
   return writeMember(placeOf(fullPath, m_run.settings.options.followLinks), pathInTar, nullptr);
 }
 
-// `tree` is the walk that stands on the member, null for a single file.
+// `tree` is the walk that stands on the member, null for a single file. True also for a member that was left
+// out on purpose. What is found unreadable with SkipUnreadable is left out before its header is written;
+// behind that it is too late.
 bool ArchiveWriter::writeMember(const SourcePlace& place, XString& pathInTar, ClsDirTree* tree) {
   LogContextExitor context(m_log, "writeFileToOutput");
   if (m_run.settings.filter.excludes(place.fullPath.str())) {
@@ -158,6 +175,7 @@ bool ArchiveWriter::writeMember(const SourcePlace& place, XString& pathInTar, Cl
   return true;
 }
 
+// Bytes from memory have no file: what they are is filled in, the rest stays at its defaults.
 bool ArchiveWriter::examine(const SourcePlace& place, mvFileInfo& info) {
   if (place.memory) {
     info.m_isRegularFile = true;
@@ -170,6 +188,8 @@ bool ArchiveWriter::examine(const SourcePlace& place, mvFileInfo& info) {
   return m_source.examine(place, mayOpen, info, m_log);
 }
 
+// By device and inode, since the archive may be met under any name. Without the word it archives itself as
+// far as it has come, as it always did.
 bool ArchiveWriter::isArchiveItself(const SourcePlace& place, const mvFileInfo& info) {
   if (!m_run.settings.options.skipOutputFile || !m_hasArchive || !info.isSameFile(m_archive)) return false;
   m_log.LogInfo("The archive is not put into itself.");
@@ -187,7 +207,7 @@ bool ArchiveWriter::isSocketLeftOut(const SourcePlace& place, const mvFileInfo& 
 }
 
 // What the format would store wrongly is not stored. Where the run goes on without what cannot be read it
-// does so without this, too.
+// does so without this, too. Only ustar has bounds that records cannot lift.
 bool ArchiveWriter::isLeftOutByFormat(const SourcePlace& place) {
   if (m_run.settings.format != WriteFormat::Ustar || !m_run.settings.options.skipUnreadable) return false;
   const char* const refusal = m_writer.refusalOf(m_member);
@@ -213,6 +233,8 @@ void ArchiveWriter::noteLostAttributes(const SourcePlace& place) {
   m_run.io.inform("attributesNotStored", place.fullPath.getUtf8());
 }
 
+// The event comes before the file is opened, unless OpenBeforeEvent lets it come behind: an application may
+// still create or change the file in it.
 bool ArchiveWriter::isSkippedByEvent(const SourcePlace& place, const mvFileInfo& info,
                                      const XString& pathInTar) {
   ProgressEvent* const event = m_run.io.event;
@@ -229,7 +251,8 @@ bool ArchiveWriter::isSkippedByEvent(const SourcePlace& place, const mvFileInfo&
   return false;
 }
 
-// Sends onTarMember, and takes what it left for what is written.
+// Sends onTarMember, and takes what it left for what is written. The caller's path follows, because the lines
+// of a failure name it.
 bool ArchiveWriter::isSkippedBeingChanged(const SourcePlace& place, XString& pathInTar) {
   if (!m_run.io.event || !m_run.settings.options.memberEvents) return false;
   m_shown.writing = true;
@@ -253,6 +276,8 @@ bool ArchiveWriter::isSkippedBeingChanged(const SourcePlace& place, XString& pat
 }
 
 // Whether the member's data, or a directory's names, can be read at all; the reason why not is in the log.
+// Opening a file tells most of it; reading the first bytes finds what a network or a broken disk tells only
+// then. They are not read twice: the source keeps them.
 bool ArchiveWriter::canBeRead(const SourcePlace& place, const mvFileInfo& info, ClsDirTree* tree) {
   if (info.m_isSymbolicLink || place.memory || m_member.isHardLink()) return true;
   // The walk goes by what it found; it enters nothing that has become a directory since.
@@ -262,12 +287,14 @@ bool ArchiveWriter::canBeRead(const SourcePlace& place, const mvFileInfo& info, 
 }
 
 // With SkipUnreadable: a directory that was left out by the filter or the event may still hold members. One
-// that was to be archived has been looked at before its header was written.
+// that was to be archived has been looked at before its header was written. Otherwise the walk itself would
+// end at it.
 bool ArchiveWriter::passByIfUnreadable(const SourcePlace& place, ClsDirTree& tree) {
   if (!m_run.settings.options.skipUnreadable || !tree.get_IsDirectory() || tree.isPrepared()) return true;
   return tree.prepareToEnter(m_log) || leftOutUnreadable(place);
 }
 
+// True, for the run goes on; that something is missing is in anythingLost().
 bool ArchiveWriter::leftOutUnreadable(const SourcePlace& place) {
   m_anythingLost = true;
   m_log.LogInfo("It cannot be read and is left out.");
@@ -279,6 +306,8 @@ bool ArchiveWriter::leftOutUnreadable(const SourcePlace& place) {
 
 // ---- Data
 
+// Where sizes are not exact the data run to the file's end, whatever the header says, as the component has
+// always written them; WriteExactSizes is the way out.
 bool ArchiveWriter::writeData(const SourcePlace& place, const mvFileInfo& info) {
   if (place.memory) return writeMemory(*place.memory);
   if (m_member.sparse.isSparse()) return writeSparse(place, info);
@@ -313,6 +342,7 @@ bool ArchiveWriter::writeSparse(const SourcePlace& place, const mvFileInfo& info
   return isWhole || readFailed || reportSizeChanged(place, info.m_size, m_source.sizeNow());
 }
 
+// It may be open already: from the examination, or from looking whether it can be read.
 bool ArchiveWriter::openForData(const SourcePlace& place, const mvFileInfo& info) {
   if (m_source.open(place, info, m_log)) return true;
   m_log.LogError(kCannotOpenSource);
@@ -320,6 +350,7 @@ bool ArchiveWriter::openForData(const SourcePlace& place, const mvFileInfo& info
   return false;
 }
 
+// An empty file is not opened at all. Files of /proc state no size and have data: they are archived as empty.
 bool ArchiveWriter::writeToTheEnd(const SourcePlace& place, const mvFileInfo& info) {
   if (info.m_size == 0) return true;
   if (!openForData(place, info)) return false;
@@ -329,7 +360,8 @@ bool ArchiveWriter::writeToTheEnd(const SourcePlace& place, const mvFileInfo& in
   return padding == 0 || m_run.putZeros(padding);
 }
 
-// As many bytes as the header says, zeros where the file has fewer.
+// As many bytes as the header says, zeros where the file has fewer. What the file has beyond its size is not
+// copied and is told as a change, so that the user knows of it.
 bool ArchiveWriter::writeExactSize(const SourcePlace& place, const mvFileInfo& info) {
   const long long size = info.m_size;
   if (size == 0) {
@@ -351,11 +383,13 @@ bool ArchiveWriter::writeExactSize(const SourcePlace& place, const mvFileInfo& i
          reportSizeChanged(place, size, std::max(m_source.sizeNow(), size + 1));
 }
 
+// Size 0 is also what files state that the system makes up as they are read.
 bool ArchiveWriter::hasGrownFromNothing(const SourcePlace& place, const mvFileInfo& info) {
   LogNull unwanted;  // one that cannot be opened has nothing that was to be archived
   return info.m_isRegularFile && m_source.open(place, info, unwanted) && m_source.hasMoreThan(0);
 }
 
+// The archive can be read to its end, hence a notice and true; the job fails by anythingLost().
 bool ArchiveWriter::reportSizeChanged(const SourcePlace& place, long long inHeader, long long now) {
   m_anythingLost = true;
   m_log.LogNotice("The file's size changed while it was archived.");

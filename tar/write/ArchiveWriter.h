@@ -17,6 +17,8 @@ class ClsDirTree;
 class DirRoot;
 struct SourceEntry;
 
+// On the stack of a method, for one archive, on one thread; callbacks run on it. Nothing of a source is held
+// longer than its member, but for the first names of files that have several.
 class ArchiveWriter {
  public:
   // The properties are taken anew for each member.
@@ -29,13 +31,14 @@ class ArchiveWriter {
     m_live.refresh();
   }
 
-  // The archive itself, which is left out of itself (the word SkipOutputFile).
+  // The archive itself, which is left out of itself (the word SkipOutputFile). Set before the write.
   void leaveOut(const mvFileInfo& archive);
 
   // Whether something was left out or changed its size: the archive is whole then, the job is not done.
   bool anythingLost() const { return m_anythingLost; }
 
-  // Everything, with the end of the archive. `curDirRootPath` shows the root being walked.
+  // Everything, with the end of the archive. `curDirRootPath` shows the root being walked. False, with the
+  // reason in the log, when the archive is not complete; what was written stays where it went.
   bool writeTarToOutput(const ExtPtrArraySb& files, const ExtPtrArray& dirRoots, XString& curDirRootPath);
   // One member. The path in the archive is brought into the archive's form.
   bool writeFileToOutput(const XString& fullPath, XString& pathInTar);
@@ -44,19 +47,23 @@ class ArchiveWriter {
   bool copySourceToOutput(_mvDataSource& source);
 
  private:
+  // The sources, and the member that each entry of theirs becomes.
   bool writeSingleFile(const SourceEntry& entry);
   bool writeTree(const DirRoot& root, XString& curDirRootPath);
   bool writeMember(const SourcePlace& place, XString& pathInTar, ClsDirTree* tree);
   bool examine(const SourcePlace& place, mvFileInfo& info);
+  // Whether a member is left out, each for a reason of its own, which log and event have heard.
   bool isSkippedByEvent(const SourcePlace& place, const mvFileInfo& info, const XString& pathInTar);
   bool isSkippedBeingChanged(const SourcePlace& place, XString& pathInTar);
   bool isSocketLeftOut(const SourcePlace& place, const mvFileInfo& info);
   bool isLeftOutByFormat(const SourcePlace& place);
   void noteLostAttributes(const SourcePlace& place);
   bool isArchiveItself(const SourcePlace& place, const mvFileInfo& info);
+  // With SkipUnreadable; what cannot be read is told by leftOutUnreadable, which lets the run go on.
   bool canBeRead(const SourcePlace& place, const mvFileInfo& info, ClsDirTree* tree);
   bool passByIfUnreadable(const SourcePlace& place, ClsDirTree& tree);
   bool leftOutUnreadable(const SourcePlace& place);
+  // The member's data and the padding behind them, up to a whole block of 512 bytes.
   bool writeData(const SourcePlace& place, const mvFileInfo& info);
   bool writeMemory(const MemoryFile& file);
   bool writeSparse(const SourcePlace& place, const mvFileInfo& info);
@@ -64,21 +71,26 @@ class ArchiveWriter {
   bool writeExactSize(const SourcePlace& place, const mvFileInfo& info);
   bool openForData(const SourcePlace& place, const mvFileInfo& info);
   bool hasGrownFromNothing(const SourcePlace& place, const mvFileInfo& info);
+  // What is told of a source that changed or failed while its data were copied; the archive stays whole.
   void reportReadFailed(const SourcePlace& place);
   bool reportSizeChanged(const SourcePlace& place, long long inHeader, long long now);
+  // Both are asked behind each member.
   bool memberFailed(const XString& fullPath, const XString& pathInTar);
   bool isAborted();
   bool writeEndOfArchive();
 
+  // The order matters: the run refers to the settings, and those behind it to the run.
   LiveSettings<WriteSettings> m_live;
   WriteRun m_run;
   LogBase& m_log;
   MemberWriter m_writer;
   MemberData m_data;
+  // They serve all members, one behind the other, and keep their buffers.
   MemberSource m_describer;
   SourceFile m_source;
   Member m_member;    // the one being written
   TarMember m_shown;  // the same, as the event may change it
+  // The archive that is left out of itself; none in memory or on a pipe.
   bool m_hasArchive = false;
   mvFileInfo m_archive;
   bool m_anythingLost = false;

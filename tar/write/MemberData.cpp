@@ -1,3 +1,6 @@
+// Data are the bulk of an archive, so that they are copied as few times as possible: read straight into the
+// archive's own buffer where both are files, lent by the source where it can, and through a buffer of one
+// piece elsewhere.
 #include "tar/write/MemberData.h"
 
 #include <algorithm>
@@ -10,11 +13,14 @@ namespace morvane {
 
 namespace {
 
+// Progress, abort and encoder see the data in such pieces whatever the way they came.
 constexpr unsigned kPieceSize = 20000;
 constexpr unsigned kMostEmptyReads = 1000;  // in a row
 
 }  // namespace
 
+// The room is used in whole pieces only, so that every way yields the same pieces. A source that reached its
+// end in one read is done; anything else goes on in the ordinary way.
 MemberData::Copied MemberData::copyFile(SourceFile& file, long long most) {
   Copied copied;
   OutputFile* const output = m_run.archive.plainFile();
@@ -45,6 +51,8 @@ MemberData::Copied MemberData::copySource(_mvDataSource& source, long long most)
   return copied;
 }
 
+// A failed read ends the copy with what came before it, which is in the archive. Without memory for a piece
+// nothing is copied, and that is a failure.
 void MemberData::copyPieces(_mvDataSource& source, long long most, Copied& copied) {
   LogBase& log = m_run.io.log;
   copied.ok = false;
@@ -73,6 +81,7 @@ void MemberData::copyPieces(_mvDataSource& source, long long most, Copied& copie
   copied.ok = true;
 }
 
+// In pieces as well, for the sake of progress and abort.
 bool MemberData::put(const DataBuffer& bytes) {
   const char* const first = reinterpret_cast<const char*>(bytes.getData2());
   for (unsigned done = 0; done < bytes.getSize(); done += kPieceSize) {
@@ -81,6 +90,7 @@ bool MemberData::put(const DataBuffer& bytes) {
   return true;
 }
 
+// Progress is counted before the write: its callback may abort, which the write then finds.
 bool MemberData::putPiece(const char* bytes, unsigned n) {
   if (m_run.io.monitor) m_run.io.monitor->consumeProgress(n, m_run.io.log);
   if (m_run.put(reinterpret_cast<const unsigned char*>(bytes), n)) return true;

@@ -6,6 +6,8 @@
 
 namespace morvane {
 
+// It holds nothing between two calls. Counts are bytes of data; the padding behind them is the caller's to
+// write.
 class MemberData {
  public:
   explicit MemberData(WriteRun& run) : m_run(run) {}
@@ -17,17 +19,21 @@ class MemberData {
     long long bytes = 0;
   };
 
-  // Up to `most` bytes of an open source file: read straight into the output's buffer, where it has one.
+  // Up to `most` bytes of an open source file: read straight into the output's buffer, where it has one. It
+  // is read from where it stands. `most` is 0 or more.
   Copied copyFile(SourceFile& file, long long most);
   // Up to `most` bytes of any source, which is read without the monitor: an abort is for the output's side to
   // report.
   Copied copySource(_mvDataSource& source, long long most);
-  // Bytes that lie in memory.
+  // Bytes that lie in memory. False, with the reason in the log, when the output refuses a piece or the
+  // application aborts.
   [[nodiscard]] bool put(const DataBuffer& bytes);
 
+  // More than any file has.
   static constexpr long long kToTheEnd = 0x7FFFFFFFFFFFFFFF;
 
  private:
+  // `copied` goes on from what it is.
   void copyPieces(_mvDataSource& source, long long most, Copied& copied);
   bool putPiece(const char* bytes, unsigned n);
 

@@ -1,3 +1,7 @@
+// A header has two sources of truth: the properties, which make the same archive of the same names on any
+// machine, and the file itself where Store asks for it. The first is the default. Each part that is stored
+// replaces what the properties said, so that the order here is: properties, parts, what makes an archive
+// reproducible.
 #include "tar/write/MemberSource.h"
 
 #include <sys/stat.h>
@@ -14,6 +18,7 @@ namespace morvane {
 
 namespace {
 
+// By the end of the name and not by the file's bits, which the properties ignore. Case counts.
 bool isScriptPath(std::string_view path) {
   for (const std::string_view ending : {".sh", ".csh", ".bash", ".bsh"}) {
     if (path.size() >= ending.size() && path.substr(path.size() - ending.size()) == ending) return true;
@@ -24,6 +29,7 @@ bool isScriptPath(std::string_view path) {
 // A property is a number of any size; of one that has more digits than its field the low ones are stored.
 unsigned storedDigits(int property) { return static_cast<unsigned>(property) & kMostOctal; }
 
+// A link is a file to the properties, since it is archived as one.
 int modeOf(const mvFileInfo& info, const WriteSettings& settings, std::string_view path) {
   if (info.m_isDirectory) return settings.dirMode;
   return isScriptPath(path) ? settings.scriptFileMode : settings.fileMode;
@@ -33,7 +39,9 @@ std::pair<unsigned long long, unsigned long long> identityOf(const mvFileInfo& i
   return {info.m_device, info.m_inode};
 }
 
-// The same for every machine and every time at which the tree may be packed.
+// The same for every machine and every time at which the tree may be packed. Only that a file can be run is
+// kept, and its time where it is no later than the latest; attributes and holes depend on the file system and
+// are left out by the caller.
 void makeReproducible(const mvFileInfo& info, long long latest, Member& member) {
   constexpr unsigned kOwnerMayRun = 0100;
   const bool runs = info.m_isDirectory || (info.m_mode & kOwnerMayRun) != 0;
@@ -46,11 +54,13 @@ void makeReproducible(const mvFileInfo& info, long long latest, Member& member) 
 
 }  // namespace
 
+// The slash at its end tells a directory to readers that know no type for it.
 void normalisePath(XString& path, bool isDirectory) {
   path.replaceAllOccurancesUtf8("\\", "/", false);
   if (isDirectory && !path.endsWithUtf8("/", false)) path.appendUtf8("/");
 }
 
+// Names of users are cut to what the header's field holds with its NUL, 31 bytes.
 void describeMember(const mvFileInfo& info, const WriteSettings& settings, XString& pathInTar,
                     Member& member) {
   normalisePath(pathInTar, info.m_isDirectory);
@@ -73,6 +83,7 @@ void describeMember(const mvFileInfo& info, const WriteSettings& settings, XStri
   member.defaultAccessList.clear();
 }
 
+// A hard link has neither data nor attributes of its own. Holes come last because they change the size.
 bool MemberSource::describe(const SourcePlace& place, const mvFileInfo& info, const WriteSettings& settings,
                             SourceFile& file, XString& pathInTar, Member& member, const Io& io) {
   describeMember(info, settings, pathInTar, member);
@@ -99,6 +110,7 @@ bool MemberSource::describe(const SourcePlace& place, const mvFileInfo& info, co
   return !parts.sparse || takeHoles(place, info, settings, file, member);
 }
 
+// A user without a name is a number alone.
 void MemberSource::takeOwner(const mvFileInfo& info, const WriteSettings& settings, Member& member) {
   member.uid = info.m_uid;
   member.gid = info.m_gid;
@@ -126,11 +138,15 @@ bool MemberSource::takeLink(const SourcePlace& place, const mvFileInfo& info, Me
   return true;
 }
 
+// Only what was written can be linked to, under the path that it got: events may have changed it. A link's
+// own path is not noted; further names link to the first.
 void MemberSource::noteWritten(const mvFileInfo& info, const WriteSettings& settings, const Member& member) {
   if (!settings.options.store.link || info.m_isDirectory || info.m_linkCount < 2) return;
   if (!member.isHardLink()) m_firstNames[identityOf(info)] = member.path;
 }
 
+// Links and special files have none that an archive could give back. An access list of a form that is not
+// known is left out; the mode still has what it grants at most.
 bool MemberSource::takeAttributes(const SourcePlace& place, const mvFileInfo& info, SourceFile& file,
                                   Member& member, const Io& io) {
   if (!info.m_isRegularFile && !info.m_isDirectory) return true;
@@ -148,7 +164,9 @@ bool MemberSource::takeAttributes(const SourcePlace& place, const mvFileInfo& in
   return true;
 }
 
-// Only a file that takes less room than its size is looked through.
+// Only a file that takes less room than its size is looked through. Formats: ustar has no form for them;
+// GNU's has a type of its own; pax puts the map as text in front of the data, and its bytes count in the
+// member's size.
 bool MemberSource::takeHoles(const SourcePlace& place, const mvFileInfo& info, const WriteSettings& settings,
                              SourceFile& file, Member& member) {
   const bool mayHaveHoles = info.m_isRegularFile && info.m_size > 0 && info.m_storedSize < info.m_size;

@@ -15,21 +15,24 @@ namespace morvane {
 void normalisePath(XString& path, bool isDirectory);
 
 // Normalises the path and describes the member that is to have it by the properties alone. The member's texts
-// are used again.
+// are used again. Nothing is asked of the system. `info` has times, size and kind.
 void describeMember(const mvFileInfo& info, const WriteSettings& settings, XString& pathInTar,
                     Member& member);
 
 // One object serves all members of a write: names of users are looked up once, and the first name of a file
-// that has several is remembered.
+// that has several is remembered. It opens a file only to look at attributes and holes.
 class MemberSource {
  public:
-  // False, with the reason in the log, when the source cannot be read for what is to be stored of it.
+  // False, with the reason in the log, when the source cannot be read for what is to be stored of it. `file`
+  // may be left open, for its data. `member` is overwritten whole.
   bool describe(const SourcePlace& place, const mvFileInfo& info, const WriteSettings& settings,
                 SourceFile& file, XString& pathInTar, Member& member, const Io& io);
-  // The member has been written: further names of the same file are links to it.
+  // The member has been written: further names of the same file are links to it. Called for each, whether it
+  // has other names or not; without Store=link nothing is noted.
   void noteWritten(const mvFileInfo& info, const WriteSettings& settings, const Member& member);
 
  private:
+  // One for each part of Store. False, with the reason in the log, where the source cannot be asked.
   void takeOwner(const mvFileInfo& info, const WriteSettings& settings, Member& member);
   bool takeLink(const SourcePlace& place, const mvFileInfo& info, Member& member, const Io& io);
   bool takeAttributes(const SourcePlace& place, const mvFileInfo& info, SourceFile& file, Member& member,

@@ -1,3 +1,5 @@
+// What the header cannot hold goes into records in front of it: GNU's for paths and link texts, pax records
+// for anything. FormatLimits decides which; here they are put into blocks.
 #include "tar/write/MemberWriter.h"
 
 #include "runtime/log/LogContextExitor.h"
@@ -11,27 +13,32 @@ namespace morvane {
 
 namespace {
 
+// The name that GNU tar gives these records, by which readers without support for them show what they are.
 constexpr std::string_view kLongLinkName = "././@LongLink";
 
 FormatRules rulesOf(const TarOptions& options) {
   return {options.ustarPlainPrefix, options.ustarOverflowFails, options.paxExact};
 }
 
+// Paths that are too long have a tag of their own, by which applications find them.
 bool refuse(const char* why, const Member& member, bool isPath, const Io& io) {
   io.fail(why);
   io.log.LogData(isPath ? "filePathTooLong" : "filePathInTar", member.path.c_str());
   return false;
 }
 
+// A header's fields end at a NUL, and so the path would be another one there.
 bool hasNul(const std::string& text) { return text.find('\0') != std::string::npos; }
 
 }  // namespace
 
+// A path that is too long stays a failure of the write: leaving the member out has never been asked for it.
 const char* MemberWriter::refusalOf(const Member& member) const {
   const MemberEncoding encoding = encodingOf(member, m_run.settings.format, rulesOf(m_run.settings.options));
   return encoding.pathIsRefused ? nullptr : encoding.refusal;
 }
 
+// Everything that can be refused is refused before the first record is out.
 bool MemberWriter::writeHeader(const Member& member) {
   LogContextExitor context(m_run.io.log, "writeTarHeaderToOutput");
   if (hasNul(member.path) || hasNul(member.linkPath)) {
@@ -49,7 +56,8 @@ bool MemberWriter::writeHeader(const Member& member) {
   return member.typeFlag == kTypeSparse ? putWithMap(member.sparse, block) : m_run.put(block, kBlockSize);
 }
 
-// GNU's form of a sparse member: the map begins in the header block and goes on in blocks behind it.
+// GNU's form of a sparse member: the map begins in the header block and goes on in blocks behind it. The
+// checksum is put anew, since the map changes the block behind it.
 bool MemberWriter::putWithMap(const SparseMap& map, unsigned char* block) {
   size_t ranges = SparseMap::kEntriesInHeader;
   bool goesOn = map.putOldEntries(0, SparseMap::kEntriesInHeader, block + SparseMap::kFirstInHeader);
@@ -67,6 +75,7 @@ bool MemberWriter::putWithMap(const SparseMap& map, unsigned char* block) {
   return true;
 }
 
+// The link text first, then the path, as GNU tar writes them; readers take either order.
 bool MemberWriter::writeRecords(const Member& member, const MemberEncoding& encoding) {
   const LogBase& log = m_run.io.log;
   if (encoding.needsLongLink && !writeLongText(member, kTypeLongLink, member.linkPath)) return false;
@@ -83,7 +92,8 @@ bool MemberWriter::writeLongName(const Member& member) {
   return writeLongText(member, kTypeLongName, member.path);
 }
 
-// Whatever the archive's format is, the record is GNU's.
+// Whatever the archive's format is, the record is GNU's. Its ids, mode and time are zero, since they say
+// nothing of a member. The NUL behind the text counts in the size.
 bool MemberWriter::writeLongText(const Member& member, char typeFlag, const std::string& text) {
   if (!m_run.archive.m_output) return m_run.io.fail("No output object for writing file to tar.");
   m_record.mode = m_record.uid = m_record.gid = 0;
@@ -98,6 +108,7 @@ bool MemberWriter::writePaxPath(const Member& member) {
   return writePax(member, paxPathRecord(member.path, m_run.settings.options.paxExact));
 }
 
+// The record's own header has the member's path, cut to what fits: no reader that knows the type looks at it.
 bool MemberWriter::writePax(const Member& member, const std::string& records) {
   if (!m_run.archive.m_output) return false;
   // FileMode also for a script: only the member's own header has ScriptFileMode. What has no octal form is in

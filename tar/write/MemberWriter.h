@@ -10,6 +10,8 @@
 
 namespace morvane {
 
+// One for a write; it keeps nothing of a member. It writes where the run's output leads, and fails without
+// one. Reasons of failures are in the log.
 class MemberWriter {
  public:
   explicit MemberWriter(WriteRun& run) : m_run(run) {}
@@ -27,10 +29,12 @@ class MemberWriter {
 
  private:
   bool putWithMap(const SparseMap& map, unsigned char* block);
+  // Records that the format needs, in the order in which readers expect them.
   bool writeRecords(const Member& member, const MemberEncoding& encoding);
   bool writeLongText(const Member& member, char typeFlag, const std::string& text);
   bool putRecord(const Member& record, std::string_view name, TarMagic magic, const std::string& data);
 
+  // Borrowed; its settings are those of the current member.
   WriteRun& m_run;
   Member m_record;  // the header of a record, whose texts are used again
 };

@@ -1,3 +1,6 @@
+// The same sources as the write will walk, by the same walk, so that percentages end at 100. Nothing is
+// opened and no event is sent but the question whether to abort; what fails here is passed over in silence,
+// because the write meets it again and says so.
 #include "tar/write/ProgressTotal.h"
 
 #include <algorithm>
@@ -16,8 +19,10 @@ namespace morvane {
 
 namespace {
 
+// No total is negative.
 constexpr long long kAborted = -1;
 
+// Filters and options are taken anew with each entry of a tree, as the write takes them.
 class Counter {
  public:
   Counter(LiveSettings<WriteSettings> live, const Io& io) : m_live(std::move(live)), m_io(io) {
@@ -26,6 +31,7 @@ class Counter {
 
   long long total() const { return m_total; }
 
+  // A pair without its end fails in the write. The filter sees the local path, as it does there.
   void addFile(const StringBuffer& entry) {
     const SourceEntry source = parseSourceEntry(entry);
     if (!source.isClosed || excludes(source.localPath)) return;
@@ -76,6 +82,7 @@ class Counter {
 
 }  // namespace
 
+// Trees before files, the other way round than the write: a sum has no order.
 long long calcTotalProgressForWrite(const ExtPtrArraySb& files, const ExtPtrArray& dirRoots,
                                     LiveSettings<WriteSettings> live, const Io& io) {
   LogContextExitor context(io.log, "calcTotalProgressForWrite");

@@ -1,3 +1,5 @@
+// A stored source is one text, because the public interface has lists of texts. ESC separates what no path
+// that people type has.
 #include "tar/write/SourceEntry.h"
 
 namespace morvane {
@@ -8,6 +10,8 @@ std::string makePairEntry(std::string_view localPath, std::string_view pathInTar
   return entry.append(pathInTar);
 }
 
+// A file from memory is told by its type and never parsed: its path may have an ESC. For filters and messages
+// its path in the archive stands in for the local one, which it does not have.
 SourceEntry parseSourceEntry(const StringBuffer& stored) {
   const std::string_view entry = stored.str();
   SourceEntry parsed;

@@ -13,13 +13,16 @@ namespace morvane {
 
 constexpr char kEntryEscape = '\x1B';
 
-// A file that is not on the disk: the text is its path in the archive.
+// A file that is not on the disk: the text is its path in the archive. Owned by the list of files, with a
+// copy of the application's bytes.
 class MemoryFile : public StringBuffer {
  public:
+  // Up to 4 GiB less one byte. The time is that of the call that added it.
   DataBuffer m_bytes;
   MorvaneFileTime m_added;
 };
 
+// Copies of the texts; `file` is the list's and lives as long as the entry.
 struct SourceEntry {
   bool isPair = false;
   bool isClosed = true;              // false for a pair without its second ESC; nothing else is then set
@@ -30,6 +33,7 @@ struct SourceEntry {
 
 // Neither path is checked: one that holds an ESC itself is cut at the wrong place.
 std::string makePairEntry(std::string_view localPath, std::string_view pathInTar);
+// Never fails: what is wrong with a pair shows in isClosed and in an empty path.
 SourceEntry parseSourceEntry(const StringBuffer& entry);
 
 }  // namespace morvane

@@ -1,3 +1,6 @@
+// One file at a time, from the look at it to its last byte. Looking and reading should be at one and the same
+// file; where events may come between, its name is looked up twice on purpose, because applications create or
+// replace files in them.
 #include "tar/write/SourceFile.h"
 
 #include <fcntl.h>
@@ -13,6 +16,8 @@ namespace morvane {
 
 namespace {
 
+// By the open directory of the walk where there is one: a path could lead elsewhere by now, and may be too
+// long.
 int openSource(const SourcePlace& place) {
   const auto links = place.followsLinks ? SourceLinks::Followed : SourceLinks::NotFollowed;
   if (place.directory < 0) return osOpenSource(place.fullPath.getUtf8(), links);
@@ -21,6 +26,9 @@ int openSource(const SourcePlace& place) {
 
 }  // namespace
 
+// Only what the directory already calls a regular file is opened, since opening a device or FIFO may do
+// something. If it is none after all, or cannot be opened, it is examined by name, and the failure is told
+// when its data are wanted.
 bool SourceFile::examine(const SourcePlace& place, bool mayOpen, mvFileInfo& info, LogBase& log) {
   close();
   const char* const path = place.fullPath.getUtf8();
@@ -40,6 +48,7 @@ bool SourceFile::examine(const SourcePlace& place, bool mayOpen, mvFileInfo& inf
   return info.loadFileInfoAt(place.directory, place.name, path, log, place.followsLinks);
 }
 
+// A link that has come to the path since is not followed, and is a failure.
 bool SourceFile::open(const SourcePlace& place, const mvFileInfo& info, LogBase& log) {
   if (m_open) return true;
   const char* const path = place.fullPath.getUtf8();
@@ -53,6 +62,7 @@ bool SourceFile::open(const SourcePlace& place, const mvFileInfo& info, LogBase&
   return true;
 }
 
+// They stay with the source, which hands them out first.
 bool SourceFile::readFirst(LogBase& log) {
   const char* bytes = nullptr;
   unsigned got = 0;
@@ -65,6 +75,7 @@ long long SourceFile::sizeNow() {
   return m_data.getFileInfo(info, unwanted) ? info.m_size : -1;
 }
 
+// The text is any bytes; only its own header decides whether they fit.
 bool SourceFile::readLink(const SourcePlace& place, std::string& text, LogBase& log) {
   const char* const path = place.fullPath.getUtf8();
   const int error =
@@ -73,6 +84,9 @@ bool SourceFile::readLink(const SourcePlace& place, std::string& text, LogBase& 
   return error == 0;
 }
 
+// The open file where there is one, else a descriptor that can only name it: nothing has to be readable for
+// its attributes to be. The attributes of all name spaces only for the superuser, who alone may set them
+// again.
 bool SourceFile::readAttributes(const SourcePlace& place, FileMetadata::Attributes& attributes,
                                 LogBase& log) {
   const char* const path = place.fullPath.getUtf8();
@@ -88,6 +102,10 @@ bool SourceFile::readAttributes(const SourcePlace& place, FileMetadata::Attribut
   return error == 0;
 }
 
+// SEEK_DATA beyond the last data gives ENXIO: what follows is a hole. File systems that cannot tell name the
+// whole file as data, and then it is stored as any other. The file may change meanwhile, so that an answer
+// which does not lead forward ends the search; so do more ranges than a map may have. A file with neither is
+// stored whole.
 void SourceFile::findRanges(long long size, SparseMap& map) {
   const int fd = m_data.descriptor();
   std::vector<SparseRange> ranges;

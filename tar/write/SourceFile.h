@@ -12,7 +12,9 @@ namespace morvane {
 class MemoryFile;
 
 // Where a member's source is: its path and, from a directory walk, its name in an open directory; or memory.
+// It borrows what it points at: path and name are good until the walk goes on.
 struct SourcePlace {
+  // In front of everything that is said to people.
   const XString& fullPath;
   int directory = -1;  // -1: the path alone
   const char* name = nullptr;
@@ -21,7 +23,8 @@ struct SourcePlace {
   bool followsLinks = false;           // a link stands for what it points at
 };
 
-// One object serves all members of a write, so that its buffer is made once.
+// One object serves all members of a write, so that its buffer is made once. Closed by the next examination,
+// or by the destructor. Sizes and positions are bytes.
 class SourceFile {
  public:
   // Examines the place. With `mayOpen`, a regular file of a walk is opened with it: one look then serves
@@ -32,7 +35,7 @@ class SourceFile {
   // Reads the first data now. False when that fails.
   bool readFirst(LogBase& log);
   bool isOpen() const { return m_open; }
-  // The size that the open file states now; -1 if that cannot be told.
+  // The size that the open file states now; -1 if that cannot be told. In bytes.
   long long sizeNow();
   // Whether the file, of which `size` bytes were read, has more by now, or had them all the time, as files
   // that the system makes up do. Asks the system only if it has not said so.
@@ -50,6 +53,7 @@ class SourceFile {
   void findRanges(long long size, SparseMap& map);
 
  private:
+  // Opened and closed for each file; its buffer stays.
   _mvFileDataSource m_data;
   bool m_open = false;
 };

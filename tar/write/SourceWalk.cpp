@@ -1,3 +1,4 @@
+// Names are put together here for both passes, so that what is counted is what is written.
 #include "tar/write/SourceWalk.h"
 
 namespace morvane {
@@ -11,12 +12,14 @@ bool SourceWalk::begin(const DirRoot& root, bool followsLinks, LogBase& log) {
   return m_tree.beginIterate(log);
 }
 
+// The whole path is for filters, events and the log; files are opened by directory and name.
 SourcePlace SourceWalk::place() {
   m_tree.get_FullUncPath(m_fullPath);
   return {m_fullPath,    m_tree.currentDirectory(), m_tree.currentName(), m_tree.isRegularFile(), nullptr,
           m_followsLinks};
 }
 
+// DirPrefix stands in front of the root's own prefix.
 void SourceWalk::nameMember(const XString& dirPrefix, XString& pathInTar) const {
   m_tree.get_RelativePath(pathInTar);
   if (!m_prefix.empty()) prependPart(m_prefix, pathInTar);

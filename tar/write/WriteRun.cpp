@@ -1,3 +1,5 @@
+// Padding, and what stands in for data that a file no longer has: the latter may be as long as any file,
+// hence pieces.
 #include "tar/write/WriteRun.h"
 
 #include <algorithm>

@@ -12,22 +12,30 @@
 
 namespace morvane {
 
+// The properties of ClsTar that concern writing, as plain values with the same defaults. Modes are permission
+// bits, ids decimal numbers; what does not fit a field loses its high digits there.
 struct WriteSettings {
   WriteFormat format = WriteFormat::Gnu;
   int dirMode = 0755, fileMode = 0644, scriptFileMode = 0755;
   int userId = 1000, groupId = 1000;
+  // The texts of the header, whole here.
   std::string userName, groupName;
+  // In front of every name but those that the application chose itself.
   XString dirPrefix;
   NameFilter filter;
+  // Milliseconds between two questions whether to abort; 0: none inside of a member.
   int abortCheckMs = 100;
   TarOptions options;
 };
 
+// Borrowed for the length of a write: the settings are the run's and change between members, the archive is
+// the component's. Each step holds a reference to it.
 struct WriteRun {
   const WriteSettings& settings;
   ArchiveOutput& archive;
   Io io;
 
+  // False when the archive's output refuses the bytes or the application aborts.
   [[nodiscard]] bool put(const unsigned char* data, unsigned n) {
     return archive.writeOut_pm(data, n, settings.abortCheckMs != 0, io);
   }
