@@ -124,6 +124,7 @@ class Parser {
     return false;
   }
 
+  // What is read tells its compression itself, so that -Z is remembered only to refuse it with -c.
   void askForCompress() { m_compress = true; }
   // The word, or the letter of a bundle, that getopt stumbled over.
   static std::string culprit(const std::vector<std::string>& words, int at) {
@@ -214,6 +215,7 @@ class Parser {
   }
 
  private:
+  // With the directory of the -C in front of it.
   void addOperand(const char* path) { m_line.operands.push_back({m_line.targetDir, path}); }
 
   // 1 is an operand, ":" a missing value, "?" anything else that is wrong. For the last two `optopt` has what
@@ -271,6 +273,7 @@ bool switchOn(Parser& parser, const char*) {
   return true;
 }
 
+// The same for what is kept of members; kValue is false for options that switch off.
 template <bool Keeping::*kSwitch, bool kValue = true>
 bool keep(Parser& parser, const char*) {
   parser.line().keeping.*kSwitch = kValue;
@@ -285,17 +288,20 @@ bool decide(Parser& parser, const char*) {
   return true;
 }
 
+// One row for each mode; two different ones are refused.
 template <Mode kMode>
 bool enter(Parser& parser, const char*) {
   return parser.setMode(kMode);
 }
 
+// The last of an option that is repeated counts.
 template <std::string CommandLine::*kText>
 bool setText(Parser& parser, const char* value) {
   parser.line().*kText = value;
   return true;
 }
 
+// All of them count.
 template <std::vector<std::string> CommandLine::*kList>
 bool addTo(Parser& parser, const char* value) {
   (parser.line().*kList).emplace_back(value);
@@ -405,6 +411,7 @@ std::string Operand::localPath() const {
   return isDirItself ? dir : absolute ? path : joinNames(dir, path);
 }
 
+// The first word is the program's own name.
 bool parseCommandLine(int argc, char** argv, CommandLine& line, std::string& error) {
   return Parser(line, error).parse(withDashes(argc, argv));
 }

@@ -76,6 +76,7 @@ class CreateEvent : public morvane::ProgressEvent {
         m_selection.excludes(member.path) || (m_line.maxCount > 0 && m_members >= m_line.maxCount);
     member.skip = m_nothingBelow || !m_selection.takes(member.path);
     if (member.skip) return;
+    // The component adds the slash later, and it counts.
     const bool isDirectory = member.typeFlag == '5';
     if (m_line.formatToWrite() == "ustar" && !fitsUstar(isDirectory ? member.path + "/" : member.path)) {
       m_report.problem(member.localPath, "its name is too long for the ustar format");
@@ -217,6 +218,7 @@ class Sources {
       addSingle(local, name);
       return;
     }
+    // "." has no name in the archive, and so is a tree alone.
     if (!name.empty()) addSingle(local, name);
     if (!m_tar.AddDirRoot2(name, local)) m_report.failure(m_tar, operand.path);
   }
@@ -260,6 +262,7 @@ bool write(ClsTar& tar, const CommandLine& line, morvane::ProgressEvent& event, 
 // wanted anyway. The last member is settled only if the run came to its end; one that broke off may be in it.
 int createArchive(const CommandLine& line) {
   ProgressBar bar(line.progress);
+  // Standard output may be the archive: then messages keep off it.
   Report report(bar, line.usesStandardStream());
   if (!isNoTerminal(line, report)) return report.finish();
   ClsTar tar;
@@ -274,6 +277,7 @@ int createArchive(const CommandLine& line) {
   if (event.missedOnlyUnwanted() && tar.get_OnlyLeftOut()) ok = true;
   bar.clear();
   if (line.printLog) report.log(tar);
+  // Whatever the write returned: a signal explains it better than the reason that the component has.
   if (isInterrupted()) {
     report.notice(line.archive, "interrupted; the archive is incomplete");
     return interruptStatus();

@@ -22,6 +22,7 @@ using morvane::TarMemberInfo;
 struct NotKept {
   const char *event, *message, *countEvent, *countMessage;
 };
+// The component's names are part of its interface.
 constexpr NotKept kNotKept[] = {
     {"ownerNotKept", "the owner is not kept", "ownersNotKept", "members without their owner"},
     {"modeNotKept", "the mode is not kept", "modesNotKept", "members without their mode"},
@@ -67,12 +68,14 @@ class ExtractEvent : public MemberEvent {
 
  private:
   void onSelected(const TarMemberInfo& member) override {
+    // Skipped here, so that it is named in the command's own words.
     m_isTooLong = std::strlen(member.entryPath) > morvane::ExtractTarget::kLongestPath;
     if (m_isTooLong) {
       m_report.problem(member.path, "the path is too long to be created");
       return;
     }
     m_path = member.path;
+    // FIFOs and devices of strangers are not made.
     const bool isSpecial = member.typeFlag == '3' || member.typeFlag == '4' || member.typeFlag == '6';
     m_isEmptied = isSpecial && m_line.untrusted;
   }
@@ -100,6 +103,7 @@ class ExtractEvent : public MemberEvent {
   }
 
   ClsTar& m_tar;
+  // Of the member that is being looked at.
   bool m_isTooLong = false;
   std::string m_path;
   bool m_isEmptied = false;
@@ -160,6 +164,7 @@ int extractArchive(const CommandLine& line) {
 // Closed before success is claimed: a full disk or a reader that has gone shows as late as that. No match is
 // a problem that is named, and then not a failure of the component's as well.
 int extractToStandardOutput(const CommandLine& line) {
+  // Messages keep off standard output, which is the file's.
   ReadJob job(line, true);
   if (!job.open()) return job.finish();
   const std::unique_ptr<morvane::OutputFile> out = standardOutput(job.report);

@@ -109,6 +109,7 @@ int FileMetadata::readAttributes(int fd, bool all, Attributes& attributes) {
   std::string names;
   const int error =
       readGrowing(names, [&](char* buffer, size_t size) { return listxattr(path.c_str(), buffer, size); });
+  // Having none is no failure.
   if (error != 0) return error == ENOTSUP || error == ENOSYS ? 0 : error;
   for (size_t start = 0; start < names.size();) {
     const std::string name = names.c_str() + start;

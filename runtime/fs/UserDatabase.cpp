@@ -26,6 +26,7 @@ template <class Look>
 void withBuffer(Look look) {
   for (std::vector<char> buffer(1024); buffer.size() <= kLargestEntry; buffer.resize(buffer.size() * 2)) {
     int error = look(buffer);
+    // A signal is no answer.
     while (error == EINTR) error = look(buffer);
     if (error != ERANGE) return;
   }
@@ -39,6 +40,7 @@ void UserDatabase::readUsers() {
   m_users.isRead = true;
   const File file(std::fopen("/etc/passwd", "re"), std::fclose);
   if (!file) return;
+  // More than any entry of people's own files has.
   std::vector<char> buffer(64 * 1024);
   passwd entry;
   for (passwd* found = nullptr;
@@ -79,6 +81,7 @@ const std::string& UserDatabase::userName(unsigned uid) {
   return name;
 }
 
+// The same for groups, which have files and calls of their own.
 const std::string& UserDatabase::groupName(unsigned gid) {
   if (!m_groups.isRead) readGroups();
   const auto known = m_groups.byId.find(gid);

@@ -20,6 +20,7 @@ bool ClsTar::UntarGz(_mvDataSource& source, ProgressEvent* progress) {
   return untarCompressedSource("UntarGz", source, progress, &ClsTar::inflateTar);
 }
 
+// From the state of the last run, unlike the other two.
 bool ClsTar::UntarBz2(const XString& tarBz2Path, ProgressEvent* progress) {
   return untarCompressedFile("UntarBz2", tarBz2Path, progress, &ClsTar::expandTarBz2);
 }

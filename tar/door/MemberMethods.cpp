@@ -72,6 +72,7 @@ bool ClsTar::memberToOutput(_mvDataSource& source, _mvOutput& out, ProgressEvent
     RatioLimit limited(sink, metered, m_options->maxRatio);
     const bool ended = codecOf(*compression).decode(metered, limited, m_options->codec, pm, m_log);
     found = stream.memberIsComplete();
+    // A stream that ended well without the member is no damage; the run's own failure is.
     if (!found && (!ended || !stream.FinishStreamingUntar(pm, m_log))) return false;
   }
   if (!found) m_log.LogError("No such member.");

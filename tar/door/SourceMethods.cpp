@@ -92,6 +92,7 @@ bool ClsTar::GetDirRoot(int index, XString& outDirPath) {
   });
 }
 
+// A property, and no method: no frame, no log.
 int ClsTar::get_NumDirRoots() {
   CritSecExitor lock(*this);
   return m_dirRoots.getSize();

@@ -64,10 +64,12 @@ bool ClsTar::writeMethod(const char* name, Compression compression, const Archiv
     const Io io(m_log, monitor.getPm(), progress);
     m_archive->begin(compression, m_options->codec);
     if (place.out) return writeFramed(*place.out, compression, io);
+    // Only now: an archive that is there is not emptied for a write that does not begin.
     const std::unique_ptr<OutputFile> file(OutputFile::createFileUtf8(place.path->getUtf8(), m_log));
     if (!file) return false;
     const bool written = writeFramed(*file, compression, io);
     const bool closed = file->closeHandle(&m_log, io.monitor);
+    // What was left out is no longer the only thing that is missing.
     if (!closed) m_onlyLeftOut = false;
     return closed && written;
   });
@@ -138,6 +140,7 @@ bool ClsTar::writeTarToOutput(_mvOutput& out, ProgressMonitor* pm, LogBase& log,
 // The tar stream itself, through the output that is set for the length of it.
 bool ClsTar::writeAllMembers(_mvOutput& out, const Io& io, bool& anythingLost) {
   m_archive->m_output = &out;
+  // Steps of later callers must not write into an output that is gone.
   ScopeExit forget([this] { m_archive->m_output = nullptr; });
   ArchiveWriter writer(liveWriteSettings(), *m_archive, io);
   mvFileInfo archive;

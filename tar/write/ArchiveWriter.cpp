@@ -169,6 +169,7 @@ bool ArchiveWriter::writeMember(const SourcePlace& place, XString& pathInTar, Cl
     m_log.LogDataInt64("isSymbolicLink", info.m_isSymbolicLink);
     m_log.LogDataInt64("isDirectory", info.m_isDirectory);
   }
+  // A special file that is stored as itself has size 0 and no data to copy.
   const bool hasData = !info.m_isDirectory && !info.m_isSymbolicLink && !m_member.isHardLink();
   if (hasData && !writeData(place, info)) return false;
   m_describer.noteWritten(info, m_run.settings, m_member);

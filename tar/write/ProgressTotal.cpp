@@ -49,6 +49,7 @@ class Counter {
       const SourcePlace place = walk.place();
       const bool isExcluded = excludes(place.fullPath.str());
       mvFileInfo info;
+      // Directories have no data; links are examined as what the write will store.
       if (!isExcluded && !walk.tree().get_IsDirectory() &&
           info.loadFileInfoAt(place.directory, place.name, place.fullPath.getUtf8(), m_quiet,
                               place.followsLinks)) {
