@@ -128,6 +128,7 @@ class Parser {
   void askForCompress() { m_compress = true; }
   // The word, or the letter of a bundle, that getopt stumbled over.
   static std::string culprit(const std::vector<std::string>& words, int at) {
+    // A letter; long options are given by the word that getopt_long stood at.
     if (optopt > 0 && optopt < 256) return std::string("-") + static_cast<char>(optopt);
     const size_t index = static_cast<size_t>(at);
     return index < words.size() ? words[index].substr(0, words[index].find('=')) : "";
@@ -197,6 +198,7 @@ class Parser {
 
   // Collected; whether they make sense is checked with the words of the command, all at once.
   bool addOptions(const std::string& words) {
+    // A comma in front, so that they can be put behind the command's own words as they are.
     m_line.options += "," + words;
     return true;
   }
@@ -245,6 +247,7 @@ class Parser {
     if (mode == Mode::Create && m_line.operands.empty()) return wrong("nothing to put into the archive");
     if (mode == Mode::Deb && m_line.operands.size() != 2)
       return wrong("--deb takes a control and a data tarball");
+    // Checking a part of it would pass for checking it all.
     if (mode == Mode::Verify && m_line.selects()) return wrong("--verify checks the whole archive");
     if (!m_line.prefix.empty() && mode != Mode::Create) return wrong("--prefix goes with -c");
     if (m_line.stripPaths && mode == Mode::Create) return wrong("--strip-paths goes with -x");
@@ -379,6 +382,7 @@ std::string CommandLine::formatToWrite() const {
 // OpenBeforeEvent, because the command's event touches no file; MemberEvents, because it selects in them.
 std::string CommandLine::writingWords() const {
   std::string words = "Profile=usual,OpenBeforeEvent,MemberEvents";
+  // Not by default: reading them costs calls for each file, and few archives want them.
   if (keeping.attributes) words += ",Store=usual+xattr";
   if (keeping.numericOwners) words += ",OwnerBy=id";
   if (keeping.followsLinks) words += ",FollowLinks";
@@ -391,6 +395,7 @@ std::string CommandLine::writingWords() const {
 // last and win.
 std::string CommandLine::readingWords() const {
   std::string words = std::string("Profile=") + (untrusted ? "untrusted" : "usual");
+  // By the effective user, whose rights the process has.
   const bool isRoot = geteuid() == 0 && !untrusted;
   std::string parts = "mode+link+sparse";
   if (keeping.times) parts += "+time";
@@ -399,6 +404,7 @@ std::string CommandLine::readingWords() const {
   if (!untrusted) parts += "+special";
   if (keeping.attributes) parts += "+xattr";
   words += ",Restore=" + parts;
+  // -p is meant for directories that are there already as well.
   if (keeping.exactModes) words += ",ExistingDirectories=settle";
   if (keeping.numericOwners) words += ",OwnerBy=id";
   return words + (keepNames ? ",Confine=off" : "") + options;

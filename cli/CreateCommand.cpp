@@ -120,6 +120,7 @@ class CreateEvent : public morvane::ProgressEvent {
     m_isBegun = false;
     ++m_members;
     m_bytes += m_size;
+    // On this system a back slash is a letter of a name; the component stores a slash.
     if (m_name.find('\\') != std::string::npos) {
       m_report.problem(m_name, "a back slash cannot be stored; it becomes a slash");
     }
@@ -133,6 +134,7 @@ class CreateEvent : public morvane::ProgressEvent {
   // Of a directory that is skipped, what may lie below is missed. The path is the member's own, or a
   // directory's that was written before and cannot be walked into.
   void noteUnreadable(const std::string& path) {
+    // A tree whose root cannot be read, or a directory on the way back up.
     if (path != m_localPath) {
       settle();
     } else if (m_nothingBelow) {
@@ -232,6 +234,7 @@ class Sources {
   Report& m_report;
   ClsTar& m_tar;
   const Selection m_selection;
+  // As it is called in the archive.
   std::string m_prefix;
   std::string m_lastRemoved;
 };

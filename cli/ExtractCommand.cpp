@@ -108,6 +108,7 @@ class ExtractEvent : public MemberEvent {
   std::string m_path;
   bool m_isEmptied = false;
   bool m_slashesNamed = false;
+  // Only with --strip-paths, where names meet that were apart.
   std::map<std::string, std::string> m_lastParts;  // and the paths they came from
 };
 
@@ -138,6 +139,7 @@ class OutputEvent : public MemberEvent {
 // for one.
 bool makeTarget(const CommandLine& line, Report& report) {
   std::error_code error;
+  // Links to directories on the way are followed, as they are the user's own.
   if (!line.targetDir.empty()) std::filesystem::create_directories(line.targetDir, error);
   if (!error || error == std::errc::filename_too_long) return true;
   report.problem(line.targetDir, error.message());
@@ -170,6 +172,7 @@ int extractToStandardOutput(const CommandLine& line) {
   const std::unique_ptr<morvane::OutputFile> out = standardOutput(job.report);
   if (!out) return job.finish();
   OutputEvent event(job.report, job.bar, line);
+  // The component stops reading behind the member, whatever the archive's size.
   bool ok = job.tar.UntarMemberToOutput(job.archive.source(), *out, &event);
   ok = closeOutput(*out, job.report) && ok;
   job.bar.clear();

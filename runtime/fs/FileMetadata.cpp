@@ -97,6 +97,7 @@ int FileMetadata::setTimes(int fd, const timespec& access, const timespec& modif
   return errno == EBADF ? resultOf(utimensat(fd, "", times, AT_EMPTY_PATH)) : errno;
 }
 
+// A descriptor that only names a file gets EBADF here: links have no attributes of users.
 int FileMetadata::setAttribute(int fd, const std::string& name, const std::string& value) {
   return resultOf(fsetxattr(fd, name.c_str(), value.data(), value.size(), 0));
 }
@@ -134,6 +135,7 @@ unsigned FileMetadata::umask() {
   if (!file) return kStrictest;
   char line[256];
   while (std::fgets(line, sizeof line, file.get())) {
+    // The line reads "Umask:", a tab, and octal digits.
     constexpr char kTag[] = "Umask:";
     if (std::strncmp(line, kTag, sizeof kTag - 1) == 0) {
       return static_cast<unsigned>(std::strtoul(line + sizeof kTag - 1, nullptr, 8)) & kPermissions;

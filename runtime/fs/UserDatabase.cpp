@@ -19,6 +19,7 @@ namespace {
 // No real entry needs as much; a database that asks for more and more memory is given up.
 constexpr size_t kLargestEntry = 1 << 20;
 
+// "e" in the modes below keeps the descriptor from programs that another thread starts.
 using File = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
 
 // Calls `look(buffer)`, an errno or 0, with a buffer that grows for as long as it is too small.
@@ -103,6 +104,7 @@ std::optional<unsigned> UserDatabase::userId(const std::string& name) {
   if (!m_users.isRead) readUsers();
   const auto known = m_users.byName.find(name);
   if (known != m_users.byName.end()) return known->second;
+  // Made before it is asked for, so that an unknown name is remembered as well.
   std::optional<unsigned>& id = m_users.byName[name];
   withBuffer([&](std::vector<char>& buffer) {
     passwd entry;

@@ -49,6 +49,7 @@ void mvFileInfo::setFromStatus(const struct stat& status) {
 
 bool mvFileInfo::loadFileInfoUtf8(const char* path, LogBase& log) { return load(path, false, log); }
 
+// For roots, which may be given by a link, and where links are followed.
 bool mvFileInfo::loadTargetInfoUtf8(const char* path, LogBase& log) { return load(path, true, log); }
 
 // Where the last part is a link, `followLink` decides; links on the way are followed in any case.

@@ -81,6 +81,7 @@ bool ClsTar::untarCompressed(_mvDataSource& source, ProgressEvent* progress, Dec
   }
   const bool ok = read && flushed;
   m_onlyLeftOut = !ok && flushed && m_stream->onlyLeftOut();
+  // Bytes behind the compressed data are never read, and would be missing from the whole.
   if (ok) pm.consumeRemaining(m_log);
   return ok;
 }

@@ -53,6 +53,7 @@ bool ClsTar::UntarMemberToOutput(_mvDataSource& source, _mvOutput& out, Progress
 bool ClsTar::memberToOutput(_mvDataSource& source, _mvOutput& out, ProgressEvent* progress) {
   ProgressMonitorPtr monitor(progress, m_abortCheckMs, m_percentScale, 0);
   ProgressMonitor* const pm = monitor.getPm();
+  // First, so that every way out from here passes it.
   OutputFlush flush(out, pm);
   std::optional<Compression> compression;
   if (!detectArchive(source, compression, pm, m_log)) return false;

@@ -62,6 +62,7 @@ int ClsTar::untarWithProgress(_mvDataSource& source, bool extract, ProgressEvent
   ProgressMonitorPtr pm(progress, m_abortCheckMs, m_percentScale, std::max(size - start, 0LL));
   const unsigned startTicks = Psdk::getTickCount();
   const int count = untarSource(source, extract, m_log, pm.getPm(), progress);
+  // Verifying has never told its time.
   if (extract) m_log.LogElapsedMs("untar", startTicks);
   if (count >= 0) pm.consumeRemaining(m_log);
   if (extract) m_log.LogDataLong("untarCount", count);

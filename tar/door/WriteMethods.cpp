@@ -56,6 +56,7 @@ bool ClsTar::writeMethod(const char* name, Compression compression, const Archiv
     setMatchPatternExactFlags();
     m_log.LogDataX("tarFormat", m_writeFormat);
     if (place.path) m_log.LogDataX(place.pathTag, *place.path);
+    // Before the sources are counted, which may take long.
     if (place.path && !isSystemPath(*place.path, kCannotCreate, m_log)) return false;
     sayWhenUserIsUnknown(progress);
     long long total = 0;
@@ -161,6 +162,7 @@ bool ClsTar::writeFileToOutput(XString& fullPath, XString& pathInTar, ProgressMo
              .writeFileToOutput(fullPath, pathInTar);
 }
 
+// It needs the output of a write that is going on, and fails outside of one.
 bool ClsTar::copySourceToOutput(_mvDataSource& source, ProgressMonitor* pm, LogBase& log) {
   const StepGuard step(*this);
   return step && takeOptions(log) &&
@@ -187,12 +189,14 @@ bool ClsTar::writeTarHeaderToOutput(XString& pathInTar, mvFileInfo& info, Progre
   });
 }
 
+// Whatever WriteFormat says: the step is GNU's record.
 bool ClsTar::writeLongFilenameToOutput(XString& path, mvFileInfo& info, ProgressMonitor* pm, LogBase& log) {
   return writeDescribed(path, info, Io(log, pm), [](MemberWriter& writer, const Member& member) {
     return writer.writeLongName(member);
   });
 }
 
+// And this one is pax's, with the path alone.
 bool ClsTar::writePaxHeaderToOutput(XString& path, mvFileInfo& info, ProgressMonitor* pm, LogBase& log) {
   return writeDescribed(path, info, Io(log, pm), [](MemberWriter& writer, const Member& member) {
     return writer.writePaxPath(member);

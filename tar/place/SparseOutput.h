@@ -29,7 +29,7 @@ class SparseOutput : public _mvOutput {
   [[nodiscard]] bool finish(_mvIoParams& io, LogBase& log);
 
  private:
-  //  checkMap: whether the ranges add up to the bytes that are left. passHole: up to an offset of the file.
+  // checkMap: whether the ranges add up to the bytes that are left. passHole: up to an offset of the file.
   // fail: says why, and returns whether the run may go on.
   bool takeMap(const char*& bytes, unsigned& n, LogBase& log);
   bool checkMap(LogBase& log);

@@ -74,6 +74,7 @@ int UntarRun::run() {
   }
   if (!m_copyBuffer.get()) return -1;
 
+  // Here, so that a run that failed before has touched nothing of the target.
   m_placer.beginRun();
   Step step = Step::GoOn;
   {
@@ -111,6 +112,7 @@ UntarRun::Step UntarRun::nextEntry() {
   }
   MemberReader::Found found;
   if (!readHeader(found)) return Step::Fail;
+  // What may follow the end mark is not read.
   if (found == MemberReader::Found::End) {
     if (m_log.verbose()) m_log.LogInfo("End-of-TAR");
     return Step::Stop;
