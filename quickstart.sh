@@ -12,6 +12,7 @@ need() {  # need COMMAND PACKAGE, or need /FILE PACKAGE. A name without a slash 
 missing=""
 need c++ g++; need cmake cmake; need ninja ninja-build
 need /usr/include/zlib.h zlib1g-dev; need /usr/include/bzlib.h libbz2-dev
+need /usr/include/zstd.h libzstd-dev; need /usr/include/lzma.h liblzma-dev
 if [ -n "$missing" ]; then
   echo "installing:$missing"
   apt-get update -qq
@@ -33,7 +34,7 @@ scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 files=$(find runtime tar cli -type f | wc -l)
 echo "archiving runtime/, tar/ and cli/: $files files"
-for form in gnu.tar ustar.tar pax.tar gnu.tar.gz pax.tar.bz2; do
+for form in gnu.tar ustar.tar pax.tar gnu.tar.gz pax.tar.bz2 gnu.tar.zst pax.tar.xz; do
   archive=$scratch/sources.$form
   "$mvtar" -c -f "$archive" --format="${form%%.*}" runtime tar cli
   "$mvtar" --verify -f "$archive" >/dev/null

@@ -124,6 +124,7 @@ class Parser {
     return false;
   }
 
+  // What is read tells its compression itself, so that -Z is remembered only to refuse it with -c.
   void askForCompress() { m_compress = true; }
   bool setCompression(morvane::Compression compression) {
     m_twoCompressions |= m_line.compression && *m_line.compression != compression;
@@ -133,6 +134,7 @@ class Parser {
   bool setLevel(const std::string& level) { return addOptions("Level=" + level); }
   // The word, or the letter of a bundle, that getopt stumbled over.
   static std::string culprit(const std::vector<std::string>& words, int at) {
+    // A letter; long options are given by the word that getopt_long stood at.
     if (optopt > 0 && optopt < 256) return std::string("-") + static_cast<char>(optopt);
     const size_t index = static_cast<size_t>(at);
     return index < words.size() ? words[index].substr(0, words[index].find('=')) : "";
@@ -202,6 +204,7 @@ class Parser {
 
   // Collected; whether they make sense is checked with the words of the command, all at once.
   bool addOptions(const std::string& words) {
+    // A comma in front, so that they can be put behind the command's own words as they are.
     m_line.options += "," + words;
     return true;
   }
@@ -220,6 +223,7 @@ class Parser {
   }
 
  private:
+  // With the directory of the -C in front of it.
   void addOperand(const char* path) { m_line.operands.push_back({m_line.targetDir, path}); }
 
   // 1 is an operand, ":" a missing value, "?" anything else that is wrong. For the last two `optopt` has what
@@ -249,6 +253,7 @@ class Parser {
     if (mode == Mode::Create && m_line.operands.empty()) return wrong("nothing to put into the archive");
     if (mode == Mode::Deb && m_line.operands.size() != 2)
       return wrong("--deb takes a control and a data tarball");
+    // Checking a part of it would pass for checking it all.
     if (mode == Mode::Verify && m_line.selects()) return wrong("--verify checks the whole archive");
     if (!m_line.prefix.empty() && mode != Mode::Create) return wrong("--prefix goes with -c");
     if (m_line.stripPaths && mode == Mode::Create) return wrong("--strip-paths goes with -x");
@@ -278,6 +283,7 @@ bool switchOn(Parser& parser, const char*) {
   return true;
 }
 
+// The same for what is kept of members; kValue is false for options that switch off.
 template <bool Keeping::*kSwitch, bool kValue = true>
 bool keep(Parser& parser, const char*) {
   parser.line().keeping.*kSwitch = kValue;
@@ -292,17 +298,20 @@ bool decide(Parser& parser, const char*) {
   return true;
 }
 
+// One row for each mode; two different ones are refused.
 template <Mode kMode>
 bool enter(Parser& parser, const char*) {
   return parser.setMode(kMode);
 }
 
+// The last of an option that is repeated counts.
 template <std::string CommandLine::*kText>
 bool setText(Parser& parser, const char* value) {
   parser.line().*kText = value;
   return true;
 }
 
+// All of them count.
 template <std::vector<std::string> CommandLine::*kList>
 bool addTo(Parser& parser, const char* value) {
   (parser.line().*kList).emplace_back(value);
@@ -390,6 +399,7 @@ std::string CommandLine::formatToWrite() const {
 // OpenBeforeEvent, because the command's event touches no file; MemberEvents, because it selects in them.
 std::string CommandLine::writingWords() const {
   std::string words = "Profile=usual,OpenBeforeEvent,MemberEvents";
+  // Not by default: reading them costs calls for each file, and few archives want them.
   if (keeping.attributes) words += ",Store=usual+xattr";
   if (keeping.numericOwners) words += ",OwnerBy=id";
   if (keeping.followsLinks) words += ",FollowLinks";
@@ -402,6 +412,7 @@ std::string CommandLine::writingWords() const {
 // last and win.
 std::string CommandLine::readingWords() const {
   std::string words = std::string("Profile=") + (untrusted ? "untrusted" : "usual");
+  // By the effective user, whose rights the process has.
   const bool isRoot = geteuid() == 0 && !untrusted;
   std::string parts = "mode+link+sparse";
   if (keeping.times) parts += "+time";
@@ -410,6 +421,7 @@ std::string CommandLine::readingWords() const {
   if (!untrusted) parts += "+special";
   if (keeping.attributes) parts += "+xattr";
   words += ",Restore=" + parts;
+  // -p is meant for directories that are there already as well.
   if (keeping.exactModes) words += ",ExistingDirectories=settle";
   if (keeping.numericOwners) words += ",OwnerBy=id";
   return words + (keepNames ? ",Confine=off" : "") + options;
@@ -422,6 +434,7 @@ std::string Operand::localPath() const {
   return isDirItself ? dir : absolute ? path : joinNames(dir, path);
 }
 
+// The first word is the program's own name.
 bool parseCommandLine(int argc, char** argv, CommandLine& line, std::string& error) {
   return Parser(line, error).parse(withDashes(argc, argv));
 }

@@ -75,6 +75,7 @@ class CreateEvent : public morvane::ProgressEvent {
         m_selection.excludes(member.path) || (m_line.maxCount > 0 && m_members >= m_line.maxCount);
     member.skip = m_nothingBelow || !m_selection.takes(member.path);
     if (member.skip) return;
+    // The component adds the slash later, and it counts.
     const bool isDirectory = member.typeFlag == '5';
     if (m_line.formatToWrite() == "ustar" && !fitsUstar(isDirectory ? member.path + "/" : member.path)) {
       m_report.problem(member.localPath, "its name is too long for the ustar format");
@@ -118,6 +119,7 @@ class CreateEvent : public morvane::ProgressEvent {
     m_isBegun = false;
     ++m_members;
     m_bytes += m_size;
+    // On this system a back slash is a letter of a name; the component stores a slash.
     if (m_name.find('\\') != std::string::npos) {
       m_report.problem(m_name, "a back slash cannot be stored; it becomes a slash");
     }
@@ -131,6 +133,7 @@ class CreateEvent : public morvane::ProgressEvent {
   // Of a directory that is skipped, what may lie below is missed. The path is the member's own, or a
   // directory's that was written before and cannot be walked into.
   void noteUnreadable(const std::string& path) {
+    // A tree whose root cannot be read, or a directory on the way back up.
     if (path != m_localPath) {
       settle();
     } else if (m_nothingBelow) {
@@ -216,6 +219,7 @@ class Sources {
       addSingle(local, name);
       return;
     }
+    // "." has no name in the archive, and so is a tree alone.
     if (!name.empty()) addSingle(local, name);
     if (!m_tar.AddDirRoot2(name, local)) m_report.failure(m_tar, operand.path);
   }
@@ -229,6 +233,7 @@ class Sources {
   Report& m_report;
   ClsTar& m_tar;
   const Selection m_selection;
+  // As it is called in the archive.
   std::string m_prefix;
   std::string m_lastRemoved;
 };
@@ -270,6 +275,7 @@ bool write(ClsTar& tar, const CommandLine& line, morvane::ProgressEvent& event, 
 // wanted anyway. The last member is settled only if the run came to its end; one that broke off may be in it.
 int createArchive(const CommandLine& line) {
   ProgressBar bar(line.progress);
+  // Standard output may be the archive: then messages keep off it.
   Report report(bar, line.usesStandardStream());
   if (!isNoTerminal(line, report)) return report.finish();
   ClsTar tar;
@@ -284,6 +290,7 @@ int createArchive(const CommandLine& line) {
   if (event.missedOnlyUnwanted() && tar.get_OnlyLeftOut()) ok = true;
   bar.clear();
   if (line.printLog) report.log(tar);
+  // Whatever the write returned: a signal explains it better than the reason that the component has.
   if (isInterrupted()) {
     report.notice(line.archive, "interrupted; the archive is incomplete");
     return interruptStatus();

@@ -22,6 +22,7 @@ using morvane::TarMemberInfo;
 struct NotKept {
   const char *event, *message, *countEvent, *countMessage;
 };
+// The component's names are part of its interface.
 constexpr NotKept kNotKept[] = {
     {"ownerNotKept", "the owner is not kept", "ownersNotKept", "members without their owner"},
     {"modeNotKept", "the mode is not kept", "modesNotKept", "members without their mode"},
@@ -68,12 +69,14 @@ class ExtractEvent : public MemberEvent {
 
  private:
   void onSelected(const TarMemberInfo& member) override {
+    // Skipped here, so that it is named in the command's own words.
     m_isTooLong = std::strlen(member.entryPath) > morvane::ExtractTarget::kLongestPath;
     if (m_isTooLong) {
       m_report.problem(member.path, "the path is too long to be created");
       return;
     }
     m_path = member.path;
+    // FIFOs and devices of strangers are not made.
     const bool isSpecial = member.typeFlag == '3' || member.typeFlag == '4' || member.typeFlag == '6';
     m_isEmptied = isSpecial && m_line.untrusted;
   }
@@ -101,10 +104,12 @@ class ExtractEvent : public MemberEvent {
   }
 
   ClsTar& m_tar;
+  // Of the member that is being looked at.
   bool m_isTooLong = false;
   std::string m_path;
   bool m_isEmptied = false;
   bool m_slashesNamed = false;
+  // Only with --strip-paths, where names meet that were apart.
   std::map<std::string, std::string> m_lastParts;  // and the paths they came from
 };
 
@@ -135,6 +140,7 @@ class OutputEvent : public MemberEvent {
 // for one.
 bool makeTarget(const CommandLine& line, Report& report) {
   std::error_code error;
+  // Links to directories on the way are followed, as they are the user's own.
   if (!line.targetDir.empty()) std::filesystem::create_directories(line.targetDir, error);
   if (!error || error == std::errc::filename_too_long) return true;
   report.problem(line.targetDir, error.message());
@@ -161,11 +167,13 @@ int extractArchive(const CommandLine& line) {
 // Closed before success is claimed: a full disk or a reader that has gone shows as late as that. No match is
 // a problem that is named, and then not a failure of the component's as well.
 int extractToStandardOutput(const CommandLine& line) {
+  // Messages keep off standard output, which is the file's.
   ReadJob job(line, true);
   if (!job.open()) return job.finish();
   const std::unique_ptr<morvane::OutputFile> out = standardOutput(job.report);
   if (!out) return job.finish();
   OutputEvent event(job.report, job.bar, line);
+  // The component stops reading behind the member, whatever the archive's size.
   bool ok = job.tar.UntarMemberToOutput(job.archive.source(), *out, &event);
   ok = closeOutput(*out, job.report) && ok;
   job.bar.clear();

@@ -83,6 +83,7 @@ std::optional<Entry> parseEntry(std::string_view text, bool byId, UserDatabase& 
   }
   entry.tag = name.empty() ? kind->ownTag : kind->namedTag;
   if (entry.tag == 0) return std::nullopt;
+  // An entry that cannot be given to anybody spoils the list.
   if (!name.empty()) {
     const std::optional<uint32_t> known = idOf(name, id, kind == kKinds, byId, users);
     if (!known) return std::nullopt;

@@ -90,6 +90,7 @@ bool ClsDirTree::prepareToEnter(LogBase& log) {
   }
   m_passBy = !m_hasPrepared;
   if (m_hasPrepared) return true;
+  // Said here and not by failedToRead, because the walk goes on.
   m_failedPath = fullPathOf(m_relativePath);
   logOsError(log, kCannotRead, m_failedPath.c_str(), error);
   return false;
@@ -180,6 +181,7 @@ bool ClsDirTree::readDirectory(int fd, Level& level, int& error) {
       level.names.append(entry->d_name).push_back('\0');
     }
   }
+  // By bytes, whatever the locale: the order of an archive must not depend on who makes it.
   const char* const names = level.names.data();
   std::sort(level.entries.begin(), level.entries.end(),
             [names](size_t a, size_t b) { return std::strcmp(names + a + 1, names + b + 1) < 0; });
@@ -203,6 +205,7 @@ const char* ClsDirTree::currentName() const {
 unsigned char ClsDirTree::currentType() const {
   const Level& level = m_levels.back();
   const auto type = static_cast<unsigned char>(level.names[level.entries[level.current]]);
+  // A link that is followed is what it leads to, which the directory does not tell.
   const bool isFollowed = m_followsLinks && type == DT_LNK;
   if (type != DT_UNKNOWN && !isFollowed) return type;
   struct stat status;

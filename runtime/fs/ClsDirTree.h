@@ -89,6 +89,7 @@ class MORVANE_API ClsDirTree {
   std::string fullPathOf(const std::string& relative) const;
   bool failedToRead(LogBase& log, int error);
 
+  // As given, slashes at its end included.
   std::string m_baseDir;
   bool m_recurse = false;
   bool m_followsLinks = false;
@@ -97,6 +98,7 @@ class MORVANE_API ClsDirTree {
   std::string m_failedPath;
   Level m_prepared;  // the current directory's contents, when prepareToEnter has read them
   bool m_hasPrepared = false;
+  // Of the current entry; both are forgotten when the walk goes on.
   bool m_passBy = false;
 };
 

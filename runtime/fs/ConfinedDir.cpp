@@ -230,6 +230,8 @@ ConfinedDir::Linked ConfinedDir::makeHardLink(const std::string& path, const std
   bool cannot = false;
   const Result result = makeExclusively(place, path, log, [&](int parent, const char* leaf) {
     const int made = linkat(from.parent.fd(), from.leaf.c_str(), parent, leaf, 0);
+    // EXDEV: another file system. EPERM: one without links, or a file that only its owner may link to.
+    // EMLINK: it has as many names as it may.
     cannot = made != 0 && (errno == EXDEV || errno == EPERM || errno == EMLINK);
     return cannot ? 0 : made;
   });
@@ -277,9 +279,11 @@ ConfinedDir::Result ConfinedDir::clearTheWay(const Place& place, LogBase& log) {
   if (fstatat(parent, leaf, &status, AT_SYMLINK_NOFOLLOW) != 0) {
     return errno == ENOENT ? Result::Ok : failed("Failed to examine what is in the way.", place.leaf, log);
   }
+  // Not even to make room for a member of the archive's own name.
   if (isProtected(status)) return Result::Refused;
   const bool isDirectory = S_ISDIR(status.st_mode);
   if (unlinkat(parent, leaf, isDirectory ? AT_REMOVEDIR : 0) == 0 || errno == ENOENT) return Result::Ok;
+  // Two words of one system for a directory that has something in it.
   if (isDirectory && (errno == ENOTEMPTY || errno == EEXIST)) return Result::Refused;
   return failed("Failed to remove what is in the way.", place.leaf, log);
 }

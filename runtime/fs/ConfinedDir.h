@@ -120,11 +120,13 @@ class ConfinedDir {
   // Makes a leaf by `make`, once the way is clear.
   template <class Make>
   Result makeExclusively(const Place& place, const std::string& path, LogBase& log, Make make);
+  // Whether the leaf is a link that leads to a directory which members may be put into.
   bool isDirectoryInside(const Place& place);
   // The system's calls, bounded as m_links says: a descriptor, or -1 with errno.
   int createBeneath(const std::string& path, unsigned mode);
   int openBeneath(int base, const Parts& parts, size_t count, int lastFlags);
   int openResolved(int from, const char* path, int flags, unsigned mode, bool passesLinks = true);
+  // Removes what has the leaf's name, unless that is protected or a directory with something in it.
   Result clearTheWay(const Place& place, LogBase& log);
   bool isProtected(const struct stat& status) const;
   Result failed(const char* message, const std::string& path, LogBase& log);
@@ -135,9 +137,11 @@ class ConfinedDir {
   Links m_links = Links::None;
   // Set where the kernel has no openat2, and for tests of that way.
   bool m_partByPart = false;
+  // An errno.
   int m_lastError = 0;
   bool m_notesParents = false;
   bool m_handsOnGroup = false;
+  // Only while noteNewParents asks for them.
   std::vector<Identity> m_newParents;
   bool m_hasProtected = false;
   unsigned long long m_protectedDevice = 0, m_protectedInode = 0;

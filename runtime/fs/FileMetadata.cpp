@@ -97,6 +97,7 @@ int FileMetadata::setTimes(int fd, const timespec& access, const timespec& modif
   return errno == EBADF ? resultOf(utimensat(fd, "", times, AT_EMPTY_PATH)) : errno;
 }
 
+// A descriptor that only names a file gets EBADF here: links have no attributes of users.
 int FileMetadata::setAttribute(int fd, const std::string& name, const std::string& value) {
   return resultOf(fsetxattr(fd, name.c_str(), value.data(), value.size(), 0));
 }
@@ -109,6 +110,7 @@ int FileMetadata::readAttributes(int fd, bool all, Attributes& attributes) {
   std::string names;
   const int error =
       readGrowing(names, [&](char* buffer, size_t size) { return listxattr(path.c_str(), buffer, size); });
+  // Having none is no failure.
   if (error != 0) return error == ENOTSUP || error == ENOSYS ? 0 : error;
   for (size_t start = 0; start < names.size();) {
     const std::string name = names.c_str() + start;
@@ -133,6 +135,7 @@ unsigned FileMetadata::umask() {
   if (!file) return kStrictest;
   char line[256];
   while (std::fgets(line, sizeof line, file.get())) {
+    // The line reads "Umask:", a tab, and octal digits.
     constexpr char kTag[] = "Umask:";
     if (std::strncmp(line, kTag, sizeof kTag - 1) == 0) {
       return static_cast<unsigned>(std::strtoul(line + sizeof kTag - 1, nullptr, 8)) & kPermissions;

@@ -23,6 +23,7 @@ long long FileSys::fileSizeUtf8_64(const char* path, LogBase* log, bool& ok) {
   return info.m_size;
 }
 
+// A path with a NUL is cut there; those that come from outside are asked about it before.
 long long FileSys::fileSizeX_64(const XString& path, LogBase* log, bool& ok) {
   return fileSizeUtf8_64(path.getUtf8(), log, ok);
 }

@@ -24,6 +24,7 @@ constexpr size_t kLongestLink = 1 << 20;  // no system has longer ones
 // do not notice O_NONBLOCK; who reads from anything else makes it wait again (setBlocking).
 constexpr int kOpenSource = O_RDONLY | O_NONBLOCK | O_NOCTTY;
 
+// A link is followed only where the user asked for what it points at.
 int sourceFlags(SourceLinks links) { return kOpenSource | (links == SourceLinks::Followed ? 0 : O_NOFOLLOW); }
 
 // Calls system(directory, rest) for a path. A path that the kernel would refuse for its length is walked down
@@ -124,6 +125,7 @@ int osOpenOnce(const char* path, int flags) {
                 [&](int directory, const char* rest) { return openat(directory, rest, flags | O_CLOEXEC); });
 }
 
+// A single name, or a path that the kernel takes at once.
 int osOpenAt(int directory, const char* name, int flags, mode_t mode) {
   int fd;
   do {

@@ -19,6 +19,7 @@ namespace {
 // No real entry needs as much; a database that asks for more and more memory is given up.
 constexpr size_t kLargestEntry = 1 << 20;
 
+// "e" in the modes below keeps the descriptor from programs that another thread starts.
 using File = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
 
 // Calls `look(buffer)`, an errno or 0, with a buffer that grows for as long as it is too small.
@@ -26,6 +27,7 @@ template <class Look>
 void withBuffer(Look look) {
   for (std::vector<char> buffer(1024); buffer.size() <= kLargestEntry; buffer.resize(buffer.size() * 2)) {
     int error = look(buffer);
+    // A signal is no answer.
     while (error == EINTR) error = look(buffer);
     if (error != ERANGE) return;
   }
@@ -39,6 +41,7 @@ void UserDatabase::readUsers() {
   m_users.isRead = true;
   const File file(std::fopen("/etc/passwd", "re"), std::fclose);
   if (!file) return;
+  // More than any entry of people's own files has.
   std::vector<char> buffer(64 * 1024);
   passwd entry;
   for (passwd* found = nullptr;
@@ -79,6 +82,7 @@ const std::string& UserDatabase::userName(unsigned uid) {
   return name;
 }
 
+// The same for groups, which have files and calls of their own.
 const std::string& UserDatabase::groupName(unsigned gid) {
   if (!m_groups.isRead) readGroups();
   const auto known = m_groups.byId.find(gid);
@@ -100,6 +104,7 @@ std::optional<unsigned> UserDatabase::userId(const std::string& name) {
   if (!m_users.isRead) readUsers();
   const auto known = m_users.byName.find(name);
   if (known != m_users.byName.end()) return known->second;
+  // Made before it is asked for, so that an unknown name is remembered as well.
   std::optional<unsigned>& id = m_users.byName[name];
   withBuffer([&](std::vector<char>& buffer) {
     passwd entry;

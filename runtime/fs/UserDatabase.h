@@ -25,6 +25,7 @@ class UserDatabase {
  private:
   // What is known so far, unknown ones among it: an empty name, no number.
   struct Names {
+    // Whether the system's file was read, with whatever result.
     bool isRead = false;
     std::map<unsigned, std::string> byId;
     std::map<std::string, std::optional<unsigned>> byName;

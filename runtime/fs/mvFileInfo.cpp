@@ -14,6 +14,7 @@ namespace morvane {
 
 namespace {
 
+// Whichever way a file is looked at, the log says so alike.
 constexpr const char* kCannotExamine = "Failed to get file information.";
 
 // The system's nanoseconds are in range and count forward before 1970, too: the same shape.
@@ -48,8 +49,10 @@ void mvFileInfo::setFromStatus(const struct stat& status) {
 
 bool mvFileInfo::loadFileInfoUtf8(const char* path, LogBase& log) { return load(path, false, log); }
 
+// For roots, which may be given by a link, and where links are followed.
 bool mvFileInfo::loadTargetInfoUtf8(const char* path, LogBase& log) { return load(path, true, log); }
 
+// Where the last part is a link, `followLink` decides; links on the way are followed in any case.
 bool mvFileInfo::load(const char* path, bool followLink, LogBase& log) {
   struct stat status;
   if (osStatus(path, status, followLink) != 0) {

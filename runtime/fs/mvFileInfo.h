@@ -26,6 +26,7 @@ struct MORVANE_API mvFileInfo {
   long long m_size = 0;
   // Times to the nanosecond, UTC.
   MorvaneFileTime m_lastModified;
+  // As the file system keeps it, which may be rarely.
   MorvaneFileTime m_lastAccess;
   MorvaneFileTime
       m_creation;  // Linux keeps none that is portable; the time of the last status change stands in
@@ -34,6 +35,7 @@ struct MORVANE_API mvFileInfo {
   unsigned long long m_device = 0;
   unsigned long long m_inode = 0;
   unsigned m_mode = 0;  // all bits, the type among them (S_IFMT)
+  // Numbers of this system.
   unsigned m_uid = 0, m_gid = 0;
   unsigned m_deviceMajor = 0, m_deviceMinor = 0;  // of a device itself
   long long m_storedSize = 0;                     // bytes that the data take on the disk; fewer with holes
@@ -55,6 +57,7 @@ struct MORVANE_API mvFileInfo {
   }
 
  private:
+  // Both of the first two.
   bool load(const char* path, bool followLink, LogBase& log);
 };
 

@@ -79,7 +79,9 @@ void ClsTar::lookUpUser() const {
   if (m_userLookupError == ENOMEM) throw std::bad_alloc();
   if (m_userLookupError != 0) return;
   XString name;
+  // The database's bytes are taken to be in the locale's character set.
   name.appendAnsi(user.getString());
+  // A name that was set is not overwritten.
   for (auto [text, isSet] :
        {std::pair(&m_userName, &m_userNameIsSet), std::pair(&m_groupName, &m_groupNameIsSet)}) {
     if (!*isSet) text->copyFromX(name);
@@ -184,6 +186,7 @@ void ClsTar::get_WriteFormat(XString& out) { getString(m_writeFormat, out); }
 void ClsTar::put_WriteFormat(const XString& format) {
   CritSecExitor lock(*this);
   std::string_view word = trimmed(format.str());
+  // Letters of ASCII only: all known words are.
   const auto is = [word](std::string_view name) {
     return word.size() == name.size() && std::equal(word.begin(), word.end(), name.begin(),
                                                     [](char a, char b) { return asciiLower(a) == b; });
@@ -213,6 +216,7 @@ void ClsTar::put_GroupName(const XString& name) {
   putText(m_groupName, name.str());
 }
 
+// Reading it looks the user up, like writing an archive does.
 void ClsTar::get_UserName(XString& out) {
   CritSecExitor lock(*this);
   lookUpUser();

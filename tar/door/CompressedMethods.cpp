@@ -20,6 +20,7 @@ bool ClsTar::UntarGz(_mvDataSource& source, ProgressEvent* progress) {
   return untarCompressedSource("UntarGz", source, progress, &ClsTar::inflateTar);
 }
 
+// From the state of the last run, unlike the other two.
 bool ClsTar::UntarBz2(const XString& tarBz2Path, ProgressEvent* progress) {
   return untarCompressedFile("UntarBz2", tarBz2Path, progress, &ClsTar::expandTarBz2);
 }
@@ -80,6 +81,7 @@ bool ClsTar::untarCompressed(_mvDataSource& source, ProgressEvent* progress, Dec
   }
   const bool ok = read && flushed;
   m_onlyLeftOut = !ok && flushed && m_stream->onlyLeftOut();
+  // Bytes behind the compressed data are never read, and would be missing from the whole.
   if (ok) pm.consumeRemaining(m_log);
   return ok;
 }

@@ -56,6 +56,7 @@ bool ClsTar::CreateDeb(const XString& controlPath, const XString& dataPath, cons
   });
 }
 
+// The output hears that it is complete, so that one that buffers can say whether it is.
 bool ClsTar::CreateDeb(const XString& controlPath, const XString& dataPath, _mvOutput& out) {
   return method("CreateDeb", MethodForm::Judged, false, [&](MethodFrame&) {
     DataBuffer package;

@@ -18,6 +18,7 @@ bool ClsTar::firstMatchTo(_mvDataSource& source, const XString& pattern, _mvOutp
                         Io(log, pm));
 }
 
+// Of plain archives, as all of these: in a compressed one no header is found.
 bool ClsTar::UntarFirstMatchingToMemory(DataBuffer& tarBytes, const XString& pattern,
                                         DataBuffer& destination) {
   return method("UntarFirstMatchingToMemory", MethodForm::Judged, false, [&](MethodFrame&) {
@@ -28,6 +29,7 @@ bool ClsTar::UntarFirstMatchingToMemory(DataBuffer& tarBytes, const XString& pat
     const bool sameBuffer = &tarBytes == &destination;
     OutputDataBuffer out(sameBuffer ? found : destination);
     const bool ok = firstMatchTo(source, pattern, out, m_log, m_log.verbose(), nullptr);
+    // What was found is appended even if the rest of it did not come.
     return (!sameBuffer || destination.append(found)) && ok;
   });
 }

@@ -53,6 +53,7 @@ bool ClsTar::UntarMemberToOutput(_mvDataSource& source, _mvOutput& out, Progress
 bool ClsTar::memberToOutput(_mvDataSource& source, _mvOutput& out, ProgressEvent* progress) {
   ProgressMonitorPtr monitor(progress, m_abortCheckMs, m_percentScale, 0);
   ProgressMonitor* const pm = monitor.getPm();
+  // First, so that every way out from here passes it.
   OutputFlush flush(out, pm);
   std::optional<Compression> compression;
   if (!detectArchive(source, compression, pm, m_log)) return false;
@@ -72,6 +73,7 @@ bool ClsTar::memberToOutput(_mvDataSource& source, _mvOutput& out, ProgressEvent
     RatioLimit limited(sink, metered, m_options->maxRatio);
     const bool ended = codecOf(*compression).decode(metered, limited, m_options->codec, pm, m_log);
     found = stream.memberIsComplete();
+    // A stream that ended well without the member is no damage; the run's own failure is.
     if (!found && (!ended || !stream.FinishStreamingUntar(pm, m_log))) return false;
   }
   if (!found) m_log.LogError("No such member.");

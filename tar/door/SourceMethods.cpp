@@ -63,6 +63,7 @@ bool ClsTar::AddBytes(const XString& pathInTar, const DataBuffer& data) {
   return method("AddBytes", MethodForm::WithVersion, false, [&](MethodFrame&) {
     if (hasNul(pathInTar)) return fails(kNulInPath, m_log);
     auto file = std::make_unique<MemoryFile>();
+    // The text of the entry is the path; its bytes go beside it.
     file->setString(pathInTar.getUtf8());
     file->m_added = MorvaneFileTime::fromUnixTime64(Psdk::getCurrentUnixTime());
     const bool added = file->m_bytes.append(data) && m_files.appendSb(file.release());
@@ -92,6 +93,7 @@ bool ClsTar::GetDirRoot(int index, XString& outDirPath) {
   });
 }
 
+// A property, and no method: no frame, no log.
 int ClsTar::get_NumDirRoots() {
   CritSecExitor lock(*this);
   return m_dirRoots.getSize();

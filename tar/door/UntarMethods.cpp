@@ -31,6 +31,7 @@ int ClsTar::Untar(const XString& tarPath, ProgressEvent* progress) {
   });
 }
 
+// A source is open already, and its end is the caller's.
 int ClsTar::Untar(_mvDataSource& source, ProgressEvent* progress) {
   return method("Untar", MethodForm::Judged, -1,
                 [&](MethodFrame&) { return untarWithProgress(source, true, progress); });
@@ -56,10 +57,12 @@ bool ClsTar::VerifyTar(_mvDataSource& source, ProgressEvent* progress) {
 // progress ends at the whole.
 int ClsTar::untarWithProgress(_mvDataSource& source, bool extract, ProgressEvent* progress) {
   const long long size = source.sizeIfKnown();
+  // A source that cannot tell where it stands, or how long it is, has no total.
   const long long start = std::max(source.ftell64(), 0LL);
   ProgressMonitorPtr pm(progress, m_abortCheckMs, m_percentScale, std::max(size - start, 0LL));
   const unsigned startTicks = Psdk::getTickCount();
   const int count = untarSource(source, extract, m_log, pm.getPm(), progress);
+  // Verifying has never told its time.
   if (extract) m_log.LogElapsedMs("untar", startTicks);
   if (count >= 0) pm.consumeRemaining(m_log);
   if (extract) m_log.LogDataLong("untarCount", count);

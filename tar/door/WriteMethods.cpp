@@ -72,6 +72,7 @@ bool ClsTar::writeMethod(const char* name, Compression compression, const Archiv
     setMatchPatternExactFlags();
     m_log.LogDataX("tarFormat", m_writeFormat);
     if (place.path) m_log.LogDataX(place.pathTag, *place.path);
+    // Before the sources are counted, which may take long.
     if (place.path && !isSystemPath(*place.path, kCannotCreate, m_log)) return false;
     sayWhenUserIsUnknown(progress);
     long long total = 0;
@@ -80,10 +81,12 @@ bool ClsTar::writeMethod(const char* name, Compression compression, const Archiv
     const Io io(m_log, monitor.getPm(), progress);
     m_archive->begin(compression, m_options->codec);
     if (place.out) return writeFramed(*place.out, compression, io);
+    // Only now: an archive that is there is not emptied for a write that does not begin.
     const std::unique_ptr<OutputFile> file(OutputFile::createFileUtf8(place.path->getUtf8(), m_log));
     if (!file) return false;
     const bool written = writeFramed(*file, compression, io);
     const bool closed = file->closeHandle(&m_log, io.monitor);
+    // What was left out is no longer the only thing that is missing.
     if (!closed) m_onlyLeftOut = false;
     return closed && written;
   });
@@ -154,6 +157,7 @@ bool ClsTar::writeTarToOutput(_mvOutput& out, ProgressMonitor* pm, LogBase& log,
 // The tar stream itself, through the output that is set for the length of it.
 bool ClsTar::writeAllMembers(_mvOutput& out, const Io& io, bool& anythingLost) {
   m_archive->m_output = &out;
+  // Steps of later callers must not write into an output that is gone.
   ScopeExit forget([this] { m_archive->m_output = nullptr; });
   ArchiveWriter writer(liveWriteSettings(), *m_archive, io);
   mvFileInfo archive;
@@ -174,6 +178,7 @@ bool ClsTar::writeFileToOutput(XString& fullPath, XString& pathInTar, ProgressMo
              .writeFileToOutput(fullPath, pathInTar);
 }
 
+// It needs the output of a write that is going on, and fails outside of one.
 bool ClsTar::copySourceToOutput(_mvDataSource& source, ProgressMonitor* pm, LogBase& log) {
   const StepGuard step(*this);
   return step && takeOptions(log) &&
@@ -200,12 +205,14 @@ bool ClsTar::writeTarHeaderToOutput(XString& pathInTar, mvFileInfo& info, Progre
   });
 }
 
+// Whatever WriteFormat says: the step is GNU's record.
 bool ClsTar::writeLongFilenameToOutput(XString& path, mvFileInfo& info, ProgressMonitor* pm, LogBase& log) {
   return writeDescribed(path, info, Io(log, pm), [](MemberWriter& writer, const Member& member) {
     return writer.writeLongName(member);
   });
 }
 
+// And this one is pax's, with the path alone.
 bool ClsTar::writePaxHeaderToOutput(XString& path, mvFileInfo& info, ProgressMonitor* pm, LogBase& log) {
   return writeDescribed(path, info, Io(log, pm), [](MemberWriter& writer, const Member& member) {
     return writer.writePaxPath(member);

@@ -35,8 +35,8 @@ const char* splitIntoBlock(const Member& member, const FormatRules& rules, Membe
   return overflows ? kUstarCannotSplit : nullptr;
 }
 
-// The size is not asked about, because every reader takes it in base-256. Longer user and group names are cut
-// by the block, which loses no data.
+// The size is not asked about, because every reader takes it in base-256. User and group names
+// that are too long are left out; the numbers stay.
 const char* whyNotInUstar(const Member& member) {
   if (!fitsIds(member)) return "The ustar format cannot hold a user or group id over 2097151.";
   if (!hasOctalForm(kMtimeField, member.mtime.seconds)) {

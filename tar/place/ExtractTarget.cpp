@@ -36,6 +36,7 @@ ConfinedDir::Links linksOf(Confine confine) {
   return ConfinedDir::Links::Anywhere;
 }
 
+// The same words as the confined directory has, so that a reader finds both.
 constexpr char kCannotOpenTarget[] = "Failed to open the target directory.";
 
 }  // namespace
@@ -60,6 +61,7 @@ bool ExtractTarget::openConfined(const MemberPath& path, const ReadSettings& set
   if (m_confined.isOpen() && how == m_confinedHow && m_confinedDir.str() == dir.str()) return true;
   m_confined = ConfinedDir();
   if (m_hasArchive) m_confined.protect(m_archive);
+  // Their identity is asked for only where they will get metadata.
   m_confined.noteNewParents(settings.options.restore.any());
   m_confinedHow = how;
   m_confinedDir = dir;

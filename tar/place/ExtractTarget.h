@@ -66,14 +66,17 @@ class ExtractTarget {
   ConfinedDir* confined() { return m_confined.isOpen() ? &m_confined : nullptr; }
 
   // The system's reason (an errno) why the last member was not created; 0 when it was none of the system's.
+  // Good until the next member.
   int lastError() const { return m_lastError; }
   // Logs that reason, unless the log has it already: where it stands is for the engine to say.
   void tellNotCreated(LogBase& log);
 
  private:
-  // The two ways, and what stands in front of both.
+  // Opens the directory unless it is open for the same target and words. False, with the reason in the log.
   bool openConfined(const MemberPath& path, const ReadSettings& settings, LogBase& log);
+  // Asked before anything is touched, on both ways.
   Outcome judge(const MemberPath& path, LogBase& log);
+  // The two ways to make a file. `creatingTag`: null in a log that is not verbose.
   Outcome createConfined(const MemberPath& path, const ReadSettings& settings, unsigned mode,
                          const char* creatingTag, LogBase& log, std::unique_ptr<OutputFile>& file);
   Outcome createPlain(const MemberPath& path, const char* creatingTag, LogBase& log,

@@ -22,6 +22,7 @@ constexpr Row kRows[] = {
     {"Attributes of the member are not kept.", "attributesNotKept", "allAttributesNotKept"},
     {"The member is a copy: a link cannot be made here.", "linkNotKept", "linksNotKept"},
 };
+// A kind without a row would be told as another.
 static_assert(std::size(kRows) == static_cast<size_t>(NotKept::Kind::Count));
 
 }  // namespace

@@ -11,6 +11,7 @@ class MorvaneFileTime;
 
 // Each may be null: not known. Without a modification time none is set. Pointers are borrowed for the call.
 struct MemberTimes {
+  // Times are UTC, to the nanosecond.
   const MorvaneFileTime* creation = nullptr;  // nothing can be done with it here
   const MorvaneFileTime* access = nullptr;    // not known: as `accessStays` says
   const MorvaneFileTime* modification = nullptr;
@@ -23,6 +24,7 @@ bool setFileTimes(OutputFile& file, const MemberTimes& times, LogBase& log);
 
 // How a file ended. A run goes on with a file that is whole or has failed alone, and ends with any other.
 struct FileEnd {
+  // Flushed and closed without a failure.
   bool isWhole = false;  // all data arrived on the disk
   // They did not, for a reason of the file's own (see OutputFile::dropAfterOwnFailure); whoever copied into
   // it is past its data all the same.
@@ -33,6 +35,7 @@ struct FileEnd {
 // `isComplete`: whether all data were handed to the file. Of one that is not the buffer is left alone.
 // `set(file)` sets what is to be set, between the last byte and the close, when nobody can put another file
 // in its place; it tells whether the times are set. Why something failed is in the log.
+// The monitor is asked while buffers are flushed.
 template <class Set>
 FileEnd settleFile(OutputFile& file, bool isComplete, const Io& io, Set set) {
   FileEnd end;

@@ -42,6 +42,7 @@ bool SparseOutput::_writeBytes(const char* bytes, unsigned int n, _mvIoParams& i
       ++m_range;
       m_inRange = 0;
     }
+    // The map was compared with the header's size; only a source that gives more than that gets here.
     if (m_range == ranges.size()) return fail("A sparse member has more data than its map.", log);
     const SparseRange& range = ranges[m_range];
     if (!passHole(range.offset + m_inRange, io, log)) return false;
@@ -80,6 +81,7 @@ bool SparseOutput::finish(_mvIoParams& io, LogBase& log) {
     if (m_map.isInData() ? !fail("The map of a sparse member is cut.", log) : !checkMap(log)) return false;
   }
   if (m_hasFailed) return m_file && m_file->hasFailedAlone();
+  // Less than the map promises: what is missing would be a hole where there were data.
   if (m_left > 0) return fail("A sparse member has less data than its map.", log);
   return passHole(m_map.realSize(), io, log) &&
          (!m_file || m_file->setLength(m_map.realSize(), io.monitor(), log));

@@ -29,19 +29,22 @@ class SparseOutput : public _mvOutput {
   [[nodiscard]] bool finish(_mvIoParams& io, LogBase& log);
 
  private:
-  //  checkMap: whether the ranges add up to the bytes that are left. passHole: up to an offset of the file.
+  // checkMap: whether the ranges add up to the bytes that are left. passHole: up to an offset of the file.
   // fail: says why, and returns whether the run may go on.
   bool takeMap(const char*& bytes, unsigned& n, LogBase& log);
   bool checkMap(LogBase& log);
+  // The reason is logged here.
   bool fail(const char* message, LogBase& log);
   bool passHole(long long upTo, _mvIoParams& io, LogBase& log);
 
   // The two are one object where it is a file.
   const std::unique_ptr<_mvOutput> m_out;
   OutputFile* const m_file;
+  // Complete once a map that is text has been taken off the data.
   SparseMap m_map;
   SparseMapText m_text;
   bool m_mapIsComplete = false;
+  // The file's own failure: what still comes is dropped.
   bool m_hasFailed = false;
   long long m_left;         // stored bytes to come
   long long m_at = 0;       // in the file

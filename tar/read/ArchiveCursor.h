@@ -42,9 +42,12 @@ class ArchiveCursor {
  private:
   // Borrowed for the run.
   _mvDataSource& m_source;
+  // May be null. Bytes that are passed over count as progress, too.
   ProgressMonitor* const m_pm;
+  // For what a source says of its failures.
   LogBase& m_log;
   const long long m_start;  // -1 when the source cannot be moved
+  // Saturated: a position may be a claim that no archive reaches.
   long long m_at = 0;
 };
 

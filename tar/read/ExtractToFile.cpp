@@ -47,6 +47,7 @@ FileEnd fill(_mvDataSource& source, FileToFill to, const MemberTimes& times, lon
 
 }  // namespace
 
+// Into a file that is made already.
 FileEnd extractToFile(_mvDataSource& source, FileToFill to, const MemberTimes& times, long long size,
                       char* buffer, unsigned bufferSize, const Io& io, const Settle& settle) {
   LogContextExitor context(io.log, kContext);

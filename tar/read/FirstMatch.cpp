@@ -1,5 +1,6 @@
-// The scan reads header after header as they are, without looking into records: a long name is a candidate
-// under the 100 bytes of it that its own header has.
+// A scan without events and limits, for one member that is wanted in memory. It reads header after header as
+// they are, without looking into records: a long name is a candidate under the 100 bytes of it that its own
+// header has.
 #include "tar/read/FirstMatch.h"
 
 #include <algorithm>
@@ -45,6 +46,7 @@ bool copyFirstMatch(_mvDataSource& source, const MatchWanted& wanted, const Read
       return endOfArchive;
     }
     cursor.passed(kBlockSize);
+    // By the rules that every path goes by, so that the pattern sees what a listing shows.
     path.buffer().clear();
     decoder.append(leftOfEntryPath(header.m_path.str(), false, settings.noAbsolutePaths), '\\', '/',
                    path.buffer());

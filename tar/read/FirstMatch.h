@@ -14,6 +14,7 @@ class _mvOutput;
 struct MatchWanted {
   // Without regard to case, letters beyond ASCII are alike too.
   const XString& pattern;
+  // As MatchCaseSensitive says; the filters of the component have no part in it.
   bool caseSensitive = false;
   bool logsEntries = false;  // the log names each path that is looked at
 };

@@ -24,6 +24,7 @@ namespace {
 constexpr unsigned kCopyBufferSize = 40000;
 constexpr unsigned kSmallCopyBufferSize = 20000;
 constexpr char kCannotExtract[] = "Failed to extract to file.";
+// The number is of long standing: applications look for the line.
 constexpr char kAborted[] = "Untar aborted by application. (1)";
 
 // This engine offers every member to the event, and puts no directories where paths are discarded; the push
@@ -61,6 +62,7 @@ int UntarRun::run() {
     m_log.LogData("mustMatch", m_settings.mustMatch.c_str());
     m_log.LogData("mustNotMatch", m_settings.mustNotMatch.c_str());
   }
+  // A listing of an earlier call is replaced even if this one fails at its first header.
   if (m_settings.captureXmlListing) m_context.xmlListing.setFromUtf8(kXmlListingStart);
   m_log.LogDataX("UntarFromDir", m_settings.untarFromDir);
   const bool extracts = m_aim != MemberPlacer::Aim::Look;
@@ -72,6 +74,7 @@ int UntarRun::run() {
   }
   if (!m_copyBuffer.get()) return -1;
 
+  // Here, so that a run that failed before has touched nothing of the target.
   m_placer.beginRun();
   Step step = Step::GoOn;
   {
@@ -110,6 +113,7 @@ UntarRun::Step UntarRun::nextEntry() {
   }
   MemberReader::Found found;
   if (!readHeader(found)) return Step::Fail;
+  // What may follow the end mark is not read.
   if (found == MemberReader::Found::End) {
     if (m_log.verbose()) m_log.LogInfo("End-of-TAR");
     return Step::Stop;
@@ -161,6 +165,7 @@ bool UntarRun::takeRecord() {
   DataBuffer data;
   if (!readRecord(data)) return false;
   const auto* const text = reinterpret_cast<const char*>(data.getData2());
+  // Up to its NUL, as the lenient reader takes it.
   if (tells && isLongName) m_log.LogData("longFilename", text);
   if (m_reader->takeRecord({text, data.getSize() - 1}, m_log)) return true;
   if (!m_reader->isFull()) m_io.fail("Failed to parse PAX extended header.");
@@ -257,6 +262,7 @@ UntarRun::Step UntarRun::extractMember(bool& extracted) {
   extracted = true;
   ++m_count;
   if (m_settings.untarMaxCount == 0 || m_count < m_settings.untarMaxCount) return Step::GoOn;
+  // Said, because the archive has more.
   m_log.LogInfo("Reached untar maximum count");
   m_log.LogDataLong("UntarMaxCount", m_settings.untarMaxCount);
   return Step::Stop;

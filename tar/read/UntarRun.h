@@ -46,7 +46,7 @@ class UntarRun {
   // Members counted, -1 on failure. Called once. The reason of a failure is in the log; what was extracted
   // before it stays.
   int run();
-  // Whether it failed for nothing but members that were left out.
+  // Whether it failed for nothing but members that were left out. Of use once run() has returned.
   bool onlyLeftOut() const { return m_onlyLeftOut; }
 
  private:
@@ -60,20 +60,26 @@ class UntarRun {
   Step handleRecord(MemberReader::Found found);
   bool takeRecord();
   bool readRecord(DataBuffer& data);
+  // GNU's maps that go on behind the header, block by block.
   bool passSparseMap();
   Step handleMember();
   // Chooses, and makes or copies. `extracted` is for a line of the debugging log.
   Step extractMember(bool& extracted);
+  // Into the caller's output, for one member; the run ends behind it.
   Step copyMember();
   // What is made of a member on the disk. `leftOut`: the run goes on without it.
   bool makeMember(bool& leftOut);
+  // Lines of this engine, in front of what is made.
   void logMaking();
+  // Always false, with the reason and the path in the log.
   bool couldNotMake(Placed::Result result);
+  // From the source into a member's new file, which is then settled.
   bool copyToFile(FileToFill to, bool& leftOut);
   bool failWith(const char* message, const char* tag, const XString& value);
   Step passOver(long long upTo);
   Step failAborted();
 
+  // Taken apart once, because every step needs them.
   const Context m_context;
   const Io& m_io;
   LogBase& m_log;
@@ -94,8 +100,10 @@ class UntarRun {
   long long m_filePosition = 0;  // of the next header, from the archive's start
   // For the log alone.
   char m_previousTypeFlag = ' ';
+  // Null where members become files.
   _mvOutput* m_memberOutput = nullptr;
   bool m_onlyLeftOut = false;
+  // Of members extracted, or passed by the filter where none are.
   int m_count = 0;
 };
 

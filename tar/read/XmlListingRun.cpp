@@ -15,6 +15,7 @@ namespace {
 // A record's data are shown up to here; longer ones are passed over as data are. An XML viewer is no place
 // for more.
 constexpr long long kLongestListedData = 99999;
+// Enough at a time for few writes, and little to hold.
 constexpr unsigned kDrainAt = 64 * 1024;
 
 // The data of an 'x' or 'L' header, NUL-terminated behind what could be read. Data that are cut do not fail a

@@ -26,7 +26,7 @@ class XmlListingRun {
 
   // Replaces `xml` by the listing. With a drain (which may be null), what has come together goes there now
   // and then, so that a listing of any length takes no memory; the last of it stays in `xml`. True if the
-  // end-of-archive mark was reached; the listing is closed in any case.
+  // end-of-archive mark was reached; the listing is closed in any case. Called once.
   bool run(XString& xml, _mvOutput* drain);
 
  private:
@@ -37,8 +37,10 @@ class XmlListingRun {
 
   // Borrowed for the run, which reads it from where it stands.
   _mvDataSource& m_source;
+  // Charset, and whether to ask for an abort.
   LiveSettings<ReadSettings> m_live;
   const Io m_io;
+  // Behind the header, and then behind its data.
   ArchiveCursor m_cursor;
   // Names are shown in UTF-8, by Charset as it is at the header.
   NameDecoder m_names;

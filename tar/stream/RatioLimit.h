@@ -13,6 +13,7 @@ namespace morvane {
 // a run; the sums are never set back.
 class RatioLimit : public _mvOutput {
  public:
+  // `mostTimes` is 0 or more.
   RatioLimit(_mvOutput& out, const MeteredSource& in, long long mostTimes)
       : m_out(out), m_in(in), m_mostTimes(mostTimes) {}
 
@@ -32,9 +33,11 @@ class RatioLimit : public _mvOutput {
 
   // Both of the caller's, who outlives this.
   _mvOutput& m_out;
+  // Counts the bytes that the decompressor took.
   const MeteredSource& m_in;
   // Bytes out for each byte in.
   const long long m_mostTimes;
+  // Bytes that came out so far, the piece that is refused among them.
   long long m_produced = 0;
 };
 

@@ -11,6 +11,7 @@ namespace morvane {
 // keeps no bytes itself.
 class StreamSink : public _mvOutput {
  public:
+  // The engine must outlive it.
   explicit StreamSink(StreamingUntar& stream) : m_stream(stream) {}
 
   // Pieces that arrive behind the end of the archive succeed and are ignored. So a decompressor runs to its

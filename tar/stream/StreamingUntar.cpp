@@ -117,6 +117,7 @@ bool StreamingUntar::FinishStreamingUntar(ProgressMonitor* pm, LogBase& log) {
       m_streamOk = io.fail("Unexpected end of archive file.");
     }
   }
+  // A write that failed has been told, and its file is closed without another line.
   const bool failedBefore = m_writeFailed;
   if (m_streamOutFile && !closeOutputFile(io) && !failedBefore) {
     m_streamOk = writeHasFailed(Arrival::AllPending, io);
@@ -129,6 +130,7 @@ bool StreamingUntar::FinishStreamingUntar(ProgressMonitor* pm, LogBase& log) {
   if (m_settings.options.requireEndOfArchive && m_streamOk && !m_endMarkSeen) {
     m_streamOk = io.fail("The archive has no end-of-archive mark.");
   }
+  // A run that was broken off stays so.
   if (m_life == Life::Running) m_life = Life::Closed;
   return m_streamOk && !anyLeftOut();
 }
@@ -175,6 +177,7 @@ bool StreamingUntar::takeStep(const unsigned char* data, unsigned numBytes, bool
     return true;
   }
   const bool hasData = data && numBytes > 0;
+  // Not while older bytes are pending, which come first.
   const bool fitsEntry = m_streamBytesLeft >= numBytes && m_streamPending.isEmpty();
   // After a failed write nothing more is kept for an output that takes nothing.
   if (hasData && m_writeFailed && m_streamBytesLeft > 0) {

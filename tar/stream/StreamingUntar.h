@@ -90,6 +90,7 @@ class StreamingUntar {
   // The one member that goes into an output of the caller's.
   enum class Wanted { NotYet, Arriving, Complete };
 
+  // Everything below but the settings and the caller's output.
   void resetRun();
   void takeWhatIsPending(ProgressMonitor* pm, LogBase& log);
   // One step, by the state that the run is in.
@@ -97,10 +98,12 @@ class StreamingUntar {
   // Steps that take from what is pending; each leaves the state consistent when it fails.
   bool consumePadding();
   bool consumeData(const Io& io);
+  // One block of what is pending, if there is a whole one: a header, or more of a sparse map.
   bool consumeHeader(bool& finished, const Io& io);
   bool consumeSparseMap(bool& finished, const Io& io);
   bool takeHeader(bool& finished, const Io& io);
   bool parseHeader(const unsigned char* block, bool& finished, const Io& io);
+  // To the reader, for the member whose header follows.
   bool applyExtensionData(const Io& io);
   bool closeEmptyFile(const Io& io);
   // What the header begins: each opens the output of the entry's data, and tells how many there are.
@@ -113,9 +116,11 @@ class StreamingUntar {
   bool writeHasFailed(Arrival arrival, const Io& io);
   // The end of an entry's data, and of its file.
   bool finishEntry(Arrival arrival, const Io& io);
+  // With the member's time; without one; what both have in common.
   bool settleOutputFile(const Io& io);
   bool closeOutputFile(const Io& io);
   bool endOutputFile(const MemberTimes& times, const Io& io);
+  // The member that goes to the caller's output is there; the run has ended.
   void completeMember();
   void eat(unsigned n);
   // Replaces both at once; the old output is destroyed, which closes a file.
@@ -124,7 +129,9 @@ class StreamingUntar {
   bool stop(const char* message, bool& finished, const Io& io);
 
   LiveSettings<ReadSettings> m_live;  // taken anew at each header
+  // The same, as of the last refresh.
   const ReadSettings& m_settings;
+  // The component's property, or one that nobody reads.
   XString& m_xmlListing;
   MemberPlacer m_placer;
   // The caller's output for one member; null where members become files.

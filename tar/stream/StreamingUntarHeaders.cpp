@@ -12,6 +12,7 @@ namespace morvane {
 
 namespace {
 
+// Nothing for the NUL that old archives have as a file's type.
 std::string typeText(char typeFlag) { return std::string(typeFlag ? 1 : 0, typeFlag); }
 
 }  // namespace
@@ -35,6 +36,7 @@ bool StreamingUntar::consumeHeader(bool& finished, const Io& io) {
     return false;
   }
   if (!parseHeader(m_streamPending.getData2(), finished, io)) return false;
+  // Before the block is taken, which moves the position on.
   m_reader->found().headerPosition = m_streamPosition;
   eat(kBlockSize);
   if (finished) {
@@ -112,6 +114,7 @@ bool StreamingUntar::takeHeader(bool& finished, const Io& io) {
     // For every header, records included; the pull engine lists members only.
     toXmlEntry(member, m_xmlListing, nullptr, path.decoder(m_settings, io.log));
   }
+  // It stays so for a directory.
   m_streamExpectedSize = 0;
   m_placer.setPath(member, io);
   if (isMember) m_placer.announce(member, io);

@@ -42,6 +42,7 @@ OutputFile* ArchiveOutput::plainFile() const {
 // piece is never the last: an archive's end alone is two blocks.
 bool ArchiveOutput::compress(const unsigned char* data, unsigned len, const Io& io) {
   m_uncompressedSize += len;
+  // What came out of the encoder, which may be nothing for many pieces.
   DataBuffer ready;
   const auto writeReady = [&] {
     return ready.isEmpty() || (m_output && m_output->writeDbPM(ready, io.monitor, io.log));

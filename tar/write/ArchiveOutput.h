@@ -30,10 +30,11 @@ struct ArchiveOutput {
   // fails without a message. The piece is not kept.
   [[nodiscard]] bool writeOut_pm(const unsigned char* data, unsigned len, bool checkAbort, const Io& io);
 
-  // The file that bytes go to as they are; null when they go anywhere else.
+  // The file that bytes go to as they are; null when they go anywhere else. Owned by whoever began the write.
   OutputFile* plainFile() const;
 
  private:
+  // One piece through the encoder, and what became ready to the output. False, with the reason in the log.
   bool compress(const unsigned char* data, unsigned len, const Io& io);
 
   std::unique_ptr<Encoder> m_encoder;  // null: plain

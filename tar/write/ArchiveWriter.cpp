@@ -59,6 +59,7 @@ bool ArchiveWriter::writeTarToOutput(const ExtPtrArraySb& files, const ExtPtrArr
 bool ArchiveWriter::writeEndOfArchive() {
   static constexpr unsigned char kZeroBlock[kBlockSize] = {};
   if (!m_run.put(kZeroBlock, kBlockSize)) return false;
+  // The next piece is the last that the encoder gets.
   m_run.archive.m_compressLast = true;
   return m_run.put(kZeroBlock, kBlockSize);
 }
@@ -169,8 +170,10 @@ bool ArchiveWriter::writeMember(const SourcePlace& place, XString& pathInTar, Cl
     m_log.LogDataInt64("isSymbolicLink", info.m_isSymbolicLink);
     m_log.LogDataInt64("isDirectory", info.m_isDirectory);
   }
+  // A special file that is stored as itself has size 0 and no data to copy.
   const bool hasData = !info.m_isDirectory && !info.m_isSymbolicLink && !m_member.isHardLink();
   if (hasData && !writeData(place, info)) return false;
+  // Only now: a member that failed is no target for links.
   m_describer.noteWritten(info, m_run.settings, m_member);
   return true;
 }
@@ -309,6 +312,7 @@ bool ArchiveWriter::leftOutUnreadable(const SourcePlace& place) {
 // Where sizes are not exact the data run to the file's end, whatever the header says, as the component has
 // always written them; WriteExactSizes is the way out.
 bool ArchiveWriter::writeData(const SourcePlace& place, const mvFileInfo& info) {
+  // What lies in memory has exactly the size that its header says.
   if (place.memory) return writeMemory(*place.memory);
   if (m_member.sparse.isSparse()) return writeSparse(place, info);
   return m_run.settings.options.writeExactSizes ? writeExactSize(place, info) : writeToTheEnd(place, info);

@@ -40,7 +40,8 @@ class ArchiveWriter {
   // Everything, with the end of the archive. `curDirRootPath` shows the root being walked. False, with the
   // reason in the log, when the archive is not complete; what was written stays where it went.
   bool writeTarToOutput(const ExtPtrArraySb& files, const ExtPtrArray& dirRoots, XString& curDirRootPath);
-  // One member. The path in the archive is brought into the archive's form.
+  // One member. The path in the archive is brought into the archive's form. Filters and events hold for it as
+  // in a whole write.
   bool writeFileToOutput(const XString& fullPath, XString& pathInTar);
   // Copies a source to its end into the archive, in pieces of at most 20,000 bytes. A failed read ends the
   // copy and is not a failure.
@@ -51,31 +52,39 @@ class ArchiveWriter {
   bool writeSingleFile(const SourceEntry& entry);
   bool writeTree(const DirRoot& root, XString& curDirRootPath);
   bool writeMember(const SourcePlace& place, XString& pathInTar, ClsDirTree* tree);
+  // What the source is now. False when it cannot be examined, with the reason in the log.
   bool examine(const SourcePlace& place, mvFileInfo& info);
   // Whether a member is left out, each for a reason of its own, which log and event have heard.
   bool isSkippedByEvent(const SourcePlace& place, const mvFileInfo& info, const XString& pathInTar);
+  // By onTarMember, which may also have changed the member; `pathInTar` is then the new one.
   bool isSkippedBeingChanged(const SourcePlace& place, XString& pathInTar);
   bool isSocketLeftOut(const SourcePlace& place, const mvFileInfo& info);
   bool isLeftOutByFormat(const SourcePlace& place);
+  // The member itself is archived; anythingLost() is true from then on.
   void noteLostAttributes(const SourcePlace& place);
+  // Only with SkipOutputFile.
   bool isArchiveItself(const SourcePlace& place, const mvFileInfo& info);
   // With SkipUnreadable; what cannot be read is told by leftOutUnreadable, which lets the run go on.
   bool canBeRead(const SourcePlace& place, const mvFileInfo& info, ClsDirTree* tree);
+  // For directories that were not archived themselves and may yet be entered.
   bool passByIfUnreadable(const SourcePlace& place, ClsDirTree& tree);
   bool leftOutUnreadable(const SourcePlace& place);
   // The member's data and the padding behind them, up to a whole block of 512 bytes.
   bool writeData(const SourcePlace& place, const mvFileInfo& info);
   bool writeMemory(const MemoryFile& file);
   bool writeSparse(const SourcePlace& place, const mvFileInfo& info);
+  // The two ways to copy a file: as long as it is, or as long as its header says.
   bool writeToTheEnd(const SourcePlace& place, const mvFileInfo& info);
   bool writeExactSize(const SourcePlace& place, const mvFileInfo& info);
   bool openForData(const SourcePlace& place, const mvFileInfo& info);
+  // Of a file whose header says 0: whether it has a first byte by now.
   bool hasGrownFromNothing(const SourcePlace& place, const mvFileInfo& info);
   // What is told of a source that changed or failed while its data were copied; the archive stays whole.
   void reportReadFailed(const SourcePlace& place);
   bool reportSizeChanged(const SourcePlace& place, long long inHeader, long long now);
   // Both are asked behind each member.
   bool memberFailed(const XString& fullPath, const XString& pathInTar);
+  // Asks the application, whatever AbortCheckMs is.
   bool isAborted();
   bool writeEndOfArchive();
 
@@ -93,6 +102,7 @@ class ArchiveWriter {
   // The archive that is left out of itself; none in memory or on a pipe.
   bool m_hasArchive = false;
   mvFileInfo m_archive;
+  // Never set back: an object writes one archive.
   bool m_anythingLost = false;
   long long m_withoutAttributes = 0;  // members that had some
 };

@@ -15,6 +15,7 @@ namespace {
 
 // Progress, abort and encoder see the data in such pieces whatever the way they came.
 constexpr unsigned kPieceSize = 20000;
+// Sources of applications may wait by giving nothing; one that never ends would hang the write.
 constexpr unsigned kMostEmptyReads = 1000;  // in a row
 
 }  // namespace
@@ -27,6 +28,7 @@ MemberData::Copied MemberData::copyFile(SourceFile& file, long long most) {
   while (output && copied.bytes < most && !file.data().endOfStream()) {
     unsigned room = 0, got = 0;
     char* const bytes = output->spareRoom(kPieceSize, room, m_run.io.monitor, m_run.io.log);
+    // No room, or an output that keeps none: the ordinary way does it.
     if (!bytes) break;
     const long long wanted = std::min<long long>(most - copied.bytes, room - room % kPieceSize);
     copied.readFailed = !file.data().readOnce(bytes, static_cast<unsigned>(wanted), got, m_run.io.log);

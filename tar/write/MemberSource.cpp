@@ -96,6 +96,7 @@ bool MemberSource::describe(const SourcePlace& place, const mvFileInfo& info, co
   if (parts.mode) member.mode = info.m_mode & FileMetadata::kAllBits;
   if (parts.owner) takeOwner(info, settings, member);
   if (parts.time) member.mtime = {info.m_lastModified.seconds(), info.m_lastModified.nanoseconds(), true};
+  // What is neither file, directory nor link: a FIFO, a device, or a socket, which has been left out before.
   if (parts.special && !info.m_isRegularFile && !info.m_isDirectory && !info.m_isSymbolicLink) {
     member.typeFlag = S_ISCHR(info.m_mode)   ? kTypeCharacterDevice
                       : S_ISBLK(info.m_mode) ? kTypeBlockDevice

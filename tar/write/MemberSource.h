@@ -34,9 +34,11 @@ class MemberSource {
  private:
   // One for each part of Store. False, with the reason in the log, where the source cannot be asked.
   void takeOwner(const mvFileInfo& info, const WriteSettings& settings, Member& member);
+  // A symbolic link's text, or the first name of a file that is archived already.
   bool takeLink(const SourcePlace& place, const mvFileInfo& info, Member& member, const Io& io);
   bool takeAttributes(const SourcePlace& place, const mvFileInfo& info, SourceFile& file, Member& member,
                       const Io& io);
+  // Opens the file; what cannot be opened has no holes, and is told later.
   bool takeHoles(const SourcePlace& place, const mvFileInfo& info, const WriteSettings& settings,
                  SourceFile& file, Member& member);
 

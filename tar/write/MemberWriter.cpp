@@ -16,6 +16,7 @@ namespace {
 // The name that GNU tar gives these records, by which readers without support for them show what they are.
 constexpr std::string_view kLongLinkName = "././@LongLink";
 
+// The words that bend a format's rules, as tar/format knows them.
 FormatRules rulesOf(const TarOptions& options) {
   return {options.ustarPlainPrefix, options.ustarOverflowFails, options.paxExact};
 }
@@ -104,6 +105,7 @@ bool MemberWriter::writeLongText(const Member& member, char typeFlag, const std:
   return putRecord(m_record, kLongLinkName, TarMagic::Gnu, text + '\0');
 }
 
+// Alone, for the step of that name.
 bool MemberWriter::writePaxPath(const Member& member) {
   return writePax(member, paxPathRecord(member.path, m_run.settings.options.paxExact));
 }

@@ -32,6 +32,7 @@ class MemberWriter {
   // Records that the format needs, in the order in which readers expect them.
   bool writeRecords(const Member& member, const MemberEncoding& encoding);
   bool writeLongText(const Member& member, char typeFlag, const std::string& text);
+  // A record's header block, its data, and zeros up to the next block.
   bool putRecord(const Member& record, std::string_view name, TarMagic magic, const std::string& data);
 
   // Borrowed; its settings are those of the current member.

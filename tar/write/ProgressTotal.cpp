@@ -49,11 +49,14 @@ class Counter {
       const SourcePlace place = walk.place();
       const bool isExcluded = excludes(place.fullPath.str());
       mvFileInfo info;
+      // Directories have no data; links are examined as what the write will store.
       if (!isExcluded && !walk.tree().get_IsDirectory() &&
           info.loadFileInfoAt(place.directory, place.name, place.fullPath.getUtf8(), m_quiet,
                               place.followsLinks)) {
+        // Sums saturate: a sparse file may claim any size.
         m_total = saturatedSum(m_total, storedSize(info));
       }
+      // With each entry: counting a large tree takes its time.
       if (m_io.monitor && m_io.monitor->abortCheck(m_io.log)) return false;
       m_live.refresh();
       if (isExcluded && !m_live.now().options.countSkipsExcluded) continue;

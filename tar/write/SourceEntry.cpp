@@ -21,6 +21,7 @@ SourceEntry parseSourceEntry(const StringBuffer& stored) {
     parsed.localPath = parsed.pathInTar = entry;
     return parsed;
   }
+  // ESC in front marks a pair; anything else is a path, whatever it contains.
   parsed.isPair = !entry.empty() && entry.front() == kEntryEscape;
   if (!parsed.isPair) {
     parsed.localPath = entry;

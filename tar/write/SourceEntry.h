@@ -11,6 +11,7 @@
 
 namespace morvane {
 
+// ASCII's ESC: no path that people type has one.
 constexpr char kEntryEscape = '\x1B';
 
 // A file that is not on the disk: the text is its path in the archive. Owned by the list of files, with a
@@ -31,7 +32,8 @@ struct SourceEntry {
   const MemoryFile* file = nullptr;  // null for a file on the disk
 };
 
-// Neither path is checked: one that holds an ESC itself is cut at the wrong place.
+// Neither path is checked: one that holds an ESC itself is cut at the wrong place. The first two of the forms
+// above are texts alone, so that lists of texts can hold them.
 std::string makePairEntry(std::string_view localPath, std::string_view pathInTar);
 // Never fails: what is wrong with a pair shows in isClosed and in an empty path.
 SourceEntry parseSourceEntry(const StringBuffer& entry);

@@ -69,6 +69,7 @@ bool SourceFile::readFirst(LogBase& log) {
   return m_data.peekBytes(1, bytes, got, nullptr, log);
 }
 
+// By the descriptor: the name may be another file's by now.
 long long SourceFile::sizeNow() {
   mvFileInfo info;
   LogNull unwanted;
@@ -122,6 +123,7 @@ void SourceFile::findRanges(long long size, SparseMap& map) {
     stored += end - start;
     at = end;
   }
+  // No hole: an ordinary file.
   if (stored == size) return;
   map.begin(size);
   bool ok = true;

@@ -28,7 +28,8 @@ struct SourcePlace {
 class SourceFile {
  public:
   // Examines the place. With `mayOpen`, a regular file of a walk is opened with it: one look then serves
-  // both. Where something may happen to its name before it is read, that is not allowed.
+  // both. Where something may happen to its name before it is read, that is not allowed. False, with the
+  // reason in the log, when the system does not say what it is.
   bool examine(const SourcePlace& place, bool mayOpen, mvFileInfo& info, LogBase& log);
   // Opens the data of what was examined, unless they are open. Never waits for a FIFO.
   bool open(const SourcePlace& place, const mvFileInfo& info, LogBase& log);
@@ -44,7 +45,7 @@ class SourceFile {
 
   _mvFileDataSource& data() { return m_data; }
 
-  // The text of a symbolic link, of any length.
+  // The text of a symbolic link, of any length. False, with the reason in the log.
   static bool readLink(const SourcePlace& place, std::string& text, LogBase& log);
   // The extended attributes of what was examined.
   bool readAttributes(const SourcePlace& place, FileMetadata::Attributes& attributes, LogBase& log);

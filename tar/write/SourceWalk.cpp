@@ -3,6 +3,7 @@
 
 namespace morvane {
 
+// The options of the walk hold until it ends; what a callback sets counts for the next tree.
 bool SourceWalk::begin(const DirRoot& root, bool followsLinks, LogBase& log) {
   m_prefix = root.m_pathPrefix.str();
   m_tree.put_BaseDir(XString(root.m_dirPath.str()));

@@ -15,6 +15,7 @@ namespace morvane {
 // The properties of ClsTar that concern writing, as plain values with the same defaults. Modes are permission
 // bits, ids decimal numbers; what does not fit a field loses its high digits there.
 struct WriteSettings {
+  // Gnu is the component's default.
   WriteFormat format = WriteFormat::Gnu;
   int dirMode = 0755, fileMode = 0644, scriptFileMode = 0755;
   int userId = 1000, groupId = 1000;
@@ -22,15 +23,18 @@ struct WriteSettings {
   std::string userName, groupName;
   // In front of every name but those that the application chose itself.
   XString dirPrefix;
+  // MustMatch and MustNotMatch, over local paths.
   NameFilter filter;
   // Milliseconds between two questions whether to abort; 0: none inside of a member.
   int abortCheckMs = 100;
+  // The words for writing; those for reading have no meaning here.
   TarOptions options;
 };
 
 // Borrowed for the length of a write: the settings are the run's and change between members, the archive is
 // the component's. Each step holds a reference to it.
 struct WriteRun {
+  // As of the last refresh of the writer that owns them.
   const WriteSettings& settings;
   ArchiveOutput& archive;
   Io io;
@@ -39,6 +43,7 @@ struct WriteRun {
   [[nodiscard]] bool put(const unsigned char* data, unsigned n) {
     return archive.writeOut_pm(data, n, settings.abortCheckMs != 0, io);
   }
+  // The text of a record or map, which is far below 4 GiB.
   [[nodiscard]] bool put(const std::string& data) {
     return put(reinterpret_cast<const unsigned char*>(data.data()), static_cast<unsigned>(data.size()));
   }
