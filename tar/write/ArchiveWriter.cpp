@@ -3,23 +3,16 @@
 // its size is a promise, which with WriteExactSizes is kept whatever happens to the source then.
 #include "tar/write/ArchiveWriter.h"
 
-#include <algorithm>
-
 #include "runtime/fs/FileSys.h"
 #include "runtime/fs/_mvFilePath.h"
 #include "runtime/log/LogContextExitor.h"
-#include "runtime/log/LogNull.h"
 #include "tar/format/ShownMember.h"
-#include "tar/format/TarBlock.h"
 #include "tar/write/SourceEntry.h"
 #include "tar/write/SourceWalk.h"
 
 namespace morvane {
 
 namespace {
-
-constexpr char kCannotOpenSource[] = "Failed to open source file for TAR archive.";
-constexpr char kCannotCopy[] = "Failed to copy file contents to TAR.";
 
 // A place that is a path alone, on the disk.
 SourcePlace placeOf(const XString& fullPath, bool followsLinks = false) {
@@ -305,116 +298,6 @@ bool ArchiveWriter::leftOutUnreadable(const SourcePlace& place) {
   m_run.io.inform("unreadable", place.fullPath.getUtf8());
   m_log.forgetCause();  // until here it says why; the job goes on
   return true;
-}
-
-// ---- Data
-
-// Where sizes are not exact the data run to the file's end, whatever the header says, as the component has
-// always written them; WriteExactSizes is the way out.
-bool ArchiveWriter::writeData(const SourcePlace& place, const mvFileInfo& info) {
-  // What lies in memory has exactly the size that its header says.
-  if (place.memory) return writeMemory(*place.memory);
-  if (m_member.sparse.isSparse()) return writeSparse(place, info);
-  return m_run.settings.options.writeExactSizes ? writeExactSize(place, info) : writeToTheEnd(place, info);
-}
-
-bool ArchiveWriter::writeMemory(const MemoryFile& file) {
-  if (!m_data.put(file.m_bytes)) return m_run.io.fail(kCannotCopy);
-  return m_run.putZeros(paddingAfter(file.m_bytes.getSize()));
-}
-
-// The map where it is data, then the ranges, each with as many bytes as the map says: zeros where the file
-// has become shorter.
-bool ArchiveWriter::writeSparse(const SourcePlace& place, const mvFileInfo& info) {
-  const SparseMap& map = m_member.sparse;
-  if (m_member.typeFlag != kTypeSparse && !m_run.put(sparseMapText(map))) return false;
-  const bool isOpen = openForData(place, info);
-  if (!isOpen && !m_run.settings.options.skipUnreadable) return false;
-  bool isWhole = isOpen, readFailed = false;
-  for (const SparseRange& range : map.ranges()) {
-    MemberData::Copied copied;
-    if (isOpen && !readFailed && m_source.data().fseekAbsolute64(range.offset, m_log)) {
-      copied = m_data.copyFile(m_source, range.length);
-      if (!copied.ok) return m_run.io.fail(kCannotCopy);
-    }
-    readFailed |= copied.readFailed;
-    isWhole &= copied.bytes == range.length;
-    if (!m_run.putZeros(range.length - copied.bytes)) return false;
-  }
-  if (!m_run.putZeros(paddingAfter(m_member.size))) return false;
-  if (readFailed) reportReadFailed(place);
-  return isWhole || readFailed || reportSizeChanged(place, info.m_size, m_source.sizeNow());
-}
-
-// It may be open already: from the examination, or from looking whether it can be read.
-bool ArchiveWriter::openForData(const SourcePlace& place, const mvFileInfo& info) {
-  if (m_source.open(place, info, m_log)) return true;
-  m_log.LogError(kCannotOpenSource);
-  m_log.LogDataX("fullPath", place.fullPath);
-  return false;
-}
-
-// An empty file is not opened at all. Files of /proc state no size and have data: they are archived as empty.
-bool ArchiveWriter::writeToTheEnd(const SourcePlace& place, const mvFileInfo& info) {
-  if (info.m_size == 0) return true;
-  if (!openForData(place, info)) return false;
-  if (!m_data.copyFile(m_source, MemberData::kToTheEnd).ok) return m_run.io.fail(kCannotCopy);
-  // By the size in the header, whatever was copied.
-  const unsigned padding = paddingAfter(info.m_size);
-  return padding == 0 || m_run.putZeros(padding);
-}
-
-// As many bytes as the header says, zeros where the file has fewer. What the file has beyond its size is not
-// copied and is told as a change, so that the user knows of it.
-bool ArchiveWriter::writeExactSize(const SourcePlace& place, const mvFileInfo& info) {
-  const long long size = info.m_size;
-  if (size == 0) {
-    return !hasGrownFromNothing(place, info) ||
-           reportSizeChanged(place, 0, std::max(m_source.sizeNow(), 1LL));
-  }
-  MemberData::Copied copied;
-  if (openForData(place, info)) {
-    copied = m_data.copyFile(m_source, size);
-    if (!copied.ok) return m_run.io.fail(kCannotCopy);
-  } else if (!m_run.settings.options.skipUnreadable) {
-    return false;
-  }
-  if (copied.readFailed) reportReadFailed(place);
-  if (!m_run.putZeros(size - copied.bytes + paddingAfter(size))) return false;
-  if (copied.readFailed) return true;
-  if (copied.bytes < size) return reportSizeChanged(place, size, copied.bytes);
-  return !m_source.hasMoreThan(size) ||
-         reportSizeChanged(place, size, std::max(m_source.sizeNow(), size + 1));
-}
-
-// Size 0 is also what files state that the system makes up as they are read.
-bool ArchiveWriter::hasGrownFromNothing(const SourcePlace& place, const mvFileInfo& info) {
-  LogNull unwanted;  // one that cannot be opened has nothing that was to be archived
-  return info.m_isRegularFile && m_source.open(place, info, unwanted) && m_source.hasMoreThan(0);
-}
-
-// The archive can be read to its end, hence a notice and true; the job fails by anythingLost().
-bool ArchiveWriter::reportSizeChanged(const SourcePlace& place, long long inHeader, long long now) {
-  m_anythingLost = true;
-  m_log.LogNotice("The file's size changed while it was archived.");
-  m_log.LogDataX("fullPath", place.fullPath);
-  m_log.LogDataInt64("sizeInHeader", inHeader);
-  m_log.LogDataInt64("sizeRead", now);
-  m_run.io.inform("sizeChanged", place.fullPath.getUtf8());
-  return true;
-}
-
-// Until the event has been told, get_FailureCause says why.
-void ArchiveWriter::reportReadFailed(const SourcePlace& place) {
-  m_anythingLost = true;
-  m_log.LogNotice("The file could not be read to its end.");
-  m_log.LogDataX("fullPath", place.fullPath);
-  m_run.io.inform("readFailed", place.fullPath.getUtf8());
-  m_log.forgetCause();
-}
-
-bool ArchiveWriter::copySourceToOutput(_mvDataSource& source) {
-  return m_data.copySource(source, MemberData::kToTheEnd).ok;
 }
 
 }  // namespace morvane

@@ -1,0 +1,44 @@
+// What the options ask of the component: its option words, and the format of what is written.
+#include <unistd.h>
+
+#include "cli/CommandLine.h"
+
+namespace mvtar {
+
+// Attributes have a place in the pax format alone, so that asking for them chooses it.
+std::string CommandLine::formatToWrite() const {
+  return !format.empty() ? format : keeping.attributes ? "pax" : "gnu";
+}
+
+// OpenBeforeEvent, because the command's event touches no file; MemberEvents, because it selects in them.
+std::string CommandLine::writingWords() const {
+  std::string words = "Profile=usual,OpenBeforeEvent,MemberEvents";
+  // Not by default: reading them costs calls for each file, and few archives want them.
+  if (keeping.attributes) words += ",Store=usual+xattr";
+  if (keeping.numericOwners) words += ",OwnerBy=id";
+  if (keeping.followsLinks) words += ",FollowLinks";
+  if (keeping.reproducible) words += ",Reproducible=" + std::to_string(*keeping.reproducible);
+  return words;
+}
+
+// As other tars do: the superuser restores owners, devices and exact modes, everybody else what is theirs. An
+// archive of strangers gets none of root's rights, and no special files, whoever extracts it. Options stand
+// last and win.
+std::string CommandLine::readingWords() const {
+  std::string words = std::string("Profile=") + (untrusted ? "untrusted" : "usual");
+  // By the effective user, whose rights the process has.
+  const bool isRoot = geteuid() == 0 && !untrusted;
+  std::string parts = "mode+link+sparse";
+  if (keeping.times) parts += "+time";
+  if (keeping.exactModes || keeping.fullModes.value_or(isRoot)) parts += "+fullmode";
+  if (keeping.owners.value_or(isRoot)) parts += "+owner";
+  if (!untrusted) parts += "+special";
+  if (keeping.attributes) parts += "+xattr";
+  words += ",Restore=" + parts;
+  // -p is meant for directories that are there already as well.
+  if (keeping.exactModes) words += ",ExistingDirectories=settle";
+  if (keeping.numericOwners) words += ",OwnerBy=id";
+  return words + (keepNames ? ",Confine=off" : "") + options;
+}
+
+}  // namespace mvtar
