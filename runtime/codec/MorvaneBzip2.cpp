@@ -1,12 +1,14 @@
 // bzip2 over libbzip2. Compressing makes one stream of 900,000-byte blocks, which is what the bzip2 command
 // writes by default. Decompressing reads every stream that follows, as that command does.
 #include "runtime/codec/MorvaneBzip2.h"
+#include "runtime/base/ScopeExit.h"
 
 #include <bzlib.h>
 
 #include <cstring>
 #include <new>
 
+#include "runtime/base/ScopeExit.h"
 #include "runtime/buffer/DataBuffer.h"
 #include "runtime/codec/InputWindow.h"
 #include "runtime/io/_mvOutput.h"
@@ -14,6 +16,14 @@
 namespace morvane {
 
 namespace {
+
+constexpr char kNoMemoryToExpand[] = "Out of memory for bzip2 decompression.";
+
+// Why the library stopped, for what is neither an end nor the way on.
+const char* reasonOf(int state) {
+  if (state == BZ_DATA_ERROR_MAGIC) return "The data are no bzip2 data.";
+  return state == BZ_MEM_ERROR ? kNoMemoryToExpand : "The bzip2 data are damaged.";
+}
 
 constexpr unsigned kBuffer = 64 * 1024;
 constexpr int kBlockSize100k = 9;
@@ -118,7 +128,7 @@ bool MorvaneBzip2::DecompressStream(_mvDataSource& source, _mvOutput& out, LogBa
                                     ProgressMonitor* pm) {
   constexpr unsigned kOut = 2 * kBuffer;
   const std::unique_ptr<char[]> buffer(new (std::nothrow) char[kOut]);
-  if (!buffer) return fail(log, "Out of memory for bzip2 decompression.");
+  if (!buffer) return fail(log, kNoMemoryToExpand);
   InputWindow input(source, pm, log);
   bz_stream stream{};
   bool inStream = false;
@@ -128,10 +138,7 @@ bool MorvaneBzip2::DecompressStream(_mvDataSource& source, _mvOutput& out, LogBa
     if (inStream) BZ2_bzDecompressEnd(&stream);
     inStream = false;
   };
-  struct AtExit {
-    const decltype(endStream)& action;
-    ~AtExit() { action(); }
-  } const atExit{endStream};
+  const ScopeExit atExit(endStream);
 
   // Until a stream has shown its signature, bytes behind the one before may also be something else.
   unsigned long long streams = 0;
@@ -150,8 +157,7 @@ bool MorvaneBzip2::DecompressStream(_mvDataSource& source, _mvOutput& out, LogBa
     // be none.
     if (!inStream) {
       stream = bz_stream{};
-      if (BZ2_bzDecompressInit(&stream, 0, 0) != BZ_OK)
-        return fail(log, "Out of memory for bzip2 decompression.");
+      if (BZ2_bzDecompressInit(&stream, 0, 0) != BZ_OK) return fail(log, kNoMemoryToExpand);
       inStream = true;
       bytesOfStream = 0;
     }
@@ -170,9 +176,7 @@ bool MorvaneBzip2::DecompressStream(_mvDataSource& source, _mvOutput& out, LogBa
     // garbage; a wrong one in the first stream, or anything wrong later, is damage.
     if (state == BZ_DATA_ERROR_MAGIC && streams > 0 && bytesOfStream <= kSignature) break;
     if (state != BZ_OK && state != BZ_STREAM_END) {
-      return fail(log, state == BZ_DATA_ERROR_MAGIC ? "The data are no bzip2 data."
-                       : state == BZ_MEM_ERROR      ? "Out of memory for bzip2 decompression."
-                                                    : "The bzip2 data are damaged.");
+      return fail(log, reasonOf(state));
     }
     // The library may have brought out nothing, while it gathers a block.
     const unsigned produced = kOut - stream.avail_out;

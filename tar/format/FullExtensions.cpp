@@ -164,22 +164,23 @@ bool FullExtensions::takePaxRecords(std::string_view data, bool global, LogBase&
   return true;
 }
 
+// A name or a size for every later member is what no writer means.
+bool FullExtensions::isIgnoredGlobally(std::string_view keyword, std::string_view value, LogBase& log) {
+  const bool isForOne = keyword == "path" || keyword == "linkpath" || keyword == "size";
+  const bool isTooLong = (keyword == "uname" || keyword == "gname") && value.size() > kLongestGlobalName;
+  if (!isForOne && !isTooLong) return false;
+  log.LogNotice(isForOne ? "A global PAX record that can hold for one member only is ignored."
+                         : "A global PAX record is too long to hold for every member and is ignored.");
+  log.LogData("paxName", std::string(keyword).c_str());
+  return true;
+}
+
 // Within one member the later of two equal keywords wins. Unknown keywords, vendors' ones included, are
 // passed over as POSIX asks.
 bool FullExtensions::takePaxRecord(std::string_view keyword, std::string_view value, bool global,
                                    LogBase& log) {
+  if (global && isIgnoredGlobally(keyword, value, log)) return true;
   Attributes& to = global ? m_global : m_next;
-  // They would give every later member the same name or size, which no writer means.
-  if (global && (keyword == "path" || keyword == "linkpath" || keyword == "size")) {
-    log.LogNotice("A global PAX record that can hold for one member only is ignored.");
-    log.LogData("paxName", std::string(keyword).c_str());
-    return true;
-  }
-  if (global && (keyword == "uname" || keyword == "gname") && value.size() > kLongestGlobalName) {
-    log.LogNotice("A global PAX record is too long to hold for every member and is ignored.");
-    log.LogData("paxName", std::string(keyword).c_str());
-    return true;
-  }
   // An empty value takes the attribute back, for this member also from the global records.
   const auto note = [&](PaxField field) {
     to.takenBack = value.empty() ? to.takenBack | field : to.takenBack & ~static_cast<unsigned>(field);

@@ -60,6 +60,7 @@ class FullExtensions {
   };
 
   bool takePaxRecords(std::string_view data, bool global, LogBase& log);
+  static bool isIgnoredGlobally(std::string_view keyword, std::string_view value, LogBase& log);
   bool takePaxRecord(std::string_view keyword, std::string_view value, bool global, LogBase& log);
   static void takeSparseRecord(std::string_view keyword, std::string_view value, Attributes& to);
   static bool takeAttribute(std::string_view keyword, std::string_view value, Attributes& to);
