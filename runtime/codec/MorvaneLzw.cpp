@@ -18,6 +18,7 @@
 #include <new>
 
 #include "runtime/codec/InputWindow.h"
+#include "runtime/codec/LzwOutputWindow.h"
 #include "runtime/io/_mvOutput.h"
 
 namespace morvane {
@@ -27,8 +28,7 @@ namespace {
 constexpr unsigned char kMagic1 = 0x1F, kMagic2 = 0x9D;
 // The third byte. The two bits between width and block mode are not used by any writer and not looked at.
 constexpr unsigned kMaxBitsMask = 0x1F, kBlockModeFlag = 0x80;
-// No writer goes beyond 16 bits, which is also what two bytes of a table entry hold.
-constexpr unsigned kFirstWidth = 9, kLargestWidth = 16;
+constexpr unsigned kFirstWidth = 9, kLargestWidth = kLargestLzwWidth;
 // In block mode the code that empties the table; without it the first code that a string gets.
 constexpr unsigned kClear = 256;
 constexpr unsigned kCodesPerGroup = 8;  // the encoder writes codes in groups, padded when their width changes
@@ -134,75 +134,6 @@ class CodeReader {
   bool m_failed = false;
 };
 
-// The output's end, kept in memory: strings are copied from where they stand in it. Positions count modulo
-// 2^32 from the start of the output. The window never loses the previous string: more is kept when it is
-// moved than any string has. Whoever asks for a string that has left it learns so by `holds` and spells it
-// from the table.
-class OutputWindow {
- public:
-  OutputWindow(_mvOutput& out, ProgressMonitor* pm, LogBase& log) : m_out(out), m_pm(pm), m_log(log) {}
-
-  uint32_t position() const { return m_base + m_end; }
-  // An earlier position makes the difference wrap to a large number, and so fails the one comparison.
-  bool holds(uint32_t position) const { return position - m_base < m_end; }
-  const char* at(uint32_t position) const { return m_bytes + (position - m_base); }
-  char* end() { return m_bytes + m_end; }
-
-  // One more string, of at most 64 KiB, needs room; older output leaves the window for it.
-  bool hasRoom(unsigned n) const { return fits(m_end, n); }
-  static bool fits(unsigned used, unsigned n) { return used + n + kCopySlack <= kSize; }
-  unsigned used() const { return m_end; }
-  // The room that is then there fits the longest string, as the sizes below show; it need not be asked again.
-  bool makeRoom() {
-    if (!flush()) return false;
-    std::memmove(m_bytes, m_bytes + m_end - kKept, kKept);
-    m_base += m_end - kKept;
-    m_end = m_flushed = kKept;
-    return true;
-  }
-  void advance(unsigned n) { m_end += n; }
-
-  // A position that the window does not hold, nor will.
-  uint32_t positionBefore() const { return m_base - 1; }
-
-  // Copies a string that stands in the window to the end, 16 bytes at a time and so beyond the string's end
-  // too.
-  void appendFrom(uint32_t position, unsigned n) { copy(at(position), n, end()); }
-  static void copy(const char* from, unsigned n, char* to) {
-    for (unsigned done = 0; done < n; done += kCopySlack) {
-      char piece[kCopySlack];
-      std::memcpy(piece, from + done, kCopySlack);
-      std::memcpy(to + done, piece, kCopySlack);
-    }
-  }
-
-  // Writes what has not been written yet. What was produced in front of damage is written too: a member keeps
-  // what had arrived.
-  bool flush() {
-    const unsigned n = m_end - m_flushed;
-    const char* const from = m_bytes + m_flushed;
-    m_flushed = m_end;
-    return n == 0 || m_out.writeBytesPM(from, n, m_pm, m_log);
-  }
-
- private:
-  // What a copy may write beyond a string's end; the room for it is kept free.
-  static constexpr unsigned kCopySlack = 16;
-  // A string is one byte longer than an older one at most, and there are less than 65,536 of them: lengths
-  // fit 16 bits, and so does the one more that an entry adds.
-  static constexpr unsigned kLongestString = 1u << kLargestWidth;
-  static constexpr unsigned kKept = 96 * 1024;
-  static constexpr unsigned kSize = 416 * 1024;
-  static_assert(kKept + kLongestString + kCopySlack < kSize);
-
-  _mvOutput& m_out;
-  ProgressMonitor* const m_pm;
-  LogBase& m_log;
-  uint32_t m_base = 0;  // position of the window's first byte
-  unsigned m_end = 0, m_flushed = 0;
-  char m_bytes[kSize];
-};
-
 // A string that a code stands for: where it was last produced, and how to make it again once that has left
 // the window. Eight bytes, so that an entry is one load: the last byte of the string, which is seldom wanted,
 // has an array of its own.
@@ -215,7 +146,7 @@ struct TableEntry {
 // About 600 KiB, and so on the heap. Codes below kClear are bytes and have no entry.
 class LzwDecoder {
  public:
-  LzwDecoder(CodeReader& codes, OutputWindow& window, unsigned maxBits, bool blockMode, LogBase& log)
+  LzwDecoder(CodeReader& codes, LzwOutputWindow& window, unsigned maxBits, bool blockMode, LogBase& log)
       : m_codes(codes), m_window(window), m_maxBits(maxBits), m_blockMode(blockMode), m_log(log) {}
 
   // Every code is checked against the table before it is looked up, so that no data make the decoder read an
@@ -269,15 +200,15 @@ class LzwDecoder {
       char* const to = bytes + used;
       unsigned length = 1;
       if (code < kClear) {
-        if (!OutputWindow::fits(used, 1)) break;
+        if (!LzwOutputWindow::fits(used, 1)) break;
         *to = static_cast<char>(code);
       } else {
         if (code >= free || (code == kClear && m_blockMode)) break;
         TableEntry& entry = m_table[code];
         const uint32_t offset = entry.position - base;
         length = entry.length;
-        if (offset >= used || !OutputWindow::fits(used, length)) break;
-        OutputWindow::copy(bytes + offset, length, to);
+        if (offset >= used || !LzwOutputWindow::fits(used, length)) break;
+        LzwOutputWindow::copy(bytes + offset, length, to);
         entry.position = base + used;
       }
       if (!kFull) {
@@ -414,7 +345,7 @@ class LzwDecoder {
   }
 
   CodeReader& m_codes;
-  OutputWindow& m_window;
+  LzwOutputWindow& m_window;
   const unsigned m_maxBits;
   const bool m_blockMode;
   LogBase& m_log;
@@ -451,7 +382,7 @@ bool MorvaneLzw::decompressLzwSource64(_mvDataSource& source, _mvOutput& out, bo
     log.LogDataLong("maxBits", static_cast<long>(maxBits));
     return fail(log, "The compressed data need a code width that is not supported.");
   }
-  const std::unique_ptr<OutputWindow> window(new (std::nothrow) OutputWindow(out, io.monitor(), log));
+  const std::unique_ptr<LzwOutputWindow> window(new (std::nothrow) LzwOutputWindow(out, io.monitor(), log));
   if (!window) return fail(log, "Out of memory for LZW decompression.");
   const std::unique_ptr<LzwDecoder> decoder(
       new (std::nothrow) LzwDecoder(codes, *window, maxBits, (flags & kBlockModeFlag) != 0, log));
