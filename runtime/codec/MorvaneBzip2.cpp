@@ -8,7 +8,6 @@
 #include <cstring>
 #include <new>
 
-#include "runtime/base/ScopeExit.h"
 #include "runtime/buffer/DataBuffer.h"
 #include "runtime/codec/InputWindow.h"
 #include "runtime/io/_mvOutput.h"
