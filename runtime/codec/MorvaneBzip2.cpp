@@ -1,13 +1,13 @@
 // bzip2 over libbzip2. Compressing makes one stream of 900,000-byte blocks, which is what the bzip2 command
 // writes by default. Decompressing reads every stream that follows, as that command does.
 #include "runtime/codec/MorvaneBzip2.h"
-#include "runtime/base/ScopeExit.h"
 
 #include <bzlib.h>
 
 #include <cstring>
 #include <new>
 
+#include "runtime/base/ScopeExit.h"
 #include "runtime/buffer/DataBuffer.h"
 #include "runtime/codec/InputWindow.h"
 #include "runtime/io/_mvOutput.h"
