@@ -177,29 +177,31 @@ ConfinedDir::Result ConfinedDir::openMade(const Place& place, unsigned type, uns
   return failed(kCannotCreate, path, log);
 }
 
-// The text is stored as it is. It may lead anywhere, because links are judged when a later member would pass
-// one, and not when they are made.
-ConfinedDir::Result ConfinedDir::makeSymbolicLink(const std::string& path, const std::string& text,
-                                                  OsFile& made, LogBase& log) {
+// What has no data: made by its name, and then opened by it.
+template <class Make>
+ConfinedDir::Result ConfinedDir::makeNamed(const std::string& path, unsigned type, unsigned long long device,
+                                           OsFile& made, LogBase& log, Make make) {
   if (!isConfinable(path)) return Result::Refused;
   Place place;
   const Result opened = openParentOf(path, place, log);
   if (opened != Result::Ok) return opened;
-  const Result result = makeExclusively(
-      place, path, log, [&](int parent, const char* leaf) { return symlinkat(text.c_str(), parent, leaf); });
-  return result == Result::Ok ? openMade(place, S_IFLNK, 0, path, made, log) : result;
+  const Result result = makeExclusively(place, path, log, make);
+  return result == Result::Ok ? openMade(place, type, device, path, made, log) : result;
+}
+
+// The text is stored as it is. It may lead anywhere, because links are judged when a later member would pass
+// one, and not when they are made.
+ConfinedDir::Result ConfinedDir::makeSymbolicLink(const std::string& path, const std::string& text,
+                                                  OsFile& made, LogBase& log) {
+  return makeNamed(path, S_IFLNK, 0, made, log,
+                   [&](int parent, const char* leaf) { return symlinkat(text.c_str(), parent, leaf); });
 }
 
 // `mode` has the type. A device needs a privilege, and without it the reason is the system's.
 ConfinedDir::Result ConfinedDir::makeNode(const std::string& path, unsigned mode, unsigned long long device,
                                           OsFile& made, LogBase& log) {
-  if (!isConfinable(path)) return Result::Refused;
-  Place place;
-  const Result opened = openParentOf(path, place, log);
-  if (opened != Result::Ok) return opened;
-  const Result result = makeExclusively(
-      place, path, log, [&](int parent, const char* leaf) { return mknodat(parent, leaf, mode, device); });
-  return result == Result::Ok ? openMade(place, mode & S_IFMT, device, path, made, log) : result;
+  return makeNamed(path, mode & S_IFMT, device, made, log,
+                   [&](int parent, const char* leaf) { return mknodat(parent, leaf, mode, device); });
 }
 
 // The target is found before parents of the new name are made, so that a link to nothing leaves no

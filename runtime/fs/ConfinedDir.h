@@ -121,6 +121,9 @@ class ConfinedDir {
   template <class Make>
   Result makeExclusively(const Place& place, const std::string& path, LogBase& log, Make make);
   // Whether the leaf is a link that leads to a directory which members may be put into.
+  template <class Make>
+  Result makeNamed(const std::string& path, unsigned type, unsigned long long device, OsFile& made,
+                   LogBase& log, Make make);
   bool isDirectoryInside(const Place& place);
   // The system's calls, bounded as m_links says: a descriptor, or -1 with errno.
   int createBeneath(const std::string& path, unsigned mode);
