@@ -126,6 +126,12 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   bool WriteTarBz2(const XString& tarBz2FilePath, ProgressEvent* progress = nullptr);
   bool WriteTarBz2(_mvOutput& out, ProgressEvent* progress = nullptr);
 
+  // Appends the sources to a plain archive, or makes one where nothing is or an empty file. The archive's end
+  // is found by its headers, so that one that is damaged, has no end mark, or has something behind it is
+  // refused. Until everything new is on the disk a reader sees the old archive: a failure leaves it as it
+  // was.
+  bool AppendTar(const XString& tarPath, ProgressEvent* progress = nullptr);
+
   // The same as zstd (one frame with a checksum) and as xz, where the build has them (else they fail: "This
   // build has no zstd."); the word Level chooses between speed and size.
   bool WriteTarZst(const XString& tarZstPath, ProgressEvent* progress = nullptr);
@@ -196,6 +202,9 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   // False when there is none, or when its data are not complete. What comes behind the member is not read.
   bool UntarMemberToOutput(const XString& tarPath, _mvOutput& out, ProgressEvent* progress = nullptr);
   bool UntarMemberToOutput(_mvDataSource& source, _mvOutput& out, ProgressEvent* progress = nullptr);
+  // The same for every file that is not skipped, one behind the other; the archive is read to its end.
+  bool UntarMembersToOutput(const XString& tarPath, _mvOutput& out, ProgressEvent* progress = nullptr);
+  bool UntarMembersToOutput(_mvDataSource& source, _mvOutput& out, ProgressEvent* progress = nullptr);
 
   // Whether the last method got to the end of its work and failed only because something was left out on the
   // way that the event was told of (a refused member, a source that could not be read), or because the one
@@ -404,8 +413,9 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   bool writeMethod(const char* name, Compression compression, const ArchivePlace& place,
                    ProgressEvent* progress);
   void sayWhenUserIsUnknown(ProgressEvent* progress);
-  bool countTotal(ProgressEvent* progress, long long& total);
+  bool countSources(ProgressEvent* progress, long long& total);
   bool writeFramed(_mvOutput& out, Compression compression, const Io& io);
+  bool findEndOfArchive(const OsFile& file, const XString& path, const Io& io, long long& end);
   bool writeAllMembers(_mvOutput& out, const Io& io, bool& anythingLost);
   template <class Write>
   bool writeDescribed(XString& path, const mvFileInfo& info, const Io& io, Write write);
@@ -427,13 +437,16 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   bool inflateTar(_mvDataSource& source, ProgressMonitor* pm, LogBase& log);
   bool expandTarBz2(_mvDataSource& source, ProgressMonitor* pm, LogBase& log);
   bool expandTarZ(_mvDataSource& source, ProgressMonitor* pm, LogBase& log);
-  int untarMember(_mvDataSource& source, _mvOutput& out, ProgressMonitor* pm, ProgressEvent* progress);
   bool untarCheckedPath(const char* name, const XString& path, Compression expected, bool extract,
                         ProgressEvent* progress);
   bool untarCheckedSource(const char* name, _mvDataSource& source, Compression expected, bool extract,
                           ProgressEvent* progress);
   bool untarChecked(_mvDataSource& source, Compression expected, bool extract, ProgressEvent* progress);
-  bool memberToOutput(_mvDataSource& source, _mvOutput& out, ProgressEvent* progress);
+  bool membersFromPath(const char* name, const XString& tarPath, _mvOutput& out, bool firstAlone,
+                       ProgressEvent* progress);
+  bool membersFromSource(const char* name, _mvDataSource& source, _mvOutput& out, bool firstAlone,
+                         ProgressEvent* progress);
+  bool membersToOutput(_mvDataSource& source, _mvOutput& out, bool firstAlone, ProgressEvent* progress);
   bool listXml(_mvDataSource& source, XString& outXml, _mvOutput* drain, ProgressEvent* progress);
 
   RelaxedAtomic<bool> m_suppressOutput = false;

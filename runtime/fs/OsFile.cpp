@@ -79,6 +79,10 @@ ssize_t OsFile::readSomeAt(void* buffer, size_t n, long long position) const {
 
 ssize_t OsFile::writeSome(const void* bytes, size_t n) const { return ::write(m_fd, bytes, n); }
 
+ssize_t OsFile::writeSomeAt(const void* bytes, size_t n, long long position) const {
+  return ::pwrite(m_fd, bytes, n, position);
+}
+
 int OsFile::status(struct stat& out) const { return ::fstat(m_fd, &out); }
 
 // File systems that are programs or networks may let a signal break this, which is then no failure.
@@ -106,6 +110,17 @@ int OsFile::setLength(long long length) const {
   } while (result != 0 && errno == EINTR);
   return result;
 }
+
+// The file's own length is enough of its metadata.
+int OsFile::sync() const {
+  int result;
+  do {
+    result = ::fdatasync(m_fd);
+  } while (result != 0 && errno == EINTR);
+  return result;
+}
+
+OsFile OsFile::duplicate() const { return OsFile(::fcntl(m_fd, F_DUPFD_CLOEXEC, 0)); }
 
 // The mode is without meaning unless the flags create a file. An open may wait long, for a FIFO or a network,
 // and a signal in that time is taken for none.
@@ -159,6 +174,8 @@ int osReadLink(int directory, const char* name, std::string& text) {
   }
   return ENAMETOOLONG;
 }
+
+int osRemoveFile(const char* path) { return ::unlink(path); }
 
 int osMakeDirectory(const char* path, mode_t mode) {
   return onPath(path, [&](int directory, const char* rest) { return mkdirat(directory, rest, mode); });

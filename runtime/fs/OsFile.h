@@ -42,6 +42,7 @@ class MORVANE_API OsFile {
   ssize_t readSome(void* buffer, size_t n) const;
   ssize_t readSomeAt(void* buffer, size_t n, long long position) const;
   ssize_t writeSome(const void* bytes, size_t n) const;
+  ssize_t writeSomeAt(const void* bytes, size_t n, long long position) const;
 
   // Times are set to the nanosecond, as far as the file system keeps them.
   int status(struct stat& out) const;
@@ -52,6 +53,10 @@ class MORVANE_API OsFile {
   long long seek(long long offset, int whence) const;
   // Cuts the file, or lengthens it by a hole. The position stays.
   int setLength(long long length) const;
+  // Waits until the disk has what was written. 0, or -1 with errno.
+  int sync() const;
+  // Another descriptor of the same open file, which shares the position; closed when there is none to be had.
+  OsFile duplicate() const;
 
  private:
   int m_fd;
@@ -72,6 +77,8 @@ int osOpenSource(int directory, const char* name, SourceLinks links = SourceLink
 int osStatus(const char* path, struct stat& out, bool followLinks);
 // 0 or -1 with errno. Its parent must be there.
 int osMakeDirectory(const char* path, mode_t mode);
+// Removes a file's name. 0 or -1 with errno.
+int osRemoveFile(const char* path);
 // The text of a symbolic link in an open directory, of any length. 0, or an errno.
 int osReadLink(int directory, const char* name, std::string& text);
 int osSetTimes(const char* path, const timespec& access, const timespec& modification);

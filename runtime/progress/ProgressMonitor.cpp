@@ -63,6 +63,7 @@ void ProgressMonitor::reportPercent(long long done) {
   const Wide next = (static_cast<Wide>(percent + 1LL) * m_total + m_percentScale - 1) / m_percentScale;
   m_nextReportAt = static_cast<long long>(std::min<Wide>(next, std::numeric_limits<long long>::max()));
   if (percent <= m_lastPercent) return;
+  if (m_lastPercent < 0) m_event.onTotal(m_total);
   m_lastPercent = percent;
   bool abort = false;
   m_event.onProgress(percent, abort);

@@ -28,6 +28,9 @@ struct TarMember {
   long long mtime = 0;  // Unix seconds
   unsigned mtimeNanoseconds = 0;
   bool skip = false;
+  // Writing a directory of a tree: what is below it is not walked, whether the directory itself is skipped
+  // or not.
+  bool skipBelow = false;
 };
 
 }  // namespace morvane

@@ -1,9 +1,11 @@
-// ClsTar's extraction of one member, from an archive of any compression, into an output.
+// ClsTar's extraction of one member, or of the data of several, from an archive of any compression, into an
+// output.
 #include "runtime/codec/Codec.h"
 #include "runtime/io/BufferedDataSource.h"
 #include "runtime/io/OutputFlush.h"
 #include "tar/door/ClsTarMethod.h"
 #include "tar/format/ArchiveContent.h"
+#include "tar/read/UntarRun.h"
 #include "tar/stream/RatioLimit.h"
 #include "tar/stream/StreamingUntar.h"
 
@@ -11,47 +13,72 @@ namespace morvane {
 
 namespace {
 
-// Feeds the streaming engine, and stops the decompressor once the member is complete. The decompressor takes
-// the refusal for a failed write, and what it returns then is not asked: whether the member is complete
-// decides.
+// Feeds the streaming engine, and stops the decompressor once the first member is complete, where that is all
+// that is wanted. The decompressor takes the refusal for a failed write, and what it returns then is not
+// asked: whether the member is complete decides.
 class UntilMember : public _mvOutput {
  public:
-  explicit UntilMember(StreamingUntar& stream) : m_stream(stream) {}
+  UntilMember(StreamingUntar& stream, bool firstAlone) : m_stream(stream), m_firstAlone(firstAlone) {}
   bool _writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log) override {
     bool finished = false;
     const auto* const data = reinterpret_cast<const unsigned char*>(bytes);
-    return m_stream.StreamingUntarNext(data, n, finished, io.monitor(), log) && !m_stream.memberIsComplete();
+    return m_stream.StreamingUntarNext(data, n, finished, io.monitor(), log) &&
+           !(m_firstAlone && m_stream.completeMembers() > 0);
   }
 
  private:
   StreamingUntar& m_stream;
+  const bool m_firstAlone;
 };
 
 }  // namespace
 
-// Which compression it is, the content tells: one method for all of them.
 bool ClsTar::UntarMemberToOutput(const XString& tarPath, _mvOutput& out, ProgressEvent* progress) {
-  return method("UntarMemberToOutput", MethodForm::Judged, false, [&](MethodFrame&) {
+  return membersFromPath("UntarMemberToOutput", tarPath, out, true, progress);
+}
+
+bool ClsTar::UntarMemberToOutput(_mvDataSource& source, _mvOutput& out, ProgressEvent* progress) {
+  return membersFromSource("UntarMemberToOutput", source, out, true, progress);
+}
+
+bool ClsTar::UntarMembersToOutput(const XString& tarPath, _mvOutput& out, ProgressEvent* progress) {
+  return membersFromPath("UntarMembersToOutput", tarPath, out, false, progress);
+}
+
+bool ClsTar::UntarMembersToOutput(_mvDataSource& source, _mvOutput& out, ProgressEvent* progress) {
+  return membersFromSource("UntarMembersToOutput", source, out, false, progress);
+}
+
+// Which compression it is, the content tells: one method for all of them.
+bool ClsTar::membersFromPath(const char* name, const XString& tarPath, _mvOutput& out, bool firstAlone,
+                             ProgressEvent* progress) {
+  return method(name, MethodForm::Judged, false, [&](MethodFrame&) {
     m_log.LogDataX("tarPath", tarPath);
     ProgressMonitorPtr waiting(progress, m_abortCheckMs, m_percentScale, 0);
     _mvFileDataSource file;
-    return file.openDataSourceFile(tarPath, m_log, waiting.getPm()) && memberToOutput(file, out, progress);
+    return file.openDataSourceFile(tarPath, m_log, waiting.getPm()) &&
+           membersToOutput(file, out, firstAlone, progress);
   });
 }
 
 // Telling it needs to look ahead, and gzip to give back; a source that cannot do both gets a buffer.
-bool ClsTar::UntarMemberToOutput(_mvDataSource& source, _mvOutput& out, ProgressEvent* progress) {
-  return method("UntarMemberToOutput", MethodForm::Judged, false, [&](MethodFrame&) {
+bool ClsTar::membersFromSource(const char* name, _mvDataSource& source, _mvOutput& out, bool firstAlone,
+                               ProgressEvent* progress) {
+  return method(name, MethodForm::Judged, false, [&](MethodFrame&) {
     BufferedDataSource buffered(source);
-    return memberToOutput(source.canLend() && source.canPeek() ? source : buffered, out, progress);
+    return membersToOutput(source.canLend() && source.canPeek() ? source : buffered, out, firstAlone,
+                           progress);
   });
 }
 
-// No total: where the member lies is not known beforehand. A plain archive goes to the pull engine, which can
-// seek over what is not wanted. The output is flushed before success is claimed; that no member was wanted
-// counts as left out, not as damage.
-bool ClsTar::memberToOutput(_mvDataSource& source, _mvOutput& out, ProgressEvent* progress) {
-  ProgressMonitorPtr monitor(progress, m_abortCheckMs, m_percentScale, 0);
+// No total where one member is wanted: where it lies is not known beforehand. A plain archive goes to the
+// pull engine, which can seek over what is not wanted. The output is flushed before success is claimed; that
+// no member was wanted counts as left out, not as damage.
+bool ClsTar::membersToOutput(_mvDataSource& source, _mvOutput& out, bool firstAlone,
+                             ProgressEvent* progress) {
+  const long long start = std::max(source.ftell64(), 0LL);
+  const long long total = firstAlone ? 0 : std::max(source.sizeIfKnown() - start, 0LL);
+  ProgressMonitorPtr monitor(progress, m_abortCheckMs, m_percentScale, total);
   ProgressMonitor* const pm = monitor.getPm();
   // First, so that every way out from here passes it.
   OutputFlush flush(out, pm);
@@ -59,7 +86,9 @@ bool ClsTar::memberToOutput(_mvDataSource& source, _mvOutput& out, ProgressEvent
   if (!detectArchive(source, compression, pm, m_log)) return false;
   bool found = false;
   if (compression.value_or(Compression::None) == Compression::None) {
-    const int count = untarMember(source, out, pm, progress);
+    UntarRun run({source, Io(m_log, pm, progress), m_log, m_xmlListing}, liveMemberSettings(), true);
+    run.extractMembersInto(out, firstAlone);
+    const int count = run.run();
     if (count < 0) return false;
     found = count > 0;
   } else {
@@ -67,14 +96,16 @@ bool ClsTar::memberToOutput(_mvDataSource& source, _mvOutput& out, ProgressEvent
     XString noListing;
     StreamingUntar stream(liveMemberSettings(), noListing);
     stream.BeginStreamingUntar();
-    stream.extractFirstMemberInto(&out);
-    UntilMember sink(stream);
+    stream.extractMembersInto(out, firstAlone);
+    UntilMember sink(stream, firstAlone);
     MeteredSource metered(source);
     RatioLimit limited(sink, metered, m_options->maxRatio);
     const bool ended = codecOf(*compression).decode(metered, limited, m_options->codec, pm, m_log);
-    found = stream.memberIsComplete();
-    // A stream that ended well without the member is no damage; the run's own failure is.
-    if (!found && (!ended || !stream.FinishStreamingUntar(pm, m_log))) return false;
+    found = stream.completeMembers() > 0;
+    // A stream that ended well without a member is no damage; the run's own failure is, but behind the one
+    // member that was wanted.
+    const bool needsEnd = !found || !firstAlone;
+    if (needsEnd && (!ended || !stream.FinishStreamingUntar(pm, m_log))) return false;
   }
   if (!found) m_log.LogError("No such member.");
   m_onlyLeftOut = !found;

@@ -98,13 +98,6 @@ int ClsTar::untarSource(_mvDataSource& source, bool extract, LogBase& log, Progr
   return count;
 }
 
-// The first member that the event does not skip: 1 when there is one, 0 when not, -1 on failure.
-int ClsTar::untarMember(_mvDataSource& source, _mvOutput& out, ProgressMonitor* pm, ProgressEvent* progress) {
-  UntarRun run({source, Io(m_log, pm, progress), m_log, m_xmlListing}, liveMemberSettings(), true);
-  run.extractFirstMemberInto(out);
-  return run.run();
-}
-
 // Times may be null; the file gets those that are known.
 bool ClsTar::extractToFile(_mvDataSource& source, const XString& path, const MorvaneFileTime* creation,
                            const MorvaneFileTime* access, const MorvaneFileTime* modification, long long size,

@@ -3,6 +3,7 @@
 
 #include "runtime/base/ScopeExit.h"
 #include "runtime/codec/GzipFormat.h"
+#include "runtime/io/AppendOutput.h"
 #include "runtime/io/OutputFlush.h"
 #include "tar/door/ClsTarMethod.h"
 #include "tar/format/TarNumber.h"
@@ -76,7 +77,7 @@ bool ClsTar::writeMethod(const char* name, Compression compression, const Archiv
     if (place.path && !isSystemPath(*place.path, kCannotCreate, m_log)) return false;
     sayWhenUserIsUnknown(progress);
     long long total = 0;
-    if (progress && !countTotal(progress, total)) return false;
+    if (progress && !countSources(progress, total)) return false;
     ProgressMonitorPtr monitor(progress, m_abortCheckMs, m_percentScale, total);
     const Io io(m_log, monitor.getPm(), progress);
     m_archive->begin(compression, m_options->codec);
@@ -104,7 +105,7 @@ void ClsTar::sayWhenUserIsUnknown(ProgressEvent* progress) {
 
 // Only for those who watch: the sources are walked twice for it. An abort while counting ends the write
 // before anything was created.
-bool ClsTar::countTotal(ProgressEvent* progress, long long& total) {
+bool ClsTar::countSources(ProgressEvent* progress, long long& total) {
   ProgressMonitorPtr pm(progress, m_abortCheckMs, m_percentScale, 0);
   if (!m_options->noTotal) {
     total =
@@ -161,7 +162,8 @@ bool ClsTar::writeAllMembers(_mvOutput& out, const Io& io, bool& anythingLost) {
   ScopeExit forget([this] { m_archive->m_output = nullptr; });
   ArchiveWriter writer(liveWriteSettings(), *m_archive, io);
   mvFileInfo archive;
-  const auto* const file = dynamic_cast<const OutputFile*>(&out);
+  const auto* file = dynamic_cast<const OutputFile*>(&out);
+  if (const auto* const append = dynamic_cast<const AppendOutput*>(&out)) file = &append->file();
   if (file && file->getFileInfo(archive)) writer.leaveOut(archive);
   const bool complete = writer.writeTarToOutput(m_files, m_dirRoots, m_curDirRootPath);
   anythingLost = writer.anythingLost();

@@ -27,7 +27,7 @@ void showMember(const Member& member, const std::string& path, TarMember& shown)
   shown.groupName = member.groupName;
   shown.mtime = member.mtime.seconds;
   shown.mtimeNanoseconds = member.mtime.nanoseconds;
-  shown.skip = false;
+  shown.skip = shown.skipBelow = false;
 }
 
 // The rest of `shown` is told and not taken back: type, size and directory stay what they are, or the data

@@ -69,10 +69,10 @@ MemberPlacer::Choice MemberPlacer::choose(Member& member, Aim aim, const Io& io)
 // are counted once the event has let the member pass: those of skipped members cost nothing.
 MemberPlacer::Choice MemberPlacer::chooseByRules(Member& member, Aim aim, const Io& io) {
   if (settings().filter.excludes(m_path.entryPath().str())) return Choice::FilteredOut;
-  if (aim == Aim::OneFile && member.isDirectory) return Choice::Unwanted;
+  if (aim == Aim::IntoOutput && member.isDirectory) return Choice::Unwanted;
   if (aim == Aim::Look) return Choice::Suppressed;
   // Into an output holes go as zeros.
-  const long long size = aim == Aim::OneFile ? member.realSize() : member.dataSize();
+  const long long size = aim == Aim::IntoOutput ? member.realSize() : member.dataSize();
   // Asked before the member is announced.
   const bool isAllowed =
       (aim != Aim::Extract || isAllowedDepth(io)) && m_limits.mayTakeData(size, settings().options, io);
@@ -91,10 +91,10 @@ bool MemberPlacer::isAllowedDepth(const Io& io) const {
   return RunLimits::mayMake(m_path.entryPath().str(), settings().options, io);
 }
 
-// Where one file is looked for, the event is how it is chosen; so it comes in both engines.
+// Where files go into an output, the event is how they are chosen; so it comes in both engines.
 bool MemberPlacer::isSkippedByEvent(const Member& member, Aim aim, const Io& io) {
   const bool announces =
-      m_manner.announcesEveryEntry || aim == Aim::OneFile || settings().options.entryEvents;
+      m_manner.announcesEveryEntry || aim == Aim::IntoOutput || settings().options.entryEvents;
   if (!io.event || !announces) return false;
   bool skip = false;
   io.event->onTarEntry(m_path.outputPath().getUtf8(), member.dataSize(), member.isDirectory, skip);

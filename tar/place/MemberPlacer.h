@@ -95,13 +95,13 @@ class MemberPlacer {
   enum class Choice {
     Extract,
     FilteredOut,
-    Unwanted,    // by its kind: a directory where one file is looked for
+    Unwanted,    // by its kind: a directory where files go into an output
     Suppressed,  // members are not extracted in this run
     Skipped,     // by the event
     LimitReached,
   };
-  // What a run is after.
-  enum class Aim { Look, Extract, OneFile };
+  // What a run is after: a look, files on the disk, data of files in an output.
+  enum class Aim { Look, Extract, IntoOutput };
   // Filters, limits and events, in the order that applications know.
   Choice choose(Member& member, Aim aim, const Io& io);
   // Makes the member: its missing parents, its directory or its empty file.

@@ -277,8 +277,9 @@ UntarRun::Step UntarRun::copyMember() {
     failWith("Failed to copy the member.", "entryPath", m_placer.path().entryPath());
     return Step::Fail;
   }
+  m_cursor.passed(m_member.size);
   ++m_count;
-  return Step::Stop;
+  return m_firstAlone ? Step::Stop : Step::GoOn;
 }
 
 // What has no data (a directory, a link, a special file) is done once it is made.

@@ -37,15 +37,18 @@ class UntarRun {
 
   // A file that extraction must not replace (with Confine): the archive.
   void protect(const mvFileInfo& archive) { m_placer.protect(archive); }
-  // Instead of files: offers each file member to the event, copies the first that is not skipped to `out`,
-  // and stops.
-  void extractFirstMemberInto(_mvOutput& out) {
+  // Instead of files: offers each file member to the event, and copies those that are not skipped to `out`,
+  // one behind the other; or the first of them alone, behind which the run stops.
+  void extractMembersInto(_mvOutput& out, bool firstAlone) {
     m_memberOutput = &out;
-    m_aim = MemberPlacer::Aim::OneFile;
+    m_firstAlone = firstAlone;
+    m_aim = MemberPlacer::Aim::IntoOutput;
   }
   // Members counted, -1 on failure. Called once. The reason of a failure is in the log; what was extracted
   // before it stays.
   int run();
+  // Where the end mark begins, counted from the archive's start: of use behind a run that found it.
+  long long endPosition() const { return m_filePosition; }
   // Whether it failed for nothing but members that were left out. Of use once run() has returned.
   bool onlyLeftOut() const { return m_onlyLeftOut; }
 
@@ -65,7 +68,7 @@ class UntarRun {
   Step handleMember();
   // Chooses, and makes or copies. `extracted` is for a line of the debugging log.
   Step extractMember(bool& extracted);
-  // Into the caller's output, for one member; the run ends behind it.
+  // Into the caller's output; where one member is wanted, the run ends behind it.
   Step copyMember();
   // What is made of a member on the disk. `leftOut`: the run goes on without it.
   bool makeMember(bool& leftOut);
@@ -102,6 +105,7 @@ class UntarRun {
   char m_previousTypeFlag = ' ';
   // Null where members become files.
   _mvOutput* m_memberOutput = nullptr;
+  bool m_firstAlone = false;
   bool m_onlyLeftOut = false;
   // Of members extracted, or passed by the filter where none are.
   int m_count = 0;

@@ -66,6 +66,7 @@ void StreamingUntar::resetRun() {
   m_streamPosition = 0;
   m_life = Life::Running;
   m_wanted = Wanted::NotYet;
+  m_completeMembers = 0;
   m_expected = Expected::Header;
   m_reader.reset();
   m_found = MemberReader::Found::Member;
@@ -302,10 +303,12 @@ bool StreamingUntar::endOutputFile(const MemberTimes& times, const Io& io) {
   return m_placer.noteEnd(end, io);
 }
 
-// The wanted member has arrived: what comes behind it in the same piece is not looked at.
+// A wanted member has arrived. Where it was the only one, what comes behind it in the same piece is not looked
+// at.
 void StreamingUntar::completeMember() {
-  m_wanted = Wanted::Complete;
-  m_streamFinished = true;
+  m_wanted = Wanted::NotYet;
+  ++m_completeMembers;
+  m_streamFinished = m_firstAlone;
 }
 
 // Ends the run for good.

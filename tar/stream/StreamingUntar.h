@@ -43,11 +43,14 @@ class StreamingUntar {
   bool streamingUntarInner(const unsigned char* data, unsigned numBytes, bool& finished, ProgressMonitor* pm,
                            LogBase& log);
 
-  // Instead of files: offers each file member to the event (onTarEntry), streams the first that is not
-  // skipped into `out`, and is then done. Null goes back to files.
-  void extractFirstMemberInto(_mvOutput* out) { m_memberOutput = out; }
-  // Whether such a member was found and all of its data have arrived.
-  bool memberIsComplete() const { return m_wanted == Wanted::Complete; }
+  // Instead of files: offers each file member to the event (onTarEntry), and streams those that are not
+  // skipped into `out`, one behind the other; or the first of them, and is then done.
+  void extractMembersInto(_mvOutput& out, bool firstAlone) {
+    m_memberOutput = &out;
+    m_firstAlone = firstAlone;
+  }
+  // How many such members were found, of which all data have arrived.
+  long long completeMembers() const { return m_completeMembers; }
 
   // Ends the run where it stands, without a result: nothing more is taken until another one begins.
   void breakOff();
@@ -87,8 +90,8 @@ class StreamingUntar {
     Closed,     // FinishStreamingUntar was called
     BrokenOff,  // by an exception of a callback, or before it began: it has no state to go on from
   };
-  // The one member that goes into an output of the caller's.
-  enum class Wanted { NotYet, Arriving, Complete };
+  // A member that goes into an output of the caller's.
+  enum class Wanted { NotYet, Arriving };
 
   // Everything below but the settings and the caller's output.
   void resetRun();
@@ -120,7 +123,7 @@ class StreamingUntar {
   bool settleOutputFile(const Io& io);
   bool closeOutputFile(const Io& io);
   bool endOutputFile(const MemberTimes& times, const Io& io);
-  // The member that goes to the caller's output is there; the run has ended.
+  // The member that goes to the caller's output is there; where one is wanted the run has ended.
   void completeMember();
   void eat(unsigned n);
   // Replaces both at once; the old output is destroyed, which closes a file.
@@ -134,8 +137,9 @@ class StreamingUntar {
   // The component's property, or one that nobody reads.
   XString& m_xmlListing;
   MemberPlacer m_placer;
-  // The caller's output for one member; null where members become files.
+  // The caller's output; null where members become files.
   _mvOutput* m_memberOutput = nullptr;
+  bool m_firstAlone = false;
 
   // ---- The run
   Life m_life = Life::Running;
@@ -143,6 +147,7 @@ class StreamingUntar {
   bool m_streamFinished = false;  // the archive has ended, or a failure stopped the run
   bool m_endMarkSeen = false;
   Wanted m_wanted = Wanted::NotYet;
+  long long m_completeMembers = 0;
   DataBuffer m_streamPending;      // received and not yet consumed
   long long m_streamPosition = 0;  // bytes consumed: where the next header begins
 

@@ -137,7 +137,7 @@ bool StreamingUntar::takeHeader(bool& finished, const Io& io) {
 bool StreamingUntar::beginEntry(bool& finished, const Io& io) {
   using Choice = MemberPlacer::Choice;
   if (m_found == MemberReader::Found::Record) return beginExtension(finished, io);
-  const auto aim = m_memberOutput              ? MemberPlacer::Aim::OneFile
+  const auto aim = m_memberOutput              ? MemberPlacer::Aim::IntoOutput
                    : m_settings.suppressOutput ? MemberPlacer::Aim::Look
                                                : MemberPlacer::Aim::Extract;
   const bool passesOver = m_found == MemberReader::Found::PassedOver;

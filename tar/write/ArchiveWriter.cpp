@@ -153,7 +153,7 @@ bool ArchiveWriter::writeMember(const SourcePlace& place, XString& pathInTar, Cl
   if (!m_describer.describe(place, info, m_run.settings, m_source, pathInTar, m_member, m_run.io)) {
     return m_run.settings.options.skipUnreadable && leftOutUnreadable(place);
   }
-  if (isSkippedBeingChanged(place, pathInTar)) return true;
+  if (isSkippedBeingChanged(place, pathInTar, tree)) return true;
   if (m_run.settings.options.skipUnreadable && !canBeRead(place, info, tree)) return leftOutUnreadable(place);
   if (isLeftOutByFormat(place)) return true;
   noteLostAttributes(place);
@@ -249,13 +249,14 @@ bool ArchiveWriter::isSkippedByEvent(const SourcePlace& place, const mvFileInfo&
 
 // Sends onTarMember, and takes what it left for what is written. The caller's path follows, because the lines
 // of a failure name it.
-bool ArchiveWriter::isSkippedBeingChanged(const SourcePlace& place, XString& pathInTar) {
+bool ArchiveWriter::isSkippedBeingChanged(const SourcePlace& place, XString& pathInTar, ClsDirTree* tree) {
   if (!m_run.io.event || !m_run.settings.options.memberEvents) return false;
   m_shown.writing = true;
   m_shown.localPath = place.memory ? std::string() : place.fullPath.str();
   showMember(m_member, m_member.path, m_shown);
   m_run.io.event->onTarMember(m_shown);
   m_live.refresh();
+  if (m_shown.skipBelow && tree && tree->get_IsDirectory()) tree->passBy();
   if (m_shown.skip || m_shown.path.empty()) {
     if (m_log.verbose()) m_log.LogDataX("skippingFile", place.fullPath);
     return true;
@@ -276,8 +277,11 @@ bool ArchiveWriter::isSkippedBeingChanged(const SourcePlace& place, XString& pat
 // then. They are not read twice: the source keeps them.
 bool ArchiveWriter::canBeRead(const SourcePlace& place, const mvFileInfo& info, ClsDirTree* tree) {
   if (info.m_isSymbolicLink || place.memory || m_member.isHardLink()) return true;
-  // The walk goes by what it found; it enters nothing that has become a directory since.
-  if (info.m_isDirectory && tree) return !tree->get_IsDirectory() || tree->prepareToEnter(m_log);
+  // The walk goes by what it found; it enters nothing that has become a directory since, nor what the event
+  // wants nothing of.
+  if (info.m_isDirectory && tree) {
+    return !tree->get_IsDirectory() || tree->isPrepared() || tree->prepareToEnter(m_log);
+  }
   if (!info.m_isRegularFile && !info.m_isDirectory) return true;
   return m_source.open(place, info, m_log) && (info.m_size == 0 || m_source.readFirst(m_log));
 }

@@ -56,8 +56,9 @@ class ArchiveWriter {
   bool examine(const SourcePlace& place, mvFileInfo& info);
   // Whether a member is left out, each for a reason of its own, which log and event have heard.
   bool isSkippedByEvent(const SourcePlace& place, const mvFileInfo& info, const XString& pathInTar);
-  // By onTarMember, which may also have changed the member; `pathInTar` is then the new one.
-  bool isSkippedBeingChanged(const SourcePlace& place, XString& pathInTar);
+  // By onTarMember, which may also have changed the member; `pathInTar` is then the new one. The tree is told
+  // when nothing below is wanted.
+  bool isSkippedBeingChanged(const SourcePlace& place, XString& pathInTar, ClsDirTree* tree);
   bool isSocketLeftOut(const SourcePlace& place, const mvFileInfo& info);
   bool isLeftOutByFormat(const SourcePlace& place);
   // The member itself is archived; anythingLost() is true from then on.

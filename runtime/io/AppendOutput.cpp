@@ -1,0 +1,84 @@
+// The order is what makes it safe: bytes behind, the disk asked for them, then the held ones from the last to
+// the first, since the first one is what a reader looks at.
+#include "runtime/io/AppendOutput.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <new>
+
+#include "runtime/log/LogBase.h"
+
+namespace morvane {
+
+namespace {
+
+// Written in one call each. A disk writes no less, so that half of one is never seen.
+constexpr unsigned kAtomic = 512;
+constexpr char kCannotAppend[] = "Failed to append to file.";
+
+}  // namespace
+
+// Two descriptors of one file share a position, which the second one writes from.
+AppendOutput::AppendOutput(OsFile file, const std::string& path, long long at, unsigned held)
+    : m_file(std::move(file)), m_path(path), m_at(at), m_held(held) {
+  struct stat status;
+  m_oldLength = m_file.status(status) == 0 ? status.st_size : at;
+  m_front.reserve(held);
+  m_file.seek(at + held, SEEK_SET);
+  m_rest.reset(OutputFile::adopt(m_file.duplicate(), path.c_str()));
+  if (!m_rest) throw std::bad_alloc();
+}
+
+// What is buffered must have gone before the file is cut.
+AppendOutput::~AppendOutput() {
+  m_rest.reset();
+  if (!m_isCommitted) takeBack();
+}
+
+bool AppendOutput::_writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log) {
+  const auto kept = std::min(n, m_held - static_cast<unsigned>(m_front.size()));
+  m_front.append(bytes, kept);
+  return n == kept || m_rest->_writeBytes(bytes + kept, n - kept, io, log);
+}
+
+// Behind the new end nothing is left of the old zeros.
+bool AppendOutput::commit(ProgressMonitor* pm, LogBase& log) {
+  const long long newLength = m_at + static_cast<long long>(m_front.size()) + m_rest->ftell64();
+  if (!m_rest->closeHandle(&log, pm)) return false;
+  if (m_file.sync() != 0) return fail(kCannotAppend, log);
+  if (!writeHeld(log)) return false;
+  if (m_file.setLength(newLength) != 0) return fail(kCannotAppend, log);
+  m_isCommitted = true;
+  return true;
+}
+
+bool AppendOutput::writeHeld(LogBase& log) {
+  m_isFrontTouched = true;
+  for (size_t end = m_front.size(); end > 0;) {
+    const size_t start = (end - 1) / kAtomic * kAtomic;
+    const ssize_t written =
+        m_file.writeSomeAt(m_front.data() + start, end - start, m_at + static_cast<long long>(start));
+    if (written < 0 && errno == EINTR) continue;
+    if (written >= 0 && static_cast<size_t>(written) < end - start) errno = ENOSPC;
+    if (written < 0 || static_cast<size_t>(written) < end - start) return fail(kCannotAppend, log);
+    end = start;
+  }
+  return true;
+}
+
+// False, for the caller to return.
+bool AppendOutput::fail(const char* message, LogBase& log) {
+  logOsError(log, message, m_path.c_str(), errno);
+  return false;
+}
+
+// What is cut off and grown again reads as zeros, which is what was there. Only where the held bytes are in
+// doubt does it begin with them, because for a moment the file is without its end then.
+void AppendOutput::takeBack() {
+  const long long keeps = m_isFrontTouched ? m_at : m_at + m_held;
+  m_file.setLength(std::min(m_oldLength, keeps));
+  m_file.setLength(m_oldLength);
+}
+
+}  // namespace morvane

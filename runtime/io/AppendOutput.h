@@ -1,0 +1,52 @@
+// Bytes put behind a place in a file, which until all of them are there reads as it did before.
+//
+// The file's end is made of zeros from that place on. New bytes go behind the first of them, and those that
+// belong in their place are held back: they are written last, once everything else is on the disk. Whatever
+// happens before, a full disk or a killed process, a reader who stops at the zeros sees the old content.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "runtime/fs/OsFile.h"
+#include "runtime/io/OutputFile.h"
+
+namespace morvane {
+
+// One job's, on one thread. What was not committed is taken back by the destructor: the file has its old
+// length and bytes again.
+class AppendOutput : public _mvOutput {
+ public:
+  // `file` is open for reading and writing and stays so; `path` is what messages call it. From `at` on it
+  // has nothing but zeros. `held` of its bytes from there on are left alone until the end. Throws
+  // std::bad_alloc.
+  AppendOutput(OsFile file, const std::string& path, long long at, unsigned held);
+  ~AppendOutput() override;
+
+  bool _writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log) override;
+  bool announceOutputFinished(LogBase& log) override { return m_rest->flush(nullptr, log); }
+
+  // Makes what was written the file's new end. False, with the reason in the log, when any of it could not be
+  // written; the file is then as it was.
+  [[nodiscard]] bool commit(ProgressMonitor* pm, LogBase& log);
+
+  // The file itself, for whoever must know it again.
+  const OutputFile& file() const { return *m_rest; }
+
+ private:
+  bool writeHeld(LogBase& log);
+  bool fail(const char* message, LogBase& log);
+  void takeBack();
+
+  OsFile m_file;
+  const std::string m_path;
+  const long long m_at;
+  const unsigned m_held;
+  long long m_oldLength = 0;
+  std::string m_front;                 // what was held back so far
+  std::unique_ptr<OutputFile> m_rest;  // writes behind it
+  bool m_isFrontTouched = false;       // the zeros in its place are no longer sure to be there
+  bool m_isCommitted = false;
+};
+
+}  // namespace morvane

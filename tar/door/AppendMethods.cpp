@@ -1,0 +1,109 @@
+// ClsTar's appending to a plain archive.
+#include <fcntl.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "runtime/base/ScopeExit.h"
+#include "runtime/io/AppendOutput.h"
+#include "runtime/log/LogContextExitor.h"
+#include "tar/door/ClsTarMethod.h"
+#include "tar/format/ArchiveContent.h"
+#include "tar/format/TarBlock.h"
+#include "tar/read/UntarRun.h"
+#include "tar/write/ArchiveOutput.h"
+
+namespace morvane {
+
+namespace {
+
+constexpr char kCannotOpen[] = "Failed to open the archive.";
+// The end mark: it stays in its place until everything behind it is written.
+constexpr unsigned kEndMark = 2 * kBlockSize;
+
+// Whether everything that the source still has is zeros. `ok`: whether it could be read.
+bool hasZerosAlone(_mvDataSource& source, const Io& io, bool& ok) {
+  char piece[32 * 1024];
+  for (unsigned got = sizeof piece; got == sizeof piece;) {
+    ok = source.readFully(piece, sizeof piece, got, io.monitor, io.log);
+    if (!ok || std::any_of(piece, piece + got, [](char byte) { return byte != 0; })) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+// The file is opened once, for the search and for the writing, so that both are of the same file. One that
+// was not there before is removed again when nothing comes of it.
+bool ClsTar::AppendTar(const XString& tarPath, ProgressEvent* progress) {
+  return method("AppendTar", MethodForm::Judged, false, [&](MethodFrame&) {
+    setMatchPatternExactFlags();
+    m_log.LogDataX("tarFormat", m_writeFormat);
+    m_log.LogDataX("tarPath", tarPath);
+    if (!isSystemPath(tarPath, kCannotOpen, m_log)) return false;
+    sayWhenUserIsUnknown(progress);
+    long long total = 0;
+    if (progress && !countSources(progress, total)) return false;
+    const char* const path = tarPath.getUtf8();
+    constexpr int kFlags = O_RDWR | O_NONBLOCK | O_NOCTTY;
+    OsFile file(osOpen(path, kFlags));
+    const bool isNew = !file.isOpen() && errno == ENOENT;
+    if (isNew) file.reset(osOpen(path, kFlags | O_CREAT | O_EXCL, 0666));
+    if (!file.isOpen()) {
+      logOsError(m_log, kCannotOpen, path, errno);
+      return false;
+    }
+    bool isCommitted = false;
+    ScopeExit remove([&] {
+      if (isNew && !isCommitted) osRemoveFile(path);
+    });
+    long long end = 0;
+    // With a monitor of its own: progress is about what is written.
+    ProgressMonitorPtr searching(progress, m_abortCheckMs, m_percentScale, 0);
+    if (!findEndOfArchive(file, tarPath, Io(m_log, searching.getPm(), nullptr), end)) return false;
+    ProgressMonitorPtr monitor(progress, m_abortCheckMs, m_percentScale, total);
+    const Io io(m_log, monitor.getPm(), progress);
+    AppendOutput out(std::move(file), path, end, kEndMark);
+    m_archive->begin(Compression::None, m_options->codec);
+    const bool written = writeFramed(out, Compression::None, io);
+    // An archive that is complete counts, also when something was left out of it.
+    if (!written && !m_onlyLeftOut) return false;
+    isCommitted = out.commit(io.monitor, m_log);
+    if (!isCommitted) m_onlyLeftOut = false;
+    return isCommitted && written;
+  });
+}
+
+// Where new members go: 0 in an empty file, else where the end mark begins. False, with the reason in the
+// log, for whatever is no whole plain archive. The application hears nothing of the members that are there;
+// it is asked whether to abort.
+bool ClsTar::findEndOfArchive(const OsFile& file, const XString& path, const Io& io, long long& end) {
+  LogContextExitor context(m_log, "findEndOfArchive");
+  struct stat status;
+  if (file.status(status) != 0 || !S_ISREG(status.st_mode)) {
+    return io.fail("Only a regular file can be appended to.");
+  }
+  if (status.st_size == 0) return true;
+  _mvFileDataSource source;
+  if (!source.adopt(file.duplicate(), path.getUtf8(), m_log)) return false;
+  std::optional<Compression> found;
+  if (!detectArchive(source, found, io.monitor, m_log)) return false;
+  if (found && *found != Compression::None) {
+    return io.fail("A compressed archive cannot be appended to.");
+  }
+  LiveSettings<ReadSettings> settings{[this] {
+                                        ReadSettings walk = readSettings();
+                                        walk.captureXmlListing = false;
+                                        walk.options.fullRead = true;
+                                        return walk;
+                                      },
+                                      m_changes};
+  UntarRun run({source, io, m_log, m_xmlListing}, std::move(settings), false);
+  if (run.run() < 0) return false;
+  end = run.endPosition();
+  bool couldRead = false;
+  if (hasZerosAlone(source, io, couldRead)) return true;
+  return couldRead && io.fail("There is something behind the end of the archive.");
+}
+
+}  // namespace morvane
