@@ -17,8 +17,6 @@ namespace mvtar {
 
 namespace {
 
-constexpr char kStandardOutput[] = "standard output";
-
 // Only a character device is opened to be asked: opening a FIFO would wait, and a regular file need not be
 // opened. O_NONBLOCK and O_NOCTTY, because a serial line may make an open wait and a terminal must not become
 // ours.
@@ -51,15 +49,23 @@ std::unique_ptr<morvane::OutputFile> standardOutput(Report& report) {
   return out;
 }
 
+std::unique_ptr<morvane::OutputFile> archiveFile(const CommandLine& line, Report& report) {
+  if (line.usesStandardStream()) return standardOutput(report);
+  morvane::LogCause log;
+  std::unique_ptr<morvane::OutputFile> out(morvane::OutputFile::createFileUtf8(line.archive.c_str(), log));
+  if (!out) report.problem(line.archive, log.cause().reason);
+  return out;
+}
+
 // The monitor asks an event that knows nothing but the interrupt, since the component's call is over.
-bool closeOutput(morvane::OutputFile& out, Report& report) {
+bool closeOutput(morvane::OutputFile& out, const std::string& name, Report& report) {
   InterruptEvent event;
   morvane::ProgressMonitor monitor(event, 1, 0, 0);
   morvane::LogCause log;
   const bool closed = out.closeHandle(&log, &monitor);
   // A failure of before was said by whoever wrote.
   if (!closed && !isInterrupted() && !log.cause().message.empty()) {
-    report.problem(kStandardOutput, log.cause().reason);
+    report.problem(name, log.cause().reason);
   }
   return closed;
 }

@@ -11,10 +11,14 @@ namespace mvtar {
 
 // False, and named, when the archive would be written to a terminal.
 bool isNoTerminal(const CommandLine& line, Report& report);
+// What messages call it.
+constexpr char kStandardOutput[] = "standard output";
 // Null, and named, when standard output cannot be had.
 std::unique_ptr<morvane::OutputFile> standardOutput(Report& report);
+// Standard output or the archive's file, created or truncated. Null, and named, when it cannot be had.
+std::unique_ptr<morvane::OutputFile> archiveFile(const CommandLine& line, Report& report);
 // A closed pipe or a full disk may show as late as here, and is then named. An interrupt ends the wait for a
 // reader. True when every byte has arrived; what did not is in the status of the report.
-bool closeOutput(morvane::OutputFile& out, Report& report);
+bool closeOutput(morvane::OutputFile& out, const std::string& name, Report& report);
 
 }  // namespace mvtar

@@ -5,14 +5,16 @@
 
 namespace mvtar {
 
-// -c: the operands into an archive.
-int createArchive(const CommandLine& line);
+// -c, -r, -u: the operands into an archive.
+int writeArchive(CommandLine& line);
 // -x, into the target directory.
 int extractArchive(const CommandLine& line);
-// -x -O: the data of the first file that matches.
+// -x -O: the data of the files that match.
 int extractToStandardOutput(const CommandLine& line);
-// -t, with -v or --xml for more.
+// -t, with -v, --xml or --json for more.
 int listArchive(const CommandLine& line);
+// -d: what differs between the archive and the file system.
+int compareArchive(const CommandLine& line);
 // Reads all that can be checked and says whether the archive is whole.
 int verifyArchive(const CommandLine& line);
 // --deb: a control and a data tarball into a Debian package.

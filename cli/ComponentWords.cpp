@@ -5,9 +5,22 @@
 
 namespace mvtar {
 
+namespace {
+
+// The values of the component's word, in the order of Existing.
+constexpr const char* kExisting[] = {"replace", "keep", "skip", "newer"};
+
+}  // namespace
+
 // Attributes have a place in the pax format alone, so that asking for them chooses it.
 std::string CommandLine::formatToWrite() const {
   return !format.empty() ? format : keeping.attributes ? "pax" : "gnu";
+}
+
+// What a name promises that can only be read (.Z) is refused before.
+morvane::Compression CommandLine::compressionToWrite() const {
+  if (compression) return *compression;
+  return morvane::compressionBySuffix(archive).value_or(morvane::Compression::None);
 }
 
 // OpenBeforeEvent, because the command's event touches no file; MemberEvents, because it selects in them.
@@ -26,6 +39,7 @@ std::string CommandLine::writingWords() const {
 // last and win.
 std::string CommandLine::readingWords() const {
   std::string words = std::string("Profile=") + (untrusted ? "untrusted" : "usual");
+  if (changes.anyWhenReading()) words += ",MemberEvents";
   // By the effective user, whose rights the process has.
   const bool isRoot = geteuid() == 0 && !untrusted;
   std::string parts = "mode+link+sparse";
@@ -38,6 +52,8 @@ std::string CommandLine::readingWords() const {
   // -p is meant for directories that are there already as well.
   if (keeping.exactModes) words += ",ExistingDirectories=settle";
   if (keeping.numericOwners) words += ",OwnerBy=id";
+  if (existing != Existing::Replace)
+    words += std::string(",ExistingFiles=") + kExisting[static_cast<size_t>(existing)];
   return words + (keepNames ? ",Confine=off" : "") + options;
 }
 

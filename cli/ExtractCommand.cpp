@@ -9,6 +9,7 @@
 #include "cli/Commands.h"
 #include "cli/MemberEvent.h"
 #include "cli/ReadArchive.h"
+#include "runtime/progress/TarMember.h"
 #include "tar/place/ExtractTarget.h"
 
 namespace mvtar {
@@ -45,6 +46,13 @@ class ExtractEvent : public MemberEvent {
     begin(m_path, isDirectory ? 0 : size);
   }
 
+  // Behind the selection, so that patterns are tested on the name before it is changed. What is left without
+  // a name is not begun after all.
+  void onTarMember(morvane::TarMember& member) override {
+    m_line.changes.applyReading(member);
+    if (member.skip || member.path.empty()) drop();
+  }
+
   // What was begun and not made is dropped from the count before it is told; a member whose times could not
   // be set is whole. The others are told with the first member and, at the end, by their number.
   void onInfo(const char* name, const char* value) override {
@@ -54,6 +62,11 @@ class ExtractEvent : public MemberEvent {
       if (what != "timesNotSet") drop();
       m_report.problem(value,
                        what == "refused" ? "refused: its path leaves the target" : failureReason(m_tar));
+      return;
+    }
+    if (what == "exists" || what == "kept") {
+      drop();
+      if (what == "exists") m_report.problem(value, "it is there already, and is kept");
       return;
     }
     for (const NotKept& row : kNotKept) {
@@ -113,13 +126,14 @@ class ExtractEvent : public MemberEvent {
   std::map<std::string, std::string> m_lastParts;  // and the paths they came from
 };
 
-// For -O: the first selected file, to standard output. Directories are never offered then.
+// For -O: the selected files, one behind the other, to standard output. Directories are never offered then;
+// links and special files have no data.
 class OutputEvent : public MemberEvent {
  public:
   using MemberEvent::MemberEvent;
 
   void onTarEntry(const char*, long long size, bool, bool& skip) override {
-    skip = !isSelected();
+    skip = !isSelected() || !m_hasData;
     if (skip) return;
     begin(m_path, size);
   }
@@ -127,12 +141,15 @@ class OutputEvent : public MemberEvent {
  private:
   void onSelected(const TarMemberInfo& member) override {
     m_path = std::string(member.path, strnlen(member.path, kShownAtMost));
+    // Of the types of members, those in between are links, special files and directories.
+    m_hasData = member.typeFlag < '1' || member.typeFlag > '6';
   }
 
   // Of a name of many megabytes no second copy is kept; it is only shown.
   static constexpr size_t kShownAtMost = 1 << 20;
 
   std::string m_path;
+  bool m_hasData = false;
 };
 
 // The target is made even if nothing is put into it. A path too long for the system is left to the component.
@@ -164,8 +181,8 @@ int extractArchive(const CommandLine& line) {
   return job.finish(event, ok, "the rest was not extracted");
 }
 
-// Closed before success is claimed: a full disk or a reader that has gone shows as late as that. No match is
-// a problem that is named, and then not a failure of the component's as well.
+// Closed before success is claimed: a full disk or a reader that has gone shows as late as that. That no file
+// matched is no failure by itself: a MEMBER that was not found is named, as in the other commands.
 int extractToStandardOutput(const CommandLine& line) {
   // Messages keep off standard output, which is the file's.
   ReadJob job(line, true);
@@ -173,14 +190,15 @@ int extractToStandardOutput(const CommandLine& line) {
   const std::unique_ptr<morvane::OutputFile> out = standardOutput(job.report);
   if (!out) return job.finish();
   OutputEvent event(job.report, job.bar, line);
-  // The component stops reading behind the member, whatever the archive's size.
-  bool ok = job.tar.UntarMemberToOutput(job.archive.source(), *out, &event);
-  ok = closeOutput(*out, job.report) && ok;
-  job.bar.clear();
-  if (ok) event.settle();
+  bool ok = job.tar.UntarMembersToOutput(job.archive.source(), *out, &event) || event.enoughSeen();
   const bool none = !ok && job.tar.get_OnlyLeftOut();
-  if (none) event.nameUnfound();
-  return job.finish(event, ok || (none && job.report.anyProblem()));
+  ok = closeOutput(*out, kStandardOutput, job.report) && (ok || none);
+  job.bar.clear();
+  if (ok) {
+    event.settle();
+    event.nameUnfound();
+  }
+  return job.finish(event, ok);
 }
 
 }  // namespace mvtar

@@ -1,58 +1,102 @@
-// The text of mvtar --help: what every option means, on one screen.
-#include "cli/CommandLine.h"
+// The texts of mvtar --help. What there is of options comes from their table; the first screen is written by
+// hand, since it is a choice.
+#include <algorithm>
+
+#include "cli/Help.h"
+#include "cli/OptionTable.h"
 
 namespace mvtar {
 
-// 80 columns. tests/install_test.sh holds it together with the manual and the completions.
-const char* helpText() {
-  return R"(Usage:
-  mvtar -c -f ARCHIVE [options] PATH...            create an archive
-  mvtar -x -f ARCHIVE [options] [MEMBER...]        extract
-  mvtar -t -f ARCHIVE [options] [MEMBER...]        list
-  mvtar --verify -f ARCHIVE                        check the whole archive
-  mvtar --deb -f PACKAGE.deb CONTROL.tar.gz DATA.tar.gz
-                                                   assemble a Debian package
+namespace {
 
-ARCHIVE is a file, or - for standard output or input. Compression is told by
-the content when reading; when creating, by an option or the archive's name
-(.tar.gz .tgz .tar.bz2 .tbz .tbz2 .tar.xz .txz .tar.zst .tzst). MEMBER is a
-path, a directory's path (with all below it) or a pattern with *.
-
-Options:
-  -C DIR              create: find the following PATHs in DIR (may be repeated);
-                      extract: the target, made if it is missing
-  -z, -j, -J, --zstd  create with gzip, bzip2, xz, zstd
-  --level=N           of zstd (1 to 22) and xz (1 to 9)
-  --format=FORMAT     gnu (default), ustar or pax
-  --match=PATTERN     only what matches (may be repeated)
-  --exclude=PATTERN   not what matches (may be repeated)
-  --prefix=PATH       create: put PATH in front of every name
-  --strip-paths       extract every file straight into the target
-  --max-count=N       stop after N members
-  -O                  extract the first matching file to standard output
-  -P                  keep absolute names, allow names that leave the target
-  -p                  restore modes exactly, of directories that are there, too
-  --same-owner, --no-same-owner, --no-same-permissions, --numeric-owner
-                      owners and exact modes (by default for root alone)
-  -h                  create: archive what links point at
-  -m                  leave times of extracted files alone
-  --xattrs            keep attributes and access lists (creates pax)
-  --reproducible[=SECONDS]
-                      create: the same bytes for the same tree
+constexpr char kFirstScreen[] = R"(Usage:
+  mvtar -c -f ARCHIVE [options] PATH...      create         -xf ARCHIVE  extract
+  mvtar -x|-t|-d -f ARCHIVE [options] [MEMBER...]  extract, list, compare
+  mvtar -r|-u -f ARCHIVE [options] PATH...   append, append what is newer
+  mvtar --verify -f ARCHIVE                  check the whole archive
+  mvtar --deb -f PACKAGE CONTROL.tar.gz DATA.tar.gz
+Options of every day:
+  -C DIR              where PATHs are; where to extract (made if missing)
+  -z -j -J --zstd     create with gzip, bzip2, xz, zstd; or by ARCHIVE's name
+  -v                  show names; with -t, more of each member
+  -T FILE, -X FILE    take names from, leave out the patterns in FILE
+  --exclude=PATTERN   leave out (* ? [...]); --exclude-vcs: version control
+  --strip-components=N, --transform=s/RE/TO/
+                      change names on their way
+  -k                  extract: keep what is there
+  -p                  modes exactly as they are stored
+  -O                  extract to standard output
   --untrusted         extract an archive of strangers, with limits
-  --xml               list as XML
-  --charset=NAME      the character set of names in the archive (utf-8)
-  -v                  show names as they are done; with -t, more of each member
-  --totals            say how many members and bytes there were
-  --progress[=WHEN]   a progress bar: auto (default), always, never
-  --log               print the component's log to standard error
-  --options=WORDS     more UncommonOptions of the component
-  --help, --version
-
-Letters may be bundled (-xzf), the first word may drop its dash (xzf), and --
-ends the options. Exit status: 0 all was done, 2 something was not, 64 wrong
-usage, 130 or 143 interrupted.
+  --help=all          all options; the manual page mvtar(1) tells more
+Compression is told by the content when reading. Letters may be bundled
+(-xzf), the first word may drop its dash, long options may be cut short.
+Exit status: 0 all was done, 1 -d found differences, 2 something was not done,
+64 wrong usage, 130 or 143 interrupted.
 )";
+
+constexpr struct {
+  OptionGroup group;
+  const char* title;
+} kTitles[] = {{OptionGroup::Mode, "What to do"},
+               {OptionGroup::Archive, "The archive"},
+               {OptionGroup::Compression, "Compression"},
+               {OptionGroup::Which, "Which members"},
+               {OptionGroup::Names, "Their names"},
+               {OptionGroup::Kept, "What a member keeps"},
+               {OptionGroup::Existing, "What is there already"},
+               {OptionGroup::Shown, "What is shown"},
+               {OptionGroup::Component, "The component"}};
+
+std::string valueOf(const Option& row) {
+  if (row.takes == Option::Takes::Nothing) return "";
+  const std::string value = std::string("=") + row.value;
+  return row.takes == Option::Takes::MayTakeValue ? "[" + value + "]" : value;
+}
+
+// "  -f, --file=ARCHIVE     sentence", the sentence on a line of its own where names are long.
+std::string lineOf(const Option& row, size_t synonyms) {
+  constexpr size_t kSentenceAt = 30;
+  std::string line = row.letter != '\0' ? std::string("  -") + row.letter + ", " : "      ";
+  line += std::string("--") + row.name + valueOf(row);
+  for (size_t i = 1; i <= synonyms; ++i) line += std::string(", --") + (&row)[i].name;
+  line += line.size() + 2 > kSentenceAt ? "\n" + std::string(kSentenceAt, ' ')
+                                        : std::string(kSentenceAt - line.size(), ' ');
+  return line + row.help + "\n";
+}
+
+std::string allOptions() {
+  std::string text;
+  for (const auto& [group, title] : kTitles) {
+    text += (text.empty() ? "" : "\n") + std::string(title) + ":\n";
+    for (size_t i = 0; i < kOptionCount; ++i) {
+      if (kOptions[i].group != group || !kOptions[i].help) continue;
+      size_t synonyms = 0;
+      while (i + synonyms + 1 < kOptionCount && !kOptions[i + synonyms + 1].help) ++synonyms;
+      text += lineOf(kOptions[i], synonyms);
+    }
+  }
+  return text;
+}
+
+std::string tableOfOptions() {
+  std::string text;
+  const char* help = "";
+  for (size_t i = 0; i < kOptionCount; ++i) {
+    const Option& row = kOptions[i];
+    if (row.help) help = row.help;
+    if (row.letter != '\0') text += std::string("-") + row.letter;
+    text += std::string("\t--") + row.name + "\t";
+    text += row.takes == Option::Takes::Nothing ? "" : row.takes == Option::Takes::Value ? "=" : "[=]";
+    text += std::string("\t") + (row.value ? row.value : "") + "\t" + help + "\n";
+  }
+  return text;
+}
+
+}  // namespace
+
+std::string helpText(const std::string& topic) {
+  if (topic == "options") return tableOfOptions();
+  return topic == "all" ? allOptions() : kFirstScreen;
 }
 
 }  // namespace mvtar

@@ -9,6 +9,7 @@
 #include <memory>
 
 #include "cli/Commands.h"
+#include "cli/JsonLine.h"
 #include "cli/MemberEvent.h"
 #include "cli/Names.h"
 #include "cli/ReadArchive.h"
@@ -59,8 +60,10 @@ std::string modeText(const TarMemberInfo& member) {
 }
 
 // A name may be empty or hold anything; the number stands in for the first, escapes for the second.
-std::string ownerText(const TarMemberInfo& member) {
-  const auto either = [](const char* name, unsigned id) { return *name ? shown(name) : std::to_string(id); };
+std::string ownerText(const TarMemberInfo& member, bool byNumber) {
+  const auto either = [byNumber](const char* name, unsigned id) {
+    return *name && !byNumber ? shown(name) : std::to_string(id);
+  };
   return either(member.userName, member.uid) + "/" + either(member.groupName, member.gid);
 }
 
@@ -119,7 +122,7 @@ class ListEvent : public CountEvent {
       return;
     }
     // The owner's and the size's columns widen as they need to, within reason.
-    const std::string owner = ownerText(member);
+    const std::string owner = ownerText(member, m_line.keeping.numericOwners);
     const std::string size = sizeText(member);
     const size_t needed = owner.size() + 1 + size.size();
     m_width = std::max(m_width, std::min(needed, kWidest));
@@ -134,6 +137,15 @@ class ListEvent : public CountEvent {
   static constexpr size_t kWidest = 80;
   // Of owner and size together: what fits most archives, as GNU tar begins.
   size_t m_width = 19;
+};
+
+// --json: one object a line for each member.
+class JsonEvent : public CountEvent {
+ public:
+  using CountEvent::CountEvent;
+
+ private:
+  void print(const TarMemberInfo& member) override { m_report.text(jsonLine(member)); }
 };
 
 // --xml of the members that are asked for: each is put into the listing as its extension records leave it.
@@ -240,10 +252,14 @@ int list(ReadJob& job, Event& event, Read read) {
 
 }  // namespace
 
-// Three ways, in the order of what is asked for: lines, an XML listing of some members, the XML listing of
-// everything.
+// Four ways, in the order of what is asked for: JSON, lines, an XML listing of some members, the XML listing
+// of everything.
 int listArchive(const CommandLine& line) {
   ReadJob job(line, false);
+  if (line.json) {
+    JsonEvent event(job.report, job.bar, line);
+    return list(job, event, [&](JsonEvent& members) { return job.archive.read(job.tar, members); });
+  }
   // Names, or the long form with -v; the event looks at that itself.
   if (!line.xml) {
     ListEvent event(job.report, job.bar, line);

@@ -7,6 +7,7 @@
 #include <limits>
 #include <string>
 
+#include "cli/Dates.h"
 #include "cli/Interrupt.h"
 #include "cli/ProgressBar.h"
 #include "cli/Report.h"
@@ -74,7 +75,7 @@ class MemberEvent : public morvane::ProgressEvent {
   MemberEvent(Report& report, ProgressBar& bar, const CommandLine& line)
       : m_report(report),
         m_line(line),
-        m_selection(operandPaths(line), line.matches, line.excludes),
+        m_selection(operandPaths(line), line.matches, line.excludes, !line.nameFiles.empty()),
         m_decoder(line),
         m_bar(bar) {}
 
@@ -94,6 +95,7 @@ class MemberEvent : public morvane::ProgressEvent {
   // Ends the run once enough was seen; whoever asks how it ended asks enoughSeen first.
   void onAbortCheck(bool& abort) override { abort = m_enoughSeen || isInterrupted(); }
   // The component's scale is the bar's (ReadJob::open).
+  void onTotal(long long bytes) override { m_bar.setTotal(bytes); }
   void onProgress(int parts, bool&) override { m_bar.show(parts); }
 
   // What was begun is done: it counts, and is named with -v. Call it after a run that came to its end.
@@ -149,8 +151,15 @@ class MemberEvent : public morvane::ProgressEvent {
  private:
   // With names as a person types them.
   void select(const morvane::TarMemberInfo& member) {
-    m_isSelected = !m_enoughSeen && m_selection.takes(member.path);
+    m_isSelected = !m_enoughSeen && m_selection.takes(member.path) && !isTooOld(member);
     if (m_isSelected) onSelected(member);
+  }
+
+  // With --newer, by the time of the member: an archive has no other. Directories are always taken.
+  bool isTooOld(const morvane::TarMemberInfo& member) const {
+    if (!m_line.newerThan || member.isDirectory) return false;
+    return isEarlier({static_cast<time_t>(member.mtime), static_cast<long>(member.mtimeNanoseconds)},
+                     *m_line.newerThan);
   }
 
   Selection m_selection;

@@ -24,7 +24,7 @@ bool assemble(morvane::ClsTar& tar, const CommandLine& line, Report& report) {
   const std::unique_ptr<morvane::OutputFile> out = standardOutput(report);
   if (!out) return false;
   const bool written = tar.CreateDeb(control, data, *out);
-  return closeOutput(*out, report) && written;
+  return closeOutput(*out, kStandardOutput, report) && written;
 }
 
 }  // namespace

@@ -2,7 +2,12 @@
 // what every command that reads does in the same way.
 #include "cli/ReadArchive.h"
 
+#include <fcntl.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
 
 #include "cli/InterruptEvent.h"
 #include "cli/StandardStreams.h"
@@ -17,23 +22,16 @@ using morvane::Compression;
 using morvane::OsFile;
 
 constexpr unsigned kFirstLook = 512;
+constexpr char kStandardInput[] = "standard input";
 
 }  // namespace
 
 bool ArchiveReader::open(const CommandLine& line, Report& report) {
+  const bool isOpen = !line.filterProgram.empty() ? openThroughProgram(line, report)
+                      : line.usesStandardStream() ? openStandardInput(report)
+                                                  : openPath(line.archive, report);
+  if (!isOpen) return false;
   morvane::LogCause log;
-  if (line.usesStandardStream()) {
-    if (isatty(STDIN_FILENO)) {
-      report.problem("standard input", "an archive is not read from a terminal");
-      return false;
-    }
-    if (!m_source.adopt(OsFile(dup(STDIN_FILENO)), "standard input", log)) {
-      report.problem("standard input", log.cause().reason);
-      return false;
-    }
-  } else if (!openPath(line.archive, report)) {
-    return false;
-  }
   // The first bytes of a slow pipe may be long in coming.
   InterruptEvent event;
   morvane::ProgressMonitor monitor(event, 1, 0, 0);
@@ -56,6 +54,44 @@ bool ArchiveReader::isForeign(const CommandLine& line, Report& report) {
   const char* const what = morvane::foreignContent(reinterpret_cast<const unsigned char*>(bytes), n);
   if (what) report.problem(line.archive, what);
   return what != nullptr;
+}
+
+bool ArchiveReader::openStandardInput(Report& report) {
+  morvane::LogCause log;
+  if (isatty(STDIN_FILENO)) {
+    report.problem(kStandardInput, "an archive is not read from a terminal");
+    return false;
+  }
+  if (m_source.adopt(OsFile(dup(STDIN_FILENO)), kStandardInput, log)) return true;
+  report.problem(kStandardInput, log.cause().reason);
+  return false;
+}
+
+// The program gets the file itself; what it expands is read from a pipe.
+bool ArchiveReader::openThroughProgram(const CommandLine& line, Report& report) {
+  OsFile file(line.usesStandardStream() ? dup(STDIN_FILENO)
+                                        : ::open(line.archive.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+  if (!file.isOpen()) {
+    report.problem(line.archive, std::strerror(errno));
+    return false;
+  }
+  OsFile expanded(m_program.startReading(line.filterProgram, file.fd(), report));
+  if (!expanded.isOpen()) return false;
+  morvane::LogCause log;
+  if (m_source.adopt(std::move(expanded), line.archive.c_str(), log)) return true;
+  report.problem(line.archive, log.cause().reason);
+  return false;
+}
+
+bool ArchiveReader::finishProgram(bool readToTheEnd, Report& report) {
+  if (!m_program.isRunning()) return true;
+  InterruptEvent event;
+  morvane::ProgressMonitor monitor(event, 1, 0, 0);
+  morvane::LogNull unwanted;
+  const bool isDrained = readToTheEnd && m_source.skip(LLONG_MAX, &monitor, unwanted);
+  (void)isDrained;  // a program that has ended says so by its status
+  m_source.close();
+  return m_program.finish(!readToTheEnd, report);
 }
 
 // A FIFO is waited for, but an interrupt ends the wait.
@@ -151,6 +187,7 @@ bool ReadJob::open() {
 
 // A limit that ended the run is named by its word, in place of the component's reason.
 int ReadJob::finish(const MemberEvent& event, bool ok, const char* rest) {
+  archive.finishProgram(ok && !event.enoughSeen() && !isInterrupted(), report);
   if (m_line.totals) report.totals(event.members(), event.bytes());
   if (event.limit().empty()) return mvtar::finish(tar, m_line, report, ok, rest);
   report.problem(m_line.archive, "limit reached (" + event.limit() + ")");

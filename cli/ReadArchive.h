@@ -4,6 +4,7 @@
 #include <string>
 
 #include "cli/CommandLine.h"
+#include "cli/FilterProcess.h"
 #include "cli/MemberEvent.h"
 #include "cli/ProgressBar.h"
 #include "cli/Report.h"
@@ -26,12 +27,19 @@ class ArchiveReader {
   // Also true for content of no kind that is known.
   bool isPlain() const;
   morvane::_mvFileDataSource& source() { return m_source; }
+  // With -I: waits for the program's end. Where the archive was read to its end the program must have come to
+  // one of its own, behind whatever it had left; else nobody cares how it took the news. False, and named,
+  // when it failed.
+  bool finishProgram(bool readToTheEnd, Report& report);
 
  private:
   bool openPath(const std::string& path, Report& report);
+  bool openStandardInput(Report& report);
+  bool openThroughProgram(const CommandLine& line, Report& report);
   bool isForeign(const CommandLine& line, Report& report);
   void takeRestOfRecord();
 
+  FilterProcess m_program;
   morvane::_mvFileDataSource m_source;
   std::optional<morvane::Compression> m_compression;  // nothing: not told
 };

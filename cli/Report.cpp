@@ -60,7 +60,7 @@ void Report::failure(morvane::ClsTar& tar, const std::string& archive) {
   morvane::XString path, reason;
   tar.get_FailureCause(path, reason);
   // What is merely missing was named when it was left out.
-  if (tar.get_OnlyLeftOut() && m_status != kDone) return;
+  if (tar.get_OnlyLeftOut() && m_status == kNotAllDone) return;
   problem(path.isEmpty() ? archive : path.str(), reason.isEmpty() ? "it failed" : reason.str());
 }
 
@@ -75,6 +75,11 @@ void Report::line(const std::string& text) { name("", text); }
 void Report::text(std::string_view text) {
   m_bar.clear();
   StandardOutput::write(text);
+}
+
+void Report::difference(std::string_view path, const std::string& what) {
+  if (m_status == kDone) m_status = kDiffers;
+  name(path, "", ": " + what);
 }
 
 void Report::totals(long long members, long long bytes) {
@@ -95,7 +100,7 @@ void Report::log(morvane::ClsTar& tar) {
 int Report::finish() {
   m_bar.clear();
   if (!StandardOutput::flush()) problem("standard output", std::strerror(StandardOutput::error()));
-  if (m_status != kDone) writeToStandardError(kClosingLine);
+  if (m_status == kNotAllDone) writeToStandardError(kClosingLine);
   return m_status;
 }
 

@@ -15,6 +15,7 @@ namespace mvtar {
 // Exit statuses. Everything was done; something was not (a message has said what); the command line was
 // wrong, EX_USAGE of sysexits.h.
 constexpr int kDone = 0;
+constexpr int kDiffers = 1;  // only -d: nothing went wrong, but something is different
 constexpr int kNotAllDone = 2;
 constexpr int kWrongUsage = 64;
 
@@ -40,6 +41,8 @@ class Report {
   void line(const std::string& text);
   // Text of the listing, as it is, on standard output.
   void text(std::string_view text);
+  // What -d found: "PATH: what differs" on standard output. The status becomes 1 unless it is 2.
+  void difference(std::string_view path, const std::string& what);
   // What --totals asks for. "members" and "bytes" of what was done, on standard error.
   void totals(long long members, long long bytes);
   // What --log asks for.
@@ -47,8 +50,8 @@ class Report {
 
   // Says once more that something is missing, and tells the status. Call it last.
   int finish();
-  // Whether the status is no longer 0.
-  bool anyProblem() const { return m_status != kDone; }
+  // Whether something was not done.
+  bool anyProblem() const { return m_status == kNotAllDone; }
 
  private:
   ProgressBar& m_bar;

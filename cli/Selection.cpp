@@ -2,7 +2,10 @@
 // below them, patterns mean parts of a path, and a name that was asked for and not found is told.
 #include "cli/Selection.h"
 
+#include <fnmatch.h>
+
 #include <algorithm>
+#include <clocale>
 
 namespace mvtar {
 
@@ -27,12 +30,31 @@ bool isBelow(std::string_view path, const std::string& dir) {
 
 }  // namespace
 
-// Cut at their stars here, once.
+// Most patterns have no more than stars, for which there is a matcher whose time does not grow with their
+// number. The C library looks at the others, in the characters of the user's locale.
+Selection::Pattern Selection::patternOf(std::string_view text) {
+  const bool isStarsAlone = text.find_first_of("?[\\") == std::string_view::npos;
+  if (!isStarsAlone) setlocale(LC_CTYPE, "");
+  return {std::string(text), morvane::WildcardPattern(text, true), isStarsAlone,
+          text.find('/') != std::string_view::npos};
+}
+
+bool Selection::Pattern::matches(std::string_view path) const {
+  if (isStarsAlone) return stars.matches(path);
+  return fnmatch(text.c_str(), std::string(path).c_str(), 0) == 0;
+}
+
+bool Selection::Pattern::matchesUpToASlash(std::string_view path) const {
+  if (isStarsAlone) return stars.matchesUpToASlash(path);
+  return fnmatch(text.c_str(), std::string(path).c_str(), FNM_LEADING_DIR) == 0;
+}
+
 std::vector<Selection::Pattern> Selection::patternsOf(const std::vector<std::string>& given) {
   std::vector<Pattern> patterns;
   for (const std::string& text : given) {
-    patterns.push_back(
-        {morvane::WildcardPattern(comparable(text), true), text.find('/') != std::string::npos});
+    patterns.push_back(patternOf(comparable(text)));
+    // A slash at the end is no part of it, but means the whole path.
+    patterns.back().isForWholePath = text.find('/') != std::string::npos;
   }
   return patterns;
 }
@@ -40,11 +62,11 @@ std::vector<Selection::Pattern> Selection::patternsOf(const std::vector<std::str
 // The path or a directory above it matches, or a single component does. A pattern with a slash is not tried
 // on single parts, which have none.
 bool Selection::matches(std::string_view path, const Pattern& pattern) {
-  if (pattern.pattern.matchesUpToASlash(path)) return true;
+  if (pattern.matchesUpToASlash(path)) return true;
   if (pattern.isForWholePath) return false;
   for (size_t start = 0; start < path.size();) {
     const size_t end = std::min(path.find('/', start), path.size());
-    if (end > start && pattern.pattern.matches(path.substr(start, end - start))) return true;
+    if (end > start && pattern.matches(path.substr(start, end - start))) return true;
     start = end + 1;
   }
   return false;
@@ -56,11 +78,11 @@ bool Selection::anyMatches(std::string_view path, const std::vector<Pattern>& pa
 }
 
 Selection::Selection(const std::vector<std::string>& members, const std::vector<std::string>& matches,
-                     const std::vector<std::string>& excludes)
-    : m_matches(patternsOf(matches)), m_excludes(patternsOf(excludes)) {
+                     const std::vector<std::string>& excludes, bool onlyNamed)
+    : m_onlyNamed(onlyNamed), m_matches(patternsOf(matches)), m_excludes(patternsOf(excludes)) {
   for (const std::string& member : members) {
     const std::string_view path = comparable(member);
-    m_members.push_back({member, std::string(path), morvane::WildcardPattern(path, true), false});
+    m_members.push_back({member, std::string(path), patternOf(path), false});
   }
 }
 
@@ -68,11 +90,11 @@ Selection::Selection(const std::vector<std::string>& members, const std::vector<
 // comes last and wins.
 bool Selection::takes(std::string_view storedPath) {
   const std::string_view path = comparable(storedPath);
-  bool named = m_members.empty();
+  bool named = m_members.empty() && !m_onlyNamed;
   for (Member& member : m_members) {
     // A name that holds a star may also mean itself.
     const bool hit = path == member.path || member.path == "." || isBelow(path, member.path) ||
-                     member.pattern.matches(path);
+                     member.pattern.matchesUpToASlash(path);
     member.found = member.found || hit;
     named = named || hit;
   }

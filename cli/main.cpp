@@ -10,7 +10,9 @@
 #include <string>
 
 #include "cli/Commands.h"
+#include "cli/Help.h"
 #include "cli/Interrupt.h"
+#include "cli/NameFiles.h"
 #include "cli/Names.h"
 #include "cli/Report.h"
 #include "cli/StandardStreams.h"
@@ -27,11 +29,15 @@ void occupyStandardStreams() {
 }
 
 // Help and version are commands like the others: when they cannot be printed, the status says so.
-int runCommand(const mvtar::CommandLine& line) {
+int runCommand(mvtar::CommandLine& line) {
   using mvtar::Mode;
   switch (line.mode) {
     case Mode::Create:
-      return mvtar::createArchive(line);
+    case Mode::Append:
+    case Mode::Update:
+      return mvtar::writeArchive(line);
+    case Mode::Compare:
+      return mvtar::compareArchive(line);
     case Mode::Extract:
       return line.toStdout ? mvtar::extractToStandardOutput(line) : mvtar::extractArchive(line);
     case Mode::List:
@@ -41,7 +47,7 @@ int runCommand(const mvtar::CommandLine& line) {
     case Mode::Deb:
       return mvtar::createDeb(line);
     case Mode::Help:
-      mvtar::StandardOutput::write(mvtar::helpText());
+      mvtar::StandardOutput::write(mvtar::helpText(line.helpTopic));
       break;
     case Mode::Version:
       mvtar::StandardOutput::write(std::string("mvtar ") + mvtar::versionText() + "\n");
@@ -54,6 +60,15 @@ int runCommand(const mvtar::CommandLine& line) {
   return mvtar::Report(noBar, false).finish();
 }
 
+// The lists of -T and -X. False, and told, when one cannot be read.
+bool readNames(mvtar::CommandLine& line) {
+  mvtar::ProgressBar noBar(mvtar::ProgressBar::When::Never);
+  mvtar::Report report(noBar, true);
+  if (mvtar::readNameFiles(line, report)) return true;
+  report.finish();
+  return false;
+}
+
 // Interrupts are caught only when the line makes sense: a wrong one is over at once.
 int runCommandLine(int argc, char** argv) {
   mvtar::CommandLine line;
@@ -63,7 +78,7 @@ int runCommandLine(int argc, char** argv) {
     return mvtar::kWrongUsage;
   }
   mvtar::catchInterrupts();
-  const int status = runCommand(line);
+  const int status = readNames(line) ? runCommand(line) : mvtar::kNotAllDone;
   mvtar::StandardOutput::flush();
   return status;
 }

@@ -84,4 +84,6 @@ if(TARGET mvtar)
     DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions COMPONENT Runtime)
   install(FILES cli/completions/_mvtar
     DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/zsh/site-functions COMPONENT Runtime)
+  install(FILES cli/completions/mvtar.fish
+    DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/fish/vendor_completions.d COMPONENT Runtime)
 endif()

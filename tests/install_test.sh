@@ -141,19 +141,30 @@ mvtar=moved-shared/bin/mvtar share=moved-shared/share  # it finds the library by
 expect "mvtar --version" "$($mvtar --version)" "mvtar $version"
 grep -q "\"mvtar $version\"" $share/man/man1/mvtar.1 || fail "the manual page is of another version"
 sed 's/\\-/-/g' $share/man/man1/mvtar.1 >page.txt
-$mvtar --help >help.txt
 completions=($share/bash-completion/completions/mvtar $share/zsh/site-functions/_mvtar)
 quietly bash -n "${completions[0]}"
-long_options() { grep -oE '(^|[^-a-zA-Z])--[a-z][-a-z0-9]+' "$1" | sed 's/^[^-]*//' | sort -u; }
-for file in page.txt "${completions[@]}"; do
-  for option in $(long_options help.txt); do
-    grep -qE -e "(^|[^-a-zA-Z])$option([^-a-z]|$)" "$file" || fail "$option is missing in $file"
-  done
-  for option in $(long_options "$file"); do
-    said=$($mvtar "$option=x" 2>&1 || true)
-    if grep -q 'unknown option' <<< "$said"; then fail "$file has $option, which mvtar does not know"; fi
-  done
+# The manual page has every option of the command's own table, with its letter and what it takes, and no other.
+$mvtar --help=options >options.txt
+cut -f 1-4 options.txt | tr '\t' '|' | while IFS='|' read -r letter name takes _; do
+  [ -z "$letter" ] || grep -qE -e "(^|[^-a-zA-Z])$letter([^-a-zA-Z]|$)" page.txt || fail "$letter is not in the manual page"
+  grep -qE -e "(^|[^-a-zA-Z])$name([^-a-z]|$)" page.txt || fail "$name is not in the manual page"
+  [ "$takes" != "=" ] || grep -qE -e "$name(=| |\\\\f)" page.txt || fail "$name takes a value, which the manual page does not say"
 done
+for option in $(grep -oE '(^|[^-a-zA-Z])--[a-z][-a-z0-9]+' page.txt | sed 's/^[^-]*//' | sort -u); do
+  said=$($mvtar "$option=x" 2>&1 || true)
+  if grep -q 'unknown option' <<< "$said"; then fail "the manual page has $option, which mvtar does not know"; fi
+done
+# Completion goes by the same table, and knows the members of the archive at hand.
+complete_line() {  # complete_line WORD...: what bash would offer for the last word
+  PATH=$PWD/moved-shared/bin:$PATH bash -c 'compopt() { :; }; source "$0"; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1))
+    _mvtar; printf "%s\n" "${COMPREPLY[@]}"' "${completions[0]}" "$@" | xargs
+}
+$mvtar -cf members.tar -C tree sub
+expect "completion of options" "$(complete_line mvtar -c --exclude-v)" "--exclude-vcs"
+expect "completion of values" "$(complete_line mvtar -c --format=u)" "--format=ustar"
+expect "completion of words" "$(complete_line mvtar --options PaxE)" "PaxExact"
+expect "completion of members" "$(complete_line mvtar -xf members.tar sub/r)" "sub/random"
+expect "completion of archives" "$(complete_line mvtar xf mem)" "members.tar"
 # Every option word that the code knows is described and completed.
 words=$(sed -n 's/^    {"\([a-z0-9]*\)", \(MORVANE_SETTING\|"[a-z]*", \[\).*/\1/p' "$source/tar/settings/TarOptions.cpp" | sort -u)
 [ "$(echo "$words" | wc -l)" -ge 17 ] || fail "the option words were not found in the code"

@@ -1,0 +1,147 @@
+// strptime does the reading, since it knows calendars; what is here are the forms, tried one after the other
+// until one takes the whole text.
+#include "cli/Dates.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cstdlib>
+#include <initializer_list>
+#include <string_view>
+
+namespace mvtar {
+
+namespace {
+
+constexpr int kHour = 3600, kDay = 24 * kHour;
+
+const char* withoutBlanks(const char* text) {
+  while (*text == ' ') ++text;
+  return text;
+}
+
+// ".25" as nanoseconds; digits beyond the ninth are of no use to any file system. `at` is left behind them.
+long parseFraction(const char*& at) {
+  if (*at != '.' && *at != ',') return 0;
+  long nanoseconds = 0;
+  long unit = 100 * 1000 * 1000;
+  for (++at; *at >= '0' && *at <= '9'; ++at, unit /= 10) nanoseconds += (*at - '0') * unit;
+  return nanoseconds;
+}
+
+// "Z", "UTC", "GMT", "+01:00", "+0100" or "+01" to the end of the text; seconds east of Greenwich. Nothing
+// for anything else.
+std::optional<int> parseZone(const char* at) {
+  at = withoutBlanks(at);
+  for (const char* const name : {"Z", "UTC", "GMT"}) {
+    if (std::string_view(at) == name) return 0;
+  }
+  if (*at != '+' && *at != '-') return std::nullopt;
+  const int sign = *at == '-' ? -1 : 1;
+  std::string digits;
+  for (++at; *at; ++at) {
+    const bool isColon = *at == ':' && digits.size() == 2;
+    if (!isColon && (*at < '0' || *at > '9')) return std::nullopt;
+    if (!isColon) digits += *at;
+  }
+  if (digits.size() == 2) digits += "00";
+  if (digits.size() != 4) return std::nullopt;
+  const int number = std::atoi(digits.c_str());
+  return sign * (number / 100 * kHour + number % 100 * 60);
+}
+
+// One form, and behind it, if it has seconds, a fraction; then a zone or nothing. A time that is no time of
+// the local clock (a leap of it) is moved by mktime, as everywhere.
+std::optional<timespec> parseForm(const char* text, const char* form) {
+  tm parts{};
+  const char* at = strptime(text, form, &parts);
+  if (!at) return std::nullopt;
+  const long nanoseconds = parseFraction(at);
+  if (*withoutBlanks(at) == '\0') {
+    parts.tm_isdst = -1;
+    return timespec{mktime(&parts), nanoseconds};
+  }
+  const std::optional<int> zone = parseZone(at);
+  if (!zone) return std::nullopt;
+  return timespec{timegm(&parts) - *zone, nanoseconds};
+}
+
+// "Sun Nov 22 11:50:46 UTC 2026", as `date` prints it: the zone stands inside.
+std::optional<timespec> parseDateOutput(const std::string& text) {
+  const size_t year = text.rfind(' ');
+  const size_t zone = year == std::string::npos || year == 0 ? year : text.rfind(' ', year - 1);
+  if (zone == std::string::npos) return std::nullopt;
+  const std::string rest = text.substr(0, zone) + text.substr(year) + text.substr(zone, year - zone);
+  return parseForm(rest.c_str(), "%a %b %d %H:%M:%S %Y");
+}
+
+std::optional<timespec> parseSeconds(const char* text) {
+  char* end = nullptr;
+  const char* const digits = text + 1;
+  if (*digits == '\0') return std::nullopt;
+  timespec time{std::strtoll(digits, &end, 10), 0};
+  const char* at = end;
+  if (at == digits) return std::nullopt;
+  time.tv_nsec = parseFraction(at);
+  if (*at != '\0') return std::nullopt;
+  return time;
+}
+
+// Words, and a number of units before or behind now: "3 days ago", "1 hour".
+std::optional<timespec> parseRelative(const std::string& text) {
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  constexpr struct {
+    const char* word;
+    int days;
+  } kWords[] = {{"now", 0}, {"today", 0}, {"yesterday", -1}, {"tomorrow", 1}};
+  for (const auto& row : kWords) {
+    if (text == row.word) return timespec{now.tv_sec + row.days * kDay, now.tv_nsec};
+  }
+  constexpr struct {
+    const char* word;
+    int seconds;
+  } kUnits[] = {{"second", 1},   {"sec", 1},    {"minute", 60},    {"min", 60},
+                {"hour", kHour}, {"day", kDay}, {"week", 7 * kDay}};
+  char* end = nullptr;
+  const long long count = std::strtoll(text.c_str(), &end, 10);
+  if (end == text.c_str() || std::llabs(count) > 100 * 1000 * 1000) return std::nullopt;
+  std::string unit = withoutBlanks(end);
+  constexpr std::string_view kAgo = " ago";
+  const bool isAgo =
+      unit.size() > kAgo.size() && unit.compare(unit.size() - kAgo.size(), kAgo.size(), kAgo) == 0;
+  if (isAgo) unit.resize(unit.size() - kAgo.size());
+  for (const auto& row : kUnits) {
+    if (unit != row.word && unit != std::string(row.word) + "s") continue;
+    return timespec{now.tv_sec + (isAgo ? -count : count) * row.seconds, now.tv_nsec};
+  }
+  return std::nullopt;
+}
+
+std::optional<timespec> parseDate(const std::string& text) {
+  if (!text.empty() && text[0] == '@') return parseSeconds(text.c_str());
+  constexpr const char* kForms[] = {
+      "%Y-%m-%dT%H:%M:%S",   "%Y-%m-%d %H:%M:%S", "%Y-%m-%dT%H:%M",        "%Y-%m-%d %H:%M",    "%Y-%m-%d",
+      "%Y/%m/%d %H:%M:%S",   "%Y/%m/%d",          "%a, %d %b %Y %H:%M:%S", "%d %b %Y %H:%M:%S", "%d %b %Y",
+      "%a %b %d %H:%M:%S %Y"};
+  for (const char* const form : kForms) {
+    if (const auto time = parseForm(text.c_str(), form)) return time;
+  }
+  const auto printed = parseDateOutput(text);
+  return printed ? printed : parseRelative(text);
+}
+
+}  // namespace
+
+std::optional<timespec> parseDateOrFile(const std::string& text) {
+  const bool isPath = !text.empty() && (text[0] == '/' || text[0] == '.');
+  if (!isPath) {
+    if (const auto time = parseDate(text)) return time;
+  }
+  struct stat status;
+  if (text.empty() || stat(text.c_str(), &status) != 0) return std::nullopt;
+  return status.st_mtim;
+}
+
+}  // namespace mvtar

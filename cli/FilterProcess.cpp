@@ -1,0 +1,120 @@
+// posix_spawn, because it needs no copy of the process, and takes the descriptors and signals of the new one
+// from a list.
+#include "cli/FilterProcess.h"
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+
+#include "cli/Interrupt.h"
+
+extern char** environ;
+
+namespace mvtar {
+
+namespace {
+
+// As a shell would cut them, without anything else that a shell does.
+std::vector<std::string> wordsOf(const std::string& text) {
+  std::vector<std::string> words;
+  bool inWord = false;
+  char quote = '\0';
+  for (size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    if (quote == '\0' && (c == ' ' || c == '\t')) {
+      inWord = false;
+      continue;
+    }
+    if (!inWord) words.emplace_back();
+    inWord = true;
+    if (c == quote) {
+      quote = '\0';
+    } else if (quote == '\0' && (c == '\'' || c == '"')) {
+      quote = c;
+    } else if (c == '\\' && quote != '\'' && i + 1 < text.size()) {
+      words.back() += text[++i];
+    } else {
+      words.back() += c;
+    }
+  }
+  return words;
+}
+
+}  // namespace
+
+FilterProcess::~FilterProcess() {
+  if (!isRunning()) return;
+  kill(m_pid, SIGTERM);
+  while (waitpid(m_pid, nullptr, 0) < 0 && errno == EINTR) {
+  }
+}
+
+int FilterProcess::startWriting(const std::string& program, int to, Report& report) {
+  m_program = program;
+  return start(wordsOf(program), to, true, report);
+}
+
+int FilterProcess::startReading(const std::string& program, int from, Report& report) {
+  m_program = program;
+  std::vector<std::string> words = wordsOf(program);
+  words.emplace_back("-d");
+  return start(std::move(words), from, false, report);
+}
+
+// A closed pipe has to end the program, although this process ignores the signal for it.
+int FilterProcess::start(std::vector<std::string> words, int other, bool writes, Report& report) {
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) != 0) {
+    report.problem(m_program, std::strerror(errno));
+    return -1;
+  }
+  const int ours = ends[writes ? 1 : 0], theirs = ends[writes ? 0 : 1];
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, theirs, writes ? STDIN_FILENO : STDOUT_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, other, writes ? STDOUT_FILENO : STDIN_FILENO);
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  sigset_t defaults;
+  sigemptyset(&defaults);
+  for (const int signal : {SIGPIPE, SIGXFSZ, SIGALRM}) sigaddset(&defaults, signal);
+  posix_spawnattr_setsigdefault(&attributes, &defaults);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
+  std::vector<char*> arguments;
+  for (std::string& word : words) arguments.push_back(word.data());
+  arguments.push_back(nullptr);
+  const int error =
+      words.empty() ? ENOENT
+                    : posix_spawnp(&m_pid, arguments[0], &actions, &attributes, arguments.data(), environ);
+  posix_spawnattr_destroy(&attributes);
+  posix_spawn_file_actions_destroy(&actions);
+  close(theirs);
+  if (error == 0) return ours;
+  m_pid = -1;
+  close(ours);
+  report.problem(m_program, std::strerror(error));
+  return -1;
+}
+
+bool FilterProcess::finish(bool mayBreakOff, Report& report) {
+  if (!isRunning()) return true;
+  int status = 0;
+  while (waitpid(m_pid, &status, 0) < 0) {
+    if (errno != EINTR) return report.problem(m_program, std::strerror(errno)), false;
+    // Whoever interrupts the command wants the whole of it to end.
+    if (isInterrupted()) kill(m_pid, SIGTERM);
+  }
+  m_pid = -1;
+  const bool brokeOff = WIFSIGNALED(status) && WTERMSIG(status) == SIGPIPE;
+  if (status == 0 || (mayBreakOff && brokeOff)) return true;
+  report.problem(m_program, WIFSIGNALED(status) ? "ended by signal " + std::to_string(WTERMSIG(status))
+                                                : "ended with status " + std::to_string(WEXITSTATUS(status)));
+  return false;
+}
+
+}  // namespace mvtar

@@ -1,0 +1,39 @@
+// A program that archives are written or read through (-I).
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+#include "cli/Report.h"
+
+namespace mvtar {
+
+// One program, from its start to its end. Started by its words, never by a shell: blanks separate them, and
+// quotes and back slashes keep blanks together.
+class FilterProcess {
+ public:
+  FilterProcess() = default;
+  ~FilterProcess();
+  FilterProcess(const FilterProcess&) = delete;
+  FilterProcess& operator=(const FilterProcess&) = delete;
+
+  // Starts PROGRAM between what is written to the descriptor returned and `to`, which stays the caller's. -1,
+  // and named, when that fails.
+  int startWriting(const std::string& program, int to, Report& report);
+  // Starts "PROGRAM -d" between `from` and the descriptor returned.
+  int startReading(const std::string& program, int from, Report& report);
+  bool isRunning() const { return m_pid > 0; }
+  // Waits for its end, once the descriptor is closed. False, and named, unless its status was 0; with
+  // `mayBreakOff` it may also have been ended by a pipe that nobody read to its end.
+  bool finish(bool mayBreakOff, Report& report);
+
+ private:
+  int start(std::vector<std::string> words, int other, bool writes, Report& report);
+
+  std::string m_program;
+  pid_t m_pid = -1;
+};
+
+}  // namespace mvtar

@@ -1,0 +1,14 @@
+// What mvtar says of itself.
+#pragma once
+
+#include <string>
+
+namespace mvtar {
+
+// "": the calls, and the options of every day, on one screen of 80 columns and 24 lines. "all": every option.
+// "options": the table of options for programs, tab-separated: letter, long name, "=" for a value or "[=]"
+// for one that may be left out, what the value is called, the sentence of help. A name without a letter,
+// value or sentence has nothing there.
+std::string helpText(const std::string& topic);
+
+}  // namespace mvtar

@@ -1,0 +1,125 @@
+// Written by hand, since an object of a dozen fields needs no library; what needs care is text that is no
+// text.
+#include "cli/JsonLine.h"
+
+#include <cstdio>
+#include <string_view>
+
+#include "runtime/progress/TarMemberInfo.h"
+
+namespace mvtar {
+
+namespace {
+
+// How many bytes a character of UTF-8 has that begins here; 0 for bytes that are none (RFC 3629: no longer
+// form than needed, no surrogates, nothing above U+10FFFF).
+size_t utf8Length(std::string_view text) {
+  const auto byte = [&](size_t i) { return i < text.size() ? static_cast<unsigned char>(text[i]) : 0u; };
+  const auto follows = [&](size_t i) { return (byte(i) & 0xC0) == 0x80; };
+  const unsigned first = byte(0), second = byte(1);
+  if (first < 0x80) return 1;
+  if (first >= 0xC2 && first <= 0xDF) return follows(1) ? 2 : 0;
+  const bool isThree = (first == 0xE0 && second >= 0xA0) || (first == 0xED && second <= 0x9F) ||
+                       (first >= 0xE1 && first <= 0xEF && first != 0xED);
+  if (isThree) return follows(1) && follows(2) ? 3 : 0;
+  const bool isFour = (first == 0xF0 && second >= 0x90) || (first == 0xF4 && second <= 0x8F) ||
+                      (first >= 0xF1 && first <= 0xF3);
+  return isFour && follows(1) && follows(2) && follows(3) ? 4 : 0;
+}
+
+void appendEscape(unsigned code, std::string& json) {
+  char escape[8];
+  std::snprintf(escape, sizeof escape, "\\u%04x", code & 0xFFFF);
+  json += escape;
+}
+
+void appendText(std::string_view text, std::string& json) {
+  json += '"';
+  while (!text.empty()) {
+    const auto byte = static_cast<unsigned char>(text[0]);
+    const size_t length = utf8Length(text);
+    if (length == 0) {
+      appendEscape(0xDC00u + byte, json);
+    } else if (byte == '"' || byte == '\\') {
+      json += '\\';
+      json += text[0];
+    } else if (byte < 0x20 || byte == 0x7F) {
+      appendEscape(byte, json);
+    } else {
+      json += text.substr(0, length);
+    }
+    text.remove_prefix(length == 0 ? 1 : length);
+  }
+  json += '"';
+}
+
+void appendField(const char* name, std::string_view text, std::string& json) {
+  json += std::string(", \"") + name + "\": ";
+  appendText(text, json);
+}
+
+void appendField(const char* name, long long number, std::string& json) {
+  json += std::string(", \"") + name + "\": " + std::to_string(number);
+}
+
+std::string typeName(const morvane::TarMemberInfo& member) {
+  if (member.isDirectory) return "directory";
+  switch (member.typeFlag) {
+    case '\0':
+    case '0':
+    case '7':
+    case 'S':
+      return "file";
+    case '1':
+      return "hardlink";
+    case '2':
+      return "symlink";
+    case '3':
+      return "chardev";
+    case '4':
+      return "blockdev";
+    case '6':
+      return "fifo";
+    default:
+      return std::string(1, member.typeFlag);
+  }
+}
+
+}  // namespace
+
+// A time before 1970 counts back to its second and on from there by its fraction; as one number that is less
+// than the seconds say.
+std::string jsonLine(const morvane::TarMemberInfo& member) {
+  std::string json = "{\"path\": ";
+  appendText(member.path, json);
+  appendField("type", typeName(member), json);
+  char mode[16];
+  std::snprintf(mode, sizeof mode, "%04o", member.mode);
+  appendField("mode", mode, json);
+  appendField("uid", member.uid, json);
+  appendField("gid", member.gid, json);
+  appendField("user", member.userName, json);
+  appendField("group", member.groupName, json);
+  appendField("size", member.isDirectory ? 0 : member.realSize, json);
+  long long seconds = member.mtime;
+  unsigned nanoseconds = member.mtimeNanoseconds;
+  const bool isNegative = seconds < 0 && nanoseconds > 0;
+  if (isNegative) {
+    ++seconds;
+    nanoseconds = 1000000000 - nanoseconds;
+  }
+  json += std::string(", \"mtime\": ") + (isNegative && seconds == 0 ? "-" : "") + std::to_string(seconds);
+  if (nanoseconds > 0) {
+    char fraction[16];
+    std::snprintf(fraction, sizeof fraction, ".%09u", nanoseconds);
+    json += fraction;
+  }
+  if (member.typeFlag == '1' || member.typeFlag == '2') appendField("link", member.linkPath, json);
+  if (member.typeFlag == '3' || member.typeFlag == '4') {
+    json += ", \"device\": [" + std::to_string(member.deviceMajor) + ", " +
+            std::to_string(member.deviceMinor) + "]";
+  }
+  return json + "}\n";
+}
+
+}  // namespace mvtar

@@ -1,0 +1,75 @@
+// The component lets hard links follow the new name of what they lead to, so that only the flag "H" of
+// --transform needs anything done about them.
+#include "cli/MemberChanges.h"
+
+#include "cli/Dates.h"
+#include "runtime/progress/TarMember.h"
+
+namespace mvtar {
+
+namespace {
+
+using Of = NameTransform::Of;
+
+constexpr char kHardLink = '1', kSymbolicLink = '2', kDirectory = '5';
+
+// Without the first `count` parts; empty when there are no more. Slashes in front are no part.
+std::string withoutParts(const std::string& path, unsigned count) {
+  size_t at = path.find_first_not_of('/');
+  for (; count > 0 && at != std::string::npos; --count) {
+    at = path.find('/', at);
+    if (at != std::string::npos) at = path.find_first_not_of('/', at);
+  }
+  return at == std::string::npos ? std::string() : path.substr(at);
+}
+
+void give(const std::optional<GivenOwner>& owner, unsigned& id, std::string& name) {
+  if (!owner) return;
+  id = owner->id;
+  name = owner->name;
+}
+
+}  // namespace
+
+void MemberChanges::changeLink(morvane::TarMember& member) const {
+  if (member.typeFlag == kSymbolicLink) member.linkPath = transform.apply(member.linkPath, Of::SymbolicLink);
+}
+
+void MemberChanges::applyWriting(morvane::TarMember& member) {
+  if (!transform.isEmpty()) {
+    const std::string before = member.path;
+    member.path = transform.apply(member.path, Of::Name);
+    changeLink(member);
+    if (!transform.concerns(Of::HardLink)) {
+      if (member.typeFlag != kHardLink) {
+        m_before[member.path] = before;
+      } else if (const auto found = m_before.find(member.linkPath); found != m_before.end()) {
+        member.linkPath = found->second;
+      }
+    }
+  }
+  give(owner, member.uid, member.userName);
+  give(group, member.gid, member.groupName);
+  if (mode) member.mode = mode->apply(member.mode, member.typeFlag == kDirectory);
+  if (!mtime) return;
+  const timespec own{static_cast<time_t>(member.mtime), static_cast<long>(member.mtimeNanoseconds)};
+  if (clampsTime && !isEarlier(*mtime, own)) return;
+  member.mtime = mtime->tv_sec;
+  member.mtimeNanoseconds = static_cast<unsigned>(mtime->tv_nsec);
+}
+
+// A target that is to keep its name is given in other words for the same path, because one that is the same
+// as before follows the renaming.
+void MemberChanges::applyReading(morvane::TarMember& member) const {
+  if (!transform.isEmpty()) {
+    member.path = transform.apply(member.path, Of::Name);
+    changeLink(member);
+    if (member.typeFlag == kHardLink && !transform.concerns(Of::HardLink))
+      member.linkPath = "./" + member.linkPath;
+  }
+  if (stripComponents == 0) return;
+  member.path = withoutParts(member.path, stripComponents);
+  member.skip = member.skip || member.path.empty();
+}
+
+}  // namespace mvtar

@@ -1,0 +1,104 @@
+// POSIX chmod's language, over numbers alone.
+#include "cli/ModeChange.h"
+
+#include <sys/stat.h>
+
+namespace mvtar {
+
+namespace {
+
+constexpr unsigned kAll = 07777, kUser = 04700, kGroup = 02070, kOther = 00007, kSticky = 01000;
+
+// Null: none of "ugo". The mask of the class's three bits alone.
+unsigned digitOf(char letter) {
+  return letter == 'u' ? 0700u : letter == 'g' ? 0070u : letter == 'o' ? 0007u : 0u;
+}
+
+}  // namespace
+
+std::optional<ModeChange> ModeChange::parse(const std::string& text) {
+  ModeChange change;
+  if (text.empty()) return std::nullopt;
+  if (text.find_first_not_of("01234567") == std::string::npos) {
+    if (text.find_first_not_of('0') != std::string::npos && text.size() - text.find_first_not_of('0') > 4) {
+      return std::nullopt;
+    }
+    Step step;
+    step.bits = static_cast<unsigned>(std::stoul(text, nullptr, 8));
+    change.m_steps.push_back(step);
+    return change;
+  }
+  // There is no way to ask for the umask without setting it; nothing else runs meanwhile.
+  change.m_umask = umask(0);
+  umask(static_cast<mode_t>(change.m_umask));
+  for (size_t start = 0; start <= text.size();) {
+    const size_t end = std::min(text.find(',', start), text.size());
+    if (!parseClause(text.substr(start, end - start), change.m_steps)) return std::nullopt;
+    start = end + 1;
+  }
+  return change;
+}
+
+bool ModeChange::parseClause(const std::string& clause, std::vector<Step>& steps) {
+  size_t at = 0;
+  unsigned who = 0;
+  for (; at < clause.size() && clause.find_first_of("ugoa", at) == at; ++at) {
+    who |= clause[at] == 'u' ? kUser : clause[at] == 'g' ? kGroup : clause[at] == 'o' ? kOther : kAll;
+  }
+  if (at == clause.size()) return false;
+  while (at < clause.size()) {
+    Step step;
+    step.who = who == 0 ? kAll : who;
+    step.isMasked = who == 0;
+    step.action = clause[at++];
+    if (step.action != '+' && step.action != '-' && step.action != '=') return false;
+    if (at < clause.size() && digitOf(clause[at]) != 0) {
+      step.from = digitOf(clause[at++]);
+    } else {
+      for (; at < clause.size() && clause.find_first_of("rwxXst", at) == at; ++at) {
+        switch (clause[at]) {
+          case 'r':
+            step.bits |= 0444;
+            break;
+          case 'w':
+            step.bits |= 0222;
+            break;
+          case 'x':
+            step.bits |= 0111;
+            break;
+          case 'X':
+            step.runsIfRun = true;
+            break;
+          case 's':
+            step.bits |= 06000;
+            break;
+          default:
+            step.bits |= kSticky;
+            break;
+        }
+      }
+    }
+    steps.push_back(step);
+  }
+  return true;
+}
+
+// "t" belongs to nobody: it is changed whoever is named, as chmod does it for "a" and for nobody named.
+unsigned ModeChange::apply(unsigned mode, bool isDirectory) const {
+  for (const Step& step : m_steps) {
+    unsigned bits = step.bits;
+    if (step.runsIfRun && (isDirectory || (mode & 0111) != 0)) bits |= 0111;
+    if (step.from != 0) {
+      const unsigned digit = (mode & step.from) / (step.from / 7);
+      bits = digit * 0111;
+    }
+    unsigned who = step.who;
+    if (step.isMasked && step.action != '=') who &= ~m_umask;
+    const unsigned affected = step.isMasked && step.action == '=' ? kAll & ~m_umask : who;
+    bits &= affected;
+    mode = step.action == '+' ? mode | bits : step.action == '-' ? mode & ~bits : (mode & ~step.who) | bits;
+  }
+  return mode & kAll;
+}
+
+}  // namespace mvtar

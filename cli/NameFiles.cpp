@@ -1,0 +1,66 @@
+// Lists are read whole before the work begins, because a list that cannot be read must not leave half an
+// archive behind.
+#include "cli/NameFiles.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "cli/Interrupt.h"
+
+namespace mvtar {
+
+namespace {
+
+// The whole file. False, and named, when it cannot be read.
+bool readWhole(const std::string& file, std::string& text, Report& report) {
+  const bool isStandardInput = file == "-";
+  const int fd = isStandardInput ? STDIN_FILENO : open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
+  ssize_t got = fd < 0 ? -1 : 1;
+  while (got > 0) {
+    char piece[64 * 1024];
+    got = read(fd, piece, sizeof piece);
+    if (got > 0) text.append(piece, static_cast<size_t>(got));
+    if (got < 0 && errno == EINTR && !isInterrupted()) got = 1;
+  }
+  if (got < 0) report.problem(isStandardInput ? "standard input" : file, std::strerror(errno));
+  if (fd > STDIN_FILENO) close(fd);
+  return got == 0;
+}
+
+// Calls `take` with each name that is not empty. The last one needs no end.
+template <class Take>
+bool eachName(const std::string& file, char end, Report& report, Take take) {
+  std::string text;
+  if (!readWhole(file, text, report)) return false;
+  for (size_t start = 0; start < text.size();) {
+    const size_t stop = std::min(text.find(end, start), text.size());
+    if (stop > start) take(text.substr(start, stop - start));
+    start = stop + 1;
+  }
+  return true;
+}
+
+}  // namespace
+
+bool readNameFiles(CommandLine& line, Report& report) {
+  std::vector<Operand> all;
+  size_t taken = 0;
+  for (const NameFile& each : line.nameFiles) {
+    for (; taken < each.before; ++taken) all.push_back(line.operands[taken]);
+    const auto add = [&](std::string name) { all.push_back({each.dir, std::move(name)}); };
+    if (!eachName(each.file, each.endsAtNul ? '\0' : '\n', report, add)) return false;
+  }
+  all.insert(all.end(), line.operands.begin() + static_cast<std::ptrdiff_t>(taken), line.operands.end());
+  line.operands = std::move(all);
+  for (const std::string& file : line.excludeFiles) {
+    if (!eachName(file, '\n', report,
+                  [&](std::string pattern) { line.excludes.push_back(std::move(pattern)); }))
+      return false;
+  }
+  return true;
+}
+
+}  // namespace mvtar

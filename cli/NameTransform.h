@@ -1,0 +1,51 @@
+// --transform: names changed by sed's substitutions.
+#pragma once
+
+#include <regex.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace mvtar {
+
+// "s/RE/TO/FLAGS", several joined by ";"; any character may stand in place of the slash. RE is a POSIX basic
+// regular expression, an extended one with the flag "x". In TO, "&" and "\0" are what matched, "\1" to "\9"
+// its groups, and "\L", "\U", "\l", "\u", "\E" change the case of what follows (letters of ASCII). Flags: "g"
+// every match, a number that match and with "g" those behind it, "i" either case; "R", "S", "H" leave member
+// names, texts of symbolic links or targets of hard links out, "r", "s", "h" take them in again.
+class NameTransform {
+ public:
+  // What a text is.
+  enum class Of { Name, SymbolicLink, HardLink };
+
+  // Adds expressions behind those that are there. False, and `error` says why, for what makes no sense.
+  bool add(const std::string& expressions, std::string& error);
+  bool isEmpty() const { return m_steps.empty(); }
+  // Whether any expression would be applied to such a text.
+  bool concerns(Of what) const;
+  // Every expression in its turn.
+  std::string apply(std::string text, Of what) const;
+
+ private:
+  struct FreeRegex {
+    void operator()(regex_t* regex) const;
+  };
+  struct Step {
+    std::unique_ptr<regex_t, FreeRegex> regex;
+    std::string to;
+    bool all = false;
+    unsigned first = 1;  // the match it begins with
+    bool of[3] = {true, true, true};
+  };
+
+  bool addOne(const std::string& expressions, size_t& at, std::string& error);
+  static bool takeFlag(char flag, Step& step, int& regexFlags);
+  static std::string substitute(const Step& step, const std::string& text);
+  static void appendReplacement(const std::string& to, const char* subject, const regmatch_t* groups,
+                                std::string& result);
+
+  std::vector<Step> m_steps;
+};
+
+}  // namespace mvtar

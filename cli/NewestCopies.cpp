@@ -1,0 +1,49 @@
+// A walk over the archive before it is appended to. It is read twice then, because what is in it decides what
+// is put behind it.
+#include "cli/NewestCopies.h"
+
+#include <unistd.h>
+
+#include "cli/Dates.h"
+#include "cli/Interrupt.h"
+#include "cli/ReadArchive.h"
+#include "runtime/progress/TarMemberInfo.h"
+
+namespace mvtar {
+
+namespace {
+
+// Names as new members would have them: without a slash at the end.
+class CopiesEvent : public morvane::ProgressEvent {
+ public:
+  explicit CopiesEvent(NewestCopies& newest) : m_newest(newest) {}
+  void onAbortCheck(bool& abort) override { abort = isInterrupted(); }
+  void onTarHeader(const morvane::TarMemberInfo& member) override {
+    std::string name = member.path;
+    while (name.size() > 1 && name.back() == '/') name.pop_back();
+    const timespec time{static_cast<time_t>(member.mtime), static_cast<long>(member.mtimeNanoseconds)};
+    const auto [found, isNew] = m_newest.emplace(std::move(name), time);
+    if (!isNew && isEarlier(found->second, time)) found->second = time;
+  }
+
+ private:
+  NewestCopies& m_newest;
+};
+
+}  // namespace
+
+// An archive that is no plain one is left to the append, which refuses it in words of its own.
+bool findNewestCopies(const CommandLine& line, NewestCopies& newest, Report& report) {
+  if (access(line.archive.c_str(), F_OK) != 0) return true;
+  ReadJob job(line, true);
+  if (!job.archive.open(line, report)) return false;
+  if (!job.archive.isPlain()) return true;
+  morvane::XString path(line.archive);
+  job.tar.put_UncommonOptions(line.readingWords().c_str());
+  CopiesEvent event(newest);
+  if (job.archive.source().sizeIfKnown() == 0 || job.tar.VerifyTar(job.archive.source(), &event)) return true;
+  report.failure(job.tar, line.archive);
+  return false;
+}
+
+}  // namespace mvtar

@@ -1,0 +1,29 @@
+// Every option of mvtar, one row each: what the parser, the help, the completions and the tests go by.
+#pragma once
+
+#include <cstddef>
+
+namespace mvtar {
+
+class OptionValues;
+
+// Where the help lists an option, in this order.
+enum class OptionGroup { Mode, Archive, Compression, Which, Names, Kept, Existing, Shown, Component };
+
+struct Option {
+  char letter;       // '\0': none
+  const char* name;  // the long one
+  enum class Takes { Nothing, Value, MayTakeValue } takes;
+  // What the value is called in the help; null: none. "a|b" are the values there are; "DIR" and words that
+  // end in "FILE" or "ARCHIVE" are paths, to be completed as such.
+  const char* value;
+  OptionGroup group;
+  const char* help;  // one sentence without an end; null: the same as the row before
+  // Does it. False for a value that makes no sense, which has been told.
+  bool (*apply)(OptionValues& values, const char* value);
+};
+
+extern const Option kOptions[];
+extern const size_t kOptionCount;
+
+}  // namespace mvtar

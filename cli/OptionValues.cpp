@@ -1,0 +1,313 @@
+// Checks of values, and of options that contradict each other. Whatever is wrong is found before an archive
+// is touched, and told in one line.
+#include "cli/OptionValues.h"
+
+#include <grp.h>
+#include <pwd.h>
+#include <unistd.h>
+
+#include <charconv>
+#include <cstdlib>
+
+#include "cli/Dates.h"
+#include "runtime/text/XString.h"
+#include "tar/settings/TarOptions.h"
+
+namespace mvtar {
+
+namespace {
+
+constexpr char kModes[] = "-c, -x, -t, -d, -r, -u, --verify, --deb";
+
+// All of the text must be digits.
+template <class Number>
+bool parseNumber(const std::string& text, Number& value) {
+  const char* const end = text.data() + text.size();
+  const auto result = std::from_chars(text.data(), end, value);
+  return result.ec == std::errc() && result.ptr == end;
+}
+
+// The bar goes to standard error, whatever standard output is.
+ProgressBar::When onTerminal() {
+  return isatty(STDERR_FILENO) ? ProgressBar::When::AfterOneSecond : ProgressBar::When::Never;
+}
+
+// What promises something that nobody here writes; a plain archive under such a name would fool its reader.
+bool promisesForeign(const std::string& name) {
+  for (const char* const suffix :
+       {".Z", ".taZ", ".taz", ".zip", ".7z", ".lz4", ".rar", ".lz", ".tlz", ".lzo", ".lzma"}) {
+    const std::string_view end = suffix;
+    if (name.size() > end.size() && name.compare(name.size() - end.size(), end.size(), end) == 0) return true;
+  }
+  return false;
+}
+
+// "NAME", "NAME:ID", "ID" or "+ID". A name without a number is looked up, by `find`, since a header has both.
+template <class Find>
+bool parseOwner(const std::string& text, Find find, GivenOwner& owner) {
+  const size_t colon = text.rfind(':');
+  if (colon != std::string::npos) {
+    owner.name = text.substr(0, colon);
+    return parseNumber(text.substr(colon + 1), owner.id);
+  }
+  if (text.empty()) return false;
+  if (text[0] == '+') return parseNumber(text.substr(1), owner.id);
+  if (find(text.c_str(), owner.id)) {
+    owner.name = text;
+    return true;
+  }
+  return parseNumber(text, owner.id);
+}
+
+}  // namespace
+
+OptionValues::OptionValues(CommandLine& line, std::string& error) : m_line(line), m_error(error) {
+  m_line.progress = onTerminal();
+}
+
+bool OptionValues::wrong(const std::string& what) {
+  m_error = what;
+  return false;
+}
+
+bool OptionValues::setMode(Mode mode) {
+  if (m_line.mode == Mode::Help || m_line.mode == Mode::Version) return true;
+  if (m_line.mode != Mode::None && m_line.mode != mode) return wrong(std::string("only one of ") + kModes);
+  m_line.mode = mode;
+  return true;
+}
+
+bool OptionValues::setHelp(const char* topic) {
+  m_line.helpTopic = topic ? topic : "";
+  if (!m_line.helpTopic.empty() && m_line.helpTopic != "all" && m_line.helpTopic != "options")
+    return wrong("unknown value '" + m_line.helpTopic + "' for --help");
+  m_line.mode = Mode::Help;
+  return true;
+}
+
+bool OptionValues::setArchive(const std::string& path) {
+  if (path.empty()) return wrong("option '-f' needs the name of an archive");
+  m_line.archive = path;
+  return m_line.archiveIsGiven = true;
+}
+
+// Each -C counts from the one before.
+bool OptionValues::enterDirectory(const std::string& dir) {
+  if (dir.empty()) return wrong("option '-C' needs a directory");
+  const bool absolute = dir[0] == '/' || m_line.targetDir.empty();
+  m_line.targetDir = absolute ? dir : m_line.targetDir + "/" + dir;
+  return true;
+}
+
+void OptionValues::addNameFile(const std::string& file) {
+  m_line.nameFiles.push_back({file, m_line.targetDir, m_endsAtNul, m_line.operands.size()});
+}
+
+bool OptionValues::setNulNames(bool nul) {
+  m_endsAtNul = nul;
+  return true;
+}
+
+// "posix" is what GNU tar calls pax. Case counts here, unlike in the component: a typo should not become
+// gnu.
+bool OptionValues::setFormat(const std::string& format) {
+  const bool isPosix = format == "posix";
+  if (format != "gnu" && format != "ustar" && format != "pax" && !isPosix)
+    return wrong("unknown format '" + format + "'");
+  m_line.format = isPosix ? "pax" : format;
+  return true;
+}
+
+bool OptionValues::setCompression(morvane::Compression compression) {
+  m_twoCompressions |= !m_line.filterProgram.empty();
+  m_twoCompressions |= m_line.compression && *m_line.compression != compression;
+  m_line.compression = compression;
+  return true;
+}
+
+bool OptionValues::setFilter(const std::string& program) {
+  if (program.find_first_not_of(" \t") == std::string::npos) return wrong("option '-I' needs a program");
+  m_twoCompressions |= m_line.compression.has_value();
+  m_line.filterProgram = program;
+  return true;
+}
+
+bool OptionValues::setLevel(const std::string& level) {
+  int number = 0;
+  if (!parseNumber(level, number)) return wrong("'" + level + "' is no level");
+  return addOptions("Level=" + level);
+}
+
+bool OptionValues::setThreads(const std::string& count) {
+  int number = 0;
+  if (!parseNumber(count, number) || number < 0) return wrong("'" + count + "' is no number of threads");
+  return addOptions("Threads=" + count);
+}
+
+// Asked of the converter itself, with no text to convert, because iconv alone knows its names.
+bool OptionValues::setCharset(const std::string& name) {
+  if (name.empty() || !morvane::XString().appendFromEncoding("", name.c_str()))
+    return wrong("unknown character set '" + name + "'");
+  m_line.charset = name;
+  return true;
+}
+
+bool OptionValues::number(const std::string& text, int& value, const char* ofWhat) {
+  if (parseNumber(text, value) && value >= 0) return true;
+  return wrong("'" + text + "' is no number of " + ofWhat);
+}
+
+// 0 is no limit.
+bool OptionValues::setMaxCount(const std::string& text) { return number(text, m_line.maxCount, "members"); }
+
+bool OptionValues::setStripComponents(const std::string& text) {
+  int count = 0;
+  if (!number(text, count, "components")) return false;
+  m_line.changes.stripComponents = static_cast<unsigned>(count);
+  return true;
+}
+
+bool OptionValues::setNewer(const std::string& when, bool byData) {
+  m_line.newerThan = parseDateOrFile(when);
+  m_line.newerByData = byData;
+  return m_line.newerThan ? true : wrong("'" + when + "' is neither a date nor a file");
+}
+
+bool OptionValues::addTransform(const std::string& expressions) {
+  std::string error;
+  return m_line.changes.transform.add(expressions, error) || wrong("--transform: " + error);
+}
+
+bool OptionValues::setOwner(const std::string& text) {
+  const auto find = [](const char* name, unsigned& id) {
+    const passwd* const user = getpwnam(name);
+    if (user) id = user->pw_uid;
+    return user != nullptr;
+  };
+  m_line.changes.owner.emplace();
+  return parseOwner(text, find, *m_line.changes.owner) || wrong("unknown owner '" + text + "'");
+}
+
+bool OptionValues::setGroup(const std::string& text) {
+  const auto find = [](const char* name, unsigned& id) {
+    const struct group* const found = getgrnam(name);
+    if (found) id = found->gr_gid;
+    return found != nullptr;
+  };
+  m_line.changes.group.emplace();
+  return parseOwner(text, find, *m_line.changes.group) || wrong("unknown group '" + text + "'");
+}
+
+bool OptionValues::setModeChange(const std::string& text) {
+  m_line.changes.mode = ModeChange::parse(text);
+  return m_line.changes.mode ? true : wrong("'" + text + "' is no mode");
+}
+
+bool OptionValues::setTime(const std::string& when) {
+  m_line.changes.mtime = parseDateOrFile(when);
+  return m_line.changes.mtime ? true : wrong("'" + when + "' is neither a date nor a file");
+}
+
+// The component's walk is in the order of names, which is as good as any where none is asked for.
+bool OptionValues::setSort(const std::string& order) {
+  return order == "name" || order == "none" || wrong("unknown value '" + order + "' for --sort");
+}
+
+// SOURCE_DATE_EPOCH is what builders set for this (reproducible-builds.org); the epoch without it.
+bool OptionValues::setReproducible(const char* seconds) {
+  const char* const environment = std::getenv("SOURCE_DATE_EPOCH");
+  const std::string text = seconds ? seconds : environment ? environment : "0";
+  long long value = 0;
+  if (!parseNumber(text, value) || value < 0) return wrong("'" + text + "' is no number of seconds");
+  m_line.keeping.reproducible = value;
+  return true;
+}
+
+// "auto" waits a second, so that short runs show no bar.
+bool OptionValues::setProgress(const std::string& when) {
+  if (when == "always")
+    m_line.progress = ProgressBar::When::Always;
+  else if (when == "never")
+    m_line.progress = ProgressBar::When::Never;
+  else if (when == "auto")
+    m_line.progress = onTerminal();
+  else
+    return wrong("unknown value '" + when + "' for --progress");
+  return true;
+}
+
+// The names that GNU tar knows.
+void OptionValues::addVersionControl() {
+  for (const char* const name :
+       {"CVS",        ".cvsignore",     "RCS",          "SCCS",    ".svn",       ".git",
+        ".gitignore", ".gitattributes", ".gitmodules",  ".bzr",    ".bzrignore", ".bzrtags",
+        ".hg",        ".hgignore",      ".hgtags",      ".hgrags", "_darcs",     ".arch-ids",
+        "{arch}",     "=RELEASE-ID",    "=meta-update", "=update"}) {
+    m_line.excludes.emplace_back(name);
+  }
+}
+
+bool OptionValues::addOptions(const std::string& words) {
+  // A comma in front, so that they can be put behind the command's own words as they are.
+  m_line.options += "," + words;
+  return true;
+}
+
+bool OptionValues::check() {
+  const Mode mode = m_line.mode;
+  if (mode == Mode::None) return wrong(std::string("one of ") + kModes + " is needed");
+  return checkArchive() && checkModes() && checkWords();
+}
+
+// Where the archive is, and what it is compressed with.
+bool OptionValues::checkArchive() {
+  const Mode mode = m_line.mode;
+  if (m_twoCompressions) return wrong("only one of -z, -j, -J, --zstd, -I");
+  if (mode == Mode::Create && m_compress) return wrong("compress format can be read but not written");
+  if (!m_line.archiveIsGiven && mode == Mode::Deb) return wrong("--deb needs option '-f'");
+  const bool changes = mode == Mode::Append || mode == Mode::Update;
+  if (changes && m_line.usesStandardStream()) return wrong("-r and -u need option '-f' and a file");
+  if (changes && (m_line.compression || m_compress || !m_line.filterProgram.empty()))
+    return wrong("a compressed archive cannot be appended to");
+  if (m_line.writes() && !m_line.compression && m_line.filterProgram.empty() &&
+      promisesForeign(m_line.archive))
+    return wrong("'" + m_line.archive + "' promises a compression that cannot be written");
+  if (changes && morvane::compressionBySuffix(m_line.archive) && access(m_line.archive.c_str(), F_OK) != 0)
+    return wrong("'" + m_line.archive +
+                 "' promises a compression; a compressed archive cannot be appended to");
+  return true;
+}
+
+// Options that some modes have no use for. One that would be passed over in silence is refused.
+bool OptionValues::checkModes() {
+  const Mode mode = m_line.mode;
+  const bool writes = m_line.writes();
+  const auto only = [&](bool used, bool fits, const char* message) {
+    return !used || fits || wrong(message);
+  };
+  if (writes && m_line.operands.empty() && m_line.nameFiles.empty())
+    return wrong("nothing to put into the archive");
+  if (mode == Mode::Deb && m_line.operands.size() != 2)
+    return wrong("--deb takes a control and a data tarball");
+  // Checking a part of it would pass for checking it all.
+  return only(mode == Mode::Verify && m_line.selects(), false, "--verify checks the whole archive") &&
+         only(!m_line.prefix.empty(), writes, "--prefix goes with -c") &&
+         only(m_line.stripPaths, !writes, "--strip-paths goes with -x") &&
+         only(m_line.toStdout, mode == Mode::Extract, "-O goes with -x") &&
+         only(m_line.removesFiles, writes, "--remove-files goes with -c") &&
+         only(m_line.existing != Existing::Replace, mode == Mode::Extract,
+              "-k, --skip-old-files and --keep-newer-files go with -x") &&
+         only(m_line.xml || m_line.json, mode == Mode::List,
+              m_line.xml ? "--xml goes with -t" : "--json goes with -t") &&
+         only(m_line.xml && m_line.json, false, "only one of --xml, --json");
+}
+
+// Whether words make sense may depend on those they stand beside.
+bool OptionValues::checkWords() {
+  std::vector<std::string> complaints;
+  morvane::parseTarOptions(m_line.writes() ? m_line.writingWords() + m_line.options : m_line.readingWords(),
+                           complaints);
+  return complaints.empty() || wrong("unknown word '" + complaints.front() + "' in --options");
+}
+
+}  // namespace mvtar

@@ -1,0 +1,90 @@
+// A directory is handed to the component twice: as a member, and as a tree of what is below it.
+#include "cli/Sources.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "cli/ArchiveName.h"
+#include "cli/Names.h"
+
+namespace mvtar {
+
+namespace {
+
+constexpr char kEscape = '\x1B';
+
+std::string withoutSlashes(std::string path) {
+  while (path.size() > 1 && path.back() == '/') path.pop_back();
+  return path;
+}
+
+}  // namespace
+
+void Sources::add() {
+  m_prefix = nameOf(m_line.prefix);
+  for (const Operand& operand : m_line.operands) addOperand(operand);
+}
+
+// Where nothing is behind a -C the local path is the given one. Else the operand that the source lies below
+// is looked for, from the source itself upwards.
+std::string Sources::givenPath(const std::string& localPath) const {
+  if (!m_anyElsewhere) return localPath;
+  for (size_t end = localPath.size(); end > 0; end = localPath.rfind('/', end - 1)) {
+    if (end == std::string::npos) break;
+    const auto found = m_given.find(localPath.substr(0, end));
+    if (found != m_given.end()) return found->second + localPath.substr(end);
+  }
+  return localPath;
+}
+
+// What a path is called in the archive. What is left off is said, once for as long as it is the same.
+std::string Sources::nameOf(const std::string& path) {
+  const ArchiveName stored = archiveNameOf(path, m_line.keepNames);
+  if (!stored.removed.empty() && stored.removed != m_lastRemoved) {
+    m_report.notice(path, "leading '" + shown(stored.removed) + "' is left off");
+    m_lastRemoved = stored.removed;
+  }
+  return stored.name;
+}
+
+// Looked at now for a message of the command's own, and because a directory is a member and a tree, while
+// anything else is a member alone. ESC is what the component separates stored paths with.
+void Sources::addOperand(const Operand& operand) {
+  const std::string local = operand.localPath();
+  struct stat status;
+  if (operand.path.empty() || lstat(local.c_str(), &status) != 0) {
+    m_report.problem(local, operand.path.empty() ? "an empty path" : std::strerror(errno));
+    return;
+  }
+  const std::string name = joinNames(m_prefix, nameOf(operand.path));
+  if (m_excluded.excludes(name) || m_excluded.excludes(operand.path)) return;
+  if (local.find(kEscape) != std::string::npos || name.find(kEscape) != std::string::npos) {
+    m_report.problem(operand.path, "a name with an escape character cannot be archived");
+    return;
+  }
+  // A slash at the end asks for what a link points at.
+  const bool throughLink =
+      S_ISLNK(status.st_mode) && (operand.path.back() == '/' || m_line.keeping.followsLinks);
+  if (throughLink && stat(local.c_str(), &status) != 0) {
+    m_report.problem(operand.path, std::strerror(errno));
+    return;
+  }
+  m_given[withoutSlashes(local)] = withoutSlashes(operand.path);
+  m_anyElsewhere |= !operand.dir.empty();
+  if (!S_ISDIR(status.st_mode)) {
+    addSingle(local, name);
+    return;
+  }
+  // "." has no name in the archive, and so is a tree alone.
+  if (!name.empty()) addSingle(local, name);
+  if (m_line.recurses && !m_tar.AddDirRoot2(name, local)) m_report.failure(m_tar, operand.path);
+}
+
+// Always with its name: AddFile would take the last part of the path.
+void Sources::addSingle(const std::string& local, const std::string& name) {
+  if (!m_tar.AddFile2(local, name)) m_report.failure(m_tar, local);
+}
+
+}  // namespace mvtar

@@ -1,0 +1,120 @@
+// mvtar -c, -r and -u: sources into an archive.
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <functional>
+#include <memory>
+
+#include "cli/ArchiveOutput.h"
+#include "cli/Commands.h"
+#include "cli/CreateEvent.h"
+#include "cli/FilterProcess.h"
+#include "cli/Interrupt.h"
+#include "cli/NewestCopies.h"
+#include "cli/ReadArchive.h"
+#include "cli/Sources.h"
+
+namespace mvtar {
+
+namespace {
+
+using morvane::ClsTar;
+using morvane::Compression;
+using morvane::OutputFile;
+using morvane::XString;
+
+// Writes to a path or an output, by the method for the compression.
+template <class Place>
+bool writeAs(Compression compression, ClsTar& tar, Place& place, morvane::ProgressEvent& event) {
+  switch (compression) {
+    case Compression::Gzip:
+      return tar.WriteTarGz(place, &event);
+    case Compression::Bzip2:
+      return tar.WriteTarBz2(place, &event);
+    case Compression::Zstd:
+      return tar.WriteTarZst(place, &event);
+    case Compression::Xz:
+      return tar.WriteTarXz(place, &event);
+    case Compression::None:
+    case Compression::Compress:  // is never asked for
+      break;
+  }
+  return tar.WriteTar(place, &event);
+}
+
+// Through a program, which writes into the archive's file or standard output. The archive is whole only if
+// both are: the program's status counts like a failed write.
+bool writeThroughProgram(ClsTar& tar, const CommandLine& line, morvane::ProgressEvent& event,
+                         Report& report) {
+  std::unique_ptr<OutputFile> file = archiveFile(line, report);
+  if (!file) return false;
+  FilterProcess program;
+  const int toProgram = program.startWriting(line.filterProgram, file->descriptor(), report);
+  if (toProgram < 0) return false;
+  std::unique_ptr<OutputFile> out(OutputFile::adopt(morvane::OsFile(toProgram), line.filterProgram.c_str()));
+  if (!out) throw std::bad_alloc();
+  const bool written = tar.WriteTar(*out, &event);
+  const bool closed = closeOutput(*out, line.filterProgram, report);
+  const bool ended = program.finish(false, report);
+  return closeOutput(*file, line.archive, report) && ended && closed && written;
+}
+
+// To a path, the component opens and closes the file; standard output is the command's to close, and the
+// result counts only behind that.
+bool write(ClsTar& tar, const CommandLine& line, morvane::ProgressEvent& event, Report& report) {
+  const XString path(line.archive);
+  if (line.mode != Mode::Create) return tar.AppendTar(path, &event);
+  if (!line.filterProgram.empty()) return writeThroughProgram(tar, line, event, report);
+  const Compression compression = line.compressionToWrite();
+  if (!line.usesStandardStream()) return writeAs(compression, tar, path, event);
+  const std::unique_ptr<OutputFile> out = standardOutput(report);
+  if (!out) return false;
+  const bool written = writeAs(compression, tar, *out, event);
+  return closeOutput(*out, kStandardOutput, report) && written;
+}
+
+// What became of the archive that an interrupt ended.
+const char* interruptedText(const CommandLine& line) {
+  return line.mode == Mode::Create ? "interrupted; the archive is incomplete"
+                                   : "interrupted; the archive is as it was";
+}
+
+}  // namespace
+
+// Options of the user come last, behind what the command asks for itself: the last of a word wins. A total is
+// counted for a bar that may be shown only. What the component counts as left out is no failure if it was not
+// wanted anyway. The last member is settled only if the run came to its end; one that broke off may be in it.
+int writeArchive(CommandLine& line) {
+  ProgressBar bar(line.progress);
+  // Standard output may be the archive: then messages keep off it.
+  Report report(bar, line.usesStandardStream());
+  if (!isNoTerminal(line, report)) return report.finish();
+  NewestCopies newest;
+  if (line.mode == Mode::Update && !findNewestCopies(line, newest, report)) return report.finish();
+  ClsTar tar;
+  Sources sources(line, report, tar);
+  sources.add();
+  tar.put_WriteFormat(line.formatToWrite());
+  tar.put_PercentScale(ProgressBar::kScale);
+  tar.put_UncommonOptions(
+      (line.writingWords() + (bar.mayBeShown() ? "" : ",NoTotal") + line.options).c_str());
+  CreateEvent event(report, bar, tar, line, sources, newest);
+  bool ok = write(tar, line, event, report);
+  const bool isClosed = ok || tar.get_OnlyLeftOut();
+  if (event.missedOnlyUnwanted() && tar.get_OnlyLeftOut()) ok = true;
+  bar.clear();
+  if (line.printLog) report.log(tar);
+  // Whatever the write returned: a signal explains it better than the reason that the component has.
+  if (isInterrupted()) {
+    report.notice(line.archive, interruptedText(line));
+    return interruptStatus();
+  }
+  if (cameToTheEnd(tar, ok)) event.settle();
+  if (!ok) report.failure(tar, line.archive);
+  if (isClosed) event.removals().removeAll(report);
+  if (line.totals) report.totals(event.members(), event.bytes());
+  return report.finish();
+}
+
+}  // namespace mvtar
