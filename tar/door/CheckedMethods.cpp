@@ -114,7 +114,7 @@ bool ClsTar::untarChecked(_mvDataSource& source, Compression expected, bool extr
     RatioLimit limited(sink, metered, m_options->maxRatio);
     CodecOptions options = m_options->codec;
     options.verifyGzip = options.gzipAllMembers = true;
-    const bool expanded = codecOf(*found).decode(metered, limited, options, io.monitor, m_log);
+    const bool expanded = codecOf(*found).decode(metered, limited, options, io);
     ok = stream.FinishStreamingUntar(io.monitor, m_log) && expanded;
     m_onlyLeftOut = expanded && stream.onlyLeftOut();
   }

@@ -5,6 +5,7 @@
 #include "runtime/codec/MorvaneBzip2.h"
 #include "runtime/codec/MorvaneLzw.h"
 #include "runtime/io/BufferedDataSource.h"
+#include "runtime/io/Io.h"
 #include "tar/door/ClsTarMethod.h"
 #include "tar/stream/RatioLimit.h"
 #include "tar/stream/StreamSink.h"
@@ -105,12 +106,13 @@ bool ClsTar::inflateTar(_mvDataSource& source, ProgressMonitor* pm, LogBase& log
   LogContextExitor context(log, "unTarGz");
   BufferedDataSource buffered(source);
   _mvDataSource& lending = source.canLend() ? source : buffered;
-  if (!readGzipHeader(lending, pm, log)) return false;
+  const Io io(log, pm);
+  if (!readGzipHeader(lending, io)) return false;
   beginFramedRun(log);
   StreamSink sink(*m_stream);
   MeteredSource metered(lending);
   RatioLimit limited(sink, metered, m_options->maxRatio);
-  if (!inflateGzipMembers(metered, limited, m_options->codec, pm, log)) {
+  if (!inflateGzipMembers(metered, limited, m_options->codec, io)) {
     log.LogError("unTarGz inflate failed (2)");
     return false;
   }

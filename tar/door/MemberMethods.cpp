@@ -1,6 +1,7 @@
 // ClsTar's extraction of one member, from an archive of any compression, into an output.
 #include "runtime/codec/Codec.h"
 #include "runtime/io/BufferedDataSource.h"
+#include "runtime/io/Io.h"
 #include "runtime/io/OutputFlush.h"
 #include "tar/door/ClsTarMethod.h"
 #include "tar/format/ArchiveContent.h"
@@ -71,7 +72,7 @@ bool ClsTar::memberToOutput(_mvDataSource& source, _mvOutput& out, ProgressEvent
     UntilMember sink(stream);
     MeteredSource metered(source);
     RatioLimit limited(sink, metered, m_options->maxRatio);
-    const bool ended = codecOf(*compression).decode(metered, limited, m_options->codec, pm, m_log);
+    const bool ended = codecOf(*compression).decode(metered, limited, m_options->codec, Io(m_log, pm));
     found = stream.memberIsComplete();
     // A stream that ended well without the member is no damage; the run's own failure is.
     if (!found && (!ended || !stream.FinishStreamingUntar(pm, m_log))) return false;

@@ -3,6 +3,7 @@
 
 #include "runtime/base/ScopeExit.h"
 #include "runtime/codec/GzipFormat.h"
+#include "runtime/io/Io.h"
 #include "runtime/io/OutputFlush.h"
 #include "tar/door/ClsTarMethod.h"
 #include "tar/format/TarNumber.h"
@@ -122,7 +123,7 @@ bool ClsTar::writeFramed(_mvOutput& out, Compression compression, const Io& io) 
   if (!m_archive->open(out, io)) return false;
   if (!writeAllMembers(out, io, anythingLost)) return false;
   if (compression == Compression::Gzip) m_log.LogDataInt64("originalDataSize", m_archive->m_uncompressedSize);
-  if (!m_archive->close(out, m_log)) return false;
+  if (!m_archive->close(out, io)) return false;
   const bool complete = flush.finish(m_log);
   m_onlyLeftOut = complete && anythingLost;
   return complete && !anythingLost;
@@ -131,13 +132,13 @@ bool ClsTar::writeFramed(_mvOutput& out, Compression compression, const Io& io) 
 // No file name is recorded, so the path is of no use.
 bool ClsTar::beginGzip(const XString&, _mvOutput& out, ProgressMonitor* pm, LogBase& log) {
   const StepGuard step(*this);
-  return step && writeGzipHeader(out, pm, log);
+  return step && writeGzipHeader(out, Io(log, pm));
 }
 
 // The size is modulo 2^32, as the trailer has it.
 bool ClsTar::endGzip(_mvOutput& out, unsigned int crc32, unsigned int size) {
   const StepGuard step(*this);
-  return step && writeGzipTrailer(out, crc32, size, m_log);
+  return step && writeGzipTrailer(out, crc32, size, Io(m_log));
 }
 
 // The step; -1 also where it is refused.
