@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "cli/InterruptEvent.h"
+#include "runtime/fs/OsFile.h"
 #include "runtime/log/LogCause.h"
 #include "runtime/progress/ProgressMonitor.h"
 

@@ -11,7 +11,9 @@
 
 #include "cli/InterruptEvent.h"
 #include "cli/StandardStreams.h"
+#include "runtime/fs/OsFile.h"
 #include "runtime/log/LogCause.h"
+#include "runtime/progress/ProgressMonitor.h"
 
 namespace mvtar {
 

@@ -14,6 +14,8 @@
 #include "cli/NewestCopies.h"
 #include "cli/ReadArchive.h"
 #include "cli/Sources.h"
+#include "runtime/fs/OsFile.h"
+#include "runtime/io/OutputFile.h"
 
 namespace mvtar {
 

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "runtime/codec/MorvaneLzw.h"
+#include "runtime/progress/ProgressMonitor.h"
 #include "runtime/text/CharsetDecoder.h"
 #include "tar/ClsTar.h"
 #include "tar/format/FullExtensions.h"

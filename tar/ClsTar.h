@@ -33,14 +33,10 @@
 #pragma once
 
 #include <memory>
-#include <string>
-#include <vector>
 
-#include "runtime/base/ExtPtrArray.h"
 #include "runtime/buffer/ClsBinData.h"
 #include "runtime/buffer/DataBuffer.h"
 #include "runtime/component/ClsBase.h"
-#include "runtime/fs/mvFileInfo.h"
 #include "runtime/io/OutputDataBuffer.h"
 #include "runtime/io/OutputFile.h"
 #include "runtime/io/_mvFileDataSource.h"
@@ -48,26 +44,18 @@
 #include "runtime/io/_mvOutput.h"
 #include "runtime/log/LogNull.h"
 #include "runtime/progress/ProgressEvent.h"
-#include "runtime/progress/ProgressMonitor.h"
+#include "runtime/progress/TarMember.h"
 #include "runtime/progress/TarMemberInfo.h"
-#include "runtime/text/ExtPtrArraySb.h"
 #include "runtime/text/StringBuffer.h"
 #include "runtime/text/XString.h"
-#include "tar/format/TarHeader.h"
-#include "tar/write/DirRoot.h"
 
 namespace morvane {
 
-enum class Compression;
-enum class MethodForm;
-template <class Settings>
-class LiveSettings;
-class StreamingUntar;
-struct ArchiveOutput;
-struct Io;
-struct ReadSettings;
-struct TarOptions;
-struct WriteSettings;
+class DirRoot;
+class MorvaneFileTime;
+class ProgressMonitor;
+class TarHeader;
+struct mvFileInfo;
 
 // An object keeps its properties and sources from one call to the next, and nothing else but the last listing
 // and the state of its streaming run. It cannot be copied, because it owns its engines. Everything that is
@@ -209,7 +197,7 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   // Whether the last method got to the end of its work and failed only because something was left out on the
   // way that the event was told of (a refused member, a source that could not be read), or because the one
   // member that was wanted is not in the archive. False before the first method, and behind a success.
-  bool get_OnlyLeftOut() const { return m_onlyLeftOut; }
+  bool get_OnlyLeftOut() const;
 
   // ---- Debian packages
 
@@ -223,46 +211,46 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
 
   // Reading calls list the members they pass in XmlListing (docs/xml-listing.md); default false. Not the
   // first match, one member, or ListXml, which has its own.
-  bool get_CaptureXmlListing() const { return m_captureXmlListing; }
-  void put_CaptureXmlListing(bool capture) { set(m_captureXmlListing, capture); }
+  bool get_CaptureXmlListing() const;
+  void put_CaptureXmlListing(bool capture);
   // Reading goes through an archive without writing members out. Default false. Taken when Untar begins, at
   // each header when streaming.
-  bool get_SuppressOutput() const { return m_suppressOutput; }
-  void put_SuppressOutput(bool suppress) { set(m_suppressOutput, suppress); }
+  bool get_SuppressOutput() const;
+  void put_SuppressOutput(bool suppress);
   // Leading slashes of members' paths are removed (default true). Back slashes count as slashes. It does not
   // keep ".." parts or links from leading out: that is Confine (docs/options.md).
-  bool get_NoAbsolutePaths() const { return m_noAbsolutePaths; }
-  void put_NoAbsolutePaths(bool none) { set(m_noAbsolutePaths, none); }
+  bool get_NoAbsolutePaths() const;
+  void put_NoAbsolutePaths(bool none);
   // Every member is extracted straight into UntarFromDir, under the last part of its path. Default false. A
   // later member of the same last part replaces the earlier one.
-  bool get_UntarDiscardPaths() const { return m_untarDiscardPaths; }
-  void put_UntarDiscardPaths(bool discard) { set(m_untarDiscardPaths, discard); }
+  bool get_UntarDiscardPaths() const;
+  void put_UntarDiscardPaths(bool discard);
   // More lines per member in the log. Default false.
-  bool get_UntarDebugLog() const { return m_untarDebugLog; }
-  void put_UntarDebugLog(bool debug) { set(m_untarDebugLog, debug); }
+  bool get_UntarDebugLog() const;
+  void put_UntarDebugLog(bool debug);
   // Whether the patterns regard case: one setting under two names. Default false: letters that differ in case
   // alone are then alike, beyond ASCII too.
-  bool get_UntarCaseSensitive() const { return m_matchCaseSensitive; }
-  void put_UntarCaseSensitive(bool sensitive) { set(m_matchCaseSensitive, sensitive); }
-  bool get_MatchCaseSensitive() const { return get_UntarCaseSensitive(); }
-  void put_MatchCaseSensitive(bool sensitive) { set(m_matchCaseSensitive, sensitive); }
+  bool get_UntarCaseSensitive() const;
+  void put_UntarCaseSensitive(bool sensitive);
+  bool get_MatchCaseSensitive() const;
+  void put_MatchCaseSensitive(bool sensitive);
   // Untar and UntarFromMemory stop after this many members; 0 is no limit. Default 0. Reaching it is a
   // success. A negative count stops behind the first member.
-  int get_UntarMaxCount() const { return m_untarMaxCount; }
-  void put_UntarMaxCount(int count) { set(m_untarMaxCount, count); }
+  int get_UntarMaxCount() const;
+  void put_UntarMaxCount(int count);
   // What headers of written archives say. Modes are permission bits: 0755, 0644 and 0755 by default, ids
   // 1000. Of a number that has more digits than its field (7 octal ones) the low ones are stored. With
   // Store=mode or Store=owner the files' own go before these.
-  int get_GroupId() const { return m_groupId; }
-  void put_GroupId(int id) { set(m_groupId, id); }
-  int get_UserId() const { return m_userId; }
-  void put_UserId(int id) { set(m_userId, id); }
-  int get_DirMode() const { return m_dirMode; }
-  void put_DirMode(int mode) { set(m_dirMode, mode); }
-  int get_FileMode() const { return m_fileMode; }
-  void put_FileMode(int mode) { set(m_fileMode, mode); }
-  int get_ScriptFileMode() const { return m_scriptFileMode; }  // of *.sh, *.csh, *.bash, *.bsh
-  void put_ScriptFileMode(int mode) { set(m_scriptFileMode, mode); }
+  int get_GroupId() const;
+  void put_GroupId(int id);
+  int get_UserId() const;
+  void put_UserId(int id);
+  int get_DirMode() const;
+  void put_DirMode(int mode);
+  int get_FileMode() const;
+  void put_FileMode(int mode);
+  int get_ScriptFileMode() const;  // of *.sh, *.csh, *.bash, *.bsh
+  void put_ScriptFileMode(int mode);
 
   // "gnu" (default), "pax" or "ustar". Case and blanks around it do not matter, "posix" means pax, "star"
   // ustar, and any other word gnu. What is read back is one of the three.
@@ -385,110 +373,9 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   static void combineHeaderLongFilename(TarHeader& following, TarHeader& staged);
 
  private:
-  // Runs a public method in its frame (tar/ClsTarMethod.h).
-  template <class Result, class Work>
-  Result method(const char* name, MethodForm form, Result failure, Work work);
-  // UncommonOptions are parsed when they were set since the last call. False, with the words in the log,
-  // while any is unusable.
-  [[nodiscard]] bool takeOptions(LogBase& log);
-  // Properties are set without the lock; the count of changes tells a run that goes on.
-  template <class Value>
-  void set(RelaxedAtomic<Value>& member, Value value) {
-    member = value;
-    changed();
-  }
-  void getString(const XString& member, XString& out);
-  void lookUpUser() const;
-  ReadSettings readSettings() const;
-  WriteSettings writeSettings() const;
-  LiveSettings<ReadSettings> liveReadSettings() const;
-  LiveSettings<ReadSettings> liveMemberSettings() const;
-  LiveSettings<ReadSettings> liveCheckedSettings(bool extract) const;
-  LiveSettings<WriteSettings> liveWriteSettings() const;
-  bool addDirRoot(const XString* pathPrefix, const XString& dirPath);
-  bool addEntry(const std::string& entry);
-
-  // What writing methods have in common, behind their doors.
-  struct ArchivePlace;
-  bool writeMethod(const char* name, Compression compression, const ArchivePlace& place,
-                   ProgressEvent* progress);
-  void sayWhenUserIsUnknown(ProgressEvent* progress);
-  bool countSources(ProgressEvent* progress, long long& total);
-  bool writeFramed(_mvOutput& out, Compression compression, const Io& io);
-  bool findEndOfArchive(const OsFile& file, const XString& path, const Io& io, long long& end);
-  bool writeAllMembers(_mvOutput& out, const Io& io, bool& anythingLost);
-  template <class Write>
-  bool writeDescribed(XString& path, const mvFileInfo& info, const Io& io, Write write);
-  int untarSource(_mvDataSource& source, bool extract, LogBase& log, ProgressMonitor* pm,
-                  ProgressEvent* progress);
-  bool firstMatchTo(_mvDataSource& source, const XString& pattern, _mvOutput& out, LogBase& log,
-                    bool logEntries, ProgressMonitor* pm);
-  int untarWithProgress(_mvDataSource& source, bool extract, ProgressEvent* progress);
-
-  // One for each compression; the rest is common to all of them.
-  using Decompress = bool (ClsTar::*)(_mvDataSource&, ProgressMonitor*, LogBase&);
-  bool untarCompressedFile(const char* name, const XString& path, ProgressEvent* progress,
-                           Decompress decompress);
-  bool untarCompressedSource(const char* name, _mvDataSource& source, ProgressEvent* progress,
-                             Decompress decompress);
-  bool untarCompressed(_mvDataSource& source, ProgressEvent* progress, Decompress decompress);
-  void beginFramedRun(LogBase& log);
-  void protectArchive(LogBase& log);
-  bool inflateTar(_mvDataSource& source, ProgressMonitor* pm, LogBase& log);
-  bool expandTarBz2(_mvDataSource& source, ProgressMonitor* pm, LogBase& log);
-  bool expandTarZ(_mvDataSource& source, ProgressMonitor* pm, LogBase& log);
-  bool untarCheckedPath(const char* name, const XString& path, Compression expected, bool extract,
-                        ProgressEvent* progress);
-  bool untarCheckedSource(const char* name, _mvDataSource& source, Compression expected, bool extract,
-                          ProgressEvent* progress);
-  bool untarChecked(_mvDataSource& source, Compression expected, bool extract, ProgressEvent* progress);
-  bool membersFromPath(const char* name, const XString& tarPath, _mvOutput& out, bool firstAlone,
-                       ProgressEvent* progress);
-  bool membersFromSource(const char* name, _mvDataSource& source, _mvOutput& out, bool firstAlone,
-                         ProgressEvent* progress);
-  bool membersToOutput(_mvDataSource& source, _mvOutput& out, bool firstAlone, ProgressEvent* progress);
-  bool listXml(_mvDataSource& source, XString& outXml, _mvOutput* drain, ProgressEvent* progress);
-
-  RelaxedAtomic<bool> m_suppressOutput = false;
-  RelaxedAtomic<bool> m_captureXmlListing = false;
-  XString m_xmlListing;
-  ExtPtrArraySb m_files;
-  XString m_charset = "utf-8";
-  XString m_writeFormat = "gnu";
-  bool m_formatGnu = true;
-  bool m_formatPax = false;
-  bool m_formatUstar = false;
-  ExtPtrArray m_dirRoots;
-  RelaxedAtomic<int> m_dirMode = 0755;
-  RelaxedAtomic<int> m_fileMode = 0644;
-  RelaxedAtomic<int> m_scriptFileMode = 0755;
-  RelaxedAtomic<int> m_groupId = 1000;
-  RelaxedAtomic<int> m_userId = 1000;
-  // Until they are set, the name of the user running the process, which is looked up when it is first needed:
-  // reading an archive does not need the user database.
-  mutable XString m_userName;
-  mutable XString m_groupName;
-  mutable bool m_userNameIsSet = false, m_groupNameIsSet = false;
-  mutable int m_userLookupError = 0;  // an errno
-  XString m_mustMatch;
-  XString m_mustNotMatch;
-  RelaxedAtomic<bool> m_matchCaseSensitive = false;
-  XString m_dirPrefix;
-  XString m_curDirRootPath;
-  std::unique_ptr<ArchiveOutput> m_archive;  // where archive bytes go while writing
-  bool m_mustMatchExact = false;
-  bool m_mustNotMatchExact = false;
-  std::unique_ptr<StreamingUntar> m_stream;
-  const _mvFileDataSource* m_archiveSource = nullptr;  // while a compressed archive is read from a file
-  XString m_untarFromDir = ".";
-  RelaxedAtomic<int> m_untarMaxCount = 0;
-  RelaxedAtomic<bool> m_untarDiscardPaths = false;
-  RelaxedAtomic<bool> m_noAbsolutePaths = true;
-  RelaxedAtomic<bool> m_untarDebugLog = false;
-  std::unique_ptr<TarOptions> m_options;
-  RelaxedAtomic<bool> m_onlyLeftOut = false;
-  unsigned m_optionsTaken = 0;               // as m_uncommonOptionsChanges counts
-  std::vector<std::string> m_unusableWords;  // of the options
+  // Properties, sources and engines, and what the methods have in common.
+  struct Inner;
+  const std::unique_ptr<Inner> m_inner;
 };
 
 }  // namespace morvane

@@ -14,6 +14,10 @@
 #include <string>
 #include <vector>
 
+// Inner types that tests of every kind name.
+#include "runtime/fs/OsFile.h"
+#include "runtime/fs/mvFileInfo.h"
+#include "runtime/progress/ProgressMonitor.h"
 #include "tar/ClsTar.h"
 
 namespace morvane::testing {

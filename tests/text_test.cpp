@@ -4,6 +4,7 @@
 
 #include "TestSupport.h"
 #include "runtime/text/CharsetDecoder.h"
+#include "runtime/text/ExtPtrArraySb.h"
 #include "runtime/text/SmallStrings.h"
 #include "runtime/text/Utf8.h"
 #include "runtime/text/WildcardPattern.h"

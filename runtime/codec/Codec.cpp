@@ -15,6 +15,7 @@
 #include "runtime/codec/XzCodec.h"
 #include "runtime/codec/ZipCRC.h"
 #include "runtime/codec/ZstdCodec.h"
+#include "runtime/io/Io.h"
 #include "runtime/io/_mvOutput.h"
 
 namespace morvane {
@@ -32,17 +33,16 @@ bool startsWith(const unsigned char* bytes, unsigned n, const char* signature, u
 template <class Compressor>
 class BlockEncoder : public Encoder {
  public:
-  bool add(const unsigned char* bytes, unsigned n, DataBuffer& ready, ProgressMonitor* pm,
-           LogBase& log) override {
+  bool add(const unsigned char* bytes, unsigned n, DataBuffer& ready, const Io& io) override {
     DataBuffer piece;
     piece.borrowData(bytes, n);
     const bool begun = m_begun;
     m_begun = true;
-    return begun ? m_compressor.MoreCompress(piece, ready, log, pm)
-                 : m_compressor.BeginCompress(piece, ready, log, pm);
+    return begun ? m_compressor.MoreCompress(piece, ready, io.log, io.monitor)
+                 : m_compressor.BeginCompress(piece, ready, io.log, io.monitor);
   }
-  bool finish(DataBuffer& ready, ProgressMonitor* pm, LogBase& log) override {
-    return m_compressor.EndCompress(ready, log, pm);
+  bool finish(DataBuffer& ready, const Io& io) override {
+    return m_compressor.EndCompress(ready, io.log, io.monitor);
   }
 
  protected:
@@ -60,17 +60,14 @@ class GzipEncoder : public BlockEncoder<MorvaneDeflate> {
     m_compressor.setFast(fastLevel);
     m_crc.beginStream();
   }
-  bool begin(_mvOutput& out, ProgressMonitor* pm, LogBase& log) override {
-    return writeGzipHeader(out, pm, log);
-  }
-  bool add(const unsigned char* bytes, unsigned n, DataBuffer& ready, ProgressMonitor* pm,
-           LogBase& log) override {
+  bool begin(_mvOutput& out, const Io& io) override { return writeGzipHeader(out, io); }
+  bool add(const unsigned char* bytes, unsigned n, DataBuffer& ready, const Io& io) override {
     m_crc.moreData(bytes, n);
-    return BlockEncoder::add(bytes, n, ready, pm, log);
+    return BlockEncoder::add(bytes, n, ready, io);
   }
-  bool end(_mvOutput& out, long long size, LogBase& log) override {
+  bool end(_mvOutput& out, long long size, const Io& io) override {
     // The trailer holds the size modulo 2^32.
-    return writeGzipTrailer(out, m_crc.endStream(), static_cast<unsigned>(size & 0xFFFFFFFF), log);
+    return writeGzipTrailer(out, m_crc.endStream(), static_cast<unsigned>(size & 0xFFFFFFFF), io);
   }
 
  private:
@@ -134,21 +131,18 @@ std::unique_ptr<Encoder> makeBzip2(const CodecOptions&) {
 }
 
 // The header of the first member is read here; those of further ones where the option for them is obeyed.
-bool decodeGzip(_mvDataSource& source, _mvOutput& out, const CodecOptions& options, ProgressMonitor* pm,
-                LogBase& log) {
-  return readGzipHeader(source, pm, log) && inflateGzipMembers(source, out, options, pm, log);
+bool decodeGzip(_mvDataSource& source, _mvOutput& out, const CodecOptions& options, const Io& io) {
+  return readGzipHeader(source, io) && inflateGzipMembers(source, out, options, io);
 }
 
-bool decodeBzip2(_mvDataSource& source, _mvOutput& out, const CodecOptions&, ProgressMonitor* pm,
-                 LogBase& log) {
-  return MorvaneBzip2().DecompressStream(source, out, log, pm);
+bool decodeBzip2(_mvDataSource& source, _mvOutput& out, const CodecOptions&, const Io& io) {
+  return MorvaneBzip2().DecompressStream(source, out, io.log, io.monitor);
 }
 
 // The flag is without meaning, see MorvaneLzw.h.
-bool decodeCompress(_mvDataSource& source, _mvOutput& out, const CodecOptions&, ProgressMonitor* pm,
-                    LogBase& log) {
-  _mvIoParams io(pm);
-  return MorvaneLzw::decompressLzwSource64(source, out, true, io, log);
+bool decodeCompress(_mvDataSource& source, _mvOutput& out, const CodecOptions&, const Io& io) {
+  _mvIoParams params(io.monitor);
+  return MorvaneLzw::decompressLzwSource64(source, out, true, params, io.log);
 }
 
 // One row each. The signatures exclude one another, so that the order does not matter. A null encoder marks
@@ -176,8 +170,8 @@ bool endsInOneOf(std::string_view path, std::string_view suffixes) {
 
 Encoder::~Encoder() = default;
 // Neither bzip2 nor a raw stream has anything in front of or behind the compressed data.
-bool Encoder::begin(_mvOutput&, ProgressMonitor*, LogBase&) { return true; }
-bool Encoder::end(_mvOutput&, long long, LogBase&) { return true; }
+bool Encoder::begin(_mvOutput&, const Io&) { return true; }
+bool Encoder::end(_mvOutput&, long long, const Io&) { return true; }
 
 // Every value but None has a row, so the search needs no end; None is never asked for, because a plain
 // archive has neither encoder nor decoder.

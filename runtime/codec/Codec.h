@@ -10,10 +10,9 @@
 namespace morvane {
 
 class DataBuffer;
-class LogBase;
-class ProgressMonitor;
 class _mvDataSource;
 class _mvOutput;
+struct Io;
 
 // What an application may ask of a codec; each row takes what concerns it. Plain values, taken over when a
 // run begins; the defaults are what happens without any option word.
@@ -33,13 +32,12 @@ class Encoder {
  public:
   virtual ~Encoder();
   // Writes what stands in front of the compressed data.
-  virtual bool begin(_mvOutput& out, ProgressMonitor* pm, LogBase& log);
-  virtual bool add(const unsigned char* bytes, unsigned n, DataBuffer& ready, ProgressMonitor* pm,
-                   LogBase& log) = 0;
+  virtual bool begin(_mvOutput& out, const Io& io);
+  virtual bool add(const unsigned char* bytes, unsigned n, DataBuffer& ready, const Io& io) = 0;
   // Brings out everything that is still gathered, once, behind the last add. Nothing may be added after it.
-  virtual bool finish(DataBuffer& ready, ProgressMonitor* pm, LogBase& log) = 0;
+  virtual bool finish(DataBuffer& ready, const Io& io) = 0;
   // Writes what stands behind them; `size` counts the bytes that were added.
-  virtual bool end(_mvOutput& out, long long size, LogBase& log);
+  virtual bool end(_mvOutput& out, long long size, const Io& io);
 };
 
 // One compression. The functions hold no state of their own: any number of runs may use a row at a time.
@@ -56,8 +54,7 @@ struct Codec {
   // Expands the source from where it stands into the output. Returns false, with the reason in the log, for
   // data that are damaged or cut, and when the output refuses a write or the monitor aborts. Where the source
   // stands afterwards is each codec's own: what follows the data matters to gzip alone.
-  bool (*decode)(_mvDataSource& source, _mvOutput& out, const CodecOptions& options, ProgressMonitor* pm,
-                 LogBase& log);
+  bool (*decode)(_mvDataSource& source, _mvOutput& out, const CodecOptions& options, const Io& io);
 };
 
 // The row of a compression other than None. None has none and must not be asked for. The row lives as long as

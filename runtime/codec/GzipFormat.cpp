@@ -8,9 +8,9 @@
 #include <new>
 
 #include "runtime/base/ByteArrayOwner.h"
+#include "runtime/io/Io.h"
 #include "runtime/io/_mvDataSource.h"
 #include "runtime/io/_mvOutput.h"
-#include "runtime/log/LogBase.h"
 
 namespace morvane {
 
@@ -26,29 +26,24 @@ constexpr unsigned kFlagsAt = 3;
 // Reads a header piece by piece and says which of them could not be had.
 struct HeaderReader {
   _mvDataSource& source;
-  ProgressMonitor* pm;
-  LogBase& log;
-
-  bool fail(const char* message) const {
-    log.LogError(message);
-    return false;
-  }
+  const Io& io;
 
   // False for fewer bytes, too: a header that is cut and one that cannot be read get the same line behind the
   // source's own.
   bool readExactly(unsigned char* bytes, unsigned n) const {
     unsigned numRead = 0;
-    return source.readFully(reinterpret_cast<char*>(bytes), n, numRead, pm, log) && numRead == n;
+    return source.readFully(reinterpret_cast<char*>(bytes), n, numRead, io.monitor, io.log) && numRead == n;
   }
 
   // The length has 16 bits, so that a hostile one takes 64 KiB at most.
   bool skipExtraField() const {
     unsigned char length[2];
-    if (!readExactly(length, sizeof length)) return fail("Failed to get extra length");
+    if (!readExactly(length, sizeof length)) return io.fail("Failed to get extra length");
     const unsigned n = length[0] | unsigned{length[1]} << 8;
     const ByteArrayOwner bytes(mvNewChar(n));
     if (!bytes.get()) throw std::bad_alloc();
-    return readExactly(reinterpret_cast<unsigned char*>(bytes.get()), n) || fail("Failed to get extra data");
+    return readExactly(reinterpret_cast<unsigned char*>(bytes.get()), n) ||
+           io.fail("Failed to get extra data");
   }
 
   // Text up to and including a zero byte. Byte by byte, because nothing may be taken that lies behind the
@@ -57,7 +52,7 @@ struct HeaderReader {
   bool skipText(const char* messageOnFailure) const {
     unsigned char byte = 1;
     while (byte != 0) {
-      if (!readExactly(&byte, 1)) return fail(messageOnFailure);
+      if (!readExactly(&byte, 1)) return io.fail(messageOnFailure);
     }
     return true;
   }
@@ -65,32 +60,32 @@ struct HeaderReader {
 
 }  // namespace
 
-bool writeGzipHeader(_mvOutput& out, ProgressMonitor* pm, LogBase& log) {
+bool writeGzipHeader(_mvOutput& out, const Io& io) {
   constexpr unsigned char kHeader[kHeaderSize] = {kId1, kId2, kDeflate, 0, 0, 0, 0, 0, kXfl, kUnix};
-  return out.writeBytesPM(reinterpret_cast<const char*>(kHeader), kHeaderSize, pm, log);
+  return out.writeBytesPM(reinterpret_cast<const char*>(kHeader), kHeaderSize, io.monitor, io.log);
 }
 
 // No monitor is asked: eight bytes are no place to abort, and the archive is whole with them.
-bool writeGzipTrailer(_mvOutput& out, unsigned crc32, unsigned size, LogBase& log) {
-  return out.writeLittleEndianUInt32PM(crc32, nullptr, log) &&
-         out.writeLittleEndianUInt32PM(size, nullptr, log);
+bool writeGzipTrailer(_mvOutput& out, unsigned crc32, unsigned size, const Io& io) {
+  return out.writeLittleEndianUInt32PM(crc32, nullptr, io.log) &&
+         out.writeLittleEndianUInt32PM(size, nullptr, io.log);
 }
 
 // The optional fields stand in the order in which their bits are asked for here. The checksum of the header
 // is passed over and not compared; bits that the RFC reserves are not looked at.
-bool readGzipHeader(_mvDataSource& source, ProgressMonitor* pm, LogBase& log) {
-  const HeaderReader reader{source, pm, log};
+bool readGzipHeader(_mvDataSource& source, const Io& io) {
+  const HeaderReader reader{source, io};
   unsigned char header[kHeaderSize];
-  if (!reader.readExactly(header, kHeaderSize)) return reader.fail("Failed to get gzip signature");
-  if (header[0] != kId1 || header[1] != kId2) return reader.fail("Invalid GZip ID");
-  if (header[2] != kDeflate) return reader.fail("Invalid GZip compression method");
+  if (!reader.readExactly(header, kHeaderSize)) return io.fail("Failed to get gzip signature");
+  if (header[0] != kId1 || header[1] != kId2) return io.fail("Invalid GZip ID");
+  if (header[2] != kDeflate) return io.fail("Invalid GZip compression method");
   const unsigned char flags = header[kFlagsAt];
   if (flags & kExtra && !reader.skipExtraField()) return false;
   if (flags & kName && !reader.skipText("Failed to get filename")) return false;
   if (flags & kComment && !reader.skipText("Failed to get comment")) return false;
   unsigned char crc[2];
-  if (flags & kHeaderCrc && !reader.readExactly(crc, sizeof crc)) return reader.fail("Failed to get CRC");
-  log.LogInfo("GZip header OK.");
+  if (flags & kHeaderCrc && !reader.readExactly(crc, sizeof crc)) return io.fail("Failed to get CRC");
+  io.log.LogInfo("GZip header OK.");
   return true;
 }
 

@@ -7,9 +7,9 @@
 #include "runtime/codec/GzipFormat.h"
 #include "runtime/codec/MorvaneDeflate.h"
 #include "runtime/codec/ZipCRC.h"
+#include "runtime/io/Io.h"
 #include "runtime/io/_mvDataSource.h"
 #include "runtime/io/_mvOutput.h"
-#include "runtime/log/LogBase.h"
 
 namespace morvane {
 
@@ -35,11 +35,6 @@ class CheckedOutput : public _mvOutput {
   unsigned m_size = 0;
 };
 
-bool fail(LogBase& log, const char* message) {
-  log.LogError(message);
-  return false;
-}
-
 // RFC 1952, 2.1: the least significant byte comes first.
 unsigned littleEndian(const unsigned char* bytes) {
   return bytes[0] | unsigned{bytes[1]} << 8 | unsigned{bytes[2]} << 16 | unsigned{bytes[3]} << 24;
@@ -47,14 +42,14 @@ unsigned littleEndian(const unsigned char* bytes) {
 
 // CRC-32 and size of what was inflated, four bytes each. A trailer that is cut is a failure also where it is
 // not compared: the next member begins behind it.
-bool checkTrailer(_mvDataSource& source, const CheckedOutput& checked, bool verify, ProgressMonitor* pm,
-                  LogBase& log) {
+bool checkTrailer(_mvDataSource& source, const CheckedOutput& checked, bool verify, const Io& io) {
   unsigned char trailer[8];
   unsigned numRead = 0;
-  if (!source.readFully(reinterpret_cast<char*>(trailer), sizeof trailer, numRead, pm, log)) return false;
-  if (numRead < sizeof trailer) return fail(log, "The gzip trailer is cut.");
-  if (verify && littleEndian(trailer) != checked.crc()) return fail(log, "The gzip checksum is wrong.");
-  if (verify && littleEndian(trailer + 4) != checked.size()) return fail(log, "The gzip size is wrong.");
+  if (!source.readFully(reinterpret_cast<char*>(trailer), sizeof trailer, numRead, io.monitor, io.log))
+    return false;
+  if (numRead < sizeof trailer) return io.fail("The gzip trailer is cut.");
+  if (verify && littleEndian(trailer) != checked.crc()) return io.fail("The gzip checksum is wrong.");
+  if (verify && littleEndian(trailer + 4) != checked.size()) return io.fail("The gzip size is wrong.");
   return true;
 }
 
@@ -63,19 +58,19 @@ bool checkTrailer(_mvDataSource& source, const CheckedOutput& checked, bool veri
 // so whatever stands behind padding is refused. What follows a trailer at once is taken for a header, and
 // called none by whoever reads it. A piece is given back whole, because one that begins with a zero never
 // gets that far.
-bool findNextMember(_mvDataSource& source, bool& found, ProgressMonitor* pm, LogBase& log) {
+bool findNextMember(_mvDataSource& source, bool& found, const Io& io) {
   found = false;
   bool padding = false;
   while (true) {
     const char* bytes = nullptr;
     unsigned n = 0;
-    if (!source.lend(4096, bytes, n, pm, log)) return false;
+    if (!source.lend(4096, bytes, n, io.monitor, io.log)) return false;
     if (n == 0) return true;
     unsigned zeros = 0;
     while (zeros < n && bytes[zeros] == '\0') ++zeros;
     padding = padding || zeros > 0;
     if (zeros == n) continue;
-    if (padding) return fail(log, "There are bytes behind the gzip data.");
+    if (padding) return io.fail("There are bytes behind the gzip data.");
     source.takeBack(n);
     found = true;
     return true;
@@ -86,19 +81,18 @@ bool findNextMember(_mvDataSource& source, bool& found, ProgressMonitor* pm, Log
 
 // The checksum costs a pass over all data: without a word the bytes go straight to the output. With
 // GzipAllMembers alone it is computed and not compared.
-bool inflateGzipMembers(_mvDataSource& source, _mvOutput& out, const CodecOptions& options,
-                        ProgressMonitor* pm, LogBase& log) {
+bool inflateGzipMembers(_mvDataSource& source, _mvOutput& out, const CodecOptions& options, const Io& io) {
   if (!options.verifyGzip && !options.gzipAllMembers) {
-    return MorvaneDeflate::inflateFromSourcePM(false, source, out, false, pm, log);
+    return MorvaneDeflate::inflateFromSourcePM(false, source, out, false, io.monitor, io.log);
   }
   bool another = true;
   while (another) {
     CheckedOutput checked(out);
-    if (!MorvaneDeflate::inflateFromSourcePM(false, source, checked, false, pm, log)) return false;
-    if (!checkTrailer(source, checked, options.verifyGzip, pm, log)) return false;
+    if (!MorvaneDeflate::inflateFromSourcePM(false, source, checked, false, io.monitor, io.log)) return false;
+    if (!checkTrailer(source, checked, options.verifyGzip, io)) return false;
     if (!options.gzipAllMembers) return true;
-    if (!findNextMember(source, another, pm, log)) return false;
-    if (another && !readGzipHeader(source, pm, log)) return false;
+    if (!findNextMember(source, another, io)) return false;
+    if (another && !readGzipHeader(source, io)) return false;
   }
   return true;
 }

@@ -11,7 +11,6 @@ namespace morvane {
 // one behind the other into the same output, and only zero bytes may follow the last (joined files and
 // parallel compressors write many). False, with the reason in the log, for damage, a wrong trailer, or a
 // refused write; what was inflated until then has been written.
-bool inflateGzipMembers(_mvDataSource& source, _mvOutput& out, const CodecOptions& options,
-                        ProgressMonitor* pm, LogBase& log);
+bool inflateGzipMembers(_mvDataSource& source, _mvOutput& out, const CodecOptions& options, const Io& io);
 
 }  // namespace morvane

@@ -5,8 +5,8 @@
 #include <memory>
 #include <new>
 
+#include "runtime/io/Io.h"
 #include "runtime/io/_mvDataSource.h"
-#include "runtime/log/LogBase.h"
 
 namespace morvane {
 
@@ -15,22 +15,18 @@ namespace morvane {
 // lost: so far does every decompressor promise where it leaves its source.
 class InputWindow {
  public:
-  // Nothing is read yet. All three must outlive it; the monitor may be null.
-  InputWindow(_mvDataSource& source, ProgressMonitor* pm, LogBase& log)
-      : m_source(source), m_pm(pm), m_log(log), m_lends(source.canLend()) {}
+  // Nothing is read yet. Both must outlive it.
+  InputWindow(_mvDataSource& source, const Io& io) : m_source(source), m_io(io), m_lends(source.canLend()) {}
 
   // The next piece; n is 0 at the end of the data. It stays valid until the next call. False, with the reason
   // in the log, when the source fails, the monitor aborts or there is no memory for the buffer.
   bool next(const char*& bytes, unsigned& n) {
     n = 0;
-    if (m_lends) return m_source.lend(kPiece, bytes, n, m_pm, m_log);
+    if (m_lends) return m_source.lend(kPiece, bytes, n, m_io.monitor, m_io.log);
     if (!m_own) m_own.reset(new (std::nothrow) char[kPiece]);
-    if (!m_own) {
-      m_log.LogError("Out of memory for a read buffer.");
-      return false;
-    }
+    if (!m_own) return m_io.fail("Out of memory for a read buffer.");
     bytes = m_own.get();
-    return m_source.read(m_own.get(), kPiece, n, m_pm, m_log);
+    return m_source.read(m_own.get(), kPiece, n, m_io.monitor, m_io.log);
   }
   // The last n bytes of the last piece were not used. Called once, at the end. An inflater holds a few whole
   // bytes back, so that n may be larger than that piece, by no more than the 16 bytes that takeBack allows.
@@ -43,8 +39,7 @@ class InputWindow {
   static constexpr unsigned kPiece = 64 * 1024;
 
   _mvDataSource& m_source;
-  ProgressMonitor* const m_pm;
-  LogBase& m_log;
+  const Io& m_io;
   // Whether the source lends is asked once: it does not change.
   const bool m_lends;
   // Only for a source that does not lend.

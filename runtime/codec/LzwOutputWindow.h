@@ -8,6 +8,7 @@
 #include <cstring>
 #include <memory>
 
+#include "runtime/io/Io.h"
 #include "runtime/io/_mvOutput.h"
 
 namespace morvane {
@@ -17,7 +18,7 @@ constexpr unsigned kLargestLzwWidth = 16;
 
 class LzwOutputWindow {
  public:
-  LzwOutputWindow(_mvOutput& out, ProgressMonitor* pm, LogBase& log) : m_out(out), m_pm(pm), m_log(log) {}
+  LzwOutputWindow(_mvOutput& out, const Io& io) : m_out(out), m_io(io) {}
 
   uint32_t position() const { return m_base + m_end; }
   // An earlier position makes the difference wrap to a large number, and so fails the one comparison.
@@ -59,7 +60,7 @@ class LzwOutputWindow {
     const unsigned n = m_end - m_flushed;
     const char* const from = m_bytes + m_flushed;
     m_flushed = m_end;
-    return n == 0 || m_out.writeBytesPM(from, n, m_pm, m_log);
+    return n == 0 || m_out.writeBytesPM(from, n, m_io.monitor, m_io.log);
   }
 
  private:
@@ -73,8 +74,7 @@ class LzwOutputWindow {
   static_assert(kKept + kLongestString + kCopySlack < kSize);
 
   _mvOutput& m_out;
-  ProgressMonitor* const m_pm;
-  LogBase& m_log;
+  const Io& m_io;
   uint32_t m_base = 0;  // position of the window's first byte
   unsigned m_end = 0, m_flushed = 0;
   char m_bytes[kSize];

@@ -3,7 +3,7 @@
 #pragma once
 
 #include "runtime/codec/Codec.h"
-#include "runtime/log/LogBase.h"
+#include "runtime/io/Io.h"
 
 namespace morvane {
 
@@ -12,18 +12,11 @@ class MissingEncoder : public Encoder {
  public:
   explicit MissingEncoder(const char* message) : m_message(message) {}
 
-  bool begin(_mvOutput&, ProgressMonitor*, LogBase& log) override { return fail(log); }
-  bool add(const unsigned char*, unsigned, DataBuffer&, ProgressMonitor*, LogBase& log) override {
-    return fail(log);
-  }
-  bool finish(DataBuffer&, ProgressMonitor*, LogBase& log) override { return fail(log); }
+  bool begin(_mvOutput&, const Io& io) override { return io.fail(m_message); }
+  bool add(const unsigned char*, unsigned, DataBuffer&, const Io& io) override { return io.fail(m_message); }
+  bool finish(DataBuffer&, const Io& io) override { return io.fail(m_message); }
 
  private:
-  bool fail(LogBase& log) const {
-    log.LogError(m_message);
-    return false;
-  }
-
   const char* const m_message;
 };
 

@@ -10,6 +10,7 @@
 #include "runtime/base/ScopeExit.h"
 #include "runtime/buffer/DataBuffer.h"
 #include "runtime/codec/InputWindow.h"
+#include "runtime/io/Io.h"
 #include "runtime/io/_mvOutput.h"
 
 namespace morvane {
@@ -28,11 +29,6 @@ constexpr unsigned kBuffer = 64 * 1024;
 constexpr int kBlockSize100k = 9;
 // Bytes that decide whether a further stream begins.
 constexpr unsigned kSignature = 4;  // "BZh" and the block size
-
-bool fail(LogBase& log, const char* message) {
-  log.LogError(message);
-  return false;
-}
 
 }  // namespace
 
@@ -101,23 +97,23 @@ MorvaneBzip2::~MorvaneBzip2() = default;
 bool MorvaneBzip2::BeginCompress(const DataBuffer& in, DataBuffer& out, LogBase& log, ProgressMonitor* pm) {
   if (!m_compressor) m_compressor = std::make_unique<Compressor>();
   // With these parameters it fails for lack of memory alone.
-  if (!m_compressor->begin()) return fail(log, "Out of memory for bzip2 compression.");
+  if (!m_compressor->begin()) return Io(log, pm).fail("Out of memory for bzip2 compression.");
   return MoreCompress(in, out, log, pm);
 }
 
 // After a failure the library's stream stays begun; the callers do not go on with it.
-bool MorvaneBzip2::MoreCompress(const DataBuffer& in, DataBuffer& out, LogBase& log, ProgressMonitor*) {
+bool MorvaneBzip2::MoreCompress(const DataBuffer& in, DataBuffer& out, LogBase& log, ProgressMonitor* pm) {
   const char* const bytes = reinterpret_cast<const char*>(in.getData2());
   if (m_compressor && m_compressor->begun && m_compressor->take(bytes, in.getSize(), out)) return true;
-  return fail(log, "bzip2 compression failed.");
+  return Io(log, pm).fail("bzip2 compression failed.");
 }
 
 // The compressor is gone afterwards, whatever came of it: a second End is a failure and no crash.
-bool MorvaneBzip2::EndCompress(DataBuffer& out, LogBase& log, ProgressMonitor*) {
+bool MorvaneBzip2::EndCompress(DataBuffer& out, LogBase& log, ProgressMonitor* pm) {
   const bool ok = m_compressor && m_compressor->begun && m_compressor->runGathered(out) &&
                   m_compressor->run(nullptr, 0, BZ_FINISH, out);
   m_compressor.reset();
-  return ok || fail(log, "bzip2 compression failed.");
+  return ok || Io(log, pm).fail("bzip2 compression failed.");
 }
 
 // Decompression is a loop over pieces of input in which streams begin and end where they will. The library is
@@ -125,10 +121,11 @@ bool MorvaneBzip2::EndCompress(DataBuffer& out, LogBase& log, ProgressMonitor*) 
 // whoever takes them.
 bool MorvaneBzip2::DecompressStream(_mvDataSource& source, _mvOutput& out, LogBase& log,
                                     ProgressMonitor* pm) {
+  const Io io(log, pm);
   constexpr unsigned kOut = 2 * kBuffer;
   const std::unique_ptr<char[]> buffer(new (std::nothrow) char[kOut]);
-  if (!buffer) return fail(log, kNoMemoryToExpand);
-  InputWindow input(source, pm, log);
+  if (!buffer) return io.fail(kNoMemoryToExpand);
+  InputWindow input(source, io);
   bz_stream stream{};
   bool inStream = false;
   // The library's memory for a stream, several MB, goes with it; each way out of the loop ends the one that
@@ -149,14 +146,14 @@ bool MorvaneBzip2::DecompressStream(_mvDataSource& source, _mvOutput& out, LogBa
     if (left == 0) {
       if (!inStream && streams > 0) return true;
       if (inStream && streams > 0 && bytesOfStream < kSignature) break;
-      return fail(log, streams == 0 && bytesOfStream == 0 ? "There are no bzip2 data."
-                                                          : "The bzip2 data end before the stream does.");
+      return io.fail(streams == 0 && bytesOfStream == 0 ? "There are no bzip2 data."
+                                                        : "The bzip2 data end before the stream does.");
     }
     // The library begins a stream before it has seen any of it; so it is begun for bytes that may turn out to
     // be none.
     if (!inStream) {
       stream = bz_stream{};
-      if (BZ2_bzDecompressInit(&stream, 0, 0) != BZ_OK) return fail(log, kNoMemoryToExpand);
+      if (BZ2_bzDecompressInit(&stream, 0, 0) != BZ_OK) return io.fail(kNoMemoryToExpand);
       inStream = true;
       bytesOfStream = 0;
     }
@@ -175,7 +172,7 @@ bool MorvaneBzip2::DecompressStream(_mvDataSource& source, _mvOutput& out, LogBa
     // garbage; a wrong one in the first stream, or anything wrong later, is damage.
     if (state == BZ_DATA_ERROR_MAGIC && streams > 0 && bytesOfStream <= kSignature) break;
     if (state != BZ_OK && state != BZ_STREAM_END) {
-      return fail(log, reasonOf(state));
+      return io.fail(reasonOf(state));
     }
     // The library may have brought out nothing, while it gathers a block.
     const unsigned produced = kOut - stream.avail_out;

@@ -11,6 +11,7 @@
 #include "runtime/codec/FastDeflate.h"
 #include "runtime/codec/InputWindow.h"
 #include "runtime/codec/RawInflate.h"
+#include "runtime/io/Io.h"
 #include "runtime/io/_mvOutput.h"
 
 namespace morvane {
@@ -21,11 +22,6 @@ constexpr unsigned kBuffer = 64 * 1024;
 constexpr int kRawDeflate = -15;  // the largest window, no framing
 // zlib's memLevel, the value that deflateInit takes by itself.
 constexpr int kDefaultMemory = 8;
-
-bool fail(LogBase& log, const char* message) {
-  log.LogError(message);
-  return false;
-}
 
 }  // namespace
 
@@ -98,36 +94,35 @@ MorvaneDeflate::~MorvaneDeflate() = default;
 bool MorvaneDeflate::BeginCompress(const DataBuffer& in, DataBuffer& out, LogBase& log, ProgressMonitor* pm) {
   if (!m_compressor) m_compressor = std::make_unique<Compressor>();
   // With these parameters it fails for lack of memory alone.
-  if (!m_compressor->begin(m_fastLevel)) return fail(log, "Out of memory for deflate compression.");
+  if (!m_compressor->begin(m_fastLevel)) return Io(log, pm).fail("Out of memory for deflate compression.");
   return MoreCompress(in, out, log, pm);
 }
 
 // Without Begin, and behind a failed one, it fails.
-bool MorvaneDeflate::MoreCompress(const DataBuffer& in, DataBuffer& out, LogBase& log, ProgressMonitor*) {
+bool MorvaneDeflate::MoreCompress(const DataBuffer& in, DataBuffer& out, LogBase& log, ProgressMonitor* pm) {
   if (m_compressor && m_compressor->begun && m_compressor->take(in.getData2(), in.getSize(), out))
     return true;
-  log.LogError("Deflate compression failed.");
-  return false;
+  return Io(log, pm).fail("Deflate compression failed.");
 }
 
 // The compressor is gone afterwards, whatever came of it: a second End is a failure and no crash.
-bool MorvaneDeflate::EndCompress(DataBuffer& out, LogBase& log, ProgressMonitor*) {
+bool MorvaneDeflate::EndCompress(DataBuffer& out, LogBase& log, ProgressMonitor* pm) {
   const bool ok = m_compressor && m_compressor->begun &&
                   m_compressor->run(m_compressor->in, m_compressor->gathered, Z_FINISH, out);
-  if (!ok) log.LogError("Deflate compression failed.");
   m_compressor.reset();
-  return ok;
+  return ok || Io(log, pm).fail("Deflate compression failed.");
 }
 
 // Whether to abort is asked with each piece of input and of output: data that never produce anything, and a
 // few bytes that produce gigabytes, are both left in time.
 bool MorvaneDeflate::inflateFromSourcePM(bool, _mvDataSource& source, _mvOutput& out, bool,
                                          ProgressMonitor* pm, LogBase& log) {
+  const Io io(log, pm);
   constexpr unsigned kOut = 2 * kBuffer;
   const std::unique_ptr<char[]> buffer(new (std::nothrow) char[kOut]);
   RawInflate inflater;
-  if (!buffer || !inflater.begin()) return fail(log, "Out of memory for inflating.");
-  InputWindow input(source, pm, log);
+  if (!buffer || !inflater.begin()) return io.fail("Out of memory for inflating.");
+  InputWindow input(source, io);
   unsigned roundsWithoutProgress = 0;
   RawInflate::State state = RawInflate::State::GoesOn;
   unsigned produced = 0;
@@ -138,18 +133,18 @@ bool MorvaneDeflate::inflateFromSourcePM(bool, _mvDataSource& source, _mvOutput&
       const char* bytes = nullptr;
       unsigned n = 0;
       if (!input.next(bytes, n)) return false;
-      if (n == 0) return fail(log, "The deflate data end before the stream does.");
+      if (n == 0) return io.fail("The deflate data end before the stream does.");
       inflater.setInput(bytes, n);
     }
     const unsigned hadIn = inflater.inputLeft();
     state = inflater.step(buffer.get(), kOut, produced);
     // Also what came out in front of damage: a member keeps what had arrived.
     if (produced > 0 && !out.writeBytesPM(buffer.get(), produced, pm, log)) return false;
-    if (state == RawInflate::State::Damaged) return fail(log, "The deflate data are damaged.");
+    if (state == RawInflate::State::Damaged) return io.fail("The deflate data are damaged.");
     // One such round is ordinary: the output was filled to its last byte just where the input ended. Behind
     // it there is new input, so that two in a row are a stream (or an engine) that would go on for ever.
     roundsWithoutProgress = produced == 0 && inflater.inputLeft() == hadIn ? roundsWithoutProgress + 1 : 0;
-    if (roundsWithoutProgress == 2) return fail(log, "The deflate data make no progress.");
+    if (roundsWithoutProgress == 2) return io.fail("The deflate data make no progress.");
   }
   // The trailer of gzip, and a further member, begin at the first byte that was not used.
   input.giveBack(inflater.inputLeft());

@@ -19,6 +19,7 @@
 
 #include "runtime/codec/InputWindow.h"
 #include "runtime/codec/LzwOutputWindow.h"
+#include "runtime/io/Io.h"
 #include "runtime/io/_mvOutput.h"
 
 namespace morvane {
@@ -146,8 +147,8 @@ struct TableEntry {
 // About 600 KiB, and so on the heap. Codes below kClear are bytes and have no entry.
 class LzwDecoder {
  public:
-  LzwDecoder(CodeReader& codes, LzwOutputWindow& window, unsigned maxBits, bool blockMode, LogBase& log)
-      : m_codes(codes), m_window(window), m_maxBits(maxBits), m_blockMode(blockMode), m_log(log) {}
+  LzwDecoder(CodeReader& codes, LzwOutputWindow& window, unsigned maxBits, bool blockMode, const Io& io)
+      : m_codes(codes), m_window(window), m_maxBits(maxBits), m_blockMode(blockMode), m_io(io) {}
 
   // Every code is checked against the table before it is looked up, so that no data make the decoder read an
   // entry that was not made. The first code stands for itself alone; behind it each enters a string.
@@ -250,8 +251,7 @@ class LzwDecoder {
 
   bool fail(const char* message) {
     m_window.flush();
-    m_log.LogError(message);
-    return false;
+    return m_io.fail(message);
   }
 
   // Enters "the previous string and the byte behind it", which stand in the output side by side. A full table
@@ -348,7 +348,7 @@ class LzwDecoder {
   LzwOutputWindow& m_window;
   const unsigned m_maxBits;
   const bool m_blockMode;
-  LogBase& m_log;
+  const Io& m_io;
   unsigned m_width = kFirstWidth;
   unsigned m_largestCode = 0;
   unsigned m_free = 0;  // the next code to enter
@@ -359,34 +359,30 @@ class LzwDecoder {
   char m_suffix[1u << kLargestWidth];
 };
 
-bool fail(LogBase& log, const char* message) {
-  log.LogError(message);
-  return false;
-}
-
 }  // namespace
 
 // The header is read by the same reader as the codes. What it states decides nothing but the width and the
 // mode: the memory is the same for all files.
-bool MorvaneLzw::decompressLzwSource64(_mvDataSource& source, _mvOutput& out, bool, _mvIoParams& io,
+bool MorvaneLzw::decompressLzwSource64(_mvDataSource& source, _mvOutput& out, bool, _mvIoParams& params,
                                        LogBase& log) {
-  InputWindow input(source, io.monitor(), log);
+  const Io io(log, params.monitor());
+  InputWindow input(source, io);
   CodeReader codes(input);
   unsigned magic1 = 0, magic2 = 0, flags = 0;
   const bool complete = codes.nextByte(magic1) && codes.nextByte(magic2) && codes.nextByte(flags);
   if (codes.failed()) return false;
   if (!complete || magic1 != kMagic1 || magic2 != kMagic2)
-    return fail(log, "The data are not in compress format.");
+    return io.fail("The data are not in compress format.");
   const unsigned maxBits = flags & kMaxBitsMask;
   if (maxBits < kFirstWidth || maxBits > kLargestWidth) {
     log.LogDataLong("maxBits", static_cast<long>(maxBits));
-    return fail(log, "The compressed data need a code width that is not supported.");
+    return io.fail("The compressed data need a code width that is not supported.");
   }
-  const std::unique_ptr<LzwOutputWindow> window(new (std::nothrow) LzwOutputWindow(out, io.monitor(), log));
-  if (!window) return fail(log, "Out of memory for LZW decompression.");
+  const std::unique_ptr<LzwOutputWindow> window(new (std::nothrow) LzwOutputWindow(out, io));
+  if (!window) return io.fail("Out of memory for LZW decompression.");
   const std::unique_ptr<LzwDecoder> decoder(
-      new (std::nothrow) LzwDecoder(codes, *window, maxBits, (flags & kBlockModeFlag) != 0, log));
-  if (!decoder) return fail(log, "Out of memory for LZW decompression.");
+      new (std::nothrow) LzwDecoder(codes, *window, maxBits, (flags & kBlockModeFlag) != 0, io));
+  if (!decoder) return io.fail("Out of memory for LZW decompression.");
   return decoder->run();
 }
 

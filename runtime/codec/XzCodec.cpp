@@ -9,8 +9,8 @@
 
 #include "runtime/buffer/DataBuffer.h"
 #include "runtime/codec/InputWindow.h"
+#include "runtime/io/Io.h"
 #include "runtime/io/_mvOutput.h"
-#include "runtime/log/LogBase.h"
 
 namespace morvane {
 
@@ -18,11 +18,6 @@ namespace {
 
 constexpr size_t kPiece = 128 * 1024;
 constexpr unsigned kDefaultLevel = 6, kHighestLevel = 9;  // as the library's own programs have them
-
-bool fail(const char* message, LogBase& log) {
-  log.LogError(message);
-  return false;
-}
 
 // The library's state, ended with the object.
 struct Stream {
@@ -38,24 +33,23 @@ class XzEncoder : public Encoder {
     if (lzma_easy_encoder(&m_stream.state, chosen, LZMA_CHECK_CRC64) != LZMA_OK) throw std::bad_alloc();
   }
 
-  bool add(const unsigned char* bytes, unsigned n, DataBuffer& ready, ProgressMonitor*,
-           LogBase& log) override {
+  bool add(const unsigned char* bytes, unsigned n, DataBuffer& ready, const Io& io) override {
     m_stream.state.next_in = bytes;
     m_stream.state.avail_in = n;
     while (m_stream.state.avail_in > 0) {
-      if (run(LZMA_RUN, ready, log) != LZMA_OK) return fail("xz compression failed.", log);
+      if (run(LZMA_RUN, ready) != LZMA_OK) return io.fail("xz compression failed.");
     }
     return true;
   }
 
-  bool finish(DataBuffer& ready, ProgressMonitor*, LogBase& log) override {
+  bool finish(DataBuffer& ready, const Io& io) override {
     lzma_ret result = LZMA_OK;
-    while (result == LZMA_OK) result = run(LZMA_FINISH, ready, log);
-    return result == LZMA_STREAM_END || fail("xz compression failed.", log);
+    while (result == LZMA_OK) result = run(LZMA_FINISH, ready);
+    return result == LZMA_STREAM_END || io.fail("xz compression failed.");
   }
 
  private:
-  lzma_ret run(lzma_action action, DataBuffer& ready, LogBase&) {
+  lzma_ret run(lzma_action action, DataBuffer& ready) {
     m_stream.state.next_out = m_out.data();
     m_stream.state.avail_out = m_out.size();
     const lzma_ret result = lzma_code(&m_stream.state, action);
@@ -91,8 +85,7 @@ std::unique_ptr<Encoder> makeXzEncoder(const CodecOptions& options) {
   return std::make_unique<XzEncoder>(options.level);
 }
 
-bool decodeXz(_mvDataSource& source, _mvOutput& out, const CodecOptions& options, ProgressMonitor* pm,
-              LogBase& log) {
+bool decodeXz(_mvDataSource& source, _mvOutput& out, const CodecOptions& options, const Io& io) {
   constexpr long long kMostByDefault = 256LL * 1024 * 1024;
   // The decoder takes some hundred kilobytes beside the dictionary.
   constexpr long long kBesideDictionary = 1024 * 1024;
@@ -100,9 +93,9 @@ bool decodeXz(_mvDataSource& source, _mvOutput& out, const CodecOptions& options
   Stream stream;
   lzma_ret result =
       lzma_auto_decoder(&stream.state, static_cast<uint64_t>(most + kBesideDictionary), LZMA_CONCATENATED);
-  if (result != LZMA_OK) return fail(reasonOf(result, false), log);
+  if (result != LZMA_OK) return io.fail(reasonOf(result, false));
   std::vector<unsigned char> buffer(kPiece);
-  InputWindow input(source, pm, log);
+  InputWindow input(source, io);
   bool anyInput = false, atEnd = false;
   while (true) {
     if (stream.state.avail_in == 0 && !atEnd) {
@@ -120,9 +113,10 @@ bool decodeXz(_mvDataSource& source, _mvOutput& out, const CodecOptions& options
     result = lzma_code(&stream.state, atEnd ? LZMA_FINISH : LZMA_RUN);
     const size_t produced = buffer.size() - stream.state.avail_out;
     const char* const bytes = reinterpret_cast<const char*>(buffer.data());
-    if (produced > 0 && !out.writeBytesPM(bytes, static_cast<unsigned>(produced), pm, log)) return false;
+    if (produced > 0 && !out.writeBytesPM(bytes, static_cast<unsigned>(produced), io.monitor, io.log))
+      return false;
     if (result == LZMA_STREAM_END) return true;
-    if (result != LZMA_OK) return fail(reasonOf(result, anyInput), log);
+    if (result != LZMA_OK) return io.fail(reasonOf(result, anyInput));
   }
 }
 

@@ -14,7 +14,6 @@ std::unique_ptr<Encoder> makeXzEncoder(const CodecOptions& options);
 // Expands every stream to the source's end, with the padding that may stand between them, checksums compared.
 // False, with the reason in the log, for data that are damaged, cut, followed by something else, or that
 // claim a dictionary over options.maxWindowBytes.
-bool decodeXz(_mvDataSource& source, _mvOutput& out, const CodecOptions& options, ProgressMonitor* pm,
-              LogBase& log);
+bool decodeXz(_mvDataSource& source, _mvOutput& out, const CodecOptions& options, const Io& io);
 
 }  // namespace morvane

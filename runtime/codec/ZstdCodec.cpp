@@ -10,19 +10,14 @@
 
 #include "runtime/buffer/DataBuffer.h"
 #include "runtime/codec/InputWindow.h"
+#include "runtime/io/Io.h"
 #include "runtime/io/_mvOutput.h"
-#include "runtime/log/LogBase.h"
 
 namespace morvane {
 
 namespace {
 
 constexpr int kDefaultLevel = 3;  // as the library's own programs have it
-
-bool fail(const char* message, LogBase& log) {
-  log.LogError(message);
-  return false;
-}
 
 class ZstdEncoder : public Encoder {
  public:
@@ -36,32 +31,31 @@ class ZstdEncoder : public Encoder {
     ZSTD_CCtx_setParameter(m_context.get(), ZSTD_c_checksumFlag, 1);
   }
 
-  bool add(const unsigned char* bytes, unsigned n, DataBuffer& ready, ProgressMonitor*,
-           LogBase& log) override {
+  bool add(const unsigned char* bytes, unsigned n, DataBuffer& ready, const Io& io) override {
     ZSTD_inBuffer in{bytes, n, 0};
     while (in.pos < in.size) {
       size_t left = 0;
-      if (!run(in, ZSTD_e_continue, left, ready, log)) return false;
+      if (!run(in, ZSTD_e_continue, left, ready, io)) return false;
     }
     return true;
   }
 
-  bool finish(DataBuffer& ready, ProgressMonitor*, LogBase& log) override {
+  bool finish(DataBuffer& ready, const Io& io) override {
     ZSTD_inBuffer none{nullptr, 0, 0};
     for (size_t left = 1; left > 0;) {
-      if (!run(none, ZSTD_e_end, left, ready, log)) return false;
+      if (!run(none, ZSTD_e_end, left, ready, io)) return false;
     }
     return true;
   }
 
  private:
   // One call of the library; `left` tells how much it still holds back at least.
-  bool run(ZSTD_inBuffer& in, ZSTD_EndDirective directive, size_t& left, DataBuffer& ready, LogBase& log) {
+  bool run(ZSTD_inBuffer& in, ZSTD_EndDirective directive, size_t& left, DataBuffer& ready, const Io& io) {
     ZSTD_outBuffer out{m_out.data(), m_out.size(), 0};
     left = ZSTD_compressStream2(m_context.get(), &out, &in, directive);
-    if (ZSTD_isError(left)) return fail("zstd compression failed.", log);
+    if (ZSTD_isError(left)) return io.fail("zstd compression failed.");
     return out.pos == 0 || ready.append(m_out.data(), static_cast<unsigned>(out.pos)) ||
-           fail("Out of memory for zstd compression.", log);
+           io.fail("Out of memory for zstd compression.");
   }
 
   const std::unique_ptr<ZSTD_CCtx, size_t (*)(ZSTD_CCtx*)> m_context;
@@ -97,15 +91,14 @@ std::unique_ptr<Encoder> makeZstdEncoder(const CodecOptions& options) {
   return std::make_unique<ZstdEncoder>(options.level);
 }
 
-bool decodeZstd(_mvDataSource& source, _mvOutput& out, const CodecOptions& options, ProgressMonitor* pm,
-                LogBase& log) {
+bool decodeZstd(_mvDataSource& source, _mvOutput& out, const CodecOptions& options, const Io& io) {
   constexpr long long kMostByDefault = 128LL * 1024 * 1024;
   const std::unique_ptr<ZSTD_DCtx, size_t (*)(ZSTD_DCtx*)> context(ZSTD_createDCtx(), ZSTD_freeDCtx);
-  if (!context) return fail("Out of memory for zstd decompression.", log);
+  if (!context) return io.fail("Out of memory for zstd decompression.");
   const long long most = options.maxWindowBytes > 0 ? options.maxWindowBytes : kMostByDefault;
   ZSTD_DCtx_setParameter(context.get(), ZSTD_d_windowLogMax, windowLogFor(most));
   std::vector<char> buffer(ZSTD_DStreamOutSize());
-  InputWindow input(source, pm, log);
+  InputWindow input(source, io);
   ZSTD_inBuffer in{nullptr, 0, 0};
   size_t wanted = 1;  // 0: the last call ended a frame, and nothing of it is held back
   bool anyFrame = false;
@@ -121,16 +114,17 @@ bool decodeZstd(_mvDataSource& source, _mvOutput& out, const CodecOptions& optio
     do {
       piece.pos = 0;
       wanted = ZSTD_decompressStream(context.get(), &piece, &in);
-      if (ZSTD_isError(wanted)) return fail(reasonOf(wanted), log);
-      if (piece.pos > 0 && !out.writeBytesPM(buffer.data(), static_cast<unsigned>(piece.pos), pm, log))
+      if (ZSTD_isError(wanted)) return io.fail(reasonOf(wanted));
+      if (piece.pos > 0 &&
+          !out.writeBytesPM(buffer.data(), static_cast<unsigned>(piece.pos), io.monitor, io.log))
         return false;
       // A full output may mean that there is more of it than there was room for.
     } while (piece.pos == piece.size);
     anyFrame |= wanted == 0;
   }
   if (wanted == 0) return true;
-  return fail(
-      anyFrame || in.size > 0 ? "The zstd data end before the frame does." : "There are no zstd data.", log);
+  return io.fail(anyFrame || in.size > 0 ? "The zstd data end before the frame does."
+                                         : "There are no zstd data.");
 }
 
 }  // namespace morvane

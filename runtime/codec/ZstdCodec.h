@@ -14,7 +14,6 @@ std::unique_ptr<Encoder> makeZstdEncoder(const CodecOptions& options);
 // Expands every frame to the source's end, skippable ones passed over, checksums compared. False, with the
 // reason in the log, for data that are damaged, cut, followed by something else, or that claim a window over
 // options.maxWindowBytes.
-bool decodeZstd(_mvDataSource& source, _mvOutput& out, const CodecOptions& options, ProgressMonitor* pm,
-                LogBase& log);
+bool decodeZstd(_mvDataSource& source, _mvOutput& out, const CodecOptions& options, const Io& io);
 
 }  // namespace morvane

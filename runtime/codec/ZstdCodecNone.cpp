@@ -14,9 +14,6 @@ std::unique_ptr<Encoder> makeZstdEncoder(const CodecOptions&) {
   return std::make_unique<MissingEncoder>(kMissing);
 }
 
-bool decodeZstd(_mvDataSource&, _mvOutput&, const CodecOptions&, ProgressMonitor*, LogBase& log) {
-  log.LogError(kMissing);
-  return false;
-}
+bool decodeZstd(_mvDataSource&, _mvOutput&, const CodecOptions&, const Io& io) { return io.fail(kMissing); }
 
 }  // namespace morvane

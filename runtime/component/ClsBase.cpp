@@ -9,6 +9,7 @@
 #include <memory>
 
 #include "runtime/component/Version.h"
+#include "runtime/fs/OsFile.h"
 #include "runtime/io/OutputFile.h"
 #include "runtime/log/LogNull.h"
 

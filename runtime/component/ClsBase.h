@@ -11,7 +11,6 @@
 #include "runtime/base/Export.h"
 #include "runtime/base/MorvaneCritSec.h"
 #include "runtime/base/RelaxedAtomic.h"
-#include "runtime/log/LogContextExitor.h"
 #include "runtime/log/_mvLogger.h"
 #include "runtime/text/XString.h"
 

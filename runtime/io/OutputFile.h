@@ -6,15 +6,14 @@
 // or closeHandle() said so; the destructor closes but cannot report.
 #pragma once
 
-#include <string>
+#include <memory>
 
-#include "runtime/base/AlignedArray.h"
-#include "runtime/fs/OsFile.h"
 #include "runtime/io/_mvOutput.h"
 
 namespace morvane {
 
 class MorvaneFileTime;
+class OsFile;
 struct mvFileInfo;
 
 constexpr char kCannotCreate[] = "Failed to create file.";
@@ -39,19 +38,19 @@ class MORVANE_API OutputFile : public _mvOutput {
   static constexpr unsigned kMostSpare = 64 * 1024;
 
   // The file will get n bytes in all: if they come in one piece, they need no buffer.
-  void expect(long long n) { m_expected = n; }
+  void expect(long long n);
 
   // From here on a failure that concerns this file alone (a damaged spot of the disk, a limit on its size,
   // its owner's quota) is said, and what comes behind it is accepted and dropped: whoever copies into the
   // file gets past its data. The file has failed all the same, which closeHandle tells.
-  void dropAfterOwnFailure() { m_dropsAfterOwnFailure = true; }
+  void dropAfterOwnFailure();
   // Makes it fail so, for a reason that the caller has said: what it is given makes no sense.
   void failAlone();
   // Whether a failure was of that kind, and was borne. Only ever true after dropAfterOwnFailure.
-  bool hasFailedAlone() const { return m_failed && m_dropping; }
+  bool hasFailedAlone() const;
 
   // Bytes accepted so far.
-  long long ftell64() override { return m_bytesWritten; }
+  long long ftell64() override;
   // Sends what is buffered on its way, and tells whether it went.
   bool announceOutputFinished(LogBase& log) override { return flush(nullptr, log); }
 
@@ -61,7 +60,7 @@ class MORVANE_API OutputFile : public _mvOutput {
   [[nodiscard]] bool setLength(long long length, ProgressMonitor* pm, LogBase& log);
 
   // For what is set through the open file. -1 when it is closed.
-  int descriptor() const { return m_file.fd(); }
+  int descriptor() const;
 
   // The identity of the open file; false when there is none to tell.
   bool getFileInfo(mvFileInfo& info) const;
@@ -83,24 +82,17 @@ class MORVANE_API OutputFile : public _mvOutput {
                         const MorvaneFileTime& modification, LogBase& log);
 
  private:
-  OutputFile(OsFile file, const char* path) : m_file(std::move(file)), m_path(path) {}
+  // The open file, the buffer, and what became of them.
+  struct State;
+
+  explicit OutputFile(std::unique_ptr<State> state);
   bool writeThrough(const char* bytes, size_t n, ProgressMonitor* pm, LogBase& log);
   void failWith(int error);
   bool failToShape(const char* message, LogBase& log);
   bool makeBuffer(unsigned capacity);
-  bool setTimes(const timespec& access, const timespec& modification, LogBase& log);
+  bool setTimes(const MorvaneFileTime* access, const MorvaneFileTime& modification, LogBase& log);
 
-  OsFile m_file;
-  std::string m_path;
-  // Made with the first write that wants one, and only ever grown.
-  AlignedArray m_buffer;
-  unsigned m_capacity = 0;
-  unsigned m_buffered = 0;
-  long long m_bytesWritten = 0;
-  long long m_expected = -1;
-  bool m_failed = false;
-  bool m_dropsAfterOwnFailure = false;
-  bool m_dropping = false;  // it failed, and so alone
+  const std::unique_ptr<State> m_state;
 };
 
 }  // namespace morvane

@@ -17,7 +17,11 @@
 #include <cstring>
 #include <limits>
 #include <new>
+#include <string>
+#include <utility>
 
+#include "runtime/base/AlignedArray.h"
+#include "runtime/fs/OsFile.h"
 #include "runtime/fs/mvFileInfo.h"
 #include "runtime/io/Abort.h"
 #include "runtime/text/XString.h"
@@ -43,7 +47,38 @@ constexpr unsigned kCopyAtStart = 3 * 20000;
 constexpr unsigned kCopyWindow = 12 * 20000;
 static_assert(kCopyWindow <= kWindow);
 
+// Bytes of the window before that stay in front of it, more than takeBack may reach behind a piece.
+constexpr unsigned kBehind = 64;
+
 }  // namespace
+
+struct _mvFileDataSource::State {
+  OsFile file;
+  std::string path;
+  bool seekable = false;
+  bool failed = false;
+  bool atEnd = false;
+  long long position = 0;   // of the next byte handed out
+  long long systemAt = 0;   // of the next byte the system will give
+  long long endAt = -1;     // -1: where the file ends
+  long long sizeSeen = -1;  // of a file to be copied whole
+  AlignedArray window;
+  // The bytes of the window not handed out yet; in front of it are the last ones of the window before.
+  unsigned windowAt = kBehind, windowEnd = kBehind;
+  unsigned countedBefore = 0;  // bytes taken back, which the monitor has been told of
+  unsigned readAhead = 0;
+};
+
+_mvFileDataSource::_mvFileDataSource() : m_state(std::make_unique<State>()) {}
+_mvFileDataSource::~_mvFileDataSource() = default;
+
+void _mvFileDataSource::close() { m_state->file.close(); }
+int _mvFileDataSource::descriptor() const { return m_state->file.fd(); }
+long long _mvFileDataSource::bytesPassed() const { return m_state->position; }
+long long _mvFileDataSource::ftell64() { return m_state->seekable ? m_state->position : -1; }
+bool _mvFileDataSource::endWasSeen() const {
+  return m_state->atEnd && m_state->endAt < 0 && m_state->windowAt == m_state->windowEnd;
+}
 
 // Opening a FIFO waits for its writer, and a signal breaks the wait; then the event is asked, and without its
 // word the wait goes on. osOpenOnce leaves EINTR to its caller for that.
@@ -63,48 +98,49 @@ bool _mvFileDataSource::openDataSourceFile(const XString& path, LogBase& log, Pr
 // A directory opens like a file and would fail only at the first read, so it is refused here. Seeking is left
 // to files and block devices: what other devices answer to a seek means nothing.
 bool _mvFileDataSource::adopt(OsFile file, const char* path, LogBase& log) {
-  m_file = std::move(file);
-  m_path = path;
-  m_failed = m_atEnd = false;
-  m_windowAt = m_windowEnd = kBehind;
-  m_readAhead = kAtStart;
-  m_endAt = m_sizeSeen = -1;
+  m_state->file = std::move(file);
+  m_state->path = path;
+  m_state->failed = m_state->atEnd = false;
+  m_state->windowAt = m_state->windowEnd = kBehind;
+  m_state->readAhead = kAtStart;
+  m_state->endAt = m_state->sizeSeen = -1;
   struct stat status {};
-  const int error = m_file.status(status) != 0 ? errno : S_ISDIR(status.st_mode) ? EISDIR : 0;
+  const int error = m_state->file.status(status) != 0 ? errno : S_ISDIR(status.st_mode) ? EISDIR : 0;
   if (error != 0) {
     logOsError(log, kCannotOpen, path, error);
-    m_file.close();
+    m_state->file.close();
     return false;
   }
-  const long long at = m_file.seek(0, SEEK_CUR);
-  m_seekable = at >= 0 && (S_ISREG(status.st_mode) || S_ISBLK(status.st_mode));
-  m_position = m_systemAt = m_seekable ? at : 0;
+  const long long at = m_state->file.seek(0, SEEK_CUR);
+  m_state->seekable = at >= 0 && (S_ISREG(status.st_mode) || S_ISBLK(status.st_mode));
+  m_state->position = m_state->systemAt = m_state->seekable ? at : 0;
   return true;
 }
 
 // Whoever calls this has examined the file: it is regular and stands at its beginning. That saves two system
 // calls for each of many small files.
 void _mvFileDataSource::adoptForCopy(OsFile file, const char* path, long long sizeSeen) {
-  m_file = std::move(file);
-  m_path = path;
-  m_failed = m_atEnd = false;
-  m_windowAt = m_windowEnd = kBehind;
-  m_readAhead = kCopyAtStart;
-  m_endAt = -1;
-  m_sizeSeen = sizeSeen;
-  m_seekable = true;
-  m_position = m_systemAt = 0;
+  m_state->file = std::move(file);
+  m_state->path = path;
+  m_state->failed = m_state->atEnd = false;
+  m_state->windowAt = m_state->windowEnd = kBehind;
+  m_state->readAhead = kCopyAtStart;
+  m_state->endAt = -1;
+  m_state->sizeSeen = sizeSeen;
+  m_state->seekable = true;
+  m_state->position = m_state->systemAt = 0;
 }
 
 // Spares a small file the read that would find nothing, and fixes where a larger or a growing one ends.
 // Called behind each read of such a file.
 void _mvFileDataSource::noteCopyEnd(unsigned wanted, unsigned got) {
-  if (got == 0 || (got < wanted && m_systemAt == m_sizeSeen)) {
-    m_atEnd = true;
-  } else if (m_endAt < 0) {
+  if (got == 0 || (got < wanted && m_state->systemAt == m_state->sizeSeen)) {
+    m_state->atEnd = true;
+  } else if (m_state->endAt < 0) {
     struct stat status;
     // Files that the system makes up while they are read say that they are smaller than they are.
-    if (m_file.status(status) == 0 && status.st_size >= m_systemAt) m_endAt = status.st_size;
+    if (m_state->file.status(status) == 0 && status.st_size >= m_state->systemAt)
+      m_state->endAt = status.st_size;
   }
 }
 
@@ -116,8 +152,8 @@ long long _mvFileDataSource::getFileSize64(LogBase& log) {
 
 bool _mvFileDataSource::getFileInfo(mvFileInfo& info, LogBase& log) const {
   struct stat status;
-  if (m_file.status(status) != 0) {
-    logOsError(log, "Failed to get file information.", m_path.c_str(), errno);
+  if (m_state->file.status(status) != 0) {
+    logOsError(log, "Failed to get file information.", m_state->path.c_str(), errno);
     return false;
   }
   info.setFromStatus(status);
@@ -126,20 +162,20 @@ bool _mvFileDataSource::getFileInfo(mvFileInfo& info, LogBase& log) const {
 
 long long _mvFileDataSource::sizeIfKnown() {
   struct stat status;
-  return m_file.status(status) == 0 && S_ISREG(status.st_mode) ? status.st_size : -1;
+  return m_state->file.status(status) == 0 && S_ISREG(status.st_mode) ? status.st_size : -1;
 }
 
 // A read of one byte at a position moves nothing; on what has no positions it fails, which is false too.
 bool _mvFileDataSource::hasByteAt(long long position) const {
   char byte;
-  return m_file.readSomeAt(&byte, 1, position) > 0;
+  return m_state->file.readSomeAt(&byte, 1, position) > 0;
 }
 
 bool _mvFileDataSource::endOfStream() {
-  if (m_windowAt < m_windowEnd) return false;
-  if (m_atEnd || m_endAt >= 0) return m_atEnd || m_position >= m_endAt;
+  if (m_state->windowAt < m_state->windowEnd) return false;
+  if (m_state->atEnd || m_state->endAt >= 0) return m_state->atEnd || m_state->position >= m_state->endAt;
   // Nobody has met the end yet; a file that is smaller than it was ends its copy by a read.
-  return m_seekable && m_position >= m_sizeSeen && !hasByteAt(m_position);
+  return m_state->seekable && m_state->position >= m_state->sizeSeen && !hasByteAt(m_state->position);
 }
 
 // One read that moves at least a byte unless the data end; `got` 0 is the end. Reads are by position where
@@ -149,53 +185,55 @@ bool _mvFileDataSource::readSystem(char* buffer, unsigned n, unsigned& got, Prog
                                    LogBase& log) {
   got = 0;
   // The system refuses a read that would go on past the last position a file can have.
-  const long long end = m_endAt >= 0 ? m_endAt : std::numeric_limits<long long>::max();
-  n = static_cast<unsigned>(std::clamp<long long>(end - m_systemAt, 0, n));
-  m_atEnd = n == 0 || (m_sizeSeen >= 0 && m_atEnd);
-  if (m_atEnd) return true;
+  const long long end = m_state->endAt >= 0 ? m_state->endAt : std::numeric_limits<long long>::max();
+  n = static_cast<unsigned>(std::clamp<long long>(end - m_state->systemAt, 0, n));
+  m_state->atEnd = n == 0 || (m_state->sizeSeen >= 0 && m_state->atEnd);
+  if (m_state->atEnd) return true;
   while (true) {
-    const ssize_t read = m_seekable ? m_file.readSomeAt(buffer, n, m_systemAt) : m_file.readSome(buffer, n);
+    const ssize_t read = m_state->seekable ? m_state->file.readSomeAt(buffer, n, m_state->systemAt)
+                                           : m_state->file.readSome(buffer, n);
     if (read >= 0) {
-      m_atEnd = read == 0;
+      m_state->atEnd = read == 0;
       got = static_cast<unsigned>(read);
-      m_systemAt += read;
-      if (m_sizeSeen >= 0) noteCopyEnd(n, got);
+      m_state->systemAt += read;
+      if (m_state->sizeSeen >= 0) noteCopyEnd(n, got);
       return true;
     }
     const int error = errno;
     if (error == EINTR && !endsWait(pm, log)) continue;
     // A descriptor that somebody shares with us may have been told not to wait.
-    if (error == EAGAIN && m_file.setBlocking() == 0) continue;
-    m_failed = true;
-    if (error != EINTR) logOsError(log, "Failed to read from file.", m_path.c_str(), error);
+    if (error == EAGAIN && m_state->file.setBlocking() == 0) continue;
+    m_state->failed = true;
+    if (error != EINTR) logOsError(log, "Failed to read from file.", m_state->path.c_str(), error);
     return false;
   }
 }
 
 // Made when it is needed first: a source that is only asked for its size has none.
 bool _mvFileDataSource::makeWindow(LogBase& log) {
-  if (m_window) return true;
-  m_window = makeAlignedArray(kBehind + kWindow);
-  if (!m_window) log.LogError("Out of memory for a read buffer.");
-  return m_window != nullptr;
+  if (m_state->window) return true;
+  m_state->window = makeAlignedArray(kBehind + kWindow);
+  if (!m_state->window) log.LogError("Out of memory for a read buffer.");
+  return m_state->window != nullptr;
 }
 
 // Only when all of the window has been handed out.
 bool _mvFileDataSource::fillWindow(ProgressMonitor* pm, LogBase& log) {
   if (!makeWindow(log)) return false;
-  std::memmove(m_window.get(), m_window.get() + m_windowEnd - kBehind, kBehind);
-  m_windowAt = m_windowEnd = kBehind;
+  std::memmove(m_state->window.get(), m_state->window.get() + m_state->windowEnd - kBehind, kBehind);
+  m_state->windowAt = m_state->windowEnd = kBehind;
   unsigned got = 0;
-  if (!readSystem(m_window.get() + kBehind, m_readAhead, got, pm, log)) return false;
-  m_windowEnd += got;
-  m_readAhead = std::clamp(m_readAhead * 4, kAfterJump, m_sizeSeen >= 0 ? kCopyWindow : kWindow);
+  if (!readSystem(m_state->window.get() + kBehind, m_state->readAhead, got, pm, log)) return false;
+  m_state->windowEnd += got;
+  m_state->readAhead =
+      std::clamp(m_state->readAhead * 4, kAfterJump, m_state->sizeSeen >= 0 ? kCopyWindow : kWindow);
   return true;
 }
 
 // Progress counts each byte once, also one that was taken back and is handed out again.
 bool _mvFileDataSource::mayGoOn(unsigned moved, ProgressMonitor* pm, LogBase& log) {
-  const unsigned again = std::min(moved, m_countedBefore);
-  m_countedBefore -= again;
+  const unsigned again = std::min(moved, m_state->countedBefore);
+  m_state->countedBefore -= again;
   if (!pm || !(pm->abortCheckTimed(log) || pm->consumeProgress(moved - again, log))) return true;
   return logAborted(log);
 }
@@ -204,20 +242,20 @@ bool _mvFileDataSource::mayGoOn(unsigned moved, ProgressMonitor* pm, LogBase& lo
 bool _mvFileDataSource::lendBytes(unsigned most, const char*& bytes, unsigned& n, ProgressMonitor* pm,
                                   LogBase& log) {
   n = 0;
-  if (m_failed) return false;
-  if (m_windowAt == m_windowEnd && !fillWindow(pm, log)) return false;
-  n = std::min(most, m_windowEnd - m_windowAt);
-  bytes = m_window.get() + m_windowAt;
-  m_windowAt += n;
-  m_position += n;
+  if (m_state->failed) return false;
+  if (m_state->windowAt == m_state->windowEnd && !fillWindow(pm, log)) return false;
+  n = std::min(most, m_state->windowEnd - m_state->windowAt);
+  bytes = m_state->window.get() + m_state->windowAt;
+  m_state->windowAt += n;
+  m_state->position += n;
   return mayGoOn(n, pm, log);
 }
 
-// The caller took them from here: they are still in front of m_windowAt.
+// The caller took them from here: they are still in front of where the window stands.
 void _mvFileDataSource::takeBack(unsigned n) {
-  m_windowAt -= n;
-  m_position -= n;
-  m_countedBefore += n;
+  m_state->windowAt -= n;
+  m_state->position -= n;
+  m_state->countedBefore += n;
 }
 
 // Small reads go through the window, large ones past it, straight into the caller's memory. A pipe's short
@@ -225,20 +263,20 @@ void _mvFileDataSource::takeBack(unsigned n) {
 bool _mvFileDataSource::readSourcePM(char* buffer, unsigned int n, unsigned int& numRead, ProgressMonitor* pm,
                                      LogBase& log) {
   numRead = 0;
-  if (m_failed) return false;
+  if (m_state->failed) return false;
   while (numRead < n) {
     unsigned wanted = n - numRead, got = 0;
     // From half a window on a read of its own costs less than the copy.
-    if (m_windowAt == m_windowEnd && wanted < kWindow / 2 && !fillWindow(pm, log)) return false;
-    if (m_windowAt < m_windowEnd) {
-      got = std::min(wanted, m_windowEnd - m_windowAt);
-      std::memcpy(buffer + numRead, m_window.get() + m_windowAt, got);
-      m_windowAt += got;
+    if (m_state->windowAt == m_state->windowEnd && wanted < kWindow / 2 && !fillWindow(pm, log)) return false;
+    if (m_state->windowAt < m_state->windowEnd) {
+      got = std::min(wanted, m_state->windowEnd - m_state->windowAt);
+      std::memcpy(buffer + numRead, m_state->window.get() + m_state->windowAt, got);
+      m_state->windowAt += got;
     } else if (wanted >= kWindow / 2 && !readSystem(buffer + numRead, wanted, got, pm, log)) {
       return false;
     }
     if (got == 0) break;
-    m_position += got;
+    m_state->position += got;
     numRead += got;
   }
   return mayGoOn(numRead, pm, log);
@@ -247,11 +285,11 @@ bool _mvFileDataSource::readSourcePM(char* buffer, unsigned int n, unsigned int&
 // What lies in the window comes first, alone: a second source of bytes in one call could wait.
 bool _mvFileDataSource::readOnce(char* buffer, unsigned n, unsigned& got, LogBase& log) {
   got = 0;
-  if (m_failed) return false;
-  if (m_windowAt < m_windowEnd)
-    return readSourcePM(buffer, std::min(n, m_windowEnd - m_windowAt), got, nullptr, log);
+  if (m_state->failed) return false;
+  if (m_state->windowAt < m_state->windowEnd)
+    return readSourcePM(buffer, std::min(n, m_state->windowEnd - m_state->windowAt), got, nullptr, log);
   if (!readSystem(buffer, n, got, nullptr, log)) return false;
-  m_position += got;
+  m_state->position += got;
   return true;
 }
 
@@ -259,23 +297,23 @@ bool _mvFileDataSource::readOnce(char* buffer, unsigned n, unsigned& got, LogBas
 // bytes have not been passed.
 bool _mvFileDataSource::peekBytes(unsigned n, const char*& bytes, unsigned& got, ProgressMonitor* pm,
                                   LogBase& log) {
-  if (m_failed || !makeWindow(log)) return false;
+  if (m_state->failed || !makeWindow(log)) return false;
   // A pipe may give its first bytes in small pieces: gather them at the window's start.
-  const unsigned held = m_windowEnd - m_windowAt;
-  if (m_windowAt > kBehind) {
-    std::memmove(m_window.get(), m_window.get() + m_windowAt - kBehind, kBehind + held);
-    m_windowAt = kBehind;
-    m_windowEnd = kBehind + held;
+  const unsigned held = m_state->windowEnd - m_state->windowAt;
+  if (m_state->windowAt > kBehind) {
+    std::memmove(m_state->window.get(), m_state->window.get() + m_state->windowAt - kBehind, kBehind + held);
+    m_state->windowAt = kBehind;
+    m_state->windowEnd = kBehind + held;
   }
-  while (m_windowEnd - m_windowAt < n) {
-    const unsigned room = kBehind + m_readAhead - m_windowEnd;
+  while (m_state->windowEnd - m_state->windowAt < n) {
+    const unsigned room = kBehind + m_state->readAhead - m_state->windowEnd;
     unsigned more = 0;
-    if (!readSystem(m_window.get() + m_windowEnd, room, more, pm, log)) return false;
+    if (!readSystem(m_state->window.get() + m_state->windowEnd, room, more, pm, log)) return false;
     if (more == 0) break;
-    m_windowEnd += more;
+    m_state->windowEnd += more;
   }
-  bytes = m_window.get() + m_windowAt;
-  got = std::min(n, m_windowEnd - m_windowAt);
+  bytes = m_state->window.get() + m_state->windowAt;
+  got = std::min(n, m_state->windowEnd - m_state->windowAt);
   return true;
 }
 
@@ -283,23 +321,24 @@ bool _mvFileDataSource::peekBytes(unsigned n, const char*& bytes, unsigned& got,
 // begins, for nobody knows yet whether there will be one. Without positions a source moves forward by
 // reading.
 bool _mvFileDataSource::fseekAbsolute64(long long position, LogBase& log) {
-  if (position < 0 || (!m_seekable && position < m_position)) {
+  if (position < 0 || (!m_state->seekable && position < m_state->position)) {
     log.LogError(position < 0 ? "Cannot seek to a negative position." : "Cannot seek back in this file.");
-    log.LogData("path", m_path.c_str());
-    m_failed = true;
+    log.LogData("path", m_state->path.c_str());
+    m_state->failed = true;
     return false;
   }
-  const long long forward = position - m_position;
-  if (forward >= 0 && forward <= m_windowEnd - m_windowAt) {
-    m_windowAt += static_cast<unsigned>(forward);
-    m_position = position;
+  const long long forward = position - m_state->position;
+  if (forward >= 0 && forward <= m_state->windowEnd - m_state->windowAt) {
+    m_state->windowAt += static_cast<unsigned>(forward);
+    m_state->position = position;
     return true;
   }
-  if (!m_seekable) return skip(forward, nullptr, log);
-  if (position != m_systemAt) m_readAhead = position - m_systemAt >= kLongJump ? kAfterLongJump : kAfterJump;
-  m_windowAt = m_windowEnd = kBehind;
-  m_position = m_systemAt = position;
-  m_atEnd = false;
+  if (!m_state->seekable) return skip(forward, nullptr, log);
+  if (position != m_state->systemAt)
+    m_state->readAhead = position - m_state->systemAt >= kLongJump ? kAfterLongJump : kAfterJump;
+  m_state->windowAt = m_state->windowEnd = kBehind;
+  m_state->position = m_state->systemAt = position;
+  m_state->atEnd = false;
   return true;
 }
 

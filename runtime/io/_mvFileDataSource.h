@@ -5,20 +5,21 @@
 // cannot be moved back; it is moved forward by reading.
 #pragma once
 
-#include <string>
+#include <memory>
 
-#include "runtime/base/AlignedArray.h"
-#include "runtime/fs/OsFile.h"
 #include "runtime/io/_mvDataSource.h"
 
 namespace morvane {
 
-struct mvFileInfo;
+class OsFile;
 class XString;
+struct mvFileInfo;
 
-// It owns its descriptor. Memory: none until it is needed, then 256 KiB.
+// It owns its descriptor. Memory: little until it is needed, then 256 KiB.
 class MORVANE_API _mvFileDataSource : public _mvDataSource {
  public:
+  _mvFileDataSource();
+  ~_mvFileDataSource() override;
   // Opens a file for reading; a FIFO is waited for. False, with the reason in the log, on failure. An
   // interrupt ends the wait if the monitor's event says so. Directories are refused, and so is a path that
   // holds a NUL.
@@ -30,16 +31,16 @@ class MORVANE_API _mvFileDataSource : public _mvDataSource {
   // The same for a regular file to be copied whole, whose size was `sizeSeen` when it was opened. The copy
   // ends where the file ends when its reading begins, however fast it grows.
   void adoptForCopy(OsFile file, const char* path, long long sizeSeen);
-  void close() { m_file.close(); }
+  void close();
   // For what is asked of the open file itself. -1 when it is closed.
-  int descriptor() const { return m_file.fd(); }
+  int descriptor() const;
 
   // The bytes handed out since it was adopted, also where there is no position to tell; the position
   // elsewhere.
-  long long bytesPassed() const { return m_position; }
+  long long bytesPassed() const;
   // Whether the system itself said that there is no more, rather than a limit of ours. For copies: whether
   // what is missing is missing in the file.
-  bool endWasSeen() const { return m_atEnd && m_endAt < 0 && m_windowAt == m_windowEnd; }
+  bool endWasSeen() const;
   // Whether the file has a byte at a position, whatever size it states. Never waits; nothing is passed.
   bool hasByteAt(long long position) const;
 
@@ -56,7 +57,7 @@ class MORVANE_API _mvFileDataSource : public _mvDataSource {
   bool endOfStream() override;
   // Any position from 0 on; reads past the end yield nothing. After a failed seek every read fails.
   bool fseekAbsolute64(long long position, LogBase& log) override;
-  long long ftell64() override { return m_seekable ? m_position : -1; }
+  long long ftell64() override;
   long long sizeIfKnown() override;
   bool canLend() override { return true; }
   bool lendBytes(unsigned most, const char*& bytes, unsigned& n, ProgressMonitor* pm, LogBase& log) override;
@@ -65,28 +66,15 @@ class MORVANE_API _mvFileDataSource : public _mvDataSource {
   bool peekBytes(unsigned n, const char*& bytes, unsigned& got, ProgressMonitor* pm, LogBase& log) override;
 
  private:
-  // Bytes of the window before that stay in front of it, more than takeBack may reach behind a piece.
-  static constexpr unsigned kBehind = 64;
+  // The open file, where it stands, and the bytes that were read ahead.
+  struct State;
 
   bool readSystem(char* buffer, unsigned n, unsigned& got, ProgressMonitor* pm, LogBase& log);
   bool fillWindow(ProgressMonitor* pm, LogBase& log);
   bool mayGoOn(unsigned moved, ProgressMonitor* pm, LogBase& log);
   void noteCopyEnd(unsigned wanted, unsigned got);
 
-  OsFile m_file;
-  std::string m_path;
-  bool m_seekable = false;
-  bool m_failed = false;
-  bool m_atEnd = false;
-  long long m_position = 0;   // of the next byte handed out
-  long long m_systemAt = 0;   // of the next byte the system will give
-  long long m_endAt = -1;     // -1: where the file ends
-  long long m_sizeSeen = -1;  // of a file to be copied whole
-  AlignedArray m_window;
-  // The bytes of the window not handed out yet; in front of it are the last ones of the window before.
-  unsigned m_windowAt = kBehind, m_windowEnd = kBehind;
-  unsigned m_countedBefore = 0;  // bytes taken back, which the monitor has been told of
-  unsigned m_readAhead = 0;
+  const std::unique_ptr<State> m_state;
 };
 
 }  // namespace morvane

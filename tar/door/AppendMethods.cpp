@@ -7,7 +7,7 @@
 #include "runtime/base/ScopeExit.h"
 #include "runtime/io/AppendOutput.h"
 #include "runtime/log/LogContextExitor.h"
-#include "tar/door/ClsTarMethod.h"
+#include "tar/door/ClsTarInner.h"
 #include "tar/format/ArchiveContent.h"
 #include "tar/format/TarBlock.h"
 #include "tar/read/UntarRun.h"
@@ -36,6 +36,10 @@ bool hasZerosAlone(_mvDataSource& source, const Io& io, bool& ok) {
 // The file is opened once, for the search and for the writing, so that both are of the same file. One that
 // was not there before is removed again when nothing comes of it.
 bool ClsTar::AppendTar(const XString& tarPath, ProgressEvent* progress) {
+  return m_inner->appendMethod(tarPath, progress);
+}
+
+bool ClsTar::Inner::appendMethod(const XString& tarPath, ProgressEvent* progress) {
   return method("AppendTar", MethodForm::Judged, false, [&](MethodFrame&) {
     setMatchPatternExactFlags();
     m_log.LogDataX("tarFormat", m_writeFormat);
@@ -64,7 +68,7 @@ bool ClsTar::AppendTar(const XString& tarPath, ProgressEvent* progress) {
     ProgressMonitorPtr monitor(progress, m_abortCheckMs, m_percentScale, total);
     const Io io(m_log, monitor.getPm(), progress);
     AppendOutput out(std::move(file), path, end, kEndMark);
-    m_archive->begin(Compression::None, m_options->codec);
+    m_archive.begin(Compression::None, m_options.codec);
     const bool written = writeFramed(out, Compression::None, io);
     // An archive that is complete counts, also when something was left out of it.
     if (!written && !m_onlyLeftOut) return false;
@@ -77,7 +81,7 @@ bool ClsTar::AppendTar(const XString& tarPath, ProgressEvent* progress) {
 // Where new members go: 0 in an empty file, else where the end mark begins. False, with the reason in the
 // log, for whatever is no whole plain archive. The application hears nothing of the members that are there;
 // it is asked whether to abort.
-bool ClsTar::findEndOfArchive(const OsFile& file, const XString& path, const Io& io, long long& end) {
+bool ClsTar::Inner::findEndOfArchive(const OsFile& file, const XString& path, const Io& io, long long& end) {
   LogContextExitor context(m_log, "findEndOfArchive");
   struct stat status;
   if (file.status(status) != 0 || !S_ISREG(status.st_mode)) {
@@ -97,7 +101,7 @@ bool ClsTar::findEndOfArchive(const OsFile& file, const XString& path, const Io&
                                         walk.options.fullRead = true;
                                         return walk;
                                       },
-                                      m_changes};
+                                      m_tar.m_changes};
   UntarRun run({source, io, m_log, m_xmlListing}, std::move(settings), false);
   if (run.run() < 0) return false;
   end = run.endPosition();

@@ -2,7 +2,7 @@
 #include "runtime/base/ScopeExit.h"
 #include "runtime/codec/Codec.h"
 #include "runtime/io/BufferedDataSource.h"
-#include "tar/door/ClsTarMethod.h"
+#include "tar/door/ClsTarInner.h"
 #include "tar/format/ArchiveContent.h"
 #include "tar/read/UntarRun.h"
 #include "tar/stream/RatioLimit.h"
@@ -32,39 +32,39 @@ bool failAsForeign(_mvDataSource& source, ProgressMonitor* pm, LogBase& log) {
 }  // namespace
 
 bool ClsTar::UntarZst(const XString& tarZstPath, ProgressEvent* progress) {
-  return untarCheckedPath("UntarZst", tarZstPath, Compression::Zstd, true, progress);
+  return m_inner->untarCheckedPath("UntarZst", tarZstPath, Compression::Zstd, true, progress);
 }
 
 bool ClsTar::UntarZst(_mvDataSource& source, ProgressEvent* progress) {
-  return untarCheckedSource("UntarZst", source, Compression::Zstd, true, progress);
+  return m_inner->untarCheckedSource("UntarZst", source, Compression::Zstd, true, progress);
 }
 
 bool ClsTar::UntarXz(const XString& tarXzPath, ProgressEvent* progress) {
-  return untarCheckedPath("UntarXz", tarXzPath, Compression::Xz, true, progress);
+  return m_inner->untarCheckedPath("UntarXz", tarXzPath, Compression::Xz, true, progress);
 }
 
 bool ClsTar::UntarXz(_mvDataSource& source, ProgressEvent* progress) {
-  return untarCheckedSource("UntarXz", source, Compression::Xz, true, progress);
+  return m_inner->untarCheckedSource("UntarXz", source, Compression::Xz, true, progress);
 }
 
 bool ClsTar::UntarAny(const XString& tarPath, ProgressEvent* progress) {
-  return untarCheckedPath("UntarAny", tarPath, kAny, true, progress);
+  return m_inner->untarCheckedPath("UntarAny", tarPath, kAny, true, progress);
 }
 
 bool ClsTar::UntarAny(_mvDataSource& source, ProgressEvent* progress) {
-  return untarCheckedSource("UntarAny", source, kAny, true, progress);
+  return m_inner->untarCheckedSource("UntarAny", source, kAny, true, progress);
 }
 
 bool ClsTar::VerifyAny(const XString& tarPath, ProgressEvent* progress) {
-  return untarCheckedPath("VerifyAny", tarPath, kAny, false, progress);
+  return m_inner->untarCheckedPath("VerifyAny", tarPath, kAny, false, progress);
 }
 
 bool ClsTar::VerifyAny(_mvDataSource& source, ProgressEvent* progress) {
-  return untarCheckedSource("VerifyAny", source, kAny, false, progress);
+  return m_inner->untarCheckedSource("VerifyAny", source, kAny, false, progress);
 }
 
-bool ClsTar::untarCheckedPath(const char* name, const XString& path, Compression expected, bool extract,
-                              ProgressEvent* progress) {
+bool ClsTar::Inner::untarCheckedPath(const char* name, const XString& path, Compression expected,
+                                     bool extract, ProgressEvent* progress) {
   return method(name, MethodForm::Judged, false, [&](MethodFrame& frame) {
     setMatchPatternExactFlags();
     ProgressMonitorPtr waiting(progress, m_abortCheckMs, m_percentScale, 0);
@@ -76,8 +76,8 @@ bool ClsTar::untarCheckedPath(const char* name, const XString& path, Compression
   });
 }
 
-bool ClsTar::untarCheckedSource(const char* name, _mvDataSource& source, Compression expected, bool extract,
-                                ProgressEvent* progress) {
+bool ClsTar::Inner::untarCheckedSource(const char* name, _mvDataSource& source, Compression expected,
+                                       bool extract, ProgressEvent* progress) {
   return method(name, MethodForm::Judged, false, [&](MethodFrame&) {
     setMatchPatternExactFlags();
     BufferedDataSource buffered(source);
@@ -86,8 +86,8 @@ bool ClsTar::untarCheckedSource(const char* name, _mvDataSource& source, Compres
   });
 }
 
-bool ClsTar::untarChecked(_mvDataSource& source, Compression expected, bool extract,
-                          ProgressEvent* progress) {
+bool ClsTar::Inner::untarChecked(_mvDataSource& source, Compression expected, bool extract,
+                                 ProgressEvent* progress) {
   const long long start = std::max(source.ftell64(), 0LL);
   ProgressMonitorPtr monitor(progress, m_abortCheckMs, m_percentScale,
                              std::max(source.sizeIfKnown() - start, 0LL));
@@ -111,10 +111,10 @@ bool ClsTar::untarChecked(_mvDataSource& source, Compression expected, bool extr
     if (isProtected) stream.protect(archive);
     StreamSink sink(stream);
     MeteredSource metered(source);
-    RatioLimit limited(sink, metered, m_options->maxRatio);
-    CodecOptions options = m_options->codec;
+    RatioLimit limited(sink, metered, m_options.maxRatio);
+    CodecOptions options = m_options.codec;
     options.verifyGzip = options.gzipAllMembers = true;
-    const bool expanded = codecOf(*found).decode(metered, limited, options, io.monitor, m_log);
+    const bool expanded = codecOf(*found).decode(metered, limited, options, io);
     ok = stream.FinishStreamingUntar(io.monitor, m_log) && expanded;
     m_onlyLeftOut = expanded && stream.onlyLeftOut();
   }

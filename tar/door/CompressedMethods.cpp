@@ -5,7 +5,8 @@
 #include "runtime/codec/MorvaneBzip2.h"
 #include "runtime/codec/MorvaneLzw.h"
 #include "runtime/io/BufferedDataSource.h"
-#include "tar/door/ClsTarMethod.h"
+#include "runtime/io/Io.h"
+#include "tar/door/ClsTarInner.h"
 #include "tar/stream/RatioLimit.h"
 #include "tar/stream/StreamSink.h"
 
@@ -13,33 +14,33 @@ namespace morvane {
 
 // Each method is a name for the log and a decompressor; archive and progress are alike.
 bool ClsTar::UntarGz(const XString& tarGzPath, ProgressEvent* progress) {
-  return untarCompressedFile("UntarGz", tarGzPath, progress, &ClsTar::inflateTar);
+  return m_inner->untarCompressedFile("UntarGz", tarGzPath, progress, &Inner::inflateTar);
 }
 
 bool ClsTar::UntarGz(_mvDataSource& source, ProgressEvent* progress) {
-  return untarCompressedSource("UntarGz", source, progress, &ClsTar::inflateTar);
+  return m_inner->untarCompressedSource("UntarGz", source, progress, &Inner::inflateTar);
 }
 
 // From the state of the last run, unlike the other two.
 bool ClsTar::UntarBz2(const XString& tarBz2Path, ProgressEvent* progress) {
-  return untarCompressedFile("UntarBz2", tarBz2Path, progress, &ClsTar::expandTarBz2);
+  return m_inner->untarCompressedFile("UntarBz2", tarBz2Path, progress, &Inner::expandTarBz2);
 }
 
 bool ClsTar::UntarBz2(_mvDataSource& source, ProgressEvent* progress) {
-  return untarCompressedSource("UntarBz2", source, progress, &ClsTar::expandTarBz2);
+  return m_inner->untarCompressedSource("UntarBz2", source, progress, &Inner::expandTarBz2);
 }
 
 bool ClsTar::UntarZ(const XString& tarZPath, ProgressEvent* progress) {
-  return untarCompressedFile("UntarZ", tarZPath, progress, &ClsTar::expandTarZ);
+  return m_inner->untarCompressedFile("UntarZ", tarZPath, progress, &Inner::expandTarZ);
 }
 
 bool ClsTar::UntarZ(_mvDataSource& source, ProgressEvent* progress) {
-  return untarCompressedSource("UntarZ", source, progress, &ClsTar::expandTarZ);
+  return m_inner->untarCompressedSource("UntarZ", source, progress, &Inner::expandTarZ);
 }
 
 // A path that cannot be opened leaves no verdict in the log.
-bool ClsTar::untarCompressedFile(const char* name, const XString& path, ProgressEvent* progress,
-                                 Decompress decompress) {
+bool ClsTar::Inner::untarCompressedFile(const char* name, const XString& path, ProgressEvent* progress,
+                                        Decompress decompress) {
   return method(name, MethodForm::Judged, false, [&](MethodFrame& frame) {
     setMatchPatternExactFlags();
     ProgressMonitorPtr waiting(progress, m_abortCheckMs, m_percentScale, 0);
@@ -52,8 +53,8 @@ bool ClsTar::untarCompressedFile(const char* name, const XString& path, Progress
 }
 
 // The source is the caller's and stays open.
-bool ClsTar::untarCompressedSource(const char* name, _mvDataSource& source, ProgressEvent* progress,
-                                   Decompress decompress) {
+bool ClsTar::Inner::untarCompressedSource(const char* name, _mvDataSource& source, ProgressEvent* progress,
+                                          Decompress decompress) {
   return method(name, MethodForm::Judged, false, [&](MethodFrame&) {
     setMatchPatternExactFlags();
     return untarCompressed(source, progress, decompress);
@@ -64,58 +65,57 @@ bool ClsTar::untarCompressedSource(const char* name, _mvDataSource& source, Prog
 // nothing in a buffer. Progress counts from where the source stands, and a source that does not know its size
 // has none. What is buffered is written even when the decompressor fails or throws, because what arrived
 // before damage is to be kept. onlyLeftOut needs the flush too: a full disk is no member that was left out.
-bool ClsTar::untarCompressed(_mvDataSource& source, ProgressEvent* progress, Decompress decompress) {
+bool ClsTar::Inner::untarCompressed(_mvDataSource& source, ProgressEvent* progress, Decompress decompress) {
   const long long start = std::max(source.ftell64(), 0LL);
   const long long total = std::max(source.sizeIfKnown() - start, 0LL);
   ProgressMonitorPtr pm(progress, m_abortCheckMs, m_percentScale, total);
   m_archiveSource = dynamic_cast<const _mvFileDataSource*>(&source);
   // The output of a run that was not finished stays open, also after an exception.
   ScopeExit letGo([this] {
-    m_stream->releaseTarget();
+    m_stream.releaseTarget();
     m_archiveSource = nullptr;
   });
   bool read = false, flushed = false;
   {
-    ScopeExit keepWhatArrived([&] { flushed = m_stream->flushOpenOutput(pm.getPm(), m_log); });
-    read = (this->*decompress)(source, pm.getPm(), m_log);
+    ScopeExit keepWhatArrived([&] { flushed = m_stream.flushOpenOutput(pm.getPm(), m_log); });
+    read = (this->*decompress)(source, Io(m_log, pm.getPm()));
   }
   const bool ok = read && flushed;
-  m_onlyLeftOut = !ok && flushed && m_stream->onlyLeftOut();
+  m_onlyLeftOut = !ok && flushed && m_stream.onlyLeftOut();
   // Bytes behind the compressed data are never read, and would be missing from the whole.
   if (ok) pm.consumeRemaining(m_log);
   return ok;
 }
 
 // Begins a streaming run over the archive that is being read.
-void ClsTar::beginFramedRun(LogBase& log) {
-  m_stream->BeginStreamingUntar();
+void ClsTar::Inner::beginFramedRun(LogBase& log) {
+  m_stream.BeginStreamingUntar();
   protectArchive(log);
 }
 
 // Only a file can be met again in the target.
-void ClsTar::protectArchive(LogBase& log) {
+void ClsTar::Inner::protectArchive(LogBase& log) {
   mvFileInfo archive;
-  if (m_archiveSource && m_archiveSource->getFileInfo(archive, log)) m_stream->protect(archive);
+  if (m_archiveSource && m_archiveSource->getFileInfo(archive, log)) m_stream.protect(archive);
 }
 
 // The header's fields are read in small pieces, and what follows a member must be given back: the source
 // lends. The run begins behind the gzip header, so that a file that is no gzip at all leaves the engine's
 // state and the target untouched.
-bool ClsTar::inflateTar(_mvDataSource& source, ProgressMonitor* pm, LogBase& log) {
-  LogContextExitor context(log, "unTarGz");
+bool ClsTar::Inner::inflateTar(_mvDataSource& source, const Io& io) {
+  LogContextExitor context(io.log, "unTarGz");
   BufferedDataSource buffered(source);
   _mvDataSource& lending = source.canLend() ? source : buffered;
-  if (!readGzipHeader(lending, pm, log)) return false;
-  beginFramedRun(log);
-  StreamSink sink(*m_stream);
+  if (!readGzipHeader(lending, io)) return false;
+  beginFramedRun(io.log);
+  StreamSink sink(m_stream);
   MeteredSource metered(lending);
-  RatioLimit limited(sink, metered, m_options->maxRatio);
-  if (!inflateGzipMembers(metered, limited, m_options->codec, pm, log)) {
-    log.LogError("unTarGz inflate failed (2)");
-    return false;
+  RatioLimit limited(sink, metered, m_options.maxRatio);
+  if (!inflateGzipMembers(metered, limited, m_options.codec, io)) {
+    return io.fail("unTarGz inflate failed (2)");
   }
-  if (!m_stream->FinishStreamingUntar(pm, log)) {
-    log.LogNotice("unTarGz failed.");  // the cause was said, or is a refused member
+  if (!m_stream.FinishStreamingUntar(io.monitor, io.log)) {
+    io.log.LogNotice("unTarGz failed.");  // the cause was said, or is a refused member
     return false;
   }
   return true;
@@ -123,35 +123,35 @@ bool ClsTar::inflateTar(_mvDataSource& source, ProgressMonitor* pm, LogBase& log
 
 // Unframed by default: the state of the last run goes on, so that an archive behind one that has ended
 // extracts nothing and succeeds. Bz2Framed is the way out. What such a run made is settled all the same.
-bool ClsTar::expandTarBz2(_mvDataSource& source, ProgressMonitor* pm, LogBase& log) {
+bool ClsTar::Inner::expandTarBz2(_mvDataSource& source, const Io& io) {
   MorvaneBzip2 bzip2;
-  StreamSink sink(*m_stream);
+  StreamSink sink(m_stream);
   MeteredSource metered(source);
-  RatioLimit limited(sink, metered, m_options->maxRatio);
-  if (m_options->bz2Framed) {
-    beginFramedRun(log);
-    return bzip2.DecompressStream(metered, limited, log, pm) && m_stream->FinishStreamingUntar(pm, log);
+  RatioLimit limited(sink, metered, m_options.maxRatio);
+  if (m_options.bz2Framed) {
+    beginFramedRun(io.log);
+    return bzip2.DecompressStream(metered, limited, io.log, io.monitor) &&
+           m_stream.FinishStreamingUntar(io.monitor, io.log);
   }
-  m_stream->beginUnframed();
-  protectArchive(log);
-  const bool expanded = bzip2.DecompressStream(metered, limited, log, pm);
-  m_stream->endUnframed(pm, log);
-  return expanded && !m_stream->anyLeftOut();
+  m_stream.beginUnframed();
+  protectArchive(io.log);
+  const bool expanded = bzip2.DecompressStream(metered, limited, io.log, io.monitor);
+  m_stream.endUnframed(io.monitor, io.log);
+  return expanded && !m_stream.anyLeftOut();
 }
 
 // The message blames the data; a member that was left out is in the log before it.
-bool ClsTar::expandTarZ(_mvDataSource& source, ProgressMonitor* pm, LogBase& log) {
-  _mvIoParams io(pm);
-  beginFramedRun(log);
-  StreamSink sink(*m_stream);
+bool ClsTar::Inner::expandTarZ(_mvDataSource& source, const Io& io) {
+  _mvIoParams params(io.monitor);
+  beginFramedRun(io.log);
+  StreamSink sink(m_stream);
   MeteredSource metered(source);
-  RatioLimit limited(sink, metered, m_options->maxRatio);
-  if (!MorvaneLzw::decompressLzwSource64(metered, limited, true, io, log)) {
-    log.LogError("Invalid compressed data (D)");
-    return false;
+  RatioLimit limited(sink, metered, m_options.maxRatio);
+  if (!MorvaneLzw::decompressLzwSource64(metered, limited, true, params, io.log)) {
+    return io.fail("Invalid compressed data (D)");
   }
-  if (!m_stream->FinishStreamingUntar(pm, log)) {
-    log.LogNotice("Untar failed, possible corrupt .Z file.");
+  if (!m_stream.FinishStreamingUntar(io.monitor, io.log)) {
+    io.log.LogNotice("Untar failed, possible corrupt .Z file.");
     return false;
   }
   return true;

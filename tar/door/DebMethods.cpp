@@ -2,7 +2,7 @@
 #include <new>
 
 #include "runtime/fs/Psdk.h"
-#include "tar/door/ClsTarMethod.h"
+#include "tar/door/ClsTarInner.h"
 #include "tar/format/ArFormat.h"
 
 namespace morvane {
@@ -49,7 +49,7 @@ bool assemble(const XString& controlPath, const XString& dataPath, DataBuffer& p
 
 // Nothing is created before the whole package is there: a tarball that is missing leaves no file behind.
 bool ClsTar::CreateDeb(const XString& controlPath, const XString& dataPath, const XString& debPath) {
-  return method("CreateDeb", MethodForm::Judged, false, [&](MethodFrame&) {
+  return m_inner->method("CreateDeb", MethodForm::Judged, false, [&](MethodFrame&) {
     DataBuffer package;
     return assemble(controlPath, dataPath, package, m_log) && isSystemPath(debPath, kCannotCreate, m_log) &&
            package.saveToFileUtf8(debPath.getUtf8(), &m_log);
@@ -58,7 +58,7 @@ bool ClsTar::CreateDeb(const XString& controlPath, const XString& dataPath, cons
 
 // The output hears that it is complete, so that one that buffers can say whether it is.
 bool ClsTar::CreateDeb(const XString& controlPath, const XString& dataPath, _mvOutput& out) {
-  return method("CreateDeb", MethodForm::Judged, false, [&](MethodFrame&) {
+  return m_inner->method("CreateDeb", MethodForm::Judged, false, [&](MethodFrame&) {
     DataBuffer package;
     return assemble(controlPath, dataPath, package, m_log) && out.writeDbPM(package, nullptr, m_log) &&
            out.announceOutputFinished(m_log);

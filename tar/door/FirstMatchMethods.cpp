@@ -1,5 +1,5 @@
 // ClsTar's extraction of the first matching member into memory.
-#include "tar/door/ClsTarMethod.h"
+#include "tar/door/ClsTarInner.h"
 #include "tar/read/FirstMatch.h"
 
 namespace morvane {
@@ -8,27 +8,27 @@ namespace morvane {
 bool ClsTar::_untarFirstMatchingToOutput(_mvDataSource& source, const XString& pattern, _mvOutput& out,
                                          LogBase& log, bool logEntries, ProgressMonitor* pm) {
   const StepGuard step(*this);
-  return step && takeOptions(log) && firstMatchTo(source, pattern, out, log, logEntries, pm);
+  return step && m_inner->takeOptions(log) &&
+         m_inner->firstMatchTo(source, pattern, out, logEntries, Io(log, pm));
 }
 
 // The pattern is the call's own; MustMatch and MustNotMatch are not asked, only whether case counts.
-bool ClsTar::firstMatchTo(_mvDataSource& source, const XString& pattern, _mvOutput& out, LogBase& log,
-                          bool logEntries, ProgressMonitor* pm) {
-  return copyFirstMatch(source, {pattern, m_matchCaseSensitive, logEntries}, readSettings(), out,
-                        Io(log, pm));
+bool ClsTar::Inner::firstMatchTo(_mvDataSource& source, const XString& pattern, _mvOutput& out,
+                                 bool logEntries, const Io& io) {
+  return copyFirstMatch(source, {pattern, m_matchCaseSensitive, logEntries}, readSettings(), out, io);
 }
 
 // Of plain archives, as all of these: in a compressed one no header is found.
 bool ClsTar::UntarFirstMatchingToMemory(DataBuffer& tarBytes, const XString& pattern,
                                         DataBuffer& destination) {
-  return method("UntarFirstMatchingToMemory", MethodForm::Judged, false, [&](MethodFrame&) {
+  return m_inner->method("UntarFirstMatchingToMemory", MethodForm::Judged, false, [&](MethodFrame&) {
     _mvMemoryDataSource source;
     source.initializeMemSource(tarBytes.getData2(), tarBytes.getSize());
     // Appending to the archive's own buffer would move it while it is read.
     DataBuffer found;
     const bool sameBuffer = &tarBytes == &destination;
     OutputDataBuffer out(sameBuffer ? found : destination);
-    const bool ok = firstMatchTo(source, pattern, out, m_log, m_log.verbose(), nullptr);
+    const bool ok = m_inner->firstMatchTo(source, pattern, out, m_log.verbose(), Io(m_log));
     // What was found is appended even if the rest of it did not come.
     return (!sameBuffer || destination.append(found)) && ok;
   });
@@ -36,7 +36,7 @@ bool ClsTar::UntarFirstMatchingToMemory(DataBuffer& tarBytes, const XString& pat
 
 // A path that cannot be opened ends with this line and without a verdict, as applications know it.
 bool ClsTar::UntarFirstMatchingToBd(const XString& tarPath, const XString& pattern, ClsBinData& destination) {
-  return method("UntarFirstMatchingToBd", MethodForm::Judged, false, [&](MethodFrame& frame) {
+  return m_inner->method("UntarFirstMatchingToBd", MethodForm::Judged, false, [&](MethodFrame& frame) {
     _mvFileDataSource file;
     if (!file.openDataSourceFile(tarPath, m_log)) {
       m_log.LogError("Failed.");
@@ -44,14 +44,14 @@ bool ClsTar::UntarFirstMatchingToBd(const XString& tarPath, const XString& patte
       return false;
     }
     OutputDataBuffer out(destination.data());
-    return firstMatchTo(file, pattern, out, m_log, m_log.verbose(), nullptr);
+    return m_inner->firstMatchTo(file, pattern, out, m_log.verbose(), Io(m_log));
   });
 }
 
 bool ClsTar::UntarFirstMatchingToBd(_mvDataSource& source, const XString& pattern, ClsBinData& destination) {
-  return method("UntarFirstMatchingToBd", MethodForm::Judged, false, [&](MethodFrame&) {
+  return m_inner->method("UntarFirstMatchingToBd", MethodForm::Judged, false, [&](MethodFrame&) {
     OutputDataBuffer out(destination.data());
-    return firstMatchTo(source, pattern, out, m_log, m_log.verbose(), nullptr);
+    return m_inner->firstMatchTo(source, pattern, out, m_log.verbose(), Io(m_log));
   });
 }
 

@@ -1,5 +1,5 @@
 // ClsTar's XML listings: ListXml, and the frame of those captured while reading.
-#include "tar/door/ClsTarMethod.h"
+#include "tar/door/ClsTarInner.h"
 #include "tar/format/XmlListing.h"
 #include "tar/read/XmlListingRun.h"
 
@@ -7,36 +7,37 @@ namespace morvane {
 
 // Waiting for a FIFO to be opened can be aborted as well; so there is a monitor before there is a source.
 bool ClsTar::ListXml(const XString& tarPath, XString& outXml, ProgressEvent* progress) {
-  return method("ListXml", MethodForm::Judged, false, [&](MethodFrame&) {
+  return m_inner->method("ListXml", MethodForm::Judged, false, [&](MethodFrame&) {
     m_log.LogDataX("tarPath", tarPath);
     ProgressMonitorPtr waiting(progress, m_abortCheckMs, m_percentScale, 0);
     _mvFileDataSource file;
     const bool opened = file.openDataSourceFile(tarPath, m_log, waiting.getPm());
     outXml.clear();  // only now: it may be the path, too
-    return opened && listXml(file, outXml, nullptr, progress);
+    return opened && m_inner->listXml(file, outXml, nullptr, progress);
   });
 }
 
 // A source cannot be the listing.
 bool ClsTar::ListXml(_mvDataSource& source, XString& outXml, ProgressEvent* progress) {
-  return method("ListXml", MethodForm::Judged, false, [&](MethodFrame&) {
+  return m_inner->method("ListXml", MethodForm::Judged, false, [&](MethodFrame&) {
     outXml.clear();
-    return listXml(source, outXml, nullptr, progress);
+    return m_inner->listXml(source, outXml, nullptr, progress);
   });
 }
 
 bool ClsTar::ListXml(_mvDataSource& source, _mvOutput& outXml, ProgressEvent* progress) {
-  return method("ListXml", MethodForm::Judged, false, [&](MethodFrame&) {
+  return m_inner->method("ListXml", MethodForm::Judged, false, [&](MethodFrame&) {
     XString text;
     _mvIoParams io;
     // What was listed before a failure is written too, with its end.
-    const bool listed = listXml(source, text, &outXml, progress);
+    const bool listed = m_inner->listXml(source, text, &outXml, progress);
     return outXml._writeBytes(text.getUtf8(), text.getSizeUtf8(), io, m_log) && listed;
   });
 }
 
 // Without a total, because a listing seeks over the data and has nothing to count.
-bool ClsTar::listXml(_mvDataSource& source, XString& outXml, _mvOutput* drain, ProgressEvent* progress) {
+bool ClsTar::Inner::listXml(_mvDataSource& source, XString& outXml, _mvOutput* drain,
+                            ProgressEvent* progress) {
   ProgressMonitorPtr monitor(progress, m_abortCheckMs, m_percentScale, 0);
   return XmlListingRun(source, liveReadSettings(), Io(m_log, monitor.getPm())).run(outXml, drain);
 }
@@ -46,13 +47,13 @@ bool ClsTar::listXml(_mvDataSource& source, XString& outXml, _mvOutput* drain, P
 void ClsTar::xmlListingInit() {
   const StepGuard step(*this);
   if (!step) return;
-  if (m_captureXmlListing) m_xmlListing.setFromUtf8(kXmlListingStart);
+  if (m_inner->m_captureXmlListing) m_inner->m_xmlListing.setFromUtf8(kXmlListingStart);
 }
 
 void ClsTar::xmlListingFinish() {
   const StepGuard step(*this);
   if (!step) return;
-  if (m_captureXmlListing) endXmlListing(m_xmlListing);
+  if (m_inner->m_captureXmlListing) endXmlListing(m_inner->m_xmlListing);
 }
 
 }  // namespace morvane

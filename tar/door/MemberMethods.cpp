@@ -2,8 +2,9 @@
 // output.
 #include "runtime/codec/Codec.h"
 #include "runtime/io/BufferedDataSource.h"
+#include "runtime/io/Io.h"
 #include "runtime/io/OutputFlush.h"
-#include "tar/door/ClsTarMethod.h"
+#include "tar/door/ClsTarInner.h"
 #include "tar/format/ArchiveContent.h"
 #include "tar/read/UntarRun.h"
 #include "tar/stream/RatioLimit.h"
@@ -34,24 +35,24 @@ class UntilMember : public _mvOutput {
 }  // namespace
 
 bool ClsTar::UntarMemberToOutput(const XString& tarPath, _mvOutput& out, ProgressEvent* progress) {
-  return membersFromPath("UntarMemberToOutput", tarPath, out, true, progress);
+  return m_inner->membersFromPath("UntarMemberToOutput", tarPath, out, true, progress);
 }
 
 bool ClsTar::UntarMemberToOutput(_mvDataSource& source, _mvOutput& out, ProgressEvent* progress) {
-  return membersFromSource("UntarMemberToOutput", source, out, true, progress);
+  return m_inner->membersFromSource("UntarMemberToOutput", source, out, true, progress);
 }
 
 bool ClsTar::UntarMembersToOutput(const XString& tarPath, _mvOutput& out, ProgressEvent* progress) {
-  return membersFromPath("UntarMembersToOutput", tarPath, out, false, progress);
+  return m_inner->membersFromPath("UntarMembersToOutput", tarPath, out, false, progress);
 }
 
 bool ClsTar::UntarMembersToOutput(_mvDataSource& source, _mvOutput& out, ProgressEvent* progress) {
-  return membersFromSource("UntarMembersToOutput", source, out, false, progress);
+  return m_inner->membersFromSource("UntarMembersToOutput", source, out, false, progress);
 }
 
 // Which compression it is, the content tells: one method for all of them.
-bool ClsTar::membersFromPath(const char* name, const XString& tarPath, _mvOutput& out, bool firstAlone,
-                             ProgressEvent* progress) {
+bool ClsTar::Inner::membersFromPath(const char* name, const XString& tarPath, _mvOutput& out, bool firstAlone,
+                                    ProgressEvent* progress) {
   return method(name, MethodForm::Judged, false, [&](MethodFrame&) {
     m_log.LogDataX("tarPath", tarPath);
     ProgressMonitorPtr waiting(progress, m_abortCheckMs, m_percentScale, 0);
@@ -62,8 +63,8 @@ bool ClsTar::membersFromPath(const char* name, const XString& tarPath, _mvOutput
 }
 
 // Telling it needs to look ahead, and gzip to give back; a source that cannot do both gets a buffer.
-bool ClsTar::membersFromSource(const char* name, _mvDataSource& source, _mvOutput& out, bool firstAlone,
-                               ProgressEvent* progress) {
+bool ClsTar::Inner::membersFromSource(const char* name, _mvDataSource& source, _mvOutput& out,
+                                      bool firstAlone, ProgressEvent* progress) {
   return method(name, MethodForm::Judged, false, [&](MethodFrame&) {
     BufferedDataSource buffered(source);
     return membersToOutput(source.canLend() && source.canPeek() ? source : buffered, out, firstAlone,
@@ -74,19 +75,19 @@ bool ClsTar::membersFromSource(const char* name, _mvDataSource& source, _mvOutpu
 // No total where one member is wanted: where it lies is not known beforehand. A plain archive goes to the
 // pull engine, which can seek over what is not wanted. The output is flushed before success is claimed; that
 // no member was wanted counts as left out, not as damage.
-bool ClsTar::membersToOutput(_mvDataSource& source, _mvOutput& out, bool firstAlone,
-                             ProgressEvent* progress) {
+bool ClsTar::Inner::membersToOutput(_mvDataSource& source, _mvOutput& out, bool firstAlone,
+                                    ProgressEvent* progress) {
   const long long start = std::max(source.ftell64(), 0LL);
   const long long total = firstAlone ? 0 : std::max(source.sizeIfKnown() - start, 0LL);
   ProgressMonitorPtr monitor(progress, m_abortCheckMs, m_percentScale, total);
-  ProgressMonitor* const pm = monitor.getPm();
+  const Io io(m_log, monitor.getPm(), progress);
   // First, so that every way out from here passes it.
-  OutputFlush flush(out, pm);
+  OutputFlush flush(out, io.monitor);
   std::optional<Compression> compression;
-  if (!detectArchive(source, compression, pm, m_log)) return false;
+  if (!detectArchive(source, compression, io.monitor, m_log)) return false;
   bool found = false;
   if (compression.value_or(Compression::None) == Compression::None) {
-    UntarRun run({source, Io(m_log, pm, progress), m_log, m_xmlListing}, liveMemberSettings(), true);
+    UntarRun run({source, io, m_log, m_xmlListing}, liveMemberSettings(), true);
     run.extractMembersInto(out, firstAlone);
     const int count = run.run();
     if (count < 0) return false;
@@ -99,13 +100,13 @@ bool ClsTar::membersToOutput(_mvDataSource& source, _mvOutput& out, bool firstAl
     stream.extractMembersInto(out, firstAlone);
     UntilMember sink(stream, firstAlone);
     MeteredSource metered(source);
-    RatioLimit limited(sink, metered, m_options->maxRatio);
-    const bool ended = codecOf(*compression).decode(metered, limited, m_options->codec, pm, m_log);
+    RatioLimit limited(sink, metered, m_options.maxRatio);
+    const bool ended = codecOf(*compression).decode(metered, limited, m_options.codec, io);
     found = stream.completeMembers() > 0;
     // A stream that ended well without a member is no damage; the run's own failure is, but behind the one
     // member that was wanted.
     const bool needsEnd = !found || !firstAlone;
-    if (needsEnd && (!ended || !stream.FinishStreamingUntar(pm, m_log))) return false;
+    if (needsEnd && (!ended || !stream.FinishStreamingUntar(io.monitor, m_log))) return false;
   }
   if (!found) m_log.LogError("No such member.");
   m_onlyLeftOut = !found;

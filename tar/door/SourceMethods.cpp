@@ -2,7 +2,8 @@
 #include <memory>
 
 #include "runtime/fs/Psdk.h"
-#include "tar/door/ClsTarMethod.h"
+#include "tar/door/ClsTarInner.h"
+#include "tar/write/DirRoot.h"
 #include "tar/write/SourceEntry.h"
 
 namespace morvane {
@@ -21,19 +22,19 @@ bool fails(const char* message, LogBase& log) {
 }  // namespace
 
 bool ClsTar::AddDirRoot(const XString& dirPath) {
-  return method("AddDirRoot", MethodForm::Judged, false,
-                [&](MethodFrame&) { return addDirRoot(nullptr, dirPath); });
+  return m_inner->method("AddDirRoot", MethodForm::Judged, false,
+                         [&](MethodFrame&) { return m_inner->addDirRoot(nullptr, dirPath); });
 }
 
 bool ClsTar::AddDirRoot2(const XString& pathPrefix, const XString& dirPath) {
-  return method("AddDirRoot2", MethodForm::Judged, false,
-                [&](MethodFrame&) { return addDirRoot(&pathPrefix, dirPath); });
+  return m_inner->method("AddDirRoot2", MethodForm::Judged, false,
+                         [&](MethodFrame&) { return m_inner->addDirRoot(&pathPrefix, dirPath); });
 }
 
 // Looked at now, so that a mistyped path fails where it was given. A root that is a link to a directory is
 // followed, as the walk will do. The list takes the root over; unlike a file's, its prefix is kept apart from
 // its path.
-bool ClsTar::addDirRoot(const XString* pathPrefix, const XString& dirPath) {
+bool ClsTar::Inner::addDirRoot(const XString* pathPrefix, const XString& dirPath) {
   if (pathPrefix) m_log.LogDataX("pathPrefix", *pathPrefix);
   m_log.LogDataX("dirPath", dirPath);
   if (hasNul(dirPath) || (pathPrefix && hasNul(*pathPrefix))) return fails(kNulInPath, m_log);
@@ -48,31 +49,32 @@ bool ClsTar::addDirRoot(const XString* pathPrefix, const XString& dirPath) {
 
 // A file need not be there yet: only the write looks at it.
 bool ClsTar::AddFile(const XString& path) {
-  return method("AddFile", MethodForm::WithVersion, false,
-                [&](MethodFrame&) { return addEntry(path.str()); });
+  return m_inner->method("AddFile", MethodForm::WithVersion, false,
+                         [&](MethodFrame&) { return m_inner->addEntry(path.str()); });
 }
 
 // An ESC in either path is not refused, though the path is cut there when it is read back.
 bool ClsTar::AddFile2(const XString& path, const XString& pathInTar) {
-  return method("AddFile2", MethodForm::WithVersion, false,
-                [&](MethodFrame&) { return addEntry(makePairEntry(path.str(), pathInTar.str())); });
+  return m_inner->method("AddFile2", MethodForm::WithVersion, false, [&](MethodFrame&) {
+    return m_inner->addEntry(makePairEntry(path.str(), pathInTar.str()));
+  });
 }
 
 // The time of the call stands in for the one that a file would have.
 bool ClsTar::AddBytes(const XString& pathInTar, const DataBuffer& data) {
-  return method("AddBytes", MethodForm::WithVersion, false, [&](MethodFrame&) {
+  return m_inner->method("AddBytes", MethodForm::WithVersion, false, [&](MethodFrame&) {
     if (hasNul(pathInTar)) return fails(kNulInPath, m_log);
     auto file = std::make_unique<MemoryFile>();
     // The text of the entry is the path; its bytes go beside it.
     file->setString(pathInTar.getUtf8());
     file->m_added = MorvaneFileTime::fromUnixTime64(Psdk::getCurrentUnixTime());
-    const bool added = file->m_bytes.append(data) && m_files.appendSb(file.release());
+    const bool added = file->m_bytes.append(data) && m_inner->m_files.appendSb(file.release());
     return added || fails("Out of memory for a file.", m_log);
   });
 }
 
 // The list owns what it is given, also when it fails to take it.
-bool ClsTar::addEntry(const std::string& entry) {
+bool ClsTar::Inner::addEntry(const std::string& entry) {
   if (entry.find('\0') != std::string::npos) return fails(kNulInPath, m_log);
   auto owned = std::make_unique<StringBuffer>(entry);
   return m_files.appendSb(owned.release()) || fails("Out of memory for a file.", m_log);
@@ -80,9 +82,9 @@ bool ClsTar::addEntry(const std::string& entry) {
 
 // An index out of range, negative ones included, gives null.
 bool ClsTar::GetDirRoot(int index, XString& outDirPath) {
-  return method("GetDirRoot", MethodForm::Judged, false, [&](MethodFrame&) {
+  return m_inner->method("GetDirRoot", MethodForm::Judged, false, [&](MethodFrame&) {
     outDirPath.clear();
-    const auto* const root = static_cast<const _dirRoot*>(m_dirRoots.elementAt(index));
+    const auto* const root = static_cast<const _dirRoot*>(m_inner->m_dirRoots.elementAt(index));
     if (!root) {
       m_log.LogError("Index out of range");
       m_log.LogDataLong("index", index);
@@ -96,14 +98,14 @@ bool ClsTar::GetDirRoot(int index, XString& outDirPath) {
 // A property, and no method: no frame, no log.
 int ClsTar::get_NumDirRoots() {
   CritSecExitor lock(*this);
-  return m_dirRoots.getSize();
+  return m_inner->m_dirRoots.getSize();
 }
 
 // No verdict: there is nothing that could fail.
 bool ClsTar::ClearDirRootsAndFiles() {
-  return method("ClearDirRootsAndFiles", MethodForm::Unjudged, false, [&](MethodFrame&) {
-    m_dirRoots.removeAllObjects();
-    m_files.removeAllSbs();
+  return m_inner->method("ClearDirRootsAndFiles", MethodForm::Unjudged, false, [&](MethodFrame&) {
+    m_inner->m_dirRoots.removeAllObjects();
+    m_inner->m_files.removeAllSbs();
     return true;
   });
 }

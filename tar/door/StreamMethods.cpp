@@ -1,9 +1,6 @@
 // ClsTar as an output sink: the streaming operations as steps that an application calls by itself.
-#include "runtime/component/MethodFrame.h"
-#include "tar/ClsTar.h"
-#include "tar/settings/ReadSettings.h"
+#include "tar/door/ClsTarInner.h"
 #include "tar/stream/StreamSink.h"
-#include "tar/stream/StreamingUntar.h"
 
 namespace morvane {
 
@@ -11,9 +8,9 @@ namespace morvane {
 void ClsTar::BeginStreamingUntar(LogBase& log) {
   const StepGuard step(*this);
   if (!step) return;
-  const bool usable = takeOptions(log);
-  m_stream->BeginStreamingUntar();
-  if (!usable) m_stream->breakOff();
+  const bool usable = m_inner->takeOptions(log);
+  m_inner->m_stream.BeginStreamingUntar();
+  if (!usable) m_inner->m_stream.breakOff();
 }
 
 // These take no lock, because a decompressor of the application calls them for each piece; StepGuard keeps
@@ -21,31 +18,33 @@ void ClsTar::BeginStreamingUntar(LogBase& log) {
 bool ClsTar::StreamingUntarNext(const unsigned char* data, unsigned int numBytes, bool& finished,
                                 ProgressMonitor* pm, LogBase& log) {
   const StepGuard step(*this);
-  return step && takeOptions(log) && m_stream->StreamingUntarNext(data, numBytes, finished, pm, log);
+  return step && m_inner->takeOptions(log) &&
+         m_inner->m_stream.StreamingUntarNext(data, numBytes, finished, pm, log);
 }
 
 // Not refused for unusable words: what was extracted has to be settled in any case.
 bool ClsTar::FinishStreamingUntar(ProgressMonitor* pm, LogBase& log) {
   const StepGuard step(*this);
-  return step && m_stream->FinishStreamingUntar(pm, log);
+  return step && m_inner->m_stream.FinishStreamingUntar(pm, log);
 }
 
 bool ClsTar::streamingUntarInner(const unsigned char* data, unsigned int numBytes, bool& finished,
                                  ProgressMonitor* pm, LogBase& log) {
   const StepGuard step(*this);
-  return step && takeOptions(log) && m_stream->streamingUntarInner(data, numBytes, finished, pm, log);
+  return step && m_inner->takeOptions(log) &&
+         m_inner->m_stream.streamingUntarInner(data, numBytes, finished, pm, log);
 }
 
 // As a sink the object cannot say that the archive has ended; what comes behind the end is taken and ignored.
 bool ClsTar::_writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log) {
   const StepGuard step(*this);
-  return step && takeOptions(log) && StreamSink(*m_stream)._writeBytes(bytes, n, io, log);
+  return step && m_inner->takeOptions(log) && StreamSink(m_inner->m_stream)._writeBytes(bytes, n, io, log);
 }
 
 // UntarGz without its frame: the caller's log, monitor and source.
 bool ClsTar::unTarGz(_mvDataSource& source, ProgressMonitor* pm, LogBase& log) {
   const StepGuard step(*this);
-  return step && takeOptions(log) && inflateTar(source, pm, log);
+  return step && m_inner->takeOptions(log) && m_inner->inflateTar(source, Io(log, pm));
 }
 
 }  // namespace morvane

@@ -4,8 +4,9 @@
 #include "runtime/base/ScopeExit.h"
 #include "runtime/codec/GzipFormat.h"
 #include "runtime/io/AppendOutput.h"
+#include "runtime/io/Io.h"
 #include "runtime/io/OutputFlush.h"
-#include "tar/door/ClsTarMethod.h"
+#include "tar/door/ClsTarInner.h"
 #include "tar/format/TarNumber.h"
 #include "tar/format/UstarSplit.h"
 #include "tar/write/ArchiveWriter.h"
@@ -15,60 +16,55 @@
 
 namespace morvane {
 
-// Where an archive goes: to the file at a path, which the log shows under a tag, or to an output.
-struct ClsTar::ArchivePlace {
-  const char* pathTag;
-  const XString* path;  // null: to the output
-  _mvOutput* out;
-};
-
 // ---- The methods. Each names its compression and where the archive goes; what they share comes behind.
 
 bool ClsTar::WriteTar(const XString& tarPath, ProgressEvent* progress) {
-  return writeMethod("WriteTar", Compression::None, {"outputFile", &tarPath, nullptr}, progress);
+  return m_inner->writeMethod("WriteTar", Compression::None, {"outputFile", &tarPath, nullptr}, progress);
 }
 
 bool ClsTar::WriteTar(_mvOutput& out, ProgressEvent* progress) {
-  return writeMethod("WriteTar", Compression::None, {nullptr, nullptr, &out}, progress);
+  return m_inner->writeMethod("WriteTar", Compression::None, {nullptr, nullptr, &out}, progress);
 }
 
 bool ClsTar::WriteTarGz(const XString& tarGzFilePath, ProgressEvent* progress) {
-  return writeMethod("WriteTarGz", Compression::Gzip, {"tarGzFilePath", &tarGzFilePath, nullptr}, progress);
+  return m_inner->writeMethod("WriteTarGz", Compression::Gzip, {"tarGzFilePath", &tarGzFilePath, nullptr},
+                              progress);
 }
 
 bool ClsTar::WriteTarGz(_mvOutput& out, ProgressEvent* progress) {
-  return writeMethod("WriteTarGz", Compression::Gzip, {nullptr, nullptr, &out}, progress);
+  return m_inner->writeMethod("WriteTarGz", Compression::Gzip, {nullptr, nullptr, &out}, progress);
 }
 
 bool ClsTar::WriteTarBz2(const XString& tarBz2FilePath, ProgressEvent* progress) {
-  return writeMethod("WriteTarBz2", Compression::Bzip2, {"tarBz2FilePath", &tarBz2FilePath, nullptr},
-                     progress);
+  return m_inner->writeMethod("WriteTarBz2", Compression::Bzip2, {"tarBz2FilePath", &tarBz2FilePath, nullptr},
+                              progress);
 }
 
 bool ClsTar::WriteTarBz2(_mvOutput& out, ProgressEvent* progress) {
-  return writeMethod("WriteTarBz2", Compression::Bzip2, {nullptr, nullptr, &out}, progress);
+  return m_inner->writeMethod("WriteTarBz2", Compression::Bzip2, {nullptr, nullptr, &out}, progress);
 }
 
 bool ClsTar::WriteTarZst(const XString& tarZstPath, ProgressEvent* progress) {
-  return writeMethod("WriteTarZst", Compression::Zstd, {"tarZstPath", &tarZstPath, nullptr}, progress);
+  return m_inner->writeMethod("WriteTarZst", Compression::Zstd, {"tarZstPath", &tarZstPath, nullptr},
+                              progress);
 }
 
 bool ClsTar::WriteTarZst(_mvOutput& out, ProgressEvent* progress) {
-  return writeMethod("WriteTarZst", Compression::Zstd, {nullptr, nullptr, &out}, progress);
+  return m_inner->writeMethod("WriteTarZst", Compression::Zstd, {nullptr, nullptr, &out}, progress);
 }
 
 bool ClsTar::WriteTarXz(const XString& tarXzPath, ProgressEvent* progress) {
-  return writeMethod("WriteTarXz", Compression::Xz, {"tarXzPath", &tarXzPath, nullptr}, progress);
+  return m_inner->writeMethod("WriteTarXz", Compression::Xz, {"tarXzPath", &tarXzPath, nullptr}, progress);
 }
 
 bool ClsTar::WriteTarXz(_mvOutput& out, ProgressEvent* progress) {
-  return writeMethod("WriteTarXz", Compression::Xz, {nullptr, nullptr, &out}, progress);
+  return m_inner->writeMethod("WriteTarXz", Compression::Xz, {nullptr, nullptr, &out}, progress);
 }
 
 // What comes before the first byte, the output opened and closed. The result is decided after the last byte
 // was flushed and the file closed: a full disk may show as late as that.
-bool ClsTar::writeMethod(const char* name, Compression compression, const ArchivePlace& place,
-                         ProgressEvent* progress) {
+bool ClsTar::Inner::writeMethod(const char* name, Compression compression, const ArchivePlace& place,
+                                ProgressEvent* progress) {
   return method(name, MethodForm::Judged, false, [&](MethodFrame&) {
     setMatchPatternExactFlags();
     m_log.LogDataX("tarFormat", m_writeFormat);
@@ -80,7 +76,7 @@ bool ClsTar::writeMethod(const char* name, Compression compression, const Archiv
     if (progress && !countSources(progress, total)) return false;
     ProgressMonitorPtr monitor(progress, m_abortCheckMs, m_percentScale, total);
     const Io io(m_log, monitor.getPm(), progress);
-    m_archive->begin(compression, m_options->codec);
+    m_archive.begin(compression, m_options.codec);
     if (place.out) return writeFramed(*place.out, compression, io);
     // Only now: an archive that is there is not emptied for a write that does not begin.
     const std::unique_ptr<OutputFile> file(OutputFile::createFileUtf8(place.path->getUtf8(), m_log));
@@ -94,7 +90,7 @@ bool ClsTar::writeMethod(const char* name, Compression compression, const Archiv
 }
 
 // Headers then hold the numbers alone, which is right; but it must not pass without a word.
-void ClsTar::sayWhenUserIsUnknown(ProgressEvent* progress) {
+void ClsTar::Inner::sayWhenUserIsUnknown(ProgressEvent* progress) {
   lookUpUser();
   if (m_userLookupError == 0) return;
   const char* const reason = std::strerror(m_userLookupError);
@@ -105,9 +101,9 @@ void ClsTar::sayWhenUserIsUnknown(ProgressEvent* progress) {
 
 // Only for those who watch: the sources are walked twice for it. An abort while counting ends the write
 // before anything was created.
-bool ClsTar::countSources(ProgressEvent* progress, long long& total) {
+bool ClsTar::Inner::countSources(ProgressEvent* progress, long long& total) {
   ProgressMonitorPtr pm(progress, m_abortCheckMs, m_percentScale, 0);
-  if (!m_options->noTotal) {
+  if (!m_options.noTotal) {
     total =
         morvane::calcTotalProgressForWrite(m_files, m_dirRoots, liveWriteSettings(), Io(m_log, pm.getPm()));
   }
@@ -117,13 +113,13 @@ bool ClsTar::countSources(ProgressEvent* progress, long long& total) {
 // The compression's frame around the archive, and the flush. An archive that is complete is finished as such
 // also when something was left out of it, which makes the result false. On failure the frame is not closed: a
 // reader then finds the archive cut instead of complete.
-bool ClsTar::writeFramed(_mvOutput& out, Compression compression, const Io& io) {
+bool ClsTar::Inner::writeFramed(_mvOutput& out, Compression compression, const Io& io) {
   OutputFlush flush(out, io.monitor);
   bool anythingLost = false;
-  if (!m_archive->open(out, io)) return false;
+  if (!m_archive.open(out, io)) return false;
   if (!writeAllMembers(out, io, anythingLost)) return false;
-  if (compression == Compression::Gzip) m_log.LogDataInt64("originalDataSize", m_archive->m_uncompressedSize);
-  if (!m_archive->close(out, m_log)) return false;
+  if (compression == Compression::Gzip) m_log.LogDataInt64("originalDataSize", m_archive.m_uncompressedSize);
+  if (!m_archive.close(out, io)) return false;
   const bool complete = flush.finish(m_log);
   m_onlyLeftOut = complete && anythingLost;
   return complete && !anythingLost;
@@ -132,35 +128,36 @@ bool ClsTar::writeFramed(_mvOutput& out, Compression compression, const Io& io) 
 // No file name is recorded, so the path is of no use.
 bool ClsTar::beginGzip(const XString&, _mvOutput& out, ProgressMonitor* pm, LogBase& log) {
   const StepGuard step(*this);
-  return step && writeGzipHeader(out, pm, log);
+  return step && writeGzipHeader(out, Io(log, pm));
 }
 
 // The size is modulo 2^32, as the trailer has it.
 bool ClsTar::endGzip(_mvOutput& out, unsigned int crc32, unsigned int size) {
   const StepGuard step(*this);
-  return step && writeGzipTrailer(out, crc32, size, m_log);
+  return step && writeGzipTrailer(out, crc32, size, Io(m_log));
 }
 
 // The step; -1 also where it is refused.
 long long ClsTar::calcTotalProgressForWrite(LogBase& log, ProgressMonitor* pm) {
   const StepGuard step(*this);
-  if (!step || !takeOptions(log)) return -1;
-  return morvane::calcTotalProgressForWrite(m_files, m_dirRoots, liveWriteSettings(), Io(log, pm));
+  if (!step || !m_inner->takeOptions(log)) return -1;
+  return morvane::calcTotalProgressForWrite(m_inner->m_files, m_inner->m_dirRoots,
+                                            m_inner->liveWriteSettings(), Io(log, pm));
 }
 
 bool ClsTar::writeTarToOutput(_mvOutput& out, ProgressMonitor* pm, LogBase& log, ProgressEvent* progress) {
   const StepGuard step(*this);
   bool anythingLost = false;
-  return step && takeOptions(log) && writeAllMembers(out, Io(log, pm, progress), anythingLost) &&
-         !anythingLost;
+  return step && m_inner->takeOptions(log) &&
+         m_inner->writeAllMembers(out, Io(log, pm, progress), anythingLost) && !anythingLost;
 }
 
 // The tar stream itself, through the output that is set for the length of it.
-bool ClsTar::writeAllMembers(_mvOutput& out, const Io& io, bool& anythingLost) {
-  m_archive->m_output = &out;
+bool ClsTar::Inner::writeAllMembers(_mvOutput& out, const Io& io, bool& anythingLost) {
+  m_archive.m_output = &out;
   // Steps of later callers must not write into an output that is gone.
-  ScopeExit forget([this] { m_archive->m_output = nullptr; });
-  ArchiveWriter writer(liveWriteSettings(), *m_archive, io);
+  ScopeExit forget([this] { m_archive.m_output = nullptr; });
+  ArchiveWriter writer(liveWriteSettings(), m_archive, io);
   mvFileInfo archive;
   const auto* file = dynamic_cast<const OutputFile*>(&out);
   if (const auto* const append = dynamic_cast<const AppendOutput*>(&out)) file = &append->file();
@@ -175,25 +172,26 @@ bool ClsTar::writeAllMembers(_mvOutput& out, const Io& io, bool& anythingLost) {
 bool ClsTar::writeFileToOutput(XString& fullPath, XString& pathInTar, ProgressMonitor* pm, LogBase& log,
                                ProgressEvent* progress) {
   const StepGuard step(*this);
-  return step && takeOptions(log) &&
-         ArchiveWriter(liveWriteSettings(), *m_archive, Io(log, pm, progress))
+  return step && m_inner->takeOptions(log) &&
+         ArchiveWriter(m_inner->liveWriteSettings(), m_inner->m_archive, Io(log, pm, progress))
              .writeFileToOutput(fullPath, pathInTar);
 }
 
 // It needs the output of a write that is going on, and fails outside of one.
 bool ClsTar::copySourceToOutput(_mvDataSource& source, ProgressMonitor* pm, LogBase& log) {
   const StepGuard step(*this);
-  return step && takeOptions(log) &&
-         ArchiveWriter(liveWriteSettings(), *m_archive, Io(log, pm, nullptr)).copySourceToOutput(source);
+  return step && m_inner->takeOptions(log) &&
+         ArchiveWriter(m_inner->liveWriteSettings(), m_inner->m_archive, Io(log, pm, nullptr))
+             .copySourceToOutput(source);
 }
 
 // The three that write headers by themselves: the member as its path and file information describe it.
 template <class Write>
-bool ClsTar::writeDescribed(XString& path, const mvFileInfo& info, const Io& io, Write write) {
-  const StepGuard step(*this);
+bool ClsTar::Inner::writeDescribed(XString& path, const mvFileInfo& info, const Io& io, Write write) {
+  const StepGuard step(m_tar);
   if (!step || !takeOptions(io.log)) return false;
   const WriteSettings settings = writeSettings();
-  WriteRun run{settings, *m_archive, io};
+  WriteRun run{settings, m_archive, io};
   Member member;
   describeMember(info, settings, path, member);
   MemberWriter writer(run);
@@ -202,28 +200,28 @@ bool ClsTar::writeDescribed(XString& path, const mvFileInfo& info, const Io& io,
 
 // The path comes back in the form that it has in the archive.
 bool ClsTar::writeTarHeaderToOutput(XString& pathInTar, mvFileInfo& info, ProgressMonitor* pm, LogBase& log) {
-  return writeDescribed(pathInTar, info, Io(log, pm), [](MemberWriter& writer, const Member& member) {
-    return writer.writeHeader(member);
-  });
+  return m_inner->writeDescribed(
+      pathInTar, info, Io(log, pm),
+      [](MemberWriter& writer, const Member& member) { return writer.writeHeader(member); });
 }
 
 // Whatever WriteFormat says: the step is GNU's record.
 bool ClsTar::writeLongFilenameToOutput(XString& path, mvFileInfo& info, ProgressMonitor* pm, LogBase& log) {
-  return writeDescribed(path, info, Io(log, pm), [](MemberWriter& writer, const Member& member) {
+  return m_inner->writeDescribed(path, info, Io(log, pm), [](MemberWriter& writer, const Member& member) {
     return writer.writeLongName(member);
   });
 }
 
 // And this one is pax's, with the path alone.
 bool ClsTar::writePaxHeaderToOutput(XString& path, mvFileInfo& info, ProgressMonitor* pm, LogBase& log) {
-  return writeDescribed(path, info, Io(log, pm), [](MemberWriter& writer, const Member& member) {
+  return m_inner->writeDescribed(path, info, Io(log, pm), [](MemberWriter& writer, const Member& member) {
     return writer.writePaxPath(member);
   });
 }
 
 bool ClsTar::writeOut_pm(const unsigned char* data, unsigned int len, ProgressMonitor* pm, LogBase& log) {
   const StepGuard step(*this);
-  return step && m_archive->writeOut_pm(data, len, m_abortCheckMs != 0, Io(log, pm));
+  return step && m_inner->m_archive.writeOut_pm(data, len, m_abortCheckMs != 0, Io(log, pm));
 }
 
 // On failure both are empty.

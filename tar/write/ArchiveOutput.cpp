@@ -16,12 +16,10 @@ void ArchiveOutput::begin(Compression compression, const CodecOptions& options) 
   m_uncompressedSize = 0;
 }
 
-bool ArchiveOutput::open(_mvOutput& out, const Io& io) {
-  return !m_encoder || m_encoder->begin(out, io.monitor, io.log);
-}
+bool ArchiveOutput::open(_mvOutput& out, const Io& io) { return !m_encoder || m_encoder->begin(out, io); }
 
-bool ArchiveOutput::close(_mvOutput& out, LogBase& log) {
-  return !m_encoder || m_encoder->end(out, m_uncompressedSize, log);
+bool ArchiveOutput::close(_mvOutput& out, const Io& io) {
+  return !m_encoder || m_encoder->end(out, m_uncompressedSize, io);
 }
 
 // The abort is asked for by time, not with each piece: a clock is cheaper than a callback.
@@ -49,10 +47,10 @@ bool ArchiveOutput::compress(const unsigned char* data, unsigned len, const Io& 
   };
   const bool isLast = m_compressLast && !m_compressFirst;
   m_compressFirst = false;
-  if (!m_encoder->add(data, len, ready, io.monitor, io.log) || !writeReady()) return false;
+  if (!m_encoder->add(data, len, ready, io) || !writeReady()) return false;
   if (!isLast) return true;
   ready.clear();
-  return m_encoder->finish(ready, io.monitor, io.log) && writeReady();
+  return m_encoder->finish(ready, io) && writeReady();
 }
 
 }  // namespace morvane

@@ -7,7 +7,6 @@
 
 namespace morvane {
 
-class LogBase;
 class OutputFile;
 class _mvOutput;
 struct Io;
@@ -24,7 +23,7 @@ struct ArchiveOutput {
   // Writes what an encoder puts in front of its data and behind them. Nothing for a plain archive. `out` is
   // the output of the write, which is set later than this.
   [[nodiscard]] bool open(_mvOutput& out, const Io& io);
-  [[nodiscard]] bool close(_mvOutput& out, LogBase& log);
+  [[nodiscard]] bool close(_mvOutput& out, const Io& io);
 
   // `checkAbort`: whether the abort checks inside a member's data are on. Without an output a plain write
   // fails without a message. The piece is not kept.

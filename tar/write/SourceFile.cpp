@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <vector>
 
+#include "runtime/fs/OsFile.h"
 #include "runtime/fs/Psdk.h"
 #include "runtime/log/LogNull.h"
 

@@ -1,0 +1,122 @@
+// The way from a target directory down to a member: opened, and made where it is missing, without ever
+// leaving the target.
+//
+// The target is opened once. Every path is resolved anew by the kernel beneath it (openat2), so there is no
+// moment between looking and using in which a link could be slipped in, and a directory that somebody moves
+// out of the target is not followed by the members that come later. Where the kernel has no openat2, parents
+// are opened part by part and no link is passed at all.
+#pragma once
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "runtime/fs/OsFile.h"
+
+namespace morvane {
+
+// What ConfinedDir makes things with; it adds nothing at the end of a way but opens what is there. A failure
+// leaves the reason in the log where there is one to take, else in errno; a refusal logs nothing.
+class ConfinedWalk {
+ public:
+  enum class Links {
+    InsideTarget,  // links on the way to a member are passed where they stay in the target
+    None,          // none is passed
+    Anywhere,      // members may lie outside of the target, too; what is created is still created exclusively
+  };
+  // Refused: the path, a link on it or what stands in its place is not allowed. Failed: the system would not.
+  enum class Result { Ok, Refused, Failed };
+
+  // Which file of which file system something is, whatever it is called.
+  struct Identity {
+    unsigned long long device = 0, inode = 0;
+    static Identity of(const struct stat& status) { return {status.st_dev, status.st_ino}; }
+    bool operator<(const Identity& other) const {
+      return device != other.device ? device < other.device : inode < other.inode;
+    }
+    bool operator==(const Identity& other) const { return device == other.device && inode == other.inode; }
+  };
+
+  // Opens the target, which is made first when it is missing. Links in the target's own path are the caller's
+  // choice. False, with the reason in the log, when it cannot be opened or made. `target` is the system's
+  // bytes, of any length.
+  bool open(const char* target, Links links, LogBase& log);
+  bool isOpen() const { return m_target.isOpen(); }
+  // For tests of the way that old kernels get.
+  void withoutOpenat2() { m_partByPart = true; }
+
+  // Opens a file or directory that is there, never a link as itself. -1 with errno. On the way to it links
+  // are passed as they are for what is made, or not at all.
+  enum class Passing { LinksAsMade, NoLinks };
+  int openExisting(const std::string& path, int flags, Passing passing = Passing::NoLinks);
+  // Whether a new file may get its group from a directory instead of from the process, as far as was seen.
+  bool handsOnGroup() const { return m_handsOnGroup; }
+
+  // Directories that were made on the way to others, since they were last taken.
+  std::vector<Identity> takeNewParents() { return std::exchange(m_newParents, {}); }
+  // Whether those are to be noted, which costs a look at each. Off at first; then the identity of new
+  // directories is unknown.
+  void noteNewParents(bool note) { m_notesParents = note; }
+
+  // The system's reason (an errno) behind the last Failed. Of no meaning after another result.
+  int lastError() const { return m_lastError; }
+
+ protected:
+  using Parts = std::vector<std::string>;
+
+  // Where a member goes: the open directory it is in, and its name there. For the target itself the leaf is
+  // empty and `parent` may be closed.
+  struct Place {
+    OsFile parent;
+    int base = -1;  // where the parts start: the target, or the root
+    Parts parts;    // of the parent, from the base on
+    std::string leaf;
+  };
+
+  // Somebody who renames or recreates things in the target all the time makes a member fail, not the run
+  // hang.
+  static constexpr int kTriesWhileChanging = 8;
+  static constexpr char kCannotMakeDirectory[] = "Failed to create directory.";
+
+  // False for a path that must be refused.
+  bool isConfinable(const std::string& path) const;
+  // The first makes what is missing on the way; the second only opens, false with errno.
+  Result openParentOf(const std::string& path, Place& place, LogBase& log);
+  bool openExistingParentOf(const std::string& path, Place& place, Passing passing);
+  // A new file whose parents are there: a descriptor, or -1 with errno when anything about it needs a closer
+  // look. `flags` are those of the open.
+  int createBeneath(const std::string& path, int flags, unsigned mode);
+  // Whether the leaf is a link that leads to a directory which members may be put into.
+  bool isDirectoryInside(const Place& place);
+  // Whether an errno says that a way led out of the target, or could not be passed as a directory.
+  static bool leavesTheTarget(int error);
+  // Logs the message with the path and errno, which lastError then gives.
+  Result failed(const char* message, const std::string& path, LogBase& log);
+
+  bool notesParents() const { return m_notesParents; }
+  int statusOfTarget(struct stat& status) const { return m_target.status(status); }
+  // A directory that members are put into was seen.
+  void noteGroupOf(const struct stat& directory) { m_handsOnGroup |= (directory.st_mode & S_ISGID) != 0; }
+
+ private:
+  int baseOf(const std::string& path);
+  Result walkToParent(Place& place, LogBase& log);
+  // The system's calls, bounded as m_links says: a descriptor, or -1 with errno.
+  int openBeneath(int base, const Parts& parts, size_t count, int lastFlags);
+  int openResolved(int from, const char* path, int flags, unsigned mode, bool passesLinks = true);
+
+  // Opened with O_PATH: enough to start from, and no right to read is needed.
+  OsFile m_target;
+  OsFile m_root;  // where absolute paths start, with Links::Anywhere
+  Links m_links = Links::None;
+  // Set where the kernel has no openat2, and for tests of that way.
+  bool m_partByPart = false;
+  // An errno.
+  int m_lastError = 0;
+  bool m_notesParents = false;
+  bool m_handsOnGroup = false;
+  // Only while noteNewParents asks for them.
+  std::vector<Identity> m_newParents;
+};
+
+}  // namespace morvane
