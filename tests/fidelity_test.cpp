@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include "MvtarSupport.h"
+#include "TreeSupport.h"
 #include "runtime/fs/AccessList.h"
 #include "runtime/fs/UserDatabase.h"
 #include "tar/format/PaxRecordText.h"
@@ -12,25 +13,6 @@
 
 namespace morvane::testing {
 namespace {
-
-bool isRoot() { return geteuid() == 0; }
-
-// A tree with every kind of thing, as far as the user may make it.
-void makeTree(const ScratchDir& dir) {
-  must(dir,
-       R"(mkdir -p t/d/closed t/e && cd t && echo key > key && chmod 600 key && printf '#!/bin/sh\n' > run &&
-    chmod 755 run && ln key d/second && ln -s ../key d/link && ln -s /nowhere/at/all abs && ln -s dangling e/l &&
-    ln -s $(printf 'x%.0s' $(seq 150)) long && mkfifo -m 640 pipe && echo in > d/closed/f && chmod 555 d/closed &&
-    : > empty && chmod 000 empty && truncate -s 3M hole && printf end >> hole && truncate -s 1M nothing &&
-    for i in $(seq 0 2 60); do printf A | dd of=many bs=8192 seek=$i conv=notrunc status=none; done &&
-    truncate -s 700000 many && touch -d '2001-02-03 04:05:06.123456789' key d/closed run many &&
-    touch -h -d '1999-01-01 01:01:01.5' abs && touch -d '2005-05-05 05:05:05.000000001' d e)");
-  if (isRoot()) {
-    must(dir,
-         "cd t && mknod null c 1 3 && chmod 666 null && chown 1234:4321 run && chmod 4755 run && "
-         "chown -h 77:88 abs && chmod 1777 e && touch -d '2006-06-06 06:06:06' run e");
-  }
-}
 
 // What can be seen of a tree: kind, mode, owner, time, link text, names of one file, contents.
 std::string described(const ScratchDir& dir, const std::string& where, bool wholeSeconds) {

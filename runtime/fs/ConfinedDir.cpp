@@ -117,6 +117,14 @@ ConfinedDir::Result ConfinedDir::failed(const char* message, const std::string& 
   return Result::Failed;
 }
 
+// A directory that was made and cannot be looked at goes again: who comes back to it would take it for one of
+// before the run.
+ConfinedDir::Result ConfinedDir::unmade(int parent, const char* leaf, const std::string& path, LogBase& log) {
+  const Result result = failed(kCannotMakeDirectory, path, log);
+  unlinkat(parent, leaf, AT_REMOVEDIR);
+  return result;
+}
+
 // False for a path that must be refused.
 bool ConfinedDir::isConfinable(const std::string& path) const {
   if (m_links == Links::Anywhere) return path.find('\0') == std::string::npos;
@@ -314,7 +322,11 @@ ConfinedDir::Result ConfinedDir::makeDirectory(const std::string& path, unsigned
     if (!made.isNew && errno != EEXIST) break;
     if (made.isNew && !m_notesParents) return Result::Ok;  // nobody asks which it is
     struct stat status;
-    if (fstatat(parent, leaf, &status, AT_SYMLINK_NOFOLLOW) != 0) continue;
+    if (fstatat(parent, leaf, &status, AT_SYMLINK_NOFOLLOW) != 0) {
+      if (errno == ENOENT) continue;  // somebody was faster to remove it
+      if (made.isNew) return unmade(parent, leaf, path, log);
+      break;
+    }
     if (S_ISDIR(status.st_mode)) {
       made.identity = identityOf(status);
       // One that was moved into its place meanwhile is not what was made.
@@ -375,7 +387,8 @@ ConfinedDir::Result ConfinedDir::walkToParent(Place& place, LogBase& log) {
       }
       next.reset(osOpenAt(reached.fd(), part, kPathOnly | noFollow));
       struct stat status;
-      if (made && m_notesParents && next.isOpen() && next.status(status) == 0) {
+      if (made && m_notesParents && next.isOpen()) {
+        if (next.status(status) != 0) return unmade(reached.fd(), part, joined(parts, 0, parts.size()), log);
         m_newParents.push_back(identityOf(status));
       }
     }

@@ -133,6 +133,7 @@ class ConfinedDir {
   Result clearTheWay(const Place& place, LogBase& log);
   bool isProtected(const struct stat& status) const;
   Result failed(const char* message, const std::string& path, LogBase& log);
+  Result unmade(int parent, const char* leaf, const std::string& path, LogBase& log);
 
   // Opened with O_PATH: enough to start from, and no right to read is needed.
   OsFile m_target;
