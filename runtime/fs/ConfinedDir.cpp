@@ -175,9 +175,13 @@ ConfinedDir::Result ConfinedDir::createFile(const std::string& path, unsigned mo
 ConfinedDir::Result ConfinedDir::openMade(const Place& place, unsigned type, unsigned long long device,
                                           const std::string& path, OsFile& made, LogBase& log) {
   made.reset(osOpenAt(place.parent.fd(), place.leaf.c_str(), O_PATH | O_NOFOLLOW));
-  struct stat status;
+  struct stat status, named;
   if (!made.isOpen() || made.status(status) != 0) return failed(kCannotCreate, path, log);
-  const bool isIt = (status.st_mode & S_IFMT) == type && status.st_nlink == 1 && status.st_uid == geteuid() &&
+  // Names are counted as the path is looked up again: another name of something else could have been put here
+  // for the moment of the open, and be gone by the time of the first look.
+  const bool isNamed = fstatat(place.parent.fd(), place.leaf.c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0;
+  const bool isIt = isNamed && identityOf(named) == identityOf(status) && named.st_nlink == 1 &&
+                    (status.st_mode & S_IFMT) == type && status.st_uid == geteuid() &&
                     ((type != S_IFCHR && type != S_IFBLK) || status.st_rdev == device);
   if (isIt) return Result::Ok;
   made.close();
