@@ -172,5 +172,21 @@ TEST_F(FailingCalls, OfACreation) {
   }
 }
 
+// A link that waited, and cannot be made when the target is exchanged for another, is a copy in its own
+// target.
+TEST_F(FailingCalls, OfALinkThatWaitsWhenTheTargetChanges) {
+  TarWith tar(restoringWords() + ",EntryEvents", m_dir / "1");
+  ActingEvent event;
+  event.act = [&](const std::string& path) {
+    if (has(path, "last")) tar.put_UntarFromDir(m_dir / "2");
+  };
+  const std::string link = ArchiveBuilder().add({"h", "", '1', "f"}).bytes(0);
+  const FailingCall failing("linkat", 1, EPERM);
+  EXPECT_LT(untar(tar, link + member("f", "data") + member("last") + member("last2") + kEnd, &event), 0);
+  EXPECT_TRUE(tar.get_OnlyLeftOut() && logHas(tar, "The member is a copy")) << logOf(tar);
+  EXPECT_EQ("data", readFile(m_dir / "1/h"));
+  EXPECT_TRUE(exists(m_dir / "1/last") && exists(m_dir / "2/last2") && !exists(m_dir / "2/h"));
+}
+
 }  // namespace
 }  // namespace morvane::testing
