@@ -68,9 +68,13 @@ ConfinedDir::Result ConfinedDir::createFile(const std::string& path, unsigned mo
 ConfinedDir::Result ConfinedDir::openMade(const Place& place, unsigned type, unsigned long long device,
                                           const std::string& path, OsFile& made, LogBase& log) {
   made.reset(osOpenAt(place.parent.fd(), place.leaf.c_str(), O_PATH | O_NOFOLLOW));
-  struct stat status;
+  struct stat status, named;
   if (!made.isOpen() || made.status(status) != 0) return failed(kCannotCreate, path, log);
-  const bool isIt = (status.st_mode & S_IFMT) == type && status.st_nlink == 1 && status.st_uid == geteuid() &&
+  // Names are counted as the path is looked up again: another name of something else could have been put here
+  // for the moment of the open, and be gone by the time of the first look.
+  const bool isNamed = fstatat(place.parent.fd(), place.leaf.c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0;
+  const bool isIt = isNamed && identityOf(named) == identityOf(status) && named.st_nlink == 1 &&
+                    (status.st_mode & S_IFMT) == type && status.st_uid == geteuid() &&
                     ((type != S_IFCHR && type != S_IFBLK) || status.st_rdev == device);
   if (isIt) return Result::Ok;
   made.close();
@@ -185,7 +189,11 @@ ConfinedDir::Result ConfinedDir::makeDirectory(const std::string& path, unsigned
     if (!made.isNew && errno != EEXIST) break;
     if (made.isNew && !notesParents()) return Result::Ok;  // nobody asks which it is
     struct stat status;
-    if (fstatat(parent, leaf, &status, AT_SYMLINK_NOFOLLOW) != 0) continue;
+    if (fstatat(parent, leaf, &status, AT_SYMLINK_NOFOLLOW) != 0) {
+      if (errno == ENOENT) continue;  // somebody was faster to remove it
+      if (made.isNew) return unmade(parent, leaf, path, log);
+      break;
+    }
     if (S_ISDIR(status.st_mode)) {
       made.identity = Identity::of(status);
       // One that was moved into its place meanwhile is not what was made.

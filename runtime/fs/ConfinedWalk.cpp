@@ -95,6 +95,13 @@ ConfinedWalk::Result ConfinedWalk::failed(const char* message, const std::string
   return Result::Failed;
 }
 
+ConfinedWalk::Result ConfinedWalk::unmade(int parent, const char* leaf, const std::string& path,
+                                          LogBase& log) {
+  const Result result = failed(kCannotMakeDirectory, path, log);
+  unlinkat(parent, leaf, AT_REMOVEDIR);
+  return result;
+}
+
 bool ConfinedWalk::isConfinable(const std::string& path) const {
   if (m_links == Links::Anywhere) return path.find('\0') == std::string::npos;
   return staysBeneath(path);
@@ -182,7 +189,8 @@ ConfinedWalk::Result ConfinedWalk::walkToParent(Place& place, LogBase& log) {
       }
       next.reset(osOpenAt(reached.fd(), part, kPathOnly | noFollow));
       struct stat status;
-      if (made && m_notesParents && next.isOpen() && next.status(status) == 0) {
+      if (made && m_notesParents && next.isOpen()) {
+        if (next.status(status) != 0) return unmade(reached.fd(), part, joined(parts, 0, parts.size()), log);
         m_newParents.push_back(Identity::of(status));
       }
     }

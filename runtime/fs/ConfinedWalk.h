@@ -92,6 +92,9 @@ class ConfinedWalk {
   static bool leavesTheTarget(int error);
   // Logs the message with the path and errno, which lastError then gives.
   Result failed(const char* message, const std::string& path, LogBase& log);
+  // The same for a directory that was made and cannot be looked at. It goes again, because who comes back to
+  // it would take it for one of before the run.
+  Result unmade(int parent, const char* leaf, const std::string& path, LogBase& log);
 
   bool notesParents() const { return m_notesParents; }
   int statusOfTarget(struct stat& status) const { return m_target.status(status); }

@@ -65,6 +65,7 @@ int FileMetadata::setOwner(int fd, unsigned uid, unsigned gid) {
 void FileMetadata::look(int fd, Status& status) {
   struct stat found;
   status.isKnown = fstat(fd, &found) == 0;
+  status.error = status.isKnown ? 0 : errno;
   if (!status.isKnown) return;
   status.uid = found.st_uid;
   status.gid = found.st_gid;

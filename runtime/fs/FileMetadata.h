@@ -20,6 +20,7 @@ struct FileMetadata {
   // What is there; not known when the system does not tell.
   struct Status {
     bool isKnown = false;
+    int error = 0;  // why it is not
     unsigned uid = 0, gid = 0, mode = 0;
   };
   static void look(int fd, Status& status);

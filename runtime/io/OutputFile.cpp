@@ -215,10 +215,11 @@ bool OutputFile::setLength(long long length, ProgressMonitor* pm, LogBase& log) 
   return m_state->file.setLength(length) == 0 || failToShape("Failed to give the file its length.", log);
 }
 
-// What a file system cannot hold of one file's length is no reason to lose the others.
+// What a file system cannot hold of one file's length is no reason to lose the others. EPERM: it does not
+// lengthen files.
 bool OutputFile::failToShape(const char* message, LogBase& log) {
   const int error = errno;
-  failWith(error == EINVAL ? EFBIG : error);
+  failWith(error == EINVAL || error == EPERM ? EFBIG : error);
   logOsError(log, message, m_state->path.c_str(), error);
   return m_state->dropping;
 }

@@ -64,6 +64,15 @@ class ExtractTarget {
   bool handsOnGroup() const { return m_confined.handsOnGroup(); }
   // Null until something was made through it. Owned here; gone with the next target or reset().
   ConfinedDir* confined() { return m_confined.isOpen() ? &m_confined : nullptr; }
+  // The directory that is open, or would be for the path.
+  const XString& dirFor(const MemberPath& path) const {
+    return m_confined.isOpen() ? m_confinedDir : path.targetDir();
+  }
+  // The confined directory, opened for the path where nothing was made yet; null, with the reason in the log,
+  // when it cannot be.
+  ConfinedDir* confinedFor(const MemberPath& path, const ReadSettings& settings, LogBase& log) {
+    return m_confined.isOpen() || openConfined(path, settings, log) ? &m_confined : nullptr;
+  }
 
   // The system's reason (an errno) why the last member was not created; 0 when it was none of the system's.
   // Good until the next member.

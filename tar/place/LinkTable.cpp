@@ -3,6 +3,7 @@
 #include "tar/place/LinkTable.h"
 
 #include <algorithm>
+#include <functional>
 #include <utility>
 
 #include "tar/format/EntryPath.h"
@@ -11,11 +12,46 @@ namespace morvane {
 
 namespace {
 
-size_t hashOf(const std::string& path) { return std::hash<std::string>()(cleanPath(path)); }
+constexpr uint64_t kMadeBit = 1;
+
+// A false hit, once in many billions, leaves a link out, and that is said; or links to a file of before.
+uint64_t hashOf(const std::string& path) {
+  constexpr uint64_t kNotFree = 2;
+  return (std::hash<std::string>()(cleanPath(path)) & ~kMadeBit) | kNotFree;
+}
+
+// Where the hash is, or would be; there is always a free place.
+size_t placeOf(const std::vector<uint64_t>& table, uint64_t hash) {
+  const size_t mask = table.size() - 1;  // the size is a power of two
+  size_t at = (hash >> 2) & mask;
+  while (table[at] != 0 && (table[at] & ~kMadeBit) != hash) at = (at + 1) & mask;
+  return at;
+}
 
 }  // namespace
 
-void LinkTable::noteUnmade(const std::string& path) { m_unmade.insert(hashOf(path)); }
+void LinkTable::note(const std::string& path, Seen seen) {
+  if (m_seenCount + m_seenCount / 3 >= m_seen.size()) grow();
+  const uint64_t hash = hashOf(path);
+  uint64_t& place = m_seen[placeOf(m_seen, hash)];
+  m_seenCount += place == 0;
+  place = hash | (seen == Seen::Made ? kMadeBit : 0);
+}
+
+void LinkTable::grow() {
+  constexpr size_t kFirst = 64;
+  std::vector<uint64_t> larger(std::max(m_seen.size() * 2, kFirst));
+  for (const uint64_t each : m_seen) {
+    if (each != 0) larger[placeOf(larger, each & ~kMadeBit)] = each;
+  }
+  m_seen = std::move(larger);
+}
+
+LinkTable::Seen LinkTable::seen(const std::string& path) const {
+  if (m_seen.empty() || waits(path)) return Seen::Nothing;
+  const uint64_t found = m_seen[placeOf(m_seen, hashOf(path))];
+  return found == 0 ? Seen::Nothing : (found & kMadeBit) != 0 ? Seen::Made : Seen::Unmade;
+}
 
 void LinkTable::noteRenamed(const std::string& from, const std::string& to) {
   m_renamed[cleanPath(from)] = to;
@@ -26,25 +62,29 @@ void LinkTable::forgetRenamed(const std::string& path) {
 }
 
 void LinkTable::clear() {
-  m_unmade.clear();
+  m_seen.clear();
+  m_seenCount = 0;
   m_renamed.clear();
   m_waiting.clear();
-}
-
-// Nearly every run skips nothing; then no name is hashed at all.
-void LinkTable::noteMade(const std::string& path) {
-  if (!m_unmade.empty()) m_unmade.erase(hashOf(path));
+  m_waitingAt.clear();
 }
 
 void LinkTable::replaceWaiting(const std::string& path) {
-  if (m_waiting.empty()) return;
-  const std::string made = cleanPath(path);
-  const auto isReplaced = [&made](const Waiting& link) { return cleanPath(link.path) == made; };
-  m_waiting.erase(std::remove_if(m_waiting.begin(), m_waiting.end(), isReplaced), m_waiting.end());
+  if (m_waitingAt.empty()) return;
+  const auto found = m_waitingAt.find(cleanPath(path));
+  if (found == m_waitingAt.end()) return;
+  m_waiting[found->second].path.clear();
+  m_waitingAt.erase(found);
 }
 
-bool LinkTable::mayBeTarget(const std::string& path) const {
-  return m_unmade.empty() || m_unmade.count(hashOf(path)) == 0;
+bool LinkTable::waits(const std::string& path) const {
+  return !m_waitingAt.empty() && m_waitingAt.count(cleanPath(path)) > 0;
+}
+
+// The one of that name that came before has given way.
+void LinkTable::waitFor(Waiting link) {
+  m_waitingAt[cleanPath(link.path)] = m_waiting.size();
+  m_waiting.push_back(std::move(link));
 }
 
 // One step: a new name is not itself looked up, because it is a name on the disk and not one of the archive.
@@ -54,7 +94,24 @@ const std::string& LinkTable::nameNow(const std::string& path) const {
   return renamed == m_renamed.end() ? path : renamed->second;
 }
 
-// Taken before they are made, so that what throws on the way leaves none of them to be made twice.
-std::vector<LinkTable::Waiting> LinkTable::takeWaiting() { return std::exchange(m_waiting, {}); }
+// Taken before they are made, so that what throws on the way leaves none of them to be made twice. Each waits
+// for one other at most. From each the way is followed to the one that waits for none of them, and taken
+// back; in a ring it ends where it began. Every link is passed twice, however the archive has them.
+std::vector<LinkTable::Waiting> LinkTable::takeWaiting() {
+  const auto at = std::exchange(m_waitingAt, {});
+  std::vector<Waiting> waiting = std::exchange(m_waiting, {}), taken;
+  std::vector<bool> isSeen(waiting.size());
+  std::vector<size_t> way;
+  for (size_t first = 0; first < waiting.size(); ++first) {
+    for (size_t i = first; i < waiting.size() && !isSeen[i] && !waiting[i].path.empty();) {
+      isSeen[i] = true;
+      way.push_back(i);
+      const auto next = at.find(cleanPath(targetNow(waiting[i])));
+      i = next == at.end() ? waiting.size() : next->second;
+    }
+    for (; !way.empty(); way.pop_back()) taken.push_back(std::move(waiting[way.back()]));
+  }
+  return taken;
+}
 
 }  // namespace morvane

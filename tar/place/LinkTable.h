@@ -3,15 +3,16 @@
 // "a").
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <string>
-#include <unordered_set>
+#include <unordered_map>
 #include <vector>
 
 namespace morvane {
 
-// It holds names and touches no file. What it holds grows with what is skipped, renamed or early, not with
-// the archive; a run may skip millions, hence the hashes.
+// It holds names and touches no file. A run may place or skip millions: of those a hash each is kept, 11 to
+// 22 bytes. Whole names are kept only of what is renamed or early.
 class LinkTable {
  public:
   // Both below the target, after the path rules.
@@ -20,15 +21,16 @@ class LinkTable {
     bool isGiven = false;  // by the event: it means the name that stands there
   };
 
-  // Before a run: links never reach over from one archive to the next.
+  // Before a run: links never reach over from one archive to the next, nor from one target to another.
   void clear();
 
-  // A member that was skipped, refused or filtered out is no target, though a file of its name may be there:
-  // it would be another one. What is made later under that name is one again. A hash stands for each path; a
-  // false hit leaves a link out, and says so.
-  void noteUnmade(const std::string& path);
-  void noteMade(const std::string& path);
-  bool mayBeTarget(const std::string& path) const;
+  // What became of the last member of a path. Of one that was skipped, refused or filtered out nothing may be
+  // linked to, nor of one that has not come yet, though a file of its name may be there: it would be another
+  // one.
+  enum class Seen { Nothing, Unmade, Made };
+  void noteUnmade(const std::string& path) { note(path, Seen::Unmade); }
+  void noteMade(const std::string& path) { note(path, Seen::Made); }
+  Seen seen(const std::string& path) const;
 
   // Links to a member that the event renamed follow its new name.
   void noteRenamed(const std::string& from, const std::string& to);
@@ -36,16 +38,30 @@ class LinkTable {
   void forgetRenamed(const std::string& path);
   const std::string& nameNow(const std::string& path) const;
 
+  void waitFor(Waiting link);
+  bool waits(const std::string& path) const;
   // A link of that name that still waits gives way to what comes now.
   void replaceWaiting(const std::string& path);
-  void waitFor(Waiting link) { m_waiting.push_back(std::move(link)); }
+  // Where it leads by now.
+  const std::string& targetNow(const Waiting& link) const {
+    return link.isGiven ? link.target : nameNow(link.target);
+  }
+  // In the order in which they came, but each behind the one that it waits for.
   std::vector<Waiting> takeWaiting();
 
  private:
-  // By old name, the new one. Empty for nearly every run, as the others are.
-  std::unordered_set<size_t> m_unmade;
+  void note(const std::string& path, Seen seen);
+  void grow();
+
+  // A hash of a path each, its lowest bit telling whether the member was made; 0 is a free place. Probed one
+  // after the other. A set of the library would take four times the memory.
+  std::vector<uint64_t> m_seen;
+  size_t m_seenCount = 0;
+  // By old name, the new one. Empty for nearly every run.
   std::map<std::string, std::string> m_renamed;
+  // The links, those that gave way without a path, and where each stands.
   std::vector<Waiting> m_waiting;
+  std::unordered_map<std::string, size_t> m_waitingAt;
 };
 
 }  // namespace morvane

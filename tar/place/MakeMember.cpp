@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <utility>
 
 #include "runtime/log/LogNull.h"
 #include "tar/format/EntryPath.h"
@@ -17,6 +18,9 @@ namespace morvane {
 namespace {
 
 using Outcome = ExtractTarget::Outcome;
+
+constexpr char kNoTarget[] = "The target of a hard link is not there.";
+constexpr char kTargetNotExtracted[] = "The target of a hard link was not extracted.";
 
 // Whether the text of a symbolic link, beside the member, leads out of the target by its parts alone. By its
 // text, and not by what is on the disk, because it need not be there yet: "a/../../b" leads out although "a"
@@ -131,28 +135,27 @@ Outcome MemberPlacer::makeSpecial(const Member& member, const Io& io) {
   return mayNot ? Outcome::Unusable : outcome;
 }
 
-// A link to what is not there yet waits until the end. One that has data of its own needs no target. POSIX
-// pax archives may store the data with each name; GNU tar's with the first one only. A target that was
-// skipped is not linked to even if a file of that name is there, because that would be a file of an earlier
-// run.
+// A link to what has not come yet waits until the end, even if something of that name is there: it is of
+// before the run, and what comes would replace it. One that has data of its own needs no target. POSIX pax
+// archives may store the data with each name; GNU tar's with the first one only. A target that was skipped is
+// never linked to, because what has its name would be of an earlier run.
 Outcome MemberPlacer::makeHardLink(const Member& member, const Io& io, Placed& placed) {
   const std::string stored = m_path.targetOf(member.linkPath, settings(), io.log);
   // What the event says of a link is meant as it says it.
   const std::string target = m_linkIsGiven ? stored : m_links.nameNow(stored);
   const std::string& path = m_path.entryPath().str();
   if (target.empty()) return Outcome::Refused;
-  const bool mayLink = m_links.mayBeTarget(target);
+  const LinkTable::Seen seen = m_linkIsGiven ? LinkTable::Seen::Made : m_links.seen(target);
   ConfinedDir::Linked linked = ConfinedDir::Linked::Missing;
-  if (mayLink) {
+  if (seen == LinkTable::Seen::Made) {
     const Outcome outcome = m_target.makeHardLink(m_path, settings(), target, linked, io.log);
     if (outcome != Outcome::Ok) return outcome;
   }
   if (linked == ConfinedDir::Linked::Ok) return Outcome::Ok;
   if (linked == ConfinedDir::Linked::CannotLink) return copyTarget(member, target, io);
   if (member.size > 0) return makeFile(member, io, placed);
-  if (!mayLink) {
-    io.fail("The target of a hard link was not extracted.");
-    io.log.LogData("linkPath", target.c_str());
+  if (seen == LinkTable::Seen::Unmade) {
+    sayNoTarget(kTargetNotExtracted, target, io);
     return Outcome::Unusable;
   }
   if (cleanPath(target) == cleanPath(path)) {
@@ -210,41 +213,37 @@ FileEnd MemberPlacer::settle(const Member& member, _mvOutput& out, OutputFile& f
 
 // ---- The end of a run
 
-// Behind the last member every target that will ever be there is there. The path is set for the messages: the
-// link is no longer the current member.
+// Behind the last member every target that will ever be there is there. Each link is the current member for
+// the time; the one that is, if any, may be of another target.
 void MemberPlacer::makeWaitingLinks(const Io& io) {
-  std::vector<LinkTable::Waiting> waiting = m_links.takeWaiting();
-  // One may wait for another: as long as any could be made, the rest is tried again.
-  for (bool anyMade = true; anyMade && !waiting.empty();) {
-    std::vector<LinkTable::Waiting> left;
-    for (LinkTable::Waiting& link : waiting) {
-      if (!makeWaitingLink(link, io)) left.push_back(std::move(link));
-    }
-    anyMade = left.size() < waiting.size();
-    waiting = std::move(left);
-  }
+  const std::vector<LinkTable::Waiting> waiting = m_links.takeWaiting();
+  if (waiting.empty()) return;
+  MemberPath current = std::exchange(m_path, MemberPath(m_target.dirFor(m_path)));
   for (const LinkTable::Waiting& link : waiting) {
     m_path.rename(link.path, settings());
-    io.fail("The target of a hard link is not there.");
-    io.log.LogData("linkPath", link.target.c_str());
-    reportLeftOut(false, io);
+    if (makeWaitingLink(link, io)) m_links.noteMade(link.path);
   }
+  m_path = std::move(current);
 }
 
-// False while the target is missing. Everything else is final, and said.
+// False, and said, when the link was not made.
 bool MemberPlacer::makeWaitingLink(const LinkTable::Waiting& link, const Io& io) {
-  ConfinedDir* const confined = m_target.confined();
-  if (!confined) return false;
-  // It may have been renamed since.
-  const std::string target = link.isGiven ? link.target : m_links.nameNow(link.target);
-  const ConfinedDir::Linked linked = confined->makeHardLink(link.path, target, io.log);
-  if (linked == ConfinedDir::Linked::Missing) return false;
-  if (linked == ConfinedDir::Linked::Ok) return true;
-  m_path.rename(link.path, settings());
-  const bool isCopied =
-      linked == ConfinedDir::Linked::CannotLink && copyTarget(memberLike(target), target, io) == Outcome::Ok;
-  if (!isCopied) reportLeftOut(linked == ConfinedDir::Linked::Refused, io);
-  return true;
+  using Linked = ConfinedDir::Linked;
+  const std::string& target = m_links.targetNow(link);
+  ConfinedDir* const confined = m_target.confinedFor(m_path, settings(), io.log);
+  const bool mayLink = link.isGiven || m_links.seen(target) != LinkTable::Seen::Unmade;
+  Linked linked = Linked::Missing;
+  if (mayLink && confined) linked = confined->makeHardLink(link.path, target, io.log);
+  if (linked == Linked::Ok) return true;
+  if (linked == Linked::CannotLink && copyTarget(memberLike(target), target, io) == Outcome::Ok) return true;
+  if (linked == Linked::Missing) sayNoTarget(mayLink ? kNoTarget : kTargetNotExtracted, target, io);
+  reportLeftOut(linked == Linked::Refused, io);
+  return false;
+}
+
+void MemberPlacer::sayNoTarget(const char* message, const std::string& target, const Io& io) {
+  io.fail(message);
+  io.log.LogData("linkPath", target.c_str());
 }
 
 // A member that is what a file already is: for a copy in place of a link, which has no header of its own any

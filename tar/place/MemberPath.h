@@ -15,6 +15,9 @@ struct Member;
 // rename.
 class MemberPath {
  public:
+  MemberPath() = default;
+  // One that lies below this target, to be renamed.
+  explicit MemberPath(const XString& targetDir) : m_dir(targetDir) {}
   // Path rules, decoding, and the place below UntarFromDir. An unknown Charset is said once.
   void set(const Member& member, const ReadSettings& settings, LogBase& log);
   // Where a hard link's target is, by the rules that a member of that path goes by.

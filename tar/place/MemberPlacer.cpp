@@ -129,12 +129,16 @@ MemberPlacer::Choice MemberPlacer::offerForChange(Member& member, Aim aim, const
 Placed MemberPlacer::place(const Member& member, const Io& io) {
   using Outcome = ExtractTarget::Outcome;
   Placed placed;
-  if (restored().any() && m_target.isElsewhere(m_path)) finishTarget(io);
+  if (restored().any() && m_target.isElsewhere(m_path)) {
+    finishTarget(io);
+    m_links.clear();
+  }
   if (restored().link) m_links.replaceWaiting(m_path.entryPath().str());
   const Outcome outcome = make(member, io, placed);
   if (restored().link) {
     const std::string& path = m_path.entryPath().str();
-    outcome == Outcome::Ok ? m_links.noteMade(path) : m_links.noteUnmade(path);
+    // A link that waits is not there yet.
+    outcome == Outcome::Ok && !m_links.waits(path) ? m_links.noteMade(path) : m_links.noteUnmade(path);
     if (!m_isRenamed) m_links.forgetRenamed(path);
   }
   if (outcome == Outcome::Ok) return placed;

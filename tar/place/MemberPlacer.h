@@ -141,6 +141,7 @@ class MemberPlacer {
   ExtractTarget::Outcome copyTarget(const Member& member, const std::string& target, const Io& io);
   // The parts of finish.
   void makeWaitingLinks(const Io& io);
+  static void sayNoTarget(const char* message, const std::string& target, const Io& io);
   bool makeWaitingLink(const LinkTable::Waiting& link, const Io& io);
   Member memberLike(const std::string& target);
   void reportLeftOut(bool refused, const Io& io);

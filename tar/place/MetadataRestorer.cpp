@@ -129,6 +129,8 @@ void MetadataRestorer::setMode(int fd, const Member& member, const FileMetadata:
   } else if ((mode & FileMetadata::kSetIds) != 0) {
     const bool isOwners = status.isKnown && status.uid == uidOf(member) && status.gid == gidOf(member);
     if (!ownerIsKept || !isOwners) mode &= ~FileMetadata::kSetIds;
+    // Nobody decided that against the member: the system did not say whose it is.
+    if (!status.isKnown) m_notKept.note(NotKept::Kind::Mode, entryPath, status.error, io);
   }
   if (status.isKnown && status.mode == mode && !m_hasList) return;
   if (wasMadeWithItsMode(member)) return;
@@ -213,15 +215,16 @@ void MetadataRestorer::settleDirectories(ConfinedDir& target, const Io& io) {
     const XString entryPath(directory.path);
     const OsFile file(target.openExisting(directory.path, O_RDONLY | O_DIRECTORY | O_NONBLOCK,
                                           ConfinedDir::Passing::LinksAsMade));
-    const int error = errno;
     struct stat status;
     const bool isThere = file.isOpen() && file.status(status) == 0;
+    const int error = errno;  // of the one or the other, where it is not there
     if (isThere && status.st_dev == each->first.device && status.st_ino == each->first.inode) {
       settle(file.fd(), directory, entryPath, io);
       continue;
     }
     // A later member may have taken its place; what cannot be opened is another matter.
-    const bool isGone = isThere || error == ENOENT || error == ENOTDIR || error == ELOOP;
+    const bool isGone =
+        isThere || (!file.isOpen() && (error == ENOENT || error == ENOTDIR || error == ELOOP));
     if (!isGone) m_notKept.note(NotKept::Kind::Mode, entryPath, error, io);
     io.log.LogNotice("The directory is not the one that was made; it is left as it is.");
     io.log.LogDataX("entryPath", entryPath);
