@@ -124,8 +124,9 @@ bool decodeZstd(_mvDataSource& source, _mvOutput& out, const CodecOptions& optio
       if (ZSTD_isError(wanted)) return fail(reasonOf(wanted), log);
       if (piece.pos > 0 && !out.writeBytesPM(buffer.data(), static_cast<unsigned>(piece.pos), pm, log))
         return false;
-      // A full output may mean that there is more of it than there was room for.
-    } while (piece.pos == piece.size);
+      // A full output may mean that there is more of it than there was room for; not behind a frame that has
+      // ended, where the library would ask for another one.
+    } while (piece.pos == piece.size && wanted != 0);
     anyFrame |= wanted == 0;
   }
   if (wanted == 0) return true;
