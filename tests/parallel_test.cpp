@@ -26,10 +26,10 @@ int threadsOfProcess() {
 }
 
 // The system takes a thread that was joined off its list a moment later; a sanitizer has one of its own.
-const int kThreadsBefore = threadsOfProcess();
 bool threadsMore(int expected) {
+  static const int kBefore = threadsOfProcess();
   for (int i = 0; i < 1000; ++i) {
-    if (threadsOfProcess() - kThreadsBefore == expected) return true;
+    if (threadsOfProcess() - kBefore == expected) return true;
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   return false;
@@ -56,6 +56,7 @@ struct TestJob : OrderedRing::Job {
 
 // Whatever the workers do, jobs come back in their order, each done once, failures where they belong.
 TEST(OrderedRing, AgreesWithAQueue) {
+  ASSERT_TRUE(threadsMore(0));
   for (unsigned seed = 1; seed <= 60; ++seed) {
     std::mt19937 generator(seed);
     const auto random = [&] { return static_cast<unsigned>(generator()); };
@@ -101,6 +102,7 @@ TEST(OrderedRing, AgreesWithAQueue) {
 }
 
 TEST(OrderedRing, ThreadsAreForWorkThatIsWorthThem) {
+  ASSERT_TRUE(threadsMore(0));
   const struct {
     const char* name;
     unsigned workers;

@@ -18,7 +18,7 @@ _mvtar() {
       words="SkipOutputFile SkipUnreadable WriteExactSizes CountSkipsExcluded NoTotal UstarOverflow=fail
         UstarPlainPrefix PaxExact OpenBeforeEvent FollowLinks Store= Reproducible= FastDeflate= FullRead Restore=
         OwnerBy=name OwnerBy=id LinkTargets=any LinkTargets=inside ExistingDirectories=keep ExistingDirectories=settle
-        MaxExtensionBytes= MaxPathDepth= MaxMembers= MaxTotalBytes= MaxRatio= MaxWindowBytes= Level= Profile=usual Profile=untrusted
+        MaxExtensionBytes= MaxPathDepth= MaxMembers= MaxTotalBytes= MaxRatio= MaxWindowBytes= Level= Threads= Profile=usual Profile=untrusted
         Confine=beneath Confine=nolinks VerifyGzip GzipAllMembers Bz2Framed RequireEndOfArchive EntryEvents
         MemberEvents SkipUncreatable" ;;
     --directory)

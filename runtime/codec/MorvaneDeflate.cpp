@@ -98,7 +98,7 @@ MorvaneDeflate::~MorvaneDeflate() = default;
 bool MorvaneDeflate::BeginCompress(const DataBuffer& in, DataBuffer& out, LogBase& log, ProgressMonitor* pm) {
   if (!m_compressor) m_compressor = std::make_unique<Compressor>();
   // With these parameters it fails for lack of memory alone.
-  if (!m_compressor->begin(m_fastLevel)) return fail(log, "Out of memory for deflate compression.");
+  if (!m_compressor->begin(m_fastLevel)) return fail(log, kNoMemoryToDeflate);
   return MoreCompress(in, out, log, pm);
 }
 
@@ -106,17 +106,15 @@ bool MorvaneDeflate::BeginCompress(const DataBuffer& in, DataBuffer& out, LogBas
 bool MorvaneDeflate::MoreCompress(const DataBuffer& in, DataBuffer& out, LogBase& log, ProgressMonitor*) {
   if (m_compressor && m_compressor->begun && m_compressor->take(in.getData2(), in.getSize(), out))
     return true;
-  log.LogError("Deflate compression failed.");
-  return false;
+  return fail(log, kDeflateFailed);
 }
 
 // The compressor is gone afterwards, whatever came of it: a second End is a failure and no crash.
 bool MorvaneDeflate::EndCompress(DataBuffer& out, LogBase& log, ProgressMonitor*) {
   const bool ok = m_compressor && m_compressor->begun &&
                   m_compressor->run(m_compressor->in, m_compressor->gathered, Z_FINISH, out);
-  if (!ok) log.LogError("Deflate compression failed.");
   m_compressor.reset();
-  return ok;
+  return ok || fail(log, kDeflateFailed);
 }
 
 // Whether to abort is asked with each piece of input and of output: data that never produce anything, and a

@@ -7,8 +7,9 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <csignal>
 #include <system_error>
+
+#include "runtime/parallel/SignalsBlocked.h"
 
 namespace morvane {
 
@@ -26,28 +27,6 @@ long long processorsOfProcess() {
   if (sched_getaffinity(0, sizeof set, &set) == 0) return CPU_COUNT(&set);
   return sysconf(_SC_NPROCESSORS_ONLN);
 }
-
-// Signals are the application's: their handlers run in its own threads, where it expects them. Those of a
-// fault cannot be put off and stay as they are. New threads take over what is blocked while they are made.
-class SignalsBlocked {
- public:
-  SignalsBlocked() {
-    sigset_t blocked;
-    sigfillset(&blocked);
-    for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGSYS})
-      sigdelset(&blocked, fault);
-    m_isBlocked = pthread_sigmask(SIG_SETMASK, &blocked, &m_before) == 0;
-  }
-  ~SignalsBlocked() {
-    if (m_isBlocked) pthread_sigmask(SIG_SETMASK, &m_before, nullptr);
-  }
-  SignalsBlocked(const SignalsBlocked&) = delete;
-  SignalsBlocked& operator=(const SignalsBlocked&) = delete;
-
- private:
-  sigset_t m_before;
-  bool m_isBlocked = false;
-};
 
 }  // namespace
 
