@@ -7,6 +7,8 @@
 #include <cstring>
 
 #include "runtime/buffer/DataBuffer.h"
+#include "runtime/codec/Bzip2Blocks.h"
+#include "runtime/codec/GzipBlocks.h"
 #include "runtime/codec/GzipFormat.h"
 #include "runtime/codec/GzipMembers.h"
 #include "runtime/codec/MorvaneBzip2.h"
@@ -123,10 +125,12 @@ bool isXz(const unsigned char* bytes, unsigned n) {
 }
 
 std::unique_ptr<Encoder> makeGzip(const CodecOptions& options) {
+  if (options.threads != 1) return makeGzipBlockEncoder(options);
   return std::make_unique<GzipEncoder>(options.fastDeflate);
 }
 
-std::unique_ptr<Encoder> makeBzip2(const CodecOptions&) {
+std::unique_ptr<Encoder> makeBzip2(const CodecOptions& options) {
+  if (options.threads != 1) return makeBzip2BlockEncoder(options);
   return std::make_unique<BlockEncoder<MorvaneBzip2>>();
 }
 

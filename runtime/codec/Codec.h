@@ -20,8 +20,11 @@ struct CodecOptions {
   long long level = 0;           // zstd, xz: 0 is each one's own default; higher is smaller and slower
   long long maxWindowBytes = 0;  // zstd, xz read: the most that data may claim; 0 is each one's own default
   long long fastDeflate =
-      0;                    // gzip written: 0 is zlib's default level, 1 (fastest) to 3 trade size for speed
-  bool verifyGzip = false;  // gzip read: the trailer's checksum and size are compared
+      0;  // gzip written: 0 is zlib's default level, 1 (fastest) to 3 trade size for speed
+  // How many threads may work on it; 0 is as many as the process has processors. Compressed bytes depend on
+  // whether this is 1, and on no other number.
+  long long threads = 1;
+  bool verifyGzip = false;      // gzip read: the trailer's checksum and size are compared
   bool gzipAllMembers = false;  // gzip read: what follows the first member is read too
 };
 

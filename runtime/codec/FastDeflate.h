@@ -23,10 +23,15 @@ class FastDeflate {
   // Level 1 (fastest) to 3. False when there is no memory. A stream begun before is given up. Called only
   // where isAvailable() says true.
   bool begin(int level);
+  // The same for a block that others stand in front of: strings of the last n bytes of those, at most 32 KiB,
+  // are taken from there. The memory of a stream before is used again.
+  bool beginBehind(int level, const unsigned char* before, unsigned n);
   // Takes the whole input and appends what became ready; the last call brings out everything. `last` belongs
   // to the end of the data and may come with none; after it only begin may follow. False when the library
   // refuses, which valid input does not bring about; throws std::bad_alloc when `to` cannot grow.
   bool run(const unsigned char* bytes, unsigned n, bool last, DataBuffer& to);
+  // Takes a whole block and brings out everything, up to a byte's end, so that another may stand behind it.
+  bool runBlock(const unsigned char* bytes, unsigned n, bool last, DataBuffer& to);
 
  private:
   // The library's state lies behind a pointer, so that its header is seen by one source file only.

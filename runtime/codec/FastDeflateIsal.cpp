@@ -32,8 +32,24 @@ unsigned workspaceFor(int level) {
 // Some hundred KiB, with the workspace: on the heap, where missing memory can be told.
 struct FastDeflate::Engine {
   isal_zstream stream;
+  // As large as `level` wants it.
   std::unique_ptr<unsigned char[]> workspace;
+  int level = 0;
   unsigned char out[kOut];
+
+  // A full output may hide more, so the loop ends only with room to spare and nothing left of the input. The
+  // library does not write to its input; its interface merely lacks the const.
+  bool run(const unsigned char* bytes, unsigned n, DataBuffer& to) {
+    stream.next_in = const_cast<unsigned char*>(bytes);
+    stream.avail_in = n;
+    do {
+      stream.next_out = out;
+      stream.avail_out = kOut;
+      if (isal_deflate(&stream) != COMP_OK) return false;
+      if (!to.append(out, kOut - stream.avail_out)) throw std::bad_alloc();
+    } while (stream.avail_out == 0 || stream.avail_in > 0);
+    return true;
+  }
 };
 
 FastDeflate::FastDeflate() = default;
@@ -45,10 +61,13 @@ bool FastDeflate::isAvailable() { return true; }
 // to begin.
 bool FastDeflate::begin(int level) {
   const unsigned size = workspaceFor(level);
-  m_engine.reset(new (std::nothrow) Engine());
-  if (!m_engine) return false;
-  m_engine->workspace.reset(new (std::nothrow) unsigned char[size]);
-  if (!m_engine->workspace) return false;
+  if (!m_engine || m_engine->level != level) {
+    m_engine.reset(new (std::nothrow) Engine());
+    if (!m_engine) return false;
+    m_engine->workspace.reset(new (std::nothrow) unsigned char[size]);
+    if (!m_engine->workspace) return false;
+    m_engine->level = level;
+  }
   isal_zstream& stream = m_engine->stream;
   isal_deflate_init(&stream);
   stream.level = static_cast<unsigned>(level);
@@ -57,21 +76,23 @@ bool FastDeflate::begin(int level) {
   return true;
 }
 
-// The library does not write to its input; its interface merely lacks the const. A full output may hide more,
-// so the loop ends only with room to spare and nothing left of the input. A stream is whole once the engine
-// has written its end: anything else behind the last piece is a failure.
+bool FastDeflate::beginBehind(int level, const unsigned char* before, unsigned n) {
+  if (!begin(level)) return false;
+  auto* const dictionary = const_cast<unsigned char*>(before);
+  return n == 0 || isal_deflate_set_dict(&m_engine->stream, dictionary, n) == COMP_OK;
+}
+
+// A stream is whole once the engine has written its end: anything else behind the last piece is a failure.
 bool FastDeflate::run(const unsigned char* bytes, unsigned n, bool last, DataBuffer& to) {
   isal_zstream& stream = m_engine->stream;
-  stream.next_in = const_cast<unsigned char*>(bytes);
-  stream.avail_in = n;
   stream.end_of_stream = last;
-  do {
-    stream.next_out = m_engine->out;
-    stream.avail_out = kOut;
-    if (isal_deflate(&stream) != COMP_OK) return false;
-    if (!to.append(m_engine->out, kOut - stream.avail_out)) throw std::bad_alloc();
-  } while (stream.avail_out == 0 || stream.avail_in > 0);
-  return !last || stream.internal_state.state == ZSTATE_END;
+  return m_engine->run(bytes, n, to) && (!last || stream.internal_state.state == ZSTATE_END);
+}
+
+// The flush ends at a byte, with the engine ready for the next header.
+bool FastDeflate::runBlock(const unsigned char* bytes, unsigned n, bool last, DataBuffer& to) {
+  m_engine->stream.flush = last ? NO_FLUSH : SYNC_FLUSH;
+  return run(bytes, n, last, to) && (last || m_engine->stream.internal_state.state == ZSTATE_NEW_HDR);
 }
 
 }  // namespace morvane

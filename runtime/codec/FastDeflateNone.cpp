@@ -11,6 +11,8 @@ FastDeflate::~FastDeflate() = default;
 
 bool FastDeflate::isAvailable() { return false; }
 bool FastDeflate::begin(int) { return false; }
+bool FastDeflate::beginBehind(int, const unsigned char*, unsigned) { return false; }
 bool FastDeflate::run(const unsigned char*, unsigned, bool, DataBuffer&) { return false; }
+bool FastDeflate::runBlock(const unsigned char*, unsigned, bool, DataBuffer&) { return false; }
 
 }  // namespace morvane

@@ -26,7 +26,6 @@ const char* reasonOf(int state) {
 }
 
 constexpr unsigned kBuffer = 64 * 1024;
-constexpr int kBlockSize100k = 9;
 // Bytes that decide whether a further stream begins.
 constexpr unsigned kSignature = 4;  // "BZh" and the block size
 
@@ -54,7 +53,7 @@ struct MorvaneBzip2::Compressor {
     end();
     stream = bz_stream{};
     gathered = 0;
-    begun = BZ2_bzCompressInit(&stream, kBlockSize100k, 0, 0) == BZ_OK;
+    begun = BZ2_bzCompressInit(&stream, kBzip2BlockSize100k, 0, 0) == BZ_OK;
     return begun;
   }
 
@@ -97,7 +96,7 @@ MorvaneBzip2::~MorvaneBzip2() = default;
 bool MorvaneBzip2::BeginCompress(const DataBuffer& in, DataBuffer& out, LogBase& log, ProgressMonitor* pm) {
   if (!m_compressor) m_compressor = std::make_unique<Compressor>();
   // With these parameters it fails for lack of memory alone.
-  if (!m_compressor->begin()) return Io(log, pm).fail("Out of memory for bzip2 compression.");
+  if (!m_compressor->begin()) return Io(log, pm).fail(kNoMemoryForBzip2);
   return MoreCompress(in, out, log, pm);
 }
 
@@ -105,7 +104,7 @@ bool MorvaneBzip2::BeginCompress(const DataBuffer& in, DataBuffer& out, LogBase&
 bool MorvaneBzip2::MoreCompress(const DataBuffer& in, DataBuffer& out, LogBase& log, ProgressMonitor* pm) {
   const char* const bytes = reinterpret_cast<const char*>(in.getData2());
   if (m_compressor && m_compressor->begun && m_compressor->take(bytes, in.getSize(), out)) return true;
-  return Io(log, pm).fail("bzip2 compression failed.");
+  return Io(log, pm).fail(kBzip2Failed);
 }
 
 // The compressor is gone afterwards, whatever came of it: a second End is a failure and no crash.
@@ -113,7 +112,7 @@ bool MorvaneBzip2::EndCompress(DataBuffer& out, LogBase& log, ProgressMonitor* p
   const bool ok = m_compressor && m_compressor->begun && m_compressor->runGathered(out) &&
                   m_compressor->run(nullptr, 0, BZ_FINISH, out);
   m_compressor.reset();
-  return ok || Io(log, pm).fail("bzip2 compression failed.");
+  return ok || Io(log, pm).fail(kBzip2Failed);
 }
 
 // Decompression is a loop over pieces of input in which streams begin and end where they will. The library is

@@ -7,6 +7,12 @@
 
 namespace morvane {
 
+// The largest blocks there are, and what the bzip2 command writes.
+constexpr int kBzip2BlockSize100k = 9;
+// Why a compressor cannot begin, and why it cannot go on.
+constexpr char kNoMemoryForBzip2[] = "Out of memory for bzip2 compression.";
+constexpr char kBzip2Failed[] = "bzip2 compression failed.";
+
 class DataBuffer;
 class LogBase;
 class ProgressMonitor;

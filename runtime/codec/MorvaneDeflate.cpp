@@ -94,7 +94,7 @@ MorvaneDeflate::~MorvaneDeflate() = default;
 bool MorvaneDeflate::BeginCompress(const DataBuffer& in, DataBuffer& out, LogBase& log, ProgressMonitor* pm) {
   if (!m_compressor) m_compressor = std::make_unique<Compressor>();
   // With these parameters it fails for lack of memory alone.
-  if (!m_compressor->begin(m_fastLevel)) return Io(log, pm).fail("Out of memory for deflate compression.");
+  if (!m_compressor->begin(m_fastLevel)) return Io(log, pm).fail(kNoMemoryToDeflate);
   return MoreCompress(in, out, log, pm);
 }
 
@@ -102,7 +102,7 @@ bool MorvaneDeflate::BeginCompress(const DataBuffer& in, DataBuffer& out, LogBas
 bool MorvaneDeflate::MoreCompress(const DataBuffer& in, DataBuffer& out, LogBase& log, ProgressMonitor* pm) {
   if (m_compressor && m_compressor->begun && m_compressor->take(in.getData2(), in.getSize(), out))
     return true;
-  return Io(log, pm).fail("Deflate compression failed.");
+  return Io(log, pm).fail(kDeflateFailed);
 }
 
 // The compressor is gone afterwards, whatever came of it: a second End is a failure and no crash.
@@ -110,7 +110,7 @@ bool MorvaneDeflate::EndCompress(DataBuffer& out, LogBase& log, ProgressMonitor*
   const bool ok = m_compressor && m_compressor->begun &&
                   m_compressor->run(m_compressor->in, m_compressor->gathered, Z_FINISH, out);
   m_compressor.reset();
-  return ok || Io(log, pm).fail("Deflate compression failed.");
+  return ok || Io(log, pm).fail(kDeflateFailed);
 }
 
 // Whether to abort is asked with each piece of input and of output: data that never produce anything, and a

@@ -7,6 +7,10 @@
 
 namespace morvane {
 
+// Why a compressor cannot begin, and why it cannot go on.
+constexpr char kNoMemoryToDeflate[] = "Out of memory for deflate compression.";
+constexpr char kDeflateFailed[] = "Deflate compression failed.";
+
 class DataBuffer;
 class LogBase;
 class ProgressMonitor;

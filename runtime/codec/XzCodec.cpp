@@ -9,8 +9,11 @@
 
 #include "runtime/buffer/DataBuffer.h"
 #include "runtime/codec/InputWindow.h"
+#include "runtime/codec/LateEncoder.h"
 #include "runtime/io/Io.h"
 #include "runtime/io/_mvOutput.h"
+#include "runtime/parallel/OrderedRing.h"
+#include "runtime/parallel/SignalsBlocked.h"
 
 namespace morvane {
 
@@ -27,10 +30,13 @@ struct Stream {
 
 class XzEncoder : public Encoder {
  public:
-  explicit XzEncoder(long long level) : m_out(kPiece) {
+  // `threads` 0 compresses in the calling thread, into one block.
+  XzEncoder(long long level, unsigned threads) : m_out(kPiece), m_hasThreads(threads > 0) {
     const auto chosen =
         level == 0 ? kDefaultLevel : static_cast<unsigned>(std::min<long long>(level, kHighestLevel));
-    if (lzma_easy_encoder(&m_stream.state, chosen, LZMA_CHECK_CRC64) != LZMA_OK) throw std::bad_alloc();
+    const lzma_ret begun = m_hasThreads ? beginThreads(chosen, threads)
+                                        : lzma_easy_encoder(&m_stream.state, chosen, LZMA_CHECK_CRC64);
+    if (begun != LZMA_OK) throw std::bad_alloc();
   }
 
   bool add(const unsigned char* bytes, unsigned n, DataBuffer& ready, const Io& io) override {
@@ -49,9 +55,23 @@ class XzEncoder : public Encoder {
   }
 
  private:
+  // Blocks of three times the dictionary, whose size the preset alone decides, and so the bytes. Fewer
+  // threads where they would take more than a gigabyte.
+  lzma_ret beginThreads(unsigned preset, unsigned threads) {
+    constexpr uint64_t kMostMemory = 1024ULL * 1024 * 1024;
+    lzma_mt options{};
+    options.preset = preset;
+    options.check = LZMA_CHECK_CRC64;
+    options.threads = threads;
+    while (options.threads > 1 && lzma_stream_encoder_mt_memusage(&options) > kMostMemory) --options.threads;
+    return lzma_stream_encoder_mt(&m_stream.state, &options);
+  }
+
   lzma_ret run(lzma_action action, DataBuffer& ready) {
     m_stream.state.next_out = m_out.data();
     m_stream.state.avail_out = m_out.size();
+    // The library makes its threads as it needs them.
+    const SignalsBlocked signalsBlocked(m_hasThreads);
     const lzma_ret result = lzma_code(&m_stream.state, action);
     const size_t produced = m_out.size() - m_stream.state.avail_out;
     if (produced > 0 && !ready.append(m_out.data(), static_cast<unsigned>(produced))) return LZMA_MEM_ERROR;
@@ -60,6 +80,7 @@ class XzEncoder : public Encoder {
 
   Stream m_stream;
   std::vector<unsigned char> m_out;
+  const bool m_hasThreads;
 };
 
 const char* reasonOf(lzma_ret result, bool anyInput) {
@@ -82,7 +103,10 @@ const char* reasonOf(lzma_ret result, bool anyInput) {
 }  // namespace
 
 std::unique_ptr<Encoder> makeXzEncoder(const CodecOptions& options) {
-  return std::make_unique<XzEncoder>(options.level);
+  if (options.threads == 1) return std::make_unique<XzEncoder>(options.level, 0);
+  return std::make_unique<LateEncoder>([options](bool isLarge) {
+    return std::make_unique<XzEncoder>(options.level, isLarge ? workerCount(options.threads) + 1 : 0);
+  });
 }
 
 bool decodeXz(_mvDataSource& source, _mvOutput& out, const CodecOptions& options, const Io& io) {

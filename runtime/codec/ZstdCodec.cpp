@@ -10,8 +10,11 @@
 
 #include "runtime/buffer/DataBuffer.h"
 #include "runtime/codec/InputWindow.h"
+#include "runtime/codec/LateEncoder.h"
 #include "runtime/io/Io.h"
 #include "runtime/io/_mvOutput.h"
+#include "runtime/parallel/OrderedRing.h"
+#include "runtime/parallel/SignalsBlocked.h"
 
 namespace morvane {
 
@@ -21,14 +24,17 @@ constexpr int kDefaultLevel = 3;  // as the library's own programs have it
 
 class ZstdEncoder : public Encoder {
  public:
-  explicit ZstdEncoder(long long level)
-      : m_context(ZSTD_createCCtx(), ZSTD_freeCCtx), m_out(ZSTD_CStreamOutSize()) {
+  // `workers` 0 compresses in the calling thread.
+  ZstdEncoder(long long level, unsigned workers)
+      : m_context(ZSTD_createCCtx(), ZSTD_freeCCtx), m_out(ZSTD_CStreamOutSize()), m_hasWorkers(workers > 0) {
     if (!m_context) throw std::bad_alloc();
     const int chosen =
         level == 0 ? kDefaultLevel : static_cast<int>(std::min<long long>(level, ZSTD_maxCLevel()));
     ZSTD_CCtx_setParameter(m_context.get(), ZSTD_c_compressionLevel, chosen);
     // Without it a flipped bit may pass for data.
     ZSTD_CCtx_setParameter(m_context.get(), ZSTD_c_checksumFlag, 1);
+    // A library that was built without threads refuses, and has one then.
+    if (workers > 0) ZSTD_CCtx_setParameter(m_context.get(), ZSTD_c_nbWorkers, workersFor(chosen, workers));
   }
 
   bool add(const unsigned char* bytes, unsigned n, DataBuffer& ready, const Io& io) override {
@@ -49,9 +55,18 @@ class ZstdEncoder : public Encoder {
   }
 
  private:
+  // Each worker holds a few jobs of four windows of the level: so that there is never more than about a
+  // gigabyte. How many there are does not show in the bytes.
+  static int workersFor(int level, unsigned wanted) {
+    const unsigned most = level < 20 ? 64 : level == 20 ? 4 : level == 21 ? 2 : 1;
+    return static_cast<int>(std::min(wanted, most));
+  }
+
   // One call of the library; `left` tells how much it still holds back at least.
   bool run(ZSTD_inBuffer& in, ZSTD_EndDirective directive, size_t& left, DataBuffer& ready, const Io& io) {
     ZSTD_outBuffer out{m_out.data(), m_out.size(), 0};
+    // The first call makes the workers.
+    const SignalsBlocked signalsBlocked(m_hasWorkers);
     left = ZSTD_compressStream2(m_context.get(), &out, &in, directive);
     if (ZSTD_isError(left)) return io.fail("zstd compression failed.");
     return out.pos == 0 || ready.append(m_out.data(), static_cast<unsigned>(out.pos)) ||
@@ -60,6 +75,7 @@ class ZstdEncoder : public Encoder {
 
   const std::unique_ptr<ZSTD_CCtx, size_t (*)(ZSTD_CCtx*)> m_context;
   std::vector<char> m_out;
+  const bool m_hasWorkers;
 };
 
 // The largest window of 2^n bytes that a limit allows.
@@ -88,7 +104,10 @@ const char* reasonOf(size_t error) {
 }  // namespace
 
 std::unique_ptr<Encoder> makeZstdEncoder(const CodecOptions& options) {
-  return std::make_unique<ZstdEncoder>(options.level);
+  if (options.threads == 1) return std::make_unique<ZstdEncoder>(options.level, 0);
+  return std::make_unique<LateEncoder>([options](bool isLarge) {
+    return std::make_unique<ZstdEncoder>(options.level, isLarge ? workerCount(options.threads) + 1 : 0);
+  });
 }
 
 bool decodeZstd(_mvDataSource& source, _mvOutput& out, const CodecOptions& options, const Io& io) {
@@ -118,8 +137,9 @@ bool decodeZstd(_mvDataSource& source, _mvOutput& out, const CodecOptions& optio
       if (piece.pos > 0 &&
           !out.writeBytesPM(buffer.data(), static_cast<unsigned>(piece.pos), io.monitor, io.log))
         return false;
-      // A full output may mean that there is more of it than there was room for.
-    } while (piece.pos == piece.size);
+      // A full output may mean that there is more of it than there was room for; not behind a frame that has
+      // ended, where the library would ask for another one.
+    } while (piece.pos == piece.size && wanted != 0);
     anyFrame |= wanted == 0;
   }
   if (wanted == 0) return true;

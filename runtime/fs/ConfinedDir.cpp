@@ -73,7 +73,7 @@ ConfinedDir::Result ConfinedDir::openMade(const Place& place, unsigned type, uns
   // Names are counted as the path is looked up again: another name of something else could have been put here
   // for the moment of the open, and be gone by the time of the first look.
   const bool isNamed = fstatat(place.parent.fd(), place.leaf.c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0;
-  const bool isIt = isNamed && identityOf(named) == identityOf(status) && named.st_nlink == 1 &&
+  const bool isIt = isNamed && Identity::of(named) == Identity::of(status) && named.st_nlink == 1 &&
                     (status.st_mode & S_IFMT) == type && status.st_uid == geteuid() &&
                     ((type != S_IFCHR && type != S_IFBLK) || status.st_rdev == device);
   if (isIt) return Result::Ok;

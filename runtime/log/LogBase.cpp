@@ -80,6 +80,22 @@ void LogBase::LogData(const char* tag, const char* value) {
   writeLine(contextDepth(), line.data(), static_cast<unsigned>(line.size()));
 }
 
+void LogBase::takeHeldLine(unsigned depth, const char* line, unsigned length) {
+  if (!keepsLines()) return;
+  showContexts();
+  writeLine(contextDepth() + depth, line, length);
+}
+
+void LogBase::takeHeldCause(const Cause& cause) {
+  if (!keepsLines()) return;
+  if (m_cause.message.empty()) {
+    m_cause = cause;
+    m_cause.depth += contextDepth();
+  } else {
+    m_cause.open = false;
+  }
+}
+
 void LogBase::LogDataX(const char* tag, const XString& value) { LogData(tag, value.getUtf8()); }
 
 void LogBase::LogDataSb(const char* tag, const StringBuffer& value) { LogData(tag, value.getString()); }

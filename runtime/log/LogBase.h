@@ -54,7 +54,8 @@ class MORVANE_API LogBase {
   // The name must outlive the context; a string literal does. Contexts are closed in the reverse order.
   // LogContextExitor does both.
   void enterContext(const char* name) {
-    if (m_cause.depth > contextDepth()) forgetCause();
+    forgetCauseBeside();
+    m_anyEntered = true;
     m_contexts.push_back({name, false});
   }
   // Closes the innermost; does nothing where none is open.
@@ -81,17 +82,31 @@ class MORVANE_API LogBase {
     if (m_cause.open) m_cause.reason = reason;
   }
   void forgetCause() { m_cause = Cause(); }
+  // What a new context does with the cause of one beside it that has been left.
+  void forgetCauseBeside() {
+    if (m_cause.depth > contextDepth()) forgetCause();
+  }
   // What a failure is to be put down to when the log shows no line of it, if no error stands here yet.
   void noteCause(const char* message, const char* path, const char* reason);
 
   // Puts the names of the open contexts down even if nothing is written in them.
   void showContexts();
 
+  // Whether lines come to anything here.
+  bool takesLines() const { return keepsLines(); }
+  // A line that a HeldLog kept, `depth` contexts below the open ones, and the cause it came to. A cause that
+  // stands here already stays, for it was first.
+  void takeHeldLine(unsigned depth, const char* line, unsigned length);
+  void takeHeldCause(const Cause& cause);
+
  protected:
   // Takes one line, without its line end, that stands `depth` contexts deep. The base discards it.
   virtual void writeLine(unsigned depth, const char* line, unsigned length);
   // Whether lines are kept at all; if not, none is built. It must always give the same answer.
   virtual bool keepsLines() const;
+  // Whether a context was entered since the log was made or this was forgotten.
+  bool anyEntered() const { return m_anyEntered; }
+  void forgetEntered() { m_anyEntered = false; }
 
  private:
   // A name that is shown stands in the log already.
@@ -104,6 +119,7 @@ class MORVANE_API LogBase {
 
   std::vector<Context> m_contexts;
   Cause m_cause;
+  bool m_anyEntered = false;
   RelaxedAtomic<bool> m_verbose = false;
 };
 

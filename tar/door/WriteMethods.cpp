@@ -77,6 +77,7 @@ bool ClsTar::Inner::writeMethod(const char* name, Compression compression, const
     ProgressMonitorPtr monitor(progress, m_abortCheckMs, m_percentScale, total);
     const Io io(m_log, monitor.getPm(), progress);
     m_archive.begin(compression, m_options.codec);
+    const ScopeExit letGo([this] { m_archive.end(); });
     if (place.out) return writeFramed(*place.out, compression, io);
     // Only now: an archive that is there is not emptied for a write that does not begin.
     const std::unique_ptr<OutputFile> file(OutputFile::createFileUtf8(place.path->getUtf8(), m_log));

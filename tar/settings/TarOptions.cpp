@@ -80,6 +80,7 @@ constexpr Switch kSwitches[] = {
 // With the least and the largest value that makes sense.
 constexpr Number kNumbers[] = {
     {"maxextensionbytes", MORVANE_SETTING(long long, maxExtensionBytes), 1, kAnyNumber},
+    {"threads", MORVANE_SETTING(long long, codec.threads), 0, 64},
     {"level", MORVANE_SETTING(long long, codec.level), 1, 22},
     {"maxwindowbytes", MORVANE_SETTING(long long, codec.maxWindowBytes), 1, kAnyNumber},
     {"fastdeflate", MORVANE_SETTING(long long, codec.fastDeflate), 1, 3},

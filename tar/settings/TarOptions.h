@@ -17,7 +17,7 @@ enum class Confine { Off, Beneath, NoLinks };
 
 // Plain values, copied into each run. Every default is what the component does without any word.
 struct TarOptions {
-  // FastDeflate, VerifyGzip, GzipAllMembers.
+  // FastDeflate, VerifyGzip, GzipAllMembers, Level, MaxWindowBytes, Threads.
   CodecOptions codec;
   // Both directions
   bool memberEvents = false;

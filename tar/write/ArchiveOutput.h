@@ -20,6 +20,8 @@ struct ArchiveOutput {
   // What the next write goes through. An encoder serves one archive. Called before each write, a failed one
   // included.
   void begin(Compression compression, const CodecOptions& options);
+  // Lets the encoder go, with its memory and its threads: on every way out of a write.
+  void end() { m_encoder = nullptr; }
   // Writes what an encoder puts in front of its data and behind them. Nothing for a plain archive. `out` is
   // the output of the write, which is set later than this.
   [[nodiscard]] bool open(_mvOutput& out, const Io& io);
