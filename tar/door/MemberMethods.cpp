@@ -6,29 +6,9 @@
 #include "tar/door/ClsTarInner.h"
 #include "tar/format/ArchiveContent.h"
 #include "tar/stream/RatioLimit.h"
-#include "tar/stream/StreamingUntar.h"
+#include "tar/stream/StreamSink.h"
 
 namespace morvane {
-
-namespace {
-
-// Feeds the streaming engine, and stops the decompressor once the member is complete. The decompressor takes
-// the refusal for a failed write, and what it returns then is not asked: whether the member is complete
-// decides.
-class UntilMember : public _mvOutput {
- public:
-  explicit UntilMember(StreamingUntar& stream) : m_stream(stream) {}
-  bool _writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log) override {
-    bool finished = false;
-    const auto* const data = reinterpret_cast<const unsigned char*>(bytes);
-    return m_stream.StreamingUntarNext(data, n, finished, io.monitor(), log) && !m_stream.memberIsComplete();
-  }
-
- private:
-  StreamingUntar& m_stream;
-};
-
-}  // namespace
 
 // Which compression it is, the content tells: one method for all of them.
 bool ClsTar::UntarMemberToOutput(const XString& tarPath, _mvOutput& out, ProgressEvent* progress) {
@@ -70,7 +50,8 @@ bool ClsTar::Inner::memberToOutput(_mvDataSource& source, _mvOutput& out, Progre
     StreamingUntar stream(liveMemberSettings(), noListing);
     stream.BeginStreamingUntar();
     stream.extractFirstMemberInto(&out);
-    UntilMember sink(stream);
+    // Whether the member is complete decides, not what the decompressor returns.
+    StreamSink sink(stream, StreamSink::Until::Member);
     MeteredSource metered(source);
     RatioLimit limited(sink, metered, m_options.maxRatio);
     const bool ended = codecOf(*compression).decode(metered, limited, m_options.codec, io);
