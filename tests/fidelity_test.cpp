@@ -356,6 +356,19 @@ TEST(AccessList, TextsThatMakeNoSense) {
   EXPECT_FALSE(accessListText(bytes->substr(0, 7), users) || accessListText("\3" + bytes->substr(1), users));
 }
 
+TEST(UserDatabase, HostileArchivesNameManyOwners) {
+  UserDatabase users;
+  EXPECT_EQ("root", users.userName(0));
+  EXPECT_EQ(0u, users.groupId("root"));
+  for (unsigned i = 0; i < 10000; ++i) {
+    EXPECT_FALSE(users.userId("nobody-of-that-name-" + std::to_string(i)));
+  }
+  EXPECT_FALSE(users.groupId(std::string(1 << 20, 'g')));
+  EXPECT_GE(users.remembered(), 1000u);
+  EXPECT_LE(users.remembered(), 4096u);
+  EXPECT_EQ(0u, users.userId("root")) << "what the file says is not forgotten";
+}
+
 TEST(SparseMap, ClaimsThatMakeNoSense) {
   const auto lists = [](const std::string& text, long long realSize) {
     SparseMap map;

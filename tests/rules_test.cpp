@@ -170,7 +170,8 @@ struct Encoder {
     WriteRun run{settings, archive, Io(log)};
     morvane::Member member;
     describeMember(info, settings, pathInTar, member);
-    return MemberWriter(run).writeHeader(member);
+    MemberWriter writer(run);
+    return writer.writeHeader(member, writer.encode(member));
   }
 
   WriteSettings settings;

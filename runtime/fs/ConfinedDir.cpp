@@ -16,7 +16,6 @@ namespace morvane {
 namespace {
 
 constexpr int kNewFile = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
-constexpr char kCannotCreate[] = "Failed to create file.";
 
 }  // namespace
 

@@ -25,7 +25,7 @@ constexpr char kCannotOpenDirectory[] = "Failed to open directory.";
 
 // False for a path that must be refused: absolute, or with a ".." part or a NUL.
 bool staysBeneath(const std::string& path) {
-  if (path.find('\0') != std::string::npos || (!path.empty() && path.front() == '/')) return false;
+  if (hasNul(path) || (!path.empty() && path.front() == '/')) return false;
   for (size_t at = path.find(".."); at != std::string::npos; at = path.find("..", at + 1)) {
     const bool starts = at == 0 || path[at - 1] == '/';
     if (starts && (at + 2 == path.size() || path[at + 2] == '/')) return false;
@@ -103,7 +103,7 @@ ConfinedWalk::Result ConfinedWalk::unmade(int parent, const char* leaf, const st
 }
 
 bool ConfinedWalk::isConfinable(const std::string& path) const {
-  if (m_links == Links::Anywhere) return path.find('\0') == std::string::npos;
+  if (m_links == Links::Anywhere) return !hasNul(path);
   return staysBeneath(path);
 }
 

@@ -20,15 +20,15 @@ namespace {
 // The umask takes from it what the process's user does not want.
 constexpr mode_t kDirectoryMode = 0777;
 
-constexpr char kCannotCreate[] = "Failed to create directory.";
+constexpr char kCannotMake[] = "Failed to create directory.";
 
 // errno is set on both ways: the caller may have a line of its own to write.
 bool failed(LogBase& log, DirAutoCreate::Telling telling, const char* dir, int error) {
   const bool tells = telling == DirAutoCreate::Telling::Always || log.verbose();
   if (tells) {
-    logOsError(log, kCannotCreate, dir, error);
+    logOsError(log, kCannotMake, dir, error);
   } else {
-    log.noteCause(kCannotCreate, dir, std::strerror(error));
+    log.noteCause(kCannotMake, dir, std::strerror(error));
     errno = error;
   }
   return false;

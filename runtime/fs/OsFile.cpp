@@ -187,11 +187,11 @@ int osSetTimes(const char* path, const timespec& access, const timespec& modific
   return onPath(path, [&](int directory, const char* rest) { return utimensat(directory, rest, times, 0); });
 }
 
-bool hasNul(const XString& path) { return path.str().find('\0') != std::string::npos; }
+bool hasNul(const std::string& path) { return path.find('\0') != std::string::npos; }
 
 // EINVAL, since the system never sees such a path to find a reason of its own.
 bool isSystemPath(const XString& path, const char* message, LogBase& log) {
-  if (!hasNul(path)) return true;
+  if (!hasNul(path.str())) return true;
   logOsError(log, message, path.getUtf8(), EINVAL);
   return false;
 }

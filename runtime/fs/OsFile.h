@@ -85,9 +85,12 @@ int osSetTimes(const char* path, const timespec& access, const timespec& modific
 
 // Whether a text can be a path at all. One with a NUL cannot: the system would take it to end there, and so
 // to be another file's.
-bool hasNul(const XString& path);
+bool hasNul(const std::string& path);
 // The same; what cannot be one is logged with `message`.
 bool isSystemPath(const XString& path, const char* message, LogBase& log);
+
+// The words for a file that cannot be made, wherever that is tried.
+constexpr char kCannotCreate[] = "Failed to create file.";
 
 // The error line `message`, then "path" and the reason that `error` gives, which is then what errno says.
 void logOsError(LogBase& log, const char* message, const char* path, int error);

@@ -1,15 +1,16 @@
-// Names and numbers, read from the system's own files at once and asked for one by one elsewhere. What has no
-// answer is remembered as well: an archive of a foreign system asks for the same unknown user with each
-// member. The maps keep their elements in place, so that a name that was returned stays valid as long as the
-// object.
+// Names and numbers, read from the system's own files at once and asked for one by one elsewhere. Users and
+// groups have files, entries and calls of their own, of the same shape: what is done with them stands here
+// once, and below only which they are.
 #include "runtime/fs/UserDatabase.h"
 
 #include <grp.h>
 #include <pwd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <memory>
+#include <utility>
 #include <vector>
 
 namespace morvane {
@@ -19,116 +20,124 @@ namespace {
 // No real entry needs as much; a database that asks for more and more memory is given up.
 constexpr size_t kLargestEntry = 1 << 20;
 
+// A few thousand are more than an honest archive of unknown owners has. Then all of them are forgotten, which
+// costs a question for each that comes again.
+constexpr size_t kMostRemembered = 4096;
+// Longer than any that the system lets anybody have (LOGIN_NAME_MAX).
+constexpr size_t kLongestRemembered = 256;
+
 // "e" in the modes below keeps the descriptor from programs that another thread starts.
 using File = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
 
-// Calls `look(buffer)`, an errno or 0, with a buffer that grows for as long as it is too small.
-template <class Look>
-void withBuffer(Look look) {
+bool mayBeRemembered(unsigned) { return true; }
+bool mayBeRemembered(const std::string& name) { return name.size() <= kLongestRemembered; }
+
+// Every entry of a file goes to `take`; a file that cannot be opened has none. `next` is the system's
+// fget...ent_r; entries too long for the buffer end it, and are left to the other way.
+template <class Entry, class Next, class Take>
+void readFile(const char* path, size_t bufferSize, Next next, Take take) {
+  const File file(std::fopen(path, "re"), std::fclose);
+  if (!file) return;
+  std::vector<char> buffer(bufferSize);
+  Entry entry;
+  for (Entry* found = nullptr; next(file.get(), &entry, buffer.data(), buffer.size(), &found) == 0 && found;)
+    take(entry);
+}
+
+// The entry that `call(entry, buffer, size, found)` finds, an errno or 0 its result, goes to `take`; nothing
+// does when there is none. The buffer grows for as long as it is too small. A database that fails is taken
+// for one that does not know the user: the number is in the archive in any case, and an archive without names
+// is better than none.
+template <class Entry, class Call, class Take>
+void askSystem(Call call, Take take) {
   for (std::vector<char> buffer(1024); buffer.size() <= kLargestEntry; buffer.resize(buffer.size() * 2)) {
-    int error = look(buffer);
+    Entry entry;
+    Entry* found = nullptr;
+    int error = EINTR;
     // A signal is no answer.
-    while (error == EINTR) error = look(buffer);
+    while (error == EINTR) error = call(&entry, buffer.data(), buffer.size(), &found);
+    if (found) take(entry);
     if (error != ERANGE) return;
   }
 }
 
 }  // namespace
 
-// The first entry of a number and of a name counts, as everywhere. Entries too long for the buffer are left
-// to the other way.
-void UserDatabase::readUsers() {
-  m_users.isRead = true;
-  const File file(std::fopen("/etc/passwd", "re"), std::fclose);
-  if (!file) return;
+template <class Key, class Answer>
+template <class Ask>
+Answer UserDatabase::Known<Key, Answer>::find(const Key& key, Ask ask) {
+  // What is in the file is never asked for elsewhere, as nsswitch.conf has it nearly everywhere ("files"
+  // first).
+  for (const auto* const map : {&fromFile, &asked}) {
+    if (const auto known = map->find(key); known != map->end()) return known->second;
+  }
+  Answer answer = ask();
+  if (!mayBeRemembered(key)) return answer;
+  if (asked.size() >= kMostRemembered) asked.clear();
+  asked.emplace(key, answer);
+  return answer;
+}
+
+size_t UserDatabase::remembered() const {
+  return std::max({m_users.byId.asked.size(), m_users.byName.asked.size(), m_groups.byId.asked.size(),
+                   m_groups.byName.asked.size()});
+}
+
+// The first entry of a number and of a name counts, as everywhere.
+UserDatabase::Names& UserDatabase::users() {
+  if (std::exchange(m_users.isRead, true)) return m_users;
   // More than any entry of people's own files has.
-  std::vector<char> buffer(64 * 1024);
-  passwd entry;
-  for (passwd* found = nullptr;
-       fgetpwent_r(file.get(), &entry, buffer.data(), buffer.size(), &found) == 0 && found;) {
-    m_users.byId.emplace(entry.pw_uid, entry.pw_name);
-    m_users.byName.emplace(entry.pw_name, entry.pw_uid);
-  }
-}
-
-// A database that cannot be opened leaves everything to the other way.
-void UserDatabase::readGroups() {
-  m_groups.isRead = true;
-  const File file(std::fopen("/etc/group", "re"), std::fclose);
-  if (!file) return;
-  std::vector<char> buffer(1 << 20);  // the members of a group are listed with it
-  group entry;
-  for (group* found = nullptr;
-       fgetgrent_r(file.get(), &entry, buffer.data(), buffer.size(), &found) == 0 && found;) {
-    m_groups.byId.emplace(entry.gr_gid, entry.gr_name);
-    m_groups.byName.emplace(entry.gr_name, entry.gr_gid);
-  }
-}
-
-// A database that fails is taken for one that does not know the user: the number is in the archive in any
-// case, and an archive without names is better than none.
-const std::string& UserDatabase::userName(unsigned uid) {
-  if (!m_users.isRead) readUsers();
-  const auto known = m_users.byId.find(uid);
-  if (known != m_users.byId.end()) return known->second;
-  std::string& name = m_users.byId[uid];
-  withBuffer([&](std::vector<char>& buffer) {
-    passwd entry;
-    passwd* found = nullptr;
-    const int error = getpwuid_r(uid, &entry, buffer.data(), buffer.size(), &found);
-    if (found) name = found->pw_name;
-    return error;
+  readFile<passwd>("/etc/passwd", 64 * 1024, fgetpwent_r, [this](const passwd& entry) {
+    m_users.byId.fromFile.emplace(entry.pw_uid, entry.pw_name);
+    m_users.byName.fromFile.emplace(entry.pw_name, entry.pw_uid);
   });
-  return name;
+  return m_users;
 }
 
-// The same for groups, which have files and calls of their own.
-const std::string& UserDatabase::groupName(unsigned gid) {
-  if (!m_groups.isRead) readGroups();
-  const auto known = m_groups.byId.find(gid);
-  if (known != m_groups.byId.end()) return known->second;
-  std::string& name = m_groups.byId[gid];
-  withBuffer([&](std::vector<char>& buffer) {
-    group entry;
-    group* found = nullptr;
-    const int error = getgrgid_r(gid, &entry, buffer.data(), buffer.size(), &found);
-    if (found) name = found->gr_name;
-    return error;
+UserDatabase::Names& UserDatabase::groups() {
+  if (std::exchange(m_groups.isRead, true)) return m_groups;
+  // The members of a group are listed with it.
+  readFile<group>("/etc/group", 1 << 20, fgetgrent_r, [this](const group& entry) {
+    m_groups.byId.fromFile.emplace(entry.gr_gid, entry.gr_name);
+    m_groups.byName.fromFile.emplace(entry.gr_name, entry.gr_gid);
   });
-  return name;
+  return m_groups;
 }
 
-// A name that is in the file is never asked for elsewhere, as nsswitch.conf has it nearly everywhere ("files"
-// first).
+std::string UserDatabase::userName(unsigned uid) {
+  return users().byId.find(uid, [uid] {
+    std::string name;
+    askSystem<passwd>([uid](auto... rest) { return getpwuid_r(uid, rest...); },
+                      [&](const passwd& entry) { name = entry.pw_name; });
+    return name;
+  });
+}
+
+std::string UserDatabase::groupName(unsigned gid) {
+  return groups().byId.find(gid, [gid] {
+    std::string name;
+    askSystem<group>([gid](auto... rest) { return getgrgid_r(gid, rest...); },
+                     [&](const group& entry) { name = entry.gr_name; });
+    return name;
+  });
+}
+
 std::optional<unsigned> UserDatabase::userId(const std::string& name) {
-  if (!m_users.isRead) readUsers();
-  const auto known = m_users.byName.find(name);
-  if (known != m_users.byName.end()) return known->second;
-  // Made before it is asked for, so that an unknown name is remembered as well.
-  std::optional<unsigned>& id = m_users.byName[name];
-  withBuffer([&](std::vector<char>& buffer) {
-    passwd entry;
-    passwd* found = nullptr;
-    const int error = getpwnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found);
-    if (found) id = found->pw_uid;
-    return error;
+  return users().byName.find(name, [&name] {
+    std::optional<unsigned> id;
+    askSystem<passwd>([&](auto... rest) { return getpwnam_r(name.c_str(), rest...); },
+                      [&](const passwd& entry) { id = entry.pw_uid; });
+    return id;
   });
-  return id;
 }
 
 std::optional<unsigned> UserDatabase::groupId(const std::string& name) {
-  if (!m_groups.isRead) readGroups();
-  const auto known = m_groups.byName.find(name);
-  if (known != m_groups.byName.end()) return known->second;
-  std::optional<unsigned>& id = m_groups.byName[name];
-  withBuffer([&](std::vector<char>& buffer) {
-    group entry;
-    group* found = nullptr;
-    const int error = getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found);
-    if (found) id = found->gr_gid;
-    return error;
+  return groups().byName.find(name, [&name] {
+    std::optional<unsigned> id;
+    askSystem<group>([&](auto... rest) { return getgrnam_r(name.c_str(), rest...); },
+                     [&](const group& entry) { id = entry.gr_gid; });
+    return id;
   });
-  return id;
 }
 
 }  // namespace morvane

@@ -4,6 +4,7 @@
 // services) take far longer. What is in neither is asked for there. One object serves one job on one thread.
 #pragma once
 
+#include <cstddef>
 #include <map>
 #include <optional>
 #include <string>
@@ -14,26 +15,38 @@ namespace morvane {
 // the database while it lives. Throws std::bad_alloc.
 class UserDatabase {
  public:
-  // Empty when the number has no name; nothing when the name has no number. What is returned stays valid as
-  // long as the object. A number may have several names and a name appear twice: the first of the file
-  // counts. A database that cannot be read knows nobody.
-  const std::string& userName(unsigned uid);
-  const std::string& groupName(unsigned gid);
+  // Empty when the number has no name; nothing when the name has no number. A number may have several names
+  // and a name appear twice: the first of the file counts. A database that cannot be read knows nobody.
+  std::string userName(unsigned uid);
+  std::string groupName(unsigned gid);
   std::optional<unsigned> userId(const std::string& name);
   std::optional<unsigned> groupId(const std::string& name);
 
+  // How many answers of directory services are remembered of each kind, at most: a hostile archive names as
+  // many owners as it has members. For tests.
+  size_t remembered() const;
+
  private:
-  // What is known so far, unknown ones among it: an empty name, no number.
+  // One direction of one file: what the file says, all of it, and what was asked for elsewhere, also where
+  // nobody knew it, because an archive of a foreign system asks for the same unknown user with each member.
+  template <class Key, class Answer>
+  struct Known {
+    std::map<Key, Answer> fromFile, asked;
+
+    // `ask()` is the other way. A longer name than any user has is not remembered: it could be of any size.
+    template <class Ask>
+    Answer find(const Key& key, Ask ask);
+  };
   struct Names {
     // Whether the system's file was read, with whatever result.
     bool isRead = false;
-    std::map<unsigned, std::string> byId;
-    std::map<std::string, std::optional<unsigned>> byName;
+    Known<unsigned, std::string> byId;
+    Known<std::string, std::optional<unsigned>> byName;
   };
 
-  // Once, before the first question of their kind.
-  void readUsers();
-  void readGroups();
+  // Each reads the file before its first question.
+  Names& users();
+  Names& groups();
 
   // Numbers may have the same name in both.
   Names m_users, m_groups;

@@ -16,8 +16,6 @@ class MorvaneFileTime;
 class OsFile;
 struct mvFileInfo;
 
-constexpr char kCannotCreate[] = "Failed to create file.";
-
 // One writer at a time. Bytes that were accepted may be read back from the file only behind a flush.
 class MORVANE_API OutputFile : public _mvOutput {
  public:

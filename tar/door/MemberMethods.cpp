@@ -8,31 +8,9 @@
 #include "tar/format/ArchiveContent.h"
 #include "tar/read/UntarRun.h"
 #include "tar/stream/RatioLimit.h"
-#include "tar/stream/StreamingUntar.h"
+#include "tar/stream/StreamSink.h"
 
 namespace morvane {
-
-namespace {
-
-// Feeds the streaming engine, and stops the decompressor once the first member is complete, where that is all
-// that is wanted. The decompressor takes the refusal for a failed write, and what it returns then is not
-// asked: whether the member is complete decides.
-class UntilMember : public _mvOutput {
- public:
-  UntilMember(StreamingUntar& stream, bool firstAlone) : m_stream(stream), m_firstAlone(firstAlone) {}
-  bool _writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log) override {
-    bool finished = false;
-    const auto* const data = reinterpret_cast<const unsigned char*>(bytes);
-    return m_stream.StreamingUntarNext(data, n, finished, io.monitor(), log) &&
-           !(m_firstAlone && m_stream.completeMembers() > 0);
-  }
-
- private:
-  StreamingUntar& m_stream;
-  const bool m_firstAlone;
-};
-
-}  // namespace
 
 bool ClsTar::UntarMemberToOutput(const XString& tarPath, _mvOutput& out, ProgressEvent* progress) {
   return m_inner->membersFromPath("UntarMemberToOutput", tarPath, out, true, progress);
@@ -98,7 +76,8 @@ bool ClsTar::Inner::membersToOutput(_mvDataSource& source, _mvOutput& out, bool 
     StreamingUntar stream(liveMemberSettings(), noListing);
     stream.BeginStreamingUntar();
     stream.extractMembersInto(out, firstAlone);
-    UntilMember sink(stream, firstAlone);
+    // Where one is wanted, whether it is complete decides, not what the decompressor returns.
+    StreamSink sink(stream, firstAlone ? StreamSink::Until::Member : StreamSink::Until::End);
     MeteredSource metered(source);
     RatioLimit limited(sink, metered, m_options.maxRatio);
     const bool ended = codecOf(*compression).decode(metered, limited, m_options.codec, io);

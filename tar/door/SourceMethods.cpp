@@ -1,25 +1,14 @@
 // ClsTar's sources: what is added, counted, read back and cleared.
 #include <memory>
 
+#include "runtime/fs/OsFile.h"
 #include "runtime/fs/Psdk.h"
 #include "tar/door/ClsTarInner.h"
 #include "tar/write/DirRoot.h"
+#include "tar/write/MemberWriter.h"
 #include "tar/write/SourceEntry.h"
 
 namespace morvane {
-
-namespace {
-
-// Told when it is added: stored, the path would be another one, and the write could only fail.
-constexpr char kNulInPath[] = "A path with a NUL byte cannot be archived.";
-
-// False, for the caller to return.
-bool fails(const char* message, LogBase& log) {
-  log.LogError(message);
-  return false;
-}
-
-}  // namespace
 
 bool ClsTar::AddDirRoot(const XString& dirPath) {
   return m_inner->method("AddDirRoot", MethodForm::Judged, false,
@@ -35,16 +24,17 @@ bool ClsTar::AddDirRoot2(const XString& pathPrefix, const XString& dirPath) {
 // followed, as the walk will do. The list takes the root over; unlike a file's, its prefix is kept apart from
 // its path.
 bool ClsTar::Inner::addDirRoot(const XString* pathPrefix, const XString& dirPath) {
+  const Io io(m_log);
   if (pathPrefix) m_log.LogDataX("pathPrefix", *pathPrefix);
   m_log.LogDataX("dirPath", dirPath);
-  if (hasNul(dirPath) || (pathPrefix && hasNul(*pathPrefix))) return fails(kNulInPath, m_log);
+  if (hasNul(dirPath.str()) || (pathPrefix && hasNul(pathPrefix->str()))) return io.fail(kNulInPath);
   mvFileInfo info;
   if (!info.loadTargetInfoUtf8(dirPath.getUtf8(), m_log)) return false;
-  if (!info.m_isDirectory) return fails("Not a directory.", m_log);
+  if (!info.m_isDirectory) return io.fail("Not a directory.");
   auto root = std::make_unique<_dirRoot>();
   root->m_dirPath = dirPath.str();
   if (pathPrefix) root->m_pathPrefix = pathPrefix->str();
-  return m_dirRoots.appendPtr(root.release()) || fails("Out of memory for a directory root.", m_log);
+  return m_dirRoots.appendPtr(root.release()) || io.fail("Out of memory for a directory root.");
 }
 
 // A file need not be there yet: only the write looks at it.
@@ -63,21 +53,23 @@ bool ClsTar::AddFile2(const XString& path, const XString& pathInTar) {
 // The time of the call stands in for the one that a file would have.
 bool ClsTar::AddBytes(const XString& pathInTar, const DataBuffer& data) {
   return m_inner->method("AddBytes", MethodForm::WithVersion, false, [&](MethodFrame&) {
-    if (hasNul(pathInTar)) return fails(kNulInPath, m_log);
+    const Io io(m_log);
+    if (hasNul(pathInTar.str())) return io.fail(kNulInPath);
     auto file = std::make_unique<MemoryFile>();
     // The text of the entry is the path; its bytes go beside it.
     file->setString(pathInTar.getUtf8());
     file->m_added = MorvaneFileTime::fromUnixTime64(Psdk::getCurrentUnixTime());
     const bool added = file->m_bytes.append(data) && m_inner->m_files.appendSb(file.release());
-    return added || fails("Out of memory for a file.", m_log);
+    return added || io.fail("Out of memory for a file.");
   });
 }
 
 // The list owns what it is given, also when it fails to take it.
 bool ClsTar::Inner::addEntry(const std::string& entry) {
-  if (entry.find('\0') != std::string::npos) return fails(kNulInPath, m_log);
+  const Io io(m_log);
+  if (hasNul(entry)) return io.fail(kNulInPath);
   auto owned = std::make_unique<StringBuffer>(entry);
-  return m_files.appendSb(owned.release()) || fails("Out of memory for a file.", m_log);
+  return m_files.appendSb(owned.release()) || io.fail("Out of memory for a file.");
 }
 
 // An index out of range, negative ones included, gives null.

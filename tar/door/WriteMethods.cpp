@@ -201,9 +201,10 @@ bool ClsTar::Inner::writeDescribed(XString& path, const mvFileInfo& info, const 
 
 // The path comes back in the form that it has in the archive.
 bool ClsTar::writeTarHeaderToOutput(XString& pathInTar, mvFileInfo& info, ProgressMonitor* pm, LogBase& log) {
-  return m_inner->writeDescribed(
-      pathInTar, info, Io(log, pm),
-      [](MemberWriter& writer, const Member& member) { return writer.writeHeader(member); });
+  return m_inner->writeDescribed(pathInTar, info, Io(log, pm),
+                                 [](MemberWriter& writer, const Member& member) {
+                                   return writer.writeHeader(member, writer.encode(member));
+                                 });
 }
 
 // Whatever WriteFormat says: the step is GNU's record.

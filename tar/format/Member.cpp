@@ -4,6 +4,8 @@
 
 namespace morvane {
 
+std::string typeText(char typeFlag) { return std::string(typeFlag ? 1 : 0, typeFlag); }
+
 // The exact times are taken, never the 32-bit ones; a reader that wants those puts them in afterwards.
 void Member::takeNumbers(const TarHeader& header) {
   typeFlag = header.m_typeFlag;

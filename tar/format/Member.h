@@ -13,6 +13,9 @@
 
 namespace morvane {
 
+// A type flag as a log shows it. Old archives have a NUL as the type of a file, for which there is nothing.
+std::string typeText(char typeFlag);
+
 // An extended attribute: its name as the system has it ("user.comment"), and any bytes.
 struct MemberAttribute {
   std::string name, value;

@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "runtime/base/Export.h"
+#include "runtime/fs/MorvaneFileTime.h"
 #include "runtime/text/StringBuffer.h"
 
 namespace morvane {
@@ -36,6 +37,8 @@ struct TarTime {
   long long seconds = 0;
   unsigned nanoseconds = 0;
   bool known = false;
+
+  MorvaneFileTime fileTime() const { return MorvaneFileTime::fromUnixTime64(seconds, nanoseconds); }
 };
 
 // It owns its texts and may be parsed into again and again; one thread at a time.

@@ -88,7 +88,7 @@ ExtractTarget::Outcome ExtractTarget::outcomeOf(ConfinedDir::Result result) {
 ExtractTarget::Outcome ExtractTarget::judge(const MemberPath& path, LogBase& log) {
   m_lastError = 0;
   m_untoldPath.clear();
-  if (hasNul(path.entryPath())) return Outcome::Refused;
+  if (hasNul(path.entryPath().str())) return Outcome::Refused;
   if (const unsigned length = path.entryPath().getSizeUtf8(); length > kLongestPath) {
     log.LogError("The member's path is too long to be created.");
     log.LogDataInt64("pathLength", length);

@@ -43,7 +43,7 @@ bool leadsOut(const std::string& path, std::string_view text) {
 // The system has no link of no text, nor of one that no path could be. Length and NUL are asked beforehand,
 // since a text that was cut would be a link to something else.
 bool canBeLinkText(const std::string& text) {
-  return !text.empty() && text.size() < PATH_MAX && text.find('\0') == std::string::npos;
+  return !text.empty() && text.size() < PATH_MAX && !hasNul(text);
 }
 
 }  // namespace

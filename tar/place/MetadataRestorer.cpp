@@ -22,10 +22,6 @@ namespace {
 // To the system it means "leave the owner as it is".
 constexpr unsigned kNoId = 0xFFFFFFFF;
 
-timespec toTimespec(const TarTime& time) {
-  return MorvaneFileTime::fromUnixTime64(time.seconds, time.nanoseconds).toTimespec();
-}
-
 bool startsWith(const std::string& name, std::string_view start) {
   return name.compare(0, start.size(), start) == 0;
 }
@@ -167,8 +163,8 @@ bool MetadataRestorer::setAccessList(int fd, const char* name, const std::string
 void MetadataRestorer::setTimes(int fd, const Member& member, const XString& entryPath, const Io& io) {
   timespec access{};
   access.tv_nsec = UTIME_OMIT;
-  if (member.atime.known) access = toTimespec(member.atime);
-  const int error = FileMetadata::setTimes(fd, access, toTimespec(member.mtime));
+  if (member.atime.known) access = member.atime.fileTime().toTimespec();
+  const int error = FileMetadata::setTimes(fd, access, member.mtime.fileTime().toTimespec());
   if (error != 0) m_notKept.note(NotKept::Kind::Times, entryPath, error, io);
 }
 

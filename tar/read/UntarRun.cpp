@@ -31,13 +31,6 @@ constexpr char kAborted[] = "Untar aborted by application. (1)";
 // engine does either only when told to.
 constexpr MemberPlacer::Manner kManner{true, false, nullptr};
 
-// Old archives have a NUL as the type of a file; a log shows nothing for it.
-std::string typeText(char typeFlag) { return std::string(typeFlag ? 1 : 0, typeFlag); }
-
-MorvaneFileTime fileTime(const TarTime& time) {
-  return MorvaneFileTime::fromUnixTime64(time.seconds, time.nanoseconds);
-}
-
 }  // namespace
 
 // The words have to be known before the reader is chosen, and so the settings are refreshed in its
@@ -322,8 +315,8 @@ bool UntarRun::couldNotMake(Placed::Result result) {
 // time and, where it is known, the access time can be set. A file that failed for a reason of its own has had
 // its data taken, so that the cursor stands right.
 bool UntarRun::copyToFile(FileToFill to, bool& leftOut) {
-  const MorvaneFileTime modification = fileTime(m_member.mtime), access = fileTime(m_member.atime),
-                        creation = fileTime(m_member.ctime);
+  const MorvaneFileTime modification = m_member.mtime.fileTime(), access = m_member.atime.fileTime(),
+                        creation = m_member.ctime.fileTime();
   MemberTimes times;
   times.modification = &modification;
   if (m_member.atime.known) times.access = &access;

@@ -11,23 +11,28 @@ namespace morvane {
 // keeps no bytes itself.
 class StreamSink : public _mvOutput {
  public:
+  // Where the decompressor is stopped: at its own end, where it checks its checksum, or, for one member into
+  // an output, once that is complete. It then takes the refusal for a failed write, and what it returns says
+  // nothing.
+  enum class Until { End, Member };
   // The engine must outlive it.
-  explicit StreamSink(StreamingUntar& stream) : m_stream(stream) {}
+  explicit StreamSink(StreamingUntar& stream, Until until = Until::End) : m_stream(stream), m_until(until) {}
 
-  // Pieces that arrive behind the end of the archive succeed and are ignored. So a decompressor runs to its
-  // own end, where it checks its checksum. Behind the engine's line there is one of this room, as the logs
-  // have always had.
+  // Pieces that arrive behind the end of the archive succeed and are ignored. Behind the engine's line there
+  // is one of this room where a whole archive is extracted, as the logs have always had.
   bool _writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log) override {
     bool finished = false;
     const auto* const data = reinterpret_cast<const unsigned char*>(bytes);
-    if (m_stream.StreamingUntarNext(data, n, finished, io.monitor(), log)) return true;
-    log.LogError("StreamingUntarNext failed.");
-    return false;
+    const bool taken = m_stream.StreamingUntarNext(data, n, finished, io.monitor(), log);
+    if (m_until == Until::Member) return taken && m_stream.completeMembers() == 0;
+    if (!taken) log.LogError("StreamingUntarNext failed.");
+    return taken;
   }
 
  private:
   // Borrowed; begun by whoever made the sink.
   StreamingUntar& m_stream;
+  const Until m_until;
 };
 
 }  // namespace morvane

@@ -286,8 +286,7 @@ bool StreamingUntar::settleOutputFile(const Io& io) {
     io.log.LogDataInt64("expectedSize", m_streamExpectedSize);
     io.log.LogDataInt64("numBytesWritten", m_streamOutFile->ftell64());
   }
-  const TarTime& mtime = m_reader->found().mtime;
-  const auto modification = MorvaneFileTime::fromUnixTime64(mtime.seconds, mtime.nanoseconds);
+  const MorvaneFileTime modification = m_reader->found().mtime.fileTime();
   MemberTimes times;
   times.modification = &modification;
   times.accessStays = true;

@@ -10,13 +10,6 @@
 
 namespace morvane {
 
-namespace {
-
-// Nothing for the NUL that old archives have as a file's type.
-std::string typeText(char typeFlag) { return std::string(typeFlag ? 1 : 0, typeFlag); }
-
-}  // namespace
-
 // A header is looked at once 512 bytes are there. What comes behind the end mark is thrown away: archives are
 // filled up to the record size of a tape, and some carry more. An empty member's file is closed only here, by
 // the header behind it, as its outcome has always been told there.

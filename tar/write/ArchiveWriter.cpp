@@ -89,10 +89,9 @@ bool ArchiveWriter::writeTree(const DirRoot& root, XString& curDirRootPath) {
     FileSys::getCurrentDir(currentDir);
     m_log.LogDataX("currentWorkingDir", currentDir);
   }
-  const bool& goesOnWithoutUnreadable = m_run.settings.options.skipUnreadable;
   SourceWalk walk;
   if (!walk.begin(root, m_run.settings.options.followLinks, m_log))
-    return goesOnWithoutUnreadable && leftOutUnreadable(placeOf(curDirRootPath));
+    return goesOnWithout(placeOf(curDirRootPath));
   XString pathInTar;
   while (!walk.isDone()) {
     const SourcePlace place = walk.place();
@@ -103,7 +102,7 @@ bool ArchiveWriter::writeTree(const DirRoot& root, XString& curDirRootPath) {
     m_live.refresh();
     passByIfUnreadable(place, walk.tree());
     if (!walk.advance(m_log)) {
-      return goesOnWithoutUnreadable && leftOutUnreadable(placeOf(XString(walk.tree().failedPath())));
+      return goesOnWithout(placeOf(XString(walk.tree().failedPath())));
     }
   }
   return true;
@@ -142,7 +141,7 @@ bool ArchiveWriter::writeMember(const SourcePlace& place, XString& pathInTar, Cl
   if (!examine(place, info)) {
     if (m_log.verbose()) m_log.LogDataX("loadFileInfoFailed", place.fullPath);
     if (tree) tree->passBy();
-    return m_run.settings.options.skipUnreadable && leftOutUnreadable(place);
+    return goesOnWithout(place);
   }
   if (isArchiveItself(place, info) || isSocketLeftOut(place, info)) return true;
   if (isSkippedByEvent(place, info, pathInTar)) return true;
@@ -151,13 +150,14 @@ bool ArchiveWriter::writeMember(const SourcePlace& place, XString& pathInTar, Cl
   }
   m_live.refresh();
   if (!m_describer.describe(place, info, m_run.settings, m_source, pathInTar, m_member, m_run.io)) {
-    return m_run.settings.options.skipUnreadable && leftOutUnreadable(place);
+    return goesOnWithout(place);
   }
   if (isSkippedBeingChanged(place, pathInTar, tree)) return true;
-  if (m_run.settings.options.skipUnreadable && !canBeRead(place, info, tree)) return leftOutUnreadable(place);
-  if (isLeftOutByFormat(place)) return true;
+  if (m_run.settings.options.skipUnreadable && !canBeRead(place, info, tree)) return goesOnWithout(place);
+  const MemberEncoding encoding = m_writer.encode(m_member);
+  if (isLeftOutByFormat(place, encoding)) return true;
   noteLostAttributes(place);
-  if (!m_writer.writeHeader(m_member)) return m_run.io.fail("Failed to write TAR header.");
+  if (!m_writer.writeHeader(m_member, encoding)) return m_run.io.fail("Failed to write TAR header.");
   if (m_log.verbose()) {
     m_log.LogDataInt64("fileSize", info.m_size);
     m_log.LogDataInt64("isSymbolicLink", info.m_isSymbolicLink);
@@ -203,11 +203,12 @@ bool ArchiveWriter::isSocketLeftOut(const SourcePlace& place, const mvFileInfo& 
 }
 
 // What the format would store wrongly is not stored. Where the run goes on without what cannot be read it
-// does so without this, too. Only ustar has bounds that records cannot lift.
-bool ArchiveWriter::isLeftOutByFormat(const SourcePlace& place) {
+// does so without this, too. Only ustar has bounds that records cannot lift. A path that is too long stays a
+// failure of the write: leaving the member out has never been asked for it.
+bool ArchiveWriter::isLeftOutByFormat(const SourcePlace& place, const MemberEncoding& encoding) {
+  const char* const refusal = encoding.refusal;
   if (m_run.settings.format != WriteFormat::Ustar || !m_run.settings.options.skipUnreadable) return false;
-  const char* const refusal = m_writer.refusalOf(m_member);
-  if (!refusal) return false;
+  if (!refusal || encoding.pathIsRefused) return false;
   m_anythingLost = true;
   m_log.LogNotice(refusal);
   m_log.LogDataX("fullPath", place.fullPath);
@@ -289,19 +290,25 @@ bool ArchiveWriter::canBeRead(const SourcePlace& place, const mvFileInfo& info, 
 // With SkipUnreadable: a directory that was left out by the filter or the event may still hold members. One
 // that was to be archived has been looked at before its header was written. Otherwise the walk itself would
 // end at it.
-bool ArchiveWriter::passByIfUnreadable(const SourcePlace& place, ClsDirTree& tree) {
-  if (!m_run.settings.options.skipUnreadable || !tree.get_IsDirectory() || tree.isPrepared()) return true;
-  return tree.prepareToEnter(m_log) || leftOutUnreadable(place);
+void ArchiveWriter::passByIfUnreadable(const SourcePlace& place, ClsDirTree& tree) {
+  if (!m_run.settings.options.skipUnreadable || !tree.get_IsDirectory() || tree.isPrepared()) return;
+  if (!tree.prepareToEnter(m_log)) reportUnreadable(place);
 }
 
-// True, for the run goes on; that something is missing is in anythingLost().
-bool ArchiveWriter::leftOutUnreadable(const SourcePlace& place) {
+// Only with SkipUnreadable; otherwise the reason in the log ends the run.
+bool ArchiveWriter::goesOnWithout(const SourcePlace& place) {
+  if (!m_run.settings.options.skipUnreadable) return false;
+  reportUnreadable(place);
+  return true;
+}
+
+// That something is missing is in anythingLost().
+void ArchiveWriter::reportUnreadable(const SourcePlace& place) {
   m_anythingLost = true;
   m_log.LogInfo("It cannot be read and is left out.");
   m_log.LogDataX("fullPath", place.fullPath);
   m_run.io.inform("unreadable", place.fullPath.getUtf8());
   m_log.forgetCause();  // until here it says why; the job goes on
-  return true;
 }
 
 }  // namespace morvane

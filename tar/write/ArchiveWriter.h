@@ -60,16 +60,18 @@ class ArchiveWriter {
   // when nothing below is wanted.
   bool isSkippedBeingChanged(const SourcePlace& place, XString& pathInTar, ClsDirTree* tree);
   bool isSocketLeftOut(const SourcePlace& place, const mvFileInfo& info);
-  bool isLeftOutByFormat(const SourcePlace& place);
+  bool isLeftOutByFormat(const SourcePlace& place, const MemberEncoding& encoding);
   // The member itself is archived; anythingLost() is true from then on.
   void noteLostAttributes(const SourcePlace& place);
   // Only with SkipOutputFile.
   bool isArchiveItself(const SourcePlace& place, const mvFileInfo& info);
-  // With SkipUnreadable; what cannot be read is told by leftOutUnreadable, which lets the run go on.
+  // With SkipUnreadable; what cannot be read is told by reportUnreadable.
   bool canBeRead(const SourcePlace& place, const mvFileInfo& info, ClsDirTree* tree);
   // For directories that were not archived themselves and may yet be entered.
-  bool passByIfUnreadable(const SourcePlace& place, ClsDirTree& tree);
-  bool leftOutUnreadable(const SourcePlace& place);
+  void passByIfUnreadable(const SourcePlace& place, ClsDirTree& tree);
+  // Whether the run goes on without a source that cannot be read, which is then told.
+  bool goesOnWithout(const SourcePlace& place);
+  void reportUnreadable(const SourcePlace& place);
   // The member's data and the padding behind them, up to a whole block of 512 bytes.
   bool writeData(const SourcePlace& place, const mvFileInfo& info);
   bool writeMemory(const MemoryFile& file);
@@ -82,7 +84,7 @@ class ArchiveWriter {
   bool hasGrownFromNothing(const SourcePlace& place, const mvFileInfo& info);
   // What is told of a source that changed or failed while its data were copied; the archive stays whole.
   void reportReadFailed(const SourcePlace& place);
-  bool reportSizeChanged(const SourcePlace& place, long long inHeader, long long now);
+  void reportSizeChanged(const SourcePlace& place, long long inHeader, long long now);
   // Both are asked behind each member.
   bool memberFailed(const XString& fullPath, const XString& pathInTar);
   // Asks the application, whatever AbortCheckMs is.

@@ -50,7 +50,8 @@ bool ArchiveWriter::writeSparse(const SourcePlace& place, const mvFileInfo& info
   }
   if (!m_run.putZeros(paddingAfter(m_member.size))) return false;
   if (readFailed) reportReadFailed(place);
-  return isWhole || readFailed || reportSizeChanged(place, info.m_size, m_source.sizeNow());
+  if (!isWhole && !readFailed) reportSizeChanged(place, info.m_size, m_source.sizeNow());
+  return true;
 }
 
 // It may be open already: from the examination, or from looking whether it can be read.
@@ -76,8 +77,8 @@ bool ArchiveWriter::writeToTheEnd(const SourcePlace& place, const mvFileInfo& in
 bool ArchiveWriter::writeExactSize(const SourcePlace& place, const mvFileInfo& info) {
   const long long size = info.m_size;
   if (size == 0) {
-    return !hasGrownFromNothing(place, info) ||
-           reportSizeChanged(place, 0, std::max(m_source.sizeNow(), 1LL));
+    if (hasGrownFromNothing(place, info)) reportSizeChanged(place, 0, std::max(m_source.sizeNow(), 1LL));
+    return true;
   }
   MemberData::Copied copied;
   if (openForData(place, info)) {
@@ -89,9 +90,12 @@ bool ArchiveWriter::writeExactSize(const SourcePlace& place, const mvFileInfo& i
   if (copied.readFailed) reportReadFailed(place);
   if (!m_run.putZeros(size - copied.bytes + paddingAfter(size))) return false;
   if (copied.readFailed) return true;
-  if (copied.bytes < size) return reportSizeChanged(place, size, copied.bytes);
-  return !m_source.hasMoreThan(size) ||
-         reportSizeChanged(place, size, std::max(m_source.sizeNow(), size + 1));
+  if (copied.bytes < size) {
+    reportSizeChanged(place, size, copied.bytes);
+  } else if (m_source.hasMoreThan(size)) {
+    reportSizeChanged(place, size, std::max(m_source.sizeNow(), size + 1));
+  }
+  return true;
 }
 
 // Size 0 is also what files state that the system makes up as they are read.
@@ -100,15 +104,14 @@ bool ArchiveWriter::hasGrownFromNothing(const SourcePlace& place, const mvFileIn
   return info.m_isRegularFile && m_source.open(place, info, unwanted) && m_source.hasMoreThan(0);
 }
 
-// The archive can be read to its end, hence a notice and true; the job fails by anythingLost().
-bool ArchiveWriter::reportSizeChanged(const SourcePlace& place, long long inHeader, long long now) {
+// The archive can be read to its end, hence a notice; the job fails by anythingLost().
+void ArchiveWriter::reportSizeChanged(const SourcePlace& place, long long inHeader, long long now) {
   m_anythingLost = true;
   m_log.LogNotice("The file's size changed while it was archived.");
   m_log.LogDataX("fullPath", place.fullPath);
   m_log.LogDataInt64("sizeInHeader", inHeader);
   m_log.LogDataInt64("sizeRead", now);
   m_run.io.inform("sizeChanged", place.fullPath.getUtf8());
-  return true;
 }
 
 // Until the event has been told, get_FailureCause says why.

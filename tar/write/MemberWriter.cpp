@@ -2,9 +2,8 @@
 // for anything. FormatLimits decides which; here they are put into blocks.
 #include "tar/write/MemberWriter.h"
 
+#include "runtime/fs/OsFile.h"
 #include "runtime/log/LogContextExitor.h"
-#include "tar/format/FormatLimits.h"
-#include "tar/format/HeaderBlock.h"
 #include "tar/format/PaxRecordText.h"
 #include "tar/format/TarBlock.h"
 #include "tar/format/TarNumber.h"
@@ -28,31 +27,22 @@ bool refuse(const char* why, const Member& member, bool isPath, const Io& io) {
   return false;
 }
 
-// A header's fields end at a NUL, and so the path would be another one there.
-bool hasNul(const std::string& text) { return text.find('\0') != std::string::npos; }
-
 }  // namespace
 
-// A path that is too long stays a failure of the write: leaving the member out has never been asked for it.
-const char* MemberWriter::refusalOf(const Member& member) const {
-  const MemberEncoding encoding = encodingOf(member, m_run.settings.format, rulesOf(m_run.settings.options));
-  return encoding.pathIsRefused ? nullptr : encoding.refusal;
+MemberEncoding MemberWriter::encode(const Member& member) const {
+  return encodingOf(member, m_run.settings.format, rulesOf(m_run.settings.options));
 }
 
 // Everything that can be refused is refused before the first record is out.
-bool MemberWriter::writeHeader(const Member& member) {
+bool MemberWriter::writeHeader(const Member& member, const MemberEncoding& encoding) {
   LogContextExitor context(m_run.io.log, "writeTarHeaderToOutput");
-  if (hasNul(member.path) || hasNul(member.linkPath)) {
-    return m_run.io.fail("A path with a NUL byte cannot be archived.");
-  }
+  if (hasNul(member.path) || hasNul(member.linkPath)) return m_run.io.fail(kNulInPath);
   if (m_run.io.log.verbose()) m_run.io.log.LogData("filePathInTar", member.path.c_str());
-  const WriteFormat format = m_run.settings.format;
-  const MemberEncoding encoding = encodingOf(member, format, rulesOf(m_run.settings.options));
   if (encoding.refusal) return refuse(encoding.refusal, member, encoding.pathIsRefused, m_run.io);
   if (!writeRecords(member, encoding)) return false;
   unsigned char block[kBlockSize];
   encodeHeaderBlock(member, {encoding.name, encoding.prefix},
-                    format == WriteFormat::Gnu ? TarMagic::Gnu : TarMagic::Ustar, block);
+                    m_run.settings.format == WriteFormat::Gnu ? TarMagic::Gnu : TarMagic::Ustar, block);
   if (!m_run.archive.m_output) return m_run.io.fail("No output object for writing file to tar..");
   return member.typeFlag == kTypeSparse ? putWithMap(member.sparse, block) : m_run.put(block, kBlockSize);
 }

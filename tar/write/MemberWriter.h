@@ -4,11 +4,15 @@
 // Errors and order are those of writeTarHeaderToOutput and the record operations of ClsTar, which lead here.
 #pragma once
 
+#include "tar/format/FormatLimits.h"
 #include "tar/format/HeaderBlock.h"
 #include "tar/format/Member.h"
 #include "tar/write/WriteRun.h"
 
 namespace morvane {
+
+// A header's fields end at a NUL, and the system's paths do: the path would be another one in both.
+constexpr char kNulInPath[] = "A path with a NUL byte cannot be archived.";
 
 // One for a write; it keeps nothing of a member. It writes where the run's output leads, and fails without
 // one. Reasons of failures are in the log.
@@ -16,10 +20,11 @@ class MemberWriter {
  public:
   explicit MemberWriter(WriteRun& run) : m_run(run) {}
 
-  // Why the archive's format cannot hold the member, its path apart; null when it can.
-  const char* refusalOf(const Member& member) const;
-  // Records and header. What the format cannot hold is an error, and nothing is written.
-  [[nodiscard]] bool writeHeader(const Member& member);
+  // How the archive's format holds the member, or why it cannot. It must not outlive the member.
+  MemberEncoding encode(const Member& member) const;
+  // Records and header, as `encode` has them. What the format cannot hold is an error, and nothing is
+  // written.
+  [[nodiscard]] bool writeHeader(const Member& member, const MemberEncoding& encoding);
 
   // A record alone: GNU's for a long path / the pax records of the member. `records` is their text.
   [[nodiscard]] bool writeLongName(const Member& member);
