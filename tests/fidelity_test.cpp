@@ -98,6 +98,16 @@ TEST(Fidelity, ModesOfAUserAreLessTheUmask) {
   }
 }
 
+// New files get the directory's group there, and their own mode all the same, once they have their owner.
+TEST(Fidelity, ADirectoryThatHandsOnItsGroup) {
+  if (!isRoot()) GTEST_SKIP() << "of another group is the superuser's to make";
+  ScratchDir dir;
+  must(dir,
+       "mkdir t out && echo a > t/a && chmod 640 t/a && mvtar -cf a.tar t && mkdir -m 2755 out/t && "
+       "chgrp 1234 out/t && mvtar --no-same-permissions -xf a.tar -C out && stat -c '%a %g' out/t/a > is");
+  EXPECT_EQ("640 0\n", readFile(dir / "is"));
+}
+
 // ---- Links that mean no good
 
 std::string membersOf(const std::vector<ArchiveBuilder::Member>& members) {
@@ -120,11 +130,14 @@ TEST(Fidelity, LinksThatLeadNowhereAreNamed) {
        "l: The target of a hard link is not there.",
        "z=file data"},
       {"", {{"l", "", '1', "l"}, {"z", "data"}}, "l: A hard link leads to itself.", "z=file data"},
-      {"", {{"d/", "", '5'}, {"l", "", '1', "d"}}, "l: refused: its path leaves the target", "d=dir"},
+      {"",
+       {{"d/", "", '5'}, {"l", "", '1', "d"}},
+       "l: refused: what it links to may not have another name",
+       "d=dir"},
       {"", {{"l", "", '1', "../out/victim"}}, "l: refused: its path leaves the target", ""},
       {"",
        {{"s", "", '2', "../../out"}, {"l", "", '1', "s/victim"}},
-       "l: refused: its path leaves the target",
+       "l: refused: a link or file on its way may not be passed",
        "s=link ../../out"},
       {"",
        {{"s", "", '2', "../../out"}, {"s/f", "data"}},

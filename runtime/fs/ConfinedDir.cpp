@@ -30,6 +30,11 @@ constexpr int kTriesWhileChanging = 8;
 constexpr char kCannotCreate[] = "Failed to create file.";
 constexpr char kCannotMakeDirectory[] = "Failed to create directory.";
 constexpr char kCannotOpenDirectory[] = "Failed to open directory.";
+// Why something is refused.
+constexpr char kPathLeaves[] = "its path leaves the target";
+constexpr char kWayIsClosed[] = "a link or file on its way may not be passed";
+constexpr char kPlaceIsTaken[] = "what is in its place may not be removed";
+constexpr char kMayNotBeLinked[] = "what it links to may not have another name";
 
 // False for a path that must be refused: absolute, or with a ".." part or a NUL.
 bool staysBeneath(const std::string& path) {
@@ -70,11 +75,6 @@ int openat2(int from, const char* path, int flags, unsigned mode, unsigned long 
 }
 
 ConfinedDir::Identity identityOf(const struct stat& status) { return {status.st_dev, status.st_ino}; }
-
-// EXDEV: the kernel's word for a path that leads out. ELOOP: a link where none may be passed. ENOTDIR: a file
-// on the way, or a link where a directory was to be opened; which of the two makes no difference to the
-// member, which cannot be put there.
-bool leavesTheTarget(int error) { return error == EXDEV || error == ELOOP || error == ENOTDIR; }
 
 }  // namespace
 
@@ -117,6 +117,14 @@ ConfinedDir::Result ConfinedDir::failed(const char* message, const std::string& 
   return Result::Failed;
 }
 
+// EXDEV: the kernel's word for a path that leads out. ELOOP: a link where none may be passed. ENOTDIR: a file
+// on the way, or a link where a directory was to be opened; which of the two makes no difference to the
+// member, which cannot be put there.
+bool ConfinedDir::isRefused(int error) {
+  m_refusal = error == EXDEV ? kPathLeaves : kWayIsClosed;
+  return error == EXDEV || error == ELOOP || error == ENOTDIR;
+}
+
 // A directory that was made and cannot be looked at goes again: who comes back to it would take it for one of
 // before the run.
 ConfinedDir::Result ConfinedDir::unmade(int parent, const char* leaf, const std::string& path, LogBase& log) {
@@ -126,7 +134,8 @@ ConfinedDir::Result ConfinedDir::unmade(int parent, const char* leaf, const std:
 }
 
 // False for a path that must be refused.
-bool ConfinedDir::isConfinable(const std::string& path) const {
+bool ConfinedDir::isConfinable(const std::string& path) {
+  m_refusal = kPathLeaves;
   if (m_links == Links::Anywhere) return path.find('\0') == std::string::npos;
   return staysBeneath(path);
 }
@@ -224,14 +233,18 @@ ConfinedDir::Linked ConfinedDir::makeHardLink(const std::string& path, const std
   if (!isConfinable(path) || !isConfinable(target)) return Linked::Refused;
   Place from;
   if (!openExistingParentOf(target, from, Passing::NoLinks) || from.leaf.empty()) {
-    if (from.leaf.empty() || leavesTheTarget(errno)) return Linked::Refused;
+    if (from.leaf.empty()) m_refusal = kMayNotBeLinked;
+    if (from.leaf.empty() || isRefused(errno)) return Linked::Refused;
     return errno == ENOENT ? Linked::Missing : (failed(kCannotCreate, path, log), Linked::Failed);
   }
   struct stat old, there;
   if (fstatat(from.parent.fd(), from.leaf.c_str(), &old, AT_SYMLINK_NOFOLLOW) != 0) {
     return errno == ENOENT ? Linked::Missing : (failed(kCannotCreate, path, log), Linked::Failed);
   }
-  if (S_ISDIR(old.st_mode) || isProtected(old)) return Linked::Refused;
+  if (S_ISDIR(old.st_mode) || isProtected(old)) {
+    m_refusal = kMayNotBeLinked;
+    return Linked::Refused;
+  }
   Place place;
   const Result opened = openParentOf(path, place, log);
   if (opened != Result::Ok) return opened == Result::Refused ? Linked::Refused : Linked::Failed;
@@ -294,6 +307,7 @@ ConfinedDir::Result ConfinedDir::clearTheWay(const Place& place, LogBase& log) {
     return errno == ENOENT ? Result::Ok : failed("Failed to examine what is in the way.", place.leaf, log);
   }
   // Not even to make room for a member of the archive's own name.
+  m_refusal = kPlaceIsTaken;
   if (isProtected(status)) return Result::Refused;
   const bool isDirectory = S_ISDIR(status.st_mode);
   if (unlinkat(parent, leaf, isDirectory ? AT_REMOVEDIR : 0) == 0 || errno == ENOENT) return Result::Ok;
@@ -367,7 +381,7 @@ ConfinedDir::Result ConfinedDir::openParentOf(const std::string& path, Place& pl
   if (!m_partByPart || m_links == Links::Anywhere) {
     place.parent.reset(openBeneath(place.base, place.parts, place.parts.size(), 0));
     if (place.parent.isOpen()) return Result::Ok;
-    if (leavesTheTarget(errno)) return Result::Refused;
+    if (isRefused(errno)) return Result::Refused;
     if (errno != ENOENT) return failed(kCannotOpenDirectory, path, log);
   }
   return walkToParent(place, log);
@@ -396,11 +410,11 @@ ConfinedDir::Result ConfinedDir::walkToParent(Place& place, LogBase& log) {
         m_newParents.push_back(identityOf(status));
       }
     }
-    if (!next.isOpen() && leavesTheTarget(errno)) {
+    if (!next.isOpen() && isRefused(errno)) {
       if (m_partByPart || m_links != Links::InsideTarget) return Result::Refused;
       next.reset(openBeneath(place.base, parts, i + 1, 0));
       // A link to nothing is refused too: making what it names might be making it elsewhere.
-      if (!next.isOpen() && (leavesTheTarget(errno) || errno == ENOENT)) return Result::Refused;
+      if (!next.isOpen() && (isRefused(errno) || errno == ENOENT)) return Result::Refused;
     }
     const int error = errno;
     reached = std::move(next);

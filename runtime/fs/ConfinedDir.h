@@ -96,6 +96,8 @@ class ConfinedDir {
 
   // The system's reason (an errno) behind the last Failed. Of no meaning after another result.
   int lastError() const { return m_lastError; }
+  // What the last Refused was for, in words for people.
+  const char* lastRefusal() const { return m_refusal; }
 
  private:
   using Parts = std::vector<std::string>;
@@ -115,7 +117,8 @@ class ConfinedDir {
   bool openExistingParentOf(const std::string& path, Place& place, Passing passing);
   Result openMade(const Place& place, unsigned type, unsigned long long device, const std::string& path,
                   OsFile& made, LogBase& log);
-  bool isConfinable(const std::string& path) const;
+  bool isConfinable(const std::string& path);
+  bool isRefused(int error);
   int baseOf(const std::string& path);
   // Makes a leaf by `make`, once the way is clear.
   template <class Make>
@@ -143,6 +146,7 @@ class ConfinedDir {
   bool m_partByPart = false;
   // An errno.
   int m_lastError = 0;
+  const char* m_refusal = "";
   bool m_notesParents = false;
   bool m_handsOnGroup = false;
   // Only while noteNewParents asks for them.

@@ -170,6 +170,15 @@ int osSetTimes(const char* path, const timespec& access, const timespec& modific
   return onPath(path, [&](int directory, const char* rest) { return utimensat(directory, rest, times, 0); });
 }
 
+// ENXIO: what follows is a hole.
+DataSearch osNextData(int fd, long long from, long long& start, long long& end) {
+  start = ::lseek(fd, from, SEEK_DATA);
+  if (start < 0) return errno == ENXIO ? DataSearch::NoMore : DataSearch::CannotTell;
+  end = ::lseek(fd, start, SEEK_HOLE);
+  // The file may change meanwhile, so that the two need not fit.
+  return end > start ? DataSearch::Found : DataSearch::CannotTell;
+}
+
 bool hasNul(const XString& path) { return path.str().find('\0') != std::string::npos; }
 
 // EINVAL, since the system never sees such a path to find a reason of its own.

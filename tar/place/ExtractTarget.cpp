@@ -74,6 +74,7 @@ ExtractTarget::Outcome ExtractTarget::outcomeOf(ConfinedDir::Result result) {
     case ConfinedDir::Result::Ok:
       return Outcome::Ok;
     case ConfinedDir::Result::Refused:
+      m_refusal = m_confined.lastRefusal();
       return Outcome::Refused;
     case ConfinedDir::Result::Failed:
       break;
@@ -87,6 +88,7 @@ ExtractTarget::Outcome ExtractTarget::outcomeOf(ConfinedDir::Result result) {
 // here, so that they refuse the same.
 ExtractTarget::Outcome ExtractTarget::judge(const MemberPath& path, LogBase& log) {
   m_lastError = 0;
+  m_refusal = "its path leaves the target";
   m_untoldPath.clear();
   if (hasNul(path.entryPath())) return Outcome::Refused;
   if (const unsigned length = path.entryPath().getSizeUtf8(); length > kLongestPath) {
@@ -153,7 +155,7 @@ ExtractTarget::Outcome ExtractTarget::makeHardLink(const MemberPath& path, const
   if (judged != Outcome::Ok) return judged;
   if (!openConfined(path, settings, log)) return Outcome::NoTarget;
   linked = m_confined.makeHardLink(path.entryPath().str(), target, log);
-  if (linked == ConfinedDir::Linked::Refused) return Outcome::Refused;
+  if (linked == ConfinedDir::Linked::Refused) return outcomeOf(ConfinedDir::Result::Refused);
   if (linked != ConfinedDir::Linked::Failed) return Outcome::Ok;
   m_lastError = m_confined.lastError();
   return Outcome::NotCreated;

@@ -77,6 +77,8 @@ class ExtractTarget {
   // The system's reason (an errno) why the last member was not created; 0 when it was none of the system's.
   // Good until the next member.
   int lastError() const { return m_lastError; }
+  // Why the last member was refused, in words for people.
+  const char* lastRefusal() const { return m_refusal; }
   // Logs that reason, unless the log has it already: where it stands is for the engine to say.
   void tellNotCreated(LogBase& log);
 
@@ -98,6 +100,7 @@ class ExtractTarget {
   ConfinedDir::Links m_confinedHow = ConfinedDir::Links::None;
   // Of the member that was made or tried last; judge() clears them.
   int m_lastError = 0;
+  const char* m_refusal = "";
   std::string m_untoldPath;  // of a file whose creation failed, while the log does not say so
   // The archive is kept here too, because each confined directory that is opened has to be told of it.
   bool m_hasArchive = false;

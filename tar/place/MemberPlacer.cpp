@@ -144,7 +144,7 @@ Placed MemberPlacer::place(const Member& member, const Io& io) {
   if (outcome == Outcome::Ok) return placed;
   if (goesOnWithout(outcome)) {
     m_target.tellNotCreated(io.log);
-    reportLeftOut(outcome == Outcome::Refused, io);
+    reportLeftOut(outcome == Outcome::Refused ? m_target.lastRefusal() : nullptr, io);
     placed.result = Placed::Result::LeftOut;
   } else {
     const bool noPlace = outcome == Outcome::NoTarget || outcome == Outcome::NoParent;
@@ -153,12 +153,15 @@ Placed MemberPlacer::place(const Member& member, const Io& io) {
   return placed;
 }
 
-// The notice first, then the event: a callback that reads the log finds it there.
-void MemberPlacer::reportLeftOut(bool refused, const Io& io) {
-  io.log.LogNotice(refused ? "Member refused: its path leaves the target."
-                           : "Member left out: it cannot be created.");
+// The notice first, then the event: a callback that reads the log finds it there. Without a refusal the cause
+// is known already.
+void MemberPlacer::reportLeftOut(const char* refusal, const Io& io) {
+  const std::string message =
+      refusal ? std::string("Member refused: ") + refusal + "." : "Member left out: it cannot be created.";
+  io.log.LogNotice(message.c_str());
   io.log.LogDataX("entryPath", m_path.entryPath());
-  tellAndGoOn(refused ? "refused" : "uncreatable", m_path, io);
+  if (refusal) io.log.noteCause(message.c_str(), m_path.entryPath().getUtf8(), refusal);
+  tellAndGoOn(refusal ? "refused" : "uncreatable", m_path, io);
   m_anyLeftOut = true;
 }
 

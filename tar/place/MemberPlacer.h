@@ -144,7 +144,7 @@ class MemberPlacer {
   static void sayNoTarget(const char* message, const std::string& target, const Io& io);
   bool makeWaitingLink(const LinkTable::Waiting& link, const Io& io);
   Member memberLike(const std::string& target);
-  void reportLeftOut(bool refused, const Io& io);
+  void reportLeftOut(const char* refusal, const Io& io);
   void finishTarget(const Io& io);
   // As the run began: what is restored of one member is restored of all.
   const KeptParts& restored() const { return m_restorer.parts(); }
