@@ -25,7 +25,7 @@ morvane::Compression CommandLine::compressionToWrite() const {
 
 // OpenBeforeEvent, because the command's event touches no file; MemberEvents, because it selects in them.
 std::string CommandLine::writingWords() const {
-  std::string words = "Profile=usual,OpenBeforeEvent,MemberEvents";
+  std::string words = "Profile=usual,OpenBeforeEvent,MemberEvents,Threads=0";
   // Not by default: reading them costs calls for each file, and few archives want them.
   if (keeping.attributes) words += ",Store=usual+xattr";
   if (keeping.numericOwners) words += ",OwnerBy=id";
@@ -38,7 +38,7 @@ std::string CommandLine::writingWords() const {
 // archive of strangers gets none of root's rights, and no special files, whoever extracts it. Options stand
 // last and win.
 std::string CommandLine::readingWords() const {
-  std::string words = std::string("Profile=") + (untrusted ? "untrusted" : "usual");
+  std::string words = std::string("Threads=0,Profile=") + (untrusted ? "untrusted" : "usual");
   if (changes.anyWhenReading()) words += ",MemberEvents";
   // By the effective user, whose rights the process has.
   const bool isRoot = geteuid() == 0 && !untrusted;

@@ -60,8 +60,7 @@ class ExtractEvent : public MemberEvent {
     const std::string_view what(name);
     if (what == "refused" || what == "uncreatable" || what == "incomplete" || what == "timesNotSet") {
       if (what != "timesNotSet") drop();
-      m_report.problem(value,
-                       what == "refused" ? "refused: its path leaves the target" : failureReason(m_tar));
+      m_report.problem(value, (what == "refused" ? "refused: " : "") + failureReason(m_tar));
       return;
     }
     if (what == "exists" || what == "kept") {

@@ -7,17 +7,20 @@ install(TARGETS morvane_tar EXPORT morvane_tarTargets
   LIBRARY COMPONENT Runtime NAMELINK_COMPONENT Development
   ARCHIVE COMPONENT Development)
 
-# What tar/ClsTar.h reaches: applications need no more, and everything else may change.
+# What tar/ClsTar.h reaches, which is what stands in its signatures: applications need no more, and everything else may change.
 set(morvane_public_headers
-  runtime/base/Export.h runtime/base/MorvaneCritSec.h runtime/base/MorvaneObject.h runtime/base/RelaxedAtomic.h
+  runtime/base/Export.h runtime/base/ExtPtrArray.h runtime/base/MorvaneCritSec.h runtime/base/MorvaneObject.h
+  runtime/base/RelaxedAtomic.h
   runtime/buffer/ClsBinData.h runtime/buffer/DataBuffer.h
   runtime/component/ClsBase.h
+  runtime/fs/MorvaneFileTime.h runtime/fs/mvFileInfo.h
   runtime/io/OutputDataBuffer.h runtime/io/OutputFile.h runtime/io/_mvDataSource.h runtime/io/_mvFileDataSource.h
   runtime/io/_mvMemoryDataSource.h runtime/io/_mvOutput.h
-  runtime/log/LogBase.h runtime/log/LogNull.h runtime/log/_mvLogger.h
-  runtime/progress/ProgressEvent.h runtime/progress/TarMember.h runtime/progress/TarMemberInfo.h
-  runtime/text/StringBuffer.h runtime/text/XString.h
-  tar/ClsTar.h)
+  runtime/log/LogBase.h runtime/log/LogContextExitor.h runtime/log/LogNull.h runtime/log/_mvLogger.h
+  runtime/progress/ProgressEvent.h runtime/progress/ProgressMonitor.h runtime/progress/TarMember.h
+  runtime/progress/TarMemberInfo.h
+  runtime/text/ExtPtrArraySb.h runtime/text/StringBuffer.h runtime/text/XString.h
+  tar/ClsTar.h tar/format/TarHeader.h tar/write/DirRoot.h)
 foreach(header ${morvane_public_headers})
   get_filename_component(folder ${header} DIRECTORY)
   install(FILES ${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/morvane/${folder} COMPONENT Development)

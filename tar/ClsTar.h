@@ -34,28 +34,30 @@
 
 #include <memory>
 
+#include "runtime/base/ExtPtrArray.h"
 #include "runtime/buffer/ClsBinData.h"
 #include "runtime/buffer/DataBuffer.h"
 #include "runtime/component/ClsBase.h"
+#include "runtime/fs/MorvaneFileTime.h"
+#include "runtime/fs/mvFileInfo.h"
 #include "runtime/io/OutputDataBuffer.h"
 #include "runtime/io/OutputFile.h"
 #include "runtime/io/_mvFileDataSource.h"
 #include "runtime/io/_mvMemoryDataSource.h"
 #include "runtime/io/_mvOutput.h"
+#include "runtime/log/LogContextExitor.h"
 #include "runtime/log/LogNull.h"
 #include "runtime/progress/ProgressEvent.h"
+#include "runtime/progress/ProgressMonitor.h"
 #include "runtime/progress/TarMember.h"
 #include "runtime/progress/TarMemberInfo.h"
+#include "runtime/text/ExtPtrArraySb.h"
 #include "runtime/text/StringBuffer.h"
 #include "runtime/text/XString.h"
+#include "tar/format/TarHeader.h"
+#include "tar/write/DirRoot.h"
 
 namespace morvane {
-
-class DirRoot;
-class MorvaneFileTime;
-class ProgressMonitor;
-class TarHeader;
-struct mvFileInfo;
 
 // An object keeps its properties and sources from one call to the next, and nothing else but the last listing
 // and the state of its streaming run. It cannot be copied, because it owns its engines. Everything that is

@@ -180,13 +180,14 @@ TEST(Options, FullReadOfSparseMaps) {
 }
 
 // Links planted in the target; beside it lies a directory that nobody may touch. What becomes of the member
-// by default, beneath the target and without links: outside, inside, refused, failed.
+// by default, beneath the target and without links: outside, inside, failed, or refused for its path, its way
+// or its place.
 TEST(Options, Confine) {
   const char* const kCases[][3] = {{"true", "a/../../outer/new", "orr"},
-                                   {"ln -s ../outer l", "l/new", "orr"},
+                                   {"ln -s ../outer l", "l/new", "orw"},
                                    {"ln -s ../outer/new l", "l", "oii"},  // the link itself gives way
-                                   {"mkdir d; ln -s d l", "l/new", "iir"},
-                                   {"mkdir -p full/x", "full", "frr"}};
+                                   {"mkdir d; ln -s d l", "l/new", "iiw"},
+                                   {"mkdir -p full/x", "full", "fpp"}};
   for (const auto& [prepare, name, outcomes] : kCases) {
     for (const int how : {0, 1, 2}) {
       SCOPED_TRACE(prepare + ": "s + name + std::to_string(how));
@@ -196,11 +197,15 @@ TEST(Options, Confine) {
       const char* const kWords[] = {"", "Confine=beneath", "Confine=nolinks"};
       TarWith tar(kWords[how], dir / "out");
       ActingEvent event;
-      const bool refused = outcomes[how] == 'r', ok = !refused && outcomes[how] != 'f';
+      const std::map<char, std::string> kRefusals = {{'r', "its path leaves the target"},
+                                                     {'w', "a link or file on its way may not be passed"},
+                                                     {'p', "what is in its place may not be removed"}};
+      const auto refusal = kRefusals.find(outcomes[how]);
+      const bool refused = refusal != kRefusals.end(), ok = !refused && outcomes[how] != 'f';
       EXPECT_EQ(ok ? 2 : -1, untar(tar, member(name) + member("x/") + kEnd, &event));
       EXPECT_EQ(outcomes[how] == 'o', exists(dir / "outer/new"));
-      EXPECT_EQ(refused,
-                logHas(tar, "Member refused: its path leaves the target.\n            entryPath: "s + name));
+      EXPECT_EQ(refused, refused && logHas(tar, "Member refused: " + refusal->second +
+                                                    ".\n            entryPath: " + name));
       EXPECT_EQ(refused ? Lines{"refused="s + name} : Lines{}, event.infos);
       if (!refused) continue;
       EXPECT_EQ(inner, treeOf(dir / "out"));  // nothing created

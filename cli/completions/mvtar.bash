@@ -109,6 +109,7 @@ _mvtar_words() {
   printf '%s\n' SkipOutputFile SkipUnreadable WriteExactSizes CountSkipsExcluded NoTotal UstarOverflow=fail \
     UstarPlainPrefix PaxExact OpenBeforeEvent FollowLinks Store= Reproducible= FastDeflate= FullRead Restore= \
     OwnerBy=name OwnerBy=id LinkTargets=any LinkTargets=inside ExistingDirectories=keep ExistingDirectories=settle \
+    ExistingFiles=keep ExistingFiles=skip ExistingFiles=newer \
     MaxExtensionBytes= MaxPathDepth= MaxMembers= MaxTotalBytes= MaxRatio= MaxWindowBytes= Level= Threads= \
     Profile=usual Profile=untrusted Confine=beneath Confine=nolinks VerifyGzip GzipAllMembers Bz2Framed \
     RequireEndOfArchive EntryEvents MemberEvents SkipUncreatable

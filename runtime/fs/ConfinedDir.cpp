@@ -16,6 +16,9 @@ namespace morvane {
 namespace {
 
 constexpr int kNewFile = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
+// Why something is refused.
+constexpr char kPlaceIsTaken[] = "what is in its place may not be removed";
+constexpr char kMayNotBeLinked[] = "what it links to may not have another name";
 
 }  // namespace
 
@@ -39,6 +42,7 @@ ConfinedDir::Result ConfinedDir::makeExclusively(const Place& place, const std::
   for (int tries = 0; !place.leaf.empty() && tries < kTriesWhileChanging; ++tries) {
     if (make(place.parent.fd(), place.leaf.c_str()) >= 0) return Result::Ok;
     if (errno != EEXIST) break;
+    if (m_keepsExisting) return Result::Exists;
     const Result cleared = clearTheWay(place, log);
     if (cleared != Result::Ok) return cleared;
     errno = EEXIST;
@@ -116,14 +120,18 @@ ConfinedDir::Linked ConfinedDir::makeHardLink(const std::string& path, const std
   if (!isConfinable(path) || !isConfinable(target)) return Linked::Refused;
   Place from;
   if (!openExistingParentOf(target, from, Passing::NoLinks) || from.leaf.empty()) {
-    if (from.leaf.empty() || leavesTheTarget(errno)) return Linked::Refused;
+    if (from.leaf.empty()) setRefusal(kMayNotBeLinked);
+    if (from.leaf.empty() || isRefused(errno)) return Linked::Refused;
     return errno == ENOENT ? Linked::Missing : (failed(kCannotCreate, path, log), Linked::Failed);
   }
   struct stat old, there;
   if (fstatat(from.parent.fd(), from.leaf.c_str(), &old, AT_SYMLINK_NOFOLLOW) != 0) {
     return errno == ENOENT ? Linked::Missing : (failed(kCannotCreate, path, log), Linked::Failed);
   }
-  if (S_ISDIR(old.st_mode) || isProtected(old)) return Linked::Refused;
+  if (S_ISDIR(old.st_mode) || isProtected(old)) {
+    setRefusal(kMayNotBeLinked);
+    return Linked::Refused;
+  }
   Place place;
   const Result opened = openParentOf(path, place, log);
   if (opened != Result::Ok) return opened == Result::Refused ? Linked::Refused : Linked::Failed;
@@ -142,7 +150,17 @@ ConfinedDir::Linked ConfinedDir::makeHardLink(const std::string& path, const std
     return cannot ? 0 : made;
   });
   if (cannot) return Linked::CannotLink;
-  return result == Result::Ok ? Linked::Ok : result == Result::Refused ? Linked::Refused : Linked::Failed;
+  switch (result) {
+    case Result::Ok:
+      return Linked::Ok;
+    case Result::Refused:
+      return Linked::Refused;
+    case Result::Exists:
+      return Linked::Exists;
+    case Result::Failed:
+      break;
+  }
+  return Linked::Failed;
 }
 
 // Removes what stands where a member is to be made. unlinkat never follows a link and never removes a
@@ -156,6 +174,7 @@ ConfinedDir::Result ConfinedDir::clearTheWay(const Place& place, LogBase& log) {
     return errno == ENOENT ? Result::Ok : failed("Failed to examine what is in the way.", place.leaf, log);
   }
   // Not even to make room for a member of the archive's own name.
+  setRefusal(kPlaceIsTaken);
   if (isProtected(status)) return Result::Refused;
   const bool isDirectory = S_ISDIR(status.st_mode);
   if (unlinkat(parent, leaf, isDirectory ? AT_REMOVEDIR : 0) == 0 || errno == ENOENT) return Result::Ok;
@@ -201,6 +220,7 @@ ConfinedDir::Result ConfinedDir::makeDirectory(const std::string& path, unsigned
       return Result::Ok;
     }
     if (S_ISLNK(status.st_mode) && isDirectoryInside(place)) return Result::Ok;
+    if (m_keepsExisting) return Result::Exists;
     const Result cleared = clearTheWay(place, log);
     if (cleared != Result::Ok) return cleared;
     errno = EEXIST;

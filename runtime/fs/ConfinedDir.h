@@ -19,6 +19,9 @@ class ConfinedDir : public ConfinedWalk {
   // A file that must not be replaced: the archive being read. Of device and inode; one at a time.
   void protect(const mvFileInfo& file);
 
+  // Whether what stands in the way is kept, and the member not made: then the answer is Exists. Off at first.
+  void keepExisting(bool keep) { m_keepsExisting = keep; }
+
   // All of these take a relative path, its parts separated by "/", and make its missing parents first. What
   // stands in the way is removed, a link or FIFO as itself; a full directory and the protected file are
   // refused. Modes are those of the system's calls: the umask is taken off.
@@ -43,6 +46,7 @@ class ConfinedDir : public ConfinedWalk {
     Ok,
     Refused,     // one of the two leaves the target, or the target is a directory
     Missing,     // there is no such target
+    Exists,      // the new name is taken, and what has it is to be kept
     CannotLink,  // the file system will not: the target may be opened and copied
     Failed,
   };
@@ -64,6 +68,7 @@ class ConfinedDir : public ConfinedWalk {
   Result clearTheWay(const Place& place, LogBase& log);
   bool isProtected(const struct stat& status) const;
 
+  bool m_keepsExisting = false;
   bool m_hasProtected = false;
   Identity m_protected;
 };

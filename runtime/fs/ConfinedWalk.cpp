@@ -21,6 +21,9 @@ namespace {
 // A directory on the way needs no right to be read, only to be passed.
 constexpr int kPathOnly = O_PATH | O_DIRECTORY;
 constexpr unsigned kParentMode = 0777;
+// Why something is refused.
+constexpr char kPathLeaves[] = "its path leaves the target";
+constexpr char kWayIsClosed[] = "a link or file on its way may not be passed";
 constexpr char kCannotOpenDirectory[] = "Failed to open directory.";
 
 // False for a path that must be refused: absolute, or with a ".." part or a NUL.
@@ -66,7 +69,10 @@ int openat2(int from, const char* path, int flags, unsigned mode, unsigned long 
 // EXDEV: the kernel's word for a path that leads out. ELOOP: a link where none may be passed. ENOTDIR: a file
 // on the way, or a link where a directory was to be opened; which of the two makes no difference to the
 // member, which cannot be put there.
-bool ConfinedWalk::leavesTheTarget(int error) { return error == EXDEV || error == ELOOP || error == ENOTDIR; }
+bool ConfinedWalk::isRefused(int error) {
+  m_refusal = error == EXDEV ? kPathLeaves : kWayIsClosed;
+  return error == EXDEV || error == ELOOP || error == ENOTDIR;
+}
 
 bool ConfinedWalk::open(const char* target, Links links, LogBase& log) {
   m_links = links;
@@ -102,7 +108,8 @@ ConfinedWalk::Result ConfinedWalk::unmade(int parent, const char* leaf, const st
   return result;
 }
 
-bool ConfinedWalk::isConfinable(const std::string& path) const {
+bool ConfinedWalk::isConfinable(const std::string& path) {
+  m_refusal = kPathLeaves;
   if (m_links == Links::Anywhere) return !hasNul(path);
   return staysBeneath(path);
 }
@@ -165,7 +172,7 @@ ConfinedWalk::Result ConfinedWalk::openParentOf(const std::string& path, Place& 
   if (!m_partByPart || m_links == Links::Anywhere) {
     place.parent.reset(openBeneath(place.base, place.parts, place.parts.size(), 0));
     if (place.parent.isOpen()) return Result::Ok;
-    if (leavesTheTarget(errno)) return Result::Refused;
+    if (isRefused(errno)) return Result::Refused;
     if (errno != ENOENT) return failed(kCannotOpenDirectory, path, log);
   }
   return walkToParent(place, log);
@@ -194,11 +201,11 @@ ConfinedWalk::Result ConfinedWalk::walkToParent(Place& place, LogBase& log) {
         m_newParents.push_back(Identity::of(status));
       }
     }
-    if (!next.isOpen() && leavesTheTarget(errno)) {
+    if (!next.isOpen() && isRefused(errno)) {
       if (m_partByPart || m_links != Links::InsideTarget) return Result::Refused;
       next.reset(openBeneath(place.base, parts, i + 1, 0));
       // A link to nothing is refused too: making what it names might be making it elsewhere.
-      if (!next.isOpen() && (leavesTheTarget(errno) || errno == ENOENT)) return Result::Refused;
+      if (!next.isOpen() && (isRefused(errno) || errno == ENOENT)) return Result::Refused;
     }
     const int error = errno;
     reached = std::move(next);

@@ -24,8 +24,9 @@ class ConfinedWalk {
     None,          // none is passed
     Anywhere,      // members may lie outside of the target, too; what is created is still created exclusively
   };
-  // Refused: the path, a link on it or what stands in its place is not allowed. Failed: the system would not.
-  enum class Result { Ok, Refused, Failed };
+  // Refused: the path, a link on it or what stands in its place is not allowed. Exists: something is there,
+  // and is to be kept. Failed: the system would not.
+  enum class Result { Ok, Refused, Exists, Failed };
 
   // Which file of which file system something is, whatever it is called.
   struct Identity {
@@ -60,6 +61,8 @@ class ConfinedWalk {
 
   // The system's reason (an errno) behind the last Failed. Of no meaning after another result.
   int lastError() const { return m_lastError; }
+  // What the last Refused was for, in words for people.
+  const char* lastRefusal() const { return m_refusal; }
 
  protected:
   using Parts = std::vector<std::string>;
@@ -79,7 +82,7 @@ class ConfinedWalk {
   static constexpr char kCannotMakeDirectory[] = "Failed to create directory.";
 
   // False for a path that must be refused.
-  bool isConfinable(const std::string& path) const;
+  bool isConfinable(const std::string& path);
   // The first makes what is missing on the way; the second only opens, false with errno.
   Result openParentOf(const std::string& path, Place& place, LogBase& log);
   bool openExistingParentOf(const std::string& path, Place& place, Passing passing);
@@ -89,13 +92,14 @@ class ConfinedWalk {
   // Whether the leaf is a link that leads to a directory which members may be put into.
   bool isDirectoryInside(const Place& place);
   // Whether an errno says that a way led out of the target, or could not be passed as a directory.
-  static bool leavesTheTarget(int error);
+  bool isRefused(int error);
   // Logs the message with the path and errno, which lastError then gives.
   Result failed(const char* message, const std::string& path, LogBase& log);
   // The same for a directory that was made and cannot be looked at. It goes again, because who comes back to
   // it would take it for one of before the run.
   Result unmade(int parent, const char* leaf, const std::string& path, LogBase& log);
 
+  void setRefusal(const char* why) { m_refusal = why; }
   bool notesParents() const { return m_notesParents; }
   int statusOfTarget(struct stat& status) const { return m_target.status(status); }
   // A directory that members are put into was seen.
@@ -116,6 +120,7 @@ class ConfinedWalk {
   bool m_partByPart = false;
   // An errno.
   int m_lastError = 0;
+  const char* m_refusal = "";
   bool m_notesParents = false;
   bool m_handsOnGroup = false;
   // Only while noteNewParents asks for them.

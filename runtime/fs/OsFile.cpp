@@ -188,6 +188,14 @@ int osSetTimes(const char* path, const timespec& access, const timespec& modific
 }
 
 bool hasNul(const std::string& path) { return path.find('\0') != std::string::npos; }
+// ENXIO: what follows is a hole.
+DataSearch osNextData(int fd, long long from, long long& start, long long& end) {
+  start = ::lseek(fd, from, SEEK_DATA);
+  if (start < 0) return errno == ENXIO ? DataSearch::NoMore : DataSearch::CannotTell;
+  end = ::lseek(fd, start, SEEK_HOLE);
+  // The file may change meanwhile, so that the two need not fit.
+  return end > start ? DataSearch::Found : DataSearch::CannotTell;
+}
 
 // EINVAL, since the system never sees such a path to find a reason of its own.
 bool isSystemPath(const XString& path, const char* message, LogBase& log) {

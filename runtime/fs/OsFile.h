@@ -83,6 +83,12 @@ int osRemoveFile(const char* path);
 int osReadLink(int directory, const char* name, std::string& text);
 int osSetTimes(const char* path, const timespec& access, const timespec& modification);
 
+// The first range of data in an open file from `from` on, in bytes, up to the hole behind it or the file's
+// end. File systems that know no holes name the whole file; CannotTell where they answer nothing of use. The
+// position of the file is another one behind it.
+enum class DataSearch { Found, NoMore, CannotTell };
+DataSearch osNextData(int fd, long long from, long long& start, long long& end);
+
 // Whether a text can be a path at all. One with a NUL cannot: the system would take it to end there, and so
 // to be another file's.
 bool hasNul(const std::string& path);

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <new>
 
+#include "runtime/base/ScopeExit.h"
 #include "runtime/fs/DirAutoCreate.h"
 #include "runtime/log/LogNull.h"
 #include "runtime/text/StringBuffer.h"
@@ -18,9 +19,10 @@ namespace morvane {
 namespace {
 
 // What is restored goes through the confined directory also where members may lie anywhere, because there
-// everything is made exclusively.
+// everything is made exclusively; and so does what must not replace anything.
 bool isConfined(const TarOptions& options) {
-  return options.confine != Confine::Off || options.restore.any();
+  return options.confine != Confine::Off || options.restore.any() ||
+         options.existing != ExistingFiles::Replace;
 }
 
 // Off still has a confined directory where something is restored: then it only creates exclusively.
@@ -57,6 +59,9 @@ void ExtractTarget::reset() {
 // set from a callback. An empty UntarFromDir is where the process stands.
 bool ExtractTarget::openConfined(const MemberPath& path, const ReadSettings& settings, LogBase& log) {
   const XString& dir = path.targetDir();
+  const ExistingFiles existing = settings.options.existing;
+  ScopeExit keep(
+      [&] { m_confined.keepExisting(existing == ExistingFiles::Keep || existing == ExistingFiles::Skip); });
   const ConfinedDir::Links how = linksOf(settings.options.confine);
   if (m_confined.isOpen() && how == m_confinedHow && m_confinedDir.str() == dir.str()) return true;
   m_confined = ConfinedDir();
@@ -74,7 +79,10 @@ ExtractTarget::Outcome ExtractTarget::outcomeOf(ConfinedDir::Result result) {
     case ConfinedDir::Result::Ok:
       return Outcome::Ok;
     case ConfinedDir::Result::Refused:
+      m_refusal = m_confined.lastRefusal();
       return Outcome::Refused;
+    case ConfinedDir::Result::Exists:
+      return Outcome::Exists;
     case ConfinedDir::Result::Failed:
       break;
   }
@@ -87,6 +95,7 @@ ExtractTarget::Outcome ExtractTarget::outcomeOf(ConfinedDir::Result result) {
 // here, so that they refuse the same.
 ExtractTarget::Outcome ExtractTarget::judge(const MemberPath& path, LogBase& log) {
   m_lastError = 0;
+  m_refusal = "its path leaves the target";
   m_untoldPath.clear();
   if (hasNul(path.entryPath().str())) return Outcome::Refused;
   if (const unsigned length = path.entryPath().getSizeUtf8(); length > kLongestPath) {
@@ -153,10 +162,22 @@ ExtractTarget::Outcome ExtractTarget::makeHardLink(const MemberPath& path, const
   if (judged != Outcome::Ok) return judged;
   if (!openConfined(path, settings, log)) return Outcome::NoTarget;
   linked = m_confined.makeHardLink(path.entryPath().str(), target, log);
-  if (linked == ConfinedDir::Linked::Refused) return Outcome::Refused;
+  if (linked == ConfinedDir::Linked::Refused) return outcomeOf(ConfinedDir::Result::Refused);
+  if (linked == ConfinedDir::Linked::Exists) return Outcome::Exists;
   if (linked != ConfinedDir::Linked::Failed) return Outcome::Ok;
   m_lastError = m_confined.lastError();
   return Outcome::NotCreated;
+}
+
+// A file of which that cannot be told is replaced like any other.
+bool ExtractTarget::isNewerThere(const MemberPath& path, const ReadSettings& settings, const TarTime& time,
+                                 LogBase& log) {
+  if (!openConfined(path, settings, log)) return false;
+  const OsFile there(m_confined.openExisting(path.entryPath().str(), O_PATH));
+  struct stat status;
+  if (!there.isOpen() || there.status(status) != 0 || S_ISDIR(status.st_mode)) return false;
+  if (status.st_mtim.tv_sec != time.seconds) return status.st_mtim.tv_sec > time.seconds;
+  return status.st_mtim.tv_nsec >= static_cast<long>(time.nanoseconds);
 }
 
 bool ExtractTarget::passesLink(const MemberPath& path, const ReadSettings& settings, LogBase& log) {

@@ -6,6 +6,7 @@
 #include "runtime/fs/ConfinedDir.h"
 #include "runtime/fs/mvFileInfo.h"
 #include "runtime/io/OutputFile.h"
+#include "tar/format/TarHeader.h"
 #include "tar/place/MemberPath.h"
 #include "tar/settings/ReadSettings.h"
 
@@ -23,6 +24,7 @@ class ExtractTarget {
   enum class Outcome {
     Ok,
     Refused,     // the path leaves the target, or what stands in the way may not be removed
+    Exists,      // something is there, and the word ExistingFiles keeps it
     TooLong,     // said in the log
     Unusable,    // what the archive says of the member makes no sense here: said in the log
     NoTarget,    // the target itself cannot be opened or made
@@ -61,6 +63,9 @@ class ExtractTarget {
   }
   // Whether there is a link on the way to where the member is to be made.
   bool passesLink(const MemberPath& path, const ReadSettings& settings, LogBase& log);
+  // With ExistingFiles=newer: whether what is at the member's path is as new as that time, or newer. False
+  // for nothing, and for a directory.
+  bool isNewerThere(const MemberPath& path, const ReadSettings& settings, const TarTime& time, LogBase& log);
   bool handsOnGroup() const { return m_confined.handsOnGroup(); }
   // Null until something was made through it. Owned here; gone with the next target or reset().
   ConfinedDir* confined() { return m_confined.isOpen() ? &m_confined : nullptr; }
@@ -77,6 +82,8 @@ class ExtractTarget {
   // The system's reason (an errno) why the last member was not created; 0 when it was none of the system's.
   // Good until the next member.
   int lastError() const { return m_lastError; }
+  // Why the last member was refused, in words for people.
+  const char* lastRefusal() const { return m_refusal; }
   // Logs that reason, unless the log has it already: where it stands is for the engine to say.
   void tellNotCreated(LogBase& log);
 
@@ -98,6 +105,7 @@ class ExtractTarget {
   ConfinedDir::Links m_confinedHow = ConfinedDir::Links::None;
   // Of the member that was made or tried last; judge() clears them.
   int m_lastError = 0;
+  const char* m_refusal = "";
   std::string m_untoldPath;  // of a file whose creation failed, while the log does not say so
   // The archive is kept here too, because each confined directory that is opened has to be told of it.
   bool m_hasArchive = false;

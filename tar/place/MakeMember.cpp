@@ -144,7 +144,10 @@ Outcome MemberPlacer::makeHardLink(const Member& member, const Io& io, Placed& p
   // What the event says of a link is meant as it says it.
   const std::string target = m_linkIsGiven ? stored : m_links.nameNow(stored);
   const std::string& path = m_path.entryPath().str();
-  if (target.empty()) return Outcome::Refused;
+  if (target.empty()) {
+    sayNoTarget(kNoTarget, target, io);
+    return Outcome::Unusable;
+  }
   const LinkTable::Seen seen = m_linkIsGiven ? LinkTable::Seen::Made : m_links.seen(target);
   ConfinedDir::Linked linked = ConfinedDir::Linked::Missing;
   if (seen == LinkTable::Seen::Made) {
@@ -167,13 +170,16 @@ Outcome MemberPlacer::makeHardLink(const Member& member, const Io& io, Placed& p
 }
 
 // Where the file system links nothing, the second name gets a file of its own with the same data. O_NONBLOCK,
-// because what stands there by now may be a FIFO; anything but a regular file is refused. The copy is noted
-// as a link that was not kept, and settled like any file.
+// because what stands there by now may be a FIFO; there are no data in anything but a regular file. The copy
+// is noted as a link that was not kept, and settled like any file.
 Outcome MemberPlacer::copyTarget(const Member& member, const std::string& target, const Io& io) {
   OsFile source(m_target.confined()->openExisting(target, O_RDONLY | O_NONBLOCK | O_NOCTTY));
   struct stat status;
   const bool canBeCopied = source.isOpen() && source.status(status) == 0 && S_ISREG(status.st_mode);
-  if (!canBeCopied) return Outcome::Refused;
+  if (!canBeCopied) {
+    io.fail("What a hard link leads to can be neither linked to nor copied.");
+    return Outcome::Unusable;
+  }
   Placed placed;
   const Outcome outcome = makeFile(member, io, placed);
   if (outcome != Outcome::Ok) return outcome;
@@ -236,8 +242,12 @@ bool MemberPlacer::makeWaitingLink(const LinkTable::Waiting& link, const Io& io)
   if (mayLink && confined) linked = confined->makeHardLink(link.path, target, io.log);
   if (linked == Linked::Ok) return true;
   if (linked == Linked::CannotLink && copyTarget(memberLike(target), target, io) == Outcome::Ok) return true;
+  if (linked == Linked::Exists) {
+    reportExisting(io);
+    return true;
+  }
   if (linked == Linked::Missing) sayNoTarget(mayLink ? kNoTarget : kTargetNotExtracted, target, io);
-  reportLeftOut(linked == Linked::Refused, io);
+  reportLeftOut(linked == Linked::Refused ? confined->lastRefusal() : nullptr, io);
   return false;
 }
 

@@ -134,17 +134,24 @@ Placed MemberPlacer::place(const Member& member, const Io& io) {
     m_links.clear();
   }
   if (restored().link) m_links.replaceWaiting(m_path.entryPath().str());
-  const Outcome outcome = make(member, io, placed);
+  const Outcome outcome = isKeptAsNewer(member, io) ? Outcome::Exists : make(member, io, placed);
   if (restored().link) {
     const std::string& path = m_path.entryPath().str();
     // A link that waits is not there yet.
-    outcome == Outcome::Ok && !m_links.waits(path) ? m_links.noteMade(path) : m_links.noteUnmade(path);
+    // What is kept in a member's place is what later links mean.
+    const bool isThere = (outcome == Outcome::Ok && !m_links.waits(path)) || outcome == Outcome::Exists;
+    isThere ? m_links.noteMade(path) : m_links.noteUnmade(path);
     if (!m_isRenamed) m_links.forgetRenamed(path);
   }
   if (outcome == Outcome::Ok) return placed;
+  if (outcome == Outcome::Exists) {
+    reportExisting(io);
+    placed.result = Placed::Result::LeftOut;
+    return placed;
+  }
   if (goesOnWithout(outcome)) {
     m_target.tellNotCreated(io.log);
-    reportLeftOut(outcome == Outcome::Refused, io);
+    reportLeftOut(outcome == Outcome::Refused ? m_target.lastRefusal() : nullptr, io);
     placed.result = Placed::Result::LeftOut;
   } else {
     const bool noPlace = outcome == Outcome::NoTarget || outcome == Outcome::NoParent;
@@ -153,13 +160,33 @@ Placed MemberPlacer::place(const Member& member, const Io& io) {
   return placed;
 }
 
-// The notice first, then the event: a callback that reads the log finds it there.
-void MemberPlacer::reportLeftOut(bool refused, const Io& io) {
-  io.log.LogNotice(refused ? "Member refused: its path leaves the target."
-                           : "Member left out: it cannot be created.");
+// The notice first, then the event: a callback that reads the log finds it there. Without a refusal the cause
+// is known already.
+void MemberPlacer::reportLeftOut(const char* refusal, const Io& io) {
+  const std::string message =
+      refusal ? std::string("Member refused: ") + refusal + "." : "Member left out: it cannot be created.";
+  io.log.LogNotice(message.c_str());
   io.log.LogDataX("entryPath", m_path.entryPath());
-  tellAndGoOn(refused ? "refused" : "uncreatable", m_path, io);
+  if (refusal) io.log.noteCause(message.c_str(), m_path.entryPath().getUtf8(), refusal);
+  tellAndGoOn(refusal ? "refused" : "uncreatable", m_path, io);
   m_anyLeftOut = true;
+}
+
+// Directories are never in each other's way.
+bool MemberPlacer::isKeptAsNewer(const Member& member, const Io& io) {
+  return settings().options.existing == ExistingFiles::Newer && !member.isDirectory &&
+         m_target.isNewerThere(m_path, settings(), member.mtime, io.log);
+}
+
+// Where the application asked to be told of what is kept, that is a member left out; else it is what was
+// wanted.
+void MemberPlacer::reportExisting(const Io& io) {
+  const bool isTold = settings().options.existing == ExistingFiles::Keep;
+  constexpr char kMessage[] = "Member left out: something is there already.";
+  isTold ? io.log.LogNotice(kMessage) : io.log.LogInfo(kMessage);
+  io.log.LogDataX("entryPath", m_path.entryPath());
+  io.inform(isTold ? "exists" : "kept", m_path.entryPath().getUtf8());
+  m_anyLeftOut |= isTold;
 }
 
 // A refused member is no reason to leave out the others, nor, with SkipUncreatable, one that the target has

@@ -144,10 +144,12 @@ class MemberPlacer {
   static void sayNoTarget(const char* message, const std::string& target, const Io& io);
   bool makeWaitingLink(const LinkTable::Waiting& link, const Io& io);
   Member memberLike(const std::string& target);
-  void reportLeftOut(bool refused, const Io& io);
+  void reportLeftOut(const char* refusal, const Io& io);
+  void reportExisting(const Io& io);
   void finishTarget(const Io& io);
   // As the run began: what is restored of one member is restored of all.
   const KeptParts& restored() const { return m_restorer.parts(); }
+  bool isKeptAsNewer(const Member& member, const Io& io);
   bool goesOnWithout(ExtractTarget::Outcome outcome) const;
 
   // The engine's own, and what it differs in.

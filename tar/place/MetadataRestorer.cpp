@@ -59,18 +59,20 @@ bool MetadataRestorer::setsAfterwards(const Member& member) {
          (m_parts.xattr && (!member.accessList.empty() || !member.attributes.empty()));
 }
 
-// The system has then taken off what the umask, or the directory's own default list, takes off. This spares a
-// call for each ordinary file. Directories are made with a mode of the run's, special files with one that
-// depends on Restore.
-bool MetadataRestorer::wasMadeWithItsMode(const Member& member) {
-  return !m_parts.fullMode && !member.isDirectory && !member.isSpecial() && !setsAfterwards(member);
+// Its own mode at once spares a call for each ordinary file: the system has then taken off what the umask, or
+// the directory's own default list, takes off. A group that comes from the directory may not read what is not
+// its own.
+unsigned MetadataRestorer::modeToMake(const Member& member, bool groupMayDiffer) {
+  constexpr unsigned kOwnerOnly = 0600, kUsual = 0666;
+  if (!m_parts.mode) return kUsual;
+  const bool waits = setsAfterwards(member) || (m_parts.owner && groupMayDiffer);
+  m_isMadeWithItsMode = !m_parts.fullMode && !waits;
+  return waits ? kOwnerOnly : member.mode & FileMetadata::kPermissions;
 }
 
-unsigned MetadataRestorer::modeToMake(const Member& member, bool groupMayDiffer) {
-  constexpr unsigned kOwnerOnly = 0600;
-  if (!m_parts.mode) return 0666;
-  if (m_parts.owner && groupMayDiffer) return kOwnerOnly;
-  return setsAfterwards(member) ? 0600 : member.mode & FileMetadata::kPermissions;
+// Directories are made with a mode of the run's, special files with one that depends on Restore.
+bool MetadataRestorer::wasMadeWithItsMode(const Member& member) const {
+  return m_isMadeWithItsMode && !member.isDirectory && !member.isSpecial();
 }
 
 // A step that fails is noted, and the next ones are taken all the same.
@@ -169,7 +171,7 @@ void MetadataRestorer::setTimes(int fd, const Member& member, const XString& ent
 }
 
 void MetadataRestorer::noteParents(std::vector<ConfinedDir::Identity> parents) {
-  for (const ConfinedDir::Identity& parent : parents) m_newParents[parent] = true;
+  for (const ConfinedDir::Identity& parent : parents) m_newParents.insert(parent);
 }
 
 // A directory that stood there before the run is not the run's to change, unless a full mode was asked for
@@ -181,33 +183,49 @@ void MetadataRestorer::noteDirectory(const ConfinedDir::MadeDirectory& made, con
   const bool isOurs = made.isNew || m_settlesExisting || m_newParents.count(made.identity) > 0 ||
                       m_directories.count(made.identity) > 0;
   if (!isOurs) return;
-  Member& kept = m_directories[made.identity];
-  // What comes with every directory is kept until the end, so nothing that is not needed then.
+  Directory& kept = m_directories[made.identity];
   kept.path = cleanPath(path);
-  kept.isDirectory = true;
-  kept.typeFlag = kTypeDirectory;
   kept.mode = member.mode;
-  kept.uid = member.uid;
-  kept.gid = member.gid;
-  kept.userName = member.userName;
-  kept.groupName = member.groupName;
+  kept.uid = uidOf(member);
+  kept.gid = gidOf(member);
   kept.mtime = member.mtime;
   kept.atime = member.atime;
-  if (!m_parts.xattr) return;
-  kept.attributes = member.attributes;
-  kept.accessList = member.accessList;
-  kept.defaultAccessList = member.defaultAccessList;
+  kept.more.reset();
+  const bool hasMore =
+      !member.attributes.empty() || !member.accessList.empty() || !member.defaultAccessList.empty();
+  if (!m_parts.xattr || !hasMore) return;
+  kept.more = std::make_unique<Directory::More>();
+  *kept.more = {member.attributes, member.accessList, member.defaultAccessList};
+}
+
+// As the member that settle takes. Its owner is known by number, so that it has no names.
+Member MetadataRestorer::memberOf(const Directory& kept) {
+  Member member;
+  member.path = kept.path;
+  member.isDirectory = true;
+  member.typeFlag = kTypeDirectory;
+  member.mode = kept.mode;
+  member.uid = kept.uid;
+  member.gid = kept.gid;
+  member.mtime = kept.mtime;
+  member.atime = kept.atime;
+  if (!kept.more) return member;
+  member.attributes = std::move(kept.more->attributes);
+  member.accessList = std::move(kept.more->accessList);
+  member.defaultAccessList = std::move(kept.more->defaultAccessList);
+  return member;
 }
 
 // Deepest first: setting the mode of a directory may close the way to those in it. Each is opened anew by its
 // path, for no run could keep thousands of them open, and left alone if it is no more the one that was made.
 void MetadataRestorer::settleDirectories(ConfinedDir& target, const Io& io) {
-  std::vector<std::pair<const ConfinedDir::Identity, Member>*> order;
+  std::vector<std::pair<const ConfinedDir::Identity, Directory>*> order;
+  order.reserve(m_directories.size());
   for (auto& each : m_directories) order.push_back(&each);
   std::sort(order.begin(), order.end(),
             [](const auto* a, const auto* b) { return depthOf(a->second.path) > depthOf(b->second.path); });
   for (const auto* each : order) {
-    const Member& directory = each->second;
+    const Member directory = memberOf(each->second);
     const XString entryPath(directory.path);
     const OsFile file(target.openExisting(directory.path, O_RDONLY | O_DIRECTORY | O_NONBLOCK,
                                           ConfinedDir::Passing::LinksAsMade));

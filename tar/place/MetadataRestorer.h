@@ -7,6 +7,8 @@
 #pragma once
 
 #include <map>
+#include <memory>
+#include <set>
 
 #include "runtime/fs/ConfinedDir.h"
 #include "runtime/fs/FileMetadata.h"
@@ -47,9 +49,22 @@ class MetadataRestorer {
   NotKept& notKept() { return m_notKept; }
 
  private:
+  // What is kept of a directory until the end of the run: there may be millions, so nothing else of its
+  // member.
+  struct Directory {
+    struct More {
+      std::vector<MemberAttribute> attributes;
+      std::string accessList, defaultAccessList;
+    };
+    std::string path;
+    unsigned mode = 0, uid = 0, gid = 0;
+    TarTime mtime, atime;
+    std::unique_ptr<More> more;  // few have any
+  };
+  static Member memberOf(const Directory& kept);
   bool isOurs(const Member& member);
   bool setsAfterwards(const Member& member);
-  bool wasMadeWithItsMode(const Member& member);
+  bool wasMadeWithItsMode(const Member& member) const;
   // Each sets one part and notes what the system would not. setOwner brings `status` up to date and tells
   // whether the owner is the archive's now.
   bool setOwner(int fd, const Member& member, FileMetadata::Status& status, const XString& entryPath,
@@ -73,10 +88,11 @@ class MetadataRestorer {
   unsigned m_ownUid = 0, m_ownGid = 0;
   UserDatabase m_users;
   NotKept m_notKept;
-  bool m_hasList = false;  // the file being settled has got an access list
+  bool m_isMadeWithItsMode = false;  // the file that was made last
+  bool m_hasList = false;            // the file being settled has got an access list
   // Those that the run made on the way, and those that have members: their paths and what to give them.
-  std::map<ConfinedDir::Identity, Member> m_directories;
-  std::map<ConfinedDir::Identity, bool> m_newParents;
+  std::map<ConfinedDir::Identity, Directory> m_directories;
+  std::set<ConfinedDir::Identity> m_newParents;
 };
 
 }  // namespace morvane

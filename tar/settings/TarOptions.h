@@ -15,6 +15,10 @@ namespace morvane {
 // NoLinks: and no link is followed at all.
 enum class Confine { Off, Beneath, NoLinks };
 
+// What becomes of a file that is where a member is to be made. Keep leaves the member out, which is told and
+// is a failure of the run; Skip does so in silence, and Newer where the file is not older.
+enum class ExistingFiles { Replace, Keep, Skip, Newer };
+
 // Plain values, copied into each run. Every default is what the component does without any word.
 struct TarOptions {
   // FastDeflate, VerifyGzip, GzipAllMembers, Level, MaxWindowBytes, Threads.
@@ -47,7 +51,8 @@ struct TarOptions {
   bool requireEndOfArchive = false;
   bool entryEvents = false;
   KeptParts restore;  // any of it: fullRead, and a confine unless that was switched off in so many words
-  bool linksInside = false;                 // symbolic links that lead out of the target are refused
+  bool linksInside = false;  // symbolic links that lead out of the target are refused
+  ExistingFiles existing = ExistingFiles::Replace;
   bool settlesExistingDirectories = false;  // with restore.fullMode: as those that the run made
   // Limits; 0: none
   static constexpr long long kDefaultPathDepth = 4096;

@@ -4,8 +4,8 @@
 #include "tar/write/SourceFile.h"
 
 #include <fcntl.h>
-#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <vector>
 
@@ -104,25 +104,19 @@ bool SourceFile::readAttributes(const SourcePlace& place, FileMetadata::Attribut
   return error == 0;
 }
 
-// SEEK_DATA beyond the last data gives ENXIO: what follows is a hole. File systems that cannot tell name the
-// whole file as data, and then it is stored as any other. The file may change meanwhile, so that an answer
-// which does not lead forward ends the search; so do more ranges than a map may have. A file with neither is
-// stored whole.
+// Where the file system cannot tell, the file is stored whole, and so is one of more ranges than a map may
+// have.
 void SourceFile::findRanges(long long size, SparseMap& map) {
-  const int fd = m_data.descriptor();
   std::vector<SparseRange> ranges;
-  long long stored = 0;
-  for (long long at = 0; at < size;) {
-    const long long start = ::lseek(fd, at, SEEK_DATA);
-    if (start < 0 && errno != ENXIO) return;  // the file system does not tell
-    if (start < 0 || start >= size) break;    // the rest is a hole
-    long long end = ::lseek(fd, start, SEEK_HOLE);
-    if (end < 0) return;
-    if (end > size) end = size;
-    if (end <= start || static_cast<long long>(ranges.size()) == SparseMap::kMostRanges) return;
+  long long stored = 0, start = 0, end = 0;
+  for (long long at = 0; at < size; at = end) {
+    const DataSearch found = osNextData(m_data.descriptor(), at, start, end);
+    if (found == DataSearch::CannotTell) return;
+    if (found == DataSearch::NoMore || start >= size) break;  // the rest is a hole
+    end = std::min(end, size);
+    if (static_cast<long long>(ranges.size()) == SparseMap::kMostRanges) return;
     ranges.push_back({start, end - start});
     stored += end - start;
-    at = end;
   }
   // No hole: an ordinary file.
   if (stored == size) return;
