@@ -32,14 +32,14 @@ class ComparingOutput : public morvane::_mvOutput {
   // False with errno.
   bool open(const std::string& path) {
     close();
-    m_differs = false;
-    m_error = 0;
     m_fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
     return m_fd >= 0;
   }
   void close() {
     if (m_fd >= 0) ::close(m_fd);
     m_fd = -1;
+    m_differs = false;
+    m_error = 0;
   }
   bool isOpen() const { return m_fd >= 0; }
   bool differs() const { return m_differs; }
@@ -85,10 +85,10 @@ unsigned kindOf(const TarMemberInfo& member) {
   }
 }
 
-bool hasTextOf(const std::string& link, const char* text) {
+bool hasTextOf(const std::string& link, const std::string& text) {
   char there[PATH_MAX];
   const ssize_t length = readlink(link.c_str(), there, sizeof there);
-  return length >= 0 && std::string_view(text) == std::string_view(there, static_cast<size_t>(length));
+  return length >= 0 && text == std::string_view(there, static_cast<size_t>(length));
 }
 
 // By name where the archive has one that is known here, as extraction goes by it.
@@ -155,7 +155,8 @@ class CompareEvent : public MemberEvent {
   }
 
   void onSelected(const TarMemberInfo& member) override {
-    m_path = member.path;
+    m_path = m_line.changes.pathWhenReading(member.path);
+    if (m_path.empty()) return;
     const std::string local = localPathOf(m_path);
     const bool hasContents = member.typeFlag != '1' && kindOf(member) == S_IFREG;
     if (!hasContents) count(0);
@@ -170,7 +171,8 @@ class CompareEvent : public MemberEvent {
       m_report.difference(m_path, "the kind differs");
     } else {
       compareMetadata(member, status);
-      if (kindOf(member) == S_IFLNK && !hasTextOf(local, member.linkPath))
+      if (kindOf(member) == S_IFLNK &&
+          !hasTextOf(local, m_line.changes.transform.apply(member.linkPath, NameTransform::Of::SymbolicLink)))
         m_report.difference(m_path, "the link differs");
       if (hasContents) compareContents(member, local, status);
     }
@@ -178,8 +180,9 @@ class CompareEvent : public MemberEvent {
 
   void compareHardLink(const TarMemberInfo& member, const struct stat& status) {
     struct stat target;
-    const bool isSame = lstat(localPathOf(member.linkPath).c_str(), &target) == 0 &&
-                        target.st_dev == status.st_dev && target.st_ino == status.st_ino;
+    const bool isSame =
+        lstat(localPathOf(m_line.changes.hardLinkWhenReading(member.linkPath)).c_str(), &target) == 0 &&
+        target.st_dev == status.st_dev && target.st_ino == status.st_ino;
     if (!isSame) m_report.difference(m_path, "the link differs");
   }
 

@@ -184,6 +184,11 @@ void CreateEvent::noteUnreadable(const std::string& path) {
     m_unwantedMissed = true;
     return;
   }
+  // What cannot even be looked at is offered to nobody before.
+  if (m_excluded.excludes(m_sources.givenPath(path))) {
+    m_unwantedMissed = true;
+    return;
+  }
   m_isBegun = false;
   if (m_unreadable.insert(path).second) m_report.problem(path, failureReason(m_tar));
 }

@@ -58,17 +58,24 @@ void MemberChanges::applyWriting(morvane::TarMember& member) {
   member.mtimeNanoseconds = static_cast<unsigned>(mtime->tv_nsec);
 }
 
+std::string MemberChanges::pathWhenReading(const std::string& path) const {
+  const std::string changed = transform.apply(path, Of::Name);
+  return stripComponents == 0 ? changed : withoutParts(changed, stripComponents);
+}
+
+std::string MemberChanges::hardLinkWhenReading(const std::string& target) const {
+  return transform.isEmpty() || transform.concerns(Of::HardLink) ? pathWhenReading(target) : target;
+}
+
 // A target that is to keep its name is given in other words for the same path, because one that is the same
 // as before follows the renaming.
 void MemberChanges::applyReading(morvane::TarMember& member) const {
   if (!transform.isEmpty()) {
-    member.path = transform.apply(member.path, Of::Name);
     changeLink(member);
     if (member.typeFlag == kHardLink && !transform.concerns(Of::HardLink))
       member.linkPath = "./" + member.linkPath;
   }
-  if (stripComponents == 0) return;
-  member.path = withoutParts(member.path, stripComponents);
+  member.path = pathWhenReading(member.path);
   member.skip = member.skip || member.path.empty();
 }
 

@@ -41,6 +41,9 @@ class MemberChanges {
   void applyWriting(morvane::TarMember& member);
   // A member about to be extracted. One that has no more parts than are stripped is skipped.
   void applyReading(morvane::TarMember& member) const;
+  // The path of a member, and of the target of a hard link, as `applyReading` leaves them. Empty: skipped.
+  std::string pathWhenReading(const std::string& path) const;
+  std::string hardLinkWhenReading(const std::string& target) const;
 
  private:
   void changeLink(morvane::TarMember& member) const;

@@ -75,7 +75,7 @@ class MemberEvent : public morvane::ProgressEvent {
   MemberEvent(Report& report, ProgressBar& bar, const CommandLine& line)
       : m_report(report),
         m_line(line),
-        m_selection(operandPaths(line), line.matches, line.excludes, !line.nameFiles.empty()),
+        m_selection(operandPaths(line), line.matches, line.excludes, !line.nameFiles.empty(), line.recurses),
         m_decoder(line),
         m_bar(bar) {}
 
@@ -155,10 +155,10 @@ class MemberEvent : public morvane::ProgressEvent {
     if (m_isSelected) onSelected(member);
   }
 
-  // With --newer, by the time of the member: an archive has no other. Directories are always taken.
+  // With --newer, by the time of the member: an archive has no other.
   bool isTooOld(const morvane::TarMemberInfo& member) const {
-    if (!m_line.newerThan || member.isDirectory) return false;
-    return isEarlier({static_cast<time_t>(member.mtime), static_cast<long>(member.mtimeNanoseconds)},
+    return m_line.newerThan &&
+           isEarlier({static_cast<time_t>(member.mtime), static_cast<long>(member.mtimeNanoseconds)},
                      *m_line.newerThan);
   }
 

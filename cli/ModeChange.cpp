@@ -7,7 +7,8 @@ namespace mvtar {
 
 namespace {
 
-constexpr unsigned kAll = 07777, kUser = 04700, kGroup = 02070, kOther = 00007, kSticky = 01000;
+constexpr unsigned kAll = 07777, kUser = 04700, kGroup = 02070, kOther = 01007;
+constexpr unsigned kSetIds = 06000, kSticky = 01000;
 
 // Null: none of "ugo". The mask of the class's three bits alone.
 unsigned digitOf(char letter) {
@@ -23,8 +24,11 @@ std::optional<ModeChange> ModeChange::parse(const std::string& text) {
     if (text.find_first_not_of('0') != std::string::npos && text.size() - text.find_first_not_of('0') > 4) {
       return std::nullopt;
     }
+    // Five digits mean the set-id bits of directories, too.
     Step step;
+    step.who = kAll;
     step.bits = static_cast<unsigned>(std::stoul(text, nullptr, 8));
+    step.ofDirectories = text.size() > 4 ? kSetIds : step.bits;
     change.m_steps.push_back(step);
     return change;
   }
@@ -48,8 +52,7 @@ bool ModeChange::parseClause(const std::string& clause, std::vector<Step>& steps
   if (at == clause.size()) return false;
   while (at < clause.size()) {
     Step step;
-    step.who = who == 0 ? kAll : who;
-    step.isMasked = who == 0;
+    step.who = who;
     step.action = clause[at++];
     if (step.action != '+' && step.action != '-' && step.action != '=') return false;
     if (at < clause.size() && digitOf(clause[at]) != 0) {
@@ -70,7 +73,7 @@ bool ModeChange::parseClause(const std::string& clause, std::vector<Step>& steps
             step.runsIfRun = true;
             break;
           case 's':
-            step.bits |= 06000;
+            step.bits |= kSetIds;
             break;
           default:
             step.bits |= kSticky;
@@ -78,25 +81,22 @@ bool ModeChange::parseClause(const std::string& clause, std::vector<Step>& steps
         }
       }
     }
+    step.ofDirectories = step.bits & (who == 0 ? kAll : who);
     steps.push_back(step);
   }
   return true;
 }
 
-// "t" belongs to nobody: it is changed whoever is named, as chmod does it for "a" and for nobody named.
+// As GNU chmod has it. "=" where nobody was named clears everything, and the umask is taken off what is set.
 unsigned ModeChange::apply(unsigned mode, bool isDirectory) const {
   for (const Step& step : m_steps) {
     unsigned bits = step.bits;
     if (step.runsIfRun && (isDirectory || (mode & 0111) != 0)) bits |= 0111;
-    if (step.from != 0) {
-      const unsigned digit = (mode & step.from) / (step.from / 7);
-      bits = digit * 0111;
-    }
-    unsigned who = step.who;
-    if (step.isMasked && step.action != '=') who &= ~m_umask;
-    const unsigned affected = step.isMasked && step.action == '=' ? kAll & ~m_umask : who;
-    bits &= affected;
-    mode = step.action == '+' ? mode | bits : step.action == '-' ? mode & ~bits : (mode & ~step.who) | bits;
+    if (step.from != 0) bits = (mode & step.from) / (step.from / 7) * 0111;
+    const unsigned stays = isDirectory ? kSetIds & ~step.ofDirectories : 0;
+    bits &= (step.who != 0 ? step.who : ~m_umask) & ~stays;
+    const unsigned preserved = (step.who != 0 ? ~step.who : 0) | stays;
+    mode = step.action == '+' ? mode | bits : step.action == '-' ? mode & ~bits : (mode & preserved) | bits;
   }
   return mode & kAll;
 }

@@ -20,12 +20,13 @@ class ModeChange {
 
  private:
   struct Step {
-    unsigned who = 07777;   // whose bits are meant
-    bool isMasked = false;  // less the umask: nobody was named
+    unsigned who = 0;  // whose bits are meant; 0: nobody was named
     char action = '=';
     unsigned bits = 0;       // as if they were everybody's
     bool runsIfRun = false;  // "X": x for directories, and for what somebody may run already
     unsigned from = 0;       // "g=u": the digit of this mask is copied to everybody
+    // Of the set-id bits of a directory only these are changed, as people seldom mean them.
+    unsigned ofDirectories = 0;
   };
 
   static bool parseClause(const std::string& clause, std::vector<Step>& steps);

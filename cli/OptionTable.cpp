@@ -139,6 +139,8 @@ const Option kOptions[] = {
      add<&CommandLine::excludes>},
     {'X', "exclude-from", kValue, "FILE", Group::Which, "not what matches a line of FILE",
      add<&CommandLine::excludeFiles>},
+    {kNoLetter, "wildcards", kNothing, nullptr, Group::Which, "MEMBERs are patterns (they are anyway)",
+     nothing},
     {kNoLetter, "exclude-vcs", kNothing, nullptr, Group::Which, "not what version control keeps",
      addVersionControl},
     {kNoLetter, "exclude-caches", kNothing, nullptr, Group::Which,

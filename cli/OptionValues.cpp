@@ -42,21 +42,25 @@ bool promisesForeign(const std::string& name) {
   return false;
 }
 
-// "NAME", "NAME:ID", "ID" or "+ID". A name without a number is looked up, by `find`, since a header has both.
-template <class Find>
-bool parseOwner(const std::string& text, Find find, GivenOwner& owner) {
+// A level that nothing would come of is refused.
+bool hasLevels(const CommandLine& line) {
+  const morvane::Compression compression = line.compressionToWrite();
+  return line.filterProgram.empty() &&
+         (compression == morvane::Compression::Zstd || compression == morvane::Compression::Xz);
+}
+
+// "NAME", "NAME:ID", "ID", "+ID" or ":ID". A header has both, so what is not given is looked up: by
+// `idOf`, and by `nameOf`, which may find none.
+template <class IdOf, class NameOf>
+bool parseOwner(const std::string& text, IdOf idOf, NameOf nameOf, GivenOwner& owner) {
   const size_t colon = text.rfind(':');
-  if (colon != std::string::npos) {
-    owner.name = text.substr(0, colon);
-    return parseNumber(text.substr(colon + 1), owner.id);
-  }
-  if (text.empty()) return false;
-  if (text[0] == '+') return parseNumber(text.substr(1), owner.id);
-  if (find(text.c_str(), owner.id)) {
-    owner.name = text;
-    return true;
-  }
-  return parseNumber(text, owner.id);
+  owner.name = text.substr(0, colon);
+  if (colon == std::string::npos && !text.empty() && idOf(text.c_str(), owner.id)) return true;
+  const bool isNumberAlone = colon == std::string::npos || colon == 0;
+  const size_t number = colon != std::string::npos ? colon + 1 : text[0] == '+' ? 1 : 0;
+  if (!parseNumber(text.substr(number), owner.id)) return false;
+  if (isNumberAlone) owner.name = nameOf(owner.id);
+  return true;
 }
 
 }  // namespace
@@ -135,6 +139,7 @@ bool OptionValues::setFilter(const std::string& program) {
 bool OptionValues::setLevel(const std::string& level) {
   int number = 0;
   if (!parseNumber(level, number)) return wrong("'" + level + "' is no level");
+  m_hasLevel = true;
   return addOptions("Level=" + level);
 }
 
@@ -179,23 +184,31 @@ bool OptionValues::addTransform(const std::string& expressions) {
 }
 
 bool OptionValues::setOwner(const std::string& text) {
-  const auto find = [](const char* name, unsigned& id) {
+  const auto idOf = [](const char* name, unsigned& id) {
     const passwd* const user = getpwnam(name);
     if (user) id = user->pw_uid;
     return user != nullptr;
   };
+  const auto nameOf = [](unsigned id) {
+    const passwd* const user = getpwuid(id);
+    return std::string(user ? user->pw_name : "");
+  };
   m_line.changes.owner.emplace();
-  return parseOwner(text, find, *m_line.changes.owner) || wrong("unknown owner '" + text + "'");
+  return parseOwner(text, idOf, nameOf, *m_line.changes.owner) || wrong("unknown owner '" + text + "'");
 }
 
 bool OptionValues::setGroup(const std::string& text) {
-  const auto find = [](const char* name, unsigned& id) {
+  const auto idOf = [](const char* name, unsigned& id) {
     const struct group* const found = getgrnam(name);
     if (found) id = found->gr_gid;
     return found != nullptr;
   };
+  const auto nameOf = [](unsigned id) {
+    const struct group* const found = getgrgid(id);
+    return std::string(found ? found->gr_name : "");
+  };
   m_line.changes.group.emplace();
-  return parseOwner(text, find, *m_line.changes.group) || wrong("unknown group '" + text + "'");
+  return parseOwner(text, idOf, nameOf, *m_line.changes.group) || wrong("unknown group '" + text + "'");
 }
 
 bool OptionValues::setModeChange(const std::string& text) {
@@ -256,6 +269,9 @@ bool OptionValues::addOptions(const std::string& words) {
 bool OptionValues::check() {
   const Mode mode = m_line.mode;
   if (mode == Mode::None) return wrong(std::string("one of ") + kModes + " is needed");
+  for (std::optional<GivenOwner>* const given : {&m_line.changes.owner, &m_line.changes.group}) {
+    if (*given && m_line.keeping.numericOwners) (*given)->name.clear();
+  }
   return checkArchive() && checkModes() && checkWords();
 }
 
@@ -264,6 +280,7 @@ bool OptionValues::checkArchive() {
   const Mode mode = m_line.mode;
   if (m_twoCompressions) return wrong("only one of -z, -j, -J, --zstd, -I");
   if (mode == Mode::Create && m_compress) return wrong("compress format can be read but not written");
+  if (m_hasLevel && mode == Mode::Create && !hasLevels(m_line)) return wrong("--level goes with zstd and xz");
   if (!m_line.archiveIsGiven && mode == Mode::Deb) return wrong("--deb needs option '-f'");
   const bool changes = mode == Mode::Append || mode == Mode::Update;
   if (changes && m_line.usesStandardStream()) return wrong("-r and -u need option '-f' and a file");

@@ -63,6 +63,7 @@ class OptionValues {
   std::string& m_error;
   bool m_compress = false;
   bool m_twoCompressions = false;
+  bool m_hasLevel = false;
   bool m_endsAtNul = false;  // of the -T files that follow
 };
 

@@ -78,8 +78,11 @@ bool Selection::anyMatches(std::string_view path, const std::vector<Pattern>& pa
 }
 
 Selection::Selection(const std::vector<std::string>& members, const std::vector<std::string>& matches,
-                     const std::vector<std::string>& excludes, bool onlyNamed)
-    : m_onlyNamed(onlyNamed), m_matches(patternsOf(matches)), m_excludes(patternsOf(excludes)) {
+                     const std::vector<std::string>& excludes, bool onlyNamed, bool recurses)
+    : m_onlyNamed(onlyNamed),
+      m_recurses(recurses),
+      m_matches(patternsOf(matches)),
+      m_excludes(patternsOf(excludes)) {
   for (const std::string& member : members) {
     const std::string_view path = comparable(member);
     m_members.push_back({member, std::string(path), patternOf(path), false});
@@ -93,8 +96,9 @@ bool Selection::takes(std::string_view storedPath) {
   bool named = m_members.empty() && !m_onlyNamed;
   for (Member& member : m_members) {
     // A name that holds a star may also mean itself.
-    const bool hit = path == member.path || member.path == "." || isBelow(path, member.path) ||
-                     member.pattern.matchesUpToASlash(path);
+    const bool hit = path == member.path || member.pattern.matches(path) ||
+                     (m_recurses && (member.path == "." || isBelow(path, member.path) ||
+                                     member.pattern.matchesUpToASlash(path)));
     member.found = member.found || hit;
     named = named || hit;
   }

@@ -14,9 +14,10 @@ namespace mvtar {
 // several, and a back slash takes the meaning from what follows. Case counts.
 class Selection {
  public:
-  // `onlyNamed`: no MEMBER at all means no member, as where names come from an empty list.
+  // `onlyNamed`: no MEMBER at all means no member, as where names come from an empty list. `recurses`: what
+  // is below a MEMBER is meant, too.
   Selection(const std::vector<std::string>& members, const std::vector<std::string>& matches,
-            const std::vector<std::string>& excludes, bool onlyNamed = false);
+            const std::vector<std::string>& excludes, bool onlyNamed = false, bool recurses = true);
 
   // The path as it is in the archive. Notes which MEMBERs have been found. In UTF-8, with or without a slash
   // at its end.
@@ -54,7 +55,7 @@ class Selection {
   static bool anyMatches(std::string_view path, const std::vector<Pattern>& patterns);
 
   // Empty: every member is named, or none.
-  const bool m_onlyNamed;
+  const bool m_onlyNamed, m_recurses;
   std::vector<Member> m_members;
   std::vector<Pattern> m_matches;
   std::vector<Pattern> m_excludes;
