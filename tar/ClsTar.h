@@ -427,6 +427,8 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   bool inflateTar(_mvDataSource& source, ProgressMonitor* pm, LogBase& log);
   bool expandTarBz2(_mvDataSource& source, ProgressMonitor* pm, LogBase& log);
   bool expandTarZ(_mvDataSource& source, ProgressMonitor* pm, LogBase& log);
+  bool expandInto(_mvOutput& sink, _mvDataSource& source, Compression compression, ProgressMonitor* pm,
+                  LogBase& log);
   int untarMember(_mvDataSource& source, _mvOutput& out, ProgressMonitor* pm, ProgressEvent* progress);
   bool untarCheckedPath(const char* name, const XString& path, Compression expected, bool extract,
                         ProgressEvent* progress);

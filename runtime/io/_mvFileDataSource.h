@@ -58,6 +58,8 @@ class MORVANE_API _mvFileDataSource : public _mvDataSource {
   bool fseekAbsolute64(long long position, LogBase& log) override;
   long long ftell64() override { return m_seekable ? m_position : -1; }
   long long sizeIfKnown() override;
+  // A file on a disk always; a pipe when something lies in it.
+  bool readsAtOnce() override { return m_windowAt < m_windowEnd || m_file.readsAtOnce(); }
   bool canLend() override { return true; }
   bool lendBytes(unsigned most, const char*& bytes, unsigned& n, ProgressMonitor* pm, LogBase& log) override;
   void takeBack(unsigned n) override;

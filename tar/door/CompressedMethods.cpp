@@ -1,12 +1,9 @@
 // ClsTar's methods over compressed archives: decompressed straight into the object, in one pass.
 #include "runtime/base/ScopeExit.h"
 #include "runtime/codec/GzipFormat.h"
-#include "runtime/codec/GzipMembers.h"
-#include "runtime/codec/MorvaneBzip2.h"
-#include "runtime/codec/MorvaneLzw.h"
 #include "runtime/io/BufferedDataSource.h"
 #include "tar/door/ClsTarMethod.h"
-#include "tar/stream/RatioLimit.h"
+#include "tar/stream/ExpandArchive.h"
 #include "tar/stream/StreamSink.h"
 
 namespace morvane {
@@ -86,6 +83,13 @@ bool ClsTar::untarCompressed(_mvDataSource& source, ProgressEvent* progress, Dec
   return ok;
 }
 
+// The codec from its table, within the limits and threads that the words ask for.
+bool ClsTar::expandInto(_mvOutput& sink, _mvDataSource& source, Compression compression, ProgressMonitor* pm,
+                        LogBase& log) {
+  return expandArchive(codecOf(compression).decode, source, sink, m_options->codec, m_options->maxRatio,
+                       Io(log, pm));
+}
+
 // Begins a streaming run over the archive that is being read.
 void ClsTar::beginFramedRun(LogBase& log) {
   m_stream->BeginStreamingUntar();
@@ -108,9 +112,7 @@ bool ClsTar::inflateTar(_mvDataSource& source, ProgressMonitor* pm, LogBase& log
   if (!readGzipHeader(lending, pm, log)) return false;
   beginFramedRun(log);
   StreamSink sink(*m_stream);
-  MeteredSource metered(lending);
-  RatioLimit limited(sink, metered, m_options->maxRatio);
-  if (!inflateGzipMembers(metered, limited, m_options->codec, pm, log)) {
+  if (!expandInto(sink, lending, Compression::Gzip, pm, log)) {
     log.LogError("unTarGz inflate failed (2)");
     return false;
   }
@@ -124,29 +126,23 @@ bool ClsTar::inflateTar(_mvDataSource& source, ProgressMonitor* pm, LogBase& log
 // Unframed by default: the state of the last run goes on, so that an archive behind one that has ended
 // extracts nothing and succeeds. Bz2Framed is the way out. What such a run made is settled all the same.
 bool ClsTar::expandTarBz2(_mvDataSource& source, ProgressMonitor* pm, LogBase& log) {
-  MorvaneBzip2 bzip2;
   StreamSink sink(*m_stream);
-  MeteredSource metered(source);
-  RatioLimit limited(sink, metered, m_options->maxRatio);
   if (m_options->bz2Framed) {
     beginFramedRun(log);
-    return bzip2.DecompressStream(metered, limited, log, pm) && m_stream->FinishStreamingUntar(pm, log);
+    return expandInto(sink, source, Compression::Bzip2, pm, log) && m_stream->FinishStreamingUntar(pm, log);
   }
   m_stream->beginUnframed();
   protectArchive(log);
-  const bool expanded = bzip2.DecompressStream(metered, limited, log, pm);
+  const bool expanded = expandInto(sink, source, Compression::Bzip2, pm, log);
   m_stream->endUnframed(pm, log);
   return expanded && !m_stream->anyLeftOut();
 }
 
 // The message blames the data; a member that was left out is in the log before it.
 bool ClsTar::expandTarZ(_mvDataSource& source, ProgressMonitor* pm, LogBase& log) {
-  _mvIoParams io(pm);
   beginFramedRun(log);
   StreamSink sink(*m_stream);
-  MeteredSource metered(source);
-  RatioLimit limited(sink, metered, m_options->maxRatio);
-  if (!MorvaneLzw::decompressLzwSource64(metered, limited, true, io, log)) {
+  if (!expandInto(sink, source, Compression::Compress, pm, log)) {
     log.LogError("Invalid compressed data (D)");
     return false;
   }

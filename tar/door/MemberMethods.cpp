@@ -4,7 +4,7 @@
 #include "runtime/io/OutputFlush.h"
 #include "tar/door/ClsTarMethod.h"
 #include "tar/format/ArchiveContent.h"
-#include "tar/stream/RatioLimit.h"
+#include "tar/stream/ExpandArchive.h"
 #include "tar/stream/StreamingUntar.h"
 
 namespace morvane {
@@ -69,9 +69,10 @@ bool ClsTar::memberToOutput(_mvDataSource& source, _mvOutput& out, ProgressEvent
     stream.BeginStreamingUntar();
     stream.extractFirstMemberInto(&out);
     UntilMember sink(stream);
-    MeteredSource metered(source);
-    RatioLimit limited(sink, metered, m_options->maxRatio);
-    const bool ended = codecOf(*compression).decode(metered, limited, m_options->codec, pm, m_log);
+    const Codec& codec = codecOf(*compression);
+    const bool ended =
+        (!codec.readHeader || codec.readHeader(source, pm, m_log)) &&
+        expandArchive(codec.decode, source, sink, m_options->codec, m_options->maxRatio, Io(m_log, pm));
     found = stream.memberIsComplete();
     // A stream that ended well without the member is no damage; the run's own failure is.
     if (!found && (!ended || !stream.FinishStreamingUntar(pm, m_log))) return false;
