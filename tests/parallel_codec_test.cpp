@@ -1,4 +1,6 @@
 // Compressions with several threads: the bytes, the events and the log against those of one.
+#include <unistd.h>
+
 #include "ArchiveSupport.h"
 #include "runtime/codec/Codec.h"
 #include "runtime/io/BufferedDataSource.h"
@@ -39,7 +41,9 @@ std::string decode(Compression compression, const std::string& bytes) {
   BufferedDataSource buffered(source);
   LimitedOutput out;
   _mvLogger log;
-  EXPECT_TRUE(codecOf(compression).decode(buffered, out, options, Io(log))) << log.text();
+  const Codec& codec = codecOf(compression);
+  EXPECT_TRUE(!codec.readHeader || codec.readHeader(buffered, Io(log)));
+  EXPECT_TRUE(codec.decode(buffered, out, options, Io(log))) << log.text();
   return out.bytes;
 }
 
@@ -93,6 +97,185 @@ TEST(ParallelEncoders, OthersReadThem) {
     ASSERT_TRUE(tar.AddDirRoot(dir / "tree") && (tar.*each.write)(path, nullptr)) << logOf(tar);
     must(dir,
          each.program + " -t "s + path + " && " + each.program + " -dc < " + path + " | cmp - plain.tar");
+  }
+}
+
+// ---- Reading
+
+int threadsOfProcess() {
+  return static_cast<int>(std::distance(fs::directory_iterator("/proc/self/task"), fs::directory_iterator()));
+}
+
+// Everything that the application hears, in its order; it may abort or throw at the n-th of it.
+struct Heard : ProgressEvent {
+  void note(const std::string& what, bool* abort = nullptr) {
+    all.push_back(what);
+    threads = std::max(threads, threadsOfProcess());
+    if (abort && static_cast<int>(all.size()) == abortAt) *abort = true;
+    if (static_cast<int>(all.size()) == throwAt) throw std::runtime_error("thrown");
+  }
+  void onAbortCheck(bool& abort) override { note("abort?", &abort); }
+  void onProgress(int percent, bool& abort) override { note("percent " + std::to_string(percent), &abort); }
+  void onInfo(const char* name, const char* value) override { note(name + " "s + value); }
+  void onTarEntry(const char* path, long long size, bool, bool&) override {
+    note(path + " "s + std::to_string(size));
+  }
+  void onTarHeader(const TarMemberInfo& member) override { note("header "s + member.path); }
+  std::vector<std::string> all;
+  int abortAt = 0, throwAt = 0;
+  int threads = 0;  // the most that the process had meanwhile
+};
+
+struct Outcome {
+  bool ok = false;
+  int threads = 0;  // not compared
+  std::string log;
+  std::vector<std::string> events;
+  std::map<std::string, std::string> tree;
+  bool operator==(const Outcome& other) const {
+    return ok == other.ok && log == other.log && events == other.events && tree == other.tree;
+  }
+};
+
+std::ostream& operator<<(std::ostream& out, const Outcome& outcome) {
+  out << outcome.ok << ", " << outcome.tree.size() << " in the tree, " << outcome.log;
+  for (const std::string& event : outcome.events) out << event << "; ";
+  return out;
+}
+
+struct ReadCase {
+  std::string words = "Profile=usual,Restore=off";
+  int abortAt = 0, throwAt = 0;
+  unsigned trickle = 0;  // bytes that a source of the application's gives at a time; 0: a file
+};
+
+Outcome readWith(long long threads, const std::string& bytes, const ReadCase& each,
+                 bool (ClsTar::*method)(_mvDataSource&, ProgressEvent*)) {
+  ScratchDir dir;
+  fs::create_directory(dir / "out");
+  TarWith tar(each.words + ",Threads=" + std::to_string(threads), dir / "out");
+  tar.put_AbortCheckMs(1'000'000);
+  Heard heard;
+  heard.abortAt = each.abortAt;
+  heard.throwAt = each.throwAt;
+  Outcome outcome;
+  if (each.trickle > 0) {
+    TricklingSource source(bytes, each.trickle);
+    outcome.ok = (tar.*method)(source, &heard);
+  } else {
+    writeFile(dir / "archive", bytes);
+    _mvFileDataSource source;
+    _mvLogger log;
+    EXPECT_TRUE(source.openDataSourceFile(XString(dir / "archive"), log));
+    outcome.ok = (tar.*method)(source, &heard);
+  }
+  outcome.log = logOf(tar);
+  outcome.events = heard.all;
+  outcome.threads = heard.threads;
+  outcome.tree = treeOf(dir / "out");
+  for (std::string* text : {&outcome.log}) {
+    for (size_t at = 0; (at = text->find(dir.path(), at)) != std::string::npos;)
+      text->erase(at, dir.path().size());
+  }
+  for (std::string& event : outcome.events) {
+    const size_t at = event.find(dir.path());
+    if (at != std::string::npos) event.erase(at, dir.path().size());
+  }
+
+  return outcome;
+}
+
+using ReadMethod = bool (ClsTar::*)(_mvDataSource&, ProgressEvent*);
+
+struct Packed {
+  const char* name;
+  std::string bytes;
+  ReadMethod method;
+};
+
+// Archives of some hundred members, each of them well over what is worth a thread.
+std::vector<Packed> packedArchives(const ScratchDir& dir) {
+  ArchiveBuilder builder;
+  for (size_t i = 0; i < 60; ++i) {
+    const std::string data = noise(i * 210, static_cast<unsigned>(i)) + contents(i * 70);
+    builder.add({"file" + std::to_string(i), data});
+  }
+  builder.add({"zeros", std::string(700'000, '\0')});
+  const std::string tar = builder.bytes();
+  writeFile(dir / "plain.tar", tar);
+  std::vector<Packed> packed;
+  for (const long long threads : {1, 4}) {
+    CodecOptions options;
+    options.threads = threads;
+    options.level = 1;
+    for (const auto& [compression, method] :
+         {std::pair<Compression, ReadMethod>{Compression::Gzip, &ClsTar::UntarGz},
+          {Compression::Bzip2, &ClsTar::UntarBz2},
+          {Compression::Zstd, &ClsTar::UntarZst},
+          {Compression::Xz, &ClsTar::UntarXz}}) {
+      packed.push_back({compressionName(compression), encode(compression, tar, 20'000, options), method});
+    }
+  }
+  must(dir, "compress -c plain.tar > plain.tar.Z; bzip2 -1 -c plain.tar > small.bz2");
+  packed.push_back({"compress", readFile(dir / "plain.tar.Z"), &ClsTar::UntarZ});
+  packed.push_back({"small bzip2", readFile(dir / "small.bz2"), &ClsTar::UntarBz2});
+  const std::string half = tar.substr(0, tar.size() / 2), rest = tar.substr(half.size());
+  packed.push_back({"two members",
+                    encode(Compression::Gzip, half, 20'000, {}) + encode(Compression::Gzip, rest, 512, {}),
+                    &ClsTar::UntarAny});
+  packed.push_back({"two streams",
+                    encode(Compression::Bzip2, half, 20'000, {}) + encode(Compression::Bzip2, rest, 512, {}) +
+                        "garbage behind",
+                    &ClsTar::UntarAny});
+  return packed;
+}
+
+// Either its own method, whose log has always been what it is, or the one with every check.
+void expectSame(const Packed& packed, const std::string& bytes, const ReadCase& each, long long threads,
+                const std::string& what) {
+  for (const ReadMethod method : {packed.method, static_cast<ReadMethod>(&ClsTar::VerifyAny)}) {
+    const Outcome one = readWith(1, bytes, each, method);
+    ASSERT_EQ(one, readWith(threads, bytes, each, method)) << packed.name << ", " << what << ", " << threads;
+    if (threads > 2) break;
+  }
+}
+
+TEST(ParallelDecoders, HearAndSayWhatOneThreadDoes) {
+  ScratchDir dir;
+  const int threadsBefore = threadsOfProcess();
+  for (const Packed& packed : packedArchives(dir)) {
+    ASSERT_GE(packed.bytes.size(), 300'000u) << packed.name;
+    const Outcome whole = readWith(4, packed.bytes, {}, packed.method);
+    ASSERT_TRUE(whole.ok && whole.tree.size() == 61) << packed.name << whole;
+    EXPECT_GT(whole.threads, threadsBefore) << packed.name << " was worth a thread";
+    for (const long long threads : {2, 4, 8}) expectSame(packed, packed.bytes, {}, threads, "");
+    expectSame(packed, packed.bytes, {"", 0, 0, 0}, 2, "no words");
+    expectSame(packed, packed.bytes, {"", 0, 0, 1000}, 2, "trickling");
+    expectSame(packed, packed.bytes, {"MaxRatio=3,Restore=mode", 0, 0, 0}, 2, "ratio");
+    expectSame(packed, packed.bytes, {"MaxMembers=40", 0, 0, 0}, 4, "members");
+    const int events = static_cast<int>(whole.events.size());
+    for (const int at : {1, 2, 3, events / 2, events - 1}) {
+      expectSame(packed, packed.bytes, {"", at, 0, 0}, 4, "aborted at " + std::to_string(at));
+      expectSame(packed, packed.bytes, {"", 0, at, 0}, 4, "thrown at " + std::to_string(at));
+    }
+    for (int i = 0; i < 1000 && threadsOfProcess() != threadsBefore; ++i) usleep(1000);
+    ASSERT_EQ(threadsBefore, threadsOfProcess()) << packed.name;
+  }
+}
+
+TEST(ParallelDecoders, DamageIsToldAsByOneThread) {
+  ScratchDir dir;
+  for (const Packed& packed : packedArchives(dir)) {
+    std::mt19937 random(7);
+    const size_t size = packed.bytes.size();
+    for (int i = 0; i < 8; ++i) {
+      const size_t at = i < 4 ? size - 1 - static_cast<size_t>(i) * 5 : random() % size;
+      expectSame(packed, packed.bytes.substr(0, std::max<size_t>(at, 280'000)), {}, 4,
+                 "cut at " + std::to_string(at));
+      std::string flipped = packed.bytes;
+      flipped[at] = static_cast<char>(flipped[at] ^ (1 << random() % 8));
+      expectSame(packed, flipped, {}, 4, "flipped at " + std::to_string(at));
+    }
   }
 }
 

@@ -134,11 +134,6 @@ std::unique_ptr<Encoder> makeBzip2(const CodecOptions& options) {
   return std::make_unique<BlockEncoder<MorvaneBzip2>>();
 }
 
-// The header of the first member is read here; those of further ones where the option for them is obeyed.
-bool decodeGzip(_mvDataSource& source, _mvOutput& out, const CodecOptions& options, const Io& io) {
-  return readGzipHeader(source, io) && inflateGzipMembers(source, out, options, io);
-}
-
 bool decodeBzip2(_mvDataSource& source, _mvOutput& out, const CodecOptions&, const Io& io) {
   return MorvaneBzip2().DecompressStream(source, out, io.log, io.monitor);
 }
@@ -152,11 +147,11 @@ bool decodeCompress(_mvDataSource& source, _mvOutput& out, const CodecOptions&, 
 // One row each. The signatures exclude one another, so that the order does not matter. A null encoder marks
 // what is only read: old .Z archives are still met, new ones nobody asks for.
 constexpr Codec kCodecs[] = {
-    {Compression::Gzip, "gzip", ".tar.gz .tgz", isGzip, makeGzip, decodeGzip},
-    {Compression::Bzip2, "bzip2", ".tar.bz2 .tbz .tbz2", isBzip2, makeBzip2, decodeBzip2},
-    {Compression::Compress, "compress", ".tar.Z", isCompress, nullptr, decodeCompress},
-    {Compression::Zstd, "zstd", ".tar.zst .tzst", isZstd, makeZstdEncoder, decodeZstd},
-    {Compression::Xz, "xz", ".tar.xz .txz", isXz, makeXzEncoder, decodeXz},
+    {Compression::Gzip, "gzip", ".tar.gz .tgz", isGzip, makeGzip, readGzipHeader, inflateGzipMembers},
+    {Compression::Bzip2, "bzip2", ".tar.bz2 .tbz .tbz2", isBzip2, makeBzip2, nullptr, decodeBzip2},
+    {Compression::Compress, "compress", ".tar.Z", isCompress, nullptr, nullptr, decodeCompress},
+    {Compression::Zstd, "zstd", ".tar.zst .tzst", isZstd, makeZstdEncoder, nullptr, decodeZstd},
+    {Compression::Xz, "xz", ".tar.xz .txz", isXz, makeXzEncoder, nullptr, decodeXz},
 };
 
 // Whether the path ends in one of the suffixes, which blanks separate. Case counts, as it does for the files

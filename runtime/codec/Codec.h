@@ -43,6 +43,12 @@ class Encoder {
   virtual bool end(_mvOutput& out, long long size, const Io& io);
 };
 
+// Expands the source from where it stands into the output. Returns false, with the reason in the log, for
+// data that are damaged or cut, and when the output refuses a write or the monitor aborts. Where the source
+// stands afterwards is each codec's own: what follows the data matters to gzip alone. It uses nothing but
+// what it is given, so that it may run in any thread.
+using Decode = bool (*)(_mvDataSource& source, _mvOutput& out, const CodecOptions& options, const Io& io);
+
 // One compression. The functions hold no state of their own: any number of runs may use a row at a time.
 struct Codec {
   Compression compression;
@@ -54,10 +60,10 @@ struct Codec {
   bool (*hasMagic)(const unsigned char* bytes, unsigned n);
   // Null where it can only be read.
   std::unique_ptr<Encoder> (*makeEncoder)(const CodecOptions& options);
-  // Expands the source from where it stands into the output. Returns false, with the reason in the log, for
-  // data that are damaged or cut, and when the output refuses a write or the monitor aborts. Where the source
-  // stands afterwards is each codec's own: what follows the data matters to gzip alone.
-  bool (*decode)(_mvDataSource& source, _mvOutput& out, const CodecOptions& options, const Io& io);
+  // Reads what stands in front of the compressed data; null where the decoder does that. The source takes
+  // bytes back.
+  bool (*readHeader)(_mvDataSource& source, const Io& io);
+  Decode decode;
 };
 
 // The row of a compression other than None. None has none and must not be asked for. The row lives as long as

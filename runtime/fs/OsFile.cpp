@@ -3,6 +3,7 @@
 #include "runtime/fs/OsFile.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -75,6 +76,12 @@ ssize_t OsFile::readSome(void* buffer, size_t n) const { return ::read(m_fd, buf
 
 ssize_t OsFile::readSomeAt(void* buffer, size_t n, long long position) const {
   return ::pread(m_fd, buffer, n, position);
+}
+
+// The system says so of every file on a disk.
+bool OsFile::readsAtOnce() const {
+  pollfd asked{m_fd, POLLIN, 0};
+  return ::poll(&asked, 1, 0) > 0;
 }
 
 ssize_t OsFile::writeSome(const void* bytes, size_t n) const { return ::write(m_fd, bytes, n); }

@@ -41,6 +41,8 @@ class MORVANE_API OsFile {
   // may be fewer than asked for; 0 at the end of a file. readSomeAt leaves the position alone.
   ssize_t readSome(void* buffer, size_t n) const;
   ssize_t readSomeAt(void* buffer, size_t n, long long position) const;
+  // Whether a read would not wait: there are bytes, or the end, or a failure.
+  bool readsAtOnce() const;
   ssize_t writeSome(const void* bytes, size_t n) const;
   ssize_t writeSomeAt(const void* bytes, size_t n, long long position) const;
 

@@ -21,6 +21,7 @@ class BufferedDataSource : public _mvDataSource {
   // Only behind a read that met the end.
   bool endOfStream() override { return m_at == m_end && m_ended; }
   long long sizeIfKnown() override { return m_source.sizeIfKnown(); }
+  bool readsAtOnce() override { return m_at < m_end || m_source.readsAtOnce(); }
   bool canLend() override { return true; }
   bool lendBytes(unsigned most, const char*& bytes, unsigned& n, ProgressMonitor* pm, LogBase& log) override;
   // Up to kBehind bytes more than were lent last.

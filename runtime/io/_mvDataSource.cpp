@@ -46,6 +46,8 @@ long long _mvDataSource::ftell64() { return -1; }
 // For progress, and for room taken at once; never trusted for more.
 long long _mvDataSource::sizeIfKnown() { return -1; }
 
+bool _mvDataSource::readsAtOnce() { return false; }
+
 bool _mvDataSource::canLend() { return false; }
 
 bool _mvDataSource::lendBytes(unsigned, const char*&, unsigned&, ProgressMonitor*, LogBase&) { return false; }

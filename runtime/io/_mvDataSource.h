@@ -44,6 +44,10 @@ class MORVANE_API _mvDataSource {
   // Bytes from position 0 to the end, -1 when not known.
   virtual long long sizeIfKnown();
 
+  // Whether the next read or lending gives something, or the end, without waiting for anybody: then it may be
+  // done before its time. The base never says so.
+  virtual bool readsAtOnce();
+
   // Lends up to `most` bytes (at least 1 unless at the end) that lie ready in memory and moves past them,
   // instead of copying them out; they stay valid until the next operation. Sources that hold no bytes say
   // false to canLend().

@@ -74,6 +74,9 @@ _mvFileDataSource::~_mvFileDataSource() = default;
 
 void _mvFileDataSource::close() { m_state->file.close(); }
 int _mvFileDataSource::descriptor() const { return m_state->file.fd(); }
+bool _mvFileDataSource::readsAtOnce() {
+  return m_state->windowAt < m_state->windowEnd || m_state->file.readsAtOnce();
+}
 long long _mvFileDataSource::bytesPassed() const { return m_state->position; }
 long long _mvFileDataSource::ftell64() { return m_state->seekable ? m_state->position : -1; }
 bool _mvFileDataSource::endWasSeen() const {

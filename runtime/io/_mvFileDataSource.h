@@ -59,6 +59,8 @@ class MORVANE_API _mvFileDataSource : public _mvDataSource {
   bool fseekAbsolute64(long long position, LogBase& log) override;
   long long ftell64() override;
   long long sizeIfKnown() override;
+  // A file on a disk always; a pipe when something lies in it.
+  bool readsAtOnce() override;
   bool canLend() override { return true; }
   bool lendBytes(unsigned most, const char*& bytes, unsigned& n, ProgressMonitor* pm, LogBase& log) override;
   void takeBack(unsigned n) override;

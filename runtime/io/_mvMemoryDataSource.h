@@ -21,6 +21,7 @@ class MORVANE_API _mvMemoryDataSource : public _mvDataSource {
   bool fseekAbsolute64(long long position, LogBase& log) override;
   long long ftell64() override { return m_position; }
   long long sizeIfKnown() override { return m_size; }
+  bool readsAtOnce() override { return true; }
   // Bytes are lent from where they lie, and stay valid as long as the caller keeps them.
   bool canLend() override { return true; }
   // Up to all of what is left, in one piece. Told to the monitor, which may be null.

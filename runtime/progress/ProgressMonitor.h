@@ -42,6 +42,8 @@ class MORVANE_API ProgressMonitor {
   // All of it is done: what is left of the total is reported at once.
   void consumeRemaining(LogBase& log);
   bool isAborted() const { return m_aborted; }
+  // What was added so far, no more than the total.
+  long long done() const { return m_done; }
   // How often abortCheckTimed was called: who wraps an operation sees whether that has asked by itself.
   unsigned timedChecks() const { return m_timedChecks; }
 

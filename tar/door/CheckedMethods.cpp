@@ -5,7 +5,7 @@
 #include "tar/door/ClsTarInner.h"
 #include "tar/format/ArchiveContent.h"
 #include "tar/read/UntarRun.h"
-#include "tar/stream/RatioLimit.h"
+#include "tar/stream/ExpandArchive.h"
 #include "tar/stream/StreamSink.h"
 
 namespace morvane {
@@ -110,11 +110,11 @@ bool ClsTar::Inner::untarChecked(_mvDataSource& source, Compression expected, bo
     stream.BeginStreamingUntar();
     if (isProtected) stream.protect(archive);
     StreamSink sink(stream);
-    MeteredSource metered(source);
-    RatioLimit limited(sink, metered, m_options.maxRatio);
     CodecOptions options = m_options.codec;
     options.verifyGzip = options.gzipAllMembers = true;
-    const bool expanded = codecOf(*found).decode(metered, limited, options, io);
+    const Codec& codec = codecOf(*found);
+    const bool expanded = (!codec.readHeader || codec.readHeader(source, io)) &&
+                          expandArchive(codec.decode, source, sink, options, m_options.maxRatio, io);
     ok = stream.FinishStreamingUntar(io.monitor, m_log) && expanded;
     m_onlyLeftOut = expanded && stream.onlyLeftOut();
   }

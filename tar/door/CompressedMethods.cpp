@@ -1,13 +1,10 @@
 // ClsTar's methods over compressed archives: decompressed straight into the object, in one pass.
 #include "runtime/base/ScopeExit.h"
 #include "runtime/codec/GzipFormat.h"
-#include "runtime/codec/GzipMembers.h"
-#include "runtime/codec/MorvaneBzip2.h"
-#include "runtime/codec/MorvaneLzw.h"
 #include "runtime/io/BufferedDataSource.h"
 #include "runtime/io/Io.h"
 #include "tar/door/ClsTarInner.h"
-#include "tar/stream/RatioLimit.h"
+#include "tar/stream/ExpandArchive.h"
 #include "tar/stream/StreamSink.h"
 
 namespace morvane {
@@ -87,6 +84,12 @@ bool ClsTar::Inner::untarCompressed(_mvDataSource& source, ProgressEvent* progre
   return ok;
 }
 
+// The codec from its table, within the limits and threads that the words ask for.
+bool ClsTar::Inner::expandInto(_mvOutput& sink, _mvDataSource& source, Compression compression,
+                               const Io& io) {
+  return expandArchive(codecOf(compression).decode, source, sink, m_options.codec, m_options.maxRatio, io);
+}
+
 // Begins a streaming run over the archive that is being read.
 void ClsTar::Inner::beginFramedRun(LogBase& log) {
   m_stream.BeginStreamingUntar();
@@ -109,9 +112,7 @@ bool ClsTar::Inner::inflateTar(_mvDataSource& source, const Io& io) {
   if (!readGzipHeader(lending, io)) return false;
   beginFramedRun(io.log);
   StreamSink sink(m_stream);
-  MeteredSource metered(lending);
-  RatioLimit limited(sink, metered, m_options.maxRatio);
-  if (!inflateGzipMembers(metered, limited, m_options.codec, io)) {
+  if (!expandInto(sink, lending, Compression::Gzip, io)) {
     return io.fail("unTarGz inflate failed (2)");
   }
   if (!m_stream.FinishStreamingUntar(io.monitor, io.log)) {
@@ -124,30 +125,24 @@ bool ClsTar::Inner::inflateTar(_mvDataSource& source, const Io& io) {
 // Unframed by default: the state of the last run goes on, so that an archive behind one that has ended
 // extracts nothing and succeeds. Bz2Framed is the way out. What such a run made is settled all the same.
 bool ClsTar::Inner::expandTarBz2(_mvDataSource& source, const Io& io) {
-  MorvaneBzip2 bzip2;
   StreamSink sink(m_stream);
-  MeteredSource metered(source);
-  RatioLimit limited(sink, metered, m_options.maxRatio);
   if (m_options.bz2Framed) {
     beginFramedRun(io.log);
-    return bzip2.DecompressStream(metered, limited, io.log, io.monitor) &&
+    return expandInto(sink, source, Compression::Bzip2, io) &&
            m_stream.FinishStreamingUntar(io.monitor, io.log);
   }
   m_stream.beginUnframed();
   protectArchive(io.log);
-  const bool expanded = bzip2.DecompressStream(metered, limited, io.log, io.monitor);
+  const bool expanded = expandInto(sink, source, Compression::Bzip2, io);
   m_stream.endUnframed(io.monitor, io.log);
   return expanded && !m_stream.anyLeftOut();
 }
 
 // The message blames the data; a member that was left out is in the log before it.
 bool ClsTar::Inner::expandTarZ(_mvDataSource& source, const Io& io) {
-  _mvIoParams params(io.monitor);
   beginFramedRun(io.log);
   StreamSink sink(m_stream);
-  MeteredSource metered(source);
-  RatioLimit limited(sink, metered, m_options.maxRatio);
-  if (!MorvaneLzw::decompressLzwSource64(metered, limited, true, params, io.log)) {
+  if (!expandInto(sink, source, Compression::Compress, io)) {
     return io.fail("Invalid compressed data (D)");
   }
   if (!m_stream.FinishStreamingUntar(io.monitor, io.log)) {

@@ -7,7 +7,7 @@
 #include "tar/door/ClsTarInner.h"
 #include "tar/format/ArchiveContent.h"
 #include "tar/read/UntarRun.h"
-#include "tar/stream/RatioLimit.h"
+#include "tar/stream/ExpandArchive.h"
 #include "tar/stream/StreamSink.h"
 
 namespace morvane {
@@ -78,9 +78,9 @@ bool ClsTar::Inner::membersToOutput(_mvDataSource& source, _mvOutput& out, bool 
     stream.extractMembersInto(out, firstAlone);
     // Where one is wanted, whether it is complete decides, not what the decompressor returns.
     StreamSink sink(stream, firstAlone ? StreamSink::Until::Member : StreamSink::Until::End);
-    MeteredSource metered(source);
-    RatioLimit limited(sink, metered, m_options.maxRatio);
-    const bool ended = codecOf(*compression).decode(metered, limited, m_options.codec, io);
+    const Codec& codec = codecOf(*compression);
+    const bool ended = (!codec.readHeader || codec.readHeader(source, io)) &&
+                       expandArchive(codec.decode, source, sink, m_options.codec, m_options.maxRatio, io);
     found = stream.completeMembers() > 0;
     // A stream that ended well without a member is no damage; the run's own failure is, but behind the one
     // member that was wanted.

@@ -302,8 +302,8 @@ bool StreamingUntar::endOutputFile(const MemberTimes& times, const Io& io) {
   return m_placer.noteEnd(end, io);
 }
 
-// A wanted member has arrived. Where it was the only one, what comes behind it in the same piece is not looked
-// at.
+// A wanted member has arrived. Where it was the only one, what comes behind it in the same piece is not
+// looked at.
 void StreamingUntar::completeMember() {
   m_wanted = Wanted::NotYet;
   ++m_completeMembers;

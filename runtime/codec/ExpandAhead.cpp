@@ -1,0 +1,311 @@
+// The decompressor runs in a worker, between a source and an output that only write down what it does: so
+// much was read, so much given back, these bytes written, those lines logged. The first thread does the same
+// again, with the real source and output, in the same order; that is where events come from, and where
+// something may be refused. A refusal ends the worker, which has done some work for nothing then.
+#include "runtime/codec/ExpandAhead.h"
+
+#include <algorithm>
+#include <condition_variable>
+#include <cstring>
+#include <deque>
+#include <mutex>
+#include <system_error>
+#include <thread>
+#include <vector>
+
+#include "runtime/io/AheadSource.h"
+#include "runtime/io/Io.h"
+#include "runtime/io/_mvOutput.h"
+#include "runtime/parallel/SignalsBlocked.h"
+
+namespace morvane {
+
+namespace {
+
+// How far the worker may be ahead, and what may be read for it.
+constexpr size_t kMostProduced = 4 * 1024 * 1024;
+constexpr size_t kMostSteps = 1024;
+constexpr long long kMostRead = 4 * 1024 * 1024;
+// Pieces that lie ready for the worker, so that it need not wait for the first thread.
+constexpr size_t kPiecesReady = 2;
+
+// One thing that the decompressor did.
+struct Step {
+  enum Kind { Lend, Read, TakeBack, Write, End } kind = End;
+  unsigned n = 0;
+  std::vector<char> bytes;       // Write
+  std::unique_ptr<HeldLog> log;  // lines that come before it; null: none
+};
+
+// What the two threads hand each other.
+class Script {
+ public:
+  // ---- The worker's
+
+  void add(Step step) {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    m_roomCame.wait(lock,
+                    [&] { return m_stop || (m_produced < kMostProduced && m_steps.size() < kMostSteps); });
+    m_produced += step.bytes.size();
+    m_steps.push_back(std::move(step));
+    m_somethingCame.notify_one();
+  }
+  // A buffer that was used before, where there is one.
+  std::vector<char> buffer() {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_buffers.empty()) return {};
+    std::vector<char> buffer = std::move(m_buffers.back());
+    m_buffers.pop_back();
+    return buffer;
+  }
+  // Null once nobody wants any more.
+  AheadSource::PiecePtr nextPiece() {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    m_isStarved = m_pieces.empty();
+    if (m_isStarved) m_somethingCame.notify_one();
+    m_pieceCame.wait(lock, [&] { return m_stop || !m_pieces.empty(); });
+    m_isStarved = false;
+    if (m_stop) return nullptr;
+    AheadSource::PiecePtr piece = std::move(m_pieces.front());
+    m_pieces.pop_front();
+    return piece;
+  }
+  // How the decompressor ended. Takes no memory.
+  void end(bool ok, std::exception_ptr thrown) {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_hasEnded = true;
+    m_ok = ok;
+    m_thrown = std::move(thrown);
+    m_somethingCame.notify_one();
+  }
+  bool isStopped() {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_stop;
+  }
+
+  // ---- The first thread's
+
+  bool wantsPiece() {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_pieces.size() < kPiecesReady;
+  }
+  void addPiece(AheadSource::PiecePtr piece) {
+    {
+      const std::lock_guard<std::mutex> lock(m_mutex);
+      m_pieces.push_back(std::move(piece));
+    }
+    m_pieceCame.notify_one();
+  }
+  // False when the worker has nothing to do before it is given another piece.
+  bool take(Step& step) {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    m_somethingCame.wait(lock, [&] { return !m_steps.empty() || m_isStarved || m_hasEnded; });
+    if (m_steps.empty()) {
+      step = Step();
+      return m_hasEnded;
+    }
+    step = std::move(m_steps.front());
+    m_steps.pop_front();
+    m_produced -= step.bytes.size();
+    m_roomCame.notify_one();
+    return true;
+  }
+  // Behind the step End: what the decompressor returned, or threw.
+  bool result() {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_thrown) std::rethrow_exception(m_thrown);
+    return m_ok;
+  }
+  void giveBuffer(std::vector<char> buffer) {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_buffers.push_back(std::move(buffer));
+  }
+  void stop() {
+    {
+      const std::lock_guard<std::mutex> lock(m_mutex);
+      m_stop = true;
+    }
+    m_roomCame.notify_one();
+    m_pieceCame.notify_one();
+  }
+
+ private:
+  // Guards everything here. It is taken a few times for 64 KiB, and never for long.
+  std::mutex m_mutex;
+  // The worker waits for one of these two: room for a step, a piece to read. The end sets off both.
+  std::condition_variable m_roomCame, m_pieceCame;
+  // A step, or that the worker is starved: for the first thread.
+  std::condition_variable m_somethingCame;
+  std::deque<Step> m_steps;
+  size_t m_produced = 0;  // bytes in them
+  std::deque<AheadSource::PiecePtr> m_pieces;
+  std::vector<std::vector<char>> m_buffers;  // as many as ever were in use at a time
+  bool m_isStarved = false;
+  bool m_stop = false;
+  bool m_hasEnded = false, m_ok = false;
+  std::exception_ptr m_thrown;
+};
+
+// What the decompressor sees. All of it belongs to the worker.
+class Recorder : public _mvDataSource, public _mvOutput {
+ public:
+  Recorder(Script& script, const LogBase& like) : m_script(script) { m_log.beginLike(like); }
+
+  // Lines that no step has taken yet; the first thread's once the worker has ended.
+  HeldLog& log() { return m_log; }
+
+  bool canLend() override { return true; }
+  bool lendBytes(unsigned most, const char*& bytes, unsigned& n, ProgressMonitor*, LogBase&) override {
+    return handOut(Step::Lend, most, bytes, n);
+  }
+  bool readSourcePM(char* buffer, unsigned n, unsigned& numRead, ProgressMonitor*, LogBase&) override {
+    const char* bytes = nullptr;
+    if (!handOut(Step::Read, n, bytes, numRead)) return false;
+    std::copy_n(bytes, numRead, buffer);
+    return true;
+  }
+  void takeBack(unsigned n) override {
+    m_at -= n;
+    record(Step::TakeBack, n);
+  }
+  bool _writeBytes(const char* bytes, unsigned n, _mvIoParams&, LogBase&) override {
+    Step step;
+    step.kind = Step::Write;
+    step.n = n;
+    step.bytes = m_script.buffer();
+    step.bytes.assign(bytes, bytes + n);
+    add(std::move(step));
+    return !m_script.isStopped();
+  }
+
+  // Both bases have them; no decompressor seeks.
+  bool fseekAbsolute64(long long, LogBase&) override { return false; }
+  long long ftell64() override { return -1; }
+
+ private:
+  // As AheadSource does it, from the same pieces.
+  bool handOut(Step::Kind kind, unsigned most, const char*& bytes, unsigned& n) {
+    n = 0;
+    if (!m_piece || (m_at == m_piece->size && !m_piece->isLast())) {
+      m_piece = m_script.nextPiece();
+      m_at = 0;
+      if (!m_piece) return false;
+    }
+    record(kind, most);
+    if (m_piece->isFailed) return false;
+    n = static_cast<unsigned>(std::min<long long>(most, m_piece->size - m_at));
+    bytes = m_piece->bytes() + m_at;
+    m_at += n;
+    return !m_script.isStopped();
+  }
+  void record(Step::Kind kind, unsigned n) {
+    Step step;
+    step.kind = kind;
+    step.n = n;
+    add(std::move(step));
+  }
+  void add(Step step) {
+    if (!m_log.isEmpty()) {
+      step.log = std::make_unique<HeldLog>();
+      step.log->beginLike(m_log);
+      m_log.tellTo(*step.log);
+    }
+    m_script.add(std::move(step));
+  }
+
+  Script& m_script;
+  HeldLog m_log;
+  AheadSource::PiecePtr m_piece;
+  long long m_at = 0;
+};
+
+// The worker, from its making to its end.
+class Worker {
+ public:
+  Worker(Decode decode, const CodecOptions& options, const LogBase& like)
+      : m_decode(decode), m_options(options), m_recorder(m_script, like) {}
+  ~Worker() {
+    m_script.stop();
+    if (m_thread.joinable()) m_thread.join();
+  }
+  Worker(const Worker&) = delete;
+  Worker& operator=(const Worker&) = delete;
+
+  // False where there is no thread to be had.
+  bool start() {
+    const SignalsBlocked signalsBlocked;
+    try {
+      m_thread = std::thread([this] { run(); });
+      return true;
+    } catch (const std::system_error&) {
+      return false;
+    }
+  }
+  Script& script() { return m_script; }
+  bool end(LogBase& log) {
+    m_recorder.log().tellTo(log);
+    return m_script.result();
+  }
+
+ private:
+  // Memory that runs out in here, for a step too, is told like any failure.
+  void run() {
+    bool ok = false;
+    std::exception_ptr thrown;
+    try {
+      ok = m_decode(m_recorder, m_recorder, m_options, Io(m_recorder.log()));
+    } catch (...) {
+      thrown = std::current_exception();
+    }
+    m_script.end(ok, std::move(thrown));
+  }
+
+  const Decode m_decode;
+  const CodecOptions m_options;
+  Script m_script;
+  Recorder m_recorder;
+  std::thread m_thread;
+};
+
+// Does again what the worker did. False ends the run.
+bool repeat(const Step& step, _mvDataSource& heard, _mvOutput& out, ProgressMonitor* pm, LogBase& log) {
+  const char* bytes = nullptr;
+  unsigned n = 0;
+  if (step.log) step.log->tellTo(log);
+  switch (step.kind) {
+    case Step::Lend:
+    case Step::Read:
+      return heard.lend(step.n, bytes, n, pm, log);
+    case Step::TakeBack:
+      heard.takeBack(step.n);
+      return true;
+    case Step::Write:
+      return out.writeBytesPM(step.bytes.data(), step.n, pm, log);
+    case Step::End:
+      break;
+  }
+  return true;
+}
+
+}  // namespace
+
+bool expandAhead(Decode decode, AheadSource& ahead, _mvDataSource& heard, _mvOutput& out,
+                 const CodecOptions& options, const Io& io) {
+  Worker worker(decode, options, io.log);
+  if (!worker.start()) return decode(heard, out, options, io);
+  Script& script = worker.script();
+  Step step;
+  while (true) {
+    while (script.wantsPiece() && ahead.mayFetch(kMostRead)) script.addPiece(ahead.fetch());
+    // A read that may wait is left until everything is done that could be done without it.
+    if (!script.take(step)) {
+      if (AheadSource::PiecePtr piece = ahead.fetch()) script.addPiece(std::move(piece));
+      continue;
+    }
+    if (step.kind == Step::End) return worker.end(io.log);
+    if (!repeat(step, heard, out, io.monitor, io.log)) return false;
+    if (step.kind == Step::Write) script.giveBuffer(std::move(step.bytes));
+  }
+}
+
+}  // namespace morvane

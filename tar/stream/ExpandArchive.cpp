@@ -1,0 +1,41 @@
+// The limit counts what the decompressor took when its turn came, not what was read ahead.
+#include "tar/stream/ExpandArchive.h"
+
+#include <algorithm>
+
+#include "runtime/codec/ExpandAhead.h"
+#include "runtime/io/AheadSource.h"
+#include "runtime/parallel/OrderedRing.h"
+#include "tar/stream/RatioLimit.h"
+
+namespace morvane {
+
+namespace {
+
+// Compressed bytes that are worth a thread; they are about a megabyte of members.
+constexpr long long kWorthThread = 256 * 1024;
+
+bool isWorthThread(_mvDataSource& source) {
+  const long long size = source.sizeIfKnown();
+  return size < 0 || size - std::max(source.ftell64(), 0LL) >= kWorthThread;
+}
+
+}  // namespace
+
+// A source of unknown size is taken for a large one.
+bool expandArchive(Decode decode, _mvDataSource& source, _mvOutput& out, const CodecOptions& options,
+                   long long maxRatio, const Io& io) {
+  if (options.threads == 1 || workerCount(options.threads) == 0 || !isWorthThread(source)) {
+    MeteredSource metered(source);
+    RatioLimit limited(out, metered, maxRatio);
+    return decode(metered, limited, options, io);
+  }
+  AheadSource ahead(source, io.monitor, io.log);
+  MeteredSource metered(ahead);
+  RatioLimit limited(out, metered, maxRatio);
+  const bool ok = expandAhead(decode, ahead, metered, limited, options, io);
+  ahead.giveBack();
+  return ok;
+}
+
+}  // namespace morvane
