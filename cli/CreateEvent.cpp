@@ -70,8 +70,13 @@ void CreateEvent::onTarMember(morvane::TarMember& member) {
   if (m_line.changes.anyWhenWriting()) m_line.changes.applyWriting(member);
   m_isDirectory = member.typeFlag == kDirectory;
   // The component adds the slash later, and it counts.
-  if (m_line.formatToWrite() == "ustar" && !fitsUstar(m_isDirectory ? member.path + "/" : member.path)) {
-    m_report.problem(member.localPath, "its name is too long for the ustar format");
+  const std::string stored = m_isDirectory ? member.path + "/" : member.path;
+  const char* const refusal = stored.size() > NameTransform::kLongest ? "its name becomes too long"
+                              : m_line.formatToWrite() == "ustar" && !fitsUstar(stored)
+                                  ? "its name is too long for the ustar format"
+                                  : nullptr;
+  if (refusal) {
+    m_report.problem(member.localPath, refusal);
     member.skip = true;
     return;
   }

@@ -29,11 +29,8 @@ void onInterrupt(int signal) {
   timer_settime(g_timer, 0, &knocks, nullptr);
 }
 
-// Having a handler is all that it takes to break a wait.
-void onKnock(int) {}
-
 // Put together beforehand: a handler must not allocate.
-std::string g_lastLine;
+std::string g_lastLine = "mvtar: interrupted, and ended in the midst of it\n";
 
 // Only what may be called from a handler. 128 and the signal's number is what a shell makes of a process that
 // a signal ended.
@@ -41,6 +38,14 @@ void endAtOnce(int signal) {
   const ssize_t written = write(STDERR_FILENO, g_lastLine.data(), g_lastLine.size());
   (void)written;
   _exit(128 + signal);
+}
+
+// Having a handler is all that it takes to break a wait. Whoever has not heard after so many knocks (five
+// seconds) is lost in something that cannot be asked, such as a regular expression that takes years.
+void onKnock(int) {
+  constexpr int kPatience = 50;
+  static volatile std::sig_atomic_t knocks = 0;
+  if (g_signal != 0 && (knocks = knocks + 1) > kPatience) endAtOnce(g_signal);
 }
 
 void handle(int signal, void (*handler)(int)) {

@@ -132,7 +132,7 @@ bool NameTransform::concerns(Of what) const {
 
 std::string NameTransform::apply(std::string text, Of what) const {
   for (const Step& step : m_steps) {
-    if (step.of[static_cast<size_t>(what)]) text = substitute(step, text);
+    if (step.of[static_cast<size_t>(what)] && text.size() <= kLongest) text = substitute(step, text);
   }
   return text;
 }
@@ -150,6 +150,7 @@ std::string NameTransform::substitute(const Step& step, const std::string& text)
     result.append(at, static_cast<size_t>(from));
     const bool isEmpty = from == to;
     const bool counts = !(isEmpty && from == 0 && behindMatch);
+    if (result.size() > kLongest) break;
     const bool replaces = counts && ++count >= step.first && (step.all || count == step.first);
     if (replaces) {
       appendReplacement(step.to, at, groups, result);
@@ -176,7 +177,7 @@ void NameTransform::appendReplacement(const std::string& to, const char* subject
     if (match.rm_so < 0) return std::string_view();
     return std::string_view(subject + match.rm_so, static_cast<size_t>(match.rm_eo - match.rm_so));
   };
-  for (size_t i = 0; i < to.size(); ++i) {
+  for (size_t i = 0; i < to.size() && result.size() <= kLongest; ++i) {
     if (to[i] == '&') {
       changer.append(group(0), result);
     } else if (to[i] != '\\' || i + 1 == to.size()) {

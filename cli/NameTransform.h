@@ -24,6 +24,9 @@ class NameTransform {
   bool isEmpty() const { return m_steps.empty(); }
   // Whether any expression would be applied to such a text.
   bool concerns(Of what) const;
+  // A text that is longer is no name any more and is not made longer still, because a few replacements that
+  // double a text would fill all memory.
+  static constexpr size_t kLongest = 1 << 20;
   // Every expression in its turn.
   std::string apply(std::string text, Of what) const;
 

@@ -61,6 +61,8 @@ void Report::failure(morvane::ClsTar& tar, const std::string& archive) {
   tar.get_FailureCause(path, reason);
   // What is merely missing was named when it was left out.
   if (tar.get_OnlyLeftOut() && m_status == kNotAllDone) return;
+  // The component may not even have been asked.
+  if (reason.isEmpty() && m_status == kNotAllDone) return;
   problem(path.isEmpty() ? archive : path.str(), reason.isEmpty() ? "it failed" : reason.str());
 }
 

@@ -32,8 +32,9 @@ AppendOutput::AppendOutput(OsFile file, const std::string& path, long long at, u
 
 // What is buffered must have gone before the file is cut.
 AppendOutput::~AppendOutput() {
+  const long long end = m_at + m_held + m_rest->ftell64();
   m_rest.reset();
-  if (!m_isCommitted) takeBack();
+  if (!m_isCommitted) takeBack(end);
 }
 
 bool AppendOutput::_writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log) {
@@ -73,11 +74,22 @@ bool AppendOutput::fail(const char* message, LogBase& log) {
   return false;
 }
 
-// What is cut off and grown again reads as zeros, which is what was there. Only where the held bytes are in
-// doubt does it begin with them, because for a moment the file is without its end then.
-void AppendOutput::takeBack() {
+// Zeros are what was there. They are written, because a file that is cut off may not be allowed to grow
+// again; where writing fails that is tried all the same. The held bytes are touched only when they are in
+// doubt.
+void AppendOutput::takeBack(long long end) {
   const long long keeps = m_isFrontTouched ? m_at : m_at + m_held;
-  m_file.setLength(std::min(m_oldLength, keeps));
+  static constexpr char kZeros[16 * 1024] = {};
+  for (long long at = keeps; at < std::min(end, m_oldLength);) {
+    const auto n = static_cast<size_t>(std::min<long long>(sizeof kZeros, std::min(end, m_oldLength) - at));
+    const ssize_t written = m_file.writeSomeAt(kZeros, n, at);
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) {
+      m_file.setLength(std::min(m_oldLength, keeps));
+      break;
+    }
+    at += written;
+  }
   m_file.setLength(m_oldLength);
 }
 

@@ -36,7 +36,8 @@ class AppendOutput : public _mvOutput {
  private:
   bool writeHeld(LogBase& log);
   bool fail(const char* message, LogBase& log);
-  void takeBack();
+  // `end`: how far the new bytes may have come.
+  void takeBack(long long end);
 
   OsFile m_file;
   const std::string m_path;
