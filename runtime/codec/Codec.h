@@ -9,6 +9,7 @@
 
 namespace morvane {
 
+class AheadSource;
 class DataBuffer;
 class LogBase;
 class ProgressMonitor;
@@ -67,6 +68,9 @@ struct Codec {
   // bytes back.
   bool (*readHeader)(_mvDataSource& source, ProgressMonitor* pm, LogBase& log);
   Decode decode;
+  // The same with several threads, as ExpandAhead.h has it; null: that one serves.
+  bool (*decodeAhead)(AheadSource& ahead, _mvDataSource& heard, _mvOutput& out, const CodecOptions& options,
+                      ProgressMonitor* pm, LogBase& log);
 };
 
 // The row of a compression other than None. None has none and must not be asked for. The row lives as long as

@@ -1,5 +1,5 @@
 // bzip2 over libbzip2. Compressing makes one stream of 900,000-byte blocks, which is what the bzip2 command
-// writes by default. Decompressing reads every stream that follows, as that command does.
+// writes by default.
 #include "runtime/codec/MorvaneBzip2.h"
 
 #include <bzlib.h>
@@ -7,27 +7,15 @@
 #include <cstring>
 #include <new>
 
-#include "runtime/base/ScopeExit.h"
 #include "runtime/buffer/DataBuffer.h"
-#include "runtime/codec/InputWindow.h"
-#include "runtime/io/_mvOutput.h"
+#include "runtime/codec/Bzip2Streams.h"
+#include "runtime/log/LogBase.h"
 
 namespace morvane {
 
 namespace {
 
-constexpr char kNoMemoryToExpand[] = "Out of memory for bzip2 decompression.";
-
-// Why the library stopped, for what is neither an end nor the way on.
-const char* reasonOf(int state) {
-  if (state == BZ_DATA_ERROR_MAGIC) return "The data are no bzip2 data.";
-  return state == BZ_MEM_ERROR ? kNoMemoryToExpand : "The bzip2 data are damaged.";
-}
-
 constexpr unsigned kBuffer = 64 * 1024;
-// Bytes that decide whether a further stream begins.
-constexpr unsigned kSignature = 4;  // "BZh" and the block size
-
 bool fail(LogBase& log, const char* message) {
   log.LogError(message);
   return false;
@@ -119,73 +107,10 @@ bool MorvaneBzip2::EndCompress(DataBuffer& out, LogBase& log, ProgressMonitor*) 
   return ok || fail(log, kBzip2Failed);
 }
 
-// Decompression is a loop over pieces of input in which streams begin and end where they will. The library is
-// told of no limit: what comes out is handed on in pieces of 128 KiB, and the limits of a run are kept by
-// whoever takes them.
 bool MorvaneBzip2::DecompressStream(_mvDataSource& source, _mvOutput& out, LogBase& log,
                                     ProgressMonitor* pm) {
-  constexpr unsigned kOut = 2 * kBuffer;
-  const std::unique_ptr<char[]> buffer(new (std::nothrow) char[kOut]);
-  if (!buffer) return fail(log, kNoMemoryToExpand);
-  InputWindow input(source, pm, log);
-  bz_stream stream{};
-  bool inStream = false;
-  // The library's memory for a stream, several MB, goes with it; each way out of the loop ends the one that
-  // is open.
-  const auto endStream = [&] {
-    if (inStream) BZ2_bzDecompressEnd(&stream);
-    inStream = false;
-  };
-  const ScopeExit atExit(endStream);
-
-  // Until a stream has shown its signature, bytes behind the one before may also be something else.
-  unsigned long long streams = 0;
-  unsigned long long bytesOfStream = 0;
-  const char* bytes = nullptr;
-  unsigned left = 0;
-  while (true) {
-    if (left == 0 && !input.next(bytes, left)) return false;
-    if (left == 0) {
-      if (!inStream && streams > 0) return true;
-      if (inStream && streams > 0 && bytesOfStream < kSignature) break;
-      return fail(log, streams == 0 && bytesOfStream == 0 ? "There are no bzip2 data."
-                                                          : "The bzip2 data end before the stream does.");
-    }
-    // The library begins a stream before it has seen any of it; so it is begun for bytes that may turn out to
-    // be none.
-    if (!inStream) {
-      stream = bz_stream{};
-      if (BZ2_bzDecompressInit(&stream, 0, 0) != BZ_OK) return fail(log, kNoMemoryToExpand);
-      inStream = true;
-      bytesOfStream = 0;
-    }
-    stream.next_in = const_cast<char*>(bytes);
-    stream.avail_in = left;
-    stream.next_out = buffer.get();
-    stream.avail_out = kOut;
-    // It returns when the input is used up, the output is full or the stream has ended; each of them is an
-    // ordinary round.
-    const int state = BZ2_bzDecompress(&stream);
-    const unsigned used = left - stream.avail_in;
-    bytesOfStream += used;
-    bytes += used;
-    left = stream.avail_in;
-    // A wrong signature within its four bytes is no stream at all, and ignored like what bzip2 calls trailing
-    // garbage; a wrong one in the first stream, or anything wrong later, is damage.
-    if (state == BZ_DATA_ERROR_MAGIC && streams > 0 && bytesOfStream <= kSignature) break;
-    if (state != BZ_OK && state != BZ_STREAM_END) {
-      return fail(log, reasonOf(state));
-    }
-    // The library may have brought out nothing, while it gathers a block.
-    const unsigned produced = kOut - stream.avail_out;
-    if (produced > 0 && !out.writeBytesPM(buffer.get(), produced, pm, log)) return false;
-    if (state == BZ_STREAM_END) {
-      endStream();
-      ++streams;
-    }
-  }
-  log.LogInfo("Bytes behind the bzip2 data are ignored.");
-  return true;
+  LibBzip2Stream stream;
+  return expandBzip2Streams(stream, source, out, log, pm);
 }
 
 }  // namespace morvane

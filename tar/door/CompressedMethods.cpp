@@ -86,7 +86,7 @@ bool ClsTar::untarCompressed(_mvDataSource& source, ProgressEvent* progress, Dec
 // The codec from its table, within the limits and threads that the words ask for.
 bool ClsTar::expandInto(_mvOutput& sink, _mvDataSource& source, Compression compression, ProgressMonitor* pm,
                         LogBase& log) {
-  return expandArchive(codecOf(compression).decode, source, sink, m_options->codec, m_options->maxRatio,
+  return expandArchive(codecOf(compression), source, sink, m_options->codec, m_options->maxRatio,
                        Io(log, pm));
 }
 

@@ -72,7 +72,7 @@ bool ClsTar::memberToOutput(_mvDataSource& source, _mvOutput& out, ProgressEvent
     const Codec& codec = codecOf(*compression);
     const bool ended =
         (!codec.readHeader || codec.readHeader(source, pm, m_log)) &&
-        expandArchive(codec.decode, source, sink, m_options->codec, m_options->maxRatio, Io(m_log, pm));
+        expandArchive(codec, source, sink, m_options->codec, m_options->maxRatio, Io(m_log, pm));
     found = stream.memberIsComplete();
     // A stream that ended well without the member is no damage; the run's own failure is.
     if (!found && (!ended || !stream.FinishStreamingUntar(pm, m_log))) return false;
