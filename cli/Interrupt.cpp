@@ -8,6 +8,7 @@
 #include <csignal>
 #include <ctime>
 #include <initializer_list>
+#include <string_view>
 
 namespace mvtar {
 
@@ -30,12 +31,14 @@ void onInterrupt(int signal) {
 }
 
 // Put together beforehand: a handler must not allocate.
-std::string g_lastLine = "mvtar: interrupted, and ended in the midst of it\n";
+// The first text is a literal, because before main there is nobody to tell that memory ran out.
+std::string g_lastLine;
+std::string_view g_lastText = "mvtar: interrupted, and ended in the midst of it\n";
 
 // Only what may be called from a handler. 128 and the signal's number is what a shell makes of a process that
 // a signal ended.
 void endAtOnce(int signal) {
-  const ssize_t written = write(STDERR_FILENO, g_lastLine.data(), g_lastLine.size());
+  const ssize_t written = write(STDERR_FILENO, g_lastText.data(), g_lastText.size());
   (void)written;
   _exit(128 + signal);
 }
@@ -80,6 +83,7 @@ void catchInterrupts() {
 // An interrupt that came just before is not lost.
 void endOnInterrupt(const std::string& line) {
   g_lastLine = line + "\n";
+  g_lastText = g_lastLine;
   handleInterrupts(endAtOnce);
   if (isInterrupted()) endAtOnce(g_signal);
 }

@@ -3,6 +3,7 @@
 
 #include "ArchiveSupport.h"
 #include "runtime/codec/Codec.h"
+#include "runtime/io/AheadSource.h"
 #include "runtime/io/BufferedDataSource.h"
 #include "runtime/io/Io.h"
 #include "runtime/io/OutputDataBuffer.h"
@@ -276,6 +277,67 @@ TEST(ParallelDecoders, DamageIsToldAsByOneThread) {
       flipped[at] = static_cast<char>(flipped[at] ^ (1 << random() % 8));
       expectSame(packed, flipped, {}, 4, "flipped at " + std::to_string(at));
     }
+  }
+}
+
+// Every piece that comes out, in its size; fails at the n-th.
+struct Pieces : _mvOutput {
+  bool _writeBytes(const char* bytes, unsigned int n, _mvIoParams&, LogBase&) override {
+    all.append(bytes, n);
+    sizes.push_back(n);
+    return sizes.size() != failAt;
+  }
+  std::string all;
+  std::vector<unsigned> sizes;
+  size_t failAt = 0;
+};
+
+void expectSameBzip2(const std::string& packed, const std::string& what, size_t failAt = 0) {
+  Pieces one, more;
+  one.failAt = more.failAt = failAt;
+  _mvLogger oneLog, moreLog;
+  const Codec& codec = codecOf(Compression::Bzip2);
+  CodecOptions options;
+  options.threads = 3;
+  _mvMemoryDataSource source, memory;
+  for (_mvMemoryDataSource* each : {&source, &memory})
+    each->initializeMemSource(reinterpret_cast<const unsigned char*>(packed.data()),
+                              static_cast<unsigned>(packed.size()));
+  const bool oneOk = codec.decode(source, one, options, Io(oneLog));
+  AheadSource ahead(memory, nullptr, moreLog);
+  const bool moreOk = codec.decodeAhead(ahead, ahead, more, options, Io(moreLog));
+  ASSERT_EQ(oneOk, moreOk) << what << moreLog.text();
+  ASSERT_EQ(oneLog.text(), moreLog.text()) << what;
+  ASSERT_TRUE(!oneOk || one.sizes == more.sizes) << what;
+  ASSERT_TRUE(one.all == more.all) << what << ", " << one.all.size() << " and " << more.all.size()
+                                   << " bytes";
+}
+
+// Small blocks, of which many are damaged, are cut, or hold what looks like the beginning of another.
+TEST(ParallelDecoders, Bzip2BlocksAreWhatTheyAre) {
+  ScratchDir dir;
+  writeFile(dir / "plain",
+            noise(250'000, 3) + contents(500'000) + std::string(6'000'000, 'z') + noise(90'000, 4));
+  must(
+      dir,
+      "bzip2 -1 -k plain && bzip2 -c plain > nine; (cat plain.bz2; bzip2 -c < /dev/null; cat nine) > joined");
+  const std::string one = readFile(dir / "plain.bz2"), joined = readFile(dir / "joined");
+  ASSERT_TRUE(one.size() > 300'000 && joined.size() > 2 * one.size() - 100'000);
+  for (const std::string& whole : {one, joined, joined + "garbage", one + one, one + "BZh9", "BZh9"s, ""s})
+    expectSameBzip2(whole, "whole");
+  for (const size_t failAt : {1u, 2u, 5u}) expectSameBzip2(joined, "refused", failAt);
+  const std::string mark = "\x31\x41\x59\x26\x53\x59", end = "\x17\x72\x45\x38\x50\x90";
+  std::mt19937 random(11);
+  for (int i = 0; i < 100; ++i) {
+    const std::string& whole = i % 4 ? one : joined;
+    std::string damaged = whole;
+    const size_t at = i < 24 ? whole.size() - 1 - static_cast<size_t>(i) : random() % whole.size();
+    const int kind = i % 5;
+    if (kind == 0) damaged.resize(at);
+    if (kind == 1 || kind == 2) damaged[at] = static_cast<char>(damaged[at] ^ (1 << random() % 8));
+    if (kind == 3) damaged.replace(std::min(at, whole.size() - 20), 6, random() % 2 ? mark : end);
+    if (kind == 4) damaged.insert(at, random() % 2 ? "BZh1" + mark : noise(1 + random() % 40, 5));
+    expectSameBzip2(damaged, "damaged " + std::to_string(i) + " at " + std::to_string(at));
   }
 }
 

@@ -8,6 +8,7 @@
 
 #include "runtime/buffer/DataBuffer.h"
 #include "runtime/codec/Bzip2Blocks.h"
+#include "runtime/codec/Bzip2Foresight.h"
 #include "runtime/codec/GzipBlocks.h"
 #include "runtime/codec/GzipFormat.h"
 #include "runtime/codec/GzipMembers.h"
@@ -147,11 +148,13 @@ bool decodeCompress(_mvDataSource& source, _mvOutput& out, const CodecOptions&, 
 // One row each. The signatures exclude one another, so that the order does not matter. A null encoder marks
 // what is only read: old .Z archives are still met, new ones nobody asks for.
 constexpr Codec kCodecs[] = {
-    {Compression::Gzip, "gzip", ".tar.gz .tgz", isGzip, makeGzip, readGzipHeader, inflateGzipMembers},
-    {Compression::Bzip2, "bzip2", ".tar.bz2 .tbz .tbz2", isBzip2, makeBzip2, nullptr, decodeBzip2},
-    {Compression::Compress, "compress", ".tar.Z", isCompress, nullptr, nullptr, decodeCompress},
-    {Compression::Zstd, "zstd", ".tar.zst .tzst", isZstd, makeZstdEncoder, nullptr, decodeZstd},
-    {Compression::Xz, "xz", ".tar.xz .txz", isXz, makeXzEncoder, nullptr, decodeXz},
+    {Compression::Gzip, "gzip", ".tar.gz .tgz", isGzip, makeGzip, readGzipHeader, inflateGzipMembers,
+     nullptr},
+    {Compression::Bzip2, "bzip2", ".tar.bz2 .tbz .tbz2", isBzip2, makeBzip2, nullptr, decodeBzip2,
+     expandBzip2Ahead},
+    {Compression::Compress, "compress", ".tar.Z", isCompress, nullptr, nullptr, decodeCompress, nullptr},
+    {Compression::Zstd, "zstd", ".tar.zst .tzst", isZstd, makeZstdEncoder, nullptr, decodeZstd, nullptr},
+    {Compression::Xz, "xz", ".tar.xz .txz", isXz, makeXzEncoder, nullptr, decodeXz, nullptr},
 };
 
 // Whether the path ends in one of the suffixes, which blanks separate. Case counts, as it does for the files

@@ -9,6 +9,7 @@
 
 namespace morvane {
 
+class AheadSource;
 class DataBuffer;
 class _mvDataSource;
 class _mvOutput;
@@ -64,6 +65,9 @@ struct Codec {
   // bytes back.
   bool (*readHeader)(_mvDataSource& source, const Io& io);
   Decode decode;
+  // The same with several threads, as ExpandAhead.h has it; null: that one serves.
+  bool (*decodeAhead)(AheadSource& ahead, _mvDataSource& heard, _mvOutput& out, const CodecOptions& options,
+                      const Io& io);
 };
 
 // The row of a compression other than None. None has none and must not be asked for. The row lives as long as

@@ -1,5 +1,5 @@
 // bzip2 over libbzip2. Compressing makes one stream of 900,000-byte blocks, which is what the bzip2 command
-// writes by default. Decompressing reads every stream that follows, as that command does.
+// writes by default.
 #include "runtime/codec/MorvaneBzip2.h"
 
 #include <bzlib.h>
@@ -8,25 +8,14 @@
 #include <new>
 
 #include "runtime/buffer/DataBuffer.h"
-#include "runtime/codec/InputWindow.h"
+#include "runtime/codec/Bzip2Streams.h"
 #include "runtime/io/Io.h"
-#include "runtime/io/_mvOutput.h"
 
 namespace morvane {
 
 namespace {
 
-constexpr char kNoMemoryToExpand[] = "Out of memory for bzip2 decompression.";
-
-// Why the library stopped, for what is neither an end nor the way on.
-const char* reasonOf(int state) {
-  if (state == BZ_DATA_ERROR_MAGIC) return "The data are no bzip2 data.";
-  return state == BZ_MEM_ERROR ? kNoMemoryToExpand : "The bzip2 data are damaged.";
-}
-
 constexpr unsigned kBuffer = 64 * 1024;
-// Bytes that decide whether a further stream begins.
-constexpr unsigned kSignature = 4;  // "BZh" and the block size
 
 }  // namespace
 
@@ -114,90 +103,10 @@ bool MorvaneBzip2::EndCompress(DataBuffer& out, LogBase& log, ProgressMonitor* p
   return ok || Io(log, pm).fail(kBzip2Failed);
 }
 
-namespace {
-
-// Streams of one source, one behind the other. The library's memory for a stream, several MB, goes with it;
-// each way out ends the one that is open.
-struct Expander {
-  ~Expander() { end(); }
-
-  void end() {
-    if (inStream) BZ2_bzDecompressEnd(&stream);
-    inStream = false;
-  }
-
-  // The library begins a stream before it has seen any of it; so it is begun for bytes that may turn out to
-  // be none.
-  bool begin() {
-    if (inStream) return true;
-    stream = bz_stream{};
-    bytesOfStream = 0;
-    inStream = BZ2_bzDecompressInit(&stream, 0, 0) == BZ_OK;
-    return inStream;
-  }
-
-  // It returns when the input is used up, the output is full or the stream has ended; each of them is an
-  // ordinary round. The library may have brought out nothing, while it gathers a block.
-  int run(const char*& bytes, unsigned& left, char* to, unsigned room, unsigned& produced) {
-    stream.next_in = const_cast<char*>(bytes);
-    stream.avail_in = left;
-    stream.next_out = to;
-    stream.avail_out = room;
-    const int state = BZ2_bzDecompress(&stream);
-    const unsigned used = left - stream.avail_in;
-    bytesOfStream += used;
-    bytes += used;
-    left = stream.avail_in;
-    produced = room - stream.avail_out;
-    return state;
-  }
-
-  bz_stream stream{};
-  bool inStream = false;
-  unsigned long long streams = 0;        // that have ended
-  unsigned long long bytesOfStream = 0;  // of the last one that was begun
-};
-
-}  // namespace
-
-// Decompression is a loop over pieces of input in which streams begin and end where they will. The library is
-// told of no limit: what comes out is handed on in pieces of 128 KiB, and the limits of a run are kept by
-// whoever takes them. Until a stream has shown its signature, bytes behind the one before may also be
-// something else.
 bool MorvaneBzip2::DecompressStream(_mvDataSource& source, _mvOutput& out, LogBase& log,
                                     ProgressMonitor* pm) {
-  constexpr unsigned kOut = 2 * kBuffer;
-  const Io io(log, pm);
-  const std::unique_ptr<char[]> buffer(new (std::nothrow) char[kOut]);
-  if (!buffer) return io.fail(kNoMemoryToExpand);
-  InputWindow input(source, io);
-  Expander expander;
-  const char* bytes = nullptr;
-  unsigned left = 0;
-  while (true) {
-    if (left == 0 && !input.next(bytes, left)) return false;
-    if (left == 0) {
-      if (!expander.inStream && expander.streams > 0) return true;
-      if (expander.inStream && expander.streams > 0 && expander.bytesOfStream < kSignature) break;
-      return io.fail(expander.streams == 0 && expander.bytesOfStream == 0
-                         ? "There are no bzip2 data."
-                         : "The bzip2 data end before the stream does.");
-    }
-    if (!expander.begin()) return io.fail(kNoMemoryToExpand);
-    unsigned produced = 0;
-    const int state = expander.run(bytes, left, buffer.get(), kOut, produced);
-    // A wrong signature within its four bytes is no stream at all, and ignored like what bzip2 calls trailing
-    // garbage; a wrong one in the first stream, or anything wrong later, is damage.
-    if (state == BZ_DATA_ERROR_MAGIC && expander.streams > 0 && expander.bytesOfStream <= kSignature) break;
-    if (state != BZ_OK && state != BZ_STREAM_END) return io.fail(reasonOf(state));
-    if (produced > 0 && !out.writeBytesPM(buffer.get(), produced, pm, log)) return false;
-    if (state == BZ_STREAM_END) {
-      expander.end();
-      ++expander.streams;
-    }
-  }
-  log.LogInfo("Bytes behind the bzip2 data are ignored.");
-  return true;
+  LibBzip2Stream stream;
+  return expandBzip2Streams(stream, source, out, Io(log, pm));
 }
 
 }  // namespace morvane

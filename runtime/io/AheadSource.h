@@ -42,6 +42,10 @@ class AheadSource : public _mvDataSource {
   // Reads the source once more; null behind the last piece. What fails is kept in the piece and comes up when
   // that is handed out. An event is asked only where a signal breaks a wait.
   PiecePtr fetch();
+  // Whether the next bytes that are handed out have to be fetched first.
+  bool isDrained() const {
+    return m_pieces.empty() || (m_pieces.size() == 1 && m_at == m_pieces[0]->size && !m_pieces[0]->isLast());
+  }
   // Whether fetch would not wait, and not hold more than `most` bytes that were not handed out.
   bool mayFetch(long long most);
   // Bytes that were fetched and not handed out go back to the source where it has positions.

@@ -114,7 +114,7 @@ bool ClsTar::Inner::untarChecked(_mvDataSource& source, Compression expected, bo
     options.verifyGzip = options.gzipAllMembers = true;
     const Codec& codec = codecOf(*found);
     const bool expanded = (!codec.readHeader || codec.readHeader(source, io)) &&
-                          expandArchive(codec.decode, source, sink, options, m_options.maxRatio, io);
+                          expandArchive(codec, source, sink, options, m_options.maxRatio, io);
     ok = stream.FinishStreamingUntar(io.monitor, m_log) && expanded;
     m_onlyLeftOut = expanded && stream.onlyLeftOut();
   }

@@ -87,7 +87,7 @@ bool ClsTar::Inner::untarCompressed(_mvDataSource& source, ProgressEvent* progre
 // The codec from its table, within the limits and threads that the words ask for.
 bool ClsTar::Inner::expandInto(_mvOutput& sink, _mvDataSource& source, Compression compression,
                                const Io& io) {
-  return expandArchive(codecOf(compression).decode, source, sink, m_options.codec, m_options.maxRatio, io);
+  return expandArchive(codecOf(compression), source, sink, m_options.codec, m_options.maxRatio, io);
 }
 
 // Begins a streaming run over the archive that is being read.

@@ -80,7 +80,7 @@ bool ClsTar::Inner::membersToOutput(_mvDataSource& source, _mvOutput& out, bool 
     StreamSink sink(stream, firstAlone ? StreamSink::Until::Member : StreamSink::Until::End);
     const Codec& codec = codecOf(*compression);
     const bool ended = (!codec.readHeader || codec.readHeader(source, io)) &&
-                       expandArchive(codec.decode, source, sink, m_options.codec, m_options.maxRatio, io);
+                       expandArchive(codec, source, sink, m_options.codec, m_options.maxRatio, io);
     found = stream.completeMembers() > 0;
     // A stream that ended well without a member is no damage; the run's own failure is, but behind the one
     // member that was wanted.

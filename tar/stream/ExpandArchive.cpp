@@ -23,17 +23,18 @@ bool isWorthThread(_mvDataSource& source) {
 }  // namespace
 
 // A source of unknown size is taken for a large one.
-bool expandArchive(Decode decode, _mvDataSource& source, _mvOutput& out, const CodecOptions& options,
+bool expandArchive(const Codec& codec, _mvDataSource& source, _mvOutput& out, const CodecOptions& options,
                    long long maxRatio, const Io& io) {
   if (options.threads == 1 || workerCount(options.threads) == 0 || !isWorthThread(source)) {
     MeteredSource metered(source);
     RatioLimit limited(out, metered, maxRatio);
-    return decode(metered, limited, options, io);
+    return codec.decode(metered, limited, options, io);
   }
   AheadSource ahead(source, io.monitor, io.log);
   MeteredSource metered(ahead);
   RatioLimit limited(out, metered, maxRatio);
-  const bool ok = expandAhead(decode, ahead, metered, limited, options, io);
+  const bool ok = codec.decodeAhead ? codec.decodeAhead(ahead, metered, limited, options, io)
+                                    : expandAhead(codec.decode, ahead, metered, limited, options, io);
   ahead.giveBack();
   return ok;
 }

@@ -8,10 +8,10 @@ namespace morvane {
 
 struct Io;
 
-// `source` stands where the decoder begins. The output is the engine's, and is used by the calling thread
+// `source` stands behind the codec's header. The output is the engine's, and is used by the calling thread
 // alone, as the source is. False, with the reason in the log, when the data are damaged or the output refuses
 // a piece.
-bool expandArchive(Decode decode, _mvDataSource& source, _mvOutput& out, const CodecOptions& options,
+bool expandArchive(const Codec& codec, _mvDataSource& source, _mvOutput& out, const CodecOptions& options,
                    long long maxRatio, const Io& io);
 
 }  // namespace morvane
