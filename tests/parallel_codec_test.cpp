@@ -1,6 +1,8 @@
 // Compressions with several threads: the bytes, the events and the log against those of one.
 #include <unistd.h>
 
+#include <thread>
+
 #include "ArchiveSupport.h"
 #include "runtime/codec/Codec.h"
 #include "runtime/io/AheadSource.h"
@@ -127,6 +129,22 @@ struct Heard : ProgressEvent {
   int threads = 0;  // the most that the process had meanwhile
 };
 
+// An application's source is read when one thread would read it: whoever feeds it may wait for what it
+// brought about.
+class NotingSource : public TricklingSource {
+ public:
+  NotingSource(const std::string& bytes, unsigned most, Heard* heard)
+      : TricklingSource(bytes, most), m_heard(heard) {}
+  bool readSourcePM(char* buffer, unsigned int n, unsigned int& numRead, ProgressMonitor* pm,
+                    LogBase& log) override {
+    if (m_heard) m_heard->all.push_back("read");
+    return TricklingSource::readSourcePM(buffer, n, numRead, pm, log);
+  }
+
+ private:
+  Heard* const m_heard;
+};
+
 struct Outcome {
   bool ok = false;
   int threads = 0;  // not compared
@@ -148,6 +166,7 @@ struct ReadCase {
   std::string words = "Profile=usual,Restore=off";
   int abortAt = 0, throwAt = 0;
   unsigned trickle = 0;  // bytes that a source of the application's gives at a time; 0: a file
+  bool notesReads = false;
 };
 
 Outcome readWith(long long threads, const std::string& bytes, const ReadCase& each,
@@ -161,7 +180,7 @@ Outcome readWith(long long threads, const std::string& bytes, const ReadCase& ea
   heard.throwAt = each.throwAt;
   Outcome outcome;
   if (each.trickle > 0) {
-    TricklingSource source(bytes, each.trickle);
+    NotingSource source(bytes, each.trickle, each.notesReads ? &heard : nullptr);
     outcome.ok = (tar.*method)(source, &heard);
   } else {
     writeFile(dir / "archive", bytes);
@@ -243,6 +262,7 @@ void expectSame(const Packed& packed, const std::string& bytes, const ReadCase& 
 
 TEST(ParallelDecoders, HearAndSayWhatOneThreadDoes) {
   ScratchDir dir;
+  std::thread([] {}).join();  // a sanitizer makes one of its own with the first
   const int threadsBefore = threadsOfProcess();
   for (const Packed& packed : packedArchives(dir)) {
     ASSERT_GE(packed.bytes.size(), 300'000u) << packed.name;
@@ -251,7 +271,9 @@ TEST(ParallelDecoders, HearAndSayWhatOneThreadDoes) {
     EXPECT_GT(whole.threads, threadsBefore) << packed.name << " was worth a thread";
     for (const long long threads : {2, 4, 8}) expectSame(packed, packed.bytes, {}, threads, "");
     expectSame(packed, packed.bytes, {"", 0, 0, 0}, 2, "no words");
-    expectSame(packed, packed.bytes, {"", 0, 0, 1000}, 2, "trickling");
+    // For bzip2 the mark behind a block has to be seen.
+    const bool isBzip2 = has(packed.name, "bzip2") || has(packed.name, "streams");
+    expectSame(packed, packed.bytes, {"", 0, 0, 10'000, !isBzip2}, 2, "trickling");
     expectSame(packed, packed.bytes, {"MaxRatio=3,Restore=mode", 0, 0, 0}, 2, "ratio");
     expectSame(packed, packed.bytes, {"MaxMembers=40", 0, 0, 0}, 4, "members");
     const int events = static_cast<int>(whole.events.size());

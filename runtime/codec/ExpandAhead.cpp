@@ -9,23 +9,21 @@
 #include <cstring>
 #include <deque>
 #include <mutex>
-#include <system_error>
-#include <thread>
 #include <vector>
 
 #include "runtime/io/AheadSource.h"
 #include "runtime/io/Io.h"
 #include "runtime/io/_mvOutput.h"
-#include "runtime/parallel/SignalsBlocked.h"
+#include "runtime/parallel/WorkerThread.h"
 
 namespace morvane {
 
 namespace {
 
 // How far the worker may be ahead, and what may be read for it.
-constexpr size_t kMostProduced = 4 * 1024 * 1024;
+constexpr size_t kMostProduced = 2 * 1024 * 1024;
 constexpr size_t kMostSteps = 1024;
-constexpr long long kMostRead = 4 * 1024 * 1024;
+constexpr long long kMostRead = 1024 * 1024;
 // Pieces that lie ready for the worker, so that it need not wait for the first thread.
 constexpr size_t kPiecesReady = 2;
 
@@ -61,10 +59,10 @@ class Script {
   // Null once nobody wants any more.
   AheadSource::PiecePtr nextPiece() {
     std::unique_lock<std::mutex> lock(m_mutex);
-    m_isStarved = m_pieces.empty();
-    if (m_isStarved) m_somethingCame.notify_one();
+    m_isWaiting = true;
+    if (m_pieces.empty()) m_somethingCame.notify_one();
     m_pieceCame.wait(lock, [&] { return m_stop || !m_pieces.empty(); });
-    m_isStarved = false;
+    m_isWaiting = false;
     if (m_stop) return nullptr;
     AheadSource::PiecePtr piece = std::move(m_pieces.front());
     m_pieces.pop_front();
@@ -99,7 +97,8 @@ class Script {
   // False when the worker has nothing to do before it is given another piece.
   bool take(Step& step) {
     std::unique_lock<std::mutex> lock(m_mutex);
-    m_somethingCame.wait(lock, [&] { return !m_steps.empty() || m_isStarved || m_hasEnded; });
+    m_somethingCame.wait(lock,
+                         [&] { return !m_steps.empty() || (m_isWaiting && m_pieces.empty()) || m_hasEnded; });
     if (m_steps.empty()) {
       step = Step();
       return m_hasEnded;
@@ -134,13 +133,14 @@ class Script {
   std::mutex m_mutex;
   // The worker waits for one of these two: room for a step, a piece to read. The end sets off both.
   std::condition_variable m_roomCame, m_pieceCame;
-  // A step, or that the worker is starved: for the first thread.
+  // A step, or that the worker waits for a piece that is not there: for the first thread.
   std::condition_variable m_somethingCame;
   std::deque<Step> m_steps;
   size_t m_produced = 0;  // bytes in them
   std::deque<AheadSource::PiecePtr> m_pieces;
   std::vector<std::vector<char>> m_buffers;  // as many as ever were in use at a time
-  bool m_isStarved = false;
+  // The worker waits for a piece, or has not woken since there is one.
+  bool m_isWaiting = false;
   bool m_stop = false;
   bool m_hasEnded = false, m_ok = false;
   std::exception_ptr m_thrown;
@@ -226,20 +226,14 @@ class Worker {
       : m_decode(decode), m_options(options), m_recorder(m_script, like) {}
   ~Worker() {
     m_script.stop();
-    if (m_thread.joinable()) m_thread.join();
+    m_thread.join();
   }
   Worker(const Worker&) = delete;
   Worker& operator=(const Worker&) = delete;
 
   // False where there is no thread to be had.
   bool start() {
-    const SignalsBlocked signalsBlocked;
-    try {
-      m_thread = std::thread([this] { run(); });
-      return true;
-    } catch (const std::system_error&) {
-      return false;
-    }
+    return m_thread.start([this] { run(); });
   }
   Script& script() { return m_script; }
   bool end(LogBase& log) {
@@ -264,7 +258,7 @@ class Worker {
   const CodecOptions m_options;
   Script m_script;
   Recorder m_recorder;
-  std::thread m_thread;
+  WorkerThread m_thread;
 };
 
 // Does again what the worker did. False ends the run.

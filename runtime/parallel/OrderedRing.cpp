@@ -7,9 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <system_error>
-
-#include "runtime/parallel/SignalsBlocked.h"
+#include <new>
 
 namespace morvane {
 
@@ -45,17 +43,16 @@ OrderedRing::~OrderedRing() {
     m_stop = true;
   }
   m_workCame.notify_all();
-  for (std::thread& worker : m_workers) worker.join();
+  for (WorkerThread& worker : m_workers) worker.join();
 }
 
 // Fewer threads than wanted, or none, are no failure: the system may have no more to give, or forbid them.
 void OrderedRing::startWorkers() {
   m_startTried = true;
-  const SignalsBlocked signalsBlocked;
   try {
-    m_workers.reserve(m_workersWanted);
-    while (m_workers.size() < m_workersWanted) m_workers.emplace_back([this] { workUntilStopped(); });
-  } catch (const std::system_error&) {
+    while (m_workers.size() < m_workersWanted) {
+      if (!m_workers.emplace_back().start([this] { workUntilStopped(); })) return;
+    }
   } catch (const std::bad_alloc&) {
   }
 }

@@ -20,11 +20,13 @@
 
 #include <condition_variable>
 #include <cstddef>
+#include <deque>
 #include <exception>
 #include <memory>
 #include <mutex>
-#include <thread>
 #include <vector>
+
+#include "runtime/parallel/WorkerThread.h"
 
 namespace morvane {
 
@@ -104,7 +106,7 @@ class OrderedRing {
   unsigned m_idle = 0;
   bool m_stop = false;
   // Of the first thread alone. Last, because nothing here may go before the workers have.
-  std::vector<std::thread> m_workers;
+  std::deque<WorkerThread> m_workers;
 };
 
 // A ring with jobs of its own, used again and again, so that they keep their buffers. `JobType` derives from
