@@ -65,6 +65,10 @@ ConfinedDir::Result ConfinedDir::createFile(const std::string& path, unsigned mo
   });
 }
 
+int ConfinedDir::createNew(const std::string& path, unsigned mode) {
+  return createBeneath(path, kNewFile, mode);
+}
+
 // Opens what has just been made. In a directory that somebody else may write, another thing may have come in
 // its place, and nothing must be set of that: it has to be of the kind that was made, the process's own, and
 // without another name.

@@ -29,6 +29,10 @@ class ConfinedDir : public ConfinedWalk {
   // Makes an empty file for writing. `file` is open for writing only, and the caller's. A link or file of
   // that name is replaced, never written through.
   Result createFile(const std::string& path, unsigned mode, OsFile& file, LogBase& log);
+  // Makes one where its parents are there and nothing is in the way: a descriptor, or -1 for anything else.
+  // Logs nothing and may be called by several threads at a time, for paths that `mayBeMade`.
+  int createNew(const std::string& path, unsigned mode);
+  bool mayBeMade(const std::string& path) { return isConfinable(path); }
   // Makes a directory. A directory that is there stays; so does a link to one inside the target where links
   // are allowed. `made` tells which it is, and whether it is new; it is left alone for the target itself.
   struct MadeDirectory {

@@ -67,6 +67,7 @@ Outcome MemberPlacer::makeDirectory(const Member& member, const Io& io) {
     // Parents first, so that a directory made on the way to an earlier member counts as the run's own.
     m_restorer.noteParents(m_target.confined()->takeNewParents());
     m_restorer.noteDirectory(made, member, m_path.entryPath().str());
+    noteOwnDirectory(made);
   }
   return outcome;
 }
@@ -291,6 +292,8 @@ void MemberPlacer::finish(const Io& io) {
 // run ends in an exception.
 void MemberPlacer::finishQuietly() noexcept {
   try {
+    if (m_behind) m_behind->waitForAll();
+    m_behind.reset();
     LogNull unwanted;
     finishTarget(Io(unwanted));
   } catch (...) {  // out of memory: there is nothing more that could be done

@@ -23,6 +23,7 @@
 #include "tar/place/MetadataRestorer.h"
 #include "tar/place/RunLimits.h"
 #include "tar/place/SettleFile.h"
+#include "tar/place/WriteBehind.h"
 #include "tar/settings/LiveSettings.h"
 
 namespace morvane {
@@ -119,6 +120,35 @@ class MemberPlacer {
   // Takes note of how the member's file ended. False when that ends the run; the reason is in the log.
   [[nodiscard]] bool noteEnd(const FileEnd& end, const Io& io);
 
+  // ---- Writing behind (the word Threads). A run that allows it asks before each member whether to wait,
+  // does what workers could not do, and hands over what may be handed over.
+
+  // Behind beginRun.
+  void beginBehind(const Io& io);
+  // Whether everything under way must be done before this member is made.
+  bool hasToWait(const Member& member);
+  // The file that the member is, to be filled with its data and submitted; null where it is to be placed as
+  // usual.
+  WriteBehind::File* fileBehind(const Member& member);
+  void submitBehind();
+  // See WriteBehind; null where nothing is written behind.
+  WriteBehind::File* nextUndone(bool waitsForAll) {
+    return m_behind ? m_behind->nextUndone(waitsForAll) : nullptr;
+  }
+  // Places such a file in the ordinary way. The path is then its own: whoever has another one to go on with
+  // keeps it meanwhile.
+  Placed placeAgain(const WriteBehind::File& file, const Io& io);
+  struct Current {
+    std::string path;
+    bool isRenamed, linkIsGiven;
+  };
+  Current current() const { return {m_path.entryPath().str(), m_isRenamed, m_linkIsGiven}; }
+  void goBackTo(const Current& current) {
+    m_path.rename(current.path, settings());
+    m_isRenamed = current.isRenamed;
+    m_linkIsGiven = current.linkIsGiven;
+  }
+
   // Of the member that was set last; good until the next one.
   const MemberPath& path() const { return m_path; }
   MemberPath& path() { return m_path; }
@@ -151,6 +181,8 @@ class MemberPlacer {
   const KeptParts& restored() const { return m_restorer.parts(); }
   bool isKeptAsNewer(const Member& member, const Io& io);
   bool goesOnWithout(ExtractTarget::Outcome outcome) const;
+  bool mayGoBehind(const Member& member, const std::string& path);
+  void noteOwnDirectory(const ConfinedDir::MadeDirectory& made);
 
   // The engine's own, and what it differs in.
   LiveSettings<ReadSettings>& m_live;
@@ -162,6 +194,7 @@ class MemberPlacer {
   RunLimits m_limits;
   MetadataRestorer m_restorer;
   LinkTable m_links;
+  std::unique_ptr<WriteBehind> m_behind;  // null: everything is written in its turn. Gone before m_target
   // Of the current member.
   TarMember m_shown;                                // as the event may change it
   bool m_isRenamed = false, m_linkIsGiven = false;  // the event changed its path / where it leads

@@ -162,11 +162,32 @@ bool MetadataRestorer::setAccessList(int fd, const char* name, const std::string
 }
 
 // An access time that the archive does not have stays what extraction made it.
-void MetadataRestorer::setTimes(int fd, const Member& member, const XString& entryPath, const Io& io) {
+timespec MetadataRestorer::accessTimeOf(const Member& member) {
   timespec access{};
   access.tv_nsec = UTIME_OMIT;
-  if (member.atime.known) access = member.atime.fileTime().toTimespec();
-  const int error = FileMetadata::setTimes(fd, access, member.mtime.fileTime().toTimespec());
+  return member.atime.known ? member.atime.fileTime().toTimespec() : access;
+}
+
+bool MetadataRestorer::plan(const Member& member, FileSettlement& settlement) {
+  const bool hasMore = !member.attributes.empty() || !member.accessList.empty();
+  const bool hasSetId = (member.mode & FileMetadata::kSetIds) != 0;
+  if (((m_parts.xattr || m_parts.all) && hasMore) || (m_parts.fullMode && hasSetId)) return false;
+  settlement = FileSettlement();
+  settlement.setsOwner = m_parts.owner;
+  settlement.uid = uidOf(member);
+  settlement.gid = gidOf(member);
+  if (m_parts.owner && (settlement.uid == kNoId || settlement.gid == kNoId)) return false;
+  settlement.setsMode = m_parts.mode && !wasMadeWithItsMode(member);
+  settlement.mode = member.mode & FileMetadata::kAllBits;
+  if (!m_parts.fullMode) settlement.mode &= FileMetadata::kPermissions & ~m_umask;
+  settlement.setsTimes = m_parts.time;
+  settlement.access = accessTimeOf(member);
+  settlement.modification = member.mtime.fileTime().toTimespec();
+  return true;
+}
+
+void MetadataRestorer::setTimes(int fd, const Member& member, const XString& entryPath, const Io& io) {
+  const int error = FileMetadata::setTimes(fd, accessTimeOf(member), member.mtime.fileTime().toTimespec());
   if (error != 0) m_notKept.note(NotKept::Kind::Times, entryPath, error, io);
 }
 

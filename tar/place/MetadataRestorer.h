@@ -14,6 +14,7 @@
 #include "runtime/fs/FileMetadata.h"
 #include "runtime/fs/UserDatabase.h"
 #include "tar/format/Member.h"
+#include "tar/place/FileSettlement.h"
 #include "tar/place/NotKept.h"
 #include "tar/settings/TarOptions.h"
 
@@ -34,6 +35,9 @@ class MetadataRestorer {
   // The mode to make a directory with, until it is settled.
   unsigned directoryModeToMake() const { return m_parts.mode ? 0700 : 0777; }
 
+  // The same for an ordinary file, to be set by whoever closes it. False where it is more than that:
+  // attributes, set-id bits, an owner that is none. Behind modeToMake of the same member.
+  bool plan(const Member& member, FileSettlement& settlement);
   // Sets everything of a file, link or special file that is open as `fd`. `entryPath` is for messages. Of a
   // directory, the descriptor must be an ordinary one; a link's may be O_PATH.
   void settle(int fd, const Member& member, const XString& entryPath, const Io& io);
@@ -75,6 +79,7 @@ class MetadataRestorer {
   bool setAccessList(int fd, const char* name, const std::string& text, const XString& entryPath,
                      const Io& io);
   void setTimes(int fd, const Member& member, const XString& entryPath, const Io& io);
+  static timespec accessTimeOf(const Member& member);
   // Of this system, by name or number.
   unsigned uidOf(const Member& member);
   unsigned gidOf(const Member& member);

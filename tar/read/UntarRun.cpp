@@ -10,7 +10,9 @@
 #include "runtime/base/ScopeExit.h"
 #include "runtime/buffer/DataBuffer.h"
 #include "runtime/io/ForwardingOutput.h"
+#include "runtime/io/OutputDataBuffer.h"
 #include "runtime/io/_mvDataSource.h"
+#include "runtime/io/_mvMemoryDataSource.h"
 #include "runtime/log/LogContextExitor.h"
 #include "tar/format/TarBlock.h"
 #include "tar/format/XmlEntry.h"
@@ -69,6 +71,7 @@ int UntarRun::run() {
 
   // Here, so that a run that failed before has touched nothing of the target.
   m_placer.beginRun();
+  if (m_aim == MemberPlacer::Aim::Extract) m_placer.beginBehind(m_io);
   Step step = Step::GoOn;
   {
     // An exception from a callback ends the run like any failure: the listing is closed, and what was made is
@@ -82,6 +85,8 @@ int UntarRun::run() {
       step = nextEntry();
     }
   }
+  // What was chosen before a failure is made all the same.
+  if (!doUndone(true)) step = Step::Fail;
   // Of a run that failed, what waits for a member that never came is no news.
   step == Step::Fail ? m_placer.finishQuietly() : m_placer.finish(m_io);
   m_onlyLeftOut = step != Step::Fail && m_placer.anyLeftOut();
@@ -277,11 +282,13 @@ UntarRun::Step UntarRun::copyMember() {
 
 // What has no data (a directory, a link, a special file) is done once it is made.
 bool UntarRun::makeMember(bool& leftOut) {
+  if (!doUndone(m_placer.hasToWait(m_member))) return false;
+  if (WriteBehind::File* const file = m_placer.fileBehind(m_member)) return copyBehind(*file);
   logMaking();
   Placed placed = m_placer.place(m_member, m_io);
   leftOut = placed.result == Placed::Result::LeftOut;
   if (leftOut) return true;
-  if (placed.result != Placed::Result::Made) return couldNotMake(placed.result);
+  if (placed.result != Placed::Result::Made) return couldNotMake(placed.result, m_member.isDirectory);
   return !placed.file || copyToFile({std::move(placed.out), placed.file}, leftOut);
 }
 
@@ -296,9 +303,9 @@ void UntarRun::logMaking() {
 
 // One message for directories, whatever the reason; files tell a missing place from a file that could not be
 // made.
-bool UntarRun::couldNotMake(Placed::Result result) {
+bool UntarRun::couldNotMake(Placed::Result result, bool isDirectory) {
   const XString& path = m_placer.path().outputPath();
-  if (m_member.isDirectory) return failWith("Unable to create directory", "dirPath", path);
+  if (isDirectory) return failWith("Unable to create directory", "dirPath", path);
   if (result == Placed::Result::NoPlace) {
     return failWith("Failed to ensure directory exists.", "filePath", path);
   }
@@ -315,22 +322,77 @@ bool UntarRun::couldNotMake(Placed::Result result) {
 // time and, where it is known, the access time can be set. A file that failed for a reason of its own has had
 // its data taken, so that the cursor stands right.
 bool UntarRun::copyToFile(FileToFill to, bool& leftOut) {
-  const MorvaneFileTime modification = m_member.mtime.fileTime(), access = m_member.atime.fileTime(),
-                        creation = m_member.ctime.fileTime();
-  MemberTimes times;
-  times.modification = &modification;
-  if (m_member.atime.known) times.access = &access;
-  if (m_member.ctime.known) times.creation = &creation;
-  const XString& path = m_placer.path().outputPath();
-  const FileEnd end =
-      extractToFile(m_context.source, std::move(to), times, m_member.size, m_copyBuffer.get(),
-                    m_copyBufferSize, m_io, [&](FileToFill& filled, bool isComplete) {
-                      return m_placer.settle(m_member, *filled.out, *filled.file, isComplete, times, m_io);
-                    });
-  if (!end.isWhole && !end.hasFailedAlone) return failWith(kCannotExtract, "filePath", path);
+  const FileEnd end = fillFile(m_context.source, m_member, std::move(to), m_member.size, m_io);
+  if (!end.isWhole && !end.hasFailedAlone)
+    return failWith(kCannotExtract, "filePath", m_placer.path().outputPath());
   m_cursor.passed(m_member.size);
   leftOut = !end.isWhole;
   return m_placer.noteEnd(end, m_io);
+}
+
+FileEnd UntarRun::fillFile(_mvDataSource& source, const Member& member, FileToFill to, long long size,
+                           const Io& io) {
+  const MorvaneFileTime modification = member.mtime.fileTime(), access = member.atime.fileTime(),
+                        creation = member.ctime.fileTime();
+  MemberTimes times;
+  times.modification = &modification;
+  if (member.atime.known) times.access = &access;
+  if (member.ctime.known) times.creation = &creation;
+  return extractToFile(source, std::move(to), times, size, m_copyBuffer.get(), m_copyBufferSize, io,
+                       [&](FileToFill& filled, bool isComplete) {
+                         return m_placer.settle(member, *filled.out, *filled.file, isComplete, times, io);
+                       });
+}
+
+// The data are read here, with the events and lines that reading has; only then the file is begun. Of data
+// that end too soon the file gets what there was, as always.
+bool UntarRun::copyBehind(WriteBehind::File& file) {
+  bool isComplete = false;
+  {
+    LogContextExitor context(m_log, "extractToFile");
+    OutputDataBuffer out(file.data);
+    isComplete = m_context.source.copyNToOutput2PM(out, m_member.size, m_copyBuffer.get(), m_copyBufferSize,
+                                                   m_io.monitor, m_log);
+  }
+  if (!isComplete) {
+    (void)doAgain(file, false);
+    return failWith(kCannotExtract, "filePath", m_placer.path().outputPath());
+  }
+  m_cursor.passed(m_member.size);
+  m_placer.submitBehind();
+  return doUndone(false);
+}
+
+// The member that the run is at is gone on with afterwards.
+bool UntarRun::doUndone(bool waitsForAll) {
+  const WriteBehind::File* file = m_placer.nextUndone(waitsForAll);
+  if (!file) return true;
+  const MemberPlacer::Current current = m_placer.current();
+  for (; file; file = m_placer.nextUndone(waitsForAll)) {
+    if (!doAgain(*file, true)) return false;
+  }
+  m_placer.goBackTo(current);
+  return true;
+}
+
+// From memory, and without a monitor: progress was told as the data were read. It was counted as made.
+bool UntarRun::doAgain(const WriteBehind::File& file, bool isComplete) {
+  const Io io(m_log, nullptr, m_io.event);
+  Placed placed = m_placer.placeAgain(file, io);
+  if (placed.result == Placed::Result::LeftOut) {
+    --m_count;
+    return true;
+  }
+  if (placed.result != Placed::Result::Made) return couldNotMake(placed.result, false);
+  _mvMemoryDataSource source;
+  source.initializeMemSource(file.data.getData2(), file.data.getSize());
+  const FileEnd end =
+      fillFile(source, file.member, {std::move(placed.out), placed.file}, file.data.getSize(), io);
+  if (!isComplete) return false;
+  if (!end.isWhole && !end.hasFailedAlone)
+    return failWith(kCannotExtract, "filePath", m_placer.path().outputPath());
+  if (!end.isWhole) --m_count;
+  return m_placer.noteEnd(end, io);
 }
 
 // Moves on to the header at a position of the archive.

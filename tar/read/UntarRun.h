@@ -75,9 +75,14 @@ class UntarRun {
   // Lines of this engine, in front of what is made.
   void logMaking();
   // Always false, with the reason and the path in the log.
-  bool couldNotMake(Placed::Result result);
+  bool couldNotMake(Placed::Result result, bool isDirectory);
   // From the source into a member's new file, which is then settled.
   bool copyToFile(FileToFill to, bool& leftOut);
+  FileEnd fillFile(_mvDataSource& source, const Member& member, FileToFill to, long long size, const Io& io);
+  // Into a file that workers make; and what they could not make, done in the ordinary way.
+  bool copyBehind(WriteBehind::File& file);
+  bool doUndone(bool waitsForAll);
+  bool doAgain(const WriteBehind::File& file, bool isComplete);
   bool failWith(const char* message, const char* tag, const XString& value);
   Step passOver(long long upTo);
   Step failAborted();
