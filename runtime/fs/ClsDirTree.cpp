@@ -200,6 +200,17 @@ const char* ClsDirTree::currentName() const {
   return level.names.data() + level.entries[level.current] + 1;
 }
 
+// A type that is not told may be a directory's, and so may a link that is followed.
+const char* ClsDirTree::nameAhead(size_t n, bool& isRegular) const {
+  const Level& level = m_levels.back();
+  if (n >= level.entries.size() - level.current || get_IsDirectory()) return nullptr;
+  const char* const entry = level.names.data() + level.entries[level.current + n];
+  const auto type = static_cast<unsigned char>(*entry);
+  if (type == DT_DIR || type == DT_UNKNOWN || (m_followsLinks && type == DT_LNK)) return nullptr;
+  isRegular = type == DT_REG;
+  return entry + 1;
+}
+
 // The type that the directory gives, or a look at the entry where the file system gives none. An entry that
 // cannot be looked at keeps the type it had, and whoever opens it learns the reason.
 unsigned char ClsDirTree::currentType() const {

@@ -58,6 +58,9 @@ class MORVANE_API ClsDirTree {
   // The open directory that holds the current entry, and the entry's name in it.
   int currentDirectory() const { return m_levels.back().directory.fd(); }
   const char* currentName() const;
+  // The name of the n-th entry behind the current one, in the same directory; null where there is none, or
+  // where the walk may go into a directory before it gets there. By what the directory says of its entries.
+  const char* nameAhead(size_t n, bool& isRegular) const;
 
   // Reads the current directory now instead of when the walk enters it, to know beforehand whether that
   // works. After a failure, which is logged, the walk passes the directory by.

@@ -33,6 +33,8 @@ class NameFilter {
   // True if the path is to be left out. Paths are compared as given, slashes and case included. Writing asks
   // for the path on the disk, reading for the path after the path rules.
   bool excludes(std::string_view path) const;
+  // Whether there is a pattern at all.
+  bool isSet() const { return !m_settings.mustMatch.empty() || !m_settings.mustNotMatch.empty(); }
 
  private:
   bool finalPartEquals(std::string_view path, const std::string& name) const;

@@ -3,6 +3,7 @@
 // its size is a promise, which with WriteExactSizes is kept whatever happens to the source then.
 #include "tar/write/ArchiveWriter.h"
 
+#include "runtime/base/ScopeExit.h"
 #include "runtime/fs/FileSys.h"
 #include "runtime/fs/_mvFilePath.h"
 #include "runtime/log/LogContextExitor.h"
@@ -93,7 +94,14 @@ bool ArchiveWriter::writeTree(const DirRoot& root, XString& curDirRootPath) {
   if (!walk.begin(root, m_run.settings.options.followLinks, m_log))
     return goesOnWithout(placeOf(curDirRootPath));
   XString pathInTar;
+  // Behind the walk, whose open directories it uses.
+  const std::unique_ptr<ReadAhead> ahead = makeReadAhead();
+  const ScopeExit forget([this] { m_found = nullptr; });
   while (!walk.isDone()) {
+    if (ahead) {
+      m_found = ahead->enter();
+      if (mayOpenEarly()) ahead->lookAhead(walk.tree(), m_run.settings.options.store.xattr);
+    }
     const SourcePlace place = walk.place();
     walk.nameMember(m_run.settings.dirPrefix, pathInTar);
     if (m_log.verbose()) m_log.LogDataX("fullPath", place.fullPath);
@@ -179,9 +187,24 @@ bool ArchiveWriter::examine(const SourcePlace& place, mvFileInfo& info) {
     info.m_lastModified = place.memory->m_added;
     return true;
   }
-  // What a callback does to the file's name still counts, unless it was said to do nothing.
-  const bool mayOpen = !m_run.io.event || m_run.settings.options.openBeforeEvent;
+  const bool mayOpen = mayOpenEarly();
+  if (mayOpen && m_found && m_found->isThere) {
+    m_source.take(place, *m_found, info);
+    return true;
+  }
   return m_source.examine(place, mayOpen, info, m_log);
+}
+
+// What a callback does to the file's name still counts, unless it was said to do nothing.
+bool ArchiveWriter::mayOpenEarly() const { return !m_run.io.event || m_run.settings.options.openBeforeEvent; }
+
+// Patterns are tested in the turn of a member; until then what they leave out would be opened for nothing.
+std::unique_ptr<ReadAhead> ArchiveWriter::makeReadAhead() const {
+  const TarOptions& options = m_run.settings.options;
+  const unsigned workers = options.codec.threads == 1 ? 0 : workerCount(options.codec.threads);
+  const bool mayLook =
+      workers > 0 && mayOpenEarly() && !options.followLinks && !m_run.settings.filter.isSet();
+  return mayLook ? std::make_unique<ReadAhead>(workers) : nullptr;
 }
 
 // By device and inode, since the archive may be met under any name. Without the word it archives itself as

@@ -51,6 +51,10 @@ class ArchiveWriter {
   // The sources, and the member that each entry of theirs becomes.
   bool writeSingleFile(const SourceEntry& entry);
   bool writeTree(const DirRoot& root, XString& curDirRootPath);
+  // Workers beside the walk of a tree; none where files must not be opened before their events, or only some
+  // of them are wanted.
+  std::unique_ptr<ReadAhead> makeReadAhead() const;
+  bool mayOpenEarly() const;
   bool writeMember(const SourcePlace& place, XString& pathInTar, ClsDirTree* tree);
   // What the source is now. False when it cannot be examined, with the reason in the log.
   bool examine(const SourcePlace& place, mvFileInfo& info);
@@ -74,7 +78,8 @@ class ArchiveWriter {
   void reportUnreadable(const SourcePlace& place);
   // The member's data and the padding behind them, up to a whole block of 512 bytes.
   bool writeData(const SourcePlace& place, const mvFileInfo& info);
-  bool writeMemory(const MemoryFile& file);
+  // Data that are in memory: all of a file's.
+  bool writeMemory(const char* bytes, unsigned n);
   bool writeSparse(const SourcePlace& place, const mvFileInfo& info);
   // The two ways to copy a file: as long as it is, or as long as its header says.
   bool writeToTheEnd(const SourcePlace& place, const mvFileInfo& info);
@@ -100,8 +105,9 @@ class ArchiveWriter {
   // They serve all members, one behind the other, and keep their buffers.
   MemberSource m_describer;
   SourceFile m_source;
-  Member m_member;    // the one being written
-  TarMember m_shown;  // the same, as the event may change it
+  ReadAhead::Found* m_found = nullptr;  // of the entry that the walk stands on
+  Member m_member;                      // the one being written
+  TarMember m_shown;                    // the same, as the event may change it
   // The archive that is left out of itself; none in memory or on a pipe.
   bool m_hasArchive = false;
   mvFileInfo m_archive;

@@ -20,14 +20,18 @@ constexpr char kCannotCopy[] = "Failed to copy file contents to TAR.";
 // always written them; WriteExactSizes is the way out.
 bool ArchiveWriter::writeData(const SourcePlace& place, const mvFileInfo& info) {
   // What lies in memory has exactly the size that its header says.
-  if (place.memory) return writeMemory(*place.memory);
+  if (place.memory) {
+    const DataBuffer& bytes = place.memory->m_bytes;
+    return writeMemory(reinterpret_cast<const char*>(bytes.getData2()), bytes.getSize());
+  }
+  if (m_source.wholeBytes()) return writeMemory(m_source.wholeBytes(), static_cast<unsigned>(info.m_size));
   if (m_member.sparse.isSparse()) return writeSparse(place, info);
   return m_run.settings.options.writeExactSizes ? writeExactSize(place, info) : writeToTheEnd(place, info);
 }
 
-bool ArchiveWriter::writeMemory(const MemoryFile& file) {
-  if (!m_data.put(file.m_bytes)) return m_run.io.fail(kCannotCopy);
-  return m_run.putZeros(paddingAfter(file.m_bytes.getSize()));
+bool ArchiveWriter::writeMemory(const char* bytes, unsigned n) {
+  if (!m_data.put(bytes, n)) return m_run.io.fail(kCannotCopy);
+  return m_run.putZeros(paddingAfter(n));
 }
 
 // The map where it is data, then the ranges, each with as many bytes as the map says: zeros where the file

@@ -6,7 +6,6 @@
 #include <algorithm>
 
 #include "runtime/base/ByteArrayOwner.h"
-#include "runtime/buffer/DataBuffer.h"
 #include "runtime/io/OutputFile.h"
 
 namespace morvane {
@@ -84,10 +83,9 @@ void MemberData::copyPieces(_mvDataSource& source, long long most, Copied& copie
 }
 
 // In pieces as well, for the sake of progress and abort.
-bool MemberData::put(const DataBuffer& bytes) {
-  const char* const first = reinterpret_cast<const char*>(bytes.getData2());
-  for (unsigned done = 0; done < bytes.getSize(); done += kPieceSize) {
-    if (!putPiece(first + done, std::min(bytes.getSize() - done, kPieceSize))) return false;
+bool MemberData::put(const char* bytes, unsigned n) {
+  for (unsigned done = 0; done < n; done += kPieceSize) {
+    if (!putPiece(bytes + done, std::min(n - done, kPieceSize))) return false;
   }
   return true;
 }

@@ -27,7 +27,7 @@ class MemberData {
   Copied copySource(_mvDataSource& source, long long most);
   // Bytes that lie in memory. False, with the reason in the log, when the output refuses a piece or the
   // application aborts.
-  [[nodiscard]] bool put(const DataBuffer& bytes);
+  [[nodiscard]] bool put(const char* bytes, unsigned n);
 
   // More than any file has.
   static constexpr long long kToTheEnd = 0x7FFFFFFFFFFFFFFF;

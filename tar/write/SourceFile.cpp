@@ -49,6 +49,18 @@ bool SourceFile::examine(const SourcePlace& place, bool mayOpen, mvFileInfo& inf
   return info.loadFileInfoAt(place.directory, place.name, path, log, place.followsLinks);
 }
 
+// What could not be read whole is open, as if it had been examined here.
+void SourceFile::take(const SourcePlace& place, ReadAhead::Found& found, mvFileInfo& info) {
+  close();
+  info = found.info;
+  m_open = true;
+  if (found.isWhole) {
+    m_wholeBytes = found.bytes.get();
+  } else {
+    m_data.adoptForCopy(std::move(found.file), place.fullPath.getUtf8(), info.m_size);
+  }
+}
+
 // A link that has come to the path since is not followed, and is a failure.
 bool SourceFile::open(const SourcePlace& place, const mvFileInfo& info, LogBase& log) {
   if (m_open) return true;
@@ -65,6 +77,7 @@ bool SourceFile::open(const SourcePlace& place, const mvFileInfo& info, LogBase&
 
 // They stay with the source, which hands them out first.
 bool SourceFile::readFirst(LogBase& log) {
+  if (m_wholeBytes) return true;
   const char* bytes = nullptr;
   unsigned got = 0;
   return m_data.peekBytes(1, bytes, got, nullptr, log);
@@ -127,8 +140,9 @@ void SourceFile::findRanges(long long size, SparseMap& map) {
 }
 
 void SourceFile::close() {
-  if (m_open) m_data.close();
+  if (m_open && !m_wholeBytes) m_data.close();
   m_open = false;
+  m_wholeBytes = nullptr;
 }
 
 }  // namespace morvane

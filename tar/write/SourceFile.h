@@ -6,6 +6,7 @@
 #include "runtime/io/_mvFileDataSource.h"
 #include "runtime/text/XString.h"
 #include "tar/format/SparseMap.h"
+#include "tar/write/ReadAhead.h"
 
 namespace morvane {
 
@@ -31,6 +32,10 @@ class SourceFile {
   // both. Where something may happen to its name before it is read, that is not allowed. False, with the
   // reason in the log, when the system does not say what it is.
   bool examine(const SourcePlace& place, bool mayOpen, mvFileInfo& info, LogBase& log);
+  // The same by what a worker found already. `found` must stay until the next examination.
+  void take(const SourcePlace& place, ReadAhead::Found& found, mvFileInfo& info);
+  // All of the file's bytes, as many as it states, where they have been read; else null.
+  const char* wholeBytes() const { return m_wholeBytes; }
   // Opens the data of what was examined, unless they are open. Never waits for a FIFO.
   bool open(const SourcePlace& place, const mvFileInfo& info, LogBase& log);
   // Reads the first data now. False when that fails.
@@ -40,7 +45,7 @@ class SourceFile {
   long long sizeNow();
   // Whether the file, of which `size` bytes were read, has more by now, or had them all the time, as files
   // that the system makes up do. Asks the system only if it has not said so.
-  bool hasMoreThan(long long size) { return !m_data.endWasSeen() && m_data.hasByteAt(size); }
+  bool hasMoreThan(long long size) { return !m_wholeBytes && !m_data.endWasSeen() && m_data.hasByteAt(size); }
   void close();
 
   _mvFileDataSource& data() { return m_data; }
@@ -57,6 +62,7 @@ class SourceFile {
   // Opened and closed for each file; its buffer stays.
   _mvFileDataSource m_data;
   bool m_open = false;
+  const char* m_wholeBytes = nullptr;  // then nothing is open
 };
 
 }  // namespace morvane
