@@ -157,6 +157,11 @@ class CompareEvent : public MemberEvent {
   void onSelected(const TarMemberInfo& member) override {
     m_path = m_line.changes.pathWhenReading(member.path);
     if (m_path.empty()) return;
+    // It would not be extracted either, and is nobody's to be looked at.
+    if (!m_line.keepNames && archiveNameOf(m_path, false).removed.size() > 1) {
+      m_report.problem(m_path, "refused: its path leaves the target");
+      return;
+    }
     const std::string local = localPathOf(m_path);
     const bool hasContents = member.typeFlag != '1' && kindOf(member) == S_IFREG;
     if (!hasContents) count(0);

@@ -71,10 +71,11 @@ void CreateEvent::onTarMember(morvane::TarMember& member) {
   m_isDirectory = member.typeFlag == kDirectory;
   // The component adds the slash later, and it counts.
   const std::string stored = m_isDirectory ? member.path + "/" : member.path;
-  const char* const refusal = stored.size() > NameTransform::kLongest ? "its name becomes too long"
-                              : m_line.formatToWrite() == "ustar" && !fitsUstar(stored)
-                                  ? "its name is too long for the ustar format"
-                                  : nullptr;
+  const bool isChanged = !m_line.changes.transform.isEmpty();
+  const char* const refusal =
+      isChanged && stored.size() > NameTransform::kLongest      ? "its name becomes too long"
+      : m_line.formatToWrite() == "ustar" && !fitsUstar(stored) ? "its name is too long for the ustar format"
+                                                                : nullptr;
   if (refusal) {
     m_report.problem(member.localPath, refusal);
     member.skip = true;
@@ -103,7 +104,8 @@ bool CreateEvent::isExcluded(const std::string& path, const std::string& given) 
 // keeps one.
 bool CreateEvent::isTooOld(const morvane::TarMember& member) const {
   const timespec modified{static_cast<time_t>(member.mtime), static_cast<long>(member.mtimeNanoseconds)};
-  if (const auto copy = m_newest.find(member.path); copy != m_newest.end()) {
+  const std::string name = m_line.changes.transform.apply(member.path, NameTransform::Of::Name);
+  if (const auto copy = m_newest.find(name); copy != m_newest.end()) {
     timespec own = modified;
     if (copy->second.tv_nsec == 0) own.tv_nsec = 0;
     if (member.typeFlag == kDirectory || !isEarlier(copy->second, own)) return true;

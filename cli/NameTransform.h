@@ -26,7 +26,7 @@ class NameTransform {
   bool concerns(Of what) const;
   // A text that is longer is no name any more and is not made longer still, because a few replacements that
   // double a text would fill all memory.
-  static constexpr size_t kLongest = 1 << 20;
+  static constexpr size_t kLongest = 64 * 1024;
   // Every expression in its turn.
   std::string apply(std::string text, Of what) const;
 

@@ -2,7 +2,7 @@
 // is put behind it.
 #include "cli/NewestCopies.h"
 
-#include <unistd.h>
+#include <sys/stat.h>
 
 #include "cli/Dates.h"
 #include "cli/Interrupt.h"
@@ -32,9 +32,11 @@ class CopiesEvent : public morvane::ProgressEvent {
 
 }  // namespace
 
-// An archive that is no plain one is left to the append, which refuses it in words of its own.
+// What is no plain archive, or no regular file, is left to the append, which refuses it in words of its own;
+// a FIFO would be waited for.
 bool findNewestCopies(const CommandLine& line, NewestCopies& newest, Report& report) {
-  if (access(line.archive.c_str(), F_OK) != 0) return true;
+  struct stat status;
+  if (stat(line.archive.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return true;
   ReadJob job(line, true);
   if (!job.archive.open(line, report)) return false;
   if (!job.archive.isPlain()) return true;

@@ -84,6 +84,8 @@ void AppendOutput::takeBack(long long end) {
     const auto n = static_cast<size_t>(std::min<long long>(sizeof kZeros, std::min(end, m_oldLength) - at));
     const ssize_t written = m_file.writeSomeAt(kZeros, n, at);
     if (written < 0 && errno == EINTR) continue;
+    // What is over a limit now was so before.
+    if (written < 0 && errno == EFBIG) break;
     if (written <= 0) {
       m_file.setLength(std::min(m_oldLength, keeps));
       break;

@@ -4,12 +4,16 @@
 //   END_PREAD=N       the same: nothing more is there
 //   FAIL_USERS=1      reading the user database: EIO
 //   FULL_OPENAT2=N    the N-th openat2, and all behind it: ENOSPC
+//   FULL_WRITE=N      the N-th call that changes a file's bytes, length or place on the disk, and all behind it: ENOSPC
+//   FULL_ONCE=N       the same, but for those behind it
+//   KILL_WRITE=N      at the N-th such call the process is killed
 //   INTERRUPT=1       the first openat2, the first read of each kind, and the first write to standard output and
 //                     to anything else: EINTR
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
 #include <pwd.h>
+#include <signal.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -25,6 +29,30 @@ static int failsWith(int error) {
 static int isFrom(const char* name, int count) {
   const char* const from = getenv(name);
   return from && count >= atoi(from);
+}
+
+// Whether a call that writes a file is to fail. Standard streams do not count.
+static int isFull(int fd) {
+  static int count = 0;
+  if (fd <= 2 || !(getenv("FULL_WRITE") || getenv("FULL_ONCE") || getenv("KILL_WRITE"))) return 0;
+  ++count;
+  if (isFrom("KILL_WRITE", count)) raise(SIGKILL);
+  return isFrom("FULL_WRITE", count) || (isFrom("FULL_ONCE", count) && !isFrom("FULL_ONCE", count - 1));
+}
+
+ssize_t pwrite(int fd, const void* bytes, size_t n, off_t at) {
+  if (isFull(fd)) return failsWith(ENOSPC);
+  return ((ssize_t(*)(int, const void*, size_t, off_t))dlsym(RTLD_NEXT, "pwrite"))(fd, bytes, n, at);
+}
+
+int ftruncate(int fd, off_t length) {
+  isFull(fd);  // a full disk is no reason for this one to fail
+  return ((int (*)(int, off_t))dlsym(RTLD_NEXT, "ftruncate"))(fd, length);
+}
+
+int fdatasync(int fd) {
+  if (isFull(fd)) return failsWith(ENOSPC);
+  return ((int (*)(int))dlsym(RTLD_NEXT, "fdatasync"))(fd);
 }
 
 int futimens(int fd, const struct timespec times[2]) {
@@ -48,6 +76,7 @@ ssize_t read(int fd, void* buffer, size_t n) {
 
 ssize_t write(int fd, const void* bytes, size_t n) {
   static int counts[2] = {0, 0};  // of other outputs, and of standard output
+  if (isFull(fd)) return failsWith(ENOSPC);
   if (++counts[fd == 1] == 1 && getenv("INTERRUPT")) return failsWith(EINTR);
   return ((ssize_t(*)(int, const void*, size_t))dlsym(RTLD_NEXT, "write"))(fd, bytes, n);
 }
