@@ -7,6 +7,11 @@
 
 #include "runtime/codec/Compression.h"
 
+// What Threads is where no word says it. Only tests build the library with another number than 1.
+#ifndef MORVANE_TAR_THREADS
+#define MORVANE_TAR_THREADS 1
+#endif
+
 namespace morvane {
 
 class AheadSource;
@@ -24,7 +29,7 @@ struct CodecOptions {
       0;  // gzip written: 0 is zlib's default level, 1 (fastest) to 3 trade size for speed
   // How many threads may work on it; 0 is as many as the process has processors. Compressed bytes depend on
   // whether this is 1, and on no other number.
-  long long threads = 1;
+  long long threads = MORVANE_TAR_THREADS;
   bool verifyGzip = false;      // gzip read: the trailer's checksum and size are compared
   bool gzipAllMembers = false;  // gzip read: what follows the first member is read too
 };

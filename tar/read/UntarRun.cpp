@@ -10,9 +10,7 @@
 #include "runtime/base/ScopeExit.h"
 #include "runtime/buffer/DataBuffer.h"
 #include "runtime/io/ForwardingOutput.h"
-#include "runtime/io/OutputDataBuffer.h"
 #include "runtime/io/_mvDataSource.h"
-#include "runtime/io/_mvMemoryDataSource.h"
 #include "runtime/log/LogContextExitor.h"
 #include "tar/format/TarBlock.h"
 #include "tar/format/XmlEntry.h"
@@ -25,7 +23,6 @@ namespace {
 // Pieces in which data are copied; the smaller one where memory is short.
 constexpr unsigned kCopyBufferSize = 40000;
 constexpr unsigned kSmallCopyBufferSize = 20000;
-constexpr char kCannotExtract[] = "Failed to extract to file.";
 // The number is of long standing: applications look for the line.
 constexpr char kAborted[] = "Untar aborted by application. (1)";
 
@@ -278,121 +275,6 @@ UntarRun::Step UntarRun::copyMember() {
   m_cursor.passed(m_member.size);
   ++m_count;
   return m_firstAlone ? Step::Stop : Step::GoOn;
-}
-
-// What has no data (a directory, a link, a special file) is done once it is made.
-bool UntarRun::makeMember(bool& leftOut) {
-  if (!doUndone(m_placer.hasToWait(m_member))) return false;
-  if (WriteBehind::File* const file = m_placer.fileBehind(m_member)) return copyBehind(*file);
-  logMaking();
-  Placed placed = m_placer.place(m_member, m_io);
-  leftOut = placed.result == Placed::Result::LeftOut;
-  if (leftOut) return true;
-  if (placed.result != Placed::Result::Made) return couldNotMake(placed.result, m_member.isDirectory);
-  return !placed.file || copyToFile({std::move(placed.out), placed.file}, leftOut);
-}
-
-// Before the attempt: a log that ends here shows at which member.
-void UntarRun::logMaking() {
-  const bool isDirectory = m_member.isDirectory;
-  if (isDirectory && m_settings.untarDiscardPaths) return;  // none is made
-  const MemberPath& path = m_placer.path();
-  if (m_settings.untarDebugLog) m_log.LogDataX(isDirectory ? "dir" : "file", path.entryPath());
-  if (m_log.verbose()) m_log.LogDataX(isDirectory ? "createDir" : "outputFile", path.outputPath());
-}
-
-// One message for directories, whatever the reason; files tell a missing place from a file that could not be
-// made.
-bool UntarRun::couldNotMake(Placed::Result result, bool isDirectory) {
-  const XString& path = m_placer.path().outputPath();
-  if (isDirectory) return failWith("Unable to create directory", "dirPath", path);
-  if (result == Placed::Result::NoPlace) {
-    return failWith("Failed to ensure directory exists.", "filePath", path);
-  }
-  {
-    // Said in the context in which files are made, for that is where readers of the log look for it.
-    LogContextExitor context(m_log, "extractToFile");
-    m_placer.target().tellNotCreated(m_log);
-    m_io.fail(kCannotCreateOutputFile);
-  }
-  return failWith(kCannotExtract, "filePath", path);
-}
-
-// The header's times are handed over as far as the archive has them; without Restore only the modification
-// time and, where it is known, the access time can be set. A file that failed for a reason of its own has had
-// its data taken, so that the cursor stands right.
-bool UntarRun::copyToFile(FileToFill to, bool& leftOut) {
-  const FileEnd end = fillFile(m_context.source, m_member, std::move(to), m_member.size, m_io);
-  if (!end.isWhole && !end.hasFailedAlone)
-    return failWith(kCannotExtract, "filePath", m_placer.path().outputPath());
-  m_cursor.passed(m_member.size);
-  leftOut = !end.isWhole;
-  return m_placer.noteEnd(end, m_io);
-}
-
-FileEnd UntarRun::fillFile(_mvDataSource& source, const Member& member, FileToFill to, long long size,
-                           const Io& io) {
-  const MorvaneFileTime modification = member.mtime.fileTime(), access = member.atime.fileTime(),
-                        creation = member.ctime.fileTime();
-  MemberTimes times;
-  times.modification = &modification;
-  if (member.atime.known) times.access = &access;
-  if (member.ctime.known) times.creation = &creation;
-  return extractToFile(source, std::move(to), times, size, m_copyBuffer.get(), m_copyBufferSize, io,
-                       [&](FileToFill& filled, bool isComplete) {
-                         return m_placer.settle(member, *filled.out, *filled.file, isComplete, times, io);
-                       });
-}
-
-// The data are read here, with the events and lines that reading has; only then the file is begun. Of data
-// that end too soon the file gets what there was, as always.
-bool UntarRun::copyBehind(WriteBehind::File& file) {
-  bool isComplete = false;
-  {
-    LogContextExitor context(m_log, "extractToFile");
-    OutputDataBuffer out(file.data);
-    isComplete = m_context.source.copyNToOutput2PM(out, m_member.size, m_copyBuffer.get(), m_copyBufferSize,
-                                                   m_io.monitor, m_log);
-  }
-  if (!isComplete) {
-    (void)doAgain(file, false);
-    return failWith(kCannotExtract, "filePath", m_placer.path().outputPath());
-  }
-  m_cursor.passed(m_member.size);
-  m_placer.submitBehind();
-  return doUndone(false);
-}
-
-// The member that the run is at is gone on with afterwards.
-bool UntarRun::doUndone(bool waitsForAll) {
-  const WriteBehind::File* file = m_placer.nextUndone(waitsForAll);
-  if (!file) return true;
-  const MemberPlacer::Current current = m_placer.current();
-  for (; file; file = m_placer.nextUndone(waitsForAll)) {
-    if (!doAgain(*file, true)) return false;
-  }
-  m_placer.goBackTo(current);
-  return true;
-}
-
-// From memory, and without a monitor: progress was told as the data were read. It was counted as made.
-bool UntarRun::doAgain(const WriteBehind::File& file, bool isComplete) {
-  const Io io(m_log, nullptr, m_io.event);
-  Placed placed = m_placer.placeAgain(file, io);
-  if (placed.result == Placed::Result::LeftOut) {
-    --m_count;
-    return true;
-  }
-  if (placed.result != Placed::Result::Made) return couldNotMake(placed.result, false);
-  _mvMemoryDataSource source;
-  source.initializeMemSource(file.data.getData2(), file.data.getSize());
-  const FileEnd end =
-      fillFile(source, file.member, {std::move(placed.out), placed.file}, file.data.getSize(), io);
-  if (!isComplete) return false;
-  if (!end.isWhole && !end.hasFailedAlone)
-    return failWith(kCannotExtract, "filePath", m_placer.path().outputPath());
-  if (!end.isWhole) --m_count;
-  return m_placer.noteEnd(end, io);
 }
 
 // Moves on to the header at a position of the archive.

@@ -1,0 +1,208 @@
+// Reading ahead and writing behind with several threads against one: archives, events, logs, results and
+// trees.
+#include <dirent.h>
+
+#include "ArchiveSupport.h"
+#include "TreeSupport.h"
+
+namespace morvane::testing {
+namespace {
+
+// All that a call shows to an application.
+struct Seen {
+  int result = 0;
+  std::string archive, log;
+  Lines events;
+  Facts tree;
+};
+
+// Hears everything in one row, and stops the call where it is told to.
+class RowEvent : public RecordingEvent {
+ public:
+  void onInfo(const char* name, const char* value) override {
+    row("info " + std::string(name) + " " + value);
+  }
+  void onTarEntry(const char* path, long long size, bool isDirectory, bool& skip) override {
+    row("entry " + std::string(path) + " " + std::to_string(size) + (isDirectory ? " dir" : ""));
+    skip = has(path, "skipped");
+    if (act) act(path);
+  }
+  void onTarHeader(const TarMemberInfo& member) override { row(std::string("header ") + member.path); }
+  void onProgress(int percent, bool&) override { row("percent " + std::to_string(percent)); }
+
+  Lines rows;
+  size_t throwAt = 0, abortAt = 0;
+  void onAbortCheck(bool& abort) override { abort = abortAt > 0 && rows.size() >= abortAt; }
+
+ private:
+  void row(std::string text) {
+    rows.push_back(std::move(text));
+    if (rows.size() == throwAt) throw std::runtime_error("callback");
+  }
+};
+
+// Threads that are there now; those that a call made must be gone when it returns.
+size_t threadsNow() {
+  size_t count = 0;
+  for (const auto& entry : fs::directory_iterator("/proc/self/task")) count += entry.exists();
+  return count;
+}
+
+void expectSame(const Seen& one, const Seen& many, const std::string& what) {
+  SCOPED_TRACE(what);
+  EXPECT_EQ(one.result, many.result);
+  EXPECT_TRUE(one.archive == many.archive);
+  EXPECT_EQ(one.log, many.log);
+  EXPECT_EQ(one.events, many.events);
+  EXPECT_EQ(Lines(), differences(one.tree, many.tree));
+}
+
+std::string withoutTimes(std::string log) {
+  for (size_t at = log.find("ElapsedMs"); at != std::string::npos; at = log.find("ElapsedMs", at + 1)) {
+    log.erase(at, log.find('\n', at) - at);
+  }
+  return log;
+}
+
+constexpr int kManyThreads[] = {2, 4, 8};
+
+// ---- Creating
+
+Seen create(const ScratchDir& dir, int threads, const std::function<void(RowEvent&)>& change) {
+  TarWith tar("Profile=usual,OpenBeforeEvent,Threads=" + std::to_string(threads));
+  RowEvent event;
+  if (change) change(event);
+  tar.AddDirRoot2("t", dir / "t");
+  const size_t before = threadsNow();
+  LimitedOutput out;
+  Seen seen;
+  seen.result = tar.WriteTar(out, &event);
+  EXPECT_EQ(before, threadsNow());
+  seen.archive = out.bytes;
+  seen.events = event.rows;
+  seen.log = logOf(tar);
+  return seen;
+}
+
+// Sizes around what is read ahead, empty and sparse ones, links, FIFOs, directories between files, names that
+// are skipped.
+TEST(ParallelTrees, ArchivesEventsAndLogsAreThoseOfOneThread) {
+  ScratchDir dir;
+  must(dir, R"(mkdir -p t/b/deep t/m; cd t
+    for n in 0 1 511 512 513 65535 65536 65537 200000; do head -c $n /dev/urandom > f$n; done
+    for i in $(seq 90); do echo $i > m/$i; done; echo x > b/deep/x; truncate -s 100000 m/hole; ln -s x b/link
+    ln f1 m/second; mkfifo m/fifo; echo no > m/skipped; for i in $(seq 70); do echo $i > z$i; done)");
+  const Seen one = create(dir, 1, nullptr);
+  EXPECT_EQ(1, one.result) << one.log;
+  for (const int threads : kManyThreads)
+    expectSame(one, create(dir, threads, nullptr), std::to_string(threads));
+  // Ended at any of its callbacks, by a word or by an exception.
+  for (size_t at = 1; at < one.events.size(); at += 37) {
+    const auto throwing = [at](RowEvent& event) { event.throwAt = at; };
+    const auto aborting = [at](RowEvent& event) { event.abortAt = at; };
+    expectSame(create(dir, 1, throwing), create(dir, 4, throwing), "thrown at " + std::to_string(at));
+    expectSame(create(dir, 1, aborting), create(dir, 4, aborting), "aborted at " + std::to_string(at));
+  }
+}
+
+// What was opened early has changed, or gone, when its turn comes.
+TEST(ParallelTrees, SourcesThatChangeMeanwhileAreToldOrWhole) {
+  for (const int threads : {1, 4}) {
+    ScratchDir dir;
+    must(dir, "mkdir t; for i in $(seq 100 180); do echo $i > t/$i; done");
+    const Seen seen = create(dir, threads, [&](RowEvent& event) {
+      event.act = [&](const std::string& path) {
+        if (!has(path, "/t/120")) return;
+        must(dir, "rm t/150; echo much longer > t/160; : > t/170");
+      };
+    });
+    writeFile(dir / "a.tar", seen.archive);
+    must(dir, "tar -tf a.tar > names && grep -qx t/180 names && mkdir out && tar -xf a.tar -C out");
+    // A file is the old one, the new one, or told.
+    const std::string grown = readFile(dir / "out/t/160"), events = ::testing::PrintToString(seen.events);
+    EXPECT_TRUE(grown == "160\n" || grown == "much longer\n" || has(events, "sizeChanged")) << grown;
+    EXPECT_TRUE(exists(dir / "out/t/150") || has(events, "unreadable")) << events;
+  }
+}
+
+// ---- Extracting
+
+Seen extract(const std::string& archive, int threads, bool compressed, const std::string& words,
+             const std::function<void(RowEvent&)>& change) {
+  ScratchDir dir;
+  must(dir, "mkdir -p out/there && echo old > out/there/f && echo old > out/there/g");
+  const std::string where = dir / "out";
+  TarWith tar("Profile=usual,Threads=" + std::to_string(threads) + words, where);
+  RowEvent event;
+  if (change) change(event);
+  const size_t before = threadsNow();
+  _mvMemoryDataSource source;
+  source.initializeMemSource(reinterpret_cast<const unsigned char*>(archive.data()),
+                             static_cast<unsigned>(archive.size()));
+  Seen seen;
+  seen.result = compressed ? tar.UntarAny(source, &event) : tar.Untar(source, &event);
+  EXPECT_EQ(before, threadsNow());
+  seen.tree = factsOf(where);
+  // Times of directories that the run did not make are those of the moment.
+  for (auto& [path, fact] : seen.tree) {
+    if (path == "." || path == "there") fact.seconds = fact.nanoseconds = 0;
+  }
+  const auto neutral = [&where](std::string text) {
+    for (size_t at = text.find(where); at != std::string::npos; at = text.find(where))
+      text.erase(at, where.size());
+    return text;
+  };
+  for (const std::string& row : event.rows) seen.events.push_back(neutral(row));
+  seen.log = withoutTimes(neutral(logOf(tar)));
+  return seen;
+}
+
+// Everything that stands in everything's way, among enough ordinary files to keep workers busy.
+std::string tangledArchive() {
+  std::string archive = directory("d/") + directory("d/sub/");
+  const auto files = [&archive](const std::string& dir, int count) {
+    for (int i = 0; i < count; ++i)
+      archive += member(dir + std::to_string(i), noise(static_cast<size_t>(i) * 37, 3));
+  };
+  files("d/a", 60);
+  archive += member("d/a5", "again") + member("d/a6", "and") + member("d/a6", "again");
+  archive += ArchiveBuilder().add({"d/hard", "", '1', "d/a7"}).add({"d/early", "", '1', "d/late"}).bytes(0);
+  archive +=
+      member("d/late", "late") + member("d/a8/below", "a file on the way") + member("d/sub", "over it");
+  archive += ArchiveBuilder().add({"d/link", "", '2', "sub"}).bytes(0) + member("d/link/through", "x");
+  archive +=
+      directory("d/a9/") + member("d/a9/in", "in") + member("../out", "refused") + member("d/../up", "no");
+  archive += member("there/f", "new") + member("there/n", "n") + member("d/skipped", "s");
+  for (const size_t n : {size_t{65535}, size_t{65536}, size_t{65537}, size_t{200000}})
+    archive += member("d/size" + std::to_string(n), noise(n, 9));
+  files("d/sub/b", 60);
+  return archive + ArchiveBuilder().add({"d/fifo", "", '6'}).bytes(0) + member("d/./odd", "o") + kEnd;
+}
+
+TEST(ParallelTrees, TreesEventsAndLogsAreThoseOfOneThread) {
+  const std::string archive = tangledArchive();
+  for (const char* const words : {"", ",SkipUncreatable=off", ",MemberEvents", ",Restore=mode+time"}) {
+    const Seen one = extract(archive, 1, false, words, nullptr);
+    for (const int threads : kManyThreads)
+      expectSame(one, extract(archive, threads, false, words, nullptr), words + std::to_string(threads));
+    expectSame(extract(archive, 1, true, words, nullptr), extract(archive, 4, true, words, nullptr), "any");
+  }
+  // Cut anywhere, and ended at any callback.
+  const Seen whole = extract(archive, 1, false, "", nullptr);
+  for (size_t at = 700; at < archive.size(); at += archive.size() / 23) {
+    const std::string cut = archive.substr(0, at);
+    expectSame(extract(cut, 1, false, "", nullptr), extract(cut, 4, false, "", nullptr),
+               "cut at " + std::to_string(at));
+  }
+  for (size_t at = 1; at < whole.events.size(); at += 29) {
+    const auto throwing = [at](RowEvent& event) { event.throwAt = at; };
+    const auto aborting = [at](RowEvent& event) { event.abortAt = at; };
+    expectSame(extract(archive, 1, false, "", throwing), extract(archive, 4, false, "", throwing),
+               "thrown at " + std::to_string(at));
+    expectSame(extract(archive, 1, false, "", aborting), extract(archive, 4, false, "", aborting),
+               "aborted at " + std::to_string(at));
+  }
+}
+
+}  // namespace
+}  // namespace morvane::testing
