@@ -25,8 +25,8 @@ class MORVANE_API ProgressEvent {
   // `percent` runs from 0 to ClsBase's PercentScale and never decreases. Sent only when the total work is
   // known.
   virtual void onProgress(int percent, bool& abort);
-  // Sent once before the first onProgress: how many bytes the whole of PercentScale stands for, of the archive
-  // when reading, of the sources when writing.
+  // Sent once before the first onProgress: how many bytes the whole of PercentScale stands for, of the
+  // archive when reading, of the sources when writing.
   virtual void onTotal(long long bytes);
   // A named piece of information, both texts UTF-8 and valid during the call.
   virtual void onInfo(const char* name, const char* value);
