@@ -5,6 +5,7 @@
 
 #include <cerrno>
 
+#include "tar/format/EntryPath.h"
 #include "tar/format/Member.h"
 #include "tar/format/ShownMember.h"
 
@@ -133,6 +134,8 @@ Placed MemberPlacer::place(const Member& member, const Io& io) {
     finishTarget(io);
     m_links.clear();
   }
+  // What is no directory may take an empty one's place.
+  if (m_behind && !member.isDirectory) m_behind->forgetOwnDirectory(cleanPath(m_path.entryPath().str()));
   if (restored().link) m_links.replaceWaiting(m_path.entryPath().str());
   const Outcome outcome = isKeptAsNewer(member, io) ? Outcome::Exists : make(member, io, placed);
   if (restored().link) {

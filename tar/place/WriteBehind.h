@@ -41,6 +41,7 @@ class WriteBehind {
 
   // A directory that the run has made, or that was empty when it began: "" for the target.
   void noteOwnDirectory(const std::string& path) { m_ownDirectories.insert(hashOf(path)); }
+  void forgetOwnDirectory(const std::string& path) { m_ownDirectories.erase(hashOf(path)); }
   bool isOwnDirectory(const std::string& path) const { return m_ownDirectories.count(hashOf(path)) > 0; }
   // Whether the path, or one that it lies below, is that of a file under way. A wrong yes is possible, and
   // does no harm.
