@@ -59,12 +59,12 @@ class ExtractEvent : public MemberEvent {
     MemberEvent::onInfo(name, value);
     const std::string_view what(name);
     if (what == "refused" || what == "uncreatable" || what == "incomplete" || what == "timesNotSet") {
-      if (what != "timesNotSet") drop();
+      if (what != "timesNotSet") dropIf(value);
       m_report.problem(value, (what == "refused" ? "refused: " : "") + failureReason(m_tar));
       return;
     }
     if (what == "exists" || what == "kept") {
-      drop();
+      dropIf(value);
       if (what == "exists") m_report.problem(value, "it is there already, and is kept");
       return;
     }
@@ -80,6 +80,11 @@ class ExtractEvent : public MemberEvent {
   }
 
  private:
+  // What is told may be about a member before this one, which workers could not make.
+  void dropIf(const char* entryPath) {
+    if (m_entryPath == entryPath) drop();
+  }
+
   void onSelected(const TarMemberInfo& member) override {
     // Skipped here, so that it is named in the command's own words.
     m_isTooLong = std::strlen(member.entryPath) > morvane::ExtractTarget::kLongestPath;
@@ -88,6 +93,7 @@ class ExtractEvent : public MemberEvent {
       return;
     }
     m_path = member.path;
+    m_entryPath = member.entryPath;
     // FIFOs and devices of strangers are not made.
     const bool isSpecial = member.typeFlag == '3' || member.typeFlag == '4' || member.typeFlag == '6';
     m_isEmptied = isSpecial && m_line.untrusted;
@@ -118,7 +124,7 @@ class ExtractEvent : public MemberEvent {
   ClsTar& m_tar;
   // Of the member that is being looked at.
   bool m_isTooLong = false;
-  std::string m_path;
+  std::string m_path, m_entryPath;
   bool m_isEmptied = false;
   bool m_slashesNamed = false;
   // Only with --strip-paths, where names meet that were apart.

@@ -32,6 +32,8 @@ class ConfinedDir : public ConfinedWalk {
   // Makes one where its parents are there and nothing is in the way: a descriptor, or -1 for anything else.
   // Logs nothing and may be called by several threads at a time, for paths that `mayBeMade`.
   int createNew(const std::string& path, unsigned mode);
+  // Takes such a file back.
+  void removeNew(const std::string& path) { removeBeneath(path); }
   bool mayBeMade(const std::string& path) { return isConfinable(path); }
   // Makes a directory. A directory that is there stays; so does a link to one inside the target where links
   // are allowed. `made` tells which it is, and whether it is new; it is left alone for the target itself.

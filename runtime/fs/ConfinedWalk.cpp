@@ -227,6 +227,13 @@ int ConfinedWalk::createBeneath(const std::string& path, int flags, unsigned mod
   return -1;
 }
 
+void ConfinedWalk::removeBeneath(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  const std::string parent = slash == std::string::npos ? "." : path.substr(0, slash);
+  const OsFile opened(openResolved(m_target.fd(), parent.c_str(), kPathOnly, 0));
+  if (opened.isOpen()) unlinkat(opened.fd(), path.c_str() + (slash == std::string::npos ? 0 : slash + 1), 0);
+}
+
 // The directory that the first `count` parts name, resolved beneath the base; with O_NOFOLLOW as the last
 // flags no link is passed at all. -1 with errno. A path that is longer than the kernel takes is opened in
 // pieces of whole parts, each beneath the one before. A link in a later piece that leads up past its

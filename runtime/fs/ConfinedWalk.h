@@ -89,6 +89,8 @@ class ConfinedWalk {
   // A new file whose parents are there: a descriptor, or -1 with errno when anything about it needs a closer
   // look. `flags` are those of the open.
   int createBeneath(const std::string& path, int flags, unsigned mode);
+  // Removes a file by its name, where its parents can be opened; says nothing.
+  void removeBeneath(const std::string& path);
   // Whether the leaf is a link that leads to a directory which members may be put into.
   bool isDirectoryInside(const Place& place);
   // Whether an errno says that a way led out of the target, or could not be passed as a directory.

@@ -38,4 +38,18 @@ void Member::exchangeHeader(TarHeader& header) {
   header.exchangeTexts(path, linkPath, userName, groupName);
 }
 
+void Member::copyPlain(const Member& other) {
+  typeFlag = other.typeFlag;
+  isDirectory = other.isDirectory;
+  userName = other.userName;
+  groupName = other.groupName;
+  mode = other.mode;
+  uid = other.uid;
+  gid = other.gid;
+  size = other.size;
+  mtime = other.mtime;
+  atime = other.atime;
+  ctime = other.ctime;
+}
+
 }  // namespace morvane

@@ -48,6 +48,9 @@ struct Member {
   void copyHeader(const TarHeader& header);
   void exchangeHeader(TarHeader& header);
 
+  // What an ordinary file is made of: nothing that it has beside kind, owner, mode, size and times.
+  void copyPlain(const Member& other);
+
   // A directory has no data to extract, whatever its header states.
   long long dataSize() const { return isDirectory ? 0 : size; }
   // The size of the file that it is, holes included.

@@ -292,8 +292,7 @@ void MemberPlacer::finish(const Io& io) {
 // run ends in an exception.
 void MemberPlacer::finishQuietly() noexcept {
   try {
-    if (m_behind) m_behind->waitForAll();
-    m_behind.reset();
+    finishBehind();
     LogNull unwanted;
     finishTarget(Io(unwanted));
   } catch (...) {  // out of memory: there is nothing more that could be done

@@ -139,14 +139,14 @@ class MemberPlacer {
   // keeps it meanwhile.
   Placed placeAgain(const WriteBehind::File& file, const Io& io);
   struct Current {
-    std::string path;
+    MemberPath path;
     bool isRenamed, linkIsGiven;
   };
-  Current current() const { return {m_path.entryPath().str(), m_isRenamed, m_linkIsGiven}; }
-  void goBackTo(const Current& current) {
-    m_path.rename(current.path, settings());
-    m_isRenamed = current.isRenamed;
-    m_linkIsGiven = current.linkIsGiven;
+  Current setAside();
+  void goBackTo(Current current);
+  // Nothing more is done again: the run has failed at one.
+  void dropUndone() {
+    if (m_behind) m_behind->waitForAll();
   }
 
   // Of the member that was set last; good until the next one.
@@ -181,6 +181,8 @@ class MemberPlacer {
   const KeptParts& restored() const { return m_restorer.parts(); }
   bool isKeptAsNewer(const Member& member, const Io& io);
   bool goesOnWithout(ExtractTarget::Outcome outcome) const;
+  bool mayWriteBehind() const;
+  void finishBehind();
   bool mayGoBehind(const Member& member, const std::string& path);
   void noteOwnDirectory(const ConfinedDir::MadeDirectory& made);
 
@@ -194,7 +196,8 @@ class MemberPlacer {
   RunLimits m_limits;
   MetadataRestorer m_restorer;
   LinkTable m_links;
-  std::unique_ptr<WriteBehind> m_behind;  // null: everything is written in its turn. Gone before m_target
+  Confine m_behindConfine = Confine::Off;  // as it was when the run began
+  std::unique_ptr<WriteBehind> m_behind;   // null: everything is written in its turn. Gone before m_target
   // Of the current member.
   TarMember m_shown;                                // as the event may change it
   bool m_isRenamed = false, m_linkIsGiven = false;  // the event changed its path / where it leads

@@ -168,22 +168,25 @@ timespec MetadataRestorer::accessTimeOf(const Member& member) {
   return member.atime.known ? member.atime.fileTime().toTimespec() : access;
 }
 
-bool MetadataRestorer::plan(const Member& member, FileSettlement& settlement) {
+bool MetadataRestorer::isPlain(const Member& member) {
   const bool hasMore = !member.attributes.empty() || !member.accessList.empty();
   const bool hasSetId = (member.mode & FileMetadata::kSetIds) != 0;
   if (((m_parts.xattr || m_parts.all) && hasMore) || (m_parts.fullMode && hasSetId)) return false;
-  settlement = FileSettlement();
+  return !m_parts.owner || (uidOf(member) != kNoId && gidOf(member) != kNoId);
+}
+
+FileSettlement MetadataRestorer::plan(const Member& member) {
+  FileSettlement settlement;
   settlement.setsOwner = m_parts.owner;
-  settlement.uid = uidOf(member);
-  settlement.gid = gidOf(member);
-  if (m_parts.owner && (settlement.uid == kNoId || settlement.gid == kNoId)) return false;
+  settlement.uid = m_parts.owner ? uidOf(member) : 0;
+  settlement.gid = m_parts.owner ? gidOf(member) : 0;
   settlement.setsMode = m_parts.mode && !wasMadeWithItsMode(member);
   settlement.mode = member.mode & FileMetadata::kAllBits;
   if (!m_parts.fullMode) settlement.mode &= FileMetadata::kPermissions & ~m_umask;
   settlement.setsTimes = m_parts.time;
   settlement.access = accessTimeOf(member);
   settlement.modification = member.mtime.fileTime().toTimespec();
-  return true;
+  return settlement;
 }
 
 void MetadataRestorer::setTimes(int fd, const Member& member, const XString& entryPath, const Io& io) {

@@ -35,9 +35,10 @@ class MetadataRestorer {
   // The mode to make a directory with, until it is settled.
   unsigned directoryModeToMake() const { return m_parts.mode ? 0700 : 0777; }
 
-  // The same for an ordinary file, to be set by whoever closes it. False where it is more than that:
-  // attributes, set-id bits, an owner that is none. Behind modeToMake of the same member.
-  bool plan(const Member& member, FileSettlement& settlement);
+  // Whether a file gets no more than owner, mode and times, and none of them out of the ordinary; and what
+  // these are, to be set by whoever closes it. The second behind modeToMake of the same member.
+  bool isPlain(const Member& member);
+  FileSettlement plan(const Member& member);
   // Sets everything of a file, link or special file that is open as `fd`. `entryPath` is for messages. Of a
   // directory, the descriptor must be an ordinary one; a link's may be O_PATH.
   void settle(int fd, const Member& member, const XString& entryPath, const Io& io);

@@ -1,6 +1,8 @@
 // The placer's part in writing behind: which members are handed over, and what has to be waited for.
 #include <climits>
+#include <utility>
 
+#include "runtime/log/LogNull.h"
 #include "tar/format/EntryPath.h"
 #include "tar/place/MemberPlacer.h"
 
@@ -10,19 +12,25 @@ namespace morvane {
 // single steps: a verbose log, UntarMaxCount.
 void MemberPlacer::beginBehind(const Io& io) {
   m_behind.reset();
-  const ReadSettings& now = settings();
-  const long long threads = now.options.codec.threads;
+  m_behindConfine = settings().options.confine;
+  const long long threads = settings().options.codec.threads;
   const unsigned workers = threads == 1 ? 0 : workerCount(threads);
-  const bool mayWrite = workers > 0 && restored().any() && now.options.existing == ExistingFiles::Replace &&
-                        !io.log.verbose() && !now.untarDebugLog && now.untarMaxCount == 0 &&
-                        !now.untarDiscardPaths;
-  if (mayWrite) m_behind = std::make_unique<WriteBehind>(workers);
+  if (workers > 0 && restored().any() && !io.log.verbose()) m_behind = std::make_unique<WriteBehind>(workers);
+}
+
+// As the words and properties are now: a callback may have set any.
+bool MemberPlacer::mayWriteBehind() const {
+  const ReadSettings& now = settings();
+  return m_behind && now.options.existing == ExistingFiles::Replace &&
+         now.options.confine == m_behindConfine && !now.untarDebugLog && now.untarMaxCount == 0 &&
+         !now.untarDiscardPaths;
 }
 
 // A link may lead to what is under way, or stand in the way of it; so may a file that is made in its turn.
 // Directories and symbolic links are met by path alone.
 bool MemberPlacer::hasToWait(const Member& member) {
   if (!m_behind || m_behind->isEmpty()) return false;
+  if (!mayWriteBehind()) return true;
   const std::string path = cleanPath(m_path.entryPath().str());
   if (m_target.isElsewhere(m_path) || m_behind->meets(path)) return true;
   if (member.isDirectory) return false;
@@ -30,31 +38,37 @@ bool MemberPlacer::hasToWait(const Member& member) {
   return !mayGoBehind(member, path);
 }
 
-// An ordinary file of little data, in a directory of the run's own. Nothing is asked of the disk.
+// An ordinary file of little data, in a directory of the run's own. Nothing is asked of the disk. What would
+// fail by its name alone is left to its turn, and so is what the restorer has more to do with than owner,
+// mode and times.
 bool MemberPlacer::mayGoBehind(const Member& member, const std::string& path) {
+  constexpr size_t kLongestName = 255, kLongestOwner = 1024;
   const bool isFile = member.typeFlag == kTypeRegular || member.typeFlag == kTypeOldRegular;
-  if (!isFile || member.isDirectory || member.size > WriteBehind::kMostBytes || member.sparse.isSparse() ||
-      member.sparseIsWrong)
-    return false;
-  if (path != m_path.entryPath().str() || path.size() >= PATH_MAX || m_behind->isOwnDirectory(path))
+  const bool isPlain = isFile && !member.isDirectory && member.size <= WriteBehind::kMostBytes &&
+                       !member.sparse.isSparse() && !member.sparseIsWrong;
+  if (!isPlain || member.userName.size() > kLongestOwner || member.groupName.size() > kLongestOwner)
     return false;
   const size_t slash = path.rfind('/');
-  return m_behind->isOwnDirectory(slash == std::string::npos ? "" : path.substr(0, slash));
+  const size_t leaf = slash == std::string::npos ? 0 : slash + 1;
+  if (slash == std::string::npos || path.size() - leaf > kLongestName || path.size() >= PATH_MAX)
+    return false;
+  return path == m_path.entryPath().str() && m_behind->isOwnDirectory(path.substr(0, slash)) &&
+         !m_behind->isOwnDirectory(path) && m_restorer.isPlain(member);
 }
 
-// What the restorer has more to do with than owner, mode and times is made in its turn.
 WriteBehind::File* MemberPlacer::fileBehind(const Member& member) {
   const std::string& path = m_path.entryPath().str();
   ConfinedDir* const target = m_target.confined();
-  if (!m_behind || !target || m_target.isElsewhere(m_path) || !mayGoBehind(member, path) ||
+  if (!mayWriteBehind() || !target || m_target.isElsewhere(m_path) || !mayGoBehind(member, path) ||
       !target->mayBeMade(path))
     return nullptr;
   WriteBehind::File& file = m_behind->next();
   file.mode = m_restorer.modeToMake(member, m_target.handsOnGroup());
-  if (!m_restorer.plan(member, file.settlement)) return nullptr;
+  file.settlement = m_restorer.plan(member);
   file.target = target;
   file.path = path;
-  file.member = member;
+  file.targetDir = m_path.targetDir();
+  file.member.copyPlain(member);
   file.data.clear();
   return &file;
 }
@@ -71,12 +85,38 @@ void MemberPlacer::submitBehind() {
 }
 
 Placed MemberPlacer::placeAgain(const WriteBehind::File& file, const Io& io) {
+  m_path = MemberPath(file.targetDir);
   m_path.rename(file.path, settings());
   m_isRenamed = true;  // what became of its stored name was noted in its turn
   return place(file.member, io);
 }
 
-// The target itself counts as the run's own while there is nothing in it.
+MemberPlacer::Current MemberPlacer::setAside() {
+  return {std::exchange(m_path, MemberPath()), m_isRenamed, m_linkIsGiven};
+}
+
+void MemberPlacer::goBackTo(Current current) {
+  m_path = std::move(current.path);
+  m_isRenamed = current.isRenamed;
+  m_linkIsGiven = current.linkIsGiven;
+}
+
+// For a run that an exception ends: what was chosen before it is made, and nobody hears of it.
+void MemberPlacer::finishBehind() {
+  LogNull unwanted;
+  const Io quiet(unwanted);
+  Current current = setAside();
+  while (const WriteBehind::File* const file = nextUndone(true)) {
+    const Placed placed = placeAgain(*file, quiet);
+    if (!placed.file) continue;
+    const auto* const bytes = reinterpret_cast<const char*>(file->data.getData2());
+    const bool isWritten = placed.out->writeBytesPM(bytes, file->data.getSize(), nullptr, unwanted);
+    settle(file->member, *placed.out, *placed.file, isWritten, {}, quiet);
+  }
+  goBackTo(std::move(current));
+  m_behind.reset();
+}
+
 void MemberPlacer::noteOwnDirectory(const ConfinedDir::MadeDirectory& made) {
   if (m_behind && made.isNew && made.isKnown) m_behind->noteOwnDirectory(cleanPath(m_path.entryPath().str()));
 }

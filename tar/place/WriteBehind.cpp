@@ -2,8 +2,8 @@
 // or a full disk are met again by whoever does it in order.
 #include "tar/place/WriteBehind.h"
 
+#include <algorithm>
 #include <cerrno>
-#include <string_view>
 
 namespace morvane {
 
@@ -27,28 +27,20 @@ bool writeWhole(const OsFile& file, const unsigned char* bytes, size_t n) {
 
 WriteBehind::WriteBehind(unsigned workers) : m_underWay(kFiles), m_ring(workers, kFiles) {}
 
-// FNV-1a.
-unsigned long long WriteBehind::hashOf(std::string_view path) {
-  unsigned long long hash = 0xCBF29CE484222325ULL;
-  for (const char c : path) hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001B3ULL;
-  return hash;
-}
-
 bool WriteBehind::meets(const std::string& path) const {
   const unsigned count = m_ring.underWay();
-  for (size_t end = path.find('/'); count > 0; end = path.find('/', end + 1)) {
-    const unsigned long long hash = hashOf(std::string_view(path).substr(0, end));
-    for (unsigned i = 0; i < count; ++i) {
-      if (m_underWay[(m_oldest + i) % m_underWay.size()] == hash) return true;
-    }
-    if (end == std::string::npos) return false;
+  for (unsigned i = 0; i < count; ++i) {
+    const std::string& other = m_underWay[(m_oldest + i) % m_underWay.size()];
+    const bool isAtOrAbove = path.compare(0, other.size(), other) == 0 &&
+                             (path.size() == other.size() || path[other.size()] == '/');
+    if (isAtOrAbove) return true;
   }
   return false;
 }
 
 void WriteBehind::submit() {
   File& file = m_ring.next();
-  m_underWay[(m_oldest + m_ring.underWay()) % m_underWay.size()] = hashOf(file.path);
+  m_underWay[(m_oldest + m_ring.underWay()) % m_underWay.size()] = file.path;
   file.isDone = false;
   m_ring.submit(file.data.getSize() + 4096);
 }
@@ -57,7 +49,11 @@ WriteBehind::File* WriteBehind::nextUndone(bool waitsForAll) {
   while (!m_ring.isEmpty() && (waitsForAll || m_ring.isFull() || m_ring.oldestIsDone())) {
     File& file = m_ring.take();
     m_oldest = (m_oldest + 1) % m_underWay.size();
-    if (!file.isDone) return &file;
+    const bool isToBeDoneAgain = m_again > 0;
+    if (isToBeDoneAgain) --m_again;
+    if (file.isDone && !isToBeDoneAgain) continue;
+    m_again = std::max(m_again, m_ring.underWay());
+    return &file;
   }
   return nullptr;
 }
@@ -69,8 +65,11 @@ void WriteBehind::waitForAll() {
 
 void WriteBehind::File::work() {
   OsFile made(target->createNew(path, mode));
-  isDone = made.isOpen() && writeWhole(made, data.getData2(), data.getSize()) &&
-           settlement.apply(made.fd()) && made.close() == 0;
+  if (!made.isOpen()) return;
+  isDone =
+      writeWhole(made, data.getData2(), data.getSize()) && settlement.apply(made.fd()) && made.close() == 0;
+  // Half of a file would pass for one if nobody came back to it.
+  if (!isDone) target->removeNew(path);
 }
 
 }  // namespace morvane

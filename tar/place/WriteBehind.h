@@ -13,6 +13,7 @@
 #include "runtime/buffer/DataBuffer.h"
 #include "runtime/fs/ConfinedDir.h"
 #include "runtime/parallel/OrderedRing.h"
+#include "runtime/text/XString.h"
 #include "tar/format/Member.h"
 #include "tar/place/FileSettlement.h"
 
@@ -32,19 +33,21 @@ class WriteBehind {
     unsigned mode = 0;
     FileSettlement settlement;
     DataBuffer data;
-    Member member;  // for doing it again
+    // For doing it again: the target, and of the member what a plain file needs.
+    XString targetDir;
+    Member member;
     bool isDone = false;
   };
 
   // `workers` is not 0.
   explicit WriteBehind(unsigned workers);
 
-  // A directory that the run has made, or that was empty when it began: "" for the target.
-  void noteOwnDirectory(const std::string& path) { m_ownDirectories.insert(hashOf(path)); }
-  void forgetOwnDirectory(const std::string& path) { m_ownDirectories.erase(hashOf(path)); }
-  bool isOwnDirectory(const std::string& path) const { return m_ownDirectories.count(hashOf(path)) > 0; }
-  // Whether the path, or one that it lies below, is that of a file under way. A wrong yes is possible, and
-  // does no harm.
+  // A directory that the run has made: nothing is in it but what the run puts there.
+  void noteOwnDirectory(const std::string& path) { m_ownDirectories.insert(path); }
+  // Something else has been put in its place.
+  void forgetOwnDirectory(const std::string& path) { m_ownDirectories.erase(path); }
+  bool isOwnDirectory(const std::string& path) const { return m_ownDirectories.count(path) > 0; }
+  // Whether the path, or one that it lies below, is that of a file under way.
   bool meets(const std::string& path) const;
 
   // The file to be filled in and handed over, where there is room.
@@ -53,18 +56,18 @@ class WriteBehind {
   bool isFull() const { return m_ring.isFull(); }
   bool isEmpty() const { return m_ring.isEmpty(); }
   // The oldest file that is not done though it was its turn, or null: of all, for which it waits, or of those
-  // that need no waiting. Good until the next call.
+  // that need no waiting. Good until the next call. What was handed in behind such a file counts as not done
+  // either, because it may have been made before what it was to replace.
   File* nextUndone(bool waitsForAll);
   // Waits until nothing is under way; what is not done is left so.
   void waitForAll();
 
  private:
-  static unsigned long long hashOf(std::string_view path);
-
-  std::unordered_set<unsigned long long> m_ownDirectories;
-  // Of the paths of files under way, in their order: the oldest stands at m_oldest.
-  std::vector<unsigned long long> m_underWay;
+  std::unordered_set<std::string> m_ownDirectories;
+  // The paths of files under way, in their order: the oldest stands at m_oldest.
+  std::vector<std::string> m_underWay;
   size_t m_oldest = 0;
+  unsigned m_again = 0;  // so many of the oldest are to be done again
   RingOf<File> m_ring;
 };
 

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "runtime/base/ByteArrayOwner.h"
+#include "runtime/log/HeldLog.h"
 #include "tar/format/MemberReader.h"
 #include "tar/place/MemberPlacer.h"
 #include "tar/read/ArchiveCursor.h"
@@ -78,11 +79,12 @@ class UntarRun {
   bool couldNotMake(Placed::Result result, bool isDirectory);
   // From the source into a member's new file, which is then settled.
   bool copyToFile(FileToFill to, bool& leftOut);
-  FileEnd fillFile(_mvDataSource& source, const Member& member, FileToFill to, long long size, const Io& io);
+  FileEnd fillFile(_mvDataSource& source, const Member& member, FileToFill to, const Io& io);
   // Into a file that workers make; and what they could not make, done in the ordinary way.
   bool copyBehind(WriteBehind::File& file);
   bool doUndone(bool waitsForAll);
-  bool doAgain(const WriteBehind::File& file, bool isComplete);
+  bool doAgain(const WriteBehind::File& file);
+  void leavePartOf(const WriteBehind::File& file);
   bool failWith(const char* message, const char* tag, const XString& value);
   Step passOver(long long upTo);
   Step failAborted();
@@ -102,6 +104,7 @@ class UntarRun {
   // Made once, for all members.
   ByteArrayOwner m_copyBuffer;
   unsigned m_copyBufferSize = 0;
+  HeldLog m_held;  // what reading a file's data says, until earlier files have had their say
 
   // The cursor is where bytes were read to; the position is what headers say.
   ArchiveCursor m_cursor;

@@ -1,8 +1,10 @@
 // The run's members on their way to the disk: made in their turn, or handed to workers, and what workers
 // could not do done again.
+#include "runtime/base/ScopeExit.h"
 #include "runtime/io/OutputDataBuffer.h"
 #include "runtime/io/_mvMemoryDataSource.h"
 #include "runtime/log/LogContextExitor.h"
+#include "runtime/log/LogNull.h"
 #include "tar/read/UntarRun.h"
 
 namespace morvane {
@@ -55,7 +57,7 @@ bool UntarRun::couldNotMake(Placed::Result result, bool isDirectory) {
 // time and, where it is known, the access time can be set. A file that failed for a reason of its own has had
 // its data taken, so that the cursor stands right.
 bool UntarRun::copyToFile(FileToFill to, bool& leftOut) {
-  const FileEnd end = fillFile(m_context.source, m_member, std::move(to), m_member.size, m_io);
+  const FileEnd end = fillFile(m_context.source, m_member, std::move(to), m_io);
   if (!end.isWhole && !end.hasFailedAlone)
     return failWith(kCannotExtract, "filePath", m_placer.path().outputPath());
   m_cursor.passed(m_member.size);
@@ -63,53 +65,73 @@ bool UntarRun::copyToFile(FileToFill to, bool& leftOut) {
   return m_placer.noteEnd(end, m_io);
 }
 
-FileEnd UntarRun::fillFile(_mvDataSource& source, const Member& member, FileToFill to, long long size,
-                           const Io& io) {
+FileEnd UntarRun::fillFile(_mvDataSource& source, const Member& member, FileToFill to, const Io& io) {
   const MorvaneFileTime modification = member.mtime.fileTime(), access = member.atime.fileTime(),
                         creation = member.ctime.fileTime();
   MemberTimes times;
   times.modification = &modification;
   if (member.atime.known) times.access = &access;
   if (member.ctime.known) times.creation = &creation;
-  return extractToFile(source, std::move(to), times, size, m_copyBuffer.get(), m_copyBufferSize, io,
+  return extractToFile(source, std::move(to), times, member.size, m_copyBuffer.get(), m_copyBufferSize, io,
                        [&](FileToFill& filled, bool isComplete) {
                          return m_placer.settle(member, *filled.out, *filled.file, isComplete, times, io);
                        });
 }
 
-// The data are read here, with the events and lines that reading has; only then the file is begun. Of data
-// that end too soon the file gets what there was, as always.
+// The data are read here, with the events that reading has; only then the file is begun. Of data that end too
+// soon the file gets what there was, as always, and the lines about them come behind those about earlier
+// files.
 bool UntarRun::copyBehind(WriteBehind::File& file) {
+  m_held.beginLike(m_log);
   bool isComplete = false;
   {
-    LogContextExitor context(m_log, "extractToFile");
+    // An exception of a callback leaves what came, too.
+    ScopeExit leavePart([&] {
+      if (!isComplete) leavePartOf(file);
+    });
     OutputDataBuffer out(file.data);
     isComplete = m_context.source.copyNToOutput2PM(out, m_member.size, m_copyBuffer.get(), m_copyBufferSize,
-                                                   m_io.monitor, m_log);
+                                                   m_io.monitor, m_held);
   }
   if (!isComplete) {
-    (void)doAgain(file, false);
-    return failWith(kCannotExtract, "filePath", m_placer.path().outputPath());
+    LogContextExitor context(m_log, "extractToFile");
+    m_held.tellTo(m_log);
   }
+  if (!isComplete) return failWith(kCannotExtract, "filePath", m_placer.path().outputPath());
   m_cursor.passed(m_member.size);
   m_placer.submitBehind();
   return doUndone(false);
 }
 
-// The member that the run is at is gone on with afterwards.
+// As far as its data came, with no time of its own. Why they ended is told by the caller.
+void UntarRun::leavePartOf(const WriteBehind::File& file) {
+  if (!doUndone(true)) return;
+  LogNull unwanted;
+  const Io quiet(unwanted);
+  MemberPlacer::Current current = m_placer.setAside();
+  Placed placed = m_placer.placeAgain(file, quiet);
+  if (placed.file) {
+    _mvMemoryDataSource source;
+    source.initializeMemSource(file.data.getData2(), file.data.getSize());
+    fillFile(source, file.member, {std::move(placed.out), placed.file}, quiet);
+  }
+  m_placer.goBackTo(std::move(current));
+}
+
+// The member that the run is at is gone on with afterwards. Behind a failure nothing more is done again.
 bool UntarRun::doUndone(bool waitsForAll) {
   const WriteBehind::File* file = m_placer.nextUndone(waitsForAll);
   if (!file) return true;
-  const MemberPlacer::Current current = m_placer.current();
-  for (; file; file = m_placer.nextUndone(waitsForAll)) {
-    if (!doAgain(*file, true)) return false;
-  }
-  m_placer.goBackTo(current);
-  return true;
+  MemberPlacer::Current current = m_placer.setAside();
+  bool ok = true;
+  for (; file && ok; file = m_placer.nextUndone(waitsForAll)) ok = doAgain(*file);
+  if (!ok) m_placer.dropUndone();
+  m_placer.goBackTo(std::move(current));
+  return ok;
 }
 
 // From memory, and without a monitor: progress was told as the data were read. It was counted as made.
-bool UntarRun::doAgain(const WriteBehind::File& file, bool isComplete) {
+bool UntarRun::doAgain(const WriteBehind::File& file) {
   const Io io(m_log, nullptr, m_io.event);
   Placed placed = m_placer.placeAgain(file, io);
   if (placed.result == Placed::Result::LeftOut) {
@@ -119,9 +141,7 @@ bool UntarRun::doAgain(const WriteBehind::File& file, bool isComplete) {
   if (placed.result != Placed::Result::Made) return couldNotMake(placed.result, false);
   _mvMemoryDataSource source;
   source.initializeMemSource(file.data.getData2(), file.data.getSize());
-  const FileEnd end =
-      fillFile(source, file.member, {std::move(placed.out), placed.file}, file.data.getSize(), io);
-  if (!isComplete) return false;
+  const FileEnd end = fillFile(source, file.member, {std::move(placed.out), placed.file}, io);
   if (!end.isWhole && !end.hasFailedAlone)
     return failWith(kCannotExtract, "filePath", m_placer.path().outputPath());
   if (!end.isWhole) --m_count;

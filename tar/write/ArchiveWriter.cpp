@@ -100,7 +100,7 @@ bool ArchiveWriter::writeTree(const DirRoot& root, XString& curDirRootPath) {
   while (!walk.isDone()) {
     if (ahead) {
       m_found = ahead->enter();
-      if (mayOpenEarly()) ahead->lookAhead(walk.tree(), m_run.settings.options.store.xattr);
+      if (mayOpenEarly()) ahead->lookAhead(walk.tree());
     }
     const SourcePlace place = walk.place();
     walk.nameMember(m_run.settings.dirPrefix, pathInTar);
@@ -189,7 +189,7 @@ bool ArchiveWriter::examine(const SourcePlace& place, mvFileInfo& info) {
   }
   const bool mayOpen = mayOpenEarly();
   if (mayOpen && m_found && m_found->isThere) {
-    m_source.take(place, *m_found, info);
+    m_source.take(*m_found, info);
     return true;
   }
   return m_source.examine(place, mayOpen, info, m_log);

@@ -2,8 +2,6 @@
 // the ordinary way to find and to tell.
 #include "tar/write/ReadAhead.h"
 
-#include <cerrno>
-
 #include "runtime/fs/ClsDirTree.h"
 
 namespace morvane {
@@ -26,7 +24,7 @@ ReadAhead::Found* ReadAhead::enter() {
 
 // Up to the next directory, which the walk goes into first. What is no regular file is passed over here.
 // Refilled only when half of it is used up, so that threads are not woken for each file.
-void ReadAhead::lookAhead(const ClsDirTree& tree, bool keepsOpen) {
+void ReadAhead::lookAhead(const ClsDirTree& tree) {
   if (m_ring.underWay() > kFiles / 2) return;
   while (!m_ring.isFull() && m_entries.size() < 2 * kFiles) {
     bool isRegular = false;
@@ -37,34 +35,30 @@ void ReadAhead::lookAhead(const ClsDirTree& tree, bool keepsOpen) {
     Job& job = m_ring.next();
     job.directory = tree.currentDirectory();
     job.name = name;
-    job.keepsOpen = keepsOpen;
     m_ring.submit(kMostBytes / 4);
   }
 }
 
+// Nothing stays open: a process may have few files open, and of a file that was not read whole little is lost
+// by opening it again.
 void ReadAhead::Job::work() {
   found.isThere = found.isWhole = false;
-  found.file.reset(osOpenSource(directory, name.c_str()));
+  const OsFile file(osOpenSource(directory, name.c_str()));
   struct stat status;
-  if (!found.file.isOpen() || found.file.status(status) != 0 || !S_ISREG(status.st_mode)) {
-    found.file.close();
-    return;
-  }
+  if (!file.isOpen() || file.status(status) != 0 || !S_ISREG(status.st_mode)) return;
   found.info.setFromStatus(status);
   found.isThere = true;
-  // Holes are looked for in the open file, and attributes read from it.
-  const bool isPlain = found.info.m_size <= kMostBytes && found.info.m_storedSize >= found.info.m_size;
-  if (isPlain && !keepsOpen) read();
+  // Holes are looked for in the open file.
+  if (found.info.m_size <= kMostBytes && found.info.m_storedSize >= found.info.m_size) read(file);
 }
 
 // One byte more is asked for: a read that stops in front of it has met the end. A file that has changed, or
 // cannot be read, is read in its turn.
-void ReadAhead::Job::read() {
+void ReadAhead::Job::read(const OsFile& file) {
   if (!found.bytes) found.bytes.reset(new char[kMostBytes + 1]);
   const auto size = static_cast<size_t>(found.info.m_size);
-  const ssize_t got = found.file.readSomeAt(found.bytes.get(), size + 1, 0);
+  const ssize_t got = file.readSomeAt(found.bytes.get(), size + 1, 0);
   found.isWhole = got >= 0 && static_cast<size_t>(got) == size;
-  if (found.isWhole) found.file.close();
 }
 
 }  // namespace morvane

@@ -20,14 +20,13 @@ class ClsDirTree;
 // One for the walk of a tree, on one thread, and gone before the walk is: workers use its open directories.
 class ReadAhead {
  public:
-  // Files of more bytes are only opened, and read in their turn.
+  // Files of more bytes are only examined, and read in their turn.
   static constexpr unsigned kMostBytes = 64 * 1024;
 
   // What there is of one file.
   struct Found {
-    bool isThere = false;  // a regular file could be opened; else everything waits for its turn
+    bool isThere = false;  // a regular file could be examined; else everything waits for its turn
     mvFileInfo info;
-    OsFile file;                    // open, and not read, unless the bytes are all of it
     bool isWhole = false;           // the file had exactly the bytes that it states
     std::unique_ptr<char[]> bytes;  // info.m_size of them
   };
@@ -38,17 +37,16 @@ class ReadAhead {
   // The walk stands on its next entry: what was found of it, null if it was not looked at. Good until the
   // next call. Called for each entry, in order. Throws std::bad_alloc.
   Found* enter();
-  // Hands in the files that follow the walk's entry. `keepsOpen`: they are wanted open, for their attributes.
-  void lookAhead(const ClsDirTree& tree, bool keepsOpen);
+  // Hands in the files that follow the walk's entry.
+  void lookAhead(const ClsDirTree& tree);
 
  private:
   struct Job : OrderedRing::Job {
     void work() override;
-    void read();
+    void read(const OsFile& file);
 
     int directory = -1;
     std::string name;
-    bool keepsOpen = false;
     Found found;
   };
 

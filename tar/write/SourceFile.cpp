@@ -49,16 +49,12 @@ bool SourceFile::examine(const SourcePlace& place, bool mayOpen, mvFileInfo& inf
   return info.loadFileInfoAt(place.directory, place.name, path, log, place.followsLinks);
 }
 
-// What could not be read whole is open, as if it had been examined here.
-void SourceFile::take(const SourcePlace& place, ReadAhead::Found& found, mvFileInfo& info) {
+// What could not be read whole is opened when its data are wanted.
+void SourceFile::take(const ReadAhead::Found& found, mvFileInfo& info) {
   close();
   info = found.info;
-  m_open = true;
-  if (found.isWhole) {
-    m_wholeBytes = found.bytes.get();
-  } else {
-    m_data.adoptForCopy(std::move(found.file), place.fullPath.getUtf8(), info.m_size);
-  }
+  m_open = found.isWhole;
+  m_wholeBytes = found.isWhole ? found.bytes.get() : nullptr;
 }
 
 // A link that has come to the path since is not followed, and is a failure.
@@ -107,11 +103,12 @@ bool SourceFile::readAttributes(const SourcePlace& place, FileMetadata::Attribut
   const char* const path = place.fullPath.getUtf8();
   OsFile named;
   const int noFollow = place.followsLinks ? 0 : O_NOFOLLOW;
-  if (!m_open) {
+  const bool hasFile = m_open && !m_wholeBytes;
+  if (!hasFile) {
     named.reset(place.directory < 0 ? osOpen(path, O_PATH | noFollow)
                                     : osOpenAt(place.directory, place.name, O_PATH | noFollow));
   }
-  const int fd = m_open ? m_data.descriptor() : named.fd();
+  const int fd = hasFile ? m_data.descriptor() : named.fd();
   const int error = fd < 0 ? errno : FileMetadata::readAttributes(fd, Psdk::isSuperuser(), attributes);
   if (error != 0) logOsError(log, "Failed to read the attributes of the file.", path, error);
   return error == 0;

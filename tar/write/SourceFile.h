@@ -33,7 +33,7 @@ class SourceFile {
   // reason in the log, when the system does not say what it is.
   bool examine(const SourcePlace& place, bool mayOpen, mvFileInfo& info, LogBase& log);
   // The same by what a worker found already. `found` must stay until the next examination.
-  void take(const SourcePlace& place, ReadAhead::Found& found, mvFileInfo& info);
+  void take(const ReadAhead::Found& found, mvFileInfo& info);
   // All of the file's bytes, as many as it states, where they have been read; else null.
   const char* wholeBytes() const { return m_wholeBytes; }
   // Opens the data of what was examined, unless they are open. Never waits for a FIFO.
