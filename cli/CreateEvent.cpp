@@ -8,8 +8,10 @@
 
 #include <cstring>
 
+#include "cli/ArchiveName.h"
 #include "cli/Dates.h"
 #include "cli/Interrupt.h"
+#include "cli/Names.h"
 #include "cli/ReadArchive.h"
 #include "runtime/progress/TarMember.h"
 
@@ -67,13 +69,16 @@ void CreateEvent::onTarMember(morvane::TarMember& member) {
   member.skip = !isWanted(member);
   member.skipBelow = m_nothingBelow || isOnOtherFileSystem(member);
   if (member.skip) return;
+  const bool isChanged = !m_line.changes.transform.isEmpty();
   if (m_line.changes.anyWhenWriting()) m_line.changes.applyWriting(member);
+  if (isChanged) makeNameSafe(member);
   m_isDirectory = member.typeFlag == kDirectory;
   // The component adds the slash later, and it counts.
   const std::string stored = m_isDirectory ? member.path + "/" : member.path;
-  const bool isChanged = !m_line.changes.transform.isEmpty();
+  m_hasBackSlash = stored.find('\\') != std::string::npos;
   const char* const refusal =
-      isChanged && stored.size() > NameTransform::kLongest      ? "its name becomes too long"
+      member.path.empty()                                       ? "its name becomes empty"
+      : isChanged && stored.size() > NameTransform::kLongest    ? "its name becomes too long"
       : m_line.formatToWrite() == "ustar" && !fitsUstar(stored) ? "its name is too long for the ustar format"
                                                                 : nullptr;
   if (refusal) {
@@ -86,7 +91,21 @@ void CreateEvent::onTarMember(morvane::TarMember& member) {
   m_size = member.size;
 }
 
+// A name that --transform made goes by the same rules as one that was given.
+void CreateEvent::makeNameSafe(morvane::TarMember& member) {
+  const ArchiveName stored = archiveNameOf(member.path, m_line.keepNames);
+  if (!stored.removed.empty() && stored.removed != m_lastRemoved) {
+    m_report.notice(member.path, "leading '" + shown(stored.removed) + "' is left off");
+    m_lastRemoved = stored.removed;
+  }
+  member.path = stored.name;
+}
+
 bool CreateEvent::isWanted(const morvane::TarMember& member) {
+  struct stat status;
+  if (m_archive && lstat(member.localPath.c_str(), &status) == 0 && status.st_dev == m_archive->st_dev &&
+      status.st_ino == m_archive->st_ino)
+    return false;
   const bool byGivenPath = !m_line.excludes.empty() || !m_line.matches.empty();
   const std::string given = byGivenPath ? m_sources.givenPath(member.localPath) : member.path;
   m_nothingBelow = isExcluded(member.path, given) || (m_line.maxCount > 0 && m_members >= m_line.maxCount) ||
@@ -174,7 +193,7 @@ void CreateEvent::settle() {
   m_bytes += m_size;
   m_removals.settle();
   // On this system a back slash is a letter of a name; the component stores a slash.
-  if (m_name.find('\\') != std::string::npos) {
+  if (m_hasBackSlash || m_name.find('\\') != std::string::npos) {
     m_removals.drop(m_localPath);
     m_report.problem(m_name, "a back slash cannot be stored; it becomes a slash");
   }

@@ -2,7 +2,10 @@
 // them, what went wrong.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 
@@ -43,12 +46,15 @@ class CreateEvent : public morvane::ProgressEvent {
   void settle();
   // Whether what the component missed is all that was not wanted anyway.
   bool missedOnlyUnwanted() const { return m_unwantedMissed && m_unreadable.empty(); }
+  // The archive's own file, which is not put into it, where the component cannot know it: behind a program.
+  void leaveOut(const struct stat& archive) { m_archive = archive; }
   // What was archived whole, with --remove-files.
   RemoveSources& removals() { return m_removals; }
 
  private:
   // Each is a reason to leave a member out.
   bool isWanted(const morvane::TarMember& member);
+  void makeNameSafe(morvane::TarMember& member);
   bool isExcluded(const std::string& path, const std::string& given) const;
   bool isTooOld(const morvane::TarMember& member) const;
   bool isInCache(const std::string& localPath);
@@ -74,6 +80,9 @@ class CreateEvent : public morvane::ProgressEvent {
   std::string m_name;
   long long m_size = 0;
   bool m_isDirectory = false;
+  bool m_hasBackSlash = false;
+  std::string m_lastRemoved;  // from a changed name
+  std::optional<struct stat> m_archive;
   RemoveSources m_removals;
   long long m_members = 0, m_bytes = 0;
 };

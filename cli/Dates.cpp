@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <cstdlib>
 #include <initializer_list>
 #include <string_view>
@@ -14,7 +15,7 @@ namespace mvtar {
 
 namespace {
 
-constexpr int kHour = 3600, kDay = 24 * kHour;
+constexpr int kHour = 3600, kDay = 24 * kHour, kNoon = 12;
 
 const char* withoutBlanks(const char* text) {
   while (*text == ' ') ++text;
@@ -58,6 +59,11 @@ std::optional<timespec> parseForm(const char* text, const char* form) {
   const char* at = strptime(text, form, &parts);
   if (!at) return std::nullopt;
   const long nanoseconds = parseFraction(at);
+  // A day that the month does not have would be taken for one of the next month.
+  tm day = parts;
+  day.tm_hour = kNoon;
+  day.tm_isdst = -1;
+  if (timegm(&day) == -1 || day.tm_mday != parts.tm_mday) return std::nullopt;
   if (*withoutBlanks(at) == '\0') {
     parts.tm_isdst = -1;
     return timespec{mktime(&parts), nanoseconds};
@@ -80,9 +86,10 @@ std::optional<timespec> parseSeconds(const char* text) {
   char* end = nullptr;
   const char* const digits = text + 1;
   if (*digits == '\0') return std::nullopt;
+  errno = 0;
   timespec time{std::strtoll(digits, &end, 10), 0};
   const char* at = end;
-  if (at == digits) return std::nullopt;
+  if (at == digits || errno == ERANGE) return std::nullopt;
   time.tv_nsec = parseFraction(at);
   if (*at != '\0') return std::nullopt;
   return time;

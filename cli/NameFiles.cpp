@@ -25,7 +25,8 @@ bool readWhole(const std::string& file, std::string& text, Report& report) {
     if (got > 0) text.append(piece, static_cast<size_t>(got));
     if (got < 0 && errno == EINTR && !isInterrupted()) got = 1;
   }
-  if (got < 0) report.problem(isStandardInput ? "standard input" : file, std::strerror(errno));
+  if (got < 0 && !isInterrupted())
+    report.problem(isStandardInput ? "standard input" : file, std::strerror(errno));
   if (fd > STDIN_FILENO) close(fd);
   return got == 0;
 }

@@ -107,6 +107,12 @@ bool NameTransform::addOne(const std::string& expressions, size_t& at, std::stri
   }
   // From here on there is something to be freed.
   step.regex.reset(compiled.release());
+  for (size_t i = 0; i + 1 < step.to.size(); ++i) {
+    if (step.to[i] != '\\') continue;
+    const char c = step.to[++i];
+    if (c >= '1' && c <= '9' && static_cast<size_t>(c - '0') > step.regex->re_nsub)
+      return wrong("there is no group " + std::string(1, c));
+  }
   m_steps.push_back(std::move(step));
   return true;
 }

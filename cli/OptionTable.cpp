@@ -65,9 +65,13 @@ bool compress(Values& values, const char*) {
   return values.setCompression(kCompression);
 }
 
+// Two different ones contradict each other.
 template <Existing kExisting>
 bool whereSomethingIs(Values& values, const char*) {
-  values.line().existing = kExisting;
+  Existing& existing = values.line().existing;
+  if (existing != Existing::Replace && existing != kExisting)
+    return values.wrong("only one of -k, --skip-old-files, --keep-newer-files");
+  existing = kExisting;
   return true;
 }
 
@@ -172,6 +176,7 @@ const Option kOptions[] = {
      text<&CommandLine::prefix>},
     {kNoLetter, "strip-components", kValue, "N", Group::Names, "extract without the first N parts of names",
      with<&Values::setStripComponents>},
+    {kNoLetter, "strip", kValue, "N", Group::Names, nullptr, with<&Values::setStripComponents>},
     {kNoLetter, "strip-paths", kNothing, nullptr, Group::Names, "extract every file straight into the target",
      set<&CommandLine::stripPaths>},
     {kNoLetter, "transform", kValue, "s/RE/TO/", Group::Names, "change names (flags g i x N R S H)",

@@ -137,8 +137,9 @@ bool OptionValues::setFilter(const std::string& program) {
 }
 
 bool OptionValues::setLevel(const std::string& level) {
-  int number = 0;
-  if (!parseNumber(level, number)) return wrong("'" + level + "' is no level");
+  constexpr int kMost = 22;  // zstd's
+  if (!parseNumber(level, m_level) || m_level < 1 || m_level > kMost)
+    return wrong("'" + level + "' is no level");
   m_hasLevel = true;
   return addOptions("Level=" + level);
 }
@@ -281,6 +282,9 @@ bool OptionValues::checkArchive() {
   if (m_twoCompressions) return wrong("only one of -z, -j, -J, --zstd, -I");
   if (mode == Mode::Create && m_compress) return wrong("compress format can be read but not written");
   if (m_hasLevel && mode == Mode::Create && !hasLevels(m_line)) return wrong("--level goes with zstd and xz");
+  constexpr int kMostOfXz = 9;
+  if (m_level > kMostOfXz && m_line.compressionToWrite() == morvane::Compression::Xz)
+    return wrong("levels of xz are 1 to 9");
   if (!m_line.archiveIsGiven && mode == Mode::Deb) return wrong("--deb needs option '-f'");
   const bool changes = mode == Mode::Append || mode == Mode::Update;
   if (changes && m_line.usesStandardStream()) return wrong("-r and -u need option '-f' and a file");
@@ -311,6 +315,8 @@ bool OptionValues::checkModes() {
          only(!m_line.prefix.empty(), writes, "--prefix goes with -c") &&
          only(m_line.stripPaths, !writes, "--strip-paths goes with -x") &&
          only(m_line.toStdout, mode == Mode::Extract, "-O goes with -x") &&
+         only(m_line.changes.clampsTime, m_line.changes.mtime.has_value(),
+              "--clamp-mtime goes with --mtime") &&
          only(m_line.removesFiles, writes, "--remove-files goes with -c") &&
          only(m_line.existing != Existing::Replace, mode == Mode::Extract,
               "-k, --skip-old-files and --keep-newer-files go with -x") &&

@@ -64,6 +64,7 @@ class OptionValues {
   bool m_compress = false;
   bool m_twoCompressions = false;
   bool m_hasLevel = false;
+  int m_level = 0;
   bool m_endsAtNul = false;  // of the -T files that follow
 };
 

@@ -1,4 +1,5 @@
 // mvtar -c, -r and -u: sources into an archive.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -47,10 +48,11 @@ bool writeAs(Compression compression, ClsTar& tar, Place& place, morvane::Progre
 
 // Through a program, which writes into the archive's file or standard output. The archive is whole only if
 // both are: the program's status counts like a failed write.
-bool writeThroughProgram(ClsTar& tar, const CommandLine& line, morvane::ProgressEvent& event,
-                         Report& report) {
+bool writeThroughProgram(ClsTar& tar, const CommandLine& line, CreateEvent& event, Report& report) {
   std::unique_ptr<OutputFile> file = archiveFile(line, report);
   if (!file) return false;
+  struct stat archive;
+  if (fstat(file->descriptor(), &archive) == 0 && S_ISREG(archive.st_mode)) event.leaveOut(archive);
   FilterProcess program;
   const int toProgram = program.startWriting(line.filterProgram, file->descriptor(), report);
   if (toProgram < 0) return false;
@@ -64,7 +66,7 @@ bool writeThroughProgram(ClsTar& tar, const CommandLine& line, morvane::Progress
 
 // To a path, the component opens and closes the file; standard output is the command's to close, and the
 // result counts only behind that.
-bool write(ClsTar& tar, const CommandLine& line, morvane::ProgressEvent& event, Report& report) {
+bool write(ClsTar& tar, const CommandLine& line, CreateEvent& event, Report& report) {
   const XString path(line.archive);
   if (line.mode != Mode::Create) return tar.AppendTar(path, &event);
   if (!line.filterProgram.empty()) return writeThroughProgram(tar, line, event, report);

@@ -65,7 +65,7 @@ bool readNames(mvtar::CommandLine& line) {
   mvtar::ProgressBar noBar(mvtar::ProgressBar::When::Never);
   mvtar::Report report(noBar, true);
   if (mvtar::readNameFiles(line, report)) return true;
-  report.finish();
+  if (!mvtar::isInterrupted()) report.finish();
   return false;
 }
 
@@ -78,7 +78,9 @@ int runCommandLine(int argc, char** argv) {
     return mvtar::kWrongUsage;
   }
   mvtar::catchInterrupts();
-  const int status = readNames(line) ? runCommand(line) : mvtar::kNotAllDone;
+  const int status = readNames(line)          ? runCommand(line)
+                     : mvtar::isInterrupted() ? mvtar::interruptStatus()
+                                              : mvtar::kNotAllDone;
   mvtar::StandardOutput::flush();
   return status;
 }
