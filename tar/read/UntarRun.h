@@ -84,7 +84,7 @@ class UntarRun {
   bool copyBehind(WriteBehind::File& file);
   bool doUndone(bool waitsForAll);
   bool doAgain(const WriteBehind::File& file);
-  void leavePartOf(const WriteBehind::File& file);
+  void leavePartOf(const WriteBehind::File& file, bool isSettled);
   bool failWith(const char* message, const char* tag, const XString& value);
   Step passOver(long long upTo);
   Step failAborted();

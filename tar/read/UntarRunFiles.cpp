@@ -85,13 +85,15 @@ bool UntarRun::copyBehind(WriteBehind::File& file) {
   m_held.beginLike(m_log);
   bool isComplete = false;
   {
-    // An exception of a callback leaves what came, too.
+    // An exception of a callback leaves what came, too, but nothing is set of it.
+    bool hasReturned = false;
     ScopeExit leavePart([&] {
-      if (!isComplete) leavePartOf(file);
+      if (!isComplete) leavePartOf(file, hasReturned);
     });
     OutputDataBuffer out(file.data);
     isComplete = m_context.source.copyNToOutput2PM(out, m_member.size, m_copyBuffer.get(), m_copyBufferSize,
                                                    m_io.monitor, m_held);
+    hasReturned = true;
   }
   if (!isComplete) {
     LogContextExitor context(m_log, "extractToFile");
@@ -104,13 +106,16 @@ bool UntarRun::copyBehind(WriteBehind::File& file) {
 }
 
 // As far as its data came, with no time of its own. Why they ended is told by the caller.
-void UntarRun::leavePartOf(const WriteBehind::File& file) {
+void UntarRun::leavePartOf(const WriteBehind::File& file, bool isSettled) {
   if (!doUndone(true)) return;
   LogNull unwanted;
   const Io quiet(unwanted);
   MemberPlacer::Current current = m_placer.setAside();
   Placed placed = m_placer.placeAgain(file, quiet);
-  if (placed.file) {
+  if (placed.file && !isSettled) {
+    const auto* const bytes = reinterpret_cast<const char*>(file.data.getData2());
+    (void)placed.out->writeBytesPM(bytes, file.data.getSize(), nullptr, unwanted);
+  } else if (placed.file) {
     _mvMemoryDataSource source;
     source.initializeMemSource(file.data.getData2(), file.data.getSize());
     fillFile(source, file.member, {std::move(placed.out), placed.file}, quiet);
