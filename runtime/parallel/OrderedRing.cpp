@@ -4,6 +4,7 @@
 #include "runtime/parallel/OrderedRing.h"
 
 #include <sched.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -26,10 +27,17 @@ long long processorsOfProcess() {
   return sysconf(_SC_NPROCESSORS_ONLN);
 }
 
+// Stacks and buffers of threads could use up what a process with little room for memory needs for its work.
+bool hasLittleMemory() {
+  constexpr rlim_t kMuch = 512UL * 1024 * 1024;
+  rlimit limit{};
+  return getrlimit(RLIMIT_AS, &limit) == 0 && limit.rlim_cur < kMuch;
+}
+
 }  // namespace
 
 unsigned workerCount(long long threads) {
-  if (threads == 0) threads = processorsOfProcess();
+  if (threads == 0) threads = hasLittleMemory() ? 1 : processorsOfProcess();
   return static_cast<unsigned>(std::clamp(threads, 1LL, kMostThreads) - 1);
 }
 

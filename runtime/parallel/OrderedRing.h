@@ -31,8 +31,9 @@
 namespace morvane {
 
 // How many workers stand beside the first thread when `threads` are asked for: none for 1, one less than it
-// for more, for the first thread helps. 0 asks for as many threads as the process has processors. There may
-// be more than processors, because work that waits for a file system gains from it.
+// for more, for the first thread helps. 0 asks for as many threads as the process has processors, or for one
+// where its memory is limited to less than 512 MiB (RLIMIT_AS). There may be more than processors, because
+// work that waits for a file system gains from it.
 unsigned workerCount(long long threads);
 
 // One thread, here called the first, calls everything; only Job::work runs elsewhere. No thread outlives the
