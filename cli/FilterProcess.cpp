@@ -13,8 +13,6 @@
 
 #include "cli/Interrupt.h"
 
-extern char** environ;
-
 namespace mvtar {
 
 namespace {

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 
 #include "cli/StandardStreams.h"
@@ -85,7 +86,7 @@ void ProgressBar::show(int parts) {
   const bool isKnown = seconds >= 0.5 && parts > 0;
   const auto rate =
       isKnown && m_total > 0 ? static_cast<long long>(share * static_cast<double>(m_total) / seconds) : -1;
-  const auto left = isKnown ? static_cast<long long>(seconds * (1 - share) / share + 0.5) : -1;
+  const auto left = isKnown ? std::llround(seconds * (1 - share) / share) : -1;
   writeToStandardError("\r" + lineOf(parts, rate, left, columnsOfScreen()) + "\033[K");
   m_lastDrawn = now;
   m_onScreen = true;

@@ -269,7 +269,7 @@ TEST(ParallelDecoders, HearAndSayWhatOneThreadDoes) {
     const Outcome whole = readWith(4, packed.bytes, {}, packed.method);
     ASSERT_TRUE(whole.ok && whole.tree.size() == 61) << packed.name << whole;
     EXPECT_GT(whole.threads, threadsBefore) << packed.name << " was worth a thread";
-    for (const long long threads : {2, 4, 8}) expectSame(packed, packed.bytes, {}, threads, "");
+    for (const long long threads : {2, 8}) expectSame(packed, packed.bytes, {}, threads, "");
     expectSame(packed, packed.bytes, {"", 0, 0, 0}, 2, "no words");
     // For bzip2 the mark behind a block has to be seen.
     const bool isBzip2 = has(packed.name, "bzip2") || has(packed.name, "streams");
@@ -277,7 +277,7 @@ TEST(ParallelDecoders, HearAndSayWhatOneThreadDoes) {
     expectSame(packed, packed.bytes, {"MaxRatio=3,Restore=mode", 0, 0, 0}, 2, "ratio");
     expectSame(packed, packed.bytes, {"MaxMembers=40", 0, 0, 0}, 4, "members");
     const int events = static_cast<int>(whole.events.size());
-    for (const int at : {1, 2, 3, events / 2, events - 1}) {
+    for (const int at : {1, events / 2, events - 1}) {
       expectSame(packed, packed.bytes, {"", at, 0, 0}, 4, "aborted at " + std::to_string(at));
       expectSame(packed, packed.bytes, {"", 0, at, 0}, 4, "thrown at " + std::to_string(at));
     }
@@ -291,8 +291,8 @@ TEST(ParallelDecoders, DamageIsToldAsByOneThread) {
   for (const Packed& packed : packedArchives(dir)) {
     std::mt19937 random(7);
     const size_t size = packed.bytes.size();
-    for (int i = 0; i < 8; ++i) {
-      const size_t at = i < 4 ? size - 1 - static_cast<size_t>(i) * 5 : random() % size;
+    for (int i = 0; i < 4; ++i) {
+      const size_t at = i < 2 ? size - 1 - static_cast<size_t>(i) * 5 : random() % size;
       expectSame(packed, packed.bytes.substr(0, std::max<size_t>(at, 280'000)), {}, 4,
                  "cut at " + std::to_string(at));
       std::string flipped = packed.bytes;
@@ -350,10 +350,10 @@ TEST(ParallelDecoders, Bzip2BlocksAreWhatTheyAre) {
   for (const size_t failAt : {1u, 2u, 5u}) expectSameBzip2(joined, "refused", failAt);
   const std::string mark = "\x31\x41\x59\x26\x53\x59", end = "\x17\x72\x45\x38\x50\x90";
   std::mt19937 random(11);
-  for (int i = 0; i < 100; ++i) {
+  for (int i = 0; i < 40; ++i) {
     const std::string& whole = i % 4 ? one : joined;
     std::string damaged = whole;
-    const size_t at = i < 24 ? whole.size() - 1 - static_cast<size_t>(i) : random() % whole.size();
+    const size_t at = i < 10 ? whole.size() - 1 - static_cast<size_t>(i) : random() % whole.size();
     const int kind = i % 5;
     if (kind == 0) damaged.resize(at);
     if (kind == 1 || kind == 2) damaged[at] = static_cast<char>(damaged[at] ^ (1 << random() % 8));
