@@ -14,6 +14,7 @@
 #include "cli/ArchiveName.h"
 #include "cli/Commands.h"
 #include "cli/MemberEvent.h"
+#include "cli/MemberKind.h"
 #include "cli/ReadArchive.h"
 
 namespace mvtar {
@@ -67,23 +68,6 @@ class ComparingOutput : public morvane::_mvOutput {
   bool m_differs = false;
   int m_error = 0;
 };
-
-// The type bits of what a member becomes, or 0 for what becomes nothing that could be compared.
-unsigned kindOf(const TarMemberInfo& member) {
-  if (member.isDirectory) return S_IFDIR;
-  switch (member.typeFlag) {
-    case '2':
-      return S_IFLNK;
-    case '3':
-      return S_IFCHR;
-    case '4':
-      return S_IFBLK;
-    case '6':
-      return S_IFIFO;
-    default:
-      return S_IFREG;
-  }
-}
 
 bool hasTextOf(const std::string& link, const std::string& text) {
   char there[PATH_MAX];
@@ -163,20 +147,21 @@ class CompareEvent : public MemberEvent {
       return;
     }
     const std::string local = localPathOf(m_path);
-    const bool hasContents = member.typeFlag != '1' && kindOf(member) == S_IFREG;
+    const MemberKind& kind = kindOf(member);
+    const bool hasContents = kind.hasData();
     if (!hasContents) count(0);
     if (m_line.verbose) m_report.name(m_path);
     struct stat status;
     if (lstat(local.c_str(), &status) != 0) {
       const bool isMissing = errno == ENOENT || errno == ENOTDIR;
       isMissing ? m_report.difference(m_path, "missing") : m_report.problem(m_path, std::strerror(errno));
-    } else if (member.typeFlag == '1') {
+    } else if (member.typeFlag == kHardLink) {
       compareHardLink(member, status);
-    } else if ((status.st_mode & S_IFMT) != kindOf(member)) {
+    } else if ((status.st_mode & S_IFMT) != kind.type) {
       m_report.difference(m_path, "the kind differs");
     } else {
       compareMetadata(member, status);
-      if (kindOf(member) == S_IFLNK &&
+      if (kind.type == S_IFLNK &&
           !hasTextOf(local, m_line.changes.transform.apply(member.linkPath, NameTransform::Of::SymbolicLink)))
         m_report.difference(m_path, "the link differs");
       if (hasContents) compareContents(member, local, status);
@@ -194,21 +179,20 @@ class CompareEvent : public MemberEvent {
   // Modes of links mean nothing, and the time of a directory changes with what is in it. A time without a
   // fraction is compared without one.
   void compareMetadata(const TarMemberInfo& member, const struct stat& status) {
-    const unsigned kind = kindOf(member);
+    const MemberKind& kind = kindOf(member);
     const auto differsIf = [&](bool differs, const char* what) {
       if (differs) m_report.difference(m_path, what);
     };
-    if (kind == S_IFLNK) return;
+    if (kind.type == S_IFLNK) return;
     differsIf((status.st_mode & kModeBits) != (member.mode & kModeBits), "the mode differs");
     differsIf(status.st_uid != m_owners.user(member), "the owner differs");
     differsIf(status.st_gid != m_owners.group(member), "the group differs");
-    if (kind == S_IFDIR) return;
+    if (kind.type == S_IFDIR) return;
     const bool isExact = member.mtimeNanoseconds > 0;
     differsIf(status.st_mtim.tv_sec != member.mtime ||
                   (isExact && status.st_mtim.tv_nsec != static_cast<long>(member.mtimeNanoseconds)),
               "the time differs");
-    const bool isDevice = kind == S_IFCHR || kind == S_IFBLK;
-    differsIf(isDevice && status.st_rdev != makedev(member.deviceMajor, member.deviceMinor),
+    differsIf(kind.isDevice() && status.st_rdev != makedev(member.deviceMajor, member.deviceMinor),
               "the device differs");
   }
 

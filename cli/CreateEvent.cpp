@@ -11,6 +11,7 @@
 #include "cli/ArchiveName.h"
 #include "cli/Dates.h"
 #include "cli/Interrupt.h"
+#include "cli/MemberKind.h"
 #include "cli/Names.h"
 #include "cli/ReadArchive.h"
 #include "runtime/progress/TarMember.h"
@@ -19,7 +20,6 @@ namespace mvtar {
 
 namespace {
 
-constexpr char kDirectory = '5';
 constexpr char kCacheTag[] = "CACHEDIR.TAG";
 
 std::string parentOf(const std::string& path) {

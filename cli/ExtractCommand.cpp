@@ -8,6 +8,7 @@
 #include "cli/ArchiveOutput.h"
 #include "cli/Commands.h"
 #include "cli/MemberEvent.h"
+#include "cli/MemberKind.h"
 #include "cli/ReadArchive.h"
 #include "runtime/progress/TarMember.h"
 #include "tar/place/ExtractTarget.h"
@@ -95,8 +96,7 @@ class ExtractEvent : public MemberEvent {
     m_path = member.path;
     m_entryPath = member.entryPath;
     // FIFOs and devices of strangers are not made.
-    const bool isSpecial = member.typeFlag == '3' || member.typeFlag == '4' || member.typeFlag == '6';
-    m_isEmptied = isSpecial && m_line.untrusted;
+    m_isEmptied = kindOf(member).isSpecial() && m_line.untrusted;
   }
 
   // Each of these loses something without the component failing: so the command says it. Leading slashes are
@@ -146,8 +146,7 @@ class OutputEvent : public MemberEvent {
  private:
   void onSelected(const TarMemberInfo& member) override {
     m_path = std::string(member.path, strnlen(member.path, kShownAtMost));
-    // Of the types of members, those in between are links, special files and directories.
-    m_hasData = member.typeFlag < '1' || member.typeFlag > '6';
+    m_hasData = kindOf(member).hasData();
   }
 
   // Of a name of many megabytes no second copy is kept; it is only shown.

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <string_view>
 
+#include "cli/MemberKind.h"
 #include "runtime/progress/TarMemberInfo.h"
 
 namespace mvtar {
@@ -62,29 +63,6 @@ void appendField(const char* name, long long number, std::string& json) {
   json += std::string(", \"") + name + "\": " + std::to_string(number);
 }
 
-std::string typeName(const morvane::TarMemberInfo& member) {
-  if (member.isDirectory) return "directory";
-  switch (member.typeFlag) {
-    case '\0':
-    case '0':
-    case '7':
-    case 'S':
-      return "file";
-    case '1':
-      return "hardlink";
-    case '2':
-      return "symlink";
-    case '3':
-      return "chardev";
-    case '4':
-      return "blockdev";
-    case '6':
-      return "fifo";
-    default:
-      return std::string(1, member.typeFlag);
-  }
-}
-
 }  // namespace
 
 // A time before 1970 counts back to its second and on from there by its fraction; as one number that is less
@@ -92,7 +70,8 @@ std::string typeName(const morvane::TarMemberInfo& member) {
 std::string jsonLine(const morvane::TarMemberInfo& member) {
   std::string json = "{\"path\": ";
   appendText(member.path, json);
-  appendField("type", typeName(member), json);
+  const MemberKind& kind = kindOf(member);
+  appendField("type", kind.name ? kind.name : std::string(1, member.typeFlag), json);
   char mode[16];
   std::snprintf(mode, sizeof mode, "%04o", member.mode);
   appendField("mode", mode, json);
@@ -114,8 +93,9 @@ std::string jsonLine(const morvane::TarMemberInfo& member) {
     std::snprintf(fraction, sizeof fraction, ".%09u", nanoseconds);
     json += fraction;
   }
-  if (member.typeFlag == '1' || member.typeFlag == '2') appendField("link", member.linkPath, json);
-  if (member.typeFlag == '3' || member.typeFlag == '4') {
+  if (member.typeFlag == kHardLink || member.typeFlag == kSymbolicLink)
+    appendField("link", member.linkPath, json);
+  if (kind.isDevice()) {
     json += ", \"device\": [" + std::to_string(member.deviceMajor) + ", " +
             std::to_string(member.deviceMinor) + "]";
   }

@@ -11,6 +11,7 @@
 #include "cli/Commands.h"
 #include "cli/JsonLine.h"
 #include "cli/MemberEvent.h"
+#include "cli/MemberKind.h"
 #include "cli/Names.h"
 #include "cli/ReadArchive.h"
 #include "cli/StandardStreams.h"
@@ -24,28 +25,9 @@ namespace {
 using morvane::ClsTar;
 using morvane::TarMemberInfo;
 
-// As ls and other tars have them; "h" for a hard link, which ls does not know.
-char kindLetter(const TarMemberInfo& member) {
-  if (member.isDirectory) return 'd';
-  switch (member.typeFlag) {
-    case '1':
-      return 'h';
-    case '2':
-      return 'l';
-    case '3':
-      return 'c';
-    case '4':
-      return 'b';
-    case '6':
-      return 'p';
-    default:
-      return '-';
-  }
-}
-
 // Like ls -l. A set-id or sticky bit takes the place of its x, as a capital where there is no x.
 std::string modeText(const TarMemberInfo& member) {
-  std::string text(1, kindLetter(member));
+  std::string text(1, kindOf(member).letter);
   for (int shift = 6; shift >= 0; shift -= 3) {
     const unsigned bits = member.mode >> shift;
     text += bits & 4 ? 'r' : '-';
@@ -69,7 +51,7 @@ std::string ownerText(const TarMemberInfo& member, bool byNumber) {
 
 // Of a device its number, as other tars show it; of a sparse file its size with the holes.
 std::string sizeText(const TarMemberInfo& member) {
-  if (member.typeFlag != '3' && member.typeFlag != '4') return std::to_string(member.realSize);
+  if (!kindOf(member).isDevice()) return std::to_string(member.realSize);
   return std::to_string(member.deviceMajor) + "," + std::to_string(member.deviceMinor);
 }
 
@@ -128,7 +110,9 @@ class ListEvent : public CountEvent {
     m_width = std::max(m_width, std::min(needed, kWidest));
     // At least one blank between the two.
     const std::string gap(1 + m_width - std::min(needed, m_width), ' ');
-    const char* const link = member.typeFlag == '2' ? " -> " : member.typeFlag == '1' ? " link to " : "";
+    const char* const link = member.typeFlag == kSymbolicLink ? " -> "
+                             : member.typeFlag == kHardLink   ? " link to "
+                                                              : "";
     m_report.name(member.path,
                   modeText(member) + " " + owner + gap + size + " " + timeText(member.mtime) + " ",
                   *link ? link + shown(member.linkPath) : "");

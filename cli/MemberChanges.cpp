@@ -3,6 +3,7 @@
 #include "cli/MemberChanges.h"
 
 #include "cli/Dates.h"
+#include "cli/MemberKind.h"
 #include "runtime/progress/TarMember.h"
 
 namespace mvtar {
@@ -10,8 +11,6 @@ namespace mvtar {
 namespace {
 
 using Of = NameTransform::Of;
-
-constexpr char kHardLink = '1', kSymbolicLink = '2', kDirectory = '5';
 
 // Without the first `count` parts; empty when there are no more. Slashes in front are no part.
 std::string withoutParts(const std::string& path, unsigned count) {

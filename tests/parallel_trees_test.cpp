@@ -1,7 +1,5 @@
 // Reading ahead and writing behind with several threads against one: archives, events, logs, results and
 // trees.
-#include <dirent.h>
-
 #include "ArchiveSupport.h"
 #include "TreeSupport.h"
 

@@ -47,9 +47,9 @@ bool AppendOutput::_writeBytes(const char* bytes, unsigned int n, _mvIoParams& i
 bool AppendOutput::commit(ProgressMonitor* pm, LogBase& log) {
   const long long newLength = m_at + static_cast<long long>(m_front.size()) + m_rest->ftell64();
   if (!m_rest->closeHandle(&log, pm)) return false;
-  if (m_file.sync() != 0) return fail(kCannotAppend, log);
+  if (m_file.sync() != 0) return fail(log);
   if (!writeHeld(log)) return false;
-  if (m_file.setLength(newLength) != 0) return fail(kCannotAppend, log);
+  if (m_file.setLength(newLength) != 0) return fail(log);
   m_isCommitted = true;
   return true;
 }
@@ -62,15 +62,15 @@ bool AppendOutput::writeHeld(LogBase& log) {
         m_file.writeSomeAt(m_front.data() + start, end - start, m_at + static_cast<long long>(start));
     if (written < 0 && errno == EINTR) continue;
     if (written >= 0 && static_cast<size_t>(written) < end - start) errno = ENOSPC;
-    if (written < 0 || static_cast<size_t>(written) < end - start) return fail(kCannotAppend, log);
+    if (written < 0 || static_cast<size_t>(written) < end - start) return fail(log);
     end = start;
   }
   return true;
 }
 
 // False, for the caller to return.
-bool AppendOutput::fail(const char* message, LogBase& log) {
-  logOsError(log, message, m_path.c_str(), errno);
+bool AppendOutput::fail(LogBase& log) {
+  logOsError(log, kCannotAppend, m_path.c_str(), errno);
   return false;
 }
 

@@ -35,7 +35,7 @@ class AppendOutput : public _mvOutput {
 
  private:
   bool writeHeld(LogBase& log);
-  bool fail(const char* message, LogBase& log);
+  bool fail(LogBase& log);
   // `end`: how far the new bytes may have come.
   void takeBack(long long end);
 

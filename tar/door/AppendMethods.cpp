@@ -41,13 +41,8 @@ bool ClsTar::AppendTar(const XString& tarPath, ProgressEvent* progress) {
 
 bool ClsTar::Inner::appendMethod(const XString& tarPath, ProgressEvent* progress) {
   return method("AppendTar", MethodForm::Judged, false, [&](MethodFrame&) {
-    setMatchPatternExactFlags();
-    m_log.LogDataX("tarFormat", m_writeFormat);
-    m_log.LogDataX("tarPath", tarPath);
-    if (!isSystemPath(tarPath, kCannotOpen, m_log)) return false;
-    sayWhenUserIsUnknown(progress);
     long long total = 0;
-    if (progress && !countSources(progress, total)) return false;
+    if (!prepareWrite({"tarPath", &tarPath, nullptr}, kCannotOpen, progress, total)) return false;
     const char* const path = tarPath.getUtf8();
     constexpr int kFlags = O_RDWR | O_NONBLOCK | O_NOCTTY;
     OsFile file(osOpen(path, kFlags));

@@ -85,6 +85,9 @@ struct ClsTar::Inner {
                    ProgressEvent* progress);
   // Its steps, in their order. The last two tell what was left out: in m_onlyLeftOut, and in anythingLost.
   void sayWhenUserIsUnknown(ProgressEvent* progress);
+  // What both do before anything is opened; `unusable` says what a path that is none keeps from being done.
+  bool prepareWrite(const ArchivePlace& place, const char* unusable, ProgressEvent* progress,
+                    long long& total);
   bool countSources(ProgressEvent* progress, long long& total);
   bool writeFramed(_mvOutput& out, Compression compression, const Io& io);
   bool writeAllMembers(_mvOutput& out, const Io& io, bool& anythingLost);

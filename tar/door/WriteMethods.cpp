@@ -66,14 +66,8 @@ bool ClsTar::WriteTarXz(_mvOutput& out, ProgressEvent* progress) {
 bool ClsTar::Inner::writeMethod(const char* name, Compression compression, const ArchivePlace& place,
                                 ProgressEvent* progress) {
   return method(name, MethodForm::Judged, false, [&](MethodFrame&) {
-    setMatchPatternExactFlags();
-    m_log.LogDataX("tarFormat", m_writeFormat);
-    if (place.path) m_log.LogDataX(place.pathTag, *place.path);
-    // Before the sources are counted, which may take long.
-    if (place.path && !isSystemPath(*place.path, kCannotCreate, m_log)) return false;
-    sayWhenUserIsUnknown(progress);
     long long total = 0;
-    if (progress && !countSources(progress, total)) return false;
+    if (!prepareWrite(place, kCannotCreate, progress, total)) return false;
     ProgressMonitorPtr monitor(progress, m_abortCheckMs, m_percentScale, total);
     const Io io(m_log, monitor.getPm(), progress);
     m_archive.begin(compression, m_options.codec);
@@ -88,6 +82,17 @@ bool ClsTar::Inner::writeMethod(const char* name, Compression compression, const
     if (!closed) m_onlyLeftOut = false;
     return closed && written;
   });
+}
+
+// The path is looked at before the sources are counted, which may take long.
+bool ClsTar::Inner::prepareWrite(const ArchivePlace& place, const char* unusable, ProgressEvent* progress,
+                                 long long& total) {
+  setMatchPatternExactFlags();
+  m_log.LogDataX("tarFormat", m_writeFormat);
+  if (place.path) m_log.LogDataX(place.pathTag, *place.path);
+  if (place.path && !isSystemPath(*place.path, unusable, m_log)) return false;
+  sayWhenUserIsUnknown(progress);
+  return !progress || countSources(progress, total);
 }
 
 // Headers then hold the numbers alone, which is right; but it must not pass without a word.

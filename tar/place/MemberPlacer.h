@@ -125,10 +125,14 @@ class MemberPlacer {
 
   // Behind beginRun.
   void beginBehind(const Io& io);
-  // Whether everything under way must be done before this member is made.
-  bool hasToWait(const Member& member);
-  // The file that the member is, to be filled with its data and submitted; null where it is to be placed as
-  // usual.
+  // What is to become of the member that was set last.
+  struct Turn {
+    bool waits = false;     // for everything under way, before it is made
+    bool isBehind = false;  // it may be handed over
+  };
+  Turn turnOf(const Member& member);
+  // The file that such a member is, to be filled with its data and submitted; null where it is to be placed
+  // as usual after all.
   WriteBehind::File* fileBehind(const Member& member);
   void submitBehind();
   // See WriteBehind; null where nothing is written behind.

@@ -28,14 +28,21 @@ bool MemberPlacer::mayWriteBehind() const {
 
 // A link may lead to what is under way, or stand in the way of it; so may a file that is made in its turn.
 // Directories and symbolic links are met by path alone.
-bool MemberPlacer::hasToWait(const Member& member) {
-  if (!m_behind || m_behind->isEmpty()) return false;
-  if (!mayWriteBehind()) return true;
+MemberPlacer::Turn MemberPlacer::turnOf(const Member& member) {
+  Turn turn;
+  if (!m_behind) return turn;
+  const bool isAnyUnderWay = !m_behind->isEmpty();
+  if (!mayWriteBehind() || m_target.isElsewhere(m_path)) {
+    turn.waits = isAnyUnderWay;
+    return turn;
+  }
   const std::string path = cleanPath(m_path.entryPath().str());
-  if (m_target.isElsewhere(m_path) || m_behind->meets(path)) return true;
-  if (member.isDirectory) return false;
-  if (member.isSymbolicLink() && restored().link) return m_behind->isOwnDirectory(path);
-  return !mayGoBehind(member, path);
+  turn.isBehind = mayGoBehind(member, path);
+  if (!isAnyUnderWay) return turn;
+  const bool isLink = member.isSymbolicLink() && restored().link;
+  const bool standsInTheWay = isLink ? m_behind->isOwnDirectory(path) : !member.isDirectory && !turn.isBehind;
+  turn.waits = standsInTheWay || m_behind->meets(path);
+  return turn;
 }
 
 // An ordinary file of little data, in a directory of the run's own. Nothing is asked of the disk. What would
@@ -59,9 +66,8 @@ bool MemberPlacer::mayGoBehind(const Member& member, const std::string& path) {
 WriteBehind::File* MemberPlacer::fileBehind(const Member& member) {
   const std::string& path = m_path.entryPath().str();
   ConfinedDir* const target = m_target.confined();
-  if (!mayWriteBehind() || !target || m_target.isElsewhere(m_path) || !mayGoBehind(member, path) ||
-      !target->mayBeMade(path))
-    return nullptr;
+  // A callback may have changed the words while earlier files were told of.
+  if (!target || !mayWriteBehind() || !target->mayBeMade(path)) return nullptr;
   WriteBehind::File& file = m_behind->next();
   file.mode = m_restorer.modeToMake(member, m_target.handsOnGroup());
   file.settlement = m_restorer.plan(member);
@@ -109,8 +115,7 @@ void MemberPlacer::finishBehind() {
   while (const WriteBehind::File* const file = nextUndone(true)) {
     const Placed placed = placeAgain(*file, quiet);
     if (!placed.file) continue;
-    const auto* const bytes = reinterpret_cast<const char*>(file->data.getData2());
-    const bool isWritten = placed.out->writeBytesPM(bytes, file->data.getSize(), nullptr, unwanted);
+    const bool isWritten = placed.out->writeDbPM(file->data, nullptr, unwanted);
     settle(file->member, *placed.out, *placed.file, isWritten, {}, quiet);
   }
   goBackTo(std::move(current));

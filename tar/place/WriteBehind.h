@@ -53,7 +53,6 @@ class WriteBehind {
   // The file to be filled in and handed over, where there is room.
   File& next() { return m_ring.next(); }
   void submit();
-  bool isFull() const { return m_ring.isFull(); }
   bool isEmpty() const { return m_ring.isEmpty(); }
   // The oldest file that is not done though it was its turn, or null: of all, for which it waits, or of those
   // that need no waiting. Good until the next call. What was handed in behind such a file counts as not done

@@ -85,6 +85,7 @@ class UntarRun {
   bool doUndone(bool waitsForAll);
   bool doAgain(const WriteBehind::File& file);
   void leavePartOf(const WriteBehind::File& file, bool isSettled);
+  FileEnd fillAgain(const WriteBehind::File& file, Placed placed, const Io& io);
   bool failWith(const char* message, const char* tag, const XString& value);
   Step passOver(long long upTo);
   Step failAborted();

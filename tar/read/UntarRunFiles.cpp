@@ -1,6 +1,5 @@
 // The run's members on their way to the disk: made in their turn, or handed to workers, and what workers
 // could not do done again.
-#include "runtime/base/ScopeExit.h"
 #include "runtime/io/OutputDataBuffer.h"
 #include "runtime/io/_mvMemoryDataSource.h"
 #include "runtime/log/LogContextExitor.h"
@@ -17,8 +16,10 @@ constexpr char kCannotExtract[] = "Failed to extract to file.";
 
 // What has no data (a directory, a link, a special file) is done once it is made.
 bool UntarRun::makeMember(bool& leftOut) {
-  if (!doUndone(m_placer.hasToWait(m_member))) return false;
-  if (WriteBehind::File* const file = m_placer.fileBehind(m_member)) return copyBehind(*file);
+  const MemberPlacer::Turn turn = m_placer.turnOf(m_member);
+  if (!doUndone(turn.waits)) return false;
+  WriteBehind::File* const file = turn.isBehind ? m_placer.fileBehind(m_member) : nullptr;
+  if (file) return copyBehind(*file);
   logMaking();
   Placed placed = m_placer.place(m_member, m_io);
   leftOut = placed.result == Placed::Result::LeftOut;
@@ -80,47 +81,49 @@ FileEnd UntarRun::fillFile(_mvDataSource& source, const Member& member, FileToFi
 
 // The data are read here, with the events that reading has; only then the file is begun. Of data that end too
 // soon the file gets what there was, as always, and the lines about them come behind those about earlier
-// files.
+// files. An exception of a callback leaves what came, too, but nothing is set of it.
 bool UntarRun::copyBehind(WriteBehind::File& file) {
   m_held.beginLike(m_log);
   bool isComplete = false;
-  {
-    // An exception of a callback leaves what came, too, but nothing is set of it.
-    bool hasReturned = false;
-    ScopeExit leavePart([&] {
-      if (!isComplete) leavePartOf(file, hasReturned);
-    });
+  try {
     OutputDataBuffer out(file.data);
     isComplete = m_context.source.copyNToOutput2PM(out, m_member.size, m_copyBuffer.get(), m_copyBufferSize,
                                                    m_io.monitor, m_held);
-    hasReturned = true;
+  } catch (...) {
+    leavePartOf(file, false);
+    throw;
   }
-  if (!isComplete) {
+  if (isComplete) {
+    m_cursor.passed(m_member.size);
+    m_placer.submitBehind();
+    return doUndone(false);
+  }
+  if (doUndone(true)) leavePartOf(file, true);
+  {
     LogContextExitor context(m_log, "extractToFile");
     m_held.tellTo(m_log);
   }
-  if (!isComplete) return failWith(kCannotExtract, "filePath", m_placer.path().outputPath());
-  m_cursor.passed(m_member.size);
-  m_placer.submitBehind();
-  return doUndone(false);
+  return failWith(kCannotExtract, "filePath", m_placer.path().outputPath());
 }
 
 // As far as its data came, with no time of its own. Why they ended is told by the caller.
 void UntarRun::leavePartOf(const WriteBehind::File& file, bool isSettled) {
-  if (!doUndone(true)) return;
   LogNull unwanted;
   const Io quiet(unwanted);
   MemberPlacer::Current current = m_placer.setAside();
   Placed placed = m_placer.placeAgain(file, quiet);
-  if (placed.file && !isSettled) {
-    const auto* const bytes = reinterpret_cast<const char*>(file.data.getData2());
-    (void)placed.out->writeBytesPM(bytes, file.data.getSize(), nullptr, unwanted);
+  if (placed.file && isSettled) {
+    fillAgain(file, std::move(placed), quiet);
   } else if (placed.file) {
-    _mvMemoryDataSource source;
-    source.initializeMemSource(file.data.getData2(), file.data.getSize());
-    fillFile(source, file.member, {std::move(placed.out), placed.file}, quiet);
+    (void)placed.out->writeDbPM(file.data, nullptr, unwanted);
   }
   m_placer.goBackTo(std::move(current));
+}
+
+FileEnd UntarRun::fillAgain(const WriteBehind::File& file, Placed placed, const Io& io) {
+  _mvMemoryDataSource source;
+  source.initializeMemSource(file.data.getData2(), file.data.getSize());
+  return fillFile(source, file.member, {std::move(placed.out), placed.file}, io);
 }
 
 // The member that the run is at is gone on with afterwards. Behind a failure nothing more is done again.
@@ -144,9 +147,7 @@ bool UntarRun::doAgain(const WriteBehind::File& file) {
     return true;
   }
   if (placed.result != Placed::Result::Made) return couldNotMake(placed.result, false);
-  _mvMemoryDataSource source;
-  source.initializeMemSource(file.data.getData2(), file.data.getSize());
-  const FileEnd end = fillFile(source, file.member, {std::move(placed.out), placed.file}, io);
+  const FileEnd end = fillAgain(file, std::move(placed), io);
   if (!end.isWhole && !end.hasFailedAlone)
     return failWith(kCannotExtract, "filePath", m_placer.path().outputPath());
   if (!end.isWhole) --m_count;
