@@ -133,18 +133,25 @@ TEST(ParallelTrees, SourcesThatChangeMeanwhileAreToldOrWhole) {
 
 // ---- Extracting
 
+// A link of before makes one directory of two paths; an empty target is the run's own.
+enum class Target { HasThings, IsEmpty, IsMissing };
+
+// By the pull engine, or, `compressed`, by the push engine.
 Seen extract(const std::string& archive, int threads, bool compressed, const std::string& words,
-             const std::function<void(RowEvent&)>& change) {
+             const std::function<void(RowEvent&)>& change, Target target = Target::HasThings) {
   ScratchDir dir;
-  must(dir, "mkdir -p out/there && echo old > out/there/f && echo old > out/there/g");
+  if (target == Target::HasThings)
+    must(dir, "mkdir -p out/there && cd out && echo old > there/f && echo old > there/g && ln -s . old");
+  if (target == Target::IsEmpty) must(dir, "mkdir out");
   const std::string where = dir / "out";
   TarWith tar("Profile=usual,Threads=" + std::to_string(threads) + words, where);
   RowEvent event;
   if (change) change(event);
   const size_t before = threadsNow();
+  const std::string bytes = compressed ? run({"gzip", "-1nc"}, archive).out : archive;
   _mvMemoryDataSource source;
-  source.initializeMemSource(reinterpret_cast<const unsigned char*>(archive.data()),
-                             static_cast<unsigned>(archive.size()));
+  source.initializeMemSource(reinterpret_cast<const unsigned char*>(bytes.data()),
+                             static_cast<unsigned>(bytes.size()));
   Seen seen;
   seen.result = compressed ? tar.UntarAny(source, &event) : tar.Untar(source, &event);
   expectThreads(before);
@@ -162,6 +169,33 @@ Seen extract(const std::string& archive, int threads, bool compressed, const std
   for (const std::string& row : event.rows) seen.events.push_back(neutral(row));
   seen.log = withoutTimes(neutral(logOf(tar)));
   return seen;
+}
+
+// As people pack them: everything below ".", files in the target itself, parents that are no members.
+std::string looseArchive() {
+  std::string archive = directory("./") + directory("./d/");
+  for (int i = 0; i < 100; ++i) {
+    const std::string name = std::to_string(i);
+    archive += member("./d/" + name, noise(static_cast<size_t>(i) * 50, 1)) + member("top" + name, name) +
+               member("p/q/" + name, name);
+    if (i % 20 == 7) archive += member("./p/../p/q/" + name, "odd") + member("p//q/" + name, "twice");
+  }
+  return archive + member("top3", "again") + member("./top4", "again") +
+         member("d", "in a directory's place") + ArchiveBuilder().add({"top5", "", '2', "p"}).bytes(0) +
+         directory("top6/") + member("top5/q/new", "n") + kEnd;
+}
+
+// What one path of two puts there, and the other replaces.
+std::string doubledArchive() {
+  std::string archive = directory("old/w/");
+  for (int i = 0; i < 60; ++i) {
+    const std::string name = "w/" + std::to_string(i);
+    archive += member("old/" + name, noise(60000, 1));
+    if (i % 4 == 0) archive += member(name, "second");
+    if (i % 4 == 1) archive += ArchiveBuilder().add({name, "", '2', "there"}).bytes(0);
+    if (i % 4 == 2) archive += directory(name + "/");
+  }
+  return archive + kEnd;
 }
 
 // Everything that stands in everything's way, among enough ordinary files to keep workers busy.
@@ -188,7 +222,7 @@ std::string tangledArchive() {
   archive += directory("e/") + directory("l/") + ArchiveBuilder().add({"l", "", '2', "e"}).bytes(0);
   for (int i = 0; i < 40; ++i) {
     const std::string name = "/" + std::to_string(i);
-    archive += member("l" + name, noise(60000, 1)) + member("e" + name, noise(50000, 2));
+    archive += member("l" + name, noise(20000, 1)) + member("e" + name, noise(15000, 2));
   }
   archive += member("d/" + std::string(300, 'n'), "too long a name") + member("d/behind", "it");
   archive += ArchiveBuilder().add({"d/empty", "", '2', ""}).bytes(0);
@@ -201,22 +235,37 @@ TEST(ParallelTrees, TreesEventsAndLogsAreThoseOfOneThread) {
     const Seen one = extract(archive, 1, false, words, nullptr);
     for (const int threads : kManyThreads)
       expectSame(one, extract(archive, threads, false, words, nullptr), words + std::to_string(threads));
-    expectSame(extract(archive, 1, true, words, nullptr), extract(archive, 4, true, words, nullptr), "any");
+    expectSame(extract(archive, 1, true, words, nullptr), extract(archive, 4, true, words, nullptr), "gzip");
   }
-  // Cut anywhere, and ended at any callback.
-  const Seen whole = extract(archive, 1, false, "", nullptr);
-  for (size_t at = 700; at < archive.size(); at += archive.size() / 23) {
-    const std::string cut = archive.substr(0, at);
-    expectSame(extract(cut, 1, false, "", nullptr), extract(cut, 4, false, "", nullptr),
-               "cut at " + std::to_string(at));
+  for (const Target target : {Target::HasThings, Target::IsEmpty, Target::IsMissing}) {
+    for (const bool compressed : {false, true}) {
+      for (const std::string& other : {looseArchive(), doubledArchive()}) {
+        expectSame(extract(other, 1, compressed, "", nullptr, target),
+                   extract(other, 4, compressed, "", nullptr, target),
+                   std::to_string(static_cast<int>(target)));
+      }
+    }
   }
-  for (size_t at = 1; at < whole.events.size(); at += 29) {
-    const auto throwing = [at](RowEvent& event) { event.throwAt = at; };
-    const auto aborting = [at](RowEvent& event) { event.abortAt = at; };
-    expectSame(extract(archive, 1, false, "", throwing), extract(archive, 4, false, "", throwing),
-               "thrown at " + std::to_string(at));
-    expectSame(extract(archive, 1, false, "", aborting), extract(archive, 4, false, "", aborting),
-               "aborted at " + std::to_string(at));
+}
+
+// Cut anywhere, and ended at any callback.
+TEST(ParallelTrees, RunsThatEndEarlyAreThoseOfOneThread) {
+  const std::string archive = tangledArchive();
+  for (const bool compressed : {false, true}) {
+    const size_t rows = extract(archive, 1, compressed, "", nullptr).events.size();
+    for (size_t at = 700; at < archive.size(); at += archive.size() / 13) {
+      const std::string cut = archive.substr(0, at);
+      expectSame(extract(cut, 1, compressed, "", nullptr), extract(cut, 4, compressed, "", nullptr),
+                 "cut at " + std::to_string(at));
+    }
+    for (size_t at = 1; at < rows; at += 53) {
+      const auto throwing = [at](RowEvent& event) { event.throwAt = at; };
+      const auto aborting = [at](RowEvent& event) { event.abortAt = at; };
+      expectSame(extract(archive, 1, compressed, "", throwing), extract(archive, 4, compressed, "", throwing),
+                 "thrown at " + std::to_string(at));
+      expectSame(extract(archive, 1, compressed, "", aborting), extract(archive, 4, compressed, "", aborting),
+                 "aborted at " + std::to_string(at));
+    }
   }
 }
 

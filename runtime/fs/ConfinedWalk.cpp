@@ -2,6 +2,7 @@
 // where it has none of that, by passing no link at all.
 #include "runtime/fs/ConfinedWalk.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <linux/openat2.h>
 #include <sys/syscall.h>
@@ -10,6 +11,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <string_view>
 #include <utility>
 
 #include "runtime/fs/DirAutoCreate.h"
@@ -92,6 +94,24 @@ bool ConfinedWalk::open(const char* target, Links links, LogBase& log) {
   const OsFile probe(openResolved(m_target.fd(), ".", kPathOnly, 0));
   m_partByPart = m_partByPart || (!probe.isOpen() && (errno == ENOSYS || errno == EPERM));
   return true;
+}
+
+bool ConfinedWalk::isEmpty() const {
+  const int fd = osOpenAt(m_target.fd(), ".", O_RDONLY | O_DIRECTORY);
+  DIR* const entries = fd >= 0 ? fdopendir(fd) : nullptr;
+  if (!entries) {
+    if (fd >= 0) ::close(fd);
+    return false;
+  }
+  bool isEmpty = true;
+  errno = 0;
+  while (const dirent* const entry = isEmpty ? readdir(entries) : nullptr) {
+    const std::string_view name = entry->d_name;
+    isEmpty = name == "." || name == "..";
+  }
+  isEmpty = isEmpty && errno == 0;
+  closedir(entries);
+  return isEmpty;
 }
 
 // The reason first: what is logged may change errno.
@@ -198,7 +218,8 @@ ConfinedWalk::Result ConfinedWalk::walkToParent(Place& place, LogBase& log) {
       struct stat status;
       if (made && m_notesParents && next.isOpen()) {
         if (next.status(status) != 0) return unmade(reached.fd(), part, joined(parts, 0, parts.size()), log);
-        m_newParents.push_back(Identity::of(status));
+        const bool isBeneath = place.base == m_target.fd();
+        m_newParents.push_back({Identity::of(status), isBeneath ? joined(parts, 0, i + 1) : std::string()});
       }
     }
     if (!next.isOpen() && isRefused(errno)) {

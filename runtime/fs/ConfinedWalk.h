@@ -53,8 +53,15 @@ class ConfinedWalk {
   // Whether a new file may get its group from a directory instead of from the process, as far as was seen.
   bool handsOnGroup() const { return m_handsOnGroup; }
 
-  // Directories that were made on the way to others, since they were last taken.
-  std::vector<Identity> takeNewParents() { return std::exchange(m_newParents, {}); }
+  // Directories that were made on the way to others, since they were last taken. The path is below the
+  // target; empty for one that is outside.
+  struct NewParent {
+    Identity identity;
+    std::string path;
+  };
+  std::vector<NewParent> takeNewParents() { return std::exchange(m_newParents, {}); }
+  // Whether there is nothing in the target. False where that cannot be told.
+  bool isEmpty() const;
   // Whether those are to be noted, which costs a look at each. Off at first; then the identity of new
   // directories is unknown.
   void noteNewParents(bool note) { m_notesParents = note; }
@@ -126,7 +133,7 @@ class ConfinedWalk {
   bool m_notesParents = false;
   bool m_handsOnGroup = false;
   // Only while noteNewParents asks for them.
-  std::vector<Identity> m_newParents;
+  std::vector<NewParent> m_newParents;
 };
 
 }  // namespace morvane

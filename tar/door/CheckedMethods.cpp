@@ -6,7 +6,6 @@
 #include "tar/format/ArchiveContent.h"
 #include "tar/read/UntarRun.h"
 #include "tar/stream/ExpandArchive.h"
-#include "tar/stream/StreamSink.h"
 
 namespace morvane {
 
@@ -109,12 +108,11 @@ bool ClsTar::Inner::untarChecked(_mvDataSource& source, Compression expected, bo
     StreamingUntar stream(liveCheckedSettings(extract), m_xmlListing);
     stream.BeginStreamingUntar();
     if (isProtected) stream.protect(archive);
-    StreamSink sink(stream);
     CodecOptions options = m_options.codec;
     options.verifyGzip = options.gzipAllMembers = true;
     const Codec& codec = codecOf(*found);
     const bool expanded = (!codec.readHeader || codec.readHeader(source, io)) &&
-                          expandArchive(codec, source, sink, options, m_options.maxRatio, io);
+                          extractArchive(codec, source, stream, options, m_options.maxRatio, io);
     ok = stream.FinishStreamingUntar(io.monitor, m_log) && expanded;
     m_onlyLeftOut = expanded && stream.onlyLeftOut();
   }

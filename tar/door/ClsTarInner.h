@@ -128,7 +128,7 @@ struct ClsTar::Inner {
   bool inflateTar(_mvDataSource& source, const Io& io);
   bool expandTarBz2(_mvDataSource& source, const Io& io);
   bool expandTarZ(_mvDataSource& source, const Io& io);
-  bool expandInto(_mvOutput& sink, _mvDataSource& source, Compression compression, const Io& io);
+  bool extractFrom(_mvDataSource& source, Compression compression, const Io& io);
   // Any compression, with every check; `expected` is None for whichever the content says.
   bool untarCheckedPath(const char* name, const XString& path, Compression expected, bool extract,
                         ProgressEvent* progress);

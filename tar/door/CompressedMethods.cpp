@@ -5,7 +5,6 @@
 #include "runtime/io/Io.h"
 #include "tar/door/ClsTarInner.h"
 #include "tar/stream/ExpandArchive.h"
-#include "tar/stream/StreamSink.h"
 
 namespace morvane {
 
@@ -85,9 +84,8 @@ bool ClsTar::Inner::untarCompressed(_mvDataSource& source, ProgressEvent* progre
 }
 
 // The codec from its table, within the limits and threads that the words ask for.
-bool ClsTar::Inner::expandInto(_mvOutput& sink, _mvDataSource& source, Compression compression,
-                               const Io& io) {
-  return expandArchive(codecOf(compression), source, sink, m_options.codec, m_options.maxRatio, io);
+bool ClsTar::Inner::extractFrom(_mvDataSource& source, Compression compression, const Io& io) {
+  return extractArchive(codecOf(compression), source, m_stream, m_options.codec, m_options.maxRatio, io);
 }
 
 // Begins a streaming run over the archive that is being read.
@@ -111,8 +109,7 @@ bool ClsTar::Inner::inflateTar(_mvDataSource& source, const Io& io) {
   _mvDataSource& lending = source.canLend() ? source : buffered;
   if (!readGzipHeader(lending, io)) return false;
   beginFramedRun(io.log);
-  StreamSink sink(m_stream);
-  if (!expandInto(sink, lending, Compression::Gzip, io)) {
+  if (!extractFrom(lending, Compression::Gzip, io)) {
     return io.fail("unTarGz inflate failed (2)");
   }
   if (!m_stream.FinishStreamingUntar(io.monitor, io.log)) {
@@ -125,15 +122,13 @@ bool ClsTar::Inner::inflateTar(_mvDataSource& source, const Io& io) {
 // Unframed by default: the state of the last run goes on, so that an archive behind one that has ended
 // extracts nothing and succeeds. Bz2Framed is the way out. What such a run made is settled all the same.
 bool ClsTar::Inner::expandTarBz2(_mvDataSource& source, const Io& io) {
-  StreamSink sink(m_stream);
   if (m_options.bz2Framed) {
     beginFramedRun(io.log);
-    return expandInto(sink, source, Compression::Bzip2, io) &&
-           m_stream.FinishStreamingUntar(io.monitor, io.log);
+    return extractFrom(source, Compression::Bzip2, io) && m_stream.FinishStreamingUntar(io.monitor, io.log);
   }
   m_stream.beginUnframed();
   protectArchive(io.log);
-  const bool expanded = expandInto(sink, source, Compression::Bzip2, io);
+  const bool expanded = extractFrom(source, Compression::Bzip2, io);
   m_stream.endUnframed(io.monitor, io.log);
   return expanded && !m_stream.anyLeftOut();
 }
@@ -141,8 +136,7 @@ bool ClsTar::Inner::expandTarBz2(_mvDataSource& source, const Io& io) {
 // The message blames the data; a member that was left out is in the log before it.
 bool ClsTar::Inner::expandTarZ(_mvDataSource& source, const Io& io) {
   beginFramedRun(io.log);
-  StreamSink sink(m_stream);
-  if (!expandInto(sink, source, Compression::Compress, io)) {
+  if (!extractFrom(source, Compression::Compress, io)) {
     return io.fail("Invalid compressed data (D)");
   }
   if (!m_stream.FinishStreamingUntar(io.monitor, io.log)) {

@@ -70,7 +70,9 @@ bool ExtractTarget::openConfined(const MemberPath& path, const ReadSettings& set
   m_confined.noteNewParents(settings.options.restore.any());
   m_confinedHow = how;
   m_confinedDir = dir;
-  return m_confined.open(dir.isEmpty() ? "." : dir.getUtf8(), how, log);
+  const bool isOpen = m_confined.open(dir.isEmpty() ? "." : dir.getUtf8(), how, log);
+  m_wasEmpty = isOpen && m_notesEmpty && m_confined.isEmpty();
+  return isOpen;
 }
 
 // The reason is taken at once; the next member overwrites it.

@@ -66,6 +66,9 @@ class ExtractTarget {
   // With ExistingFiles=newer: whether what is at the member's path is as new as that time, or newer. False
   // for nothing, and for a directory.
   bool isNewerThere(const MemberPath& path, const ReadSettings& settings, const TarTime& time, LogBase& log);
+  // Whether there was nothing in the target when it was opened; asked then, where `notesEmpty` says so.
+  void noteWhetherEmpty(bool notesEmpty) { m_notesEmpty = notesEmpty; }
+  bool wasEmpty() const { return m_wasEmpty; }
   bool handsOnGroup() const { return m_confined.handsOnGroup(); }
   // Null until something was made through it. Owned here; gone with the next target or reset().
   ConfinedDir* confined() { return m_confined.isOpen() ? &m_confined : nullptr; }
@@ -103,6 +106,7 @@ class ExtractTarget {
   ConfinedDir m_confined;
   XString m_confinedDir;
   ConfinedDir::Links m_confinedHow = ConfinedDir::Links::None;
+  bool m_notesEmpty = false, m_wasEmpty = false;
   // Of the member that was made or tried last; judge() clears them.
   int m_lastError = 0;
   const char* m_refusal = "";

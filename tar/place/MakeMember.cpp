@@ -65,7 +65,7 @@ Outcome MemberPlacer::makeDirectory(const Member& member, const Io& io) {
   const Outcome outcome = m_target.makeDirectory(m_path, settings(), mode, made, io.log);
   if (outcome == Outcome::Ok && restored().any()) {
     // Parents first, so that a directory made on the way to an earlier member counts as the run's own.
-    m_restorer.noteParents(m_target.confined()->takeNewParents());
+    noteNewParents();
     m_restorer.noteDirectory(made, member, m_path.entryPath().str());
     noteOwnDirectory(made);
   }

@@ -133,11 +133,13 @@ Placed MemberPlacer::place(const Member& member, const Io& io) {
   if (restored().any() && m_target.isElsewhere(m_path)) {
     finishTarget(io);
     m_links.clear();
+    if (m_behind) m_behind->forgetOwnDirectories();
   }
   // What is no directory may take an empty one's place.
   if (m_behind && !member.isDirectory) m_behind->forgetOwnDirectory(cleanPath(m_path.entryPath().str()));
   if (restored().link) m_links.replaceWaiting(m_path.entryPath().str());
   const Outcome outcome = isKeptAsNewer(member, io) ? Outcome::Exists : make(member, io, placed);
+  noteNewParents();
   if (restored().link) {
     const std::string& path = m_path.entryPath().str();
     // A link that waits is not there yet.

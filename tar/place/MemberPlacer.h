@@ -135,23 +135,27 @@ class MemberPlacer {
   // as usual after all.
   WriteBehind::File* fileBehind(const Member& member);
   void submitBehind();
-  // See WriteBehind; null where nothing is written behind.
-  WriteBehind::File* nextUndone(bool waitsForAll) {
-    return m_behind ? m_behind->nextUndone(waitsForAll) : nullptr;
+  // Does again, in their order, what workers could not do: of all that is under way, for which it waits, or
+  // of what needs no waiting. `doAgain(file)` is the engine's, since messages are: it calls placeAgain and
+  // says false for a failure that ends the run. Then nothing more is done again, and this is false too.
+  template <class DoAgain>
+  bool doUndone(bool waitsForAll, DoAgain doAgain) {
+    const WriteBehind::File* file = m_behind ? m_behind->nextUndone(waitsForAll) : nullptr;
+    if (!file) return true;
+    // The member that the run is at is gone on with afterwards.
+    Current current = setAside();
+    bool ok = true;
+    for (; file && ok; file = m_behind->nextUndone(waitsForAll)) ok = doAgain(*file);
+    if (!ok) m_behind->waitForAll();
+    goBackTo(std::move(current));
+    return ok;
   }
-  // Places such a file in the ordinary way. The path is then its own: whoever has another one to go on with
-  // keeps it meanwhile.
+  // Places such a file in the ordinary way. The path is then its own.
   Placed placeAgain(const WriteBehind::File& file, const Io& io);
-  struct Current {
-    MemberPath path;
-    bool isRenamed, linkIsGiven;
-  };
-  Current setAside();
-  void goBackTo(Current current);
-  // Nothing more is done again: the run has failed at one.
-  void dropUndone() {
-    if (m_behind) m_behind->waitForAll();
-  }
+  // The end: for a run that an exception ends, where nobody hears of what is done again, or behind doUndone.
+  // No thread is left.
+  void finishBehind();
+  void finishBehindQuietly() noexcept;
 
   // Of the member that was set last; good until the next one.
   const MemberPath& path() const { return m_path; }
@@ -185,9 +189,16 @@ class MemberPlacer {
   const KeptParts& restored() const { return m_restorer.parts(); }
   bool isKeptAsNewer(const Member& member, const Io& io);
   bool goesOnWithout(ExtractTarget::Outcome outcome) const;
+  struct Current {
+    MemberPath path;
+    bool isRenamed, linkIsGiven;
+  };
+  Current setAside();
+  void goBackTo(Current current);
   bool mayWriteBehind() const;
-  void finishBehind();
   bool mayGoBehind(const Member& member, const std::string& path);
+  bool isInOwnDirectory(const std::string& path) const;
+  void noteNewParents();
   void noteOwnDirectory(const ConfinedDir::MadeDirectory& made);
 
   // The engine's own, and what it differs in.

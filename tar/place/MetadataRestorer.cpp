@@ -194,8 +194,8 @@ void MetadataRestorer::setTimes(int fd, const Member& member, const XString& ent
   if (error != 0) m_notKept.note(NotKept::Kind::Times, entryPath, error, io);
 }
 
-void MetadataRestorer::noteParents(std::vector<ConfinedDir::Identity> parents) {
-  for (const ConfinedDir::Identity& parent : parents) m_newParents.insert(parent);
+void MetadataRestorer::noteParents(const std::vector<ConfinedDir::NewParent>& parents) {
+  for (const ConfinedDir::NewParent& parent : parents) m_newParents.insert(parent.identity);
 }
 
 // A directory that stood there before the run is not the run's to change, unless a full mode was asked for

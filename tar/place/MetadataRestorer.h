@@ -46,7 +46,7 @@ class MetadataRestorer {
   // member is copied. One that was there before the run is not noted, unless such ones are to be settled too.
   void noteDirectory(const ConfinedDir::MadeDirectory& made, const Member& member, const std::string& path);
   // Directories that were made on the way to members count as made by the run.
-  void noteParents(std::vector<ConfinedDir::Identity> parents);
+  void noteParents(const std::vector<ConfinedDir::NewParent>& parents);
   // Settles all of them, deepest first. One that is no more the one that was made is passed over. Then
   // nothing is noted any more.
   void settleDirectories(ConfinedDir& target, const Io& io);

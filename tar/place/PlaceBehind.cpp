@@ -16,6 +16,7 @@ void MemberPlacer::beginBehind(const Io& io) {
   const long long threads = settings().options.codec.threads;
   const unsigned workers = threads == 1 ? 0 : workerCount(threads);
   if (workers > 0 && restored().any() && !io.log.verbose()) m_behind = std::make_unique<WriteBehind>(workers);
+  m_target.noteWhetherEmpty(m_behind != nullptr);
 }
 
 // As the words and properties are now: a callback may have set any.
@@ -26,8 +27,9 @@ bool MemberPlacer::mayWriteBehind() const {
          !now.untarDiscardPaths;
 }
 
-// A link may lead to what is under way, or stand in the way of it; so may a file that is made in its turn.
-// Directories and symbolic links are met by path alone.
+// What is made in its turn may lead to what is under way, or stand in the way of it. Directories and symbolic
+// links do so by path alone: but only in the target itself or in a directory of the run's own, because on
+// the way through any other there may be links of before the run, by which one directory has two paths.
 MemberPlacer::Turn MemberPlacer::turnOf(const Member& member) {
   Turn turn;
   if (!m_behind) return turn;
@@ -40,9 +42,17 @@ MemberPlacer::Turn MemberPlacer::turnOf(const Member& member) {
   turn.isBehind = mayGoBehind(member, path);
   if (!isAnyUnderWay) return turn;
   const bool isLink = member.isSymbolicLink() && restored().link;
-  const bool standsInTheWay = isLink ? m_behind->isOwnDirectory(path) : !member.isDirectory && !turn.isBehind;
-  turn.waits = standsInTheWay || m_behind->meets(path);
+  const bool hasOnePath = path.find('/') == std::string::npos || isInOwnDirectory(path);
+  const bool isMetByPath = turn.isBehind || (hasOnePath && member.isDirectory) ||
+                           (hasOnePath && isLink && !m_behind->isOwnDirectory(path));
+  turn.waits = !isMetByPath || m_behind->meets(path);
   return turn;
+}
+
+// The target is the run's own where there was nothing in it.
+bool MemberPlacer::isInOwnDirectory(const std::string& path) const {
+  const size_t slash = path.rfind('/');
+  return slash == std::string::npos ? m_target.wasEmpty() : m_behind->isOwnDirectory(path.substr(0, slash));
 }
 
 // An ordinary file of little data, in a directory of the run's own. Nothing is asked of the disk. What would
@@ -57,22 +67,21 @@ bool MemberPlacer::mayGoBehind(const Member& member, const std::string& path) {
     return false;
   const size_t slash = path.rfind('/');
   const size_t leaf = slash == std::string::npos ? 0 : slash + 1;
-  if (slash == std::string::npos || path.size() - leaf > kLongestName || path.size() >= PATH_MAX)
-    return false;
-  return path == m_path.entryPath().str() && m_behind->isOwnDirectory(path.substr(0, slash)) &&
-         !m_behind->isOwnDirectory(path) && m_restorer.isPlain(member);
+  if (path.empty() || path.size() - leaf > kLongestName || path.size() >= PATH_MAX) return false;
+  return isInOwnDirectory(path) && !m_behind->isOwnDirectory(path) && m_restorer.isPlain(member);
 }
 
 WriteBehind::File* MemberPlacer::fileBehind(const Member& member) {
-  const std::string& path = m_path.entryPath().str();
+  const std::string& entryPath = m_path.entryPath().str();
   ConfinedDir* const target = m_target.confined();
   // A callback may have changed the words while earlier files were told of.
-  if (!target || !mayWriteBehind() || !target->mayBeMade(path)) return nullptr;
+  if (!target || !mayWriteBehind() || !target->mayBeMade(entryPath)) return nullptr;
   WriteBehind::File& file = m_behind->next();
   file.mode = m_restorer.modeToMake(member, m_target.handsOnGroup());
   file.settlement = m_restorer.plan(member);
   file.target = target;
-  file.path = path;
+  file.path = cleanPath(entryPath);
+  file.entryPath = entryPath;
   file.targetDir = m_path.targetDir();
   file.member.copyPlain(member);
   file.data.clear();
@@ -92,7 +101,7 @@ void MemberPlacer::submitBehind() {
 
 Placed MemberPlacer::placeAgain(const WriteBehind::File& file, const Io& io) {
   m_path = MemberPath(file.targetDir);
-  m_path.rename(file.path, settings());
+  m_path.rename(file.entryPath, settings());
   m_isRenamed = true;  // what became of its stored name was noted in its turn
   return place(file.member, io);
 }
@@ -107,19 +116,37 @@ void MemberPlacer::goBackTo(Current current) {
   m_linkIsGiven = current.linkIsGiven;
 }
 
-// For a run that an exception ends: what was chosen before it is made, and nobody hears of it.
+// What was chosen before is made.
 void MemberPlacer::finishBehind() {
   LogNull unwanted;
   const Io quiet(unwanted);
-  Current current = setAside();
-  while (const WriteBehind::File* const file = nextUndone(true)) {
-    const Placed placed = placeAgain(*file, quiet);
-    if (!placed.file) continue;
-    const bool isWritten = placed.out->writeDbPM(file->data, nullptr, unwanted);
-    settle(file->member, *placed.out, *placed.file, isWritten, {}, quiet);
-  }
-  goBackTo(std::move(current));
+  doUndone(true, [&](const WriteBehind::File& file) {
+    const Placed placed = placeAgain(file, quiet);
+    if (!placed.file) return true;
+    const bool isWritten = placed.out->writeDbPM(file.data, nullptr, unwanted);
+    settle(file.member, *placed.out, *placed.file, isWritten, {}, quiet);
+    return true;
+  });
   m_behind.reset();
+}
+
+void MemberPlacer::finishBehindQuietly() noexcept {
+  try {
+    finishBehind();
+  } catch (...) {  // out of memory: what is not done is left so
+    m_behind.reset();
+  }
+}
+
+// Directories that were made on the way to the member are the run's own as well as those that are members.
+void MemberPlacer::noteNewParents() {
+  if (!restored().any() || !m_target.confined()) return;
+  const std::vector<ConfinedDir::NewParent> parents = m_target.confined()->takeNewParents();
+  m_restorer.noteParents(parents);
+  if (!m_behind) return;
+  for (const ConfinedDir::NewParent& parent : parents) {
+    if (!parent.path.empty()) m_behind->noteOwnDirectory(parent.path);
+  }
 }
 
 void MemberPlacer::noteOwnDirectory(const ConfinedDir::MadeDirectory& made) {

@@ -29,13 +29,15 @@ class WriteBehind {
     void work() override;
 
     ConfinedDir* target = nullptr;
-    std::string path;  // below the target, clean
+    std::string path;       // below the target, clean
+    std::string entryPath;  // the same as the member has it
     unsigned mode = 0;
     FileSettlement settlement;
     DataBuffer data;
     // For doing it again: the target, and of the member what a plain file needs.
     XString targetDir;
     Member member;
+    int arrival = 0;  // a push engine's, for its messages
     bool isDone = false;
   };
 
@@ -46,6 +48,7 @@ class WriteBehind {
   void noteOwnDirectory(const std::string& path) { m_ownDirectories.insert(path); }
   // Something else has been put in its place.
   void forgetOwnDirectory(const std::string& path) { m_ownDirectories.erase(path); }
+  void forgetOwnDirectories() { m_ownDirectories.clear(); }
   bool isOwnDirectory(const std::string& path) const { return m_ownDirectories.count(path) > 0; }
   // Whether the path, or one that it lies below, is that of a file under way.
   bool meets(const std::string& path) const;

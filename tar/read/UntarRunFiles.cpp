@@ -90,7 +90,7 @@ bool UntarRun::copyBehind(WriteBehind::File& file) {
     isComplete = m_context.source.copyNToOutput2PM(out, m_member.size, m_copyBuffer.get(), m_copyBufferSize,
                                                    m_io.monitor, m_held);
   } catch (...) {
-    leavePartOf(file, false);
+    leavePart(file.data, false);
     throw;
   }
   if (isComplete) {
@@ -98,7 +98,7 @@ bool UntarRun::copyBehind(WriteBehind::File& file) {
     m_placer.submitBehind();
     return doUndone(false);
   }
-  if (doUndone(true)) leavePartOf(file, true);
+  if (doUndone(true)) leavePart(file.data, true);
   {
     LogContextExitor context(m_log, "extractToFile");
     m_held.tellTo(m_log);
@@ -107,35 +107,25 @@ bool UntarRun::copyBehind(WriteBehind::File& file) {
 }
 
 // As far as its data came, with no time of its own. Why they ended is told by the caller.
-void UntarRun::leavePartOf(const WriteBehind::File& file, bool isSettled) {
+void UntarRun::leavePart(const DataBuffer& data, bool isSettled) {
   LogNull unwanted;
   const Io quiet(unwanted);
-  MemberPlacer::Current current = m_placer.setAside();
-  Placed placed = m_placer.placeAgain(file, quiet);
+  Placed placed = m_placer.place(m_member, quiet);
   if (placed.file && isSettled) {
-    fillAgain(file, std::move(placed), quiet);
+    fillFrom(data, m_member, std::move(placed), quiet);
   } else if (placed.file) {
-    (void)placed.out->writeDbPM(file.data, nullptr, unwanted);
+    (void)placed.out->writeDbPM(data, nullptr, unwanted);
   }
-  m_placer.goBackTo(std::move(current));
 }
 
-FileEnd UntarRun::fillAgain(const WriteBehind::File& file, Placed placed, const Io& io) {
+FileEnd UntarRun::fillFrom(const DataBuffer& data, const Member& member, Placed placed, const Io& io) {
   _mvMemoryDataSource source;
-  source.initializeMemSource(file.data.getData2(), file.data.getSize());
-  return fillFile(source, file.member, {std::move(placed.out), placed.file}, io);
+  source.initializeMemSource(data.getData2(), data.getSize());
+  return fillFile(source, member, {std::move(placed.out), placed.file}, io);
 }
 
-// The member that the run is at is gone on with afterwards. Behind a failure nothing more is done again.
 bool UntarRun::doUndone(bool waitsForAll) {
-  const WriteBehind::File* file = m_placer.nextUndone(waitsForAll);
-  if (!file) return true;
-  MemberPlacer::Current current = m_placer.setAside();
-  bool ok = true;
-  for (; file && ok; file = m_placer.nextUndone(waitsForAll)) ok = doAgain(*file);
-  if (!ok) m_placer.dropUndone();
-  m_placer.goBackTo(std::move(current));
-  return ok;
+  return m_placer.doUndone(waitsForAll, [this](const WriteBehind::File& file) { return doAgain(file); });
 }
 
 // From memory, and without a monitor: progress was told as the data were read. It was counted as made.
@@ -147,7 +137,7 @@ bool UntarRun::doAgain(const WriteBehind::File& file) {
     return true;
   }
   if (placed.result != Placed::Result::Made) return couldNotMake(placed.result, false);
-  const FileEnd end = fillAgain(file, std::move(placed), io);
+  const FileEnd end = fillFrom(file.data, file.member, std::move(placed), io);
   if (!end.isWhole && !end.hasFailedAlone)
     return failWith(kCannotExtract, "filePath", m_placer.path().outputPath());
   if (!end.isWhole) --m_count;

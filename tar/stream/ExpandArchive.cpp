@@ -7,6 +7,7 @@
 #include "runtime/io/AheadSource.h"
 #include "runtime/parallel/OrderedRing.h"
 #include "tar/stream/RatioLimit.h"
+#include "tar/stream/StreamSink.h"
 
 namespace morvane {
 
@@ -37,6 +38,20 @@ bool expandArchive(const Codec& codec, _mvDataSource& source, _mvOutput& out, co
                                     : expandAhead(codec.decode, ahead, metered, limited, options, io);
   ahead.giveBack();
   return ok;
+}
+
+bool extractArchive(const Codec& codec, _mvDataSource& source, StreamingUntar& engine,
+                    const CodecOptions& options, long long maxRatio, const Io& io) {
+  engine.beginBehind(io);
+  StreamSink sink(engine);
+  bool isExpanded = false;
+  try {
+    isExpanded = expandArchive(codec, source, sink, options, maxRatio, io);
+  } catch (...) {
+    engine.endBehindQuietly();
+    throw;
+  }
+  return engine.endBehind(io) && isExpanded;
 }
 
 }  // namespace morvane

@@ -1,11 +1,12 @@
-// Expands a compressed archive into an engine: within the limit MaxRatio, and ahead of the engine where
-// Threads allows.
+// Expands a compressed archive into an engine: within the limit MaxRatio, and, where Threads allows, ahead of
+// the engine, which writes small files behind it.
 #pragma once
 
 #include "runtime/codec/Codec.h"
 
 namespace morvane {
 
+class StreamingUntar;
 struct Io;
 
 // `source` stands behind the codec's header. The output is the engine's, and is used by the calling thread
@@ -13,5 +14,10 @@ struct Io;
 // a piece.
 bool expandArchive(const Codec& codec, _mvDataSource& source, _mvOutput& out, const CodecOptions& options,
                    long long maxRatio, const Io& io);
+
+// The same into an engine that makes files, whose run has begun and is finished by the caller. False also
+// where a file that was still to be written could not be; that is in the log.
+bool extractArchive(const Codec& codec, _mvDataSource& source, StreamingUntar& engine,
+                    const CodecOptions& options, long long maxRatio, const Io& io);
 
 }  // namespace morvane

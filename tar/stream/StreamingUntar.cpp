@@ -30,6 +30,7 @@ void StreamingUntar::setOutput(std::unique_ptr<_mvOutput> output, OutputFile* fi
   m_streamOutput = std::move(output);
   m_streamOutFile = file;
   m_writeFailed = false;
+  m_behindFile = nullptr;
 }
 
 void StreamingUntar::releaseOutput() { setOutput(nullptr, nullptr); }
@@ -75,6 +76,7 @@ void StreamingUntar::resetRun() {
 
 // Whatever is fed from now on is refused, until a run is begun.
 void StreamingUntar::breakOff() {
+  endBehindQuietly();
   resetRun();
   m_life = Life::BrokenOff;
   m_streamOk = false;
@@ -262,6 +264,7 @@ bool StreamingUntar::consumeData(const Io& io) {
 // Padding follows from what was written, which is the header's size by now. The output goes however its file
 // ended; a member that was wanted counts only if that went well.
 bool StreamingUntar::finishEntry(Arrival arrival, const Io& io) {
+  if (m_behindFile) return handOver(arrival, io);
   LogBase& log = io.log;
   const std::string number = std::to_string(static_cast<int>(arrival));
   if (log.verbose()) log.LogDataInt64(("finishedFileSize" + number).c_str(), m_streamBytesWritten);

@@ -66,6 +66,14 @@ class StreamingUntar {
   // stays open.
   bool flushOpenOutput(ProgressMonitor* pm, LogBase& log);
   void releaseOutput();
+  // For a run of which all pieces come within one call of the application, because no thread may outlive
+  // that: small files are written behind (the word Threads), until the end. That is asked for in any case;
+  // then everything is on the disk, and no thread is left. What workers could not do is done again, and what
+  // still fails ends the run with its line: false. The entry that the pieces end in is a file in its turn.
+  void beginBehind(const Io& io) { m_placer.beginBehind(io); }
+  bool endBehind(const Io& io);
+  // The same behind an exception, of which nobody hears.
+  void endBehindQuietly() noexcept;
   // Whether members were left out since the run, or an unframed one, began.
   bool anyLeftOut() const { return m_placer.anyLeftOut(); }
   // The same of a run that came to its end without any failure.
@@ -112,8 +120,16 @@ class StreamingUntar {
   // What the header begins: each opens the output of the entry's data, and tells how many there are.
   bool beginEntry(bool& finished, const Io& io);
   bool beginExtension(bool& finished, const Io& io);
-  bool beginFile(bool skipped, bool& finished, const Io& io);
+  bool beginFile(bool skipped, bool isBehind, bool& finished, const Io& io);
   bool beginDirectory(bool skipped, bool& finished, const Io& io);
+  // A file in its turn. Without an output, as for what is left out.
+  bool placeFile(bool& skipped, bool& finished, const Io& io);
+  bool couldNotPlace(Placed::Result result, bool& finished, const Io& io);
+  // Writing behind: see MemberPlacer.
+  bool handOver(Arrival arrival, const Io& io);
+  bool doUndone(bool waitsForAll, const Io& io);
+  bool doAgain(const WriteBehind::File& file, const Io& io);
+  bool becomeFileInItsTurn(const Io& io);
   // To the open output. False, with the way the bytes came in the message, when it refuses them.
   bool write(const char* bytes, unsigned n, Arrival arrival, const Io& io);
   bool writeHasFailed(Arrival arrival, const Io& io);
@@ -160,6 +176,7 @@ class StreamingUntar {
   std::unique_ptr<_mvOutput> m_streamOutput;  // of the current entry's data
   OutputFile* m_streamOutFile = nullptr;      // the same object when it is a file
   bool m_writeFailed = false;                 // of the open output
+  WriteBehind::File* m_behindFile = nullptr;  // where the data are collected, of one that is written behind
   // Bytes: of the entry in all, still to come, handed to its output; then zeros up to the next block.
   long long m_streamExpectedSize = 0;
   long long m_streamBytesLeft = 0;

@@ -141,7 +141,14 @@ bool StreamingUntar::beginEntry(bool& finished, const Io& io) {
     return false;
   }
   const bool skipped = choice != Choice::Extract;
-  return member.isDirectory ? beginDirectory(skipped, finished, io) : beginFile(skipped, finished, io);
+  MemberPlacer::Turn turn;
+  if (!skipped && !m_memberOutput) turn = m_placer.turnOf(member);
+  if (!doUndone(turn.waits, io)) {
+    finished = true;
+    return false;
+  }
+  return member.isDirectory ? beginDirectory(skipped, finished, io)
+                            : beginFile(skipped, turn.isBehind, finished, io);
 }
 
 // The size is a claim: the buffer grows by what arrives, and a limit is asked before.
@@ -167,22 +174,17 @@ bool StreamingUntar::beginExtension(bool& finished, const Io& io) {
 // A file that is left out gets an output that takes everything and does nothing, so that its data are
 // consumed like any other's. One that cannot be made ends the run: without an output its data have nowhere to
 // go.
-bool StreamingUntar::beginFile(bool skipped, bool& finished, const Io& io) {
-  if (!skipped && m_memberOutput) {
+bool StreamingUntar::beginFile(bool skipped, bool isBehind, bool& finished, const Io& io) {
+  WriteBehind::File* const behind = isBehind ? m_placer.fileBehind(m_reader->found()) : nullptr;
+  if (behind) {
+    setOutput(std::make_unique<OutputDataBuffer>(behind->data), nullptr);
+    m_behindFile = behind;
+  } else if (!skipped && m_memberOutput) {
     m_wanted = Wanted::Arriving;
     auto out = std::make_unique<ForwardingOutput>(*m_memberOutput);
     setOutput(MemberPlacer::spreading(m_reader->found(), std::move(out), nullptr), nullptr);
-  } else if (!skipped) {
-    Placed placed = m_placer.place(m_reader->found(), io);
-    if (placed.result == Placed::Result::NoPlace) {
-      return stop("Failed to ensure ability to create output file for untar.", finished, io);
-    }
-    if (placed.result == Placed::Result::NotMade) {
-      m_placer.target().tellNotCreated(io.log);
-      return stop("Failed to create output file for untar.", finished, io);
-    }
-    skipped = placed.result == Placed::Result::LeftOut;
-    if (placed.out) setOutput(std::move(placed.out), placed.file);
+  } else if (!skipped && !placeFile(skipped, finished, io)) {
+    return false;
   }
   if (skipped && io.log.verbose()) io.log.LogDataX("skippingFile", m_placer.path().outputPath());
   // What takes no data has them passed over.
@@ -193,10 +195,27 @@ bool StreamingUntar::beginFile(bool skipped, bool& finished, const Io& io) {
     if (!MemberPlacer::finishSpreading(*m_streamOutput, io)) return writeHasFailed(Arrival::AllPending, io);
     completeMember();
   }
+  if (m_behindFile && m_streamBytesLeft == 0) return handOver(Arrival::AllPending, io);
   // By the next header it would be too late for what this one says of it.
   const bool isEmptyAndRestored =
       m_streamOutFile && m_streamBytesLeft == 0 && m_settings.options.restore.any();
   return !isEmptyAndRestored || closeEmptyFile(io);
+}
+
+bool StreamingUntar::placeFile(bool& skipped, bool& finished, const Io& io) {
+  Placed placed = m_placer.place(m_reader->found(), io);
+  skipped = placed.result == Placed::Result::LeftOut;
+  if (!skipped && placed.result != Placed::Result::Made) return couldNotPlace(placed.result, finished, io);
+  if (placed.out) setOutput(std::move(placed.out), placed.file);
+  return true;
+}
+
+bool StreamingUntar::couldNotPlace(Placed::Result result, bool& finished, const Io& io) {
+  if (result == Placed::Result::NoPlace) {
+    return stop("Failed to ensure ability to create output file for untar.", finished, io);
+  }
+  m_placer.target().tellNotCreated(io.log);
+  return stop("Failed to create output file for untar.", finished, io);
 }
 
 // A directory has no data here, whatever size its header states.

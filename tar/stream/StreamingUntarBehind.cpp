@@ -1,0 +1,71 @@
+// The push engine's small files on their way to workers, and what workers could not do done again.
+#include <new>
+
+#include "runtime/log/LogNull.h"
+#include "tar/format/TarBlock.h"
+#include "tar/stream/StreamingUntar.h"
+
+namespace morvane {
+
+// What is done again here is of earlier entries; this one's outcome comes later.
+bool StreamingUntar::handOver(Arrival arrival, const Io& io) {
+  m_behindFile->arrival = static_cast<int>(arrival);
+  m_streamPaddingLeft = paddingAfter(m_streamBytesWritten);
+  releaseOutput();
+  m_placer.submitBehind();
+  return doUndone(false, io);
+}
+
+// The run has gone on since, and so ends where it stands.
+bool StreamingUntar::doUndone(bool waitsForAll, const Io& io) {
+  const bool ok =
+      m_placer.doUndone(waitsForAll, [&](const WriteBehind::File& file) { return doAgain(file, io); });
+  if (!ok) m_streamFinished = true;
+  return ok;
+}
+
+// Without a monitor: progress was told as the data came.
+bool StreamingUntar::doAgain(const WriteBehind::File& file, const Io& io) {
+  const Io again(io.log, nullptr, io.event);
+  const Placed placed = m_placer.placeAgain(file, again);
+  if (placed.result == Placed::Result::LeftOut) return true;
+  bool finished = false;
+  if (placed.result != Placed::Result::Made) return couldNotPlace(placed.result, finished, io);
+  const bool isWritten = placed.out->writeDbPM(file.data, nullptr, io.log);
+  const FileEnd end = m_placer.settle(file.member, *placed.out, *placed.file, isWritten, {}, again);
+  return m_placer.noteEnd(end, again) || writeHasFailed(static_cast<Arrival>(file.arrival), io);
+}
+
+// With what has come of it; the rest goes there as it comes.
+bool StreamingUntar::becomeFileInItsTurn(const Io& io) {
+  const WriteBehind::File* const file = m_behindFile;
+  if (!file) return true;
+  bool skipped = false, finished = false;
+  if (!placeFile(skipped, finished, io)) return false;
+  // What was placed is open now, and the file behind no output's any more.
+  if (skipped) setOutput(std::make_unique<_mvOutput>(), nullptr);
+  if (m_streamOutput->writeDbPM(file->data, nullptr, io.log)) return true;
+  m_writeFailed = true;
+  return writeHasFailed(Arrival::AllPending, io);
+}
+
+// The file behind is gone with the last of them, and so must be what writes into it.
+bool StreamingUntar::endBehind(const Io& io) {
+  const bool ok = doUndone(true, io) && becomeFileInItsTurn(Io(io.log, nullptr, io.event));
+  if (m_behindFile) releaseOutput();
+  m_placer.finishBehind();
+  m_streamOk &= ok;
+  return ok;
+}
+
+void StreamingUntar::endBehindQuietly() noexcept {
+  try {
+    LogNull unwanted;
+    (void)becomeFileInItsTurn(Io(unwanted));
+  } catch (...) {  // out of memory: there is nothing more that could be done
+  }
+  if (m_behindFile) releaseOutput();
+  m_placer.finishBehindQuietly();
+}
+
+}  // namespace morvane
