@@ -134,7 +134,7 @@ class MemberPlacer {
   // The file that such a member is, to be filled with its data and submitted; null where it is to be placed
   // as usual after all.
   WriteBehind::File* fileBehind(const Member& member);
-  void submitBehind();
+  void submitBehind(WriteBehind::File& file);
   // Does again, in their order, what workers could not do: of all that is under way, for which it waits, or
   // of what needs no waiting. `doAgain(file)` is the engine's, since messages are: it calls placeAgain and
   // says false for a failure that ends the run. Then nothing more is done again, and this is false too.

@@ -76,27 +76,24 @@ WriteBehind::File* MemberPlacer::fileBehind(const Member& member) {
   ConfinedDir* const target = m_target.confined();
   // A callback may have changed the words while earlier files were told of.
   if (!target || !mayWriteBehind() || !target->mayBeMade(entryPath)) return nullptr;
-  WriteBehind::File& file = m_behind->next();
+  WriteBehind::File& file = m_behind->next(*target, cleanPath(entryPath));
   file.mode = m_restorer.modeToMake(member, m_target.handsOnGroup());
   file.settlement = m_restorer.plan(member);
-  file.target = target;
-  file.path = cleanPath(entryPath);
   file.entryPath = entryPath;
   file.targetDir = m_path.targetDir();
   file.member.copyPlain(member);
-  file.data.clear();
   return &file;
 }
 
 // As if it had been made: a failure takes that back.
-void MemberPlacer::submitBehind() {
+void MemberPlacer::submitBehind(WriteBehind::File& file) {
   if (restored().link) {
     const std::string& path = m_path.entryPath().str();
     m_links.replaceWaiting(path);
     m_links.noteMade(path);
     if (!m_isRenamed) m_links.forgetRenamed(path);
   }
-  m_behind->submit();
+  m_behind->submit(file);
 }
 
 Placed MemberPlacer::placeAgain(const WriteBehind::File& file, const Io& io) {
@@ -123,7 +120,7 @@ void MemberPlacer::finishBehind() {
   doUndone(true, [&](const WriteBehind::File& file) {
     const Placed placed = placeAgain(file, quiet);
     if (!placed.file) return true;
-    const bool isWritten = placed.out->writeDbPM(file.data, nullptr, unwanted);
+    const bool isWritten = placed.out->writeBytesPM(file.bytes(), file.size, nullptr, unwanted);
     settle(file.member, *placed.out, *placed.file, isWritten, {}, quiet);
     return true;
   });

@@ -4,15 +4,27 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <functional>
+#include <utility>
 
 namespace morvane {
 
 namespace {
 
-// So many files are under way at most: 4 MiB with all their data.
-constexpr unsigned kFiles = 64;
+// So many files, and bytes of them, are under way at most.
+constexpr unsigned kFiles = 512, kBytes = 4 * 1024 * 1024;
+constexpr unsigned kBatches = 16;
+// Fewer are not worth a batch of their own.
+constexpr unsigned kFewFiles = 8;
 
-bool writeWhole(const OsFile& file, const unsigned char* bytes, size_t n) {
+size_t hashOf(const std::string& path) { return std::hash<std::string>()(path); }
+
+bool areInOneDirectory(const std::string& a, const std::string& b) {
+  const size_t slash = a.rfind('/'), length = slash == std::string::npos ? 0 : slash;
+  return b.rfind('/') == slash && a.compare(0, length, b, 0, length) == 0;
+}
+
+bool writeWhole(const OsFile& file, const char* bytes, size_t n) {
   while (n > 0) {
     const ssize_t written = file.writeSome(bytes, n);
     if (written < 0 && errno == EINTR) continue;
@@ -25,37 +37,68 @@ bool writeWhole(const OsFile& file, const unsigned char* bytes, size_t n) {
 
 }  // namespace
 
-WriteBehind::WriteBehind(unsigned workers) : m_underWay(kFiles), m_ring(workers, kFiles) {}
+// As many batches as keep all workers busy.
+WriteBehind::WriteBehind(unsigned workers)
+    : m_batches(std::max(kBatches, workers + workers / 4)),
+      m_filesInBatch(kFiles / m_batches),
+      m_bytesInBatch(kBytes / m_batches),
+      m_hashes(kFiles + m_filesInBatch),
+      m_ring(workers, m_batches) {}
 
 bool WriteBehind::meets(const std::string& path) const {
-  const unsigned count = m_ring.underWay();
-  for (unsigned i = 0; i < count; ++i) {
-    const std::string& other = m_underWay[(m_oldest + i) % m_underWay.size()];
-    const bool isAtOrAbove = path.compare(0, other.size(), other) == 0 &&
-                             (path.size() == other.size() || path[other.size()] == '/');
-    if (isAtOrAbove) return true;
-  }
-  return false;
+  return !isEmpty() && std::find(m_hashes.begin(), m_hashes.end(), hashOf(path)) != m_hashes.end();
 }
 
-void WriteBehind::submit() {
-  File& file = m_ring.next();
-  m_underWay[(m_oldest + m_ring.underWay()) % m_underWay.size()] = file.path;
+WriteBehind::File& WriteBehind::next(ConfinedDir& target, std::string path) {
+  Batch* batch = &m_ring.next();
+  if (batch->count >= kFewFiles && !areInOneDirectory(batch->files[batch->count - 1].path, path)) {
+    handIn();
+    batch = &m_ring.next();
+  }
+  if (batch->files.empty()) batch->files.resize(m_filesInBatch);
+  File& file = batch->files[batch->count];
+  const unsigned used = batch->count == 0 ? 0 : (&file)[-1].start + (&file)[-1].size;
+  batch->data.truncate(used);
+  batch->target = &target;
+  file.data = &batch->data;
+  file.start = used;
+  file.path = std::move(path);
   file.isDone = false;
-  m_ring.submit(file.data.getSize() + 4096);
+  return file;
+}
+
+void WriteBehind::submit(File& file) {
+  file.takeSize();
+  m_hashes[m_submitted++ % m_hashes.size()] = hashOf(file.path);
+  Batch& batch = m_ring.next();
+  ++batch.count;
+  if (batch.count == m_filesInBatch || batch.data.getSize() >= m_bytesInBatch) handIn();
+}
+
+// The weight of a batch is that of its calls, too.
+void WriteBehind::handIn() {
+  Batch& batch = m_ring.next();
+  if (batch.count == 0) return;
+  m_ring.submit(batch.data.getSize() + batch.count * size_t{32 * 1024});
+  m_ring.next().count = 0;
 }
 
 WriteBehind::File* WriteBehind::nextUndone(bool waitsForAll) {
-  while (!m_ring.isEmpty() && (waitsForAll || m_ring.isFull() || m_ring.oldestIsDone())) {
-    File& file = m_ring.take();
-    m_oldest = (m_oldest + 1) % m_underWay.size();
-    const bool isToBeDoneAgain = m_again > 0;
-    if (isToBeDoneAgain) --m_again;
-    if (file.isDone && !isToBeDoneAgain) continue;
-    m_again = std::max(m_again, m_ring.underWay());
-    return &file;
+  if (waitsForAll) handIn();
+  while (true) {
+    while (m_done && m_doneTaken < m_done->count) {
+      File& file = m_done->files[m_doneTaken++];
+      m_hashes[m_taken % m_hashes.size()] = 0;
+      if (m_taken++ >= m_againBefore && file.isDone) continue;
+      m_againBefore = m_submitted;
+      return &file;
+    }
+    m_done = nullptr;
+    const bool takes = !m_ring.isEmpty() && (waitsForAll || m_ring.isFull() || m_ring.oldestIsDone());
+    if (!takes) return nullptr;
+    m_done = &m_ring.take();
+    m_doneTaken = 0;
   }
-  return nullptr;
 }
 
 void WriteBehind::waitForAll() {
@@ -63,13 +106,17 @@ void WriteBehind::waitForAll() {
   }
 }
 
-void WriteBehind::File::work() {
-  OsFile made(target->createNew(path, mode));
+void WriteBehind::Batch::work() {
+  for (unsigned i = 0; i < count; ++i) make(files[i]);
+}
+
+void WriteBehind::Batch::make(File& file) {
+  OsFile made(target->createNew(file.path, file.mode));
   if (!made.isOpen()) return;
-  isDone =
-      writeWhole(made, data.getData2(), data.getSize()) && settlement.apply(made.fd()) && made.close() == 0;
+  file.isDone =
+      writeWhole(made, file.bytes(), file.size) && file.settlement.apply(made.fd()) && made.close() == 0;
   // Half of a file would pass for one if nobody came back to it.
-  if (!isDone) target->removeNew(path);
+  if (!file.isDone) target->removeNew(file.path);
 }
 
 }  // namespace morvane

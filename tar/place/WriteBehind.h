@@ -25,15 +25,18 @@ class WriteBehind {
   // Larger files are written in their turn.
   static constexpr long long kMostBytes = 64 * 1024;
 
-  struct File : OrderedRing::Job {
-    void work() override;
+  struct File {
+    // Its data, once they are all there: at the end of the batch's until another file begins.
+    const char* bytes() const { return reinterpret_cast<const char*>(data->getData2()) + start; }
+    // What has come of them so far.
+    void takeSize() { size = data->getSize() - start; }
 
-    ConfinedDir* target = nullptr;
     std::string path;       // below the target, clean
     std::string entryPath;  // the same as the member has it
     unsigned mode = 0;
     FileSettlement settlement;
-    DataBuffer data;
+    DataBuffer* data = nullptr;  // of the batch; to be appended to
+    unsigned start = 0, size = 0;
     // For doing it again: the target, and of the member what a plain file needs.
     XString targetDir;
     Member member;
@@ -50,27 +53,48 @@ class WriteBehind {
   void forgetOwnDirectory(const std::string& path) { m_ownDirectories.erase(path); }
   void forgetOwnDirectories() { m_ownDirectories.clear(); }
   bool isOwnDirectory(const std::string& path) const { return m_ownDirectories.count(path) > 0; }
-  // Whether the path, or one that it lies below, is that of a file under way.
+  // Whether the path is that of a file under way. Of another path too in rare cases, for only hashes are
+  // compared.
   bool meets(const std::string& path) const;
 
-  // The file to be filled in and handed over, where there is room.
-  File& next() { return m_ring.next(); }
-  void submit();
-  bool isEmpty() const { return m_ring.isEmpty(); }
+  // A file to be filled in and submitted. One that was not submitted is forgotten with the next. Behind each
+  // submit nextUndone is called, because only that makes room.
+  File& next(ConfinedDir& target, std::string path);
+  void submit(File& file);
+  bool isEmpty() const { return m_submitted == m_taken; }
   // The oldest file that is not done though it was its turn, or null: of all, for which it waits, or of those
-  // that need no waiting. Good until the next call. What was handed in behind such a file counts as not done
+  // that need no waiting. Good until the next call. What was submitted behind such a file counts as not done
   // either, because it may have been made before what it was to replace.
   File* nextUndone(bool waitsForAll);
   // Waits until nothing is under way; what is not done is left so.
   void waitForAll();
 
  private:
+  // Files are handed to workers by the batch: those that follow one another in a directory, so that one
+  // worker stays in it; for others would wait for the directory's lock.
+  struct Batch : OrderedRing::Job {
+    void work() override;
+    void make(File& file);
+
+    ConfinedDir* target = nullptr;
+    std::vector<File> files;  // kept for their room; `count` of them are the batch's
+    unsigned count = 0;
+    DataBuffer data;
+  };
+
+  void handIn();
+
+  // By the number of workers, so that memory does not grow with it.
+  const unsigned m_batches, m_filesInBatch, m_bytesInBatch;
   std::unordered_set<std::string> m_ownDirectories;
-  // The paths of files under way, in their order: the oldest stands at m_oldest.
-  std::vector<std::string> m_underWay;
-  size_t m_oldest = 0;
-  unsigned m_again = 0;  // so many of the oldest are to be done again
-  RingOf<File> m_ring;
+  // Of the paths of files under way, by their numbers.
+  std::vector<size_t> m_hashes;
+  // Numbers of files: so many were submitted, and so many taken.
+  unsigned long long m_submitted = 0, m_taken = 0;
+  unsigned long long m_againBefore = 0;  // files of lower numbers are to be done again
+  Batch* m_done = nullptr;               // the one that files are taken from, and how many were
+  unsigned m_doneTaken = 0;
+  RingOf<Batch> m_ring;
 };
 
 }  // namespace morvane

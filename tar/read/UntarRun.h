@@ -84,8 +84,8 @@ class UntarRun {
   bool copyBehind(WriteBehind::File& file);
   bool doUndone(bool waitsForAll);
   bool doAgain(const WriteBehind::File& file);
-  void leavePart(const DataBuffer& data, bool isSettled);
-  FileEnd fillFrom(const DataBuffer& data, const Member& member, Placed placed, const Io& io);
+  void leavePart(WriteBehind::File& file, bool isSettled);
+  FileEnd fillAgain(const WriteBehind::File& file, Placed placed, const Io& io);
   bool failWith(const char* message, const char* tag, const XString& value);
   Step passOver(long long upTo);
   Step failAborted();

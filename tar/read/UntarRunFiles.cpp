@@ -86,19 +86,19 @@ bool UntarRun::copyBehind(WriteBehind::File& file) {
   m_held.beginLike(m_log);
   bool isComplete = false;
   try {
-    OutputDataBuffer out(file.data);
+    OutputDataBuffer out(*file.data);
     isComplete = m_context.source.copyNToOutput2PM(out, m_member.size, m_copyBuffer.get(), m_copyBufferSize,
                                                    m_io.monitor, m_held);
   } catch (...) {
-    leavePart(file.data, false);
+    leavePart(file, false);
     throw;
   }
   if (isComplete) {
     m_cursor.passed(m_member.size);
-    m_placer.submitBehind();
+    m_placer.submitBehind(file);
     return doUndone(false);
   }
-  if (doUndone(true)) leavePart(file.data, true);
+  if (doUndone(true)) leavePart(file, true);
   {
     LogContextExitor context(m_log, "extractToFile");
     m_held.tellTo(m_log);
@@ -107,21 +107,22 @@ bool UntarRun::copyBehind(WriteBehind::File& file) {
 }
 
 // As far as its data came, with no time of its own. Why they ended is told by the caller.
-void UntarRun::leavePart(const DataBuffer& data, bool isSettled) {
+void UntarRun::leavePart(WriteBehind::File& file, bool isSettled) {
+  file.takeSize();
   LogNull unwanted;
   const Io quiet(unwanted);
   Placed placed = m_placer.place(m_member, quiet);
   if (placed.file && isSettled) {
-    fillFrom(data, m_member, std::move(placed), quiet);
+    fillAgain(file, std::move(placed), quiet);
   } else if (placed.file) {
-    (void)placed.out->writeDbPM(data, nullptr, unwanted);
+    (void)placed.out->writeBytesPM(file.bytes(), file.size, nullptr, unwanted);
   }
 }
 
-FileEnd UntarRun::fillFrom(const DataBuffer& data, const Member& member, Placed placed, const Io& io) {
+FileEnd UntarRun::fillAgain(const WriteBehind::File& file, Placed placed, const Io& io) {
   _mvMemoryDataSource source;
-  source.initializeMemSource(data.getData2(), data.getSize());
-  return fillFile(source, member, {std::move(placed.out), placed.file}, io);
+  source.initializeMemSource(reinterpret_cast<const unsigned char*>(file.bytes()), file.size);
+  return fillFile(source, file.member, {std::move(placed.out), placed.file}, io);
 }
 
 bool UntarRun::doUndone(bool waitsForAll) {
@@ -137,7 +138,7 @@ bool UntarRun::doAgain(const WriteBehind::File& file) {
     return true;
   }
   if (placed.result != Placed::Result::Made) return couldNotMake(placed.result, false);
-  const FileEnd end = fillFrom(file.data, file.member, std::move(placed), io);
+  const FileEnd end = fillAgain(file, std::move(placed), io);
   if (!end.isWhole && !end.hasFailedAlone)
     return failWith(kCannotExtract, "filePath", m_placer.path().outputPath());
   if (!end.isWhole) --m_count;

@@ -9,10 +9,11 @@ namespace morvane {
 
 // What is done again here is of earlier entries; this one's outcome comes later.
 bool StreamingUntar::handOver(Arrival arrival, const Io& io) {
-  m_behindFile->arrival = static_cast<int>(arrival);
+  WriteBehind::File& file = *m_behindFile;
+  file.arrival = static_cast<int>(arrival);
   m_streamPaddingLeft = paddingAfter(m_streamBytesWritten);
   releaseOutput();
-  m_placer.submitBehind();
+  m_placer.submitBehind(file);
   return doUndone(false, io);
 }
 
@@ -31,20 +32,21 @@ bool StreamingUntar::doAgain(const WriteBehind::File& file, const Io& io) {
   if (placed.result == Placed::Result::LeftOut) return true;
   bool finished = false;
   if (placed.result != Placed::Result::Made) return couldNotPlace(placed.result, finished, io);
-  const bool isWritten = placed.out->writeDbPM(file.data, nullptr, io.log);
+  const bool isWritten = placed.out->writeBytesPM(file.bytes(), file.size, nullptr, io.log);
   const FileEnd end = m_placer.settle(file.member, *placed.out, *placed.file, isWritten, {}, again);
   return m_placer.noteEnd(end, again) || writeHasFailed(static_cast<Arrival>(file.arrival), io);
 }
 
 // With what has come of it; the rest goes there as it comes.
 bool StreamingUntar::becomeFileInItsTurn(const Io& io) {
-  const WriteBehind::File* const file = m_behindFile;
+  WriteBehind::File* const file = m_behindFile;
   if (!file) return true;
+  file->takeSize();
   bool skipped = false, finished = false;
   if (!placeFile(skipped, finished, io)) return false;
   // What was placed is open now, and the file behind no output's any more.
   if (skipped) setOutput(std::make_unique<_mvOutput>(), nullptr);
-  if (m_streamOutput->writeDbPM(file->data, nullptr, io.log)) return true;
+  if (m_streamOutput->writeBytesPM(file->bytes(), file->size, nullptr, io.log)) return true;
   m_writeFailed = true;
   return writeHasFailed(Arrival::AllPending, io);
 }

@@ -177,7 +177,7 @@ bool StreamingUntar::beginExtension(bool& finished, const Io& io) {
 bool StreamingUntar::beginFile(bool skipped, bool isBehind, bool& finished, const Io& io) {
   WriteBehind::File* const behind = isBehind ? m_placer.fileBehind(m_reader->found()) : nullptr;
   if (behind) {
-    setOutput(std::make_unique<OutputDataBuffer>(behind->data), nullptr);
+    setOutput(std::make_unique<OutputDataBuffer>(*behind->data), nullptr);
     m_behindFile = behind;
   } else if (!skipped && m_memberOutput) {
     m_wanted = Wanted::Arriving;
