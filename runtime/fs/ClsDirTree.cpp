@@ -25,10 +25,6 @@ constexpr char kCannotRead[] = "Failed to read directory.";
 constexpr size_t kOpenLevels = 32;
 constexpr int kOpenDirectory = O_RDONLY | O_DIRECTORY;
 
-bool isSelfOrParent(const char* name) {
-  return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
-}
-
 }  // namespace
 
 // The objects of the runtime are made without exceptions, like those of the public interface.
@@ -43,11 +39,7 @@ bool ClsDirTree::beginIterate(LogBase& log) {
   m_relativePath.clear();
   m_hasPrepared = m_passBy = false;
   Level base;
-  base.directory.reset(osOpen(m_baseDir.c_str(), kOpenDirectory));
-  int error = errno;
-  if (!base.directory.isOpen() || !readDirectory(base.directory.fd(), base, error)) {
-    return failedToRead(log, error);
-  }
+  if (const int error = base.read(m_baseDir.c_str()); error != 0) return failedToRead(log, error);
   if (base.entries.empty()) return true;
   m_levels.push_back(std::move(base));
   takeName();
@@ -78,22 +70,20 @@ bool ClsDirTree::advancePosition(LogBase& log) {
 // without them none can lie within itself.
 bool ClsDirTree::prepareToEnter(LogBase& log) {
   m_prepared = Level();
-  int error = 0;
-  const int noFollow = m_followsLinks ? 0 : O_NOFOLLOW;
-  m_prepared.directory.reset(osOpenAt(currentDirectory(), currentName(), kOpenDirectory | noFollow));
-  error = errno;
-  m_hasPrepared =
-      m_prepared.directory.isOpen() && readDirectory(m_prepared.directory.fd(), m_prepared, error);
-  if (m_hasPrepared && m_followsLinks && isOnTheWay(m_prepared)) {
-    m_hasPrepared = false;
-    error = ELOOP;
-  }
+  int error = m_prepared.readIn(currentDirectory(), currentName(), m_followsLinks);
+  if (error == 0 && m_followsLinks && isOnTheWay(m_prepared)) error = ELOOP;
+  m_hasPrepared = error == 0;
   m_passBy = !m_hasPrepared;
   if (m_hasPrepared) return true;
   // Said here and not by failedToRead, because the walk goes on.
   m_failedPath = fullPathOf(m_relativePath);
   logOsError(log, kCannotRead, m_failedPath.c_str(), error);
   return false;
+}
+
+void ClsDirTree::prepareWith(DirListing&& listing) {
+  m_prepared = Level{std::move(listing)};
+  m_hasPrepared = true;
 }
 
 // What was prepared is used up here, whether the directory has entries or not: the next one must be read for
@@ -140,9 +130,9 @@ bool ClsDirTree::reopenDirectory(Level& level, int child, LogBase& log) {
 }
 
 // Device and inode, because a name tells nothing where links are followed.
-bool ClsDirTree::isOnTheWay(const Level& level) const {
-  return std::any_of(m_levels.begin(), m_levels.end(), [&level](const Level& each) {
-    return each.device == level.device && each.inode == level.inode;
+bool ClsDirTree::isOnTheWay(const DirListing& directory) const {
+  return std::any_of(m_levels.begin(), m_levels.end(), [&directory](const Level& each) {
+    return each.device == directory.device && each.inode == directory.inode;
   });
 }
 
@@ -152,70 +142,18 @@ void ClsDirTree::closeFarLevels() {
   m_levels[m_levels.size() - kOpenLevels - 1].directory.close();
 }
 
-// Read to its end before the first entry is used: the order wants that, and what the application does to the
-// directory meanwhile cannot make entries come twice. getdents64 itself, and not readdir, because a broken
-// read is then told from the end, and the descriptor stays the level's. In `names` each entry is its type,
-// its name, a NUL; entries are offsets, because the string moves while it grows.
-bool ClsDirTree::readDirectory(int fd, Level& level, int& error) {
-  struct stat status;
-  if (fstat(fd, &status) != 0) {
-    error = errno;
-    return false;
-  }
-  level.device = status.st_dev;
-  level.inode = status.st_ino;
-  alignas(dirent64) char buffer[32 * 1024];
-  while (true) {
-    const ssize_t filled = getdents64(fd, buffer, sizeof buffer);
-    if (filled < 0) {
-      error = errno;
-      return false;
-    }
-    if (filled == 0) break;
-    for (ssize_t at = 0; at < filled;) {
-      const auto* const entry = reinterpret_cast<const dirent64*>(buffer + at);
-      at += entry->d_reclen;
-      if (isSelfOrParent(entry->d_name)) continue;
-      level.entries.push_back(level.names.size());
-      level.names.push_back(static_cast<char>(entry->d_type));
-      level.names.append(entry->d_name).push_back('\0');
-    }
-  }
-  // By bytes, whatever the locale: the order of an archive must not depend on who makes it.
-  const char* const names = level.names.data();
-  std::sort(level.entries.begin(), level.entries.end(),
-            [names](size_t a, size_t b) { return std::strcmp(names + a + 1, names + b + 1) < 0; });
-  return true;
-}
-
 // The path of the directory stays in the string; only the last name is exchanged.
 void ClsDirTree::takeName() {
   m_relativePath.resize(m_levels.back().parentLength);
   m_relativePath += currentName();
 }
 
-// Behind the type byte.
-const char* ClsDirTree::currentName() const {
-  const Level& level = m_levels.back();
-  return level.names.data() + level.entries[level.current] + 1;
-}
-
-// A type that is not told may be a directory's, and so may a link that is followed.
-const char* ClsDirTree::nameAhead(size_t n, bool& isRegular) const {
-  const Level& level = m_levels.back();
-  if (n >= level.entries.size() - level.current || get_IsDirectory()) return nullptr;
-  const char* const entry = level.names.data() + level.entries[level.current + n];
-  const auto type = static_cast<unsigned char>(*entry);
-  if (type == DT_DIR || type == DT_UNKNOWN || (m_followsLinks && type == DT_LNK)) return nullptr;
-  isRegular = type == DT_REG;
-  return entry + 1;
-}
+const char* ClsDirTree::currentName() const { return listing().nameOf(currentIndex()); }
 
 // The type that the directory gives, or a look at the entry where the file system gives none. An entry that
 // cannot be looked at keeps the type it had, and whoever opens it learns the reason.
 unsigned char ClsDirTree::currentType() const {
-  const Level& level = m_levels.back();
-  const auto type = static_cast<unsigned char>(level.names[level.entries[level.current]]);
+  const unsigned char type = listing().typeOf(currentIndex());
   // A link that is followed is what it leads to, which the directory does not tell.
   const bool isFollowed = m_followsLinks && type == DT_LNK;
   if (type != DT_UNKNOWN && !isFollowed) return type;

@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "runtime/base/Export.h"
-#include "runtime/fs/OsFile.h"
+#include "runtime/fs/DirListing.h"
 
 namespace morvane {
 
@@ -58,37 +58,40 @@ class MORVANE_API ClsDirTree {
   // The open directory that holds the current entry, and the entry's name in it.
   int currentDirectory() const { return m_levels.back().directory.fd(); }
   const char* currentName() const;
-  // The name of the n-th entry behind the current one, in the same directory; null where there is none, or
-  // where the walk may go into a directory before it gets there. By what the directory says of its entries.
-  const char* nameAhead(size_t n, bool& isRegular) const;
+  // The names of the directory that holds the current entry, and which of them it is; how many directories
+  // the walk is in, 1 for the base.
+  const DirListing& listing() const { return m_levels.back(); }
+  size_t currentIndex() const { return m_levels.back().current; }
+  size_t depth() const { return m_levels.size(); }
+  bool followsLinks() const { return m_followsLinks; }
 
   // Reads the current directory now instead of when the walk enters it, to know beforehand whether that
   // works. After a failure, which is logged, the walk passes the directory by.
   bool prepareToEnter(LogBase& log);
+  // The same with what somebody else has read of it.
+  void prepareWith(DirListing&& listing);
   // Whether that was done for the current entry, with whatever result.
   bool isPrepared() const { return m_hasPrepared || m_passBy; }
   // Makes the walk go on without entering the current entry.
-  void passBy() { m_passBy = true; }
+  void passBy() {
+    m_passBy = true;
+    m_hasPrepared = false;
+  }
 
  private:
-  // A directory on the way. The identity is kept to know it again when it is opened anew.
-  struct Level {
-    OsFile directory;  // closed while the walk is far below
-    unsigned long long device = 0, inode = 0;
-    std::string names;            // for each entry its type byte, its name, NUL
-    std::vector<size_t> entries;  // offsets into names, sorted by name
+  // A directory on the way, which is closed while the walk is far below.
+  struct Level : DirListing {
     size_t current = 0;
     size_t parentLength = 0;  // of m_relativePath without this level's entry
   };
 
-  bool readDirectory(int fd, Level& level, int& error);
   bool enterCurrent(LogBase& log);
   bool leaveLevel(LogBase& log);
   bool reopenDirectory(Level& level, int child, LogBase& log);
   void closeFarLevels();
   void takeName();
   unsigned char currentType() const;
-  bool isOnTheWay(const Level& level) const;
+  bool isOnTheWay(const DirListing& directory) const;
   std::string fullPathOf(const std::string& relative) const;
   bool failedToRead(LogBase& log, int error);
 

@@ -99,7 +99,7 @@ bool ArchiveWriter::writeTree(const DirRoot& root, XString& curDirRootPath) {
   const ScopeExit forget([this] { m_found = nullptr; });
   while (!walk.isDone()) {
     if (ahead) {
-      m_found = ahead->enter();
+      m_found = ahead->enter(walk.tree());
       if (mayOpenEarly()) ahead->lookAhead(walk.tree());
     }
     const SourcePlace place = walk.place();
@@ -188,7 +188,7 @@ bool ArchiveWriter::examine(const SourcePlace& place, mvFileInfo& info) {
     return true;
   }
   const bool mayOpen = mayOpenEarly();
-  if (mayOpen && m_found && m_found->isThere) {
+  if (mayOpen && m_found) {
     m_source.take(*m_found, info);
     return true;
   }

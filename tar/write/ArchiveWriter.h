@@ -105,9 +105,9 @@ class ArchiveWriter {
   // They serve all members, one behind the other, and keep their buffers.
   MemberSource m_describer;
   SourceFile m_source;
-  ReadAhead::Found* m_found = nullptr;  // of the entry that the walk stands on
-  Member m_member;                      // the one being written
-  TarMember m_shown;                    // the same, as the event may change it
+  const ReadAhead::Found* m_found = nullptr;  // of the entry that the walk stands on
+  Member m_member;                            // the one being written
+  TarMember m_shown;                          // the same, as the event may change it
   // The archive that is left out of itself; none in memory or on a pipe.
   bool m_hasArchive = false;
   mvFileInfo m_archive;

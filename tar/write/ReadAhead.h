@@ -1,58 +1,96 @@
-// Small files of a directory, opened, examined and read by workers before their turn in the archive comes.
+// Small files of a tree, opened, examined and read by workers before their turn in the archive comes, and the
+// directories that they are in.
 //
-// A walk tells what follows in its directory; that is as far as is looked ahead, because what becomes of a
-// directory is decided when its turn comes. The turns stay the first thread's: what was found is taken there,
-// in the walk's order, and told there.
+// The walk goes on as it does without: entry by entry, in order. Beside it, what lies ahead in each directory
+// that it is in is looked at: files by the batch, and directories with their names and their first files,
+// because a worker that is in a directory finds its files there. What was found is taken when the walk comes
+// to it. What could not be found as usual is left for its turn, to be found and told there.
 #pragma once
 
 #include <deque>
 #include <memory>
 #include <string>
+#include <vector>
 
-#include "runtime/fs/OsFile.h"
+#include "runtime/fs/DirListing.h"
 #include "runtime/fs/mvFileInfo.h"
-#include "runtime/parallel/OrderedRing.h"
+#include "runtime/parallel/WorkerPool.h"
 
 namespace morvane {
 
 class ClsDirTree;
 
-// One for the walk of a tree, on one thread, and gone before the walk is: workers use its open directories.
+// One for the walk of a tree that follows no links, on its thread, and gone before the walk is: workers use
+// its open directories.
 class ReadAhead {
  public:
-  // Files of more bytes are only examined, and read in their turn.
+  // Files of more bytes are read in their turn.
   static constexpr unsigned kMostBytes = 64 * 1024;
 
-  // What there is of one file.
+  // A regular file that was read whole: it had exactly the bytes that it stated.
   struct Found {
-    bool isThere = false;  // a regular file could be examined; else everything waits for its turn
     mvFileInfo info;
-    bool isWhole = false;           // the file had exactly the bytes that it states
-    std::unique_ptr<char[]> bytes;  // info.m_size of them
+    const char* bytes = nullptr;  // info.m_size of them; null: it was not read
   };
 
   // `workers` is not 0.
   explicit ReadAhead(unsigned workers);
 
-  // The walk stands on its next entry: what was found of it, null if it was not looked at. Good until the
-  // next call. Called for each entry, in order. Throws std::bad_alloc.
-  Found* enter();
-  // Hands in the files that follow the walk's entry.
+  // The walk stands on its next entry: what was found of it, or null. Good until the next call. Called for
+  // each entry, in order; a directory that was read is handed to the walk. Throws std::bad_alloc.
+  const Found* enter(ClsDirTree& tree);
+  // Hands in what follows the walk's entry in its directory.
   void lookAhead(const ClsDirTree& tree);
 
  private:
-  struct Job : OrderedRing::Job {
+  // Entries of one directory, in their order; or a directory, and the first of its entries.
+  struct Look : WorkerPool::Task {
     void work() override;
-    void read(const OsFile& file);
+    bool lookAt(int directory, const char* name);
+    bool read(const OsFile& file, Found& into);
 
-    int directory = -1;
-    std::string name;
-    Found found;
+    int parent = -1;
+    std::string directoryName;       // empty: entries of the parent
+    std::vector<std::string> names;  // an empty one is passed over
+    // What was found: of the directory; of the entries, as many as were looked at.
+    bool isListed = false, hasDirectories = false;
+    DirListing listing;
+    std::vector<Found> found;
+    std::unique_ptr<char[]> room;
+    size_t roomSize = 0, used = 0;
+  };
+  // A look at entries of a directory that the walk is in, or is about to be in: from the `first` on.
+  struct Piece {
+    size_t first = 0, count = 0;
+    bool isDirectory = false;  // the one entry is a directory; the look is at it and into it
+    std::unique_ptr<Look> look;
+  };
+  // A directory that the walk is in.
+  struct Level {
+    std::deque<Piece> pieces;
+    size_t lookedTo = 0;  // the first entry that is in no piece
+    unsigned directories = 0, mostDirectories = 4;
   };
 
-  // Entries behind the current one that were looked at: whether each was handed in.
-  std::deque<bool> m_entries;
-  RingOf<Job> m_ring;
+  void followWalk(const ClsDirTree& tree);
+  void enterDirectory(Level& level, ClsDirTree& tree);
+  bool lookAtDirectory(Level& level, const ClsDirTree& tree);
+  void lookAtFiles(Level& level, const ClsDirTree& tree);
+  std::unique_ptr<Look> makeLook(const ClsDirTree& tree);
+  void submit(Level& level, Piece piece, const ClsDirTree& tree, size_t weight);
+  void forgetFront(Level& level);
+  void giveUp(std::unique_ptr<Look> look);
+
+  const unsigned m_mostLooks, m_mostAhead, m_mostDirectories;
+  const size_t m_roomSize;
+  // Under way or kept, in all levels.
+  unsigned m_looks = 0, m_directories = 0;
+  size_t m_usualSize = 4096;  // of files, in bytes: so many fit into a look
+  std::deque<Level> m_levels;
+  std::unique_ptr<Look> m_entered;  // at the directory that the walk stands on and may go into
+  std::vector<std::unique_ptr<Look>> m_spare;
+  // Last: it waits for what is being done to the looks.
+  WorkerPool m_pool;
 };
 
 }  // namespace morvane

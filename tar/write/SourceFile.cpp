@@ -49,12 +49,11 @@ bool SourceFile::examine(const SourcePlace& place, bool mayOpen, mvFileInfo& inf
   return info.loadFileInfoAt(place.directory, place.name, path, log, place.followsLinks);
 }
 
-// What could not be read whole is opened when its data are wanted.
 void SourceFile::take(const ReadAhead::Found& found, mvFileInfo& info) {
   close();
   info = found.info;
-  m_open = found.isWhole;
-  m_wholeBytes = found.isWhole ? found.bytes.get() : nullptr;
+  m_open = true;
+  m_wholeBytes = found.bytes;
 }
 
 // A link that has come to the path since is not followed, and is a failure.
