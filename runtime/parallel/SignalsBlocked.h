@@ -17,7 +17,7 @@ class SignalsBlocked {
     sigfillset(&blocked);
     for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGSYS})
       sigdelset(&blocked, fault);
-    m_isBlocked = pthread_sigmask(SIG_SETMASK, &blocked, &m_before) == 0;
+    m_isBlocked = pthread_sigmask(SIG_BLOCK, &blocked, &m_before) == 0;
   }
   ~SignalsBlocked() {
     if (m_isBlocked) pthread_sigmask(SIG_SETMASK, &m_before, nullptr);

@@ -67,7 +67,7 @@ Outcome MemberPlacer::makeDirectory(const Member& member, const Io& io) {
     // Parents first, so that a directory made on the way to an earlier member counts as the run's own.
     noteNewParents();
     m_restorer.noteDirectory(made, member, m_path.entryPath().str());
-    noteOwnDirectory(made);
+    if (made.isNew && made.isKnown) noteOwnDirectory(cleanPath(m_path.entryPath().str()));
   }
   return outcome;
 }

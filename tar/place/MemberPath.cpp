@@ -43,6 +43,11 @@ void MemberPath::rename(const std::string& path, const ReadSettings& settings) {
   m_hasOutputPath = false;
 }
 
+void MemberPath::setAgain(const std::string& entryPath) {
+  m_entryPath = entryPath;
+  m_hasOutputPath = false;
+}
+
 // Members that are only listed or filtered out never need it.
 const XString& MemberPath::outputPath() const {
   if (!m_hasOutputPath) _mvFilePath::CombineDirAndFilepath(m_dir, m_entryPath, m_outputPath);

@@ -24,6 +24,8 @@ class MemberPath {
   std::string targetOf(const std::string& linkPath, const ReadSettings& settings, LogBase& log);
   // Puts another path, in UTF-8, in the member's place, by the same rules.
   void rename(const std::string& path, const ReadSettings& settings);
+  // Takes a path that passed the rules before.
+  void setAgain(const std::string& entryPath);
   // The decoder of names, for what else is to be decoded of the same archive.
   CharsetDecoder& decoder(const ReadSettings& settings, LogBase& log) {
     return m_decoder.forCharset(settings.charset, log);

@@ -135,8 +135,9 @@ Placed MemberPlacer::place(const Member& member, const Io& io) {
     m_links.clear();
     if (m_behind) m_behind->forgetOwnDirectories();
   }
-  // What is no directory may take an empty one's place.
-  if (m_behind && !member.isDirectory) m_behind->forgetOwnDirectory(cleanPath(m_path.entryPath().str()));
+  // What is no directory may take an empty one's place: a link, by which others are reached from then on.
+  if (m_behind && !member.isDirectory && m_behind->isOwnDirectory(cleanPath(m_path.entryPath().str())))
+    m_behind->forgetOwnDirectories();
   if (restored().link) m_links.replaceWaiting(m_path.entryPath().str());
   const Outcome outcome = isKeptAsNewer(member, io) ? Outcome::Exists : make(member, io, placed);
   noteNewParents();

@@ -124,16 +124,16 @@ class MemberPlacer {
   // does what workers could not do, and hands over what may be handed over.
 
   // Behind beginRun.
-  void beginBehind(const Io& io);
+  void beginBehind();
   // What is to become of the member that was set last.
   struct Turn {
     bool waits = false;     // for everything under way, before it is made
     bool isBehind = false;  // it may be handed over
   };
-  Turn turnOf(const Member& member);
+  Turn turnOf(const Member& member, const Io& io);
   // The file that such a member is, to be filled with its data and submitted; null where it is to be placed
   // as usual after all.
-  WriteBehind::File* fileBehind(const Member& member);
+  WriteBehind::File* fileBehind(const Member& member, const Io& io);
   void submitBehind(WriteBehind::File& file);
   // Does again, in their order, what workers could not do: of all that is under way, for which it waits, or
   // of what needs no waiting. `doAgain(file)` is the engine's, since messages are: it calls placeAgain and
@@ -195,11 +195,11 @@ class MemberPlacer {
   };
   Current setAside();
   void goBackTo(Current current);
-  bool mayWriteBehind() const;
+  bool mayWriteBehind(const Io& io) const;
   bool mayGoBehind(const Member& member, const std::string& path);
   bool isInOwnDirectory(const std::string& path) const;
   void noteNewParents();
-  void noteOwnDirectory(const ConfinedDir::MadeDirectory& made);
+  void noteOwnDirectory(const std::string& path);
 
   // The engine's own, and what it differs in.
   LiveSettings<ReadSettings>& m_live;
@@ -211,8 +211,7 @@ class MemberPlacer {
   RunLimits m_limits;
   MetadataRestorer m_restorer;
   LinkTable m_links;
-  Confine m_behindConfine = Confine::Off;  // as it was when the run began
-  std::unique_ptr<WriteBehind> m_behind;   // null: everything is written in its turn. Gone before m_target
+  std::unique_ptr<WriteBehind> m_behind;  // null: everything is written in its turn. Gone before m_target
   // Of the current member.
   TarMember m_shown;                                // as the event may change it
   bool m_isRenamed = false, m_linkIsGiven = false;  // the event changed its path / where it leads

@@ -10,31 +10,29 @@ namespace morvane {
 
 // Only on the confined way, where everything is made exclusively, and only where nobody counts or follows the
 // single steps: a verbose log, UntarMaxCount.
-void MemberPlacer::beginBehind(const Io& io) {
+void MemberPlacer::beginBehind() {
   m_behind.reset();
-  m_behindConfine = settings().options.confine;
   const long long threads = settings().options.codec.threads;
   const unsigned workers = threads == 1 ? 0 : workerCount(threads);
-  if (workers > 0 && restored().any() && !io.log.verbose()) m_behind = std::make_unique<WriteBehind>(workers);
+  if (workers > 0 && restored().any()) m_behind = std::make_unique<WriteBehind>(workers);
   m_target.noteWhetherEmpty(m_behind != nullptr);
 }
 
-// As the words and properties are now: a callback may have set any.
-bool MemberPlacer::mayWriteBehind() const {
+// As the properties are now: a callback may have set any. Words stay as they were when the method began.
+bool MemberPlacer::mayWriteBehind(const Io& io) const {
   const ReadSettings& now = settings();
-  return m_behind && now.options.existing == ExistingFiles::Replace &&
-         now.options.confine == m_behindConfine && !now.untarDebugLog && now.untarMaxCount == 0 &&
-         !now.untarDiscardPaths;
+  return m_behind && now.options.existing == ExistingFiles::Replace && !io.log.verbose() &&
+         !now.untarDebugLog && now.untarMaxCount == 0 && !now.untarDiscardPaths;
 }
 
 // What is made in its turn may lead to what is under way, or stand in the way of it. Directories and symbolic
 // links do so by path alone: but only in the target itself or in a directory of the run's own, because on
 // the way through any other there may be links of before the run, by which one directory has two paths.
-MemberPlacer::Turn MemberPlacer::turnOf(const Member& member) {
+MemberPlacer::Turn MemberPlacer::turnOf(const Member& member, const Io& io) {
   Turn turn;
   if (!m_behind) return turn;
   const bool isAnyUnderWay = !m_behind->isEmpty();
-  if (!mayWriteBehind() || m_target.isElsewhere(m_path)) {
+  if (!mayWriteBehind(io) || m_target.isElsewhere(m_path)) {
     turn.waits = isAnyUnderWay;
     return turn;
   }
@@ -71,11 +69,11 @@ bool MemberPlacer::mayGoBehind(const Member& member, const std::string& path) {
   return isInOwnDirectory(path) && !m_behind->isOwnDirectory(path) && m_restorer.isPlain(member);
 }
 
-WriteBehind::File* MemberPlacer::fileBehind(const Member& member) {
+WriteBehind::File* MemberPlacer::fileBehind(const Member& member, const Io& io) {
   const std::string& entryPath = m_path.entryPath().str();
   ConfinedDir* const target = m_target.confined();
-  // A callback may have changed the words while earlier files were told of.
-  if (!target || !mayWriteBehind() || !target->mayBeMade(entryPath)) return nullptr;
+  // A callback may have changed the properties while earlier files were told of.
+  if (!target || !mayWriteBehind(io) || !target->mayBeMade(entryPath)) return nullptr;
   WriteBehind::File& file = m_behind->next(*target, cleanPath(entryPath));
   file.mode = m_restorer.modeToMake(member, m_target.handsOnGroup());
   file.settlement = m_restorer.plan(member);
@@ -98,7 +96,7 @@ void MemberPlacer::submitBehind(WriteBehind::File& file) {
 
 Placed MemberPlacer::placeAgain(const WriteBehind::File& file, const Io& io) {
   m_path = MemberPath(file.targetDir);
-  m_path.rename(file.entryPath, settings());
+  m_path.setAgain(file.entryPath);
   m_isRenamed = true;  // what became of its stored name was noted in its turn
   return place(file.member, io);
 }
@@ -140,14 +138,16 @@ void MemberPlacer::noteNewParents() {
   if (!restored().any() || !m_target.confined()) return;
   const std::vector<ConfinedDir::NewParent> parents = m_target.confined()->takeNewParents();
   m_restorer.noteParents(parents);
-  if (!m_behind) return;
-  for (const ConfinedDir::NewParent& parent : parents) {
-    if (!parent.path.empty()) m_behind->noteOwnDirectory(parent.path);
-  }
+  for (const ConfinedDir::NewParent& parent : parents) noteOwnDirectory(parent.path);
 }
 
-void MemberPlacer::noteOwnDirectory(const ConfinedDir::MadeDirectory& made) {
-  if (m_behind && made.isNew && made.isKnown) m_behind->noteOwnDirectory(cleanPath(m_path.entryPath().str()));
+// Only in the target itself or in another of its own: on the way through any other there may be a link, which
+// an archive can turn elsewhere later.
+void MemberPlacer::noteOwnDirectory(const std::string& path) {
+  if (!m_behind || path.empty()) return;
+  const size_t slash = path.rfind('/');
+  const bool isReal = slash == std::string::npos || m_behind->isOwnDirectory(path.substr(0, slash));
+  if (isReal) m_behind->noteOwnDirectory(path);
 }
 
 }  // namespace morvane

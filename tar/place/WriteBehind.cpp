@@ -14,6 +14,7 @@ namespace {
 // So many files, and bytes of them, are under way at most.
 constexpr unsigned kFiles = 512, kBytes = 4 * 1024 * 1024;
 constexpr unsigned kBatches = 16;
+constexpr size_t kDirectories = 4096;
 // Fewer are not worth a batch of their own.
 constexpr unsigned kFewFiles = 8;
 
@@ -44,6 +45,17 @@ WriteBehind::WriteBehind(unsigned workers)
       m_bytesInBatch(kBytes / m_batches),
       m_hashes(kFiles + m_filesInBatch),
       m_ring(workers, m_batches) {}
+
+void WriteBehind::noteOwnDirectory(const std::string& path) {
+  if (m_ownDirectories.size() >= kDirectories) {
+    std::unordered_set<std::string> kept;
+    for (size_t slash = path.find('/'); slash != std::string::npos; slash = path.find('/', slash + 1)) {
+      if (isOwnDirectory(path.substr(0, slash))) kept.insert(path.substr(0, slash));
+    }
+    m_ownDirectories = std::move(kept);
+  }
+  m_ownDirectories.insert(path);
+}
 
 bool WriteBehind::meets(const std::string& path) const {
   return !isEmpty() && std::find(m_hashes.begin(), m_hashes.end(), hashOf(path)) != m_hashes.end();

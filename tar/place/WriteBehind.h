@@ -47,10 +47,9 @@ class WriteBehind {
   // `workers` is not 0.
   explicit WriteBehind(unsigned workers);
 
-  // A directory that the run has made: nothing is in it but what the run puts there.
-  void noteOwnDirectory(const std::string& path) { m_ownDirectories.insert(path); }
-  // Something else has been put in its place.
-  void forgetOwnDirectory(const std::string& path) { m_ownDirectories.erase(path); }
+  // A directory that the run has made: nothing is in it but what the run puts there. Of very many only those
+  // noted last are known, and those that these lie in.
+  void noteOwnDirectory(const std::string& path);
   void forgetOwnDirectories() { m_ownDirectories.clear(); }
   bool isOwnDirectory(const std::string& path) const { return m_ownDirectories.count(path) > 0; }
   // Whether the path is that of a file under way. Of another path too in rare cases, for only hashes are

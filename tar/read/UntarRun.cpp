@@ -68,7 +68,7 @@ int UntarRun::run() {
 
   // Here, so that a run that failed before has touched nothing of the target.
   m_placer.beginRun();
-  if (m_aim == MemberPlacer::Aim::Extract) m_placer.beginBehind(m_io);
+  if (m_aim == MemberPlacer::Aim::Extract) m_placer.beginBehind();
   Step step = Step::GoOn;
   {
     // An exception from a callback ends the run like any failure: the listing is closed, and what was made is

@@ -16,9 +16,9 @@ constexpr char kCannotExtract[] = "Failed to extract to file.";
 
 // What has no data (a directory, a link, a special file) is done once it is made.
 bool UntarRun::makeMember(bool& leftOut) {
-  const MemberPlacer::Turn turn = m_placer.turnOf(m_member);
+  const MemberPlacer::Turn turn = m_placer.turnOf(m_member, m_io);
   if (!doUndone(turn.waits)) return false;
-  WriteBehind::File* const file = turn.isBehind ? m_placer.fileBehind(m_member) : nullptr;
+  WriteBehind::File* const file = turn.isBehind ? m_placer.fileBehind(m_member, m_io) : nullptr;
   if (file) return copyBehind(*file);
   logMaking();
   Placed placed = m_placer.place(m_member, m_io);

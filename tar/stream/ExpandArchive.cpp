@@ -42,7 +42,7 @@ bool expandArchive(const Codec& codec, _mvDataSource& source, _mvOutput& out, co
 
 bool extractArchive(const Codec& codec, _mvDataSource& source, StreamingUntar& engine,
                     const CodecOptions& options, long long maxRatio, const Io& io) {
-  engine.beginBehind(io);
+  engine.beginBehind();
   StreamSink sink(engine);
   bool isExpanded = false;
   try {

@@ -70,7 +70,7 @@ class StreamingUntar {
   // that: small files are written behind (the word Threads), until the end. That is asked for in any case;
   // then everything is on the disk, and no thread is left. What workers could not do is done again, and what
   // still fails ends the run with its line: false. The entry that the pieces end in is a file in its turn.
-  void beginBehind(const Io& io) { m_placer.beginBehind(io); }
+  void beginBehind() { m_placer.beginBehind(); }
   bool endBehind(const Io& io);
   // The same behind an exception, of which nobody hears.
   void endBehindQuietly() noexcept;

@@ -142,7 +142,7 @@ bool StreamingUntar::beginEntry(bool& finished, const Io& io) {
   }
   const bool skipped = choice != Choice::Extract;
   MemberPlacer::Turn turn;
-  if (!skipped && !m_memberOutput) turn = m_placer.turnOf(member);
+  if (!skipped && !m_memberOutput) turn = m_placer.turnOf(member, io);
   if (!doUndone(turn.waits, io)) {
     finished = true;
     return false;
@@ -175,7 +175,7 @@ bool StreamingUntar::beginExtension(bool& finished, const Io& io) {
 // consumed like any other's. One that cannot be made ends the run: without an output its data have nowhere to
 // go.
 bool StreamingUntar::beginFile(bool skipped, bool isBehind, bool& finished, const Io& io) {
-  WriteBehind::File* const behind = isBehind ? m_placer.fileBehind(m_reader->found()) : nullptr;
+  WriteBehind::File* const behind = isBehind ? m_placer.fileBehind(m_reader->found(), io) : nullptr;
   if (behind) {
     setOutput(std::make_unique<OutputDataBuffer>(*behind->data), nullptr);
     m_behindFile = behind;
