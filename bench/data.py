@@ -6,6 +6,7 @@
 S     40,000 files, most of them small (median 2 KiB), in 2,000 directories: about 190 MB
 M     2,000 files, 400 MB
 L     3 files of 400 MB
+T     2,000 files like those of S, in 100 directories
 100k, 1M   that many files of 100 bytes, to see what one more member costs
 """
 import argparse
@@ -13,7 +14,7 @@ import itertools
 import os
 import random
 
-SETS = ("S", "M", "L", "100k", "1M")
+SETS = ("S", "M", "L", "T", "100k", "1M")
 PIECE = 256 << 10  # what is copied from a pool at once; more than any codec looks back is drawn anew
 FIRST_TIME = 1_500_000_000
 TIME_SPAN = 200_000_000
@@ -63,6 +64,8 @@ def layout(rng, name, scale, words):
         return
     if name == "S":
         files, dirs, median, spread, most = scaled(40_000), scaled(2_000), 2048, 1.31, 1 << 20
+    elif name == "T":
+        files, dirs, median, spread, most = scaled(2_000), scaled(100), 2048, 1.31, 1 << 20
     elif name == "M":
         files, dirs, median, spread, most = scaled(2_000), scaled(40), 102_000, 1.2, 8 << 20
     else:

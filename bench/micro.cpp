@@ -10,6 +10,7 @@
 #include "runtime/io/_mvOutput.h"
 #include "runtime/log/LogNull.h"
 #include "tar/format/HeaderBlock.h"
+#include "tar/format/Member.h"
 #include "tar/format/TarBlock.h"
 #include "tar/format/TarHeader.h"
 #include "tar/format/TarNumber.h"
@@ -20,22 +21,25 @@ namespace {
 
 constexpr char kPath[] = "projects/component/source/runtime/text/WildcardPattern.cpp";
 
-HeaderFields fieldsOfAFile() {
-  HeaderFields fields;
-  fields.name = kPath;
-  fields.mode = 0644;
-  fields.uid = fields.gid = 1000;
-  fields.size = 4711;
-  fields.mtime = 1700000000;
-  fields.userName = fields.groupName = "builder";
-  return fields;
+Member someFile() {
+  Member member;
+  member.mode = 0644;
+  member.uid = member.gid = 1000;
+  member.size = 4711;
+  member.mtime.seconds = 1700000000;
+  member.userName = member.groupName = "builder";
+  return member;
+}
+
+void encode(const Member& member, unsigned char* block) {
+  encodeHeaderBlock(member, {kPath, {}}, TarMagic::Ustar, block);
 }
 
 void headerEncode(benchmark::State& state) {
-  const HeaderFields fields = fieldsOfAFile();
+  const Member member = someFile();
   unsigned char block[kBlockSize];
   for (auto _ : state) {
-    encodeHeaderBlock(fields, block);
+    encode(member, block);
     benchmark::DoNotOptimize(block);
   }
 }
@@ -43,7 +47,7 @@ BENCHMARK(headerEncode);
 
 void headerParse(benchmark::State& state) {
   unsigned char block[kBlockSize];
-  encodeHeaderBlock(fieldsOfAFile(), block);
+  encode(someFile(), block);
   TarHeader header;
   LogNull log;
   for (auto _ : state) {
@@ -58,7 +62,7 @@ BENCHMARK(headerParse);
 void sizeFieldThereAndBack(benchmark::State& state) {
   unsigned char block[kBlockSize] = {};
   for (auto _ : state) {
-    putSize(block, state.range(0));
+    putNumber(block, kSizeField, state.range(0));
     benchmark::DoNotOptimize(block);
     benchmark::DoNotOptimize(parseNumber(block, kSizeField));
   }

@@ -5,7 +5,7 @@
 set -uo pipefail
 cd "$(dirname "$0")/.."
 
-packages="g++ cmake ninja-build git zlib1g-dev libbz2-dev libisal-dev libzstd-dev liblzma-dev zstd libgtest-dev clang-format libarchive-tools busybox ncompress
+packages="g++ cmake ninja-build git zlib1g-dev libbz2-dev libisal-dev libzstd-dev liblzma-dev zstd libgtest-dev libbenchmark-dev clang-format libarchive-tools busybox ncompress
   clang-tidy bzip2 gzip xz-utils python3 libxml2-utils dpkg pkg-config diffutils"
 missing=""
 for package in $packages; do

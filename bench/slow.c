@@ -1,0 +1,52 @@
+// Loaded in front of a program (LD_PRELOAD), makes the file system a slow one: each open and each close takes a
+// millisecond longer, as over a network. Waiting, not working: other threads go on meanwhile.
+#define _GNU_SOURCE
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <stdarg.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
+static void answerSlowly(void) {
+  const struct timespec answer = {0, 1000 * 1000};
+  nanosleep(&answer, NULL);
+}
+
+// In C the mode stands behind the flags only where it is wanted; it does no harm where it is not.
+static int openSlowly(const char* name, int directory, const char* path, int flags, mode_t mode) {
+  answerSlowly();
+  return ((int (*)(int, const char*, int, ...))dlsym(RTLD_NEXT, name))(directory, path, flags, mode);
+}
+
+int openat(int directory, const char* path, int flags, ...) {
+  va_list list;
+  va_start(list, flags);
+  const mode_t mode = va_arg(list, mode_t);
+  va_end(list);
+  return openSlowly("openat", directory, path, flags, mode);
+}
+
+int openat64(int directory, const char* path, int flags, ...) {
+  va_list list;
+  va_start(list, flags);
+  const mode_t mode = va_arg(list, mode_t);
+  va_end(list);
+  return openSlowly("openat64", directory, path, flags, mode);
+}
+
+int close(int fd) {
+  answerSlowly();
+  return ((int (*)(int))dlsym(RTLD_NEXT, "close"))(fd);
+}
+
+// The C library has no openat2 of its own.
+long syscall(long number, ...) {
+  va_list list;
+  va_start(list, number);
+  long a[6];
+  for (int i = 0; i < 6; ++i) a[i] = va_arg(list, long);
+  va_end(list);
+  if (number == SYS_openat2) answerSlowly();
+  return ((long (*)(long, ...))dlsym(RTLD_NEXT, "syscall"))(number, a[0], a[1], a[2], a[3], a[4], a[5]);
+}
