@@ -6,7 +6,7 @@
 S     40,000 files, most of them small (median 2 KiB), in 2,000 directories: about 190 MB
 M     2,000 files, 400 MB
 L     3 files of 400 MB
-T     2,000 files like those of S, in 100 directories
+T     2,000 files like those of S, in 20 directories
 100k, 1M   that many files of 100 bytes, to see what one more member costs
 """
 import argparse
@@ -65,7 +65,7 @@ def layout(rng, name, scale, words):
     if name == "S":
         files, dirs, median, spread, most = scaled(40_000), scaled(2_000), 2048, 1.31, 1 << 20
     elif name == "T":
-        files, dirs, median, spread, most = scaled(2_000), scaled(100), 2048, 1.31, 1 << 20
+        files, dirs, median, spread, most = scaled(2_000), scaled(20), 2048, 1.31, 1 << 20
     elif name == "M":
         files, dirs, median, spread, most = scaled(2_000), scaled(40), 102_000, 1.2, 8 << 20
     else:

@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstring>
 #include <new>
+#include <utility>
 
 #include "runtime/log/LogBase.h"
 #include "runtime/text/XString.h"
@@ -90,7 +91,7 @@ void ClsDirTree::prepareWith(DirListing&& listing) {
 // itself. A failure that nobody prepared for ends the walk.
 bool ClsDirTree::enterCurrent(LogBase& log) {
   if (!m_hasPrepared && !prepareToEnter(log)) {
-    m_levels.clear();
+    end();
     return false;
   }
   m_hasPrepared = false;
@@ -148,12 +149,12 @@ void ClsDirTree::takeName() {
   m_relativePath += currentName();
 }
 
-const char* ClsDirTree::currentName() const { return listing().nameOf(currentIndex()); }
+const char* ClsDirTree::currentName() const { return m_levels.back().nameOf(currentIndex()); }
 
 // The type that the directory gives, or a look at the entry where the file system gives none. An entry that
 // cannot be looked at keeps the type it had, and whoever opens it learns the reason.
 unsigned char ClsDirTree::currentType() const {
-  const unsigned char type = listing().typeOf(currentIndex());
+  const unsigned char type = m_levels.back().typeOf(currentIndex());
   // A link that is followed is what it leads to, which the directory does not tell.
   const bool isFollowed = m_followsLinks && type == DT_LNK;
   if (type != DT_UNKNOWN && !isFollowed) return type;
@@ -180,10 +181,13 @@ std::string ClsDirTree::fullPathOf(const std::string& relative) const {
   return path += relative;
 }
 
+// Who looks ahead may still be in one of them.
+void ClsDirTree::end() { m_ended = std::exchange(m_levels, {}); }
+
 // The path is taken before the levels go, since it is made of them.
 bool ClsDirTree::failedToRead(LogBase& log, int error) {
   m_failedPath = m_levels.empty() ? m_baseDir : fullPathOf(m_relativePath);
-  m_levels.clear();
+  end();
   logOsError(log, kCannotRead, m_failedPath.c_str(), error);
   return false;
 }

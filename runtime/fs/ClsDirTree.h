@@ -58,11 +58,11 @@ class MORVANE_API ClsDirTree {
   // The open directory that holds the current entry, and the entry's name in it.
   int currentDirectory() const { return m_levels.back().directory.fd(); }
   const char* currentName() const;
-  // The names of the directory that holds the current entry, and which of them it is; how many directories
-  // the walk is in, 1 for the base.
-  const DirListing& listing() const { return m_levels.back(); }
-  size_t currentIndex() const { return m_levels.back().current; }
+  // How many directories the walk is in, 1 for the base; their names, the base's at 0; which of the last
+  // one's the current entry is.
   size_t depth() const { return m_levels.size(); }
+  const DirListing& listing(size_t level) const { return m_levels[level]; }
+  size_t currentIndex() const { return m_levels.back().current; }
   bool followsLinks() const { return m_followsLinks; }
 
   // Reads the current directory now instead of when the walk enters it, to know beforehand whether that
@@ -94,12 +94,14 @@ class MORVANE_API ClsDirTree {
   bool isOnTheWay(const DirListing& directory) const;
   std::string fullPathOf(const std::string& relative) const;
   bool failedToRead(LogBase& log, int error);
+  void end();
 
   // As given, slashes at its end included.
   std::string m_baseDir;
   bool m_recurse = false;
   bool m_followsLinks = false;
   std::vector<Level> m_levels;
+  std::vector<Level> m_ended;  // of a walk that failed: open until the next one
   std::string m_relativePath;
   std::string m_failedPath;
   Level m_prepared;  // the current directory's contents, when prepareToEnter has read them

@@ -22,20 +22,20 @@ bool isSelfOrParent(const char* name) {
 
 }  // namespace
 
-int DirListing::readIn(int parent, const char* name, bool followsLinks) {
+int DirListing::readIn(int parent, const char* name, bool followsLinks, size_t most) {
   directory.reset(osOpenAt(parent, name, kOpenDirectory | (followsLinks ? 0 : O_NOFOLLOW)));
-  return directory.isOpen() ? readOpen() : errno;
+  return directory.isOpen() ? readOpen(most) : errno;
 }
 
 int DirListing::read(const char* path) {
   directory.reset(osOpen(path, kOpenDirectory));
-  return directory.isOpen() ? readOpen() : errno;
+  return directory.isOpen() ? readOpen(std::string::npos) : errno;
 }
 
 // getdents64 itself, and not readdir, because a broken read is then told from the end, and the descriptor
 // stays the listing's. Entries are offsets, because the string moves while it grows. By bytes, whatever the
 // locale: the order of an archive must not depend on who makes it.
-int DirListing::readOpen() {
+int DirListing::readOpen(size_t most) {
   names.clear();
   entries.clear();
   struct stat status;
@@ -47,6 +47,7 @@ int DirListing::readOpen() {
     const ssize_t filled = getdents64(directory.fd(), buffer, sizeof buffer);
     if (filled < 0) return errno;
     if (filled == 0) break;
+    if (names.size() > most) return EFBIG;
     for (ssize_t at = 0; at < filled;) {
       const auto* const entry = reinterpret_cast<const dirent64*>(buffer + at);
       at += entry->d_reclen;

@@ -11,8 +11,8 @@ namespace morvane {
 // A value that is filled in once; any thread may do that.
 struct DirListing {
   // Opens `name` in the open directory `parent` and reads it. With `followsLinks` a link to a directory will
-  // do. Returns 0, or an errno; then nothing of it is good.
-  int readIn(int parent, const char* name, bool followsLinks);
+  // do. Returns 0, or an errno; then nothing of it is good. EFBIG: the names take more than `most` bytes.
+  int readIn(int parent, const char* name, bool followsLinks, size_t most = std::string::npos);
   // The same of a directory by its path, which may be a link.
   int read(const char* path);
   // Of the n-th entry, which is there: "." and ".." are none. The type is one of the system's (DT_REG and its
@@ -28,7 +28,7 @@ struct DirListing {
   std::vector<size_t> entries;
 
  private:
-  int readOpen();
+  int readOpen(size_t most);
 };
 
 }  // namespace morvane

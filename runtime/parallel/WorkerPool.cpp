@@ -64,8 +64,10 @@ WorkerPool::~WorkerPool() {
 void WorkerPool::startWorkers() {
   m_startTried = true;
   try {
-    while (m_workers.size() < m_workersWanted) {
+    const auto processors = static_cast<unsigned long long>(processorsOfProcess());
+    for (unsigned started = 0; started < m_workersWanted; ++started) {
       if (!m_workers.emplace_back().start([this] { workUntilStopped(); })) return;
+      m_hasWorkersToSpare = started >= processors;
     }
   } catch (const std::bad_alloc&) {
   }
@@ -95,16 +97,19 @@ bool WorkerPool::isDone(const Task& task) {
   return task.m_state == Task::State::Done;
 }
 
-// It helps until the task is done, with that one first where nobody has begun it.
+// It helps until the task is done, with that one first where nobody has begun it. Where there are more
+// workers than processors they wait for a file system, and the first thread has better to do than to wait
+// with them: to hand in what comes next.
 void WorkerPool::finish(Task& task) {
   std::unique_lock<std::mutex> lock(m_mutex);
+  const bool helps = !m_hasWorkersToSpare;
   if (task.m_state == Task::State::Waiting) {
     takeBack(task);
-    work(task, lock);
+    helps ? work(task, lock) : m_waiting.push_front(&task);
   }
   m_wanted = &task;
   while (task.m_state != Task::State::Done) {
-    m_waiting.empty() ? m_wantedDone.wait(lock) : doNext(lock);
+    helps && !m_waiting.empty() ? doNext(lock) : m_wantedDone.wait(lock);
   }
   m_wanted = nullptr;
   lock.unlock();

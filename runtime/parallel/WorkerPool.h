@@ -89,6 +89,7 @@ class WorkerPool {
   size_t m_weight = 0;
   unsigned long long m_submitted = 0;
   bool m_startTried = false;
+  bool m_hasWorkersToSpare = false;  // more of them than there are processors
 
   // Guards what stands behind it but for m_workers. One lock for all of it, because each task takes it three
   // times only and tasks are not small.

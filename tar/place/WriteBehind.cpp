@@ -13,10 +13,12 @@ namespace {
 
 // So many files, and bytes of them, are under way at most.
 constexpr unsigned kFiles = 512, kBytes = 4 * 1024 * 1024;
+// Of one batch there are fewer where there are many workers to share them.
+constexpr unsigned kFewestFiles = 4, kFilesForAll = 128;
 constexpr unsigned kBatches = 16;
 constexpr size_t kDirectories = 4096;
 // Fewer are not worth a batch of their own.
-constexpr unsigned kFewFiles = 8;
+constexpr unsigned kWorthBatch = 8;
 
 size_t hashOf(const std::string& path) { return std::hash<std::string>()(path); }
 
@@ -40,10 +42,10 @@ bool writeWhole(const OsFile& file, const char* bytes, size_t n) {
 
 // As many batches as keep all workers busy.
 WriteBehind::WriteBehind(unsigned workers)
-    : m_batches(std::max(kBatches, workers + workers / 4)),
-      m_filesInBatch(kFiles / m_batches),
+    : m_batches(std::max(kBatches, workers * 2)),
+      m_filesInBatch(std::clamp(kFilesForAll / workers, kFewestFiles, kFiles / kBatches)),
       m_bytesInBatch(kBytes / m_batches),
-      m_hashes(kFiles + m_filesInBatch),
+      m_hashes(static_cast<size_t>(m_batches + 1) * m_filesInBatch),
       m_ring(workers, m_batches) {}
 
 void WriteBehind::noteOwnDirectory(const std::string& path) {
@@ -63,7 +65,7 @@ bool WriteBehind::meets(const std::string& path) const {
 
 WriteBehind::File& WriteBehind::next(ConfinedDir& target, std::string path) {
   Batch* batch = &m_ring.next();
-  if (batch->count >= kFewFiles && !areInOneDirectory(batch->files[batch->count - 1].path, path)) {
+  if (batch->count >= kWorthBatch && !areInOneDirectory(batch->files[batch->count - 1].path, path)) {
     handIn();
     batch = &m_ring.next();
   }

@@ -13,13 +13,15 @@ namespace morvane {
 
 namespace {
 
-// So many looks for each worker: with those ahead in the directories above, there is always one more.
+// Enough to keep all workers busy, some of them in directories that the walk is about to come to. Each may
+// have a directory open.
 constexpr unsigned kFewestLooks = 32, kMostLooks = 128, kLooksForWorker = 4;
 // Of files that were read, in all looks.
 constexpr size_t kBytes = 4 * 1024 * 1024;
-constexpr unsigned kFilesInLook = 32;
-// A walk is long in a directory that has others in it: the next one beside it is not wanted soon.
-constexpr unsigned kDirectoriesWithDirectories = 2;
+// Of one look; fewer where there are many workers to share them.
+constexpr unsigned kFewestFiles = 4, kMostFiles = 32, kFilesForAll = 128;
+// What lies ahead is looked at once in so many entries, so that threads are not woken for each.
+constexpr unsigned kEntriesBetween = 8;
 // The walk closes directories that it is far below; so nothing may be under way in them by then.
 constexpr size_t kDeepest = 24;
 // Worth a thread (see WorkerPool::submit): some dozens of files, or a few directories.
@@ -30,10 +32,9 @@ bool mayBeDirectory(unsigned char type) { return type == DT_DIR || type == DT_UN
 }  // namespace
 
 ReadAhead::ReadAhead(unsigned workers)
-    : m_mostLooks(std::clamp(workers * kLooksForWorker, kFewestLooks, kMostLooks)),
-      m_mostAhead(m_mostLooks / 2),
-      m_mostDirectories(std::min(m_mostAhead, filesToSpare())),
-      m_roomSize(std::max<size_t>(kBytes / m_mostLooks, kMostBytes + 1)),
+    : m_mostLooks(std::min(std::clamp(workers * kLooksForWorker, kFewestLooks, kMostLooks), filesToSpare())),
+      m_mostFiles(std::clamp(kFilesForAll / workers, kFewestFiles, kMostFiles)),
+      m_roomSize(std::max<size_t>(kBytes / std::max(m_mostLooks, kFewestLooks), kMostBytes + 1)),
       m_pool(workers) {}
 
 const ReadAhead::Found* ReadAhead::enter(ClsDirTree& tree) {
@@ -42,7 +43,8 @@ const ReadAhead::Found* ReadAhead::enter(ClsDirTree& tree) {
   const size_t index = tree.currentIndex();
   level.lookedTo = std::max(level.lookedTo, index + 1);
   while (!level.pieces.empty() && level.pieces.front().first + level.pieces.front().count <= index) {
-    forgetFront(level);
+    giveUp(std::move(level.pieces.front()));
+    level.pieces.pop_front();
   }
   if (level.pieces.empty() || level.pieces.front().first > index) return nullptr;
   const Piece& piece = level.pieces.front();
@@ -59,94 +61,127 @@ const ReadAhead::Found* ReadAhead::enter(ClsDirTree& tree) {
   return found.bytes ? &found : nullptr;
 }
 
-// The levels here are those of the walk. A directory that it went into brings its first entries along.
+// The levels here are those of the walk. A directory that it went into brings along what was seen of it.
 void ReadAhead::followWalk(const ClsDirTree& tree) {
   while (m_levels.size() > tree.depth()) {
-    while (!m_levels.back().pieces.empty()) forgetFront(m_levels.back());
+    for (Piece& piece : m_levels.back().pieces) giveUp(std::move(piece));
     m_levels.pop_back();
   }
   const bool isInside = m_levels.size() < tree.depth();
   while (m_levels.size() < tree.depth()) m_levels.emplace_back();
-  if (!m_entered) return;
-  const size_t count = m_entered->found.size();
-  if (isInside && count > 0) {
-    Level& level = m_levels.back();
-    level.pieces.push_back({0, count, false, std::move(m_entered)});
-    level.lookedTo = count;
-  } else {
+  if (!m_entered.look) return;
+  if (!isInside) {
     giveUp(std::move(m_entered));
-  }
-}
-
-// One that could not be read is read again by the walk, which tells why.
-void ReadAhead::enterDirectory(Level& level, ClsDirTree& tree) {
-  std::unique_ptr<Look> look = std::move(level.pieces.front().look);
-  forgetFront(level);
-  if (!look->isListed || !tree.get_IsDirectory()) {
-    giveUp(std::move(look));
-    return;
-  }
-  level.mostDirectories = look->hasDirectories ? kDirectoriesWithDirectories : m_mostAhead;
-  tree.prepareWith(std::exchange(look->listing, DirListing()));
-  m_entered = std::move(look);
-}
-
-// Refilled only when half of it is used up, so that threads are not woken for each file.
-void ReadAhead::lookAhead(const ClsDirTree& tree) {
-  if (tree.depth() > kDeepest) {
-    for (Level& level : m_levels) {
-      for (Piece& piece : level.pieces) m_pool.finish(*piece.look);
-    }
     return;
   }
   Level& level = m_levels.back();
-  if (level.pieces.size() > m_mostAhead / 2) return;
-  const DirListing& listing = tree.listing();
-  while (level.pieces.size() < m_mostAhead && m_looks < m_mostLooks &&
-         level.lookedTo < listing.entries.size()) {
-    if (listing.typeOf(level.lookedTo) != DT_DIR) {
-      lookAtFiles(level, tree);
-    } else if (!lookAtDirectory(level, tree)) {
-      return;
-    }
+  if (m_entered.inside) level = std::move(*m_entered.inside);
+  const size_t count = m_entered.look->found.size();
+  level.lookedTo = std::max(level.lookedTo, count);
+  level.pieces.push_front({0, count, false, std::move(m_entered.look), nullptr});
+  m_entries = ~0u;
+}
+
+// One that could not be read is read again by the walk, which tells why. The names go to the walk, which
+// keeps the directory open at least until the next entry.
+void ReadAhead::enterDirectory(Level& level, ClsDirTree& tree) {
+  Piece piece = std::move(level.pieces.front());
+  level.pieces.pop_front();
+  if (!piece.look->isListed || !tree.get_IsDirectory()) {
+    giveUp(std::move(piece));
+    return;
+  }
+  tree.prepareWith(std::exchange(piece.look->listing, DirListing()));
+  m_entered = std::move(piece);
+}
+
+void ReadAhead::lookAhead(const ClsDirTree& tree) {
+  if (tree.depth() > kDeepest) {
+    for (Level& level : m_levels) finishAll(level);
+  } else if (m_entries++ >= kEntriesBetween) {
+    m_entries = 1;
+    size_t left = m_mostLooks / 2;
+    for (size_t i = m_levels.size(); i-- > 0;) lookAheadIn(m_levels[i], tree.listing(i), i, left);
   }
 }
 
-bool ReadAhead::lookAtDirectory(Level& level, const ClsDirTree& tree) {
-  if (level.directories >= level.mostDirectories || m_directories >= m_mostDirectories) return false;
-  std::unique_ptr<Look> look = makeLook(tree);
-  look->directoryName = tree.listing().nameOf(level.lookedTo);
-  ++level.directories;
-  ++m_directories;
-  submit(level, {level.lookedTo, 1, true, std::move(look)}, tree, kWeightOfDirectory);
-  return true;
+void ReadAhead::finishAll(Level& level) {
+  for (Piece& piece : level.pieces) {
+    m_pool.finish(*piece.look);
+    if (piece.inside) finishAll(*piece.inside);
+  }
+}
+
+// Half of the looks that nearer directories leave. Only once half of that is used up, so that threads are not
+// woken for each. Then into the directories that were read.
+void ReadAhead::lookAheadIn(Level& level, const DirListing& listing, size_t rank, size_t& left) {
+  const size_t most = (left + 1) / 2;
+  const bool isLow = level.pieces.size() <= most / 2;
+  while (isLow && level.pieces.size() < most && level.lookedTo < listing.entries.size() && makeRoom(rank)) {
+    const bool isDirectory = listing.typeOf(level.lookedTo) == DT_DIR;
+    isDirectory ? lookAtDirectory(level, listing, rank) : lookAtFiles(level, listing, rank);
+  }
+  left -= std::min(left, level.pieces.size());
+  for (Piece& piece : level.pieces) {
+    if (left == 0) return;
+    if (!piece.isDirectory || !m_pool.isDone(*piece.look) || !piece.look->isListed) continue;
+    if (!piece.inside) {
+      piece.inside = std::make_unique<Level>();
+      piece.inside->lookedTo = piece.look->found.size();
+    }
+    lookAheadIn(*piece.inside, piece.look->listing, rank, left);
+  }
+}
+
+// At the cost of what is farthest away, when too much is kept: it is looked at again later. `nearest` is the
+// level that wants room, or that has what wants it inside.
+bool ReadAhead::makeRoom(size_t nearest) {
+  if (m_looks < m_mostLooks) return true;
+  for (size_t i = 0; i < nearest; ++i) {
+    Level& level = m_levels[i];
+    if (level.pieces.empty()) continue;
+    level.lookedTo = level.pieces.back().first;
+    giveUp(std::move(level.pieces.back()));
+    level.pieces.pop_back();
+    return true;
+  }
+  return false;
+}
+
+void ReadAhead::lookAtDirectory(Level& level, const DirListing& listing, size_t rank) {
+  std::unique_ptr<Look> look = makeLook(listing);
+  look->directoryName = listing.nameOf(level.lookedTo);
+  submit(level, {level.lookedTo, 1, true, std::move(look), nullptr}, rank, kWeightOfDirectory);
 }
 
 // Up to the next directory. What is no regular file is left for its turn, and so is what may be none.
-void ReadAhead::lookAtFiles(Level& level, const ClsDirTree& tree) {
-  const DirListing& listing = tree.listing();
-  const size_t fitting = std::clamp<size_t>(m_roomSize / (m_usualSize + 1), 1, kFilesInLook);
-  std::unique_ptr<Look> look = makeLook(tree);
+void ReadAhead::lookAtFiles(Level& level, const DirListing& listing, size_t rank) {
+  const size_t fitting = std::clamp<size_t>(m_roomSize / (m_usualSize + 1), 1, m_mostFiles);
+  std::unique_ptr<Look> look = makeLook(listing);
   size_t end = level.lookedTo, files = 0;
-  for (; end < listing.entries.size() && files < fitting && listing.typeOf(end) != DT_DIR; ++end) {
+  for (; end < listing.entries.size() && look->names.size() < m_mostFiles && files < fitting &&
+         listing.typeOf(end) != DT_DIR;
+       ++end) {
     const bool isRegular = listing.typeOf(end) == DT_REG;
     look->names.emplace_back(isRegular ? listing.nameOf(end) : "");
     files += isRegular;
   }
-  submit(level, {level.lookedTo, end - level.lookedTo, false, std::move(look)}, tree, files * kWeightOfFile);
+  submit(level, {level.lookedTo, end - level.lookedTo, false, std::move(look), nullptr}, rank,
+         files * kWeightOfFile);
 }
 
 // Used ones keep their room.
-std::unique_ptr<ReadAhead::Look> ReadAhead::makeLook(const ClsDirTree& tree) {
+std::unique_ptr<ReadAhead::Look> ReadAhead::makeLook(const DirListing& listing) {
   std::unique_ptr<Look> look;
   if (m_spare.empty()) {
     look = std::make_unique<Look>();
     look->roomSize = m_roomSize;
+    look->mostFiles = m_mostFiles;
   } else {
     look = std::move(m_spare.back());
     m_spare.pop_back();
   }
-  look->parent = tree.currentDirectory();
+  look->parent = listing.directory.fd();
   look->directoryName.clear();
   look->names.clear();
   look->found.clear();
@@ -154,28 +189,22 @@ std::unique_ptr<ReadAhead::Look> ReadAhead::makeLook(const ClsDirTree& tree) {
 }
 
 // Kept before it is handed in: it must not go while somebody works at it.
-void ReadAhead::submit(Level& level, Piece piece, const ClsDirTree& tree, size_t weight) {
+void ReadAhead::submit(Level& level, Piece piece, size_t rank, size_t weight) {
   ++m_looks;
   level.lookedTo = piece.first + piece.count;
   level.pieces.push_back(std::move(piece));
-  m_pool.submit(*level.pieces.back().look, static_cast<unsigned>(tree.depth()), weight);
+  m_pool.submit(*level.pieces.back().look, static_cast<unsigned>(rank), weight);
 }
 
-void ReadAhead::forgetFront(Level& level) {
-  Piece& piece = level.pieces.front();
-  if (piece.isDirectory) {
-    --level.directories;
-    --m_directories;
+// What is inside first, because it needs the directory to be open.
+void ReadAhead::giveUp(Piece piece) {
+  if (piece.inside) {
+    for (Piece& each : piece.inside->pieces) giveUp(std::move(each));
   }
-  if (piece.look) giveUp(std::move(piece.look));
-  level.pieces.pop_front();
-}
-
-void ReadAhead::giveUp(std::unique_ptr<Look> look) {
-  m_pool.drop(*look);
-  look->listing = DirListing();
+  m_pool.drop(*piece.look);
+  piece.look->listing = DirListing();
   --m_looks;
-  m_spare.push_back(std::move(look));
+  m_spare.push_back(std::move(piece.look));
 }
 
 void ReadAhead::Look::work() {
@@ -187,14 +216,12 @@ void ReadAhead::Look::work() {
     }
     return;
   }
-  isListed = listing.readIn(parent, directoryName.c_str(), false) == 0;
-  hasDirectories = false;
-  bool goesOn = isListed;
-  for (size_t n = 0; isListed && n < listing.entries.size(); ++n) {
+  isListed = listing.readIn(parent, directoryName.c_str(), false, roomSize) == 0;
+  if (!isListed) return;
+  for (size_t n = 0; n < listing.entries.size() && n < mostFiles; ++n) {
     const unsigned char type = listing.typeOf(n);
-    hasDirectories |= mayBeDirectory(type);
-    goesOn = goesOn && !mayBeDirectory(type) && n < kFilesInLook &&
-             lookAt(listing.directory.fd(), type == DT_REG ? listing.nameOf(n) : "");
+    if (mayBeDirectory(type) || !lookAt(listing.directory.fd(), type == DT_REG ? listing.nameOf(n) : ""))
+      return;
   }
 }
 

@@ -50,44 +50,48 @@ class ReadAhead {
     bool read(const OsFile& file, Found& into);
 
     int parent = -1;
+    unsigned mostFiles = 0;
     std::string directoryName;       // empty: entries of the parent
     std::vector<std::string> names;  // an empty one is passed over
     // What was found: of the directory; of the entries, as many as were looked at.
-    bool isListed = false, hasDirectories = false;
+    bool isListed = false;
     DirListing listing;
     std::vector<Found> found;
     std::unique_ptr<char[]> room;
-    size_t roomSize = 0, used = 0;
+    size_t roomSize = 0, used = 0;  // the names of a directory have no more room either
   };
-  // A look at entries of a directory that the walk is in, or is about to be in: from the `first` on.
+  struct Level;
+  // A look at entries of one directory, from the `first` on.
   struct Piece {
     size_t first = 0, count = 0;
     bool isDirectory = false;  // the one entry is a directory; the look is at it and into it
     std::unique_ptr<Look> look;
+    std::unique_ptr<Level> inside;  // of a directory that was read: what is behind its first entries
   };
-  // A directory that the walk is in.
+  // A directory that the walk is in, or will come to.
   struct Level {
     std::deque<Piece> pieces;
     size_t lookedTo = 0;  // the first entry that is in no piece
-    unsigned directories = 0, mostDirectories = 4;
   };
 
   void followWalk(const ClsDirTree& tree);
   void enterDirectory(Level& level, ClsDirTree& tree);
-  bool lookAtDirectory(Level& level, const ClsDirTree& tree);
-  void lookAtFiles(Level& level, const ClsDirTree& tree);
-  std::unique_ptr<Look> makeLook(const ClsDirTree& tree);
-  void submit(Level& level, Piece piece, const ClsDirTree& tree, size_t weight);
-  void forgetFront(Level& level);
-  void giveUp(std::unique_ptr<Look> look);
+  void lookAheadIn(Level& level, const DirListing& listing, size_t rank, size_t& left);
+  void lookAtDirectory(Level& level, const DirListing& listing, size_t rank);
+  void lookAtFiles(Level& level, const DirListing& listing, size_t rank);
+  bool makeRoom(size_t nearest);
+  std::unique_ptr<Look> makeLook(const DirListing& listing);
+  void submit(Level& level, Piece piece, size_t rank, size_t weight);
+  void finishAll(Level& level);
+  void giveUp(Piece piece);
 
-  const unsigned m_mostLooks, m_mostAhead, m_mostDirectories;
+  const unsigned m_mostLooks, m_mostFiles;
   const size_t m_roomSize;
-  // Under way or kept, in all levels.
-  unsigned m_looks = 0, m_directories = 0;
+  unsigned m_looks = 0;       // under way or kept, in all levels
   size_t m_usualSize = 4096;  // of files, in bytes: so many fit into a look
+  unsigned m_entries = ~0u;   // since what lies ahead was last looked at
   std::deque<Level> m_levels;
-  std::unique_ptr<Look> m_entered;  // at the directory that the walk stands on and may go into
+  Piece m_entered;  // of the directory that the walk stands on and may go into
   std::vector<std::unique_ptr<Look>> m_spare;
   // Last: it waits for what is being done to the looks.
   WorkerPool m_pool;
