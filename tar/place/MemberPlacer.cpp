@@ -177,9 +177,9 @@ void MemberPlacer::reportLeftOut(const char* refusal, const Io& io) {
   m_anyLeftOut = true;
 }
 
-// Directories are never in each other's way.
+// A newer file is kept for a directory's sake, too; what lies below that then has no place.
 bool MemberPlacer::isKeptAsNewer(const Member& member, const Io& io) {
-  return settings().options.existing == ExistingFiles::Newer && !member.isDirectory &&
+  return settings().options.existing == ExistingFiles::Newer &&
          m_target.isNewerThere(m_path, settings(), member.mtime, io.log);
 }
 
