@@ -9,6 +9,7 @@
 
 #include "cli/Dates.h"
 #include "cli/Interrupt.h"
+#include "cli/MemberKind.h"
 #include "cli/ProgressBar.h"
 #include "cli/Report.h"
 #include "cli/Selection.h"
@@ -152,6 +153,11 @@ class MemberEvent : public morvane::ProgressEvent {
   // With names as a person types them.
   void select(const morvane::TarMemberInfo& member) {
     m_isSelected = !m_enoughSeen && m_selection.takes(member.path) && !isTooOld(member);
+    // Nothing by itself: it can be listed and no more.
+    if (m_isSelected && member.typeFlag == kContinuation) {
+      m_report.problem(member.path, "continued from another volume");
+      m_isSelected = m_line.mode == Mode::List;
+    }
     if (m_isSelected) onSelected(member);
   }
 

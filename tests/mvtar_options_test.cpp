@@ -243,6 +243,25 @@ TEST(MvtarCompare, HostileArchives) {
       "../out: refused: its path leaves the target\na.tar: The archive ends without an end-of-archive mark.");
 }
 
+// ---- Other volumes
+
+TEST(MvtarVolumes, TheRestOfAFileIsNamed) {
+  ScratchDir dir;
+  must(
+      dir,
+      R"(seq 4400 > big && echo a > a && printf 'n b\nn c\n' | tar -M -L 10 -cf 1 big a > log && gzip -k c)");
+  const char kFact[] = "big: continued from another volume";
+  for (const std::string archive : {"c", "c.gz"}) {
+    expectMvtar(dir, "-tf " + archive, 2, "big\na\n", kFact);
+    expectMvtar(dir, "--verify -f " + archive, 2, "", kFact);
+    expectMvtar(dir, "-df " + archive, 2, "", kFact);
+    expectMvtar(dir, "-xOf " + archive, 2, "a\n", kFact);
+    expectMvtar(dir, "-xf " + archive + " -C out", 2, "", kFact);
+    EXPECT_TRUE(exists(dir / "out/a") && !exists(dir / "out/big"));
+    expectMvtar(dir, "-tf " + archive + " a", 0, "a\n");
+  }
+}
+
 // ---- Sources that go
 
 TEST(MvtarRemoveFiles, OnlyWhatIsInTheArchiveAsItIs) {

@@ -80,6 +80,11 @@ MemberPlacer::Choice MemberPlacer::chooseByRules(Member& member, Aim aim, const 
   if (!isAllowed) return Choice::LimitReached;
   m_linkIsGiven = m_isRenamed = false;
   if (isSkippedByEvent(member, aim, io)) return Choice::Skipped;
+  if (member.isContinuation) {
+    io.fail("The member is continued from another volume.");
+    reportLeftOut(nullptr, io);
+    return Choice::Skipped;
+  }
   if (settings().options.memberEvents && io.event) {
     const Choice choice = offerForChange(member, aim, io);
     if (choice != Choice::Extract) return choice;
