@@ -13,14 +13,13 @@ namespace mvtar {
 
 namespace {
 
-// Names as new members would have them: without a slash at the end.
+// Names as they are compared, because other tars store a leading "./".
 class CopiesEvent : public morvane::ProgressEvent {
  public:
   explicit CopiesEvent(NewestCopies& newest) : m_newest(newest) {}
   void onAbortCheck(bool& abort) override { abort = isInterrupted(); }
   void onTarHeader(const morvane::TarMemberInfo& member) override {
-    std::string name = member.path;
-    while (name.size() > 1 && name.back() == '/') name.pop_back();
+    std::string name(comparablePath(member.path));
     const timespec time{static_cast<time_t>(member.mtime), static_cast<long>(member.mtimeNanoseconds)};
     const auto [found, isNew] = m_newest.emplace(std::move(name), time);
     if (!isNew && isEarlier(found->second, time)) found->second = time;

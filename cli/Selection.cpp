@@ -11,17 +11,6 @@ namespace mvtar {
 
 namespace {
 
-// How a path is compared: "./a/" is a, and "./" is ".". So that what was typed, what a shell completed and
-// what is stored are compared alike. Leading slashes stay.
-std::string_view comparable(std::string_view path) {
-  while (path.size() > 1 && path.back() == '/') path.remove_suffix(1);
-  while (path.size() > 2 && path.substr(0, 2) == "./") {
-    path.remove_prefix(2);
-    while (path.size() > 1 && path.front() == '/') path.remove_prefix(1);
-  }
-  return path;
-}
-
 // The root, "/", ends in its own slash.
 bool isBelow(std::string_view path, const std::string& dir) {
   return !dir.empty() && path.size() > dir.size() && path.substr(0, dir.size()) == dir &&
@@ -29,6 +18,17 @@ bool isBelow(std::string_view path, const std::string& dir) {
 }
 
 }  // namespace
+
+// "./a/" is a. So that what was typed, what a shell completed and what is stored are compared alike. Leading
+// slashes stay.
+std::string_view comparablePath(std::string_view path) {
+  while (path.size() > 1 && path.back() == '/') path.remove_suffix(1);
+  while (path.size() > 2 && path.substr(0, 2) == "./") {
+    path.remove_prefix(2);
+    while (path.size() > 1 && path.front() == '/') path.remove_prefix(1);
+  }
+  return path;
+}
 
 // Most patterns have no more than stars, for which there is a matcher whose time does not grow with their
 // number. The C library looks at the others, in the characters of the user's locale.
@@ -52,7 +52,7 @@ bool Selection::Pattern::matchesUpToASlash(std::string_view path) const {
 std::vector<Selection::Pattern> Selection::patternsOf(const std::vector<std::string>& given) {
   std::vector<Pattern> patterns;
   for (const std::string& text : given) {
-    patterns.push_back(patternOf(comparable(text)));
+    patterns.push_back(patternOf(comparablePath(text)));
     // A slash at the end is no part of it, but means the whole path.
     patterns.back().isForWholePath = text.find('/') != std::string::npos;
   }
@@ -84,7 +84,7 @@ Selection::Selection(const std::vector<std::string>& members, const std::vector<
       m_matches(patternsOf(matches)),
       m_excludes(patternsOf(excludes)) {
   for (const std::string& member : members) {
-    const std::string_view path = comparable(member);
+    const std::string_view path = comparablePath(member);
     m_members.push_back({member, std::string(path), patternOf(path), false});
   }
 }
@@ -92,7 +92,7 @@ Selection::Selection(const std::vector<std::string>& members, const std::vector<
 // Every MEMBER is tried, also behind one that matched, because each of them wants to be found. Exclusion
 // comes last and wins.
 bool Selection::takes(std::string_view storedPath) {
-  const std::string_view path = comparable(storedPath);
+  const std::string_view path = comparablePath(storedPath);
   bool named = m_members.empty() && !m_onlyNamed;
   for (Member& member : m_members) {
     // A name that holds a star may also mean itself.
@@ -106,7 +106,7 @@ bool Selection::takes(std::string_view storedPath) {
 }
 
 // For walks over the disk, which need not go into what is excluded.
-bool Selection::excludes(std::string_view path) const { return anyMatches(comparable(path), m_excludes); }
+bool Selection::excludes(std::string_view path) const { return anyMatches(comparablePath(path), m_excludes); }
 
 // As they were typed.
 std::vector<std::string> Selection::unfound() const {

@@ -9,6 +9,10 @@
 
 namespace mvtar {
 
+// How a path is compared: without a leading "./" and slashes at its end; "./" is ".". A part of what it is
+// given.
+std::string_view comparablePath(std::string_view path);
+
 // All three lists may be empty: no MEMBER and no --match means every member. Patterns are the shell's, by the
 // rules of fnmatch(3): "*" stands for anything, slashes included, "?" for any character, "[...]" for one of
 // several, and a back slash takes the meaning from what follows. Case counts.
