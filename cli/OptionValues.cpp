@@ -290,10 +290,12 @@ bool OptionValues::checkArchive() {
   if (changes && m_line.usesStandardStream()) return wrong("-r and -u need option '-f' and a file");
   if (changes && (m_line.compression || m_compress || !m_line.filterProgram.empty()))
     return wrong("a compressed archive cannot be appended to");
-  if (m_line.writes() && !m_line.compression && m_line.filterProgram.empty() &&
+  // What an archive that is there is its content says, and not its name.
+  const bool isThere = changes && access(m_line.archive.c_str(), F_OK) == 0;
+  if (m_line.writes() && !isThere && !m_line.compression && m_line.filterProgram.empty() &&
       promisesForeign(m_line.archive))
     return wrong("'" + m_line.archive + "' promises a compression that cannot be written");
-  if (changes && morvane::compressionBySuffix(m_line.archive) && access(m_line.archive.c_str(), F_OK) != 0)
+  if (changes && !isThere && morvane::compressionBySuffix(m_line.archive))
     return wrong("'" + m_line.archive +
                  "' promises a compression; a compressed archive cannot be appended to");
   return true;
