@@ -129,10 +129,11 @@ TEST(MvtarLists, NamesAreTakenAsTheyStand) {
   expectMvtar(dir, "-tf a.tar", 0, "d/a\nd/n\\nl\n-v\na\n");
   expectMvtar(dir, "-tf a.tar -T long", 2, "", std::string(3000000, 'x') + ": not found in the archive");
   expectMvtar(dir, "-tf a.tar -T list -X none", 2, "", "none: No such file or directory");
+  expectMvtar(dir, "-tf a.tar -X nul", 2, "", "nul: a pattern with a NUL byte");
   expectMvtar(dir, "-cf b.tar -T d", 2, "", "d: Is a directory");
   EXPECT_FALSE(exists(dir / "b.tar"));
   expectMvtar(dir, "-cf a.tar -T nul", 2, "",
-              "d/n: No such file or directory\nl\\000\\000-v: No such file or directory");
+              "d/n: No such file or directory\nl\\000\\000-v: a path with a NUL byte");
 }
 
 // ---- Programs that compress
@@ -225,6 +226,9 @@ TEST(MvtarCompare, EachKindOfDifference) {
     }
     must(dir, "rm -r d && mv keep d");
   }
+  must(dir, "touch d/a");
+  expectMvtar(dir, "-dvf a.tar d/a d/f d/sub", 1, "d/a\nd/a: the time differs\nd/f\nd/sub/\n");
+  expectMvtar(dir, "-df a.tar --totals d/f d/sub", 0, "", "2 members, 588895 bytes");
   // What was restored is the same.
   expectMvtar(dir, "-xpf p.gz -C out --strip-components=1", 0);
   expectMvtar(dir, "-df p.gz -C out --strip-components=1 --exclude=none", 0);
