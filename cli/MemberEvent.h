@@ -104,7 +104,7 @@ class MemberEvent : public morvane::ProgressEvent {
     if (!m_isBegun) return;
     m_isBegun = false;
     count(m_begunBytes);
-    if (m_line.verbose) m_report.name(m_begunPath);
+    if (m_line.verbose && !m_begunPath.empty()) m_report.name(m_begunPath);
   }
 
   // "limit" names the option word that ended the run; everything else is heard by derived classes.
@@ -134,7 +134,8 @@ class MemberEvent : public morvane::ProgressEvent {
     ++m_members;
     m_bytes += std::min(bytes, std::numeric_limits<long long>::max() - m_bytes);
   }
-  // A member's data are next; what becomes of them shows later. The path must stay until the next header.
+  // A member's data are next; what becomes of them shows later. The path must stay until the next header; it
+  // is empty where the member has been named.
   void begin(std::string_view path, long long bytes) {
     m_isBegun = true;
     m_begunPath = path;
