@@ -146,7 +146,9 @@ bool OptionValues::setLevel(const std::string& level) {
 
 bool OptionValues::setThreads(const std::string& count) {
   int number = 0;
-  if (!parseNumber(count, number) || number < 0) return wrong("'" + count + "' is no number of threads");
+  constexpr int kMost = 64;  // as the word has it
+  if (!parseNumber(count, number) || number < 0 || number > kMost)
+    return wrong("'" + count + "' is no number of threads; --threads takes 0 to " + std::to_string(kMost));
   return addOptions("Threads=" + count);
 }
 
@@ -313,7 +315,8 @@ bool OptionValues::checkModes() {
   if (mode == Mode::Deb && m_line.operands.size() != 2)
     return wrong("--deb takes a control and a data tarball");
   // Checking a part of it would pass for checking it all.
-  return only(mode == Mode::Verify && m_line.selects(), false, "--verify checks the whole archive") &&
+  return only(mode == Mode::Deb && m_line.filters(), false, "--deb takes the tarballs whole") &&
+         only(mode == Mode::Verify && m_line.selects(), false, "--verify checks the whole archive") &&
          only(!m_line.prefix.empty(), writes, "--prefix goes with -c") &&
          only(m_line.stripPaths, !writes, "--strip-paths goes with -x") &&
          only(m_line.toStdout, mode == Mode::Extract, "-O goes with -x") &&
