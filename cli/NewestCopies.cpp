@@ -32,17 +32,18 @@ class CopiesEvent : public morvane::ProgressEvent {
 }  // namespace
 
 // What is no plain archive, or no regular file, is left to the append, which refuses it in words of its own;
-// a FIFO would be waited for.
+// a FIFO would be waited for. In an empty file there is nothing yet.
 bool findNewestCopies(const CommandLine& line, NewestCopies& newest, Report& report) {
   struct stat status;
-  if (stat(line.archive.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return true;
+  if (stat(line.archive.c_str(), &status) != 0 || !S_ISREG(status.st_mode) || status.st_size == 0)
+    return true;
   ReadJob job(line, true);
   if (!job.archive.open(line, report)) return false;
   if (!job.archive.isPlain()) return true;
   morvane::XString path(line.archive);
   job.tar.put_UncommonOptions(line.readingWords().c_str());
   CopiesEvent event(newest);
-  if (job.archive.source().sizeIfKnown() == 0 || job.tar.VerifyTar(job.archive.source(), &event)) return true;
+  if (job.tar.VerifyTar(job.archive.source(), &event)) return true;
   report.failure(job.tar, line.archive);
   return false;
 }

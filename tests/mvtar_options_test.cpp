@@ -266,6 +266,24 @@ TEST(MvtarVolumes, TheRestOfAFileIsNamed) {
   }
 }
 
+// ---- What is no archive
+
+TEST(MvtarContent, IsCalledWhatItIs) {
+  ScratchDir dir;
+  const std::pair<std::string, const char*> kContents[] = {
+      {"", "The archive is empty."},
+      {"PK\3\4", "This is a ZIP archive, no tar."},
+      {std::string("\1\2\0\3", 4), "This is no archive of a known kind."},
+      {ArchiveBuilder().add({"f", "f"}).bytes().replace(0, 1, "g"), "The TAR header's checksum is wrong."}};
+  for (const auto& [bytes, sentence] : kContents) {
+    writeFile(dir / "x", bytes);
+    for (const char* command : {"-tf x", "-xf x", "-df x", "-xOf x", "--verify -f x", "-rf x x", "-uf x x"}) {
+      if (bytes.empty() && (command[1] == 'r' || command[1] == 'u')) continue;  // it becomes an archive
+      expectMvtar(dir, command, 2, "", std::string("x: ") + sentence);
+    }
+  }
+}
+
 // ---- Sources that go
 
 TEST(MvtarRemoveFiles, OnlyWhatIsInTheArchiveAsItIs) {
