@@ -157,6 +157,9 @@ TEST(MvtarFilter, AProgramThatFailsIsAFailure) {
        "sh -c \"cat >/dev/null; exit 3\": ended with status 3\n"},
       {"-I 'sh -c \"cat >/dev/null; kill $$\"' -cf b d", 2,
        "sh -c \"cat >/dev/null; kill $$\": ended by signal 15\n"},
+      {"-I none-such -cf cut d; test $(stat -c %s cut) = 90000 && exit 2", 2,
+       "none-such: No such file or directory\n"},
+      {"-I ./d -cf cut d; test $(stat -c %s cut) = 90000 && exit 2", 2, "./d: Permission denied\n"},
       {"-I cat -cf /dev/full d/b", 2, "cat: ended with status 1\n"}};
   for (const auto& [line, status, fact] : cases) {
     const CommandResult result = shell(dir, "mvtar " + line);
