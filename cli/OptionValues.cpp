@@ -32,16 +32,6 @@ ProgressBar::When onTerminal() {
   return isatty(STDERR_FILENO) ? ProgressBar::When::AfterOneSecond : ProgressBar::When::Never;
 }
 
-// What promises something that nobody here writes; a plain archive under such a name would fool its reader.
-bool promisesForeign(const std::string& name) {
-  for (const char* const suffix :
-       {".Z", ".taZ", ".taz", ".zip", ".7z", ".lz4", ".rar", ".lz", ".tlz", ".lzo", ".lzma"}) {
-    const std::string_view end = suffix;
-    if (name.size() > end.size() && name.compare(name.size() - end.size(), end.size(), end) == 0) return true;
-  }
-  return false;
-}
-
 // A level that nothing would come of is refused.
 bool hasLevels(const CommandLine& line) {
   const morvane::Compression compression = line.compressionToWrite();
@@ -292,10 +282,11 @@ bool OptionValues::checkArchive() {
   if (changes && m_line.usesStandardStream()) return wrong("-r and -u need option '-f' and a file");
   if (changes && (m_line.compression || m_compress || !m_line.filterProgram.empty()))
     return wrong("a compressed archive cannot be appended to");
-  // What an archive that is there is its content says, and not its name.
+  // What an archive that is there is its content says, and not its name. A new plain archive under another's
+  // name would fool its reader.
   const bool isThere = changes && access(m_line.archive.c_str(), F_OK) == 0;
   if (m_line.writes() && !isThere && !m_line.compression && m_line.filterProgram.empty() &&
-      promisesForeign(m_line.archive))
+      morvane::promisesUnwritable(m_line.archive))
     return wrong("'" + m_line.archive + "' promises a compression that cannot be written");
   if (changes && !isThere && morvane::compressionBySuffix(m_line.archive))
     return wrong("'" + m_line.archive +
