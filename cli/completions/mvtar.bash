@@ -79,7 +79,7 @@ _mvtar_unquoted() {
   for ((i = 0; i < ${#text}; ++i)); do
     c=${text:i:1}
     if [[ $c == "\\" && $quote != "'" && ( -z $quote || ${text:i+1:1} == [\$\`\"\\] ) ]]; then
-      plain+=${text:++i:1}
+      i=$((i + 1)) plain+=${text:i:1}
     elif [[ -n $quote && $c == "$quote" ]]; then
       quote=""
     elif [[ -z $quote && ( $c == "'" || $c == '"' ) ]]; then
