@@ -86,11 +86,12 @@ struct CommandLine {
   bool untrusted = false;
   std::string options;
 
-  // Whether it is about some members only.
-  bool selects() const {
-    return !operands.empty() || !nameFiles.empty() || !matches.empty() || !excludes.empty() ||
-           !excludeFiles.empty() || newerThan || maxCount > 0;
+  // Whether it is about some members only: by options, or by their names too.
+  bool filters() const {
+    return !nameFiles.empty() || !matches.empty() || !excludes.empty() || !excludeFiles.empty() ||
+           newerThan || maxCount > 0;
   }
+  bool selects() const { return !operands.empty() || filters(); }
   // Whether sources go into an archive.
   bool writes() const { return mode == Mode::Create || mode == Mode::Append || mode == Mode::Update; }
   // The words of the component that the options stand for, --options behind all others.

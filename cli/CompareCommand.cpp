@@ -114,7 +114,7 @@ class CompareEvent : public MemberEvent {
 
   void onTarEntry(const char*, long long size, bool, bool& skip) override {
     skip = !m_output.isOpen();
-    if (!skip) begin(m_path, size);
+    if (!skip) begin({}, size);  // it was named before what differs
   }
   void onTarHeader(const TarMemberInfo& member) override {
     finishContents();
@@ -225,6 +225,7 @@ int compareArchive(const CommandLine& line) {
   job.bar.clear();
   if (ok) {
     event.finishContents();
+    event.settle();
     event.nameUnfound();
   }
   return job.finish(event, ok);

@@ -124,7 +124,7 @@ bool CreateEvent::isExcluded(const std::string& path, const std::string& given) 
 bool CreateEvent::isTooOld(const morvane::TarMember& member) const {
   const timespec modified{static_cast<time_t>(member.mtime), static_cast<long>(member.mtimeNanoseconds)};
   const std::string name = m_line.changes.transform.apply(member.path, NameTransform::Of::Name);
-  if (const auto copy = m_newest.find(name); copy != m_newest.end()) {
+  if (const auto copy = m_newest.find(std::string(comparablePath(name))); copy != m_newest.end()) {
     timespec own = modified;
     if (copy->second.tv_nsec == 0) own.tv_nsec = 0;
     if (member.typeFlag == kDirectory || !isEarlier(copy->second, own)) return true;

@@ -20,7 +20,7 @@
 
 namespace mvtar {
 
-// The newest copy of each name that an archive has, for -u.
+// The newest copy of each name that an archive has, for -u. Names as comparablePath has them.
 using NewestCopies = std::map<std::string, timespec>;
 
 // Follows the write by its events. The component's words become lines of the command here. A member is done

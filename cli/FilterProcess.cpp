@@ -4,13 +4,17 @@
 
 #include <fcntl.h>
 #include <spawn.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 
+#include "cli/ArchiveName.h"
 #include "cli/Interrupt.h"
 
 namespace mvtar {
@@ -43,7 +47,32 @@ std::vector<std::string> wordsOf(const std::string& text) {
   return words;
 }
 
+// Why a program cannot be started, as errno; 0 when it can. It is looked for as posix_spawnp looks for it.
+int startError(const std::string& name) {
+  const bool isPath = name.find('/') != std::string::npos;
+  const char* const given = std::getenv("PATH");
+  const std::string dirs = isPath ? "" : given ? given : "/bin:/usr/bin";
+  int error = ENOENT;
+  for (size_t start = 0; start <= dirs.size();) {
+    const size_t end = std::min(dirs.find(':', start), dirs.size());
+    const std::string path = isPath ? name : joinNames(dirs.substr(start, end - start), name);
+    start = end + 1;
+    struct stat status;
+    if (stat(path.c_str(), &status) != 0) continue;
+    if (S_ISREG(status.st_mode) && access(path.c_str(), X_OK) == 0) return 0;
+    error = EACCES;
+  }
+  return error;
+}
+
 }  // namespace
+
+bool FilterProcess::canStart(const std::string& program, Report& report) {
+  const std::vector<std::string> words = wordsOf(program);
+  const int error = words.empty() || words[0].empty() ? ENOENT : startError(words[0]);
+  if (error != 0) report.problem(program, std::strerror(error));
+  return error == 0;
+}
 
 FilterProcess::~FilterProcess() {
   if (!isRunning()) return;

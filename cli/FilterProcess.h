@@ -19,6 +19,9 @@ class FilterProcess {
   FilterProcess(const FilterProcess&) = delete;
   FilterProcess& operator=(const FilterProcess&) = delete;
 
+  // Whether PROGRAM is there and may be started; named when not. To be asked before an archive is opened for
+  // it.
+  static bool canStart(const std::string& program, Report& report);
   // Starts PROGRAM between what is written to the descriptor returned and `to`, which stays the caller's. -1,
   // and named, when that fails.
   int startWriting(const std::string& program, int to, Report& report);

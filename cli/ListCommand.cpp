@@ -272,7 +272,7 @@ int verifyArchive(const CommandLine& line) {
   CountEvent event(job.report, job.bar, line);
   const bool ok = job.archive.read(job.tar, event);
   job.bar.clear();
-  if (ok) {
+  if (ok && !job.report.anyProblem()) {
     job.report.line(shown(line.archive) + ": whole, " + std::to_string(event.members()) + " members");
   }
   return job.finish(event, ok);

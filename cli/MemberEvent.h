@@ -9,6 +9,7 @@
 
 #include "cli/Dates.h"
 #include "cli/Interrupt.h"
+#include "cli/MemberKind.h"
 #include "cli/ProgressBar.h"
 #include "cli/Report.h"
 #include "cli/Selection.h"
@@ -103,7 +104,7 @@ class MemberEvent : public morvane::ProgressEvent {
     if (!m_isBegun) return;
     m_isBegun = false;
     count(m_begunBytes);
-    if (m_line.verbose) m_report.name(m_begunPath);
+    if (m_line.verbose && !m_begunPath.empty()) m_report.name(m_begunPath);
   }
 
   // "limit" names the option word that ended the run; everything else is heard by derived classes.
@@ -133,7 +134,8 @@ class MemberEvent : public morvane::ProgressEvent {
     ++m_members;
     m_bytes += std::min(bytes, std::numeric_limits<long long>::max() - m_bytes);
   }
-  // A member's data are next; what becomes of them shows later. The path must stay until the next header.
+  // A member's data are next; what becomes of them shows later. The path must stay until the next header; it
+  // is empty where the member has been named.
   void begin(std::string_view path, long long bytes) {
     m_isBegun = true;
     m_begunPath = path;
@@ -152,6 +154,11 @@ class MemberEvent : public morvane::ProgressEvent {
   // With names as a person types them.
   void select(const morvane::TarMemberInfo& member) {
     m_isSelected = !m_enoughSeen && m_selection.takes(member.path) && !isTooOld(member);
+    // Nothing by itself: it can be listed and no more.
+    if (m_isSelected && member.typeFlag == kContinuation) {
+      m_report.problem(member.path, "continued from another volume");
+      m_isSelected = m_line.mode == Mode::List;
+    }
     if (m_isSelected) onSelected(member);
   }
 

@@ -9,6 +9,8 @@ namespace mvtar {
 
 // Type flags (POSIX ustar) of members that are more than a name and data.
 constexpr char kHardLink = '1', kSymbolicLink = '2', kDirectory = '5';
+// GNU tar: the rest of a file that begins in another volume.
+constexpr char kContinuation = 'M';
 
 struct MemberKind {
   char letter;       // as ls shows it; "h" for a hard link, which ls does not know

@@ -44,6 +44,20 @@ bool eachName(const std::string& file, char end, Report& report, Take take) {
   return true;
 }
 
+// White space at a line's end is no part of a pattern, as GNU tar has it; so a list may have been written on
+// a system whose lines end in a carriage return. A NUL would end the pattern where nobody sees it.
+bool readPatterns(const std::string& file, std::vector<std::string>& patterns, Report& report) {
+  bool ok = true;
+  const auto add = [&](std::string pattern) {
+    ok = ok && pattern.find('\0') == std::string::npos;
+    pattern.erase(pattern.find_last_not_of(" \t\r\f\v") + 1);
+    if (!pattern.empty()) patterns.push_back(std::move(pattern));
+  };
+  if (!eachName(file, '\n', report, add)) return false;
+  if (!ok) report.problem(file, "a pattern with a NUL byte");
+  return ok;
+}
+
 }  // namespace
 
 bool readNameFiles(CommandLine& line, Report& report) {
@@ -57,9 +71,7 @@ bool readNameFiles(CommandLine& line, Report& report) {
   all.insert(all.end(), line.operands.begin() + static_cast<std::ptrdiff_t>(taken), line.operands.end());
   line.operands = std::move(all);
   for (const std::string& file : line.excludeFiles) {
-    if (!eachName(file, '\n', report,
-                  [&](std::string pattern) { line.excludes.push_back(std::move(pattern)); }))
-      return false;
+    if (!readPatterns(file, line.excludes, report)) return false;
   }
   return true;
 }

@@ -9,6 +9,8 @@ namespace mvtar {
 namespace {
 
 constexpr size_t kGroups = 10;
+// Behind a back slash, in what is put in place of a match.
+constexpr std::string_view kEscapes = "abfnrtv", kMeant = "\a\b\f\n\r\t\v";
 
 // Up to the next `delimiter` that is not quoted by a back slash. A quoted delimiter is the character itself.
 // False when there is none. `at` is left behind the delimiter.
@@ -190,8 +192,8 @@ void NameTransform::appendReplacement(const std::string& to, const char* subject
       changer.append({&to[i], 1}, result);
     } else if (const char c = to[++i]; c >= '0' && c <= '9') {
       changer.append(group(static_cast<size_t>(c - '0')), result);
-    } else if (c == 'n') {
-      changer.append("\n", result);
+    } else if (const size_t letter = kEscapes.find(c); letter != std::string_view::npos) {
+      changer.append({&kMeant[letter], 1}, result);
     } else if (!changer.take(c)) {
       changer.append({&to[i], 1}, result);
     }

@@ -13,14 +13,13 @@ namespace mvtar {
 
 namespace {
 
-// Names as new members would have them: without a slash at the end.
+// Names as they are compared, because other tars store a leading "./".
 class CopiesEvent : public morvane::ProgressEvent {
  public:
   explicit CopiesEvent(NewestCopies& newest) : m_newest(newest) {}
   void onAbortCheck(bool& abort) override { abort = isInterrupted(); }
   void onTarHeader(const morvane::TarMemberInfo& member) override {
-    std::string name = member.path;
-    while (name.size() > 1 && name.back() == '/') name.pop_back();
+    std::string name(comparablePath(member.path));
     const timespec time{static_cast<time_t>(member.mtime), static_cast<long>(member.mtimeNanoseconds)};
     const auto [found, isNew] = m_newest.emplace(std::move(name), time);
     if (!isNew && isEarlier(found->second, time)) found->second = time;
@@ -33,17 +32,18 @@ class CopiesEvent : public morvane::ProgressEvent {
 }  // namespace
 
 // What is no plain archive, or no regular file, is left to the append, which refuses it in words of its own;
-// a FIFO would be waited for.
+// a FIFO would be waited for. In an empty file there is nothing yet.
 bool findNewestCopies(const CommandLine& line, NewestCopies& newest, Report& report) {
   struct stat status;
-  if (stat(line.archive.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return true;
+  if (stat(line.archive.c_str(), &status) != 0 || !S_ISREG(status.st_mode) || status.st_size == 0)
+    return true;
   ReadJob job(line, true);
   if (!job.archive.open(line, report)) return false;
   if (!job.archive.isPlain()) return true;
   morvane::XString path(line.archive);
   job.tar.put_UncommonOptions(line.readingWords().c_str());
   CopiesEvent event(newest);
-  if (job.archive.source().sizeIfKnown() == 0 || job.tar.VerifyTar(job.archive.source(), &event)) return true;
+  if (job.tar.VerifyTar(job.archive.source(), &event)) return true;
   report.failure(job.tar, line.archive);
   return false;
 }

@@ -32,16 +32,6 @@ ProgressBar::When onTerminal() {
   return isatty(STDERR_FILENO) ? ProgressBar::When::AfterOneSecond : ProgressBar::When::Never;
 }
 
-// What promises something that nobody here writes; a plain archive under such a name would fool its reader.
-bool promisesForeign(const std::string& name) {
-  for (const char* const suffix :
-       {".Z", ".taZ", ".taz", ".zip", ".7z", ".lz4", ".rar", ".lz", ".tlz", ".lzo", ".lzma"}) {
-    const std::string_view end = suffix;
-    if (name.size() > end.size() && name.compare(name.size() - end.size(), end.size(), end) == 0) return true;
-  }
-  return false;
-}
-
 // A level that nothing would come of is refused.
 bool hasLevels(const CommandLine& line) {
   const morvane::Compression compression = line.compressionToWrite();
@@ -146,7 +136,9 @@ bool OptionValues::setLevel(const std::string& level) {
 
 bool OptionValues::setThreads(const std::string& count) {
   int number = 0;
-  if (!parseNumber(count, number) || number < 0) return wrong("'" + count + "' is no number of threads");
+  constexpr int kMost = 64;  // as the word has it
+  if (!parseNumber(count, number) || number < 0 || number > kMost)
+    return wrong("'" + count + "' is no number of threads; --threads takes 0 to " + std::to_string(kMost));
   return addOptions("Threads=" + count);
 }
 
@@ -290,10 +282,13 @@ bool OptionValues::checkArchive() {
   if (changes && m_line.usesStandardStream()) return wrong("-r and -u need option '-f' and a file");
   if (changes && (m_line.compression || m_compress || !m_line.filterProgram.empty()))
     return wrong("a compressed archive cannot be appended to");
-  if (m_line.writes() && !m_line.compression && m_line.filterProgram.empty() &&
-      promisesForeign(m_line.archive))
+  // What an archive that is there is its content says, and not its name. A new plain archive under another's
+  // name would fool its reader.
+  const bool isThere = changes && access(m_line.archive.c_str(), F_OK) == 0;
+  if (m_line.writes() && !isThere && !m_line.compression && m_line.filterProgram.empty() &&
+      morvane::promisesUnwritable(m_line.archive))
     return wrong("'" + m_line.archive + "' promises a compression that cannot be written");
-  if (changes && morvane::compressionBySuffix(m_line.archive) && access(m_line.archive.c_str(), F_OK) != 0)
+  if (changes && !isThere && morvane::compressionBySuffix(m_line.archive))
     return wrong("'" + m_line.archive +
                  "' promises a compression; a compressed archive cannot be appended to");
   return true;
@@ -311,7 +306,8 @@ bool OptionValues::checkModes() {
   if (mode == Mode::Deb && m_line.operands.size() != 2)
     return wrong("--deb takes a control and a data tarball");
   // Checking a part of it would pass for checking it all.
-  return only(mode == Mode::Verify && m_line.selects(), false, "--verify checks the whole archive") &&
+  return only(mode == Mode::Deb && m_line.filters(), false, "--deb takes the tarballs whole") &&
+         only(mode == Mode::Verify && m_line.selects(), false, "--verify checks the whole archive") &&
          only(!m_line.prefix.empty(), writes, "--prefix goes with -c") &&
          only(m_line.stripPaths, !writes, "--strip-paths goes with -x") &&
          only(m_line.toStdout, mode == Mode::Extract, "-O goes with -x") &&

@@ -23,7 +23,6 @@ using morvane::ClsTar;
 using morvane::Compression;
 using morvane::OsFile;
 
-constexpr unsigned kFirstLook = 512;
 constexpr char kStandardInput[] = "standard input";
 
 }  // namespace
@@ -42,20 +41,10 @@ bool ArchiveReader::open(const CommandLine& line, Report& report) {
     if (!isInterrupted()) report.problem(line.archive, cause.reason.empty() ? cause.message : cause.reason);
     return false;
   }
-  // What is not known either is read all the same: see isPlain.
-  return m_compression || !isForeign(line, report);
-}
-
-// Whether the content is known to be something else, which is then named: "checksum is wrong" would tell
-// nobody what is wrong. The bytes have been peeked at already and are not read again.
-bool ArchiveReader::isForeign(const CommandLine& line, Report& report) {
-  morvane::LogNull unwanted;
-  const char* bytes = nullptr;
-  unsigned n = 0;
-  if (!m_source.peekBytes(kFirstLook, bytes, n, nullptr, unwanted)) return false;
-  const char* const what = morvane::foreignContent(reinterpret_cast<const unsigned char*>(bytes), n);
+  // "checksum is wrong" would tell nobody what is wrong with something else.
+  const char* const what = m_compression ? nullptr : morvane::foreignContent(m_source, &monitor, log);
   if (what) report.problem(line.archive, what);
-  return what != nullptr;
+  return what == nullptr;
 }
 
 bool ArchiveReader::openStandardInput(Report& report) {
@@ -106,7 +95,7 @@ bool ArchiveReader::openPath(const std::string& path, Report& report) {
   return false;
 }
 
-// What is nothing that is known is read as a plain archive, which then says what is wrong with it.
+// What begins with a damaged header is read as a plain archive, which then says what is wrong with it.
 bool ArchiveReader::isPlain() const { return m_compression.value_or(Compression::None) == Compression::None; }
 
 // A table from compression to method. The methods find the archive's end in their own ways; see

@@ -36,7 +36,6 @@ class ArchiveReader {
   bool openPath(const std::string& path, Report& report);
   bool openStandardInput(Report& report);
   bool openThroughProgram(const CommandLine& line, Report& report);
-  bool isForeign(const CommandLine& line, Report& report);
   void takeRestOfRecord();
 
   FilterProcess m_program;

@@ -9,11 +9,9 @@
 
 namespace mvtar {
 
-namespace {
-
-// How a path is compared: "./a/" is a, and "./" is ".". So that what was typed, what a shell completed and
-// what is stored are compared alike. Leading slashes stay.
-std::string_view comparable(std::string_view path) {
+// "./a/" is a. So that what was typed, what a shell completed and what is stored are compared alike. Leading
+// slashes stay.
+std::string_view comparablePath(std::string_view path) {
   while (path.size() > 1 && path.back() == '/') path.remove_suffix(1);
   while (path.size() > 2 && path.substr(0, 2) == "./") {
     path.remove_prefix(2);
@@ -22,21 +20,12 @@ std::string_view comparable(std::string_view path) {
   return path;
 }
 
-// The root, "/", ends in its own slash.
-bool isBelow(std::string_view path, const std::string& dir) {
-  return !dir.empty() && path.size() > dir.size() && path.substr(0, dir.size()) == dir &&
-         (path[dir.size()] == '/' || dir.back() == '/');
-}
-
-}  // namespace
-
 // Most patterns have no more than stars, for which there is a matcher whose time does not grow with their
 // number. The C library looks at the others, in the characters of the user's locale.
 Selection::Pattern Selection::patternOf(std::string_view text) {
   const bool isStarsAlone = text.find_first_of("?[\\") == std::string_view::npos;
   if (!isStarsAlone) setlocale(LC_CTYPE, "");
-  return {std::string(text), morvane::WildcardPattern(text, true), isStarsAlone,
-          text.find('/') != std::string_view::npos};
+  return {std::string(text), morvane::WildcardPattern(text, true), isStarsAlone};
 }
 
 bool Selection::Pattern::matches(std::string_view path) const {
@@ -49,32 +38,30 @@ bool Selection::Pattern::matchesUpToASlash(std::string_view path) const {
   return fnmatch(text.c_str(), std::string(path).c_str(), FNM_LEADING_DIR) == 0;
 }
 
-std::vector<Selection::Pattern> Selection::patternsOf(const std::vector<std::string>& given) {
-  std::vector<Pattern> patterns;
+// Without a slash in what was typed a pattern may also begin behind one. One at the end is no part of it, but
+// counts.
+std::vector<Selection::PathPattern> Selection::patternsOf(const std::vector<std::string>& given) {
+  std::vector<PathPattern> patterns;
   for (const std::string& text : given) {
-    patterns.push_back(patternOf(comparable(text)));
-    // A slash at the end is no part of it, but means the whole path.
-    patterns.back().isForWholePath = text.find('/') != std::string::npos;
+    const std::string_view path = comparablePath(text);
+    patterns.push_back({patternOf(path), std::nullopt});
+    if (text.find('/') == std::string::npos) patterns.back().behindSlash = patternOf("*/" + text);
   }
   return patterns;
 }
 
-// The path or a directory above it matches, or a single component does. A pattern with a slash is not tried
-// on single parts, which have none.
-bool Selection::matches(std::string_view path, const Pattern& pattern) {
-  if (pattern.matchesUpToASlash(path)) return true;
-  if (pattern.isForWholePath) return false;
-  for (size_t start = 0; start < path.size();) {
-    const size_t end = std::min(path.find('/', start), path.size());
-    if (end > start && pattern.matches(path.substr(start, end - start))) return true;
-    start = end + 1;
-  }
-  return false;
+// A path never ends in a slash here, and so other tars leave nothing out by a pattern that does.
+std::vector<std::string> Selection::withoutSlashAtEnd(std::vector<std::string> given) {
+  const auto endsInSlash = [](const std::string& text) { return !text.empty() && text.back() == '/'; };
+  given.erase(std::remove_if(given.begin(), given.end(), endsInSlash), given.end());
+  return given;
 }
 
-bool Selection::anyMatches(std::string_view path, const std::vector<Pattern>& patterns) {
-  return std::any_of(patterns.begin(), patterns.end(),
-                     [path](const Pattern& pattern) { return matches(path, pattern); });
+bool Selection::anyMatches(std::string_view path, const std::vector<PathPattern>& patterns) {
+  return std::any_of(patterns.begin(), patterns.end(), [path](const PathPattern& pattern) {
+    return pattern.whole.matchesUpToASlash(path) ||
+           (pattern.behindSlash && pattern.behindSlash->matchesUpToASlash(path));
+  });
 }
 
 Selection::Selection(const std::vector<std::string>& members, const std::vector<std::string>& matches,
@@ -82,37 +69,55 @@ Selection::Selection(const std::vector<std::string>& members, const std::vector<
     : m_onlyNamed(onlyNamed),
       m_recurses(recurses),
       m_matches(patternsOf(matches)),
-      m_excludes(patternsOf(excludes)) {
+      m_excludes(patternsOf(withoutSlashAtEnd(excludes))) {
   for (const std::string& member : members) {
-    const std::string_view path = comparable(member);
-    m_members.push_back({member, std::string(path), patternOf(path), false});
+    m_members.push_back({member, std::string(comparablePath(member))});
+    const std::string& path = m_members.back().path;
+    m_found.emplace(path, false);
+    m_longest = std::max(m_longest, path.size());
+    if (path.find_first_of("*?[\\") != std::string::npos) m_patterns.emplace_back(path, patternOf(path));
   }
 }
 
-// Every MEMBER is tried, also behind one that matched, because each of them wants to be found. Exclusion
-// comes last and wins.
-bool Selection::takes(std::string_view storedPath) {
-  const std::string_view path = comparable(storedPath);
-  bool named = m_members.empty() && !m_onlyNamed;
-  for (Member& member : m_members) {
-    // A name that holds a star may also mean itself.
-    const bool hit = path == member.path || member.pattern.matches(path) ||
-                     (m_recurses && (member.path == "." || isBelow(path, member.path) ||
-                                     member.pattern.matchesUpToASlash(path)));
-    member.found = member.found || hit;
-    named = named || hit;
+// Lists may have very many names, which are looked up: the path's, and those of the directories above it.
+// Only patterns are tried one by one. All of them, also behind one that matched, because each MEMBER wants to
+// be found. Of a path of any length no more is looked at than a name can be.
+bool Selection::isNamed(std::string_view path) {
+  bool named = false;
+  const auto lookUp = [&](std::string_view name) {
+    m_key.assign(name);
+    const auto found = m_found.find(m_key);
+    if (found != m_found.end()) named = found->second = true;
+  };
+  if (path.size() <= m_longest) lookUp(path);
+  for (size_t slash = 0; m_recurses && slash < std::min(path.size(), m_longest + 1); ++slash) {
+    if (path[slash] == '/' && slash > 0) lookUp(path.substr(0, slash));
   }
+  // The root ends in its own slash, and is not above itself.
+  if (m_recurses && path.size() > 1 && path.front() == '/') lookUp("/");
+  if (m_recurses) lookUp(".");
+  for (const auto& [name, pattern] : m_patterns) {
+    const bool hit = pattern.matches(path) || (m_recurses && pattern.matchesUpToASlash(path));
+    if (hit) named = m_found[name] = true;
+  }
+  return named;
+}
+
+// Exclusion comes last and wins.
+bool Selection::takes(std::string_view storedPath) {
+  const std::string_view path = comparablePath(storedPath);
+  const bool named = m_members.empty() ? !m_onlyNamed : isNamed(path);
   return named && (m_matches.empty() || anyMatches(path, m_matches)) && !anyMatches(path, m_excludes);
 }
 
 // For walks over the disk, which need not go into what is excluded.
-bool Selection::excludes(std::string_view path) const { return anyMatches(comparable(path), m_excludes); }
+bool Selection::excludes(std::string_view path) const { return anyMatches(comparablePath(path), m_excludes); }
 
 // As they were typed.
 std::vector<std::string> Selection::unfound() const {
   std::vector<std::string> names;
   for (const Member& member : m_members) {
-    if (!member.found) names.push_back(member.given);
+    if (!m_found.at(member.path)) names.push_back(member.given);
   }
   return names;
 }

@@ -1,13 +1,20 @@
 // Which members a command is about: named by a MEMBER, passing --match, and no --exclude.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "runtime/text/WildcardPattern.h"
 
 namespace mvtar {
+
+// How a path is compared: without a leading "./" and slashes at its end; "./" is ".". A part of what it is
+// given.
+std::string_view comparablePath(std::string_view path);
 
 // All three lists may be empty: no MEMBER and no --match means every member. Patterns are the shell's, by the
 // rules of fnmatch(3): "*" stands for anything, slashes included, "?" for any character, "[...]" for one of
@@ -32,33 +39,39 @@ class Selection {
     std::string text;                // for fnmatch
     morvane::WildcardPattern stars;  // the same where no more than stars are special
     bool isStarsAlone;
-    bool isForWholePath;  // it has a "/", and is not tried on single components
 
     bool matches(std::string_view path) const;
     // The path, or a directory above it.
     bool matchesUpToASlash(std::string_view path) const;
   };
+  // A --match or --exclude. `behindSlash` is the same behind any slash; nothing where it has one of its own.
+  struct PathPattern {
+    Pattern whole;
+    std::optional<Pattern> behindSlash;
+  };
   struct Member {
-    // As it was typed, for the message.
-    std::string given;
-    std::string path;  // without a leading "./" and a slash at the end
-    Pattern pattern;
-    // Whether any path has matched it.
-    bool found;
+    std::string given;  // as it was typed, for the message
+    std::string path;   // as it is compared
   };
 
   static Pattern patternOf(std::string_view text);
-  // Each --match and --exclude as it is compared.
-  static std::vector<Pattern> patternsOf(const std::vector<std::string>& given);
-  // The path must be comparable: no "./" in front, no slash behind.
-  static bool matches(std::string_view path, const Pattern& pattern);
-  static bool anyMatches(std::string_view path, const std::vector<Pattern>& patterns);
+  static std::vector<PathPattern> patternsOf(const std::vector<std::string>& given);
+  static std::vector<std::string> withoutSlashAtEnd(std::vector<std::string> given);
+  // The paths must be comparable.
+  static bool anyMatches(std::string_view path, const std::vector<PathPattern>& patterns);
+  bool isNamed(std::string_view path);
 
   // Empty: every member is named, or none.
   const bool m_onlyNamed, m_recurses;
   std::vector<Member> m_members;
-  std::vector<Pattern> m_matches;
-  std::vector<Pattern> m_excludes;
+  // Of each name as it is compared, whether any path has matched it; those that may be patterns, too, since a
+  // name that holds a star may also mean itself.
+  std::unordered_map<std::string, bool> m_found;
+  std::vector<std::pair<std::string, Pattern>> m_patterns;
+  size_t m_longest = 0;  // name
+  std::string m_key;     // what is looked up, kept for its memory
+  std::vector<PathPattern> m_matches;
+  std::vector<PathPattern> m_excludes;
 };
 
 }  // namespace mvtar

@@ -54,8 +54,12 @@ std::string Sources::nameOf(const std::string& path) {
 void Sources::addOperand(const Operand& operand) {
   const std::string local = operand.localPath();
   struct stat status;
-  if (operand.path.empty() || lstat(local.c_str(), &status) != 0) {
-    m_report.problem(local, operand.path.empty() ? "an empty path" : std::strerror(errno));
+  // Of a list whose names were to end at a NUL; the system would take what is in front of it.
+  const char* const nonsense = operand.path.empty()                           ? "an empty path"
+                               : operand.path.find('\0') != std::string::npos ? "a path with a NUL byte"
+                                                                              : nullptr;
+  if (nonsense || lstat(local.c_str(), &status) != 0) {
+    m_report.problem(local, nonsense ? nonsense : std::strerror(errno));
     return;
   }
   const std::string name = joinNames(m_prefix, nameOf(operand.path));

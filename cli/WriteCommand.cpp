@@ -49,6 +49,8 @@ bool writeAs(Compression compression, ClsTar& tar, Place& place, morvane::Progre
 // Through a program, which writes into the archive's file or standard output. The archive is whole only if
 // both are: the program's status counts like a failed write.
 bool writeThroughProgram(ClsTar& tar, const CommandLine& line, CreateEvent& event, Report& report) {
+  // An archive that is there is not given up for a program that is not.
+  if (!FilterProcess::canStart(line.filterProgram, report)) return false;
   std::unique_ptr<OutputFile> file = archiveFile(line, report);
   if (!file) return false;
   struct stat archive;

@@ -168,6 +168,11 @@ expect "completion of options" "$(complete_line mvtar -c --exclude-v)" "--exclud
 expect "completion of values" "$(complete_line mvtar -c --format=u)" "--format=ustar"
 expect "completion of words" "$(complete_line mvtar --options PaxE)" "PaxExact"
 expect "completion of members" "$(complete_line mvtar -xf members.tar sub/r)" "sub/random"
+cp members.tar "my members.tar"
+for quoted in 'my\ members.tar' "'my members.tar'" '"my members.tar"'; do
+  expect "completion of members of $quoted" "$(complete_line mvtar -xf "$quoted" sub/r)" "sub/random"
+done
+expect "completion behind an attached value" "$(complete_line mvtar -xfmembers.tar sub/r)" "sub/random"
 expect "completion of archives" "$(complete_line mvtar xf mem)" "members.tar"
 # Every option word that the code knows is described and completed.
 words=$(sed -n 's/^    {"\([a-z0-9]*\)", \(MORVANE_SETTING\|"[a-z]*", \[\).*/\1/p' "$source/tar/settings/TarOptions.cpp" | sort -u)

@@ -129,10 +129,11 @@ TEST(MvtarLists, NamesAreTakenAsTheyStand) {
   expectMvtar(dir, "-tf a.tar", 0, "d/a\nd/n\\nl\n-v\na\n");
   expectMvtar(dir, "-tf a.tar -T long", 2, "", std::string(3000000, 'x') + ": not found in the archive");
   expectMvtar(dir, "-tf a.tar -T list -X none", 2, "", "none: No such file or directory");
+  expectMvtar(dir, "-tf a.tar -X nul", 2, "", "nul: a pattern with a NUL byte");
   expectMvtar(dir, "-cf b.tar -T d", 2, "", "d: Is a directory");
   EXPECT_FALSE(exists(dir / "b.tar"));
   expectMvtar(dir, "-cf a.tar -T nul", 2, "",
-              "d/n: No such file or directory\nl\\000\\000-v: No such file or directory");
+              "d/n: No such file or directory\nl\\000\\000-v: a path with a NUL byte");
 }
 
 // ---- Programs that compress
@@ -156,6 +157,9 @@ TEST(MvtarFilter, AProgramThatFailsIsAFailure) {
        "sh -c \"cat >/dev/null; exit 3\": ended with status 3\n"},
       {"-I 'sh -c \"cat >/dev/null; kill $$\"' -cf b d", 2,
        "sh -c \"cat >/dev/null; kill $$\": ended by signal 15\n"},
+      {"-I none-such -cf cut d; test $(stat -c %s cut) = 90000 && exit 2", 2,
+       "none-such: No such file or directory\n"},
+      {"-I ./d -cf cut d; test $(stat -c %s cut) = 90000 && exit 2", 2, "./d: Permission denied\n"},
       {"-I cat -cf /dev/full d/b", 2, "cat: ended with status 1\n"}};
   for (const auto& [line, status, fact] : cases) {
     const CommandResult result = shell(dir, "mvtar " + line);
@@ -225,6 +229,9 @@ TEST(MvtarCompare, EachKindOfDifference) {
     }
     must(dir, "rm -r d && mv keep d");
   }
+  must(dir, "touch d/a");
+  expectMvtar(dir, "-dvf a.tar d/a d/f d/sub", 1, "d/a\nd/a: the time differs\nd/f\nd/sub/\n");
+  expectMvtar(dir, "-df a.tar --totals d/f d/sub", 0, "", "2 members, 588895 bytes");
   // What was restored is the same.
   expectMvtar(dir, "-xpf p.gz -C out --strip-components=1", 0);
   expectMvtar(dir, "-df p.gz -C out --strip-components=1 --exclude=none", 0);
@@ -241,6 +248,43 @@ TEST(MvtarCompare, HostileArchives) {
   expectMvtar(
       dir, "-C t -df a.tar", 2, "f: missing\n",
       "../out: refused: its path leaves the target\na.tar: The archive ends without an end-of-archive mark.");
+}
+
+// ---- Other volumes
+
+TEST(MvtarVolumes, TheRestOfAFileIsNamed) {
+  ScratchDir dir;
+  must(
+      dir,
+      R"(seq 4400 > big && echo a > a && printf 'n b\nn c\n' | tar -M -L 10 -cf 1 big a > log && gzip -k c)");
+  const char kFact[] = "big: continued from another volume";
+  for (const std::string archive : {"c", "c.gz"}) {
+    expectMvtar(dir, "-tf " + archive, 2, "big\na\n", kFact);
+    expectMvtar(dir, "--verify -f " + archive, 2, "", kFact);
+    expectMvtar(dir, "-df " + archive, 2, "", kFact);
+    expectMvtar(dir, "-xOf " + archive, 2, "a\n", kFact);
+    expectMvtar(dir, "-xf " + archive + " -C out", 2, "", kFact);
+    EXPECT_TRUE(exists(dir / "out/a") && !exists(dir / "out/big"));
+    expectMvtar(dir, "-tf " + archive + " a", 0, "a\n");
+  }
+}
+
+// ---- What is no archive
+
+TEST(MvtarContent, IsCalledWhatItIs) {
+  ScratchDir dir;
+  const std::pair<std::string, const char*> kContents[] = {
+      {"", "The archive is empty."},
+      {"PK\3\4", "This is a ZIP archive, no tar."},
+      {std::string("\1\2\0\3", 4), "This is no archive of a known kind."},
+      {ArchiveBuilder().add({"f", "f"}).bytes().replace(0, 1, "g"), "The TAR header's checksum is wrong."}};
+  for (const auto& [bytes, sentence] : kContents) {
+    writeFile(dir / "x", bytes);
+    for (const char* command : {"-tf x", "-xf x", "-df x", "-xOf x", "--verify -f x", "-rf x x", "-uf x x"}) {
+      if (bytes.empty() && (command[1] == 'r' || command[1] == 'u')) continue;  // it becomes an archive
+      expectMvtar(dir, command, 2, "", std::string("x: ") + sentence);
+    }
+  }
 }
 
 // ---- Sources that go

@@ -17,6 +17,9 @@ TEST(Mvtar, WrongUsageSaysWhatIsWrongAndDoesNothing) {
       {"-uf a.tgz dir", "'a.tgz' promises a compression; a compressed archive cannot be appended to"},
       {"-cf a.zip dir", "'a.zip' promises a compression that cannot be written"},
       {"-cf a.tar.Z dir", "'a.tar.Z' promises a compression that cannot be written"},
+      {"-cf a.taZ dir", "'a.taZ' promises a compression that cannot be written"},
+      {"-cf A.ZIP dir", "'A.ZIP' promises a compression that cannot be written"},
+      {"-rf A.GZ dir", "'A.GZ' promises a compression; a compressed archive cannot be appended to"},
       {"-xf a.tar --overwrite",
        "--overwrite is not safe: it would write through links and into files that others have open"},
       {"-cf a.tar -k dir", "-k, --skip-old-files and --keep-newer-files go with -x"},
@@ -44,6 +47,9 @@ TEST(Mvtar, WrongUsageSaysWhatIsWrongAndDoesNothing) {
       {"-cf a.tar --max-count=99999999999999999999 dir", "'99999999999999999999' is no number of members"},
       {"--deb -f a.tar a b c", "--deb takes a control and a data tarball"},
       {"--deb a b", "--deb needs option '-f'"},
+      {"--deb -f a.deb a b -T list", "--deb takes the tarballs whole"},
+      {"--deb -f a.deb a b --exclude=x", "--deb takes the tarballs whole"},
+      {"-cf a.tar --threads=65 dir", "'65' is no number of threads; --threads takes 0 to 64"},
       {"--verify -f a.tar dir", "--verify checks the whole archive"},
       {"-tOf a.tar", "-O goes with -x"},
       {"-xf a.tar --xml", "--xml goes with -t"},
@@ -133,7 +139,7 @@ TEST(Mvtar, CompressionIsChosenByOptionOrNameAndToldByContent) {
   const std::string plain = "d/", gzip = "\x1F\x8B", bzip2 = "BZh9";
   const std::pair<std::string, std::string> cases[] = {
       {"a.tar", plain}, {"a.tar.gz", gzip}, {"a.tgz", gzip},        {"a.tar.bz2", bzip2},    {"a.tbz", bzip2},
-      {"a.gz", plain},  {"a.tbz2", bzip2},  {"a.tar.bz2 -z", gzip}, {"a.tgz --bzip2", bzip2}};
+      {"a.gz", gzip},   {"a.tbz2", bzip2},  {"a.tar.bz2 -z", gzip}, {"a.tgz --bzip2", bzip2}};
   ScratchDir dir;
   must(dir, "mkdir d && echo text > d/f");
   for (const auto& [words, start] : cases) {

@@ -117,7 +117,8 @@ std::vector<Case> cases() {
       {"Global",
        member("g", paxRecord("path", "evil") + paxRecord("size", "1") + paxRecord("uid", "9"), 'g') +
            paxHeader("uid", "") + member("m") + member("n")},
-      {"OtherTypes", member("V", "", 'V') + member("D", "", 'D') + member("N", "", 'N') + member("m")},
+      {"OtherTypes", member("V", "", 'V') + member("D", "Yf\0\0"s, 'D') + member("M", "rest", 'M') +
+                         member("N", "", 'N') + member("m")},
       // A name for every member is kept short.
       {"LongOwner", member("g", paxRecord("uname", std::string(1024, 'u')), 'g') + member("m")},
       {"TooLongOwner", member("g", paxRecord("uname", std::string(1025, 'u')), 'g') + member("m")}};

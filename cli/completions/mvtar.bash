@@ -12,22 +12,24 @@ _mvtar() {
   elif [[ $prev == -? || $prev == --* ]]; then
     option=$prev value=$cur
   elif [[ $prev == -* ]]; then
-    option=-${prev: -1} value=$cur  # the last letter of a bundle
+    option=-${prev: -1} value=$cur  # the last letter of a bundle, unless it is part of a value
   elif ((COMP_CWORD == 2)); then
     option=-${prev: -1} value=$cur  # of a first word without its dash
   fi
 
   local table letter name takes kind
   table=$("$program" --help=options 2>/dev/null) || return
-  local kind_of_option="" takes_of_option="" long_options="" letters=""
+  local kind_of_option="" takes_of_option="" long_options="" letters="" value_letters=""
   while IFS= read -r row; do
     # A field may be empty, and read would take several tabs for one.
     letter=${row%%$'\t'*} row=${row#*$'\t'} name=${row%%$'\t'*} row=${row#*$'\t'}
     takes=${row%%$'\t'*} row=${row#*$'\t'} kind=${row%%$'\t'*}
     [[ $takes == "=" ]] && long_options+=" $name=" || long_options+=" $name"
     letters+=" $letter"
+    [[ $takes == "=" ]] && value_letters+=${letter#-}
     [[ $option == "$name" || $option == "$letter" && -n $letter ]] && kind_of_option=$kind takes_of_option=$takes
   done <<<"$table"
+  [[ $prev == -[!-]?* && -n $(_mvtar_attached "$prev" "$value_letters") ]] && kind_of_option="" takes_of_option=""
 
   # An optional value has to stand behind a "=".
   if [[ -n $takes_of_option && ($takes_of_option == "=" || -n $typed || $prev == "=" || $cur == "=") ]]; then
@@ -57,7 +59,7 @@ _mvtar() {
   fi
   compopt -o filenames
   local archive
-  archive=$(_mvtar_archive)
+  archive=$(_mvtar_archive "$value_letters")
   if [[ -n $archive ]]; then
     _mvtar_members "$program" "$archive" "$cur"
   else
@@ -65,9 +67,34 @@ _mvtar() {
   fi
 }
 
-# The archive that members are to be named of: where one is read and its name is known by now.
+# The value that a bundle of letters ends in, if it does: behind the first letter that takes one ($2 has them all).
+_mvtar_attached() {
+  local letters=${1%%["$2"]*}
+  printf '%s' "${1:${#letters}+1}"
+}
+
+# A word as the shell takes it, but for what it expands: without its quotes and back slashes.
+_mvtar_unquoted() {
+  local text=$1 plain="" quote="" c i
+  for ((i = 0; i < ${#text}; ++i)); do
+    c=${text:i:1}
+    if [[ $c == "\\" && $quote != "'" && ( -z $quote || ${text:i+1:1} == [\$\`\"\\] ) ]]; then
+      i=$((i + 1)) plain+=${text:i:1}
+    elif [[ -n $quote && $c == "$quote" ]]; then
+      quote=""
+    elif [[ -z $quote && ( $c == "'" || $c == '"' ) ]]; then
+      quote=$c
+    else
+      plain+=$c
+    fi
+  done
+  printf '%s' "$plain"
+}
+
+# The archive that members are to be named of: where one is read and its name is known by now. $1: the letters of
+# options with a value.
 _mvtar_archive() {
-  local i word reads="" archive="" next=""
+  local i word letters value reads="" archive="" next=""
   for ((i = 1; i < COMP_CWORD; ++i)); do
     word=${COMP_WORDS[i]}
     if [[ -n $next ]]; then
@@ -79,15 +106,21 @@ _mvtar_archive() {
       --file) [[ ${COMP_WORDS[i + 1]} == "=" ]] && archive=${COMP_WORDS[i + 2]} || next=1 ;;
       --file=*) archive=${word#*=} ;;
       --*) ;;
-      -*f) next=1 ;;&
-      -*[xtd]*) reads=1 ;;
+      -*)
+        letters=${word%%["$1"]*} value=$(_mvtar_attached "$word" "$1")
+        [[ $letters == *[xtd]* ]] && reads=1
+        if [[ ${word:${#letters}:1} == f ]]; then
+          [[ -n $value ]] && archive=$value || next=1
+        fi
+        ;;
       *) if ((i == 1)); then
         [[ $word == *[xtd]* ]] && reads=1
         [[ $word == *f* ]] && next=1
       fi ;;
     esac
   done
-  archive=${archive/#\~\//$HOME/}
+  [[ $archive == "~/"* ]] && archive=$HOME/${archive:2}
+  archive=$(_mvtar_unquoted "$archive")
   [[ -n $reads && -f $archive ]] && printf '%s\n' "$archive"
 }
 

@@ -148,21 +148,30 @@ bool decodeCompress(_mvDataSource& source, _mvOutput& out, const CodecOptions&, 
 // One row each. The signatures exclude one another, so that the order does not matter. A null encoder marks
 // what is only read: old .Z archives are still met, new ones nobody asks for.
 constexpr Codec kCodecs[] = {
-    {Compression::Gzip, "gzip", ".tar.gz .tgz", isGzip, makeGzip, readGzipHeader, inflateGzipMembers,
+    {Compression::Gzip, "gzip", ".gz .tgz .taz", isGzip, makeGzip, readGzipHeader, inflateGzipMembers,
      nullptr},
-    {Compression::Bzip2, "bzip2", ".tar.bz2 .tbz .tbz2", isBzip2, makeBzip2, nullptr, decodeBzip2,
+    {Compression::Bzip2, "bzip2", ".bz2 .tbz .tbz2 .tz2", isBzip2, makeBzip2, nullptr, decodeBzip2,
      expandBzip2Ahead},
-    {Compression::Compress, "compress", ".tar.Z", isCompress, nullptr, nullptr, decodeCompress, nullptr},
-    {Compression::Zstd, "zstd", ".tar.zst .tzst", isZstd, makeZstdEncoder, nullptr, decodeZstd, nullptr},
-    {Compression::Xz, "xz", ".tar.xz .txz", isXz, makeXzEncoder, nullptr, decodeXz, nullptr},
+    {Compression::Compress, "compress", ".Z .taZ", isCompress, nullptr, nullptr, decodeCompress, nullptr},
+    {Compression::Zstd, "zstd", ".zst .tzst", isZstd, makeZstdEncoder, nullptr, decodeZstd, nullptr},
+    {Compression::Xz, "xz", ".xz .txz", isXz, makeXzEncoder, nullptr, decodeXz, nullptr},
 };
 
-// Whether the path ends in one of the suffixes, which blanks separate. Case counts, as it does for the files
-// themselves.
-bool endsInOneOf(std::string_view path, std::string_view suffixes) {
+// What other programs write.
+constexpr std::string_view kForeignSuffixes = ".zip .7z .rar .lz4 .lz .tlz .lzma .lzo .tzo";
+
+// Whether the path ends in one of the suffixes, which blanks separate. Letters are ASCII's.
+bool endsInOneOf(std::string_view path, std::string_view suffixes, bool caseCounts) {
+  const auto isSame = [caseCounts](char a, char b) {
+    const auto folded = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; };
+    return a == b || (!caseCounts && folded(a) == folded(b));
+  };
   while (!suffixes.empty()) {
     const std::string_view suffix = suffixes.substr(0, suffixes.find(' '));
-    if (path.size() >= suffix.size() && path.substr(path.size() - suffix.size()) == suffix) return true;
+    if (path.size() >= suffix.size() &&
+        std::equal(suffix.begin(), suffix.end(), path.end() - static_cast<std::ptrdiff_t>(suffix.size()),
+                   isSame))
+      return true;
     suffixes.remove_prefix(suffix.size() + (suffix.size() < suffixes.size()));
   }
   return false;
@@ -200,11 +209,19 @@ std::optional<Compression> compressionByContent(const unsigned char* bytes, unsi
   return std::nullopt;
 }
 
+// As it stands first: ".taz" and ".taZ" promise two things.
 std::optional<Compression> compressionBySuffix(std::string_view path) {
-  for (const Codec& codec : kCodecs) {
-    if (endsInOneOf(path, codec.suffixes)) return codec.compression;
+  for (const bool caseCounts : {true, false}) {
+    for (const Codec& codec : kCodecs) {
+      if (endsInOneOf(path, codec.suffixes, caseCounts)) return codec.compression;
+    }
   }
   return std::nullopt;
+}
+
+bool promisesUnwritable(std::string_view path) {
+  return endsInOneOf(path, kForeignSuffixes, false) ||
+         !canBeWritten(compressionBySuffix(path).value_or(Compression::None));
 }
 
 }  // namespace morvane

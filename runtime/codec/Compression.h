@@ -17,8 +17,10 @@ MORVANE_API const char* compressionName(Compression compression);
 MORVANE_API bool canBeWritten(Compression compression);
 // By a content's first bytes (13 are enough); nothing when they begin none of these.
 MORVANE_API std::optional<Compression> compressionByContent(const unsigned char* bytes, unsigned n);
-// By the suffix of an archive's name (".tar.gz", ".tgz"), which promises it. Nothing for a name that promises
-// none. Case counts.
+// By the suffix of an archive's name (".gz", ".tgz"), which promises it, in letters of either case. Nothing
+// for a name that promises none.
 MORVANE_API std::optional<Compression> compressionBySuffix(std::string_view path);
+// Whether a name promises what nobody here writes (".zip", ".tar.Z").
+MORVANE_API bool promisesUnwritable(std::string_view path);
 
 }  // namespace morvane

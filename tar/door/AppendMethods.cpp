@@ -90,6 +90,8 @@ bool ClsTar::Inner::findEndOfArchive(const OsFile& file, const XString& path, co
   if (found && *found != Compression::None) {
     return io.fail("A compressed archive cannot be appended to.");
   }
+  const char* const what = found ? nullptr : foreignContent(source, io.monitor, m_log);
+  if (what) return io.fail(what);
   LiveSettings<ReadSettings> settings{[this] {
                                         ReadSettings walk = readSettings();
                                         walk.captureXmlListing = false;

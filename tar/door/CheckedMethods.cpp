@@ -14,20 +14,6 @@ namespace {
 // Stands for "whichever it is": no archive is expected to be plain by name.
 constexpr Compression kAny = Compression::None;
 
-// Says what the source is instead. False, for the caller to return.
-bool failAsForeign(_mvDataSource& source, ProgressMonitor* pm, LogBase& log) {
-  constexpr unsigned kLook = 512;
-  const char* bytes = nullptr;
-  unsigned n = 0;
-  const char* what = nullptr;
-  if (source.peekBytes(kLook, bytes, n, pm, log)) {
-    what =
-        n == 0 ? "The archive is empty." : foreignContent(reinterpret_cast<const unsigned char*>(bytes), n);
-  }
-  log.LogError(what ? what : "This is no archive of a known kind.");
-  return false;
-}
-
 }  // namespace
 
 bool ClsTar::UntarZst(const XString& tarZstPath, ProgressEvent* progress) {
@@ -93,7 +79,11 @@ bool ClsTar::Inner::untarChecked(_mvDataSource& source, Compression expected, bo
   const Io io(m_log, monitor.getPm(), progress);
   std::optional<Compression> found = expected;
   if (expected == kAny && !detectArchive(source, found, io.monitor, m_log)) return false;
-  if (!found) return failAsForeign(source, io.monitor, m_log);
+  if (!found) {
+    // A damaged header is read as one, and says what is wrong with it.
+    if (const char* const what = foreignContent(source, io.monitor, m_log)) return io.fail(what);
+    found = Compression::None;
+  }
   mvFileInfo archive;
   const auto* const file = dynamic_cast<const _mvFileDataSource*>(&source);
   const bool isProtected = file && file->getFileInfo(archive, m_log);

@@ -31,6 +31,13 @@ bool isPlainBlock(const unsigned char* bytes, unsigned n) {
          std::all_of(bytes, bytes + kBlockSize, [](unsigned char b) { return b == 0; });
 }
 
+// The magic alone, which ustar and GNU's form have in common, and the forms before them have not.
+bool beginsLikeHeader(const unsigned char* bytes, unsigned n) {
+  constexpr unsigned kMagicAlone = 5;
+  return n >= kMagicField.offset + kMagicAlone &&
+         std::memcmp(bytes + kMagicField.offset, kUstarMagic, kMagicAlone) == 0;
+}
+
 }  // namespace
 
 // Tar first: a header's first bytes are a member's name, and a name may begin with any signature. A valid
@@ -43,6 +50,7 @@ std::optional<Compression> recogniseArchive(const unsigned char* bytes, unsigned
 // The longer signature stands in front of the shorter one that it begins with. A literal that holds NULs is a
 // string_view with its length. A cut literal keeps an escape from taking the digit behind it for its own.
 const char* foreignContent(const unsigned char* bytes, unsigned n) {
+  if (n == 0) return "The archive is empty.";
   static constexpr struct {
     std::string_view signature;
     const char* sentence;
@@ -67,7 +75,8 @@ const char* foreignContent(const unsigned char* bytes, unsigned n) {
   const auto isText = [](unsigned char c) {
     return c >= 0x20 ? c != 0x7F : c == '\t' || (c >= '\n' && c <= '\r');
   };
-  return n > 0 && std::all_of(bytes, bytes + n, isText) ? "This is text, no archive." : nullptr;
+  if (std::all_of(bytes, bytes + n, isText)) return "This is text, no archive.";
+  return beginsLikeHeader(bytes, n) ? nullptr : "This is no archive of a known kind.";
 }
 
 // One block is enough for a header and far more than enough for a magic.
@@ -78,6 +87,13 @@ bool detectArchive(_mvDataSource& source, std::optional<Compression>& found, Pro
   if (!source.peekBytes(kBlockSize, bytes, n, pm, log)) return false;
   found = recogniseArchive(reinterpret_cast<const unsigned char*>(bytes), n);
   return true;
+}
+
+const char* foreignContent(_mvDataSource& source, ProgressMonitor* pm, LogBase& log) {
+  const char* bytes = nullptr;
+  unsigned n = 0;
+  if (!source.peekBytes(kBlockSize, bytes, n, pm, log)) return nullptr;
+  return foreignContent(reinterpret_cast<const unsigned char*>(bytes), n);
 }
 
 }  // namespace morvane

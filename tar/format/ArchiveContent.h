@@ -17,9 +17,10 @@ class _mvDataSource;
 // are never a plain archive, because the shortest one has a block.
 MORVANE_API std::optional<Compression> recogniseArchive(const unsigned char* bytes, unsigned n);
 
-// What content of no kind that can be read is, in one sentence, told by its first bytes (512 are enough);
-// null when that is not known, as of a damaged archive. The sentence is a literal and stands for itself:
-// "This is a ZIP archive, no tar.".
+// What content in which recogniseArchive sees nothing is, in one sentence, told by its first bytes (512 are
+// enough, and fewer are all there is). The sentence is a literal and stands for itself: "This is a ZIP
+// archive, no tar.". Null for what begins with a header, though a damaged one: whoever reads it finds out
+// what is wrong with it.
 MORVANE_API const char* foreignContent(const unsigned char* bytes, unsigned n);
 
 // Looks at the bytes that the source will give next, without moving it (it must be able to show them: files,
@@ -27,5 +28,8 @@ MORVANE_API const char* foreignContent(const unsigned char* bytes, unsigned n);
 // monitor, which may be null, is asked while a slow source lets wait.
 MORVANE_API bool detectArchive(_mvDataSource& source, std::optional<Compression>& found, ProgressMonitor* pm,
                                LogBase& log);
+
+// foreignContent of what the source will give next, under the same terms; null also when it cannot be read.
+MORVANE_API const char* foreignContent(_mvDataSource& source, ProgressMonitor* pm, LogBase& log);
 
 }  // namespace morvane

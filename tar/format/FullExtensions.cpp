@@ -114,8 +114,7 @@ bool FullExtensions::isRecord(char typeFlag) {
 
 // Read as members they would become files that never were any.
 bool FullExtensions::isPassedOver(char typeFlag) {
-  return typeFlag == kTypeVolumeLabel || typeFlag == kTypeDumpDir || typeFlag == kTypeMultiVolume ||
-         typeFlag == kTypeOldNames;
+  return typeFlag == kTypeVolumeLabel || typeFlag == kTypeOldNames;
 }
 
 // For another archive: global records hold for one.
@@ -284,6 +283,8 @@ void FullExtensions::complete(TarHeader& header, Member& member) {
   const bool regular = header.m_typeFlag == kTypeRegular || header.m_typeFlag == kTypeOldRegular;
   const std::string& path = header.m_path.str();
   if (regular) header.m_isDirectory = header.m_size == 0 && !path.empty() && path.back() == '/';
+  // With a listing of what was in it for its data, which are passed over.
+  if (header.m_typeFlag == kTypeDumpDir) header.m_isDirectory = true;
 }
 
 void FullExtensions::spread(TarHeader& header, Member& member) {

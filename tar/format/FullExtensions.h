@@ -24,8 +24,7 @@ class FullExtensions {
  public:
   // Records that only describe other members: pax, global pax, long name, long link.
   static bool isRecord(char typeFlag);
-  // Records of GNU tar that describe the archive or an old state of the tree: neither members nor of use
-  // here.
+  // Records of GNU tar that describe the archive: neither members nor of use here.
   static bool isPassedOver(char typeFlag);
 
   // `spreads`: records about holes are understood, so that a member takes its real name and size from them.

@@ -40,6 +40,7 @@ struct Member {
   bool sparseMapGoesOn = false;  // blocks of a GNU sparse map come before the data
   SparseMap sparse;              // of a member whose stored bytes are to be spread
   bool sparseIsWrong = false;    // it has a map, and that makes no sense
+  bool isContinuation = false;   // its data are the rest of a file that begins in another volume
   std::vector<MemberAttribute> attributes;
   std::string accessList, defaultAccessList;  // POSIX access lists as text; empty: none
 
@@ -56,6 +57,8 @@ struct Member {
   // The size of the file that it is, holes included.
   long long realSize() const { return sparse.isSparse() ? sparse.realSize() : dataSize(); }
   bool isSymbolicLink() const { return typeFlag == kTypeSymbolicLink; }
+  // A dumpdir, of an incremental archive, is a directory with data, which are nobody's.
+  bool hasListing() const { return isDirectory && typeFlag == kTypeDumpDir; }
   bool isHardLink() const { return typeFlag == kTypeHardLink; }
   bool isDevice() const { return typeFlag == kTypeCharacterDevice || typeFlag == kTypeBlockDevice; }
   bool isSpecial() const { return typeFlag == kTypeFifo || isDevice(); }

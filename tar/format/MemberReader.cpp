@@ -107,6 +107,7 @@ class FullReader : public MemberReader {
     if (found == Found::PassedOver) m_extensions.forgetNext();
     m_found.sparse.clear();
     m_found.sparseIsWrong = false;
+    m_found.isContinuation = typeFlag == kTypeMultiVolume;
     m_found.attributes.clear();
     m_found.accessList.clear();
     m_found.defaultAccessList.clear();

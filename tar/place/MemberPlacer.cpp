@@ -80,6 +80,11 @@ MemberPlacer::Choice MemberPlacer::chooseByRules(Member& member, Aim aim, const 
   if (!isAllowed) return Choice::LimitReached;
   m_linkIsGiven = m_isRenamed = false;
   if (isSkippedByEvent(member, aim, io)) return Choice::Skipped;
+  if (member.isContinuation) {
+    io.fail("The member is continued from another volume.");
+    reportLeftOut(nullptr, io);
+    return Choice::Skipped;
+  }
   if (settings().options.memberEvents && io.event) {
     const Choice choice = offerForChange(member, aim, io);
     if (choice != Choice::Extract) return choice;
@@ -178,9 +183,9 @@ void MemberPlacer::reportLeftOut(const char* refusal, const Io& io) {
   m_anyLeftOut = true;
 }
 
-// Directories are never in each other's way.
+// A newer file is kept for a directory's sake, too; what lies below that then has no place.
 bool MemberPlacer::isKeptAsNewer(const Member& member, const Io& io) {
-  return settings().options.existing == ExistingFiles::Newer && !member.isDirectory &&
+  return settings().options.existing == ExistingFiles::Newer &&
          m_target.isNewerThere(m_path, settings(), member.mtime, io.log);
 }
 

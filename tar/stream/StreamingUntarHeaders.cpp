@@ -218,8 +218,13 @@ bool StreamingUntar::couldNotPlace(Placed::Result result, bool& finished, const 
   return stop("Failed to create output file for untar.", finished, io);
 }
 
-// A directory has no data here, whatever size its header states.
+// A directory has no data here, whatever size its header states; but for a listing, which nobody wants.
 bool StreamingUntar::beginDirectory(bool skipped, bool& finished, const Io& io) {
+  if (m_reader->found().hasListing() && m_reader->found().size > 0) {
+    setOutput(std::make_unique<_mvOutput>(), nullptr);
+    m_streamExpectedSize = m_streamBytesLeft = m_reader->found().size;
+    m_streamBytesWritten = 0;
+  }
   if (io.log.verbose()) {
     io.log.LogDataX(skipped ? "skippingDir" : "creatingDir", m_placer.path().outputPath());
   }
