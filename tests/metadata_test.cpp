@@ -1,0 +1,98 @@
+// What an archive says of owners, attributes, times and holes, where it makes no sense or is more than any
+// system takes.
+#ifdef MVTAR
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "ArchiveSupport.h"
+#include "MvtarSupport.h"
+#include "TreeSupport.h"
+#include "runtime/fs/AccessList.h"
+#include "runtime/fs/UserDatabase.h"
+#include "tar/format/PaxRecordText.h"
+#include "tar/format/SparseMap.h"
+
+namespace morvane::testing {
+namespace {
+
+TEST(PaxRecordText, NamesOfAttributesInKeywords) {
+  EXPECT_EQ("user.a%3Db%25", escapedKeyword("user.a=b%"));
+  for (const char* name : {"user.a=b%", "%3D", "%253D=", "%"})
+    EXPECT_EQ(name, unescapedKeyword(escapedKeyword(name)));
+}
+
+TEST(AccessList, TextsThatMakeNoSense) {
+  UserDatabase users;
+  for (const char* text :
+       {"user", "user::", "user::rw", "owner::rwx", "mask:x:rwx", "user:nobody-of-that-name:rwx"}) {
+    EXPECT_FALSE(accessListBytes(text, false, users)) << text;
+  }
+  const auto bytes = accessListBytes("other::--x\nuser::rw-#own\n user:12:r--:34567,mask::rwx", true, users);
+  ASSERT_TRUE(bytes);
+  EXPECT_EQ("user::rw-,user:34567:r--:34567,mask::rwx,other::--x",
+            accessListText(*bytes, users).value_or(""));
+  EXPECT_FALSE(accessListText(bytes->substr(0, 7), users) || accessListText("\3" + bytes->substr(1), users));
+}
+
+TEST(UserDatabase, HostileArchivesNameManyOwners) {
+  UserDatabase users;
+  EXPECT_EQ("root", users.userName(0));
+  EXPECT_EQ(0u, users.groupId("root"));
+  for (unsigned i = 0; i < 10000; ++i) {
+    EXPECT_FALSE(users.userId("nobody-of-that-name-" + std::to_string(i)));
+  }
+  const std::string endless(4 << 20, 'x');  // asked for, it would be put on a stack that has no room for it
+  EXPECT_FALSE(users.userId(endless) || users.groupId(endless));
+  EXPECT_GE(users.remembered(), 1000u);
+  EXPECT_LE(users.remembered(), 4096u);
+  EXPECT_EQ(0u, users.userId("root")) << "what the file says is not forgotten";
+}
+
+TEST(SparseMap, ClaimsThatMakeNoSense) {
+  const auto lists = [](const std::string& text, long long realSize) {
+    SparseMap map;
+    map.begin(realSize);
+    return map.addList(text);
+  };
+  EXPECT_TRUE(lists("", 0) && lists("0,5,10,5", 15) && lists("15,0", 15));
+  for (const char* text : {"0,5,4,5", "10,6", "5", "5,", "x,1", "-1,2", "1,-2", "9223372036854775807,1",
+                           "99999999999999999999,1", "0,5;6,1"}) {
+    EXPECT_FALSE(lists(text, 15)) << text;
+  }
+  for (const std::string text : {"2\n0\n1\n", "1\n0\nx\n", "\n", "9999999\n", "1\n5\n99\n", "1\n0\n5"}) {
+    for (const unsigned piece : {1u, 512u}) {
+      SparseMap map;
+      map.beginInData(10);
+      SparseMapText reader;
+      std::string padded = text;
+      padded.resize(512);
+      SparseMapText::State state = SparseMapText::State::GoesOn;
+      unsigned used = 0;
+      for (size_t at = 0; at < padded.size() && state == SparseMapText::State::GoesOn; at += used) {
+        state = reader.take(padded.data() + at,
+                            std::min<unsigned>(piece, static_cast<unsigned>(padded.size() - at)), used, map);
+      }
+      EXPECT_EQ(SparseMapText::State::Wrong, state) << text;
+    }
+  }
+}
+
+// A name of megabytes is a name that nobody has, wherever it stands.
+TEST(Metadata, EndlessNamesOfOwners) {
+  ScratchDir dir;
+  const std::string endless(5 << 20, 'x');
+  for (const auto& [keyword, value] :
+       {std::pair("uname", endless), std::pair("gname", endless),
+        std::pair("SCHILY.acl.access", "user::rw-,user:" + endless + ":r--")}) {
+    writeFile(dir / "a.tar", paxHeader(keyword, value) + member("f", "data") + kEnd);
+    const bool isList = keyword[0] == 'S';
+    expectMvtar(dir, "-xf a.tar --options=Restore=all,MaxExtensionBytes=9000000", isList ? 2 : 0, "",
+                isList ? "f: attributes are not kept: Invalid argument" : "");
+    const CommandResult compared = mvtar(dir, "-df a.tar --options=MaxExtensionBytes=9000000");
+    EXPECT_TRUE(compared.status == 0 || compared.status == 1) << compared.status << compared.err;
+  }
+}
+
+}  // namespace
+}  // namespace morvane::testing
+#endif
