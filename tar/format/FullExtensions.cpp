@@ -23,6 +23,11 @@ constexpr unsigned kNanosecondDigits = 9;
 // members.
 constexpr size_t kLongestGlobalName = 1024;
 
+// What the system takes at most (XATTR_NAME_MAX, XATTR_SIZE_MAX); an access list of that size has 8191
+// entries, for which this is room with names of an ordinary length. Directories keep theirs until the end of
+// a run.
+constexpr size_t kLongestAttributeName = 255, kLongestAttribute = 65536, kLongestAccessList = 262144;
+
 // The error and the beginning of what it is about; the log makes control characters harmless.
 bool malformed(LogBase& log, const char* why, std::string_view about) {
   log.LogError(why);
@@ -228,20 +233,22 @@ bool FullExtensions::takePaxRecord(std::string_view keyword, std::string_view va
   return true;
 }
 
-// The forms that GNU tar, bsdtar and star have in common.
+// The forms that GNU tar, bsdtar and star have in common. A name would end at a NUL, and be another one.
 bool FullExtensions::takeAttribute(std::string_view keyword, std::string_view value, Attributes& to) {
   constexpr std::string_view kXattr = "SCHILY.xattr.";
   if (keyword.substr(0, kXattr.size()) == kXattr) {
-    to.attributes.push_back({unescapedKeyword(keyword.substr(kXattr.size())), std::string(value)});
+    std::string name = unescapedKeyword(keyword.substr(kXattr.size()));
+    const bool isUsable = name.size() <= kLongestAttributeName && name.find('\0') == std::string::npos &&
+                          value.size() <= kLongestAttribute;
+    to.lacksAttributes |= !isUsable;
+    if (isUsable) to.attributes.push_back({std::move(name), std::string(value)});
     return true;
   }
-  if (keyword == "SCHILY.acl.access") {
-    to.accessList = value;
-  } else if (keyword == "SCHILY.acl.default") {
-    to.defaultAccessList = value;
-  } else {
-    return false;
-  }
+  const bool isAccess = keyword == "SCHILY.acl.access";
+  if (!isAccess && keyword != "SCHILY.acl.default") return false;
+  const bool isUsable = value.size() <= kLongestAccessList;
+  to.lacksAttributes |= !isUsable;
+  if (isUsable) (isAccess ? to.accessList : to.defaultAccessList) = value;
   return true;
 }
 
@@ -257,8 +264,8 @@ void FullExtensions::takeSparseRecord(std::string_view keyword, std::string_view
   } else if (keyword == "major") {
     to.sparseMapIsInData = value == "1";
   } else if (keyword == "offset") {
+    to.sparseIsWrong |= !count || to.sparseOffset;  // the one before had no length
     to.sparseOffset = count;
-    to.sparseIsWrong |= !count;
   } else if (keyword == "numbytes") {
     const bool fits = static_cast<long long>(to.sparseRanges.size()) < SparseMap::kMostRanges;
     to.sparseIsWrong |= !count || !to.sparseOffset || !fits;
@@ -276,7 +283,8 @@ void FullExtensions::complete(TarHeader& header, Member& member) {
     member.attributes = std::move(m_next.attributes);
     member.accessList = std::move(m_next.accessList);
     member.defaultAccessList = std::move(m_next.defaultAccessList);
-    m_next.sparseIsWrong |= m_next.sparseMapIsInData && !m_next.sparseSize;
+    member.lacksAttributes = m_next.lacksAttributes;
+    m_next.sparseIsWrong |= m_next.sparseOffset || (m_next.sparseMapIsInData && !m_next.sparseSize);
     if (m_next.sparseSize || m_next.sparseIsWrong) spread(header, member);
     forgetNext();
   }

@@ -56,6 +56,7 @@ class FullExtensions {
     bool sparseMapIsInData = false, sparseIsWrong = false;
     std::vector<MemberAttribute> attributes;
     std::string accessList, defaultAccessList;
+    bool lacksAttributes = false;
     unsigned takenBack = 0;  // PaxField bits: an empty value undoes a global record too
   };
 

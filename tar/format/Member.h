@@ -42,6 +42,7 @@ struct Member {
   bool sparseIsWrong = false;    // it has a map, and that makes no sense
   std::vector<MemberAttribute> attributes;
   std::string accessList, defaultAccessList;  // POSIX access lists as text; empty: none
+  bool lacksAttributes = false;               // it had some that no system takes, and they are not here
 
   // Takes a header's values as it has them by itself, and copies of its texts; or exchanges texts with it, so
   // that the memory of both is used again. The header's own are then of no use before its next parse.

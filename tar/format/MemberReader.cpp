@@ -5,6 +5,7 @@
 // block into the record's header, the full one what the records say into the member's header.
 #include "tar/format/MemberReader.h"
 
+#include "runtime/fs/FileMetadata.h"
 #include "runtime/log/LogBase.h"
 #include "tar/format/FullExtensions.h"
 #include "tar/format/PaxRecords.h"
@@ -81,13 +82,12 @@ class LenientReader : public MemberReader {
 };
 
 // Records wait in m_extensions until a member comes, however many there are and in whatever order.
-// What is no number is not taken for one: it would make somebody an owner whom nobody meant. 2^32-1 is no id,
-// and no device.
+// What is no number is not taken for one: it would make somebody an owner whom nobody meant.
 unsigned numberOrNone(const unsigned char* block, Field field) {
   const NumberField number = parseNumber(block, field);
   const bool isNone =
       number.state == NumberField::State::Negative || number.state == NumberField::State::Foreign;
-  return isNone ? 0xFFFFFFFF : number.as32();
+  return isNone ? FileMetadata::kNoId : number.as32();  // nor is that a device
 }
 
 class FullReader : public MemberReader {
@@ -110,6 +110,7 @@ class FullReader : public MemberReader {
     m_found.attributes.clear();
     m_found.accessList.clear();
     m_found.defaultAccessList.clear();
+    m_found.lacksAttributes = false;
     if (found == Found::Member) {
       if (const NumberField mtime = parseNumber(block, kMtimeField);
           mtime.state == NumberField::State::Negative) {

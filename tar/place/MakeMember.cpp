@@ -20,6 +20,7 @@ namespace {
 using Outcome = ExtractTarget::Outcome;
 
 constexpr char kNoTarget[] = "The target of a hard link is not there.";
+constexpr char kTargetTooLong[] = "The path of a hard link's target is too long.";
 constexpr char kTargetNotExtracted[] = "The target of a hard link was not extracted.";
 
 // Whether the text of a symbolic link, beside the member, leads out of the target by its parts alone. By its
@@ -147,6 +148,12 @@ Outcome MemberPlacer::makeHardLink(const Member& member, const Io& io, Placed& p
   const std::string& path = m_path.entryPath().str();
   if (target.empty()) {
     sayNoTarget(kNoTarget, target, io);
+    return Outcome::Unusable;
+  }
+  // Asked now, because a link that waits would keep both paths until the end, whatever their length.
+  if (const Outcome judged = m_target.judge(m_path, io.log); judged != Outcome::Ok) return judged;
+  if (target.size() > ExtractTarget::kLongestPath) {
+    io.fail(kTargetTooLong);
     return Outcome::Unusable;
   }
   const LinkTable::Seen seen = m_linkIsGiven ? LinkTable::Seen::Made : m_links.seen(target);
