@@ -170,6 +170,39 @@ TEST(Metadata, SparseRecordsThatMakeNoSense) {
   }
 }
 
+// Half of a program is nobody's set-id program, in whatever way it was cut, and is named.
+TEST(Metadata, CutFilesGetNothing) {
+  if (!isRoot()) GTEST_SKIP() << "owners are the superuser's";
+  ScratchDir dir;
+  for (const std::string size : {"3000", "200000"}) {
+    must(dir, "head -c " + size +
+                  " /dev/urandom > f; chown 1234 f; chmod 4755 f; mvtar -cf a.tar f; "
+                  "head -c 2048 a.tar > cut.tar; gzip -c cut.tar > cut.gz; gzip -c a.tar > a.gz; head -c "
+                  "2000 a.gz > torn.gz");
+    for (const std::string form : {"cut.tar", "cut.gz", "torn.gz"}) {
+      must(dir, "rm -rf out; mkdir out");
+      const CommandResult result = mvtar(dir, "-xf " + form + " -C out");
+      EXPECT_EQ("600 0\n", shell(dir, "stat -c '%a %u' out/f").out) << form << size;
+      EXPECT_TRUE(result.status == 2 && has(result.err, "mvtar: f: ")) << form << size << result.err;
+    }
+  }
+}
+
+// A run that fails still says what it could not make and keep, and fails for its own reason.
+TEST(Metadata, RunsThatFailTellTheRest) {
+  ScratchDir dir;
+  const std::string lost = paxHeader("SCHILY.acl.access", "nonsense");
+  writeFile(dir / "a.tar", ArchiveBuilder().add({"l", "", '1', "late"}).bytes(0) + lost + member("f") + lost +
+                               member("g") + std::string(512, 'x'));
+  must(dir, "gzip -k a.tar");
+  for (const std::string form : {"a.tar", "a.tar.gz"}) {
+    expectMvtar(dir, "--xattrs -xf " + form + " -C out", 2, "",
+                "f: attributes are not kept: Invalid argument\nl: The target of a hard link is not there.\n" +
+                    form + ": 2 members without attributes\n" + form +
+                    ": The TAR header's checksum is wrong.");
+  }
+}
+
 }  // namespace
 }  // namespace morvane::testing
 #endif

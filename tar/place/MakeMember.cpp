@@ -210,8 +210,9 @@ bool MemberPlacer::finishSpreading(_mvOutput& out, const Io& io) {
 }
 
 // A sparse file gets its length here, since the hole at its end has no data behind it. Without anything to
-// restore a member gets its modification time alone, as ever. A descriptor below 0 is a file that was dropped
-// after a failure of its own.
+// restore a member gets its modification time alone, as ever. Half of a file does not become somebody's
+// program, nor look like the whole by its time: it stays as it was made. A descriptor below 0 is a file that
+// was dropped after a failure of its own.
 FileEnd MemberPlacer::settle(const Member& member, _mvOutput& out, OutputFile& file, bool isComplete,
                              const MemberTimes& times, const Io& io) {
   isComplete = isComplete && finishSpreading(out, io);
@@ -220,7 +221,9 @@ FileEnd MemberPlacer::settle(const Member& member, _mvOutput& out, OutputFile& f
                       [&](OutputFile& open) { return setFileTimes(open, times, io.log); });
   }
   return settleFile(file, isComplete, io, [&](OutputFile& open) {
-    if (open.descriptor() >= 0) m_restorer.settle(open.descriptor(), member, m_path.entryPath(), io);
+    const bool isWhole = isComplete && open.flush(io.monitor, io.log);
+    if (isWhole && open.descriptor() >= 0)
+      m_restorer.settle(open.descriptor(), member, m_path.entryPath(), io);
     return true;
   });
 }
@@ -286,13 +289,20 @@ void MemberPlacer::finishTarget(const Io& io) {
   if (ConfinedDir* const target = m_target.confined()) m_restorer.settleDirectories(*target, io);
 }
 
-// Counts are told once all members are through, directories among them.
+// Counts are told once all members are through, directories among them. What a run has failed for stays the
+// cause of its failure, whatever is said here.
 void MemberPlacer::finish(const Io& io) {
   if (!restored().any()) return;
+  LogBase::Cause cause = io.log.cause();
+  io.log.forgetCause();
   finishTarget(io);
   m_restorer.notKept().tellCounts(io);
   m_anyLeftOut |= m_restorer.notKept().any();
   m_restorer.notKept().clear();
+  if (cause.message.empty()) return;
+  io.log.forgetCause();
+  cause.depth -= io.log.contextDepth();  // as a held one counts
+  io.log.takeHeldCause(cause);
 }
 
 // Directories that wait may be closed to everybody but their owner, so that they are settled even when the
