@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "ArchiveSupport.h"
+#include "FailingSystemCalls.h"
 #include "MvtarSupport.h"
 #include "TreeSupport.h"
 #include "runtime/fs/AccessList.h"
@@ -200,6 +201,22 @@ TEST(Metadata, RunsThatFailTellTheRest) {
                 "f: attributes are not kept: Invalid argument\nl: The target of a hard link is not there.\n" +
                     form + ": 2 members without attributes\n" + form +
                     ": The TAR header's checksum is wrong.");
+  }
+}
+
+TEST(Metadata, DevicesOfSomebodyElse) {
+  ScratchDir dir;
+  const auto device = [](const char* name, char type) {
+    return patched(member(name, "", type), kDevMajorField, "0000001");  // 0,0 may be anybody's
+  };
+  writeFile(dir / "a.tar", device("c", '3') + device("b", '4') + member("z") + kEnd);
+  must(dir, "chmod 777 .; cp " MVTAR " m; gzip -k a.tar");
+  const std::string user = isRoot() ? "setpriv --reuid=65534 --regid=65534 --clear-groups " : "";
+  for (const std::string form : {"a.tar", "a.tar.gz"}) {
+    const CommandResult result = shell(
+        dir, user + "./m -xvf " + form + " --options=Restore=special+mode -C " + form.substr(5) + "out");
+    expect(result, 2, "z\n",
+           "c: the device is not made: Operation not permitted\n" + form + ": 2 devices not made");
   }
 }
 

@@ -26,6 +26,7 @@ class ExtractTarget {
     Refused,     // the path leaves the target, or what stands in the way may not be removed
     Exists,      // something is there, and the word ExistingFiles keeps it
     TooLong,     // said in the log
+    LeftOut,     // noted as what is not kept, and left out
     Unusable,    // what the archive says of the member makes no sense here: said in the log
     NoTarget,    // the target itself cannot be opened or made
     NoParent,    // a directory above the member cannot be made

@@ -7,6 +7,7 @@
 #include <climits>
 #include <utility>
 
+#include "runtime/log/HeldLog.h"
 #include "runtime/log/LogNull.h"
 #include "tar/format/EntryPath.h"
 #include "tar/place/MemberPlacer.h"
@@ -117,7 +118,8 @@ Outcome MemberPlacer::makeSymbolicLink(const Member& member, const Io& io) {
 }
 
 // The type decides whether the numbers are looked at; a FIFO has none. With a mode of its own to come, nobody
-// else may open it before that.
+// else may open it before that. Devices are the superuser's: that somebody else cannot make them is no reason
+// to lose the rest, and as it is so for each of them, it is told once.
 Outcome MemberPlacer::makeSpecial(const Member& member, const Io& io) {
   const unsigned type = member.typeFlag == kTypeFifo              ? S_IFIFO
                         : member.typeFlag == kTypeCharacterDevice ? S_IFCHR
@@ -130,10 +132,16 @@ Outcome MemberPlacer::makeSpecial(const Member& member, const Io& io) {
   const unsigned long long device = member.isDevice() ? makedev(member.deviceMajor, member.deviceMinor) : 0;
   OsFile made;
   const unsigned mode = restored().mode ? 0600 : 0666;
-  const Outcome outcome = m_target.makeNode(m_path, settings(), type | mode, device, made, io.log);
-  if (outcome == Outcome::Ok && made.isOpen()) m_restorer.settle(made.fd(), member, m_path.entryPath(), io);
-  // Devices are the superuser's; that somebody else cannot make them is no reason to lose the rest.
+  HeldLog held;
+  held.beginLike(io.log);
+  const Outcome outcome = m_target.makeNode(m_path, settings(), type | mode, device, made, held);
   const bool mayNot = outcome == Outcome::NotCreated && m_target.lastError() == EPERM;
+  if (mayNot && member.isDevice()) {
+    m_restorer.notKept().note(NotKept::Kind::Device, m_path.entryPath(), EPERM, io);
+    return Outcome::LeftOut;
+  }
+  held.tellTo(io.log);
+  if (outcome == Outcome::Ok && made.isOpen()) m_restorer.settle(made.fd(), member, m_path.entryPath(), io);
   return mayNot ? Outcome::Unusable : outcome;
 }
 

@@ -154,7 +154,9 @@ Placed MemberPlacer::place(const Member& member, const Io& io) {
     placed.result = Placed::Result::LeftOut;
     return placed;
   }
-  if (goesOnWithout(outcome)) {
+  if (outcome == Outcome::LeftOut) {
+    placed.result = Placed::Result::LeftOut;
+  } else if (goesOnWithout(outcome)) {
     m_target.tellNotCreated(io.log);
     reportLeftOut(outcome == Outcome::Refused ? m_target.lastRefusal() : nullptr, io);
     placed.result = Placed::Result::LeftOut;
