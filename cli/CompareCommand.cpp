@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <optional>
 
 #include "cli/ArchiveName.h"
 #include "cli/Commands.h"
@@ -77,13 +78,15 @@ bool hasTextOf(const std::string& link, const std::string& text) {
 class Owners {
  public:
   explicit Owners(bool byNumber) : m_byNumber(byNumber) {}
-  unsigned user(const TarMemberInfo& member) {
+  long long user(const TarMemberInfo& member) {
     const bool isNamed = !m_byNumber && *member.userName != '\0';
-    return isNamed ? m_users.userId(member.userName).value_or(member.uid) : member.uid;
+    const std::optional<unsigned> id = isNamed ? m_users.userId(member.userName) : std::nullopt;
+    return id ? *id : member.exactUid;
   }
-  unsigned group(const TarMemberInfo& member) {
+  long long group(const TarMemberInfo& member) {
     const bool isNamed = !m_byNumber && *member.groupName != '\0';
-    return isNamed ? m_users.groupId(member.groupName).value_or(member.gid) : member.gid;
+    const std::optional<unsigned> id = isNamed ? m_users.groupId(member.groupName) : std::nullopt;
+    return id ? *id : member.exactGid;
   }
 
  private:

@@ -43,10 +43,10 @@ std::string modeText(const TarMemberInfo& member) {
 
 // A name may be empty or hold anything; the number stands in for the first, escapes for the second.
 std::string ownerText(const TarMemberInfo& member, bool byNumber) {
-  const auto either = [byNumber](const char* name, unsigned id) {
+  const auto either = [byNumber](const char* name, long long id) {
     return *name && !byNumber ? shown(name) : std::to_string(id);
   };
-  return either(member.userName, member.uid) + "/" + either(member.groupName, member.gid);
+  return either(member.userName, member.exactUid) + "/" + either(member.groupName, member.exactGid);
 }
 
 // Of a device its number, as other tars show it; of a sparse file its size with the holes.
@@ -146,8 +146,8 @@ class XmlEvent : public CountEvent {
     header.m_isDirectory = member.isDirectory;
     header.m_size = member.size;
     header.m_mode = member.mode;
-    header.m_uid = member.uid;
-    header.m_gid = member.gid;
+    header.m_uid = member.exactUid;
+    header.m_gid = member.exactGid;
     header.m_exactMtime.seconds = member.mtime;
     header.m_linkName = member.linkPath;
     header.m_userName = std::make_unique<morvane::StringBuffer>(member.userName);

@@ -204,6 +204,23 @@ TEST(Metadata, RunsThatFailTellTheRest) {
   }
 }
 
+// An id of more than 32 bits is shown as it is and nobody's: cut, it would be the superuser's.
+TEST(Metadata, IdsOfMoreThan32Bits) {
+  ScratchDir dir;
+  const std::string base256 = "\x80\0\0\1\0\0\0\0"s;  // 2^32
+  for (const std::string& archive :
+       {paxHeader("uid", "4294967296") + member("f"), patched(member("f"), kUidField, base256)}) {
+    writeFile(dir / "a.tar", archive + kEnd);
+    EXPECT_TRUE(has(mvtar(dir, "-tvf a.tar").out, " 4294967296/0 "));
+    EXPECT_TRUE(has(mvtar(dir, "--json -tf a.tar").out, "\"uid\": 4294967296,"));
+    expectMvtar(dir, "-xf a.tar --same-owner -C out", 2, "", "f: the owner is not kept: Invalid argument");
+    // An event that leaves the 32 bits as they are changes nothing.
+    expectMvtar(dir, "-xf a.tar --same-owner --options=MemberEvents -C out", 2, "",
+                "f: the owner is not kept: Invalid argument");
+    EXPECT_TRUE(has(mvtar(dir, "-df a.tar -C out").out, "f: the owner differs"));
+  }
+}
+
 TEST(Metadata, DevicesOfSomebodyElse) {
   ScratchDir dir;
   const auto device = [](const char* name, char type) {

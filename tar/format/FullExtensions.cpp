@@ -9,6 +9,7 @@
 #include <charconv>
 #include <limits>
 
+#include "runtime/fs/FileMetadata.h"
 #include "runtime/log/LogBase.h"
 #include "tar/format/PaxRecordText.h"
 #include "tar/format/TarBlock.h"
@@ -66,7 +67,7 @@ std::optional<long long> parseCount(std::string_view text) {
   return value;
 }
 
-// For the 32-bit forms of times and for ids; the exact times keep their 63 bits.
+// For the 32-bit forms of times; the exact times keep their 63 bits.
 unsigned clampTo32(long long value) {
   constexpr long long kMax = std::numeric_limits<unsigned>::max();
   return static_cast<unsigned>(value < 0 ? 0 : value > kMax ? kMax : value);
@@ -202,12 +203,10 @@ bool FullExtensions::takePaxRecord(std::string_view keyword, std::string_view va
     time = parsePaxTime(value);
     return time->known || malformed(log, "A PAX time is no number.", value);
   };
-  const auto takeId = [&](PaxField field, std::optional<unsigned>& id) {
+  const auto takeId = [&](PaxField field, std::optional<long long>& id) {
     id.reset();
-    if (!note(field)) return true;
-    const std::optional<long long> count = parseCount(value);
     // Ids beyond any range are no reason to lose the member: it then keeps the owner that it gets.
-    id = count ? clampTo32(*count) : std::numeric_limits<unsigned>::max();
+    if (note(field)) id = parseCount(value).value_or(FileMetadata::kNoId);
     return true;
   };
   if (keyword == "path") return takeText(PAX_PATH, to.path);

@@ -30,7 +30,8 @@ struct Member {
   std::string path, linkPath, userName, groupName;
   // Permission bits and whatever else the field held, up to 32 bits.
   unsigned mode = 0;
-  unsigned uid = 0, gid = 0;
+  // In full, 0 to 2^63-1: one that is more than 32 bits is nobody's here, and never becomes another one.
+  long long uid = 0, gid = 0;
   unsigned deviceMajor = 0, deviceMinor = 0;
   long long size = 0;  // data bytes that follow the header, 0 to 2^63-1
   TarTime mtime;

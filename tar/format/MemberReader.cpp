@@ -5,6 +5,8 @@
 // block into the record's header, the full one what the records say into the member's header.
 #include "tar/format/MemberReader.h"
 
+#include <algorithm>
+
 #include "runtime/fs/FileMetadata.h"
 #include "runtime/log/LogBase.h"
 #include "tar/format/FullExtensions.h"
@@ -82,12 +84,17 @@ class LenientReader : public MemberReader {
 };
 
 // Records wait in m_extensions until a member comes, however many there are and in whatever order.
-// What is no number is not taken for one: it would make somebody an owner whom nobody meant.
-unsigned numberOrNone(const unsigned char* block, Field field) {
+// What is no number is not taken for one: it would make somebody an owner whom nobody meant. Nor is kNoId a
+// device.
+long long numberOrNone(const unsigned char* block, Field field) {
   const NumberField number = parseNumber(block, field);
   const bool isNone =
       number.state == NumberField::State::Negative || number.state == NumberField::State::Foreign;
-  return isNone ? FileMetadata::kNoId : number.as32();  // nor is that a device
+  return isNone ? FileMetadata::kNoId : static_cast<long long>(number.value);
+}
+
+unsigned deviceNumber(const unsigned char* block, Field field) {
+  return static_cast<unsigned>(std::min<long long>(numberOrNone(block, field), FileMetadata::kNoId));
 }
 
 class FullReader : public MemberReader {
@@ -119,8 +126,8 @@ class FullReader : public MemberReader {
       m_header.m_uid = numberOrNone(block, kUidField);
       m_header.m_gid = numberOrNone(block, kGidField);
       m_extensions.complete(m_header, m_found);
-      m_found.deviceMajor = numberOrNone(block, kDevMajorField);
-      m_found.deviceMinor = numberOrNone(block, kDevMinorField);
+      m_found.deviceMajor = deviceNumber(block, kDevMajorField);
+      m_found.deviceMinor = deviceNumber(block, kDevMinorField);
     }
     m_found.exchangeHeader(m_header);
     if (found == Found::Member && demand().spreads && typeFlag == kTypeSparse) {

@@ -74,8 +74,8 @@ bool invalid(LogBase& log, const char* why) {
 // Keeps the memory of the texts: a reader clears the same record for every header.
 void TarHeader::clear() {
   for (StringBuffer* text : {&m_name, &m_prefix, &m_path, &m_linkName}) text->weakClear();
-  m_paxFieldsSet = m_mode = m_uid = m_gid = m_mtime = m_atime = m_ctime = 0;
-  m_size = 0;
+  m_paxFieldsSet = m_mode = m_mtime = m_atime = m_ctime = 0;
+  m_size = m_uid = m_gid = 0;
   m_typeFlag = '\0';
   m_isDirectory = m_sparseMapGoesOn = false;
   for (auto* owned : {&m_linkPath, &m_userName, &m_groupName}) owned->reset();

@@ -49,10 +49,11 @@ class MORVANE_API TarHeader {
   StringBuffer m_prefix;        // of ustar blocks only
   unsigned m_paxFieldsSet = 0;  // PaxField bits; 0 when only a block was parsed
   StringBuffer m_path;  // what readers go by: prefix and name joined, or what a record put in its place
-  // Numbers as the block has them, brought into 32 bits: negative and blank are 0, too large is 2^32-1.
+  // Numbers as the block has them, brought into 32 bits: negative and blank are 0, too large is 2^32-1. The
+  // full reader has ids of 63.
   unsigned m_mode = 0;
-  unsigned m_uid = 0;
-  unsigned m_gid = 0;
+  long long m_uid = 0;
+  long long m_gid = 0;
   long long m_size = 0;  // data bytes that follow the header, 0 to 2^63-1
   unsigned m_mtime = 0;  // Unix seconds
   unsigned m_atime = 0;  // 0: unknown

@@ -24,6 +24,11 @@ constexpr unsigned kGroupBits = 070;
 // has, and no more than a process can spare.
 constexpr size_t kMostKeptBytes = 64 << 20;
 
+// One that the system has no room for is no id here: cut, it would be somebody else's.
+unsigned systemId(long long id) {
+  return id < FileMetadata::kNoId ? static_cast<unsigned>(id) : FileMetadata::kNoId;
+}
+
 }  // namespace
 
 // The umask is asked for only where it is needed: it costs reading a file of /proc.
@@ -92,13 +97,13 @@ void MetadataRestorer::settle(int fd, const Member& member, const XString& entry
 // A name goes before a number unless OwnerById says otherwise, since numbers mean different people on
 // different systems. A name that is not known here leaves the number.
 unsigned MetadataRestorer::uidOf(const Member& member) {
-  if (m_byId || member.userName.empty()) return member.uid;
-  return m_users.userId(member.userName).value_or(member.uid);
+  if (m_byId || member.userName.empty()) return systemId(member.uid);
+  return m_users.userId(member.userName).value_or(systemId(member.uid));
 }
 
 unsigned MetadataRestorer::gidOf(const Member& member) {
-  if (m_byId || member.groupName.empty()) return member.gid;
-  return m_users.groupId(member.groupName).value_or(member.gid);
+  if (m_byId || member.groupName.empty()) return systemId(member.gid);
+  return m_users.groupId(member.groupName).value_or(systemId(member.gid));
 }
 
 // Set-id bits only on what belongs to the owner that the archive states: on anybody else's file they would be
