@@ -237,6 +237,26 @@ TEST(Metadata, DevicesOfSomebodyElse) {
   }
 }
 
+// As where the superuser of one machine is nobody on another: somebody else's from the moment it is made.
+TEST(Metadata, DirectoriesThatBelongToSomebodyElse) {
+  if (!isRoot()) GTEST_SKIP() << "others' are the superuser's to make";
+  ScratchDir dir;
+  const std::string archive = patched(directory("d/"), kModeField, "0000755") + member("d/f") + kEnd;
+  int named = 0;
+  for (int at = 1; at < 20; ++at) {
+    const std::string out = dir / std::to_string(at);
+    TarWith tar("Restore=usual", out);
+    const OvertakenCall overtaken(at, [&](int) { (void)!chown((out + "/d").c_str(), 1234, 1234); });
+    const bool ok = untar(tar, archive) >= 0;
+    struct stat status {};
+    ASSERT_EQ(0, stat((out + "/d").c_str(), &status));
+    EXPECT_EQ(0755u, status.st_mode & 07777u) << at;
+    EXPECT_EQ(ok, !logHas(tar, "The member's mode is not kept.")) << at << logOf(tar);
+    named += ok ? 0 : 1;
+  }
+  EXPECT_GT(named, 0);
+}
+
 }  // namespace
 }  // namespace morvane::testing
 #endif

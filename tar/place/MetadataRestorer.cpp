@@ -40,7 +40,7 @@ void MetadataRestorer::begin(const TarOptions& options) {
   m_newParents.clear();
   m_keptBytes = 0;
   m_notKept.clear();
-  if (m_parts.mode && !m_parts.fullMode) m_umask = FileMetadata::umask();
+  if (m_parts.mode) m_umask = FileMetadata::umask();
   if (m_parts.owner) FileMetadata::ownIds(m_ownUid, m_ownGid);
 }
 
@@ -192,11 +192,12 @@ void MetadataRestorer::noteParents(const std::vector<ConfinedDir::NewParent>& pa
 // one said, as a later member does.
 void MetadataRestorer::noteDirectory(const ConfinedDir::MadeDirectory& made, const Member& member,
                                      const std::string& path) {
-  if (!made.isKnown) return;
+  if (!made.isKnown && !made.isForeign) return;
   const bool isOurs = made.isNew || m_settlesExisting || m_newParents.count(made.identity) > 0 ||
                       m_directories.count(made.identity) > 0;
   if (!isOurs) return;
   Directory& kept = m_directories[made.identity];
+  if (made.isNew) kept.isForeign = made.isForeign;
   kept.path = cleanPath(path);
   kept.mode = member.mode;
   kept.uid = uidOf(member);
@@ -241,6 +242,16 @@ Member MetadataRestorer::memberOf(const Directory& kept) {
   return member;
 }
 
+// Nobody but its owner could use it as it was made. It gets no more than any new directory has, because it
+// may be somebody else's; and it is open as itself, so that no other gets that.
+void MetadataRestorer::settleForeign(int fd, const Member& directory, const XString& entryPath,
+                                     const Io& io) {
+  if (!m_parts.mode) return;
+  const unsigned mode = directory.mode & FileMetadata::kPermissions & ~m_umask;
+  const int error = FileMetadata::setMode(fd, mode);
+  m_notKept.note(NotKept::Kind::Mode, entryPath, error != 0 ? error : EPERM, io);
+}
+
 // Deepest first: setting the mode of a directory may close the way to those in it. Each is opened anew by its
 // path, for no run could keep thousands of them open, and left alone if it is no more the one that was made.
 void MetadataRestorer::settleDirectories(ConfinedDir& target, const Io& io) {
@@ -258,7 +269,8 @@ void MetadataRestorer::settleDirectories(ConfinedDir& target, const Io& io) {
     const bool isThere = file.isOpen() && file.status(status) == 0;
     const int error = errno;  // of the one or the other, where it is not there
     if (isThere && status.st_dev == each->first.device && status.st_ino == each->first.inode) {
-      settle(file.fd(), directory, entryPath, io);
+      each->second.isForeign ? settleForeign(file.fd(), directory, entryPath, io)
+                             : settle(file.fd(), directory, entryPath, io);
       continue;
     }
     // A later member may have taken its place; what cannot be opened is another matter.

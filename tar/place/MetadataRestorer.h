@@ -66,6 +66,7 @@ class MetadataRestorer {
     unsigned mode = 0, uid = 0, gid = 0;
     TarTime mtime, atime;
     bool lacksAttributes = false;
+    bool isForeign = false;      // see ConfinedDir::MadeDirectory
     std::unique_ptr<More> more;  // few have any
   };
   // What is being settled, and how far it has come.
@@ -92,6 +93,7 @@ class MetadataRestorer {
   void setUserAttributes(Settling& now);
   // Whether it is a list that says more than a mode.
   bool setAccessList(Settling& now, const char* name, const std::string& text);
+  void settleForeign(int fd, const Member& directory, const XString& entryPath, const Io& io);
   void keepAttributes(const Member& member, Directory& kept);
   static timespec accessTimeOf(const Member& member);
   // Of this system, by name or number.
