@@ -146,8 +146,8 @@ class XmlEvent : public CountEvent {
     header.m_isDirectory = member.isDirectory;
     header.m_size = member.size;
     header.m_mode = member.mode;
-    header.m_uid = member.exactUid;
-    header.m_gid = member.exactGid;
+    header.m_uid = member.uid;
+    header.m_gid = member.gid;
     header.m_exactMtime.seconds = member.mtime;
     header.m_linkName = member.linkPath;
     header.m_userName = std::make_unique<morvane::StringBuffer>(member.userName);

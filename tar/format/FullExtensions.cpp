@@ -67,7 +67,7 @@ std::optional<long long> parseCount(std::string_view text) {
   return value;
 }
 
-// For the 32-bit forms of times; the exact times keep their 63 bits.
+// For the 32-bit forms of times and ids; the exact ones keep their 63 bits.
 unsigned clampTo32(long long value) {
   constexpr long long kMax = std::numeric_limits<unsigned>::max();
   return static_cast<unsigned>(value < 0 ? 0 : value > kMax ? kMax : value);
@@ -326,8 +326,14 @@ void FullExtensions::apply(const Attributes& attributes, unsigned except, TarHea
   if (attributes.linkPath) setOwned(member.m_linkPath, *attributes.linkPath);
   if (attributes.userName && counts(PAX_UNAME)) setOwned(member.m_userName, *attributes.userName);
   if (attributes.groupName && counts(PAX_GNAME)) setOwned(member.m_groupName, *attributes.groupName);
-  if (attributes.uid && counts(PAX_UID)) member.m_uid = *attributes.uid;
-  if (attributes.gid && counts(PAX_GID)) member.m_gid = *attributes.gid;
+  const auto setId = [&](PaxField field, const std::optional<long long>& id, long long& exact,
+                         unsigned& in32) {
+    if (!id || !counts(field)) return;
+    exact = *id;
+    in32 = clampTo32(*id);
+  };
+  setId(PAX_UID, attributes.uid, member.m_exactUid, member.m_uid);
+  setId(PAX_GID, attributes.gid, member.m_exactGid, member.m_gid);
   if (attributes.size) member.m_size = *attributes.size;
   setTime(PAX_MTIME, attributes.mtime, member.m_exactMtime, member.m_mtime);
   setTime(PAX_ATIME, attributes.atime, member.m_exactAtime, member.m_atime);

@@ -123,13 +123,16 @@ class FullReader : public MemberReader {
           mtime.state == NumberField::State::Negative) {
         m_header.m_exactMtime.seconds = parseNegative(block, kMtimeField);
       }
-      m_header.m_uid = numberOrNone(block, kUidField);
-      m_header.m_gid = numberOrNone(block, kGidField);
+      m_header.m_exactUid = numberOrNone(block, kUidField);
+      m_header.m_exactGid = numberOrNone(block, kGidField);
       m_extensions.complete(m_header, m_found);
       m_found.deviceMajor = deviceNumber(block, kDevMajorField);
       m_found.deviceMinor = deviceNumber(block, kDevMinorField);
     }
     m_found.exchangeHeader(m_header);
+    // The lenient reader's have 32 bits.
+    m_found.uid = m_header.m_exactUid;
+    m_found.gid = m_header.m_exactGid;
     if (found == Found::Member && demand().spreads && typeFlag == kTypeSparse) {
       m_found.sparseIsWrong = !m_found.sparse.takeHeaderBlock(block);
     }

@@ -49,11 +49,10 @@ class MORVANE_API TarHeader {
   StringBuffer m_prefix;        // of ustar blocks only
   unsigned m_paxFieldsSet = 0;  // PaxField bits; 0 when only a block was parsed
   StringBuffer m_path;  // what readers go by: prefix and name joined, or what a record put in its place
-  // Numbers as the block has them, brought into 32 bits: negative and blank are 0, too large is 2^32-1. The
-  // full reader has ids of 63.
+  // Numbers as the block has them, brought into 32 bits: negative and blank are 0, too large is 2^32-1.
   unsigned m_mode = 0;
-  long long m_uid = 0;
-  long long m_gid = 0;
+  unsigned m_uid = 0;
+  unsigned m_gid = 0;
   long long m_size = 0;  // data bytes that follow the header, 0 to 2^63-1
   unsigned m_mtime = 0;  // Unix seconds
   unsigned m_atime = 0;  // 0: unknown
@@ -68,6 +67,7 @@ class MORVANE_API TarHeader {
   bool m_sparseMapGoesOn = false;  // blocks of a GNU sparse map come before the data
   // The times in full; m_mtime, m_atime and m_ctime are their 32-bit forms.
   TarTime m_exactMtime, m_exactAtime, m_exactCtime;
+  long long m_exactUid = 0, m_exactGid = 0;  // the ids in full, 0 to 2^63-1
 
   // Returns the record to the empty state. The texts' memory is kept for the next block.
   void clear();
