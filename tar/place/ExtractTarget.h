@@ -96,6 +96,8 @@ class ExtractTarget {
  private:
   // Opens the directory unless it is open for the same target and words. False, with the reason in the log.
   bool openConfined(const MemberPath& path, const ReadSettings& settings, LogBase& log);
+  // What comes before anything is made on the confined way.
+  Outcome enter(const MemberPath& path, const ReadSettings& settings, LogBase& log);
   // The two ways to make a file. `creatingTag`: null in a log that is not verbose.
   Outcome createConfined(const MemberPath& path, const ReadSettings& settings, unsigned mode,
                          const char* creatingTag, LogBase& log, std::unique_ptr<OutputFile>& file);
