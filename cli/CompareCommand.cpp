@@ -1,7 +1,5 @@
 // mvtar -d: what differs between an archive and the file system.
 #include <fcntl.h>
-#include <grp.h>
-#include <pwd.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
@@ -9,13 +7,14 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
-#include <map>
+#include <optional>
 
 #include "cli/ArchiveName.h"
 #include "cli/Commands.h"
 #include "cli/MemberEvent.h"
 #include "cli/MemberKind.h"
 #include "cli/ReadArchive.h"
+#include "runtime/fs/UserDatabase.h"
 
 namespace mvtar {
 
@@ -79,31 +78,20 @@ bool hasTextOf(const std::string& link, const std::string& text) {
 class Owners {
  public:
   explicit Owners(bool byNumber) : m_byNumber(byNumber) {}
-  unsigned user(const TarMemberInfo& member) {
-    return idOf(m_users, member.userName, member.uid, [](const char* name, unsigned& id) {
-      if (const passwd* const found = getpwnam(name)) id = found->pw_uid;
-    });
+  long long user(const TarMemberInfo& member) {
+    const bool isNamed = !m_byNumber && *member.userName != '\0';
+    const std::optional<unsigned> id = isNamed ? m_users.userId(member.userName) : std::nullopt;
+    return id ? *id : member.exactUid;
   }
-  unsigned group(const TarMemberInfo& member) {
-    return idOf(m_groups, member.groupName, member.gid, [](const char* name, unsigned& id) {
-      if (const ::group* const found = getgrnam(name)) id = found->gr_gid;
-    });
+  long long group(const TarMemberInfo& member) {
+    const bool isNamed = !m_byNumber && *member.groupName != '\0';
+    const std::optional<unsigned> id = isNamed ? m_users.groupId(member.groupName) : std::nullopt;
+    return id ? *id : member.exactGid;
   }
 
  private:
-  using Known = std::map<std::pair<std::string, unsigned>, unsigned>;
-  template <class Find>
-  unsigned idOf(Known& known, const char* name, unsigned id, Find find) {
-    if (m_byNumber || *name == '\0') return id;
-    constexpr size_t kMost = 1000;  // an archive may name anybody
-    if (known.size() > kMost) known.clear();
-    const auto [found, isNew] = known.emplace(std::pair(name, id), id);
-    if (isNew) find(name, found->second);
-    return found->second;
-  }
-
   const bool m_byNumber;
-  Known m_users, m_groups;
+  morvane::UserDatabase m_users;
 };
 
 // Compares each selected member as it comes, its data through the output that they are handed to.

@@ -4,6 +4,7 @@
 #include <map>
 #include <memory>
 #include <system_error>
+#include <utility>
 
 #include "cli/ArchiveOutput.h"
 #include "cli/Commands.h"
@@ -31,6 +32,7 @@ constexpr NotKept kNotKept[] = {
     {"timesNotKept", "the times are not kept", "allTimesNotKept", "members without their times"},
     {"attributesNotKept", "attributes are not kept", "allAttributesNotKept", "members without attributes"},
     {"linkNotKept", "a link cannot be made here; it is a copy", "linksNotKept", "copies in place of links"},
+    {"deviceNotKept", "the device is not made", "devicesNotKept", "devices not made"},
 };
 
 // Names members as they are extracted, and what becomes different on the disk. Selection is MemberEvent's.
@@ -71,6 +73,10 @@ class ExtractEvent : public MemberEvent {
     }
     for (const NotKept& row : kNotKept) {
       if (what == row.event) {
+        // That one is not there at all, and each is told; it is named once.
+        const bool isDevice = what == "deviceNotKept";
+        if (isDevice) dropIf(value);
+        if (isDevice && std::exchange(m_deviceNamed, true)) return;
         // A copy in place of a link has no reason but that.
         const std::string reason = what == "linkNotKept" ? "" : failureReason(m_tar);
         m_report.problem(value, row.message + (reason.empty() ? "" : ": " + reason));
@@ -127,6 +133,7 @@ class ExtractEvent : public MemberEvent {
   std::string m_path, m_entryPath;
   bool m_isEmptied = false;
   bool m_slashesNamed = false;
+  bool m_deviceNamed = false;
   // Only with --strip-paths, where names meet that were apart.
   std::map<std::string, std::string> m_lastParts;  // and the paths they came from
 };

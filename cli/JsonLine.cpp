@@ -75,8 +75,8 @@ std::string jsonLine(const morvane::TarMemberInfo& member) {
   char mode[16];
   std::snprintf(mode, sizeof mode, "%04o", member.mode);
   appendField("mode", mode, json);
-  appendField("uid", member.uid, json);
-  appendField("gid", member.gid, json);
+  appendField("uid", member.exactUid, json);
+  appendField("gid", member.exactGid, json);
   appendField("user", member.userName, json);
   appendField("group", member.groupName, json);
   appendField("size", member.isDirectory ? 0 : member.realSize, json);

@@ -43,10 +43,10 @@ std::string modeText(const TarMemberInfo& member) {
 
 // A name may be empty or hold anything; the number stands in for the first, escapes for the second.
 std::string ownerText(const TarMemberInfo& member, bool byNumber) {
-  const auto either = [byNumber](const char* name, unsigned id) {
+  const auto either = [byNumber](const char* name, long long id) {
     return *name && !byNumber ? shown(name) : std::to_string(id);
   };
-  return either(member.userName, member.uid) + "/" + either(member.groupName, member.gid);
+  return either(member.userName, member.exactUid) + "/" + either(member.groupName, member.exactGid);
 }
 
 // Of a device its number, as other tars show it; of a sparse file its size with the holes.

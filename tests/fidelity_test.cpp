@@ -6,10 +6,6 @@
 
 #include "MvtarSupport.h"
 #include "TreeSupport.h"
-#include "runtime/fs/AccessList.h"
-#include "runtime/fs/UserDatabase.h"
-#include "tar/format/PaxRecordText.h"
-#include "tar/format/SparseMap.h"
 
 namespace morvane::testing {
 namespace {
@@ -353,67 +349,6 @@ os.setxattr('t/d', 'system.posix_acl_default', acl)
   }
   expectMvtar(dir, "--xattrs --format=gnu -cf a.tar t", 2, "",
               "t/d: attributes can be stored in the pax format alone\na.tar: 2 members without attributes");
-}
-
-TEST(PaxRecordText, NamesOfAttributesInKeywords) {
-  EXPECT_EQ("user.a%3Db%25", escapedKeyword("user.a=b%"));
-  for (const char* name : {"user.a=b%", "%3D", "%253D=", "%"})
-    EXPECT_EQ(name, unescapedKeyword(escapedKeyword(name)));
-}
-
-TEST(AccessList, TextsThatMakeNoSense) {
-  UserDatabase users;
-  for (const char* text :
-       {"user", "user::", "user::rw", "owner::rwx", "mask:x:rwx", "user:nobody-of-that-name:rwx"}) {
-    EXPECT_FALSE(accessListBytes(text, false, users)) << text;
-  }
-  const auto bytes = accessListBytes("other::--x\nuser::rw-#own\n user:12:r--:34567,mask::rwx", true, users);
-  ASSERT_TRUE(bytes);
-  EXPECT_EQ("user::rw-,user:34567:r--:34567,mask::rwx,other::--x",
-            accessListText(*bytes, users).value_or(""));
-  EXPECT_FALSE(accessListText(bytes->substr(0, 7), users) || accessListText("\3" + bytes->substr(1), users));
-}
-
-TEST(UserDatabase, HostileArchivesNameManyOwners) {
-  UserDatabase users;
-  EXPECT_EQ("root", users.userName(0));
-  EXPECT_EQ(0u, users.groupId("root"));
-  for (unsigned i = 0; i < 10000; ++i) {
-    EXPECT_FALSE(users.userId("nobody-of-that-name-" + std::to_string(i)));
-  }
-  EXPECT_FALSE(users.groupId(std::string(1 << 20, 'g')));
-  EXPECT_GE(users.remembered(), 1000u);
-  EXPECT_LE(users.remembered(), 4096u);
-  EXPECT_EQ(0u, users.userId("root")) << "what the file says is not forgotten";
-}
-
-TEST(SparseMap, ClaimsThatMakeNoSense) {
-  const auto lists = [](const std::string& text, long long realSize) {
-    SparseMap map;
-    map.begin(realSize);
-    return map.addList(text);
-  };
-  EXPECT_TRUE(lists("", 0) && lists("0,5,10,5", 15) && lists("15,0", 15));
-  for (const char* text : {"0,5,4,5", "10,6", "5", "5,", "x,1", "-1,2", "1,-2", "9223372036854775807,1",
-                           "99999999999999999999,1", "0,5;6,1"}) {
-    EXPECT_FALSE(lists(text, 15)) << text;
-  }
-  for (const std::string text : {"2\n0\n1\n", "1\n0\nx\n", "\n", "9999999\n", "1\n5\n99\n", "1\n0\n5"}) {
-    for (const unsigned piece : {1u, 512u}) {
-      SparseMap map;
-      map.beginInData(10);
-      SparseMapText reader;
-      std::string padded = text;
-      padded.resize(512);
-      SparseMapText::State state = SparseMapText::State::GoesOn;
-      unsigned used = 0;
-      for (size_t at = 0; at < padded.size() && state == SparseMapText::State::GoesOn; at += used) {
-        state = reader.take(padded.data() + at,
-                            std::min<unsigned>(piece, static_cast<unsigned>(padded.size() - at)), used, map);
-      }
-      EXPECT_EQ(SparseMapText::State::Wrong, state) << text;
-    }
-  }
 }
 
 }  // namespace

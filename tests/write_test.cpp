@@ -111,6 +111,23 @@ TEST(Write, EventsFiltersAndProgress) {
   EXPECT_EQ(24, tar.calcTotalProgressForWrite(tar.log(), nullptr));
 }
 
+// As much as the format takes of holes and further names, whichever way the sources are named.
+TEST(Write, TheTotalIsWhatIsStored) {
+  ScratchDir dir;
+  must(dir, "mkdir t && truncate -s 1M t/hole && echo data > t/a && ln t/a t/b");
+  for (const bool isTree : {true, false}) {
+    for (const auto& [words, format, total] :
+         {std::tuple("Store=usual", "gnu", 5), std::tuple("Store=usual", "ustar", 1048581),
+          std::tuple("Store=usual,Reproducible=0", "gnu", 1048581), std::tuple("", "gnu", 1048586)}) {
+      TarWith tar(words);
+      tar.put_WriteFormat(format);
+      if (isTree) tar.AddDirRoot(dir / "t");
+      for (const char* name : {"t/hole", "t/a", "t/b"}) EXPECT_TRUE(isTree || tar.AddFile(dir / name));
+      EXPECT_EQ(total, tar.calcTotalProgressForWrite(tar.log(), nullptr)) << words << format << isTree;
+    }
+  }
+}
+
 TEST(Write, ReadsAndOutputsThatAreNotThere) {
   // What a source does not give is not taken for copied.
   struct : _mvDataSource {

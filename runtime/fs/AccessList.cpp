@@ -10,6 +10,7 @@
 #include <cstring>
 #include <vector>
 
+#include "runtime/fs/FileMetadata.h"
 #include "runtime/fs/UserDatabase.h"
 
 namespace morvane {
@@ -18,7 +19,6 @@ namespace {
 
 // The attribute: a version, then entries of eight bytes, all little-endian (Linux, posix_acl_xattr.h).
 constexpr uint32_t kVersion = 2;
-constexpr uint32_t kNoId = 0xFFFFFFFF;
 constexpr size_t kVersionSize = 4, kEntrySize = 8;
 
 // The four kinds of entries and their tags (ACL_USER_OBJ and the others of the system's header). A mask and
@@ -34,7 +34,7 @@ constexpr Kind kKinds[] = {
 // carry the id that is none.
 struct Entry {
   uint16_t tag = 0, permissions = 0;
-  uint32_t id = kNoId;
+  uint32_t id = FileMetadata::kNoId;
 };
 
 // Takes the next piece off the front, with the separator behind it. Where there is none left, the piece is
@@ -52,7 +52,7 @@ std::optional<uint32_t> numberOf(std::string_view text) {
   uint32_t number = 0;
   const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
   const bool isNumber =
-      result.ec == std::errc() && result.ptr == text.data() + text.size() && number != kNoId;
+      result.ec == std::errc() && result.ptr == text.data() + text.size() && number != FileMetadata::kNoId;
   return isNumber ? std::optional<uint32_t>(number) : std::nullopt;
 }
 
@@ -161,5 +161,7 @@ std::optional<std::string> accessListBytes(std::string_view text, bool byId, Use
   }
   return bytes;
 }
+
+bool isExtendedAccessList(std::string_view bytes) { return bytes.size() > kVersionSize + 3 * kEntrySize; }
 
 }  // namespace morvane

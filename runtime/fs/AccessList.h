@@ -21,4 +21,8 @@ std::optional<std::string> accessListText(std::string_view bytes, UserDatabase& 
 // does.
 std::optional<std::string> accessListBytes(std::string_view text, bool byId, UserDatabase& users);
 
+// Whether a list (its bytes) says more than a mode does: of owner, group and others alone the system makes a
+// mode and keeps no list.
+bool isExtendedAccessList(std::string_view bytes);
+
 }  // namespace morvane

@@ -218,8 +218,8 @@ ConfinedDir::Result ConfinedDir::makeDirectory(const std::string& path, unsigned
     }
     if (S_ISDIR(status.st_mode)) {
       made.identity = Identity::of(status);
-      // One that was moved into its place meanwhile is not what was made.
-      made.isKnown = !made.isNew || status.st_uid == geteuid();
+      made.isForeign = made.isNew && status.st_uid != geteuid();
+      made.isKnown = !made.isForeign;
       noteGroupOf(status);
       return Result::Ok;
     }

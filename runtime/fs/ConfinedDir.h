@@ -41,7 +41,10 @@ class ConfinedDir : public ConfinedWalk {
   struct MadeDirectory {
     Identity identity;
     bool isNew = false;
-    bool isKnown = false;  // false for the target itself, and for what a link leads to
+    bool isKnown = false;  // false for the target itself, for what a link leads to, and for a foreign one
+    // New, and not the process's own: the file system gives everything to one owner, or another directory was
+    // moved into its place. The identity is known.
+    bool isForeign = false;
   };
   Result makeDirectory(const std::string& path, unsigned mode, MadeDirectory& made, LogBase& log);
   // Makes a symbolic link with a text that is not looked at, or a FIFO or device (`mode` with its type).

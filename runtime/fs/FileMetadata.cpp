@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <string_view>
 
 namespace morvane {
 
@@ -24,16 +25,14 @@ int resultOf(long returned) { return returned < 0 ? errno : 0; }
 // A path to an open file, for the calls that take no descriptor that can only name one.
 std::string pathOf(int fd) { return "/proc/self/fd/" + std::to_string(fd); }
 
-// Without `all` only what its owner may set: "security." and "trusted." hold labels and capabilities that
-// mean something on this system alone and need privileges to be set again. Of "system." the access lists are
-// the only ones that are a user's.
+bool startsWith(const std::string& name, std::string_view start) {
+  return name.compare(0, start.size(), start) == 0;
+}
+
+// Of "system." the access lists are the only ones that are a user's.
 bool isWanted(const std::string& name, bool all) {
-  const auto startsWith = [&name](const char* start) {
-    return name.compare(0, std::strlen(start), start) == 0;
-  };
-  if (startsWith("user.") || name == FileMetadata::kAccessList || name == FileMetadata::kDefaultList)
-    return true;
-  return all && (startsWith("security.") || startsWith("trusted."));
+  return FileMetadata::isUserAttribute(name) || name == FileMetadata::kAccessList ||
+         name == FileMetadata::kDefaultList || (all && FileMetadata::isSecurityAttribute(name));
 }
 
 // Attributes may grow between two calls, so the size is asked for anew as long as it was too small.
@@ -82,15 +81,6 @@ int FileMetadata::setMode(int fd, unsigned mode) {
   return errno == EBADF ? resultOf(chmod(pathOf(fd).c_str(), mode)) : errno;
 }
 
-// chmod sets the mask of an access list where others have group bits. A list that was restored before would
-// lose the rights that its mask gives, so these bits are taken from the file.
-int FileMetadata::setModeBesideList(int fd, unsigned mode) {
-  constexpr unsigned kGroupBits = 070;
-  struct stat status;
-  if (fstat(fd, &status) != 0) return errno;
-  return setMode(fd, (mode & ~kGroupBits) | (status.st_mode & kGroupBits));
-}
-
 // The kernel takes the empty path here, too, so that links get their times without /proc.
 int FileMetadata::setTimes(int fd, const timespec& access, const timespec& modification) {
   const timespec times[] = {access, modification};
@@ -98,9 +88,17 @@ int FileMetadata::setTimes(int fd, const timespec& access, const timespec& modif
   return errno == EBADF ? resultOf(utimensat(fd, "", times, AT_EMPTY_PATH)) : errno;
 }
 
-// A descriptor that only names a file gets EBADF here: links have no attributes of users.
+bool FileMetadata::isUserAttribute(const std::string& name) { return startsWith(name, "user."); }
+
+bool FileMetadata::isSecurityAttribute(const std::string& name) {
+  return startsWith(name, "security.") || startsWith(name, "trusted.");
+}
+
+// By its name in /proc also where it is a link: that name leads to the link and no further.
 int FileMetadata::setAttribute(int fd, const std::string& name, const std::string& value) {
-  return resultOf(fsetxattr(fd, name.c_str(), value.data(), value.size(), 0));
+  if (fsetxattr(fd, name.c_str(), value.data(), value.size(), 0) == 0) return 0;
+  if (errno != EBADF) return errno;
+  return resultOf(setxattr(pathOf(fd).c_str(), name.c_str(), value.data(), value.size(), 0));
 }
 
 // Listed and read by path for the sake of descriptors that only name a file. The list is one string of names,

@@ -1,6 +1,6 @@
 // What the system keeps of a file beside its data: owner, mode, times, attributes. Read and set through a
 // descriptor, so that nobody can put another file in its place meanwhile; one that can only name a file
-// (O_PATH), as for links and special files, will do for all but attributes.
+// (O_PATH), as for links and special files, will do.
 //
 // Each operation returns 0 or the system's errno.
 #pragma once
@@ -15,7 +15,8 @@ namespace morvane {
 struct FileMetadata {
   static constexpr unsigned kAllBits = 07777, kPermissions = 0777, kSetIds = 06000;
 
-  // An id of 4294967295 means "leave it as it is" to the system.
+  // To the system it means "leave it as it is", and it is nobody's.
+  static constexpr unsigned kNoId = 0xFFFFFFFF;
   static int setOwner(int fd, unsigned uid, unsigned gid);
   // What is there; not known when the system does not tell.
   struct Status {
@@ -27,11 +28,14 @@ struct FileMetadata {
   // Those that new files of the process get, but for a directory that hands on its group.
   static void ownIds(unsigned& uid, unsigned& gid);
   static int setMode(int fd, unsigned mode);
-  // The same for a file that has an access list, whose group bits are the list's mask and stay.
-  static int setModeBesideList(int fd, unsigned mode);
   // Both are set; a value's nanoseconds run from 0 to 999,999,999. Whoever keeps one of them reads it first.
   static int setTimes(int fd, const timespec& access, const timespec& modification);
 
+  // Whose an attribute is, by its name: anybody may set those of users on a file of one's own; those of the
+  // system hold labels and capabilities that mean something on one system alone, need a privilege to be set,
+  // and go with a change of owner.
+  static bool isUserAttribute(const std::string& name);
+  static bool isSecurityAttribute(const std::string& name);
   using Attributes = std::vector<std::pair<std::string, std::string>>;  // name and value, any bytes
   // Creates or replaces it.
   static int setAttribute(int fd, const std::string& name, const std::string& value);

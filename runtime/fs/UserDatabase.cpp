@@ -23,14 +23,12 @@ constexpr size_t kLargestEntry = 1 << 20;
 // A few thousand are more than an honest archive of unknown owners has. Then all of them are forgotten, which
 // costs a question for each that comes again.
 constexpr size_t kMostRemembered = 4096;
-// Longer than any that the system lets anybody have (LOGIN_NAME_MAX).
-constexpr size_t kLongestRemembered = 256;
+// Longer than any that the system lets anybody have (LOGIN_NAME_MAX). Nobody is asked for a longer one,
+// because directory services put names on the stack: one of megabytes would end the process.
+constexpr size_t kLongestName = 256;
 
 // "e" in the modes below keeps the descriptor from programs that another thread starts.
 using File = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
-
-bool mayBeRemembered(unsigned) { return true; }
-bool mayBeRemembered(const std::string& name) { return name.size() <= kLongestRemembered; }
 
 // Every entry of a file goes to `take`; a file that cannot be opened has none. `next` is the system's
 // fget...ent_r; entries too long for the buffer end it, and are left to the other way.
@@ -72,7 +70,6 @@ Answer UserDatabase::Known<Key, Answer>::find(const Key& key, Ask ask) {
     if (const auto known = map->find(key); known != map->end()) return known->second;
   }
   Answer answer = ask();
-  if (!mayBeRemembered(key)) return answer;
   if (asked.size() >= kMostRemembered) asked.clear();
   asked.emplace(key, answer);
   return answer;
@@ -123,6 +120,7 @@ std::string UserDatabase::groupName(unsigned gid) {
 }
 
 std::optional<unsigned> UserDatabase::userId(const std::string& name) {
+  if (name.size() > kLongestName) return std::nullopt;
   return users().byName.find(name, [&name] {
     std::optional<unsigned> id;
     askSystem<passwd>([&](auto... rest) { return getpwnam_r(name.c_str(), rest...); },
@@ -132,6 +130,7 @@ std::optional<unsigned> UserDatabase::userId(const std::string& name) {
 }
 
 std::optional<unsigned> UserDatabase::groupId(const std::string& name) {
+  if (name.size() > kLongestName) return std::nullopt;
   return groups().byName.find(name, [&name] {
     std::optional<unsigned> id;
     askSystem<group>([&](auto... rest) { return getgrnam_r(name.c_str(), rest...); },

@@ -9,14 +9,17 @@
 #include <optional>
 #include <string>
 
+#include "runtime/base/Export.h"
+
 namespace morvane {
 
 // It is not for the user of the process, whom Psdk::getUsername tells, and does not notice what changes in
 // the database while it lives. Throws std::bad_alloc.
-class UserDatabase {
+class MORVANE_API UserDatabase {
  public:
   // Empty when the number has no name; nothing when the name has no number. A number may have several names
-  // and a name appear twice: the first of the file counts. A database that cannot be read knows nobody.
+  // and a name appear twice: the first of the file counts. A database that cannot be read knows nobody, and
+  // nobody has a name over 256 bytes.
   std::string userName(unsigned uid);
   std::string groupName(unsigned gid);
   std::optional<unsigned> userId(const std::string& name);
@@ -33,7 +36,7 @@ class UserDatabase {
   struct Known {
     std::map<Key, Answer> fromFile, asked;
 
-    // `ask()` is the other way. A longer name than any user has is not remembered: it could be of any size.
+    // `ask()` is the other way.
     template <class Ask>
     Answer find(const Key& key, Ask ask);
   };

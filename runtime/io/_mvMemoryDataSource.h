@@ -19,6 +19,7 @@ class MORVANE_API _mvMemoryDataSource : public _mvDataSource {
   bool endOfStream() override { return m_position >= m_size; }
   // Any position from 0 on; a negative one is a failure, with its line in the log, and leaves the position.
   bool fseekAbsolute64(long long position, LogBase& log) override;
+  // Positions and sizes are in bytes.
   long long ftell64() override { return m_position; }
   long long sizeIfKnown() override { return m_size; }
   bool readsAtOnce() override { return true; }

@@ -34,8 +34,8 @@ class MORVANE_API _mvOutput {
   // held back has to be copied.
   virtual bool _writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log);
 
-  // For outputs that have positions. The base does nothing, succeeds, and stands at 0. The component itself
-  // only ever writes forward.
+  // For outputs that have positions, in bytes from the first; a failure is false, with its line in the log.
+  // The base does nothing, succeeds, and stands at 0. The component itself only ever writes forward.
   virtual bool seekToEnd(LogBase& log);
   virtual bool fseekAbsolute64(long long position, LogBase& log);
   virtual long long ftell64();

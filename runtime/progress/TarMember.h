@@ -21,9 +21,9 @@ struct TarMember {
   // UTF-8, no slash at a directory's end. Writing: in the archive. Reading: below the target; the path rules,
   // confinement and limits hold for a changed one, too. An empty path skips the member.
   std::string path;
-  std::string linkPath;  // of a link, as stored
-  unsigned mode = 0;     // permission bits, the lower twelve
-  unsigned uid = 0, gid = 0;
+  std::string linkPath;       // of a link, as stored
+  unsigned mode = 0;          // permission bits, the lower twelve
+  unsigned uid = 0, gid = 0;  // more than 32 bits stops at 4294967295; left so, the number in full stays
   std::string userName, groupName;
   long long mtime = 0;  // Unix seconds
   unsigned mtimeNanoseconds = 0;
@@ -31,6 +31,12 @@ struct TarMember {
   // Writing a directory of a tree: what is below it is not walked, whether the directory itself is skipped
   // or not.
   bool skipBelow = false;
+
+  // ---- Told as well, and of no effect when written.
+
+  unsigned deviceMajor = 0, deviceMinor = 0;  // of devices; when reading with FullRead
+  long long realSize = 0;                // of the file that the member is, where holes are kept; else `size`
+  long long exactUid = 0, exactGid = 0;  // 0 to 2^63-1
 };
 
 }  // namespace morvane

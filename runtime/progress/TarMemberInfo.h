@@ -18,11 +18,14 @@ struct TarMemberInfo {
   long long mtime = 0;           // Unix seconds
   long long headerPosition = 0;  // byte offset in the tar stream of the member's own header block
   unsigned mode = 0;             // permission bits
+  // Ids that are more than 32 bits stop at 4294967295, which is no id; exactUid and exactGid have them in
+  // full.
   unsigned uid = 0;
   unsigned gid = 0;
   unsigned mtimeNanoseconds = 0;              // with FullRead; count forward from mtime
   unsigned deviceMajor = 0, deviceMinor = 0;  // with FullRead, of devices
   long long realSize = 0;  // of the file that the member is: with Restore=sparse, holes included; else `size`
+  long long exactUid = 0, exactGid = 0;  // 0 to 2^63-1; with FullRead more than uid and gid can hold
 };
 
 }  // namespace morvane

@@ -76,6 +76,8 @@ bool ClsTar::Inner::untarCompressed(_mvDataSource& source, ProgressEvent* progre
     ScopeExit keepWhatArrived([&] { flushed = m_stream.flushOpenOutput(pm.getPm(), m_log); });
     read = (this->*decompress)(source, Io(m_log, pm.getPm()));
   }
+  // Of a run that was not finished, what waits is made or named all the same.
+  if (!read) m_stream.endUnframed(pm.getPm(), m_log);
   const bool ok = read && flushed;
   m_onlyLeftOut = !ok && flushed && m_stream.onlyLeftOut();
   // Bytes behind the compressed data are never read, and would be missing from the whole.

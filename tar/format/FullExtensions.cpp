@@ -9,6 +9,7 @@
 #include <charconv>
 #include <limits>
 
+#include "runtime/fs/FileMetadata.h"
 #include "runtime/log/LogBase.h"
 #include "tar/format/PaxRecordText.h"
 #include "tar/format/TarBlock.h"
@@ -22,6 +23,11 @@ constexpr unsigned kNanosecondDigits = 9;
 // A global name is copied into every member. So one of megabytes would cost as much with each of a million
 // members.
 constexpr size_t kLongestGlobalName = 1024;
+
+// What the system takes at most (XATTR_NAME_MAX, XATTR_SIZE_MAX); an access list of that size has 8191
+// entries, for which this is room with names of an ordinary length. Directories keep theirs until the end of
+// a run.
+constexpr size_t kLongestAttributeName = 255, kLongestAttribute = 65536, kLongestAccessList = 262144;
 
 // The error and the beginning of what it is about; the log makes control characters harmless.
 bool malformed(LogBase& log, const char* why, std::string_view about) {
@@ -61,7 +67,7 @@ std::optional<long long> parseCount(std::string_view text) {
   return value;
 }
 
-// For the 32-bit forms of times and for ids; the exact times keep their 63 bits.
+// For the 32-bit forms of times and ids; the exact ones keep their 63 bits.
 unsigned clampTo32(long long value) {
   constexpr long long kMax = std::numeric_limits<unsigned>::max();
   return static_cast<unsigned>(value < 0 ? 0 : value > kMax ? kMax : value);
@@ -196,12 +202,10 @@ bool FullExtensions::takePaxRecord(std::string_view keyword, std::string_view va
     time = parsePaxTime(value);
     return time->known || malformed(log, "A PAX time is no number.", value);
   };
-  const auto takeId = [&](PaxField field, std::optional<unsigned>& id) {
+  const auto takeId = [&](PaxField field, std::optional<long long>& id) {
     id.reset();
-    if (!note(field)) return true;
-    const std::optional<long long> count = parseCount(value);
     // Ids beyond any range are no reason to lose the member: it then keeps the owner that it gets.
-    id = count ? clampTo32(*count) : std::numeric_limits<unsigned>::max();
+    if (note(field)) id = parseCount(value).value_or(FileMetadata::kNoId);
     return true;
   };
   if (keyword == "path") return takeText(PAX_PATH, to.path);
@@ -227,20 +231,22 @@ bool FullExtensions::takePaxRecord(std::string_view keyword, std::string_view va
   return true;
 }
 
-// The forms that GNU tar, bsdtar and star have in common.
+// The forms that GNU tar, bsdtar and star have in common. A name would end at a NUL, and be another one.
 bool FullExtensions::takeAttribute(std::string_view keyword, std::string_view value, Attributes& to) {
   constexpr std::string_view kXattr = "SCHILY.xattr.";
   if (keyword.substr(0, kXattr.size()) == kXattr) {
-    to.attributes.push_back({unescapedKeyword(keyword.substr(kXattr.size())), std::string(value)});
+    std::string name = unescapedKeyword(keyword.substr(kXattr.size()));
+    const bool isUsable = name.size() <= kLongestAttributeName && name.find('\0') == std::string::npos &&
+                          value.size() <= kLongestAttribute;
+    to.lacksAttributes |= !isUsable;
+    if (isUsable) to.attributes.push_back({std::move(name), std::string(value)});
     return true;
   }
-  if (keyword == "SCHILY.acl.access") {
-    to.accessList = value;
-  } else if (keyword == "SCHILY.acl.default") {
-    to.defaultAccessList = value;
-  } else {
-    return false;
-  }
+  const bool isAccess = keyword == "SCHILY.acl.access";
+  if (!isAccess && keyword != "SCHILY.acl.default") return false;
+  const bool isUsable = value.size() <= kLongestAccessList;
+  to.lacksAttributes |= !isUsable;
+  if (isUsable) (isAccess ? to.accessList : to.defaultAccessList) = value;
   return true;
 }
 
@@ -256,8 +262,8 @@ void FullExtensions::takeSparseRecord(std::string_view keyword, std::string_view
   } else if (keyword == "major") {
     to.sparseMapIsInData = value == "1";
   } else if (keyword == "offset") {
+    to.sparseIsWrong |= !count || to.sparseOffset;  // the one before had no length
     to.sparseOffset = count;
-    to.sparseIsWrong |= !count;
   } else if (keyword == "numbytes") {
     const bool fits = static_cast<long long>(to.sparseRanges.size()) < SparseMap::kMostRanges;
     to.sparseIsWrong |= !count || !to.sparseOffset || !fits;
@@ -275,7 +281,8 @@ void FullExtensions::complete(TarHeader& header, Member& member) {
     member.attributes = std::move(m_next.attributes);
     member.accessList = std::move(m_next.accessList);
     member.defaultAccessList = std::move(m_next.defaultAccessList);
-    m_next.sparseIsWrong |= m_next.sparseMapIsInData && !m_next.sparseSize;
+    member.lacksAttributes = m_next.lacksAttributes;
+    m_next.sparseIsWrong |= m_next.sparseOffset || (m_next.sparseMapIsInData && !m_next.sparseSize);
     if (m_next.sparseSize || m_next.sparseIsWrong) spread(header, member);
     forgetNext();
   }
@@ -320,8 +327,14 @@ void FullExtensions::apply(const Attributes& attributes, unsigned except, TarHea
   if (attributes.linkPath) setOwned(member.m_linkPath, *attributes.linkPath);
   if (attributes.userName && counts(PAX_UNAME)) setOwned(member.m_userName, *attributes.userName);
   if (attributes.groupName && counts(PAX_GNAME)) setOwned(member.m_groupName, *attributes.groupName);
-  if (attributes.uid && counts(PAX_UID)) member.m_uid = *attributes.uid;
-  if (attributes.gid && counts(PAX_GID)) member.m_gid = *attributes.gid;
+  const auto setId = [&](PaxField field, const std::optional<long long>& id, long long& exact,
+                         unsigned& in32) {
+    if (!id || !counts(field)) return;
+    exact = *id;
+    in32 = clampTo32(*id);
+  };
+  setId(PAX_UID, attributes.uid, member.m_exactUid, member.m_uid);
+  setId(PAX_GID, attributes.gid, member.m_exactGid, member.m_gid);
   if (attributes.size) member.m_size = *attributes.size;
   setTime(PAX_MTIME, attributes.mtime, member.m_exactMtime, member.m_mtime);
   setTime(PAX_ATIME, attributes.atime, member.m_exactAtime, member.m_atime);

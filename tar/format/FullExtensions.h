@@ -46,8 +46,7 @@ class FullExtensions {
   // What is not set leaves what the header, or a global record, says.
   struct Attributes {
     std::optional<std::string> path, linkPath, userName, groupName;
-    std::optional<unsigned> uid, gid;
-    std::optional<long long> size;
+    std::optional<long long> uid, gid, size;
     std::optional<TarTime> mtime, atime, ctime;
     std::optional<std::string> sparseName, sparseList;
     std::optional<long long> sparseSize, sparseOffset;
@@ -55,6 +54,7 @@ class FullExtensions {
     bool sparseMapIsInData = false, sparseIsWrong = false;
     std::vector<MemberAttribute> attributes;
     std::string accessList, defaultAccessList;
+    bool lacksAttributes = false;
     unsigned takenBack = 0;  // PaxField bits: an empty value undoes a global record too
   };
 

@@ -30,7 +30,8 @@ struct Member {
   std::string path, linkPath, userName, groupName;
   // Permission bits and whatever else the field held, up to 32 bits.
   unsigned mode = 0;
-  unsigned uid = 0, gid = 0;
+  // In full, 0 to 2^63-1: one that is more than 32 bits is nobody's here, and never becomes another one.
+  long long uid = 0, gid = 0;
   unsigned deviceMajor = 0, deviceMinor = 0;
   long long size = 0;  // data bytes that follow the header, 0 to 2^63-1
   TarTime mtime;
@@ -43,6 +44,7 @@ struct Member {
   bool isContinuation = false;   // its data are the rest of a file that begins in another volume
   std::vector<MemberAttribute> attributes;
   std::string accessList, defaultAccessList;  // POSIX access lists as text; empty: none
+  bool lacksAttributes = false;               // it had some that no system takes, and they are not here
 
   // Takes a header's values as it has them by itself, and copies of its texts; or exchanges texts with it, so
   // that the memory of both is used again. The header's own are then of no use before its next parse.

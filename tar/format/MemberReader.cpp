@@ -5,6 +5,9 @@
 // block into the record's header, the full one what the records say into the member's header.
 #include "tar/format/MemberReader.h"
 
+#include <algorithm>
+
+#include "runtime/fs/FileMetadata.h"
 #include "runtime/log/LogBase.h"
 #include "tar/format/FullExtensions.h"
 #include "tar/format/PaxRecords.h"
@@ -81,13 +84,17 @@ class LenientReader : public MemberReader {
 };
 
 // Records wait in m_extensions until a member comes, however many there are and in whatever order.
-// What is no number is not taken for one: it would make somebody an owner whom nobody meant. 2^32-1 is no id,
-// and no device.
-unsigned numberOrNone(const unsigned char* block, Field field) {
+// What is no number is not taken for one: it would make somebody an owner whom nobody meant. Nor is kNoId a
+// device.
+long long numberOrNone(const unsigned char* block, Field field) {
   const NumberField number = parseNumber(block, field);
   const bool isNone =
       number.state == NumberField::State::Negative || number.state == NumberField::State::Foreign;
-  return isNone ? 0xFFFFFFFF : number.as32();
+  return isNone ? FileMetadata::kNoId : static_cast<long long>(number.value);
+}
+
+unsigned deviceNumber(const unsigned char* block, Field field) {
+  return static_cast<unsigned>(std::min<long long>(numberOrNone(block, field), FileMetadata::kNoId));
 }
 
 class FullReader : public MemberReader {
@@ -111,18 +118,22 @@ class FullReader : public MemberReader {
     m_found.attributes.clear();
     m_found.accessList.clear();
     m_found.defaultAccessList.clear();
+    m_found.lacksAttributes = false;
     if (found == Found::Member) {
       if (const NumberField mtime = parseNumber(block, kMtimeField);
           mtime.state == NumberField::State::Negative) {
         m_header.m_exactMtime.seconds = parseNegative(block, kMtimeField);
       }
-      m_header.m_uid = numberOrNone(block, kUidField);
-      m_header.m_gid = numberOrNone(block, kGidField);
+      m_header.m_exactUid = numberOrNone(block, kUidField);
+      m_header.m_exactGid = numberOrNone(block, kGidField);
       m_extensions.complete(m_header, m_found);
-      m_found.deviceMajor = numberOrNone(block, kDevMajorField);
-      m_found.deviceMinor = numberOrNone(block, kDevMinorField);
+      m_found.deviceMajor = deviceNumber(block, kDevMajorField);
+      m_found.deviceMinor = deviceNumber(block, kDevMinorField);
     }
     m_found.exchangeHeader(m_header);
+    // The lenient reader's have 32 bits.
+    m_found.uid = m_header.m_exactUid;
+    m_found.gid = m_header.m_exactGid;
     if (found == Found::Member && demand().spreads && typeFlag == kTypeSparse) {
       m_found.sparseIsWrong = !m_found.sparse.takeHeaderBlock(block);
     }

@@ -2,6 +2,9 @@
 // may change.
 #include "tar/format/ShownMember.h"
 
+#include <algorithm>
+#include <limits>
+
 #include "runtime/progress/TarMember.h"
 #include "tar/format/Member.h"
 
@@ -11,7 +14,16 @@ namespace {
 
 constexpr unsigned kModeBits = 07777;
 
+// What a callback left as it was shown stays in full.
+void takeId(unsigned shown, long long& id) {
+  if (shown != shownId(id)) id = shown;
+}
+
 }  // namespace
+
+unsigned shownId(long long id) {
+  return static_cast<unsigned>(std::min<long long>(id, std::numeric_limits<unsigned>::max()));
+}
 
 // A directory's size is 0, because no data of it are ever extracted.
 void showMember(const Member& member, const std::string& path, TarMember& shown) {
@@ -21,8 +33,13 @@ void showMember(const Member& member, const std::string& path, TarMember& shown)
   shown.path.assign(path, 0, member.isDirectory ? path.find_last_not_of('/') + 1 : path.size());
   shown.linkPath = member.linkPath;
   shown.mode = member.mode & kModeBits;
-  shown.uid = member.uid;
-  shown.gid = member.gid;
+  shown.uid = shownId(member.uid);
+  shown.gid = shownId(member.gid);
+  shown.exactUid = member.uid;
+  shown.exactGid = member.gid;
+  shown.deviceMajor = member.deviceMajor;
+  shown.deviceMinor = member.deviceMinor;
+  shown.realSize = member.realSize();
   shown.userName = member.userName;
   shown.groupName = member.groupName;
   shown.mtime = member.mtime.seconds;
@@ -38,8 +55,8 @@ void takeShown(const TarMember& shown, Member& member) {
   member.linkPath = shown.linkPath;
   const bool modeIsChanged = shown.mode != (member.mode & kModeBits);
   if (modeIsChanged) member.mode = shown.mode & kModeBits;
-  member.uid = shown.uid;
-  member.gid = shown.gid;
+  takeId(shown.uid, member.uid);
+  takeId(shown.gid, member.gid);
   member.userName = shown.userName;
   member.groupName = shown.groupName;
   // A whole second or more of them would be refused by the system when the time is set.

@@ -13,6 +13,9 @@ struct TarMember;
 // texts of `shown` are used again. Throws std::bad_alloc only.
 void showMember(const Member& member, const std::string& path, TarMember& shown);
 
+// An id as the events' 32 bits have it: what is more stops at 4294967295.
+unsigned shownId(long long id);
+
 // Puts what the event left into the member, but for the path, which has rules of its own in each direction.
 // Mode is cut to its lower twelve bits, nanoseconds to less than a second. Whether the texts fit the format
 // is asked when the member is written.

@@ -28,9 +28,9 @@ void SparseMap::clear() {
 
 bool SparseMap::add(long long offset, long long length) {
   if (offset < 0 || length < 0 || static_cast<long long>(m_ranges.size()) >= kMostRanges) return false;
-  const long long end = saturatedSum(offset, length);
   const bool goesForward = m_ranges.empty() || offset >= m_ranges.back().offset + m_ranges.back().length;
-  if (!goesForward || end > m_realSize) return false;
+  // Not by their sum, which may be more than the type holds: a file of 2^63-1 bytes would take it.
+  if (!goesForward || offset > m_realSize || length > m_realSize - offset) return false;
   m_ranges.push_back({offset, length});
   m_stored += length;  // ranges do not overlap, so the sum is no more than the last one's end
   return true;

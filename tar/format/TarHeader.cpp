@@ -75,7 +75,7 @@ bool invalid(LogBase& log, const char* why) {
 void TarHeader::clear() {
   for (StringBuffer* text : {&m_name, &m_prefix, &m_path, &m_linkName}) text->weakClear();
   m_paxFieldsSet = m_mode = m_uid = m_gid = m_mtime = m_atime = m_ctime = 0;
-  m_size = 0;
+  m_size = m_exactUid = m_exactGid = 0;
   m_typeFlag = '\0';
   m_isDirectory = m_sparseMapGoesOn = false;
   for (auto* owned : {&m_linkPath, &m_userName, &m_groupName}) owned->reset();
@@ -116,8 +116,11 @@ bool TarHeader::parseFromMemory(const unsigned char* block, bool& endOfArchive, 
 // What is no number counts as far as it can be read; a wrong mode or time is no reason to lose a file.
 void TarHeader::takeNumbers(const unsigned char* block) {
   m_mode = parseNumber(block, kModeField).as32();
-  m_uid = parseNumber(block, kUidField).as32();
-  m_gid = parseNumber(block, kGidField).as32();
+  const NumberField uid = parseNumber(block, kUidField), gid = parseNumber(block, kGidField);
+  m_uid = uid.as32();
+  m_gid = gid.as32();
+  m_exactUid = static_cast<long long>(uid.value);
+  m_exactGid = static_cast<long long>(gid.value);
   const NumberField mtime = parseNumber(block, kMtimeField);
   m_mtime = mtime.as32();
   m_exactMtime = {static_cast<long long>(mtime.value), 0, true};

@@ -67,6 +67,7 @@ class MORVANE_API TarHeader {
   bool m_sparseMapGoesOn = false;  // blocks of a GNU sparse map come before the data
   // The times in full; m_mtime, m_atime and m_ctime are their 32-bit forms.
   TarTime m_exactMtime, m_exactAtime, m_exactCtime;
+  long long m_exactUid = 0, m_exactGid = 0;  // the ids in full, 0 to 2^63-1
 
   // Returns the record to the empty state. The texts' memory is kept for the next block.
   void clear();

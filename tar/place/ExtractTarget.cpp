@@ -136,22 +136,26 @@ ExtractTarget::Outcome ExtractTarget::createConfined(const MemberPath& path, con
   return Outcome::Ok;
 }
 
+ExtractTarget::Outcome ExtractTarget::enter(const MemberPath& path, const ReadSettings& settings,
+                                            LogBase& log) {
+  const Outcome judged = judge(path, log);
+  return judged != Outcome::Ok || openConfined(path, settings, log) ? judged : Outcome::NoTarget;
+}
+
 // Links and special files have no plain way: made by path alone they could be put through a link that an
-// earlier member made. All three ask the same questions in the same order.
+// earlier member made.
 ExtractTarget::Outcome ExtractTarget::makeSymbolicLink(const MemberPath& path, const ReadSettings& settings,
                                                        const std::string& text, OsFile& made, LogBase& log) {
-  const Outcome judged = judge(path, log);
-  if (judged != Outcome::Ok) return judged;
-  if (!openConfined(path, settings, log)) return Outcome::NoTarget;
+  const Outcome entered = enter(path, settings, log);
+  if (entered != Outcome::Ok) return entered;
   return outcomeOf(m_confined.makeSymbolicLink(path.entryPath().str(), text, made, log));
 }
 
 ExtractTarget::Outcome ExtractTarget::makeNode(const MemberPath& path, const ReadSettings& settings,
                                                unsigned mode, unsigned long long device, OsFile& made,
                                                LogBase& log) {
-  const Outcome judged = judge(path, log);
-  if (judged != Outcome::Ok) return judged;
-  if (!openConfined(path, settings, log)) return Outcome::NoTarget;
+  const Outcome entered = enter(path, settings, log);
+  if (entered != Outcome::Ok) return entered;
   return outcomeOf(m_confined.makeNode(path.entryPath().str(), mode, device, made, log));
 }
 
@@ -160,9 +164,8 @@ ExtractTarget::Outcome ExtractTarget::makeNode(const MemberPath& path, const Rea
 ExtractTarget::Outcome ExtractTarget::makeHardLink(const MemberPath& path, const ReadSettings& settings,
                                                    const std::string& target, ConfinedDir::Linked& linked,
                                                    LogBase& log) {
-  const Outcome judged = judge(path, log);
-  if (judged != Outcome::Ok) return judged;
-  if (!openConfined(path, settings, log)) return Outcome::NoTarget;
+  const Outcome entered = enter(path, settings, log);
+  if (entered != Outcome::Ok) return entered;
   linked = m_confined.makeHardLink(path.entryPath().str(), target, log);
   if (linked == ConfinedDir::Linked::Refused) return outcomeOf(ConfinedDir::Result::Refused);
   if (linked == ConfinedDir::Linked::Exists) return Outcome::Exists;

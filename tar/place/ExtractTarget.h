@@ -26,6 +26,7 @@ class ExtractTarget {
     Refused,     // the path leaves the target, or what stands in the way may not be removed
     Exists,      // something is there, and the word ExistingFiles keeps it
     TooLong,     // said in the log
+    LeftOut,     // noted as what is not kept, and left out
     Unusable,    // what the archive says of the member makes no sense here: said in the log
     NoTarget,    // the target itself cannot be opened or made
     NoParent,    // a directory above the member cannot be made
@@ -38,6 +39,8 @@ class ExtractTarget {
   // Gives up what is held from an earlier run.
   void reset();
 
+  // What the path alone decides. Everything below asks it before the disk is touched.
+  Outcome judge(const MemberPath& path, LogBase& log);
   // Makes the missing parents and the empty file. A verbose log says which file is made, under `creatingTag`
   // (null: it does not). Null in `file` unless the outcome is Ok; the caller owns it and settles it. `mode`
   // holds on the confined way, less the umask.
@@ -93,8 +96,8 @@ class ExtractTarget {
  private:
   // Opens the directory unless it is open for the same target and words. False, with the reason in the log.
   bool openConfined(const MemberPath& path, const ReadSettings& settings, LogBase& log);
-  // Asked before anything is touched, on both ways.
-  Outcome judge(const MemberPath& path, LogBase& log);
+  // What comes before anything is made on the confined way.
+  Outcome enter(const MemberPath& path, const ReadSettings& settings, LogBase& log);
   // The two ways to make a file. `creatingTag`: null in a log that is not verbose.
   Outcome createConfined(const MemberPath& path, const ReadSettings& settings, unsigned mode,
                          const char* creatingTag, LogBase& log, std::unique_ptr<OutputFile>& file);

@@ -1,23 +1,55 @@
 #include "tar/place/FileSettlement.h"
 
-#include "runtime/fs/FileMetadata.h"
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <limits>
 
 namespace morvane {
 
-// A change of owner may take bits of the mode away, so that the mode is looked at again.
+namespace {
+
+// What every file system has room for. Beyond it some bring a time to the end of their range in silence.
+bool isOrdinary(const timespec& time) {
+  constexpr long long kMost = std::numeric_limits<int>::max();
+  return time.tv_nsec == UTIME_OMIT || (time.tv_sec >= 0 && time.tv_sec <= kMost);
+}
+
+bool isSecondOf(const timespec& wanted, const timespec& found) {
+  return wanted.tv_nsec == UTIME_OMIT || wanted.tv_sec == found.tv_sec;
+}
+
+}  // namespace
+
+// The number that means "leave it" is refused: the archive would then choose to keep the owner that extracts.
+int FileSettlement::giveOwner(int fd, FileMetadata::Status& status) const {
+  if (!setsOwner || (status.isKnown && status.uid == uid && status.gid == gid)) return 0;
+  const bool isId = uid != FileMetadata::kNoId && gid != FileMetadata::kNoId;
+  const int error = isId ? FileMetadata::setOwner(fd, uid, gid) : EINVAL;
+  FileMetadata::look(fd, status);  // the system may have taken bits of the mode away
+  return error;
+}
+
+int FileSettlement::giveMode(int fd, const FileMetadata::Status& status) const {
+  if (!setsMode || (status.isKnown && status.mode == mode)) return 0;
+  return FileMetadata::setMode(fd, mode);
+}
+
+int FileSettlement::giveTimes(int fd) const {
+  const int error = setsTimes ? FileMetadata::setTimes(fd, access, modification) : 0;
+  if (error != 0 || !setsTimes || (isOrdinary(access) && isOrdinary(modification))) return error;
+  struct stat found;
+  if (fstat(fd, &found) != 0) return errno;
+  return isSecondOf(access, found.st_atim) && isSecondOf(modification, found.st_mtim) ? 0 : EOVERFLOW;
+}
+
 bool FileSettlement::apply(int fd) const {
+  FileMetadata::Status status;
   if (setsOwner || setsMode) {
-    FileMetadata::Status status;
     FileMetadata::look(fd, status);
     if (!status.isKnown) return false;
-    if (setsOwner && (status.uid != uid || status.gid != gid)) {
-      if (FileMetadata::setOwner(fd, uid, gid) != 0) return false;
-      FileMetadata::look(fd, status);
-    }
-    if (setsMode && !(status.isKnown && status.mode == mode) && FileMetadata::setMode(fd, mode) != 0)
-      return false;
   }
-  return !setsTimes || FileMetadata::setTimes(fd, access, modification) == 0;
+  return giveOwner(fd, status) == 0 && giveMode(fd, status) == 0 && giveTimes(fd) == 0;
 }
 
 }  // namespace morvane

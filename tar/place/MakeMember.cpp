@@ -7,6 +7,7 @@
 #include <climits>
 #include <utility>
 
+#include "runtime/log/HeldLog.h"
 #include "runtime/log/LogNull.h"
 #include "tar/format/EntryPath.h"
 #include "tar/place/MemberPlacer.h"
@@ -20,6 +21,7 @@ namespace {
 using Outcome = ExtractTarget::Outcome;
 
 constexpr char kNoTarget[] = "The target of a hard link is not there.";
+constexpr char kTargetTooLong[] = "The path of a hard link's target is too long.";
 constexpr char kTargetNotExtracted[] = "The target of a hard link was not extracted.";
 
 // Whether the text of a symbolic link, beside the member, leads out of the target by its parts alone. By its
@@ -116,7 +118,8 @@ Outcome MemberPlacer::makeSymbolicLink(const Member& member, const Io& io) {
 }
 
 // The type decides whether the numbers are looked at; a FIFO has none. With a mode of its own to come, nobody
-// else may open it before that.
+// else may open it before that. Devices are the superuser's: that somebody else cannot make them is no reason
+// to lose the rest, and as it is so for each of them, it is told once.
 Outcome MemberPlacer::makeSpecial(const Member& member, const Io& io) {
   const unsigned type = member.typeFlag == kTypeFifo              ? S_IFIFO
                         : member.typeFlag == kTypeCharacterDevice ? S_IFCHR
@@ -129,10 +132,16 @@ Outcome MemberPlacer::makeSpecial(const Member& member, const Io& io) {
   const unsigned long long device = member.isDevice() ? makedev(member.deviceMajor, member.deviceMinor) : 0;
   OsFile made;
   const unsigned mode = restored().mode ? 0600 : 0666;
-  const Outcome outcome = m_target.makeNode(m_path, settings(), type | mode, device, made, io.log);
-  if (outcome == Outcome::Ok && made.isOpen()) m_restorer.settle(made.fd(), member, m_path.entryPath(), io);
-  // Devices are the superuser's; that somebody else cannot make them is no reason to lose the rest.
+  HeldLog held;
+  held.beginLike(io.log);
+  const Outcome outcome = m_target.makeNode(m_path, settings(), type | mode, device, made, held);
   const bool mayNot = outcome == Outcome::NotCreated && m_target.lastError() == EPERM;
+  if (mayNot && member.isDevice()) {
+    m_restorer.notKept().note(NotKept::Kind::Device, m_path.entryPath(), EPERM, io);
+    return Outcome::LeftOut;
+  }
+  held.tellTo(io.log);
+  if (outcome == Outcome::Ok && made.isOpen()) m_restorer.settle(made.fd(), member, m_path.entryPath(), io);
   return mayNot ? Outcome::Unusable : outcome;
 }
 
@@ -147,6 +156,12 @@ Outcome MemberPlacer::makeHardLink(const Member& member, const Io& io, Placed& p
   const std::string& path = m_path.entryPath().str();
   if (target.empty()) {
     sayNoTarget(kNoTarget, target, io);
+    return Outcome::Unusable;
+  }
+  // Asked now, because a link that waits would keep both paths until the end, whatever their length.
+  if (const Outcome judged = m_target.judge(m_path, io.log); judged != Outcome::Ok) return judged;
+  if (target.size() > ExtractTarget::kLongestPath) {
+    io.fail(kTargetTooLong);
     return Outcome::Unusable;
   }
   const LinkTable::Seen seen = m_linkIsGiven ? LinkTable::Seen::Made : m_links.seen(target);
@@ -203,8 +218,9 @@ bool MemberPlacer::finishSpreading(_mvOutput& out, const Io& io) {
 }
 
 // A sparse file gets its length here, since the hole at its end has no data behind it. Without anything to
-// restore a member gets its modification time alone, as ever. A descriptor below 0 is a file that was dropped
-// after a failure of its own.
+// restore a member gets its modification time alone, as ever. Half of a file does not become somebody's
+// program, nor look like the whole by its time: it stays as it was made. A descriptor below 0 is a file that
+// was dropped after a failure of its own.
 FileEnd MemberPlacer::settle(const Member& member, _mvOutput& out, OutputFile& file, bool isComplete,
                              const MemberTimes& times, const Io& io) {
   isComplete = isComplete && finishSpreading(out, io);
@@ -213,7 +229,9 @@ FileEnd MemberPlacer::settle(const Member& member, _mvOutput& out, OutputFile& f
                       [&](OutputFile& open) { return setFileTimes(open, times, io.log); });
   }
   return settleFile(file, isComplete, io, [&](OutputFile& open) {
-    if (open.descriptor() >= 0) m_restorer.settle(open.descriptor(), member, m_path.entryPath(), io);
+    const bool isWhole = isComplete && open.flush(io.monitor, io.log);
+    if (isWhole && open.descriptor() >= 0)
+      m_restorer.settle(open.descriptor(), member, m_path.entryPath(), io);
     return true;
   });
 }
@@ -279,13 +297,20 @@ void MemberPlacer::finishTarget(const Io& io) {
   if (ConfinedDir* const target = m_target.confined()) m_restorer.settleDirectories(*target, io);
 }
 
-// Counts are told once all members are through, directories among them.
+// Counts are told once all members are through, directories among them. What a run has failed for stays the
+// cause of its failure, whatever is said here.
 void MemberPlacer::finish(const Io& io) {
   if (!restored().any()) return;
+  LogBase::Cause cause = io.log.cause();
+  io.log.forgetCause();
   finishTarget(io);
   m_restorer.notKept().tellCounts(io);
   m_anyLeftOut |= m_restorer.notKept().any();
   m_restorer.notKept().clear();
+  if (cause.message.empty()) return;
+  io.log.forgetCause();
+  cause.depth -= io.log.contextDepth();  // as a held one counts
+  io.log.takeHeldCause(cause);
 }
 
 // Directories that wait may be closed to everybody but their owner, so that they are settled even when the

@@ -9,6 +9,7 @@
 #include "runtime/progress/TarMemberInfo.h"
 #include "tar/format/EntryPath.h"
 #include "tar/format/Member.h"
+#include "tar/format/ShownMember.h"
 
 namespace morvane {
 
@@ -76,8 +77,10 @@ void announceHeader(ProgressEvent& event, const Member& member, const XString& e
   info.mtime = member.mtime.seconds;
   info.headerPosition = member.headerPosition;
   info.mode = member.mode;
-  info.uid = member.uid;
-  info.gid = member.gid;
+  info.uid = shownId(member.uid);
+  info.gid = shownId(member.gid);
+  info.exactUid = member.uid;
+  info.exactGid = member.gid;
   info.mtimeNanoseconds = member.mtime.nanoseconds;
   info.deviceMajor = member.deviceMajor;
   info.deviceMinor = member.deviceMinor;

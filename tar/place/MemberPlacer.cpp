@@ -21,10 +21,10 @@ void tellAndGoOn(const char* what, const MemberPath& path, const Io& io) {
 }
 
 // The line behind the notice has the path, as the event does.
-void reportIncomplete(const MemberPath& path, const Io& io) {
-  io.log.LogNotice("Member incomplete: it cannot be written.");
+void reportIncomplete(const char* message, const MemberPath& path, const Io& io) {
+  io.log.LogNotice(message);
   io.log.LogDataX("entryPath", path.entryPath());
-  tellAndGoOn("incomplete", path, io);
+  io.inform("incomplete", path.entryPath().getUtf8());
 }
 
 // A full disk, one that cannot be written, or a process that can open nothing more: the next member would
@@ -160,7 +160,9 @@ Placed MemberPlacer::place(const Member& member, const Io& io) {
     placed.result = Placed::Result::LeftOut;
     return placed;
   }
-  if (goesOnWithout(outcome)) {
+  if (outcome == Outcome::LeftOut) {
+    placed.result = Placed::Result::LeftOut;
+  } else if (goesOnWithout(outcome)) {
     m_target.tellNotCreated(io.log);
     reportLeftOut(outcome == Outcome::Refused ? m_target.lastRefusal() : nullptr, io);
     placed.result = Placed::Result::LeftOut;
@@ -210,14 +212,21 @@ bool MemberPlacer::goesOnWithout(ExtractTarget::Outcome outcome) const {
   return outcome == Outcome::TooLong || !isLasting(m_target.lastError());
 }
 
-// Times that could not be set cost no member its success; that is told and the run is whole.
+// Times that could not be set cost no member its success; that is told and the run is whole. Where members
+// are restored, one whose data end too soon is named, because what is left of it is not what the archive
+// says. A failure to write has the file's path already, and an abort is the application's own.
 bool MemberPlacer::noteEnd(const FileEnd& end, const Io& io) {
   if (end.isWhole) {
     if (!end.timesAreSet) tellAndGoOn("timesNotSet", m_path, io);
     return true;
   }
-  if (!end.hasFailedAlone) return false;
-  reportIncomplete(m_path, io);
+  if (!end.hasFailedAlone) {
+    const bool isNews = restored().any() && !io.isAborted() && io.log.cause().path.empty();
+    if (isNews) reportIncomplete("Member incomplete: only a part of it is there.", m_path, io);
+    return false;
+  }
+  reportIncomplete("Member incomplete: it cannot be written.", m_path, io);
+  io.log.forgetCause();  // the run goes on
   m_anyLeftOut = true;
   return true;
 }

@@ -19,18 +19,14 @@ namespace morvane {
 
 namespace {
 
-// To the system it means "leave the owner as it is".
-constexpr unsigned kNoId = 0xFFFFFFFF;
+constexpr unsigned kGroupBits = 070;
+// What the attributes of all directories that wait to be settled may take together: more than any honest tree
+// has, and no more than a process can spare.
+constexpr size_t kMostKeptBytes = 64 << 20;
 
-bool startsWith(const std::string& name, std::string_view start) {
-  return name.compare(0, start.size(), start) == 0;
-}
-
-bool isUserAttribute(const std::string& name) { return startsWith(name, "user."); }
-
-// Those that the superuser alone may set, and that a change of owner takes away.
-bool isSecurityAttribute(const std::string& name) {
-  return startsWith(name, "security.") || startsWith(name, "trusted.");
+// One that the system has no room for is no id here: cut, it would be somebody else's.
+unsigned systemId(long long id) {
+  return id < FileMetadata::kNoId ? static_cast<unsigned>(id) : FileMetadata::kNoId;
 }
 
 }  // namespace
@@ -42,8 +38,9 @@ void MetadataRestorer::begin(const TarOptions& options) {
   m_settlesExisting = options.settlesExistingDirectories && m_parts.fullMode;
   m_directories.clear();
   m_newParents.clear();
+  m_keptBytes = 0;
   m_notKept.clear();
-  if (m_parts.mode && !m_parts.fullMode) m_umask = FileMetadata::umask();
+  if (m_parts.mode) m_umask = FileMetadata::umask();
   if (m_parts.owner) FileMetadata::ownIds(m_ownUid, m_ownGid);
 }
 
@@ -75,90 +72,87 @@ bool MetadataRestorer::wasMadeWithItsMode(const Member& member) const {
   return m_isMadeWithItsMode && !member.isDirectory && !member.isSpecial();
 }
 
-// A step that fails is noted, and the next ones are taken all the same.
+// Of several failures of one kind the first is told, so that members are counted and not failures.
+void MetadataRestorer::Settling::note(NotKept::Kind kind, int error) {
+  const unsigned bit = 1u << static_cast<unsigned>(kind);
+  if ((noted & bit) == 0) notKept.note(kind, entryPath, error, io);
+  noted |= bit;
+}
+
+// A step that fails is noted, and the next ones are taken all the same. One look at what is there spares most
+// files two calls. Links have no mode of their own.
 void MetadataRestorer::settle(int fd, const Member& member, const XString& entryPath, const Io& io) {
-  m_hasList = false;
-  // One look at what is there spares most files two calls.
-  FileMetadata::Status status;
-  if (m_parts.owner || (m_parts.mode && !wasMadeWithItsMode(member))) FileMetadata::look(fd, status);
-  const bool ownerIsKept = !m_parts.owner || setOwner(fd, member, status, entryPath, io);
-  // Links have neither a mode nor attributes that are their own.
-  if (!member.isSymbolicLink()) {
-    if (m_parts.xattr) setAttributes(fd, member, false, entryPath, io);
-    if (m_parts.mode) setMode(fd, member, status, ownerIsKept, entryPath, io);
-    if (m_parts.all) setAttributes(fd, member, true, entryPath, io);
-  }
-  if (m_parts.time) setTimes(fd, member, entryPath, io);
+  Settling now{fd, member, entryPath, io, m_notKept, plan(member)};
+  FileSettlement& given = now.given;
+  if (given.setsOwner || given.setsMode) FileMetadata::look(fd, now.status);
+  const int owner = given.giveOwner(fd, now.status);
+  if (owner != 0) now.note(NotKept::Kind::Owner, owner);
+  if (m_parts.xattr) setUserAttributes(now);
+  if (!member.isSymbolicLink()) setMode(now, owner == 0);
+  if (m_parts.all) setAttributes(now, FileMetadata::isSecurityAttribute);
+  const int times = given.giveTimes(fd);
+  if (times != 0) now.note(NotKept::Kind::Times, times);
 }
 
 // A name goes before a number unless OwnerById says otherwise, since numbers mean different people on
 // different systems. A name that is not known here leaves the number.
 unsigned MetadataRestorer::uidOf(const Member& member) {
-  if (m_byId || member.userName.empty()) return member.uid;
-  return m_users.userId(member.userName).value_or(member.uid);
+  if (m_byId || member.userName.empty()) return systemId(member.uid);
+  return m_users.userId(member.userName).value_or(systemId(member.uid));
 }
 
 unsigned MetadataRestorer::gidOf(const Member& member) {
-  if (m_byId || member.groupName.empty()) return member.gid;
-  return m_users.groupId(member.groupName).value_or(member.gid);
-}
-
-// The number that means "leave it" is refused: the archive would then choose to keep the owner that extracts.
-// Status is looked at again behind the change, for the mode that follows.
-bool MetadataRestorer::setOwner(int fd, const Member& member, FileMetadata::Status& status,
-                                const XString& entryPath, const Io& io) {
-  const unsigned uid = uidOf(member), gid = gidOf(member);
-  if (status.isKnown && status.uid == uid && status.gid == gid) return true;
-  const int error = uid == kNoId || gid == kNoId ? EINVAL : FileMetadata::setOwner(fd, uid, gid);
-  if (error != 0) m_notKept.note(NotKept::Kind::Owner, entryPath, error, io);
-  FileMetadata::look(fd, status);  // the system may have taken bits of the mode away
-  return error == 0;
+  if (m_byId || member.groupName.empty()) return systemId(member.gid);
+  return m_users.groupId(member.groupName).value_or(systemId(member.gid));
 }
 
 // Set-id bits only on what belongs to the owner that the archive states: on anybody else's file they would be
-// a program that runs as somebody whom nobody meant. Comparing first spares the call where the mode is right
-// already. A file with a list keeps its group bits, which are the list's mask.
-void MetadataRestorer::setMode(int fd, const Member& member, const FileMetadata::Status& status,
-                               bool ownerIsKept, const XString& entryPath, const Io& io) {
-  unsigned mode = member.mode & FileMetadata::kAllBits;
-  if (member.isSpecial()) mode &= ~FileMetadata::kSetIds;  // they mean nothing there
-  if (!m_parts.fullMode) {
-    mode &= FileMetadata::kPermissions & ~m_umask;
-  } else if ((mode & FileMetadata::kSetIds) != 0) {
-    const bool isOwners = status.isKnown && status.uid == uidOf(member) && status.gid == gidOf(member);
-    if (!ownerIsKept || !isOwners) mode &= ~FileMetadata::kSetIds;
-    // Nobody decided that against the member: the system did not say whose it is.
-    if (!status.isKnown) m_notKept.note(NotKept::Kind::Mode, entryPath, status.error, io);
-  }
-  if (status.isKnown && status.mode == mode && !m_hasList) return;
-  if (wasMadeWithItsMode(member)) return;
-  const int error = m_hasList ? FileMetadata::setModeBesideList(fd, mode) : FileMetadata::setMode(fd, mode);
-  if (error != 0) m_notKept.note(NotKept::Kind::Mode, entryPath, error, io);
+// a program that runs as somebody whom nobody meant. Beside an access list the group bits are the list's mask
+// and stay, because the list would lose the rights that its mask gives.
+void MetadataRestorer::setMode(Settling& now, bool ownerIsKept) {
+  if (!now.given.setsMode) return;
+  const FileMetadata::Status& status = now.status;
+  unsigned& mode = now.given.mode;
+  if (now.member.isSpecial()) mode &= ~FileMetadata::kSetIds;  // they mean nothing there
+  const bool hasSetIds = (mode & FileMetadata::kSetIds) != 0;
+  // Nobody decided that against the member: the system did not say whose it is, or what its mask is.
+  if (!status.isKnown && (hasSetIds || now.hasList)) now.note(NotKept::Kind::Mode, status.error);
+  if (!status.isKnown && now.hasList) return;
+  const bool isOwners =
+      hasSetIds && status.isKnown && status.uid == uidOf(now.member) && status.gid == gidOf(now.member);
+  if (!ownerIsKept || !isOwners) mode &= ~FileMetadata::kSetIds;
+  if (now.hasList) mode = (mode & ~kGroupBits) | (status.mode & kGroupBits);
+  const int error = now.given.giveMode(now.fd, status);
+  if (error != 0) now.note(NotKept::Kind::Mode, error);
 }
 
-// Called twice, for the two kinds; lists go with the first, before the mode. Default lists are directories'
-// alone.
-void MetadataRestorer::setAttributes(int fd, const Member& member, bool security, const XString& entryPath,
-                                     const Io& io) {
-  for (const MemberAttribute& attribute : member.attributes) {
-    if (!(security ? isSecurityAttribute : isUserAttribute)(attribute.name)) continue;
-    const int error = FileMetadata::setAttribute(fd, attribute.name, attribute.value);
-    if (error != 0) m_notKept.note(NotKept::Kind::Attributes, entryPath, error, io);
-  }
-  if (security) return;
-  m_hasList = setAccessList(fd, FileMetadata::kAccessList, member.accessList, entryPath, io);
-  if (member.isDirectory) {
-    setAccessList(fd, FileMetadata::kDefaultList, member.defaultAccessList, entryPath, io);
+void MetadataRestorer::setAttributes(Settling& now, bool (*isMeant)(const std::string& name)) {
+  for (const MemberAttribute& attribute : now.member.attributes) {
+    if (!isMeant(attribute.name)) continue;
+    const int error = FileMetadata::setAttribute(now.fd, attribute.name, attribute.value);
+    if (error != 0) now.note(NotKept::Kind::Attributes, error);
   }
 }
 
-bool MetadataRestorer::setAccessList(int fd, const char* name, const std::string& text,
-                                     const XString& entryPath, const Io& io) {
-  if (text.empty()) return false;
+// Lists go before the mode, which they change. Default lists are directories' alone.
+void MetadataRestorer::setUserAttributes(Settling& now) {
+  const Member& member = now.member;
+  if (member.lacksAttributes) now.note(NotKept::Kind::Attributes, E2BIG);
+  setAttributes(now, FileMetadata::isUserAttribute);
+  if (!member.accessList.empty()) {
+    now.hasList = setAccessList(now, FileMetadata::kAccessList, member.accessList);
+    FileMetadata::look(now.fd, now.status);
+  }
+  if (member.isDirectory && !member.defaultAccessList.empty())
+    setAccessList(now, FileMetadata::kDefaultList, member.defaultAccessList);
+}
+
+// A list without a mask says what the mode says: the system makes one of it, and the umask holds for that.
+bool MetadataRestorer::setAccessList(Settling& now, const char* name, const std::string& text) {
   const std::optional<std::string> bytes = accessListBytes(text, m_byId, m_users);
-  const int error = bytes ? FileMetadata::setAttribute(fd, name, *bytes) : EINVAL;
-  if (error != 0) m_notKept.note(NotKept::Kind::Attributes, entryPath, error, io);
-  return error == 0;
+  const int error = bytes ? FileMetadata::setAttribute(now.fd, name, *bytes) : EINVAL;
+  if (error != 0) now.note(NotKept::Kind::Attributes, error);
+  return error == 0 && isExtendedAccessList(*bytes);
 }
 
 // An access time that the archive does not have stays what extraction made it.
@@ -169,10 +163,10 @@ timespec MetadataRestorer::accessTimeOf(const Member& member) {
 }
 
 bool MetadataRestorer::isPlain(const Member& member) {
-  const bool hasMore = !member.attributes.empty() || !member.accessList.empty();
+  const bool hasMore = !member.attributes.empty() || !member.accessList.empty() || member.lacksAttributes;
   const bool hasSetId = (member.mode & FileMetadata::kSetIds) != 0;
   if (((m_parts.xattr || m_parts.all) && hasMore) || (m_parts.fullMode && hasSetId)) return false;
-  return !m_parts.owner || (uidOf(member) != kNoId && gidOf(member) != kNoId);
+  return !m_parts.owner || (uidOf(member) != FileMetadata::kNoId && gidOf(member) != FileMetadata::kNoId);
 }
 
 FileSettlement MetadataRestorer::plan(const Member& member) {
@@ -180,18 +174,13 @@ FileSettlement MetadataRestorer::plan(const Member& member) {
   settlement.setsOwner = m_parts.owner;
   settlement.uid = m_parts.owner ? uidOf(member) : 0;
   settlement.gid = m_parts.owner ? gidOf(member) : 0;
-  settlement.setsMode = m_parts.mode && !wasMadeWithItsMode(member);
+  settlement.setsMode = m_parts.mode && !member.isSymbolicLink() && !wasMadeWithItsMode(member);
   settlement.mode = member.mode & FileMetadata::kAllBits;
   if (!m_parts.fullMode) settlement.mode &= FileMetadata::kPermissions & ~m_umask;
   settlement.setsTimes = m_parts.time;
   settlement.access = accessTimeOf(member);
   settlement.modification = member.mtime.fileTime().toTimespec();
   return settlement;
-}
-
-void MetadataRestorer::setTimes(int fd, const Member& member, const XString& entryPath, const Io& io) {
-  const int error = FileMetadata::setTimes(fd, accessTimeOf(member), member.mtime.fileTime().toTimespec());
-  if (error != 0) m_notKept.note(NotKept::Kind::Times, entryPath, error, io);
 }
 
 void MetadataRestorer::noteParents(const std::vector<ConfinedDir::NewParent>& parents) {
@@ -203,23 +192,35 @@ void MetadataRestorer::noteParents(const std::vector<ConfinedDir::NewParent>& pa
 // one said, as a later member does.
 void MetadataRestorer::noteDirectory(const ConfinedDir::MadeDirectory& made, const Member& member,
                                      const std::string& path) {
-  if (!made.isKnown) return;
+  if (!made.isKnown && !made.isForeign) return;
   const bool isOurs = made.isNew || m_settlesExisting || m_newParents.count(made.identity) > 0 ||
                       m_directories.count(made.identity) > 0;
   if (!isOurs) return;
   Directory& kept = m_directories[made.identity];
+  if (made.isNew) kept.isForeign = made.isForeign;
   kept.path = cleanPath(path);
   kept.mode = member.mode;
   kept.uid = uidOf(member);
   kept.gid = gidOf(member);
   kept.mtime = member.mtime;
   kept.atime = member.atime;
+  if (m_parts.xattr || m_parts.all) keepAttributes(member, kept);
+}
+
+// What would be too much with the others' is left off, and that is noted when the directory is settled.
+void MetadataRestorer::keepAttributes(const Member& member, Directory& kept) {
+  if (kept.more) m_keptBytes -= kept.more->bytes;
   kept.more.reset();
-  const bool hasMore =
-      !member.attributes.empty() || !member.accessList.empty() || !member.defaultAccessList.empty();
-  if (!m_parts.xattr || !hasMore) return;
+  kept.lacksAttributes = member.lacksAttributes;
+  size_t bytes = member.accessList.size() + member.defaultAccessList.size();
+  for (const MemberAttribute& each : member.attributes)
+    bytes += sizeof each + each.name.size() + each.value.size();
+  if (bytes == 0) return;
+  kept.lacksAttributes |= bytes > kMostKeptBytes - m_keptBytes;
+  if (bytes > kMostKeptBytes - m_keptBytes) return;
+  m_keptBytes += bytes;
   kept.more = std::make_unique<Directory::More>();
-  *kept.more = {member.attributes, member.accessList, member.defaultAccessList};
+  *kept.more = {member.attributes, member.accessList, member.defaultAccessList, bytes};
 }
 
 // As the member that settle takes. Its owner is known by number, so that it has no names.
@@ -233,11 +234,22 @@ Member MetadataRestorer::memberOf(const Directory& kept) {
   member.gid = kept.gid;
   member.mtime = kept.mtime;
   member.atime = kept.atime;
+  member.lacksAttributes = kept.lacksAttributes;
   if (!kept.more) return member;
   member.attributes = std::move(kept.more->attributes);
   member.accessList = std::move(kept.more->accessList);
   member.defaultAccessList = std::move(kept.more->defaultAccessList);
   return member;
+}
+
+// Nobody but its owner could use it as it was made. It gets no more than any new directory has, because it
+// may be somebody else's; and it is open as itself, so that no other gets that.
+void MetadataRestorer::settleForeign(int fd, const Member& directory, const XString& entryPath,
+                                     const Io& io) {
+  if (!m_parts.mode) return;
+  const unsigned mode = directory.mode & FileMetadata::kPermissions & ~m_umask;
+  const int error = FileMetadata::setMode(fd, mode);
+  m_notKept.note(NotKept::Kind::Mode, entryPath, error != 0 ? error : EPERM, io);
 }
 
 // Deepest first: setting the mode of a directory may close the way to those in it. Each is opened anew by its
@@ -257,7 +269,8 @@ void MetadataRestorer::settleDirectories(ConfinedDir& target, const Io& io) {
     const bool isThere = file.isOpen() && file.status(status) == 0;
     const int error = errno;  // of the one or the other, where it is not there
     if (isThere && status.st_dev == each->first.device && status.st_ino == each->first.inode) {
-      settle(file.fd(), directory, entryPath, io);
+      each->second.isForeign ? settleForeign(file.fd(), directory, entryPath, io)
+                             : settle(file.fd(), directory, entryPath, io);
       continue;
     }
     // A later member may have taken its place; what cannot be opened is another matter.
@@ -269,6 +282,7 @@ void MetadataRestorer::settleDirectories(ConfinedDir& target, const Io& io) {
   }
   m_directories.clear();
   m_newParents.clear();
+  m_keptBytes = 0;
 }
 
 }  // namespace morvane

@@ -60,26 +60,41 @@ class MetadataRestorer {
     struct More {
       std::vector<MemberAttribute> attributes;
       std::string accessList, defaultAccessList;
+      size_t bytes = 0;  // what it counts for in m_keptBytes
     };
     std::string path;
     unsigned mode = 0, uid = 0, gid = 0;
     TarTime mtime, atime;
+    bool lacksAttributes = false;
+    bool isForeign = false;      // see ConfinedDir::MadeDirectory
     std::unique_ptr<More> more;  // few have any
+  };
+  // What is being settled, and how far it has come.
+  struct Settling {
+    const int fd;
+    const Member& member;
+    const XString& entryPath;
+    const Io& io;
+    NotKept& notKept;
+    FileSettlement given;
+    FileMetadata::Status status = {};  // what is there; looked at where owner or mode are set
+    bool hasList = false;              // it has got an access list that says more than a mode
+    unsigned noted = 0;                // kinds of what is not kept, a bit each
+
+    void note(NotKept::Kind kind, int error);
   };
   static Member memberOf(const Directory& kept);
   bool isOurs(const Member& member);
   bool setsAfterwards(const Member& member);
   bool wasMadeWithItsMode(const Member& member) const;
-  // Each sets one part and notes what the system would not. setOwner brings `status` up to date and tells
-  // whether the owner is the archive's now.
-  bool setOwner(int fd, const Member& member, FileMetadata::Status& status, const XString& entryPath,
-                const Io& io);
-  void setMode(int fd, const Member& member, const FileMetadata::Status& status, bool ownerIsKept,
-               const XString& entryPath, const Io& io);
-  void setAttributes(int fd, const Member& member, bool security, const XString& entryPath, const Io& io);
-  bool setAccessList(int fd, const char* name, const std::string& text, const XString& entryPath,
-                     const Io& io);
-  void setTimes(int fd, const Member& member, const XString& entryPath, const Io& io);
+  // Each sets one part and notes what the system would not.
+  void setMode(Settling& now, bool ownerIsKept);
+  void setAttributes(Settling& now, bool (*isMeant)(const std::string& name));
+  void setUserAttributes(Settling& now);
+  // Whether it is a list that says more than a mode.
+  bool setAccessList(Settling& now, const char* name, const std::string& text);
+  void settleForeign(int fd, const Member& directory, const XString& entryPath, const Io& io);
+  void keepAttributes(const Member& member, Directory& kept);
   static timespec accessTimeOf(const Member& member);
   // Of this system, by name or number.
   unsigned uidOf(const Member& member);
@@ -95,10 +110,10 @@ class MetadataRestorer {
   UserDatabase m_users;
   NotKept m_notKept;
   bool m_isMadeWithItsMode = false;  // the file that was made last
-  bool m_hasList = false;            // the file being settled has got an access list
   // Those that the run made on the way, and those that have members: their paths and what to give them.
   std::map<ConfinedDir::Identity, Directory> m_directories;
   std::set<ConfinedDir::Identity> m_newParents;
+  size_t m_keptBytes = 0;  // of their attributes
 };
 
 }  // namespace morvane

@@ -14,6 +14,7 @@ namespace {
 // In the order of Kind. The events' names are part of the interface: applications compare them.
 struct Row {
   const char *message, *event, *countEvent;
+  bool isMissing = false;  // the member is not made
 };
 constexpr Row kRows[] = {
     {"The member's owner is not kept.", "ownerNotKept", "ownersNotKept"},
@@ -21,6 +22,7 @@ constexpr Row kRows[] = {
     {"The member's times are not kept.", "timesNotKept", "allTimesNotKept"},
     {"Attributes of the member are not kept.", "attributesNotKept", "allAttributesNotKept"},
     {"The member is a copy: a link cannot be made here.", "linkNotKept", "linksNotKept"},
+    {"The device is not made.", "deviceNotKept", "devicesNotKept", true},
 };
 // A kind without a row would be told as another.
 static_assert(std::size(kRows) == static_cast<size_t>(NotKept::Kind::Count));
@@ -30,7 +32,10 @@ static_assert(std::size(kRows) == static_cast<size_t>(NotKept::Kind::Count));
 // The cause is there while the event is told, so that a callback may ask for it, and gone behind it.
 void NotKept::note(Kind kind, const XString& entryPath, int error, const Io& io) {
   const auto index = static_cast<size_t>(kind);
-  if (++m_counts[index] > 1) return;
+  if (++m_counts[index] > 1) {
+    if (kRows[index].isMissing) io.inform(kRows[index].event, entryPath.getUtf8());
+    return;
+  }
   const char* const reason = error != 0 ? std::strerror(error) : "";
   io.log.LogNotice(kRows[index].message);
   io.log.LogDataX("entryPath", entryPath);

@@ -14,12 +14,13 @@ struct Io;
 class NotKept {
  public:
   // Count is none, but how many there are.
-  enum class Kind { Owner, Mode, Times, Attributes, Link, Count };
+  enum class Kind { Owner, Mode, Times, Attributes, Link, Device, Count };
 
   // Before a run, and behind the counts.
   void clear() { m_counts = {}; }
   // `error` is the system's reason, 0 when it was none of the system's. The event hears "ownerNotKept" and so
-  // on with the path; the log has the reason.
+  // on with the path; the log has the reason. Of members that are not there at all (Device) the event hears
+  // each.
   void note(Kind kind, const XString& entryPath, int error, const Io& io);
   // At the end of a run: how many there were, where there were more than one ("ownersNotKept", "12").
   void tellCounts(const Io& io);

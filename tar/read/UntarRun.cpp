@@ -84,8 +84,7 @@ int UntarRun::run() {
   }
   // What was chosen before a failure is made all the same.
   if (!doUndone(true)) step = Step::Fail;
-  // Of a run that failed, what waits for a member that never came is no news.
-  step == Step::Fail ? m_placer.finishQuietly() : m_placer.finish(m_io);
+  m_placer.finish(m_io);
   m_onlyLeftOut = step != Step::Fail && m_placer.anyLeftOut();
   return step == Step::Fail || m_placer.anyLeftOut() ? -1 : m_count;
 }

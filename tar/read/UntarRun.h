@@ -84,7 +84,7 @@ class UntarRun {
   bool copyBehind(WriteBehind::File& file);
   bool doUndone(bool waitsForAll);
   bool doAgain(const WriteBehind::File& file);
-  void leavePart(WriteBehind::File& file, bool isSettled);
+  void leavePart(WriteBehind::File& file);
   FileEnd fillAgain(const WriteBehind::File& file, Placed placed, const Io& io);
   bool failWith(const char* message, const char* tag, const XString& value);
   Step passOver(long long upTo);

@@ -59,11 +59,10 @@ bool UntarRun::couldNotMake(Placed::Result result, bool isDirectory) {
 // its data taken, so that the cursor stands right.
 bool UntarRun::copyToFile(FileToFill to, bool& leftOut) {
   const FileEnd end = fillFile(m_context.source, m_member, std::move(to), m_io);
-  if (!end.isWhole && !end.hasFailedAlone)
-    return failWith(kCannotExtract, "filePath", m_placer.path().outputPath());
+  if (!m_placer.noteEnd(end, m_io)) return failWith(kCannotExtract, "filePath", m_placer.path().outputPath());
   m_cursor.passed(m_member.size);
   leftOut = !end.isWhole;
-  return m_placer.noteEnd(end, m_io);
+  return true;
 }
 
 FileEnd UntarRun::fillFile(_mvDataSource& source, const Member& member, FileToFill to, const Io& io) {
@@ -81,7 +80,7 @@ FileEnd UntarRun::fillFile(_mvDataSource& source, const Member& member, FileToFi
 
 // The data are read here, with the events that reading has; only then the file is begun. Of data that end too
 // soon the file gets what there was, as always, and the lines about them come behind those about earlier
-// files. An exception of a callback leaves what came, too, but nothing is set of it.
+// files. An exception of a callback leaves what came, too.
 bool UntarRun::copyBehind(WriteBehind::File& file) {
   m_held.beginLike(m_log);
   bool isComplete = false;
@@ -90,7 +89,7 @@ bool UntarRun::copyBehind(WriteBehind::File& file) {
     isComplete = m_context.source.copyNToOutput2PM(out, m_member.size, m_copyBuffer.get(), m_copyBufferSize,
                                                    m_io.monitor, m_held);
   } catch (...) {
-    leavePart(file, false);
+    leavePart(file);
     throw;
   }
   if (isComplete) {
@@ -98,25 +97,22 @@ bool UntarRun::copyBehind(WriteBehind::File& file) {
     m_placer.submitBehind(file);
     return doUndone(false);
   }
-  if (doUndone(true)) leavePart(file, true);
+  if (doUndone(true)) leavePart(file);
   {
     LogContextExitor context(m_log, "extractToFile");
     m_held.tellTo(m_log);
   }
+  (void)m_placer.noteEnd({}, m_io);  // it names the member
   return failWith(kCannotExtract, "filePath", m_placer.path().outputPath());
 }
 
-// As far as its data came, with no time of its own. Why they ended is told by the caller.
-void UntarRun::leavePart(WriteBehind::File& file, bool isSettled) {
+// As far as its data came, and nothing else of it. Why they ended is told by the caller.
+void UntarRun::leavePart(WriteBehind::File& file) {
   file.takeSize();
   LogNull unwanted;
   const Io quiet(unwanted);
-  Placed placed = m_placer.place(m_member, quiet);
-  if (placed.file && isSettled) {
-    fillAgain(file, std::move(placed), quiet);
-  } else if (placed.file) {
-    (void)placed.out->writeBytesPM(file.bytes(), file.size, nullptr, unwanted);
-  }
+  const Placed placed = m_placer.place(m_member, quiet);
+  if (placed.file) (void)placed.out->writeBytesPM(file.bytes(), file.size, nullptr, unwanted);
 }
 
 FileEnd UntarRun::fillAgain(const WriteBehind::File& file, Placed placed, const Io& io) {
@@ -139,10 +135,9 @@ bool UntarRun::doAgain(const WriteBehind::File& file) {
   }
   if (placed.result != Placed::Result::Made) return couldNotMake(placed.result, false);
   const FileEnd end = fillAgain(file, std::move(placed), io);
-  if (!end.isWhole && !end.hasFailedAlone)
-    return failWith(kCannotExtract, "filePath", m_placer.path().outputPath());
+  if (!m_placer.noteEnd(end, io)) return failWith(kCannotExtract, "filePath", m_placer.path().outputPath());
   if (!end.isWhole) --m_count;
-  return m_placer.noteEnd(end, io);
+  return true;
 }
 
 }  // namespace morvane

@@ -51,7 +51,9 @@ bool extractArchive(const Codec& codec, _mvDataSource& source, StreamingUntar& e
     engine.endBehindQuietly();
     throw;
   }
-  return engine.endBehind(io) && isExpanded;
+  const bool isPlaced = engine.endBehind(io);
+  if (!isExpanded) engine.namePart(io);
+  return isPlaced && isExpanded;
 }
 
 }  // namespace morvane

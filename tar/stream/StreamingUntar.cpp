@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <string>
+#include <utility>
 
 #include "runtime/log/LogContextExitor.h"
 #include "tar/format/TarBlock.h"
@@ -29,7 +30,7 @@ StreamingUntar::~StreamingUntar() { releaseOutput(); }
 void StreamingUntar::setOutput(std::unique_ptr<_mvOutput> output, OutputFile* file) {
   m_streamOutput = std::move(output);
   m_streamOutFile = file;
-  m_writeFailed = false;
+  m_writeFailed = m_isPartNamed = false;
   m_behindFile = nullptr;
 }
 
@@ -126,8 +127,7 @@ bool StreamingUntar::FinishStreamingUntar(ProgressMonitor* pm, LogBase& log) {
     m_streamOk = writeHasFailed(Arrival::AllPending, io);
   }
   releaseOutput();
-  // Of a run that failed, what waits for a member that never came is no news.
-  m_streamOk ? m_placer.finish(io) : m_placer.finishQuietly();
+  m_placer.finish(io);
   m_live.refresh();
   if (m_settings.captureXmlListing) endXmlListing(m_xmlListing);
   if (m_settings.options.requireEndOfArchive && m_streamOk && !m_endMarkSeen) {
@@ -296,8 +296,23 @@ bool StreamingUntar::settleOutputFile(const Io& io) {
   return endOutputFile(times, io);
 }
 
-// Of a file that gets no time of its own: an empty one, or one whose data did not all come.
-bool StreamingUntar::closeOutputFile(const Io& io) { return endOutputFile({}, io); }
+// Of a file that gets no time of its own: an empty one, or one whose data did not all come. The latter gets
+// nothing at all where members are restored, and how it ends is no news.
+bool StreamingUntar::closeOutputFile(const Io& io) {
+  if (!isPartOfRestored()) return endOutputFile({}, io);
+  namePart(io);
+  m_placer.settle(m_reader->found(), *m_streamOutput, *m_streamOutFile, false, {}, io);
+  return true;
+}
+
+bool StreamingUntar::isPartOfRestored() const {
+  return m_streamOutFile && m_streamBytesLeft > 0 && m_settings.options.restore.any();
+}
+
+void StreamingUntar::namePart(const Io& io) {
+  if (!isPartOfRestored() || std::exchange(m_isPartNamed, true)) return;
+  (void)m_placer.noteEnd({}, io);  // as one that is not whole
+}
 
 // What of the data did not come has been said; how the file ends is about what did.
 bool StreamingUntar::endOutputFile(const MemberTimes& times, const Io& io) {

@@ -74,6 +74,8 @@ class StreamingUntar {
   bool endBehind(const Io& io);
   // The same behind an exception, of which nobody hears.
   void endBehindQuietly() noexcept;
+  // Where no more of the archive comes: the member that it was cut in is named, if members are restored.
+  void namePart(const Io& io);
   // Whether members were left out since the run, or an unframed one, began.
   bool anyLeftOut() const { return m_placer.anyLeftOut(); }
   // The same of a run that came to its end without any failure.
@@ -139,6 +141,7 @@ class StreamingUntar {
   bool settleOutputFile(const Io& io);
   bool closeOutputFile(const Io& io);
   bool endOutputFile(const MemberTimes& times, const Io& io);
+  bool isPartOfRestored() const;
   // The member that goes to the caller's output is there; where one is wanted the run has ended.
   void completeMember();
   void eat(unsigned n);
@@ -176,6 +179,7 @@ class StreamingUntar {
   std::unique_ptr<_mvOutput> m_streamOutput;  // of the current entry's data
   OutputFile* m_streamOutFile = nullptr;      // the same object when it is a file
   bool m_writeFailed = false;                 // of the open output
+  bool m_isPartNamed = false;                 // of the open file
   WriteBehind::File* m_behindFile = nullptr;  // where the data are collected, of one that is written behind
   // Bytes: of the entry in all, still to come, handed to its output; then zeros up to the next block.
   long long m_streamExpectedSize = 0;

@@ -146,11 +146,12 @@ void MemberSource::noteWritten(const mvFileInfo& info, const WriteSettings& sett
   if (!member.isHardLink()) m_firstNames[identityOf(info)] = member.path;
 }
 
-// Links and special files have none that an archive could give back. An access list of a form that is not
-// known is left out; the mode still has what it grants at most.
+// Links and special files have some, too: labels, and lists on FIFOs. An access list of a form that is not
+// known is left out; the mode still has what it grants at most. A link that is archived as an empty file has
+// none.
 bool MemberSource::takeAttributes(const SourcePlace& place, const mvFileInfo& info, SourceFile& file,
                                   Member& member, const Io& io) {
-  if (!info.m_isRegularFile && !info.m_isDirectory) return true;
+  if (info.m_isSymbolicLink && !member.isSymbolicLink()) return true;
   FileMetadata::Attributes attributes;
   if (!file.readAttributes(place, attributes, io.log)) return false;
   for (auto& [name, value] : attributes) {

@@ -87,7 +87,8 @@ bool MemberWriter::writeLongName(const Member& member) {
 // nothing of a member. The NUL behind the text counts in the size.
 bool MemberWriter::writeLongText(const Member& member, char typeFlag, const std::string& text) {
   if (!m_run.archive.m_output) return m_run.io.fail("No output object for writing file to tar.");
-  m_record.mode = m_record.uid = m_record.gid = 0;
+  m_record.mode = 0;
+  m_record.uid = m_record.gid = 0;
   m_record.mtime = TarTime();
   m_record.typeFlag = typeFlag;
   m_record.userName = member.userName;

@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <set>
 
-#include "runtime/fs/FileSys.h"
 #include "runtime/fs/mvFileInfo.h"
 #include "runtime/log/LogContextExitor.h"
 #include "runtime/log/LogNull.h"
@@ -31,14 +30,20 @@ class Counter {
 
   long long total() const { return m_total; }
 
-  // A pair without its end fails in the write. The filter sees the local path, as it does there.
+  // A pair without its end fails in the write. The filter sees the local path, as it does there. Bytes in
+  // memory have no holes and no other names.
   void addFile(const StringBuffer& entry) {
     const SourceEntry source = parseSourceEntry(entry);
     if (!source.isClosed || excludes(source.localPath)) return;
-    bool ok = true;
-    const long long size = source.file ? source.file->m_bytes.getSize()
-                                       : FileSys::fileSizeUtf8_64(source.localPath.c_str(), &m_quiet, ok);
-    if (ok) m_total = saturatedSum(m_total, size);
+    if (source.file) {
+      m_total = saturatedSum(m_total, source.file->m_bytes.getSize());
+      return;
+    }
+    mvFileInfo info;
+    const char* const path = source.localPath.c_str();
+    const bool isThere = m_live.now().options.followLinks ? info.loadTargetInfoUtf8(path, m_quiet)
+                                                          : info.loadFileInfoUtf8(path, m_quiet);
+    if (isThere) m_total = saturatedSum(m_total, storedSize(info));
   }
 
   // False when the application aborted.
@@ -66,12 +71,16 @@ class Counter {
   }
 
  private:
-  // What of a file goes into the archive: holes do not, nor does a file that is there under another name.
+  // What of a file goes into the archive: a file that is there under another name does not, nor do holes
+  // where they can be told (MemberSource::takeHoles).
   long long storedSize(const mvFileInfo& info) {
-    const KeptParts& parts = m_live.now().options.store;
+    const WriteSettings& settings = m_live.now();
+    const KeptParts& parts = settings.options.store;
+    const bool leavesHoles =
+        parts.sparse && settings.options.reproducible < 0 && settings.format != WriteFormat::Ustar;
     if (parts.link && info.m_linkCount > 1 && !m_counted.insert({info.m_device, info.m_inode}).second)
       return 0;
-    return parts.sparse ? std::min(info.m_size, info.m_storedSize) : info.m_size;
+    return leavesHoles ? std::min(info.m_size, info.m_storedSize) : info.m_size;
   }
 
   bool excludes(const std::string& path) const { return m_live.now().filter.excludes(path); }
