@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Installs what the tests need, builds them in release, with address and undefined-behaviour sanitizers and with the
-# thread sanitizer, runs them all, checks the formatting and runs clang-tidy. The last line counts every test of every
-# build.
+# Installs what the tests need, builds them in release, with address and undefined-behaviour sanitizers (there with four
+# threads for every object) and with the thread sanitizer, runs them all, checks the formatting and runs clang-tidy. The
+# last line counts every test of every build.
 set -uo pipefail
 cd "$(dirname "$0")/.."
 
