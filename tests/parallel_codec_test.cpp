@@ -1,6 +1,7 @@
 // Compressions with several threads: the bytes, the events and the log against those of one.
 #include <unistd.h>
 
+#include <csignal>
 #include <thread>
 
 #include "ArchiveSupport.h"
@@ -103,11 +104,50 @@ TEST(ParallelEncoders, OthersReadThem) {
   }
 }
 
-// ---- Reading
-
 int threadsOfProcess() {
   return static_cast<int>(std::distance(fs::directory_iterator("/proc/self/task"), fs::directory_iterator()));
 }
+
+// Aborts when it is asked first, and looks who would be given SIGINT then.
+struct AbortAtOnce : ProgressEvent {
+  void onAbortCheck(bool& abort) override {
+    abort = true;
+    for (const auto& task : fs::directory_iterator("/proc/self/task")) {
+      const std::string status = readFile(task.path() / "status");
+      const std::string mask = status.substr(status.find("SigBlk:") + 7);
+      if ((std::stoull(mask, nullptr, 16) >> (SIGINT - 1) & 1) == 0)
+        takers += task.path().filename().string();
+    }
+  }
+  std::string takers;
+};
+
+// Where a library's threads have seconds of work, whoever waits for them is asked, and hears signals.
+TEST(ParallelEncoders, WaitingForALibraryMayBeAborted) {
+  const std::string bytes = contents(100'000'000), some = noise(3'000'000, 7);
+  const std::string self = std::to_string(getpid());
+  for (const auto& [compression, level] : {std::pair{Compression::Xz, 6}, {Compression::Zstd, 19}}) {
+    for (const std::string* each : {&bytes, &some}) {
+      CodecOptions options;
+      options.threads = 2;
+      options.level = level;
+      const auto encoder = codecOf(compression).makeEncoder(options);
+      AbortAtOnce event;
+      ProgressMonitor monitor(event, 1, 0, 0);
+      _mvLogger log;
+      const Io io(log, &monitor);
+      DataBuffer ready;
+      const auto* const data = reinterpret_cast<const unsigned char*>(each->data());
+      const bool isAdded = encoder->add(data, static_cast<unsigned>(each->size()), ready, io);
+      EXPECT_TRUE(each == &some || !isAdded) << compressionName(compression);
+      EXPECT_FALSE(isAdded && encoder->finish(ready, io)) << compressionName(compression);
+      EXPECT_TRUE(has(log.text(), "Aborted by application.")) << log.text();
+      EXPECT_EQ(self, event.takers) << compressionName(compression);
+    }
+  }
+}
+
+// ---- Reading
 
 // Everything that the application hears, in its order; it may abort or throw at the n-th of it.
 struct Heard : ProgressEvent {
