@@ -1,10 +1,12 @@
 // Compressions with several threads: the bytes, the events and the log against those of one.
+#include <sched.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <thread>
 
 #include "ArchiveSupport.h"
+#include "FailingSystemCalls.h"
 #include "runtime/codec/Codec.h"
 #include "runtime/io/AheadSource.h"
 #include "runtime/io/BufferedDataSource.h"
@@ -67,7 +69,7 @@ TEST(ParallelEncoders, BytesDependOnWhetherThereAreThreads) {
       for (const long long fast : {0, 1, 3}) {
         if (fast > 0 && compression != Compression::Gzip) continue;
         std::string first;
-        for (const long long threads : {2, 3, 8, 0}) {
+        for (const long long threads : {2, 3, 8}) {
           CodecOptions options;
           options.threads = threads;
           options.fastDeflate = fast;
@@ -81,6 +83,34 @@ TEST(ParallelEncoders, BytesDependOnWhetherThereAreThreads) {
       }
     }
   }
+}
+
+// Where there is one processor, where a library's threads would not pay, and where the system gives none.
+TEST(ParallelEncoders, OneThreadIsEnough) {
+  const std::string bytes = contents(1'500'000);
+  const auto with = [&](Compression compression, long long threads, long long level) {
+    CodecOptions options;
+    options.threads = threads;
+    options.level = level;
+    return encode(compression, bytes, bytes.size(), options);
+  };
+  cpu_set_t all, one;
+  ASSERT_EQ(0, sched_getaffinity(0, sizeof all, &all));
+  CPU_ZERO(&one);
+  CPU_SET(static_cast<size_t>(sched_getcpu()), &one);
+  for (const Compression compression : kWritten) {
+    const char* const name = compressionName(compression);
+    const std::string alone = with(compression, 1, 1), side = with(compression, 2, 1);
+    ASSERT_EQ(0, sched_setaffinity(0, sizeof one, &one));
+    EXPECT_TRUE(alone == with(compression, 0, 1)) << name;
+    EXPECT_TRUE(side == with(compression, 2, 1)) << name;
+    ASSERT_EQ(0, sched_setaffinity(0, sizeof all, &all));
+    const bool isLibrarys = compression == Compression::Zstd || compression == Compression::Xz;
+    EXPECT_TRUE(
+        withoutThreads([&] { return with(compression, 4, 1) == (isLibrarys ? alone : side); }).value_or(true))
+        << name;
+  }
+  EXPECT_TRUE(with(Compression::Zstd, 1, 20) == with(Compression::Zstd, 2, 20));
 }
 
 TEST(ParallelEncoders, OthersReadThem) {

@@ -43,7 +43,8 @@ class XzEncoder : public Encoder {
     m_stream.state.next_in = bytes;
     m_stream.state.avail_in = n;
     while (m_stream.state.avail_in > 0) {
-      if (run(LZMA_RUN, ready) != LZMA_OK) return io.fail("xz compression failed.");
+      const lzma_ret result = run(LZMA_RUN, ready);
+      if (result != LZMA_OK) return fail(result, io);
       if (m_stream.state.avail_in > 0 && !mayWait(io)) return false;
     }
     return true;
@@ -54,7 +55,7 @@ class XzEncoder : public Encoder {
     while ((result = run(LZMA_FINISH, ready)) == LZMA_OK) {
       if (!mayWait(io)) return false;
     }
-    return result == LZMA_STREAM_END || io.fail("xz compression failed.");
+    return result == LZMA_STREAM_END || fail(result, io);
   }
 
  private:
@@ -75,6 +76,12 @@ class XzEncoder : public Encoder {
   // A block is seconds of work, so the library comes back from waiting for one to let this be asked. To give
   // it up is quick: its threads look for that every few kilobytes.
   bool mayWait(const Io& io) const { return !m_hasThreads || !isAbortedWhileWaiting(io); }
+
+  static bool fail(lzma_ret result, const Io& io) {
+    io.log.LogError("xz compression failed.");
+    if (result == LZMA_MEM_ERROR) io.log.LogData("reason", "No memory or no thread for it.");
+    return false;
+  }
 
   lzma_ret run(lzma_action action, DataBuffer& ready) {
     m_stream.state.next_out = m_out.data();
@@ -110,9 +117,11 @@ const char* reasonOf(lzma_ret result, bool anyInput) {
 }  // namespace
 
 std::unique_ptr<Encoder> makeXzEncoder(const CodecOptions& options) {
-  if (options.threads == 1) return std::make_unique<XzEncoder>(options.level, 0);
-  return std::make_unique<LateEncoder>([options](bool isLarge) {
-    return std::make_unique<XzEncoder>(options.level, isLarge ? workerCount(options.threads) + 1 : 0);
+  const unsigned workers = workerCount(options.threads);
+  if (workers == 0) return std::make_unique<XzEncoder>(options.level, 0);
+  // The calling thread has nothing to do meanwhile.
+  return std::make_unique<LateEncoder>(workers + 1, [level = options.level](unsigned threads) {
+    return std::make_unique<XzEncoder>(level, threads);
   });
 }
 

@@ -32,6 +32,12 @@ int chosenLevel(const CodecOptions& options) {
                             : static_cast<int>(std::min<long long>(options.level, ZSTD_maxCLevel()));
 }
 
+// So many take about a gigabyte: a worker has windows, tables and input of its own.
+unsigned mostWorkers(int level) {
+  constexpr int kFirstLargeTables = 9;
+  return level < kFirstLargeTables ? 40 : 12;
+}
+
 class ZstdEncoder : public Encoder {
  public:
   // `workers` 0 compresses in the calling thread.
@@ -82,19 +88,12 @@ class ZstdEncoder : public Encoder {
       ZSTD_CCtx_setParameter(m_context.get(), ZSTD_c_overlapLog, kQuarterWindow);
   }
 
-  // So many take about a gigabyte: a worker has windows, tables and input of its own.
-  static unsigned mostWorkers(int level) {
-    constexpr int kFirstLargeTables = 9;
-    return level < kFirstLargeTables ? 40 : 12;
-  }
-
   // The first call makes the workers, all of them, and no later one does. A library that was built without
   // threads refuses the number, and has none then.
   void beginWorkers(int level, unsigned workers) {
     const SignalsBlocked signalsBlocked;
     setJobs(level);
-    ZSTD_CCtx_setParameter(m_context.get(), ZSTD_c_nbWorkers,
-                           static_cast<int>(std::min(workers, mostWorkers(level))));
+    ZSTD_CCtx_setParameter(m_context.get(), ZSTD_c_nbWorkers, static_cast<int>(workers));
     ZSTD_inBuffer in{nullptr, 0, 0};
     ZSTD_outBuffer out{nullptr, 0, 0};
     if (ZSTD_isError(ZSTD_compressStream2(m_context.get(), &out, &in, ZSTD_e_continue)))
@@ -108,7 +107,11 @@ class ZstdEncoder : public Encoder {
   bool run(ZSTD_inBuffer& in, ZSTD_EndDirective directive, size_t& left, DataBuffer& ready, const Io& io) {
     ZSTD_outBuffer out{m_out.data(), m_out.size(), 0};
     left = ZSTD_compressStream2(m_context.get(), &out, &in, directive);
-    if (ZSTD_isError(left)) return io.fail("zstd compression failed.");
+    if (ZSTD_isError(left)) {
+      io.log.LogError("zstd compression failed.");
+      io.log.LogData("reason", ZSTD_getErrorName(left));
+      return false;
+    }
     return out.pos == 0 || ready.append(m_out.data(), static_cast<unsigned>(out.pos)) ||
            io.fail("Out of memory for zstd compression.");
   }
@@ -145,9 +148,11 @@ const char* reasonOf(size_t error) {
 
 std::unique_ptr<Encoder> makeZstdEncoder(const CodecOptions& options) {
   const int level = chosenLevel(options);
-  if (options.threads == 1 || level > kLastLevelWithWorkers) return std::make_unique<ZstdEncoder>(level, 0);
-  return std::make_unique<LateEncoder>([options, level](bool isLarge) {
-    return std::make_unique<ZstdEncoder>(level, isLarge ? workerCount(options.threads) + 1 : 0);
+  const unsigned workers = workerCount(options.threads);
+  if (workers == 0 || level > kLastLevelWithWorkers) return std::make_unique<ZstdEncoder>(level, 0);
+  // The calling thread has nothing to do meanwhile.
+  return std::make_unique<LateEncoder>(std::min(workers + 1, mostWorkers(level)), [level](unsigned threads) {
+    return std::make_unique<ZstdEncoder>(level, threads);
   });
 }
 

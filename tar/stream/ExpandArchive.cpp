@@ -26,7 +26,7 @@ bool isWorthThread(_mvDataSource& source) {
 // A source of unknown size is taken for a large one.
 bool expandArchive(const Codec& codec, _mvDataSource& source, _mvOutput& out, const CodecOptions& options,
                    long long maxRatio, const Io& io) {
-  if (options.threads == 1 || workerCount(options.threads) == 0 || !isWorthThread(source)) {
+  if (workerCount(options.threads) == 0 || !isWorthThread(source)) {
     MeteredSource metered(source);
     RatioLimit limited(out, metered, maxRatio);
     return codec.decode(metered, limited, options, io);
