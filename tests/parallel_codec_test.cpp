@@ -1,4 +1,5 @@
 // Compressions with several threads: the bytes, the events and the log against those of one.
+#include <malloc.h>
 #include <sched.h>
 #include <unistd.h>
 
@@ -8,6 +9,7 @@
 #include "ArchiveSupport.h"
 #include "FailingSystemCalls.h"
 #include "runtime/codec/Codec.h"
+#include "runtime/codec/ExpandAhead.h"
 #include "runtime/io/AheadSource.h"
 #include "runtime/io/BufferedDataSource.h"
 #include "runtime/io/Io.h"
@@ -370,6 +372,38 @@ TEST(ParallelDecoders, DamageIsToldAsByOneThread) {
       expectSame(packed, flipped, {}, 4, "flipped at " + std::to_string(at));
     }
   }
+}
+
+// Memory in use, at the most, whenever something comes out.
+struct MemoryInUse : _mvOutput {
+  bool _writeBytes(const char*, unsigned int n, _mvIoParams&, LogBase&) override {
+    const struct mallinfo2 now = mallinfo2();
+    most = std::max(most, now.uordblks + now.hblkhd);
+    bytes += n;
+    return true;
+  }
+  size_t most = 0, bytes = 0;
+};
+
+// Large pieces that many small ones follow again and again do not leave their memory with these.
+TEST(ParallelDecoders, TakeLittleMemory) {
+  constexpr size_t kPiece = 128 * 1024;
+  const Decode decode = [](_mvDataSource&, _mvOutput& out, const CodecOptions&, const Io& io) {
+    const std::string piece(kPiece, 'x');
+    for (unsigned i = 0; i < 100'000; ++i) {
+      if (!out.writeBytesPM(piece.data(), i % 1100 < 20 ? kPiece : 1, nullptr, io.log)) return false;
+    }
+    return true;
+  };
+  std::string nothing;
+  TricklingSource source(nothing, 1);
+  _mvLogger log;
+  AheadSource ahead(source, nullptr, log);
+  MemoryInUse out;
+  const struct mallinfo2 before = mallinfo2();
+  ASSERT_TRUE(expandAhead(decode, ahead, ahead, out, {}, Io(log)));
+  EXPECT_EQ(1820 * kPiece + 98'180, out.bytes);
+  EXPECT_LT(out.most, before.uordblks + before.hblkhd + 5'500'000);
 }
 
 // Every piece that comes out, in its size; fails at the n-th.
