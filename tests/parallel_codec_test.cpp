@@ -343,6 +343,8 @@ TEST(ParallelDecoders, HearAndSayWhatOneThreadDoes) {
     EXPECT_GT(whole.threads, threadsBefore) << packed.name << " was worth a thread";
     for (const long long threads : {2, 8}) expectSame(packed, packed.bytes, {}, threads, "");
     expectSame(packed, packed.bytes, {"", 0, 0, 0}, 2, "no words");
+    const ReadCase trickling{"", 0, 0, 10'000};
+    EXPECT_GT(readWith(4, packed.bytes, trickling, packed.method).threads, threadsBefore) << packed.name;
     // For bzip2 the mark behind a block has to be seen.
     const bool isBzip2 = has(packed.name, "bzip2") || has(packed.name, "streams");
     expectSame(packed, packed.bytes, {"", 0, 0, 10'000, !isBzip2}, 2, "trickling");
@@ -352,9 +354,29 @@ TEST(ParallelDecoders, HearAndSayWhatOneThreadDoes) {
     for (const int at : {1, events / 2, events - 1}) {
       expectSame(packed, packed.bytes, {"", at, 0, 0}, 4, "aborted at " + std::to_string(at));
       expectSame(packed, packed.bytes, {"", 0, at, 0}, 4, "thrown at " + std::to_string(at));
+      expectSame(packed, packed.bytes, {"", at, 0, 10'000}, 4, "trickling, aborted at " + std::to_string(at));
     }
     for (int i = 0; i < 1000 && threadsOfProcess() != threadsBefore; ++i) usleep(1000);
     ASSERT_EQ(threadsBefore, threadsOfProcess()) << packed.name;
+  }
+}
+
+// Whether or not it is known how little it is.
+TEST(ParallelDecoders, LittleIsNotWorthAThread) {
+  ArchiveBuilder builder;
+  for (int i = 0; i < 12; ++i) builder.add({"file" + std::to_string(i), noise(500, 3)});
+  const std::string tar = builder.bytes();
+  std::thread([] {}).join();
+  const int threadsBefore = threadsOfProcess();
+  for (const Compression compression : kWritten) {
+    const std::string packed = encode(compression, tar, tar.size(), {});
+    for (const ReadMethod method : {static_cast<ReadMethod>(&ClsTar::UntarAny), &ClsTar::VerifyAny}) {
+      for (const unsigned trickle : {0u, 1'000u}) {
+        const Outcome outcome = readWith(4, packed, {"", 0, 0, trickle}, method);
+        EXPECT_TRUE(outcome.ok && !outcome.events.empty()) << outcome;
+        EXPECT_EQ(threadsBefore, outcome.threads) << compressionName(compression) << trickle;
+      }
+    }
   }
 }
 
@@ -365,11 +387,13 @@ TEST(ParallelDecoders, DamageIsToldAsByOneThread) {
     const size_t size = packed.bytes.size();
     for (int i = 0; i < 4; ++i) {
       const size_t at = i < 2 ? size - 1 - static_cast<size_t>(i) * 5 : random() % size;
-      expectSame(packed, packed.bytes.substr(0, std::max<size_t>(at, 280'000)), {}, 4,
+      ReadCase each;
+      each.trickle = i % 2 ? 10'000 : 0;
+      expectSame(packed, packed.bytes.substr(0, std::max<size_t>(at, 280'000)), each, 4,
                  "cut at " + std::to_string(at));
       std::string flipped = packed.bytes;
       flipped[at] = static_cast<char>(flipped[at] ^ (1 << random() % 8));
-      expectSame(packed, flipped, {}, 4, "flipped at " + std::to_string(at));
+      expectSame(packed, flipped, each, 4, "flipped at " + std::to_string(at));
     }
   }
 }
@@ -395,10 +419,10 @@ TEST(ParallelDecoders, TakeLittleMemory) {
     }
     return true;
   };
-  std::string nothing;
-  TricklingSource source(nothing, 1);
+  _mvMemoryDataSource nothing;  // whose size is known
+  nothing.initializeMemSource(nullptr, 0);
   _mvLogger log;
-  AheadSource ahead(source, nullptr, log);
+  AheadSource ahead(nothing, nullptr, log);
   MemoryInUse out;
   const struct mallinfo2 before = mallinfo2();
   ASSERT_TRUE(expandAhead(decode, ahead, ahead, out, {}, Io(log)));

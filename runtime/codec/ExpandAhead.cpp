@@ -11,6 +11,7 @@
 #include <mutex>
 #include <vector>
 
+#include "runtime/codec/SmallStart.h"
 #include "runtime/io/AheadSource.h"
 #include "runtime/io/Io.h"
 #include "runtime/io/_mvOutput.h"
@@ -293,8 +294,20 @@ bool repeat(const Step& step, _mvDataSource& heard, _mvOutput& out, ProgressMoni
 bool expandAhead(Decode decode, AheadSource& ahead, _mvDataSource& heard, _mvOutput& out,
                  const CodecOptions& options, const Io& io) {
   Worker worker(decode, options, io.log);
-  if (!worker.start()) return decode(heard, out, options, io);
   Script& script = worker.script();
+  // Steps that the worker does again, and that were repeated before it did them.
+  unsigned long long done = 0;
+  if (ahead.sizeIfKnown() < 0) {
+    SmallStart start(ahead, heard, out, kWorthExpandingAhead, [&] { return worker.start(); });
+    try {
+      return decode(start, start, options, io);
+    } catch (const SmallStart::Left&) {
+      done = start.steps();
+      for (AheadSource::PiecePtr& piece : start.pieces()) script.addPiece(std::move(piece));
+    }
+  } else if (!worker.start()) {
+    return decode(heard, out, options, io);
+  }
   Step step;
   while (true) {
     while (script.wantsPiece() && ahead.mayFetch(kMostRead)) script.addPiece(ahead.fetch());
@@ -304,7 +317,11 @@ bool expandAhead(Decode decode, AheadSource& ahead, _mvDataSource& heard, _mvOut
       continue;
     }
     if (step.kind == Step::End) return worker.end(io.log);
-    if (!repeat(step, heard, out, io.monitor, io.log)) return false;
+    if (done > 0) {
+      --done;
+    } else if (!repeat(step, heard, out, io.monitor, io.log)) {
+      return false;
+    }
     if (step.kind == Step::Write) script.giveBuffer(std::move(step.bytes));
   }
 }
