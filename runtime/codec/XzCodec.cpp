@@ -125,6 +125,10 @@ std::unique_ptr<Encoder> makeXzEncoder(const CodecOptions& options) {
   });
 }
 
+// The library's decoder with threads (lzma_stream_decoder_mt) would expand blocks side by side. It is not
+// taken, because how far it reads in front of what comes out depends on how its threads happen to run: so
+// would events, MaxRatio, and how much of a source is read before the first member. It knows no .lzma, has no
+// effect on streams of one block, and holds whole blocks.
 bool decodeXz(_mvDataSource& source, _mvOutput& out, const CodecOptions& options, const Io& io) {
   constexpr long long kMostByDefault = 256LL * 1024 * 1024;
   // The decoder takes some hundred kilobytes beside the dictionary.
