@@ -2,14 +2,21 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <linux/audit.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
+#include <cstddef>
+#include <iterator>
 #include <utility>
 
 namespace morvane::testing {
@@ -63,6 +70,28 @@ OvertakenCall::OvertakenCall(int at, std::function<void(int)> act) : MetCall("",
 
 WithoutOpenat2::WithoutOpenat2() { g_hasOpenat2 = false; }
 WithoutOpenat2::~WithoutOpenat2() { g_hasOpenat2 = true; }
+
+std::optional<bool> withoutThreads(const std::function<bool()>& work) {
+  constexpr int kCannot = 77;
+  const pid_t child = fork();
+  if (child == 0) {
+    sock_filter code[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_clone, 1, 0),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_clone3, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EAGAIN),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    const sock_fprog program{std::size(code), code};
+    const bool isForbidden = prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+                             prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
+    _exit(!isForbidden ? kCannot : work() ? 0 : 1);
+  }
+  int status = 0;
+  if (waitpid(child, &status, 0) != child || !WIFEXITED(status)) return false;
+  if (WEXITSTATUS(status) == kCannot) return std::nullopt;
+  return WEXITSTATUS(status) == 0;
+}
 
 }  // namespace morvane::testing
 

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 #include <string>
 
 namespace morvane::testing {
@@ -35,5 +36,9 @@ struct WithoutOpenat2 {
   WithoutOpenat2();
   ~WithoutOpenat2();
 };
+
+// Does the work in a process of its own that the system gives no thread. What it returns; nothing where the
+// system cannot forbid threads.
+std::optional<bool> withoutThreads(const std::function<bool()>& work);
 
 }  // namespace morvane::testing

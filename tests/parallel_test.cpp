@@ -1,17 +1,11 @@
 // The ordered ring against a model, and the log that is told later.
-#include <fcntl.h>
-#include <linux/audit.h>
-#include <linux/filter.h>
-#include <linux/seccomp.h>
-#include <sys/prctl.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <csignal>
 #include <thread>
 
+#include "FailingSystemCalls.h"
 #include "TestSupport.h"
 #include "runtime/log/HeldLog.h"
 #include "runtime/log/LogCause.h"
@@ -148,38 +142,20 @@ TEST(OrderedRing, SignalsAreTheApplications) {
     EXPECT_EQ(sigismember(&before, signal), sigismember(&after, signal));
 }
 
-// In a process of its own that the system gives no thread, after the first `allowed` ones.
 TEST(OrderedRing, WithoutThreadsTheWorkIsDoneAllTheSame) {
-  const pid_t child = fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    sock_filter code[] = {
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_clone, 1, 0),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_clone3, 0, 1),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EAGAIN),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-    };
-    const sock_fprog program{std::size(code), code};
-    if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
-        prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0)
-      _exit(77);
+  const auto isDone = withoutThreads([] {
     int right = 0;
-    {
-      RingOf<TestJob> ring(4, 8);
-      for (int i = 0; i < 100; ++i) {
-        if (ring.isFull()) right += ring.take().done % 3 == 0;
-        ring.next().number = i;
-        ring.submit(100'000);
-      }
-      while (!ring.isEmpty()) right += ring.take().done % 3 == 0;
+    RingOf<TestJob> ring(4, 8);
+    for (int i = 0; i < 100; ++i) {
+      if (ring.isFull()) right += ring.take().done % 3 == 0;
+      ring.next().number = i;
+      ring.submit(100'000);
     }
-    _exit(right == 100 ? 0 : 1);
-  }
-  int status = 0;
-  ASSERT_EQ(child, waitpid(child, &status, 0));
-  if (WIFEXITED(status) && WEXITSTATUS(status) == 77) GTEST_SKIP() << "no seccomp here";
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    while (!ring.isEmpty()) right += ring.take().done % 3 == 0;
+    return right == 100;
+  });
+  if (!isDone) GTEST_SKIP() << "no seccomp here";
+  EXPECT_TRUE(*isDone);
 }
 
 // What a log holds, told later, is what it would have been.

@@ -121,8 +121,9 @@ class BlockFinder {
     job.endBit = mark.bit;
     job.level = m_block.level;
     job.raw.swap(m_raw);
-    // Large enough to be worth a thread, whatever its size: a block is a tenth of a second's work.
-    m_ring.submit(job.raw.size() + 1024 * 1024);
+    // About what comes out of it.
+    constexpr size_t kExpands = 4;
+    m_ring.submit(job.raw.size() * kExpands);
     m_found.push_back(m_block);
   }
 

@@ -20,6 +20,7 @@
 #include "runtime/codec/ZstdCodec.h"
 #include "runtime/io/Io.h"
 #include "runtime/io/_mvOutput.h"
+#include "runtime/parallel/OrderedRing.h"
 
 namespace morvane {
 
@@ -126,12 +127,12 @@ bool isXz(const unsigned char* bytes, unsigned n) {
 }
 
 std::unique_ptr<Encoder> makeGzip(const CodecOptions& options) {
-  if (options.threads != 1) return makeGzipBlockEncoder(options);
+  if (workerCount(options.threads) > 0) return makeGzipBlockEncoder(options);
   return std::make_unique<GzipEncoder>(options.fastDeflate);
 }
 
 std::unique_ptr<Encoder> makeBzip2(const CodecOptions& options) {
-  if (options.threads != 1) return makeBzip2BlockEncoder(options);
+  if (workerCount(options.threads) > 0) return makeBzip2BlockEncoder(options);
   return std::make_unique<BlockEncoder<MorvaneBzip2>>();
 }
 

@@ -28,7 +28,8 @@ struct CodecOptions {
   long long fastDeflate =
       0;  // gzip written: 0 is zlib's default level, 1 (fastest) to 3 trade size for speed
   // How many threads may work on it; 0 is as many as the process has processors. Compressed bytes depend on
-  // whether this is 1, and on no other number.
+  // whether that is one thread, and on no other number; those of zstd and xz also on whether the system gives
+  // any thread.
   long long threads = MORVANE_TAR_THREADS;
   bool verifyGzip = false;      // gzip read: the trailer's checksum and size are compared
   bool gzipAllMembers = false;  // gzip read: what follows the first member is read too

@@ -11,6 +11,7 @@
 #include <mutex>
 #include <vector>
 
+#include "runtime/codec/SmallStart.h"
 #include "runtime/io/AheadSource.h"
 #include "runtime/io/Io.h"
 #include "runtime/io/_mvOutput.h"
@@ -22,6 +23,8 @@ namespace {
 
 // How far the worker may be ahead, and what may be read for it.
 constexpr size_t kMostProduced = 2 * 1024 * 1024;
+// Buffers that are kept for the next bytes: those that the system would be asked for each time.
+constexpr size_t kMostKept = 2 * 1024 * 1024, kWorthKeeping = 16 * 1024;
 constexpr size_t kMostSteps = 1024;
 constexpr long long kMostRead = 1024 * 1024;
 // Pieces that lie ready for the worker, so that it need not wait for the first thread.
@@ -44,16 +47,17 @@ class Script {
     std::unique_lock<std::mutex> lock(m_mutex);
     m_roomCame.wait(lock,
                     [&] { return m_stop || (m_produced < kMostProduced && m_steps.size() < kMostSteps); });
-    m_produced += step.bytes.size();
+    m_produced += step.bytes.capacity();
     m_steps.push_back(std::move(step));
     m_somethingCame.notify_one();
   }
-  // A buffer that was used before, where there is one.
-  std::vector<char> buffer() {
+  // A buffer that was used before, where there is one and n bytes are no waste of it.
+  std::vector<char> buffer(size_t n) {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_buffers.empty()) return {};
+    if (m_buffers.empty() || n < kWorthKeeping) return {};
     std::vector<char> buffer = std::move(m_buffers.back());
     m_buffers.pop_back();
+    m_kept -= buffer.capacity();
     return buffer;
   }
   // Null once nobody wants any more.
@@ -105,7 +109,7 @@ class Script {
     }
     step = std::move(m_steps.front());
     m_steps.pop_front();
-    m_produced -= step.bytes.size();
+    m_produced -= step.bytes.capacity();
     m_roomCame.notify_one();
     return true;
   }
@@ -116,7 +120,10 @@ class Script {
     return m_ok;
   }
   void giveBuffer(std::vector<char> buffer) {
+    if (buffer.capacity() < kWorthKeeping) return;
     const std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_kept + buffer.capacity() > kMostKept) return;
+    m_kept += buffer.capacity();
     m_buffers.push_back(std::move(buffer));
   }
   void stop() {
@@ -136,9 +143,10 @@ class Script {
   // A step, or that the worker waits for a piece that is not there: for the first thread.
   std::condition_variable m_somethingCame;
   std::deque<Step> m_steps;
-  size_t m_produced = 0;  // bytes in them
+  size_t m_produced = 0;  // bytes that they take
   std::deque<AheadSource::PiecePtr> m_pieces;
-  std::vector<std::vector<char>> m_buffers;  // as many as ever were in use at a time
+  std::vector<std::vector<char>> m_buffers;
+  size_t m_kept = 0;  // bytes that these take
   // The worker waits for a piece, or has not woken since there is one.
   bool m_isWaiting = false;
   bool m_stop = false;
@@ -172,7 +180,7 @@ class Recorder : public _mvDataSource, public _mvOutput {
     Step step;
     step.kind = Step::Write;
     step.n = n;
-    step.bytes = m_script.buffer();
+    step.bytes = m_script.buffer(n);
     step.bytes.assign(bytes, bytes + n);
     add(std::move(step));
     return !m_script.isStopped();
@@ -286,8 +294,20 @@ bool repeat(const Step& step, _mvDataSource& heard, _mvOutput& out, ProgressMoni
 bool expandAhead(Decode decode, AheadSource& ahead, _mvDataSource& heard, _mvOutput& out,
                  const CodecOptions& options, const Io& io) {
   Worker worker(decode, options, io.log);
-  if (!worker.start()) return decode(heard, out, options, io);
   Script& script = worker.script();
+  // Steps that the worker does again, and that were repeated before it did them.
+  unsigned long long done = 0;
+  if (ahead.sizeIfKnown() < 0) {
+    SmallStart start(ahead, heard, out, kWorthExpandingAhead, [&] { return worker.start(); });
+    try {
+      return decode(start, start, options, io);
+    } catch (const SmallStart::Left&) {
+      done = start.steps();
+      for (AheadSource::PiecePtr& piece : start.pieces()) script.addPiece(std::move(piece));
+    }
+  } else if (!worker.start()) {
+    return decode(heard, out, options, io);
+  }
   Step step;
   while (true) {
     while (script.wantsPiece() && ahead.mayFetch(kMostRead)) script.addPiece(ahead.fetch());
@@ -297,7 +317,11 @@ bool expandAhead(Decode decode, AheadSource& ahead, _mvDataSource& heard, _mvOut
       continue;
     }
     if (step.kind == Step::End) return worker.end(io.log);
-    if (!repeat(step, heard, out, io.monitor, io.log)) return false;
+    if (done > 0) {
+      --done;
+    } else if (!repeat(step, heard, out, io.monitor, io.log)) {
+      return false;
+    }
     if (step.kind == Step::Write) script.giveBuffer(std::move(step.bytes));
   }
 }

@@ -10,10 +10,10 @@
 #include "runtime/buffer/DataBuffer.h"
 #include "runtime/codec/InputWindow.h"
 #include "runtime/codec/LateEncoder.h"
+#include "runtime/io/Abort.h"
 #include "runtime/io/Io.h"
 #include "runtime/io/_mvOutput.h"
 #include "runtime/parallel/OrderedRing.h"
-#include "runtime/parallel/SignalsBlocked.h"
 
 namespace morvane {
 
@@ -43,35 +43,49 @@ class XzEncoder : public Encoder {
     m_stream.state.next_in = bytes;
     m_stream.state.avail_in = n;
     while (m_stream.state.avail_in > 0) {
-      if (run(LZMA_RUN, ready) != LZMA_OK) return io.fail("xz compression failed.");
+      const lzma_ret result = run(LZMA_RUN, ready);
+      if (result != LZMA_OK) return fail(result, io);
+      if (m_stream.state.avail_in > 0 && !mayWait(io)) return false;
     }
     return true;
   }
 
   bool finish(DataBuffer& ready, const Io& io) override {
     lzma_ret result = LZMA_OK;
-    while (result == LZMA_OK) result = run(LZMA_FINISH, ready);
-    return result == LZMA_STREAM_END || io.fail("xz compression failed.");
+    while ((result = run(LZMA_FINISH, ready)) == LZMA_OK) {
+      if (!mayWait(io)) return false;
+    }
+    return result == LZMA_STREAM_END || fail(result, io);
   }
 
  private:
   // Blocks of three times the dictionary, whose size the preset alone decides, and so the bytes. Fewer
-  // threads where they would take more than a gigabyte.
+  // threads where they would take more than a gigabyte. The library blocks all signals in its threads.
   lzma_ret beginThreads(unsigned preset, unsigned threads) {
     constexpr uint64_t kMostMemory = 1024ULL * 1024 * 1024;
+    constexpr uint32_t kMostWaitMs = 100;
     lzma_mt options{};
     options.preset = preset;
     options.check = LZMA_CHECK_CRC64;
     options.threads = threads;
+    options.timeout = kMostWaitMs;
     while (options.threads > 1 && lzma_stream_encoder_mt_memusage(&options) > kMostMemory) --options.threads;
     return lzma_stream_encoder_mt(&m_stream.state, &options);
+  }
+
+  // A block is seconds of work, so the library comes back from waiting for one to let this be asked. To give
+  // it up is quick: its threads look for that every few kilobytes.
+  bool mayWait(const Io& io) const { return !m_hasThreads || !isAbortedWhileWaiting(io); }
+
+  static bool fail(lzma_ret result, const Io& io) {
+    io.log.LogError("xz compression failed.");
+    if (result == LZMA_MEM_ERROR) io.log.LogData("reason", "No memory or no thread for it.");
+    return false;
   }
 
   lzma_ret run(lzma_action action, DataBuffer& ready) {
     m_stream.state.next_out = m_out.data();
     m_stream.state.avail_out = m_out.size();
-    // The library makes its threads as it needs them.
-    const SignalsBlocked signalsBlocked(m_hasThreads);
     const lzma_ret result = lzma_code(&m_stream.state, action);
     const size_t produced = m_out.size() - m_stream.state.avail_out;
     if (produced > 0 && !ready.append(m_out.data(), static_cast<unsigned>(produced))) return LZMA_MEM_ERROR;
@@ -103,12 +117,18 @@ const char* reasonOf(lzma_ret result, bool anyInput) {
 }  // namespace
 
 std::unique_ptr<Encoder> makeXzEncoder(const CodecOptions& options) {
-  if (options.threads == 1) return std::make_unique<XzEncoder>(options.level, 0);
-  return std::make_unique<LateEncoder>([options](bool isLarge) {
-    return std::make_unique<XzEncoder>(options.level, isLarge ? workerCount(options.threads) + 1 : 0);
+  const unsigned workers = workerCount(options.threads);
+  if (workers == 0) return std::make_unique<XzEncoder>(options.level, 0);
+  // The calling thread has nothing to do meanwhile.
+  return std::make_unique<LateEncoder>(workers + 1, [level = options.level](unsigned threads) {
+    return std::make_unique<XzEncoder>(level, threads);
   });
 }
 
+// The library's decoder with threads (lzma_stream_decoder_mt) would expand blocks side by side. It is not
+// taken, because how far it reads in front of what comes out depends on how its threads happen to run: so
+// would events, MaxRatio, and how much of a source is read before the first member. It knows no .lzma, has no
+// effect on streams of one block, and holds whole blocks.
 bool decodeXz(_mvDataSource& source, _mvOutput& out, const CodecOptions& options, const Io& io) {
   constexpr long long kMostByDefault = 256LL * 1024 * 1024;
   // The decoder takes some hundred kilobytes beside the dictionary.

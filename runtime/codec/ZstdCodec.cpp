@@ -11,6 +11,7 @@
 #include "runtime/buffer/DataBuffer.h"
 #include "runtime/codec/InputWindow.h"
 #include "runtime/codec/LateEncoder.h"
+#include "runtime/io/Abort.h"
 #include "runtime/io/Io.h"
 #include "runtime/io/_mvOutput.h"
 #include "runtime/parallel/OrderedRing.h"
@@ -21,20 +22,34 @@ namespace morvane {
 namespace {
 
 constexpr int kDefaultLevel = 3;  // as the library's own programs have it
+// From here on a megabyte is some tenths of a second's work.
+constexpr int kFirstSlowLevel = 13;
+// Beyond it, levels differ by windows that no job of a second could fill: they are for one thread.
+constexpr int kLastLevelWithWorkers = 19;
+
+int chosenLevel(const CodecOptions& options) {
+  return options.level == 0 ? kDefaultLevel
+                            : static_cast<int>(std::min<long long>(options.level, ZSTD_maxCLevel()));
+}
+
+// So many take about a gigabyte: a worker has windows, tables and input of its own.
+unsigned mostWorkers(int level) {
+  constexpr int kFirstLargeTables = 9;
+  return level < kFirstLargeTables ? 40 : 12;
+}
 
 class ZstdEncoder : public Encoder {
  public:
   // `workers` 0 compresses in the calling thread.
-  ZstdEncoder(long long level, unsigned workers)
-      : m_context(ZSTD_createCCtx(), ZSTD_freeCCtx), m_out(ZSTD_CStreamOutSize()), m_hasWorkers(workers > 0) {
+  ZstdEncoder(int level, unsigned workers)
+      : m_context(ZSTD_createCCtx(), ZSTD_freeCCtx),
+        m_out(workers > 0 ? kPieceOfWorkers : ZSTD_CStreamOutSize()),
+        m_hasWorkers(workers > 0) {
     if (!m_context) throw std::bad_alloc();
-    const int chosen =
-        level == 0 ? kDefaultLevel : static_cast<int>(std::min<long long>(level, ZSTD_maxCLevel()));
-    ZSTD_CCtx_setParameter(m_context.get(), ZSTD_c_compressionLevel, chosen);
+    ZSTD_CCtx_setParameter(m_context.get(), ZSTD_c_compressionLevel, level);
     // Without it a flipped bit may pass for data.
     ZSTD_CCtx_setParameter(m_context.get(), ZSTD_c_checksumFlag, 1);
-    // A library that was built without threads refuses, and has one then.
-    if (workers > 0) ZSTD_CCtx_setParameter(m_context.get(), ZSTD_c_nbWorkers, workersFor(chosen, workers));
+    if (m_hasWorkers) beginWorkers(level, workers);
   }
 
   bool add(const unsigned char* bytes, unsigned n, DataBuffer& ready, const Io& io) override {
@@ -42,6 +57,7 @@ class ZstdEncoder : public Encoder {
     while (in.pos < in.size) {
       size_t left = 0;
       if (!run(in, ZSTD_e_continue, left, ready, io)) return false;
+      if (in.pos < in.size && !mayWait(io)) return false;
     }
     return true;
   }
@@ -50,25 +66,52 @@ class ZstdEncoder : public Encoder {
     ZSTD_inBuffer none{nullptr, 0, 0};
     for (size_t left = 1; left > 0;) {
       if (!run(none, ZSTD_e_end, left, ready, io)) return false;
+      if (left > 0 && !mayWait(io)) return false;
     }
     return true;
   }
 
  private:
-  // Each worker holds a few jobs of four windows of the level: so that there is never more than about a
-  // gigabyte. How many there are does not show in the bytes.
-  static int workersFor(int level, unsigned wanted) {
-    const unsigned most = level < 20 ? 64 : level == 20 ? 4 : level == 21 ? 2 : 1;
-    return static_cast<int>(std::min(wanted, most));
+  // At the end the library comes back when so much is there; less makes it come back more often.
+  static constexpr size_t kPieceOfWorkers = 16 * 1024;
+
+  // The library cannot give up a job that was begun, not even when it is freed: so none may be long. By
+  // itself it makes jobs of four windows, which are ten seconds' work at slow levels. What a job looks back
+  // at has to be taken in first, and may be no more than the job.
+  void setJobs(int level) {
+    if (level < kFirstSlowLevel) return;
+    constexpr int kJob = 2 * 1024 * 1024;
+    ZSTD_CCtx_setParameter(m_context.get(), ZSTD_c_jobSize, kJob);
+    // Their windows are of 8 MiB; a quarter of that.
+    constexpr int kFirstLargeWindow = 17, kQuarterWindow = 7;
+    if (level >= kFirstLargeWindow)
+      ZSTD_CCtx_setParameter(m_context.get(), ZSTD_c_overlapLog, kQuarterWindow);
   }
+
+  // The first call makes the workers, all of them, and no later one does. A library that was built without
+  // threads refuses the number, and has none then.
+  void beginWorkers(int level, unsigned workers) {
+    const SignalsBlocked signalsBlocked;
+    setJobs(level);
+    ZSTD_CCtx_setParameter(m_context.get(), ZSTD_c_nbWorkers, static_cast<int>(workers));
+    ZSTD_inBuffer in{nullptr, 0, 0};
+    ZSTD_outBuffer out{nullptr, 0, 0};
+    if (ZSTD_isError(ZSTD_compressStream2(m_context.get(), &out, &in, ZSTD_e_continue)))
+      throw std::bad_alloc();
+  }
+
+  // Jobs come back in pieces; in between this is asked.
+  bool mayWait(const Io& io) const { return !m_hasWorkers || !isAbortedWhileWaiting(io); }
 
   // One call of the library; `left` tells how much it still holds back at least.
   bool run(ZSTD_inBuffer& in, ZSTD_EndDirective directive, size_t& left, DataBuffer& ready, const Io& io) {
     ZSTD_outBuffer out{m_out.data(), m_out.size(), 0};
-    // The first call makes the workers.
-    const SignalsBlocked signalsBlocked(m_hasWorkers);
     left = ZSTD_compressStream2(m_context.get(), &out, &in, directive);
-    if (ZSTD_isError(left)) return io.fail("zstd compression failed.");
+    if (ZSTD_isError(left)) {
+      io.log.LogError("zstd compression failed.");
+      io.log.LogData("reason", ZSTD_getErrorName(left));
+      return false;
+    }
     return out.pos == 0 || ready.append(m_out.data(), static_cast<unsigned>(out.pos)) ||
            io.fail("Out of memory for zstd compression.");
   }
@@ -104,9 +147,12 @@ const char* reasonOf(size_t error) {
 }  // namespace
 
 std::unique_ptr<Encoder> makeZstdEncoder(const CodecOptions& options) {
-  if (options.threads == 1) return std::make_unique<ZstdEncoder>(options.level, 0);
-  return std::make_unique<LateEncoder>([options](bool isLarge) {
-    return std::make_unique<ZstdEncoder>(options.level, isLarge ? workerCount(options.threads) + 1 : 0);
+  const int level = chosenLevel(options);
+  const unsigned workers = workerCount(options.threads);
+  if (workers == 0 || level > kLastLevelWithWorkers) return std::make_unique<ZstdEncoder>(level, 0);
+  // The calling thread has nothing to do meanwhile.
+  return std::make_unique<LateEncoder>(std::min(workers + 1, mostWorkers(level)), [level](unsigned threads) {
+    return std::make_unique<ZstdEncoder>(level, threads);
   });
 }
 

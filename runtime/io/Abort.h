@@ -1,6 +1,7 @@
 // How the streams end when the application asks to abort.
 #pragma once
 
+#include "runtime/io/Io.h"
 #include "runtime/log/LogBase.h"
 #include "runtime/progress/ProgressMonitor.h"
 
@@ -19,6 +20,13 @@ inline bool logAborted(LogBase& log) {
 inline bool endsWait(ProgressMonitor* pm, LogBase& log) {
   if (!pm || !pm->abortCheck(log)) return false;
   logAborted(log);
+  return true;
+}
+
+// True, with its line in the log, when a job that waits for other threads' work is to end. Asks by time.
+inline bool isAbortedWhileWaiting(const Io& io) {
+  if (!io.monitor || !io.monitor->abortCheckTimed(io.log)) return false;
+  logAborted(io.log);
   return true;
 }
 

@@ -1,6 +1,11 @@
 // The system's threads themselves, for those of the standard library have stacks of the size that it likes.
 #include "runtime/parallel/WorkerThread.h"
 
+#include <chrono>
+#include <deque>
+#include <mutex>
+#include <thread>
+
 #include "runtime/parallel/SignalsBlocked.h"
 
 namespace morvane {
@@ -33,6 +38,21 @@ void WorkerThread::join() {
 void* WorkerThread::runIn(void* self) {
   static_cast<WorkerThread*>(self)->m_run();
   return nullptr;
+}
+
+unsigned threadsToBeHad(unsigned most) {
+  unsigned made = 0;
+  {
+    // Each stays until all have been made.
+    std::mutex making;
+    std::deque<WorkerThread> threads;
+    const std::lock_guard<std::mutex> lock(making);
+    const auto wait = [&] { const std::lock_guard<std::mutex> end(making); };
+    while (made < most && threads.emplace_back().start(wait)) ++made;
+  }
+  // A thread that was joined counts for the system a moment longer, which matters where they are scarce.
+  if (made < most) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  return made;
 }
 
 }  // namespace morvane

@@ -31,4 +31,8 @@ class WorkerThread {
   bool m_isStarted = false;
 };
 
+// How many threads of `most` the system gives at a time; they are gone when this returns. To be asked before
+// a library that makes its own and fails where it gets none.
+unsigned threadsToBeHad(unsigned most);
+
 }  // namespace morvane

@@ -13,20 +13,17 @@ namespace morvane {
 
 namespace {
 
-// Compressed bytes that are worth a thread; they are about a megabyte of members.
-constexpr long long kWorthThread = 256 * 1024;
-
-bool isWorthThread(_mvDataSource& source) {
+// What is not known yet may be.
+bool mayBeWorthThread(_mvDataSource& source) {
   const long long size = source.sizeIfKnown();
-  return size < 0 || size - std::max(source.ftell64(), 0LL) >= kWorthThread;
+  return size < 0 || size - std::max(source.ftell64(), 0LL) >= kWorthExpandingAhead;
 }
 
 }  // namespace
 
-// A source of unknown size is taken for a large one.
 bool expandArchive(const Codec& codec, _mvDataSource& source, _mvOutput& out, const CodecOptions& options,
                    long long maxRatio, const Io& io) {
-  if (options.threads == 1 || workerCount(options.threads) == 0 || !isWorthThread(source)) {
+  if (workerCount(options.threads) == 0 || !mayBeWorthThread(source)) {
     MeteredSource metered(source);
     RatioLimit limited(out, metered, maxRatio);
     return codec.decode(metered, limited, options, io);

@@ -1,113 +1,15 @@
-// Compressions with several threads: the bytes, the events and the log against those of one.
+// Reading compressed archives with several threads: the bytes, the events and the log against those of one.
+#include <malloc.h>
 #include <unistd.h>
 
 #include <thread>
 
-#include "ArchiveSupport.h"
-#include "runtime/codec/Codec.h"
+#include "ParallelCodecSupport.h"
+#include "runtime/codec/ExpandAhead.h"
 #include "runtime/io/AheadSource.h"
-#include "runtime/io/BufferedDataSource.h"
-#include "runtime/io/Io.h"
-#include "runtime/io/OutputDataBuffer.h"
-#include "runtime/log/_mvLogger.h"
 
 namespace morvane::testing {
 namespace {
-
-constexpr Compression kWritten[] = {Compression::Gzip, Compression::Bzip2, Compression::Zstd,
-                                    Compression::Xz};
-
-std::string encode(Compression compression, const std::string& bytes, size_t piece,
-                   const CodecOptions& options) {
-  const auto encoder = codecOf(compression).makeEncoder(options);
-  DataBuffer all, ready;
-  OutputDataBuffer out(all);
-  _mvLogger log;
-  const Io io(log);
-  EXPECT_TRUE(encoder->begin(out, io));
-  for (size_t at = 0; at < bytes.size(); at += piece) {
-    const size_t n = std::min(piece, bytes.size() - at);
-    ready.clear();
-    const auto* const data = reinterpret_cast<const unsigned char*>(bytes.data()) + at;
-    EXPECT_TRUE(encoder->add(data, static_cast<unsigned>(n), ready, io) && all.append(ready));
-  }
-  ready.clear();
-  EXPECT_TRUE(encoder->finish(ready, io) && all.append(ready));
-  EXPECT_TRUE(encoder->end(out, static_cast<long long>(bytes.size()), io)) << log.text();
-  return textOf(all);
-}
-
-std::string decode(Compression compression, const std::string& bytes) {
-  CodecOptions options;
-  options.verifyGzip = options.gzipAllMembers = true;
-  TricklingSource source(bytes, 100'000);
-  BufferedDataSource buffered(source);
-  LimitedOutput out;
-  _mvLogger log;
-  const Codec& codec = codecOf(compression);
-  EXPECT_TRUE(!codec.readHeader || codec.readHeader(buffered, Io(log)));
-  EXPECT_TRUE(codec.decode(buffered, out, options, Io(log))) << log.text();
-  return out.bytes;
-}
-
-// Text, noise and long runs, about as an archive has them.
-std::string contents(size_t n) {
-  std::string bytes = noise(n / 8, 5);
-  while (bytes.size() < n)
-    bytes += "line " + std::to_string(bytes.size() % 977) + std::string(bytes.size() % 301, '\0');
-  return bytes.substr(0, n);
-}
-
-TEST(ParallelEncoders, BytesDependOnWhetherThereAreThreads) {
-  constexpr size_t kBlock = 256 * 1024, kBzip2Block = 900'000;
-  for (const Compression compression : kWritten) {
-    for (const size_t n : {size_t{1}, kBlock - 1, kBlock, kBlock + 1, 2 * kBzip2Block, size_t{3'000'001}}) {
-      const std::string bytes = contents(n);
-      for (const long long fast : {0, 1, 3}) {
-        if (fast > 0 && compression != Compression::Gzip) continue;
-        std::string first;
-        for (const long long threads : {2, 3, 8, 0}) {
-          CodecOptions options;
-          options.threads = threads;
-          options.fastDeflate = fast;
-          options.level = compression == Compression::Xz ? 1 : 0;
-          const size_t piece = threads == 3 ? 20'000 : n;
-          const std::string packed = encode(compression, bytes, piece, options);
-          if (first.empty()) first = packed;
-          ASSERT_TRUE(first == packed) << compressionName(compression) << " " << n << " " << threads;
-        }
-        ASSERT_TRUE(decode(compression, first) == bytes) << compressionName(compression) << " " << n;
-      }
-    }
-  }
-}
-
-TEST(ParallelEncoders, OthersReadThem) {
-  ScratchDir dir;
-  writeFile(dir / "tree/file", contents(2'500'000));
-  const struct {
-    const char *name, *program;
-    bool (ClsTar::*write)(const XString&, ProgressEvent*);
-  } kCases[] = {{"gz", "gzip", &ClsTar::WriteTarGz},
-                {"bz2", "bzip2", &ClsTar::WriteTarBz2},
-                {"zst", "zstd -q", &ClsTar::WriteTarZst},
-                {"xz", "xz", &ClsTar::WriteTarXz}};
-  TarWith plain("Reproducible=1");
-  ASSERT_TRUE(plain.AddDirRoot(dir / "tree") && plain.WriteTar(dir / "plain.tar"));
-  for (const auto& each : kCases) {
-    const std::string path = dir / ("a.tar."s + each.name);
-    TarWith tar("Threads=4,Level=1,Reproducible=1");
-    ASSERT_TRUE(tar.AddDirRoot(dir / "tree") && (tar.*each.write)(path, nullptr)) << logOf(tar);
-    must(dir,
-         each.program + " -t "s + path + " && " + each.program + " -dc < " + path + " | cmp - plain.tar");
-  }
-}
-
-// ---- Reading
-
-int threadsOfProcess() {
-  return static_cast<int>(std::distance(fs::directory_iterator("/proc/self/task"), fs::directory_iterator()));
-}
 
 // Everything that the application hears, in its order; it may abort or throw at the n-th of it.
 struct Heard : ProgressEvent {
@@ -271,6 +173,8 @@ TEST(ParallelDecoders, HearAndSayWhatOneThreadDoes) {
     EXPECT_GT(whole.threads, threadsBefore) << packed.name << " was worth a thread";
     for (const long long threads : {2, 8}) expectSame(packed, packed.bytes, {}, threads, "");
     expectSame(packed, packed.bytes, {"", 0, 0, 0}, 2, "no words");
+    const ReadCase trickling{"", 0, 0, 10'000};
+    EXPECT_GT(readWith(4, packed.bytes, trickling, packed.method).threads, threadsBefore) << packed.name;
     // For bzip2 the mark behind a block has to be seen.
     const bool isBzip2 = has(packed.name, "bzip2") || has(packed.name, "streams");
     expectSame(packed, packed.bytes, {"", 0, 0, 10'000, !isBzip2}, 2, "trickling");
@@ -280,9 +184,29 @@ TEST(ParallelDecoders, HearAndSayWhatOneThreadDoes) {
     for (const int at : {1, events / 2, events - 1}) {
       expectSame(packed, packed.bytes, {"", at, 0, 0}, 4, "aborted at " + std::to_string(at));
       expectSame(packed, packed.bytes, {"", 0, at, 0}, 4, "thrown at " + std::to_string(at));
+      expectSame(packed, packed.bytes, {"", at, 0, 10'000}, 4, "trickling, aborted at " + std::to_string(at));
     }
     for (int i = 0; i < 1000 && threadsOfProcess() != threadsBefore; ++i) usleep(1000);
     ASSERT_EQ(threadsBefore, threadsOfProcess()) << packed.name;
+  }
+}
+
+// Whether or not it is known how little it is.
+TEST(ParallelDecoders, LittleIsNotWorthAThread) {
+  ArchiveBuilder builder;
+  for (int i = 0; i < 12; ++i) builder.add({"file" + std::to_string(i), noise(500, 3)});
+  const std::string tar = builder.bytes();
+  std::thread([] {}).join();
+  const int threadsBefore = threadsOfProcess();
+  for (const Compression compression : kWritten) {
+    const std::string packed = encode(compression, tar, tar.size(), {});
+    for (const ReadMethod method : {static_cast<ReadMethod>(&ClsTar::UntarAny), &ClsTar::VerifyAny}) {
+      for (const unsigned trickle : {0u, 1'000u}) {
+        const Outcome outcome = readWith(4, packed, {"", 0, 0, trickle}, method);
+        EXPECT_TRUE(outcome.ok && !outcome.events.empty()) << outcome;
+        EXPECT_EQ(threadsBefore, outcome.threads) << compressionName(compression) << trickle;
+      }
+    }
   }
 }
 
@@ -293,13 +217,47 @@ TEST(ParallelDecoders, DamageIsToldAsByOneThread) {
     const size_t size = packed.bytes.size();
     for (int i = 0; i < 4; ++i) {
       const size_t at = i < 2 ? size - 1 - static_cast<size_t>(i) * 5 : random() % size;
-      expectSame(packed, packed.bytes.substr(0, std::max<size_t>(at, 280'000)), {}, 4,
+      ReadCase each;
+      each.trickle = i % 2 ? 10'000 : 0;
+      expectSame(packed, packed.bytes.substr(0, std::max<size_t>(at, 280'000)), each, 4,
                  "cut at " + std::to_string(at));
       std::string flipped = packed.bytes;
       flipped[at] = static_cast<char>(flipped[at] ^ (1 << random() % 8));
-      expectSame(packed, flipped, {}, 4, "flipped at " + std::to_string(at));
+      expectSame(packed, flipped, each, 4, "flipped at " + std::to_string(at));
     }
   }
+}
+
+// Memory in use, at the most, whenever something comes out.
+struct MemoryInUse : _mvOutput {
+  bool _writeBytes(const char*, unsigned int n, _mvIoParams&, LogBase&) override {
+    const struct mallinfo2 now = mallinfo2();
+    most = std::max(most, now.uordblks + now.hblkhd);
+    bytes += n;
+    return true;
+  }
+  size_t most = 0, bytes = 0;
+};
+
+// Large pieces that many small ones follow again and again do not leave their memory with these.
+TEST(ParallelDecoders, TakeLittleMemory) {
+  constexpr size_t kPiece = 128 * 1024;
+  const Decode decode = [](_mvDataSource&, _mvOutput& out, const CodecOptions&, const Io& io) {
+    const std::string piece(kPiece, 'x');
+    for (unsigned i = 0; i < 100'000; ++i) {
+      if (!out.writeBytesPM(piece.data(), i % 1100 < 20 ? kPiece : 1, nullptr, io.log)) return false;
+    }
+    return true;
+  };
+  _mvMemoryDataSource nothing;  // whose size is known
+  nothing.initializeMemSource(nullptr, 0);
+  _mvLogger log;
+  AheadSource ahead(nothing, nullptr, log);
+  MemoryInUse out;
+  const struct mallinfo2 before = mallinfo2();
+  ASSERT_TRUE(expandAhead(decode, ahead, ahead, out, {}, Io(log)));
+  EXPECT_EQ(1820 * kPiece + 98'180, out.bytes);
+  EXPECT_LT(out.most, before.uordblks + before.hblkhd + 5'500'000);
 }
 
 // Every piece that comes out, in its size; fails at the n-th.
