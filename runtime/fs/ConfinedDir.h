@@ -13,8 +13,9 @@ namespace morvane {
 struct mvFileInfo;
 
 // For one run on one thread, but for createNew and removeNew: while another thread may be in these, the
-// directory is not opened anew, moved or told of other rules. A failure leaves the reason in the log; a refusal logs nothing, because the
-// caller has the member's own words for it. What was made on the way to something that failed stays.
+// directory is not opened anew, moved or told of other rules. A failure leaves the reason in the log; a
+// refusal logs nothing, because the caller has the member's own words for it. What was made on the way to
+// something that failed stays.
 class ConfinedDir : public ConfinedWalk {
  public:
   // A file that must not be replaced: the archive being read. Of device and inode; one at a time.
