@@ -122,6 +122,39 @@ TEST(OrderedRing, ThreadsAreForWorkThatIsWorthThem) {
   EXPECT_EQ(static_cast<unsigned>(std::min(CPU_COUNT(&set), 64)), workerCount(0) + 1);
 }
 
+// One worker that is held up: what waits behind it is done by rank, each rank in its order; what was dropped
+// is not done.
+TEST(WorkerPool, WhatIsSoonerIsDoneFirst) {
+  struct Numbered : WorkerPool::Task {
+    void work() override {
+      for (isBegun = true; isHeld;) std::this_thread::yield();
+      order->push_back(number);
+    }
+    int number = 0;
+    std::vector<int>* order = nullptr;
+    std::atomic<bool> isHeld{false}, isBegun{false};
+  };
+  std::vector<int> order;
+  Numbered tasks[6];
+  WorkerPool pool(1);
+  const unsigned ranks[] = {0, 1, 1, 2, 3, 1};
+  for (int i = 0; i < 6; ++i) {
+    tasks[i].number = i;
+    tasks[i].order = &order;
+    tasks[i].isHeld = i == 0;
+    pool.submit(tasks[i], ranks[i], 1 << 20);
+    while (!tasks[0].isBegun) std::this_thread::yield();
+  }
+  pool.drop(tasks[3]);
+  EXPECT_TRUE(pool.isDone(tasks[3]));
+  tasks[0].isHeld = false;
+  for (const Numbered& task : tasks) {
+    while (!pool.isDone(task)) std::this_thread::yield();
+  }
+  for (Numbered& task : tasks) pool.finish(task);
+  EXPECT_EQ((std::vector<int>{0, 4, 1, 2, 5}), order);
+}
+
 // Signals that are meant for the application never reach a worker.
 struct MaskJob : OrderedRing::Job {
   void work() override { pthread_sigmask(SIG_SETMASK, nullptr, &blocked); }

@@ -95,7 +95,10 @@ TEST(ParallelTrees, ArchivesEventsAndLogsAreThoseOfOneThread) {
   must(dir, R"(mkdir -p t/b/deep t/m; cd t
     for n in 0 1 511 512 513 65535 65536 65537 200000; do head -c $n /dev/urandom > f$n; done
     for i in $(seq 90); do echo $i > m/$i; done; echo x > b/deep/x; truncate -s 100000 m/hole; ln -s x b/link
-    ln f1 m/second; mkfifo m/fifo; echo no > m/skipped; for i in $(seq 70); do echo $i > z$i; done)");
+    ln f1 m/second; mkfifo m/fifo; echo no > m/skipped; for i in $(seq 70); do echo $i > z$i; done
+    for d in $(seq 60); do mkdir -p w/$d/skipped/below w/$d/x/y; for f in 1 2 3; do echo $d > w/$d/$f; echo $f > w/$d/x/y/$f; done; done
+    d=deep; for i in $(seq 40); do d=$d/$i; mkdir -p $d/side; for f in 1 2 3; do echo $i > $d/f$f; echo $f > $d/side/$f; done; done
+    chmod 000 w/7)");
   const Seen one = create(dir, 1, nullptr);
   EXPECT_EQ(1, one.result) << one.log;
   for (const int threads : kManyThreads)
