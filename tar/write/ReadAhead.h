@@ -39,7 +39,8 @@ class ReadAhead {
   // The walk stands on its next entry: what was found of it, or null. Good until the next call. Called for
   // each entry, in order; a directory that was read is handed to the walk. Throws std::bad_alloc.
   const Found* enter(ClsDirTree& tree);
-  // Hands in what follows the walk's entry in its directory.
+  // Hands in what follows the walk's entry, in its directory and in those that this lies in, where half of
+  // what was handed in before is used up.
   void lookAhead(const ClsDirTree& tree);
 
  private:
