@@ -20,7 +20,7 @@
 #include "runtime/codec/ZstdCodec.h"
 #include "runtime/io/Io.h"
 #include "runtime/io/_mvOutput.h"
-#include "runtime/parallel/OrderedRing.h"
+#include "runtime/parallel/WorkerPool.h"
 
 namespace morvane {
 

@@ -14,8 +14,8 @@
 #include "runtime/io/Abort.h"
 #include "runtime/io/Io.h"
 #include "runtime/io/_mvOutput.h"
-#include "runtime/parallel/OrderedRing.h"
 #include "runtime/parallel/SignalsBlocked.h"
+#include "runtime/parallel/WorkerPool.h"
 
 namespace morvane {
 

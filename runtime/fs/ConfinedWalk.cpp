@@ -2,7 +2,6 @@
 // where it has none of that, by passing no link at all.
 #include "runtime/fs/ConfinedWalk.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <linux/openat2.h>
 #include <sys/syscall.h>
@@ -11,10 +10,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <string_view>
 #include <utility>
 
 #include "runtime/fs/DirAutoCreate.h"
+#include "runtime/fs/DirListing.h"
 
 namespace morvane {
 
@@ -96,22 +95,10 @@ bool ConfinedWalk::open(const char* target, Links links, LogBase& log) {
   return true;
 }
 
+// Of a directory with something in it no more than the first names are read.
 bool ConfinedWalk::isEmpty() const {
-  const int fd = osOpenAt(m_target.fd(), ".", O_RDONLY | O_DIRECTORY);
-  DIR* const entries = fd >= 0 ? fdopendir(fd) : nullptr;
-  if (!entries) {
-    if (fd >= 0) ::close(fd);
-    return false;
-  }
-  bool isEmpty = true;
-  errno = 0;
-  while (const dirent* const entry = isEmpty ? readdir(entries) : nullptr) {
-    const std::string_view name = entry->d_name;
-    isEmpty = name == "." || name == "..";
-  }
-  isEmpty = isEmpty && errno == 0;
-  closedir(entries);
-  return isEmpty;
+  DirListing listing;
+  return listing.readIn(m_target.fd(), ".", false, 0) == 0 && listing.entries.empty();
 }
 
 // The reason first: what is logged may change errno.

@@ -10,9 +10,7 @@ namespace morvane {
 // fault cannot be put off and stay as they are. A new thread takes over what is blocked where it is made.
 class SignalsBlocked {
  public:
-  // `enabled` false does nothing: for calls that make threads only sometimes.
-  explicit SignalsBlocked(bool enabled = true) {
-    if (!enabled) return;
+  SignalsBlocked() {
     sigset_t blocked;
     sigfillset(&blocked);
     for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGSYS})

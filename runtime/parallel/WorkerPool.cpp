@@ -43,9 +43,16 @@ unsigned filesToSpare() {
   return static_cast<unsigned>(std::min<rlim_t>(limitOf(RLIMIT_NOFILE) / kOneOf, kMostThreads));
 }
 
+// Nothing is asked of the system for one thread.
 unsigned workerCount(long long threads) {
+  if (threads == 1) return 0;
   if (threads == 0) threads = hasLittleMemory() ? 1 : processorsOfProcess();
   return static_cast<unsigned>(std::clamp(threads, 1LL, std::max<long long>(filesToSpare(), 1)) - 1);
+}
+
+unsigned itemsInTask(unsigned workers) {
+  constexpr unsigned kFewest = 4, kForAll = 128;
+  return std::clamp(kForAll / workers, kFewest, kMostItemsInTask);
 }
 
 WorkerPool::Task::~Task() = default;

@@ -35,6 +35,10 @@ namespace morvane {
 unsigned workerCount(long long threads);
 // How many files may be held open beside what work needs in one thread: a part of what the process may open.
 unsigned filesToSpare();
+// How many small items, such as files, are worth handing in as one task: fewer where there are many workers
+// to share them. `workers` is not 0.
+constexpr unsigned kMostItemsInTask = 32;
+unsigned itemsInTask(unsigned workers);
 
 // One thread, here called the first, calls everything; only Task::work runs elsewhere. No thread outlives the
 // object. Workers have all signals blocked but those of a fault of their own.

@@ -152,6 +152,8 @@ class MemberPlacer {
   }
   // Places such a file in the ordinary way. The path is then its own.
   Placed placeAgain(const WriteBehind::File& file, const Io& io);
+  // Puts its data there and ends it.
+  FileEnd fillAgain(const WriteBehind::File& file, const Placed& placed, const Io& io);
   // The end: for a run that an exception ends, where nobody hears of what is done again, or behind doUndone.
   // No thread is left.
   void finishBehind();
@@ -197,6 +199,7 @@ class MemberPlacer {
   void goBackTo(Current current);
   bool mayWriteBehind(const Io& io) const;
   bool mayGoBehind(const Member& member, const std::string& path);
+  bool hasOnePath(const std::string& path) const;
   bool isInOwnDirectory(const std::string& path) const;
   void noteNewParents();
   void noteOwnDirectory(const std::string& path);

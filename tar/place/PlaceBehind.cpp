@@ -8,17 +8,16 @@
 
 namespace morvane {
 
-// Only on the confined way, where everything is made exclusively, and only where nobody counts or follows the
-// single steps: a verbose log, UntarMaxCount.
+// Only on the confined way, where everything is made exclusively.
 void MemberPlacer::beginBehind() {
   m_behind.reset();
-  const long long threads = settings().options.codec.threads;
-  const unsigned workers = threads == 1 ? 0 : workerCount(threads);
-  if (workers > 0 && restored().any()) m_behind = std::make_unique<WriteBehind>(workers);
+  const unsigned workers = restored().any() ? workerCount(settings().options.codec.threads) : 0;
+  if (workers > 0) m_behind = std::make_unique<WriteBehind>(workers);
   m_target.noteWhetherEmpty(m_behind != nullptr);
 }
 
-// As the properties are now: a callback may have set any. Words stay as they were when the method began.
+// Only where nobody counts or follows the single steps: a verbose log, UntarMaxCount. As the properties are
+// now: a callback may have set any. Words stay as they were when the method began.
 bool MemberPlacer::mayWriteBehind(const Io& io) const {
   const ReadSettings& now = settings();
   return m_behind && now.options.existing == ExistingFiles::Replace && !io.log.verbose() &&
@@ -26,8 +25,7 @@ bool MemberPlacer::mayWriteBehind(const Io& io) const {
 }
 
 // What is made in its turn may lead to what is under way, or stand in the way of it. Directories and symbolic
-// links do so by path alone: but only in the target itself or in a directory of the run's own, because on
-// the way through any other there may be links of before the run, by which one directory has two paths.
+// links do so by path alone, where they have no other.
 MemberPlacer::Turn MemberPlacer::turnOf(const Member& member, const Io& io) {
   Turn turn;
   if (!m_behind) return turn;
@@ -40,17 +38,23 @@ MemberPlacer::Turn MemberPlacer::turnOf(const Member& member, const Io& io) {
   turn.isBehind = mayGoBehind(member, path);
   if (!isAnyUnderWay) return turn;
   const bool isLink = member.isSymbolicLink() && restored().link;
-  const bool hasOnePath = path.find('/') == std::string::npos || isInOwnDirectory(path);
-  const bool isMetByPath = turn.isBehind || (hasOnePath && member.isDirectory) ||
-                           (hasOnePath && isLink && !m_behind->isOwnDirectory(path));
+  const bool meetsByPathAlone = member.isDirectory || (isLink && !m_behind->isOwnDirectory(path));
+  const bool isMetByPath = turn.isBehind || (meetsByPathAlone && hasOnePath(path));
   turn.waits = !isMetByPath || m_behind->meets(path);
   return turn;
 }
 
+// Only in the target itself or in a directory of the run's own: on the way through any other there may be a
+// link, of before the run or one that an archive can turn elsewhere later.
+bool MemberPlacer::hasOnePath(const std::string& path) const {
+  const size_t slash = path.rfind('/');
+  return slash == std::string::npos || m_behind->isOwnDirectory(path.substr(0, slash));
+}
+
 // The target is the run's own where there was nothing in it.
 bool MemberPlacer::isInOwnDirectory(const std::string& path) const {
-  const size_t slash = path.rfind('/');
-  return slash == std::string::npos ? m_target.wasEmpty() : m_behind->isOwnDirectory(path.substr(0, slash));
+  const bool isInTarget = path.find('/') == std::string::npos;
+  return isInTarget ? m_target.wasEmpty() : hasOnePath(path);
 }
 
 // An ordinary file of little data, in a directory of the run's own. Nothing is asked of the disk. What would
@@ -101,6 +105,12 @@ Placed MemberPlacer::placeAgain(const WriteBehind::File& file, const Io& io) {
   return place(file.member, io);
 }
 
+// Without a monitor: progress was told as the data came.
+FileEnd MemberPlacer::fillAgain(const WriteBehind::File& file, const Placed& placed, const Io& io) {
+  const bool isWritten = placed.out->writeBytesPM(file.bytes(), file.size, nullptr, io.log);
+  return settle(file.member, *placed.out, *placed.file, isWritten, {}, io);
+}
+
 MemberPlacer::Current MemberPlacer::setAside() {
   return {std::exchange(m_path, MemberPath()), m_isRenamed, m_linkIsGiven};
 }
@@ -118,8 +128,7 @@ void MemberPlacer::finishBehind() {
   doUndone(true, [&](const WriteBehind::File& file) {
     const Placed placed = placeAgain(file, quiet);
     if (!placed.file) return true;
-    const bool isWritten = placed.out->writeBytesPM(file.bytes(), file.size, nullptr, unwanted);
-    settle(file.member, *placed.out, *placed.file, isWritten, {}, quiet);
+    fillAgain(file, placed, quiet);
     return true;
   });
   m_behind.reset();
@@ -141,13 +150,8 @@ void MemberPlacer::noteNewParents() {
   for (const ConfinedDir::NewParent& parent : parents) noteOwnDirectory(parent.path);
 }
 
-// Only in the target itself or in another of its own: on the way through any other there may be a link, which
-// an archive can turn elsewhere later.
 void MemberPlacer::noteOwnDirectory(const std::string& path) {
-  if (!m_behind || path.empty()) return;
-  const size_t slash = path.rfind('/');
-  const bool isReal = slash == std::string::npos || m_behind->isOwnDirectory(path.substr(0, slash));
-  if (isReal) m_behind->noteOwnDirectory(path);
+  if (m_behind && !path.empty() && hasOnePath(path)) m_behind->noteOwnDirectory(path);
 }
 
 }  // namespace morvane

@@ -11,10 +11,8 @@ namespace morvane {
 
 namespace {
 
-// So many files, and bytes of them, are under way at most.
-constexpr unsigned kFiles = 512, kBytes = 4 * 1024 * 1024;
-// Of one batch there are fewer where there are many workers to share them.
-constexpr unsigned kFewestFiles = 4, kFilesForAll = 128;
+// So many bytes of files are under way at most.
+constexpr unsigned kBytes = 4 * 1024 * 1024;
 constexpr unsigned kBatches = 16;
 constexpr size_t kDirectories = 4096;
 // Fewer are not worth a batch of their own.
@@ -43,7 +41,7 @@ bool writeWhole(const OsFile& file, const char* bytes, size_t n) {
 // As many batches as keep all workers busy.
 WriteBehind::WriteBehind(unsigned workers)
     : m_batches(std::max(kBatches, workers * 2)),
-      m_filesInBatch(std::clamp(kFilesForAll / workers, kFewestFiles, kFiles / kBatches)),
+      m_filesInBatch(itemsInTask(workers)),
       m_bytesInBatch(kBytes / m_batches),
       m_hashes(static_cast<size_t>(m_batches + 1) * m_filesInBatch),
       m_ring(workers, m_batches) {}
@@ -71,7 +69,8 @@ WriteBehind::File& WriteBehind::next(ConfinedDir& target, std::string path) {
   }
   if (batch->files.empty()) batch->files.resize(m_filesInBatch);
   File& file = batch->files[batch->count];
-  const unsigned used = batch->count == 0 ? 0 : (&file)[-1].start + (&file)[-1].size;
+  const File* const before = batch->count > 0 ? &batch->files[batch->count - 1] : nullptr;
+  const unsigned used = before ? before->start + before->size : 0;
   batch->data.truncate(used);
   batch->target = &target;
   file.data = &batch->data;

@@ -5,7 +5,7 @@
 
 #include "runtime/codec/ExpandAhead.h"
 #include "runtime/io/AheadSource.h"
-#include "runtime/parallel/OrderedRing.h"
+#include "runtime/parallel/WorkerPool.h"
 #include "tar/stream/RatioLimit.h"
 #include "tar/stream/StreamSink.h"
 

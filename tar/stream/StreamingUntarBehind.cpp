@@ -25,15 +25,13 @@ bool StreamingUntar::doUndone(bool waitsForAll, const Io& io) {
   return ok;
 }
 
-// Without a monitor: progress was told as the data came.
 bool StreamingUntar::doAgain(const WriteBehind::File& file, const Io& io) {
   const Io again(io.log, nullptr, io.event);
   const Placed placed = m_placer.placeAgain(file, again);
   if (placed.result == Placed::Result::LeftOut) return true;
   bool finished = false;
   if (placed.result != Placed::Result::Made) return couldNotPlace(placed.result, finished, io);
-  const bool isWritten = placed.out->writeBytesPM(file.bytes(), file.size, nullptr, io.log);
-  const FileEnd end = m_placer.settle(file.member, *placed.out, *placed.file, isWritten, {}, again);
+  const FileEnd end = m_placer.fillAgain(file, placed, again);
   return m_placer.noteEnd(end, again) || writeHasFailed(static_cast<Arrival>(file.arrival), io);
 }
 

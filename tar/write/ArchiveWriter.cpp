@@ -201,7 +201,7 @@ bool ArchiveWriter::mayOpenEarly() const { return !m_run.io.event || m_run.setti
 // Patterns are tested in the turn of a member; until then what they leave out would be opened for nothing.
 std::unique_ptr<ReadAhead> ArchiveWriter::makeReadAhead() const {
   const TarOptions& options = m_run.settings.options;
-  const unsigned workers = options.codec.threads == 1 ? 0 : workerCount(options.codec.threads);
+  const unsigned workers = workerCount(options.codec.threads);
   const bool mayLook =
       workers > 0 && mayOpenEarly() && !options.followLinks && !m_run.settings.filter.isSet();
   return mayLook ? std::make_unique<ReadAhead>(workers) : nullptr;

@@ -18,8 +18,6 @@ namespace {
 constexpr unsigned kFewestLooks = 32, kMostLooks = 128, kLooksForWorker = 4;
 // Of files that were read, in all looks.
 constexpr size_t kBytes = 4 * 1024 * 1024;
-// Of one look; fewer where there are many workers to share them.
-constexpr unsigned kFewestFiles = 4, kMostFiles = 32, kFilesForAll = 128;
 // What lies ahead is looked at once in so many entries, so that threads are not woken for each.
 constexpr unsigned kEntriesBetween = 8;
 // The walk closes directories that it is far below; so nothing may be under way in them by then.
@@ -33,7 +31,7 @@ bool mayBeDirectory(unsigned char type) { return type == DT_DIR || type == DT_UN
 
 ReadAhead::ReadAhead(unsigned workers)
     : m_mostLooks(std::min(std::clamp(workers * kLooksForWorker, kFewestLooks, kMostLooks), filesToSpare())),
-      m_mostFiles(std::clamp(kFilesForAll / workers, kFewestFiles, kMostFiles)),
+      m_mostFiles(itemsInTask(workers)),
       m_roomSize(std::max<size_t>(kBytes / std::max(m_mostLooks, kFewestLooks), kMostBytes + 1)),
       m_pool(workers) {}
 
