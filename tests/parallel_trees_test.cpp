@@ -71,7 +71,8 @@ std::string withoutTimes(std::string log) {
   return log;
 }
 
-constexpr int kManyThreads[] = {2, 4, 8};
+// The last has batches so small that every second file fills one.
+constexpr int kManyThreads[] = {2, 4, 8, 40};
 
 // No question may come by the clock, because two runs would be asked at different places: asked are members
 // and parts of the progress.
@@ -241,8 +242,8 @@ std::string tangledArchive() {
   archive +=
       directory("d/a9/") + member("d/a9/in", "in") + member("../out", "refused") + member("d/../up", "no");
   archive += member("there/f", "new") + member("there/n", "n") + member("d/skipped", "s");
-  for (const size_t n : {size_t{65535}, size_t{65536}, size_t{65537}, size_t{200000}})
-    archive += member("d/size" + std::to_string(n), noise(n, 9));
+  for (const size_t n : {size_t{65537}, size_t{300000}, size_t{1048576}, size_t{1048577}})
+    archive += member("d/size" + std::to_string(n), noise(n, 9)) + member("d/sub/s" + std::to_string(n), "s");
   files("d/sub/b", 60);
   // Something else takes a directory's place, and what comes below it must not meet it there.
   archive += directory("r/") + member("r", "a file") + member("r/f", "below it") + directory("r/");

@@ -78,7 +78,8 @@ WriteBehind::File* MemberPlacer::fileBehind(const Member& member, const Io& io) 
   ConfinedDir* const target = m_target.confined();
   // A callback may have changed the properties while earlier files were told of.
   if (!target || !mayWriteBehind(io) || !target->mayBeMade(entryPath)) return nullptr;
-  WriteBehind::File& file = m_behind->next(*target, cleanPath(entryPath));
+  const auto size = static_cast<unsigned>(member.size);  // at most kMostBytes: mayGoBehind has seen to it
+  WriteBehind::File& file = m_behind->next(*target, cleanPath(entryPath), size);
   file.mode = m_restorer.modeToMake(member, m_target.handsOnGroup());
   file.settlement = m_restorer.plan(member);
   file.entryPath = entryPath;

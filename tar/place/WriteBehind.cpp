@@ -11,8 +11,10 @@ namespace morvane {
 
 namespace {
 
-// So many bytes of files are under way at most.
+// Where so many bytes of files are under way, the oldest are waited for.
 constexpr unsigned kBytes = 4 * 1024 * 1024;
+// So many bytes are kept in rooms that wait for the next files.
+constexpr unsigned kSpareBytes = 2 * 1024 * 1024;
 constexpr unsigned kBatches = 16;
 constexpr size_t kDirectories = 4096;
 // Fewer are not worth a batch of their own.
@@ -43,8 +45,8 @@ WriteBehind::WriteBehind(unsigned workers)
     : m_batches(std::max(kBatches, workers * 2)),
       m_filesInBatch(itemsInTask(workers)),
       m_bytesInBatch(kBytes / m_batches),
-      m_hashes(static_cast<size_t>(m_batches + 1) * m_filesInBatch),
-      m_ring(workers, m_batches) {}
+      m_hashes(static_cast<size_t>(m_batches + 2) * m_filesInBatch),
+      m_ring(workers, m_batches + 1) {}
 
 void WriteBehind::noteOwnDirectory(const std::string& path) {
   if (m_ownDirectories.size() >= kDirectories) {
@@ -61,19 +63,27 @@ bool WriteBehind::meets(const std::string& path) const {
   return !isEmpty() && std::find(m_hashes.begin(), m_hashes.end(), hashOf(path)) != m_hashes.end();
 }
 
-WriteBehind::File& WriteBehind::next(ConfinedDir& target, std::string path) {
+// A large file begins a batch, so that a worker has what came before while its bytes arrive. One that fills
+// it is handed in at once: that is the second batch without anything taken in between.
+WriteBehind::File& WriteBehind::next(ConfinedDir& target, std::string path, unsigned size) {
   Batch* batch = &m_ring.next();
-  if (batch->count >= kWorthBatch && !areInOneDirectory(batch->files[batch->count - 1].path, path)) {
+  const bool isOtherPlace =
+      batch->count >= kWorthBatch && !areInOneDirectory(batch->files[batch->count - 1].path, path);
+  if (batch->count > 0 && (isOtherPlace || size >= m_bytesInBatch)) {
     handIn();
     batch = &m_ring.next();
   }
   if (batch->files.empty()) batch->files.resize(m_filesInBatch);
+  if (!batch->room) batch->room = takeRoom();
   File& file = batch->files[batch->count];
   const File* const before = batch->count > 0 ? &batch->files[batch->count - 1] : nullptr;
   const unsigned used = before ? before->start + before->size : 0;
-  batch->data.truncate(used);
+  DataBuffer& data = batch->room->data;
+  data.truncate(used);
+  if (used == 0 && size > batch->room->most) data.clear();  // an empty buffer takes exactly what it needs
+  (void)data.reserveMore(size);  // without memory for all at once it grows as far as it can
   batch->target = &target;
-  file.data = &batch->data;
+  file.data = &data;
   file.start = used;
   file.path = std::move(path);
   file.isDone = false;
@@ -85,14 +95,31 @@ void WriteBehind::submit(File& file) {
   m_hashes[m_submitted++ % m_hashes.size()] = hashOf(file.path);
   Batch& batch = m_ring.next();
   ++batch.count;
-  if (batch.count == m_filesInBatch || batch.data.getSize() >= m_bytesInBatch) handIn();
+  if (batch.count == m_filesInBatch || batch.bytes() >= m_bytesInBatch) handIn();
+}
+
+std::unique_ptr<WriteBehind::Room> WriteBehind::takeRoom() {
+  if (m_spareRooms.empty()) return std::make_unique<Room>();
+  std::unique_ptr<Room> room = std::move(m_spareRooms.back());
+  m_spareRooms.pop_back();
+  m_spareBytes -= room->most;
+  return room;
+}
+
+void WriteBehind::giveBack(std::unique_ptr<Room> room) {
+  room->most = std::max<size_t>(room->most, room->data.getSize());
+  if (m_spareBytes + room->most > kSpareBytes) return;
+  m_spareBytes += room->most;
+  room->data.weakClear();
+  m_spareRooms.push_back(std::move(room));
 }
 
 // The weight of a batch is that of its calls, too.
 void WriteBehind::handIn() {
   Batch& batch = m_ring.next();
   if (batch.count == 0) return;
-  m_ring.submit(batch.data.getSize() + batch.count * size_t{32 * 1024});
+  m_bytesUnderWay += batch.bytes();
+  m_ring.submit(batch.bytes() + batch.count * size_t{32 * 1024});
   m_ring.next().count = 0;
 }
 
@@ -106,11 +133,17 @@ WriteBehind::File* WriteBehind::nextUndone(bool waitsForAll) {
       m_againBefore = m_submitted;
       return &file;
     }
+    if (m_done) {
+      if (m_lastRoom) giveBack(std::move(m_lastRoom));
+      m_lastRoom = std::move(m_done->room);
+    }
     m_done = nullptr;
-    const bool takes = !m_ring.isEmpty() && (waitsForAll || m_ring.isFull() || m_ring.oldestIsDone());
+    const bool isFull = m_ring.underWay() >= m_batches || m_bytesUnderWay >= kBytes;
+    const bool takes = !m_ring.isEmpty() && (waitsForAll || isFull || m_ring.oldestIsDone());
     if (!takes) return nullptr;
     m_done = &m_ring.take();
     m_doneTaken = 0;
+    m_bytesUnderWay -= m_done->bytes();
   }
 }
 

@@ -6,6 +6,7 @@
 // does it again in the ordinary way, which finds out why and says so.
 #pragma once
 
+#include <memory>
 #include <string>
 #include <unordered_set>
 #include <vector>
@@ -22,11 +23,11 @@ namespace morvane {
 // One for a run, on its thread, and gone before the target is: workers make files beneath that.
 class WriteBehind {
  public:
-  // Larger files are written in their turn.
-  static constexpr long long kMostBytes = 64 * 1024;
+  // Larger files are written in their turn: by piece, because as a whole they would be much to keep.
+  static constexpr long long kMostBytes = 1024 * 1024;
 
   struct File {
-    // Its data, once they are all there: at the end of the batch's until another file begins.
+    // Its data, at the end of the batch's until another file begins.
     const char* bytes() const { return reinterpret_cast<const char*>(data->getData2()) + start; }
     // What has come of them so far.
     void takeSize() { size = data->getSize() - start; }
@@ -56,9 +57,9 @@ class WriteBehind {
   // compared.
   bool meets(const std::string& path) const;
 
-  // A file to be filled in and submitted. One that was not submitted is forgotten with the next. Behind each
-  // submit nextUndone is called, because only that makes room.
-  File& next(ConfinedDir& target, std::string path);
+  // A file of `size` bytes to be filled in and submitted. One that was not submitted is forgotten with the
+  // next. Behind each submit nextUndone is called, because only that makes room.
+  File& next(ConfinedDir& target, std::string path, unsigned size);
   void submit(File& file);
   bool isEmpty() const { return m_submitted == m_taken; }
   // The oldest file that is not done though it was its turn, or null: of all, for which it waits, or of those
@@ -69,22 +70,38 @@ class WriteBehind {
   void waitForAll();
 
  private:
+  // The bytes of a batch. Given back and taken again, the one used last first, so that there are as many as
+  // are needed at a time, and not one as large as the largest file for each batch.
+  struct Room {
+    DataBuffer data;
+    size_t most = 0;  // bytes that were in it at a time: it keeps room for them
+  };
+
   // Files are handed to workers by the batch: those that follow one another in a directory, so that one
   // worker stays in it; for others would wait for the directory's lock.
   struct Batch : OrderedRing::Job {
     void work() override;
     void make(File& file);
+    size_t bytes() const { return room->data.getSize(); }
 
     ConfinedDir* target = nullptr;
     std::vector<File> files;  // kept for their room; `count` of them are the batch's
     unsigned count = 0;
-    DataBuffer data;
+    std::unique_ptr<Room> room;  // from its first file to its last
   };
 
   void handIn();
+  std::unique_ptr<Room> takeRoom();
+  void giveBack(std::unique_ptr<Room> room);
 
-  // By the number of workers, so that memory does not grow with it.
+  // By the number of workers, so that memory does not grow with it. So many batches are under way, and for a
+  // moment one more.
   const unsigned m_batches, m_filesInBatch, m_bytesInBatch;
+  std::vector<std::unique_ptr<Room>> m_spareRooms;
+  // Of the batch done last: a file that was not submitted with it is read from there all the same.
+  std::unique_ptr<Room> m_lastRoom;
+  size_t m_spareBytes = 0;     // that these keep
+  size_t m_bytesUnderWay = 0;  // of batches handed in and not taken
   std::unordered_set<std::string> m_ownDirectories;
   // Of the paths of files under way, by their numbers.
   std::vector<size_t> m_hashes;
