@@ -97,7 +97,7 @@ TEST_F(Foreign, OurFormsAndCompressions) {
       SCOPED_TRACE(format.format + " " + suffix);
       const std::string name = "a." + suffix;
       const CommandResult made = mvtar(m_dir, "-caf " + name + " --format=" + format.format + " t");
-      if (has(made.err, "without")) continue;  // a build that lacks a compressor says so
+      if (has(made.err, "This build has no ")) continue;
       EXPECT_EQ(format.lost & kLongLinks ? 2 : 0, made.status) << made.err;
       expectSame(m_tree, restored("mvtar -xpf " + name + " -C out"), format.lost);
       expectSame(m_tree, restored("tar -xpf " + name + " -C out"), format.lost);
@@ -134,7 +134,9 @@ TEST_F(Foreign, DpkgDeb) {
   for (const std::string method : {"none", "gzip", "xz", "zstd"}) {
     SCOPED_TRACE(method);
     if (shell(m_dir, "dpkg-deb -Z" + method + " -b t a.deb").status != 0) continue;  // older ones lack zstd
-    Facts is = restored("rm -rf m; mkdir m out/t; cd m && ar x ../a.deb && mvtar -xpf data.tar* -C ../out/t");
+    must(m_dir, "rm -rf m; mkdir m; cd m && ar x ../a.deb");
+    if (has(shell(m_dir, "mvtar -tf m/data.tar*").err, "This build has no ")) continue;
+    Facts is = restored("mkdir out/t; mvtar -xpf m/data.tar* -C out/t");
     is.erase(".");
     expectSame(expected, is, kNanoseconds);
   }

@@ -135,6 +135,7 @@ std::vector<Packed> packedArchives(const ScratchDir& dir) {
           {Compression::Bzip2, &ClsTar::UntarBz2},
           {Compression::Zstd, &ClsTar::UntarZst},
           {Compression::Xz, &ClsTar::UntarXz}}) {
+      if (!isBuilt(compression)) continue;
       packed.push_back({compressionName(compression), encode(compression, tar, 20'000, options), method});
     }
   }
@@ -198,7 +199,7 @@ TEST(ParallelDecoders, LittleIsNotWorthAThread) {
   const std::string tar = builder.bytes();
   std::thread([] {}).join();
   const int threadsBefore = threadsOfProcess();
-  for (const Compression compression : kWritten) {
+  for (const Compression compression : compressionsWritten()) {
     const std::string packed = encode(compression, tar, tar.size(), {});
     for (const ReadMethod method : {static_cast<ReadMethod>(&ClsTar::UntarAny), &ClsTar::VerifyAny}) {
       for (const unsigned trickle : {0u, 1'000u}) {

@@ -26,7 +26,7 @@ std::string decode(Compression compression, const std::string& bytes) {
 
 TEST(ParallelEncoders, BytesDependOnWhetherThereAreThreads) {
   constexpr size_t kBlock = 256 * 1024, kBzip2Block = 900'000;
-  for (const Compression compression : kWritten) {
+  for (const Compression compression : compressionsWritten()) {
     for (const size_t n : {size_t{1}, kBlock - 1, kBlock, kBlock + 1, 2 * kBzip2Block, size_t{3'000'001}}) {
       const std::string bytes = contents(n);
       for (const long long fast : {0, 1, 3}) {
@@ -61,7 +61,7 @@ TEST(ParallelEncoders, OneThreadIsEnough) {
   ASSERT_EQ(0, sched_getaffinity(0, sizeof all, &all));
   CPU_ZERO(&one);
   CPU_SET(static_cast<size_t>(sched_getcpu()), &one);
-  for (const Compression compression : kWritten) {
+  for (const Compression compression : compressionsWritten()) {
     const char* const name = compressionName(compression);
     const std::string alone = with(compression, 1, 1), side = with(compression, 2, 1);
     ASSERT_EQ(0, sched_setaffinity(0, sizeof one, &one));
@@ -73,7 +73,9 @@ TEST(ParallelEncoders, OneThreadIsEnough) {
         withoutThreads([&] { return with(compression, 4, 1) == (isLibrarys ? alone : side); }).value_or(true))
         << name;
   }
-  EXPECT_TRUE(with(Compression::Zstd, 1, 20) == with(Compression::Zstd, 2, 20));
+  if (isBuilt(Compression::Zstd)) {
+    EXPECT_TRUE(with(Compression::Zstd, 1, 20) == with(Compression::Zstd, 2, 20));
+  }
 }
 
 TEST(ParallelEncoders, OthersReadThem) {
@@ -91,7 +93,9 @@ TEST(ParallelEncoders, OthersReadThem) {
   for (const auto& each : kCases) {
     const std::string path = dir / ("a.tar."s + each.name);
     TarWith tar("Threads=4,Level=1,Reproducible=1");
-    ASSERT_TRUE(tar.AddDirRoot(dir / "tree") && (tar.*each.write)(path, nullptr)) << logOf(tar);
+    const bool isWritten = tar.AddDirRoot(dir / "tree") && (tar.*each.write)(path, nullptr);
+    if (logHas(tar, "This build has no ")) continue;
+    ASSERT_TRUE(isWritten) << logOf(tar);
     must(dir,
          each.program + " -t "s + path + " && " + each.program + " -dc < " + path + " | cmp - plain.tar");
   }
@@ -116,6 +120,7 @@ TEST(ParallelEncoders, WaitingForALibraryMayBeAborted) {
   const std::string bytes = contents(100'000'000), some = noise(3'000'000, 7);
   const std::string self = std::to_string(getpid());
   for (const auto& [compression, level] : {std::pair{Compression::Xz, 6}, {Compression::Zstd, 19}}) {
+    if (!isBuilt(compression)) continue;
     for (const std::string* each : {&bytes, &some}) {
       CodecOptions options;
       options.threads = 2;
