@@ -84,17 +84,10 @@ class LenientReader : public MemberReader {
 };
 
 // Records wait in m_extensions until a member comes, however many there are and in whatever order.
-// What is no number is not taken for one: it would make somebody an owner whom nobody meant. Nor is kNoId a
-// device.
-long long numberOrNone(const unsigned char* block, Field field) {
-  const NumberField number = parseNumber(block, field);
-  const bool isNone =
-      number.state == NumberField::State::Negative || number.state == NumberField::State::Foreign;
-  return isNone ? FileMetadata::kNoId : static_cast<long long>(number.value);
-}
-
+// kNoId is no device's number either.
 unsigned deviceNumber(const unsigned char* block, Field field) {
-  return static_cast<unsigned>(std::min<long long>(numberOrNone(block, field), FileMetadata::kNoId));
+  const long long number = parseNumber(block, field).orNone(FileMetadata::kNoId);
+  return static_cast<unsigned>(std::min<long long>(number, FileMetadata::kNoId));
 }
 
 class FullReader : public MemberReader {
@@ -120,15 +113,12 @@ class FullReader : public MemberReader {
     m_found.defaultAccessList.clear();
     m_found.lacksAttributes = false;
     if (found == Found::Member) {
-      if (const NumberField mtime = parseNumber(block, kMtimeField);
-          mtime.state == NumberField::State::Negative) {
-        m_header.m_exactMtime.seconds = parseNegative(block, kMtimeField);
-      }
-      m_header.m_exactUid = numberOrNone(block, kUidField);
-      m_header.m_exactGid = numberOrNone(block, kGidField);
+      if (isNegative(block, kMtimeField)) m_header.m_exactMtime.seconds = parseNegative(block, kMtimeField);
       m_extensions.complete(m_header, m_found);
-      m_found.deviceMajor = deviceNumber(block, kDevMajorField);
-      m_found.deviceMinor = deviceNumber(block, kDevMinorField);
+      // What stands there in other headers is nobody's business, and is often nothing.
+      const bool isDevice = typeFlag == kTypeCharacterDevice || typeFlag == kTypeBlockDevice;
+      m_found.deviceMajor = isDevice ? deviceNumber(block, kDevMajorField) : 0;
+      m_found.deviceMinor = isDevice ? deviceNumber(block, kDevMinorField) : 0;
     }
     m_found.exchangeHeader(m_header);
     // The lenient reader's have 32 bits.

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <new>
 
+#include "runtime/fs/FileMetadata.h"
 #include "runtime/io/_mvDataSource.h"
 #include "runtime/log/LogBase.h"
 #include "tar/format/TarBlock.h"
@@ -119,8 +120,8 @@ void TarHeader::takeNumbers(const unsigned char* block) {
   const NumberField uid = parseNumber(block, kUidField), gid = parseNumber(block, kGidField);
   m_uid = uid.as32();
   m_gid = gid.as32();
-  m_exactUid = static_cast<long long>(uid.value);
-  m_exactGid = static_cast<long long>(gid.value);
+  m_exactUid = uid.orNone(FileMetadata::kNoId);
+  m_exactGid = gid.orNone(FileMetadata::kNoId);
   const NumberField mtime = parseNumber(block, kMtimeField);
   m_mtime = mtime.as32();
   m_exactMtime = {static_cast<long long>(mtime.value), 0, true};

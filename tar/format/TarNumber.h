@@ -40,13 +40,22 @@ struct NumberField {
 
   // Negative is 0, anything over 32 bits 2^32-1.
   unsigned as32() const { return value > 0xFFFFFFFFull ? 0xFFFFFFFFu : static_cast<unsigned>(value); }
+  // `none` for what is no number: taken for one, it would make somebody an owner whom nobody meant.
+  long long orNone(long long none) const {
+    const bool isNone = state == State::Negative || state == State::Foreign;
+    return isNone ? none : static_cast<long long>(value);
+  }
 };
 
 // Octal with leading blanks, ended by a blank, NUL or the field's end; blank is 0. Or base-256, where the
 // marker is. Never fails: whatever the bytes are, there is a value. Reads the field's bytes only.
 NumberField parseNumber(const unsigned char* block, Field field);
 
-// The value of a field whose state is Negative: base-256 in two's complement, at least -2^63.
+// Whether the field's state is Negative, without reading the whole of it.
+inline bool isNegative(const unsigned char* block, Field field) {
+  return (block[field.offset] & 0xC0) == 0xC0;
+}
+// The value of such a field: base-256 in two's complement, at least -2^63.
 long long parseNegative(const unsigned char* block, Field field);
 
 // Whether the stored checksum is that of the block: the unsigned sum, or the signed one that old writers
