@@ -17,13 +17,18 @@ namespace morvane {
 
 namespace {
 
+// Said of a path that no file can have and of a file that cannot be opened alike.
 constexpr char kCannotOpen[] = "Failed to open the archive.";
-// The end mark: it stays in its place until everything behind it is written.
+// POSIX ends an archive with two blocks of zeros. They stay in their place until everything behind them is
+// written, so that a reader meets the end of the old archive till then.
 constexpr unsigned kEndMark = 2 * kBlockSize;
 
-// Whether everything that the source still has is zeros. `ok`: whether it could be read.
+// Whether everything that the source still has is zeros. `ok`: whether it could be read. Zeros are what
+// archives are filled up with to the size of a tape's record, and may be overwritten. Anything else is
+// somebody's data, which appending would destroy.
 bool hasZerosAlone(_mvDataSource& source, const Io& io, bool& ok) {
   char piece[32 * 1024];
+  // A short piece is the end of the file.
   for (unsigned got = sizeof piece; got == sizeof piece;) {
     ok = source.readFully(piece, sizeof piece, got, io.monitor, io.log);
     if (!ok || std::any_of(piece, piece + got, [](char byte) { return byte != 0; })) return false;
@@ -39,14 +44,20 @@ bool ClsTar::AppendTar(const XString& tarPath, ProgressEvent* progress) {
   return m_inner->appendMethod(tarPath, progress);
 }
 
+// Progress of the search and of the write have a monitor each, and the archive needs no end(): it is plain,
+// so that there is no encoder with memory and threads to let go.
 bool ClsTar::Inner::appendMethod(const XString& tarPath, ProgressEvent* progress) {
   return method("AppendTar", MethodForm::Judged, false, [&](MethodFrame&) {
     long long total = 0;
     if (!prepareWrite({"tarPath", &tarPath, nullptr}, kCannotOpen, progress, total)) return false;
     const char* const path = tarPath.getUtf8();
+    // O_NONBLOCK and O_NOCTTY, because the path may be a device's: opening it must neither wait nor make a
+    // terminal the process's own, until findEndOfArchive refuses it.
     constexpr int kFlags = O_RDWR | O_NONBLOCK | O_NOCTTY;
     OsFile file(osOpen(path, kFlags));
     const bool isNew = !file.isOpen() && errno == ENOENT;
+    // O_EXCL, so that a file which another process makes in this moment is not taken for one of the run's own
+    // and removed after a failure. A link to nothing is refused by it, too.
     if (isNew) file.reset(osOpen(path, kFlags | O_CREAT | O_EXCL, 0666));
     if (!file.isOpen()) {
       logOsError(m_log, kCannotOpen, path, errno);
@@ -67,7 +78,9 @@ bool ClsTar::Inner::appendMethod(const XString& tarPath, ProgressEvent* progress
     const bool written = writeFramed(out, Compression::None, io);
     // An archive that is complete counts, also when something was left out of it.
     if (!written && !m_onlyLeftOut) return false;
+    // The first new bytes replace the old end mark only here.
     isCommitted = out.commit(io.monitor, m_log);
+    // What was left out is not all that is missing then.
     if (!isCommitted) m_onlyLeftOut = false;
     return isCommitted && written;
   });
@@ -82,7 +95,9 @@ bool ClsTar::Inner::findEndOfArchive(const OsFile& file, const XString& path, co
   if (file.status(status) != 0 || !S_ISREG(status.st_mode)) {
     return io.fail("Only a regular file can be appended to.");
   }
+  // An empty file is an archive that has not been begun: new members go to its start, without an end mark.
   if (status.st_size == 0) return true;
+  // A source closes the descriptor that it is given; the one for writing has to stay open.
   _mvFileDataSource source;
   if (!source.adopt(file.duplicate(), path.getUtf8(), m_log)) return false;
   std::optional<Compression> found;
@@ -92,6 +107,8 @@ bool ClsTar::Inner::findEndOfArchive(const OsFile& file, const XString& path, co
   }
   const char* const what = found ? nullptr : foreignContent(source, io.monitor, m_log);
   if (what) return io.fail(what);
+  // With the full reader, which takes records as other tars do, because the end must be found where they find
+  // it. A listing is not wanted of members that were there before.
   LiveSettings<ReadSettings> settings{[this] {
                                         ReadSettings walk = readSettings();
                                         walk.captureXmlListing = false;
@@ -99,11 +116,13 @@ bool ClsTar::Inner::findEndOfArchive(const OsFile& file, const XString& path, co
                                         return walk;
                                       },
                                       m_tar.m_changes};
+  // Nothing is extracted. The walk shows that every header up to the end mark can be read.
   UntarRun run({source, io, m_log, m_xmlListing}, std::move(settings), false);
   if (run.run() < 0) return false;
   end = run.endPosition();
   bool couldRead = false;
   if (hasZerosAlone(source, io, couldRead)) return true;
+  // What could not be read has its line in the log already.
   return couldRead && io.fail("There is something behind the end of the archive.");
 }
 

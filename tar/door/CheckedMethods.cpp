@@ -16,6 +16,8 @@ constexpr Compression kAny = Compression::None;
 
 }  // namespace
 
+// The compression is the one that the method is named after, whatever the content looks like: the decoder
+// then says what is wrong with other data.
 bool ClsTar::UntarZst(const XString& tarZstPath, ProgressEvent* progress) {
   return m_inner->untarCheckedPath("UntarZst", tarZstPath, Compression::Zstd, true, progress);
 }
@@ -32,6 +34,7 @@ bool ClsTar::UntarXz(_mvDataSource& source, ProgressEvent* progress) {
   return m_inner->untarCheckedSource("UntarXz", source, Compression::Xz, true, progress);
 }
 
+// Here the content tells, so that neither a suffix nor a name has to be right.
 bool ClsTar::UntarAny(const XString& tarPath, ProgressEvent* progress) {
   return m_inner->untarCheckedPath("UntarAny", tarPath, kAny, true, progress);
 }
@@ -40,6 +43,7 @@ bool ClsTar::UntarAny(_mvDataSource& source, ProgressEvent* progress) {
   return m_inner->untarCheckedSource("UntarAny", source, kAny, true, progress);
 }
 
+// Verifying is the same run with its output suppressed (liveCheckedSettings).
 bool ClsTar::VerifyAny(const XString& tarPath, ProgressEvent* progress) {
   return m_inner->untarCheckedPath("VerifyAny", tarPath, kAny, false, progress);
 }
@@ -48,6 +52,9 @@ bool ClsTar::VerifyAny(_mvDataSource& source, ProgressEvent* progress) {
   return m_inner->untarCheckedSource("VerifyAny", source, kAny, false, progress);
 }
 
+// Opening may wait, for a FIFO or a network, and has a monitor of its own, so that an application can abort
+// it: the one with a total needs the size first. A path that cannot be opened leaves no verdict in the log,
+// as in the other methods for compressed archives.
 bool ClsTar::Inner::untarCheckedPath(const char* name, const XString& path, Compression expected,
                                      bool extract, ProgressEvent* progress) {
   return method(name, MethodForm::Judged, false, [&](MethodFrame& frame) {
@@ -61,6 +68,8 @@ bool ClsTar::Inner::untarCheckedPath(const char* name, const XString& path, Comp
   });
 }
 
+// Telling the content needs to look ahead, and a gzip header gives bytes back. A source that can do both is
+// read as it is, because a buffer in front of it would copy everything once more.
 bool ClsTar::Inner::untarCheckedSource(const char* name, _mvDataSource& source, Compression expected,
                                        bool extract, ProgressEvent* progress) {
   return method(name, MethodForm::Judged, false, [&](MethodFrame&) {
@@ -71,6 +80,9 @@ bool ClsTar::Inner::untarCheckedSource(const char* name, _mvDataSource& source, 
   });
 }
 
+// A plain archive goes to the pull engine, which seeks over data that it does not want; what comes out of a
+// decompressor goes to the push engine. Only an archive that is a file can be met again in the target and has
+// to be protected there. A source that does not know where it stands, or how long it is, has no total.
 bool ClsTar::Inner::untarChecked(_mvDataSource& source, Compression expected, bool extract,
                                  ProgressEvent* progress) {
   const long long start = std::max(source.ftell64(), 0LL);
@@ -98,14 +110,18 @@ bool ClsTar::Inner::untarChecked(_mvDataSource& source, Compression expected, bo
     StreamingUntar stream(liveCheckedSettings(extract), m_xmlListing);
     stream.BeginStreamingUntar();
     if (isProtected) stream.protect(archive);
+    // The words that switch these checks on have no say in a method that promises all of them.
     CodecOptions options = m_options.codec;
     options.verifyGzip = options.gzipAllMembers = true;
+    // The run is finished behind damage, too, because what it made has to be settled. Damage is never called
+    // a member that was left out: `expanded` is asked for that.
     const Codec& codec = codecOf(*found);
     const bool expanded = (!codec.readHeader || codec.readHeader(source, io)) &&
                           extractArchive(codec, source, stream, options, m_options.maxRatio, io);
     ok = stream.FinishStreamingUntar(io.monitor, m_log) && expanded;
     m_onlyLeftOut = expanded && stream.onlyLeftOut();
   }
+  // What follows the archive is not read, and progress would end below the whole.
   if (ok) monitor.consumeRemaining(m_log);
   return ok;
 }

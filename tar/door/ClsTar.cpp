@@ -31,8 +31,9 @@ ClsTar::Inner::Inner(ClsTar& tar)
 
 ClsTar::ClsTar() : ClsBase("ClsTar"), m_inner(std::make_unique<Inner>(*this)) {}
 
-// The lock waits for a method that another thread is still in. A second destruction, which memory that was
-// not used again shows as such, does nothing.
+// The lock waits for a method that another thread is still in. An object that is destroyed twice is known by
+// the validity word that the first destructor overwrote, as long as its memory was not used for anything
+// else; the second one then does nothing.
 ClsTar::~ClsTar() {
   if (!isAlive()) return;
   CritSecExitor lock(*this);
@@ -52,12 +53,16 @@ bool ClsTar::Inner::takeOptions(LogBase& log) {
     log.LogError("Out of memory: a property could not be set.");
     return false;
   }
+  // The lock is taken here, because the streaming steps that come this way hold none, and another thread may
+  // be setting the words.
   if (const unsigned changes = m_tar.m_uncommonOptionsChanges.now(); m_optionsTaken != changes) {
     CritSecExitor lock(m_tar);
     std::vector<std::string> unusable;
     m_options = parseTarOptions(m_tar.m_uncommonOptions.str(), unusable);
     m_unusableWords = std::move(unusable);
     m_optionsTaken = changes;  // only now, for what went before may throw
+    // The options are a part of what runs copy. The streaming run goes on from call to call and has to take
+    // them anew.
     m_tar.changed();
   }
   for (const std::string& word : m_unusableWords) {
@@ -95,6 +100,9 @@ ReadSettings ClsTar::Inner::readSettings() const {
   settings.suppressOutput = m_suppressOutput;
   settings.captureXmlListing = m_captureXmlListing;
   settings.charset = m_charset.str();
+  // The patterns come twice, as texts for the log and prepared for matching. Their exact flags are those that
+  // the last method with a setMatchPatternExactFlags of its own has left: Untar and VerifyTar have none, and
+  // their results depend on it.
   settings.mustMatch = m_mustMatch.str();
   settings.mustNotMatch = m_mustNotMatch.str();
   settings.filter = NameFilter(
@@ -114,6 +122,7 @@ WriteSettings ClsTar::Inner::writeSettings() const {
   if (m_tar.hasUnsetText()) throw std::bad_alloc();
   lookUpUser();
   WriteSettings settings;
+  // The setter sees to it that no more than one of the two is set.
   settings.format = m_formatPax ? WriteFormat::Pax : m_formatUstar ? WriteFormat::Ustar : WriteFormat::Gnu;
   settings.dirMode = m_dirMode;
   settings.fileMode = m_fileMode;
@@ -149,6 +158,7 @@ LiveSettings<ReadSettings> ClsTar::Inner::liveMemberSettings() const {
 LiveSettings<ReadSettings> ClsTar::Inner::liveCheckedSettings(bool extract) const {
   return {[this, extract] {
             ReadSettings settings = readSettings();
+            // An application that suppresses output has it suppressed here, too.
             settings.suppressOutput |= !extract;
             settings.options.requireEndOfArchive = true;
             return settings;

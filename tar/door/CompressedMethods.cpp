@@ -65,12 +65,14 @@ bool ClsTar::Inner::untarCompressed(_mvDataSource& source, ProgressEvent* progre
   const long long start = std::max(source.ftell64(), 0LL);
   const long long total = std::max(source.sizeIfKnown() - start, 0LL);
   ProgressMonitorPtr pm(progress, m_abortCheckMs, m_percentScale, total);
+  // Null for a source that is no file: nothing of it can be met in the target.
   m_archiveSource = dynamic_cast<const _mvFileDataSource*>(&source);
   // The output of a run that was not finished stays open, also after an exception.
   ScopeExit letGo([this] {
     m_stream.releaseTarget();
     m_archiveSource = nullptr;
   });
+  // The inner scope ends before the results are looked at: by then the flush has told how it went.
   bool read = false, flushed = false;
   {
     ScopeExit keepWhatArrived([&] { flushed = m_stream.flushOpenOutput(pm.getPm(), m_log); });
@@ -85,7 +87,8 @@ bool ClsTar::Inner::untarCompressed(_mvDataSource& source, ProgressEvent* progre
   return ok;
 }
 
-// The codec from its table, within the limits and threads that the words ask for.
+// The codec from its table, within the limits and threads that the words ask for. The engine is the object's
+// own, whose run the caller has begun.
 bool ClsTar::Inner::extractFrom(_mvDataSource& source, Compression compression, const Io& io) {
   return extractArchive(codecOf(compression), source, m_stream, m_options.codec, m_options.maxRatio, io);
 }

@@ -40,6 +40,7 @@ bool assemble(const XString& controlPath, const XString& dataPath, DataBuffer& p
   const bool begun = append(package, kArGlobalHeader) &&
                      append(package, arMemberHeader("debian-binary", now, kFormatVersion.size())) &&
                      append(package, kFormatVersion);
+  // These few bytes fail for lack of memory alone; the frame has words for that.
   if (!begun) throw std::bad_alloc();
   return appendTarball(package, "control", controlPath, now, log) &&
          appendTarball(package, "data", dataPath, now, log);

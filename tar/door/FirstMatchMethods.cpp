@@ -23,6 +23,7 @@ bool ClsTar::UntarFirstMatchingToMemory(DataBuffer& tarBytes, const XString& pat
                                         DataBuffer& destination) {
   return m_inner->method("UntarFirstMatchingToMemory", MethodForm::Judged, false, [&](MethodFrame&) {
     _mvMemoryDataSource source;
+    // The archive is read where it lies and is not copied.
     source.initializeMemSource(tarBytes.getData2(), tarBytes.getSize());
     // Appending to the archive's own buffer would move it while it is read.
     DataBuffer found;
@@ -48,6 +49,7 @@ bool ClsTar::UntarFirstMatchingToBd(const XString& tarPath, const XString& patte
   });
 }
 
+// A caller's source is open already, so that there is nothing but the scan's own result to tell.
 bool ClsTar::UntarFirstMatchingToBd(_mvDataSource& source, const XString& pattern, ClsBinData& destination) {
   return m_inner->method("UntarFirstMatchingToBd", MethodForm::Judged, false, [&](MethodFrame&) {
     OutputDataBuffer out(destination.data());

@@ -28,6 +28,8 @@ bool ClsTar::ListXml(_mvDataSource& source, XString& outXml, ProgressEvent* prog
 bool ClsTar::ListXml(_mvDataSource& source, _mvOutput& outXml, ProgressEvent* progress) {
   return m_inner->method("ListXml", MethodForm::Judged, false, [&](MethodFrame&) {
     XString text;
+    // Here goes what the run has kept back for less than a write's worth, with the closing tags. There is no
+    // monitor, because the listing of an aborted call is to be closed as well.
     _mvIoParams io;
     // What was listed before a failure is written too, with its end.
     const bool listed = m_inner->listXml(source, text, &outXml, progress);
@@ -43,7 +45,7 @@ bool ClsTar::Inner::listXml(_mvDataSource& source, XString& outXml, _mvOutput* d
 }
 
 // The two steps with which an application frames a listing of its own making; without CaptureXmlListing they
-// leave it alone.
+// leave it alone. They have no result, so that a call out of a callback is ignored without a word.
 void ClsTar::xmlListingInit() {
   const StepGuard step(*this);
   if (!step) return;

@@ -64,14 +64,17 @@ bool ClsTar::Inner::membersToOutput(_mvDataSource& source, _mvOutput& out, bool 
   std::optional<Compression> compression;
   if (!detectArchive(source, compression, io.monitor, m_log)) return false;
   bool found = false;
+  // What is not recognised goes to the pull engine, too, which says what is wrong with its first header.
   if (compression.value_or(Compression::None) == Compression::None) {
     UntarRun run({source, io, m_log, m_xmlListing}, liveMemberSettings(), true);
     run.extractMembersInto(out, firstAlone);
     const int count = run.run();
     if (count < 0) return false;
+    // Members that were copied are what this run counts.
     found = count > 0;
   } else {
-    // An engine of its own: the object's goes on from where its last run ended.
+    // An engine of its own: the object's goes on from where its last run ended. Its settings capture no
+    // listing, but the engine wants a place for one.
     XString noListing;
     StreamingUntar stream(liveMemberSettings(), noListing);
     stream.BeginStreamingUntar();
@@ -79,6 +82,7 @@ bool ClsTar::Inner::membersToOutput(_mvDataSource& source, _mvOutput& out, bool 
     // Where one is wanted, whether it is complete decides, not what the decompressor returns.
     StreamSink sink(stream, firstAlone ? StreamSink::Until::Member : StreamSink::Until::End);
     const Codec& codec = codecOf(*compression);
+    // Small files are not written behind here: nothing is made on the disk.
     const bool ended = (!codec.readHeader || codec.readHeader(source, io)) &&
                        expandArchive(codec, source, sink, m_options.codec, m_options.maxRatio, io);
     found = stream.completeMembers() > 0;

@@ -7,7 +7,8 @@
 
 namespace morvane {
 
-// Scalars: read and set at any time, without the lock.
+// Scalars: read and set at any time, without the lock. Setting one counts as a change, by which a run that
+// goes on knows that it has to look at them again (LiveSettings).
 bool ClsTar::get_OnlyLeftOut() const { return m_inner->m_onlyLeftOut; }
 bool ClsTar::get_CaptureXmlListing() const { return m_inner->m_captureXmlListing; }
 void ClsTar::put_CaptureXmlListing(bool capture) { m_inner->set(m_inner->m_captureXmlListing, capture); }
@@ -19,6 +20,7 @@ bool ClsTar::get_UntarDiscardPaths() const { return m_inner->m_untarDiscardPaths
 void ClsTar::put_UntarDiscardPaths(bool discard) { m_inner->set(m_inner->m_untarDiscardPaths, discard); }
 bool ClsTar::get_UntarDebugLog() const { return m_inner->m_untarDebugLog; }
 void ClsTar::put_UntarDebugLog(bool debug) { m_inner->set(m_inner->m_untarDebugLog, debug); }
+// One flag under two names: it holds for both patterns and for the first match.
 bool ClsTar::get_UntarCaseSensitive() const { return m_inner->m_matchCaseSensitive; }
 void ClsTar::put_UntarCaseSensitive(bool sensitive) {
   m_inner->set(m_inner->m_matchCaseSensitive, sensitive);
@@ -29,6 +31,8 @@ void ClsTar::put_MatchCaseSensitive(bool sensitive) {
 }
 int ClsTar::get_UntarMaxCount() const { return m_inner->m_untarMaxCount; }
 void ClsTar::put_UntarMaxCount(int count) { m_inner->set(m_inner->m_untarMaxCount, count); }
+// Ids and modes are kept as they are given; of a number that its header field cannot hold the low digits are
+// written.
 int ClsTar::get_GroupId() const { return m_inner->m_groupId; }
 void ClsTar::put_GroupId(int id) { m_inner->set(m_inner->m_groupId, id); }
 int ClsTar::get_UserId() const { return m_inner->m_userId; }
@@ -57,8 +61,10 @@ void ClsTar::put_WriteFormat(const XString& format) {
     return word.size() == name.size() && std::equal(word.begin(), word.end(), name.begin(),
                                                     [](char a, char b) { return asciiLower(a) == b; });
   };
+  // POSIX calls its format pax; "star" has the same block as ustar here.
   const bool pax = is("pax") || is("posix");
   const bool ustar = is("ustar") || is("star");
+  // Flags and text change under one lock, so that no method begins between them.
   m_inner->m_formatPax = pax;
   m_inner->m_formatUstar = ustar;
   putText(m_inner->m_writeFormat, pax ? "pax" : ustar ? "ustar" : "gnu");
@@ -96,7 +102,9 @@ void ClsTar::get_GroupName(XString& out) {
   out.copyFromX(m_inner->m_groupName);
 }
 
-// The rest are plain texts. UntarMatchPattern is MustMatch by its old name.
+// The rest are plain texts. UntarMatchPattern is MustMatch by its old name. putText takes the lock itself and
+// does not throw: a text for which there is no memory counts as unset, and methods fail until it is set
+// again.
 void ClsTar::get_DirPrefix(XString& out) { m_inner->getString(m_inner->m_dirPrefix, out); }
 void ClsTar::get_Charset(XString& out) { m_inner->getString(m_inner->m_charset, out); }
 void ClsTar::put_Charset(const XString& charset) { putText(m_inner->m_charset, charset.str()); }
@@ -105,13 +113,16 @@ void ClsTar::put_XmlListing(const XString& listing) { putText(m_inner->m_xmlList
 void ClsTar::get_UntarFromDir(XString& out) { m_inner->getString(m_inner->m_untarFromDir, out); }
 void ClsTar::put_UntarFromDir(const XString& dir) { putText(m_inner->m_untarFromDir, dir.str()); }
 void ClsTar::get_MustMatch(XString& out) { m_inner->getString(m_inner->m_mustMatch, out); }
+// Whether a pattern is a plain name is looked at by the methods that begin with setMatchPatternExactFlags,
+// and not here.
 void ClsTar::put_MustMatch(const XString& pattern) { putText(m_inner->m_mustMatch, pattern.str()); }
 void ClsTar::get_UntarMatchPattern(XString& out) { get_MustMatch(out); }
 void ClsTar::put_UntarMatchPattern(const XString& pattern) { put_MustMatch(pattern); }
 void ClsTar::get_MustNotMatch(XString& out) { m_inner->getString(m_inner->m_mustNotMatch, out); }
 void ClsTar::put_MustNotMatch(const XString& pattern) { putText(m_inner->m_mustNotMatch, pattern.str()); }
 
-// The step that applications call for a path of their own, by the patterns as they are.
+// The step that applications call for a path of their own, by the patterns as they are. The log is in the
+// public signature; there is nothing to say in it.
 bool ClsTar::excludeByMatch(const XString& path, LogBase&) {
   return m_inner->readSettings().filter.excludes(path.str());
 }

@@ -27,6 +27,7 @@ bool ClsTar::Inner::addDirRoot(const XString* pathPrefix, const XString& dirPath
   const Io io(m_log);
   if (pathPrefix) m_log.LogDataX("pathPrefix", *pathPrefix);
   m_log.LogDataX("dirPath", dirPath);
+  // The system would end the path there, and another tree would be archived than the one that was named.
   if (hasNul(dirPath.str()) || (pathPrefix && hasNul(pathPrefix->str()))) return io.fail(kNulInPath);
   mvFileInfo info;
   if (!info.loadTargetInfoUtf8(dirPath.getUtf8(), m_log)) return false;
@@ -50,7 +51,8 @@ bool ClsTar::AddFile2(const XString& path, const XString& pathInTar) {
   });
 }
 
-// The time of the call stands in for the one that a file would have.
+// The time of the call stands in for the one that a file would have. The bytes are copied, because the
+// caller's may be gone when the archive is written.
 bool ClsTar::AddBytes(const XString& pathInTar, const DataBuffer& data) {
   return m_inner->method("AddBytes", MethodForm::WithVersion, false, [&](MethodFrame&) {
     const Io io(m_log);
@@ -75,6 +77,7 @@ bool ClsTar::Inner::addEntry(const std::string& entry) {
 // An index out of range, negative ones included, gives null.
 bool ClsTar::GetDirRoot(int index, XString& outDirPath) {
   return m_inner->method("GetDirRoot", MethodForm::Judged, false, [&](MethodFrame&) {
+    // A caller who does not look at the result must not take an earlier path for this one's.
     outDirPath.clear();
     const auto* const root = static_cast<const _dirRoot*>(m_inner->m_dirRoots.elementAt(index));
     if (!root) {
@@ -87,7 +90,7 @@ bool ClsTar::GetDirRoot(int index, XString& outDirPath) {
   });
 }
 
-// A property, and no method: no frame, no log.
+// A property, and no method: no frame, no log. The lock is recursive, and so a callback may ask as well.
 int ClsTar::get_NumDirRoots() {
   CritSecExitor lock(*this);
   return m_inner->m_dirRoots.getSize();

@@ -28,6 +28,7 @@ bool ClsTar::FinishStreamingUntar(ProgressMonitor* pm, LogBase& log) {
   return step && m_inner->m_stream.FinishStreamingUntar(pm, log);
 }
 
+// One step of StreamingUntarNext by itself. What it leaves pending is taken by further calls.
 bool ClsTar::streamingUntarInner(const unsigned char* data, unsigned int numBytes, bool& finished,
                                  ProgressMonitor* pm, LogBase& log) {
   const StepGuard step(*this);
@@ -41,7 +42,8 @@ bool ClsTar::_writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, Log
   return step && m_inner->takeOptions(log) && StreamSink(m_inner->m_stream)._writeBytes(bytes, n, io, log);
 }
 
-// UntarGz without its frame: the caller's log, monitor and source.
+// UntarGz without its frame: the caller's log, monitor and source. The archive is not protected from its own
+// members here, since nobody has told which file it is.
 bool ClsTar::unTarGz(_mvDataSource& source, ProgressMonitor* pm, LogBase& log) {
   const StepGuard step(*this);
   return step && m_inner->takeOptions(log) && m_inner->inflateTar(source, Io(log, pm));

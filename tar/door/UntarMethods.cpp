@@ -49,6 +49,7 @@ bool ClsTar::VerifyTar(const XString& tarPath, ProgressEvent* progress) {
   });
 }
 
+// A path is one of the inputs that the log shows; a source has nothing to be shown by.
 bool ClsTar::VerifyTar(_mvDataSource& source, ProgressEvent* progress) {
   return m_inner->method("VerifyTar", MethodForm::Judged, false, [&](MethodFrame&) {
     return m_inner->untarWithProgress(source, false, progress) >= 0;
@@ -66,12 +67,14 @@ int ClsTar::Inner::untarWithProgress(_mvDataSource& source, bool extract, Progre
   const int count = untarSource(source, extract, Io(m_log, pm.getPm(), progress));
   // Verifying has never told its time.
   if (extract) m_log.LogElapsedMs("untar", startTicks);
+  // Not after a failure: an application would see a whole job in one that broke off.
   if (count >= 0) pm.consumeRemaining(m_log);
   if (extract) m_log.LogDataLong("untarCount", count);
   return count;
 }
 
-// No verdict and no consumed remainder here; there is no total either.
+// No verdict and no consumed remainder here; there is no total either. Applications compare the log, of which
+// this is the form.
 int ClsTar::UntarFromMemory(DataBuffer& tarBytes, ProgressEvent* progress) {
   return m_inner->method("UntarFromMemory", MethodForm::Unjudged, -1, [&](MethodFrame&) {
     ProgressMonitorPtr pm(progress, m_abortCheckMs, m_percentScale, 0);
@@ -81,6 +84,7 @@ int ClsTar::UntarFromMemory(DataBuffer& tarBytes, ProgressEvent* progress) {
   });
 }
 
+// The step: it works without a frame, and in the log, with the monitor, that the caller hands over.
 int ClsTar::_untar(_mvDataSource& source, bool extract, LogBase& log, ProgressMonitor* pm,
                    ProgressEvent* progress) {
   const StepGuard step(*this);

@@ -71,12 +71,15 @@ bool ClsTar::Inner::writeMethod(const char* name, Compression compression, const
     ProgressMonitorPtr monitor(progress, m_abortCheckMs, m_percentScale, total);
     const Io io(m_log, monitor.getPm(), progress);
     m_archive.begin(compression, m_options.codec);
+    // An encoder has threads and megabytes, which must not stay until the next write.
     const ScopeExit letGo([this] { m_archive.end(); });
     if (place.out) return writeFramed(*place.out, compression, io);
     // Only now: an archive that is there is not emptied for a write that does not begin.
     const std::unique_ptr<OutputFile> file(OutputFile::createFileUtf8(place.path->getUtf8(), m_log));
     if (!file) return false;
     const bool written = writeFramed(*file, compression, io);
+    // Here, because the destructor could not tell that the last bytes were refused. It is done behind a
+    // failure, too, so that what was written is on the disk.
     const bool closed = file->closeHandle(&m_log, io.monitor);
     // What was left out is no longer the only thing that is missing.
     if (!closed) m_onlyLeftOut = false;
@@ -84,7 +87,9 @@ bool ClsTar::Inner::writeMethod(const char* name, Compression compression, const
   });
 }
 
-// The path is looked at before the sources are counted, which may take long.
+// The path is looked at before the sources are counted, which may take long. The user is looked up here
+// already, so that a database which cannot be read is told of before anything was created. Without an event
+// nobody sees a total, and none is counted.
 bool ClsTar::Inner::prepareWrite(const ArchivePlace& place, const char* unusable, ProgressEvent* progress,
                                  long long& total) {
   setMatchPatternExactFlags();
@@ -113,6 +118,7 @@ bool ClsTar::Inner::countSources(ProgressEvent* progress, long long& total) {
     total =
         morvane::calcTotalProgressForWrite(m_files, m_dirRoots, liveWriteSettings(), Io(m_log, pm.getPm()));
   }
+  // Asked also where nothing was counted, so that NoTotal takes no chance to abort away.
   return !pm.get_Aborted(m_log) && total >= 0;
 }
 
@@ -122,8 +128,11 @@ bool ClsTar::Inner::countSources(ProgressEvent* progress, long long& total) {
 bool ClsTar::Inner::writeFramed(_mvOutput& out, Compression compression, const Io& io) {
   OutputFlush flush(out, io.monitor);
   bool anythingLost = false;
+  // What stands around the compressed data goes to `out` itself; the archive's own output is set for the
+  // members alone.
   if (!m_archive.open(out, io)) return false;
   if (!writeAllMembers(out, io, anythingLost)) return false;
+  // The trailer has the size modulo 2^32 (RFC 1952, section 2.3.1); the log has the whole of it.
   if (compression == Compression::Gzip) m_log.LogDataInt64("originalDataSize", m_archive.m_uncompressedSize);
   if (!m_archive.close(out, io)) return false;
   const bool complete = flush.finish(m_log);
@@ -151,6 +160,7 @@ long long ClsTar::calcTotalProgressForWrite(LogBase& log, ProgressMonitor* pm) {
                                             m_inner->liveWriteSettings(), Io(log, pm));
 }
 
+// Here a member that was left out makes the step false by itself: its caller has no onlyLeftOut to ask.
 bool ClsTar::writeTarToOutput(_mvOutput& out, ProgressMonitor* pm, LogBase& log, ProgressEvent* progress) {
   const StepGuard step(*this);
   bool anythingLost = false;
@@ -164,6 +174,8 @@ bool ClsTar::Inner::writeAllMembers(_mvOutput& out, const Io& io, bool& anything
   // Steps of later callers must not write into an output that is gone.
   ScopeExit forget([this] { m_archive.m_output = nullptr; });
   ArchiveWriter writer(liveWriteSettings(), m_archive, io);
+  // The archive is known by the open file, because the walk may meet it under any name. The one that is
+  // appended to lies behind an output of its own kind.
   mvFileInfo archive;
   const auto* file = dynamic_cast<const OutputFile*>(&out);
   if (const auto* const append = dynamic_cast<const AppendOutput*>(&out)) file = &append->file();
@@ -191,7 +203,8 @@ bool ClsTar::copySourceToOutput(_mvDataSource& source, ProgressMonitor* pm, LogB
              .copySourceToOutput(source);
 }
 
-// The three that write headers by themselves: the member as its path and file information describe it.
+// The three that write headers by themselves: the member as its path and file information describe it. The
+// settings are copied here, because the run refers to them until the header is out.
 template <class Write>
 bool ClsTar::Inner::writeDescribed(XString& path, const mvFileInfo& info, const Io& io, Write write) {
   const StepGuard step(m_tar);
@@ -226,6 +239,7 @@ bool ClsTar::writePaxHeaderToOutput(XString& path, mvFileInfo& info, ProgressMon
   });
 }
 
+// Outside of a write there is no output, and the step fails without a line (ArchiveOutput).
 bool ClsTar::writeOut_pm(const unsigned char* data, unsigned int len, ProgressMonitor* pm, LogBase& log) {
   const StepGuard step(*this);
   return step && m_inner->m_archive.writeOut_pm(data, len, m_abortCheckMs != 0, Io(log, pm));
@@ -233,7 +247,8 @@ bool ClsTar::writeOut_pm(const unsigned char* data, unsigned int len, ProgressMo
 
 // On failure both are empty.
 bool ClsTar::splitPathForTar(const XString& path, XString& name, XString& prefix, LogBase& log) {
-  // Either result may be the path itself.
+  // The parts are views into the path, and `name` or `prefix` may be the same object as `path`: so they are
+  // copied before either is set.
   const UstarSplit split = splitUstarPath(path.str());
   std::string splitName(split.error ? "" : split.name), splitPrefix(split.error ? "" : split.prefix);
   if (split.error) log.LogError(split.error);
@@ -242,7 +257,8 @@ bool ClsTar::splitPathForTar(const XString& path, XString& name, XString& prefix
   return !split.error;
 }
 
-// Rules of tar/format under their public names.
+// Rules of tar/format under their public names. They look at nothing of the object and so need neither lock
+// nor guard.
 unsigned int ClsTar::computeHeaderChecksum(const unsigned char* block) { return headerChecksum(block); }
 
 bool ClsTar::numToBase256(long long value, char* out, int len) {

@@ -49,7 +49,8 @@ void ExtractTarget::protect(const mvFileInfo& archive) {
   m_archive = archive;
 }
 
-// A descriptor that is kept would keep a file system from being unmounted.
+// A descriptor that is kept would keep a file system from being unmounted. What is only remembered of the
+// last member may stay: judge() clears it.
 void ExtractTarget::reset() {
   m_confined = ConfinedDir();
   m_hasArchive = false;
@@ -60,6 +61,9 @@ void ExtractTarget::reset() {
 bool ExtractTarget::openConfined(const MemberPath& path, const ReadSettings& settings, LogBase& log) {
   const XString& dir = path.targetDir();
   const ExistingFiles existing = settings.options.existing;
+  // Also where the directory is open already: the word may be another one than when it was opened.
+  // ExistingFiles=newer is decided for each member before it is made (isNewerThere), so that what is still in
+  // the way then is to be replaced.
   ScopeExit keep(
       [&] { m_confined.keepExisting(existing == ExistingFiles::Keep || existing == ExistingFiles::Skip); });
   const ConfinedDir::Links how = linksOf(settings.options.confine);
@@ -71,6 +75,7 @@ bool ExtractTarget::openConfined(const MemberPath& path, const ReadSettings& set
   m_confinedHow = how;
   m_confinedDir = dir;
   const bool isOpen = m_confined.open(dir.isEmpty() ? "." : dir.getUtf8(), how, log);
+  // Now, before the run has put anything there.
   m_wasEmpty = isOpen && m_notesEmpty && m_confined.isEmpty();
   return isOpen;
 }
@@ -94,7 +99,7 @@ ExtractTarget::Outcome ExtractTarget::outcomeOf(ConfinedDir::Result result) {
 
 // What the path rules alone decide about a member, before the disk is touched. A NUL would end the path for
 // the system, and the file would be another than the one that filters and events were shown. Both ways ask
-// here, so that they refuse the same.
+// here, so that they refuse the same. A target directory that holds a NUL is refused for the same reason.
 ExtractTarget::Outcome ExtractTarget::judge(const MemberPath& path, LogBase& log) {
   m_lastError = 0;
   m_refusal = "its path leaves the target";
@@ -131,11 +136,15 @@ ExtractTarget::Outcome ExtractTarget::createConfined(const MemberPath& path, con
   OsFile created;
   const Outcome outcome = outcomeOf(m_confined.createFile(path.entryPath().str(), mode, created, log));
   if (outcome != Outcome::Ok) return outcome;
+  // The descriptor is closed by then if there is no memory: the member stays as an empty file, and the run
+  // ends.
   file.reset(OutputFile::adopt(std::move(created), path.outputPath().getUtf8()));
   if (!file) throw std::bad_alloc();
   return Outcome::Ok;
 }
 
+// Not even a confined directory is opened for a path that is refused, because opening it makes a target that
+// is missing.
 ExtractTarget::Outcome ExtractTarget::enter(const MemberPath& path, const ReadSettings& settings,
                                             LogBase& log) {
   const Outcome judged = judge(path, log);
@@ -174,7 +183,9 @@ ExtractTarget::Outcome ExtractTarget::makeHardLink(const MemberPath& path, const
   return Outcome::NotCreated;
 }
 
-// A file of which that cannot be told is replaced like any other.
+// A file of which that cannot be told is replaced like any other. A link is looked at by itself and not by
+// what it points at. Equal times keep what is there, so that a second run over the same archive changes
+// nothing.
 bool ExtractTarget::isNewerThere(const MemberPath& path, const ReadSettings& settings, const TarTime& time,
                                  LogBase& log) {
   if (!openConfined(path, settings, log)) return false;
@@ -185,6 +196,9 @@ bool ExtractTarget::isNewerThere(const MemberPath& path, const ReadSettings& set
   return status.st_mtim.tv_nsec >= static_cast<long>(time.nanoseconds);
 }
 
+// For links that have to stay inside the target: a text is judged by its parts from the directory that the
+// path names, and that is another one if a link lies on the way. What cannot be opened without passing links
+// counts as one. A parent that is missing has none: it will be made as a directory.
 bool ExtractTarget::passesLink(const MemberPath& path, const ReadSettings& settings, LogBase& log) {
   if (!openConfined(path, settings, log)) return false;
   const std::string clean = cleanPath(path.entryPath().str());
@@ -203,8 +217,10 @@ ExtractTarget::Outcome ExtractTarget::createPlain(const MemberPath& path, const 
   // Most parents are there: look for a missing one only when the file cannot be made.
   if (!creatingTag) file.reset(OutputFile::createFileUtf8(outputPath, untold));
   if (file) return Outcome::Ok;
+  // Asked for, but of no use here.
   StringBuffer parent;
   if (!DirAutoCreate::ensureFileUtf8(outputPath, parent, log, DirAutoCreate::Telling::IfVerbose)) {
+    // DirAutoCreate, and below OutputFile, leave errno as the failure set it.
     m_lastError = errno;
     return Outcome::NoParent;
   }
@@ -234,7 +250,8 @@ ExtractTarget::Outcome ExtractTarget::makeDirectory(const MemberPath& path, cons
   return Outcome::NotCreated;
 }
 
-// Once: what was told is forgotten.
+// Once: what was told is forgotten. On the confined way the path is empty: the directory has logged its
+// failure where it arose.
 void ExtractTarget::tellNotCreated(LogBase& log) {
   if (m_untoldPath.empty()) return;
   logOsError(log, kCannotCreate, m_untoldPath.c_str(), m_lastError);

@@ -1,5 +1,6 @@
-// Paths here are members' paths below the target, after the path rules: two spellings of one path are two
-// paths, which at worst leaves a link out.
+// Paths here are members' paths below the target, after the path rules. Each is brought into one form
+// (cleanPath) before it is compared, so that "./a" and "a" are one name; a ".." part stays, and two paths
+// that differ by one are two names, which at worst leaves a link out.
 #include "tar/place/LinkTable.h"
 
 #include <algorithm>
@@ -14,7 +15,9 @@ namespace {
 
 constexpr uint64_t kMadeBit = 1;
 
-// A false hit, once in many billions, leaves a link out, and that is said; or links to a file of before.
+// A false hit, once in many billions, leaves a link out, and that is said; or links to a file of before. The
+// lowest bit is free for the mark, and the one above it is always set, so that no entry looks like a free
+// place.
 uint64_t hashOf(const std::string& path) {
   constexpr uint64_t kNotFree = 2;
   return (std::hash<std::string>()(cleanPath(path)) & ~kMadeBit) | kNotFree;
@@ -23,6 +26,7 @@ uint64_t hashOf(const std::string& path) {
 // Where the hash is, or would be; there is always a free place.
 size_t placeOf(const std::vector<uint64_t>& table, uint64_t hash) {
   const size_t mask = table.size() - 1;  // the size is a power of two
+  // The two lowest bits say nothing of the path.
   size_t at = (hash >> 2) & mask;
   while (table[at] != 0 && (table[at] & ~kMadeBit) != hash) at = (at + 1) & mask;
   return at;
@@ -30,6 +34,8 @@ size_t placeOf(const std::vector<uint64_t>& table, uint64_t hash) {
 
 }  // namespace
 
+// A later member of the same path takes its entry over. The table is three quarters full at most, which keeps
+// searches short and ends them at a free place.
 void LinkTable::note(const std::string& path, Seen seen) {
   if (m_seenCount + m_seenCount / 3 >= m_seen.size()) grow();
   const uint64_t hash = hashOf(path);
@@ -38,6 +44,8 @@ void LinkTable::note(const std::string& path, Seen seen) {
   place = hash | (seen == Seen::Made ? kMadeBit : 0);
 }
 
+// Every entry is placed anew, as its place depends on the size. That needs no names: what is kept of one is
+// its hash.
 void LinkTable::grow() {
   constexpr size_t kFirst = 64;
   std::vector<uint64_t> larger(std::max(m_seen.size() * 2, kFirst));
@@ -47,6 +55,8 @@ void LinkTable::grow() {
   m_seen = std::move(larger);
 }
 
+// A link that waits is not there yet, whatever an earlier member of its name was; so a link to it has to wait
+// as well.
 LinkTable::Seen LinkTable::seen(const std::string& path) const {
   if (m_seen.empty() || waits(path)) return Seen::Nothing;
   const uint64_t found = m_seen[placeOf(m_seen, hashOf(path))];
@@ -69,6 +79,8 @@ void LinkTable::clear() {
   m_waitingAt.clear();
 }
 
+// Its place in the list stays and has no path from then on, because the numbers in m_waitingAt must go on to
+// be right.
 void LinkTable::replaceWaiting(const std::string& path) {
   if (m_waitingAt.empty()) return;
   const auto found = m_waitingAt.find(cleanPath(path));
@@ -106,6 +118,7 @@ std::vector<LinkTable::Waiting> LinkTable::takeWaiting() {
     for (size_t i = first; i < waiting.size() && !isSeen[i] && !waiting[i].path.empty();) {
       isSeen[i] = true;
       way.push_back(i);
+      // By the name that the target has now: the event may have renamed it behind the link.
       const auto next = at.find(cleanPath(targetNow(waiting[i])));
       i = next == at.end() ? waiting.size() : next->second;
     }

@@ -12,10 +12,11 @@
 namespace morvane {
 
 // It holds names and touches no file. A run may place or skip millions: of those a hash each is kept, 11 to
-// 22 bytes. Whole names are kept only of what is renamed or early.
+// 22 bytes. Whole names are kept only of what is renamed or early. One thread. Paths are bytes of any length;
+// memory grows with the archive, and nothing but a lack of it fails.
 class LinkTable {
  public:
-  // Both below the target, after the path rules.
+  // Both below the target, after the path rules. Of a link whose target had not come when it did.
   struct Waiting {
     std::string path, target;
     bool isGiven = false;  // by the event: it means the name that stands there
@@ -26,18 +27,21 @@ class LinkTable {
 
   // What became of the last member of a path. Of one that was skipped, refused or filtered out nothing may be
   // linked to, nor of one that has not come yet, though a file of its name may be there: it would be another
-  // one.
+  // one. The latest word on a path holds.
   enum class Seen { Nothing, Unmade, Made };
   void noteUnmade(const std::string& path) { note(path, Seen::Unmade); }
   void noteMade(const std::string& path) { note(path, Seen::Made); }
   Seen seen(const std::string& path) const;
 
-  // Links to a member that the event renamed follow its new name.
+  // Links to a member that the event renamed follow its new name. `from` is the stored path after the rules,
+  // `to` the one it got by them.
   void noteRenamed(const std::string& from, const std::string& to);
   // A later member of that name was not renamed.
   void forgetRenamed(const std::string& path);
+  // The path itself where it was not renamed; the reference is good until the table changes or `path` goes.
   const std::string& nameNow(const std::string& path) const;
 
+  // Whoever calls it has let an earlier one of its name give way (replaceWaiting).
   void waitFor(Waiting link);
   bool waits(const std::string& path) const;
   // A link of that name that still waits gives way to what comes now.
@@ -46,11 +50,13 @@ class LinkTable {
   const std::string& targetNow(const Waiting& link) const {
     return link.isGiven ? link.target : nameNow(link.target);
   }
-  // In the order in which they came, but each behind the one that it waits for.
+  // In the order in which they came, but each behind the one that it waits for. None waits afterwards; names
+  // that were noted stay.
   std::vector<Waiting> takeWaiting();
 
  private:
   void note(const std::string& path, Seen seen);
+  // Only ever to twice the size.
   void grow();
 
   // A hash of a path each, its lowest bit telling whether the member was made; 0 is a free place. Probed one
@@ -61,6 +67,7 @@ class LinkTable {
   std::map<std::string, std::string> m_renamed;
   // The links, those that gave way without a path, and where each stands.
   std::vector<Waiting> m_waiting;
+  // A place may have no path any more; m_waitingAt leads to the others alone, by clean path.
   std::unordered_map<std::string, size_t> m_waitingAt;
 };
 

@@ -20,13 +20,15 @@ namespace {
 
 using Outcome = ExtractTarget::Outcome;
 
+// Both ends of a link's life say these: where it is met, and behind the last member.
 constexpr char kNoTarget[] = "The target of a hard link is not there.";
 constexpr char kTargetTooLong[] = "The path of a hard link's target is too long.";
 constexpr char kTargetNotExtracted[] = "The target of a hard link was not extracted.";
 
 // Whether the text of a symbolic link, beside the member, leads out of the target by its parts alone. By its
 // text, and not by what is on the disk, because it need not be there yet: "a/../../b" leads out although "a"
-// might be a link that makes it lead elsewhere. An absolute text always does.
+// might be a link that makes it lead elsewhere. An absolute text always does. A ".." behind another part is
+// refused for that reason; those at the front only go up to directories which the member's own path names.
 bool leadsOut(const std::string& path, std::string_view text) {
   if (!text.empty() && text.front() == '/') return true;
   long long depth = depthOf(cleanPath(path)) - 1;  // of the directory that the link is in
@@ -60,6 +62,8 @@ Outcome MemberPlacer::make(const Member& member, const Io& io, Placed& placed) {
 }
 
 // Made with a mode that lets members in; its own comes at the end of the run, because it may forbid writing.
+// With UntarDiscardPaths nothing is left of most directories' paths, and only one of the engines makes what
+// is left.
 Outcome MemberPlacer::makeDirectory(const Member& member, const Io& io) {
   if (settings().untarDiscardPaths && !m_manner.makesDiscardedDirectories) return Outcome::Ok;
   ConfinedDir::MadeDirectory made;
@@ -75,7 +79,8 @@ Outcome MemberPlacer::makeDirectory(const Member& member, const Io& io) {
 }
 
 // A map that makes no sense is found before the file is made. 0666 is what programs make files with; the
-// umask does the rest.
+// umask does the rest. The output goes behind the one that spreads, which then owns it; `placed.file` still
+// leads to the file.
 Outcome MemberPlacer::makeFile(const Member& member, const Io& io, Placed& placed) {
   if (member.sparseIsWrong) {
     io.fail("The map of a sparse member makes no sense.");
@@ -91,7 +96,8 @@ Outcome MemberPlacer::makeFile(const Member& member, const Io& io, Placed& place
   return outcome;
 }
 
-// An output that is no file has no holes; it gets zeros in their place.
+// An output that is no file has no holes; it gets zeros in their place. The stored size is handed over,
+// because only it and the map together show whether they fit.
 std::unique_ptr<_mvOutput> MemberPlacer::spreading(const Member& member, std::unique_ptr<_mvOutput> out,
                                                    OutputFile* file) {
   if (!member.sparse.isSparse()) return out;
@@ -104,6 +110,8 @@ Outcome MemberPlacer::makeSymbolicLink(const Member& member, const Io& io) {
   const std::string& text = member.linkPath;
   const std::string& path = m_path.entryPath().str();
   const bool isUsable = canBeLinkText(text);
+  // Either alone would be too little: the parts say where the text leads if no link is passed, and passesLink
+  // that none is.
   const bool leads = settings().options.linksInside &&
                      (leadsOut(path, text) || m_target.passesLink(m_path, settings(), io.log));
   if (!isUsable || leads) {
@@ -124,7 +132,8 @@ Outcome MemberPlacer::makeSpecial(const Member& member, const Io& io) {
   const unsigned type = member.typeFlag == kTypeFifo              ? S_IFIFO
                         : member.typeFlag == kTypeCharacterDevice ? S_IFCHR
                                                                   : S_IFBLK;
-  constexpr unsigned kMostMajor = 0xFFF, kMostMinor = 0xFFFFF;  // what the system has
+  // What the system has. The header's fields hold more, of which it would make the number of another device.
+  constexpr unsigned kMostMajor = 0xFFF, kMostMinor = 0xFFFFF;
   if (member.isDevice() && (member.deviceMajor > kMostMajor || member.deviceMinor > kMostMinor)) {
     io.fail("The number of the device makes no sense.");
     return Outcome::Unusable;
@@ -132,6 +141,7 @@ Outcome MemberPlacer::makeSpecial(const Member& member, const Io& io) {
   const unsigned long long device = member.isDevice() ? makedev(member.deviceMajor, member.deviceMinor) : 0;
   OsFile made;
   const unsigned mode = restored().mode ? 0600 : 0666;
+  // What making it says is held back, since the failure of a device is no error where it is noted instead.
   HeldLog held;
   held.beginLike(io.log);
   const Outcome outcome = m_target.makeNode(m_path, settings(), type | mode, device, made, held);
@@ -142,6 +152,7 @@ Outcome MemberPlacer::makeSpecial(const Member& member, const Io& io) {
   }
   held.tellTo(io.log);
   if (outcome == Outcome::Ok && made.isOpen()) m_restorer.settle(made.fd(), member, m_path.entryPath(), io);
+  // EPERM for a FIFO is the file system's word, and holds for this member alone.
   return mayNot ? Outcome::Unusable : outcome;
 }
 
@@ -164,6 +175,7 @@ Outcome MemberPlacer::makeHardLink(const Member& member, const Io& io, Placed& p
     io.fail(kTargetTooLong);
     return Outcome::Unusable;
   }
+  // A target that the event has chosen need be no member: it is looked for on the disk at once.
   const LinkTable::Seen seen = m_linkIsGiven ? LinkTable::Seen::Made : m_links.seen(target);
   ConfinedDir::Linked linked = ConfinedDir::Linked::Missing;
   if (seen == LinkTable::Seen::Made) {
@@ -172,11 +184,13 @@ Outcome MemberPlacer::makeHardLink(const Member& member, const Io& io, Placed& p
   }
   if (linked == ConfinedDir::Linked::Ok) return Outcome::Ok;
   if (linked == ConfinedDir::Linked::CannotLink) return copyTarget(member, target, io);
+  // There is nothing to link to, but the data are here.
   if (member.size > 0) return makeFile(member, io, placed);
   if (seen == LinkTable::Seen::Unmade) {
     sayNoTarget(kTargetNotExtracted, target, io);
     return Outcome::Unusable;
   }
+  // It would wait for itself.
   if (cleanPath(target) == cleanPath(path)) {
     io.fail("A hard link leads to itself.");
     return Outcome::Unusable;
@@ -199,6 +213,7 @@ Outcome MemberPlacer::copyTarget(const Member& member, const std::string& target
   Placed placed;
   const Outcome outcome = makeFile(member, io, placed);
   if (outcome != Outcome::Ok) return outcome;
+  // No monitor counts these bytes, which are none of the archive's; the write still asks whether to abort.
   std::vector<char> buffer(64 * 1024);
   bool ok = true;
   for (ssize_t got = 1; ok && got > 0;) {
@@ -206,11 +221,13 @@ Outcome MemberPlacer::copyTarget(const Member& member, const std::string& target
     ok = got >= 0 && (got == 0 || placed.out->writeBytesPM(buffer.data(), static_cast<unsigned>(got),
                                                            io.monitor, io.log));
   }
+  // Settled in any case, since what was made has to be closed and looked at.
   const FileEnd end = settle(member, *placed.out, *placed.file, ok, {}, io);
   m_restorer.notKept().note(NotKept::Kind::Link, m_path.entryPath(), 0, io);
   return end.isWhole ? Outcome::Ok : Outcome::NotCreated;
 }
 
+// An output that is no SparseOutput has nothing to end: the member has no holes.
 bool MemberPlacer::finishSpreading(_mvOutput& out, const Io& io) {
   auto* const sparse = dynamic_cast<SparseOutput*>(&out);
   _mvIoParams params(io.monitor);
@@ -229,6 +246,7 @@ FileEnd MemberPlacer::settle(const Member& member, _mvOutput& out, OutputFile& f
                       [&](OutputFile& open) { return setFileTimes(open, times, io.log); });
   }
   return settleFile(file, isComplete, io, [&](OutputFile& open) {
+    // Flushed before it is settled, because a later write would change the times and clear set-id bits.
     const bool isWhole = isComplete && open.flush(io.monitor, io.log);
     if (isWhole && open.descriptor() >= 0)
       m_restorer.settle(open.descriptor(), member, m_path.entryPath(), io);
@@ -239,7 +257,8 @@ FileEnd MemberPlacer::settle(const Member& member, _mvOutput& out, OutputFile& f
 // ---- The end of a run
 
 // Behind the last member every target that will ever be there is there. Each link is the current member for
-// the time; the one that is, if any, may be of another target.
+// the time; the one that is, if any, may be of another target. A target that is made here may be what a later
+// link waits for; takeWaiting has put them into that order.
 void MemberPlacer::makeWaitingLinks(const Io& io) {
   const std::vector<LinkTable::Waiting> waiting = m_links.takeWaiting();
   if (waiting.empty()) return;
@@ -256,11 +275,14 @@ bool MemberPlacer::makeWaitingLink(const LinkTable::Waiting& link, const Io& io)
   using Linked = ConfinedDir::Linked;
   const std::string& target = m_links.targetNow(link);
   ConfinedDir* const confined = m_target.confinedFor(m_path, settings(), io.log);
+  // A target that has not come may still lie there from before the run, and is good now: nothing in the
+  // archive replaces it.
   const bool mayLink = link.isGiven || m_links.seen(target) != LinkTable::Seen::Unmade;
   Linked linked = Linked::Missing;
   if (mayLink && confined) linked = confined->makeHardLink(link.path, target, io.log);
   if (linked == Linked::Ok) return true;
   if (linked == Linked::CannotLink && copyTarget(memberLike(target), target, io) == Outcome::Ok) return true;
+  // What is kept counts as made, so that links to this name find it.
   if (linked == Linked::Exists) {
     reportExisting(io);
     return true;
@@ -276,7 +298,7 @@ void MemberPlacer::sayNoTarget(const char* message, const std::string& target, c
 }
 
 // A member that is what a file already is: for a copy in place of a link, which has no header of its own any
-// more.
+// more. Where it cannot be read, the defaults stay and the copy fails by itself.
 Member MemberPlacer::memberLike(const std::string& target) {
   Member member;
   const OsFile file(m_target.confined()->openExisting(target, O_RDONLY | O_NONBLOCK | O_NOCTTY));
@@ -301,6 +323,7 @@ void MemberPlacer::finishTarget(const Io& io) {
 // cause of its failure, whatever is said here.
 void MemberPlacer::finish(const Io& io) {
   if (!restored().any()) return;
+  // Put aside, because what is noted below forgets the cause that the log has (NotKept::note).
   LogBase::Cause cause = io.log.cause();
   io.log.forgetCause();
   finishTarget(io);
@@ -324,6 +347,7 @@ void MemberPlacer::finishQuietly() noexcept {
   }
 }
 
+// What is owed is done first, as it needs the target to be open.
 void MemberPlacer::releaseTarget() {
   finishQuietly();
   m_target.reset();

@@ -16,6 +16,7 @@ namespace morvane {
 void MemberPath::set(const Member& member, const ReadSettings& settings, LogBase& log) {
   // Cut before it is decoded, and decoded without a copy: a name may have many megabytes.
   applyRules(member.path, settings, log, m_entryPath.buffer());
+  // A copy, because a callback may set the property while this member is under way.
   m_dir = settings.untarFromDir;
   m_hasOutputPath = false;
 }
@@ -44,6 +45,7 @@ void MemberPath::rename(const std::string& path, const ReadSettings& settings) {
   m_hasOutputPath = false;
 }
 
+// It is UTF-8 by now, and is not decoded a second time.
 void MemberPath::setAgain(const std::string& entryPath) {
   m_entryPath = entryPath;
   m_hasOutputPath = false;

@@ -12,15 +12,18 @@ class ProgressEvent;
 struct Member;
 
 // One object for a run; each member replaces the one before. References stay valid until the next set or
-// rename.
+// rename. It decides nothing: a path that leads out of the target, or that is too long, is ExtractTarget's to
+// refuse.
 class MemberPath {
  public:
   MemberPath() = default;
   // One that lies below this target, to be renamed.
   explicit MemberPath(const XString& targetDir) : m_dir(targetDir) {}
-  // Path rules, decoding, and the place below UntarFromDir. An unknown Charset is said once.
+  // Path rules, decoding, and the place below UntarFromDir. An unknown Charset is said once. Nothing of the
+  // member is kept but what the rules leave of its path.
   void set(const Member& member, const ReadSettings& settings, LogBase& log);
-  // Where a hard link's target is, by the rules that a member of that path goes by.
+  // Where a hard link's target is, by the rules that a member of that path goes by. Empty where they leave
+  // nothing.
   std::string targetOf(const std::string& linkPath, const ReadSettings& settings, LogBase& log);
   // Puts another path, in UTF-8, in the member's place, by the same rules.
   void rename(const std::string& path, const ReadSettings& settings);
@@ -40,13 +43,15 @@ class MemberPath {
   const XString& entryPath() const { return m_entryPath; }
 
  private:
-  // `path` is replaced; a text that was long keeps its room for the next member.
+  // `path` is replaced; a text that was long keeps its room for the next member. The rules of members and of
+  // hard links' targets, once.
   void applyRules(const std::string& stored, const ReadSettings& settings, LogBase& log, std::string& path);
 
   // The rules' result, and the target that it lies below. The path on the disk is made of both on demand.
   XString m_entryPath;
   XString m_dir;
   mutable XString m_outputPath;
+  // False after each new path.
   mutable bool m_hasOutputPath = false;
   NameDecoder m_decoder;
 };

@@ -72,7 +72,7 @@ MemberPlacer::Choice MemberPlacer::chooseByRules(Member& member, Aim aim, const 
   if (settings().filter.excludes(m_path.entryPath().str())) return Choice::FilteredOut;
   if (aim == Aim::IntoOutput && member.isDirectory) return Choice::Unwanted;
   if (aim == Aim::Look) return Choice::Suppressed;
-  // Into an output holes go as zeros.
+  // Into an output holes go as zeros. On the disk holes take no room, and only stored bytes count.
   const long long size = aim == Aim::IntoOutput ? member.realSize() : member.dataSize();
   // Asked before the member is announced.
   const bool isAllowed =
@@ -93,6 +93,7 @@ MemberPlacer::Choice MemberPlacer::chooseByRules(Member& member, Aim aim, const 
   return Choice::Extract;
 }
 
+// Again for each path that an event has given, as the limit is on what is made.
 bool MemberPlacer::isAllowedDepth(const Io& io) const {
   return RunLimits::mayMake(m_path.entryPath().str(), settings().options, io);
 }
@@ -113,6 +114,7 @@ bool MemberPlacer::isSkippedByEvent(const Member& member, Aim aim, const Io& io)
 // is a way to skip. A depth is asked for again, because the event may have made the path deeper.
 MemberPlacer::Choice MemberPlacer::offerForChange(Member& member, Aim aim, const Io& io) {
   showMember(member, m_path.entryPath().str(), m_shown);
+  // There is no local path while an archive is read.
   m_shown.writing = false;
   m_shown.localPath.clear();
   const std::string path = m_shown.path;

@@ -30,7 +30,8 @@ namespace morvane {
 
 struct Member;
 
-// What became of a member that was to be made.
+// What became of a member that was to be made. The engine owns the output until the file is settled; `file`
+// is good as long as that is there.
 struct Placed {
   enum class Result {
     Made,
@@ -49,9 +50,12 @@ inline MemberReader::Demand demandOf(const TarOptions& options) {
 }
 
 // On the stack of a run, or in an engine that lives longer; one thread. Nothing but the disk outlives it:
-// what waits is settled by the destructor.
+// what waits is settled by the destructor. Step after step of one member, then those of the next: path() and
+// what was chosen hold from setPath to the next setPath. Failures are said where they arise, unless a comment
+// leaves the words to the engine.
 class MemberPlacer {
  public:
+  // Constants of each engine.
   struct Manner {
     // onTarEntry comes for every member; else only with the word EntryEvents.
     bool announcesEveryEntry;
@@ -70,27 +74,30 @@ class MemberPlacer {
 
   // A file that extraction must not replace (with Confine): the archive.
   void protect(const mvFileInfo& archive) { m_target.protect(archive); }
-  // Gives up the descriptors of the target directory.
+  // Gives up the descriptors of the target directory. What is owed to it is done before, and nobody hears of
+  // that.
   void releaseTarget();
   // Forgets what an earlier run counted / what it left out, its names and its target. A streaming engine
   // needs the two apart, as limits hold over several unframed runs.
   void clearLimits() { m_limits.clear(); }
+  // Behind it the parts to restore are those that the words say now, for the whole run.
   void beginRun();
   // The end of a run, however it ends: links that waited for their targets are made, directories get what
   // they are to get. What went wrong is said, and counts as left out.
   void finish(const Io& io);
   // The same where nobody is to hear of it: behind an exception, or for a run that was given up.
   void finishQuietly() noexcept;
-  // Whether members were left out since.
+  // Whether members were left out since. Notes of what is not kept count only from finish on.
   bool anyLeftOut() const { return m_anyLeftOut; }
 
   // ---- Of one member, in this order
 
-  // The path rules.
+  // The path rules. Nothing is refused here.
   void setPath(const Member& member, const Io& io) { m_path.set(member, settings(), io.log); }
   // Sends onTarHeader. The rules are applied again if the callback changed any.
   void announce(const Member& member, const Io& io);
-  // Counts the member, which filters may yet leave out. False, with the word in the log, at a limit.
+  // Counts the member, which filters may yet leave out. False, with the word in the log, at a limit. It is
+  // counted by the placer, whatever the engines count as their results.
   [[nodiscard]] bool isWithinLimits(const Io& io);
 
   enum class Choice {
@@ -103,15 +110,18 @@ class MemberPlacer {
   };
   // What a run is after: a look, files on the disk, data of files in an output.
   enum class Aim { Look, Extract, IntoOutput };
-  // Filters, limits and events, in the order that applications know.
+  // Filters, limits and events, in the order that applications know. The event may change the member; a path
+  // that it changes is path()'s from then on.
   Choice choose(Member& member, Aim aim, const Io& io);
-  // Makes the member: its missing parents, its directory or its empty file.
+  // Makes the member: its missing parents, its directory or its empty file. The reason of a NoPlace is in the
+  // log or noted as the cause.
   Placed place(const Member& member, const Io& io);
-  // Ends the member's file. `times` are for a run that restores nothing, and then alone.
+  // Ends the member's file. `times` are for a run that restores nothing, and then alone. `isComplete` false
+  // leaves a file that is not whole without what it would get. The file is closed in any case.
   FileEnd settle(const Member& member, _mvOutput& out, OutputFile& file, bool isComplete,
                  const MemberTimes& times, const Io& io);
   // Puts in front of an output what spreads the member's bytes, where it is sparse. `file` is the output
-  // again where that is a file.
+  // again where that is a file. Any other member's output is handed back as it is.
   static std::unique_ptr<_mvOutput> spreading(const Member& member, std::unique_ptr<_mvOutput> out,
                                               OutputFile* file);
   // The same for such an output of the caller's, behind the member's last byte. False, with the reason in the
@@ -123,7 +133,7 @@ class MemberPlacer {
   // ---- Writing behind (the word Threads). A run that allows it asks before each member whether to wait,
   // does what workers could not do, and hands over what may be handed over.
 
-  // Behind beginRun.
+  // Behind beginRun. It makes nothing yet: threads come with the work, and not at all with Threads=1.
   void beginBehind();
   // What is to become of the member that was set last.
   struct Turn {
@@ -134,6 +144,7 @@ class MemberPlacer {
   // The file that such a member is, to be filled with its data and submitted; null where it is to be placed
   // as usual after all.
   WriteBehind::File* fileBehind(const Member& member, const Io& io);
+  // The file must be whole: its data in `data`, and nothing of them to come.
   void submitBehind(WriteBehind::File& file);
   // Does again, in their order, what workers could not do: of all that is under way, for which it waits, or
   // of what needs no waiting. `doAgain(file)` is the engine's, since messages are: it calls placeAgain and
@@ -152,7 +163,7 @@ class MemberPlacer {
   }
   // Places such a file in the ordinary way. The path is then its own.
   Placed placeAgain(const WriteBehind::File& file, const Io& io);
-  // Puts its data there and ends it.
+  // Puts its data there and ends it. The engines with steps and lines of their own do the same by themselves.
   FileEnd fillAgain(const WriteBehind::File& file, const Placed& placed, const Io& io);
   // The end: for a run that an exception ends, where nobody hears of what is done again, or behind doUndone.
   // No thread is left.
@@ -166,7 +177,8 @@ class MemberPlacer {
 
  private:
   const ReadSettings& settings() const { return m_live.now(); }
-  // The steps of choose, in this order.
+  // The steps of choose, in this order. All may run the application's callbacks, and so any of them may
+  // throw.
   Choice chooseByRules(Member& member, Aim aim, const Io& io);
   bool isSkippedByEvent(const Member& member, Aim aim, const Io& io);
   Choice offerForChange(Member& member, Aim aim, const Io& io);
@@ -182,6 +194,7 @@ class MemberPlacer {
   // The parts of finish.
   void makeWaitingLinks(const Io& io);
   static void sayNoTarget(const char* message, const std::string& target, const Io& io);
+  // False where it is left out.
   bool makeWaitingLink(const LinkTable::Waiting& link, const Io& io);
   Member memberLike(const std::string& target);
   void reportLeftOut(const char* refusal, const Io& io);
@@ -189,23 +202,31 @@ class MemberPlacer {
   void finishTarget(const Io& io);
   // As the run began: what is restored of one member is restored of all.
   const KeptParts& restored() const { return m_restorer.parts(); }
+  // By ExistingFiles=newer and the member's own time.
   bool isKeptAsNewer(const Member& member, const Io& io);
+  // Whether the run does without a member of that outcome.
   bool goesOnWithout(ExtractTarget::Outcome outcome) const;
+  // What doUndone exchanges for the member that is done again.
   struct Current {
     MemberPath path;
     bool isRenamed, linkIsGiven;
   };
   Current setAside();
   void goBackTo(Current current);
+  // The first: whether the run as it is now allows it at all; the others, of one path or member, whether it
+  // is plain enough. Paths are clean here.
   bool mayWriteBehind(const Io& io) const;
   bool mayGoBehind(const Member& member, const std::string& path);
   bool hasOnePath(const std::string& path) const;
   bool isInOwnDirectory(const std::string& path) const;
+  // Directories that were made count as the run's own from here on, for settling and for files that go
+  // behind.
   void noteNewParents();
   void noteOwnDirectory(const std::string& path);
 
   // The engine's own, and what it differs in.
   LiveSettings<ReadSettings>& m_live;
+  // The settings change only in refresh(); references into them do not outlast that.
   const Manner m_manner;
   // Of the current member.
   MemberPath m_path;

@@ -19,6 +19,7 @@ namespace morvane {
 
 namespace {
 
+// Beside an access list the system shows its mask in the group's bits.
 constexpr unsigned kGroupBits = 070;
 // What the attributes of all directories that wait to be settled may take together: more than any honest tree
 // has, and no more than a process can spare.
@@ -31,7 +32,8 @@ unsigned systemId(long long id) {
 
 }  // namespace
 
-// The umask is asked for only where it is needed: it costs reading a file of /proc.
+// The umask is asked for only where it is needed: it costs reading a file of /proc. What is not restored
+// needs neither umask nor ids.
 void MetadataRestorer::begin(const TarOptions& options) {
   m_parts = options.restore;
   m_byId = options.ownerById;
@@ -45,6 +47,7 @@ void MetadataRestorer::begin(const TarOptions& options) {
 }
 
 // A file of the user's own needs no other owner afterwards. By names where they count, as they will be set.
+// Where owners are not restored every file counts as such.
 bool MetadataRestorer::isOurs(const Member& member) {
   return !m_parts.owner || (uidOf(member) == m_ownUid && gidOf(member) == m_ownGid);
 }
@@ -89,13 +92,15 @@ void MetadataRestorer::settle(int fd, const Member& member, const XString& entry
   if (owner != 0) now.note(NotKept::Kind::Owner, owner);
   if (m_parts.xattr) setUserAttributes(now);
   if (!member.isSymbolicLink()) setMode(now, owner == 0);
+  // Behind owner and mode, since chown takes capabilities away.
   if (m_parts.all) setAttributes(now, FileMetadata::isSecurityAttribute);
   const int times = given.giveTimes(fd);
   if (times != 0) now.note(NotKept::Kind::Times, times);
 }
 
 // A name goes before a number unless OwnerById says otherwise, since numbers mean different people on
-// different systems. A name that is not known here leaves the number.
+// different systems. A name that is not known here leaves the number. An id that is out of the system's range
+// becomes the one that nobody has, and giveOwner refuses that.
 unsigned MetadataRestorer::uidOf(const Member& member) {
   if (m_byId || member.userName.empty()) return systemId(member.uid);
   return m_users.userId(member.userName).value_or(systemId(member.uid));
@@ -126,6 +131,7 @@ void MetadataRestorer::setMode(Settling& now, bool ownerIsKept) {
   if (error != 0) now.note(NotKept::Kind::Mode, error);
 }
 
+// One that is refused does not keep the others from being set: a file system may know some name spaces only.
 void MetadataRestorer::setAttributes(Settling& now, bool (*isMeant)(const std::string& name)) {
   for (const MemberAttribute& attribute : now.member.attributes) {
     if (!isMeant(attribute.name)) continue;
@@ -147,7 +153,8 @@ void MetadataRestorer::setUserAttributes(Settling& now) {
     setAccessList(now, FileMetadata::kDefaultList, member.defaultAccessList);
 }
 
-// A list without a mask says what the mode says: the system makes one of it, and the umask holds for that.
+// A list without a mask says what the mode says: the system makes one of it, and the umask holds for that. A
+// text that is no list is noted as if the system had refused it.
 bool MetadataRestorer::setAccessList(Settling& now, const char* name, const std::string& text) {
   const std::optional<std::string> bytes = accessListBytes(text, m_byId, m_users);
   const int error = bytes ? FileMetadata::setAttribute(now.fd, name, *bytes) : EINVAL;
@@ -162,6 +169,7 @@ timespec MetadataRestorer::accessTimeOf(const Member& member) {
   return member.atime.known ? member.atime.fileTime().toTimespec() : access;
 }
 
+// Only what FileSettlement can do without a word: an id that is none of the system's has to be told of.
 bool MetadataRestorer::isPlain(const Member& member) {
   const bool hasMore = !member.attributes.empty() || !member.accessList.empty() || member.lacksAttributes;
   const bool hasSetId = (member.mode & FileMetadata::kSetIds) != 0;
@@ -169,6 +177,8 @@ bool MetadataRestorer::isPlain(const Member& member) {
   return !m_parts.owner || (uidOf(member) != FileMetadata::kNoId && gidOf(member) != FileMetadata::kNoId);
 }
 
+// The umask is taken off here, because chmod heeds none, unlike the call that makes a file. A link has no
+// mode of its own.
 FileSettlement MetadataRestorer::plan(const Member& member) {
   FileSettlement settlement;
   settlement.setsOwner = m_parts.owner;
@@ -192,14 +202,17 @@ void MetadataRestorer::noteParents(const std::vector<ConfinedDir::NewParent>& pa
 // one said, as a later member does.
 void MetadataRestorer::noteDirectory(const ConfinedDir::MadeDirectory& made, const Member& member,
                                      const std::string& path) {
+  // What a link leads to is not the run's to change.
   if (!made.isKnown && !made.isForeign) return;
   const bool isOurs = made.isNew || m_settlesExisting || m_newParents.count(made.identity) > 0 ||
                       m_directories.count(made.identity) > 0;
   if (!isOurs) return;
   Directory& kept = m_directories[made.identity];
+  // A second member of the same directory leaves that as it is.
   if (made.isNew) kept.isForeign = made.isForeign;
   kept.path = cleanPath(path);
   kept.mode = member.mode;
+  // Looked up now, so that names need not be kept until the end.
   kept.uid = uidOf(member);
   kept.gid = gidOf(member);
   kept.mtime = member.mtime;
@@ -223,7 +236,8 @@ void MetadataRestorer::keepAttributes(const Member& member, Directory& kept) {
   *kept.more = {member.attributes, member.accessList, member.defaultAccessList, bytes};
 }
 
-// As the member that settle takes. Its owner is known by number, so that it has no names.
+// As the member that settle takes. Its owner is known by number, so that it has no names. Its attributes are
+// moved out, because each directory is settled once.
 Member MetadataRestorer::memberOf(const Directory& kept) {
   Member member;
   member.path = kept.path;
@@ -242,8 +256,9 @@ Member MetadataRestorer::memberOf(const Directory& kept) {
   return member;
 }
 
-// Nobody but its owner could use it as it was made. It gets no more than any new directory has, because it
-// may be somebody else's; and it is open as itself, so that no other gets that.
+// For a new directory that is not the process's own (ConfinedDir::MadeDirectory). Nobody but its owner could
+// use it as it was made. It gets no more than any new directory has, because it may be somebody else's; and
+// it is open as itself, so that no other gets that.
 void MetadataRestorer::settleForeign(int fd, const Member& directory, const XString& entryPath,
                                      const Io& io) {
   if (!m_parts.mode) return;
@@ -255,6 +270,7 @@ void MetadataRestorer::settleForeign(int fd, const Member& directory, const XStr
 // Deepest first: setting the mode of a directory may close the way to those in it. Each is opened anew by its
 // path, for no run could keep thousands of them open, and left alone if it is no more the one that was made.
 void MetadataRestorer::settleDirectories(ConfinedDir& target, const Io& io) {
+  // The map is sorted by identity, and pointers into it stay good.
   std::vector<std::pair<const ConfinedDir::Identity, Directory>*> order;
   order.reserve(m_directories.size());
   for (auto& each : m_directories) order.push_back(&each);
@@ -263,6 +279,7 @@ void MetadataRestorer::settleDirectories(ConfinedDir& target, const Io& io) {
   for (const auto* each : order) {
     const Member directory = memberOf(each->second);
     const XString entryPath(directory.path);
+    // O_NONBLOCK, because a FIFO may stand there by now; O_DIRECTORY refuses it.
     const OsFile file(target.openExisting(directory.path, O_RDONLY | O_DIRECTORY | O_NONBLOCK,
                                           ConfinedDir::Passing::LinksAsMade));
     struct stat status;

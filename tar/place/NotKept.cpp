@@ -29,7 +29,9 @@ static_assert(std::size(kRows) == static_cast<size_t>(NotKept::Kind::Count));
 
 }  // namespace
 
-// The cause is there while the event is told, so that a callback may ask for it, and gone behind it.
+// The cause is there while the event is told, so that a callback may ask for it, and gone behind it. Of
+// members that are not made at all each is told to the event, because an application has to know which are
+// missing; the log has the first.
 void NotKept::note(Kind kind, const XString& entryPath, int error, const Io& io) {
   const auto index = static_cast<size_t>(kind);
   if (++m_counts[index] > 1) {
@@ -45,7 +47,8 @@ void NotKept::note(Kind kind, const XString& entryPath, int error, const Io& io)
   io.log.forgetCause();  // the run goes on
 }
 
-// One was told already, with its path; a count says more only from two on.
+// One was told already, with its path; a count says more only from two on. It is an info line: the first
+// notice has said that something is not kept.
 void NotKept::tellCounts(const Io& io) {
   for (size_t i = 0; i < m_counts.size(); ++i) {
     if (m_counts[i] < 2) continue;

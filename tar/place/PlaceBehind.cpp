@@ -8,7 +8,8 @@
 
 namespace morvane {
 
-// Only on the confined way, where everything is made exclusively.
+// Only on the confined way, where everything is made exclusively. Whether the target was empty can only be
+// seen when it is opened, and is asked for files that go behind alone.
 void MemberPlacer::beginBehind() {
   m_behind.reset();
   const unsigned workers = restored().any() ? workerCount(settings().options.codec.threads) : 0;
@@ -29,6 +30,7 @@ bool MemberPlacer::mayWriteBehind(const Io& io) const {
 MemberPlacer::Turn MemberPlacer::turnOf(const Member& member, const Io& io) {
   Turn turn;
   if (!m_behind) return turn;
+  // Without anything under way there is nothing to be met, and most of what follows is spared.
   const bool isAnyUnderWay = !m_behind->isEmpty();
   if (!mayWriteBehind(io) || m_target.isElsewhere(m_path)) {
     turn.waits = isAnyUnderWay;
@@ -37,6 +39,8 @@ MemberPlacer::Turn MemberPlacer::turnOf(const Member& member, const Io& io) {
   const std::string path = cleanPath(m_path.entryPath().str());
   turn.isBehind = mayGoBehind(member, path);
   if (!isAnyUnderWay) return turn;
+  // A link in place of one of the run's own directories changes the way to files under way: it is no matter
+  // of its path alone.
   const bool isLink = member.isSymbolicLink() && restored().link;
   const bool meetsByPathAlone = member.isDirectory || (isLink && !m_behind->isOwnDirectory(path));
   const bool isMetByPath = turn.isBehind || (meetsByPathAlone && hasOnePath(path));
@@ -51,7 +55,9 @@ bool MemberPlacer::hasOnePath(const std::string& path) const {
   return slash == std::string::npos || m_behind->isOwnDirectory(path.substr(0, slash));
 }
 
-// The target is the run's own where there was nothing in it.
+// The target is the run's own where there was nothing in it. Noted when it was opened, so that files at its
+// top may go behind as well; in one that had something a name might be taken, which only the ordinary way
+// clears.
 bool MemberPlacer::isInOwnDirectory(const std::string& path) const {
   const bool isInTarget = path.find('/') == std::string::npos;
   return isInTarget ? m_target.wasEmpty() : hasOnePath(path);
@@ -61,6 +67,8 @@ bool MemberPlacer::isInOwnDirectory(const std::string& path) const {
 // fail by its name alone is left to its turn, and so is what the restorer has more to do with than owner,
 // mode and times.
 bool MemberPlacer::mayGoBehind(const Member& member, const std::string& path) {
+  // A name of the system has 255 bytes at most (NAME_MAX); owners' names are kept with each file under way,
+  // so that long ones would add up.
   constexpr size_t kLongestName = 255, kLongestOwner = 1024;
   const bool isFile = member.typeFlag == kTypeRegular || member.typeFlag == kTypeOldRegular;
   const bool isPlain = isFile && !member.isDirectory && member.size <= WriteBehind::kMostBytes &&
@@ -73,6 +81,8 @@ bool MemberPlacer::mayGoBehind(const Member& member, const std::string& path) {
   return isInOwnDirectory(path) && !m_behind->isOwnDirectory(path) && m_restorer.isPlain(member);
 }
 
+// Everything that a worker needs is worked out here, because nothing of the run may be asked by another
+// thread: mode, owner, times, and copies of the texts with which it may have to be done again.
 WriteBehind::File* MemberPlacer::fileBehind(const Member& member, const Io& io) {
   const std::string& entryPath = m_path.entryPath().str();
   ConfinedDir* const target = m_target.confined();
@@ -92,6 +102,7 @@ WriteBehind::File* MemberPlacer::fileBehind(const Member& member, const Io& io) 
 void MemberPlacer::submitBehind(WriteBehind::File& file) {
   if (restored().link) {
     const std::string& path = m_path.entryPath().str();
+    // The steps that place() takes for a file that was made.
     m_links.replaceWaiting(path);
     m_links.noteMade(path);
     if (!m_isRenamed) m_links.forgetRenamed(path);
@@ -99,6 +110,7 @@ void MemberPlacer::submitBehind(WriteBehind::File& file) {
   m_behind->submit(file);
 }
 
+// The target directory is the one of its own turn: a callback may have chosen another since.
 Placed MemberPlacer::placeAgain(const WriteBehind::File& file, const Io& io) {
   m_path = MemberPath(file.targetDir);
   m_path.setAgain(file.entryPath);
@@ -106,12 +118,14 @@ Placed MemberPlacer::placeAgain(const WriteBehind::File& file, const Io& io) {
   return place(file.member, io);
 }
 
-// Without a monitor: progress was told as the data came.
+// Without a monitor: progress was told as the data came. Times are the restorer's to set: files are handed
+// over only where something is restored.
 FileEnd MemberPlacer::fillAgain(const WriteBehind::File& file, const Placed& placed, const Io& io) {
   const bool isWritten = placed.out->writeBytesPM(file.bytes(), file.size, nullptr, io.log);
   return settle(file.member, *placed.out, *placed.file, isWritten, {}, io);
 }
 
+// Doing an earlier file again makes that the current member, and the path of this one must outlast it.
 MemberPlacer::Current MemberPlacer::setAside() {
   return {std::exchange(m_path, MemberPath()), m_isRenamed, m_linkIsGiven};
 }
@@ -122,7 +136,8 @@ void MemberPlacer::goBackTo(Current current) {
   m_linkIsGiven = current.linkIsGiven;
 }
 
-// What was chosen before is made.
+// What was chosen before is made. Failures have nobody to be told to, and the next file is done all the same.
+// The workers are joined by the destructor.
 void MemberPlacer::finishBehind() {
   LogNull unwanted;
   const Io quiet(unwanted);
@@ -151,6 +166,7 @@ void MemberPlacer::noteNewParents() {
   for (const ConfinedDir::NewParent& parent : parents) noteOwnDirectory(parent.path);
 }
 
+// A directory that is reached through a link is none of the run's own: its path may lead elsewhere later.
 void MemberPlacer::noteOwnDirectory(const std::string& path) {
   if (m_behind && !path.empty() && hasOnePath(path)) m_behind->noteOwnDirectory(path);
 }

@@ -19,10 +19,11 @@ struct MemberTimes {
 };
 
 // Through the open file. False, with the reason in the log, when they cannot be set. True too where there is
-// nothing to be set.
+// nothing to be set. The system's call has no creation time.
 bool setFileTimes(OutputFile& file, const MemberTimes& times, LogBase& log);
 
-// How a file ended. A run goes on with a file that is whole or has failed alone, and ends with any other.
+// How a file ended. A run goes on with a file that is whole or has failed alone, and ends with any other. The
+// default is a file that is not whole.
 struct FileEnd {
   // Flushed and closed without a failure.
   bool isWhole = false;  // all data arrived on the disk
@@ -32,10 +33,10 @@ struct FileEnd {
   bool timesAreSet = true;  // or none were given
 };
 
-// `isComplete`: whether all data were handed to the file. Of one that is not the buffer is left alone.
-// `set(file)` sets what is to be set, between the last byte and the close, when nobody can put another file
-// in its place; it tells whether the times are set. Why something failed is in the log.
-// The monitor is asked while buffers are flushed.
+// `isComplete`: whether all data were handed to the file. Of one that is not, the flush in front of `set` is
+// left out, and the file is not whole. `set(file)` sets what is to be set, between the last byte and the
+// close, when nobody can put another file in its place; it tells whether the times are set. Why something
+// failed is in the log. The monitor is asked while buffers are flushed.
 template <class Set>
 FileEnd settleFile(OutputFile& file, bool isComplete, const Io& io, Set set) {
   FileEnd end;

@@ -1,6 +1,6 @@
 // Stands between an engine and the file of a sparse member: takes the stored bytes one behind the other and
 // puts them where their map says, with holes between. A map that is text at the front of the data is taken
-// off first.
+// off first. MemberPlacer::spreading puts it there, and to the engine it is an output like any other.
 #pragma once
 
 #include <memory>
@@ -21,6 +21,7 @@ class SparseOutput : public _mvOutput {
   SparseOutput(std::unique_ptr<_mvOutput> out, OutputFile* file, SparseMap map, long long stored)
       : m_out(std::move(out)), m_file(file), m_map(std::move(map)), m_left(stored) {}
 
+  // Pieces may have any size and may end within the map's text.
   bool _writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log) override;
   // A map or data that make no sense fail the file alone, where that is borne (OutputFile::failAlone).
 
@@ -46,6 +47,7 @@ class SparseOutput : public _mvOutput {
   bool m_mapIsComplete = false;
   // The file's own failure: what still comes is dropped.
   bool m_hasFailed = false;
+  // m_left falls to 0, m_at and m_range only grow: ranges come in order, and nothing is written twice.
   long long m_left;         // stored bytes to come
   long long m_at = 0;       // in the file
   size_t m_range = 0;       // the current one

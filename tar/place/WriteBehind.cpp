@@ -11,22 +11,30 @@ namespace morvane {
 
 namespace {
 
-// Where so many bytes of files are under way, the oldest are waited for.
+// Bytes of files that may be under way; beyond them the oldest are waited for, so that memory does not depend
+// on the archive.
 constexpr unsigned kBytes = 4 * 1024 * 1024;
-// So many bytes are kept in rooms that wait for the next files.
+// Bytes that the rooms which wait for the next files may keep; others give their memory back.
 constexpr unsigned kSpareBytes = 2 * 1024 * 1024;
+// Batches under way with a few workers: each has one to do and some in store while the first thread waits for
+// data.
 constexpr unsigned kBatches = 16;
+// Paths of the run's own directories. A tree of millions must not fill memory with them, and one that was
+// forgotten costs speed alone: its files are made in their turn.
 constexpr size_t kDirectories = 4096;
 // Fewer are not worth a batch of their own.
 constexpr unsigned kWorthBatch = 8;
 
 size_t hashOf(const std::string& path) { return std::hash<std::string>()(path); }
 
+// Paths are clean, so that equal parents are equal texts.
 bool areInOneDirectory(const std::string& a, const std::string& b) {
   const size_t slash = a.rfind('/'), length = slash == std::string::npos ? 0 : slash;
   return b.rfind('/') == slash && a.compare(0, length, b, 0, length) == 0;
 }
 
+// A signal, or a system that takes only a part, is gone on with; anything else fails the file, which is then
+// made again in its turn.
 bool writeWhole(const OsFile& file, const char* bytes, size_t n) {
   while (n > 0) {
     const ssize_t written = file.writeSome(bytes, n);
@@ -40,7 +48,9 @@ bool writeWhole(const OsFile& file, const char* bytes, size_t n) {
 
 }  // namespace
 
-// As many batches as keep all workers busy.
+// As many batches as keep all workers busy. The hashes have places for all files that are not taken yet: of
+// the batches handed in, of the one that is being filled and of one more. The ring has that one more, because
+// a large file may hand in two batches between two calls of nextUndone.
 WriteBehind::WriteBehind(unsigned workers)
     : m_batches(std::max(kBatches, workers * 2)),
       m_filesInBatch(itemsInTask(workers)),
@@ -48,6 +58,8 @@ WriteBehind::WriteBehind(unsigned workers)
       m_hashes(static_cast<size_t>(m_batches + 2) * m_filesInBatch),
       m_ring(workers, m_batches + 1) {}
 
+// When there are too many, all are forgotten but those on the way to the new one: members come in the order
+// of a walk as a rule, and what they need is what is above them.
 void WriteBehind::noteOwnDirectory(const std::string& path) {
   if (m_ownDirectories.size() >= kDirectories) {
     std::unordered_set<std::string> kept;
@@ -59,6 +71,8 @@ void WriteBehind::noteOwnDirectory(const std::string& path) {
   m_ownDirectories.insert(path);
 }
 
+// A search from end to end: there are some hundreds of numbers, side by side in memory. A path whose hash is
+// 0 is met by every free place, which costs a wait.
 bool WriteBehind::meets(const std::string& path) const {
   return !isEmpty() && std::find(m_hashes.begin(), m_hashes.end(), hashOf(path)) != m_hashes.end();
 }
@@ -79,6 +93,7 @@ WriteBehind::File& WriteBehind::next(ConfinedDir& target, std::string path, unsi
   const File* const before = batch->count > 0 ? &batch->files[batch->count - 1] : nullptr;
   const unsigned used = before ? before->start + before->size : 0;
   DataBuffer& data = batch->room->data;
+  // A file that was begun and not submitted has left bytes here.
   data.truncate(used);
   if (used == 0 && size > batch->room->most) data.clear();  // an empty buffer takes exactly what it needs
   (void)data.reserveMore(size);  // without memory for all at once it grows as far as it can
@@ -86,10 +101,12 @@ WriteBehind::File& WriteBehind::next(ConfinedDir& target, std::string path, unsi
   file.data = &data;
   file.start = used;
   file.path = std::move(path);
+  // The entry is one of an earlier batch, whose other values are set by whoever fills it.
   file.isDone = false;
   return file;
 }
 
+// The hash is noted before a worker has the file, so that whatever comes next already meets it.
 void WriteBehind::submit(File& file) {
   file.takeSize();
   m_hashes[m_submitted++ % m_hashes.size()] = hashOf(file.path);
@@ -98,6 +115,7 @@ void WriteBehind::submit(File& file) {
   if (batch.count == m_filesInBatch || batch.bytes() >= m_bytesInBatch) handIn();
 }
 
+// The one that was given back last, whose memory is most likely still in the processor's caches.
 std::unique_ptr<WriteBehind::Room> WriteBehind::takeRoom() {
   if (m_spareRooms.empty()) return std::make_unique<Room>();
   std::unique_ptr<Room> room = std::move(m_spareRooms.back());
@@ -106,6 +124,8 @@ std::unique_ptr<WriteBehind::Room> WriteBehind::takeRoom() {
   return room;
 }
 
+// A room beyond what may be kept is destroyed with its memory. `most` only grows: a buffer that was emptied
+// keeps what it had.
 void WriteBehind::giveBack(std::unique_ptr<Room> room) {
   room->most = std::max<size_t>(room->most, room->data.getSize());
   if (m_spareBytes + room->most > kSpareBytes) return;
@@ -114,7 +134,8 @@ void WriteBehind::giveBack(std::unique_ptr<Room> room) {
   m_spareRooms.push_back(std::move(room));
 }
 
-// The weight of a batch is that of its calls, too.
+// The weight of a batch is that of its calls, too. 32 KiB stand for the calls that each file takes. The next
+// job of the ring still has the count of its last use.
 void WriteBehind::handIn() {
   Batch& batch = m_ring.next();
   if (batch.count == 0) return;
@@ -123,11 +144,16 @@ void WriteBehind::handIn() {
   m_ring.next().count = 0;
 }
 
+// Files are taken in the order in which they were submitted. Once one was not done, all that are submitted by
+// then count as not done (m_againBefore): the ordinary way makes them again in their order and replaces what
+// workers have made of them. A batch's room is kept until the next batch is through, because a file that is
+// not submitted may lie in it and still be read.
 WriteBehind::File* WriteBehind::nextUndone(bool waitsForAll) {
   if (waitsForAll) handIn();
   while (true) {
     while (m_done && m_doneTaken < m_done->count) {
       File& file = m_done->files[m_doneTaken++];
+      // From here on nothing of this path is under way.
       m_hashes[m_taken % m_hashes.size()] = 0;
       if (m_taken++ >= m_againBefore && file.isDone) continue;
       m_againBefore = m_submitted;
@@ -147,15 +173,21 @@ WriteBehind::File* WriteBehind::nextUndone(bool waitsForAll) {
   }
 }
 
+// For a run that has failed: behind the failure nothing is made any more, but workers must be out of the
+// target.
 void WriteBehind::waitForAll() {
   while (nextUndone(true)) {
   }
 }
 
+// One that fails does not end the batch, as the others may be in good order; the first thread sorts that out.
 void WriteBehind::Batch::work() {
   for (unsigned i = 0; i < count; ++i) make(files[i]);
 }
 
+// In a worker. It touches the file's own values and the target's calls that any thread may make, and nothing
+// of the run. Closed before it counts as done, because a network's file system may tell of a failed write
+// only then.
 void WriteBehind::Batch::make(File& file) {
   OsFile made(target->createNew(file.path, file.mode));
   if (!made.isOpen()) return;

@@ -4,6 +4,8 @@
 // only where nothing but the system can keep it from being made as it should: an ordinary file, in a
 // directory that the run itself has made. What a worker could not do as it should is given back, and the run
 // does it again in the ordinary way, which finds out why and says so.
+// It knows nothing of options, events or the log: which members may go behind is MemberPlacer's to decide
+// (PlaceBehind.cpp), and what a failure means the engine's.
 #pragma once
 
 #include <memory>
@@ -20,7 +22,10 @@
 
 namespace morvane {
 
-// One for a run, on its thread, and gone before the target is: workers make files beneath that.
+// One for a run, on its thread, and gone before the target is: workers make files beneath that. Everything is
+// called by that thread but Batch::work. A batch belongs to its worker from handIn until the ring gives it
+// back, so that nothing in it needs a lock. Memory: about 4 MiB of data under way, up to 2 MiB of spare room,
+// and the batch that is being filled.
 class WriteBehind {
  public:
   // Larger files are written in their turn: by piece, because as a whole they would be much to keep.
@@ -32,6 +37,7 @@ class WriteBehind {
     // What has come of them so far.
     void takeSize() { size = data->getSize() - start; }
 
+    // Set by next(), and by the placer before submit().
     std::string path;       // below the target, clean
     std::string entryPath;  // the same as the member has it
     unsigned mode = 0;
@@ -40,8 +46,10 @@ class WriteBehind {
     unsigned start = 0, size = 0;
     // For doing it again: the target, and of the member what a plain file needs.
     XString targetDir;
+    // Of the member it has what a plain file is made of (Member::copyPlain).
     Member member;
     int arrival = 0;  // a push engine's, for its messages
+    // By the worker, and read once the ring has given the batch back.
     bool isDone = false;
   };
 
@@ -49,7 +57,8 @@ class WriteBehind {
   explicit WriteBehind(unsigned workers);
 
   // A directory that the run has made: nothing is in it but what the run puts there. Of very many only those
-  // noted last are known, and those that these lie in.
+  // noted last are known, and those that these lie in. Paths are clean; a file may be handed over only where
+  // one of these holds it, or where the target was empty.
   void noteOwnDirectory(const std::string& path);
   void forgetOwnDirectories() { m_ownDirectories.clear(); }
   bool isOwnDirectory(const std::string& path) const { return m_ownDirectories.count(path) > 0; }
@@ -58,13 +67,14 @@ class WriteBehind {
   bool meets(const std::string& path) const;
 
   // A file of `size` bytes to be filled in and submitted. One that was not submitted is forgotten with the
-  // next. Behind each submit nextUndone is called, because only that makes room.
+  // next. Behind each submit nextUndone is called, because only that makes room. `size` is what the header
+  // says, at most kMostBytes; less may come. Throws std::bad_alloc.
   File& next(ConfinedDir& target, std::string path, unsigned size);
   void submit(File& file);
   bool isEmpty() const { return m_submitted == m_taken; }
   // The oldest file that is not done though it was its turn, or null: of all, for which it waits, or of those
   // that need no waiting. Good until the next call. What was submitted behind such a file counts as not done
-  // either, because it may have been made before what it was to replace.
+  // either, because it may have been made before what it was to replace. Throws what a worker threw.
   File* nextUndone(bool waitsForAll);
   // Waits until nothing is under way; what is not done is left so.
   void waitForAll();
@@ -73,6 +83,7 @@ class WriteBehind {
   // The bytes of a batch. Given back and taken again, the one used last first, so that there are as many as
   // are needed at a time, and not one as large as the largest file for each batch.
   struct Room {
+    // One file behind the other.
     DataBuffer data;
     size_t most = 0;  // bytes that were in it at a time: it keeps room for them
   };
@@ -90,12 +101,13 @@ class WriteBehind {
     std::unique_ptr<Room> room;  // from its first file to its last
   };
 
+  // Gives the batch that is being filled to the workers, if it has a file.
   void handIn();
   std::unique_ptr<Room> takeRoom();
   void giveBack(std::unique_ptr<Room> room);
 
   // By the number of workers, so that memory does not grow with it. So many batches are under way, and for a
-  // moment one more.
+  // moment one more. Bytes of a batch are a bound that its last file may pass.
   const unsigned m_batches, m_filesInBatch, m_bytesInBatch;
   std::vector<std::unique_ptr<Room>> m_spareRooms;
   // Of the batch done last: a file that was not submitted with it is read from there all the same.
@@ -103,13 +115,14 @@ class WriteBehind {
   size_t m_spareBytes = 0;     // that these keep
   size_t m_bytesUnderWay = 0;  // of batches handed in and not taken
   std::unordered_set<std::string> m_ownDirectories;
-  // Of the paths of files under way, by their numbers.
+  // Of the paths of files under way, by their numbers. A ring; 0 is a free place.
   std::vector<size_t> m_hashes;
   // Numbers of files: so many were submitted, and so many taken.
   unsigned long long m_submitted = 0, m_taken = 0;
   unsigned long long m_againBefore = 0;  // files of lower numbers are to be done again
   Batch* m_done = nullptr;               // the one that files are taken from, and how many were
   unsigned m_doneTaken = 0;
+  // Last, because it waits for the workers, which use what stands before it.
   RingOf<Batch> m_ring;
 };
 

@@ -1,5 +1,6 @@
 // Where a reader stands in an archive, and how it gets further: by seeking where the source can, else by
-// reading on. Positions count from the archive's start, wherever in the source that lies.
+// reading on. Positions count from the archive's start, wherever in the source that lies. Used by the runs of
+// this room. It reads nothing itself but what it passes over, and knows neither headers nor members.
 #pragma once
 
 #include "runtime/io/_mvDataSource.h"
@@ -13,18 +14,20 @@ namespace morvane {
 // position that comes from an archive's claims saturates at 2^63-1 instead of wrapping round.
 class ArchiveCursor {
  public:
-  // The archive starts where the source stands.
+  // The archive starts where the source stands. A source without positions is read on instead of being moved,
+  // and can go forward only.
   ArchiveCursor(_mvDataSource& source, ProgressMonitor* pm, LogBase& log)
       : m_source(source), m_pm(pm), m_log(log), m_start(source.ftell64()) {}
 
   // Bytes from the archive's start. It is where the reader has got to by what it was told, whether or not the
   // source could be asked.
   long long position() const { return m_at; }
-  // Tells that n bytes were read from the source. Negative counts do not come.
+  // Tells that n bytes were read from the source. Negative counts do not come. Nothing is read or sought.
   void passed(long long n) { m_at = saturatedSum(m_at, n); }
   // False, with the reason in the log, when a source that cannot be moved failed while it was read on: what
   // comes next would be data in the place of a header. Where a seek fails, reads fail from then on, and it is
-  // the next header that says so.
+  // the next header that says so. Forward or, where the source can seek, back; in bytes from the archive's
+  // start.
   [[nodiscard]] bool moveTo(long long position) {
     const long long skipped = position - m_at;
     m_at = position;
@@ -46,6 +49,7 @@ class ArchiveCursor {
   ProgressMonitor* const m_pm;
   // For what a source says of its failures.
   LogBase& m_log;
+  // In the source's own counting.
   const long long m_start;  // -1 when the source cannot be moved
   // Saturated: a position may be a claim that no archive reaches.
   long long m_at = 0;

@@ -38,6 +38,7 @@ void logTimes(LogBase& log, const MemberTimes& times) {
 // its metadata and its close.
 FileEnd fill(_mvDataSource& source, FileToFill to, const MemberTimes& times, long long size, char* buffer,
              unsigned bufferSize, const Io& io, const Settle& settle) {
+  // The size is the header's claim; nothing is allocated for it.
   to.file->expect(size);
   const bool copied = source.copyNToOutput2PM(*to.out, size, buffer, bufferSize, io.monitor, io.log);
   if (copied && io.log.verbose()) io.log.LogDataInt64("numBytesWritten", size);
@@ -54,7 +55,8 @@ FileEnd extractToFile(_mvDataSource& source, FileToFill to, const MemberTimes& t
   return fill(source, std::move(to), times, size, buffer, bufferSize, io, settle);
 }
 
-// A size below 0 can only come from a caller: headers with one are refused before.
+// A size below 0 can only come from a caller: headers with one are refused before. Nothing is confined here:
+// the application has chosen the path.
 FileEnd extractToNewFile(_mvDataSource& source, const XString& path, const MemberTimes& times, long long size,
                          char* buffer, unsigned bufferSize, const Io& io) {
   LogContextExitor context(io.log, kContext);
@@ -63,6 +65,7 @@ FileEnd extractToNewFile(_mvDataSource& source, const XString& path, const Membe
     return {};
   }
   XString longPath;
+  // The form in which a system that limits plain paths takes long ones.
   _mvFilePath::buildLongPath(path, longPath);
   FileToFill to;
   to.out.reset(to.file = OutputFile::createFileUtf8(longPath.getUtf8(), io.log));

@@ -15,13 +15,15 @@ class _mvDataSource;
 // A line that both ways to make a file end with; readers of logs look for it.
 constexpr char kCannotCreateOutputFile[] = "Failed to create OutputFile";
 
-// Where the data go: a file, or what lies in front of one.
+// Where the data go: a file, or what lies in front of one. It owns the output; `file` lies in or behind it
+// and goes with it.
 struct FileToFill {
   std::unique_ptr<_mvOutput> out;
   OutputFile* file = nullptr;
 };
 
-// Ends a filled file; see MemberPlacer::settle.
+// Ends a filled file; see MemberPlacer::settle. It is called once, whether the data came whole or not, and
+// closes the file.
 using Settle = std::function<FileEnd(FileToFill& to, bool isComplete)>;
 
 // Copies exactly `size` bytes through the caller's buffer, and has the file settled, also when the copy

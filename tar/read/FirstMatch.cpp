@@ -33,6 +33,7 @@ bool copyFirstMatch(_mvDataSource& source, const MatchWanted& wanted, const Read
   LogBase& log = io.log;
   log.LogDataX("matchPattern", wanted.pattern);
   ArchiveCursor cursor(source, io.monitor, log);
+  // One header and one text serve all members, so that a long archive costs no memory for each.
   TarHeader header;
   NameDecoder names;
   CharsetDecoder& decoder = names.forCharset(settings.charset, log);
@@ -55,8 +56,11 @@ bool copyFirstMatch(_mvDataSource& source, const MatchWanted& wanted, const Read
     if (pattern.matches(path.str())) {
       log.LogDataX("extractingFilename", path);
       reserveFor(header.m_size, source, out);
+      // The size is the header's own, also where a record in front of it states another one: records are not
+      // read here.
       return source.copyNToOutputPM(out, header.m_size, io.monitor, log);
     }
+    // A record's data are passed over like a member's: it was a candidate under its own name.
     if (!cursor.moveTo(saturatedSum(cursor.position(), paddedSize(header.m_size)))) return false;
   }
 }

@@ -1,5 +1,6 @@
 // Copies the data of the first member whose path matches a pattern: a scan that is simpler than the untar
-// engine. Nothing is merged, so records are candidates under their own names.
+// engine. Nothing is merged, so records are candidates under their own names. The door calls it for a path, a
+// source or memory alike.
 #pragma once
 
 #include "runtime/io/Io.h"
@@ -21,7 +22,8 @@ struct MatchWanted {
 
 // True also when the archive ended without a match, and nothing was written then. False, with the reason in
 // the log, for a damaged header, data that are cut, or an output that refuses a write. The source is read
-// from where it stands and left behind the match, so that the caller may go on.
+// from where it stands and left behind the match, so that the caller may go on. `settings` are taken as they
+// are when it is called; no callback can change them during the scan.
 bool copyFirstMatch(_mvDataSource& source, const MatchWanted& wanted, const ReadSettings& settings,
                     _mvOutput& out, const Io& io);
 

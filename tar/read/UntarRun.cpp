@@ -56,6 +56,7 @@ int UntarRun::run() {
   }
   // A listing of an earlier call is replaced even if this one fails at its first header.
   if (m_settings.captureXmlListing) m_context.xmlListing.setFromUtf8(kXmlListingStart);
+  // The log shows it also for runs that make nothing.
   m_log.LogDataX("UntarFromDir", m_settings.untarFromDir);
   const bool extracts = m_aim != MemberPlacer::Aim::Look;
   if (extracts && !m_settings.mustMatch.empty()) m_log.LogData("matchPattern", m_settings.mustMatch.c_str());
@@ -68,6 +69,7 @@ int UntarRun::run() {
 
   // Here, so that a run that failed before has touched nothing of the target.
   m_placer.beginRun();
+  // Only where files are made is there anything that workers could do.
   if (m_aim == MemberPlacer::Aim::Extract) m_placer.beginBehind();
   Step step = Step::GoOn;
   {
@@ -85,6 +87,7 @@ int UntarRun::run() {
   // What was chosen before a failure is made all the same.
   if (!doUndone(true)) step = Step::Fail;
   m_placer.finish(m_io);
+  // A run that failed has lost more than what it left out.
   m_onlyLeftOut = step != Step::Fail && m_placer.anyLeftOut();
   return step == Step::Fail || m_placer.anyLeftOut() ? -1 : m_count;
 }
@@ -156,12 +159,14 @@ bool UntarRun::takeRecord() {
   const bool tells = m_log.verbose() && !m_reader->isFull();
   if (tells)
     m_log.LogInfo(isLongName ? "Processing long filename header." : "Processing extended PAX header.");
+  // A buffer for each record: the next one may be a few bytes, and this one megabytes.
   DataBuffer data;
   if (!readRecord(data)) return false;
   const auto* const text = reinterpret_cast<const char*>(data.getData2());
   // Up to its NUL, as the lenient reader takes it.
   if (tells && isLongName) m_log.LogData("longFilename", text);
   if (m_reader->takeRecord({text, data.getSize() - 1}, m_log)) return true;
+  // Either reader's failure ends the run.
   if (!m_reader->isFull()) m_io.fail("Failed to parse PAX extended header.");
   return false;
 }
@@ -208,7 +213,8 @@ bool UntarRun::passSparseMap() {
 
 // Listing, path, event, limits, and only then extraction: a member that is not extracted is listed and
 // announced all the same. The stored path is given up once nobody looks at it any more. Data that were not
-// read are passed over, whatever the reason.
+// read are passed over, whatever the reason. The position that is noted is the header's own, before the
+// blocks of a map move it on.
 UntarRun::Step UntarRun::handleMember() {
   m_member.headerPosition = m_filePosition;
   m_filePosition = saturatedSum(m_filePosition, kBlockSize);
@@ -217,6 +223,7 @@ UntarRun::Step UntarRun::handleMember() {
     toXmlEntry(m_member, m_context.xmlListing, nullptr, m_placer.path().decoder(m_settings, m_log));
   }
   m_placer.setPath(m_member, m_io);
+  // The callback may change properties; the path is then set anew by them.
   m_placer.announce(m_member, m_io);
   giveUpLongText(m_member.path);
   if (!m_placer.isWithinLimits(m_io)) return Step::Fail;
@@ -244,6 +251,7 @@ UntarRun::Step UntarRun::extractMember(bool& extracted) {
     case Choice::Suppressed:
       ++m_count;  // what passes the filter counts, though nothing is written
       return Step::GoOn;
+    // It has been said, and the run ends: what follows would be more of the same.
     case Choice::LimitReached:
       return Step::Fail;
     case Choice::Extract:
@@ -262,7 +270,8 @@ UntarRun::Step UntarRun::extractMember(bool& extracted) {
   return Step::Stop;
 }
 
-// The caller's output is not owned, and gets zeros where a sparse member has holes.
+// The caller's output is not owned, and gets zeros where a sparse member has holes. A member whose data are
+// cut ends the run, because its output has a part of it and nothing could take that back.
 UntarRun::Step UntarRun::copyMember() {
   const auto out =
       MemberPlacer::spreading(m_member, std::make_unique<ForwardingOutput>(*m_memberOutput), nullptr);
@@ -276,7 +285,8 @@ UntarRun::Step UntarRun::copyMember() {
   return m_firstAlone ? Step::Stop : Step::GoOn;
 }
 
-// Moves on to the header at a position of the archive.
+// Moves on to the header at a position of the archive. The sum may have been saturated by a claim; the next
+// read then meets the end of the source.
 UntarRun::Step UntarRun::passOver(long long upTo) {
   m_filePosition = upTo;
   if (m_cursor.moveTo(upTo)) return Step::GoOn;

@@ -3,6 +3,8 @@
 // The run reads one header at a time, merges extension records into the member that follows them, and passes
 // over everything it does not extract, by seeking where the source can. It owns all its state; what it leaves
 // behind are files, directories and the listing.
+// Where members go is MemberPlacer's, what blocks mean the reader's: the run has the order of steps and the
+// lines of the log. In two files: the run, and its members on their way to the disk.
 #pragma once
 
 #include <string>
@@ -21,7 +23,8 @@ class _mvDataSource;
 class _mvOutput;
 
 // On the stack of a method, one run for each object, on one thread; callbacks are called on it. An exception
-// of theirs passes through after the listing has been closed.
+// of theirs passes through after the listing has been closed. The source is read from where it stands and
+// left somewhere behind the last header; a method that wants to know where asks endPosition.
 class UntarRun {
  public:
   // What a run is handed and does not own. All of it must outlive the run.
@@ -46,7 +49,8 @@ class UntarRun {
     m_aim = MemberPlacer::Aim::IntoOutput;
   }
   // Members counted, -1 on failure. Called once. The reason of a failure is in the log; what was extracted
-  // before it stays.
+  // before it stays. Counted are members that were made or copied, or, where nothing is made, that passed the
+  // filters; records never are. A run that has left members out is a failure, too.
   int run();
   // Where the end mark begins, counted from the archive's start: of use behind a run that found it.
   long long endPosition() const { return m_filePosition; }
@@ -59,19 +63,26 @@ class UntarRun {
 
   // From one header to the next; each of these leaves the cursor behind what it consumed.
   Step nextEntry();
-  // Of an extension record: its data are read whole, up to MaxExtensionBytes, and given to the reader.
+  // Reads the next block and has the reader take it. False, with the reason in the log, when there is none or
+  // it makes no sense.
   bool readHeader(MemberReader::Found& found);
+  // Of what is no member: an extension record, whose data are read whole, up to MaxExtensionBytes, and given
+  // to the reader, or an entry that is passed over.
   Step handleRecord(MemberReader::Found found);
   bool takeRecord();
+  // A NUL stands behind them in `data`.
   bool readRecord(DataBuffer& data);
   // GNU's maps that go on behind the header, block by block.
   bool passSparseMap();
+  // Listed, announced, counted, then extracted or not.
   Step handleMember();
   // Chooses, and makes or copies. `extracted` is for a line of the debugging log.
   Step extractMember(bool& extracted);
-  // Into the caller's output; where one member is wanted, the run ends behind it.
+  // Into the caller's output; where one member is wanted, the run ends behind it. Data that are cut are a
+  // failure.
   Step copyMember();
-  // What is made of a member on the disk. `leftOut`: the run goes on without it.
+  // What is made of a member on the disk. `leftOut`: the run goes on without it. False, with the reason in
+  // the log, for what ends the run.
   bool makeMember(bool& leftOut);
   // Lines of this engine, in front of what is made.
   void logMaking();
@@ -79,15 +90,21 @@ class UntarRun {
   bool couldNotMake(Placed::Result result, bool isDirectory);
   // From the source into a member's new file, which is then settled.
   bool copyToFile(FileToFill to, bool& leftOut);
+  // The second from any source: the archive, or memory where a file is done again.
   FileEnd fillFile(_mvDataSource& source, const Member& member, FileToFill to, const Io& io);
-  // Into a file that workers make; and what they could not make, done in the ordinary way.
+  // Into a file that workers make; and what they could not make, done in the ordinary way. False for a
+  // failure that ends the run.
   bool copyBehind(WriteBehind::File& file);
   bool doUndone(bool waitsForAll);
   bool doAgain(const WriteBehind::File& file);
+  // For data that end too soon or with an exception.
   void leavePart(WriteBehind::File& file);
   FileEnd fillAgain(const WriteBehind::File& file, Placed placed, const Io& io);
+  // An error line with one data line; false.
   bool failWith(const char* message, const char* tag, const XString& value);
+  // `upTo` in bytes from the archive's start.
   Step passOver(long long upTo);
+  // With the line that applications look for.
   Step failAborted();
 
   // Taken apart once, because every step needs them.
@@ -102,12 +119,13 @@ class UntarRun {
   const std::unique_ptr<MemberReader> m_reader;
   Member& m_member;  // what the last header begins
   MemberPlacer m_placer;
-  // Made once, for all members.
+  // Made once, for all members. 40,000 bytes, or 20,000 where memory is short.
   ByteArrayOwner m_copyBuffer;
   unsigned m_copyBufferSize = 0;
   HeldLog m_held;  // what reading a file's data says, until earlier files have had their say
 
-  // The cursor is where bytes were read to; the position is what headers say.
+  // The cursor is where bytes were read to; the position is what headers say. They differ between a header
+  // and its data.
   ArchiveCursor m_cursor;
   long long m_filePosition = 0;  // of the next header, from the archive's start
   // For the log alone.

@@ -10,12 +10,15 @@ namespace morvane {
 
 namespace {
 
+// What a member's file ends with, whatever kept it from being made or filled.
 constexpr char kCannotExtract[] = "Failed to extract to file.";
 
 }  // namespace
 
-// What has no data (a directory, a link, a special file) is done once it is made.
+// What has no data (a directory, a link, a special file) is done once it is made. Files under way are seen to
+// first: what this member may meet has to be on the disk, and what failed has to be told before it.
 bool UntarRun::makeMember(bool& leftOut) {
+  // Asked before anything is done again, since that makes another member the current one for the time.
   const MemberPlacer::Turn turn = m_placer.turnOf(m_member, m_io);
   if (!doUndone(turn.waits)) return false;
   WriteBehind::File* const file = turn.isBehind ? m_placer.fileBehind(m_member, m_io) : nullptr;
@@ -68,6 +71,7 @@ bool UntarRun::copyToFile(FileToFill to, bool& leftOut) {
 FileEnd UntarRun::fillFile(_mvDataSource& source, const Member& member, FileToFill to, const Io& io) {
   const MorvaneFileTime modification = member.mtime.fileTime(), access = member.atime.fileTime(),
                         creation = member.ctime.fileTime();
+  // They are local, and borrowed by settle until extractToFile returns.
   MemberTimes times;
   times.modification = &modification;
   if (member.atime.known) times.access = &access;
@@ -82,6 +86,7 @@ FileEnd UntarRun::fillFile(_mvDataSource& source, const Member& member, FileToFi
 // soon the file gets what there was, as always, and the lines about them come behind those about earlier
 // files. An exception of a callback leaves what came, too.
 bool UntarRun::copyBehind(WriteBehind::File& file) {
+  // What reading says has to wait, because earlier files may still have lines to come.
   m_held.beginLike(m_log);
   bool isComplete = false;
   try {
@@ -93,10 +98,13 @@ bool UntarRun::copyBehind(WriteBehind::File& file) {
     throw;
   }
   if (isComplete) {
+    // Only data that came whole move the cursor on: a failure ends the run.
     m_cursor.passed(m_member.size);
     m_placer.submitBehind(file);
     return doUndone(false);
   }
+  // Earlier files come first. If one of them ends the run, its failure is what the log has, and nothing
+  // behind it is begun.
   if (doUndone(true)) leavePart(file);
   {
     LogContextExitor context(m_log, "extractToFile");
@@ -106,7 +114,8 @@ bool UntarRun::copyBehind(WriteBehind::File& file) {
   return failWith(kCannotExtract, "filePath", m_placer.path().outputPath());
 }
 
-// As far as its data came, and nothing else of it. Why they ended is told by the caller.
+// As far as its data came, and nothing else of it. Why they ended is told by the caller. It is closed with
+// the output, unsettled: half of a file keeps the mode and time that it was made with.
 void UntarRun::leavePart(WriteBehind::File& file) {
   file.takeSize();
   LogNull unwanted;
@@ -115,6 +124,7 @@ void UntarRun::leavePart(WriteBehind::File& file) {
   if (placed.file) (void)placed.out->writeBytesPM(file.bytes(), file.size, nullptr, unwanted);
 }
 
+// By the way that a file in its turn takes, so that log and metadata are the same.
 FileEnd UntarRun::fillAgain(const WriteBehind::File& file, Placed placed, const Io& io) {
   _mvMemoryDataSource source;
   source.initializeMemSource(reinterpret_cast<const unsigned char*>(file.bytes()), file.size);
@@ -125,7 +135,8 @@ bool UntarRun::doUndone(bool waitsForAll) {
   return m_placer.doUndone(waitsForAll, [this](const WriteBehind::File& file) { return doAgain(file); });
 }
 
-// From memory, and without a monitor: progress was told as the data were read. It was counted as made.
+// From memory, and without a monitor: progress was told as the data were read. It was counted as made. A
+// failure that ends the run is told with this file's path, because placeAgain has made it the current one.
 bool UntarRun::doAgain(const WriteBehind::File& file) {
   const Io io(m_log, nullptr, m_io.event);
   Placed placed = m_placer.placeAgain(file, io);

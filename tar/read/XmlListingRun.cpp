@@ -23,6 +23,7 @@ constexpr unsigned kDrainAt = 64 * 1024;
 void readListedData(_mvDataSource& source, const TarHeader& header, ArchiveCursor& cursor, const Io& io,
                     std::string& data) {
   const unsigned size = static_cast<unsigned>(header.m_size);
+  // At most kLongestListedData, so that the claim may be allocated at once.
   data.assign(size + 16, '\0');
   unsigned numRead = 0;
   const bool ok = source.readFully(&data[0], size, numRead, io.monitor, io.log);
@@ -44,6 +45,7 @@ bool XmlListingRun::run(XString& xml, _mvOutput* drain) {
   TarHeader header;
   Member shown;
   xml.setFromUtf8(kXmlListingStart);
+  // Also when a callback throws.
   ScopeExit close([&xml] { endXmlListing(xml); });
   while (true) {
     m_live.refresh();
@@ -59,7 +61,8 @@ bool XmlListingRun::run(XString& xml, _mvOutput* drain) {
 
 // In a verbose log's listing each header also has its raw bytes, quoted-printable. The position behind the
 // header is noted before the data are read, since a cut record is left at any place and the next header is
-// sought from there.
+// sought from there. A header and a member are handed in, so that their texts keep their memory from one to
+// the next.
 bool XmlListingRun::nextHeader(TarHeader& header, Member& shown, XString& xml, bool& atEnd) {
   unsigned char block[kBlockSize];
   header.clear();

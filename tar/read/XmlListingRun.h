@@ -1,4 +1,5 @@
-// Lists every header of an archive as XML, records included, each under its own name: nothing is merged.
+// Lists every header of an archive as XML, records included, each under its own name: nothing is merged. For
+// ListXml alone; listings that reading methods capture are made by their engines.
 #pragma once
 
 #include <string>
@@ -26,13 +27,15 @@ class XmlListingRun {
 
   // Replaces `xml` by the listing. With a drain (which may be null), what has come together goes there now
   // and then, so that a listing of any length takes no memory; the last of it stays in `xml`. True if the
-  // end-of-archive mark was reached; the listing is closed in any case. Called once.
+  // end-of-archive mark was reached; the listing is closed in any case. Called once. `xml` is also where the
+  // caller finds what was listed before a failure.
   bool run(XString& xml, _mvOutput* drain);
 
  private:
   // One header and the data of its record. False, with the reason in the log, when it cannot be read.
+  // `header` and `shown` are the run's, used again for each.
   bool nextHeader(TarHeader& header, Member& shown, XString& xml, bool& atEnd);
-  // Empties `xml` into the drain. False when that refuses it.
+  // Empties `xml` into the drain. False when that refuses it. What was handed over is not kept.
   bool drainInto(_mvOutput& drain, XString& xml);
 
   // Borrowed for the run, which reads it from where it stands.
@@ -42,7 +45,7 @@ class XmlListingRun {
   const Io m_io;
   // Behind the header, and then behind its data.
   ArchiveCursor m_cursor;
-  // Names are shown in UTF-8, by Charset as it is at the header.
+  // Names are shown in UTF-8, by Charset as it is at the header. It says an unknown one once.
   NameDecoder m_names;
 };
 

@@ -1,4 +1,5 @@
-// The limit counts what the decompressor took when its turn came, not what was read ahead.
+// The limit counts what the decompressor took when its turn came, not what was read ahead. So a bomb ends at
+// the same byte with one thread and with many.
 #include "tar/stream/ExpandArchive.h"
 
 #include <algorithm>
@@ -13,7 +14,7 @@ namespace morvane {
 
 namespace {
 
-// What is not known yet may be.
+// A thread is not worth its start for less. What is not known yet may be.
 bool mayBeWorthThread(_mvDataSource& source) {
   const long long size = source.sizeIfKnown();
   return size < 0 || size - std::max(source.ftell64(), 0LL) >= kWorthExpandingAhead;
@@ -21,6 +22,9 @@ bool mayBeWorthThread(_mvDataSource& source) {
 
 }  // namespace
 
+// With threads the decompressor runs ahead in one of its own, and here the same steps are done again in
+// order, for the events and the limit; so the metered source stands on this side. A codec that can do better
+// with several threads has a function for it.
 bool expandArchive(const Codec& codec, _mvDataSource& source, _mvOutput& out, const CodecOptions& options,
                    long long maxRatio, const Io& io) {
   if (workerCount(options.threads) == 0 || !mayBeWorthThread(source)) {
@@ -33,10 +37,15 @@ bool expandArchive(const Codec& codec, _mvDataSource& source, _mvOutput& out, co
   RatioLimit limited(out, metered, maxRatio);
   const bool ok = codec.decodeAhead ? codec.decodeAhead(ahead, metered, limited, options, io)
                                     : expandAhead(codec.decode, ahead, metered, limited, options, io);
+  // What was read beyond the compressed data is handed back where the source can be moved, so that it stands
+  // where one thread would have left it.
   ahead.giveBack();
   return ok;
 }
 
+// Small files may go behind, because all pieces come within this call, and it ends behind the last of them.
+// Workers are out of the target on every way from here: also when a callback throws, whose exception goes on
+// afterwards.
 bool extractArchive(const Codec& codec, _mvDataSource& source, StreamingUntar& engine,
                     const CodecOptions& options, long long maxRatio, const Io& io) {
   engine.beginBehind();
@@ -49,6 +58,7 @@ bool extractArchive(const Codec& codec, _mvDataSource& source, StreamingUntar& e
     throw;
   }
   const bool isPlaced = engine.endBehind(io);
+  // Behind earlier files, whose lines come before those of the member that the data end in.
   if (!isExpanded) engine.namePart(io);
   return isPlaced && isExpanded;
 }

@@ -16,7 +16,8 @@ bool expandArchive(const Codec& codec, _mvDataSource& source, _mvOutput& out, co
                    long long maxRatio, const Io& io);
 
 // The same into an engine that makes files, whose run has begun and is finished by the caller. False also
-// where a file that was still to be written could not be; that is in the log.
+// where a file that was still to be written could not be; that is in the log. Exceptions of callbacks pass
+// through, and no thread is left behind them.
 bool extractArchive(const Codec& codec, _mvDataSource& source, StreamingUntar& engine,
                     const CodecOptions& options, long long maxRatio, const Io& io);
 

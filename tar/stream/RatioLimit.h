@@ -1,4 +1,5 @@
-// Ends a decompressor of which far more comes out than went in (the word MaxRatio): a bomb, as a rule.
+// Ends a decompressor of which far more comes out than went in (the word MaxRatio): a bomb, as a rule. It
+// knows nothing of archives and stands in front of whatever takes the bytes.
 #pragma once
 
 #include "runtime/io/Io.h"
@@ -17,7 +18,8 @@ class RatioLimit : public _mvOutput {
   RatioLimit(_mvOutput& out, const MeteredSource& in, long long mostTimes)
       : m_out(out), m_in(in), m_mostTimes(mostTimes) {}
 
-  // The piece that goes beyond the limit is not handed on, and its refusal ends the decompressor.
+  // The piece that goes beyond the limit is not handed on, and its refusal ends the decompressor. False, with
+  // the word and its value in the log, at the limit; else the output's own answer.
   bool _writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log) override {
     m_produced += n;
     // Divided, because a product might be more than any number holds.
@@ -33,7 +35,8 @@ class RatioLimit : public _mvOutput {
 
   // Both of the caller's, who outlives this.
   _mvOutput& m_out;
-  // Counts the bytes that the decompressor took.
+  // Counts the bytes that the decompressor took. It is the side that is taken in order, not what a thread has
+  // read ahead.
   const MeteredSource& m_in;
   // Bytes out for each byte in.
   const long long m_mostTimes;

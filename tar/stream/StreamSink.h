@@ -8,7 +8,8 @@
 namespace morvane {
 
 // It has no end: whoever runs the decompressor finishes the stream behind it. The engine is not owned. It
-// keeps no bytes itself.
+// keeps no bytes itself. It is used on the engine's thread. A failure is the engine's, which stays as it is
+// for whoever finishes the run.
 class StreamSink : public _mvOutput {
  public:
   // Where the decompressor is stopped: at its own end, where it checks its checksum, or, for one member into
@@ -19,7 +20,8 @@ class StreamSink : public _mvOutput {
   explicit StreamSink(StreamingUntar& stream, Until until = Until::End) : m_stream(stream), m_until(until) {}
 
   // Pieces that arrive behind the end of the archive succeed and are ignored. Behind the engine's line there
-  // is one of this room where a whole archive is extracted, as the logs have always had.
+  // is one of this room where a whole archive is extracted, as the logs have always had. False refuses the
+  // piece, and ends the decompressor.
   bool _writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log) override {
     bool finished = false;
     const auto* const data = reinterpret_cast<const unsigned char*>(bytes);
@@ -30,7 +32,7 @@ class StreamSink : public _mvOutput {
   }
 
  private:
-  // Borrowed; begun by whoever made the sink.
+  // Borrowed; begun by whoever made the sink. What it has completed decides where one member is wanted.
   StreamingUntar& m_stream;
   const Until m_until;
 };

@@ -44,10 +44,12 @@ void StreamingUntar::beginUnframed() {
   m_placer.beginRun();
 }
 
+// Only a file has anything buffered here; an output of the caller's is flushed by the method that has it.
 bool StreamingUntar::flushOpenOutput(ProgressMonitor* pm, LogBase& log) {
   return !m_streamOutFile || m_streamOutFile->flush(pm, log);
 }
 
+// The listing is begun first, with the settings as they are now; finishing the run closes it.
 void StreamingUntar::BeginStreamingUntar() {
   m_live.refresh();
   if (m_settings.captureXmlListing) m_xmlListing.setFromUtf8(kXmlListingStart);
@@ -75,7 +77,8 @@ void StreamingUntar::resetRun() {
   m_placer.clearLimits();
 }
 
-// Whatever is fed from now on is refused, until a run is begun.
+// Whatever is fed from now on is refused, until a run is begun. Small files that were chosen before are made
+// all the same.
 void StreamingUntar::breakOff() {
   endBehindQuietly();
   resetRun();
@@ -127,6 +130,7 @@ bool StreamingUntar::FinishStreamingUntar(ProgressMonitor* pm, LogBase& log) {
     m_streamOk = writeHasFailed(Arrival::AllPending, io);
   }
   releaseOutput();
+  // Links that waited and directories, once no file is open.
   m_placer.finish(io);
   m_live.refresh();
   if (m_settings.captureXmlListing) endXmlListing(m_xmlListing);
@@ -139,7 +143,8 @@ bool StreamingUntar::FinishStreamingUntar(ProgressMonitor* pm, LogBase& log) {
 }
 
 // Less than a block behind the last member is no header; it is told and ignored, as other tars do. Steps that
-// make no progress end it, whatever their result: StreamingUntarNext has noted a failure.
+// make no progress end it, whatever their result: StreamingUntarNext has noted a failure. Bytes may be
+// pending though the last call consumed what it could: a step ends at each failure.
 void StreamingUntar::takeWhatIsPending(ProgressMonitor* pm, LogBase& log) {
   while (!m_streamPending.isEmpty() && !m_streamFinished) {
     const unsigned pendingBefore = m_streamPending.getSize();
@@ -174,6 +179,8 @@ bool StreamingUntar::takeStep(const unsigned char* data, unsigned numBytes, bool
   LogBase& log = io.log;
   finished = false;
   if (m_life == Life::BrokenOff) return io.fail("The run was broken off; begin another one.");
+  // Behind the end of the archive, or of a run that a failure stopped, everything is accepted and nothing
+  // kept, so that a decompressor reaches its own end and its checksum.
   if (m_streamFinished) {
     logInfoIfVerbose(log, "Streaming finished.");
     finished = true;
@@ -195,6 +202,7 @@ bool StreamingUntar::takeStep(const unsigned char* data, unsigned numBytes, bool
     if (!write(reinterpret_cast<const char*>(data), numBytes, Arrival::WholePiece, io)) return false;
     return m_streamBytesLeft > 0 || finishEntry(Arrival::WholePiece, io);
   }
+  // What is pending stays small: a piece is added to less than a header, or to what one failed step has left.
   if (hasData && !m_streamPending.append(data, numBytes)) return io.fail("Out of memory for streamed data.");
   if (log.verbose()) log.LogDataInt64("curFileBytesLeft", m_streamBytesLeft);
   if (m_streamBytesLeft > 0) return consumeData(io);
@@ -206,7 +214,8 @@ bool StreamingUntar::takeStep(const unsigned char* data, unsigned numBytes, bool
   return consumePadding();
 }
 
-// Takes bytes off the front of what is pending.
+// Takes bytes off the front of what is pending. The buffer only moves its start on for that, so that many
+// headers in one piece cost no copies.
 void StreamingUntar::eat(unsigned n) {
   m_streamPending.removeChunk(0, n);
   m_streamPosition += n;
@@ -253,6 +262,7 @@ bool StreamingUntar::consumeData(const Io& io) {
   }
   logInfoIfVerbose(io.log, "--- All bytes going to output file (2)...");
   if (!write(bytes, pending, Arrival::AllPending, io)) return false;
+  // The bytes are consumed even where the file could not be ended, as the failure was not theirs.
   const bool ok = m_streamBytesLeft > 0 || finishEntry(Arrival::AllPending, io);
   m_streamPosition += pending;
   m_streamPending.weakClear();
@@ -305,10 +315,12 @@ bool StreamingUntar::closeOutputFile(const Io& io) {
   return true;
 }
 
+// Without a restore half of a file is closed as it is, without a line of its own.
 bool StreamingUntar::isPartOfRestored() const {
   return m_streamOutFile && m_streamBytesLeft > 0 && m_settings.options.restore.any();
 }
 
+// Once for each file, since both the end of the data and the end of the run come to it.
 void StreamingUntar::namePart(const Io& io) {
   if (!isPartOfRestored() || std::exchange(m_isPartNamed, true)) return;
   (void)m_placer.noteEnd({}, io);  // as one that is not whole

@@ -4,6 +4,8 @@
 // It never reads; whoever holds the bytes hands them in. All state stays between calls, so that a piece may
 // end in the middle of a header, a file's data or its padding. Rules for members are those of the pull engine
 // (tar/read/UntarRun.h), through the same functions; order and messages are each engine's own.
+// Fed by StreamSink, or piece by piece by an application. It knows nothing of compressions, and asks no
+// source for anything.
 #pragma once
 
 #include <memory>
@@ -23,7 +25,8 @@ class _mvOutput;
 // what is pending, at most a piece and a block, and one record of extension data (MaxExtensionBytes).
 class StreamingUntar {
  public:
-  // `xmlListing` receives a captured listing. It must outlive this object.
+  // `xmlListing` receives a captured listing. It must outlive this object. Settings are first taken when a
+  // run begins.
   StreamingUntar(LiveSettings<ReadSettings> settings, XString& xmlListing)
       : m_live(std::move(settings)),
         m_settings(m_live.now()),
@@ -31,25 +34,29 @@ class StreamingUntar {
         m_placer(m_live, kManner) {}
   ~StreamingUntar();
 
-  // Any state of an earlier run is given up; a file that is still open is closed as it is.
+  // Any state of an earlier run is given up; a file that is still open is closed as it is. A listing is begun
+  // anew. Limits and counts start from 0.
   void BeginStreamingUntar();
   // Takes a piece of any size; `data` may be null for none. False, with the reason in the log, for a failure,
   // which need not end the run: `finished` tells that.
   bool StreamingUntarNext(const unsigned char* data, unsigned numBytes, bool& finished, ProgressMonitor* pm,
                           LogBase& log);
-  // The result of the run; see ClsTar. Called once, behind the pieces.
+  // The result of the run; see ClsTar. Called once, behind the pieces. True only for a run without failure in
+  // which nothing was left out. The listing is closed.
   bool FinishStreamingUntar(ProgressMonitor* pm, LogBase& log);
-  // One step: consumes what it can of one piece, or of what earlier pieces left, and returns.
+  // One step: consumes what it can of one piece, or of what earlier pieces left, and returns. What is left
+  // pending has to be asked for by further calls without data.
   bool streamingUntarInner(const unsigned char* data, unsigned numBytes, bool& finished, ProgressMonitor* pm,
                            LogBase& log);
 
   // Instead of files: offers each file member to the event (onTarEntry), and streams those that are not
-  // skipped into `out`, one behind the other; or the first of them, and is then done.
+  // skipped into `out`, one behind the other; or the first of them, and is then done. The output is not owned
+  // and must outlive the run.
   void extractMembersInto(_mvOutput& out, bool firstAlone) {
     m_memberOutput = &out;
     m_firstAlone = firstAlone;
   }
-  // How many such members were found, of which all data have arrived.
+  // How many such members were found, of which all data have arrived. Since the run began.
   long long completeMembers() const { return m_completeMembers; }
 
   // Ends the run where it stands, without a result: nothing more is taken until another one begins.
@@ -63,7 +70,7 @@ class StreamingUntar {
   // The archive that the stream comes from, which extraction must not replace (with Confine).
   void protect(const mvFileInfo& archive) { m_placer.protect(archive); }
   // For a run that ends without FinishStreamingUntar: what is still buffered goes to the open file, which
-  // stays open.
+  // stays open. True where no file is open.
   bool flushOpenOutput(ProgressMonitor* pm, LogBase& log);
   void releaseOutput();
   // For a run of which all pieces come within one call of the application, because no thread may outlive
@@ -78,7 +85,7 @@ class StreamingUntar {
   void namePart(const Io& io);
   // Whether members were left out since the run, or an unframed one, began.
   bool anyLeftOut() const { return m_placer.anyLeftOut(); }
-  // The same of a run that came to its end without any failure.
+  // The same of a run that came to its end without any failure. Of use behind FinishStreamingUntar alone.
   bool onlyLeftOut() const { return anyLeftOut() && m_streamOk && m_life == Life::Closed; }
 
  private:
@@ -100,54 +107,64 @@ class StreamingUntar {
     Closed,     // FinishStreamingUntar was called
     BrokenOff,  // by an exception of a callback, or before it began: it has no state to go on from
   };
-  // A member that goes into an output of the caller's.
+  // A member that goes into an output of the caller's. A second one begins only when the first is complete.
   enum class Wanted { NotYet, Arriving };
 
-  // Everything below but the settings and the caller's output.
+  // Everything below but the settings and the caller's output. It needs no memory and cannot fail.
   void resetRun();
+  // At the end of a run; failures are in m_streamOk.
   void takeWhatIsPending(ProgressMonitor* pm, LogBase& log);
   // One step, by the state that the run is in.
   bool takeStep(const unsigned char* data, unsigned numBytes, bool& finished, const Io& io);
   // Steps that take from what is pending; each leaves the state consistent when it fails.
   bool consumePadding();
   bool consumeData(const Io& io);
-  // One block of what is pending, if there is a whole one: a header, or more of a sparse map.
+  // One block of what is pending, if there is a whole one: a header, or more of a sparse map. True also where
+  // less than a block is pending.
   bool consumeHeader(bool& finished, const Io& io);
   bool consumeSparseMap(bool& finished, const Io& io);
+  // Of a block that was parsed: listing, path, limits, and the beginning of its entry.
   bool takeHeader(bool& finished, const Io& io);
   bool parseHeader(const unsigned char* block, bool& finished, const Io& io);
   // To the reader, for the member whose header follows.
   bool applyExtensionData(const Io& io);
   bool closeEmptyFile(const Io& io);
   // What the header begins: each opens the output of the entry's data, and tells how many there are.
+  // `finished` is set where the run cannot go on.
   bool beginEntry(bool& finished, const Io& io);
   bool beginExtension(bool& finished, const Io& io);
   bool beginFile(bool skipped, bool isBehind, bool& finished, const Io& io);
   bool beginDirectory(bool skipped, bool& finished, const Io& io);
   // A file in its turn. Without an output, as for what is left out.
   bool placeFile(bool& skipped, bool& finished, const Io& io);
+  // The end of the run, with this engine's line.
   bool couldNotPlace(Placed::Result result, bool& finished, const Io& io);
-  // Writing behind: see MemberPlacer.
+  // Writing behind: see MemberPlacer. False for a failure that ends the run.
   bool handOver(Arrival arrival, const Io& io);
   bool doUndone(bool waitsForAll, const Io& io);
+  // becomeFileInItsTurn: the entry whose data were collected and stop before its end.
   bool doAgain(const WriteBehind::File& file, const Io& io);
   bool becomeFileInItsTurn(const Io& io);
   // To the open output. False, with the way the bytes came in the message, when it refuses them.
   bool write(const char* bytes, unsigned n, Arrival arrival, const Io& io);
   bool writeHasFailed(Arrival arrival, const Io& io);
-  // The end of an entry's data, and of its file.
+  // The end of an entry's data, and of its file. Padding follows; no output is open afterwards.
   bool finishEntry(Arrival arrival, const Io& io);
   // With the member's time; without one; what both have in common.
   bool settleOutputFile(const Io& io);
   bool closeOutputFile(const Io& io);
   bool endOutputFile(const MemberTimes& times, const Io& io);
+  // Whether the open file lacks data and would have got metadata.
   bool isPartOfRestored() const;
-  // The member that goes to the caller's output is there; where one is wanted the run has ended.
+  // The member that goes to the caller's output is there; where one is wanted the run has ended. Counted only
+  // if all of it was taken.
   void completeMember();
+  // Takes n bytes off the front of what is pending, which has as many.
   void eat(unsigned n);
-  // Replaces both at once; the old output is destroyed, which closes a file.
+  // Replaces both at once; the old output is destroyed, which closes a file. What was known of the old one's
+  // failures goes with it.
   void setOutput(std::unique_ptr<_mvOutput> output, OutputFile* file);
-  // Nothing is taken behind it. False, for the caller to return.
+  // Nothing is taken behind it. False, for the caller to return. An error line, and the end of the run.
   bool stop(const char* message, bool& finished, const Io& io);
 
   LiveSettings<ReadSettings> m_live;  // taken anew at each header
@@ -162,6 +179,7 @@ class StreamingUntar {
 
   // ---- The run
   Life m_life = Life::Running;
+  // Sticky: a failure that its caller did not look at still fails the run.
   bool m_streamOk = true;
   bool m_streamFinished = false;  // the archive has ended, or a failure stopped the run
   bool m_endMarkSeen = false;
@@ -172,6 +190,7 @@ class StreamingUntar {
 
   // ---- The current entry
   Expected m_expected = Expected::Header;
+  // An unframed run takes all of this over from the run before.
   std::unique_ptr<MemberReader> m_reader;  // null until the first header; holds the current entry
   MemberReader::Found m_found = MemberReader::Found::Member;  // what the current entry is
   char m_streamPrevTypeFlag = ' ';
@@ -181,7 +200,8 @@ class StreamingUntar {
   bool m_writeFailed = false;                 // of the open output
   bool m_isPartNamed = false;                 // of the open file
   WriteBehind::File* m_behindFile = nullptr;  // where the data are collected, of one that is written behind
-  // Bytes: of the entry in all, still to come, handed to its output; then zeros up to the next block.
+  // Bytes: of the entry in all, still to come, handed to its output; then zeros up to the next block. The
+  // padding is worked out when the data have come.
   long long m_streamExpectedSize = 0;
   long long m_streamBytesLeft = 0;
   long long m_streamBytesWritten = 0;

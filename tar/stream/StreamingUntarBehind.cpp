@@ -7,7 +7,8 @@
 
 namespace morvane {
 
-// What is done again here is of earlier entries; this one's outcome comes later.
+// What is done again here is of earlier entries; this one's outcome comes later. Its output only collected
+// the data, and goes without being ended.
 bool StreamingUntar::handOver(Arrival arrival, const Io& io) {
   WriteBehind::File& file = *m_behindFile;
   file.arrival = static_cast<int>(arrival);
@@ -25,6 +26,8 @@ bool StreamingUntar::doUndone(bool waitsForAll, const Io& io) {
   return ok;
 }
 
+// Without a monitor, as progress was told when the data came. The failure has the number of the way by which
+// this file's bytes came, and not of those that are coming now.
 bool StreamingUntar::doAgain(const WriteBehind::File& file, const Io& io) {
   const Io again(io.log, nullptr, io.event);
   const Placed placed = m_placer.placeAgain(file, again);
@@ -35,14 +38,16 @@ bool StreamingUntar::doAgain(const WriteBehind::File& file, const Io& io) {
   return m_placer.noteEnd(end, again) || writeHasFailed(static_cast<Arrival>(file.arrival), io);
 }
 
-// With what has come of it; the rest goes there as it comes.
+// With what has come of it; the rest goes there as it comes. For an entry that was to go behind and whose
+// data stop for now: no worker may hold it beyond the call.
 bool StreamingUntar::becomeFileInItsTurn(const Io& io) {
   WriteBehind::File* const file = m_behindFile;
   if (!file) return true;
   file->takeSize();
   bool skipped = false, finished = false;
   if (!placeFile(skipped, finished, io)) return false;
-  // What was placed is open now, and the file behind no output's any more.
+  // What was placed is open now, and the file behind no output's any more. Left out, it still has data to
+  // come, which are dropped.
   if (skipped) setOutput(std::make_unique<_mvOutput>(), nullptr);
   if (m_streamOutput->writeBytesPM(file->bytes(), file->size, nullptr, io.log)) return true;
   m_writeFailed = true;
@@ -52,12 +57,14 @@ bool StreamingUntar::becomeFileInItsTurn(const Io& io) {
 // The file behind is gone with the last of them, and so must be what writes into it.
 bool StreamingUntar::endBehind(const Io& io) {
   const bool ok = doUndone(true, io) && becomeFileInItsTurn(Io(io.log, nullptr, io.event));
+  // Still set where placing it failed or was not come to.
   if (m_behindFile) releaseOutput();
   m_placer.finishBehind();
   m_streamOk &= ok;
   return ok;
 }
 
+// The open entry keeps what has come of it, as a file in its turn would.
 void StreamingUntar::endBehindQuietly() noexcept {
   try {
     LogNull unwanted;

@@ -24,6 +24,7 @@ bool StreamingUntar::consumeHeader(bool& finished, const Io& io) {
   // An unframed run goes on from the one before, but reads as the words are now.
   const MemberReader::Demand demand = demandOf(m_settings.options);
   if (!m_reader || !(m_reader->demand() == demand)) m_reader = MemberReader::make(demand);
+  // The run ends, since what the record said of the next member is not known.
   if (m_found == MemberReader::Found::Record && !applyExtensionData(io)) {
     finished = m_streamFinished = true;
     return false;
@@ -32,11 +33,13 @@ bool StreamingUntar::consumeHeader(bool& finished, const Io& io) {
   // Before the block is taken, which moves the position on.
   m_reader->found().headerPosition = m_streamPosition;
   eat(kBlockSize);
+  // What is pending is given up, so that nothing of it is taken for a header by a later call.
   if (finished) {
     m_streamPending.clear();
     m_streamFinished = m_endMarkSeen = true;
     return true;
   }
+  // The block is taken by now: a failure of the file before must not have it read a second time.
   if (!closeEmptyFile(io)) return false;
   if (m_reader->found().sparseMapGoesOn) m_expected = Expected::SparseMap;
   return m_expected == Expected::SparseMap || takeHeader(finished, io);
@@ -90,7 +93,8 @@ bool StreamingUntar::parseHeader(const unsigned char* block, bool& finished, con
   return true;
 }
 
-// An entry of no bytes left its output open; its file gets no time of its own.
+// An entry of no bytes left its output open; its file gets no time of its own. An output that is no file goes
+// without a word.
 bool StreamingUntar::closeEmptyFile(const Io& io) {
   const bool closed = !m_streamOutFile || closeOutputFile(io);
   releaseOutput();
@@ -109,6 +113,7 @@ bool StreamingUntar::takeHeader(bool& finished, const Io& io) {
   }
   // It stays so for a directory.
   m_streamExpectedSize = 0;
+  // A record has a path, too, for the log.
   m_placer.setPath(member, io);
   if (isMember) m_placer.announce(member, io);
   if (m_settings.untarDebugLog) io.log.LogDataX("entry", path.entryPath());
@@ -142,6 +147,7 @@ bool StreamingUntar::beginEntry(bool& finished, const Io& io) {
   }
   const bool skipped = choice != Choice::Extract;
   MemberPlacer::Turn turn;
+  // Only what is made on the disk can meet files under way; what is skipped is not.
   if (!skipped && !m_memberOutput) turn = m_placer.turnOf(member, io);
   if (!doUndone(turn.waits, io)) {
     finished = true;
@@ -165,6 +171,7 @@ bool StreamingUntar::beginExtension(bool& finished, const Io& io) {
     io.log.noteReason("Out of memory.");
     return false;
   }
+  // A new one for each record, over the same buffer.
   setOutput(std::move(output), nullptr);
   m_streamBytesLeft = m_streamExpectedSize = m_reader->found().size;
   m_streamBytesWritten = 0;
@@ -191,6 +198,7 @@ bool StreamingUntar::beginFile(bool skipped, bool isBehind, bool& finished, cons
   if (skipped || !m_streamOutput) setOutput(std::make_unique<_mvOutput>(), nullptr);
   m_streamExpectedSize = m_streamBytesLeft = m_reader->found().size;
   m_streamBytesWritten = 0;
+  // No data will come to end it, and by the next header it would be another entry's turn.
   if (m_wanted == Wanted::Arriving && m_streamBytesLeft == 0) {
     if (!MemberPlacer::finishSpreading(*m_streamOutput, io)) return writeHasFailed(Arrival::AllPending, io);
     completeMember();
@@ -202,6 +210,7 @@ bool StreamingUntar::beginFile(bool skipped, bool isBehind, bool& finished, cons
   return !isEmptyAndRestored || closeEmptyFile(io);
 }
 
+// What is left out has no output here; the caller gives it one that drops its data.
 bool StreamingUntar::placeFile(bool& skipped, bool& finished, const Io& io) {
   Placed placed = m_placer.place(m_reader->found(), io);
   skipped = placed.result == Placed::Result::LeftOut;
@@ -210,6 +219,8 @@ bool StreamingUntar::placeFile(bool& skipped, bool& finished, const Io& io) {
   return true;
 }
 
+// Why a directory above the file cannot be made has been said or noted by now; why the file cannot is told
+// here.
 bool StreamingUntar::couldNotPlace(Placed::Result result, bool& finished, const Io& io) {
   if (result == Placed::Result::NoPlace) {
     return stop("Failed to ensure ability to create output file for untar.", finished, io);
@@ -229,6 +240,7 @@ bool StreamingUntar::beginDirectory(bool skipped, bool& finished, const Io& io) 
     io.log.LogDataX(skipped ? "skippingDir" : "creatingDir", m_placer.path().outputPath());
   }
   if (skipped) return true;
+  // A directory has no output, and is noted for the end of the run by the placer.
   const Placed::Result result = m_placer.place(m_reader->found(), io).result;
   return result == Placed::Result::Made || result == Placed::Result::LeftOut ||
          stop("Failed to ensure untar directory.", finished, io);

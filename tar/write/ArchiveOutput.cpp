@@ -16,6 +16,7 @@ void ArchiveOutput::begin(Compression compression, const CodecOptions& options) 
   m_uncompressedSize = 0;
 }
 
+// The frame's parts do not pass writeOut_pm: they are none of the archive's bytes and must not be compressed.
 bool ArchiveOutput::open(_mvOutput& out, const Io& io) { return !m_encoder || m_encoder->begin(out, io); }
 
 bool ArchiveOutput::close(_mvOutput& out, const Io& io) {
@@ -31,7 +32,8 @@ bool ArchiveOutput::writeOut_pm(const unsigned char* data, unsigned len, bool ch
   return m_output && m_output->writeBytesPM(reinterpret_cast<const char*>(data), len, io.monitor, io.log);
 }
 
-// For copying without a buffer between: only a plain archive in a file takes its bytes as they are.
+// For copying without a buffer between: only a plain archive in a file takes its bytes as they are. An output
+// that an application derives is never read into, as nobody knows where it keeps its bytes.
 OutputFile* ArchiveOutput::plainFile() const {
   return m_encoder ? nullptr : dynamic_cast<OutputFile*>(m_output);
 }

@@ -1,4 +1,6 @@
-// The one way that bytes of an archive leave: straight to the output, or through an encoder.
+// The one way that bytes of an archive leave: straight to the output, or through an encoder. Everything of a
+// write goes through one object of this kind; it knows neither headers nor members. One thread: compressors
+// with workers keep those to themselves.
 #pragma once
 
 #include <memory>
@@ -18,7 +20,7 @@ struct ArchiveOutput {
   long long m_uncompressedSize = 0;  // archive bytes handed to the encoder
 
   // What the next write goes through. An encoder serves one archive. Called before each write, a failed one
-  // included.
+  // included. `options` are taken over by the encoder.
   void begin(Compression compression, const CodecOptions& options);
   // Lets the encoder go, with its memory and its threads: on every way out of a write.
   void end() { m_encoder = nullptr; }

@@ -72,6 +72,7 @@ bool ArchiveWriter::writeSingleFile(const SourceEntry& entry) {
   }
   const XString fullPath(entry.localPath);
   SourcePlace place = placeOf(fullPath, m_run.settings.options.followLinks);
+  // Then nothing is asked of the path.
   place.memory = entry.file;
   if (!writeMember(place, pathInTar, nullptr)) return memberFailed(fullPath, pathInTar);
   if (isAborted()) return false;
@@ -79,8 +80,9 @@ bool ArchiveWriter::writeSingleFile(const SourceEntry& entry) {
   return true;
 }
 
-// The option is taken by reference, so that a callback may set it in the middle of a walk. A walk that breaks
-// off is the end of this tree; with SkipUnreadable the trees behind it are still written.
+// A walk that breaks off is the end of this tree; with SkipUnreadable the trees behind it are still written.
+// The walk and the workers beside it are local, so that every way out of the tree joins the workers before
+// the directories are closed.
 bool ArchiveWriter::writeTree(const DirRoot& root, XString& curDirRootPath) {
   LogContextExitor context(m_log, "NextDirRoot", m_log.verbose());
   curDirRootPath.setFromSbUtf8(root.m_dirPath);
@@ -116,7 +118,7 @@ bool ArchiveWriter::writeTree(const DirRoot& root, XString& curDirRootPath) {
   return true;
 }
 
-// False, for the caller to return.
+// False, for the caller to return. The reason stands above these lines, where it arose.
 bool ArchiveWriter::memberFailed(const XString& fullPath, const XString& pathInTar) {
   m_log.LogError("Failed to write file to output.");
   m_log.LogDataX("fullFilePath", fullPath);
@@ -124,7 +126,7 @@ bool ArchiveWriter::memberFailed(const XString& fullPath, const XString& pathInT
   return false;
 }
 
-// Asked behind each member.
+// Asked behind each member. A monitor that has said yes is not asked again, and says so at once.
 bool ArchiveWriter::isAborted() {
   if (!m_run.io.monitor || !m_run.io.monitor->abortCheck(m_log)) return false;
   m_log.LogError("Write TAR to output aborted by application.");
@@ -148,6 +150,7 @@ bool ArchiveWriter::writeMember(const SourcePlace& place, XString& pathInTar, Cl
   mvFileInfo info;
   if (!examine(place, info)) {
     if (m_log.verbose()) m_log.LogDataX("loadFileInfoFailed", place.fullPath);
+    // A directory that cannot be examined cannot be entered either.
     if (tree) tree->passBy();
     return goesOnWithout(place);
   }
@@ -162,6 +165,8 @@ bool ArchiveWriter::writeMember(const SourcePlace& place, XString& pathInTar, Cl
   }
   if (isSkippedBeingChanged(place, pathInTar, tree)) return true;
   if (m_run.settings.options.skipUnreadable && !canBeRead(place, info, tree)) return goesOnWithout(place);
+  // Behind the last event that may change the member: it refers to m_member, which stays as it is from here
+  // on.
   const MemberEncoding encoding = m_writer.encode(m_member);
   if (isLeftOutByFormat(place, encoding)) return true;
   noteLostAttributes(place);
@@ -187,6 +192,7 @@ bool ArchiveWriter::examine(const SourcePlace& place, mvFileInfo& info) {
     info.m_lastModified = place.memory->m_added;
     return true;
   }
+  // What a worker found was found before the event and is of no use where that must come first.
   const bool mayOpen = mayOpenEarly();
   if (mayOpen && m_found) {
     m_source.take(*m_found, info);
@@ -198,7 +204,8 @@ bool ArchiveWriter::examine(const SourcePlace& place, mvFileInfo& info) {
 // What a callback does to the file's name still counts, unless it was said to do nothing.
 bool ArchiveWriter::mayOpenEarly() const { return !m_run.io.event || m_run.settings.options.openBeforeEvent; }
 
-// Patterns are tested in the turn of a member; until then what they leave out would be opened for nothing.
+// Patterns are tested in the turn of a member; until then what they leave out would be opened for nothing. A
+// walk that follows links is left alone, as it has rules of its own about what it may enter twice.
 std::unique_ptr<ReadAhead> ArchiveWriter::makeReadAhead() const {
   const TarOptions& options = m_run.settings.options;
   const unsigned workers = workerCount(options.codec.threads);
@@ -216,7 +223,8 @@ bool ArchiveWriter::isArchiveItself(const SourcePlace& place, const mvFileInfo& 
   return true;
 }
 
-// Of a socket there is nothing that could be kept.
+// Of a socket there is nothing that could be kept. Without Store=special it is archived as an empty file,
+// like everything that is none.
 bool ArchiveWriter::isSocketLeftOut(const SourcePlace& place, const mvFileInfo& info) {
   if (!m_run.settings.options.store.special || !info.m_isSocket) return false;
   m_log.LogInfo("A socket is not archived.");
@@ -235,6 +243,7 @@ bool ArchiveWriter::isLeftOutByFormat(const SourcePlace& place, const MemberEnco
   m_anythingLost = true;
   m_log.LogNotice(refusal);
   m_log.LogDataX("fullPath", place.fullPath);
+  // For the time of the event alone: a callback may ask why.
   m_log.noteCause(refusal, "", "");
   m_run.io.inform("unstorable", place.fullPath.getUtf8());
   m_log.forgetCause();
@@ -254,7 +263,8 @@ void ArchiveWriter::noteLostAttributes(const SourcePlace& place) {
 }
 
 // The event comes before the file is opened, unless OpenBeforeEvent lets it come behind: an application may
-// still create or change the file in it.
+// still create or change the file in it. The path in the archive goes by an event of its own, behind the one
+// that may skip the member.
 bool ArchiveWriter::isSkippedByEvent(const SourcePlace& place, const mvFileInfo& info,
                                      const XString& pathInTar) {
   ProgressEvent* const event = m_run.io.event;
@@ -280,6 +290,7 @@ bool ArchiveWriter::isSkippedBeingChanged(const SourcePlace& place, XString& pat
   showMember(m_member, m_member.path, m_shown);
   m_run.io.event->onTarMember(m_shown);
   m_live.refresh();
+  // Also when the directory itself is archived.
   if (m_shown.skipBelow && tree && tree->get_IsDirectory()) tree->passBy();
   if (m_shown.skip || m_shown.path.empty()) {
     if (m_log.verbose()) m_log.LogDataX("skippingFile", place.fullPath);

@@ -29,6 +29,7 @@ bool ArchiveWriter::writeData(const SourcePlace& place, const mvFileInfo& info) 
   return m_run.settings.options.writeExactSizes ? writeExactSize(place, info) : writeToTheEnd(place, info);
 }
 
+// The header states the same size, so that the padding can go by what was written.
 bool ArchiveWriter::writeMemory(const char* bytes, unsigned n) {
   if (!m_data.put(bytes, n)) return m_run.io.fail(kCannotCopy);
   return m_run.putZeros(paddingAfter(n));
@@ -38,7 +39,9 @@ bool ArchiveWriter::writeMemory(const char* bytes, unsigned n) {
 // has become shorter.
 bool ArchiveWriter::writeSparse(const SourcePlace& place, const mvFileInfo& info) {
   const SparseMap& map = m_member.sparse;
+  // GNU's map went out with the header block.
   if (m_member.typeFlag != kTypeSparse && !m_run.put(sparseMapText(map))) return false;
+  // The header is out, and its size has to be filled in any case.
   const bool isOpen = openForData(place, info);
   if (!isOpen && !m_run.settings.options.skipUnreadable) return false;
   bool isWhole = isOpen, readFailed = false;
@@ -48,6 +51,7 @@ bool ArchiveWriter::writeSparse(const SourcePlace& place, const mvFileInfo& info
       copied = m_data.copyFile(m_source, range.length);
       if (!copied.ok) return m_run.io.fail(kCannotCopy);
     }
+    // The ranges behind a failed read are filled with zeros and not tried.
     readFailed |= copied.readFailed;
     isWhole &= copied.bytes == range.length;
     if (!m_run.putZeros(range.length - copied.bytes)) return false;
@@ -67,6 +71,8 @@ bool ArchiveWriter::openForData(const SourcePlace& place, const mvFileInfo& info
 }
 
 // An empty file is not opened at all. Files of /proc state no size and have data: they are archived as empty.
+// A file that grows or shrinks meanwhile puts everything behind it out of its place: the sum of data and
+// padding is then no whole number of blocks, or the header's size is not theirs.
 bool ArchiveWriter::writeToTheEnd(const SourcePlace& place, const mvFileInfo& info) {
   if (info.m_size == 0) return true;
   if (!openForData(place, info)) return false;
@@ -88,6 +94,7 @@ bool ArchiveWriter::writeExactSize(const SourcePlace& place, const mvFileInfo& i
   if (openForData(place, info)) {
     copied = m_data.copyFile(m_source, size);
     if (!copied.ok) return m_run.io.fail(kCannotCopy);
+    // With the word the member is all zeros and is told as one that changed.
   } else if (!m_run.settings.options.skipUnreadable) {
     return false;
   }
@@ -127,6 +134,7 @@ void ArchiveWriter::reportReadFailed(const SourcePlace& place) {
   m_log.forgetCause();
 }
 
+// A step by itself: whoever calls it has written the header and pads the data.
 bool ArchiveWriter::copySourceToOutput(_mvDataSource& source) {
   return m_data.copySource(source, MemberData::kToTheEnd).ok;
 }

@@ -7,7 +7,8 @@ namespace morvane {
 
 // A source that AddDirRoot or AddDirRoot2 put into the component, which owns it until the sources are
 // cleared. Both texts are plain data: the directory was looked at when it was added, and is looked at anew
-// whenever an archive is written, relative to the directory in which the process then stands.
+// whenever an archive is written, relative to the directory in which the process then stands. One thread at a
+// time, under the component's lock.
 class DirRoot : public MorvaneObject {
  public:
   // Bytes of UTF-8, without slashes added or taken off.

@@ -30,6 +30,7 @@ MemberData::Copied MemberData::copyFile(SourceFile& file, long long most) {
     // No room, or an output that keeps none: the ordinary way does it.
     if (!bytes) break;
     const long long wanted = std::min<long long>(most - copied.bytes, room - room % kPieceSize);
+    // No monitor here: the piece that is put next asks and counts.
     copied.readFailed = !file.data().readOnce(bytes, static_cast<unsigned>(wanted), got, m_run.io.log);
     if (copied.readFailed || got == 0) {
       copied.ok = true;
@@ -57,6 +58,7 @@ MemberData::Copied MemberData::copySource(_mvDataSource& source, long long most)
 void MemberData::copyPieces(_mvDataSource& source, long long most, Copied& copied) {
   LogBase& log = m_run.io.log;
   copied.ok = false;
+  // A source that lends spares the copy into a buffer.
   const bool lends = source.canLend();
   const ByteArrayOwner buffer(lends ? nullptr : mvNewChar(kPieceSize));
   if (!lends && !buffer.get()) return;

@@ -7,12 +7,13 @@
 namespace morvane {
 
 // It holds nothing between two calls. Counts are bytes of data; the padding behind them is the caller's to
-// write.
+// write. It writes where the run's output leads, and knows nothing of headers.
 class MemberData {
  public:
   explicit MemberData(WriteRun& run) : m_run(run) {}
 
-  // How a copy went. One that a failed read ended is no failure of the archive.
+  // How a copy went. One that a failed read ended is no failure of the archive. Without `ok` the reason is in
+  // the log, but for a lack of memory.
   struct Copied {
     bool ok = false;  // every byte that was read is in the archive
     bool readFailed = false;
@@ -29,12 +30,13 @@ class MemberData {
   // application aborts.
   [[nodiscard]] bool put(const char* bytes, unsigned n);
 
-  // More than any file has.
+  // More than any file has. For sources whose size does not count.
   static constexpr long long kToTheEnd = 0x7FFFFFFFFFFFFFFF;
 
  private:
   // `copied` goes on from what it is.
   void copyPieces(_mvDataSource& source, long long most, Copied& copied);
+  // One piece, with its progress; false with the reason in the log.
   bool putPiece(const char* bytes, unsigned n);
 
   WriteRun& m_run;

@@ -18,7 +18,8 @@ namespace morvane {
 
 namespace {
 
-// By the end of the name and not by the file's bits, which the properties ignore. Case counts.
+// By the end of the name and not by the file's bits, which the properties ignore. Case counts. The list is
+// the whole of it: other languages' scripts get FileMode.
 bool isScriptPath(std::string_view path) {
   for (const std::string_view ending : {".sh", ".csh", ".bash", ".bsh"}) {
     if (path.size() >= ending.size() && path.substr(path.size() - ending.size()) == ending) return true;
@@ -88,6 +89,7 @@ bool MemberSource::describe(const SourcePlace& place, const mvFileInfo& info, co
                             SourceFile& file, XString& pathInTar, Member& member, const Io& io) {
   describeMember(info, settings, pathInTar, member);
   const KeptParts& parts = settings.options.store;
+  // -1 without the word.
   const long long latest = settings.options.reproducible;
   if (place.memory) {
     if (latest >= 0) makeReproducible(info, latest, member);
@@ -106,12 +108,13 @@ bool MemberSource::describe(const SourcePlace& place, const mvFileInfo& info, co
   }
   if (latest >= 0) makeReproducible(info, latest, member);
   if (parts.link && !takeLink(place, info, member, io)) return false;
+  // Neither attributes nor holes are the same on every machine.
   if (member.isHardLink() || latest >= 0) return true;
   if (parts.xattr && !takeAttributes(place, info, file, member, io)) return false;
   return !parts.sparse || takeHoles(place, info, settings, file, member);
 }
 
-// A user without a name is a number alone.
+// A user without a name is a number alone. Names are cleared, because the properties have put theirs there.
 void MemberSource::takeOwner(const mvFileInfo& info, const WriteSettings& settings, Member& member) {
   member.uid = info.m_uid;
   member.gid = info.m_gid;
@@ -131,6 +134,7 @@ bool MemberSource::takeLink(const SourcePlace& place, const mvFileInfo& info, Me
     if (!SourceFile::readLink(place, member.linkPath, io.log)) return false;
   }
   if (info.m_isDirectory || info.m_linkCount < 2) return true;
+  // By device and inode, since one tree may reach over several file systems.
   const auto first = m_firstNames.find(identityOf(info));
   if (first == m_firstNames.end()) return true;
   member.typeFlag = kTypeHardLink;
@@ -172,6 +176,7 @@ bool MemberSource::takeAttributes(const SourcePlace& place, const mvFileInfo& in
 bool MemberSource::takeHoles(const SourcePlace& place, const mvFileInfo& info, const WriteSettings& settings,
                              SourceFile& file, Member& member) {
   const bool mayHaveHoles = info.m_isRegularFile && info.m_size > 0 && info.m_storedSize < info.m_size;
+  // Room that a compressing file system saves looks like holes here; the search then finds none.
   if (!mayHaveHoles || settings.format == WriteFormat::Ustar) return true;
   LogNull unwanted;
   // What cannot be opened is said when its data are wanted.

@@ -1,5 +1,6 @@
 // What a member's header says of its source: what the properties say, or, with the word Store, what the
-// source itself is.
+// source itself is. Called by ArchiveWriter, once for each member, before the events that may change what it
+// says. It knows nothing of records and blocks: what a format cannot hold shows later.
 #pragma once
 
 #include <map>
@@ -15,12 +16,14 @@ namespace morvane {
 void normalisePath(XString& path, bool isDirectory);
 
 // Normalises the path and describes the member that is to have it by the properties alone. The member's texts
-// are used again. Nothing is asked of the system. `info` has times, size and kind.
+// are used again. Nothing is asked of the system. `info` has times, size and kind. Also what the steps
+// describe that write a header by themselves.
 void describeMember(const mvFileInfo& info, const WriteSettings& settings, XString& pathInTar,
                     Member& member);
 
 // One object serves all members of a write: names of users are looked up once, and the first name of a file
-// that has several is remembered. It opens a file only to look at attributes and holes.
+// that has several is remembered. It opens a file only to look at attributes and holes. Memory: a path for
+// each file of several names, until the write ends.
 class MemberSource {
  public:
   // False, with the reason in the log, when the source cannot be read for what is to be stored of it. `file`
@@ -32,16 +35,19 @@ class MemberSource {
   void noteWritten(const mvFileInfo& info, const WriteSettings& settings, const Member& member);
 
  private:
-  // One for each part of Store. False, with the reason in the log, where the source cannot be asked.
+  // One for each part of Store. False, with the reason in the log, where the source cannot be asked. Names
+  // are looked up unless OwnerBy=id was asked for.
   void takeOwner(const mvFileInfo& info, const WriteSettings& settings, Member& member);
   // A symbolic link's text, or the first name of a file that is archived already.
   bool takeLink(const SourcePlace& place, const mvFileInfo& info, Member& member, const Io& io);
+  // Attributes and access lists, in the forms that a pax record has.
   bool takeAttributes(const SourcePlace& place, const mvFileInfo& info, SourceFile& file, Member& member,
                       const Io& io);
   // Opens the file; what cannot be opened has no holes, and is told later.
   bool takeHoles(const SourcePlace& place, const mvFileInfo& info, const WriteSettings& settings,
                  SourceFile& file, Member& member);
 
+  // It keeps the names that it was asked for.
   UserDatabase m_users;
   std::map<std::pair<unsigned long long, unsigned long long>, std::string> m_firstNames;  // by device, inode
 };

@@ -40,6 +40,7 @@ bool MemberWriter::writeHeader(const Member& member, const MemberEncoding& encod
   if (m_run.io.log.verbose()) m_run.io.log.LogData("filePathInTar", member.path.c_str());
   if (encoding.refusal) return refuse(encoding.refusal, member, encoding.pathIsRefused, m_run.io);
   if (!writeRecords(member, encoding)) return false;
+  // Every field of it is set: nothing of the stack gets into an archive.
   unsigned char block[kBlockSize];
   encodeHeaderBlock(member, {encoding.name, encoding.prefix},
                     m_run.settings.format == WriteFormat::Gnu ? TarMagic::Gnu : TarMagic::Ustar, block);
@@ -79,6 +80,7 @@ bool MemberWriter::writeRecords(const Member& member, const MemberEncoding& enco
   return writePax(member, encoding.paxRecords);
 }
 
+// Also for the step of that name, which takes any path, short ones too.
 bool MemberWriter::writeLongName(const Member& member) {
   return writeLongText(member, kTypeLongName, member.path);
 }
@@ -117,7 +119,8 @@ bool MemberWriter::writePax(const Member& member, const std::string& records) {
   return putRecord(m_record, member.path, TarMagic::Ustar, records);
 }
 
-// A header block, then data, then zeros up to the next block.
+// A header block, then data, then zeros up to the next block. A record is an entry like any other to a reader
+// that does not know its type, and is padded like one.
 bool MemberWriter::putRecord(const Member& record, std::string_view name, TarMagic magic,
                              const std::string& data) {
   m_record.size = static_cast<long long>(data.size());

@@ -15,7 +15,7 @@ namespace morvane {
 constexpr char kNulInPath[] = "A path with a NUL byte cannot be archived.";
 
 // One for a write; it keeps nothing of a member. It writes where the run's output leads, and fails without
-// one. Reasons of failures are in the log.
+// one. Reasons of failures are in the log. One thread; its calls may throw std::bad_alloc.
 class MemberWriter {
  public:
   explicit MemberWriter(WriteRun& run) : m_run(run) {}
@@ -26,13 +26,15 @@ class MemberWriter {
   // written.
   [[nodiscard]] bool writeHeader(const Member& member, const MemberEncoding& encoding);
 
-  // A record alone: GNU's for a long path / the pax records of the member. `records` is their text.
+  // A record alone: GNU's for a long path / the pax records of the member. `records` is their text. The
+  // header that follows is the caller's to write.
   [[nodiscard]] bool writeLongName(const Member& member);
   [[nodiscard]] bool writePax(const Member& member, const std::string& records);
   // The one pax record that there is by default: the path's.
   [[nodiscard]] bool writePaxPath(const Member& member);
 
  private:
+  // A header block with GNU's map in it, and the blocks that the map goes on in.
   bool putWithMap(const SparseMap& map, unsigned char* block);
   // Records that the format needs, in the order in which readers expect them.
   bool writeRecords(const Member& member, const MemberEncoding& encoding);

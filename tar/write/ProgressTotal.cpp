@@ -31,7 +31,7 @@ class Counter {
   long long total() const { return m_total; }
 
   // A pair without its end fails in the write. The filter sees the local path, as it does there. Bytes in
-  // memory have no holes and no other names.
+  // memory have no holes and no other names. A file that is not there counts nothing: the write will say so.
   void addFile(const StringBuffer& entry) {
     const SourceEntry source = parseSourceEntry(entry);
     if (!source.isClosed || excludes(source.localPath)) return;
@@ -64,6 +64,8 @@ class Counter {
       // With each entry: counting a large tree takes its time.
       if (m_io.monitor && m_io.monitor->abortCheck(m_io.log)) return false;
       m_live.refresh();
+      // Without the word the same entry is looked at again until the application aborts (see the header); the
+      // question above is what ends it.
       if (isExcluded && !m_live.now().options.countSkipsExcluded) continue;
       walking = walk.advance(m_quiet);
     }
@@ -72,7 +74,8 @@ class Counter {
 
  private:
   // What of a file goes into the archive: a file that is there under another name does not, nor do holes
-  // where they can be told (MemberSource::takeHoles).
+  // where they can be told (MemberSource::takeHoles). A first name counts where it is met first, which need
+  // not be where the write meets it: the sum is the same.
   long long storedSize(const mvFileInfo& info) {
     const WriteSettings& settings = m_live.now();
     const KeptParts& parts = settings.options.store;
@@ -94,7 +97,8 @@ class Counter {
 
 }  // namespace
 
-// Trees before files, the other way round than the write: a sum has no order.
+// Trees before files, the other way round than the write: a sum has no order. An application that aborts in a
+// tree ends the count; files take no time worth a question.
 long long calcTotalProgressForWrite(const ExtPtrArraySb& files, const ExtPtrArray& dirRoots,
                                     LiveSettings<WriteSettings> live, const Io& io) {
   LogContextExitor context(io.log, "calcTotalProgressForWrite");

@@ -13,6 +13,7 @@ namespace morvane {
 //
 // An entry of a directory tree that the filter excludes is examined again and again: the count then never
 // ends. The word CountSkipsExcluded makes it go on.
+// The lists are only read, and nothing is opened but directories.
 long long calcTotalProgressForWrite(const ExtPtrArraySb& files, const ExtPtrArray& dirRoots,
                                     LiveSettings<WriteSettings> live, const Io& io);
 

@@ -14,9 +14,10 @@ namespace morvane {
 namespace {
 
 // Enough to keep all workers busy, some of them in directories that the walk is about to come to. Each may
-// have a directory open.
+// have a directory open. There are fewer where the process may open few files.
 constexpr unsigned kFewestLooks = 32, kMostLooks = 128, kLooksForWorker = 4;
-// Of files that were read, in all looks.
+// Bytes of files that were read, in all looks together; with 64 looks or more each still has room for one
+// file of the largest size, and they take up to twice as much.
 constexpr size_t kBytes = 4 * 1024 * 1024;
 // What lies ahead is looked at once in so many entries, so that threads are not woken for each.
 constexpr unsigned kEntriesBetween = 8;
@@ -25,16 +26,20 @@ constexpr size_t kDeepest = 24;
 // Worth a thread (see WorkerPool::submit): some dozens of files, or a few directories.
 constexpr size_t kWeightOfFile = 16 * 1024, kWeightOfDirectory = 128 * 1024;
 
+// Where the file system tells no type, the entry is examined in its turn.
 bool mayBeDirectory(unsigned char type) { return type == DT_DIR || type == DT_UNKNOWN; }
 
 }  // namespace
 
+// A room holds a file of the largest size and the one byte more by which its end is seen.
 ReadAhead::ReadAhead(unsigned workers)
     : m_mostLooks(std::min(std::clamp(workers * kLooksForWorker, kFewestLooks, kMostLooks), filesToSpare())),
       m_mostFiles(itemsInTask(workers)),
       m_roomSize(std::max<size_t>(kBytes / std::max(m_mostLooks, kFewestLooks), kMostBytes + 1)),
       m_pool(workers) {}
 
+// What lies before the walk's entry has been passed and gives its place to others. Waiting is for the look at
+// this very entry only; the first thread does it by itself if nobody has begun.
 const ReadAhead::Found* ReadAhead::enter(ClsDirTree& tree) {
   followWalk(tree);
   Level& level = m_levels.back();
@@ -55,6 +60,7 @@ const ReadAhead::Found* ReadAhead::enter(ClsDirTree& tree) {
   if (at >= piece.look->found.size()) return nullptr;
   const Found& found = piece.look->found[at];
   const auto size = static_cast<size_t>(std::clamp<long long>(found.info.m_size, 0, kMostBytes));
+  // A moving mean: looks are to end about where their room does.
   m_usualSize = (m_usualSize * 7 + size) / 8;
   return found.bytes ? &found : nullptr;
 }
@@ -68,6 +74,7 @@ void ReadAhead::followWalk(const ClsDirTree& tree) {
   const bool isInside = m_levels.size() < tree.depth();
   while (m_levels.size() < tree.depth()) m_levels.emplace_back();
   if (!m_entered.look) return;
+  // The directory was empty, or the walk passed it by.
   if (!isInside) {
     giveUp(std::move(m_entered));
     return;
@@ -77,11 +84,13 @@ void ReadAhead::followWalk(const ClsDirTree& tree) {
   const size_t count = m_entered.look->found.size();
   level.lookedTo = std::max(level.lookedTo, count);
   level.pieces.push_front({0, count, false, std::move(m_entered.look), nullptr});
+  // What lies ahead in the new directory is looked at without waiting for more entries.
   m_entries = ~0u;
 }
 
 // One that could not be read is read again by the walk, which tells why. The names go to the walk, which
-// keeps the directory open at least until the next entry.
+// keeps the directory open at least until the next entry. The piece is kept meanwhile, because its first
+// files are found in it once the walk is inside.
 void ReadAhead::enterDirectory(Level& level, ClsDirTree& tree) {
   Piece piece = std::move(level.pieces.front());
   level.pieces.pop_front();
@@ -93,6 +102,7 @@ void ReadAhead::enterDirectory(Level& level, ClsDirTree& tree) {
   m_entered = std::move(piece);
 }
 
+// From the deepest directory up, since its entries are wanted first. Very deep down the walk goes on alone.
 void ReadAhead::lookAhead(const ClsDirTree& tree) {
   if (tree.depth() > kDeepest) {
     for (Level& level : m_levels) finishAll(level);
@@ -103,6 +113,7 @@ void ReadAhead::lookAhead(const ClsDirTree& tree) {
   }
 }
 
+// They are done but kept: what was found is still of use when the walk comes back.
 void ReadAhead::finishAll(Level& level) {
   for (Piece& piece : level.pieces) {
     m_pool.finish(*piece.look);
@@ -138,6 +149,7 @@ bool ReadAhead::makeRoom(size_t nearest) {
   for (size_t i = 0; i < nearest; ++i) {
     Level& level = m_levels[i];
     if (level.pieces.empty()) continue;
+    // Given up from the end, so that what is looked at stays one stretch.
     level.lookedTo = level.pieces.back().first;
     giveUp(std::move(level.pieces.back()));
     level.pieces.pop_back();
@@ -146,6 +158,7 @@ bool ReadAhead::makeRoom(size_t nearest) {
   return false;
 }
 
+// A piece of its own, because it is listed and gone into. A type that is not known counts as none.
 void ReadAhead::lookAtDirectory(Level& level, const DirListing& listing, size_t rank) {
   std::unique_ptr<Look> look = makeLook(listing);
   look->directoryName = listing.nameOf(level.lookedTo);
@@ -162,13 +175,15 @@ void ReadAhead::lookAtFiles(Level& level, const DirListing& listing, size_t rank
        ++end) {
     const bool isRegular = listing.typeOf(end) == DT_REG;
     look->names.emplace_back(isRegular ? listing.nameOf(end) : "");
+    // Others cost nothing but a place in the list.
     files += isRegular;
   }
   submit(level, {level.lookedTo, end - level.lookedTo, false, std::move(look), nullptr}, rank,
          files * kWeightOfFile);
 }
 
-// Used ones keep their room.
+// Used ones keep their room. The parent's descriptor is borrowed, from the walk or from the look that listed
+// the directory, and stays open until this look is finished or dropped.
 std::unique_ptr<ReadAhead::Look> ReadAhead::makeLook(const DirListing& listing) {
   std::unique_ptr<Look> look;
   if (m_spare.empty()) {
@@ -205,6 +220,8 @@ void ReadAhead::giveUp(Piece piece) {
   m_spare.push_back(std::move(piece.look));
 }
 
+// In a worker: it touches nothing but the look and, by their descriptors, open directories. It stops where
+// the room is full; what it did not come to is left for its turn.
 void ReadAhead::Look::work() {
   used = 0;
   if (!room) room.reset(new char[roomSize]);
@@ -214,10 +231,12 @@ void ReadAhead::Look::work() {
     }
     return;
   }
+  // Links are not followed: one may have come in the directory's place.
   isListed = listing.readIn(parent, directoryName.c_str(), false, roomSize) == 0;
   if (!isListed) return;
   for (size_t n = 0; n < listing.entries.size() && n < mostFiles; ++n) {
     const unsigned char type = listing.typeOf(n);
+    // Files behind the first directory are wanted only after all that is in it.
     if (mayBeDirectory(type) || !lookAt(listing.directory.fd(), type == DT_REG ? listing.nameOf(n) : ""))
       return;
   }
@@ -244,6 +263,7 @@ bool ReadAhead::Look::lookAt(int directory, const char* name) {
 // cannot be read, is read in its turn.
 bool ReadAhead::Look::read(const OsFile& file, Found& into) {
   const auto size = static_cast<size_t>(into.info.m_size);
+  // It is asked without an overflow: `used` never passes roomSize.
   if (size + 1 > roomSize - used) return false;
   const ssize_t got = file.readSomeAt(room.get() + used, size + 1, 0);
   if (got < 0 || static_cast<size_t>(got) != size) return true;

@@ -4,6 +4,7 @@
 
 namespace morvane {
 
+// The leading ESC is what tells it from a path alone.
 std::string makePairEntry(std::string_view localPath, std::string_view pathInTar) {
   std::string entry(1, kEntryEscape);
   entry.append(localPath).push_back(kEntryEscape);

@@ -1,5 +1,6 @@
 // The stored form of a single file to archive: its local path alone; or ESC, local path, ESC, path in the
-// archive; or the path in the archive with the bytes themselves.
+// archive; or the path in the archive with the bytes themselves. The door makes entries, the writer and the
+// count before it take them apart; nobody else knows the form.
 #pragma once
 
 #include <string>
@@ -15,7 +16,7 @@ namespace morvane {
 constexpr char kEntryEscape = '\x1B';
 
 // A file that is not on the disk: the text is its path in the archive. Owned by the list of files, with a
-// copy of the application's bytes.
+// copy of the application's bytes. It never changes after it was added.
 class MemoryFile : public StringBuffer {
  public:
   // Up to 4 GiB less one byte. The time is that of the call that added it.
@@ -23,7 +24,8 @@ class MemoryFile : public StringBuffer {
   MorvaneFileTime m_added;
 };
 
-// Copies of the texts; `file` is the list's and lives as long as the entry.
+// Copies of the texts; `file` is the list's and lives as long as the entry. A value of one pass over the
+// sources.
 struct SourceEntry {
   bool isPair = false;
   bool isClosed = true;              // false for a pair without its second ESC; nothing else is then set
@@ -35,7 +37,8 @@ struct SourceEntry {
 // Neither path is checked: one that holds an ESC itself is cut at the wrong place. The first two of the forms
 // above are texts alone, so that lists of texts can hold them.
 std::string makePairEntry(std::string_view localPath, std::string_view pathInTar);
-// Never fails: what is wrong with a pair shows in isClosed and in an empty path.
+// Never fails: what is wrong with a pair shows in isClosed and in an empty path. The entry must outlive the
+// result where it is a file in memory.
 SourceEntry parseSourceEntry(const StringBuffer& entry);
 
 }  // namespace morvane

@@ -49,6 +49,7 @@ bool SourceFile::examine(const SourcePlace& place, bool mayOpen, mvFileInfo& inf
   return info.loadFileInfoAt(place.directory, place.name, path, log, place.followsLinks);
 }
 
+// Nothing is open then: the worker has read all of it and closed it.
 void SourceFile::take(const ReadAhead::Found& found, mvFileInfo& info) {
   close();
   info = found.info;
@@ -70,7 +71,8 @@ bool SourceFile::open(const SourcePlace& place, const mvFileInfo& info, LogBase&
   return true;
 }
 
-// They stay with the source, which hands them out first.
+// They stay with the source, which hands them out first. One byte is enough to have the source fill its
+// buffer, or fail.
 bool SourceFile::readFirst(LogBase& log) {
   if (m_wholeBytes) return true;
   const char* bytes = nullptr;
@@ -78,7 +80,8 @@ bool SourceFile::readFirst(LogBase& log) {
   return m_data.peekBytes(1, bytes, got, nullptr, log);
 }
 
-// By the descriptor: the name may be another file's by now.
+// By the descriptor: the name may be another file's by now. Only for a message, so that why it cannot be told
+// is not said.
 long long SourceFile::sizeNow() {
   mvFileInfo info;
   LogNull unwanted;
@@ -123,6 +126,7 @@ void SourceFile::findRanges(long long size, SparseMap& map) {
     if (found == DataSearch::CannotTell) return;
     if (found == DataSearch::NoMore || start >= size) break;  // the rest is a hole
     end = std::min(end, size);
+    // The map is still empty, and the file counts as one without holes.
     if (static_cast<long long>(ranges.size()) == SparseMap::kMostRanges) return;
     ranges.push_back({start, end - start});
     stored += end - start;
@@ -132,9 +136,11 @@ void SourceFile::findRanges(long long size, SparseMap& map) {
   map.begin(size);
   bool ok = true;
   for (const SparseRange& range : ranges) ok = ok && map.add(range.offset, range.length);
+  // Ranges that a file being changed gives out of order make no map.
   if (!ok) map.clear();
 }
 
+// The source keeps its buffer for the next file.
 void SourceFile::close() {
   if (m_open && !m_wholeBytes) m_data.close();
   m_open = false;

@@ -13,7 +13,8 @@ namespace morvane {
 class MemoryFile;
 
 // Where a member's source is: its path and, from a directory walk, its name in an open directory; or memory.
-// It borrows what it points at: path and name are good until the walk goes on.
+// It borrows what it points at: path and name are good until the walk goes on. The directory is the walk's
+// and is not closed here.
 struct SourcePlace {
   // In front of everything that is said to people.
   const XString& fullPath;
@@ -25,7 +26,8 @@ struct SourcePlace {
 };
 
 // One object serves all members of a write, so that its buffer is made once. Closed by the next examination,
-// or by the destructor. Sizes and positions are bytes.
+// or by the destructor. Sizes and positions are bytes. One thread; what workers read comes in by take. It
+// reads and never writes, and follows a link only where the place says so.
 class SourceFile {
  public:
   // Examines the place. With `mayOpen`, a regular file of a walk is opened with it: one look then serves
@@ -46,13 +48,16 @@ class SourceFile {
   // Whether the file, of which `size` bytes were read, has more by now, or had them all the time, as files
   // that the system makes up do. Asks the system only if it has not said so.
   bool hasMoreThan(long long size) { return !m_wholeBytes && !m_data.endWasSeen() && m_data.hasByteAt(size); }
+  // Where nothing is open it only forgets what take() brought.
   void close();
 
+  // The open file, to be read from where it stands. Of no use where nothing is open.
   _mvFileDataSource& data() { return m_data; }
 
-  // The text of a symbolic link, of any length. False, with the reason in the log.
+  // The text of a symbolic link, of any length. False, with the reason in the log. Nothing is opened.
   static bool readLink(const SourcePlace& place, std::string& text, LogBase& log);
-  // The extended attributes of what was examined.
+  // The extended attributes of what was examined. Of the open file where there is one. False, with the reason
+  // in the log.
   bool readAttributes(const SourcePlace& place, FileMetadata::Attributes& attributes, LogBase& log);
   // The ranges of the open file that are no holes, of `size` bytes in all; the map stays empty where there
   // are none, or where the file system does not tell.

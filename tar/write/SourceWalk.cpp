@@ -27,6 +27,7 @@ void SourceWalk::nameMember(const XString& dirPrefix, XString& pathInTar) const 
   if (!dirPrefix.isEmpty()) prependPart(dirPrefix.str(), pathInTar);
 }
 
+// Exactly one slash is put between, whatever the part ends in: names in archives depend on it.
 void prependPart(const std::string& part, XString& path) { path.buffer().insert(0, part + "/"); }
 
 }  // namespace morvane

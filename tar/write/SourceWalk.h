@@ -13,6 +13,7 @@
 
 namespace morvane {
 
+// One walk at a time, on one thread.
 class SourceWalk {
  public:
   // False, with the reason in the log, when the root cannot be read.

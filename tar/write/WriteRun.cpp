@@ -7,6 +7,7 @@
 namespace morvane {
 
 bool WriteRun::putZeros(long long n) {
+  // A part of one piece does for padding, which is less than a block.
   static constexpr unsigned char kZeros[4096] = {};
   for (; n > 0; n -= static_cast<long long>(sizeof kZeros)) {
     if (!put(kZeros, static_cast<unsigned>(std::min<long long>(n, sizeof kZeros)))) return false;

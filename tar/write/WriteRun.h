@@ -13,7 +13,8 @@
 namespace morvane {
 
 // The properties of ClsTar that concern writing, as plain values with the same defaults. Modes are permission
-// bits, ids decimal numbers; what does not fit a field loses its high digits there.
+// bits, ids decimal numbers; what does not fit a field loses its high digits there. The door takes them, and
+// a run keeps a copy (LiveSettings).
 struct WriteSettings {
   // Gnu is the component's default.
   WriteFormat format = WriteFormat::Gnu;
@@ -21,7 +22,7 @@ struct WriteSettings {
   int userId = 1000, groupId = 1000;
   // The texts of the header, whole here.
   std::string userName, groupName;
-  // In front of every name but those that the application chose itself.
+  // In front of every name but those that the application chose itself. Without a slash at its end.
   XString dirPrefix;
   // MustMatch and MustNotMatch, over local paths.
   NameFilter filter;
@@ -32,7 +33,7 @@ struct WriteSettings {
 };
 
 // Borrowed for the length of a write: the settings are the run's and change between members, the archive is
-// the component's. Each step holds a reference to it.
+// the component's. Each step holds a reference to it. It must not outlive any of them.
 struct WriteRun {
   // As of the last refresh of the writer that owns them.
   const WriteSettings& settings;
@@ -47,7 +48,7 @@ struct WriteRun {
   [[nodiscard]] bool put(const std::string& data) {
     return put(reinterpret_cast<const unsigned char*>(data.data()), static_cast<unsigned>(data.size()));
   }
-  // n zero bytes, 0 or more.
+  // n zero bytes, 0 or more. The same failures as for any other bytes.
   [[nodiscard]] bool putZeros(long long n);
 };
 
