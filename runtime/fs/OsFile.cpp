@@ -200,6 +200,7 @@ int osSetTimes(const char* path, const timespec& access, const timespec& modific
 }
 
 bool hasNul(const std::string& path) { return path.find('\0') != std::string::npos; }
+
 // ENXIO: from there on there is but a hole, or the file has ended. A file system without this search says
 // EINVAL. A file's end counts as a hole, so that the second search finds at least that.
 DataSearch osNextData(int fd, long long from, long long& start, long long& end) {
