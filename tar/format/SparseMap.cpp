@@ -58,8 +58,8 @@ bool SparseMap::addOldEntries(const unsigned char* entries, unsigned count) {
   return true;
 }
 
-// The real size comes first, because every range is compared with it. A map that makes no sense still makes
-// the member a sparse one, so that its pieces are not taken for a file.
+// The real size comes first, because every range is compared with it. Where only the ranges make no sense,
+// the member is a sparse one all the same; the caller notes what was wrong.
 bool SparseMap::takeHeaderBlock(const unsigned char* block) {
   long long realSize = 0;
   if (!takeOldNumber(block, kRealSizeInHeader, realSize)) return false;
