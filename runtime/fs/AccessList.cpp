@@ -17,7 +17,8 @@ namespace morvane {
 
 namespace {
 
-// The attribute: a version, then entries of eight bytes, all little-endian (Linux, posix_acl_xattr.h).
+// The attribute: a version, then entries of eight bytes, all little-endian (Linux, posix_acl_xattr.h). The
+// kernel refuses an attribute of any other version.
 constexpr uint32_t kVersion = 2;
 constexpr size_t kVersionSize = 4, kEntrySize = 8;
 
@@ -83,7 +84,8 @@ std::optional<Entry> parseEntry(std::string_view text, bool byId, UserDatabase& 
   }
   entry.tag = name.empty() ? kind->ownTag : kind->namedTag;
   if (entry.tag == 0) return std::nullopt;
-  // An entry that cannot be given to anybody spoils the list.
+  // An entry that cannot be given to anybody spoils the list. Left out, it would change what the mask and the
+  // entries beside it grant.
   if (!name.empty()) {
     const std::optional<uint32_t> known = idOf(name, id, kind == kKinds, byId, users);
     if (!known) return std::nullopt;
@@ -120,6 +122,8 @@ std::optional<std::string> accessListText(std::string_view bytes, UserDatabase& 
     const auto* const kind = std::find_if(std::begin(kKinds), std::end(kKinds), [&](const Kind& each) {
       return tag == each.ownTag || (tag == each.namedTag && tag != 0);
     });
+    // A tag that is not known belongs to a newer kernel, and a list without its entry would say something
+    // else.
     if (kind == std::end(kKinds)) return std::nullopt;
     const bool isNamed = tag == kind->namedTag;
     if (!text.empty()) text += ',';
@@ -138,6 +142,8 @@ std::optional<std::string> accessListText(std::string_view bytes, UserDatabase& 
 // Both separators are taken, because archives have one and tools that print lists the other; so are comments
 // ("#effective:rw-") and the blanks in front of an entry. A text without entries gives a list of none.
 std::optional<std::string> accessListBytes(std::string_view text, bool byId, UserDatabase& users) {
+  // No limit is needed: an entry takes some bytes of text, so the caller's limit on the text bounds the
+  // memory.
   std::vector<Entry> entries;
   while (!text.empty()) {
     std::string_view piece = cut(text, ",\n");
@@ -148,7 +154,8 @@ std::optional<std::string> accessListBytes(std::string_view text, bool byId, Use
     if (!entry) return std::nullopt;
     entries.push_back(*entry);
   }
-  // The system takes them by tag, and by number within one.
+  // The kernel refuses entries that are not in the order of their tags. Within a tag they go by number, as
+  // other tools write them, so that equal lists are equal bytes.
   std::stable_sort(entries.begin(), entries.end(), [](const Entry& a, const Entry& b) {
     return a.tag != b.tag ? a.tag < b.tag : a.id < b.id;
   });
@@ -162,6 +169,8 @@ std::optional<std::string> accessListBytes(std::string_view text, bool byId, Use
   return bytes;
 }
 
+// A list that makes sense has the entries of owner, group and others. So any further one is a named entry, or
+// the mask that comes with such.
 bool isExtendedAccessList(std::string_view bytes) { return bytes.size() > kVersionSize + 3 * kEntrySize; }
 
 }  // namespace morvane

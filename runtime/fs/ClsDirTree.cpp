@@ -82,6 +82,7 @@ bool ClsDirTree::prepareToEnter(LogBase& log) {
   return false;
 }
 
+// Directories are not read ahead where links are followed, so that no loop has to be looked for here.
 void ClsDirTree::prepareWith(DirListing&& listing) {
   m_prepared = Level{std::move(listing)};
   m_hasPrepared = true;
@@ -181,7 +182,8 @@ std::string ClsDirTree::fullPathOf(const std::string& relative) const {
   return path += relative;
 }
 
-// Who looks ahead may still be in one of them.
+// The directories of a walk that failed stay open, because a thread that reads ahead of it may still be
+// opening files relative to them.
 void ClsDirTree::end() { m_ended = std::exchange(m_levels, {}); }
 
 // The path is taken before the levels go, since it is made of them.

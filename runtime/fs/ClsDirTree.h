@@ -85,12 +85,17 @@ class MORVANE_API ClsDirTree {
     size_t parentLength = 0;  // of m_relativePath without this level's entry
   };
 
+  // Makes the current directory's contents the last level, unless it is empty. False, logged, ends the walk.
   bool enterCurrent(LogBase& log);
+  // Gives the last level up and opens its parent again where that was closed. False, logged, ends the walk.
   bool leaveLevel(LogBase& log);
   bool reopenDirectory(Level& level, int child, LogBase& log);
+  // Closes the one level that has come to be too far above the current entry.
   void closeFarLevels();
+  // Puts the current entry's name behind its directory's path.
   void takeName();
   unsigned char currentType() const;
+  // Whether the walk is in that directory already, which only a followed link can bring about.
   bool isOnTheWay(const DirListing& directory) const;
   std::string fullPathOf(const std::string& relative) const;
   bool failedToRead(LogBase& log, int error);
@@ -101,7 +106,8 @@ class MORVANE_API ClsDirTree {
   bool m_recurse = false;
   bool m_followsLinks = false;
   std::vector<Level> m_levels;
-  std::vector<Level> m_ended;  // of a walk that failed: open until the next one
+  std::vector<Level> m_ended;  // of a walk that failed: open until another fails
+  // Of the current entry, below the base; it begins without a slash.
   std::string m_relativePath;
   std::string m_failedPath;
   Level m_prepared;  // the current directory's contents, when prepareToEnter has read them

@@ -15,6 +15,8 @@ namespace morvane {
 
 namespace {
 
+// O_EXCL makes the file or fails. The other flags are for file systems on which O_EXCL is not exact, as on
+// old network ones: the open then does not follow a link, wait for a FIFO's reader or take a terminal.
 constexpr int kNewFile = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
 // Why something is refused.
 constexpr char kPlaceIsTaken[] = "what is in its place may not be removed";
@@ -45,6 +47,7 @@ ConfinedDir::Result ConfinedDir::makeExclusively(const Place& place, const std::
     if (m_keepsExisting) return Result::Exists;
     const Result cleared = clearTheWay(place, log);
     if (cleared != Result::Ok) return cleared;
+    // The reason for the log, if this was the last try: what was removed is there once more.
     errno = EEXIST;
   }
   return failed(kCannotCreate, path, log);
@@ -53,7 +56,8 @@ ConfinedDir::Result ConfinedDir::makeExclusively(const Place& place, const std::
 ConfinedDir::Result ConfinedDir::createFile(const std::string& path, unsigned mode, OsFile& file,
                                             LogBase& log) {
   if (!isConfinable(path)) return Result::Refused;
-  // Nearly every file has its parents and nothing in its way: one call does it all.
+  // Nearly every file has its parents and nothing in its way: one call does it all. Whatever it failed for is
+  // met again below, and told there.
   file.reset(createBeneath(path, kNewFile, mode));
   if (file.isOpen()) return Result::Ok;
   Place place;
@@ -74,6 +78,7 @@ int ConfinedDir::createNew(const std::string& path, unsigned mode) {
 // without another name.
 ConfinedDir::Result ConfinedDir::openMade(const Place& place, unsigned type, unsigned long long device,
                                           const std::string& path, OsFile& made, LogBase& log) {
+  // It is opened with O_PATH, because any other open of a FIFO or device waits for somebody or has effects.
   made.reset(osOpenAt(place.parent.fd(), place.leaf.c_str(), O_PATH | O_NOFOLLOW));
   struct stat status, named;
   if (!made.isOpen() || made.status(status) != 0) return failed(kCannotCreate, path, log);
@@ -147,10 +152,13 @@ ConfinedDir::Linked ConfinedDir::makeHardLink(const std::string& path, const std
   }
   bool cannot = false;
   const Result result = makeExclusively(place, path, log, [&](int parent, const char* leaf) {
+    // Without AT_SYMLINK_FOLLOW: a link that has come in the target's place since gets the name for itself,
+    // and what it points at gets none.
     const int made = linkat(from.parent.fd(), from.leaf.c_str(), parent, leaf, 0);
     // EXDEV: another file system. EPERM: one without links, or a file that only its owner may link to.
     // EMLINK: it has as many names as it may.
     cannot = made != 0 && (errno == EXDEV || errno == EPERM || errno == EMLINK);
+    // 0 ends the tries without a line in the log, because the caller can still copy.
     return cannot ? 0 : made;
   });
   if (cannot) return Linked::CannotLink;
@@ -177,7 +185,8 @@ ConfinedDir::Result ConfinedDir::clearTheWay(const Place& place, LogBase& log) {
   if (fstatat(parent, leaf, &status, AT_SYMLINK_NOFOLLOW) != 0) {
     return errno == ENOENT ? Result::Ok : failed("Failed to examine what is in the way.", place.leaf, log);
   }
-  // Not even to make room for a member of the archive's own name.
+  // Not even to make room for a member of the archive's own name. The words count only where the result is
+  // Refused.
   setRefusal(kPlaceIsTaken);
   if (isProtected(status)) return Result::Refused;
   const bool isDirectory = S_ISDIR(status.st_mode);
@@ -200,6 +209,8 @@ ConfinedDir::Result ConfinedDir::makeDirectory(const std::string& path, unsigned
   if (opened != Result::Ok) return opened;
   if (place.leaf.empty()) {  // it is the target itself
     struct stat status;
+    // The member "." may have metadata for the target. It counts as one that was there, even if open has made
+    // it.
     made.isKnown = notesParents() && statusOfTarget(status) == 0;
     if (made.isKnown) made.identity = Identity::of(status);
     return Result::Ok;

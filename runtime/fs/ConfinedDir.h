@@ -67,16 +67,19 @@ class ConfinedDir : public ConfinedWalk {
   Linked makeHardLink(const std::string& path, const std::string& target, LogBase& log);
 
  private:
+  // Opens what has just been made, and makes sure that it is that. `device` counts for devices alone.
   Result openMade(const Place& place, unsigned type, unsigned long long device, const std::string& path,
                   OsFile& made, LogBase& log);
   // Makes a leaf by `make`, once the way is clear.
   template <class Make>
   Result makeExclusively(const Place& place, const std::string& path, LogBase& log, Make make);
   template <class Make>
+  // Makes the parents, the leaf by `make`, and opens it: what links and special files have in common.
   Result makeNamed(const std::string& path, unsigned type, unsigned long long device, OsFile& made,
                    LogBase& log, Make make);
   // Removes what has the leaf's name, unless that is protected or a directory with something in it.
   Result clearTheWay(const Place& place, LogBase& log);
+  // Whether it is the file that protect named.
   bool isProtected(const struct stat& status) const;
 
   bool m_keepsExisting = false;

@@ -27,7 +27,8 @@ constexpr char kPathLeaves[] = "its path leaves the target";
 constexpr char kWayIsClosed[] = "a link or file on its way may not be passed";
 constexpr char kCannotOpenDirectory[] = "Failed to open directory.";
 
-// False for a path that must be refused: absolute, or with a ".." part or a NUL.
+// False for a path that must be refused: absolute, or with a ".." part or a NUL. It has to be known
+// beforehand, because a way that is made part by part is bounded by O_NOFOLLOW alone, and ".." is no link.
 bool staysBeneath(const std::string& path) {
   if (hasNul(path) || (!path.empty() && path.front() == '/')) return false;
   for (size_t at = path.find(".."); at != std::string::npos; at = path.find("..", at + 1)) {
@@ -56,6 +57,7 @@ std::string joined(const std::vector<std::string>& parts, size_t from, size_t to
   return path;
 }
 
+// It is called by its number, because most C libraries have no function for it.
 int openat2(int from, const char* path, int flags, unsigned mode, unsigned long long resolve) {
   open_how how{};
   // A program that another thread starts meanwhile must not inherit the descriptor.
@@ -87,6 +89,7 @@ bool ConfinedWalk::open(const char* target, Links links, LogBase& log) {
     return false;
   }
   struct stat status;
+  // Where that cannot be told, it may: new files then are closed to their group until their owner is set.
   m_handsOnGroup = m_target.status(status) != 0 || (status.st_mode & S_ISGID) != 0;
   // Old kernels, and containers that forbid what they do not know. Asked here, where EPERM has no other
   // meaning.
@@ -149,6 +152,8 @@ bool ConfinedWalk::openExistingParentOf(const std::string& path, Place& place, P
     return place.parent.isOpen();
   }
   place.parent.reset(osOpenAt(place.base, ".", kPathOnly));
+  // Without openat2 no link is passed. The directory before is closed by the assignment, and errno is to be
+  // that of the open.
   for (size_t i = 0; place.parent.isOpen() && i < place.parts.size(); ++i) {
     OsFile next(osOpenAt(place.parent.fd(), place.parts[i].c_str(), kPathOnly | O_NOFOLLOW));
     const int error = errno;
@@ -164,6 +169,7 @@ bool ConfinedWalk::isDirectoryInside(const Place& place) {
   if (m_links == Links::None || (m_partByPart && m_links != Links::Anywhere)) return false;
   Parts whole = place.parts;
   whole.push_back(place.leaf);
+  // Whether it opens is the answer; nothing is done with the descriptor.
   return OsFile(openBeneath(place.base, whole, whole.size(), 0)).isOpen();
 }
 
@@ -180,6 +186,7 @@ ConfinedWalk::Result ConfinedWalk::openParentOf(const std::string& path, Place& 
     place.parent.reset(openBeneath(place.base, place.parts, place.parts.size(), 0));
     if (place.parent.isOpen()) return Result::Ok;
     if (isRefused(errno)) return Result::Refused;
+    // Something that is missing can be made. Any other failure would meet the same parts again.
     if (errno != ENOENT) return failed(kCannotOpenDirectory, path, log);
   }
   return walkToParent(place, log);
@@ -198,9 +205,11 @@ ConfinedWalk::Result ConfinedWalk::walkToParent(Place& place, LogBase& log) {
     OsFile next(osOpenAt(reached.fd(), part, kPathOnly | noFollow));
     if (!next.isOpen() && errno == ENOENT) {
       const bool made = mkdirat(reached.fd(), part, kParentMode) == 0;
+      // With EEXIST somebody else was faster: what is there is opened, and is not noted as the run's own.
       if (!made && errno != EEXIST) {
         return failed(kCannotMakeDirectory, joined(parts, 0, parts.size()), log);
       }
+      // Without following, because a link may have taken the new directory's place by now.
       next.reset(osOpenAt(reached.fd(), part, kPathOnly | noFollow));
       struct stat status;
       if (made && m_notesParents && next.isOpen()) {
@@ -210,6 +219,7 @@ ConfinedWalk::Result ConfinedWalk::walkToParent(Place& place, LogBase& log) {
       }
     }
     if (!next.isOpen() && isRefused(errno)) {
+      // Only the kernel can tell whether a link stays in the target, and only by openat2.
       if (m_partByPart || m_links != Links::InsideTarget) return Result::Refused;
       next.reset(openBeneath(place.base, parts, i + 1, 0));
       // A link to nothing is refused too: making what it names might be making it elsewhere.
@@ -231,10 +241,13 @@ int ConfinedWalk::createBeneath(const std::string& path, int flags, unsigned mod
   if (!m_partByPart && path.size() < PATH_MAX) {
     return openResolved(m_target.fd(), path.c_str(), flags, mode);
   }
+  // The kernel is not asked. Any reason would do: whoever called goes the longer way, which has its own.
   errno = ENOENT;
   return -1;
 }
 
+// The parent is resolved anew, as for what is made. Nothing is told of a failure: the file is made again in
+// its turn, and what is left of it is then in the way like anything else.
 void ConfinedWalk::removeBeneath(const std::string& path) {
   const size_t slash = path.rfind('/');
   const std::string parent = slash == std::string::npos ? "." : path.substr(0, slash);
@@ -253,6 +266,7 @@ int ConfinedWalk::openBeneath(int base, const Parts& parts, size_t count, int la
   for (size_t start = 0; start < count;) {
     size_t end = start, length = 0;
     while (end < count && length + parts[end].size() + 1 < PATH_MAX) length += parts[end++].size() + 1;
+    // A single part that is longer than the kernel takes of any path.
     if (end == start) {
       errno = ENAMETOOLONG;
       return -1;

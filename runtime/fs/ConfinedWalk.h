@@ -46,9 +46,11 @@ class ConfinedWalk {
   // For tests of the way that old kernels get.
   void withoutOpenat2() { m_partByPart = true; }
 
-  // Opens a file or directory that is there, never a link as itself. -1 with errno. On the way to it links
-  // are passed as they are for what is made, or not at all.
+  // Which links are passed on the way to something that is there.
   enum class Passing { LinksAsMade, NoLinks };
+  // Opens a file or directory that is there. -1 with errno. A link at the end is never followed: it is a
+  // failure, or, where the flags have O_PATH, opened as itself. On the way links are passed as they are for
+  // what is made, or not at all.
   int openExisting(const std::string& path, int flags, Passing passing = Passing::NoLinks);
   // Whether a new file may get its group from a directory instead of from the process, as far as was seen.
   bool handsOnGroup() const { return m_handsOnGroup; }
@@ -94,9 +96,11 @@ class ConfinedWalk {
   Result openParentOf(const std::string& path, Place& place, LogBase& log);
   bool openExistingParentOf(const std::string& path, Place& place, Passing passing);
   // A new file whose parents are there: a descriptor, or -1 with errno when anything about it needs a closer
-  // look. `flags` are those of the open.
+  // look. `flags` are those of the open. Changes nothing in this object, and so may be called by several
+  // threads at a time.
   int createBeneath(const std::string& path, int flags, unsigned mode);
-  // Removes a file by its name, where its parents can be opened; says nothing.
+  // Removes a file by its name, where its parents can be opened; says nothing. Several threads may do so,
+  // too.
   void removeBeneath(const std::string& path);
   // Whether the leaf is a link that leads to a directory which members may be put into.
   bool isDirectoryInside(const Place& place);
@@ -111,11 +115,14 @@ class ConfinedWalk {
   void setRefusal(const char* why) { m_refusal = why; }
   bool notesParents() const { return m_notesParents; }
   int statusOfTarget(struct stat& status) const { return m_target.status(status); }
-  // A directory that members are put into was seen.
+  // A directory that members are put into was seen. With the set-group-id bit it hands its group on to what
+  // is made in it.
   void noteGroupOf(const struct stat& directory) { m_handsOnGroup |= (directory.st_mode & S_ISGID) != 0; }
 
  private:
+  // Where a path starts: a descriptor of this object's, never to be closed by the caller.
   int baseOf(const std::string& path);
+  // Opens the parent part by part and makes what is missing of it.
   Result walkToParent(Place& place, LogBase& log);
   // The system's calls, bounded as m_links says: a descriptor, or -1 with errno.
   int openBeneath(int base, const Parts& parts, size_t count, int lastFlags);

@@ -70,10 +70,13 @@ bool DirAutoCreate::ensureDirUtf8(const char* dir, LogBase& log, Telling telling
   if (*dir == '\0') return failed(log, telling, dir, ENOENT);
   if (osMakeDirectory(dir, kDirectoryMode) == 0) return true;
   int error = errno;
+  // A parent is missing, or a link on the way leads to nothing, which fails again part by part.
   if (error == ENOENT) {
     error = makeEachPart(dir);
     return error == 0 || failed(log, telling, dir, error);
   }
+  // Not by EEXIST alone: on a read-only file system, or where nobody may write, mkdir may fail for that
+  // before it notices that the directory is there.
   struct stat status;
   if (osStatus(dir, status, true) == 0) {
     if (S_ISDIR(status.st_mode)) return true;

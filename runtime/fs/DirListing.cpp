@@ -14,6 +14,7 @@ namespace morvane {
 
 namespace {
 
+// O_DIRECTORY fails for anything else before it is opened, so that a FIFO of that name is not waited for.
 constexpr int kOpenDirectory = O_RDONLY | O_DIRECTORY;
 
 bool isSelfOrParent(const char* name) {
@@ -40,13 +41,17 @@ int DirListing::readOpen(size_t most) {
   entries.clear();
   struct stat status;
   if (directory.status(status) != 0) return errno;
+  // These belong to the open directory, whatever has the name by now.
   device = status.st_dev;
   inode = status.st_ino;
+  // Some hundreds of names for each call. The kernel aligns entries from the beginning of the buffer on.
   alignas(dirent64) char buffer[32 * 1024];
   while (true) {
     const ssize_t filled = getdents64(directory.fd(), buffer, sizeof buffer);
     if (filled < 0) return errno;
     if (filled == 0) break;
+    // Asked only once there is more: names that came with the first read are taken, however many bytes they
+    // have.
     if (names.size() > most) return EFBIG;
     for (ssize_t at = 0; at < filled;) {
       const auto* const entry = reinterpret_cast<const dirent64*>(buffer + at);
@@ -57,6 +62,7 @@ int DirListing::readOpen(size_t most) {
       names.append(entry->d_name).push_back('\0');
     }
   }
+  // The string grows no more, so that the entries can be compared where they lie.
   const char* const all = names.data();
   std::sort(entries.begin(), entries.end(),
             [all](size_t a, size_t b) { return std::strcmp(all + a + 1, all + b + 1) < 0; });

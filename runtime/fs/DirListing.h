@@ -11,7 +11,8 @@ namespace morvane {
 // A value that is filled in once; any thread may do that.
 struct DirListing {
   // Opens `name` in the open directory `parent` and reads it. With `followsLinks` a link to a directory will
-  // do. Returns 0, or an errno; then nothing of it is good. EFBIG: the names take more than `most` bytes.
+  // do. Returns 0, or an errno; then nothing of it is good. EFBIG: the names take more than `most` bytes, and
+  // the system has more of them; its last piece may go beyond that.
   int readIn(int parent, const char* name, bool followsLinks, size_t most = std::string::npos);
   // The same of a directory by its path, which may be a link.
   int read(const char* path);
@@ -20,6 +21,7 @@ struct DirListing {
   const char* nameOf(size_t n) const { return names.data() + entries[n] + 1; }
   unsigned char typeOf(size_t n) const { return static_cast<unsigned char>(names[entries[n]]); }
 
+  // Open for as long as the listing lives, unless its owner closes it.
   OsFile directory;
   // To know it again when it is opened anew.
   unsigned long long device = 0, inode = 0;
@@ -28,6 +30,7 @@ struct DirListing {
   std::vector<size_t> entries;
 
  private:
+  // Reads all of `directory`, which has just been opened. Returns what readIn returns.
   int readOpen(size_t most);
 };
 

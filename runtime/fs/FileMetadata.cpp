@@ -22,14 +22,15 @@ namespace {
 // The system's -1 with errno, as the result that this file promises.
 int resultOf(long returned) { return returned < 0 ? errno : 0; }
 
-// A path to an open file, for the calls that take no descriptor that can only name one.
+// A path to an open file, for the calls that take no descriptor that can only name one. Without /proc these
+// calls fail, mostly with ENOENT.
 std::string pathOf(int fd) { return "/proc/self/fd/" + std::to_string(fd); }
 
 bool startsWith(const std::string& name, std::string_view start) {
   return name.compare(0, start.size(), start) == 0;
 }
 
-// Of "system." the access lists are the only ones that are a user's.
+// Of the name space "system." the access lists are the only ones that are a user's.
 bool isWanted(const std::string& name, bool all) {
   return FileMetadata::isUserAttribute(name) || name == FileMetadata::kAccessList ||
          name == FileMetadata::kDefaultList || (all && FileMetadata::isSecurityAttribute(name));
@@ -38,6 +39,7 @@ bool isWanted(const std::string& name, bool all) {
 // Attributes may grow between two calls, so the size is asked for anew as long as it was too small.
 template <class Read>
 int readGrowing(std::string& bytes, Read read) {
+  // The tries are counted, because somebody may be changing them all the time.
   for (int tries = 0; tries < 8; ++tries) {
     const ssize_t size = read(nullptr, 0);
     if (size < 0) return errno;
@@ -55,12 +57,13 @@ int readGrowing(std::string& bytes, Read read) {
 
 }  // namespace
 
-// Links have owners, so that none is followed: the descriptor is the file itself.
+// Links have owners, so that none is followed: the descriptor is the file itself. fchownat takes the empty
+// path for descriptors of every kind.
 int FileMetadata::setOwner(int fd, unsigned uid, unsigned gid) {
   return resultOf(fchownat(fd, "", uid, gid, AT_EMPTY_PATH | AT_SYMLINK_NOFOLLOW));
 }
 
-// Permissions with the set-id and sticky bits, as setMode takes them.
+// Permissions with the set-id and sticky bits, as setMode takes them. fstat takes O_PATH descriptors, too.
 void FileMetadata::look(int fd, Status& status) {
   struct stat found;
   status.isKnown = fstat(fd, &found) == 0;
@@ -71,17 +74,20 @@ void FileMetadata::look(int fd, Status& status) {
   status.mode = found.st_mode & kAllBits;
 }
 
+// The effective ids, which are the ones that the system gives to new files.
 void FileMetadata::ownIds(unsigned& uid, unsigned& gid) {
   uid = geteuid();
   gid = getegid();
 }
 
+// fchmod is the one call for open files, and answers EBADF where the descriptor only names one.
 int FileMetadata::setMode(int fd, unsigned mode) {
   if (fchmod(fd, mode) == 0) return 0;
   return errno == EBADF ? resultOf(chmod(pathOf(fd).c_str(), mode)) : errno;
 }
 
-// The kernel takes the empty path here, too, so that links get their times without /proc.
+// The kernel takes the empty path here, too, so that links get their times without /proc. Linux does so since
+// 5.8; older ones say EINVAL, and the link keeps its time.
 int FileMetadata::setTimes(int fd, const timespec& access, const timespec& modification) {
   const timespec times[] = {access, modification};
   if (futimens(fd, times) == 0) return 0;
@@ -120,6 +126,7 @@ int FileMetadata::readAttributes(int fd, bool all, Attributes& attributes) {
         value, [&](char* buffer, size_t size) { return getxattr(path.c_str(), name.c_str(), buffer, size); });
     if (failed == ENODATA) continue;  // it has gone meanwhile
     if (failed != 0) return failed;
+    // The kernel bounds both: names together to 64 KiB, a value to 64 KiB.
     attributes.emplace_back(name, std::move(value));
   }
   return 0;

@@ -33,7 +33,7 @@ struct FileMetadata {
 
   // Whose an attribute is, by its name: anybody may set those of users on a file of one's own; those of the
   // system hold labels and capabilities that mean something on one system alone, need a privilege to be set,
-  // and go with a change of owner.
+  // and go with a change of owner. An access list is neither: its name space is a third one.
   static bool isUserAttribute(const std::string& name);
   static bool isSecurityAttribute(const std::string& name);
   using Attributes = std::vector<std::pair<std::string, std::string>>;  // name and value, any bytes

@@ -12,7 +12,8 @@
 
 namespace morvane {
 
-// The path is not followed if it is a link, like everywhere where sources are examined.
+// A link at the end of the path is not followed. Its size is 0, because it has no data that could be
+// archived.
 long long FileSys::fileSizeUtf8_64(const char* path, LogBase* log, bool& ok) {
   mvFileInfo info;
   LogNull unwanted;
@@ -32,6 +33,7 @@ long long FileSys::fileSizeX_64(const XString& path, LogBase* log, bool& ok) {
 // no failure here.
 void FileSys::getCurrentDir(XString& out) {
   out.clear();
+  // ERANGE alone means that the buffer is too small. Linux has no longest path for this call.
   for (std::vector<char> buffer(4096);; buffer.resize(buffer.size() * 2)) {
     if (::getcwd(buffer.data(), buffer.size())) {
       out.setFromUtf8(buffer.data());

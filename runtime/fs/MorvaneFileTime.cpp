@@ -30,6 +30,7 @@ unsigned MorvaneFileTime::toUnixTime32() const {
   return m_seconds > static_cast<long long>(kMax) ? kMax : static_cast<unsigned>(m_seconds);
 }
 
+// The system counts nanoseconds forward before 1970, too, so that both parts are taken as they are.
 timespec MorvaneFileTime::toTimespec() const {
   timespec out{};
   out.tv_sec = static_cast<time_t>(m_seconds);
@@ -64,6 +65,7 @@ void _mvDateParser::FileTimeToStringGmt(const MorvaneFileTime& time, StringBuffe
                                             "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
   const MorvaneSysTime parts = MorvaneSysTime::fromFileTime(time);
   char text[96];
+  // Two digits for the day, as HTTP has it; RFC 1123 would take one.
   std::snprintf(text, sizeof text, "%s, %02d %s %04d %02d:%02d:%02d GMT", kDays[parts.weekday], parts.day,
                 kMonths[parts.month - 1], parts.year, parts.hour, parts.minute, parts.second);
   out.setString(text);

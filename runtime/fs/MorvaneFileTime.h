@@ -25,7 +25,7 @@ class MORVANE_API MorvaneFileTime {
   // The parts as they were given.
   long long seconds() const { return m_seconds; }
   unsigned nanoseconds() const { return m_nanoseconds; }
-  // As the system's calls want it, to the nanosecond.
+  // As the system's calls want it, to the nanosecond. A system whose time_t is shorter cuts the seconds.
   timespec toTimespec() const;
 
  private:
@@ -38,6 +38,7 @@ class MORVANE_API MorvaneFileTime {
 struct MORVANE_API MorvaneSysTime {
   // The year may be negative or have more than four digits.
   int year = 1970, month = 1, day = 1;  // month and day from 1
+  // From 0 on, as in ISO 8601.
   int hour = 0, minute = 0, second = 0;
   int weekday = 4;  // 0 is Sunday
 

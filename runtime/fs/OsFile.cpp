@@ -34,16 +34,19 @@ int sourceFlags(SourceLinks links) { return kOpenSource | (links == SourceLinks:
 // followed as the kernel itself would. Slashes in front of what is left go: it would be an absolute path with
 // them. A path that ends in slashes leaves the directory reached, ".".
 template <class Call>
+// Any shorter path costs no more than the call itself.
 int onPath(const char* path, Call call) {
   size_t length = std::strlen(path);
   if (length < PATH_MAX) return call(AT_FDCWD, path);
   OsFile directory;
   while (length >= PATH_MAX) {
     size_t cut = PATH_MAX - 1;
+    // The piece ends behind a slash, so that no name is cut in two.
     while (cut > 0 && path[cut - 1] != '/') --cut;
     if (cut == 0) break;  // one part longer than any name may be: let the kernel say so
     const std::string parents(path, cut);
     const int from = directory.isOpen() ? directory.fd() : AT_FDCWD;
+    // A right to read the directory is not needed on the way.
     const int opened = openat(from, parents.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
     if (opened < 0) return -1;
     directory.reset(opened);
@@ -71,14 +74,14 @@ void OsFile::reset(int fd) {
 // Not again after EINTR: Linux has given the number free by then, and another thread may have it already.
 int OsFile::close() { return m_fd < 0 ? 0 : ::close(release()); }
 
-// These three leave EINTR to the caller, who asks whether to abort before going on.
+// Reads and writes leave EINTR to the caller, who asks whether to abort before going on.
 ssize_t OsFile::readSome(void* buffer, size_t n) const { return ::read(m_fd, buffer, n); }
 
 ssize_t OsFile::readSomeAt(void* buffer, size_t n, long long position) const {
   return ::pread(m_fd, buffer, n, position);
 }
 
-// The system says so of every file on a disk.
+// poll says so of every file on a disk. Where poll itself fails the answer is no, which only costs time.
 bool OsFile::readsAtOnce() const {
   pollfd asked{m_fd, POLLIN, 0};
   return ::poll(&asked, 1, 0) > 0;
@@ -110,6 +113,7 @@ int OsFile::setBlocking() const {
 
 long long OsFile::seek(long long offset, int whence) const { return ::lseek(m_fd, offset, whence); }
 
+// A signal may break this as it may break setTimes; the length is asked for again and is the same.
 int OsFile::setLength(long long length) const {
   int result;
   do {
@@ -118,7 +122,7 @@ int OsFile::setLength(long long length) const {
   return result;
 }
 
-// The file's own length is enough of its metadata.
+// The file's own length is enough of its metadata. Times and the like may reach the disk later (fdatasync).
 int OsFile::sync() const {
   int result;
   do {
@@ -127,6 +131,7 @@ int OsFile::sync() const {
   return result;
 }
 
+// dup would leave the copy open in a program that another thread starts meanwhile.
 OsFile OsFile::duplicate() const { return OsFile(::fcntl(m_fd, F_DUPFD_CLOEXEC, 0)); }
 
 // The mode is without meaning unless the flags create a file. An open may wait long, for a FIFO or a network,
@@ -195,7 +200,9 @@ int osSetTimes(const char* path, const timespec& access, const timespec& modific
 }
 
 bool hasNul(const std::string& path) { return path.find('\0') != std::string::npos; }
-// ENXIO: what follows is a hole.
+
+// ENXIO: from there on there is but a hole, or the file has ended. A file system without this search says
+// EINVAL. A file's end counts as a hole, so that the second search finds at least that.
 DataSearch osNextData(int fd, long long from, long long& start, long long& end) {
   start = ::lseek(fd, from, SEEK_DATA);
   if (start < 0) return errno == ENXIO ? DataSearch::NoMore : DataSearch::CannotTell;

@@ -71,10 +71,12 @@ Answer UserDatabase::Known<Key, Answer>::find(const Key& key, Ask ask) {
   }
   Answer answer = ask();
   if (asked.size() >= kMostRemembered) asked.clear();
+  // An answer that nobody had is kept, too: it is the one that takes longest.
   asked.emplace(key, answer);
   return answer;
 }
 
+// The limit is for each of the four, so the fullest one tells whether it holds.
 size_t UserDatabase::remembered() const {
   return std::max({m_users.byId.asked.size(), m_users.byName.asked.size(), m_groups.byId.asked.size(),
                    m_groups.byName.asked.size()});
@@ -93,7 +95,7 @@ UserDatabase::Names& UserDatabase::users() {
 
 UserDatabase::Names& UserDatabase::groups() {
   if (std::exchange(m_groups.isRead, true)) return m_groups;
-  // The members of a group are listed with it.
+  // A group's entry lists its members, and so may be long.
   readFile<group>("/etc/group", 1 << 20, fgetgrent_r, [this](const group& entry) {
     m_groups.byId.fromFile.emplace(entry.gr_gid, entry.gr_name);
     m_groups.byName.fromFile.emplace(entry.gr_name, entry.gr_gid);

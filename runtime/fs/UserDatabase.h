@@ -38,16 +38,20 @@ class MORVANE_API UserDatabase {
 
     // `ask()` is the other way.
     template <class Ask>
+    // The answer from one of the maps, else that of `ask()`, which is the other way and may take long. It is
+    // remembered, an empty one too.
     Answer find(const Key& key, Ask ask);
   };
   struct Names {
     // Whether the system's file was read, with whatever result.
     bool isRead = false;
+    // An empty name, or no number: it was asked for, and nobody knew it.
     Known<unsigned, std::string> byId;
     Known<std::string, std::optional<unsigned>> byName;
   };
 
-  // Each reads the file before its first question.
+  // Each reads the file before its first question. A file that cannot be read has no entries, and everything
+  // is asked for in the other way.
   Names& users();
   Names& groups();
 

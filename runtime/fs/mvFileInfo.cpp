@@ -35,18 +35,21 @@ void mvFileInfo::setFromStatus(const struct stat& status) {
   m_linkCount = status.st_nlink;
   m_lastModified = timeOf(status.st_mtim);
   m_lastAccess = timeOf(status.st_atim);
+  // stat has no time of creation.
   m_creation = timeOf(status.st_ctim);
   m_device = status.st_dev;
   m_inode = status.st_ino;
   m_mode = status.st_mode;
   m_uid = status.st_uid;
   m_gid = status.st_gid;
+  // Of a device itself (st_rdev); the file system that holds it is m_device.
   m_deviceMajor = major(status.st_rdev);
   m_deviceMinor = minor(status.st_rdev);
   constexpr long long kStatusBlock = 512;  // whatever the file system's own blocks are
   m_storedSize = status.st_blocks * kStatusBlock;
 }
 
+// For sources, which are archived as what they are.
 bool mvFileInfo::loadFileInfoUtf8(const char* path, LogBase& log) { return load(path, false, log); }
 
 // For roots, which may be given by a link, and where links are followed.

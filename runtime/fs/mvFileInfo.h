@@ -35,7 +35,7 @@ struct MORVANE_API mvFileInfo {
   unsigned long long m_device = 0;
   unsigned long long m_inode = 0;
   unsigned m_mode = 0;  // all bits, the type among them (S_IFMT)
-  // Numbers of this system.
+  // Numbers of this system. Names for them are UserDatabase's.
   unsigned m_uid = 0, m_gid = 0;
   unsigned m_deviceMajor = 0, m_deviceMinor = 0;  // of a device itself
   long long m_storedSize = 0;                     // bytes that the data take on the disk; fewer with holes
@@ -43,7 +43,8 @@ struct MORVANE_API mvFileInfo {
   // False, with the reason in the log, if the path, of any length, cannot be examined; what was there before
   // stays then.
   bool loadFileInfoUtf8(const char* path, LogBase& log);
-  // The same for what a symbolic link at the end of the path points at.
+  // The same for what a symbolic link at the end of the path points at. One that leads to nothing is a
+  // failure.
   bool loadTargetInfoUtf8(const char* path, LogBase& log);
   // As loadFileInfoUtf8 for a name in an open directory; `path` is what the log calls it.
   bool loadFileInfoAt(int directory, const char* name, const char* path, LogBase& log,
@@ -57,7 +58,7 @@ struct MORVANE_API mvFileInfo {
   }
 
  private:
-  // Both of the first two.
+  // What loadFileInfoUtf8 and loadTargetInfoUtf8 have in common.
   bool load(const char* path, bool followLink, LogBase& log);
 };
 

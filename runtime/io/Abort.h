@@ -8,7 +8,7 @@
 namespace morvane {
 
 // The one line that every aborted job has, wherever it was when it was told. Always false, for the caller to
-// return.
+// return. It stands here once, because readers of logs go by its words.
 inline bool logAborted(LogBase& log) {
   log.LogError("Aborted by application.");
   return false;
@@ -16,14 +16,16 @@ inline bool logAborted(LogBase& log) {
 
 // True, with its line in the log, when a wait broken by a signal is to end. Without a monitor the wait goes
 // on. Asks at once, whatever interval is set: a signal that breaks a wait is rare, and most often it is the
-// reason to stop. It is for calls that ended with EINTR.
+// reason to stop. It is for calls that ended with EINTR. The caller then fails without a line of its own.
 inline bool endsWait(ProgressMonitor* pm, LogBase& log) {
   if (!pm || !pm->abortCheck(log)) return false;
   logAborted(log);
   return true;
 }
 
-// True, with its line in the log, when a job that waits for other threads' work is to end. Asks by time.
+// True, with its line in the log, when a job that waits for other threads' work is to end. Asks by time,
+// because such a wait is looked at again and again, and each question is a call of the application's. The
+// caller ends its threads and fails. Without a monitor nobody asks, and the wait goes on.
 inline bool isAbortedWhileWaiting(const Io& io) {
   if (!io.monitor || !io.monitor->abortCheckTimed(io.log)) return false;
   logAborted(io.log);

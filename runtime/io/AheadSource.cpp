@@ -16,7 +16,9 @@ namespace {
 constexpr unsigned kMostLent = 256 * 1024;
 constexpr unsigned kMostRead = 64 * 1024;
 
-// What a source asks while it waits is asked of the application; everything else has its own time.
+// What a source asks while it waits is asked of the application; everything else has its own time. The
+// monitor that is made with it sends no percentages and asks nothing by time, but counts what the source
+// tells it.
 class WaitingEvent : public ProgressEvent {
  public:
   WaitingEvent(ProgressMonitor& pm, LogBase& log) : m_pm(pm), m_log(log) {}
@@ -40,6 +42,8 @@ bool AheadSource::readInto(Piece& piece, ProgressMonitor* pm) {
   } else if (!m_source.readSourcePM(bytes, kMostRead, piece.size, pm, piece.log)) {
     return false;
   }
+  // The end of the piece before together with what stands in front of it, so that kBehind bytes are there
+  // however short that piece is.
   if (m_newest) std::memcpy(piece.memory.get(), m_newest->memory.get() + m_newest->size, Piece::kBehind);
   return true;
 }
@@ -51,6 +55,7 @@ AheadSource::PiecePtr AheadSource::fetch() {
   try {
     if (m_pm) {
       WaitingEvent event(*m_pm, m_log);
+      // The largest total, since a monitor counts no further than its total.
       ProgressMonitor counted(event, 0, 0, std::numeric_limits<long long>::max());
       piece->isFailed = !readInto(*piece, &counted);
       piece->reported = counted.done();
@@ -58,20 +63,27 @@ AheadSource::PiecePtr AheadSource::fetch() {
       piece->isFailed = !readInto(*piece, nullptr);
     }
   } catch (...) {
+    // A source of the application's may throw anything. Whoever uses the bytes is to meet it where these
+    // bytes would have come, and not before.
     piece->thrown = std::current_exception();
     piece->isFailed = true;
   }
+  // So a failed piece is a last one, and nothing is fetched behind it.
   if (piece->isFailed) piece->size = 0;
+  // It is in front already, and lendBytes does not get to take its account over from a piece before.
   if (m_pieces.empty()) m_reportedLeft = piece->reported;
   m_held += piece->size;
   m_pieces.push_back(piece);
   return m_newest = piece;
 }
 
+// A read that may wait is left to the moment when its bytes are needed.
 bool AheadSource::mayFetch(long long most) {
   return m_held < most && !(m_newest && m_newest->isLast()) && m_source.readsAtOnce();
 }
 
+// For a reader that goes on behind the compressed data. A source without positions keeps to where it was
+// read, as behind any reader with a buffer. Nothing may be lent behind this.
 void AheadSource::giveBack() {
   const long long position = m_source.ftell64();
   if (m_held > 0 && position >= m_held && !m_source.fseekAbsolute64(position - m_held, m_log)) return;
@@ -83,6 +95,7 @@ void AheadSource::giveBack() {
 // byte is told of with its last one.
 bool AheadSource::mayGoOn(unsigned handedOut, ProgressMonitor* pm, LogBase& log) {
   const unsigned again = std::min(handedOut, m_countedBefore);
+  // Bytes that were taken back have been told of and are told of once.
   m_countedBefore -= again;
   const Piece& piece = *m_pieces.front();
   long long told = std::min<long long>(handedOut - again, m_reportedLeft);
@@ -101,8 +114,10 @@ bool AheadSource::lendBytes(unsigned most, const char*& bytes, unsigned& n, Prog
     m_at = 0;
     m_reportedLeft = m_pieces.empty() ? 0 : m_pieces.front()->reported;
   }
+  // Nothing to fetch behind the last piece is the end.
   if (m_pieces.empty() && !fetch()) return true;
   Piece& piece = *m_pieces.front();
+  // The lines that the source logged come now, in front of whatever the bytes bring about.
   piece.log.tellTo(log);
   if (piece.thrown) std::rethrow_exception(piece.thrown);
   if (piece.isFailed) return false;
@@ -113,7 +128,8 @@ bool AheadSource::lendBytes(unsigned most, const char*& bytes, unsigned& n, Prog
   return mayGoOn(n, pm, log);
 }
 
-// Never further than the bytes in front of the piece, and those were handed out with the one before.
+// Never further than the bytes in front of the piece, and those were handed out with the one before. So m_at
+// may become negative, and lendBytes then begins in the copy that stands there.
 void AheadSource::takeBack(unsigned n) {
   m_at -= n;
   m_held += n;

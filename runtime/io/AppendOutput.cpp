@@ -13,7 +13,8 @@ namespace morvane {
 
 namespace {
 
-// Written in one call each. A disk writes no less, so that half of one is never seen.
+// Written in one call each. A disk writes no less, so that half of one is never seen. A tar block has the
+// same size, so that a reader never meets half of a header.
 constexpr unsigned kAtomic = 512;
 constexpr char kCannotAppend[] = "Failed to append to file.";
 
@@ -25,6 +26,7 @@ AppendOutput::AppendOutput(OsFile file, const std::string& path, long long at, u
   struct stat status;
   m_oldLength = m_file.status(status) == 0 ? status.st_size : at;
   m_front.reserve(held);
+  // Of a regular file every position can be sought, one behind its end too.
   m_file.seek(at + held, SEEK_SET);
   m_rest.reset(OutputFile::adopt(m_file.duplicate(), path.c_str()));
   if (!m_rest) throw std::bad_alloc();
@@ -38,6 +40,7 @@ AppendOutput::~AppendOutput() {
 }
 
 bool AppendOutput::_writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log) {
+  // Once all of the held bytes are there this is 0.
   const auto kept = std::min(n, m_held - static_cast<unsigned>(m_front.size()));
   m_front.append(bytes, kept);
   return n == kept || m_rest->_writeBytes(bytes + kept, n - kept, io, log);
@@ -47,6 +50,8 @@ bool AppendOutput::_writeBytes(const char* bytes, unsigned int n, _mvIoParams& i
 bool AppendOutput::commit(ProgressMonitor* pm, LogBase& log) {
   const long long newLength = m_at + static_cast<long long>(m_front.size()) + m_rest->ftell64();
   if (!m_rest->closeHandle(&log, pm)) return false;
+  // The disk is not asked again behind the held bytes: as long as the first of them is not there, the archive
+  // is the one that it was.
   if (m_file.sync() != 0) return fail(log);
   if (!writeHeld(log)) return false;
   if (m_file.setLength(newLength) != 0) return fail(log);
@@ -61,6 +66,7 @@ bool AppendOutput::writeHeld(LogBase& log) {
     const ssize_t written =
         m_file.writeSomeAt(m_front.data() + start, end - start, m_at + static_cast<long long>(start));
     if (written < 0 && errno == EINTR) continue;
+    // A short write brings no reason; a lack of room is what it means on a disk.
     if (written >= 0 && static_cast<size_t>(written) < end - start) errno = ENOSPC;
     if (written < 0 || static_cast<size_t>(written) < end - start) return fail(log);
     end = start;
@@ -87,6 +93,8 @@ void AppendOutput::takeBack(long long end) {
     // What is over a limit now was so before.
     if (written < 0 && errno == EFBIG) break;
     if (written <= 0) {
+      // Where zeros cannot be written, the new bytes are cut off at least. The length below brings zeros back
+      // where the file may grow.
       m_file.setLength(std::min(m_oldLength, keeps));
       break;
     }

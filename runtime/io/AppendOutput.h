@@ -17,13 +17,15 @@ namespace morvane {
 // length and bytes again.
 class AppendOutput : public _mvOutput {
  public:
-  // `file` is open for reading and writing and stays so; `path` is what messages call it. From `at` on it
-  // has nothing but zeros. `held` of its bytes from there on are left alone until the end. Throws
-  // std::bad_alloc.
+  // `file` is open for reading and writing and stays so; `path` is what messages call it. From `at` on it has
+  // nothing but zeros. `held` of its bytes from there on are left alone until the end. Throws std::bad_alloc.
+  // The zeros are an end mark, perhaps with the padding of a last record behind it.
   AppendOutput(OsFile file, const std::string& path, long long at, unsigned held);
   ~AppendOutput() override;
 
+  // The first `held` bytes are kept in memory; the others go to the file at once.
   bool _writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log) override;
+  // Only what is behind the held bytes; the end of the job is commit.
   bool announceOutputFinished(LogBase& log) override { return m_rest->flush(nullptr, log); }
 
   // Makes what was written the file's new end. False, with the reason in the log, when any of it could not be
@@ -34,13 +36,16 @@ class AppendOutput : public _mvOutput {
   const OutputFile& file() const { return *m_rest; }
 
  private:
+  // From the last block to the first one.
   bool writeHeld(LogBase& log);
+  // Logs errno with the file's path.
   bool fail(LogBase& log);
   // `end`: how far the new bytes may have come.
   void takeBack(long long end);
 
   OsFile m_file;
   const std::string m_path;
+  // Where the held bytes belong, and how many there are at most.
   const long long m_at;
   const unsigned m_held;
   long long m_oldLength = 0;

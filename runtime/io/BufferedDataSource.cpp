@@ -32,7 +32,9 @@ bool BufferedDataSource::fill(ProgressMonitor* pm, LogBase& log) {
     m_at = kBehind;
   }
   unsigned got = 0;
+  // There is always room: fill is called with an empty buffer, or by a peek that has less than a block.
   if (!m_source.read(m_buffer.get() + m_end, kBehind + kBuffer - m_end, got, pm, log)) return false;
+  // Not for good: an application's source may have bytes again later, and is asked.
   m_ended = got == 0;
   m_end += got;
   return true;

@@ -36,6 +36,7 @@ bool DataBuffer::loadFileUtf8(const char* path, LogBase* log) {
   while (true) {
     const char* bytes = nullptr;
     unsigned n = 0;
+    // As much as lies in the source's window, which is 256 KiB at most.
     if (!source.lend(0xFFFFFFFFu, bytes, n, nullptr, to)) return false;
     if (n == 0) break;
     if (!out._writeBytes(bytes, n, io, to)) return false;
@@ -48,7 +49,8 @@ bool DataBuffer::loadFileUtf8(const char* path, LogBase* log) {
   return false;
 }
 
-// Closing may be the first to tell of a full disk; its answer counts.
+// Closing may be the first to tell of a full disk; its answer counts. A file that was there is cut and
+// written anew, also when that fails half way.
 bool DataBuffer::saveToFileUtf8(const char* path, LogBase* log) const {
   LogNull unwanted;
   LogBase& to = log ? *log : unwanted;

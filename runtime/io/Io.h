@@ -8,7 +8,9 @@
 
 namespace morvane {
 
-// Passed by reference to every step, instead of three parameters that always go together.
+// Passed by reference to every step, instead of three parameters that always go together. It must not outlive
+// what it names. One that has an event is used on the thread of the call alone; what a worker does has a log
+// of its own and no event.
 struct Io {
   // Without a monitor there is no event either.
   explicit Io(LogBase& theLog, ProgressMonitor* theMonitor = nullptr)
@@ -20,11 +22,12 @@ struct Io {
 
   // Whether the event has said so already; it is not asked again.
   bool isAborted() const { return monitor && monitor->isAborted(); }
-  // Tells the event a named piece of information; both texts UTF-8.
+  // Tells the event a named piece of information; both texts UTF-8. The texts need to live for the call only.
   void inform(const char* name, const char* value) const {
     if (event) event->onInfo(name, value);
   }
-  // An error line. False, for the caller to return.
+  // An error line. False, for the caller to return. The message is the whole line; values follow it as data
+  // lines of the caller's.
   bool fail(const char* message) const {
     log.LogError(message);
     return false;

@@ -5,7 +5,8 @@
 
 namespace morvane {
 
-// The buffer must outlive it. What was in the buffer before stays in front.
+// The buffer must outlive it. What was in the buffer before stays in front. Nothing is held back: what was
+// written is in the buffer at once.
 class MORVANE_API OutputDataBuffer : public _mvOutput {
  public:
   explicit OutputDataBuffer(DataBuffer& buffer) : m_buffer(buffer) {}

@@ -33,6 +33,7 @@ static_assert(OutputFile::kMostSpare <= kLargeBuffer);
 
 }  // namespace
 
+// It stands behind a pointer, because applications include the header, and none of this is theirs.
 struct OutputFile::State {
   State(OsFile theFile, const char* thePath) : file(std::move(theFile)), path(thePath) {}
 
@@ -42,9 +43,13 @@ struct OutputFile::State {
   AlignedArray buffer;
   unsigned capacity = 0;
   unsigned buffered = 0;
+  // Accepted, wherever they are: in the buffer, in the file, or dropped.
   long long bytesWritten = 0;
+  // Of the whole file, as the caller foresees it; -1 where nobody does.
   long long expected = -1;
+  // Set once and never taken back.
   bool failed = false;
+  // What the owner asked for, and whether it has come to that.
   bool dropsAfterOwnFailure = false;
   bool dropping = false;  // it failed, and so alone
 };
@@ -90,6 +95,7 @@ bool OutputFile::_writeBytes(const char* bytes, unsigned int n, _mvIoParams& io,
   if (m_state->failed || !m_state->file.isOpen()) return m_state->dropping;
   if (n == 0) return true;
   ProgressMonitor* const pm = io.monitor();
+  // The address tells: no caller has it but by spareRoom, and then the bytes fit.
   const bool isInPlace = m_state->capacity > 0 && bytes == m_state->buffer.get() + m_state->buffered;
   if (n > m_state->capacity - m_state->buffered) {
     if (m_state->buffered > 0 && !flush(pm, log)) {
@@ -99,6 +105,7 @@ bool OutputFile::_writeBytes(const char* bytes, unsigned int n, _mvIoParams& io,
     // A file that comes in one or two middling pieces needs no buffer either.
     const bool passes =
         n >= kPassesBuffer || (m_state->capacity == 0 && (n >= kSmallBuffer || n == m_state->expected));
+    // The second time the buffer is too small the file is no small one, and gets the large buffer.
     if (passes || !makeBuffer(m_state->capacity == 0 ? kSmallBuffer : kLargeBuffer)) {
       const bool written = writeThrough(bytes, n, pm, log) || m_state->dropping;
       if (written) m_state->bytesWritten += n;
@@ -115,6 +122,7 @@ bool OutputFile::_writeBytes(const char* bytes, unsigned int n, _mvIoParams& io,
 // pass the buffer by. Bytes pass it by without a failure: a buffer is for speed alone.
 bool OutputFile::makeBuffer(unsigned capacity) {
   if (capacity <= m_state->capacity) return true;
+  // The old buffer stays in use when there is no memory for a larger one.
   AlignedArray grown = makeAlignedArray(capacity);
   if (!grown) return false;
   if (m_state->buffered > 0) std::memcpy(grown.get(), m_state->buffer.get(), m_state->buffered);
@@ -151,6 +159,7 @@ bool OutputFile::writeThrough(const char* bytes, size_t n, ProgressMonitor* pm, 
     }
     const int error =
         written == 0 ? EIO : errno;  // a device that takes nothing takes nothing the next time either
+    // endsWait has logged the abort, so that EINTR has no line of its own below.
     if (error == EINTR && !endsWait(pm, log)) continue;
     // A FIFO was opened without waiting for its reader; from here on writes wait.
     if (error == EAGAIN && m_state->file.setBlocking() == 0) continue;
@@ -167,6 +176,7 @@ void OutputFile::failWith(int error) {
   m_state->dropping = m_state->dropsAfterOwnFailure && (error == EIO || error == EFBIG || error == EDQUOT);
 }
 
+// Without the owner's wish to drop, this is a failure like any other.
 void OutputFile::failAlone() {
   m_state->failed = true;
   m_state->dropping = m_state->dropsAfterOwnFailure;
@@ -184,6 +194,7 @@ bool OutputFile::getFileInfo(mvFileInfo& info) const {
 void OutputFile::abandon() {
   LogNull unwanted;
   mvFileInfo info;
+  // Whether that succeeds is kept in `failed`; the job has its reason already.
   if (getFileInfo(info) && info.m_isRegularFile) flush(nullptr, unwanted);
   m_state->failed = m_state->failed || m_state->buffered > 0;
   m_state->buffered = 0;
@@ -195,6 +206,7 @@ bool OutputFile::closeHandle(LogBase* log, ProgressMonitor* pm) {
   LogNull unwanted;
   LogBase& to = log ? *log : unwanted;
   if (!m_state->file.isOpen()) return !m_state->failed;
+  // Its answer is kept in `failed`, and the file is to be closed in either case.
   flush(pm, to);
   if (m_state->file.close() != 0 && !m_state->failed) {
     const int error = errno;
@@ -204,12 +216,14 @@ bool OutputFile::closeHandle(LogBase* log, ProgressMonitor* pm) {
   return !m_state->failed;
 }
 
+// The hole comes about by writing behind it; one at the end of the file is setLength's.
 bool OutputFile::passHole(long long n, ProgressMonitor* pm, LogBase& log) {
   if (!flush(pm, log)) return m_state->dropping;
   m_state->bytesWritten += n;
   return m_state->file.seek(n, SEEK_CUR) >= 0 || failToShape("Failed to move on in the file.", log);
 }
 
+// The position need not be moved: nothing is written behind this.
 bool OutputFile::setLength(long long length, ProgressMonitor* pm, LogBase& log) {
   if (!flush(pm, log)) return m_state->dropping;
   return m_state->file.setLength(length) == 0 || failToShape("Failed to give the file its length.", log);

@@ -17,7 +17,7 @@ constexpr unsigned kCopyBuffer = 64 * 1024;
 // What is lent at a time, so that an abort is heard after no more than this.
 constexpr unsigned kLentPiece = 128 * 1024;
 
-// n may be any size a header claims; a piece has 32 bits.
+// n may be any size a header claims; a piece has 32 bits. So the smaller of the two always fits.
 unsigned pieceOf(long long n, unsigned most) { return static_cast<unsigned>(std::min<long long>(n, most)); }
 
 // For copies, which promise all their bytes; passing over does not.
@@ -85,6 +85,7 @@ bool _mvDataSource::read(char* buffer, unsigned n, unsigned& numRead, ProgressMo
   return question.goesOn(log);
 }
 
+// Lending counts as reading, for endOfStream and for the question.
 bool _mvDataSource::lend(unsigned most, const char*& bytes, unsigned& n, ProgressMonitor* pm, LogBase& log) {
   const AbortQuestion question(pm);
   if (!lendBytes(most, bytes, n, pm, log)) return false;
@@ -99,6 +100,7 @@ bool _mvDataSource::readFully(char* buffer, unsigned n, unsigned& numRead, Progr
   while (numRead < n) {
     unsigned got = 0;
     if (!read(buffer + numRead, n - numRead, got, pm, log)) return false;
+    // No byte is the end; fewer than were asked for is not.
     if (got == 0) break;
     numRead += got;
   }
@@ -139,6 +141,7 @@ bool _mvDataSource::copyNToOutput2PM(_mvOutput& out, long long n, char* buffer, 
 // with a better message.
 bool _mvDataSource::skip(long long n, ProgressMonitor* pm, LogBase& log) {
   const bool lends = canLend();
+  // What is read is thrown away; a source that lends needs no memory for that.
   const ByteArrayOwner buffer(lends ? nullptr : mvNewChar(kCopyBuffer));
   if (!lends && !buffer.get()) {
     log.LogError("Out of memory for a copy buffer.");

@@ -32,7 +32,7 @@ namespace {
 
 constexpr char kCannotOpen[] = "Failed to open file.";
 
-// The largest piece that is read ahead.
+// The largest piece that is read ahead. From half of it on a read passes the window by.
 constexpr unsigned kWindow = 256 * 1024;
 // Behind a jump a header is wanted and, likely, another jump: what is read beyond it is read for nothing. So
 // little is read behind a short one and one block behind a long one, over a member that has the likes of it
@@ -55,8 +55,11 @@ constexpr unsigned kBehind = 64;
 struct _mvFileDataSource::State {
   OsFile file;
   std::string path;
+  // Whether reads have positions; a source without them is moved forward by reading.
   bool seekable = false;
+  // Every read fails from then on, without a further line.
   bool failed = false;
+  // The last read of the system met the end, or the limit of a copy.
   bool atEnd = false;
   long long position = 0;   // of the next byte handed out
   long long systemAt = 0;   // of the next byte the system will give
@@ -66,12 +69,14 @@ struct _mvFileDataSource::State {
   // The bytes of the window not handed out yet; in front of it are the last ones of the window before.
   unsigned windowAt = kBehind, windowEnd = kBehind;
   unsigned countedBefore = 0;  // bytes taken back, which the monitor has been told of
+  // Bytes of the next fill.
   unsigned readAhead = 0;
 };
 
 _mvFileDataSource::_mvFileDataSource() : m_state(std::make_unique<State>()) {}
 _mvFileDataSource::~_mvFileDataSource() = default;
 
+// The object may adopt another file afterwards.
 void _mvFileDataSource::close() { m_state->file.close(); }
 int _mvFileDataSource::descriptor() const { return m_state->file.fd(); }
 bool _mvFileDataSource::readsAtOnce() {
@@ -79,6 +84,7 @@ bool _mvFileDataSource::readsAtOnce() {
 }
 long long _mvFileDataSource::bytesPassed() const { return m_state->position; }
 long long _mvFileDataSource::ftell64() { return m_state->seekable ? m_state->position : -1; }
+// A limit of ours (endAt) proves nothing of the file, nor does an end that is still ahead in the window.
 bool _mvFileDataSource::endWasSeen() const {
   return m_state->atEnd && m_state->endAt < 0 && m_state->windowAt == m_state->windowEnd;
 }
@@ -111,9 +117,11 @@ bool _mvFileDataSource::adopt(OsFile file, const char* path, LogBase& log) {
   const int error = m_state->file.status(status) != 0 ? errno : S_ISDIR(status.st_mode) ? EISDIR : 0;
   if (error != 0) {
     logOsError(log, kCannotOpen, path, error);
+    // Nothing is left open behind a failure, whoever keeps the object.
     m_state->file.close();
     return false;
   }
+  // The descriptor may be another program's, as standard input is, and stand anywhere.
   const long long at = m_state->file.seek(0, SEEK_CUR);
   m_state->seekable = at >= 0 && (S_ISREG(status.st_mode) || S_ISBLK(status.st_mode));
   m_state->position = m_state->systemAt = m_state->seekable ? at : 0;
@@ -190,6 +198,7 @@ bool _mvFileDataSource::readSystem(char* buffer, unsigned n, unsigned& got, Prog
   // The system refuses a read that would go on past the last position a file can have.
   const long long end = m_state->endAt >= 0 ? m_state->endAt : std::numeric_limits<long long>::max();
   n = static_cast<unsigned>(std::clamp<long long>(end - m_state->systemAt, 0, n));
+  // An end that was met holds for a copy alone. Elsewhere the file may have grown since, and is read again.
   m_state->atEnd = n == 0 || (m_state->sizeSeen >= 0 && m_state->atEnd);
   if (m_state->atEnd) return true;
   while (true) {
@@ -223,6 +232,7 @@ bool _mvFileDataSource::makeWindow(LogBase& log) {
 // Only when all of the window has been handed out.
 bool _mvFileDataSource::fillWindow(ProgressMonitor* pm, LogBase& log) {
   if (!makeWindow(log)) return false;
+  // For takeBack, which may reach behind the new piece.
   std::memmove(m_state->window.get(), m_state->window.get() + m_state->windowEnd - kBehind, kBehind);
   m_state->windowAt = m_state->windowEnd = kBehind;
   unsigned got = 0;
@@ -309,6 +319,7 @@ bool _mvFileDataSource::peekBytes(unsigned n, const char*& bytes, unsigned& got,
     m_state->windowEnd = kBehind + held;
   }
   while (m_state->windowEnd - m_state->windowAt < n) {
+    // Not 0: less than n bytes are held, and readAhead is at least as much as n may be.
     const unsigned room = kBehind + m_state->readAhead - m_state->windowEnd;
     unsigned more = 0;
     if (!readSystem(m_state->window.get() + m_state->windowEnd, room, more, pm, log)) return false;
@@ -340,6 +351,7 @@ bool _mvFileDataSource::fseekAbsolute64(long long position, LogBase& log) {
   if (position != m_state->systemAt)
     m_state->readAhead = position - m_state->systemAt >= kLongJump ? kAfterLongJump : kAfterJump;
   m_state->windowAt = m_state->windowEnd = kBehind;
+  // From the new position on the end may not be met.
   m_state->position = m_state->systemAt = position;
   m_state->atEnd = false;
   return true;

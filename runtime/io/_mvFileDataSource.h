@@ -41,7 +41,8 @@ class MORVANE_API _mvFileDataSource : public _mvDataSource {
   // Whether the system itself said that there is no more, rather than a limit of ours. For copies: whether
   // what is missing is missing in the file.
   bool endWasSeen() const;
-  // Whether the file has a byte at a position, whatever size it states. Never waits; nothing is passed.
+  // Whether the file has a byte at a position, whatever size it states. Never waits; nothing is passed. Files
+  // of /proc state a size of 0, so that their size answers nothing.
   bool hasByteAt(long long position) const;
 
   long long getFileSize64(LogBase& log);  // 0 when there is none to know
@@ -71,9 +72,12 @@ class MORVANE_API _mvFileDataSource : public _mvDataSource {
   // The open file, where it stands, and the bytes that were read ahead.
   struct State;
 
+  // Every read of the system passes here. False, logged, when it fails; the source has then failed for good.
   bool readSystem(char* buffer, unsigned n, unsigned& got, ProgressMonitor* pm, LogBase& log);
+  // Reads the next piece into the window, which must be used up.
   bool fillWindow(ProgressMonitor* pm, LogBase& log);
   bool mayGoOn(unsigned moved, ProgressMonitor* pm, LogBase& log);
+  // Learns from a read of a file that is copied where the copy is to end.
   void noteCopyEnd(unsigned wanted, unsigned got);
 
   const std::unique_ptr<State> m_state;

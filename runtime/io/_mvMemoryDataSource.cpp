@@ -8,7 +8,7 @@
 
 namespace morvane {
 
-// May be called again for other bytes; it then stands at their beginning.
+// What was read before is forgotten with its position.
 void _mvMemoryDataSource::initializeMemSource(const unsigned char* bytes, unsigned n) {
   m_bytes = reinterpret_cast<const char*>(bytes);
   m_size = n;
@@ -21,7 +21,8 @@ unsigned _mvMemoryDataSource::available(unsigned most) const {
   return static_cast<unsigned>(std::min<long long>(most, m_size - m_position));
 }
 
-// Lends all that is asked for; whoever reads large archives asks for pieces.
+// Lends all that is asked for; whoever reads large archives asks for pieces. The bytes are moved past even
+// when the answer is an abort: nobody reads on behind that.
 bool _mvMemoryDataSource::lendBytes(unsigned most, const char*& bytes, unsigned& n, ProgressMonitor* pm,
                                     LogBase& log) {
   n = available(most);

@@ -6,13 +6,14 @@
 namespace morvane {
 
 // The bytes must not change while they are read. Empty until it is initialized. Nothing is allocated and no
-// read fails, but for an abort.
+// read fails, but for an abort. One thread at a time; several objects may read the same bytes.
 class MORVANE_API _mvMemoryDataSource : public _mvDataSource {
  public:
-  // `bytes` may be null when n is 0.
+  // `bytes` may be null when n is 0. It may be called again, for other bytes, and the source then stands at
+  // their beginning.
   void initializeMemSource(const unsigned char* bytes, unsigned n);
 
-  // All n bytes unless the data end.
+  // All n bytes unless the data end. Told to the monitor, which may be null.
   bool readSourcePM(char* buffer, unsigned int n, unsigned int& numRead, ProgressMonitor* pm,
                     LogBase& log) override;
   // Past the end, too.
@@ -30,15 +31,16 @@ class MORVANE_API _mvMemoryDataSource : public _mvDataSource {
   // No more than was handed out.
   void takeBack(unsigned n) override { m_position -= n; }
   bool canPeek() override { return true; }
-  // Shows up to n bytes, more than 512 too.
+  // Shows up to n bytes, more than 512 too. They stay valid as long as the caller keeps them.
   bool peekBytes(unsigned n, const char*& bytes, unsigned& got, ProgressMonitor* pm, LogBase& log) override;
 
  private:
-  // Bytes that a read of `most` would give.
+  // Bytes that a read of `most` would give. 0 at the end and past it.
   unsigned available(unsigned most) const;
 
   // Not owned.
   const char* m_bytes = nullptr;
+  // Both in bytes, signed like those of every source.
   long long m_size = 0;
   long long m_position = 0;  // may lie past the end, where reads yield nothing
 };

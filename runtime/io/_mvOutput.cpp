@@ -24,6 +24,7 @@ bool _mvOutput::writeBytesPM(const char* bytes, unsigned n, ProgressMonitor* pm,
   return _writeBytes(bytes, n, io, log);
 }
 
+// An output takes plain characters and a buffer holds unsigned ones; the bytes are the same.
 bool _mvOutput::writeDbPM(const DataBuffer& bytes, ProgressMonitor* pm, LogBase& log) {
   return writeBytesPM(reinterpret_cast<const char*>(bytes.getData2()), bytes.getSize(), pm, log);
 }

@@ -17,6 +17,7 @@ class ProgressMonitor;
 class _mvIoParams {
  public:
   explicit _mvIoParams(ProgressMonitor* pm = nullptr) : m_pm(pm) {}
+  // For outputs that may wait: they ask it whether to abort when a signal breaks the wait.
   ProgressMonitor* monitor() const { return m_pm; }
 
  private:
@@ -35,7 +36,8 @@ class MORVANE_API _mvOutput {
   virtual bool _writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log);
 
   // For outputs that have positions, in bytes from the first; a failure is false, with its line in the log.
-  // The base does nothing, succeeds, and stands at 0. The component itself only ever writes forward.
+  // The base does nothing, succeeds, and stands at 0. The component itself only ever writes forward. A
+  // derived class that has no use for them leaves them alone.
   virtual bool seekToEnd(LogBase& log);
   virtual bool fseekAbsolute64(long long position, LogBase& log);
   virtual long long ftell64();

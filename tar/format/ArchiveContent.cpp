@@ -22,7 +22,8 @@ bool startsWith(const unsigned char* bytes, unsigned n, const char* signature, u
 }
 
 // Compressed bytes are no number where the checksum stands. Read as 0, that would agree with the sum of their
-// bytes as signed ones in one of some thousand archives.
+// bytes as signed ones in one of some thousand archives. No block has 0, because the field itself counts as
+// eight blanks.
 bool isPlainBlock(const unsigned char* bytes, unsigned n) {
   if (n < kBlockSize) return false;
   const NumberField stored = parseNumber(bytes, kChecksumField);
@@ -50,6 +51,7 @@ std::optional<Compression> recogniseArchive(const unsigned char* bytes, unsigned
 // The longer signature stands in front of the shorter one that it begins with. A literal that holds NULs is a
 // string_view with its length. A cut literal keeps an escape from taking the digit behind it for its own.
 const char* foreignContent(const unsigned char* bytes, unsigned n) {
+  // Before the loop below, since no bytes at all would also be text.
   if (n == 0) return "The archive is empty.";
   static constexpr struct {
     std::string_view signature;
@@ -64,6 +66,7 @@ const char* foreignContent(const unsigned char* bytes, unsigned n) {
       {"!<arch>\ndebian-binary"sv,
        "This is a Debian package, no tar; its tarballs are members of an ar archive."},
       {"!<arch>\n"sv, "This is an ar archive, no tar."},
+      // Of all its textual forms (070701, 070702, 070707).
       {"07070"sv, "This is a cpio archive, no tar."},
       {"\xED\xAB\xEE\xDB"sv, "This is an RPM package, no tar."},
   };
@@ -84,6 +87,7 @@ bool detectArchive(_mvDataSource& source, std::optional<Compression>& found, Pro
                    LogBase& log) {
   const char* bytes = nullptr;
   unsigned n = 0;
+  // Peeked and not read: whoever reads the archive begins at its first byte.
   if (!source.peekBytes(kBlockSize, bytes, n, pm, log)) return false;
   found = recogniseArchive(reinterpret_cast<const unsigned char*>(bytes), n);
   return true;

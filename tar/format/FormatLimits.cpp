@@ -124,6 +124,7 @@ MemberEncoding encodingOf(const Member& member, WriteFormat format, const Format
   // show such a member under a cut name, which is documented; a refusal would end the archive for a path that
   // most readers can take.
   encoding.needsLongName = isLong;
+  // A link that fills its field needs none: POSIX lets the NUL be missing there.
   encoding.needsLongLink = member.linkPath.size() > kLinkNameField.width;
   return encoding;
 }

@@ -16,7 +16,7 @@ struct Member;
 enum class WriteFormat { Gnu, Pax, Ustar };
 
 // Where the rules differ from the component's oldest ones (the words of UncommonOptions). The defaults keep
-// archives of equal input the same in every version.
+// archives of equal input the same in every version. TarOptions has the same under the names of the words.
 struct FormatRules {
   bool ustarPlainPrefix = false;    // the prefix without the slash that joins it to the name
   bool ustarOverflowFails = false;  // a prefix longer than its field is an error
@@ -31,13 +31,14 @@ struct MemberEncoding {
   std::string_view name, prefix;  // of the header block
   bool needsLongName = false;     // GNU's record for the path, in any format but pax
   bool needsLongLink = false;     // and for the link
+  // In pax archives alone: the path has a record of its own among paxRecords.
   bool pathNeedsPax = false;
   std::string standIn;     // the name of a sparse member in pax, by which readers know it
   std::string paxRecords;  // data of the pax record; empty: none is needed
 };
 
 // Plain computation: nothing is written and nothing logged; what is refused the caller says in its own words
-// and order.
+// and order. Throws std::bad_alloc only. The member's numbers and texts may be anything.
 MemberEncoding encodingOf(const Member& member, WriteFormat format, const FormatRules& rules);
 
 }  // namespace morvane

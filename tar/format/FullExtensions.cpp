@@ -59,7 +59,7 @@ bool nextPaxRecord(std::string_view& data, std::string_view& keyword, std::strin
   return true;
 }
 
-// Digits and nothing else, from 0 to 2^63-1.
+// Digits and nothing else, from 0 to 2^63-1. Unlike the fields of a block, pax numbers have no other form.
 std::optional<long long> parseCount(std::string_view text) {
   long long value = 0;
   const auto result = std::from_chars(text.data(), text.data() + text.size(), value);
@@ -73,7 +73,8 @@ unsigned clampTo32(long long value) {
   return static_cast<unsigned>(value < 0 ? 0 : value > kMax ? kMax : value);
 }
 
-// Long names and links are NUL-terminated text; a pax value is not, and does not come here.
+// Long names and links are NUL-terminated text; a pax value is not, and does not come here. GNU tar writes
+// the NUL and counts it in the size.
 std::string_view untilNul(std::string_view text) { return text.substr(0, text.find('\0')); }
 
 void setOwned(std::unique_ptr<StringBuffer>& owned, const std::string& value) {
@@ -84,7 +85,7 @@ void setOwned(std::unique_ptr<StringBuffer>& owned, const std::string& value) {
 
 // Nothing that a double would do: it has not enough digits for nanoseconds today. "1." and "-0.5" are times,
 // "." and "1e9" are not. A whole part beyond 63 bits stops at the end of the range, so that the member is not
-// lost for it.
+// lost for it. POSIX sets no limit to the digits of a fraction.
 TarTime parsePaxTime(std::string_view text) {
   TarTime time;
   const bool negative = !text.empty() && text.front() == '-';
@@ -220,6 +221,7 @@ bool FullExtensions::takePaxRecord(std::string_view keyword, std::string_view va
   if (keyword == "size") {
     // An empty size takes back the record's alone; the block always has one.
     to.size = parseCount(value);
+    // A size that is taken for another one would find the next header in the wrong place, hence the failure.
     return to.size || value.empty() || malformed(log, "A PAX size is no number.", value);
   }
   // What is left is about one member alone, whatever a global record says.
@@ -239,6 +241,7 @@ bool FullExtensions::takeAttribute(std::string_view keyword, std::string_view va
     const bool isUsable = name.size() <= kLongestAttributeName && name.find('\0') == std::string::npos &&
                           value.size() <= kLongestAttribute;
     to.lacksAttributes |= !isUsable;
+    // What cannot be set is left out and told with the member, which is not lost for it.
     if (isUsable) to.attributes.push_back({std::move(name), std::string(value)});
     return true;
   }
@@ -250,6 +253,10 @@ bool FullExtensions::takeAttribute(std::string_view keyword, std::string_view va
   return true;
 }
 
+// The keywords of all three forms (GNU tar's manual, "Sparse Formats"): 0.0 has offset and numbytes in turns,
+// 0.1 a map, 1.0 major and realsize, with the ranges in the data. What else there is (minor, numblocks) tells
+// nothing more. Nonsense is noted and not a failure, because the member may not be wanted: whoever places it
+// refuses it.
 void FullExtensions::takeSparseRecord(std::string_view keyword, std::string_view value, Attributes& to) {
   const std::optional<long long> count = parseCount(value);
   if (keyword == "name") {
@@ -263,8 +270,10 @@ void FullExtensions::takeSparseRecord(std::string_view keyword, std::string_view
     to.sparseMapIsInData = value == "1";
   } else if (keyword == "offset") {
     to.sparseIsWrong |= !count || to.sparseOffset;  // the one before had no length
+    // A length may follow with the next record only.
     to.sparseOffset = count;
   } else if (keyword == "numbytes") {
+    // They are kept before the file's size is known, so that SparseMap's own limit would come too late.
     const bool fits = static_cast<long long>(to.sparseRanges.size()) < SparseMap::kMostRanges;
     to.sparseIsWrong |= !count || !to.sparseOffset || !fits;
     if (!to.sparseIsWrong) to.sparseRanges.push_back({*to.sparseOffset, *count});
@@ -278,10 +287,12 @@ void FullExtensions::complete(TarHeader& header, Member& member) {
   if (m_hasGlobal) apply(m_global, m_next.takenBack, header);
   if (m_hasNext) {
     apply(m_next, 0, header);
+    // A header has no place for these.
     member.attributes = std::move(m_next.attributes);
     member.accessList = std::move(m_next.accessList);
     member.defaultAccessList = std::move(m_next.defaultAccessList);
     member.lacksAttributes = m_next.lacksAttributes;
+    // An offset without its length, or a map in the data of a file whose size nobody told.
     m_next.sparseIsWrong |= m_next.sparseOffset || (m_next.sparseMapIsInData && !m_next.sparseSize);
     if (m_next.sparseSize || m_next.sparseIsWrong) spread(header, member);
     forgetNext();
@@ -294,8 +305,11 @@ void FullExtensions::complete(TarHeader& header, Member& member) {
   if (header.m_typeFlag == kTypeDumpDir) header.m_isDirectory = true;
 }
 
+// The name is put in place also where the map is wrong, for the messages about the member. The ranges are
+// checked only here, because the size that bounds them may stand behind them among the records.
 void FullExtensions::spread(TarHeader& header, Member& member) {
   if (m_next.sparseName && !m_next.sparseName->empty()) {
+    // It comes behind apply, and so wins over the path, which is the stand-in's.
     header.setWholePath(m_next.sparseName->data(), static_cast<unsigned>(m_next.sparseName->size()));
   }
   member.sparseIsWrong = m_next.sparseIsWrong;
@@ -313,6 +327,7 @@ void FullExtensions::spread(TarHeader& header, Member& member) {
 }
 
 // The path is given its length, because a pax path may hold a NUL; whoever makes a file of it refuses that.
+// Path, link path and size have no exceptions, because a global record never holds them.
 void FullExtensions::apply(const Attributes& attributes, unsigned except, TarHeader& member) {
   const auto counts = [except](PaxField field) { return (except & field) == 0; };
   const auto setTime = [&](PaxField field, const std::optional<TarTime>& time, TarTime& exact,
@@ -335,6 +350,7 @@ void FullExtensions::apply(const Attributes& attributes, unsigned except, TarHea
   };
   setId(PAX_UID, attributes.uid, member.m_exactUid, member.m_uid);
   setId(PAX_GID, attributes.gid, member.m_exactGid, member.m_gid);
+  // This is the size that the data are read and passed over by; the one in the block no longer counts.
   if (attributes.size) member.m_size = *attributes.size;
   setTime(PAX_MTIME, attributes.mtime, member.m_exactMtime, member.m_mtime);
   setTime(PAX_ATIME, attributes.atime, member.m_exactAtime, member.m_atime);

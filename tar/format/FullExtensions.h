@@ -19,7 +19,7 @@ namespace morvane {
 TarTime parsePaxTime(std::string_view text);
 
 // The records of one archive, as they come. A record counts from where it stands; nothing is merged
-// backwards.
+// backwards. Memory is bounded by the data of the records, which the engine limits. One thread.
 class FullExtensions {
  public:
   // Records that only describe other members: pax, global pax, long name, long link.
@@ -58,15 +58,23 @@ class FullExtensions {
     unsigned takenBack = 0;  // PaxField bits: an empty value undoes a global record too
   };
 
+  // Cuts the data into records and takes each. False, logged, for a record that cannot be cut off.
   bool takePaxRecords(std::string_view data, bool global, LogBase& log);
+  // Says so in the log where it is.
   static bool isIgnoredGlobally(std::string_view keyword, std::string_view value, LogBase& log);
+  // False, logged, for a value that must be understood and is not.
   bool takePaxRecord(std::string_view keyword, std::string_view value, bool global, LogBase& log);
+  // `keyword` is what stands behind "GNU.sparse.".
   static void takeSparseRecord(std::string_view keyword, std::string_view value, Attributes& to);
+  // Whether the keyword is one of an attribute or access list, usable or not.
   static bool takeAttribute(std::string_view keyword, std::string_view value, Attributes& to);
+  // Makes the member a sparse one by what m_next says.
   void spread(TarHeader& header, Member& member);
+  // Puts attributes into a header, but for the fields whose PaxField bits are in `except`.
   static void apply(const Attributes& attributes, unsigned except, TarHeader& member);
 
   const bool m_spreads;
+  // Of global records, for all members from there on; of the records in front of the next member.
   Attributes m_global;
   Attributes m_next;
   // Most members have no records: they are spared looking through what there could be.

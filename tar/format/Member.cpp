@@ -4,6 +4,7 @@
 
 namespace morvane {
 
+// A NUL would end the log's line.
 std::string typeText(char typeFlag) { return std::string(typeFlag ? 1 : 0, typeFlag); }
 
 // The exact times are taken, never the 32-bit ones; a reader that wants those puts them in afterwards.
@@ -26,6 +27,7 @@ void Member::takeNumbers(const TarHeader& header) {
 // The link path is a record's where there is one.
 void Member::copyHeader(const TarHeader& header) {
   takeNumbers(header);
+  // With its length, as a record's path may hold a NUL.
   path = header.m_path.str();
   linkPath = header.linkPath();
   userName = header.userName();
@@ -38,6 +40,7 @@ void Member::exchangeHeader(TarHeader& header) {
   header.exchangeTexts(path, linkPath, userName, groupName);
 }
 
+// Path and link path are left out, because whoever keeps such a member has its path elsewhere.
 void Member::copyPlain(const Member& other) {
   typeFlag = other.typeFlag;
   isDirectory = other.isDirectory;

@@ -21,6 +21,7 @@ struct MemberAttribute {
   std::string name, value;
 };
 
+// A value. It is filled in by a MemberReader or MemberSource, and changed on its way by the events alone.
 struct Member {
   // As stored, also one that nobody knows; TarBlock.h names those that mean something here.
   char typeFlag = '0';
@@ -32,16 +33,21 @@ struct Member {
   unsigned mode = 0;
   // In full, 0 to 2^63-1: one that is more than 32 bits is nobody's here, and never becomes another one.
   long long uid = 0, gid = 0;
+  // Of devices, where it is read in full; FileMetadata::kNoId for a field that is no number.
   unsigned deviceMajor = 0, deviceMinor = 0;
   long long size = 0;  // data bytes that follow the header, 0 to 2^63-1
+  // In full, or what 32 bits hold of it where the reader is the lenient one.
   TarTime mtime;
   TarTime atime, ctime;          // not known unless a record gave them
   long long listedMtime = 0;     // Unix seconds as a listing shows them: never brought into 32 bits
   long long headerPosition = 0;  // byte offset in the tar stream of the member's own header block
   bool sparseMapGoesOn = false;  // blocks of a GNU sparse map come before the data
-  SparseMap sparse;              // of a member whose stored bytes are to be spread
-  bool sparseIsWrong = false;    // it has a map, and that makes no sense
-  bool isContinuation = false;   // its data are the rest of a file that begins in another volume
+  // Only of a reader that was asked for it (MemberReader::Demand), or of a source with holes.
+  SparseMap sparse;            // of a member whose stored bytes are to be spread
+  bool sparseIsWrong = false;  // it has a map, and that makes no sense
+  // GNU's type M. Placed as a file of its own it would be a part that looks like the whole.
+  bool isContinuation = false;  // its data are the rest of a file that begins in another volume
+  // In the order of the records. Two may have one name, and the later one then wins as it is set last.
   std::vector<MemberAttribute> attributes;
   std::string accessList, defaultAccessList;  // POSIX access lists as text; empty: none
   bool lacksAttributes = false;               // it had some that no system takes, and they are not here
@@ -51,21 +57,25 @@ struct Member {
   void copyHeader(const TarHeader& header);
   void exchangeHeader(TarHeader& header);
 
-  // What an ordinary file is made of: nothing that it has beside kind, owner, mode, size and times.
+  // What an ordinary file is made of: nothing that it has beside kind, owner, mode, size and times. For files
+  // that other threads make, which need no texts but the owner's names.
   void copyPlain(const Member& other);
 
   // A directory has no data to extract, whatever its header states.
   long long dataSize() const { return isDirectory ? 0 : size; }
-  // The size of the file that it is, holes included.
+  // The size of the file that it is, holes included. Equal to dataSize where there are no holes.
   long long realSize() const { return sparse.isSparse() ? sparse.realSize() : dataSize(); }
+  // Links and special files are told by the type flag alone.
   bool isSymbolicLink() const { return typeFlag == kTypeSymbolicLink; }
   // A dumpdir, of an incremental archive, is a directory with data, which are nobody's.
   bool hasListing() const { return isDirectory && typeFlag == kTypeDumpDir; }
   bool isHardLink() const { return typeFlag == kTypeHardLink; }
   bool isDevice() const { return typeFlag == kTypeCharacterDevice || typeFlag == kTypeBlockDevice; }
+  // They have no data, and are made by calls of their own.
   bool isSpecial() const { return typeFlag == kTypeFifo || isDevice(); }
 
  private:
+  // Everything that is no text.
   void takeNumbers(const TarHeader& header);
 };
 

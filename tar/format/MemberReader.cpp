@@ -57,6 +57,7 @@ class LenientReader : public MemberReader {
 
   // Text up to the first NUL, which the caller has put behind the data.
   bool takeRecord(std::string_view data, LogBase& log) override {
+    // What m_header was parsed from last is the record itself.
     m_record = m_header.m_typeFlag;
     if (m_record == kTypePax) return parsePaxExtendedHeader(data.data(), m_header, log);
     m_header.setWholePath(data.data());
@@ -83,13 +84,14 @@ class LenientReader : public MemberReader {
   char m_record = '\0';   // the type flag of a record that waits for its member
 };
 
-// Records wait in m_extensions until a member comes, however many there are and in whatever order.
 // kNoId is no device's number either.
 unsigned deviceNumber(const unsigned char* block, Field field) {
   const long long number = parseNumber(block, field).orNone(FileMetadata::kNoId);
   return static_cast<unsigned>(std::min<long long>(number, FileMetadata::kNoId));
 }
 
+// Records wait in m_extensions until a member comes, however many there are and in whatever order. The
+// block's own numbers are put in place first, so that records win over them.
 class FullReader : public MemberReader {
  public:
   explicit FullReader(Demand demand) : MemberReader(demand), m_extensions(demand.spreads) {}
@@ -105,6 +107,8 @@ class FullReader : public MemberReader {
                                                      : Found::Member;
     // Records in front of something that is no member were about that, and must not stick to the next one.
     if (found == Found::PassedOver) m_extensions.forgetNext();
+    // m_found is used for one member after the other: what only records or a map give would stay from the one
+    // before.
     m_found.sparse.clear();
     m_found.sparseIsWrong = false;
     m_found.isContinuation = typeFlag == kTypeMultiVolume;
@@ -113,6 +117,8 @@ class FullReader : public MemberReader {
     m_found.defaultAccessList.clear();
     m_found.lacksAttributes = false;
     if (found == Found::Member) {
+      // A time before 1970 is in base-256 (GNU). The header has read it as 0, which is what the lenient
+      // reader keeps.
       if (isNegative(block, kMtimeField)) m_header.m_exactMtime.seconds = parseNegative(block, kMtimeField);
       m_extensions.complete(m_header, m_found);
       // What stands there in other headers is nobody's business, and is often nothing.
@@ -124,6 +130,7 @@ class FullReader : public MemberReader {
     // The lenient reader's have 32 bits.
     m_found.uid = m_header.m_exactUid;
     m_found.gid = m_header.m_exactGid;
+    // It comes behind the records, because the block of this type has a map of its own.
     if (found == Found::Member && demand().spreads && typeFlag == kTypeSparse) {
       m_found.sparseIsWrong = !m_found.sparse.takeHeaderBlock(block);
     }
@@ -160,11 +167,14 @@ class FullReader : public MemberReader {
 
 MemberReader::~MemberReader() = default;
 
+// The lenient one has no use for `spreads`, because it takes a sparse member's pieces for a file.
 std::unique_ptr<MemberReader> MemberReader::make(Demand demand) {
   if (demand.full) return std::make_unique<FullReader>(demand);
   return std::make_unique<LenientReader>(demand);
 }
 
+// Only the byte that says whether the map goes on counts where the member is not to be spread, or its map is
+// wrong: the blocks have to be passed either way.
 bool MemberReader::takeSparseBlock(const unsigned char* block) {
   if (m_found.sparse.isSparse() && !m_found.sparse.addOldEntries(block, SparseMap::kEntriesInBlock)) {
     m_found.sparseIsWrong = true;

@@ -64,7 +64,8 @@ class MemberReader {
 
   // What was found last, records included. It may be changed, and its texts moved away, until the next block.
   Member& found() { return m_found; }
-  // The texts of the last block as the log shows them; empty for a block that was merged.
+  // The texts of the last block as the log shows them; empty for a block that was merged. What a reader has
+  // moved out of it is gone.
   virtual const TarHeader& header() const = 0;
 
  protected:

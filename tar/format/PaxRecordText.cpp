@@ -26,10 +26,8 @@ void appendPaxRecord(std::string_view keyword, std::string_view value, std::stri
   records.append(1, ' ').append(keyword).append(1, '=').append(value).append(1, '\n');
 }
 
-// What the length is short of: " path=" and the newline are 7 bytes, and the digits three, or four from 990
-// bytes on. From 9,989 bytes on there are five digits, which the short rule does not know. It is kept,
-// because equal input is to give equal archives in every version; FullExtensions.cpp forgives the missing
-// one, and a reader that goes by lines does not see it.
+// Both characters have to be escaped: the first because it ends a keyword, the second because it begins an
+// escape. Anything else may stand in a keyword as it is.
 std::string escapedKeyword(std::string_view name) {
   std::string escaped;
   for (const char c : name) {
@@ -42,6 +40,7 @@ std::string escapedKeyword(std::string_view name) {
   return escaped;
 }
 
+// A "%" in front of anything else stands for itself, as writers that escape nothing mean it.
 std::string unescapedKeyword(std::string_view name) {
   std::string plain;
   while (!name.empty()) {
@@ -53,6 +52,10 @@ std::string unescapedKeyword(std::string_view name) {
   return plain;
 }
 
+// What the length is short of: " path=" and the newline are 7 bytes, and the digits three, or four from 990
+// bytes on. From 9,989 bytes on there are five digits, which the short rule does not know. It is kept,
+// because equal input is to give equal archives in every version; FullExtensions.cpp forgives the missing
+// one, and a reader that goes by lines does not see it.
 std::string paxPathRecord(std::string_view path, bool exact) {
   std::string record;
   if (exact) {

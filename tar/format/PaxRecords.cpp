@@ -76,13 +76,15 @@ void applyPaxRecord(const char* keyword, const char* value, TarHeader& record, L
   }
 }
 
-// A value that holds a newline is cut there, and its rest is taken for a line.
+// A value that holds a newline is cut there, and its rest is taken for a line. This reader goes by lines
+// because archives with a wrong length in front are read that way.
 const char* endOfLine(const char* text) {
   while (*text != '\0' && *text != '\n') ++text;
   return text;
 }
 
-// The length in front is passed over and never compared. A line without "=" says nothing.
+// The length in front is passed over and never compared. A line without "=" says nothing. `value` is the
+// caller's room of kLongestValue + 1 bytes, used for one line after the other.
 void parsePaxLine(const char* line, const char* end, char* value, TarHeader& record, LogBase& log) {
   const char* at = line;
   while (at < end && *at != ' ') ++at;  // the length; a record ends where its line does
@@ -145,7 +147,8 @@ void combineHeaderPaxExtended(TarHeader& following, TarHeader& staged) {
   staged.m_linkName = following.m_linkName;
 }
 
-// Here everything but the path is the member's own, except what only a pax record could have set before.
+// Here everything but the path is the member's own, except what only a pax record could have set before. The
+// link path of a pax record in front of both therefore stays, and the block's link name is not read.
 void combineHeaderLongFilename(TarHeader& following, TarHeader& staged) {
   staged.m_typeFlag = following.m_typeFlag;
   staged.m_isDirectory = following.m_isDirectory;

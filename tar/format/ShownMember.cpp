@@ -25,7 +25,8 @@ unsigned shownId(long long id) {
   return static_cast<unsigned>(std::min<long long>(id, std::numeric_limits<unsigned>::max()));
 }
 
-// A directory's size is 0, because no data of it are ever extracted.
+// A directory's size is 0, because no data of it are ever extracted. Every field but the caller's own is set,
+// because the same object is used for one member after the other.
 void showMember(const Member& member, const std::string& path, TarMember& shown) {
   // An old header has directories as empty files whose name ends in a slash.
   shown.typeFlag = member.isDirectory ? kTypeDirectory : member.typeFlag;
@@ -53,6 +54,8 @@ void showMember(const Member& member, const std::string& path, TarMember& shown)
 void takeShown(const TarMember& shown, Member& member) {
   constexpr unsigned kMostNanoseconds = 999999999;
   member.linkPath = shown.linkPath;
+  // Bits that the event was not shown, as a type that some writers put there, stay where nobody changed the
+  // mode.
   const bool modeIsChanged = shown.mode != (member.mode & kModeBits);
   if (modeIsChanged) member.mode = shown.mode & kModeBits;
   takeId(shown.uid, member.uid);

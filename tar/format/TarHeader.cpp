@@ -18,7 +18,8 @@ namespace morvane {
 
 namespace {
 
-// The first byte is zero, and each byte equals the one before.
+// The first byte is zero, and each byte equals the one before. memcmp compares many of them at a time, and
+// this is asked of every block.
 bool isZeroBlock(const unsigned char* block) {
   return block[0] == 0 && std::memcmp(block, block + 1, kBlockSize - 1) == 0;
 }
@@ -84,7 +85,8 @@ void TarHeader::clear() {
 }
 
 // The end mark is told by its first block; whether a second one follows is left to whoever cares. The
-// checksum comes before everything else, so that messages about fields are about headers.
+// checksum comes before everything else, so that messages about fields are about headers. Nothing of the
+// record is changed before the last refusal.
 bool TarHeader::parseFromMemory(const unsigned char* block, bool& endOfArchive, LogBase& log) {
   if (isZeroBlock(block)) {
     clear();
@@ -137,6 +139,7 @@ void TarHeader::takeNames(const unsigned char* block) {
   takeText(block, kLinkNameField, m_linkName);
   takeOwnedText(block, kUserNameField, m_userName);
   takeOwnedText(block, kGroupNameField, m_groupName);
+  // It was another header's record's.
   m_linkPath.reset();
   m_prefix.weakClear();
   m_path.weakClear();
@@ -156,6 +159,7 @@ void TarHeader::takeNames(const unsigned char* block) {
 // between members. The missing bytes are zeroed for those who show the block.
 bool TarHeader::readBlock(_mvDataSource& source, unsigned char* block, LogBase& log, ProgressMonitor* pm) {
   unsigned numRead = 0;
+  // The source has logged its failure; only an end is told here.
   if (!source.readFully(reinterpret_cast<char*>(block), kBlockSize, numRead, pm, log)) return false;
   if (numRead == kBlockSize) return true;
   std::memset(block + numRead, 0, kBlockSize - numRead);
@@ -180,6 +184,7 @@ void TarHeader::exchangeTexts(std::string& path, std::string& linkPath, std::str
   const auto exchange = [](StringBuffer* text, std::string& with) {
     // What std::string keeps in itself.
     constexpr unsigned kCopiedAsFast = 15;
+    // Merging has moved the name away.
     if (!text) {
       with.clear();
     } else if (text->getSize() <= kCopiedAsFast) {

@@ -11,10 +11,12 @@ namespace morvane {
 constexpr size_t kLongestUstarPath = 255;
 constexpr size_t kLongestNameInBlock = 100;
 
+// Why a path cannot be cut. They stand here for those who refuse a member as well as for those who split.
 constexpr char kUstarPathTooLong[] = "Max path length for ustar format is 255 bytes.";
 constexpr char kUstarCannotSplit[] =
     "Max lengths for ustar format are 100 bytes for the filename and 155 bytes for the prefix.";
 
+// What is stored in the two fields. It must not outlive the path.
 struct UstarSplit {
   const char* error = nullptr;  // null: the split worked
   std::string_view name;

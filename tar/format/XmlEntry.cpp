@@ -31,7 +31,8 @@ bool isXmlCharacter(char32_t c) {
   return c < kInvalidByte && c != 0xFFFE && c != 0xFFFF;
 }
 
-// Whether every character can be written, by itself or as a reference.
+// Whether every character can be written, by itself or as a reference. nextUtf8 goes on by at least a byte,
+// so that the loop ends for any bytes.
 bool isPlainXml(std::string_view text) {
   for (size_t at = 0; at < text.size();) {
     if (!isXmlCharacter(nextUtf8(text, at))) return false;
@@ -43,6 +44,7 @@ bool isPlainXml(std::string_view text) {
 // are.
 bool needsNoCare(std::string_view text) {
   for (const char c : text) {
+    // Bytes from 0x80 on may be UTF-8 or not, which takes the longer way to tell.
     const auto byte = static_cast<unsigned char>(c);
     if (byte < 0x20 || byte >= 0x7F || c == '&' || c == '<' || c == '>' || c == '"') return false;
   }
@@ -129,6 +131,7 @@ void appendElement(const Element& element, std::string_view text, std::string& o
 }
 
 // A word for people and scripts that do not know type flags; the flag itself is an attribute beside it.
+// Devices, FIFOs and types that nobody knows are all "other".
 std::string_view kindOf(const Member& member) {
   if (member.isDirectory) return "directory";
   switch (member.typeFlag) {
@@ -159,7 +162,8 @@ class EntryStart {
     std::memcpy(m_end, text.data(), text.size());
     m_end += text.size();
   }
-  // Zeros in front up to a number of digits: modes have four octal ones, times two of each part.
+  // Zeros in front up to a number of digits: modes have four octal ones, times two of each part. to_chars,
+  // because it needs no format text and no locale.
   void number(std::string_view label, long long value, int base = 10, unsigned leastDigits = 1) {
     text(label);
     char digits[24];
@@ -169,7 +173,8 @@ class EntryStart {
   }
   // ISO 8601 in UTC; nothing for a year that has no four digits.
   void isoTime(std::string_view label, long long seconds, std::string_view behind) {
-    // The first second of the year 1, and that of the year 10000.
+    // The first second of the year 1, and that of the year 10000. Asked before the calendar is: a time may be
+    // anything that 63 bits hold.
     constexpr long long kYear0001 = -62135596800, kYear10000 = 253402300800;
     if (seconds < kYear0001 || seconds >= kYear10000) return;
     const MorvaneSysTime time = MorvaneSysTime::fromFileTime(MorvaneFileTime::fromUnixTime64(seconds));
@@ -215,9 +220,11 @@ std::string quotedPrintable(const unsigned char* bytes, unsigned n) {
 constexpr const char* kFieldNames[] = {"name",     "mode",     "uid",      "gid",   "size",  "mtime",
                                        "chksum",   "typeflag", "linkname", "magic", "uname", "gname",
                                        "devmajor", "devminor", "prefix",   "tail"};
+// A field that is added to the block needs its name here.
 static_assert(sizeof kFieldNames / sizeof *kFieldNames == sizeof kAllFields / sizeof *kAllFields);
 
-// A field without the NULs at its end. Blanks stay, for they tell one writer from another.
+// A field without the NULs at its end. Blanks stay, for they tell one writer from another. A field of NULs
+// alone is empty text.
 std::string fieldText(const unsigned char* block, const Field& field) {
   unsigned n = field.width;
   while (n > 0 && block[field.offset + n - 1] == 0) --n;
@@ -269,6 +276,7 @@ void toXmlEntry(const Member& member, XString& xml, const char* extensionData, C
 // For a single header; a run over many keeps one decoder for all (morvane::toXmlEntry).
 void TarHeader::toXmlEntry(XString& xml, const char* extensionData, const char* charset, ProgressMonitor*,
                            LogBase& log) const {
+  // By way of a member, so that there is one function that writes elements.
   Member shown;
   shown.copyHeader(*this);
   // An unknown character set is said here as elsewhere.

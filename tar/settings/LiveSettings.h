@@ -11,6 +11,8 @@ namespace morvane {
 // Belongs to one run, and so to one thread. The properties themselves may be set by any thread: the change
 // count is what makes their new values visible here.
 template <class Settings>
+// A run holds values of its own, because a property that changes between two looks at it within one step
+// would make that step contradict itself.
 class LiveSettings {
  public:
   // `take` tells the properties as they are; `changes` counts how often any of them was set. Both must
@@ -22,7 +24,8 @@ class LiveSettings {
   // same, until the next refresh that finds a change; views into them do not outlast it.
   const Settings& now() const { return m_settings; }
   // Takes the properties anew if any was set since the last time. True if so. Without a change it costs one
-  // load of a counter, because it is asked at each header.
+  // load of a counter, because it is asked at each header. Throws what `take` throws, and then holds what it
+  // held.
   bool refresh() {
     // Read before the properties: what is set while they are taken is found by the next refresh.
     const unsigned changes = m_changes.now();
@@ -36,8 +39,11 @@ class LiveSettings {
 
  private:
   std::function<Settings()> m_take;
+  // The component's.
   const ChangeCount& m_changes;
+  // False until the first refresh has succeeded: the count may be 0 at that time.
   bool m_taken = false;
+  // As it was in front of the properties that are held now.
   unsigned m_changesTaken = 0;
   Settings m_settings;
 };

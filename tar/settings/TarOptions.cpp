@@ -77,7 +77,9 @@ constexpr Switch kSwitches[] = {
     {"requireendofarchive", MORVANE_SETTING(bool, requireEndOfArchive)},
     {"entryevents", MORVANE_SETTING(bool, entryEvents)},
 };
-// With the least and the largest value that makes sense.
+// With the least and the largest value that makes sense. Threads=0 is as many as the process has processors.
+// Level goes to the highest of any compression, and each one stops at its own. FastDeflate has no 0, because
+// "off" says that. Of a limit 0 means none.
 constexpr Number kNumbers[] = {
     {"maxextensionbytes", MORVANE_SETTING(long long, maxExtensionBytes), 1, kAnyNumber},
     {"threads", MORVANE_SETTING(long long, codec.threads), 0, 64},
@@ -91,6 +93,7 @@ constexpr Number kNumbers[] = {
     {"reproducible", MORVANE_SETTING(long long, reproducible), 0, kAnyNumber},
 };
 #undef MORVANE_SETTING
+// "off" gives each word's default back, so that a word of somebody else's can be undone by one behind it.
 constexpr Choice kChoices[] = {
     {"confine", "off", [](TarOptions& options) { options.confine = Confine::Off; }},
     {"confine", "beneath", [](TarOptions& options) { options.confine = Confine::Beneath; }},
@@ -112,11 +115,13 @@ constexpr Choice kChoices[] = {
     {"existingdirectories", "keep", [](TarOptions& options) { options.settlesExistingDirectories = false; }},
     {"existingdirectories", "settle", [](TarOptions& options) { options.settlesExistingDirectories = true; }},
 };
-// Words whose value is a set: parts joined by "+".
+// Words whose value is a set: parts joined by "+". The last column tells whether the word is about restoring,
+// which alone knows "fullmode".
 constexpr PartsWord kPartsWords[] = {
     {"store", [](TarOptions& options) -> KeptParts& { return options.store; }, false},
     {"restore", [](TarOptions& options) -> KeptParts& { return options.restore; }, true},
 };
+// fullmode sets both, because it asks for a mode and says which of its bits.
 constexpr Part kParts[] = {
     {"mode", [](KeptParts& parts) { parts.mode = true; }},
     {"owner", [](KeptParts& parts) { parts.owner = true; }},
@@ -128,13 +133,14 @@ constexpr Part kParts[] = {
     {"fullmode", [](KeptParts& parts) { parts.mode = parts.fullMode = true; }},
 };
 
-// A profile may not name another one.
+// A profile may not name another one: rows are expanded once.
 constexpr char kProfileWord[] = "profile";
 #define MORVANE_USUAL                                                                                     \
   "SkipOutputFile,SkipUnreadable,WriteExactSizes,CountSkipsExcluded,UstarOverflow=fail,UstarPlainPrefix," \
   "PaxExact,"                                                                                             \
   "FullRead,Confine=beneath,VerifyGzip,GzipAllMembers,Bz2Framed,RequireEndOfArchive,EntryEvents,"         \
   "SkipUncreatable,Store=usual,Restore=usual"
+// The third row repeats words of the second: the last one counts, as for words that are given.
 constexpr Profile kProfiles[] = {
     // The same as no profile at all, for whoever puts words behind those of somebody else.
     {"off", ""},
@@ -155,7 +161,8 @@ struct GivenWord {
   bool hasValue = false;
 };
 
-// Empty words, as between two commas, are none.
+// Empty words, as between two commas, are none. No word or value holds a comma, so that nothing has to be
+// quoted.
 std::vector<GivenWord> splitWords(std::string_view words) {
   std::vector<GivenWord> split;
   while (!words.empty()) {
@@ -182,7 +189,8 @@ const Row* rowOf(const Row (&rows)[kCount], const GivenWord& given) {
   return found == end ? nullptr : found;
 }
 
-// A switch that is given no value is on.
+// A switch that is given no value is on. "Word=" is no switch without a value: it looks like a value that was
+// forgotten.
 bool applySwitch(bool& setting, const GivenWord& given) {
   const bool makesSense = !given.hasValue || given.value == "on" || given.value == "off";
   if (makesSense) setting = given.value != "off";
@@ -211,6 +219,7 @@ bool applyNumber(const Number& row, TarOptions& options, const GivenWord& given)
 bool addNamedSet(std::string_view name, bool restores, KeptParts& parts) {
   if (name != "usual" && name != "all") return false;
   const bool isAll = name == "all";
+  // Storing takes no privilege for any of them.
   const bool mayDoAll = !restores || isAll || Psdk::isSuperuser();
   parts.mode = parts.time = parts.link = parts.sparse = true;
   parts.owner |= mayDoAll;
@@ -221,9 +230,12 @@ bool addNamedSet(std::string_view name, bool restores, KeptParts& parts) {
   return true;
 }
 
+// The set is put together apart and taken over whole, so that a word with one part that is not known changes
+// nothing. A later word replaces it and adds nothing.
 bool applyParts(const PartsWord& row, TarOptions& options, const GivenWord& given) {
   KeptParts parts;
   std::string_view rest = given.value;
+  // An empty part, as between two "+", is not known either.
   for (bool goesOn = rest != "off"; goesOn;) {
     const size_t plus = rest.find('+');
     const std::string_view name = rest.substr(0, plus);
@@ -254,6 +266,7 @@ bool applyChoice(TarOptions& options, const GivenWord& given) {
 
 // False when the word is unknown or its value makes no sense; nothing is then changed.
 bool applyWord(TarOptions& options, const GivenWord& given) {
+  // No word stands in two tables.
   if (const Switch* const row = rowOf(kSwitches, given)) return applySwitch(row->setting(options), given);
   if (const Number* const row = rowOf(kNumbers, given)) return applyNumber(*row, options, given);
   if (const PartsWord* const row = rowOf(kPartsWords, given)) return applyParts(*row, options, given);
@@ -278,8 +291,11 @@ void implyForRestoring(TarOptions& options, const std::vector<GivenWord>& given,
     if (each.word == "fullread") lastFullRead = &each;
     confineIsGiven |= each.word == "confine";
   }
+  // It is refused and not overruled in silence, because the two contradict each other.
   if (lastFullRead && lastFullRead->value == "off") complain(*lastFullRead);
+  // Only the full reader has exact times, attributes and maps of holes.
   options.fullRead = true;
+  // A Confine=off that was given stays: it is what the application says in so many words.
   if (!confineIsGiven && options.confine == Confine::Off) options.confine = Confine::Beneath;
 }
 
@@ -289,6 +305,7 @@ void implyForRestoring(TarOptions& options, const std::vector<GivenWord>& given,
 TarOptions parseTarOptions(std::string_view words, std::vector<std::string>& complaints) {
   const std::vector<GivenWord> given = splitWords(words);
   TarOptions options;
+  // As given, for the person who reads the log.
   const auto complain = [&](const GivenWord& each) {
     if (std::find(complaints.begin(), complaints.end(), each.given) == complaints.end()) {
       complaints.emplace_back(each.given);

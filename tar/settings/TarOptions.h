@@ -19,42 +19,62 @@ enum class Confine { Off, Beneath, NoLinks };
 // is a failure of the run; Skip does so in silence, and Newer where the file is not older.
 enum class ExistingFiles { Replace, Keep, Skip, Newer };
 
-// Plain values, copied into each run. Every default is what the component does without any word.
+// Plain values, copied into each run. Every default is what the component does without any word. Most flags
+// are called like their words.
 struct TarOptions {
   // FastDeflate, VerifyGzip, GzipAllMembers, Level, MaxWindowBytes, Threads.
   CodecOptions codec;
   // Both directions
   bool memberEvents = false;
   bool ownerById = false;  // owners are numbers alone
+
   // Writing
+
+  // The archive that is being written is not put into itself.
   bool skipOutputFile = false;
+  // A source that cannot be read is left out, and the method fails at its end.
   bool skipUnreadable = false;
+  // As many bytes of a file as its header says, whatever the file has become since.
   bool writeExactSizes = false;
   bool countSkipsExcluded = false;
+  // There is no pass over the sources that counts their bytes for a percentage.
   bool noTotal = false;
+  // This and the two behind it are FormatRules of tar/format.
   bool ustarOverflowFails = false;
-  // The three of these are FormatRules of tar/format.
   bool ustarPlainPrefix = false;
   bool paxExact = false;
+  // A file of a walk is opened before the event about it, which saves a look at its path.
   bool openBeforeEvent = false;
   bool followLinks = false;
+  // What a written member takes from its source instead of from the properties.
   KeptParts store;
   long long reproducible = -1;  // no time is later than this (Unix seconds); -1: not reproducible
+
   // Reading
+
+  // Records are read as POSIX and the other tars mean them.
   bool fullRead = false;
   // Bytes of one extension record (a pax header, a long name) that are read at all.
   long long maxExtensionBytes = 64LL * 1024 * 1024;
+  // Given, or implied by restore.
   Confine confine = Confine::Off;
+  // A member that cannot be made is left out, and the method fails at its end.
   bool skipUncreatable = false;
   // UntarBz2 begins each run anew.
   bool bz2Framed = false;
+  // A compressed archive that ends without its end mark is a failure; for plain ones it always is.
   bool requireEndOfArchive = false;
+  // onTarEntry is sent for compressed archives, too.
   bool entryEvents = false;
   KeptParts restore;  // any of it: fullRead, and a confine unless that was switched off in so many words
   bool linksInside = false;  // symbolic links that lead out of the target are refused
+  // Of directories that are in the way the confined target has rules of its own.
   ExistingFiles existing = ExistingFiles::Replace;
   bool settlesExistingDirectories = false;  // with restore.fullMode: as those that the run made
+
   // Limits; 0: none
+
+  // A path of many parts costs an archive little, and whoever makes its directories much.
   static constexpr long long kDefaultPathDepth = 4096;
   // A limit ends the run; it is not passed over.
   long long maxPathDepth = -1;  // parts of a member's path; -1: the default, and only for what is extracted
