@@ -48,7 +48,7 @@ class MORVANE_API ClsBase : public MorvaneCritSec {
   // Where the finished log of each method is appended; empty (the default) appends it nowhere. A file that
   // cannot be opened or written is passed over silently.
   virtual void get_DebugLogFilePath(XString& out);
-  // Parts of the path are not created. Several objects may name the same file: each of them appends.
+  // Missing directories are not made. Several objects may name the same file: each of them appends.
   virtual void put_DebugLogFilePath(XString& path);
 
   // The words as they were set, also while they are unusable.
@@ -79,7 +79,7 @@ class MORVANE_API ClsBase : public MorvaneCritSec {
   // Opens a public method's context: the log of the previous method is discarded, the context always
   // appears. `name` must outlive the method.
   void enterContextBase(const char* name);
-  // Parts of the frame, called under the lock; applications have no need of these.
+  // For the frame of a method, called under the lock; applications have no need of these.
   void logSuccessFailure(bool ok);
   void logMorvaneVersion(LogBase& log);
 
