@@ -7,9 +7,11 @@
 
 namespace morvane {
 
+// Elements are deleted through the base, whose destructor is virtual.
 ExtPtrArray::~ExtPtrArray() { removeAllObjects(); }
 
-// push_back leaves the array as it was when it throws.
+// push_back leaves the array as it was when it throws. Nothing else can go wrong with a pointer, so only
+// std::bad_alloc is caught.
 bool ExtPtrArray::appendPtr(MorvaneObject* object) {
   try {
     m_objects.push_back(object);

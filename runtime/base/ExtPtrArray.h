@@ -8,7 +8,7 @@
 namespace morvane {
 
 // Indices are 0-based. One thread at a time. Elements are pointers to the base, so that one array serves
-// every record; who puts them in knows what they are.
+// every record; who puts them in knows what they are. An object is the caller's until appendPtr is called.
 class MORVANE_API ExtPtrArray {
  public:
   ExtPtrArray() = default;
@@ -30,11 +30,14 @@ class MORVANE_API ExtPtrArray {
   // until the array is emptied.
   MorvaneObject* elementAt(int index) const;
 
+  // Of elements, which 31 bits must hold.
   int getSize() const { return static_cast<int>(m_objects.size()); }
-  // Deletes them if the array owns them, in the order in which they were added.
+  // Deletes them if the array owns them, in the order in which they were added. Pointers that elementAt
+  // gave are of no use afterwards, unless the array does not own.
   void removeAllObjects();
 
  private:
+  // Plain pointers, because whether they are owned is settled while the array is in use.
   std::vector<MorvaneObject*> m_objects;
   bool m_ownsObjects = true;
 };

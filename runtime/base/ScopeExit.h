@@ -10,6 +10,8 @@ namespace morvane {
 // The action must not outlive what it refers to: it runs before locals that were made earlier are destroyed.
 // There is no way to call it off: what is to happen on success alone is no matter for this.
 template <class Action>
+// For undoing a step in the middle of a function, where a class for it would be longer than the function.
+// What must be told when it fails is no matter for this either. On the stack, of one thread.
 class ScopeExit {
  public:
   // The type of the action is deduced: a lambda as a rule.
@@ -25,6 +27,7 @@ class ScopeExit {
   ScopeExit& operator=(const ScopeExit&) = delete;
 
  private:
+  // By value, so that nothing is allocated.
   Action m_action;
 };
 

@@ -7,7 +7,8 @@
 
 namespace morvane {
 
-// It owns the bytes, and is not copied. One thread at a time, and no method may be filling it meanwhile.
+// It owns the bytes, and is not copied. One thread at a time, and no method may be filling it meanwhile. A
+// method that takes it fails where the bytes have no room, and throws nothing.
 class ClsBinData {
  public:
   // The buffer itself: what is appended to it is appended to the data.

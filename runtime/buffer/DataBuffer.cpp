@@ -22,6 +22,7 @@ constexpr unsigned long long kLargestSize = std::numeric_limits<unsigned>::max()
 
 DataBuffer::~DataBuffer() { clear(); }
 
+// Text and bytes are the same here; the two forms only spare callers the cast.
 bool DataBuffer::append(const char* bytes, unsigned n) {
   return append(reinterpret_cast<const unsigned char*>(bytes), n);
 }
@@ -46,6 +47,7 @@ bool DataBuffer::appendStr(const char* text) {
   return length <= kLargestSize && append(text, static_cast<unsigned>(length));
 }
 
+// The first reservation of an empty buffer gets exactly what it asks for (see makeRoom).
 bool DataBuffer::reserveMore(unsigned n) { return makeRoom(n); }
 
 // Callers hand the pointer to functions that want one even for no bytes.
@@ -85,6 +87,7 @@ void DataBuffer::removeChunk(unsigned offset, unsigned n) {
   if (m_size == 0 && m_capacity > 0) m_start = 0;
 }
 
+// Nothing is written, so that borrowed bytes stay borrowed.
 void DataBuffer::truncate(unsigned size) {
   if (size < m_size) m_size = size;
 }
@@ -104,7 +107,8 @@ bool DataBuffer::makeRoom(unsigned long long more) {
   const bool owned = m_capacity > 0;
   if (owned && m_start + needed <= m_capacity) return true;
   if (owned && needed <= m_capacity && m_start >= m_size) {
-    // At least as much was eaten as is left, so moving the rest down is paid for by what was eaten.
+    // At least as much was eaten as is left, so moving the rest down is paid for by what was eaten. The two
+    // places do not overlap for the same reason, so memcpy will do.
     std::memcpy(m_bytes, m_bytes + m_start, m_size);
     m_start = 0;
     return true;

@@ -15,13 +15,18 @@ namespace morvane {
 namespace {
 
 constexpr unsigned kBlock = 900'000;
-// As the library's manual has it: the most that becomes of a block, in one call.
+// As the library's manual has it: the most that becomes of a block, in one call. With so much room the call
+// cannot fail for lack of it.
 constexpr unsigned kMostOut = kBlock + kBlock / 100 + 600;
 
+// BlockwiseEncoder wants some; bzip2 has but one level here.
 struct NoSettings {};
 
+// What becomes of each part of the archive is a whole stream, which the library makes in one call.
 class Bzip2Block : public OrderedRing::Job {
  public:
+  // Nothing is taken over from the block before: that is what makes the streams independent. The memory is
+  // made with the first use, because a small archive never gets to most of the blocks.
   void begin(NoSettings, const Bzip2Block*) {
     if (!m_bytes) m_bytes = std::make_unique<char[]>(kBlock);
     m_size = 0;
@@ -33,6 +38,7 @@ class Bzip2Block : public OrderedRing::Job {
     return n;
   }
   bool isFull() const { return m_size == kBlock; }
+  // The last stream is like any other.
   void end(bool) {}
 
   // The library's memory, 7.6 MB, is taken for the length of the job: as many threads, as many times of it.
@@ -42,6 +48,7 @@ class Bzip2Block : public OrderedRing::Job {
     const int state =
         BZ2_bzBuffToBuffCompress(m_compressed.get(), &n, m_bytes.get(), m_size, kBzip2BlockSize100k, 0, 0);
     m_failure = state == BZ_OK ? nullptr : state == BZ_MEM_ERROR ? kNoMemoryForBzip2 : kBzip2Failed;
+    // Lent and not copied: the buffer stays as it is until the block is begun anew.
     m_out.borrowData(reinterpret_cast<const unsigned char*>(m_compressed.get()), n);
   }
 

@@ -25,13 +25,18 @@ namespace {
 constexpr unsigned kHeader = 4;  // "BZh" and the level
 // A mark may be unfinished in so many of the bytes that were looked at.
 constexpr long long kUnsureBytes = kBzip2MarkBits / 8;
-// The most that a block can have: 900,000 symbols of 20 bits, and its tables.
+// The most that a block can have: 900,000 symbols of 20 bits, and its tables. What is longer without a mark
+// is no bzip2, or somebody's attempt to have it all kept.
 constexpr size_t kMostRaw = 4 * 1024 * 1024;
+// How far to read ahead: a block of 900 kB takes less than this, compressed.
 constexpr long long kMostHeldForBlock = 1024 * 1024;
 
-// Looks for blocks ahead of their turn, and has them expanded.
+// Looks for blocks ahead of their turn, and has them expanded. Used by the first thread; workers see one
+// block each, and no source. It looks at the pieces that the source has fetched, which the loop around the
+// stream is given later.
 class BlockFinder {
  public:
+  // Two blocks for each thread, so that a worker finds the next one ready when it has done one.
   BlockFinder(AheadSource& ahead, unsigned workers)
       : m_ahead(ahead), m_slots(2 * (workers + 1)), m_ring(workers, m_slots) {}
 
@@ -41,6 +46,7 @@ class BlockFinder {
     bool isFirstOfStream, endsStream;
     int level;
   };
+  // m_found and the jobs of the ring go side by side: the oldest of one belongs to the oldest of the other.
   bool isEmpty() const { return m_found.empty(); }
   const Found& oldest() const { return m_found.front(); }
   // It is the caller's until the next one is taken.
@@ -65,6 +71,7 @@ class BlockFinder {
     unsigned used = 0;
     const char* const bytes = piece.bytes() + m_at;
     const bool isFound = m_marks.find(bytes, piece.size - m_at, used, mark);
+    // What lies between streams is not kept: no block is made of it.
     if (m_isInBlock) m_raw.insert(m_raw.end(), bytes, bytes + used);
     m_at += used;
     if (m_at == piece.size) {
@@ -93,6 +100,8 @@ class BlockFinder {
     return true;
   }
 
+  // A mark ends the block before it and, unless it ends the stream, begins the next. Behind the end of a
+  // stream nothing is kept until another block's mark comes.
   void takeMark(const Bzip2Marks::Mark& mark) {
     if (m_isInBlock) handIn(mark);
     m_isInBlock = !mark.endsStream;
@@ -110,9 +119,12 @@ class BlockFinder {
     m_block.isFirstOfStream = mark.bit % 8 == 0 && m_marks.byteBack(kLevelBack + 3) == 'B' &&
                               m_marks.byteBack(kLevelBack + 2) == 'Z' &&
                               m_marks.byteBack(kLevelBack + 1) == 'h' && level >= '1' && level <= '9';
+    // Later blocks have the level of their stream, which is that of the last header seen.
     if (m_block.isFirstOfStream) m_block.level = level - '0';
   }
 
+  // The ring has room: `look` is called by lookAhead only while it is not full, and elsewhere only where no
+  // block is under way.
   void handIn(const Bzip2Marks::Mark& mark) {
     m_block.endBit = mark.bit;
     m_block.endsStream = mark.endsStream;
@@ -120,6 +132,7 @@ class BlockFinder {
     job.firstBit = m_block.firstBit;
     job.endBit = mark.bit;
     job.level = m_block.level;
+    // Exchanged and not copied; m_raw gets the memory of a block that has been taken.
     job.raw.swap(m_raw);
     // About what comes out of it.
     constexpr size_t kExpands = 4;
@@ -140,10 +153,13 @@ class BlockFinder {
   RingOf<Bzip2Block> m_ring;
 };
 
+// The stream that expandBzip2Streams is given. All of it is the first thread's. Until it gives up it goes
+// by the finder's blocks; from then on it is libbzip2, for the rest of the data.
 class ForeseenStream : public Bzip2Stream {
  public:
   ForeseenStream(AheadSource& ahead, unsigned workers) : m_finder(ahead, workers) {}
 
+  // A stream begins at a byte, so its first mark has to stand right behind the four bytes of its header.
   bool begin() override {
     if (m_isGivenUp) return m_lib.begin();
     m_phase = Phase::Block;
@@ -154,6 +170,8 @@ class ForeseenStream : public Bzip2Stream {
     return true;
   }
 
+  // One of the library's steps is often several of these: the end of a block, its output, the beginning of
+  // the next. Once it has given up in the middle, the rest of the step is the library's.
   int step(Bzip2Step& step) override {
     int state = BZ_RUN_OK;
     while (state == BZ_RUN_OK && !m_isGivenUp) {
@@ -164,6 +182,7 @@ class ForeseenStream : public Bzip2Stream {
     return state == BZ_RUN_OK ? libStep(step) : state;
   }
 
+  // Nothing was begun in the library as long as blocks were foreseen; then this does nothing.
   void end() override { m_lib.end(); }
 
   void beforeRead() override {
@@ -175,7 +194,9 @@ class ForeseenStream : public Bzip2Stream {
 
   enum class Phase { Block, Output, End };
 
-  // Uses input up to a byte of the data; false when there is not enough of it.
+  // Uses input up to a byte of the data; false when there is not enough of it. The last eight bytes are
+  // remembered, because the checksum at a stream's end has to be read from them, whatever pieces it came
+  // in.
   bool use(Bzip2Step& step, long long upTo) {
     const auto n = static_cast<unsigned>(std::min<long long>(step.left, upTo - m_position));
     for (unsigned i = n - std::min(n, 8u); i < n; ++i)
@@ -186,6 +207,9 @@ class ForeseenStream : public Bzip2Stream {
     return m_position == upTo;
   }
 
+  // A block whose end is not known yet is used up as far as it reaches for sure, as the library would
+  // gather it; so reads come at the same places. Only where the input might pass its end the next mark is
+  // looked for, which may mean to wait.
   int findBlock(Bzip2Step& step) {
     // Only between streams, where something else may lie.
     while (!m_finder.isEmpty() && m_finder.oldest().firstBit < m_bit) m_finder.take();
@@ -199,10 +223,13 @@ class ForeseenStream : public Bzip2Stream {
       }
       return m_finder.look() ? BZ_RUN_OK : giveUp(m_finder.unfinished(), m_finder.raw());
     }
+    // Not enough was looked at to say that no mark stands there.
     const bool mayCome = m_finder.position() * 8 < m_bit + kBzip2MarkBits;
     return mayCome && m_finder.look() ? BZ_RUN_OK : giveUpStream();
   }
 
+  // Input goes up to the byte in which the block ends, a part of which may belong to what follows. A block
+  // of another level than its stream's was taken for the beginning of one by mistake.
   int useFound(Bzip2Step& step) {
     const BlockFinder::Found found = m_finder.oldest();
     if (found.firstBit != m_bit || (m_isFirst && !found.isFirstOfStream)) return giveUpStream();
@@ -215,6 +242,8 @@ class ForeseenStream : public Bzip2Stream {
     return BZ_RUN_OK;
   }
 
+  // Output that is full ends the step, and the next one goes on with the block. The sum of a stream is that
+  // of its blocks, turned by a bit with each.
   int putOut(Bzip2Step& step) {
     unsigned n = 0;
     if (!m_block->takeOutput(step.out + step.produced, step.room - step.produced, n)) return BZ_MEM_ERROR;
@@ -227,7 +256,8 @@ class ForeseenStream : public Bzip2Stream {
     return BZ_RUN_OK;
   }
 
-  // The mark was found; behind it stands the sum of the blocks' sums.
+  // The mark was found; behind it stands the sum of the blocks' sums. The sum begins at any bit, so up to 7
+  // bits behind it fill the last byte; they are shifted out.
   int checkEnd(Bzip2Step& step) {
     const long long endBit = m_bit + kBzip2MarkBits + 32, end = (endBit + 7) / 8;
     if (!use(step, end)) return BZ_OK;
@@ -235,14 +265,16 @@ class ForeseenStream : public Bzip2Stream {
     return stored == m_combined ? BZ_STREAM_END : BZ_DATA_ERROR;
   }
 
-  // Here begins no stream that anything is known of, and none of it was used.
+  // Here begins no stream that anything is known of, and none of it was used. So the library sees it from
+  // its first byte on: it may be empty, damaged, or no bzip2 at all.
   int giveUpStream() {
     m_isGivenUp = true;
     return m_lib.begin() ? BZ_RUN_OK : BZ_MEM_ERROR;
   }
 
   // The library goes on from the block's beginning, with what was used of it. `raw` begins at the byte with
-  // its first bit.
+  // its first bit. In a stream's first block that is from the stream's header on. In a later one the
+  // library is given a beginning that leaves it with the same checksum at the same bit.
   int giveUp(const BlockFinder::Found& block, const std::vector<char>& raw) {
     m_isGivenUp = true;
     if (!m_lib.begin()) return BZ_MEM_ERROR;
@@ -264,7 +296,9 @@ class ForeseenStream : public Bzip2Stream {
     return BZ_RUN_OK;
   }
 
-  // First what was used before, and without the output of what stands in front of it.
+  // First what was used before, and without the output of what stands in front of it. Each round makes one
+  // call, with input from what is given again or from the step, and output into nowhere or into the step;
+  // it ends where the step itself has ended.
   int libStep(Bzip2Step& step) {
     char unwanted[256];
     while (m_unwanted > 0 || m_againAt < m_again.size()) {

@@ -1,4 +1,5 @@
-// bzip2 data expanded by several threads.
+// bzip2 data expanded by several threads. The way of bzip2 for Codec::decodeAhead; one thread uses
+// MorvaneBzip2.
 #pragma once
 
 #include "runtime/codec/Codec.h"

@@ -23,8 +23,12 @@ constexpr std::array<unsigned char, 256> kPossibleShifts = possibleShifts();
 
 }  // namespace
 
+// All bits up to a byte's end are looked at together: eight places where a mark of 48 bits may end, in a
+// number of 64. No two marks can end within eight bits of each other, so that it does not matter which
+// place is looked at first.
 bool Bzip2Marks::find(const char* bytes, unsigned n, unsigned& used, Mark& mark) {
   for (used = 0; used < n;) {
+    // The oldest byte of one number goes over to the other.
     m_earlierBytes = m_earlierBytes << 8 | m_lastBytes >> 56;
     m_lastBytes = m_lastBytes << 8 | static_cast<unsigned char>(bytes[used++]);
     ++m_position;

@@ -13,7 +13,8 @@ namespace morvane {
 
 namespace {
 
-// The checksum of bzip2: the polynomial of gzip, highest bit first.
+// The checksum of bzip2: the polynomial of gzip, highest bit first. The library's own is not part of its
+// interface.
 constexpr uint32_t kPolynomial = 0x04C11DB7;
 
 uint32_t crcOf(const std::string& text) {
@@ -41,7 +42,11 @@ std::string bytesForCrc(const std::string& text, uint32_t crc) {
 
 }  // namespace
 
+// A single block's checksum is its stream's too, so `crc` stands in for all the blocks it replaces. The
+// text is compressed at the smallest level, which saves memory; the level in the header only bounds the
+// size of blocks, and is put right afterwards for those that follow.
 bool makeBzip2Beginning(int level, unsigned phase, unsigned crc, Bzip2Beginning& beginning) {
+  // Each try comes out at one of eight bits: that so many miss does not happen.
   constexpr int kTries = 2000;
   for (int i = 0; i < kTries; ++i) {
     std::string text = std::to_string(i * 7919);

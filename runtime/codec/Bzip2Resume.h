@@ -1,4 +1,5 @@
-// Begins in the middle of a bzip2 stream.
+// Begins in the middle of a bzip2 stream: for a stream whose first blocks were expanded elsewhere, and
+// whose rest is to be read by the library.
 #pragma once
 
 #include <string>
@@ -13,9 +14,10 @@ struct Bzip2Beginning {
   unsigned output = 0;  // bytes that come of it, which nobody wants
 };
 
-// The block ends `phase` bits (0 to 7) behind a byte's first, and is of the sum `crc`, which is the combined
-// one of all blocks up to there. So the rest of the stream stands behind it as in its own place, with its own
-// last checksum. `level` is the stream's, 1 to 9. False for lack of memory.
+// The block ends `phase` bits (0 to 7) behind a byte's first, and is of the sum `crc`, which is the
+// combined one of all blocks up to there. So the rest of the stream stands behind it as in its own place,
+// with its own last checksum. `level` is the stream's, 1 to 9. False for lack of memory. The output is some
+// ten bytes.
 bool makeBzip2Beginning(int level, unsigned phase, unsigned crc, Bzip2Beginning& beginning);
 
 }  // namespace morvane

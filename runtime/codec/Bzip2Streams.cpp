@@ -46,8 +46,10 @@ bool LibBzip2Stream::begin() {
   return m_state && m_state->isBegun;
 }
 
+// With the state goes the library's memory.
 void LibBzip2Stream::end() { m_state = nullptr; }
 
+// The library does not write to its input; its interface merely lacks the const.
 int LibBzip2Stream::step(Bzip2Step& step) {
   bz_stream& stream = m_state->stream;
   stream.next_in = const_cast<char*>(step.bytes);
@@ -90,6 +92,8 @@ bool expandBzip2Streams(Bzip2Stream& stream, _mvDataSource& source, _mvOutput& o
     }
     if (left == 0) {
       if (!inStream && streams > 0) return true;
+      // Fewer bytes than a signature behind a whole stream are ignored, too: no further stream has begun
+      // before its signature is complete.
       if (inStream && streams > 0 && bytesOfStream < kSignature) break;
       return io.fail(streams == 0 && bytesOfStream == 0 ? "There are no bzip2 data."
                                                         : "The bzip2 data end before the stream does.");

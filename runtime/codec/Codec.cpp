@@ -32,8 +32,8 @@ bool startsWith(const unsigned char* bytes, unsigned n, const char* signature, u
 }
 
 // The two libraries share a protocol: the first piece begins the stream. The bytes are lent to the
-// compressor, not copied: it takes them before it returns. A stream of no bytes at all never begins, and the
-// caller's finish is then the library's failure; archives always have their end mark.
+// compressor, not copied: it takes them before it returns. A stream of no bytes at all never begins, and
+// the caller's finish is then the library's failure; archives always have their end mark. For one thread.
 template <class Compressor>
 class BlockEncoder : public Encoder {
  public:
@@ -57,7 +57,8 @@ class BlockEncoder : public Encoder {
 };
 
 // One member (RFC 1952) whose size and checksum become known at its end. The checksum is taken here and not
-// by the library, because raw deflate has none and ISA-L's is faster where that was found.
+// by the library, because raw deflate has none and ISA-L's is faster where that was found. Header and
+// trailer go straight to the output, between which the caller writes what became ready.
 class GzipEncoder : public BlockEncoder<MorvaneDeflate> {
  public:
   explicit GzipEncoder(int fastLevel) {
@@ -78,8 +79,9 @@ class GzipEncoder : public BlockEncoder<MorvaneDeflate> {
   ZipCRC m_crc;
 };
 
-// RFC 1952, 2.3.1: ID1 and ID2. The method behind them is left to the decoder, which has a message of its own
-// for it.
+// RFC 1952, 2.3.1: ID1 and ID2. The method behind them is left to the decoder, which has a message of its
+// own for it. So data that begin so are called gzip, and fail with a reason, rather than being taken for a
+// damaged tar archive.
 bool isGzip(const unsigned char* bytes, unsigned n) { return startsWith(bytes, n, "\x1F\x8B", 2); }
 
 // The magic of Unix compress; the third byte is the code width, about which the decoder has a message too.
@@ -87,7 +89,8 @@ bool isCompress(const unsigned char* bytes, unsigned n) { return startsWith(byte
 
 // "BZh" alone is also how a text may begin. So the level has to be a digit from 1 to 9, and behind it the
 // 48-bit magic of a block or of the end of an empty stream has to stand: the digits of pi, and those of its
-// square root.
+// square root. A mark of blocks stands at a byte here, because a stream's first block begins right behind
+// its header.
 bool isBzip2(const unsigned char* bytes, unsigned n) {
   constexpr unsigned kMagicAt = 4, kMagicSize = 6;
   if (!startsWith(bytes, n, "BZh", 3) || n < kMagicAt + kMagicSize) return false;
@@ -104,12 +107,14 @@ bool isZstd(const unsigned char* bytes, unsigned n) {
 }
 
 // The older .lzma has no signature: its usual properties, a dictionary of 2^n or 2^n + 2^(n-1) bytes, and a
-// size that is unknown or less than 256 GiB, as liblzma itself looks at it.
+// size that is unknown or less than 256 GiB, as liblzma itself looks at it. A tar archive whose first name
+// begins with "]" has 0x5D there too; its next bytes are no such dictionary.
 bool isLzma(const unsigned char* bytes, unsigned n) {
   constexpr unsigned kHeader = 13, kSizeAt = 5;
   if (n < kHeader || bytes[0] != 0x5D) return false;
   const unsigned dictionary =
       bytes[1] | unsigned{bytes[2]} << 8 | unsigned{bytes[3]} << 16 | unsigned{bytes[4]} << 24;
+  // The lowest bit that is set: of a dictionary of either form the rest is none, or the next higher bit.
   const unsigned lowest = dictionary & (0 - dictionary);
   const unsigned rest = dictionary - lowest;
   if (dictionary < 4096 || (rest != 0 && rest != lowest << 1)) return false;
@@ -118,6 +123,8 @@ bool isLzma(const unsigned char* bytes, unsigned n) {
   return isUnknown || (bytes[kHeader - 1] == 0 && bytes[kHeader - 2] == 0 && bytes[kHeader - 3] < 0x40);
 }
 
+// The signature is cut in two, because "\xFD7" would be read as one hexadecimal number. The older format is
+// a part of this row, because liblzma tells the two apart by itself.
 bool isXz(const unsigned char* bytes, unsigned n) {
   return startsWith(bytes, n,
                     "\xFD"
@@ -126,6 +133,8 @@ bool isXz(const unsigned char* bytes, unsigned n) {
          isLzma(bytes, n);
 }
 
+// Several threads are not tried and given up: their encoders work with whatever threads the pool can make,
+// so that the bytes do not depend on what the system gives.
 std::unique_ptr<Encoder> makeGzip(const CodecOptions& options) {
   if (workerCount(options.threads) > 0) return makeGzipBlockEncoder(options);
   return std::make_unique<GzipEncoder>(options.fastDeflate);
@@ -161,7 +170,8 @@ constexpr Codec kCodecs[] = {
 // What other programs write.
 constexpr std::string_view kForeignSuffixes = ".zip .7z .rar .lz4 .lz .tlz .lzma .lzo .tzo";
 
-// Whether the path ends in one of the suffixes, which blanks separate. Letters are ASCII's.
+// Whether the path ends in one of the suffixes, which blanks separate. Letters are ASCII's. The suffixes
+// stand in one text, so that a row of the table remains a constant.
 bool endsInOneOf(std::string_view path, std::string_view suffixes, bool caseCounts) {
   const auto isSame = [caseCounts](char a, char b) {
     const auto folded = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; };
@@ -220,6 +230,7 @@ std::optional<Compression> compressionBySuffix(std::string_view path) {
   return std::nullopt;
 }
 
+// A name that promises nothing is a plain archive's, which can be written.
 bool promisesUnwritable(std::string_view path) {
   return endsInOneOf(path, kForeignSuffixes, false) ||
          !canBeWritten(compressionBySuffix(path).value_or(Compression::None));

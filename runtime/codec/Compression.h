@@ -15,7 +15,8 @@ enum class Compression { None, Gzip, Bzip2, Compress, Zstd, Xz };
 MORVANE_API const char* compressionName(Compression compression);
 // Whether it can be written; Unix compress is only read.
 MORVANE_API bool canBeWritten(Compression compression);
-// By a content's first bytes (13 are enough); nothing when they begin none of these.
+// By a content's first bytes (13 are enough); nothing when they begin none of these. Who goes by the answer
+// has yet to expand it: a few bytes promise nothing about the rest.
 MORVANE_API std::optional<Compression> compressionByContent(const unsigned char* bytes, unsigned n);
 // By the suffix of an archive's name (".gz", ".tgz"), which promises it, in letters of either case. Nothing
 // for a name that promises none.

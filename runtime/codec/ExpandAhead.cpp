@@ -21,16 +21,19 @@ namespace morvane {
 
 namespace {
 
-// How far the worker may be ahead, and what may be read for it.
+// How far the worker may be ahead, and what may be read for it. The step that passes the limit is still
+// taken, so there may be one piece of output more.
 constexpr size_t kMostProduced = 2 * 1024 * 1024;
 // Buffers that are kept for the next bytes: those that the system would be asked for each time.
 constexpr size_t kMostKept = 2 * 1024 * 1024, kWorthKeeping = 16 * 1024;
+// Steps without bytes take memory too: a decompressor may read byte by byte.
 constexpr size_t kMostSteps = 1024;
 constexpr long long kMostRead = 1024 * 1024;
-// Pieces that lie ready for the worker, so that it need not wait for the first thread.
+// Pieces that lie ready for the worker, so that it need not wait for the first thread. More would only be
+// more memory: the first thread comes by with each step.
 constexpr size_t kPiecesReady = 2;
 
-// One thing that the decompressor did.
+// One thing that the decompressor did. The first thread repeats it with the real source and output.
 struct Step {
   enum Kind { Lend, Read, TakeBack, Write, End } kind = End;
   unsigned n = 0;
@@ -38,15 +41,19 @@ struct Step {
   std::unique_ptr<HeldLog> log;  // lines that come before it; null: none
 };
 
-// What the two threads hand each other.
+// What the two threads hand each other. Steps go one way, pieces of input and used buffers the other.
+// Neither side holds the lock while it works.
 class Script {
  public:
   // ---- The worker's
 
+  // Waits for room, which is what keeps the worker from running away from the first thread. Once it is
+  // stopped nothing waits any more, so that it comes to its end.
   void add(Step step) {
     std::unique_lock<std::mutex> lock(m_mutex);
     m_roomCame.wait(lock,
                     [&] { return m_stop || (m_produced < kMostProduced && m_steps.size() < kMostSteps); });
+    // Capacity, because a buffer that was used before may be larger than what is in it.
     m_produced += step.bytes.capacity();
     m_steps.push_back(std::move(step));
     m_somethingCame.notify_one();
@@ -60,7 +67,8 @@ class Script {
     m_kept -= buffer.capacity();
     return buffer;
   }
-  // Null once nobody wants any more.
+  // Null once nobody wants any more. That it waits is told to the first thread, which otherwise might wait
+  // for a step that cannot come.
   AheadSource::PiecePtr nextPiece() {
     std::unique_lock<std::mutex> lock(m_mutex);
     m_isWaiting = true;
@@ -72,7 +80,8 @@ class Script {
     m_pieces.pop_front();
     return piece;
   }
-  // How the decompressor ended. Takes no memory.
+  // How the decompressor ended. Takes no memory. So it can be told of in any case, also where memory is
+  // what ran out.
   void end(bool ok, std::exception_ptr thrown) {
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_hasEnded = true;
@@ -87,6 +96,7 @@ class Script {
 
   // ---- The first thread's
 
+  // Asked before a piece is fetched, which is done without the lock: nobody else adds any.
   bool wantsPiece() {
     const std::lock_guard<std::mutex> lock(m_mutex);
     return m_pieces.size() < kPiecesReady;
@@ -98,7 +108,8 @@ class Script {
     }
     m_pieceCame.notify_one();
   }
-  // False when the worker has nothing to do before it is given another piece.
+  // False when the worker has nothing to do before it is given another piece. Steps that are there come
+  // first, also behind the end: what was done is repeated up to where the worker stopped.
   bool take(Step& step) {
     std::unique_lock<std::mutex> lock(m_mutex);
     m_somethingCame.wait(lock,
@@ -113,12 +124,15 @@ class Script {
     m_roomCame.notify_one();
     return true;
   }
-  // Behind the step End: what the decompressor returned, or threw.
+  // Behind the step End: what the decompressor returned, or threw. No step follows it, so nothing here
+  // changes any more.
   bool result() {
     const std::lock_guard<std::mutex> lock(m_mutex);
     if (m_thrown) std::rethrow_exception(m_thrown);
     return m_ok;
   }
+  // Only as many are kept as the limit allows, and small ones not at all: for those the allocator is as
+  // fast.
   void giveBuffer(std::vector<char> buffer) {
     if (buffer.capacity() < kWorthKeeping) return;
     const std::lock_guard<std::mutex> lock(m_mutex);
@@ -126,6 +140,7 @@ class Script {
     m_kept += buffer.capacity();
     m_buffers.push_back(std::move(buffer));
   }
+  // Ends whatever the worker waits for. The first thread's way out, whether it has all it wanted or not.
   void stop() {
     {
       const std::lock_guard<std::mutex> lock(m_mutex);
@@ -154,7 +169,9 @@ class Script {
   std::exception_ptr m_thrown;
 };
 
-// What the decompressor sees. All of it belongs to the worker.
+// What the decompressor sees. All of it belongs to the worker. It answers as the source and the output of
+// the first thread would: the same pieces, cut at the same places, so that the decompressor makes the same
+// steps. It asks nobody whether to abort; when the first thread is told to, it stops the worker.
 class Recorder : public _mvDataSource, public _mvOutput {
  public:
   Recorder(Script& script, const LogBase& like) : m_script(script) { m_log.beginLike(like); }
@@ -172,10 +189,13 @@ class Recorder : public _mvDataSource, public _mvOutput {
     std::copy_n(bytes, numRead, buffer);
     return true;
   }
+  // m_at may become negative: the bytes of the piece before stand in front of each.
   void takeBack(unsigned n) override {
     m_at -= n;
     record(Step::TakeBack, n);
   }
+  // The bytes are copied, because they are the decompressor's and will be others by the time the first
+  // thread comes to them. False once stopped, which the decompressor takes for a refusal and ends.
   bool _writeBytes(const char* bytes, unsigned n, _mvIoParams&, LogBase&) override {
     Step step;
     step.kind = Step::Write;
@@ -191,7 +211,8 @@ class Recorder : public _mvDataSource, public _mvOutput {
   long long ftell64() override { return -1; }
 
  private:
-  // As AheadSource does it, from the same pieces.
+  // As AheadSource does it, from the same pieces. A read that the source failed is recorded too: the first
+  // thread meets the failure in its turn, with its line in the log.
   bool handOut(Step::Kind kind, unsigned most, const char*& bytes, unsigned& n) {
     n = 0;
     if (!m_piece || (m_at == m_piece->size && !m_piece->isLast())) {
@@ -212,6 +233,8 @@ class Recorder : public _mvDataSource, public _mvOutput {
     step.n = n;
     add(std::move(step));
   }
+  // Lines that were logged since the last step go along with this one, so that the first thread tells them
+  // at the same place.
   void add(Step step) {
     if (!m_log.isEmpty()) {
       step.log = std::make_unique<HeldLog>();
@@ -227,11 +250,13 @@ class Recorder : public _mvDataSource, public _mvOutput {
   long long m_at = 0;
 };
 
-// The worker, from its making to its end.
+// The worker, from its making to its end. Members stand in the order in which they need each other: the
+// thread last, because it uses all that is above it.
 class Worker {
  public:
   Worker(Decode decode, const CodecOptions& options, const LogBase& like)
       : m_decode(decode), m_options(options), m_recorder(m_script, like) {}
+  // Stopped first, or the join could wait for a worker that waits for room.
   ~Worker() {
     m_script.stop();
     m_thread.join();
@@ -244,13 +269,15 @@ class Worker {
     return m_thread.start([this] { run(); });
   }
   Script& script() { return m_script; }
+  // Lines behind the last step come before the result, as they would from the decompressor itself.
   bool end(LogBase& log) {
     m_recorder.log().tellTo(log);
     return m_script.result();
   }
 
  private:
-  // Memory that runs out in here, for a step too, is told like any failure.
+  // Memory that runs out in here, for a step too, is told like any failure. It has no monitor, and so asks
+  // nothing of the application.
   void run() {
     bool ok = false;
     std::exception_ptr thrown;
@@ -269,7 +296,9 @@ class Worker {
   WorkerThread m_thread;
 };
 
-// Does again what the worker did. False ends the run.
+// Does again what the worker did. False ends the run. A read is always a lending here, because the bytes
+// themselves have been used already: what counts is that the source moves, is counted and asks whether to
+// abort.
 bool repeat(const Step& step, _mvDataSource& heard, _mvOutput& out, ProgressMonitor* pm, LogBase& log) {
   const char* bytes = nullptr;
   unsigned n = 0;
@@ -291,6 +320,9 @@ bool repeat(const Step& step, _mvDataSource& heard, _mvOutput& out, ProgressMoni
 
 }  // namespace
 
+// Where the size is known the caller has seen that it is worth a thread, which is started at once; else the
+// calling thread begins by itself. Whatever is left unfinished here, behind a refusal or an exception, the
+// end of `worker` stops.
 bool expandAhead(Decode decode, AheadSource& ahead, _mvDataSource& heard, _mvOutput& out,
                  const CodecOptions& options, const Io& io) {
   Worker worker(decode, options, io.log);
@@ -310,6 +342,7 @@ bool expandAhead(Decode decode, AheadSource& ahead, _mvDataSource& heard, _mvOut
   }
   Step step;
   while (true) {
+    // Before a step is repeated, so that the worker has something to do meanwhile.
     while (script.wantsPiece() && ahead.mayFetch(kMostRead)) script.addPiece(ahead.fetch());
     // A read that may wait is left until everything is done that could be done without it.
     if (!script.take(step)) {
@@ -317,6 +350,7 @@ bool expandAhead(Decode decode, AheadSource& ahead, _mvDataSource& heard, _mvOut
       continue;
     }
     if (step.kind == Step::End) return worker.end(io.log);
+    // What the first decompressor did has had its effects; its lines were told then, too.
     if (done > 0) {
       --done;
     } else if (!repeat(step, heard, out, io.monitor, io.log)) {

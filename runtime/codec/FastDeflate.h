@@ -10,7 +10,7 @@ class DataBuffer;
 
 // One stream at a time. What comes out is raw deflate (RFC 1951) that any inflater reads, but other bytes
 // than zlib's for the same input: an archive written with it cannot be compared byte for byte with one
-// written without.
+// written without. For MorvaneDeflate and GzipBlocks, which take zlib where there is none.
 class FastDeflate {
  public:
   FastDeflate();
@@ -18,7 +18,7 @@ class FastDeflate {
   FastDeflate(const FastDeflate&) = delete;
   FastDeflate& operator=(const FastDeflate&) = delete;
 
-  // Whether this build has one.
+  // Whether this build has one. The same answer for the life of the process.
   static bool isAvailable();
   // Level 1 (fastest) to 3. False when there is no memory. A stream begun before is given up. Called only
   // where isAvailable() says true.

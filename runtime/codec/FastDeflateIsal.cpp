@@ -11,7 +11,8 @@ namespace morvane {
 
 namespace {
 
-// What comes out at a time, appended to the buffer of the caller and then used again.
+// What comes out at a time, appended to the buffer of the caller and then used again. It need not hold all
+// that becomes of an input: the loop below comes back for the rest.
 constexpr unsigned kOut = 64 * 1024;
 
 // igzip works in memory that the caller supplies, and each level has a size of its own. Level 0 of igzip is
@@ -58,7 +59,8 @@ FastDeflate::~FastDeflate() = default;
 bool FastDeflate::isAvailable() { return true; }
 
 // `new` without exceptions, because the caller has one message for every way in which a compressor can fail
-// to begin.
+// to begin. Memory of the right size is used again, because blocks of an archive begin many streams of one
+// level.
 bool FastDeflate::begin(int level) {
   const unsigned size = workspaceFor(level);
   if (!m_engine || m_engine->level != level) {
@@ -76,6 +78,7 @@ bool FastDeflate::begin(int level) {
   return true;
 }
 
+// The library copies the dictionary, and does not write to it; its interface merely lacks the const.
 bool FastDeflate::beginBehind(int level, const unsigned char* before, unsigned n) {
   if (!begin(level)) return false;
   auto* const dictionary = const_cast<unsigned char*>(before);
@@ -89,7 +92,8 @@ bool FastDeflate::run(const unsigned char* bytes, unsigned n, bool last, DataBuf
   return m_engine->run(bytes, n, to) && (!last || stream.internal_state.state == ZSTATE_END);
 }
 
-// The flush ends at a byte, with the engine ready for the next header.
+// The flush ends at a byte, with the engine ready for the next header. A sync flush is an empty stored
+// block (RFC 1951, 3.2.4), which fills up the last byte.
 bool FastDeflate::runBlock(const unsigned char* bytes, unsigned n, bool last, DataBuffer& to) {
   m_engine->stream.flush = last ? NO_FLUSH : SYNC_FLUSH;
   return run(bytes, n, last, to) && (last || m_engine->stream.internal_state.state == ZSTATE_NEW_HDR);

@@ -4,6 +4,7 @@
 
 namespace morvane {
 
+// Empty, because the pointer to it needs a complete type to be destroyed.
 struct FastDeflate::Engine {};
 
 FastDeflate::FastDeflate() = default;

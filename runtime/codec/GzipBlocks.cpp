@@ -17,6 +17,8 @@ namespace morvane {
 
 namespace {
 
+// Some milliseconds of work: enough to be worth a thread, and little enough that a few megabytes of archive
+// keep several busy. The dictionary is all that deflate can look back at (RFC 1951, section 2).
 constexpr unsigned kBlock = 256 * 1024;
 constexpr unsigned kDictionary = 32 * 1024;
 
@@ -30,7 +32,8 @@ class ZlibBlocks {
   ZlibBlocks(const ZlibBlocks&) = delete;
   ZlibBlocks& operator=(const ZlibBlocks&) = delete;
 
-  // As FastDeflate::beginBehind. The level is the same each time.
+  // As FastDeflate::beginBehind. The level is the same each time. A reset fails for a stream that was never
+  // begun alone, so its result is not looked at.
   bool beginBehind(int level, const unsigned char* before, unsigned n) {
     constexpr int kRawDeflate = -15, kDefaultMemory = 8;
     if (!m_isBegun) {
@@ -44,7 +47,9 @@ class ZlibBlocks {
     return n == 0 || deflateSetDictionary(&m_stream, before, n) == Z_OK;
   }
 
-  // As FastDeflate::runBlock. What is left over with room to spare is nothing.
+  // As FastDeflate::runBlock. What is left over with room to spare is nothing. zlib asks to be called again
+  // with the same flush while it leaves no room. Z_BUF_ERROR says then that nothing was left, and is no
+  // failure.
   bool runBlock(const unsigned char* bytes, unsigned n, bool last, DataBuffer& to) {
     unsigned char out[16 * 1024];
     m_stream.next_in = const_cast<unsigned char*>(bytes);
@@ -63,9 +68,12 @@ class ZlibBlocks {
   bool m_isBegun = false;
 };
 
+// A part of one deflate stream: blocks that end at a byte's end can stand one behind the other, and the
+// last one alone ends the stream.
 class GzipBlock : public OrderedRing::Job {
  public:
-  // The first 32 KiB of the buffer are the end of the block before.
+  // The first 32 KiB of the buffer are the end of the block before. They are copied, so that a block is
+  // compressed without a look at any other.
   void begin(int fastLevel, const GzipBlock* before) {
     if (!m_bytes) m_bytes = std::make_unique<unsigned char[]>(kDictionary + kBlock);
     m_fastLevel = fastLevel;
@@ -79,9 +87,12 @@ class GzipBlock : public OrderedRing::Job {
     m_size += n;
     return n;
   }
+  // A full block is held until more comes (see BlockwiseEncoder), so that the last one is known as such.
   bool isFull() const { return m_size == kBlock; }
   void end(bool last) { m_last = last; }
 
+  // The checksum is computed here too, side by side with that of other blocks. Levels are those of
+  // MorvaneDeflate, so that the word FastDeflate means the same with any number of threads.
   void work() override {
     m_out.weakClear();
     m_crc.beginStream();
@@ -99,6 +110,7 @@ class GzipBlock : public OrderedRing::Job {
  private:
   unsigned char* data() { return m_bytes.get() + kDictionary; }
 
+  // Both engines have the same two functions, and the same two ways to fail.
   template <class Engine>
   const char* compress(Engine& engine, int level) {
     const unsigned n = m_hasDictionary ? kDictionary : 0;
@@ -120,6 +132,7 @@ class GzipBlock : public OrderedRing::Job {
   const char* m_failure = nullptr;
 };
 
+// The member around the blocks: header, trailer, and the checksum of all of them.
 class GzipBlockEncoder : public BlockwiseEncoder<GzipBlock, int> {
  public:
   using BlockwiseEncoder::BlockwiseEncoder;
@@ -131,7 +144,8 @@ class GzipBlockEncoder : public BlockwiseEncoder<GzipBlock, int> {
   }
 
  protected:
-  // The sum of two pieces follows from theirs.
+  // The sum of two pieces follows from theirs. So no thread has to go over all the data. Blocks come in
+  // their order, on which the sum depends.
   void onTaken(const GzipBlock& block) override {
     m_crc = static_cast<unsigned>(crc32_combine(m_crc, block.crc(), static_cast<z_off_t>(block.size())));
   }

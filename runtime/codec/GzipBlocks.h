@@ -1,4 +1,4 @@
-// gzip written by several threads.
+// gzip written by several threads. One thread writes by GzipEncoder (Codec.cpp) instead.
 #pragma once
 
 #include <memory>

@@ -11,6 +11,7 @@ struct Io;
 // give equal files.
 bool writeGzipHeader(_mvOutput& out, const Io& io);
 // CRC-32 and size modulo 2^32 of the uncompressed data, little-endian. In this order, eight bytes in all.
+// False when the output refuses them.
 bool writeGzipTrailer(_mvOutput& out, unsigned crc32, unsigned size, const Io& io);
 
 // Reads a member's header with its optional fields, and stands behind it. False, with the reason in the log,

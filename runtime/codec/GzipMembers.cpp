@@ -87,6 +87,7 @@ bool inflateGzipMembers(_mvDataSource& source, _mvOutput& out, const CodecOption
   }
   bool another = true;
   while (another) {
+    // Anew for each member, because each has a trailer of its own.
     CheckedOutput checked(out);
     if (!MorvaneDeflate::inflateFromSourcePM(false, source, checked, false, io.monitor, io.log)) return false;
     if (!checkTrailer(source, checked, options.verifyGzip, io)) return false;

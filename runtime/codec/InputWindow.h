@@ -1,5 +1,5 @@
 // The bytes of a source as a decompressor takes them: large pieces, and what was not used given back at the
-// end.
+// end. For the decoders of this room and nobody else.
 #pragma once
 
 #include <memory>
@@ -12,7 +12,8 @@ namespace morvane {
 
 // A source that lends its bytes is read without a copy, and what a decompressor took too much goes back to
 // it. Any other is read through a buffer, made with the first piece, and what was taken too much of it is
-// lost: so far does every decompressor promise where it leaves its source.
+// lost: so far does every decompressor promise where it leaves its source. One for a run of a decoder, on
+// its stack.
 class InputWindow {
  public:
   // Nothing is read yet. Both must outlive it.
@@ -35,10 +36,13 @@ class InputWindow {
   }
 
  private:
-  // No more than this is taken in between two questions whether to abort, whatever comes out of it.
+  // No more than this is taken in between two questions whether to abort, whatever comes out of it. It is
+  // also the size of the buffer for a source that does not lend.
   static constexpr unsigned kPiece = 64 * 1024;
 
+  // Neither is owned.
   _mvDataSource& m_source;
+  // Whom the source is to ask and tell.
   const Io& m_io;
   // Whether the source lends is asked once: it does not change.
   const bool m_lends;

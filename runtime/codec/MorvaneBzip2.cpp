@@ -15,6 +15,7 @@ namespace morvane {
 
 namespace {
 
+// Of each of the two below; what becomes of a block takes several of them.
 constexpr unsigned kBuffer = 64 * 1024;
 
 }  // namespace
@@ -37,6 +38,7 @@ struct MorvaneBzip2::Compressor {
   }
 
   // A stream that is being compressed is given up. Block size 9, silent, the library's own work factor.
+  // With work factor 0 the library falls back to a slower way only for data that repeat a lot.
   bool begin() {
     end();
     stream = bz_stream{};
@@ -55,6 +57,7 @@ struct MorvaneBzip2::Compressor {
       stream.next_out = out;
       stream.avail_out = kBuffer;
       const int state = BZ2_bzCompress(&stream, action);
+      // Negative codes are failures; the others say how far it is.
       if (state < 0) return false;
       if (!to.append(out, kBuffer - stream.avail_out)) throw std::bad_alloc();
       if (action == BZ_FINISH ? state == BZ_STREAM_END : stream.avail_in == 0) return true;
@@ -103,6 +106,7 @@ bool MorvaneBzip2::EndCompress(DataBuffer& out, LogBase& log, ProgressMonitor* p
   return ok || Io(log, pm).fail(kBzip2Failed);
 }
 
+// The loop over streams is shared with the way of several threads; here libbzip2 alone expands them.
 bool MorvaneBzip2::DecompressStream(_mvDataSource& source, _mvOutput& out, LogBase& log,
                                     ProgressMonitor* pm) {
   LibBzip2Stream stream;

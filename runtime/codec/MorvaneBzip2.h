@@ -9,7 +9,7 @@ namespace morvane {
 
 // The largest blocks there are, and what the bzip2 command writes.
 constexpr int kBzip2BlockSize100k = 9;
-// Why a compressor cannot begin, and why it cannot go on.
+// Why a compressor cannot begin, and why it cannot go on. For one thread and for several.
 constexpr char kNoMemoryForBzip2[] = "Out of memory for bzip2 compression.";
 constexpr char kBzip2Failed[] = "bzip2 compression failed.";
 
@@ -19,8 +19,8 @@ class ProgressMonitor;
 class _mvDataSource;
 class _mvOutput;
 
-// An object compresses one stream at a time; decompressing keeps nothing in it. It may be used by one thread
-// at a time.
+// An object compresses one stream at a time; decompressing keeps nothing in it. It may be used by one
+// thread at a time. Compressing takes 7.6 MB, expanding 4.
 class MORVANE_API MorvaneBzip2 {
  public:
   MorvaneBzip2();
@@ -33,7 +33,8 @@ class MORVANE_API MorvaneBzip2 {
   bool BeginCompress(const DataBuffer& in, DataBuffer& out, LogBase& log, ProgressMonitor* pm);
   // Pieces of any size; nothing is kept of `in` itself.
   bool MoreCompress(const DataBuffer& in, DataBuffer& out, LogBase& log, ProgressMonitor* pm);
-  // Without a Begin before it, or behind another End, it fails.
+  // Without a Begin before it, or behind another End, it fails. The library's memory is given back in any
+  // case.
   bool EndCompress(DataBuffer& out, LogBase& log, ProgressMonitor* pm);
 
   // Decompresses all consecutive bzip2 streams of the source (parallel compressors write many). Bytes behind

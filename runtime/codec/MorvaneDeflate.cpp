@@ -58,9 +58,10 @@ struct MorvaneDeflate::Compressor {
     return begun;
   }
 
-  // zlib has taken all input once it leaves room in the output; that it then had nothing to do (Z_BUF_ERROR)
-  // is no failure. Memory that runs out in the caller's buffer is thrown, so that the frame of the method
-  // calls it what it is.
+  // zlib has taken all input once it leaves room in the output; that it then had nothing to do
+  // (Z_BUF_ERROR) is no failure. Memory that runs out in the caller's buffer is thrown, so that the frame
+  // of the method calls it what it is. Of zlib's results Z_STREAM_ERROR alone is a failure: it says that
+  // the stream's state makes no sense.
   bool run(const unsigned char* bytes, unsigned n, int flush, DataBuffer& to) {
     if (usesFast) return fast.run(bytes, n, flush == Z_FINISH, to);
     stream.next_in = const_cast<unsigned char*>(bytes);

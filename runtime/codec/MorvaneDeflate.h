@@ -17,8 +17,9 @@ class ProgressMonitor;
 class _mvDataSource;
 class _mvOutput;
 
-// An object compresses one stream at a time and holds some hundred KiB while it does; inflating keeps nothing
-// in it. It may be used by one thread at a time.
+// An object compresses one stream at a time and holds some hundred KiB while it does; inflating keeps
+// nothing in it. It may be used by one thread at a time. gzip's framing is put around it elsewhere
+// (GzipFormat).
 class MORVANE_API MorvaneDeflate {
  public:
   MorvaneDeflate();
@@ -26,8 +27,8 @@ class MORVANE_API MorvaneDeflate {
   MorvaneDeflate(const MorvaneDeflate&) = delete;
   MorvaneDeflate& operator=(const MorvaneDeflate&) = delete;
 
-  // For the next Begin: 0 is zlib's default level, 1 (fastest) to 3 trade size for speed. Where the build has
-  // FastDeflate, levels 1 to 3 are its; elsewhere zlib's.
+  // For the next Begin: 0 is zlib's default level, 1 (fastest) to 3 trade size for speed. Where the build
+  // has FastDeflate, levels 1 to 3 are its; elsewhere zlib's. No other number may be given.
   void setFast(int level) { m_fastLevel = level; }
 
   // Begin, any number of More, End; each takes the whole input and appends what became ready of the output,
@@ -37,7 +38,8 @@ class MORVANE_API MorvaneDeflate {
   bool BeginCompress(const DataBuffer& in, DataBuffer& out, LogBase& log, ProgressMonitor* pm);
   // Pieces of any size; nothing is kept of `in` itself.
   bool MoreCompress(const DataBuffer& in, DataBuffer& out, LogBase& log, ProgressMonitor* pm);
-  // Without a Begin before it, or behind another End, it fails.
+  // Without a Begin before it, or behind another End, it fails. The library's memory is given back in any
+  // case.
   bool EndCompress(DataBuffer& out, LogBase& log, ProgressMonitor* pm);
 
   // Inflates the deflate stream at the source's position into the output. Stops behind the stream's last byte

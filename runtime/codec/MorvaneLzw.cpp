@@ -50,7 +50,8 @@ class CodeReader {
     return true;
   }
 
-  // Passes over the rest of the group that the last code stands in.
+  // Passes over the rest of the group that the last code stands in. What stands there is the encoder's
+  // padding.
   bool skipGroup(unsigned width) {
     unsigned ignored;
     while (m_codesInGroup != 0) {
@@ -100,7 +101,8 @@ class CodeReader {
   }
 
  private:
-  // Little-endian whatever the processor, because codes begin at the low bits of a byte.
+  // Little-endian whatever the processor, because codes begin at the low bits of a byte. By memcpy, because
+  // the bytes may begin at any address.
   static uint64_t load64(const unsigned char* at) {
     uint64_t bytes;
     std::memcpy(&bytes, at, sizeof bytes);
@@ -237,8 +239,9 @@ class LzwDecoder {
     m_largestCode = (1u << kFirstWidth) - 1;
   }
 
-  // With a maximum of 9 bits the width still grows to 10 once the table is full, as in every decoder of this
-  // format.
+  // With a maximum of 9 bits the width still grows to 10 once the table is full, as in every decoder of
+  // this format. The limit of the last width is one that a full table does not pass, so that no other
+  // follows it.
   bool widen() {
     if (!m_codes.skipGroup(m_width)) return false;
     ++m_width;

@@ -11,8 +11,8 @@ class _mvIoParams;
 class _mvOutput;
 
 // As ncompress and gzip read it: with block mode (the clear code) and without, the groups of eight codes
-// whose rest is passed over when the width changes, and the string behind a clear that takes the clear code's
-// place.
+// whose rest is passed over when the width changes, and the string behind a clear that takes the clear
+// code's place. There is no compressor: such archives are still met, and no longer made.
 struct MORVANE_API MorvaneLzw {
   // Decompresses from the source's position to its end. Data that end inside a code, or inside the padding
   // behind a change of the code width, are simply over: the format has no end mark. False, with the reason in

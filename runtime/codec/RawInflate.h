@@ -5,11 +5,13 @@
 
 namespace morvane {
 
-// One stream, one thread. What the data state makes it allocate nothing: a window of 32 KiB is all there is.
+// One stream, one thread. However hostile the data, no more is allocated than a window of 32 KiB and the
+// library's tables. MorvaneDeflate is the only user.
 class RawInflate {
  public:
   // GoesOn: it needs more input, or more room. Finished: the stream's last block has ended, and all of it
-  // came out. Damaged: these bytes are no deflate data, and the object is of no further use.
+  // came out. Damaged: these bytes are no deflate data, and the object is of no further use. What was
+  // produced counts in each of the three.
   enum class State { GoesOn, Finished, Damaged };
 
   RawInflate();
@@ -17,15 +19,15 @@ class RawInflate {
   RawInflate(const RawInflate&) = delete;
   RawInflate& operator=(const RawInflate&) = delete;
 
-  // False when there is no memory.
+  // False when there is no memory. A stream that was begun before is given up.
   bool begin();
   // The bytes are not copied and must stay until they are used up; what was left of the input before is
   // forgotten.
   void setInput(const char* bytes, unsigned n);
   // Input bytes not used yet. Behind a finished stream these may be up to 8 more than the last input held.
   unsigned inputLeft() const;
-  // Inflates into the buffer and says how much. A step that neither used input nor produced output needs more
-  // input.
+  // Inflates into the buffer and says how much. A step that neither used input nor produced output needs
+  // more input. Throws std::bad_alloc where the library wants memory and there is none.
   State step(char* out, unsigned room, unsigned& produced);
 
  private:

@@ -15,6 +15,7 @@ struct RawInflate::Engine {
 RawInflate::RawInflate() = default;
 RawInflate::~RawInflate() = default;
 
+// isal_inflate_init sets raw deflate, which is what is wanted here.
 bool RawInflate::begin() {
   m_engine.reset(new (std::nothrow) Engine());
   if (!m_engine) return false;

@@ -19,6 +19,7 @@ struct RawInflate::Engine {
 RawInflate::RawInflate() = default;
 RawInflate::~RawInflate() = default;
 
+// Without exceptions, because the caller has one message for whatever memory is missing.
 bool RawInflate::begin() {
   constexpr int kRawDeflate = -15;  // the largest window, no framing
   m_engine.reset(new (std::nothrow) Engine());

@@ -19,6 +19,7 @@ namespace morvane {
 
 namespace {
 
+// Of output, in both directions; input comes in the pieces of InputWindow.
 constexpr size_t kPiece = 128 * 1024;
 constexpr unsigned kDefaultLevel = 6, kHighestLevel = 9;  // as the library's own programs have them
 
@@ -28,9 +29,12 @@ struct Stream {
   lzma_stream state = LZMA_STREAM_INIT;
 };
 
+// One stream (.xz file format, section 2) with one block or, where threads compress, with as many as it
+// takes.
 class XzEncoder : public Encoder {
  public:
-  // `threads` 0 compresses in the calling thread, into one block.
+  // `threads` 0 compresses in the calling thread, into one block. With a preset of its own the library
+  // fails to begin for lack of memory alone.
   XzEncoder(long long level, unsigned threads) : m_out(kPiece), m_hasThreads(threads > 0) {
     const auto chosen =
         level == 0 ? kDefaultLevel : static_cast<unsigned>(std::min<long long>(level, kHighestLevel));
@@ -39,6 +43,7 @@ class XzEncoder : public Encoder {
     if (begun != LZMA_OK) throw std::bad_alloc();
   }
 
+  // The library takes all of the input before this returns, because the bytes are the caller's.
   bool add(const unsigned char* bytes, unsigned n, DataBuffer& ready, const Io& io) override {
     m_stream.state.next_in = bytes;
     m_stream.state.avail_in = n;
@@ -50,6 +55,7 @@ class XzEncoder : public Encoder {
     return true;
   }
 
+  // The library says LZMA_OK until the end of the stream has come out.
   bool finish(DataBuffer& ready, const Io& io) override {
     lzma_ret result = LZMA_OK;
     while ((result = run(LZMA_FINISH, ready)) == LZMA_OK) {
@@ -62,7 +68,9 @@ class XzEncoder : public Encoder {
   // Blocks of three times the dictionary, whose size the preset alone decides, and so the bytes. Fewer
   // threads where they would take more than a gigabyte. The library blocks all signals in its threads.
   lzma_ret beginThreads(unsigned preset, unsigned threads) {
+    // At the highest level a thread takes more than this by itself; then there is one of them all the same.
     constexpr uint64_t kMostMemory = 1024ULL * 1024 * 1024;
+    // As often as an application is asked by default whether to abort (AbortCheckMs).
     constexpr uint32_t kMostWaitMs = 100;
     lzma_mt options{};
     options.preset = preset;
@@ -83,6 +91,8 @@ class XzEncoder : public Encoder {
     return false;
   }
 
+  // One call of the library, whose output is brought to `ready`. LZMA_BUF_ERROR, for a call that could do
+  // nothing, is not met: there is always room, and input or an end.
   lzma_ret run(lzma_action action, DataBuffer& ready) {
     m_stream.state.next_out = m_out.data();
     m_stream.state.avail_out = m_out.size();
@@ -97,6 +107,7 @@ class XzEncoder : public Encoder {
   const bool m_hasThreads;
 };
 
+// What a person is told. Only results that the decoder gives are here.
 const char* reasonOf(lzma_ret result, bool anyInput) {
   switch (result) {
     case LZMA_FORMAT_ERROR:
@@ -127,8 +138,10 @@ std::unique_ptr<Encoder> makeXzEncoder(const CodecOptions& options) {
 
 // The library's decoder with threads (lzma_stream_decoder_mt) would expand blocks side by side. It is not
 // taken, because how far it reads in front of what comes out depends on how its threads happen to run: so
-// would events, MaxRatio, and how much of a source is read before the first member. It knows no .lzma, has no
-// effect on streams of one block, and holds whole blocks.
+// would events, MaxRatio, and how much of a source is read before the first member. It knows no .lzma, has
+// no effect on streams of one block, and holds whole blocks. Joined streams and the zero bytes between them
+// are part of the format (.xz, section 2.2): LZMA_CONCATENATED has the library read them to the end of the
+// data.
 bool decodeXz(_mvDataSource& source, _mvOutput& out, const CodecOptions& options, const Io& io) {
   constexpr long long kMostByDefault = 256LL * 1024 * 1024;
   // The decoder takes some hundred kilobytes beside the dictionary.
@@ -142,6 +155,7 @@ bool decodeXz(_mvDataSource& source, _mvOutput& out, const CodecOptions& options
   InputWindow input(source, io);
   bool anyInput = false, atEnd = false;
   while (true) {
+    // Only when all input is used: what comes out of one piece may take many rounds.
     if (stream.state.avail_in == 0 && !atEnd) {
       const char* bytes = nullptr;
       unsigned n = 0;
@@ -157,6 +171,7 @@ bool decodeXz(_mvDataSource& source, _mvOutput& out, const CodecOptions& options
     result = lzma_code(&stream.state, atEnd ? LZMA_FINISH : LZMA_RUN);
     const size_t produced = buffer.size() - stream.state.avail_out;
     const char* const bytes = reinterpret_cast<const char*>(buffer.data());
+    // What came out in front of damage is written as well: a member keeps what had arrived.
     if (produced > 0 && !out.writeBytesPM(bytes, static_cast<unsigned>(produced), io.monitor, io.log))
       return false;
     if (result == LZMA_STREAM_END) return true;

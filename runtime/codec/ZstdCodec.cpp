@@ -27,20 +27,25 @@ constexpr int kFirstSlowLevel = 13;
 // Beyond it, levels differ by windows that no job of a second could fill: they are for one thread.
 constexpr int kLastLevelWithWorkers = 19;
 
+// Beyond the library's highest level there is none; what it calls its default is 0 here, too.
 int chosenLevel(const CodecOptions& options) {
   return options.level == 0 ? kDefaultLevel
                             : static_cast<int>(std::min<long long>(options.level, ZSTD_maxCLevel()));
 }
 
-// So many take about a gigabyte: a worker has windows, tables and input of its own.
+// So many take about a gigabyte: a worker has windows, tables and input of its own. From level 9 on these
+// are some three times as large.
 unsigned mostWorkers(int level) {
   constexpr int kFirstLargeTables = 9;
   return level < kFirstLargeTables ? 40 : 12;
 }
 
+// One frame (RFC 8878, 3.1.1), whatever its size, compressed as the pieces come.
 class ZstdEncoder : public Encoder {
  public:
-  // `workers` 0 compresses in the calling thread.
+  // `workers` 0 compresses in the calling thread. Results of setParameter are not looked at, because these
+  // values are always in range; a library without threads refuses those that are about threads, and has
+  // none then.
   ZstdEncoder(int level, unsigned workers)
       : m_context(ZSTD_createCCtx(), ZSTD_freeCCtx),
         m_out(workers > 0 ? kPieceOfWorkers : ZSTD_CStreamOutSize()),
@@ -52,9 +57,12 @@ class ZstdEncoder : public Encoder {
     if (m_hasWorkers) beginWorkers(level, workers);
   }
 
+  // The library may take a part only, while its workers are busy; the rest waits here, because the bytes
+  // are the caller's.
   bool add(const unsigned char* bytes, unsigned n, DataBuffer& ready, const Io& io) override {
     ZSTD_inBuffer in{bytes, n, 0};
     while (in.pos < in.size) {
+      // Not looked at: what is still inside comes out later.
       size_t left = 0;
       if (!run(in, ZSTD_e_continue, left, ready, io)) return false;
       if (in.pos < in.size && !mayWait(io)) return false;
@@ -62,6 +70,7 @@ class ZstdEncoder : public Encoder {
     return true;
   }
 
+  // `left` is 0 once the frame's end has come out.
   bool finish(DataBuffer& ready, const Io& io) override {
     ZSTD_inBuffer none{nullptr, 0, 0};
     for (size_t left = 1; left > 0;) {
@@ -103,7 +112,8 @@ class ZstdEncoder : public Encoder {
   // Jobs come back in pieces; in between this is asked.
   bool mayWait(const Io& io) const { return !m_hasWorkers || !isAbortedWhileWaiting(io); }
 
-  // One call of the library; `left` tells how much it still holds back at least.
+  // One call of the library; `left` tells how much it still holds back at least. The name of an error is
+  // the library's own English text.
   bool run(ZSTD_inBuffer& in, ZSTD_EndDirective directive, size_t& left, DataBuffer& ready, const Io& io) {
     ZSTD_outBuffer out{m_out.data(), m_out.size(), 0};
     left = ZSTD_compressStream2(m_context.get(), &out, &in, directive);
@@ -121,7 +131,8 @@ class ZstdEncoder : public Encoder {
   const bool m_hasWorkers;
 };
 
-// The largest window of 2^n bytes that a limit allows.
+// The largest window of 2^n bytes that a limit allows. The library takes its limit as that exponent (RFC
+// 8878, 3.1.1.1.2). A limit below the smallest window, 1 KiB, counts as that.
 int windowLogFor(long long bytes) {
   const ZSTD_bounds bounds = ZSTD_dParam_getBounds(ZSTD_d_windowLogMax);
   int log = bounds.lowerBound;
@@ -129,6 +140,7 @@ int windowLogFor(long long bytes) {
   return log;
 }
 
+// What a person is told; whatever has no words of its own here is damage.
 const char* reasonOf(size_t error) {
   switch (ZSTD_getErrorCode(error)) {
     case ZSTD_error_prefix_unknown:
@@ -156,6 +168,9 @@ std::unique_ptr<Encoder> makeZstdEncoder(const CodecOptions& options) {
   });
 }
 
+// Frames may stand one behind the other (RFC 8878, 3.1), and the library begins the next by itself. The
+// output is one buffer used again and again; the window is the library's own. The default limit is that of
+// the library's own programs.
 bool decodeZstd(_mvDataSource& source, _mvOutput& out, const CodecOptions& options, const Io& io) {
   constexpr long long kMostByDefault = 128LL * 1024 * 1024;
   const std::unique_ptr<ZSTD_DCtx, size_t (*)(ZSTD_DCtx*)> context(ZSTD_createDCtx(), ZSTD_freeDCtx);
@@ -168,6 +183,7 @@ bool decodeZstd(_mvDataSource& source, _mvOutput& out, const CodecOptions& optio
   size_t wanted = 1;  // 0: the last call ended a frame, and nothing of it is held back
   bool anyFrame = false;
   while (true) {
+    // Only when all input is used, because one piece may hold several frames.
     if (in.pos == in.size) {
       const char* bytes = nullptr;
       unsigned n = 0;

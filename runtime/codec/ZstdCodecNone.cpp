@@ -6,6 +6,7 @@ namespace morvane {
 
 namespace {
 
+// Said when an archive is to be written and when one is to be read.
 constexpr char kMissing[] = "This build has no zstd.";
 
 }  // namespace

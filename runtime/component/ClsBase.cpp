@@ -49,7 +49,8 @@ void ClsBase::putText(XString& property, std::string_view value) noexcept {
   changed();
 }
 
-// Parsed when the next method begins; the counter tells that they have to be.
+// Parsed when the next method begins; the counter tells that they have to be. It is counted behind the
+// setting, so that whoever saw the count finds these words or later ones.
 void ClsBase::put_UncommonOptions(XString& words) {
   CritSecExitor lock(*this);
   putText(m_uncommonOptions, words.str());
@@ -67,6 +68,7 @@ void ClsBase::get_UncommonOptions(XString& out) {
   out.copyFromX(m_uncommonOptions);
 }
 
+// The log itself holds the setting, so that code which has only the log can ask.
 bool ClsBase::get_VerboseLogging() { return m_log.verbose(); }
 
 // Without the lock, so that a run can be told while it goes on.
@@ -74,6 +76,7 @@ void ClsBase::put_VerboseLogging(bool verbose) { m_log.setVerbose(verbose); }
 
 void ClsBase::dotNetDispose() {}
 
+// A copy, because the path may be set again once the lock is released.
 void ClsBase::get_DebugLogFilePath(XString& out) {
   CritSecExitor lock(*this);
   out.copyFromX(m_debugLogFilePath);
@@ -88,7 +91,8 @@ void ClsBase::get_LogText(XString& out) {
   out = m_log.text();
 }
 
-// What was thrown wins: it ended the method, whatever had been logged before.
+// What was thrown wins: it ended the method, whatever had been logged before. The error line itself serves
+// where no reason followed it: it says at least what could not be done.
 void ClsBase::get_FailureCause(XString& path, XString& reason) {
   CritSecExitor lock(*this);
   const LogBase::Cause& cause = m_log.cause();
@@ -121,7 +125,8 @@ void ClsBase::logSuccessFailure(bool ok) {
 void ClsBase::logMorvaneVersion(LogBase& log) { log.LogData("morvaneVersion", MORVANE_TAR_VERSION); }
 
 // No failure of this is told anywhere: the method's own result must not depend on it. O_NONBLOCK, because
-// nobody may be reading a FIFO of that name.
+// nobody may be reading a FIFO of that name. O_APPEND lets several processes share a file, and O_NOCTTY
+// keeps a terminal of that name from becoming the process's own.
 void ClsBase::appendToDebugLogFile() {
   if (m_debugLogFilePath.isEmpty()) return;
   OsFile opened(

@@ -20,7 +20,8 @@ namespace morvane {
 // the object.
 class MORVANE_API ClsBase : public MorvaneCritSec {
  public:
-  // `className` must outlive the object; a string literal does.
+  // `className` must outlive the object; a string literal does. For derived classes, which bring the
+  // methods.
   explicit ClsBase(const char* className);
   ClsBase(const ClsBase&) = delete;
   ClsBase& operator=(const ClsBase&) = delete;
@@ -47,14 +48,18 @@ class MORVANE_API ClsBase : public MorvaneCritSec {
   // Where the finished log of each method is appended; empty (the default) appends it nowhere. A file that
   // cannot be opened or written is passed over silently.
   virtual void get_DebugLogFilePath(XString& out);
+  // Missing directories are not made. Several objects may name the same file: each of them appends.
   virtual void put_DebugLogFilePath(XString& path);
 
+  // The words as they were set, also while they are unusable.
   void get_UncommonOptions(XString& out);
-  // The log of the last public method; from a callback, that of the running one so far.
+  // The log of the last public method; from a callback, that of the running one so far. Empty before the
+  // first one. Another thread that asks waits for the running method's end.
   void get_LogText(XString& out);
 
   // Why the last method failed, in short: the path it is about (may be empty) and one line of text, the
-  // system's own reason where there is one. Both empty when no error was logged.
+  // system's own reason where there is one. Both empty when no error was logged. Both texts are UTF-8 and
+  // belong to the caller; what was in them is replaced.
   void get_FailureCause(XString& path, XString& reason);
 
   // How often, in milliseconds, an event is asked to abort inside a member's data. 0 switches off every check
@@ -67,26 +72,29 @@ class MORVANE_API ClsBase : public MorvaneCritSec {
   }
   // What a whole job counts as in ProgressEvent::onProgress. Default 100.
   int get_PercentScale() const { return m_percentScale; }
-  // 0 or less: no percentage is sent. Taken when a method begins.
+  // 0 or less: no percentage is sent. Taken when a method begins. Any int will do; a larger scale only
+  // brings more calls.
   void put_PercentScale(int scale) { m_percentScale = scale; }
 
-  // Opens a public method's context: the log of the previous method is discarded, the context always appears.
+  // Opens a public method's context: the log of the previous method is discarded, the context always
+  // appears. `name` must outlive the method.
   void enterContextBase(const char* name);
-  // Part of the frame; applications have no need of these.
+  // For the frame of a method, called under the lock; applications have no need of these.
   void logSuccessFailure(bool ok);
   void logMorvaneVersion(LogBase& log);
 
   // The component's own log, for code that writes into the object as an output (see ClsTar's streaming
-  // operations).
+  // operations). It is written by one thread at a time: that of the method or step which is running.
   _mvLogger& log() { return m_log; }
 
  protected:
   // False in an object that was destroyed, as far as that can be told.
   bool isAlive() const { return m_validity == kAlive; }
-  // Tells a run that goes on that a property was set.
+  // Tells a run that goes on that a property was set. To be called behind the setting.
   void changed() { m_changes.increment(); }
 
-  // Sets a text property, under the lock.
+  // Sets a text property, under the lock. The property must be a member that lives as long as the object,
+  // because it is remembered by its address.
   void putText(XString& property, std::string_view value) noexcept;
   // Whether a property has another value than it was given, for lack of memory.
   bool hasUnsetText() const { return m_unsetCount > 0; }
@@ -104,6 +112,7 @@ class MORVANE_API ClsBase : public MorvaneCritSec {
   friend class StepGuard;
   static constexpr unsigned kAlive = 0x4C495645;
 
+  // At the end of each method, under the lock, with the log complete.
   void appendToDebugLogFile();
 
   // kAlive until the destructor ran.
@@ -115,6 +124,8 @@ class MORVANE_API ClsBase : public MorvaneCritSec {
   std::atomic<std::thread::id> m_methodRunner{}, m_stepRunner{};
   const char* m_endedBy = nullptr;  // what was thrown in the last method, in words that take no memory
   static constexpr unsigned kTextProperties = 16;  // more than any class has
+  // Under the lock, as the texts themselves. Addresses, so that a property is found again when it is set
+  // after all.
   const XString* m_unset[kTextProperties] = {};
   unsigned m_unsetCount = 0;
 };

@@ -6,6 +6,7 @@ namespace morvane {
 // Writing the log takes memory too; what fails for lack of it here must not get out of the frame.
 
 // False for lack of memory alone: the method then does nothing and fails, with its cause told without any.
+// The thread is noted in any case, because `close` takes the mark away in any case.
 bool MethodFrame::open() noexcept {
   m_owner.m_methodRunner = std::this_thread::get_id();
   m_owner.m_endedBy = nullptr;

@@ -18,15 +18,15 @@
 namespace morvane {
 
 // How a method's context is opened and closed. The lines are part of what programs read in a log; so each
-// method keeps its form.
+// method keeps its form. It is chosen where the frame is made.
 enum class MethodForm {
   Judged,       // ends with a success or failure line
   Unjudged,     // ends without one
   WithVersion,  // starts with the library's version line and ends without a success or failure line
 };
 
-// Lives on the stack of the method, once a call. A method that must not run now is told by the thread that it
-// is called on: another thread waits for the lock instead.
+// Lives on the stack of the method, once a call. A method that must not run now is told by the thread that
+// it is called on: another thread waits for the lock instead. `run` is called once.
 class MORVANE_API MethodFrame {
  public:
   // `name` must outlive the method; a string literal does.
@@ -65,7 +65,8 @@ class MORVANE_API MethodFrame {
   }
 
  private:
-  // What a result says about success: the verdict in the log goes by it.
+  // What a result says about success: the verdict in the log goes by it. A count of 0 is a success: an
+  // archive may be empty.
   static bool succeeded(bool result) { return result; }
   static bool succeeded(int count) { return count >= 0; }
 
@@ -74,7 +75,7 @@ class MORVANE_API MethodFrame {
     const auto me = std::this_thread::get_id();
     return m_owner.m_methodRunner == me || m_owner.m_stepRunner == me;
   }
-  // Both write the log and keep what that throws.
+  // Both write the log and keep what that throws. False: the method's work is not begun.
   bool open() noexcept;
   // `what` goes into the log, `inShort` to get_FailureCause.
   void reportException(const char* what, const char* inShort) noexcept;
@@ -82,6 +83,7 @@ class MORVANE_API MethodFrame {
   static constexpr char kOutOfMemory[] = "Out of memory.";
   static constexpr char kException[] = "The method was ended by an exception.";
 
+  // Always called where the lock was taken and the call was not refused, behind a failed open too.
   void close(bool ok) noexcept;
 
   // Outlives the frame.
@@ -101,7 +103,8 @@ class MORVANE_API StepGuard {
   ~StepGuard();
   StepGuard(const StepGuard&) = delete;
   StepGuard& operator=(const StepGuard&) = delete;
-  // False: the step returns its failure and does nothing.
+  // False: the step returns its failure and does nothing. Explicit, so that it is asked in a condition and
+  // not counted with.
   explicit operator bool() const { return m_mayRun; }
 
  private:

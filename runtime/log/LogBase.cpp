@@ -33,7 +33,8 @@ void LogBase::writeLine(unsigned, const char*, unsigned) {}
 // A derived log that takes lines says so.
 bool LogBase::keepsLines() const { return false; }
 
-// The names of those that were entered since the last line, each at its own depth.
+// The names of those that were entered since the last line, each at its own depth. Each name is written
+// once, when the first line beneath it comes.
 void LogBase::showContexts() {
   // Contexts are shown from the outside in, so the shown ones are at the front.
   unsigned depth = contextDepth();
@@ -53,7 +54,9 @@ void LogBase::writeText(const char* text) {
   writeLine(contextDepth(), line.data(), static_cast<unsigned>(line.size()));
 }
 
-// The first error since the last context beside it is the cause; later ones tell of its consequences.
+// The first error since the last context beside it is the cause; later ones tell of its consequences. Where
+// it is not the first, path and reason that follow belong to it and not to the cause, which is therefore
+// closed.
 void LogBase::LogError(const char* text) {
   if (!keepsLines()) return;
   if (m_cause.message.empty())
@@ -64,12 +67,13 @@ void LogBase::LogError(const char* text) {
 }
 
 // Nothing is written: a caller that says in its own words what could not be done has the cause told all the
-// same.
+// same. It is closed at once, because no data line of it will follow.
 void LogBase::noteCause(const char* message, const char* path, const char* reason) {
   if (keepsLines() && m_cause.message.empty()) m_cause = {message, path, reason, contextDepth(), false};
 }
 
-// Path and reason belong to the cause while it is the latest error.
+// Path and reason belong to the cause while it is the latest error. They are kept as they came: only the
+// line is made safe, because whoever asks for the cause is a program.
 void LogBase::LogData(const char* tag, const char* value) {
   if (!keepsLines()) return;
   const std::string shown = shortened(value);
@@ -80,12 +84,15 @@ void LogBase::LogData(const char* tag, const char* value) {
   writeLine(contextDepth(), line.data(), static_cast<unsigned>(line.size()));
 }
 
+// The line was made safe when it was written into the log that held it.
 void LogBase::takeHeldLine(unsigned depth, const char* line, unsigned length) {
   if (!keepsLines()) return;
   showContexts();
   writeLine(contextDepth() + depth, line, length);
 }
 
+// Its depth was counted from that log's outermost context, which stands inside the open ones here. Data
+// lines that follow go on belonging to it if they would have there.
 void LogBase::takeHeldCause(const Cause& cause) {
   if (!keepsLines()) return;
   if (m_cause.message.empty()) {

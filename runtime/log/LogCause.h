@@ -5,10 +5,12 @@
 
 namespace morvane {
 
-// For code that reports to a person itself: `cause` has message, path and reason of the first error.
+// For code that reports to a person itself: `cause` has message, path and reason of the first error. The
+// command uses it; the library itself never does.
 class MORVANE_API LogCause : public LogBase {
  protected:
-  // So that causes are noted; the lines themselves go nowhere.
+  // So that causes are noted; the lines themselves go nowhere. The base asks this before it notes a cause,
+  // too.
   bool keepsLines() const override { return true; }
 };
 

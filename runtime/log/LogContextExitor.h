@@ -6,7 +6,8 @@
 
 namespace morvane {
 
-// A context whose scope logs nothing leaves no trace, so that one may be opened for every member.
+// A context whose scope logs nothing leaves no trace, so that one may be opened for every member. It lives
+// in the scope of the step it names. On the stack, so that contexts are closed in the reverse order.
 class LogContextExitor {
  public:
   // `enabled` false opens nothing: for contexts that only a verbose log has. The name must outlive the
@@ -18,6 +19,7 @@ class LogContextExitor {
   ~LogContextExitor() {
     if (m_log) m_log->leaveContext();
   }
+  // A copy would close the context twice.
   LogContextExitor(const LogContextExitor&) = delete;
   LogContextExitor& operator=(const LogContextExitor&) = delete;
 

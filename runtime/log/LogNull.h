@@ -5,7 +5,9 @@
 
 namespace morvane {
 
-// No text is built for it, and it has no cause of failures either.
+// No text is built for it, and it has no cause of failures either. For steps whose failure the caller
+// expects, and for questions that are asked again in earnest later. One may be made for each call; it costs
+// nothing.
 class MORVANE_API LogNull : public LogBase {};
 
 }  // namespace morvane

@@ -6,8 +6,8 @@
 
 namespace morvane {
 
-// DEL counts as one. Bytes from 0x80 on stay, for they are most often UTF-8; back slashes stay too, because a
-// log is read and not parsed back.
+// DEL counts as one. Bytes from 0x80 on stay, for they are most often UTF-8; back slashes stay too, because
+// a log is read and not parsed back. The result is up to four times as long.
 std::string logSafeText(const char* text) {
   std::string safe;
   for (; *text; ++text) {

@@ -21,7 +21,9 @@
 
 namespace morvane {
 
-// Used by one thread, as the pool is that does the work.
+// Used by one thread, as the pool is that does the work. It holds pointers only: jobs belong to whoever
+// hands them in, and stay where they are from submit to take. That each job goes in with the same rank
+// keeps the pool's list in the order of the ring.
 class OrderedRing {
  public:
   using Job = WorkerPool::Task;
@@ -34,7 +36,8 @@ class OrderedRing {
   bool isEmpty() const { return m_submitted == m_taken; }
   bool isFull() const { return underWay() == m_slots.size(); }
 
-  // Hands in the next job, where there is room.
+  // Hands in the next job, where there is room. `weight` is what WorkerPool::submit wants to know. Not
+  // while the ring is full: the slot of the oldest job would be overwritten.
   void submit(Job& job, size_t weight) {
     m_slots[m_submitted++ % m_slots.size()] = &job;
     m_pool.submit(job, 0, weight);
@@ -52,6 +55,7 @@ class OrderedRing {
  private:
   // Counts of jobs; the number of a job is its count.
   unsigned long long m_submitted = 0, m_taken = 0;
+  // A job's slot is its number modulo the slots, which no two jobs under way share.
   std::vector<Job*> m_slots;
   WorkerPool m_pool;
 };
@@ -70,6 +74,7 @@ class RingOf {
   bool oldestIsDone() { return m_ring.oldestIsDone(); }
 
   // The job that submit will hand in, with whatever its last use left in it. Not while the ring is full.
+  // The call has no effect until submit, and may be repeated: it is always the same job.
   JobType& next() { return m_jobs[m_next]; }
   void submit(size_t weight) {
     m_ring.submit(m_jobs[m_next], weight);
@@ -81,7 +86,8 @@ class RingOf {
  private:
   std::vector<JobType> m_jobs;
   size_t m_next = 0;
-  // Last: it waits for what is being done to the jobs.
+  // Behind m_jobs, so that it is destroyed before them: its destructor waits for workers that are still
+  // writing to a job.
   OrderedRing m_ring;
 };
 

@@ -8,6 +8,8 @@ namespace morvane {
 
 // Signals are the application's: their handlers run in its own threads, where it expects them. Those of a
 // fault cannot be put off and stay as they are. A new thread takes over what is blocked where it is made.
+// Where the mask cannot be set nothing is put back either: the thread is then made with the signals of its
+// maker.
 class SignalsBlocked {
  public:
   SignalsBlocked() {

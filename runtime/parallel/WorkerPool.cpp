@@ -15,10 +15,13 @@ namespace morvane {
 
 namespace {
 
-// What is worth a thread, which costs some ten microseconds to make and to end.
+// What is worth a thread, which costs some ten microseconds to make and to end. A small file is about ten
+// microseconds of work and a megabyte some ten milliseconds of compressing, so that either is several times
+// the cost.
 constexpr unsigned long long kTasksWorthWorkers = 32;
 constexpr size_t kBytesWorthWorkers = 1024 * 1024;
 
+// So that a number from an option word bounds memory, and not the other way round.
 constexpr long long kMostThreads = 64;
 
 long long processorsOfProcess() {
@@ -28,6 +31,8 @@ long long processorsOfProcess() {
   return sysconf(_SC_NPROCESSORS_ONLN);
 }
 
+// A limit that cannot be asked for counts as none: what it forbids fails where it is used, and is told
+// there.
 rlim_t limitOf(__rlimit_resource resource) {
   rlimit limit{};
   return getrlimit(resource, &limit) == 0 ? limit.rlim_cur : RLIM_INFINITY;
@@ -39,17 +44,22 @@ bool hasLittleMemory() { return limitOf(RLIMIT_AS) < 512UL * 1024 * 1024; }
 }  // namespace
 
 unsigned filesToSpare() {
+  // The larger part is the application's own, and what the work itself has open, such as the directories of
+  // a walk.
   constexpr rlim_t kOneOf = 16;
   return static_cast<unsigned>(std::min<rlim_t>(limitOf(RLIMIT_NOFILE) / kOneOf, kMostThreads));
 }
 
-// Nothing is asked of the system for one thread.
+// Nothing is asked of the system for one thread. The lower bound of std::clamp must not be above the upper
+// one, hence the inner max: a process that may open less than 32 files works in one thread.
 unsigned workerCount(long long threads) {
   if (threads == 1) return 0;
   if (threads == 0) threads = hasLittleMemory() ? 1 : processorsOfProcess();
   return static_cast<unsigned>(std::clamp(threads, 1LL, std::max<long long>(filesToSpare(), 1)) - 1);
 }
 
+// All workers together have some hundred items at a time. A task of less than four would be spent on waking
+// and locking, one of more than kMostItemsInTask would leave the others idle at the end of a small tree.
 unsigned itemsInTask(unsigned workers) {
   constexpr unsigned kFewest = 4, kForAll = 128;
   return std::clamp(kForAll / workers, kFewest, kMostItemsInTask);
@@ -57,6 +67,8 @@ unsigned itemsInTask(unsigned workers) {
 
 WorkerPool::Task::~Task() = default;
 
+// Taken off the list under the lock, so that no worker begins anything behind this. The threads are joined
+// outside of it, because each needs the lock to see that it has to stop.
 WorkerPool::~WorkerPool() {
   {
     const std::lock_guard<std::mutex> lock(m_mutex);
@@ -68,6 +80,8 @@ WorkerPool::~WorkerPool() {
 }
 
 // Fewer threads than wanted, or none, are no failure: the system may have no more to give, or forbid them.
+// One that did not start stays in the list as an empty object, which joins nothing. Memory may run out for
+// the list itself; the workers that stand by then do the work.
 void WorkerPool::startWorkers() {
   m_startTried = true;
   try {
@@ -80,6 +94,8 @@ void WorkerPool::startWorkers() {
   }
 }
 
+// The place is looked for from the end, because that is where a task belongs as a rule: those of a ring
+// have all the same rank. What may throw comes before the task is changed.
 void WorkerPool::submit(Task& task, unsigned rank, size_t weight) {
   bool wake = false;
   {
@@ -94,6 +110,7 @@ void WorkerPool::submit(Task& task, unsigned rank, size_t weight) {
   // Outside the lock, so that who is woken need not wait for it.
   if (wake) m_workCame.notify_one();
   ++m_submitted;
+  // Bounded, so that the sum does not wrap, whatever weight a caller names.
   m_weight += std::min(weight, kBytesWorthWorkers);
   const bool isWorthIt = m_submitted >= kTasksWorthWorkers || m_weight >= kBytesWorthWorkers;
   if (isWorthIt && !m_startTried && m_workersWanted > 0) startWorkers();
@@ -106,7 +123,8 @@ bool WorkerPool::isDone(const Task& task) {
 
 // It helps until the task is done, with that one first where nobody has begun it. Where there are more
 // workers than processors they wait for a file system, and the first thread has better to do than to wait
-// with them: to hand in what comes next.
+// with them: to hand in what comes next. The task is then put in front of all others; a worker that is busy
+// comes to it next, and one that is idle has been woken by submit.
 void WorkerPool::finish(Task& task) {
   std::unique_lock<std::mutex> lock(m_mutex);
   const bool helps = !m_hasWorkersToSpare;
@@ -120,11 +138,14 @@ void WorkerPool::finish(Task& task) {
   }
   m_wanted = nullptr;
   lock.unlock();
+  // The lock is not needed from here on: behind Done the failure is the first thread's own, and no worker
+  // looks at the task any more.
   if (const std::exception_ptr failure = std::exchange(task.m_failure, nullptr)) {
     std::rethrow_exception(failure);
   }
 }
 
+// It does not help with other tasks while it waits: they may be of no more use to its caller than this one.
 void WorkerPool::drop(Task& task) {
   std::unique_lock<std::mutex> lock(m_mutex);
   if (task.m_state == Task::State::Waiting) {
@@ -137,10 +158,13 @@ void WorkerPool::drop(Task& task) {
   task.m_failure = nullptr;
 }
 
+// A search through the whole list, which is as short as the callers keep it: a ring has its slots, and the
+// looks of a walk are 128 at most.
 void WorkerPool::takeBack(const Task& task) {
   m_waiting.erase(std::find(m_waiting.begin(), m_waiting.end(), &task));
 }
 
+// Off the list before the lock is let go, so that nobody else begins the same task.
 void WorkerPool::doNext(std::unique_lock<std::mutex>& lock) {
   Task& task = *m_waiting.front();
   m_waiting.pop_front();

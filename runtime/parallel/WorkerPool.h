@@ -77,15 +77,19 @@ class WorkerPool {
   // Does it, or waits for it. Throws what it threw.
   void finish(Task& task);
   // It is not wanted any more: taken back where nobody has begun it, else waited for. What it threw is
-  // forgotten.
+  // forgotten. One that is done already is let go of at once.
   void drop(Task& task);
 
  private:
+  // Once in the life of the pool, from submit. What it could not start is not tried again.
   void startWorkers();
+  // What a worker runs, from its beginning to its end.
   void workUntilStopped();
   // Does the first task that waits. The lock is held when it is called and when it returns.
   void doNext(std::unique_lock<std::mutex>& lock);
+  // Does a task that is on no list, without the lock; it is held when this is called and when it returns.
   void work(Task& task, std::unique_lock<std::mutex>& lock);
+  // From the list, on which it is.
   void takeBack(const Task& task);
 
   const unsigned m_workersWanted;

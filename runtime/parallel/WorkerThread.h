@@ -27,12 +27,14 @@ class WorkerThread {
   static void* runIn(void* self);
 
   std::function<void()> m_run;
+  // Of meaning only while m_isStarted, because POSIX has no value for "no thread".
   pthread_t m_thread{};
   bool m_isStarted = false;
 };
 
-// How many threads of `most` the system gives at a time; they are gone when this returns. To be asked before
-// a library that makes its own and fails where it gets none.
+// How many threads of `most` the system gives at a time; they are gone when this returns. To be asked
+// before a library that makes its own and fails where it gets none. The answer is a guess: another part of
+// the process may take the threads in between.
 unsigned threadsToBeHad(unsigned most);
 
 }  // namespace morvane

@@ -4,6 +4,8 @@
 
 namespace morvane {
 
+// Parameters have no names here, because none is looked at: an application that overrides one of these gets
+// what the header says.
 ProgressEvent::~ProgressEvent() = default;
 void ProgressEvent::onAbortCheck(bool&) {}
 void ProgressEvent::onProgress(int, bool&) {}

@@ -12,6 +12,8 @@ namespace morvane {
 struct TarMember;
 struct TarMemberInfo;
 
+// Owned by the application, which hands it to a call and keeps it until that returns. It may serve several
+// calls one after the other, and several objects at a time only where its own code allows that.
 class MORVANE_API ProgressEvent {
  public:
   ProgressEvent() = default;

@@ -21,7 +21,9 @@ ProgressMonitor::ProgressMonitor(ProgressEvent& event, const RelaxedAtomic<int>&
       m_percentScale(percentScale),
       m_total(total) {}
 
-// What the callback leaves in `abort` is the answer; one that throws gets through to the frame of the method.
+// What the callback leaves in `abort` is the answer; one that throws gets through to the frame of the
+// method. The time is taken before the callback, so that one that is slow does not put off the next
+// question.
 bool ProgressMonitor::abortCheck(LogBase&) {
   if (!m_aborted) {
     m_everAsked = true;
@@ -49,6 +51,7 @@ bool ProgressMonitor::consumeProgress(long long n, LogBase&) {
   return m_aborted;
 }
 
+// Work that was passed over, such as the rest of an archive behind its end mark, has never been counted.
 void ProgressMonitor::consumeRemaining(LogBase&) {
   if (m_total > 0) reportPercent(m_done = m_total);
 }

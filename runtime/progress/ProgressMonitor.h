@@ -15,7 +15,8 @@ namespace morvane {
 
 class LogBase;
 
-// One call's, on the thread of that call. A callback that throws ends the call through it.
+// One call's, on the thread of that call. A callback that throws ends the call through it. It never touches
+// the log that it is given, and has it only for the callers' common form.
 class MORVANE_API ProgressMonitor {
  public:
   // `abortCheckMs`: milliseconds between two questions inside a member's data; 0 or less asks none there.
@@ -41,6 +42,7 @@ class MORVANE_API ProgressMonitor {
   bool consumeProgress(long long n, LogBase& log);
   // All of it is done: what is left of the total is reported at once.
   void consumeRemaining(LogBase& log);
+  // Whether the event has said so. Nothing takes it back.
   bool isAborted() const { return m_aborted; }
   // What was added so far, no more than the total.
   long long done() const { return m_done; }
@@ -58,7 +60,9 @@ class MORVANE_API ProgressMonitor {
   int abortCheckMs() const { return m_liveAbortCheckMs ? int{*m_liveAbortCheckMs} : m_abortCheckMs; }
   void reportPercent(long long done);
 
+  // The application's.
   ProgressEvent& m_event;
+  // Used where there is no live setting.
   const int m_abortCheckMs;
   const RelaxedAtomic<int>* const m_liveAbortCheckMs = nullptr;
   const int m_percentScale;
@@ -66,11 +70,13 @@ class MORVANE_API ProgressMonitor {
   const long long m_total;
   long long m_done = 0;
   long long m_nextReportAt = 0;  // no percentage changes before this much is done
+  // The last one that was sent; -1 before the first, so that 0 is sent too.
   int m_lastPercent = -1;
   bool m_everAsked = false;
   // Ticks of the last question.
   unsigned m_lastAsked = 0;
   unsigned m_timedChecks = 0;
+  // Set by either callback, and then for good.
   bool m_aborted = false;
 };
 
@@ -84,7 +90,7 @@ class MORVANE_API ProgressMonitorPtr {
                      long long total) {
     if (event) m_monitor.emplace(*event, abortCheckMs, percentScale, total);
   }
-  // Null without an event; owned by this.
+  // Null without an event; owned by this. What a step of a job is given.
   ProgressMonitor* getPm() { return m_monitor ? &*m_monitor : nullptr; }
   // Asks the event; false without one.
   bool get_Aborted(LogBase& log) { return m_monitor && m_monitor->abortCheck(log); }

@@ -1,13 +1,16 @@
-// One member that is about to be written or extracted, as ProgressEvent::onTarMember shows it (with the word
-// MemberEvents): what the callback leaves in it is what is written or extracted.
+// One member that is about to be written or extracted, as ProgressEvent::onTarMember shows it (with the
+// word MemberEvents): what the callback leaves in it is what is written or extracted.
 //
-// The texts are the object's own and may be changed at will; the object is valid during the call only.
+// The texts are the object's own and may be changed at will; the object is valid during the call only. Size
+// and time are shown as an archive claims them.
 #pragma once
 
 #include <string>
 
 namespace morvane {
 
+// Used again for the next member, so that its texts keep their room. Numbers that come back and make no
+// sense are brought into range and not refused.
 struct TarMember {
   // ---- Told, not changed. What is written here is of no effect.
 

@@ -1,14 +1,18 @@
 // One archive member as ProgressEvent::onTarHeader shows it.
 //
-// Valid during the call only. No pointer is null, every text is NUL-terminated.
+// Valid during the call only. No pointer is null, every text is NUL-terminated. Texts but entryPath stand
+// as the archive stores them; numbers are what it claims, and no limit has been asked yet.
 #pragma once
 
 namespace morvane {
 
+// For looking at: nothing that is written here comes back. A member that is to be changed or left out is
+// TarMember's, and onTarEntry's.
 struct TarMemberInfo {
   const char* path = "";  // as stored, byte for byte, long-name and pax records merged in
   const char* entryPath =
       "";  // UTF-8, after the path rules (slashes, Charset, NoAbsolutePaths, UntarDiscardPaths)
+  // As stored: neither path rules nor Charset have been applied.
   const char* linkPath = "";  // a pax or long one when there is one, else the header block's
   const char* userName = "";
   const char* groupName = "";

@@ -17,7 +17,8 @@ namespace morvane {
 
 namespace {
 
-// Names of many megabytes come from hostile archives: they are converted in pieces of this size.
+// Names of many megabytes come from hostile archives: they are converted in pieces of this size. The memory
+// for a name is then that of its result, and no second copy.
 constexpr size_t kPiece = 4096;
 
 // An empty name counts as one, too. Bytes are then not looked at.
@@ -62,6 +63,7 @@ bool holdsBack(void* converter) {
 
 }  // namespace
 
+// An unknown name is no failure here: the caller asks isKnown, and the bytes are copied.
 CharsetDecoder::CharsetDecoder(const char* charsetName) {
   if (meansUtf8(charsetName)) return;
   m_converter = openConverter(charsetName);
@@ -73,7 +75,8 @@ CharsetDecoder::~CharsetDecoder() {
   if (m_converter) iconv_close(static_cast<iconv_t>(m_converter));
 }
 
-// Throws std::bad_alloc only; `utf8` then ends in part of the name.
+// Throws std::bad_alloc only; `utf8` then ends in part of the name. A character that a piece's end cuts is
+// kept for the next piece; its bytes have had their replacement already, so only new ones get it.
 void CharsetDecoder::append(std::string_view bytes, char from, char to, std::string& utf8) {
   if (isUtf8()) {
     const size_t start = utf8.size();
@@ -100,13 +103,16 @@ void CharsetDecoder::append(std::string_view bytes, char from, char to, std::str
 }
 
 // What could not be taken yet, for it goes on in the next piece; nothing if this is the last one. The bytes
-// are taken in order; after each that does not convert iconv goes on behind it.
+// are taken in order; after each that does not convert iconv goes on behind it. E2BIG is no failure: the
+// output is short on purpose, and each round makes room again. Every other error costs at least one byte,
+// so that the loop ends.
 size_t CharsetDecoder::convert(char* bytes, size_t n, bool last, std::string& utf8) {
   while (n > 0) {
     char out[512];
     char* outAt = out;
     size_t outLeft = sizeof out;
     const size_t result = iconv(static_cast<iconv_t>(m_converter), &bytes, &n, &outAt, &outLeft);
+    // Read at once, because appending may allocate and change errno.
     const int error = result == static_cast<size_t>(-1) ? errno : 0;
     utf8.append(out, sizeof out - outLeft);
     if (error == 0 || error == E2BIG) continue;
@@ -122,7 +128,8 @@ size_t CharsetDecoder::convert(char* bytes, size_t n, bool last, std::string& ut
   return 0;
 }
 
-// Brings out what a stateful character set holds back.
+// Brings out what a stateful character set holds back. The result is not looked at: what cannot be brought
+// out is not there.
 void CharsetDecoder::flush(std::string& utf8) {
   char out[512];
   char* outAt = out;

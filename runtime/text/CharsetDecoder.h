@@ -10,7 +10,8 @@
 
 namespace morvane {
 
-// One thread at a time. Names are independent of each other: each begins in the initial state.
+// One thread at a time. Names are independent of each other: each begins in the initial state. To make one
+// costs more than to decode a name, so a run keeps it.
 class CharsetDecoder {
  public:
   // A name that iconv knows, in any case. Throws std::bad_alloc where the system has no memory for it.
@@ -19,7 +20,7 @@ class CharsetDecoder {
   CharsetDecoder(const CharsetDecoder&) = delete;
   CharsetDecoder& operator=(const CharsetDecoder&) = delete;
 
-  // False when the character set is unknown to the system; the caller says so once.
+  // False when the character set is unknown to the system; the caller says so once. It does not change.
   bool isKnown() const { return m_known; }
   // True for an unknown character set, too.
   bool isUtf8() const { return m_converter == nullptr; }
@@ -30,6 +31,7 @@ class CharsetDecoder {
   void append(std::string_view bytes, char from, char to, std::string& utf8);
 
  private:
+  // Both append to the text; the names are those of iconv's own steps.
   void flush(std::string& utf8);
   size_t convert(char* bytes, size_t n, bool last, std::string& utf8);
 

@@ -5,7 +5,8 @@
 
 namespace morvane {
 
-// Compared before it is multiplied: unsigned arithmetic would wrap and look fine.
+// Compared before it is multiplied: unsigned arithmetic would wrap and look fine. A text that goes on
+// behind its digits is not refused here: whether that is an error is the caller's to say.
 unsigned mvUIntValue(const char* text, bool* overflowed) {
   constexpr unsigned kMax = std::numeric_limits<unsigned>::max();
   unsigned value = 0;
@@ -21,7 +22,8 @@ unsigned mvUIntValue(const char* text, bool* overflowed) {
   return value;
 }
 
-// From the last digit to the first.
+// From the last digit to the first. Digits that have no room are dropped at the front; the caller has seen
+// to it that the value fits.
 void mv_0o(unsigned value, unsigned width, char* buffer) {
   buffer[width] = '\0';
   for (unsigned i = width; i-- > 0; value >>= 3) buffer[i] = static_cast<char>('0' + (value & 7));

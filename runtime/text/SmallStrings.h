@@ -7,14 +7,16 @@
 
 namespace morvane {
 
-// The C library's functions under this library's names. Texts must not be null.
+// The C library's functions under this library's names. Texts must not be null. The result points into the
+// text, or is null.
 inline const char* mvStrChr(const char* text, char c) { return std::strchr(text, c); }
 inline const char* mvStrrChr(const char* text, char c) { return std::strrchr(text, c); }
 inline int mvStrCmp(const char* a, const char* b) { return std::strcmp(a, b); }
 // `to` must have room for the text and its NUL.
 inline char* mvStrCpy(char* to, const char* from) { return std::strcpy(to, from); }
 // Copies at most n bytes; the rest of the n bytes is filled with NUL, and there is no NUL when `from` has n
-// or more.
+// or more. This is the form of a text field in a header block. `from` needs no NUL within its first n
+// bytes.
 inline char* mvStrNCpy(char* to, const char* from, unsigned n) {
   std::memset(to, 0, n);
   return static_cast<char*>(std::memcpy(to, from, ::strnlen(from, n)));

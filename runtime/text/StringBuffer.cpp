@@ -26,7 +26,8 @@ StringBuffer& StringBuffer::operator=(const std::string& text) {
 // Null instead of an exception, for callers that ask.
 StringBuffer* StringBuffer::createNewSB() { return new (std::nothrow) StringBuffer(); }
 
-// Copying the text may run out of memory, too; no buffer is left behind then.
+// Copying the text may run out of memory, too; no buffer is left behind then. A null text gives an empty
+// buffer.
 StringBuffer* StringBuffer::createNewSB(const char* text) {
   try {
     return new StringBuffer(text);
@@ -83,7 +84,8 @@ void StringBuffer::trim2() {
   m_text.erase(0, m_text.find_first_not_of(kAsciiWhiteSpace));
 }
 
-// Names are folded whole by foldCase; this is for words of ours, which are ASCII.
+// Names are folded whole by foldCase; this is for words of ours, which are ASCII. Bytes from 0x80 on stay
+// as they are.
 void StringBuffer::toLowerCase() { std::transform(m_text.begin(), m_text.end(), m_text.begin(), asciiLower); }
 
 // Back slashes too: paths come from archives that other systems wrote.
@@ -92,6 +94,7 @@ void StringBuffer::stripDirectory() {
   if (separator != std::string::npos) m_text.erase(0, separator + 1);
 }
 
+// std::string::erase stops at the end by itself.
 void StringBuffer::removeFront(unsigned n) { m_text.erase(0, n); }
 
 // From left to right, without looking into what was put in. The result is built apart, because replacing in
@@ -123,6 +126,7 @@ bool StringBuffer::replaceFirstOccurance(const char* from, const char* to, bool 
   return true;
 }
 
+// In place, because no length changes.
 void StringBuffer::replaceChar(char from, char to) { std::replace(m_text.begin(), m_text.end(), from, to); }
 
 // The array takes each part over; for lack of memory it stops with the parts that it has.

@@ -14,7 +14,8 @@ namespace morvane {
 
 class ExtPtrArraySb;
 
-// A value: copies are independent. One thread at a time. Positions and lengths are bytes.
+// A value: copies are independent. One thread at a time. Positions and lengths are bytes. It derives from
+// the base of records, so that an owning array can hold it.
 class MORVANE_API StringBuffer : public MorvaneObject {
  public:
   StringBuffer() = default;
@@ -27,18 +28,21 @@ class MORVANE_API StringBuffer : public MorvaneObject {
   StringBuffer& operator=(const std::string& text);
 
   // A new heap buffer, null when there is no memory. The caller hands it to an owning array or deletes it.
+  // For callers that handle pointers; nothing is thrown.
   static StringBuffer* createNewSB();
   static StringBuffer* createNewSB(const char* text);
 
   // Null text counts as empty.
   bool setString(const char* text);
   bool append(const char* text);
+  // Numbers are appended in decimal, negative ones with a "-".
   bool append(int value);
   bool append(unsigned value);
   // One byte, a NUL too.
   bool appendChar(char c);
   // n times the same byte.
   bool appendCharN(char c, unsigned n);
+  // Decimal.
   bool appendInt64(long long value);
   // Exactly n bytes, NULs included.
   bool appendN(const char* bytes, unsigned n);
@@ -73,7 +77,7 @@ class MORVANE_API StringBuffer : public MorvaneObject {
   // `ignoreCase` compares ASCII letters without regard to case.
   int replaceAllOccurances(const char* from, const char* to);
   bool replaceFirstOccurance(const char* from, const char* to, bool ignoreCase);
-  // Bytes: both are to be ASCII.
+  // Bytes: both are to be ASCII. Every occurrence.
   void replaceChar(char from, char to);
 
   // Appends the parts between separators to the array. `skipEmpty` leaves empty parts out, `trimParts` trims

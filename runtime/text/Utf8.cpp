@@ -17,7 +17,7 @@ namespace {
 bool isContinuation(unsigned char byte) { return (byte & 0xC0) == 0x80; }
 
 // ASCII is seen to first, because nearly all text is. The locale is the C library's own, not the process's:
-// patterns must match alike in every program.
+// patterns must match alike in every program. Bytes that are no characters have no case.
 char32_t lowerCase(char32_t character) {
   if (character < 0x80) return character >= 'A' && character <= 'Z' ? character + ('a' - 'A') : character;
   if (character >= kInvalidByte) return character;
@@ -31,6 +31,7 @@ char32_t lowerCase(char32_t character) {
 
 // The first byte tells the length; C0 and C1 would begin overlong forms, F5 and above lie beyond Unicode. A
 // sequence that is cut or broken gives its first byte alone, and the next call looks at the one behind it.
+// Surrogates (D800 to DFFF) are half-characters of UTF-16 and have no UTF-8 form.
 char32_t nextUtf8(std::string_view text, size_t& at) {
   const auto byteAt = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
   const unsigned char first = byteAt(at);

@@ -13,7 +13,8 @@ constexpr char32_t kInvalidByte = 0x110000;
 // invalid. So every text is a row of characters, whatever its bytes are.
 char32_t nextUtf8(std::string_view text, size_t& at);
 
-// Appends the character; one made by nextUtf8 from an invalid byte becomes that byte again.
+// Appends the character; one made by nextUtf8 from an invalid byte becomes that byte again. Other numbers
+// than these must not be given.
 void appendUtf8Char(char32_t character, std::string& out);
 
 // The text with every letter in lower case, by the C.UTF-8 locale's towlower (ASCII only where that is

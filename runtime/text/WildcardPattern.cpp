@@ -15,7 +15,8 @@ constexpr size_t kNoMatch = static_cast<size_t>(-1);
 
 }  // namespace
 
-// Two stars side by side are one, so that no piece is empty.
+// Two stars side by side are one, so that no piece is empty. A pattern that is folded once need not be
+// folded with each text.
 WildcardPattern::WildcardPattern(std::string_view pattern, bool caseSensitive)
     : m_caseSensitive(caseSensitive) {
   const std::string text = caseSensitive ? std::string(pattern) : foldCase(pattern);
@@ -57,11 +58,13 @@ bool WildcardPattern::matchesUpToASlash(std::string_view path) const {
 bool WildcardPattern::matchesFolded(std::string_view text) const {
   if (!m_hasStar) return text == m_head;
   if (text.size() < m_head.size() + m_tail.size()) return false;
+  // The tail has one possible place, at the end, so the pieces in between have to fit in front of it.
   const size_t rest = text.size() - m_tail.size();
   return text.substr(rest) == m_tail && behindLastPiece(text.substr(0, rest)) != kNoMatch;
 }
 
-// An empty pattern matches no directory, or it would match the one above all absolute paths.
+// An empty pattern matches no directory, or it would match the one above all absolute paths. With a star at
+// the end whatever follows is part of the match, and so the whole path is one.
 bool WildcardPattern::matchesFoldedUpToASlash(std::string_view path) const {
   const auto endsAt = [path](size_t at) { return at == path.size() || path[at] == '/'; };
   if (!m_hasStar) return !m_head.empty() && path.substr(0, m_head.size()) == m_head && endsAt(m_head.size());

@@ -13,8 +13,8 @@
 
 namespace morvane {
 
-// A value; asking it changes nothing, so that several threads may. There is no way to write a star that means
-// itself.
+// A value; asking it changes nothing, so that several threads may. There is no way to write a star that
+// means itself. For names of members, which are hostile, and patterns of users, which may be long.
 class MORVANE_API WildcardPattern {
  public:
   WildcardPattern() : WildcardPattern("", true) {}
@@ -29,9 +29,12 @@ class MORVANE_API WildcardPattern {
   bool matchesUpToASlash(std::string_view path) const;
 
  private:
+  // What the public two do with text that has been folded if it has to be.
   bool matchesFolded(std::string_view text) const;
   bool matchesFoldedUpToASlash(std::string_view path) const;
+  // Where the text goes on behind head and middle; the largest number when these do not match.
   size_t behindLastPiece(std::string_view text) const;
+  // Once, when the pattern is made.
   void findTailBorders();
 
   bool m_caseSensitive;

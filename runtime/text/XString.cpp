@@ -15,6 +15,7 @@
 
 namespace morvane {
 
+// The text may be part of this one: std::string sees to that.
 XString& XString::operator=(const char* utf8) {
   setFromUtf8(utf8);
   return *this;
@@ -44,6 +45,7 @@ bool XString::appendFromEncoding(const char* bytes, const char* charsetName) {
   return decoder.isKnown();
 }
 
+// NUL bytes inside come along.
 void XString::setFromSbUtf8(const StringBuffer& sb) { m_utf8 = sb.str(); }
 
 bool XString::equalsIgnoreCaseUtf8(const char* text) const { return foldCase(m_utf8) == foldCase(text); }
@@ -81,6 +83,8 @@ void XString::shortenNumChars(unsigned n) {
   m_utf8.resize(size);
 }
 
+// The result is built apart, so that the cost grows with the text's length and not with the occurrences
+// times it.
 int XString::replaceAllOccurancesUtf8(const char* from, const char* to, bool ignoreCase) {
   const size_t length = std::strlen(from);
   if (length == 0) return 0;

@@ -10,7 +10,8 @@ namespace morvane {
 
 class StringBuffer;
 
-// A value: copies are independent. One thread at a time. Building throws std::bad_alloc.
+// A value: copies are independent. One thread at a time. Building throws std::bad_alloc. All paths and
+// names of the public interface are of this type.
 class MORVANE_API XString {
  public:
   XString() = default;
@@ -19,10 +20,12 @@ class MORVANE_API XString {
   XString(std::string utf8) : m_utf8(std::move(utf8)) {}
   XString& operator=(const char* utf8);
 
-  // The text as UTF-8, NUL-terminated, valid until the string changes.
+  // The text as UTF-8, NUL-terminated, valid until the string changes. A NUL byte inside ends what a reader
+  // of the pointer sees.
   const char* getUtf8() const { return m_utf8.c_str(); }
   const std::string& str() const { return m_utf8; }
-  // The bytes themselves, for code that builds long texts in place. May be changed at will.
+  // The bytes themselves, for code that builds long texts in place. May be changed at will. Not while
+  // somebody holds a pointer that getUtf8 gave.
   std::string& buffer() { return m_utf8; }
   // In bytes, which 32 bits must hold.
   unsigned getSizeUtf8() const { return static_cast<unsigned>(m_utf8.size()); }
