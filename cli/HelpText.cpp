@@ -9,6 +9,7 @@ namespace mvtar {
 
 namespace {
 
+// Whoever adds a line here takes another one away: all of it has to fit the screen that the header names.
 constexpr char kFirstScreen[] = R"(Usage:
   mvtar -c -f ARCHIVE [options] PATH...      create         -xf ARCHIVE  extract
   mvtar -x|-t|-d -f ARCHIVE [options] [MEMBER...]  extract, list, compare
@@ -34,6 +35,8 @@ Exit status: 0 all was done, 1 -d found differences, 2 something was not done,
 64 wrong usage, 130 or 143 interrupted.
 )";
 
+// A group without a heading here would not be listed at all. Within a group options stand in the order of the
+// table.
 constexpr struct {
   OptionGroup group;
   const char* title;
@@ -47,13 +50,15 @@ constexpr struct {
                {OptionGroup::Shown, "What is shown"},
                {OptionGroup::Component, "The component"}};
 
+// "[=VALUE]" for one that may be left out, as getopt_long takes it: only with the "=" and in the same word.
 std::string valueOf(const Option& row) {
   if (row.takes == Option::Takes::Nothing) return "";
   const std::string value = std::string("=") + row.value;
   return row.takes == Option::Takes::MayTakeValue ? "[" + value + "]" : value;
 }
 
-// "  -f, --file=ARCHIVE     sentence", the sentence on a line of its own where names are long.
+// "  -f, --file=ARCHIVE     sentence", the sentence on a line of its own where names are long. Other names of
+// the option are the rows that follow this one in the table, which is why `row` has to be an element of it.
 std::string lineOf(const Option& row, size_t synonyms) {
   constexpr size_t kSentenceAt = 30;
   std::string line = row.letter != '\0' ? std::string("  -") + row.letter + ", " : "      ";
@@ -64,6 +69,7 @@ std::string lineOf(const Option& row, size_t synonyms) {
   return line + row.help + "\n";
 }
 
+// Synonyms have no sentence and so no line of their own; they are counted from the row that has one.
 std::string allOptions() {
   std::string text;
   for (const auto& [group, title] : kTitles) {
@@ -78,6 +84,8 @@ std::string allOptions() {
   return text;
 }
 
+// The completions of the shells read it each time they are asked, and tests compare the manual page with it.
+// A synonym has a line of its own here, with the sentence of the row before it, because it is completed, too.
 std::string tableOfOptions() {
   std::string text;
   const char* help = "";
@@ -94,6 +102,7 @@ std::string tableOfOptions() {
 
 }  // namespace
 
+// Which topics there are OptionValues has checked, so that what is neither of the two is the first screen.
 std::string helpText(const std::string& topic) {
   if (topic == "options") return tableOfOptions();
   return topic == "all" ? allOptions() : kFirstScreen;

@@ -28,6 +28,7 @@ using morvane::TarMemberInfo;
 // Like ls -l. A set-id or sticky bit takes the place of its x, as a capital where there is no x.
 std::string modeText(const TarMemberInfo& member) {
   std::string text(1, kindOf(member).letter);
+  // Three bits each of owner, group and others.
   for (int shift = 6; shift >= 0; shift -= 3) {
     const unsigned bits = member.mode >> shift;
     text += bits & 4 ? 'r' : '-';
@@ -158,6 +159,7 @@ class XmlEvent : public CountEvent {
     m_report.text(m_entry.str());
   }
 
+  // Kept for its memory: one entry is put together behind the other.
   morvane::XString m_entry;
 };
 
@@ -272,6 +274,8 @@ int verifyArchive(const CommandLine& line) {
   CountEvent event(job.report, job.bar, line);
   const bool ok = job.archive.read(job.tar, event);
   job.bar.clear();
+  // A member continued from another volume is named as a problem by the event, and an archive that has one is
+  // not called whole.
   if (ok && !job.report.anyProblem()) {
     job.report.line(shown(line.archive) + ": whole, " + std::to_string(event.members()) + " members");
   }

@@ -14,7 +14,9 @@ namespace mvtar {
 
 namespace {
 
-// The whole file. False, and named, when it cannot be read.
+// The whole file. False when it cannot be read, which is named unless an interrupt ended the wait: main says
+// that. A file that never ends, such as a pipe, is read as long as it gives something, because a name may be
+// of any length.
 bool readWhole(const std::string& file, std::string& text, Report& report) {
   const bool isStandardInput = file == "-";
   const int fd = isStandardInput ? STDIN_FILENO : open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
@@ -27,6 +29,7 @@ bool readWhole(const std::string& file, std::string& text, Report& report) {
   }
   if (got < 0 && !isInterrupted())
     report.problem(isStandardInput ? "standard input" : file, std::strerror(errno));
+  // Standard input is not this function's to close; -1 is nothing to close.
   if (fd > STDIN_FILENO) close(fd);
   return got == 0;
 }
@@ -61,6 +64,8 @@ bool readPatterns(const std::string& file, std::vector<std::string>& patterns, R
 }  // namespace
 
 bool readNameFiles(CommandLine& line, Report& report) {
+  // Names take the place of their -T among the operands, each with the directory that a -C in front of that
+  // -T named.
   std::vector<Operand> all;
   size_t taken = 0;
   for (const NameFile& each : line.nameFiles) {
@@ -70,6 +75,7 @@ bool readNameFiles(CommandLine& line, Report& report) {
   }
   all.insert(all.end(), line.operands.begin() + static_cast<std::ptrdiff_t>(taken), line.operands.end());
   line.operands = std::move(all);
+  // Patterns have no place, since any one of them is enough.
   for (const std::string& file : line.excludeFiles) {
     if (!readPatterns(file, line.excludes, report)) return false;
   }

@@ -55,6 +55,8 @@ std::string shown(std::string_view name) {
         break;
     }
     // U+0080 to U+009F are control characters too; terminals obey them.
+    // In UTF-8 they are the byte C2 and one from 80 to 9F; bytes of that range by themselves are no
+    // character.
     const bool isInC1 = byte == 0xC2 && at + 1 < name.size() && (name[at + 1] & 0xE0) == 0x80;
     if (byte >= 0x20 && byte != 0x7F && !isInC1) {
       text.push_back(c);

@@ -18,7 +18,7 @@ constexpr auto kMayTakeValue = Option::Takes::MayTakeValue;
 constexpr char kNoLetter = '\0';
 
 // A row's action for each kind of plain option: its member is a template argument, so that a row needs no
-// function of its own.
+// function of its own, and the table stays a constant without objects to be made at start.
 template <bool CommandLine::*kSwitch, bool kOn = true>
 bool set(Values& values, const char*) {
   values.line().*kSwitch = kOn;
@@ -60,6 +60,7 @@ bool add(Values& values, const char* value) {
   return true;
 }
 
+// Several of them are told by OptionValues::check, which knows of -I as well.
 template <Compression kCompression>
 bool compress(Values& values, const char*) {
   return values.setCompression(kCompression);
@@ -84,20 +85,25 @@ bool with(Values& values, const char* value) {
 // For options that other tars need and this one does not.
 bool nothing(Values&, const char*) { return true; }
 
+// OptionValues' own methods return nothing where nothing can go wrong.
 bool askForCompress(Values& values, const char*) { return values.askForCompress(), true; }
 bool addNameFile(Values& values, const char* file) { return values.addNameFile(file), true; }
 bool addVersionControl(Values& values, const char*) { return values.addVersionControl(), true; }
 bool clampTime(Values& values, const char*) { return values.line().changes.clampsTime = true; }
 
+// Known, and refused by its reason, because other tars have it and "unknown option" would tell nobody why.
 bool refuseOverwrite(Values& values, const char*) {
   return values.wrong(
       "--overwrite is not safe: it would write through links and into files that others have open");
 }
 
+// "--progress" alone asks for the bar, also where standard error is no terminal.
 bool showProgress(Values& values, const char* when) { return values.setProgress(when ? when : "always"); }
 
 }  // namespace
 
+// Rows of one group stand together only for the reader. What their order means: the help lists them in it,
+// and a row without a sentence belongs to the one in front of it.
 const Option kOptions[] = {
     {'c', "create", kNothing, nullptr, Group::Mode, "create an archive of the PATHs", enter<Mode::Create>},
     {'x', "extract", kNothing, nullptr, Group::Mode, "extract all members, or the MEMBERs",

@@ -13,6 +13,8 @@ namespace mvtar {
 
 namespace {
 
+// The component keeps both paths of a source in one text and separates them by this byte. A path that holds
+// one would be cut at the wrong place.
 constexpr char kEscape = '\x1B';
 
 std::string withoutSlashes(std::string path) {
@@ -22,6 +24,7 @@ std::string withoutSlashes(std::string path) {
 
 }  // namespace
 
+// The prefix goes by the rules of names as well; "/backup" as a prefix would make every member absolute.
 void Sources::add() {
   m_prefix = nameOf(m_line.prefix);
   for (const Operand& operand : m_line.operands) addOperand(operand);
@@ -63,6 +66,7 @@ void Sources::addOperand(const Operand& operand) {
     return;
   }
   const std::string name = joinNames(m_prefix, nameOf(operand.path));
+  // An excluded directory is not even handed over, so that nothing below it is looked at.
   if (m_excluded.excludes(name) || m_excluded.excludes(operand.path)) return;
   if (local.find(kEscape) != std::string::npos || name.find(kEscape) != std::string::npos) {
     m_report.problem(operand.path, "a name with an escape character cannot be archived");
@@ -75,6 +79,7 @@ void Sources::addOperand(const Operand& operand) {
     m_report.problem(operand.path, std::strerror(errno));
     return;
   }
+  // Without slashes at the end, because givenPath looks for what stands in front of a slash.
   m_given[withoutSlashes(local)] = withoutSlashes(operand.path);
   m_anyElsewhere |= !operand.dir.empty();
   if (!S_ISDIR(status.st_mode)) {
