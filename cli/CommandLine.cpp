@@ -94,6 +94,7 @@ class Parser {
     const int count = static_cast<int>(words.size());
     const std::string shortOnes = letters();
     const std::vector<option> longOnes = longOptions();
+    // Its messages are not in the command's words, and show what was typed without escapes.
     opterr = 0;
     optind = 1;
     // `before` is the word that getopt_long is about to look at. Of a wrong long option it tells nothing
@@ -115,6 +116,7 @@ class Parser {
   static std::string culprit(const std::vector<std::string>& words, int at) {
     // A letter; long options are given by the word that getopt_long stood at.
     if (optopt > 0 && optopt < kFirstLongOnly) return std::string("-") + static_cast<char>(optopt);
+    // Without what stands behind its "=", which may be long and is not what is wrong.
     const size_t index = static_cast<size_t>(at);
     return index < words.size() ? words[index].substr(0, words[index].find('=')) : "";
   }

@@ -6,6 +6,7 @@
 namespace mvtar {
 
 // -c, -r, -u: the operands into an archive.
+// The line is not const, because names that were changed are remembered in it.
 int writeArchive(CommandLine& line);
 // -x, into the target directory.
 int extractArchive(const CommandLine& line);

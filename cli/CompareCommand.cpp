@@ -133,6 +133,7 @@ class CompareEvent : public MemberEvent {
     std::string local = path.substr(start);
     const bool isAbsolute = !local.empty() && local[0] == '/';
     local = isAbsolute ? local : joinNames(m_line.targetDir, local);
+    // With a slash at its end lstat would follow a link that stands in a directory's place.
     while (local.size() > 1 && local.back() == '/') local.pop_back();
     return local.empty() ? "." : local;
   }
@@ -149,6 +150,7 @@ class CompareEvent : public MemberEvent {
     const std::string local = localPathOf(m_path);
     const MemberKind& kind = kindOf(member);
     const bool hasContents = kind.hasData();
+    // A file counts once its data have been compared, or cannot be; anything else counts here.
     if (!hasContents) count(0);
     // Before anything that differs, so that the lines about a member follow its name.
     if (m_line.verbose) m_report.name(m_path);
@@ -208,6 +210,7 @@ class CompareEvent : public MemberEvent {
   // counts, because the component hands holes over as zeros and the file gives zeros for its own.
   void compareContents(const TarMemberInfo& member, const std::string& local, const struct stat& status) {
     if (status.st_size != member.realSize) {
+      // Counted at once, because without an open file its data are passed over and it is never begun.
       count(member.realSize);
       m_report.difference(m_path, "the size differs");
     } else if (!m_output.open(local)) {

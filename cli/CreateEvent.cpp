@@ -178,8 +178,8 @@ bool CreateEvent::isOnOtherFileSystem(const morvane::TarMember& member) const {
          stat(parentOf(member.localPath).c_str(), &parent) == 0 && own.st_dev != parent.st_dev;
 }
 
-// The component's names of what happened (ProgressEvent.h). Each is a problem and makes the exit status 2,
-// but for a socket, which no tar keeps. What has a problem is not removed.
+// The component's names of what happened. Each is a problem and makes the exit status 2, but for a socket,
+// which no tar keeps, and for the name of a member. What has a problem is not removed.
 void CreateEvent::onInfo(const char* name, const char* value) {
   const std::string_view what(name);
   // The component's own name for it; with -v that is what is shown.

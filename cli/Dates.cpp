@@ -68,6 +68,7 @@ std::optional<timespec> parseForm(const char* text, const char* form) {
   day.tm_hour = kNoon;
   day.tm_isdst = -1;
   if (timegm(&day) == -1 || day.tm_mday != parts.tm_mday) return std::nullopt;
+  // Without a zone it is local time, and mktime goes by TZ.
   if (*withoutBlanks(at) == '\0') {
     // -1 leaves it to mktime to find out from the date whether summer time holds.
     parts.tm_isdst = -1;
@@ -82,6 +83,7 @@ std::optional<timespec> parseForm(const char* text, const char* form) {
 // over. It is moved to the end, where parseForm looks for it.
 std::optional<timespec> parseDateOutput(const std::string& text) {
   const size_t year = text.rfind(' ');
+  // Where the year is at the very beginning there is no word in front of it.
   const size_t zone = year == std::string::npos || year == 0 ? year : text.rfind(' ', year - 1);
   if (zone == std::string::npos) return std::nullopt;
   const std::string rest = text.substr(0, zone) + text.substr(year) + text.substr(zone, year - zone);
@@ -125,8 +127,10 @@ std::optional<timespec> parseRelative(const std::string& text) {
   // years, and of larger units it is more than anybody asks for.
   const long long count = std::strtoll(text.c_str(), &end, 10);
   if (end == text.c_str() || std::llabs(count) > 100 * 1000 * 1000) return std::nullopt;
+  // Behind a number with a blank or without one: "3days" and "3 days".
   std::string unit = withoutBlanks(end);
   constexpr std::string_view kAgo = " ago";
+  // Something has to stand in front of " ago", the unit.
   const bool isAgo =
       unit.size() > kAgo.size() && unit.compare(unit.size() - kAgo.size(), kAgo.size(), kAgo) == 0;
   if (isAgo) unit.resize(unit.size() - kAgo.size());
@@ -141,6 +145,8 @@ std::optional<timespec> parseRelative(const std::string& text) {
 // longer text, and the order of the forms does not matter.
 std::optional<timespec> parseDate(const std::string& text) {
   if (!text.empty() && text[0] == '@') return parseSeconds(text.c_str());
+  // ISO 8601, the same with slashes, mail headers (RFC 5322), and `date` in English. Names of days and months
+  // go by the C locale, which this process has for them.
   constexpr const char* kForms[] = {
       "%Y-%m-%dT%H:%M:%S",   "%Y-%m-%d %H:%M:%S", "%Y-%m-%dT%H:%M",        "%Y-%m-%d %H:%M",    "%Y-%m-%d",
       "%Y/%m/%d %H:%M:%S",   "%Y/%m/%d",          "%a, %d %b %Y %H:%M:%S", "%d %b %Y %H:%M:%S", "%d %b %Y",

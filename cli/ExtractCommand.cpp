@@ -138,6 +138,7 @@ class ExtractEvent : public MemberEvent {
   bool m_slashesNamed = false;
   bool m_deviceNamed = false;
   // Only with --strip-paths, where names meet that were apart.
+  // By last part, the whole path that it came from. It grows with the names of the archive.
   std::map<std::string, std::string> m_lastParts;  // and the paths they came from
 };
 
@@ -172,6 +173,7 @@ class OutputEvent : public MemberEvent {
 bool makeTarget(const CommandLine& line, Report& report) {
   std::error_code error;
   // Links to directories on the way are followed, as they are the user's own.
+  // As the shell's mkdir -p would: what is missing is made with the modes that the umask leaves.
   if (!line.targetDir.empty()) std::filesystem::create_directories(line.targetDir, error);
   if (!error || error == std::errc::filename_too_long) return true;
   report.problem(line.targetDir, error.message());
@@ -203,6 +205,7 @@ int extractToStandardOutput(const CommandLine& line) {
   if (!job.open()) return job.finish();
   const std::unique_ptr<morvane::OutputFile> out = standardOutput(job.report);
   if (!out) return job.finish();
+  // It only chooses members; their data go from the component straight to the output.
   OutputEvent event(job.report, job.bar, line);
   bool ok = job.tar.UntarMembersToOutput(job.archive.source(), *out, &event) || event.enoughSeen();
   // The component fails where no member was handed over; everything else of the run went well then.

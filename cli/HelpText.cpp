@@ -53,6 +53,7 @@ constexpr struct {
 // "[=VALUE]" for one that may be left out, as getopt_long takes it: only with the "=" and in the same word.
 std::string valueOf(const Option& row) {
   if (row.takes == Option::Takes::Nothing) return "";
+  // A row that takes a value always has a name for it.
   const std::string value = std::string("=") + row.value;
   return row.takes == Option::Takes::MayTakeValue ? "[" + value + "]" : value;
 }
@@ -60,7 +61,9 @@ std::string valueOf(const Option& row) {
 // "  -f, --file=ARCHIVE     sentence", the sentence on a line of its own where names are long. Other names of
 // the option are the rows that follow this one in the table, which is why `row` has to be an element of it.
 std::string lineOf(const Option& row, size_t synonyms) {
+  // Two blanks at least stand between the names and the sentence.
   constexpr size_t kSentenceAt = 30;
+  // Long names stand in one column, also where there is no letter.
   std::string line = row.letter != '\0' ? std::string("  -") + row.letter + ", " : "      ";
   line += std::string("--") + row.name + valueOf(row);
   for (size_t i = 1; i <= synonyms; ++i) line += std::string(", --") + (&row)[i].name;
@@ -75,7 +78,9 @@ std::string allOptions() {
   for (const auto& [group, title] : kTitles) {
     text += (text.empty() ? "" : "\n") + std::string(title) + ":\n";
     for (size_t i = 0; i < kOptionCount; ++i) {
+      // A pass over the whole table for each group: it is short, and need not be sorted by groups then.
       if (kOptions[i].group != group || !kOptions[i].help) continue;
+      // They follow their row without a gap, as the table promises.
       size_t synonyms = 0;
       while (i + synonyms + 1 < kOptionCount && !kOptions[i + synonyms + 1].help) ++synonyms;
       text += lineOf(kOptions[i], synonyms);
@@ -91,8 +96,10 @@ std::string tableOfOptions() {
   const char* help = "";
   for (size_t i = 0; i < kOptionCount; ++i) {
     const Option& row = kOptions[i];
+    // Kept from row to row, for the synonyms behind it.
     if (row.help) help = row.help;
     if (row.letter != '\0') text += std::string("-") + row.letter;
+    // Every row has all five columns, however many of them are empty: readers count tabs.
     text += std::string("\t--") + row.name + "\t";
     text += row.takes == Option::Takes::Nothing ? "" : row.takes == Option::Takes::Value ? "=" : "[=]";
     text += std::string("\t") + (row.value ? row.value : "") + "\t" + help + "\n";

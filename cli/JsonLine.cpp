@@ -44,6 +44,8 @@ void appendText(std::string_view text, std::string& json) {
   while (!text.empty()) {
     const auto byte = static_cast<unsigned char>(text[0]);
     const size_t length = utf8Length(text);
+    // The lone surrogates U+DC80 to U+DCFF: no text in UTF-8 can have them, so that what was escaped can be
+    // told and turned back.
     if (length == 0) {
       appendEscape(0xDC00u + byte, json);
       // Both stand for themselves behind a back slash.

@@ -38,6 +38,7 @@ std::optional<ModeChange> ModeChange::parse(const std::string& text) {
   // There is no way to ask for the umask without setting it; nothing else runs meanwhile.
   change.m_umask = umask(0);
   umask(static_cast<mode_t>(change.m_umask));
+  // "<=", so that an empty clause at the end ("u+w,") is met and refused.
   for (size_t start = 0; start <= text.size();) {
     const size_t end = std::min(text.find(',', start), text.size());
     if (!parseClause(text.substr(start, end - start), change.m_steps)) return std::nullopt;
@@ -64,6 +65,7 @@ bool ModeChange::parseClause(const std::string& clause, std::vector<Step>& steps
     if (at < clause.size() && digitOf(clause[at]) != 0) {
       step.from = digitOf(clause[at++]);
     } else {
+      // No letter at all is allowed: "o=" takes everything away, and "u+" changes nothing.
       for (; at < clause.size() && clause.find_first_of("rwxXst", at) == at; ++at) {
         switch (clause[at]) {
           case 'r':
@@ -75,6 +77,7 @@ bool ModeChange::parseClause(const std::string& clause, std::vector<Step>& steps
           case 'x':
             step.bits |= 0111;
             break;
+          // Whether it means anything depends on the mode that it is applied to.
           case 'X':
             step.runsIfRun = true;
             break;

@@ -52,6 +52,7 @@ bool eachName(const std::string& file, char end, Report& report, Take take) {
 bool readPatterns(const std::string& file, std::vector<std::string>& patterns, Report& report) {
   bool ok = true;
   const auto add = [&](std::string pattern) {
+    // Looked for in all lines before it is told, once for the file.
     ok = ok && pattern.find('\0') == std::string::npos;
     pattern.erase(pattern.find_last_not_of(" \t\r\f\v") + 1);
     if (!pattern.empty()) patterns.push_back(std::move(pattern));

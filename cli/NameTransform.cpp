@@ -99,6 +99,7 @@ bool NameTransform::addOne(const std::string& expressions, size_t& at, std::stri
   if (!takePart(expressions, delimiter, at, pattern) || !takePart(expressions, delimiter, at, step.to)) {
     return wrong("a part is missing");
   }
+  // Flags end at the next ";" or with the text; unlike the parts in front of them they cannot be quoted.
   int flags = 0;
   for (; at < expressions.size() && expressions[at] != ';'; ++at) {
     const char flag = expressions[at];
@@ -169,6 +170,7 @@ std::string NameTransform::substitute(const Step& step, const std::string& text)
   std::string result;
   const char* at = text.c_str();
   const char* const end = at + text.size();
+  // Whether the match before ended here and was not empty.
   bool behindMatch = false;
   for (unsigned count = 0; at <= end;) {
     regmatch_t groups[kGroups];
@@ -177,6 +179,7 @@ std::string NameTransform::substitute(const Step& step, const std::string& text)
     const regoff_t from = groups[0].rm_so, to = groups[0].rm_eo;
     result.append(at, static_cast<size_t>(from));
     const bool isEmpty = from == to;
+    // One that does not count is passed over like the text between two matches.
     const bool counts = !(isEmpty && from == 0 && behindMatch);
     if (result.size() > kLongest) break;
     const bool replaces = counts && ++count >= step.first && (step.all || count == step.first);
@@ -187,6 +190,7 @@ std::string NameTransform::substitute(const Step& step, const std::string& text)
     }
     at += to;
     behindMatch = !isEmpty;
+    // What is behind the one match that was wanted is copied as it is.
     if (replaces && !step.all) break;
     // Nothing was consumed: without a step forward the same place would match for ever. The character that is
     // stepped over is kept. Behind the last one an empty match is tried once more.
@@ -203,6 +207,7 @@ std::string NameTransform::substitute(const Step& step, const std::string& text)
 // its characters, because one character may stand for a whole group.
 void NameTransform::appendReplacement(const std::string& to, const char* subject, const regmatch_t* groups,
                                       std::string& result) {
+  // A change of case ends with its replacement, as in sed: it never reaches the text behind the match.
   CaseChanger changer;
   const auto group = [&](size_t number) {
     const regmatch_t& match = groups[number];

@@ -34,6 +34,7 @@ ProgressBar::When onTerminal() {
 }
 
 // A level that nothing would come of is refused.
+// A program of -I has levels of its own, which stand among its words.
 bool hasLevels(const CommandLine& line) {
   const morvane::Compression compression = line.compressionToWrite();
   return line.filterProgram.empty() &&
@@ -94,6 +95,7 @@ bool OptionValues::setArchive(const std::string& path) {
 bool OptionValues::enterDirectory(const std::string& dir) {
   if (dir.empty()) return wrong("option '-C' needs a directory");
   const bool absolute = dir[0] == '/' || m_line.targetDir.empty();
+  // The directory is not looked at: the system finds it when a path below it is used.
   m_line.targetDir = absolute ? dir : m_line.targetDir + "/" + dir;
   return true;
 }
@@ -202,6 +204,7 @@ bool OptionValues::setOwner(const std::string& text) {
     const passwd* const user = getpwuid(id);
     return std::string(user ? user->pw_name : "");
   };
+  // Filled in place; where the text makes no sense the line is of no use anyway.
   m_line.changes.owner.emplace();
   return parseOwner(text, idOf, nameOf, *m_line.changes.owner) || wrong("unknown owner '" + text + "'");
 }
@@ -225,6 +228,7 @@ bool OptionValues::setModeChange(const std::string& text) {
   return m_line.changes.mode ? true : wrong("'" + text + "' is no mode");
 }
 
+// Without --clamp-mtime every member gets it.
 bool OptionValues::setTime(const std::string& when) {
   m_line.changes.mtime = parseDateOrFile(when);
   return m_line.changes.mtime ? true : wrong("'" + when + "' is neither a date nor a file");
@@ -238,6 +242,7 @@ bool OptionValues::setSort(const std::string& order) {
 // SOURCE_DATE_EPOCH is what builders set for this (reproducible-builds.org); the epoch without it.
 bool OptionValues::setReproducible(const char* seconds) {
   const char* const environment = std::getenv("SOURCE_DATE_EPOCH");
+  // The option's own value goes before the environment's.
   const std::string text = seconds ? seconds : environment ? environment : "0";
   long long value = 0;
   if (!parseNumber(text, value) || value < 0) return wrong("'" + text + "' is no number of seconds");
@@ -269,6 +274,7 @@ void OptionValues::addVersionControl() {
   }
 }
 
+// They may come from --options, --level and --threads in any order; the last of a word wins.
 bool OptionValues::addOptions(const std::string& words) {
   // A comma in front, so that they can be put behind the command's own words as they are.
   m_line.options += "," + words;
@@ -289,16 +295,20 @@ bool OptionValues::check() {
 bool OptionValues::checkArchive() {
   const Mode mode = m_line.mode;
   if (m_twoCompressions) return wrong("only one of -z, -j, -J, --zstd, -I");
+  // Reading goes by the content: there -Z is either right or does no harm.
   if (mode == Mode::Create && m_compress) return wrong("compress format can be read but not written");
   // The other modes compress nothing.
   if (m_hasLevel && mode == Mode::Create && !hasLevels(m_line)) return wrong("--level goes with zstd and xz");
+  // By what the archive is going to be, because zstd takes more of them.
   constexpr int kMostOfXz = 9;
   if (m_level > kMostOfXz && m_line.compressionToWrite() == morvane::Compression::Xz)
     return wrong("levels of xz are 1 to 9");
+  // A package on standard output has to be asked for by "-f -": nobody wants one on the screen by oversight.
   if (!m_line.archiveIsGiven && mode == Mode::Deb) return wrong("--deb needs option '-f'");
   // Appending puts members behind those that are there, inside the same file. Compressed data would have to
   // be written anew from the beginning, and a stream cannot be read back.
   const bool changes = mode == Mode::Append || mode == Mode::Update;
+  // The end of what is there has to be found and written over, for which a stream would have to go back.
   if (changes && m_line.usesStandardStream()) return wrong("-r and -u need option '-f' and a file");
   if (changes && (m_line.compression || m_compress || !m_line.filterProgram.empty()))
     return wrong("a compressed archive cannot be appended to");
@@ -318,9 +328,12 @@ bool OptionValues::checkArchive() {
 bool OptionValues::checkModes() {
   const Mode mode = m_line.mode;
   const bool writes = m_line.writes();
+  // Whether an option that was used fits; false, with its message, where it does not.
   const auto only = [&](bool used, bool fits, const char* message) {
     return !used || fits || wrong(message);
   };
+  // An empty list of -T is no mistake; nothing at all is one, because it would leave an empty archive in the
+  // place of a full one.
   if (writes && m_line.operands.empty() && m_line.nameFiles.empty())
     return wrong("nothing to put into the archive");
   if (mode == Mode::Deb && m_line.operands.size() != 2)

@@ -65,11 +65,13 @@ std::string ProgressBar::lineOf(int parts, long long rate, long long secondsLeft
     const std::string text = rateText(rate);
     if (static_cast<int>(text.size()) + kNarrowest <= room) behind = text;
   }
+  // Where a known rate found no room, the time that is left goes with it: it is the first to go.
   if (secondsLeft >= 0 && (rate < 0 || !behind.empty())) {
     const std::string text = timeText(secondsLeft);
     if (static_cast<int>(behind.size() + text.size()) + kNarrowest <= room) behind += text;
   }
   const int width = std::min(kWidest, room - static_cast<int>(behind.size()));
+  // The share alone is left, which is shown at any width.
   if (width <= 0) return share;
   const int filled = std::clamp(parts, 0, kScale) * width / kScale;
   return "[" + std::string(static_cast<size_t>(filled), '#') +

@@ -70,6 +70,7 @@ bool ArchiveReader::openThroughProgram(const CommandLine& line, Report& report) 
     report.problem(line.archive, std::strerror(errno));
     return false;
   }
+  // The program has its own copy of the file's descriptor; this process closes its own with this function.
   OsFile expanded(m_program.startReading(line.filterProgram, file.fd(), report));
   if (!expanded.isOpen()) return false;
   morvane::LogCause log;
@@ -157,6 +158,7 @@ bool cameToTheEnd(ClsTar& tar, bool ok) { return ok || (tar.get_OnlyLeftOut() &&
 
 // An interrupt has a status of its own and comes before every other way to end.
 int finish(ClsTar& tar, const CommandLine& line, Report& report, bool ok, const char* rest) {
+  // Before the lines about how it ended, so that those stay the last.
   if (line.printLog) report.log(tar);
   if (isInterrupted()) {
     report.notice(line.archive, "interrupted; the archive was not read to its end");

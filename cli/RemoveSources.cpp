@@ -56,6 +56,7 @@ void RemoveSources::remove(const Source& source, Report& report) {
     report.problem(source.path, "it has changed since it was archived, and is not removed");
     return;
   }
+  // Neither follows a link: the name itself is removed.
   const int result = source.isDirectory ? rmdir(source.path.c_str()) : unlink(source.path.c_str());
   if (result != 0) report.problem(source.path, std::string("not removed: ") + std::strerror(errno));
 }

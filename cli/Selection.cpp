@@ -94,7 +94,9 @@ bool Selection::isNamed(std::string_view path) {
     const auto found = m_found.find(m_key);
     if (found != m_found.end()) named = found->second = true;
   };
+  // A path that is longer than every name is none of them.
   if (path.size() <= m_longest) lookUp(path);
+  // Each directory above the path, from the outermost on.
   for (size_t slash = 0; m_recurses && slash < std::min(path.size(), m_longest + 1); ++slash) {
     if (path[slash] == '/' && slash > 0) lookUp(path.substr(0, slash));
   }

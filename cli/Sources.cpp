@@ -17,6 +17,7 @@ namespace {
 // one would be cut at the wrong place.
 constexpr char kEscape = '\x1B';
 
+// The root keeps the slash that it is.
 std::string withoutSlashes(std::string path) {
   while (path.size() > 1 && path.back() == '/') path.pop_back();
   return path;
@@ -33,6 +34,7 @@ void Sources::add() {
 // Where nothing is behind a -C the local path is the given one. Else the operand that the source lies below
 // is looked for, from the source itself upwards.
 std::string Sources::givenPath(const std::string& localPath) const {
+  // The usual case, which takes no search.
   if (!m_anyElsewhere) return localPath;
   for (size_t end = localPath.size(); end > 0; end = localPath.rfind('/', end - 1)) {
     if (end == std::string::npos) break;

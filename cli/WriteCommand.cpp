@@ -105,9 +105,11 @@ int writeArchive(CommandLine& line) {
   // Before the sources are looked at: without the newest copies nothing could be said of any of them.
   if (line.mode == Mode::Update && !findNewestCopies(line, newest, report)) return report.finish();
   ClsTar tar;
+  // What is named as missing here makes the status 2, but the rest is archived all the same.
   Sources sources(line, report, tar);
   sources.add();
   tar.put_WriteFormat(line.formatToWrite());
+  // The bar's own parts, which are finer than percents: rate and time left are computed from them.
   tar.put_PercentScale(ProgressBar::kScale);
   tar.put_UncommonOptions(
       (line.writingWords() + (bar.mayBeShown() ? "" : ",NoTotal") + line.options).c_str());

@@ -79,6 +79,7 @@ int runCommandLine(int argc, char** argv) {
   mvtar::CommandLine line;
   std::string error;
   if (!mvtar::parseCommandLine(argc, argv, line, error)) {
+    // What was typed may hold control characters, from a pasted line or a file's name.
     mvtar::writeToStandardError("mvtar: " + mvtar::shown(error) + "\nTry 'mvtar --help'.\n");
     return mvtar::kWrongUsage;
   }
