@@ -160,9 +160,9 @@ class CompareEvent : public MemberEvent {
       // member, and is a problem instead of a difference.
       const bool isMissing = errno == ENOENT || errno == ENOTDIR;
       isMissing ? m_report.difference(m_path, "missing") : m_report.problem(m_path, std::strerror(errno));
+    } else if (member.typeFlag == kHardLink) {
       // Before the kinds are compared: a hard link may be a further name of anything, and its header does not
       // say of what.
-    } else if (member.typeFlag == kHardLink) {
       compareHardLink(member, status);
     } else if ((status.st_mode & S_IFMT) != kind.type) {
       m_report.difference(m_path, "the kind differs");

@@ -22,7 +22,7 @@ namespace {
 
 constexpr char kCacheTag[] = "CACHEDIR.TAG";
 
-// Of a local path, which has no slash at its end unless it is the root's.
+// Of a local path by its text alone: with a slash at its end a path would be its own parent.
 std::string parentOf(const std::string& path) {
   const size_t slash = path.rfind('/');
   return slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);

@@ -89,15 +89,15 @@ class CreateEvent : public morvane::ProgressEvent {
   // The first knows --exclude alone, for questions about whole trees; the second all patterns.
   const Selection m_excluded;
   Selection m_selection;
-  // Local paths that were named, each of which is named once:
+  // Local paths that were named. Each is named once:
   std::set<std::string> m_unreadable;  // a directory is a member and the root of a tree
-  // As the system is asked for them, and empty before the first entry:
-  std::string m_localPath;  // of the last entry
-  // Whose tag was looked for last, and what was found:
-  std::string m_lastParent;  // of the last member, with --exclude-caches
+  // As the system is asked for it; empty before the first entry.
+  std::string m_localPath;
+  // Whose tag --exclude-caches looked for last, and what it found.
+  std::string m_lastParent;
   bool m_lastParentIsCache = false;
-  // Of the last entry, whether its directory, if it is one, is passed by with all that is in it:
-  bool m_nothingBelow = false;  // of it is wanted
+  // Whether the last entry, if it is a directory, is passed by with all that is in it.
+  bool m_nothingBelow = false;
   // Whether the component missed anything that was left out, so that its result says less than it seems.
   bool m_unwantedMissed = false;
   bool m_isBegun = false;  // the member that is being written:
@@ -109,7 +109,7 @@ class CreateEvent : public morvane::ProgressEvent {
   // Whether its name had one before the component made slashes of them.
   bool m_hasBackSlash = false;
   // What makeNameSafe named last.
-  std::string m_lastRemoved;  // from a changed name
+  std::string m_lastRemoved;
   // What leaveOut was told.
   std::optional<struct stat> m_archive;
   // Filled as members are done; nothing is removed here.

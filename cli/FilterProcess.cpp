@@ -73,8 +73,8 @@ int startError(const std::string& name) {
 
 }  // namespace
 
-// It may still be gone when it is started; then `start` fails, only later. This question is there to spare
-// the archive that would be truncated in the usual case of a misspelt name.
+// The program may be gone by the time it is started, and `start` fails then. This question spares an archive
+// from being truncated in the usual case, a misspelt name.
 bool FilterProcess::canStart(const std::string& program, Report& report) {
   const std::vector<std::string> words = wordsOf(program);
   const int error = words.empty() || words[0].empty() ? ENOENT : startError(words[0]);

@@ -48,8 +48,8 @@ void appendText(std::string_view text, std::string& json) {
     // told and turned back.
     if (length == 0) {
       appendEscape(0xDC00u + byte, json);
-      // Both stand for themselves behind a back slash.
     } else if (byte == '"' || byte == '\\') {
+      // Both stand for themselves behind a back slash.
       json += '\\';
       json += text[0];
     } else if (byte < 0x20 || byte == 0x7F) {

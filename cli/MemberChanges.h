@@ -30,8 +30,8 @@ class MemberChanges {
   NameTransform transform;
   // How many parts of a path are left off at its beginning; 0 none.
   unsigned stripComponents = 0;  // reading
-  // Writing
-  // --owner and --group, --mode, --mtime and --clamp-mtime. What is not given stays as the source has it.
+  // For writing: --owner and --group, --mode, --mtime and --clamp-mtime. What is not given stays as the
+  // source has it.
   std::optional<GivenOwner> owner, group;
   // Applied to the mode that the source has.
   std::optional<ModeChange> mode;
@@ -39,8 +39,8 @@ class MemberChanges {
   std::optional<timespec> mtime;
   bool clampsTime = false;  // only times later than that
 
-  // Whether there is anything to be done in that direction: without it the component need not be asked to
-  // show its members for a change.
+  // Whether there is anything to be done in that direction. Reading commands ask the component to show its
+  // members for a change (MemberEvents) only then.
   bool anyWhenWriting() const { return !transform.isEmpty() || owner || group || mode || mtime; }
   bool anyWhenReading() const { return !transform.isEmpty() || stripComponents > 0; }
 

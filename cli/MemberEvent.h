@@ -96,6 +96,7 @@ class MemberEvent : public morvane::ProgressEvent {
   bool enoughSeen() const { return m_enoughSeen; }
   // What was counted: members, and bytes of their data.
   long long members() const { return m_members; }
+  // Sizes as the archive states them, which for a hostile one may be anything up to the largest value.
   long long bytes() const { return m_bytes; }
 
   // MEMBERs that matched nothing, each as a problem. Only after a whole run: one that ended early has not
@@ -124,7 +125,8 @@ class MemberEvent : public morvane::ProgressEvent {
     if (m_line.verbose && !m_begunPath.empty()) m_report.name(m_begunPath);
   }
 
-  // "limit" names the option word that ended the run; everything else is heard by derived classes.
+  // "limit" names the option word that ended the run; everything else is heard by derived classes, which call
+  // this one first. Both texts are valid during the call only.
   void onInfo(const char* name, const char* value) override {
     if (std::string_view(name) == "limit") m_limit = value;
   }
@@ -139,7 +141,7 @@ class MemberEvent : public morvane::ProgressEvent {
     // Nothing behind the last wanted member is looked at: neither selected nor named, whatever the component
     // still sends before it has asked whether to abort.
     m_enoughSeen = m_line.maxCount > 0 && m_members >= m_line.maxCount;
-    // Behind the last wanted member nothing is shown, and so nothing needs to be decoded.
+    // For these the texts are good as they are, and need not be decoded.
     if (m_enoughSeen || m_decoder.isUtf8()) {
       select(member);
     } else {
@@ -162,6 +164,7 @@ class MemberEvent : public morvane::ProgressEvent {
   void begin(std::string_view path, long long bytes) {
     m_isBegun = true;
     m_begunPath = path;
+    // A member that was begun before and neither settled nor dropped is forgotten.
     m_begunBytes = bytes;
   }
   // The member that was begun was not done after all; it does not count. Without effect where none was begun.
@@ -208,10 +211,10 @@ class MemberEvent : public morvane::ProgressEvent {
   bool m_enoughSeen = false;
   // What `begin` was told, until it is settled or dropped.
   bool m_isBegun = false;
-  // Of the component, "Word=value".
+  // As the component has told it.
   std::string m_limit;
-  // Refers to a text of the derived class, which is the reason why it must stay.
-  // Of this path and of the size no copy is made for each of a million members.
+  // Refers to a text of the derived class, which is the reason why it must stay: no copy is made for each of
+  // perhaps a million members.
   std::string_view m_begunPath;
   long long m_begunBytes = 0;
   long long m_members = 0, m_bytes = 0;

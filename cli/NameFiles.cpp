@@ -14,9 +14,8 @@ namespace mvtar {
 
 namespace {
 
-// The whole file. False when it cannot be read, which is named unless an interrupt ended the wait: main says
-// that. A file that never ends, such as a pipe, is read as long as it gives something, because a name may be
-// of any length.
+// The whole file. False when it cannot be read, which is named unless an interrupt ended the wait: the exit
+// status tells that. Lists have no bound, also where they come from a pipe.
 bool readWhole(const std::string& file, std::string& text, Report& report) {
   const bool isStandardInput = file == "-";
   const int fd = isStandardInput ? STDIN_FILENO : open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);

@@ -154,8 +154,7 @@ bool NameTransform::concerns(Of what) const {
                      [what](const Step& step) { return step.of[static_cast<size_t>(what)]; });
 }
 
-// A text that is over the bound is handed on as it is: the commands refuse such a name, or the component
-// does.
+// A text that is over the bound is handed on as it is; writing commands refuse such a name.
 std::string NameTransform::apply(std::string text, Of what) const {
   for (const Step& step : m_steps) {
     if (step.of[static_cast<size_t>(what)] && text.size() <= kLongest) text = substitute(step, text);

@@ -10,8 +10,8 @@ class OptionValues;
 // Where the help lists an option, in this order. It means nothing to the parser.
 enum class OptionGroup { Mode, Archive, Compression, Which, Names, Kept, Existing, Shown, Component };
 
-// A row. All texts are literals. A row without a sentence is another name of the row before it, and does the
-// same; the parser, the help and the completions rely on it standing there.
+// A row. All texts are literals, and valid for ever. A row without a sentence is another name of the row
+// before it, and does the same; the parser, the help and the completions rely on it standing there.
 struct Option {
   char letter;       // '\0': none
   const char* name;  // the long one

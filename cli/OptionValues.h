@@ -48,15 +48,19 @@ class OptionValues {
   bool setThreads(const std::string& count);
   // A name that iconv knows.
   bool setCharset(const std::string& name);
+  // Counts from 0 on, in decimal digits.
   bool setMaxCount(const std::string& text);
   bool setStripComponents(const std::string& text);
   // A date or a file's name (Dates.h).
   bool setNewer(const std::string& when, bool byData);
+  // Expressions of sed (NameTransform.h), behind those that were given before.
   bool addTransform(const std::string& expressions);
   // Names are looked up in the system's database.
   bool setOwner(const std::string& text);
   bool setGroup(const std::string& text);
+  // In chmod's language (ModeChange.h).
   bool setModeChange(const std::string& text);
+  // A date or a file's name, as for setNewer.
   bool setTime(const std::string& when);
   // "name" or "none"; either is what is done anyway.
   bool setSort(const std::string& order);

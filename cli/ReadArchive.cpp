@@ -99,7 +99,7 @@ bool ArchiveReader::openPath(const std::string& path, Report& report) {
   morvane::ProgressMonitor monitor(event, 1, 0, 0);
   morvane::LogCause log;
   if (m_source.openDataSourceFile(path, log, &monitor)) return true;
-  // The end of the command says that it was interrupted.
+  // The end of a reading command says that it was interrupted.
   if (!isInterrupted()) report.problem(path, log.cause().reason);
   return false;
 }

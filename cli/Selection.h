@@ -61,7 +61,8 @@ class Selection {
     std::string path;   // as it is compared
   };
 
-  // From texts as they were typed to what is compared.
+  // From texts as they were typed to what is compared. An --exclude with a slash at its end is dropped by the
+  // last of these, as it matches nothing.
   static Pattern patternOf(std::string_view text);
   static std::vector<PathPattern> patternsOf(const std::vector<std::string>& given);
   static std::vector<std::string> withoutSlashAtEnd(std::vector<std::string> given);

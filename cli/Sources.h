@@ -26,6 +26,7 @@ class Sources {
   // How many were added; an operand that was given twice counts once.
   size_t count() const { return m_given.size(); }
   // What a source is called as the operands were given: without the directory of a -C.
+  // Patterns are tried on it beside the archive's path, because it is what the person typed.
   std::string givenPath(const std::string& localPath) const;
   // Whether a source is one of the operands itself, rather than something below one.
   bool isOperand(const std::string& localPath) const { return m_given.count(localPath) > 0; }
@@ -35,7 +36,8 @@ class Sources {
   std::string nameOf(const std::string& path);
   // One operand: checks, its name, and the calls of the component.
   void addOperand(const Operand& operand);
-  // One file, or a directory as a member without what is in it.
+  // One file, or a directory as a member without what is in it. A failure is named with the component's
+  // reason.
   void addSingle(const std::string& local, const std::string& name);
 
   // None of these is owned.
@@ -47,8 +49,7 @@ class Sources {
   // Both paths without slashes at their ends.
   std::map<std::string, std::string> m_given;  // by local path: the operand
   bool m_anyElsewhere = false;                 // behind a -C
-  // As it is called in the archive.
-  // --prefix, made a name by the rules of names:
+  // --prefix as it is called in the archive, by the rules that all names go by.
   std::string m_prefix;
   // What nameOf named last.
   std::string m_lastRemoved;

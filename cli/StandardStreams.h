@@ -20,7 +20,8 @@ class StandardOutput {
   static int error();
 };
 
-// Written at once; a failure is ignored.
+// Written at once and whole; a failure is ignored, since there is no place to tell it. An interrupt ends the
+// wait for a reader.
 void writeToStandardError(std::string_view text);
 
 }  // namespace mvtar

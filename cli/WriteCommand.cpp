@@ -60,7 +60,7 @@ bool writeThroughProgram(ClsTar& tar, const CommandLine& line, CreateEvent& even
   const int toProgram = program.startWriting(line.filterProgram, file->descriptor(), report);
   if (toProgram < 0) return false;
   std::unique_ptr<OutputFile> out(OutputFile::adopt(morvane::OsFile(toProgram), line.filterProgram.c_str()));
-  // The program is waited for and the file closed on this way out as well, by their destructors.
+  // The program is ended and the file closed on this way out as well, by their destructors.
   if (!out) throw std::bad_alloc();
   // In this order, each step of which is needed for the next: the program ends when its input does, and the
   // file holds all of the archive once the program has ended. All of it is done also behind a failure, so

@@ -107,8 +107,8 @@ int main(int argc, char** argv) {
     return runCommandLine(argc, argv);
   } catch (const std::bad_alloc&) {
     return mvtar::finishWithoutMemory();
-    // Not expected of anything here; it is said like any other failure, and what was printed before is kept.
   } catch (const std::exception& exception) {
+    // Not expected of anything here; it is said like any other failure, and what was printed before is kept.
     mvtar::StandardOutput::flush();
     mvtar::writeToStandardError(std::string("mvtar: ") + exception.what() + "\n");
     return mvtar::kNotAllDone;
