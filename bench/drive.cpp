@@ -8,6 +8,7 @@
 
 namespace {
 
+// The log is the component's whole account of what went wrong.
 int failed(morvane::ClsTar& tar) {
   morvane::XString log;
   tar.get_LogText(log);
@@ -15,6 +16,7 @@ int failed(morvane::ClsTar& tar) {
   return 1;
 }
 
+// Flushed here, because a full disk would otherwise show only behind the status.
 int print(const void* bytes, size_t n) {
   return std::fwrite(bytes, 1, n, stdout) == n && std::fflush(stdout) == 0 ? 0 : 1;
 }
@@ -22,6 +24,8 @@ int print(const void* bytes, size_t n) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // Each job is one call and what it returns: there is nothing else in the time that is measured but the
+  // start of a process. The status is 64 for wrong usage and 1 for a failure.
   const std::string job = argc > 2 ? argv[1] : "";
   morvane::ClsTar tar;
   if (job == "list") {

@@ -19,7 +19,8 @@
 
 #include "floor.h"
 
-// The fields of a header block that are used here: offset and width.
+// The fields of a header block that are used here, as POSIX ustar has them: offset and width, two arguments
+// of a call. Only the type and the texts are got at by their offsets alone.
 #define MODE 100, 8
 #define UID 108, 8
 #define GID 116, 8
@@ -30,17 +31,20 @@ enum { kTypeAt = 156, kMagicAt = 257, kUserAt = 265, kGroupAt = 297 };
 
 static size_t padded(size_t n) { return (n + kBlock - 1) / kBlock * kBlock; }
 
+// mmap says MAP_FAILED where malloc says NULL.
 void* must(void* pointer, const char* what) {
   if (!pointer || pointer == MAP_FAILED) err(1, "%s", what);
   return pointer;
 }
 
+// 0644 only counts where a file is made.
 int openIt(int dir, const char* path, int flags) {
   const int fd = openat(dir, path, flags | O_CLOEXEC, 0644);
   if (fd < 0) err(1, "%s", path);
   return fd;
 }
 
+// The system may take less than it is given, from a pipe's reader for example.
 void writeAll(int fd, const void* bytes, size_t n) {
   for (size_t done = 0; done < n;) {
     const ssize_t written = write(fd, (const char*)bytes + done, n - done);
@@ -51,10 +55,13 @@ void writeAll(int fd, const void* bytes, size_t n) {
 
 // ---- Header blocks
 
+// The block is zeros before, so that the byte behind the digits ends the field.
 static void putOctal(unsigned char* block, int offset, int width, uint64_t value) {
   for (int i = width - 2; i >= 0; --i, value >>= 3) block[offset + i] = (unsigned char)('0' + (value & 7));
 }
 
+// Fields end at a NUL, a blank or their width. No file of the data sets has a size that octal digits cannot
+// hold.
 static uint64_t getOctal(const unsigned char* block, int offset, int width) {
   uint64_t value = 0;
   for (int i = offset; i < offset + width && block[i] >= '0' && block[i] <= '7'; ++i)
@@ -62,6 +69,7 @@ static uint64_t getOctal(const unsigned char* block, int offset, int width) {
   return value;
 }
 
+// The checksum counts its own field as eight blanks.
 static unsigned checksum(const unsigned char* block) {
   unsigned sum = 8 * ' ';
   for (int i = 0; i < 148; ++i) sum += block[i];
@@ -69,7 +77,8 @@ static unsigned checksum(const unsigned char* block) {
   return sum;
 }
 
-// False at the end of the archive.
+// False at the end of the archive: a block of zeros, whose sum is that of the blanks. The second one that an
+// archive ends with is not looked for.
 static bool checkHeader(const unsigned char* block) {
   const unsigned sum = checksum(block);
   if (sum == getOctal(block, CHECKSUM)) return true;
@@ -85,11 +94,13 @@ static struct {
   size_t used;
 } gOut;
 
+// Global, as all state here is: a process does one job.
 static void flushOut(void) {
   writeAll(gOut.fd, gOut.buffer, gOut.used);
   gOut.used = 0;
 }
 
+// A block of zeros in the buffer, to be filled in there.
 static unsigned char* nextBlock(void) {
   if (gOut.used + kBlock > kBuffer) flushOut();
   unsigned char* const block = gOut.buffer + gOut.used;
@@ -97,6 +108,8 @@ static unsigned char* nextBlock(void) {
   return memset(block, 0, kBlock);
 }
 
+// The fields that GNU tar fills in, with its magic and its form of the checksum: six digits, a NUL and a
+// blank. Names of owners are not looked up, because that would measure the user database.
 static void putHeader(const char* path, char type, const struct stat* info) {
   unsigned char* const block = nextBlock();
   const int length = snprintf((char*)block, 100, "%s%s", path, type == '5' ? "/" : "");
@@ -120,9 +133,12 @@ static void putFile(int dir, const char* name, const char* path) {
   if (fstat(fd, &info) != 0) err(1, "%s", path);
   putHeader(path, '0', &info);
   for (size_t left = (size_t)info.st_size; left > 0;) {
+    // Flushed before a file that would fit an empty buffer but not what is left of it, so that each such file
+    // takes one read.
     if (gOut.used == kBuffer || (left <= kBuffer && gOut.used + left > kBuffer)) flushOut();
     const size_t room = kBuffer - gOut.used;
     const ssize_t got = read(fd, gOut.buffer + gOut.used, left < room ? left : room);
+    // A file that has become shorter has no place in a data set.
     if (got <= 0) err(1, "%s", path);
     gOut.used += (size_t)got;
     left -= (size_t)got;
@@ -133,6 +149,9 @@ static void putFile(int dir, const char* name, const char* path) {
   gOut.used = end;
 }
 
+// In the order in which the directory gives them, since sorting is work that not every tar does. Directories
+// are read past the C library, which would examine each of them once more and allocate a buffer for it. Paths
+// are relative to open directories, so that the system looks up one name for each file.
 static void putDir(int parent, const char* name, const char* path) {
   const int fd = openIt(parent, name, O_RDONLY | O_DIRECTORY);
   struct stat info;
@@ -146,6 +165,8 @@ static void putDir(int parent, const char* name, const char* path) {
       if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) continue;
       char below[512];
       snprintf(below, sizeof below, "%s/%s", path, entry->d_name);
+      // Where the file system does not tell the type, the first directory ends the program as a file that
+      // cannot be read.
       if (entry->d_type == DT_DIR)
         putDir(fd, entry->d_name, below);
       else
@@ -155,6 +176,8 @@ static void putDir(int parent, const char* name, const char* path) {
   close(fd);
 }
 
+// The end mark is two blocks of zeros, without the filling up to a record that tapes need. Closing is left to
+// the process's end, as freeing is.
 static void create(const char* archive, const char* parent, const char* name) {
   gOut.fd = openIt(AT_FDCWD, archive, O_WRONLY | O_CREAT | O_TRUNC);
   gOut.buffer = must(malloc(kBuffer), "memory");
@@ -175,16 +198,20 @@ static struct {
   struct timespec times[2];
 } gIn = {.file = -1};
 
+// From here on paths of members are relative to where the process stands.
 void extractInto(const char* target) {
   if (target && chdir(target) != 0) err(1, "%s", target);
   gIn.on = target != NULL;
 }
 
+// Through the open file; the time of access is left as it is.
 static void finishFile(void) {
   if (futimens(gIn.file, gIn.times) != 0 || close(gIn.file) != 0) err(1, "a file");
   gIn.file = -1;
 }
 
+// The target is new and empty, so that nothing has to be looked for or removed: whatever is there already
+// ends it. Directories come before what is in them.
 static void takeHeader(const unsigned char* block) {
   gIn.ended = !checkHeader(block);
   if (gIn.ended) return;
@@ -199,9 +226,12 @@ static void takeHeader(const unsigned char* block) {
   gIn.paddingLeft = padded(gIn.dataLeft) - gIn.dataLeft;
   gIn.times[0].tv_nsec = UTIME_OMIT;
   gIn.times[1].tv_sec = (time_t)getOctal(block, MTIME);
+  // No data will come that would finish it.
   if (gIn.dataLeft == 0) finishFile();
 }
 
+// Pieces may end anywhere, as a decompressor makes them. Data go straight from the piece to the file; only a
+// header that two pieces share is copied.
 void feed(const unsigned char* bytes, size_t n) {
   while (gIn.on && n > 0 && !gIn.ended) {
     size_t taken;
@@ -234,6 +264,7 @@ void checkEnded(void) {
   if (gIn.on && !gIn.ended) errx(1, "the archive is cut short");
 }
 
+// Reading ends with the end mark, behind which nothing of an archive counts.
 static void extract(const char* archive, const char* target) {
   const int fd = openIt(AT_FDCWD, archive, O_RDONLY);
   unsigned char* const buffer = must(malloc(kBuffer), "memory");
@@ -250,6 +281,9 @@ typedef struct {
 } Member;
 typedef bool Visit(const unsigned char* block, Member member, void* context);  // false ends the walk
 
+// A large member is jumped over, and only the block behind it is read, since what follows it may be large as
+// well; small ones lie in one window with their data, and reading those costs less than a call for each
+// header.
 static void walk(const char* archive, Visit* visit, void* context) {
   enum { kWindow = 1 << 16, kLarge = 1 << 14 };
   static unsigned char window[kWindow];
@@ -257,6 +291,7 @@ static void walk(const char* archive, Visit* visit, void* context) {
   ssize_t filled = 0;
   const int fd = openIt(AT_FDCWD, archive, O_RDONLY);
   while (true) {
+    // The block is not whole in the window; the window begins with it then.
     if (at + kBlock > base + (uint64_t)filled) {
       base = at;
       filled = pread(fd, window, size > kLarge ? kBlock : kWindow, (off_t)at);
@@ -271,12 +306,14 @@ static void walk(const char* archive, Visit* visit, void* context) {
   }
 }
 
+// Members are directories, too: what --verify counts.
 static bool countIt(const unsigned char* block, Member member, void* context) {
   (void)block, (void)member;
   ++*(unsigned*)context;
   return true;
 }
 
+// As ListXml writes a member. Nothing is escaped, because no name of the data sets needs it.
 static bool listIt(const unsigned char* block, Member member, void* context) {
   const time_t mtime = (time_t)getOctal(block, MTIME);
   struct tm t;
@@ -293,6 +330,7 @@ static bool listIt(const unsigned char* block, Member member, void* context) {
   return true;
 }
 
+// A buffer of the size that the other jobs have, so that the listing takes few writes.
 static void list(const char* archive) {
   static char buffer[kBuffer];
   setvbuf(stdout, buffer, _IOFBF, sizeof buffer);
@@ -301,6 +339,8 @@ static void list(const char* archive) {
   printf("</tar>\r\n");
 }
 
+// The data are first brought into memory, as the call that this is compared with brings them. One byte more,
+// because a null pointer is what malloc may give for none.
 static bool firstIt(const unsigned char* block, Member member, void* context) {
   if (strncmp((const char*)block, context, 100) != 0) return true;
   void* const copy = must(malloc(member.size + 1), "memory");
@@ -312,6 +352,8 @@ static bool firstIt(const unsigned char* block, Member member, void* context) {
 // ---- Measuring: runs a command from a process so small that the command's peak memory is its own, and
 // writes "seconds peakKiB" to a file
 
+// The time is the wall's, from before the start until the end is known, for all programs alike. The status is
+// the command's own, and 128 for one that a signal ended.
 static int measure(const char* report, char** command) {
   struct timespec begin, end;
   struct rusage usage;
@@ -320,6 +362,7 @@ static int measure(const char* report, char** command) {
   clock_gettime(CLOCK_MONOTONIC, &begin);
   if (posix_spawnp(&child, command[0], NULL, NULL, command, environ) != 0)
     errx(127, "%s: not found", command[0]);
+  // ru_maxrss is in KiB on Linux, and begins with what this process had when it started the command.
   if (wait4(child, &status, 0, &usage) < 0) err(1, "wait");
   clock_gettime(CLOCK_MONOTONIC, &end);
   const double seconds = (double)(end.tv_sec - begin.tv_sec) + (double)(end.tv_nsec - begin.tv_nsec) * 1e-9;
@@ -327,6 +370,7 @@ static int measure(const char* report, char** command) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128;
 }
 
+// Every job but `measure` takes its archive first. 64 is wrong usage, as in sysexits.h.
 int main(int argc, char** argv) {
   const char* const job = argc > 2 ? argv[1] : "";
   unsigned members = 0;

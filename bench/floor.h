@@ -4,6 +4,8 @@
 #include <stdbool.h>
 #include <stddef.h>
 
+// Bytes: a tar block, and what is read and written in one go. The second is a multiple of the first, so that
+// padding always has room in the buffer.
 enum { kBlock = 512, kBuffer = 1 << 20 };
 
 static inline size_t least(size_t a, size_t b) { return a < b ? a : b; }
@@ -14,6 +16,7 @@ int openIt(int dir, const char* path, int flags);
 void writeAll(int fd, const void* bytes, size_t n);
 
 // Extraction of a plain archive that comes in pieces: into this folder, or nowhere.
+// The pieces may have any size; checkEnded ends the program if the end mark has not come.
 void extractInto(const char* target);
 void feed(const unsigned char* bytes, size_t n);
 void checkEnded(void);

@@ -17,12 +17,14 @@ ArchiveName archiveNameOf(const std::string& path, bool keep) {
     const size_t end = std::min(path.find('/', start), path.size());
     const std::string part = path.substr(start, end - start);
     start = end + 1;
+    // Doubled slashes and "." parts mean nothing to the system; without them one path has one name.
     if (part.empty() || part == ".") continue;
     if (part == ".." && !keep) {
       parts.clear();
       result.removed = path.substr(0, std::min(start, path.size()));
       continue;
     }
+    // With `keep` a ".." is a part like any other, and stays where it stands.
     parts.push_back(part);
   }
   // A ".." that was removed took the leading slashes along already.

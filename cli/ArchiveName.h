@@ -5,7 +5,8 @@
 
 namespace mvtar {
 
-// UTF-8 or whatever bytes the path has; nothing is decoded.
+// UTF-8 or whatever bytes the path has; nothing is decoded. A value, made by archiveNameOf alone; the sources
+// of a command, names that --transform made and the members of -d all go by it.
 struct ArchiveName {
   std::string name;  // without a slash at the end; empty for "." and "/": the members are named below it
   std::string
@@ -14,6 +15,7 @@ struct ArchiveName {
 
 // A leading "./" is left off, and so are doubled slashes and "." parts; unless `keep` is set, leading slashes
 // and whatever stands before and with the last ".." go too.
+// Slashes at the end are left off in either case. The file system is not asked.
 ArchiveName archiveNameOf(const std::string& path, bool keep);
 
 // The two joined by a "/"; either may be empty. A prefix that ends in a slash gets no second one.

@@ -50,6 +50,8 @@ std::unique_ptr<morvane::OutputFile> standardOutput(Report& report) {
   return out;
 }
 
+// Of use only where the command itself needs the open file, behind a program (-I): without one, the component
+// opens the archive by its path. LogCause keeps the system's reason, which is all that a message needs.
 std::unique_ptr<morvane::OutputFile> archiveFile(const CommandLine& line, Report& report) {
   if (line.usesStandardStream()) return standardOutput(report);
   morvane::LogCause log;
@@ -65,6 +67,7 @@ bool closeOutput(morvane::OutputFile& out, const std::string& name, Report& repo
   morvane::LogCause log;
   const bool closed = out.closeHandle(&log, &monitor);
   // A failure of before was said by whoever wrote.
+  // Nor is an interrupt named here: the command that closes says it in a line of its own.
   if (!closed && !isInterrupted() && !log.cause().message.empty()) {
     report.problem(name, log.cause().reason);
   }

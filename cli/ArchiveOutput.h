@@ -10,10 +10,12 @@
 namespace mvtar {
 
 // False, and named, when the archive would be written to a terminal.
+// Asked before anything else is done, so that a mistaken command costs nothing.
 bool isNoTerminal(const CommandLine& line, Report& report);
 // What messages call it.
 constexpr char kStandardOutput[] = "standard output";
 // Null, and named, when standard output cannot be had.
+// The caller closes it by closeOutput; standard output itself stays open.
 std::unique_ptr<morvane::OutputFile> standardOutput(Report& report);
 // Standard output or the archive's file, created or truncated. Null, and named, when it cannot be had.
 std::unique_ptr<morvane::OutputFile> archiveFile(const CommandLine& line, Report& report);

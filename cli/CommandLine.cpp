@@ -14,6 +14,8 @@ namespace {
 // No letter is as large.
 constexpr int kFirstLongOnly = 256;  // what getopt_long gives for a row without a letter, plus the row
 
+// The table's own words for it, because the table is also read by the help, which knows nothing of
+// getopt_long.
 int argumentOf(const Option& row) {
   return row.takes == Option::Takes::Nothing ? no_argument
          : row.takes == Option::Takes::Value ? required_argument
@@ -22,6 +24,7 @@ int argumentOf(const Option& row) {
 
 // "-" in front: operands come in their place among the options. ":" tells a missing value apart. Operands
 // have to come in their place because each -C holds for those behind it.
+// The table has no letter whose value may be left out, so getopt's "::" is never needed.
 std::string letters() {
   std::string all = "-:";
   for (size_t i = 0; i < kOptionCount; ++i) {
@@ -91,8 +94,11 @@ class Parser {
     const int count = static_cast<int>(words.size());
     const std::string shortOnes = letters();
     const std::vector<option> longOnes = longOptions();
+    // Its messages are not in the command's words, and show what was typed without escapes.
     opterr = 0;
     optind = 1;
+    // `before` is the word that getopt_long is about to look at. Of a wrong long option it tells nothing
+    // else, so that the message takes the word from there.
     while (true) {
       const int before = optind;
       const int found = getopt_long(count, arguments.data(), shortOnes.c_str(), longOnes.data(), nullptr);
@@ -100,6 +106,7 @@ class Parser {
       if (!take(found, words, before)) return false;
     }
     for (int i = optind; i < count; ++i) m_values.addOperand(arguments[static_cast<size_t>(i)]);
+    // Help is given beside half a command line, which check would refuse.
     const Mode mode = m_values.line().mode;
     return mode == Mode::Help || mode == Mode::Version || m_values.check();
   }
@@ -109,6 +116,7 @@ class Parser {
   static std::string culprit(const std::vector<std::string>& words, int at) {
     // A letter; long options are given by the word that getopt_long stood at.
     if (optopt > 0 && optopt < kFirstLongOnly) return std::string("-") + static_cast<char>(optopt);
+    // Without what stands behind its "=", which may be long and is not what is wrong.
     const size_t index = static_cast<size_t>(at);
     return index < words.size() ? words[index].substr(0, words[index].find('=')) : "";
   }
@@ -124,11 +132,14 @@ class Parser {
     // For a known option that was given a value it does not take, getopt_long tells which it is.
     const Option* const known = rowOf(found == '?' ? optopt : found);
     if (!known) return m_values.wrong(unknown(culprit(words, at)));
+    // An option that needs a value and has none came as ":" before; so "?" with a known row is a value too
+    // many, and only a long option can be given one ("--verbose=x").
     return found == '?' ? m_values.wrong(std::string("option '--") + known->name + "' takes no value")
                         : known->apply(m_values, optarg);
   }
 
-  // Says which options a beginning may stand for.
+  // An ambiguous beginning and an unknown name come from getopt_long as the same "?". Which of them it was is
+  // found by looking whether any option begins so; those are then listed.
   static std::string unknown(const std::string& word) {
     std::string candidates;
     const bool isLong = word.size() > 2 && word.compare(0, 2, "--") == 0;

@@ -24,17 +24,19 @@ using morvane::TarMemberInfo;
 
 constexpr unsigned kModeBits = 07777;
 
-// Takes a member's data, and reads the file beside them. After the first difference it takes the rest without
-// a look.
+// Takes a member's data, and reads the file beside them, so that neither is ever held whole. After the first
+// difference it takes the rest without a look.
 class ComparingOutput : public morvane::_mvOutput {
  public:
   ~ComparingOutput() override { close(); }
-  // False with errno.
+  // False with errno. By now lstat has called it a regular file; if a link or a FIFO has come to its place
+  // since, it is neither followed nor waited for.
   bool open(const std::string& path) {
     close();
     m_fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
     return m_fd >= 0;
   }
+  // Also what was found is forgotten, so the caller takes it before.
   void close() {
     if (m_fd >= 0) ::close(m_fd);
     m_fd = -1;
@@ -46,6 +48,8 @@ class ComparingOutput : public morvane::_mvOutput {
   // The errno of a read that failed.
   int error() const { return m_error; }
 
+  // Always true: a difference, or a file that cannot be read, is no failure of the archive, and refusing the
+  // bytes would end the run for the members behind this one as well.
   bool _writeBytes(const char* bytes, unsigned int n, morvane::_mvIoParams&, morvane::LogBase&) override {
     while (n > 0 && !m_differs && m_error == 0 && m_fd >= 0) {
       char piece[64 * 1024];
@@ -54,6 +58,7 @@ class ComparingOutput : public morvane::_mvOutput {
       if (got < 0) {
         m_error = errno;
       } else {
+        // Nothing more to read means that the file was cut since its size was looked at.
         m_differs = got == 0 || std::memcmp(bytes, piece, static_cast<size_t>(got)) != 0;
         bytes += got;
         n -= static_cast<unsigned>(got);
@@ -68,13 +73,16 @@ class ComparingOutput : public morvane::_mvOutput {
   int m_error = 0;
 };
 
+// On Linux no link's text is longer than PATH_MAX, so that one that was cut cannot pass for the whole. Nor
+// can a link that has gone meanwhile: it differs.
 bool hasTextOf(const std::string& link, const std::string& text) {
   char there[PATH_MAX];
   const ssize_t length = readlink(link.c_str(), there, sizeof there);
   return length >= 0 && text == std::string_view(there, static_cast<size_t>(length));
 }
 
-// By name where the archive has one that is known here, as extraction goes by it.
+// By name where the archive has one that is known here, as extraction goes by it. The database remembers its
+// answers, because most members have the same few owners.
 class Owners {
  public:
   explicit Owners(bool byNumber) : m_byNumber(byNumber) {}
@@ -100,10 +108,13 @@ class CompareEvent : public MemberEvent {
   CompareEvent(Report& report, ProgressBar& bar, const CommandLine& line, ComparingOutput& output)
       : MemberEvent(report, bar, line), m_output(output), m_owners(line.keeping.numericOwners) {}
 
+  // Only files come here, and only onSelected opens the output: what it left closed has no data to be
+  // compared, and the component passes them over.
   void onTarEntry(const char*, long long size, bool, bool& skip) override {
     skip = !m_output.isOpen();
     if (!skip) begin({}, size);  // it was named before what differs
   }
+  // No event tells that a member's data are over; the next header does, and after the last one the caller.
   void onTarHeader(const TarMemberInfo& member) override {
     finishContents();
     MemberEvent::onTarHeader(member);
@@ -122,12 +133,14 @@ class CompareEvent : public MemberEvent {
     std::string local = path.substr(start);
     const bool isAbsolute = !local.empty() && local[0] == '/';
     local = isAbsolute ? local : joinNames(m_line.targetDir, local);
+    // With a slash at its end lstat would follow a link that stands in a directory's place.
     while (local.size() > 1 && local.back() == '/') local.pop_back();
     return local.empty() ? "." : local;
   }
 
   void onSelected(const TarMemberInfo& member) override {
     m_path = m_line.changes.pathWhenReading(member.path);
+    // --strip-components left nothing of it; extraction would pass it over, too.
     if (m_path.empty()) return;
     // It would not be extracted either, and is nobody's to be looked at.
     if (!m_line.keepNames && archiveNameOf(m_path, false).removed.size() > 1) {
@@ -137,13 +150,19 @@ class CompareEvent : public MemberEvent {
     const std::string local = localPathOf(m_path);
     const MemberKind& kind = kindOf(member);
     const bool hasContents = kind.hasData();
+    // A file counts once its data have been compared, or cannot be; anything else counts here.
     if (!hasContents) count(0);
+    // Before anything that differs, so that the lines about a member follow its name.
     if (m_line.verbose) m_report.name(m_path);
     struct stat status;
     if (lstat(local.c_str(), &status) != 0) {
+      // Only these say that nothing is there. A directory that may not be searched says nothing about the
+      // member, and is a problem instead of a difference.
       const bool isMissing = errno == ENOENT || errno == ENOTDIR;
       isMissing ? m_report.difference(m_path, "missing") : m_report.problem(m_path, std::strerror(errno));
     } else if (member.typeFlag == kHardLink) {
+      // Before the kinds are compared: a hard link may be a further name of anything, and its header does not
+      // say of what.
       compareHardLink(member, status);
     } else if ((status.st_mode & S_IFMT) != kind.type) {
       m_report.difference(m_path, "the kind differs");
@@ -156,6 +175,8 @@ class CompareEvent : public MemberEvent {
     }
   }
 
+  // Whether it is the same file as its target is all that a hard link states. Mode, owner and contents were
+  // compared with the member that it leads to.
   void compareHardLink(const TarMemberInfo& member, const struct stat& status) {
     struct stat target;
     const bool isSame =
@@ -165,7 +186,8 @@ class CompareEvent : public MemberEvent {
   }
 
   // Modes of links mean nothing, and the time of a directory changes with what is in it. A time without a
-  // fraction is compared without one.
+  // fraction is compared without one, because the formats other than pax keep whole seconds and the file
+  // system keeps more.
   void compareMetadata(const TarMemberInfo& member, const struct stat& status) {
     const MemberKind& kind = kindOf(member);
     const auto differsIf = [&](bool differs, const char* what) {
@@ -184,9 +206,11 @@ class CompareEvent : public MemberEvent {
               "the device differs");
   }
 
-  // Files of another size are not read.
+  // Files of another size are not read: that they differ is known. Of a sparse member the size with its holes
+  // counts, because the component hands holes over as zeros and the file gives zeros for its own.
   void compareContents(const TarMemberInfo& member, const std::string& local, const struct stat& status) {
     if (status.st_size != member.realSize) {
+      // Counted at once, because without an open file its data are passed over and it is never begun.
       count(member.realSize);
       m_report.difference(m_path, "the size differs");
     } else if (!m_output.open(local)) {
@@ -209,9 +233,11 @@ int compareArchive(const CommandLine& line) {
   ComparingOutput output;
   CompareEvent event(job.report, job.bar, line, output);
   bool ok = job.tar.UntarMembersToOutput(job.archive.source(), output, &event) || event.enoughSeen();
+  // The component calls it a failure that no member had data to hand over.
   ok = ok || job.tar.get_OnlyLeftOut();
   job.bar.clear();
   if (ok) {
+    // The last member's data have no header behind them.
     event.finishContents();
     event.settle();
     event.nameUnfound();

@@ -22,6 +22,7 @@ namespace {
 
 constexpr char kCacheTag[] = "CACHEDIR.TAG";
 
+// Of a local path by its text alone: with a slash at its end a path would be its own parent.
 std::string parentOf(const std::string& path) {
   const size_t slash = path.rfind('/');
   return slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
@@ -31,7 +32,9 @@ std::string_view lastPartOf(const std::string& path) {
   return std::string_view(path).substr(path.rfind('/') + 1);
 }
 
-// As the Cache Directory Tagging Specification has it: the file begins with these bytes.
+// As the Cache Directory Tagging Specification (https://bford.info/cachedir/) has it: the file begins with
+// these bytes; its name alone does not make a cache. The tag is read without waiting, because a FIFO may bear
+// that name.
 bool isTaggedAsCache(const std::string& dir) {
   constexpr std::string_view kSignature = "Signature: 8a477f597d28d172789f06886806bc55";
   const int fd = open((dir + "/" + kCacheTag).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
@@ -65,17 +68,23 @@ void CreateEvent::onTarEntry(const char*, long long, bool, bool&) { settle(); }
 // What is excluded takes all below it along; what merely does not match may have members below that do. A
 // path that ustar cannot hold is told here, with the others of its kind, instead of ending the archive.
 void CreateEvent::onTarMember(morvane::TarMember& member) {
+  // Kept also for a member that is left out: the component may go on to tell that it cannot be read.
   m_localPath = member.localPath;
   member.skip = !isWanted(member);
   member.skipBelow = m_nothingBelow || isOnOtherFileSystem(member);
   if (member.skip) return;
   const bool isChanged = !m_line.changes.transform.isEmpty();
+  // Behind the selection, which goes by the name before. Options that change nothing are spared the copies of
+  // the names.
   if (m_line.changes.anyWhenWriting()) m_line.changes.applyWriting(member);
   if (isChanged) makeNameSafe(member);
   m_isDirectory = member.typeFlag == kDirectory;
   // The component adds the slash later, and it counts.
   const std::string stored = m_isDirectory ? member.path + "/" : member.path;
   m_hasBackSlash = stored.find('\\') != std::string::npos;
+  // All three are told here, because the component would not: it takes an empty name for a wish to skip the
+  // member in silence, and ends the whole archive at a path that ustar cannot hold. A name over kLongest was
+  // not changed to its end.
   const char* const refusal =
       member.path.empty()                                       ? "its name becomes empty"
       : isChanged && stored.size() > NameTransform::kLongest    ? "its name becomes too long"
@@ -91,7 +100,9 @@ void CreateEvent::onTarMember(morvane::TarMember& member) {
   m_size = member.size;
 }
 
-// A name that --transform made goes by the same rules as one that was given.
+// A name that --transform made goes by the same rules as one that was given: without -P nothing absolute and
+// no ".." gets into an archive. Every member of a tree may lose the same beginning, so that it is named once
+// for as long as it is the same.
 void CreateEvent::makeNameSafe(morvane::TarMember& member) {
   const ArchiveName stored = archiveNameOf(member.path, m_line.keepNames);
   if (!stored.removed.empty() && stored.removed != m_lastRemoved) {
@@ -101,6 +112,9 @@ void CreateEvent::makeNameSafe(morvane::TarMember& member) {
   member.path = stored.name;
 }
 
+// The given path differs from the archive's where a prefix or a -C is at work, and a pattern may mean either;
+// it is only looked for when there are patterns. What leaves out all below is asked before what leaves out
+// the member alone, so that m_nothingBelow is right in either case.
 bool CreateEvent::isWanted(const morvane::TarMember& member) {
   struct stat status;
   if (m_archive && lstat(member.localPath.c_str(), &status) == 0 && status.st_dev == m_archive->st_dev &&
@@ -108,6 +122,7 @@ bool CreateEvent::isWanted(const morvane::TarMember& member) {
     return false;
   const bool byGivenPath = !m_line.excludes.empty() || !m_line.matches.empty();
   const std::string given = byGivenPath ? m_sources.givenPath(member.localPath) : member.path;
+  // The count goes by members that are whole, and onTarEntry has settled the one before this.
   m_nothingBelow = isExcluded(member.path, given) || (m_line.maxCount > 0 && m_members >= m_line.maxCount) ||
                    (m_line.excludesCaches && isInCache(member.localPath));
   if (m_nothingBelow || isTooOld(member)) return false;
@@ -120,9 +135,10 @@ bool CreateEvent::isExcluded(const std::string& path, const std::string& given) 
 
 // Directories are always taken where something newer is looked for, because it may be below them; those that
 // the archive has are not put into it again by -u. A time of the archive has a fraction only where its form
-// keeps one.
+// keeps one: the source's own is then left out, or nearly every file would be newer than its copy.
 bool CreateEvent::isTooOld(const morvane::TarMember& member) const {
   const timespec modified{static_cast<time_t>(member.mtime), static_cast<long>(member.mtimeNanoseconds)};
+  // The archive has the names that --transform made.
   const std::string name = m_line.changes.transform.apply(member.path, NameTransform::Of::Name);
   if (const auto copy = m_newest.find(std::string(comparablePath(name))); copy != m_newest.end()) {
     timespec own = modified;
@@ -132,12 +148,15 @@ bool CreateEvent::isTooOld(const morvane::TarMember& member) const {
   if (!m_line.newerThan || member.typeFlag == kDirectory || !isEarlier(modified, *m_line.newerThan))
     return false;
   struct stat status;
+  // --newer also counts a change of the inode (owner, mode, another name), which a backup must not miss.
   const bool isChanged = !m_line.newerByData && lstat(member.localPath.c_str(), &status) == 0 &&
                          !isEarlier(status.st_ctim, *m_line.newerThan);
   return !isChanged;
 }
 
-// Of a cache the directory and its tag are kept. Operands are what the user named, wherever they are.
+// Of a cache the directory and its tag are kept. Operands are what the user named, wherever they are. Members
+// of one directory mostly come one behind the other, so that the last answer saves a look at the disk for
+// each.
 bool CreateEvent::isInCache(const std::string& localPath) {
   if (m_sources.isOperand(localPath)) return false;
   const std::string parent = parentOf(localPath);
@@ -149,6 +168,8 @@ bool CreateEvent::isInCache(const std::string& localPath) {
 }
 
 // The directory that something is mounted on is a member, as it is for other tars; what is mounted is not.
+// Both are looked at through links: an operand's parent may be one, and with -h a member is what its link
+// leads to.
 bool CreateEvent::isOnOtherFileSystem(const morvane::TarMember& member) const {
   if (!m_line.staysOnFileSystem || member.typeFlag != kDirectory || m_sources.isOperand(member.localPath))
     return false;
@@ -157,10 +178,11 @@ bool CreateEvent::isOnOtherFileSystem(const morvane::TarMember& member) const {
          stat(parentOf(member.localPath).c_str(), &parent) == 0 && own.st_dev != parent.st_dev;
 }
 
-// The component's names of what happened (ProgressEvent.h). Each is a problem and makes the exit status 2,
-// but for a socket, which no tar keeps. What has a problem is not removed.
+// The component's names of what happened. Each is a problem and makes the exit status 2, but for a socket,
+// which no tar keeps, and for the name of a member. What has a problem is not removed.
 void CreateEvent::onInfo(const char* name, const char* value) {
   const std::string_view what(name);
+  // The component's own name for it; with -v that is what is shown.
   if (what == "pathInTar") {
     m_name = value;
   } else if (what == "unreadable") {

@@ -17,12 +17,14 @@ namespace {
 
 constexpr int kHour = 3600, kDay = 24 * kHour, kNoon = 12;
 
+// Between a time and its zone people write a blank or none.
 const char* withoutBlanks(const char* text) {
   while (*text == ' ') ++text;
   return text;
 }
 
-// ".25" as nanoseconds; digits beyond the ninth are of no use to any file system. `at` is left behind them.
+// ".25" as nanoseconds, and ",25", which ISO 8601 allows as well. Digits beyond the ninth are of no use to
+// any file system: the unit is 0 by then, and they are passed over. `at` is left behind them.
 long parseFraction(const char*& at) {
   if (*at != '.' && *at != ',') return 0;
   long nanoseconds = 0;
@@ -32,7 +34,8 @@ long parseFraction(const char*& at) {
 }
 
 // "Z", "UTC", "GMT", "+01:00", "+0100" or "+01" to the end of the text; seconds east of Greenwich. Nothing
-// for anything else.
+// for anything else, names of other zones among it: "IST" is three different times, and a wrong guess would
+// select the wrong files.
 std::optional<int> parseZone(const char* at) {
   at = withoutBlanks(at);
   for (const char* const name : {"Z", "UTC", "GMT"}) {
@@ -52,19 +55,22 @@ std::optional<int> parseZone(const char* at) {
   return sign * (number / 100 * kHour + number % 100 * 60);
 }
 
-// One form, and behind it, if it has seconds, a fraction; then a zone or nothing. A time that is no time of
-// the local clock (a leap of it) is moved by mktime, as everywhere.
+// One form, and behind it perhaps a fraction; then a zone or nothing. A time that is no time of the local
+// clock (a leap of it) is moved by mktime, as everywhere.
 std::optional<timespec> parseForm(const char* text, const char* form) {
   tm parts{};
   const char* at = strptime(text, form, &parts);
   if (!at) return std::nullopt;
   const long nanoseconds = parseFraction(at);
-  // A day that the month does not have would be taken for one of the next month.
+  // strptime takes 31 for any month, and timegm would then make it a day of the next one. It is asked about
+  // noon, because its -1 for an error is also the last second of 1969, which is not at noon.
   tm day = parts;
   day.tm_hour = kNoon;
   day.tm_isdst = -1;
   if (timegm(&day) == -1 || day.tm_mday != parts.tm_mday) return std::nullopt;
+  // Without a zone it is local time, and mktime goes by TZ.
   if (*withoutBlanks(at) == '\0') {
+    // -1 leaves it to mktime to find out from the date whether summer time holds.
     parts.tm_isdst = -1;
     return timespec{mktime(&parts), nanoseconds};
   }
@@ -73,15 +79,19 @@ std::optional<timespec> parseForm(const char* text, const char* form) {
   return timespec{timegm(&parts) - *zone, nanoseconds};
 }
 
-// "Sun Nov 22 11:50:46 UTC 2026", as `date` prints it: the zone stands inside.
+// "Sun Nov 22 11:50:46 UTC 2026", as `date` prints it: the zone stands inside, where strptime cannot pass it
+// over. It is moved to the end, where parseForm looks for it.
 std::optional<timespec> parseDateOutput(const std::string& text) {
   const size_t year = text.rfind(' ');
+  // Where the year is at the very beginning there is no word in front of it.
   const size_t zone = year == std::string::npos || year == 0 ? year : text.rfind(' ', year - 1);
   if (zone == std::string::npos) return std::nullopt;
   const std::string rest = text.substr(0, zone) + text.substr(year) + text.substr(zone, year - zone);
   return parseForm(rest.c_str(), "%a %b %d %H:%M:%S %Y");
 }
 
+// "@1700000000.5", the form of `date +@%s.%N`. strtoll tells by errno alone that a number does not fit; a cut
+// one would be a date that nobody wrote.
 std::optional<timespec> parseSeconds(const char* text) {
   char* end = nullptr;
   const char* const digits = text + 1;
@@ -95,7 +105,8 @@ std::optional<timespec> parseSeconds(const char* text) {
   return time;
 }
 
-// Words, and a number of units before or behind now: "3 days ago", "1 hour".
+// Words, and a number of units before or behind now: "3 days ago", "1 hour". Days are 24 hours here, whatever
+// the local clock does on them. Months and years are no units, because they have no one length.
 std::optional<timespec> parseRelative(const std::string& text) {
   timespec now{};
   clock_gettime(CLOCK_REALTIME, &now);
@@ -112,10 +123,14 @@ std::optional<timespec> parseRelative(const std::string& text) {
   } kUnits[] = {{"second", 1},   {"sec", 1},    {"minute", 60},    {"min", 60},
                 {"hour", kHour}, {"day", kDay}, {"week", 7 * kDay}};
   char* end = nullptr;
+  // The bound keeps the product with a week's seconds far from overflow; 100 million seconds are over three
+  // years, and of larger units it is more than anybody asks for.
   const long long count = std::strtoll(text.c_str(), &end, 10);
   if (end == text.c_str() || std::llabs(count) > 100 * 1000 * 1000) return std::nullopt;
+  // Behind a number with a blank or without one: "3days" and "3 days".
   std::string unit = withoutBlanks(end);
   constexpr std::string_view kAgo = " ago";
+  // Something has to stand in front of " ago", the unit.
   const bool isAgo =
       unit.size() > kAgo.size() && unit.compare(unit.size() - kAgo.size(), kAgo.size(), kAgo) == 0;
   if (isAgo) unit.resize(unit.size() - kAgo.size());
@@ -126,8 +141,12 @@ std::optional<timespec> parseRelative(const std::string& text) {
   return std::nullopt;
 }
 
+// Each form has to take the whole text but for a zone, so that a short one never takes the beginning of a
+// longer text, and the order of the forms does not matter.
 std::optional<timespec> parseDate(const std::string& text) {
   if (!text.empty() && text[0] == '@') return parseSeconds(text.c_str());
+  // ISO 8601, the same with slashes, mail headers (RFC 5322), and `date` in English. Names of days and months
+  // go by the C locale, which this process has for them.
   constexpr const char* kForms[] = {
       "%Y-%m-%dT%H:%M:%S",   "%Y-%m-%d %H:%M:%S", "%Y-%m-%dT%H:%M",        "%Y-%m-%d %H:%M",    "%Y-%m-%d",
       "%Y/%m/%d %H:%M:%S",   "%Y/%m/%d",          "%a, %d %b %Y %H:%M:%S", "%d %b %Y %H:%M:%S", "%d %b %Y",
@@ -141,6 +160,7 @@ std::optional<timespec> parseDate(const std::string& text) {
 
 }  // namespace
 
+// A date goes first, because a file may be called "2026-11-22" and whoever means it can write "./2026-11-22".
 std::optional<timespec> parseDateOrFile(const std::string& text) {
   const bool isPath = !text.empty() && (text[0] == '/' || text[0] == '.');
   if (!isPath) {

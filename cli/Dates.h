@@ -14,7 +14,7 @@ namespace mvtar {
 // for what is neither.
 std::optional<timespec> parseDateOrFile(const std::string& text);
 
-// Whether a comes before b.
+// Whether a comes before b; equal times do not. Nanoseconds are 0 to 999,999,999 in both, before 1970 too.
 inline bool isEarlier(const timespec& a, const timespec& b) {
   return a.tv_sec != b.tv_sec ? a.tv_sec < b.tv_sec : a.tv_nsec < b.tv_nsec;
 }

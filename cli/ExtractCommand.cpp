@@ -59,8 +59,10 @@ class ExtractEvent : public MemberEvent {
   // What was begun and not made is dropped from the count before it is told; a member whose times could not
   // be set is whole. The others are told with the first member and, at the end, by their number.
   void onInfo(const char* name, const char* value) override {
+    // First, because a limit that ended the run is for every command that reads.
     MemberEvent::onInfo(name, value);
     const std::string_view what(name);
+    // The reason is asked for here, because the component forgets it when this call returns.
     if (what == "refused" || what == "uncreatable" || what == "incomplete" || what == "timesNotSet") {
       if (what != "timesNotSet") dropIf(value);
       m_report.problem(value, (what == "refused" ? "refused: " : "") + failureReason(m_tar));
@@ -118,6 +120,7 @@ class ExtractEvent : public MemberEvent {
       m_report.notice(m_path, "leading slashes are left off");
     }
     if (m_line.stripPaths) {
+      // Back slashes separate, too: the component makes slashes of them before it takes the last part.
       const std::string lastPart = m_path.substr(m_path.find_last_of("/\\") + 1);
       const auto [found, isNew] = m_lastParts.emplace(lastPart, m_path);
       if (!isNew && found->second != m_path) {
@@ -135,6 +138,7 @@ class ExtractEvent : public MemberEvent {
   bool m_slashesNamed = false;
   bool m_deviceNamed = false;
   // Only with --strip-paths, where names meet that were apart.
+  // By last part, the whole path that it came from. It grows with the names of the archive.
   std::map<std::string, std::string> m_lastParts;  // and the paths they came from
 };
 
@@ -169,6 +173,7 @@ class OutputEvent : public MemberEvent {
 bool makeTarget(const CommandLine& line, Report& report) {
   std::error_code error;
   // Links to directories on the way are followed, as they are the user's own.
+  // As the shell's mkdir -p would: what is missing is made with the modes that the umask leaves.
   if (!line.targetDir.empty()) std::filesystem::create_directories(line.targetDir, error);
   if (!error || error == std::errc::filename_too_long) return true;
   report.problem(line.targetDir, error.message());
@@ -200,8 +205,10 @@ int extractToStandardOutput(const CommandLine& line) {
   if (!job.open()) return job.finish();
   const std::unique_ptr<morvane::OutputFile> out = standardOutput(job.report);
   if (!out) return job.finish();
+  // It only chooses members; their data go from the component straight to the output.
   OutputEvent event(job.report, job.bar, line);
   bool ok = job.tar.UntarMembersToOutput(job.archive.source(), *out, &event) || event.enoughSeen();
+  // The component fails where no member was handed over; everything else of the run went well then.
   const bool none = !ok && job.tar.get_OnlyLeftOut();
   ok = closeOutput(*out, kStandardOutput, job.report) && (ok || none);
   job.bar.clear();

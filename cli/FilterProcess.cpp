@@ -21,7 +21,9 @@ namespace mvtar {
 
 namespace {
 
-// As a shell would cut them, without anything else that a shell does.
+// As a shell would cut them, without anything else that a shell does: no variables, no patterns, no further
+// commands, so that a name with such characters does no harm. Inside single quotes a back slash is itself. A
+// quote that is never closed goes to the end, and a back slash at the very end is itself.
 std::vector<std::string> wordsOf(const std::string& text) {
   std::vector<std::string> words;
   bool inWord = false;
@@ -32,6 +34,7 @@ std::vector<std::string> wordsOf(const std::string& text) {
       inWord = false;
       continue;
     }
+    // Before the quotes are looked at, so that '' is a word, though an empty one.
     if (!inWord) words.emplace_back();
     inWord = true;
     if (c == quote) {
@@ -47,7 +50,10 @@ std::vector<std::string> wordsOf(const std::string& text) {
   return words;
 }
 
-// Why a program cannot be started, as errno; 0 when it can. It is looked for as posix_spawnp looks for it.
+// Why a program cannot be started, as errno; 0 when it can. It is looked for as posix_spawnp looks for it: a
+// name with a slash is a path, any other is tried in each directory of PATH, of which an empty one is where
+// the process stands. Without a PATH the system's own two count. Something that may not be executed is
+// remembered and does not end the search.
 int startError(const std::string& name) {
   const bool isPath = name.find('/') != std::string::npos;
   const char* const given = std::getenv("PATH");
@@ -67,6 +73,8 @@ int startError(const std::string& name) {
 
 }  // namespace
 
+// The program may be gone by the time it is started, and `start` fails then. This question spares an archive
+// from being truncated in the usual case, a misspelt name.
 bool FilterProcess::canStart(const std::string& program, Report& report) {
   const std::vector<std::string> words = wordsOf(program);
   const int error = words.empty() || words[0].empty() ? ENOENT : startError(words[0]);
@@ -74,6 +82,9 @@ bool FilterProcess::canStart(const std::string& program, Report& report) {
   return error == 0;
 }
 
+// For the ways out that do not call `finish`, such as an exception, or content that is no archive. What the
+// program does is of no use any more, and so it is ended instead of being waited for. Without the wait it
+// would stay a zombie as long as this process lives.
 FilterProcess::~FilterProcess() {
   if (!isRunning()) return;
   kill(m_pid, SIGTERM);
@@ -81,6 +92,8 @@ FilterProcess::~FilterProcess() {
   }
 }
 
+// A compressor without options compresses; "-d" makes it expand, which all of them understand alike. That is
+// the custom of other tars, too.
 int FilterProcess::startWriting(const std::string& program, int to, Report& report) {
   m_program = program;
   return start(wordsOf(program), to, true, report);
@@ -93,7 +106,9 @@ int FilterProcess::startReading(const std::string& program, int from, Report& re
   return start(std::move(words), from, false, report);
 }
 
-// A closed pipe has to end the program, although this process ignores the signal for it.
+// Both ends of the pipe close on exec, so that the program has them only where the list below puts them: if
+// it kept the writing end of its own input it would never see the end of it. None of the descriptors is 0, 1
+// or 2, because main has occupied those, so that the first dup2 cannot overwrite what the second is to copy.
 int FilterProcess::start(std::vector<std::string> words, int other, bool writes, Report& report) {
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0) {
@@ -107,11 +122,14 @@ int FilterProcess::start(std::vector<std::string> words, int other, bool writes,
   posix_spawn_file_actions_adddup2(&actions, other, writes ? STDOUT_FILENO : STDIN_FILENO);
   posix_spawnattr_t attributes;
   posix_spawnattr_init(&attributes);
+  // A closed pipe has to end the program, although this process ignores the signal for it: what is ignored
+  // stays ignored across exec, and few programs look at the result of each write.
   sigset_t defaults;
   sigemptyset(&defaults);
   for (const int signal : {SIGPIPE, SIGXFSZ, SIGALRM}) sigaddset(&defaults, signal);
   posix_spawnattr_setsigdefault(&attributes, &defaults);
   posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
+  // posix_spawnp wants pointers to char, and changes nothing behind them.
   std::vector<char*> arguments;
   for (std::string& word : words) arguments.push_back(word.data());
   arguments.push_back(nullptr);
@@ -120,6 +138,8 @@ int FilterProcess::start(std::vector<std::string> words, int other, bool writes,
                     : posix_spawnp(&m_pid, arguments[0], &actions, &attributes, arguments.data(), environ);
   posix_spawnattr_destroy(&attributes);
   posix_spawn_file_actions_destroy(&actions);
+  // The program alone has that end now. While this process held it, too, the end of the program would not be
+  // the end of the pipe.
   close(theirs);
   if (error == 0) return ours;
   m_pid = -1;
@@ -128,6 +148,7 @@ int FilterProcess::start(std::vector<std::string> words, int other, bool writes,
   return -1;
 }
 
+// The wait is broken by an interrupt, and then by the timer's knocks until the program has ended.
 bool FilterProcess::finish(bool mayBreakOff, Report& report) {
   if (!isRunning()) return true;
   int status = 0;
@@ -137,6 +158,7 @@ bool FilterProcess::finish(bool mayBreakOff, Report& report) {
     if (isInterrupted()) kill(m_pid, SIGTERM);
   }
   m_pid = -1;
+  // A reader that stops early closes the pipe, and SIGPIPE is how a program that still writes hears of it.
   const bool brokeOff = WIFSIGNALED(status) && WTERMSIG(status) == SIGPIPE;
   if (status == 0 || (mayBreakOff && brokeOff)) return true;
   report.problem(m_program, WIFSIGNALED(status) ? "ended by signal " + std::to_string(WTERMSIG(status))

@@ -11,10 +11,13 @@
 namespace mvtar {
 
 // One program, from its start to its end. Started by its words, never by a shell: blanks separate them, and
-// quotes and back slashes keep blanks together.
+// quotes and back slashes keep blanks together. One object runs one program at a time. Whoever reads or
+// writes the pipe closes its end before `finish`, since the program would wait for it and `finish` for the
+// program.
 class FilterProcess {
  public:
   FilterProcess() = default;
+  // Ends a program that was not waited for.
   ~FilterProcess();
   FilterProcess(const FilterProcess&) = delete;
   FilterProcess& operator=(const FilterProcess&) = delete;
@@ -26,6 +29,7 @@ class FilterProcess {
   // and named, when that fails.
   int startWriting(const std::string& program, int to, Report& report);
   // Starts "PROGRAM -d" between `from` and the descriptor returned.
+  // The descriptor belongs to the caller, here as above, and is closed on exec.
   int startReading(const std::string& program, int from, Report& report);
   bool isRunning() const { return m_pid > 0; }
   // Waits for its end, once the descriptor is closed. False, and named, unless its status was 0; with
@@ -33,9 +37,12 @@ class FilterProcess {
   bool finish(bool mayBreakOff, Report& report);
 
  private:
+  // What both starts have in common; `other` is the descriptor that the caller gave.
   int start(std::vector<std::string> words, int other, bool writes, Report& report);
 
+  // What messages call it: all of its words, as they were typed.
   std::string m_program;
+  // -1 while none is running.
   pid_t m_pid = -1;
 };
 

@@ -8,7 +8,8 @@ namespace mvtar {
 // "": the calls, and the options of every day, on one screen of 80 columns and 24 lines. "all": every option.
 // "options": the table of options for programs, tab-separated: letter, long name, "=" for a value or "[=]"
 // for one that may be left out, what the value is called, the sentence of help. A name without a letter,
-// value or sentence has nothing there.
+// value or sentence has nothing there. Each line ends with a line end. Names, values and tabs of that table
+// are relied on by the completions.
 std::string helpText(const std::string& topic);
 
 }  // namespace mvtar

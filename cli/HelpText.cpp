@@ -9,6 +9,7 @@ namespace mvtar {
 
 namespace {
 
+// Whoever adds a line here takes another one away: all of it has to fit the screen that the header names.
 constexpr char kFirstScreen[] = R"(Usage:
   mvtar -c -f ARCHIVE [options] PATH...      create         -xf ARCHIVE  extract
   mvtar -x|-t|-d -f ARCHIVE [options] [MEMBER...]  extract, list, compare
@@ -34,6 +35,8 @@ Exit status: 0 all was done, 1 -d found differences, 2 something was not done,
 64 wrong usage, 130 or 143 interrupted.
 )";
 
+// A group without a heading here would not be listed at all. Within a group options stand in the order of the
+// table.
 constexpr struct {
   OptionGroup group;
   const char* title;
@@ -47,15 +50,20 @@ constexpr struct {
                {OptionGroup::Shown, "What is shown"},
                {OptionGroup::Component, "The component"}};
 
+// "[=VALUE]" for one that may be left out, as getopt_long takes it: only with the "=" and in the same word.
 std::string valueOf(const Option& row) {
   if (row.takes == Option::Takes::Nothing) return "";
+  // A row that takes a value always has a name for it.
   const std::string value = std::string("=") + row.value;
   return row.takes == Option::Takes::MayTakeValue ? "[" + value + "]" : value;
 }
 
-// "  -f, --file=ARCHIVE     sentence", the sentence on a line of its own where names are long.
+// "  -f, --file=ARCHIVE     sentence", the sentence on a line of its own where names are long. Other names of
+// the option are the rows that follow this one in the table, which is why `row` has to be an element of it.
 std::string lineOf(const Option& row, size_t synonyms) {
+  // Two blanks at least stand between the names and the sentence.
   constexpr size_t kSentenceAt = 30;
+  // Long names stand in one column, also where there is no letter.
   std::string line = row.letter != '\0' ? std::string("  -") + row.letter + ", " : "      ";
   line += std::string("--") + row.name + valueOf(row);
   for (size_t i = 1; i <= synonyms; ++i) line += std::string(", --") + (&row)[i].name;
@@ -64,12 +72,15 @@ std::string lineOf(const Option& row, size_t synonyms) {
   return line + row.help + "\n";
 }
 
+// Synonyms have no sentence and so no line of their own; they are counted from the row that has one.
 std::string allOptions() {
   std::string text;
   for (const auto& [group, title] : kTitles) {
     text += (text.empty() ? "" : "\n") + std::string(title) + ":\n";
     for (size_t i = 0; i < kOptionCount; ++i) {
+      // A pass over the whole table for each group: it is short, and need not be sorted by groups then.
       if (kOptions[i].group != group || !kOptions[i].help) continue;
+      // They follow their row without a gap, as the table promises.
       size_t synonyms = 0;
       while (i + synonyms + 1 < kOptionCount && !kOptions[i + synonyms + 1].help) ++synonyms;
       text += lineOf(kOptions[i], synonyms);
@@ -78,13 +89,17 @@ std::string allOptions() {
   return text;
 }
 
+// The completions of the shells read it each time they are asked, and tests compare the manual page with it.
+// A synonym has a line of its own here, with the sentence of the row before it, because it is completed, too.
 std::string tableOfOptions() {
   std::string text;
   const char* help = "";
   for (size_t i = 0; i < kOptionCount; ++i) {
     const Option& row = kOptions[i];
+    // Kept from row to row, for the synonyms behind it.
     if (row.help) help = row.help;
     if (row.letter != '\0') text += std::string("-") + row.letter;
+    // Every row has all five columns, however many of them are empty: readers count tabs.
     text += std::string("\t--") + row.name + "\t";
     text += row.takes == Option::Takes::Nothing ? "" : row.takes == Option::Takes::Value ? "=" : "[=]";
     text += std::string("\t") + (row.value ? row.value : "") + "\t" + help + "\n";
@@ -94,6 +109,7 @@ std::string tableOfOptions() {
 
 }  // namespace
 
+// Which topics there are OptionValues has checked, so that what is neither of the two is the first screen.
 std::string helpText(const std::string& topic) {
   if (topic == "options") return tableOfOptions();
   return topic == "all" ? allOptions() : kFirstScreen;

@@ -6,9 +6,12 @@
 
 namespace mvtar {
 
-// Such as opening a FIFO and closing a pipe.
+// Such as opening a FIFO and closing a pipe. It has no state, so that each wait makes its own, with a
+// ProgressMonitor over it: a signal breaks the wait in the system, the monitor asks this event, and its
+// answer decides whether the wait goes on.
 class InterruptEvent : public morvane::ProgressEvent {
  public:
+  // The monitor calls it on the thread that waits.
   void onAbortCheck(bool& abort) override { abort = isInterrupted(); }
 };
 

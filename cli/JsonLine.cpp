@@ -28,20 +28,28 @@ size_t utf8Length(std::string_view text) {
   return isFour && follows(1) && follows(2) && follows(3) ? 4 : 0;
 }
 
+// All codes that come here fit four digits. The mask tells that to the compiler, which would otherwise warn
+// that the text may be cut.
 void appendEscape(unsigned code, std::string& json) {
   char escape[8];
   std::snprintf(escape, sizeof escape, "\\u%04x", code & 0xFFFF);
   json += escape;
 }
 
+// RFC 8259 asks for escapes of quotes, back slashes and what is below U+0020. DEL is escaped beside them,
+// because a terminal shows nothing of it. A byte that begins no character is escaped by itself, and reading
+// goes on behind it, so that one damaged byte costs no character behind it.
 void appendText(std::string_view text, std::string& json) {
   json += '"';
   while (!text.empty()) {
     const auto byte = static_cast<unsigned char>(text[0]);
     const size_t length = utf8Length(text);
+    // The lone surrogates U+DC80 to U+DCFF: no text in UTF-8 can have them, so that what was escaped can be
+    // told and turned back.
     if (length == 0) {
       appendEscape(0xDC00u + byte, json);
     } else if (byte == '"' || byte == '\\') {
+      // Both stand for themselves behind a back slash.
       json += '\\';
       json += text[0];
     } else if (byte < 0x20 || byte == 0x7F) {
@@ -54,6 +62,7 @@ void appendText(std::string_view text, std::string& json) {
   json += '"';
 }
 
+// With the comma in front: every field but the first comes through here.
 void appendField(const char* name, std::string_view text, std::string& json) {
   json += std::string(", \"") + name + "\": ";
   appendText(text, json);
@@ -72,13 +81,16 @@ std::string jsonLine(const morvane::TarMemberInfo& member) {
   appendText(member.path, json);
   const MemberKind& kind = kindOf(member);
   appendField("type", kind.name ? kind.name : std::string(1, member.typeFlag), json);
+  // Text, because JSON knows no octal numbers.
   char mode[16];
   std::snprintf(mode, sizeof mode, "%04o", member.mode);
   appendField("mode", mode, json);
+  // The exact ids: `uid` and `gid` stop where 32 bits end.
   appendField("uid", member.exactUid, json);
   appendField("gid", member.exactGid, json);
   appendField("user", member.userName, json);
   appendField("group", member.groupName, json);
+  // Some headers state a size for a directory, which has no data.
   appendField("size", member.isDirectory ? 0 : member.realSize, json);
   long long seconds = member.mtime;
   unsigned nanoseconds = member.mtimeNanoseconds;
@@ -87,6 +99,7 @@ std::string jsonLine(const morvane::TarMemberInfo& member) {
     ++seconds;
     nanoseconds = 1000000000 - nanoseconds;
   }
+  // Half a second before 1970 is -0.5: of its whole seconds, which are 0, the sign would be lost.
   json += std::string(", \"mtime\": ") + (isNegative && seconds == 0 ? "-" : "") + std::to_string(seconds);
   if (nanoseconds > 0) {
     char fraction[16];

@@ -28,6 +28,7 @@ using morvane::TarMemberInfo;
 // Like ls -l. A set-id or sticky bit takes the place of its x, as a capital where there is no x.
 std::string modeText(const TarMemberInfo& member) {
   std::string text(1, kindOf(member).letter);
+  // Three bits each of owner, group and others.
   for (int shift = 6; shift >= 0; shift -= 3) {
     const unsigned bits = member.mode >> shift;
     text += bits & 4 ? 'r' : '-';
@@ -35,6 +36,7 @@ std::string modeText(const TarMemberInfo& member) {
     text += bits & 1 ? 'x' : '-';
   }
   const auto special = [&text](size_t at, char set, char alone) { text[at] = text[at] == 'x' ? set : alone; };
+  // The three stand in the places of the x of owner, group and others.
   if (member.mode & 04000) special(3, 's', 'S');
   if (member.mode & 02000) special(6, 's', 'S');
   if (member.mode & 01000) special(9, 't', 'T');
@@ -110,6 +112,7 @@ class ListEvent : public CountEvent {
     m_width = std::max(m_width, std::min(needed, kWidest));
     // At least one blank between the two.
     const std::string gap(1 + m_width - std::min(needed, m_width), ' ');
+    // The words that other tars have for the two.
     const char* const link = member.typeFlag == kSymbolicLink ? " -> "
                              : member.typeFlag == kHardLink   ? " link to "
                                                               : "";
@@ -118,6 +121,7 @@ class ListEvent : public CountEvent {
                   *link ? link + shown(member.linkPath) : "");
   }
 
+  // A hostile owner's name must not push all later lines off the screen.
   static constexpr size_t kWidest = 80;
   // Of owner and size together: what fits most archives, as GNU tar begins.
   size_t m_width = 19;
@@ -141,6 +145,7 @@ class XmlEvent : public CountEvent {
  private:
   void print(const TarMemberInfo& member) override {
     morvane::TarHeader header;
+    // Only what the listing shows is filled in.
     header.setWholePath(member.path);
     header.m_typeFlag = member.typeFlag;
     header.m_isDirectory = member.isDirectory;
@@ -158,6 +163,7 @@ class XmlEvent : public CountEvent {
     m_report.text(m_entry.str());
   }
 
+  // Kept for its memory: one entry is put together behind the other.
   morvane::XString m_entry;
 };
 
@@ -255,6 +261,7 @@ int listArchive(const CommandLine& line) {
     return list(job, event, [&](XmlEvent& members) {
       job.report.text(morvane::kXmlListingStart);
       const bool ok = job.archive.read(job.tar, members);
+      // Also behind a failure, so that what was listed stays well-formed.
       job.report.text(morvane::kXmlListingEnd);
       return ok;
     });
@@ -272,6 +279,8 @@ int verifyArchive(const CommandLine& line) {
   CountEvent event(job.report, job.bar, line);
   const bool ok = job.archive.read(job.tar, event);
   job.bar.clear();
+  // A member continued from another volume is named as a problem by the event, and an archive that has one is
+  // not called whole.
   if (ok && !job.report.anyProblem()) {
     job.report.line(shown(line.archive) + ": whole, " + std::to_string(event.members()) + " members");
   }

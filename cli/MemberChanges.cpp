@@ -22,6 +22,8 @@ std::string withoutParts(const std::string& path, unsigned count) {
   return at == std::string::npos ? std::string() : path.substr(at);
 }
 
+// Number and name together: readers go by the name first, so that the old name would win over the new number.
+// With --numeric-owner the name is empty.
 void give(const std::optional<GivenOwner>& owner, unsigned& id, std::string& name) {
   if (!owner) return;
   id = owner->id;
@@ -30,10 +32,14 @@ void give(const std::optional<GivenOwner>& owner, unsigned& id, std::string& nam
 
 }  // namespace
 
+// The text of a symbolic link is a path of its own, and --transform changes it by the same expressions,
+// unless the flag "S" says otherwise. --strip-components never concerns it.
 void MemberChanges::changeLink(morvane::TarMember& member) const {
   if (member.typeFlag == kSymbolicLink) member.linkPath = transform.apply(member.linkPath, Of::SymbolicLink);
 }
 
+// The component shows the target of a hard link under the name that its first member was given here. To keep
+// the old one ("H") it has to be put back, for which it is remembered by the new one.
 void MemberChanges::applyWriting(morvane::TarMember& member) {
   if (!transform.isEmpty()) {
     const std::string before = member.path;
@@ -52,11 +58,13 @@ void MemberChanges::applyWriting(morvane::TarMember& member) {
   if (mode) member.mode = mode->apply(member.mode, member.typeFlag == kDirectory);
   if (!mtime) return;
   const timespec own{static_cast<time_t>(member.mtime), static_cast<long>(member.mtimeNanoseconds)};
+  // With --clamp-mtime a time that is no later stays as it is.
   if (clampsTime && !isEarlier(*mtime, own)) return;
   member.mtime = mtime->tv_sec;
   member.mtimeNanoseconds = static_cast<unsigned>(mtime->tv_nsec);
 }
 
+// --strip-components counts the parts of the name that --transform made.
 std::string MemberChanges::pathWhenReading(const std::string& path) const {
   const std::string changed = transform.apply(path, Of::Name);
   return stripComponents == 0 ? changed : withoutParts(changed, stripComponents);

@@ -14,7 +14,8 @@ namespace mvtar {
 
 namespace {
 
-// The whole file. False, and named, when it cannot be read.
+// The whole file. False when it cannot be read, which is named unless an interrupt ended the wait: the exit
+// status tells that. Lists have no bound, also where they come from a pipe.
 bool readWhole(const std::string& file, std::string& text, Report& report) {
   const bool isStandardInput = file == "-";
   const int fd = isStandardInput ? STDIN_FILENO : open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
@@ -27,6 +28,7 @@ bool readWhole(const std::string& file, std::string& text, Report& report) {
   }
   if (got < 0 && !isInterrupted())
     report.problem(isStandardInput ? "standard input" : file, std::strerror(errno));
+  // Standard input is not this function's to close; -1 is nothing to close.
   if (fd > STDIN_FILENO) close(fd);
   return got == 0;
 }
@@ -49,6 +51,7 @@ bool eachName(const std::string& file, char end, Report& report, Take take) {
 bool readPatterns(const std::string& file, std::vector<std::string>& patterns, Report& report) {
   bool ok = true;
   const auto add = [&](std::string pattern) {
+    // Looked for in all lines before it is told, once for the file.
     ok = ok && pattern.find('\0') == std::string::npos;
     pattern.erase(pattern.find_last_not_of(" \t\r\f\v") + 1);
     if (!pattern.empty()) patterns.push_back(std::move(pattern));
@@ -61,6 +64,8 @@ bool readPatterns(const std::string& file, std::vector<std::string>& patterns, R
 }  // namespace
 
 bool readNameFiles(CommandLine& line, Report& report) {
+  // Names take the place of their -T among the operands, each with the directory that a -C in front of that
+  // -T named.
   std::vector<Operand> all;
   size_t taken = 0;
   for (const NameFile& each : line.nameFiles) {
@@ -70,6 +75,7 @@ bool readNameFiles(CommandLine& line, Report& report) {
   }
   all.insert(all.end(), line.operands.begin() + static_cast<std::ptrdiff_t>(taken), line.operands.end());
   line.operands = std::move(all);
+  // Patterns have no place, since any one of them is enough.
   for (const std::string& file : line.excludeFiles) {
     if (!readPatterns(file, line.excludes, report)) return false;
   }

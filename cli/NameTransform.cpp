@@ -8,6 +8,7 @@ namespace mvtar {
 
 namespace {
 
+// The whole match and "\1" to "\9".
 constexpr size_t kGroups = 10;
 // Behind a back slash, in what is put in place of a match.
 constexpr std::string_view kEscapes = "abfnrtv", kMeant = "\a\b\f\n\r\t\v";
@@ -22,6 +23,8 @@ bool takePart(const std::string& text, char delimiter, size_t& at, std::string& 
     }
     if (text[at] == '\\' && at + 1 < text.size()) {
       ++at;
+      // A quoted delimiter loses its back slash, as sed has it; any other back slash is for regcomp or for
+      // the replacement to understand.
       if (text[at] != delimiter) part += '\\';
     }
     part += text[at];
@@ -42,6 +45,9 @@ class CaseChanger {
     m_next = letter;
     return true;
   }
+  // "\l" and "\u" are for one character and go before "\L" and "\U", so that "\u\L" makes a capital and small
+  // letters behind it. Bytes beyond ASCII are parts of UTF-8 characters and stay, because changing them one
+  // by one would make other characters of them.
   void append(std::string_view text, std::string& result) {
     for (const char c : text) {
       const auto byte = static_cast<unsigned char>(c);
@@ -61,11 +67,14 @@ class CaseChanger {
 
 }  // namespace
 
+// The C library's part of it, then the structure itself, which `addOne` made.
 void NameTransform::FreeRegex::operator()(regex_t* regex) const {
   regfree(regex);
   delete regex;
 }
 
+// Options that are given several times add their expressions, which are applied in the order in which they
+// were given.
 bool NameTransform::add(const std::string& expressions, std::string& error) {
   for (size_t at = 0; at < expressions.size();) {
     if (!addOne(expressions, at, error)) return false;
@@ -80,6 +89,7 @@ bool NameTransform::addOne(const std::string& expressions, size_t& at, std::stri
     error = what + " in '" + expressions + "'";
     return false;
   };
+  // Between expressions, and behind the last.
   if (expressions[at] == ';' || expressions[at] == ' ') return ++at, true;
   if (expressions[at] != 's' || at + 1 >= expressions.size()) return wrong("no 's/RE/TO/'");
   const char delimiter = expressions[at + 1];
@@ -89,6 +99,7 @@ bool NameTransform::addOne(const std::string& expressions, size_t& at, std::stri
   if (!takePart(expressions, delimiter, at, pattern) || !takePart(expressions, delimiter, at, step.to)) {
     return wrong("a part is missing");
   }
+  // Flags end at the next ";" or with the text; unlike the parts in front of them they cannot be quoted.
   int flags = 0;
   for (; at < expressions.size() && expressions[at] != ';'; ++at) {
     const char flag = expressions[at];
@@ -100,8 +111,10 @@ bool NameTransform::addOne(const std::string& expressions, size_t& at, std::stri
       return wrong(std::string("unknown flag '") + flag + "'");
     }
   }
+  // The flag "0" means what no number means.
   step.first = std::max(step.first, 1u);
   auto compiled = std::make_unique<regex_t>();
+  // What failed to compile holds nothing that regfree would have to give back.
   if (const int code = regcomp(compiled.get(), pattern.c_str(), flags); code != 0) {
     char text[256];
     regerror(code, compiled.get(), text, sizeof text);
@@ -109,6 +122,8 @@ bool NameTransform::addOne(const std::string& expressions, size_t& at, std::stri
   }
   // From here on there is something to be freed.
   step.regex.reset(compiled.release());
+  // Refused here, since a group that the expression does not have would be replaced by nothing in every name.
+  // Both characters behind a back slash are passed over at once, so that "\\1" is no group.
   for (size_t i = 0; i + 1 < step.to.size(); ++i) {
     if (step.to[i] != '\\') continue;
     const char c = step.to[++i];
@@ -119,6 +134,7 @@ bool NameTransform::addOne(const std::string& expressions, size_t& at, std::stri
   return true;
 }
 
+// The letters of both lists stand in the order of Of, so that a letter's place is the index into Step::of.
 bool NameTransform::takeFlag(char flag, Step& step, int& regexFlags) {
   constexpr std::string_view kLeaveOut = "RSH", kTakeIn = "rsh";
   if (flag == 'g') return step.all = true;
@@ -138,6 +154,7 @@ bool NameTransform::concerns(Of what) const {
                      [what](const Step& step) { return step.of[static_cast<size_t>(what)]; });
 }
 
+// A text that is over the bound is handed on as it is; writing commands refuse such a name.
 std::string NameTransform::apply(std::string text, Of what) const {
   for (const Step& step : m_steps) {
     if (step.of[static_cast<size_t>(what)] && text.size() <= kLongest) text = substitute(step, text);
@@ -145,18 +162,23 @@ std::string NameTransform::apply(std::string text, Of what) const {
   return text;
 }
 
-// An empty match is replaced too, but not where the match before it ended, as sed has it.
+// Match by match, from the left. An empty match is replaced too, but not where the match before it ended, as
+// sed has it: "s/x*/-/g" makes "-b-" of "xb", and not "--b-". `at` is behind what has been copied or
+// replaced. The numbers that regexec gives count from there.
 std::string NameTransform::substitute(const Step& step, const std::string& text) {
   std::string result;
   const char* at = text.c_str();
   const char* const end = at + text.size();
+  // Whether the match before ended here and was not empty.
   bool behindMatch = false;
   for (unsigned count = 0; at <= end;) {
     regmatch_t groups[kGroups];
+    // "^" is the beginning of the name alone, not of what is left of it.
     if (regexec(step.regex.get(), at, kGroups, groups, at == text.c_str() ? 0 : REG_NOTBOL) != 0) break;
     const regoff_t from = groups[0].rm_so, to = groups[0].rm_eo;
     result.append(at, static_cast<size_t>(from));
     const bool isEmpty = from == to;
+    // One that does not count is passed over like the text between two matches.
     const bool counts = !(isEmpty && from == 0 && behindMatch);
     if (result.size() > kLongest) break;
     const bool replaces = counts && ++count >= step.first && (step.all || count == step.first);
@@ -167,7 +189,10 @@ std::string NameTransform::substitute(const Step& step, const std::string& text)
     }
     at += to;
     behindMatch = !isEmpty;
+    // What is behind the one match that was wanted is copied as it is.
     if (replaces && !step.all) break;
+    // Nothing was consumed: without a step forward the same place would match for ever. The character that is
+    // stepped over is kept. Behind the last one an empty match is tried once more.
     if (isEmpty) {
       if (at < end) result += *at;
       ++at;
@@ -177,11 +202,15 @@ std::string NameTransform::substitute(const Step& step, const std::string& text)
   return result;
 }
 
+// A replacement may be long and be made of groups as long as the name; the bound is asked for with each of
+// its characters, because one character may stand for a whole group.
 void NameTransform::appendReplacement(const std::string& to, const char* subject, const regmatch_t* groups,
                                       std::string& result) {
+  // A change of case ends with its replacement, as in sed: it never reaches the text behind the match.
   CaseChanger changer;
   const auto group = [&](size_t number) {
     const regmatch_t& match = groups[number];
+    // A group that took no part in the match, as in "\(a\)\|b".
     if (match.rm_so < 0) return std::string_view();
     return std::string_view(subject + match.rm_so, static_cast<size_t>(match.rm_eo - match.rm_so));
   };

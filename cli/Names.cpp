@@ -9,7 +9,8 @@ namespace mvtar {
 
 namespace {
 
-// Three digits always, so that a digit behind it is not taken for its own.
+// Three digits always, so that a digit behind it is not taken for its own. C takes no more than three.
+// Hexadecimal escapes in C have no such end.
 void appendOctal(unsigned char byte, std::string& text) {
   char escape[8];
   std::snprintf(escape, sizeof escape, "\\%03o", byte);
@@ -26,6 +27,7 @@ std::string shown(std::string_view name) {
     const char c = name[at];
     const auto byte = static_cast<unsigned char>(c);
     // What C has a letter for; a back slash stands for itself only when it is two.
+    // A literal back slash is doubled before anything else is looked at, so that an escape is always ours.
     switch (c) {
       case '\\':
         text += "\\\\";
@@ -55,7 +57,10 @@ std::string shown(std::string_view name) {
         break;
     }
     // U+0080 to U+009F are control characters too; terminals obey them.
+    // In UTF-8 they are the byte C2 and one from 80 to 9F; bytes of that range by themselves are no
+    // character.
     const bool isInC1 = byte == 0xC2 && at + 1 < name.size() && (name[at + 1] & 0xE0) == 0x80;
+    // Everything else is shown, bytes above 7F as they are.
     if (byte >= 0x20 && byte != 0x7F && !isInC1) {
       text.push_back(c);
       continue;
@@ -70,6 +75,7 @@ std::string shown(std::string_view name) {
 void printShown(std::string_view name, void (*write)(std::string_view)) {
   constexpr size_t kPiece = 16384;
   while (!name.empty()) {
+    // Escapes make up to four bytes of one, so that a piece takes 64 KiB at most.
     size_t n = std::min(name.size(), kPiece);
     if (n < name.size() && name[n - 1] == '\xC2') --n;  // what it begins is told by the next byte
     write(shown(name.substr(0, n)));

@@ -21,6 +21,7 @@ class CopiesEvent : public morvane::ProgressEvent {
   void onTarHeader(const morvane::TarMemberInfo& member) override {
     std::string name(comparablePath(member.path));
     const timespec time{static_cast<time_t>(member.mtime), static_cast<long>(member.mtimeNanoseconds)};
+    // An archive that was appended to has several copies of a name, of which the newest counts.
     const auto [found, isNew] = m_newest.emplace(std::move(name), time);
     if (!isNew && isEarlier(found->second, time)) found->second = time;
   }
@@ -41,6 +42,8 @@ bool findNewestCopies(const CommandLine& line, NewestCopies& newest, Report& rep
   if (!job.archive.open(line, report)) return false;
   if (!job.archive.isPlain()) return true;
   morvane::XString path(line.archive);
+  // The words of a reading command, so that names and times come as records have them, fractions of a second
+  // among them.
   job.tar.put_UncommonOptions(line.readingWords().c_str());
   CopiesEvent event(newest);
   if (job.tar.VerifyTar(job.archive.source(), &event)) return true;

@@ -8,7 +8,8 @@
 namespace mvtar {
 
 // Fills in the newest time of each name in the archive; none when there is no such file. False, and named,
-// when it cannot be read to its end.
+// when it cannot be read to its end. Called once, before the write begins; memory grows with the number of
+// names.
 bool findNewestCopies(const CommandLine& line, NewestCopies& newest, Report& report);
 
 }  // namespace mvtar

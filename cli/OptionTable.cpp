@@ -15,10 +15,11 @@ using morvane::Compression;
 constexpr auto kNothing = Option::Takes::Nothing;
 constexpr auto kValue = Option::Takes::Value;
 constexpr auto kMayTakeValue = Option::Takes::MayTakeValue;
+// So that a row shows at a glance that its option has only a long name.
 constexpr char kNoLetter = '\0';
 
 // A row's action for each kind of plain option: its member is a template argument, so that a row needs no
-// function of its own.
+// function of its own, and the table stays a constant without objects to be made at start.
 template <bool CommandLine::*kSwitch, bool kOn = true>
 bool set(Values& values, const char*) {
   values.line().*kSwitch = kOn;
@@ -60,6 +61,7 @@ bool add(Values& values, const char* value) {
   return true;
 }
 
+// Several of them are told by OptionValues::check, which knows of -I as well.
 template <Compression kCompression>
 bool compress(Values& values, const char*) {
   return values.setCompression(kCompression);
@@ -84,21 +86,28 @@ bool with(Values& values, const char* value) {
 // For options that other tars need and this one does not.
 bool nothing(Values&, const char*) { return true; }
 
+// OptionValues' own methods return nothing where nothing can go wrong.
 bool askForCompress(Values& values, const char*) { return values.askForCompress(), true; }
 bool addNameFile(Values& values, const char* file) { return values.addNameFile(file), true; }
 bool addVersionControl(Values& values, const char*) { return values.addVersionControl(), true; }
+// The assignment is also the result, which is true.
 bool clampTime(Values& values, const char*) { return values.line().changes.clampsTime = true; }
 
+// Known, and refused by its reason, because other tars have it and "unknown option" would tell nobody why.
 bool refuseOverwrite(Values& values, const char*) {
   return values.wrong(
       "--overwrite is not safe: it would write through links and into files that others have open");
 }
 
+// "--progress" alone asks for the bar, also where standard error is no terminal.
 bool showProgress(Values& values, const char* when) { return values.setProgress(when ? when : "always"); }
 
 }  // namespace
 
+// Rows of one group stand together only for the reader. What their order means: the help lists them in it,
+// and a row without a sentence belongs to the one in front of it.
 const Option kOptions[] = {
+    // What to do; --help and --version stand with the last group, where people look for them at the end.
     {'c', "create", kNothing, nullptr, Group::Mode, "create an archive of the PATHs", enter<Mode::Create>},
     {'x', "extract", kNothing, nullptr, Group::Mode, "extract all members, or the MEMBERs",
      enter<Mode::Extract>},
@@ -113,6 +122,8 @@ const Option kOptions[] = {
     {kNoLetter, "verify", kNothing, nullptr, Group::Mode, "check the whole archive", enter<Mode::Verify>},
     {kNoLetter, "deb", kNothing, nullptr, Group::Mode, "assemble a Debian package", enter<Mode::Deb>},
 
+    // Where the archive is and what form it has. -f has no other default than the standard streams: neither
+    // an environment variable nor a tape is looked for.
     {'f', "file", kValue, "ARCHIVE", Group::Archive, "the archive; - or none: standard output or input",
      with<&Values::setArchive>},
     {'C', "directory", kValue, "DIR", Group::Archive, "where the PATHs behind it are; where to extract",
@@ -120,6 +131,8 @@ const Option kOptions[] = {
     {kNoLetter, "format", kValue, "gnu|ustar|pax|posix", Group::Archive, "the form of a new archive (gnu)",
      with<&Values::setFormat>},
 
+    // --gunzip and --ungzip do not differ from --gzip, because reading goes by the content. -a is accepted,
+    // since what it asks for is done without it.
     {'z', "gzip", kNothing, nullptr, Group::Compression, "write gzip", compress<Compression::Gzip>},
     {kNoLetter, "gunzip", kNothing, nullptr, Group::Compression, nullptr, compress<Compression::Gzip>},
     {kNoLetter, "ungzip", kNothing, nullptr, Group::Compression, nullptr, compress<Compression::Gzip>},
@@ -133,10 +146,12 @@ const Option kOptions[] = {
      nothing},
     {'I', "use-compress-program", kValue, "PROGRAM", Group::Compression,
      "write through PROGRAM, read through PROGRAM -d", with<&Values::setFilter>},
+    // Both become words of the component.
     {kNoLetter, "level", kValue, "N", Group::Compression, "more or less effort", with<&Values::setLevel>},
     {kNoLetter, "threads", kValue, "N", Group::Compression,
      "at most N threads (0: as many as there are cores)", with<&Values::setThreads>},
 
+    // Selection. Two of these are accepted for the sake of scripts that were written for other tars.
     {kNoLetter, "match", kValue, "PATTERN", Group::Which, "only what matches (may be repeated)",
      add<&CommandLine::matches>},
     {kNoLetter, "exclude", kValue, "PATTERN", Group::Which, "not what matches (may be repeated)",
@@ -161,10 +176,12 @@ const Option kOptions[] = {
      [](Values& values, const char* when) { return values.setNewer(when, false); }},
     {kNoLetter, "after-date", kValue, "DATE|FILE", Group::Which, nullptr,
      [](Values& values, const char* when) { return values.setNewer(when, false); }},
+    // The same method as above: the second argument tells whether a change of the inode counts.
     {kNoLetter, "newer-mtime", kValue, "DATE|FILE", Group::Which, "the same, by the time of its data alone",
      [](Values& values, const char* when) { return values.setNewer(when, true); }},
     {kNoLetter, "one-file-system", kNothing, nullptr, Group::Which, "enter no other file system",
      set<&CommandLine::staysOnFileSystem>},
+    // The last of the two counts.
     {kNoLetter, "no-recursion", kNothing, nullptr, Group::Which, "directories without what is in them",
      set<&CommandLine::recurses, false>},
     {kNoLetter, "recursion", kNothing, nullptr, Group::Which, "with it (the default)",
@@ -172,11 +189,13 @@ const Option kOptions[] = {
     {kNoLetter, "max-count", kValue, "N", Group::Which, "stop after N members (0: never)",
      with<&Values::setMaxCount>},
 
+    // Names on their way into the archive or out of it.
     {kNoLetter, "prefix", kValue, "PATH", Group::Names, "put PATH in front of every name",
      text<&CommandLine::prefix>},
     {kNoLetter, "strip-components", kValue, "N", Group::Names, "extract without the first N parts of names",
      with<&Values::setStripComponents>},
     {kNoLetter, "strip", kValue, "N", Group::Names, nullptr, with<&Values::setStripComponents>},
+    // Not to be confused with --strip, which is --strip-components for short.
     {kNoLetter, "strip-paths", kNothing, nullptr, Group::Names, "extract every file straight into the target",
      set<&CommandLine::stripPaths>},
     {kNoLetter, "transform", kValue, "s/RE/TO/", Group::Names, "change names (flags g i x N R S H)",
@@ -187,6 +206,7 @@ const Option kOptions[] = {
     {kNoLetter, "charset", kValue, "NAME", Group::Names, "the character set of names in the archive (utf-8)",
      with<&Values::setCharset>},
 
+    // What is kept of members' owners, modes and times, or said in place of it.
     {'p', "preserve-permissions", kNothing, nullptr, Group::Kept,
      "modes exactly, of directories that are there, too", keep<&Keeping::exactModes>},
     {kNoLetter, "same-permissions", kNothing, nullptr, Group::Kept, nullptr, keep<&Keeping::exactModes>},
@@ -203,8 +223,10 @@ const Option kOptions[] = {
     {kNoLetter, "xattrs", kNothing, nullptr, Group::Kept, "attributes and access lists (creates pax)",
      keep<&Keeping::attributes>},
     {kNoLetter, "acls", kNothing, nullptr, Group::Kept, nullptr, keep<&Keeping::attributes>},
+    // Accepted: holes are stored wherever the file system tells of them.
     {'S', "sparse", kNothing, nullptr, Group::Kept, "holes (kept anyway)", nothing},
     {'m', "touch", kNothing, nullptr, Group::Kept, "extract without times", keep<&Keeping::times, false>},
+    // When creating only; reading goes by --same-owner and its like.
     {kNoLetter, "owner", kValue, "NAME[:ID]", Group::Kept, "everything is NAME's", with<&Values::setOwner>},
     {kNoLetter, "group", kValue, "NAME[:ID]", Group::Kept, "and of that group", with<&Values::setGroup>},
     {kNoLetter, "mode", kValue, "CHANGES", Group::Kept, "modes changed as chmod does",
@@ -217,12 +239,14 @@ const Option kOptions[] = {
     {kNoLetter, "reproducible", kMayTakeValue, "SECONDS", Group::Kept, "the same bytes for the same tree",
      [](Values& values, const char* seconds) { return values.setReproducible(seconds); }},
 
+    // What is done with files that are in the way, or that are not needed any more.
     {'k', "keep-old-files", kNothing, nullptr, Group::Existing, "keep what is there, and name it",
      whereSomethingIs<Existing::Keep>},
     {kNoLetter, "skip-old-files", kNothing, nullptr, Group::Existing, "keep what is there in silence",
      whereSomethingIs<Existing::Skip>},
     {kNoLetter, "keep-newer-files", kNothing, nullptr, Group::Existing, "keep what is there and not older",
      whereSomethingIs<Existing::Newer>},
+    // Accepted, because it is done anyway; the next one is refused, because it is never done.
     {'U', "unlink-first", kNothing, nullptr, Group::Existing,
      "remove a file before its new one is made (done anyway)", nothing},
     {kNoLetter, "overwrite", kNothing, nullptr, Group::Existing, "refused, as it is not safe",
@@ -230,6 +254,7 @@ const Option kOptions[] = {
     {kNoLetter, "remove-files", kNothing, nullptr, Group::Existing, "remove sources once they are archived",
      set<&CommandLine::removesFiles>},
 
+    // What the command prints.
     {'v', "verbose", kNothing, nullptr, Group::Shown, "names as they are done; with -t, more of each",
      set<&CommandLine::verbose>},
     {'O', "to-stdout", kNothing, nullptr, Group::Shown, "extract to standard output",
@@ -237,6 +262,7 @@ const Option kOptions[] = {
     {kNoLetter, "xml", kNothing, nullptr, Group::Shown, "list as XML", set<&CommandLine::xml>},
     {kNoLetter, "json", kNothing, nullptr, Group::Shown, "list as one JSON object a line",
      set<&CommandLine::json>},
+    // Without it the bar is there for those who wait at a terminal.
     {kNoLetter, "progress", kMayTakeValue, "auto|always|never", Group::Shown, "a progress bar (auto)",
      showProgress},
     {kNoLetter, "totals", kNothing, nullptr, Group::Shown, "how many members and bytes there were",
@@ -244,6 +270,7 @@ const Option kOptions[] = {
     {kNoLetter, "log", kNothing, nullptr, Group::Shown, "print the log of the component",
      set<&CommandLine::printLog>},
 
+    // What is handed to the component as it is, and what the command says of itself.
     {kNoLetter, "untrusted", kNothing, nullptr, Group::Component, "an archive of strangers, with limits",
      set<&CommandLine::untrusted>},
     {kNoLetter, "options", kValue, "WORDS", Group::Component, "more words for the component",

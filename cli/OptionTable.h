@@ -7,12 +7,15 @@ namespace mvtar {
 
 class OptionValues;
 
-// Where the help lists an option, in this order.
+// Where the help lists an option, in this order. It means nothing to the parser.
 enum class OptionGroup { Mode, Archive, Compression, Which, Names, Kept, Existing, Shown, Component };
 
+// A row. All texts are literals, and valid for ever. A row without a sentence is another name of the row
+// before it, and does the same; the parser, the help and the completions rely on it standing there.
 struct Option {
   char letter;       // '\0': none
   const char* name;  // the long one
+  // Whether a value has to stand behind it, may stand behind a "=", or is refused.
   enum class Takes { Nothing, Value, MayTakeValue } takes;
   // What the value is called in the help; null: none. "a|b" are the values there are; "DIR" and words that
   // end in "FILE" or "ARCHIVE" are paths, to be completed as such.
@@ -23,6 +26,7 @@ struct Option {
   bool (*apply)(OptionValues& values, const char* value);
 };
 
+// Without a row of zeros at its end; kOptionCount says how many there are.
 extern const Option kOptions[];
 extern const size_t kOptionCount;
 

@@ -19,7 +19,8 @@ namespace {
 
 constexpr char kModes[] = "-c, -x, -t, -d, -r, -u, --verify, --deb";
 
-// All of the text must be digits.
+// All of the text must be digits, with a "-" in front for types that have a sign. Unlike strtol, from_chars
+// takes no blanks and no "+", and goes by no locale.
 template <class Number>
 bool parseNumber(const std::string& text, Number& value) {
   const char* const end = text.data() + text.size();
@@ -33,14 +34,16 @@ ProgressBar::When onTerminal() {
 }
 
 // A level that nothing would come of is refused.
+// A program of -I has levels of its own, which stand among its words.
 bool hasLevels(const CommandLine& line) {
   const morvane::Compression compression = line.compressionToWrite();
   return line.filterProgram.empty() &&
          (compression == morvane::Compression::Zstd || compression == morvane::Compression::Xz);
 }
 
-// "NAME", "NAME:ID", "ID", "+ID" or ":ID". A header has both, so what is not given is looked up: by
-// `idOf`, and by `nameOf`, which may find none.
+// "NAME", "NAME:ID", "ID", "+ID" or ":ID". A header has both, so what is not given is looked up: by `idOf`,
+// and by `nameOf`, which may find none. A name goes before a number, because a user may be called "100";
+// "+100" is the number in any case, as chown has it. The last colon counts.
 template <class IdOf, class NameOf>
 bool parseOwner(const std::string& text, IdOf idOf, NameOf nameOf, GivenOwner& owner) {
   const size_t colon = text.rfind(':');
@@ -55,6 +58,7 @@ bool parseOwner(const std::string& text, IdOf idOf, NameOf nameOf, GivenOwner& o
 
 }  // namespace
 
+// The bar is the one value whose default has to be looked up; --progress replaces it.
 OptionValues::OptionValues(CommandLine& line, std::string& error) : m_line(line), m_error(error) {
   m_line.progress = onTerminal();
 }
@@ -64,6 +68,7 @@ bool OptionValues::wrong(const std::string& what) {
   return false;
 }
 
+// --version comes here as well, and as the first mode it goes before all that follow.
 bool OptionValues::setMode(Mode mode) {
   if (m_line.mode == Mode::Help || m_line.mode == Mode::Version) return true;
   if (m_line.mode != Mode::None && m_line.mode != mode) return wrong(std::string("only one of ") + kModes);
@@ -71,6 +76,7 @@ bool OptionValues::setMode(Mode mode) {
   return true;
 }
 
+// Whatever mode was set before gives way.
 bool OptionValues::setHelp(const char* topic) {
   m_line.helpTopic = topic ? topic : "";
   if (!m_line.helpTopic.empty() && m_line.helpTopic != "all" && m_line.helpTopic != "options")
@@ -89,10 +95,12 @@ bool OptionValues::setArchive(const std::string& path) {
 bool OptionValues::enterDirectory(const std::string& dir) {
   if (dir.empty()) return wrong("option '-C' needs a directory");
   const bool absolute = dir[0] == '/' || m_line.targetDir.empty();
+  // The directory is not looked at: the system finds it when a path below it is used.
   m_line.targetDir = absolute ? dir : m_line.targetDir + "/" + dir;
   return true;
 }
 
+// With what holds at this place of the line: the directory, how names end, and how many operands came before.
 void OptionValues::addNameFile(const std::string& file) {
   m_line.nameFiles.push_back({file, m_line.targetDir, m_endsAtNul, m_line.operands.size()});
 }
@@ -112,6 +120,8 @@ bool OptionValues::setFormat(const std::string& format) {
   return true;
 }
 
+// Noted only, because which of several is meant cannot be said, and `check` tells it once for all of them.
+// The same one twice is no contradiction.
 bool OptionValues::setCompression(morvane::Compression compression) {
   m_twoCompressions |= !m_line.filterProgram.empty();
   m_twoCompressions |= m_line.compression && *m_line.compression != compression;
@@ -126,6 +136,8 @@ bool OptionValues::setFilter(const std::string& program) {
   return true;
 }
 
+// Handed to the component as one of its words. That the compression has levels, and so many, `check` asks:
+// the compression may stand behind the level, or in the archive's name.
 bool OptionValues::setLevel(const std::string& level) {
   constexpr int kMost = 22;  // zstd's
   if (!parseNumber(level, m_level) || m_level < 1 || m_level > kMost)
@@ -134,6 +146,8 @@ bool OptionValues::setLevel(const std::string& level) {
   return addOptions("Level=" + level);
 }
 
+// Checked here, although the component checks its words, too, because a person typed --threads and should not
+// read of a word of --options.
 bool OptionValues::setThreads(const std::string& count) {
   int number = 0;
   constexpr int kMost = 64;  // as the word has it
@@ -150,6 +164,7 @@ bool OptionValues::setCharset(const std::string& name) {
   return true;
 }
 
+// For counts that cannot be less than 0. A number that an int does not hold is refused by parseNumber.
 bool OptionValues::number(const std::string& text, int& value, const char* ofWhat) {
   if (parseNumber(text, value) && value >= 0) return true;
   return wrong("'" + text + "' is no number of " + ofWhat);
@@ -165,6 +180,7 @@ bool OptionValues::setStripComponents(const std::string& text) {
   return true;
 }
 
+// What is no date may be a file's name; both failed then.
 bool OptionValues::setNewer(const std::string& when, bool byData) {
   m_line.newerThan = parseDateOrFile(when);
   m_line.newerByData = byData;
@@ -176,6 +192,8 @@ bool OptionValues::addTransform(const std::string& expressions) {
   return m_line.changes.transform.add(expressions, error) || wrong("--transform: " + error);
 }
 
+// The whole user database is asked, directory services included, as by chown: it is one question for the
+// whole command.
 bool OptionValues::setOwner(const std::string& text) {
   const auto idOf = [](const char* name, unsigned& id) {
     const passwd* const user = getpwnam(name);
@@ -186,6 +204,7 @@ bool OptionValues::setOwner(const std::string& text) {
     const passwd* const user = getpwuid(id);
     return std::string(user ? user->pw_name : "");
   };
+  // Filled in place; where the text makes no sense the line is of no use anyway.
   m_line.changes.owner.emplace();
   return parseOwner(text, idOf, nameOf, *m_line.changes.owner) || wrong("unknown owner '" + text + "'");
 }
@@ -209,6 +228,7 @@ bool OptionValues::setModeChange(const std::string& text) {
   return m_line.changes.mode ? true : wrong("'" + text + "' is no mode");
 }
 
+// Without --clamp-mtime every member gets it.
 bool OptionValues::setTime(const std::string& when) {
   m_line.changes.mtime = parseDateOrFile(when);
   return m_line.changes.mtime ? true : wrong("'" + when + "' is neither a date nor a file");
@@ -222,6 +242,7 @@ bool OptionValues::setSort(const std::string& order) {
 // SOURCE_DATE_EPOCH is what builders set for this (reproducible-builds.org); the epoch without it.
 bool OptionValues::setReproducible(const char* seconds) {
   const char* const environment = std::getenv("SOURCE_DATE_EPOCH");
+  // The option's own value goes before the environment's.
   const std::string text = seconds ? seconds : environment ? environment : "0";
   long long value = 0;
   if (!parseNumber(text, value) || value < 0) return wrong("'" + text + "' is no number of seconds");
@@ -253,6 +274,7 @@ void OptionValues::addVersionControl() {
   }
 }
 
+// They may come from --options, --level and --threads in any order; the last of a word wins.
 bool OptionValues::addOptions(const std::string& words) {
   // A comma in front, so that they can be put behind the command's own words as they are.
   m_line.options += "," + words;
@@ -262,6 +284,7 @@ bool OptionValues::addOptions(const std::string& words) {
 bool OptionValues::check() {
   const Mode mode = m_line.mode;
   if (mode == Mode::None) return wrong(std::string("one of ") + kModes + " is needed");
+  // --numeric-owner may stand behind --owner, and leaves off the name that was looked up for it.
   for (std::optional<GivenOwner>* const given : {&m_line.changes.owner, &m_line.changes.group}) {
     if (*given && m_line.keeping.numericOwners) (*given)->name.clear();
   }
@@ -272,13 +295,20 @@ bool OptionValues::check() {
 bool OptionValues::checkArchive() {
   const Mode mode = m_line.mode;
   if (m_twoCompressions) return wrong("only one of -z, -j, -J, --zstd, -I");
+  // Reading goes by the content: there -Z is either right or does no harm.
   if (mode == Mode::Create && m_compress) return wrong("compress format can be read but not written");
+  // The other modes compress nothing.
   if (m_hasLevel && mode == Mode::Create && !hasLevels(m_line)) return wrong("--level goes with zstd and xz");
+  // By what the archive is going to be, because zstd takes more of them.
   constexpr int kMostOfXz = 9;
   if (m_level > kMostOfXz && m_line.compressionToWrite() == morvane::Compression::Xz)
     return wrong("levels of xz are 1 to 9");
+  // A package on standard output has to be asked for by "-f -": nobody wants one on the screen by oversight.
   if (!m_line.archiveIsGiven && mode == Mode::Deb) return wrong("--deb needs option '-f'");
+  // Appending puts members behind those that are there, inside the same file. Compressed data would have to
+  // be written anew from the beginning, and a stream cannot be read back.
   const bool changes = mode == Mode::Append || mode == Mode::Update;
+  // The end of what is there has to be found and written over, for which a stream would have to go back.
   if (changes && m_line.usesStandardStream()) return wrong("-r and -u need option '-f' and a file");
   if (changes && (m_line.compression || m_compress || !m_line.filterProgram.empty()))
     return wrong("a compressed archive cannot be appended to");
@@ -298,14 +328,18 @@ bool OptionValues::checkArchive() {
 bool OptionValues::checkModes() {
   const Mode mode = m_line.mode;
   const bool writes = m_line.writes();
+  // Whether an option that was used fits; false, with its message, where it does not.
   const auto only = [&](bool used, bool fits, const char* message) {
     return !used || fits || wrong(message);
   };
+  // An empty list of -T is no mistake; nothing at all is one, because it would leave an empty archive in the
+  // place of a full one.
   if (writes && m_line.operands.empty() && m_line.nameFiles.empty())
     return wrong("nothing to put into the archive");
   if (mode == Mode::Deb && m_line.operands.size() != 2)
     return wrong("--deb takes a control and a data tarball");
   // Checking a part of it would pass for checking it all.
+  // One row for each option, with what it goes with. The first that does not fit is told.
   return only(mode == Mode::Deb && m_line.filters(), false, "--deb takes the tarballs whole") &&
          only(mode == Mode::Verify && m_line.selects(), false, "--verify checks the whole archive") &&
          only(!m_line.prefix.empty(), writes, "--prefix goes with -c") &&
@@ -323,6 +357,8 @@ bool OptionValues::checkModes() {
 
 // Whether words make sense may depend on those they stand beside.
 bool OptionValues::checkWords() {
+  // Each direction with its own words, as the command is going to set them: whether it is a word at all the
+  // component's parser knows, and nobody else has to.
   std::vector<std::string> complaints;
   morvane::parseTarOptions(m_line.writes() ? m_line.writingWords() + m_line.options : m_line.readingWords(),
                            complaints);

@@ -40,6 +40,7 @@ int createDeb(const CommandLine& line) {
   return finish(tar, line, report, ok);
 }
 
+// The library's own header has it, which the build generates; the command has no other.
 const char* versionText() { return MORVANE_TAR_VERSION; }
 
 }  // namespace mvtar

@@ -29,9 +29,12 @@ int columnsOfScreen() {
 
 // " 118 MB/s", always of one width.
 std::string rateText(long long rate) {
+  // Powers of 1000, as disks and networks are sold.
   constexpr const char* kUnits[] = {"B", "kB", "MB", "GB", "TB"};
   double value = static_cast<double>(rate);
   size_t unit = 0;
+  // Not 1000: from 999.5 on it would be rounded to a fourth digit. Below 9.95 there is room for a tenth, and
+  // two digits tell more than one.
   for (; value >= 999.5 && unit + 1 < std::size(kUnits); ++unit) value /= 1000;
   char text[32];
   std::snprintf(text, sizeof text, "%6.*f %s/s", unit > 0 && value < 9.95 ? 1 : 0, value, kUnits[unit]);
@@ -55,17 +58,20 @@ std::string timeText(long long seconds) {
 std::string ProgressBar::lineOf(int parts, long long rate, long long secondsLeft, int columns) {
   char share[8];
   std::snprintf(share, sizeof share, "%3d%%", std::clamp(parts, 0, kScale) * 100 / kScale);
+  // The last column stays free, because some terminals go on to the next line as soon as it is written.
   const int room = columns - 1 - static_cast<int>(sizeof "[] " - 1 + std::string(share).size());
   std::string behind;
   if (rate >= 0) {
     const std::string text = rateText(rate);
     if (static_cast<int>(text.size()) + kNarrowest <= room) behind = text;
   }
+  // Where a known rate found no room, the time that is left goes with it: it is the first to go.
   if (secondsLeft >= 0 && (rate < 0 || !behind.empty())) {
     const std::string text = timeText(secondsLeft);
     if (static_cast<int>(behind.size() + text.size()) + kNarrowest <= room) behind += text;
   }
   const int width = std::min(kWidest, room - static_cast<int>(behind.size()));
+  // The share alone is left, which is shown at any width.
   if (width <= 0) return share;
   const int filled = std::clamp(parts, 0, kScale) * width / kScale;
   return "[" + std::string(static_cast<size_t>(filled), '#') +
@@ -86,6 +92,7 @@ void ProgressBar::show(int parts) {
   const bool isKnown = seconds >= 0.5 && parts > 0;
   const auto rate =
       isKnown && m_total > 0 ? static_cast<long long>(share * static_cast<double>(m_total) / seconds) : -1;
+  // As if the rest went at the rate of what is done.
   const auto left = isKnown ? std::llround(seconds * (1 - share) / share) : -1;
   writeToStandardError("\r" + lineOf(parts, rate, left, columnsOfScreen()) + "\033[K");
   m_lastDrawn = now;

@@ -6,7 +6,8 @@
 
 namespace mvtar {
 
-// AfterOneSecond: a job that is over at once shows none. Failing to write it is nobody's concern.
+// AfterOneSecond: a job that is over at once shows none. Failing to write it is nobody's concern. One for
+// each command; Report clears it before every line, so that nothing else may write to a terminal past Report.
 class ProgressBar {
  public:
   // Always shows it even where standard error is no terminal.
@@ -14,10 +15,12 @@ class ProgressBar {
   // The scale of show(): parts of a whole job.
   static constexpr int kScale = 1000;
 
+  // The clock runs from here on, for the first second and for the rate.
   explicit ProgressBar(When when) : m_when(when), m_start(std::chrono::steady_clock::now()) {}
   // Nothing of it is left behind, whatever the end.
   ~ProgressBar() { clear(); }
 
+  // False spares the component the look at every source that a total takes.
   bool mayBeShown() const { return m_when != When::Never; }
   // How many bytes a whole job is, for the rate; 0: not known.
   void setTotal(long long bytes) { m_total = bytes; }

@@ -27,6 +27,8 @@ constexpr char kStandardInput[] = "standard input";
 
 }  // namespace
 
+// A program's output is looked at like a file: it should be a plain archive, but a program that left it
+// compressed is no reason to fail.
 bool ArchiveReader::open(const CommandLine& line, Report& report) {
   const bool isOpen = !line.filterProgram.empty() ? openThroughProgram(line, report)
                       : line.usesStandardStream() ? openStandardInput(report)
@@ -47,6 +49,8 @@ bool ArchiveReader::open(const CommandLine& line, Report& report) {
   return what == nullptr;
 }
 
+// The source closes the descriptor that it has, so it gets one of its own. A terminal would wait for somebody
+// to type an archive.
 bool ArchiveReader::openStandardInput(Report& report) {
   morvane::LogCause log;
   if (isatty(STDIN_FILENO)) {
@@ -66,6 +70,7 @@ bool ArchiveReader::openThroughProgram(const CommandLine& line, Report& report) 
     report.problem(line.archive, std::strerror(errno));
     return false;
   }
+  // The program has its own copy of the file's descriptor; this process closes its own with this function.
   OsFile expanded(m_program.startReading(line.filterProgram, file.fd(), report));
   if (!expanded.isOpen()) return false;
   morvane::LogCause log;
@@ -74,6 +79,9 @@ bool ArchiveReader::openThroughProgram(const CommandLine& line, Report& report) 
   return false;
 }
 
+// A program that still has something to write would be ended by SIGPIPE if the pipe were closed now, and its
+// own check of the end of its data would be lost. Therefore the rest is read first, where the archive was
+// read to its end.
 bool ArchiveReader::finishProgram(bool readToTheEnd, Report& report) {
   if (!m_program.isRunning()) return true;
   InterruptEvent event;
@@ -91,6 +99,7 @@ bool ArchiveReader::openPath(const std::string& path, Report& report) {
   morvane::ProgressMonitor monitor(event, 1, 0, 0);
   morvane::LogCause log;
   if (m_source.openDataSourceFile(path, log, &monitor)) return true;
+  // The end of a reading command says that it was interrupted.
   if (!isInterrupted()) report.problem(path, log.cause().reason);
   return false;
 }
@@ -110,6 +119,7 @@ bool ArchiveReader::read(ClsTar& tar, morvane::ProgressEvent& event) {
   for (const auto& [compression, untar] : kMethods) {
     if (m_compression == compression) return (tar.*untar)(m_source, &event);
   }
+  // Where nothing is extracted VerifyTar seeks over the data, and asks for the end mark.
   const bool ok =
       tar.get_SuppressOutput() ? tar.VerifyTar(m_source, &event) : tar.Untar(m_source, &event) >= 0;
   if (ok) takeRestOfRecord();
@@ -148,9 +158,11 @@ bool cameToTheEnd(ClsTar& tar, bool ok) { return ok || (tar.get_OnlyLeftOut() &&
 
 // An interrupt has a status of its own and comes before every other way to end.
 int finish(ClsTar& tar, const CommandLine& line, Report& report, bool ok, const char* rest) {
+  // Before the lines about how it ended, so that those stay the last.
   if (line.printLog) report.log(tar);
   if (isInterrupted()) {
     report.notice(line.archive, "interrupted; the archive was not read to its end");
+    // What was printed before belongs to the user. Whether it arrives does not change the status any more.
     StandardOutput::flush();
     return interruptStatus();
   }
@@ -178,6 +190,8 @@ bool ReadJob::open() {
 
 // A limit that ended the run is named by its word, in place of the component's reason.
 int ReadJob::finish(const MemberEvent& event, bool ok, const char* rest) {
+  // First, because a program that failed makes the status 2, and totals and the closing line come behind its
+  // message.
   archive.finishProgram(ok && !event.enoughSeen() && !isInterrupted(), report);
   if (m_line.totals) report.totals(event.members(), event.bytes());
   if (event.limit().empty()) return mvtar::finish(tar, m_line, report, ok, rest);

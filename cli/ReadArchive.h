@@ -13,7 +13,8 @@
 
 namespace mvtar {
 
-// One archive, read once, from where standard input or the file stands.
+// One archive, read once, from where standard input or the file stands. `open` comes first, then one of the
+// reading calls, or `source` for a call of the component's that has none here; `finishProgram` comes last.
 class ArchiveReader {
  public:
   // False, and named, when the archive cannot be opened or is a terminal.
@@ -26,6 +27,7 @@ class ArchiveReader {
   bool listPlainXml(morvane::ClsTar& tar, morvane::_mvOutput& xml, morvane::ProgressEvent& event);
   // Also true for content of no kind that is known.
   bool isPlain() const;
+  // Of use once `open` has succeeded; it stands at the archive's beginning.
   morvane::_mvFileDataSource& source() { return m_source; }
   // With -I: waits for the program's end. Where the archive was read to its end the program must have come to
   // one of its own, behind whatever it had left; else nobody cares how it took the news. False, and named,
@@ -33,11 +35,15 @@ class ArchiveReader {
   bool finishProgram(bool readToTheEnd, Report& report);
 
  private:
+  // Each leaves m_source open, or has named why not.
   bool openPath(const std::string& path, Report& report);
   bool openStandardInput(Report& report);
   bool openThroughProgram(const CommandLine& line, Report& report);
+  // Reads what a pipe still has of the last record.
   void takeRestOfRecord();
 
+  // Before the source, so that the pipe is closed before the program is ended.
+  // Running only with -I.
   FilterProcess m_program;
   morvane::_mvFileDataSource m_source;
   std::optional<morvane::Compression> m_compression;  // nothing: not told
@@ -54,8 +60,9 @@ std::string failureReason(morvane::ClsTar& tar);
 // think it did not.
 bool cameToTheEnd(morvane::ClsTar& tar, bool ok);
 
-// What a command that reads members works with. Lives for one command. The command line must outlive it. The
-// report refers to the bar, and so stands behind it.
+// What a command that reads members works with. Lives for one command, on one thread. The command line must
+// outlive it. The report refers to the bar, and so stands behind it. `bar`, `report`, `tar` and `archive` are
+// the command's to use; each command ends with one of the two `finish`.
 class ReadJob {
  public:
   ReadJob(const CommandLine& line, bool outputCarriesData)
@@ -64,6 +71,7 @@ class ReadJob {
   // Opens the archive, and sets the component up as the command line asks. When it fails, only `finish` is
   // left.
   bool open();
+  // Where the run did not even begin: what went wrong was named. The exit status.
   int finish() { return mvtar::finish(tar, m_line, report, true); }
   // The same behind a run, with what --totals asks for. `rest` says what became of the members behind one
   // that ended the run by a fault of the target's; null where there is no target.

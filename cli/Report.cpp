@@ -36,6 +36,7 @@ void writeLine(void (*write)(std::string_view), const std::string& before, std::
     write(before + shown(name) + behind + "\n");
     return;
   }
+  // Piece by piece: a copy with its escapes would take four times the memory of the name.
   write(before);
   printShown(name, write);
   write(behind + "\n");
@@ -79,11 +80,13 @@ void Report::text(std::string_view text) {
   StandardOutput::write(text);
 }
 
+// A problem goes before a difference: what was not done may hide more of them.
 void Report::difference(std::string_view path, const std::string& what) {
   if (m_status == kDone) m_status = kDiffers;
   name(path, "", ": " + what);
 }
 
+// Standard error, since standard output may be the archive or a listing for a program.
 void Report::totals(long long members, long long bytes) {
   m_bar.clear();
   writeToStandardError("mvtar: " + std::to_string(members) + " members, " + std::to_string(bytes) +

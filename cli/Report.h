@@ -22,7 +22,8 @@ constexpr int kWrongUsage = 64;
 constexpr char kOutOfMemory[] = "out of memory";
 
 // Lives for one command, like the bar, which it does not own. `outputCarriesData` says that standard output
-// is an archive's or a member's, and no place for lines.
+// is an archive's or a member's, and no place for lines. Paths are shown with control characters as escapes,
+// whatever they come from; other texts stand as they are. The status only ever gets worse.
 class Report {
  public:
   Report(ProgressBar& bar, bool outputCarriesData) : m_bar(bar), m_outputCarriesData(outputCarriesData) {}
@@ -46,9 +47,11 @@ class Report {
   // What --totals asks for. "members" and "bytes" of what was done, on standard error.
   void totals(long long members, long long bytes);
   // What --log asks for.
+  // On standard error, as the component has written it, whatever it says.
   void log(morvane::ClsTar& tar);
 
-  // Says once more that something is missing, and tells the status. Call it last.
+  // Says once more that something is missing, and tells the status. Call it last: what is buffered for
+  // standard output is written here, and a failure to do so counts.
   int finish();
   // Whether something was not done.
   bool anyProblem() const { return m_status == kNotAllDone; }

@@ -9,8 +9,8 @@
 
 namespace mvtar {
 
-// "./a/" is a. So that what was typed, what a shell completed and what is stored are compared alike. Leading
-// slashes stay.
+// "./a/" is a: what was typed, what a shell completed and what is stored are compared alike. Leading slashes
+// stay, because "/a" and "a" are two paths. Something is always left of a path that was not empty.
 std::string_view comparablePath(std::string_view path) {
   while (path.size() > 1 && path.back() == '/') path.remove_suffix(1);
   while (path.size() > 2 && path.substr(0, 2) == "./") {
@@ -24,17 +24,21 @@ std::string_view comparablePath(std::string_view path) {
 // number. The C library looks at the others, in the characters of the user's locale.
 Selection::Pattern Selection::patternOf(std::string_view text) {
   const bool isStarsAlone = text.find_first_of("?[\\") == std::string_view::npos;
+  // Only here, and no earlier: a locale costs files to be read at start, and few command lines have such a
+  // pattern.
   if (!isStarsAlone) setlocale(LC_CTYPE, "");
   return {std::string(text), morvane::WildcardPattern(text, true), isStarsAlone};
 }
 
 bool Selection::Pattern::matches(std::string_view path) const {
   if (isStarsAlone) return stars.matches(path);
+  // No flags: a star goes over slashes, and a leading dot is a character like any other, as in other tars.
   return fnmatch(text.c_str(), std::string(path).c_str(), 0) == 0;
 }
 
 bool Selection::Pattern::matchesUpToASlash(std::string_view path) const {
   if (isStarsAlone) return stars.matchesUpToASlash(path);
+  // FNM_LEADING_DIR (of GNU) lets the match end at any slash.
   return fnmatch(text.c_str(), std::string(path).c_str(), FNM_LEADING_DIR) == 0;
 }
 
@@ -57,6 +61,7 @@ std::vector<std::string> Selection::withoutSlashAtEnd(std::vector<std::string> g
   return given;
 }
 
+// A match of a directory above takes everything below it, in --match and in --exclude.
 bool Selection::anyMatches(std::string_view path, const std::vector<PathPattern>& patterns) {
   return std::any_of(patterns.begin(), patterns.end(), [path](const PathPattern& pattern) {
     return pattern.whole.matchesUpToASlash(path) ||
@@ -89,12 +94,15 @@ bool Selection::isNamed(std::string_view path) {
     const auto found = m_found.find(m_key);
     if (found != m_found.end()) named = found->second = true;
   };
+  // A path that is longer than every name is none of them.
   if (path.size() <= m_longest) lookUp(path);
+  // Each directory above the path, from the outermost on.
   for (size_t slash = 0; m_recurses && slash < std::min(path.size(), m_longest + 1); ++slash) {
     if (path[slash] == '/' && slash > 0) lookUp(path.substr(0, slash));
   }
   // The root ends in its own slash, and is not above itself.
   if (m_recurses && path.size() > 1 && path.front() == '/') lookUp("/");
+  // "." as a MEMBER is the directory that everything lies below.
   if (m_recurses) lookUp(".");
   for (const auto& [name, pattern] : m_patterns) {
     const bool hit = pattern.matches(path) || (m_recurses && pattern.matchesUpToASlash(path));

@@ -13,8 +13,11 @@ namespace mvtar {
 
 namespace {
 
+// The component keeps both paths of a source in one text and separates them by this byte. A path that holds
+// one would be cut at the wrong place.
 constexpr char kEscape = '\x1B';
 
+// The root keeps the slash that it is.
 std::string withoutSlashes(std::string path) {
   while (path.size() > 1 && path.back() == '/') path.pop_back();
   return path;
@@ -22,6 +25,7 @@ std::string withoutSlashes(std::string path) {
 
 }  // namespace
 
+// The prefix goes by the rules of names as well; "/backup" as a prefix would make every member absolute.
 void Sources::add() {
   m_prefix = nameOf(m_line.prefix);
   for (const Operand& operand : m_line.operands) addOperand(operand);
@@ -30,6 +34,7 @@ void Sources::add() {
 // Where nothing is behind a -C the local path is the given one. Else the operand that the source lies below
 // is looked for, from the source itself upwards.
 std::string Sources::givenPath(const std::string& localPath) const {
+  // The usual case, which takes no search.
   if (!m_anyElsewhere) return localPath;
   for (size_t end = localPath.size(); end > 0; end = localPath.rfind('/', end - 1)) {
     if (end == std::string::npos) break;
@@ -63,6 +68,7 @@ void Sources::addOperand(const Operand& operand) {
     return;
   }
   const std::string name = joinNames(m_prefix, nameOf(operand.path));
+  // An excluded directory is not even handed over, so that nothing below it is looked at.
   if (m_excluded.excludes(name) || m_excluded.excludes(operand.path)) return;
   if (local.find(kEscape) != std::string::npos || name.find(kEscape) != std::string::npos) {
     m_report.problem(operand.path, "a name with an escape character cannot be archived");
@@ -75,6 +81,7 @@ void Sources::addOperand(const Operand& operand) {
     m_report.problem(operand.path, std::strerror(errno));
     return;
   }
+  // Without slashes at the end, because givenPath looks for what stands in front of a slash.
   m_given[withoutSlashes(local)] = withoutSlashes(operand.path);
   m_anyElsewhere |= !operand.dir.empty();
   if (!S_ISDIR(status.st_mode)) {

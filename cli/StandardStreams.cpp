@@ -51,6 +51,7 @@ void StandardOutput::write(std::string_view text) {
   if (text.size() > sizeof g_buffer - g_buffered) flush();
   if (g_error != 0) return;
   if (text.size() > sizeof g_buffer) {
+    // No copy is made of what is too large to be gathered.
     g_error = writeWhole(STDOUT_FILENO, text);
     return;
   }

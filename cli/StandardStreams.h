@@ -9,9 +9,10 @@ namespace mvtar {
 // Static, because there is one: whoever prints and whoever runs out of memory mean the same.
 class StandardOutput {
  public:
-  // Gathered, and written line by line at a terminal. A failure is kept for flush and error.
+  // Gathered, and written line by line at a terminal. A failure is kept for flush and error; what comes
+  // behind it is dropped. Not for several threads.
   static void write(std::string_view text);
-  // False if anything so far could not be written.
+  // Writes what was gathered. False if anything so far could not be written.
   static bool flush();
   // Whether nobody takes what is printed any more.
   static bool isBroken();
@@ -19,7 +20,8 @@ class StandardOutput {
   static int error();
 };
 
-// Written at once; a failure is ignored.
+// Written at once and whole; a failure is ignored, since there is no place to tell it. An interrupt ends the
+// wait for a reader.
 void writeToStandardError(std::string_view text);
 
 }  // namespace mvtar

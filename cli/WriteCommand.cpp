@@ -53,13 +53,18 @@ bool writeThroughProgram(ClsTar& tar, const CommandLine& line, CreateEvent& even
   if (!FilterProcess::canStart(line.filterProgram, report)) return false;
   std::unique_ptr<OutputFile> file = archiveFile(line, report);
   if (!file) return false;
+  // The component writes into the pipe and cannot know which file is the archive; only the command does.
   struct stat archive;
   if (fstat(file->descriptor(), &archive) == 0 && S_ISREG(archive.st_mode)) event.leaveOut(archive);
   FilterProcess program;
   const int toProgram = program.startWriting(line.filterProgram, file->descriptor(), report);
   if (toProgram < 0) return false;
   std::unique_ptr<OutputFile> out(OutputFile::adopt(morvane::OsFile(toProgram), line.filterProgram.c_str()));
+  // The program is ended and the file closed on this way out as well, by their destructors.
   if (!out) throw std::bad_alloc();
+  // In this order, each step of which is needed for the next: the program ends when its input does, and the
+  // file holds all of the archive once the program has ended. All of it is done also behind a failure, so
+  // that each says what it has to say.
   const bool written = tar.WriteTar(*out, &event);
   const bool closed = closeOutput(*out, line.filterProgram, report);
   const bool ended = program.finish(false, report);
@@ -97,16 +102,21 @@ int writeArchive(CommandLine& line) {
   Report report(bar, line.usesStandardStream());
   if (!isNoTerminal(line, report)) return report.finish();
   NewestCopies newest;
+  // Before the sources are looked at: without the newest copies nothing could be said of any of them.
   if (line.mode == Mode::Update && !findNewestCopies(line, newest, report)) return report.finish();
   ClsTar tar;
+  // What is named as missing here makes the status 2, but the rest is archived all the same.
   Sources sources(line, report, tar);
   sources.add();
   tar.put_WriteFormat(line.formatToWrite());
+  // The bar's own parts, which are finer than percents: rate and time left are computed from them.
   tar.put_PercentScale(ProgressBar::kScale);
   tar.put_UncommonOptions(
       (line.writingWords() + (bar.mayBeShown() ? "" : ",NoTotal") + line.options).c_str());
   CreateEvent event(report, bar, tar, line, sources, newest);
   bool ok = write(tar, line, event, report);
+  // What was archived may be removed although something else was left out. It may not where the archive
+  // itself failed.
   const bool isClosed = ok || tar.get_OnlyLeftOut();
   if (event.missedOnlyUnwanted() && tar.get_OnlyLeftOut()) ok = true;
   bar.clear();
@@ -118,6 +128,7 @@ int writeArchive(CommandLine& line) {
   }
   if (cameToTheEnd(tar, ok)) event.settle();
   if (!ok) report.failure(tar, line.archive);
+  // Behind everything else that can fail, since nothing brings a removed file back.
   if (isClosed) event.removals().removeAll(report);
   if (line.totals) report.totals(event.members(), event.bytes());
   return report.finish();

@@ -23,6 +23,8 @@ namespace {
 // A standard stream that was closed would come back as the archive, and messages would go into it. Opened the
 // wrong way round, it stays one that cannot be used.
 void occupyStandardStreams() {
+  // In this order, because open takes the lowest number that is free. If even that fails, the stream stays
+  // closed; there is nobody to tell.
   for (const int fd : {0, 1, 2}) {
     if (fcntl(fd, F_GETFD) < 0) open("/dev/null", fd == 0 ? O_WRONLY : O_RDONLY);
   }
@@ -52,6 +54,7 @@ int runCommand(mvtar::CommandLine& line) {
     case Mode::Version:
       mvtar::StandardOutput::write(std::string("mvtar ") + mvtar::versionText() + "\n");
       break;
+    // Does not come here: the parser asks for a mode.
     case Mode::None:
       break;
   }
@@ -63,6 +66,8 @@ int runCommand(mvtar::CommandLine& line) {
 // The lists of -T and -X. False, and told, when one cannot be read.
 bool readNames(mvtar::CommandLine& line) {
   mvtar::ProgressBar noBar(mvtar::ProgressBar::When::Never);
+  // Nothing has been printed; with `true` no line would get onto standard output, which may become the
+  // archive.
   mvtar::Report report(noBar, true);
   if (mvtar::readNameFiles(line, report)) return true;
   if (!mvtar::isInterrupted()) report.finish();
@@ -74,13 +79,16 @@ int runCommandLine(int argc, char** argv) {
   mvtar::CommandLine line;
   std::string error;
   if (!mvtar::parseCommandLine(argc, argv, line, error)) {
+    // What was typed may hold control characters, from a pasted line or a file's name.
     mvtar::writeToStandardError("mvtar: " + mvtar::shown(error) + "\nTry 'mvtar --help'.\n");
     return mvtar::kWrongUsage;
   }
+  // Before the lists, because one of them may come from a pipe that is waited for.
   mvtar::catchInterrupts();
   const int status = readNames(line)          ? runCommand(line)
                      : mvtar::isInterrupted() ? mvtar::interruptStatus()
                                               : mvtar::kNotAllDone;
+  // Report::finish has done so and has told what failed; this is for the ways that end without it.
   mvtar::StandardOutput::flush();
   return status;
 }
@@ -92,6 +100,7 @@ int runCommandLine(int argc, char** argv) {
 [[noreturn]] void endWithoutMemory() { _exit(mvtar::finishWithoutMemory()); }
 
 int main(int argc, char** argv) {
+  // Before anything opens a file, and the handler before anything takes memory.
   occupyStandardStreams();
   std::set_terminate(endWithoutMemory);
   try {
@@ -99,6 +108,7 @@ int main(int argc, char** argv) {
   } catch (const std::bad_alloc&) {
     return mvtar::finishWithoutMemory();
   } catch (const std::exception& exception) {
+    // Not expected of anything here; it is said like any other failure, and what was printed before is kept.
     mvtar::StandardOutput::flush();
     mvtar::writeToStandardError(std::string("mvtar: ") + exception.what() + "\n");
     return mvtar::kNotAllDone;

@@ -9,6 +9,8 @@
 
 namespace {
 
+// Called for each member while the archive is read, so that a list of any length takes no memory. The texts
+// are valid during the call only.
 class Lister : public morvane::ProgressEvent {
  public:
   void onTarHeader(const morvane::TarMemberInfo& member) override {
@@ -25,7 +27,9 @@ int main(int argc, char** argv) {
     return 64;
   }
   morvane::ClsTar tar;
+  // Long names and other records are then understood as other tars mean them.
   tar.put_UncommonOptions("FullRead");
+  // Data of members are not read in either case: what is listed are headers.
   bool ok;
   if (xml) {
     morvane::XString text;

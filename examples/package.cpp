@@ -11,6 +11,7 @@ namespace {
 // A tarball as packages have them: owned by root, names below "./". Modes are the object's, not the files': a
 // package with maintainer scripts needs put_FileMode(0755) for its control tarball.
 bool writeTarball(morvane::ClsTar& tar, const char* dir, const std::string& path) {
+  // The object keeps its sources and properties from one call to the next.
   tar.ClearDirRootsAndFiles();
   tar.put_UserId(0);
   tar.put_GroupId(0);
@@ -28,10 +29,12 @@ int main(int argc, char** argv) {
     return 64;
   }
   const std::string package = argv[3];
+  // CreateDeb takes tarballs that are there; these two are removed when it has read them.
   const std::string control = package + ".control.tar.gz", data = package + ".data.tar.gz";
   morvane::ClsTar tar;
   const bool ok = writeTarball(tar, argv[1], control) && writeTarball(tar, argv[2], data) &&
                   tar.CreateDeb(control, data, package);
+  // The log is of the call that failed, which was the last one.
   if (!ok) {
     morvane::XString log;
     tar.get_LogText(log);

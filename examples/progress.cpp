@@ -13,6 +13,7 @@ class Progress : public morvane::ProgressEvent {
  public:
   explicit Progress(int stopAt) : m_stopAt(stopAt) {}
 
+  // A total is counted before the first byte is written; these are its percents, each of which comes once.
   void onProgress(int percent, bool& abort) override {
     std::printf("%d %%\n", percent);
     m_stopped = m_stopped || percent >= m_stopAt;
@@ -39,11 +40,13 @@ int main(int argc, char** argv) {
     std::fputs("usage: progress ARCHIVE DIRECTORY [STOP-AT-PERCENT]\n", stderr);
     return 64;
   }
+  // No percentage is as large.
   constexpr int kNever = 101;
   Progress progress(argc == 4 ? std::atoi(argv[3]) : kNever);
   morvane::ClsTar tar;
   if (tar.AddDirRoot(argv[2]) && tar.WriteTarGz(argv[1], &progress)) return 0;
   morvane::XString path, reason;
+  // For a person one line is enough: the path, if there is one, and the reason. An abort is a failure, too.
   tar.get_FailureCause(path, reason);
   std::fprintf(stderr, "progress: %s\n", reason.getUtf8());
   std::remove(argv[1]);  // the part that was written stays until somebody removes it

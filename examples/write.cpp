@@ -22,9 +22,11 @@ int main(int argc, char** argv) {
   }
   const std::string archive = argv[1];
   morvane::ClsTar tar;
+  // The standard's own form, which holds names of any length and files of any size.
   tar.put_WriteFormat("pax");
   // The archive may lie in the tree, and a file that changes while it is read must not spoil the archive.
   tar.put_UncommonOptions("SkipOutputFile,WriteExactSizes,PaxExact");
+  // AddDirRoot looks whether the directory is there; its files are looked at as they are written.
   const bool ok = tar.AddDirRoot(argv[2]) && (endsWith(archive, ".gz")    ? tar.WriteTarGz(archive)
                                               : endsWith(archive, ".bz2") ? tar.WriteTarBz2(archive)
                                                                           : tar.WriteTar(archive));
