@@ -10,6 +10,7 @@
 #include "MvtarSupport.h"
 #include "TreeSupport.h"
 #include "runtime/fs/AccessList.h"
+#include "runtime/fs/ConfinedDir.h"
 #include "runtime/fs/UserDatabase.h"
 #include "tar/format/PaxRecordText.h"
 #include "tar/format/SparseMap.h"
@@ -147,6 +148,59 @@ TEST(Metadata, AListThatIsAMode) {
   EXPECT_EQ("640\n", readFile(dir / "is"));
 }
 
+// The mode of a file with a list has the list's mask for its group: alone it would give the group what others
+// were given.
+TEST(Metadata, AListThatCannotBeSetGivesNobodyMore) {
+  ScratchDir dir;
+  for (const auto& [group, is] : {std::pair{"r--", "640\n"}, {"---", "600\n"}}) {
+    writeFile(dir / "a.tar",
+              paxHeader("SCHILY.acl.access",
+                        "user::rw-,user:nobody-of-that-name:rwx,group::"s + group + ",mask::rwx,other::---") +
+                  patched(member("f"), kModeField, "0000670") + kEnd);
+    expectMvtar(dir, "--xattrs -xf a.tar", 2, "", "f: attributes are not kept: Invalid argument");
+    must(dir, "stat -c %a f > is");
+    EXPECT_EQ(is, readFile(dir / "is"));
+  }
+}
+
+// A new file's group is its directory's by the set-group-id bit, or by the way the disk is mounted.
+TEST(Metadata, GroupsOfDirectoriesSeeNothingEarly) {
+  if (!isRoot()) GTEST_SKIP() << "groups are the superuser's to give";
+  ScratchDir dir;
+  must(dir,
+       "mkdir -p out/other/d out/own; chgrp 1234 out/other out/other/d; chmod g+s out/other/d; ln -s other "
+       "out/l");
+  ConfinedDir target;
+  LogNull log;
+  ASSERT_TRUE(target.open((dir / "out").c_str(), ConfinedDir::Links::InsideTarget, log));
+  for (const char* path : {"f", "own/f", "./own/f"}) EXPECT_TRUE(target.givesOwnGroup(path)) << path;
+  for (const char* path : {"other/f", "other/d/f", "l/f", "missing/f"})
+    EXPECT_FALSE(target.givesOwnGroup(path)) << path;
+  // At the moment of its creation.
+  writeFile(dir / "a.tar", patched(member("other/d/key", "secret"), kModeField, "0000640") + kEnd);
+  must(dir,
+       "strace -f -e trace=openat2,openat mvtar -xf a.tar -C out 2> calls || touch calls; stat -c %a:%g "
+       "out/other/d/key > is");
+  EXPECT_EQ("640:0\n", readFile(dir / "is"));
+}
+
+TEST(Metadata, FullModesAreKeptOnWhatIsNoFile) {
+  if (!isRoot()) GTEST_SKIP() << "owners are the superuser's";
+  ScratchDir dir;
+  must(dir, "mkfifo p && chmod 6755 p && mvtar -cf a.tar p && rm p && mvtar -xpf a.tar && stat -c %a p > is");
+  EXPECT_EQ("6755\n", readFile(dir / "is"));
+}
+
+// A user's directories have the bit from the one they are in, as with mkdir.
+TEST(Metadata, NewDirectoriesHandTheirGroupOn) {
+  ScratchDir dir;
+  writeFile(dir / "a.tar", patched(directory("d/"), kModeField, "0000755") + member("d/f") + kEnd);
+  must(dir,
+       "mkdir out && chmod 2777 out && umask 022 && mvtar --no-same-permissions -xf a.tar -C out && "
+       "stat -c %a out/d > is");
+  EXPECT_EQ("2755\n", readFile(dir / "is"));
+}
+
 // A file system may bring a time to the end of its own range.
 TEST(Metadata, TimesBeyondTheFileSystem) {
   ScratchDir dir;
@@ -168,7 +222,28 @@ TEST(Metadata, SparseRecordsThatMakeNoSense) {
                                      paxRecord(offset, "9223372036854775806") + paxRecord(length, "4")}) {
     writeFile(dir / "a.tar", member("record", size + records, 'x') + member("f", "data") + kEnd);
     expectMvtar(dir, "-xf a.tar", 2, "", "f: The map of a sparse member makes no sense.");
+    expectMvtar(dir, "-xOf a.tar", 2, "", "a.tar: The map of a sparse member makes no sense.");
   }
+  // Two maps of the same bytes, which say different things.
+  must(dir, "truncate -s 1M f; echo data > f; truncate -s 1M f; mvtar -cf gnu.tar f");
+  writeFile(dir / "a.tar", member("record",
+                                  paxRecord("GNU.sparse.size", "4611686018427387914") +
+                                      paxRecord(offset, "4611686018427387904") + paxRecord(length, "4096"),
+                                  'x') +
+                               readFile(dir / "gnu.tar"));
+  expectMvtar(dir, "-xOf a.tar", 2, "", "a.tar: The map of a sparse member makes no sense.");
+}
+
+// As large as a file can be: 19 digits.
+TEST(Metadata, MapsOfTheLargestFiles) {
+  SparseMap map;
+  map.beginInData(std::numeric_limits<long long>::max());
+  SparseMapText reader;
+  std::string text = "1\n9223372036854775800\n7\n";
+  text.resize(512);
+  unsigned used = 0;
+  EXPECT_EQ(SparseMapText::State::Complete, reader.take(text.data(), 512, used, map));
+  EXPECT_EQ(7, map.storedSize());
 }
 
 // Half of a program is nobody's set-id program, in whatever way it was cut, and is named.

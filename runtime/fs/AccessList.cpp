@@ -173,4 +173,19 @@ std::optional<std::string> accessListBytes(std::string_view text, bool byId, Use
 // the mask that comes with such.
 bool isExtendedAccessList(std::string_view bytes) { return bytes.size() > kVersionSize + 3 * kEntrySize; }
 
+// Found by its front, because the list as a whole may make no sense. Its mask takes off nothing here: whoever
+// asks has a mode whose group bits are the mask.
+unsigned owningGroupBits(std::string_view text) {
+  constexpr std::string_view kOwnGroup = "group::", kLetters = "rwx";
+  while (!text.empty()) {
+    std::string_view piece = cut(text, ",\n");
+    piece.remove_prefix(std::min(piece.find_first_not_of(" \t"), piece.size()));
+    if (piece.size() < kOwnGroup.size() + 3 || piece.compare(0, kOwnGroup.size(), kOwnGroup) != 0) continue;
+    unsigned bits = 0;
+    for (unsigned i = 0; i < 3; ++i) bits |= piece[kOwnGroup.size() + i] == kLetters[i] ? 040u >> i : 0u;
+    return bits;
+  }
+  return 0;
+}
+
 }  // namespace morvane

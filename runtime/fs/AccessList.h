@@ -25,4 +25,8 @@ std::optional<std::string> accessListBytes(std::string_view text, bool byId, Use
 // mode and keeps no list.
 bool isExtendedAccessList(std::string_view bytes);
 
+// What a list (its text) gives to the file's own group, less its mask, as the three bits are in a mode (070).
+// 0 where it says nothing of it.
+unsigned owningGroupBits(std::string_view text);
+
 }  // namespace morvane

@@ -185,6 +185,7 @@ ConfinedDir::Result ConfinedDir::clearTheWay(const Place& place, LogBase& log) {
   if (fstatat(parent, leaf, &status, AT_SYMLINK_NOFOLLOW) != 0) {
     return errno == ENOENT ? Result::Ok : failed("Failed to examine what is in the way.", place.leaf, log);
   }
+  forgetGroup();  // what goes may be the directory that was looked at, and a link come in its place
   // Not even to make room for a member of the archive's own name. The words count only where the result is
   // Refused.
   setRefusal(kPlaceIsTaken);
@@ -231,7 +232,7 @@ ConfinedDir::Result ConfinedDir::makeDirectory(const std::string& path, unsigned
       made.identity = Identity::of(status);
       made.isForeign = made.isNew && status.st_uid != geteuid();
       made.isKnown = !made.isForeign;
-      noteGroupOf(status);
+      noteGroupOf(path, status);
       return Result::Ok;
     }
     if (S_ISLNK(status.st_mode) && isDirectoryInside(place)) return Result::Ok;

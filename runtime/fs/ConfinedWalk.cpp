@@ -88,14 +88,36 @@ bool ConfinedWalk::open(const char* target, Links links, LogBase& log) {
     failed("Failed to open the target directory.", target, log);
     return false;
   }
-  struct stat status;
-  // Where that cannot be told, it may: new files then are closed to their group until their owner is set.
-  m_handsOnGroup = m_target.status(status) != 0 || (status.st_mode & S_ISGID) != 0;
+  forgetGroup();
   // Old kernels, and containers that forbid what they do not know. Asked here, where EPERM has no other
   // meaning.
   const OsFile probe(openResolved(m_target.fd(), ".", kPathOnly, 0));
   m_partByPart = m_partByPart || (!probe.isOpen() && (errno == ENOSYS || errno == EPERM));
   return true;
+}
+
+// The directory's group tells: a new file has that or the process's, and where the two are one there is no
+// question. Links are passed as they will be when the file is made.
+bool ConfinedWalk::givesOwnGroup(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  const std::string directory = path.substr(0, slash == std::string::npos ? 0 : slash);
+  if (m_isGroupKnown && m_groupDirectory == directory) return m_isGroupOwn;
+  struct stat status;
+  if (directory.empty()) {
+    if (statusOfTarget(status) != 0) return false;
+  } else {
+    const OsFile opened(openExisting(directory, kPathOnly, Passing::LinksAsMade));
+    if (!opened.isOpen() || opened.status(status) != 0) return false;
+  }
+  noteGroupOf(directory, status);
+  return m_isGroupOwn;
+}
+
+void ConfinedWalk::noteGroupOf(std::string directory, const struct stat& status) {
+  while (!directory.empty() && directory.back() == '/') directory.pop_back();
+  m_groupDirectory = std::move(directory);
+  m_isGroupOwn = status.st_gid == getegid();
+  m_isGroupKnown = true;
 }
 
 // Of a directory with something in it no more than the first names are read.

@@ -52,8 +52,10 @@ class ConfinedWalk {
   // failure, or, where the flags have O_PATH, opened as itself. On the way links are passed as they are for
   // what is made, or not at all.
   int openExisting(const std::string& path, int flags, Passing passing = Passing::NoLinks);
-  // Whether a new file may get its group from a directory instead of from the process, as far as was seen.
-  bool handsOnGroup() const { return m_handsOnGroup; }
+  // Whether a file that is made at this path gets the group that the process has. It may get its directory's
+  // instead: by the set-group-id bit, or because the file system is mounted so. False where that cannot be
+  // told, as of a directory that is still to be made.
+  bool givesOwnGroup(const std::string& path);
 
   // Directories that were made on the way to others, since they were last taken. The path is below the
   // target; empty for one that is outside.
@@ -115,9 +117,10 @@ class ConfinedWalk {
   void setRefusal(const char* why) { m_refusal = why; }
   bool notesParents() const { return m_notesParents; }
   int statusOfTarget(struct stat& status) const { return m_target.status(status); }
-  // A directory that members are put into was seen. With the set-group-id bit it hands its group on to what
-  // is made in it.
-  void noteGroupOf(const struct stat& directory) { m_handsOnGroup |= (directory.st_mode & S_ISGID) != 0; }
+  // A directory that files may be made in was looked at, so that givesOwnGroup need not; and its place may
+  // have been taken by something else.
+  void noteGroupOf(std::string directory, const struct stat& status);
+  void forgetGroup() { m_isGroupKnown = false; }
 
  private:
   // Where a path starts: a descriptor of this object's, never to be closed by the caller.
@@ -138,7 +141,9 @@ class ConfinedWalk {
   int m_lastError = 0;
   const char* m_refusal = "";
   bool m_notesParents = false;
-  bool m_handsOnGroup = false;
+  // Of one directory, the one that was looked at last: members of a directory come one after the other.
+  std::string m_groupDirectory;
+  bool m_isGroupKnown = false, m_isGroupOwn = false;
   // Only while noteNewParents asks for them.
   std::vector<NewParent> m_newParents;
 };

@@ -153,6 +153,7 @@ struct ClsTar::Inner {
   // replaced by one of its members. Neither can fail: a file of which the system tells nothing is just not
   // protected.
   void beginFramedRun(LogBase& log);
+  bool finishFramedRun(const Io& io);
   void protectArchive(LogBase& log);
   // One for each, source to engine. gzip and compress always as a run of their own; bzip2 only with the word
   // Bz2Framed.

@@ -60,7 +60,7 @@ bool ClsTar::Inner::untarCompressedSource(const char* name, _mvDataSource& sourc
 // What the three have in common: progress over the compressed bytes, and an end of the run that leaves
 // nothing in a buffer. Progress counts from where the source stands, and a source that does not know its size
 // has none. What is buffered is written even when the decompressor fails or throws, because what arrived
-// before damage is to be kept. onlyLeftOut needs the flush too: a full disk is no member that was left out.
+// before damage is to be kept. A full disk is no member that was left out, whatever the run itself has found.
 bool ClsTar::Inner::untarCompressed(_mvDataSource& source, ProgressEvent* progress, Decompress decompress) {
   const long long start = std::max(source.ftell64(), 0LL);
   const long long total = std::max(source.sizeIfKnown() - start, 0LL);
@@ -81,7 +81,7 @@ bool ClsTar::Inner::untarCompressed(_mvDataSource& source, ProgressEvent* progre
   // Of a run that was not finished, what waits is made or named all the same.
   if (!read) m_stream.endUnframed(pm.getPm(), m_log);
   const bool ok = read && flushed;
-  m_onlyLeftOut = !ok && flushed && m_stream.onlyLeftOut();
+  if (!flushed) m_onlyLeftOut = false;
   // Bytes behind the compressed data are never read, and would be missing from the whole.
   if (ok) pm.consumeRemaining(m_log);
   return ok;
@@ -97,6 +97,13 @@ bool ClsTar::Inner::extractFrom(_mvDataSource& source, Compression compression, 
 void ClsTar::Inner::beginFramedRun(LogBase& log) {
   m_stream.BeginStreamingUntar();
   protectArchive(log);
+}
+
+// Behind data that ended well, so that nothing but the run itself can have failed.
+bool ClsTar::Inner::finishFramedRun(const Io& io) {
+  const bool ok = m_stream.FinishStreamingUntar(io.monitor, io.log);
+  m_onlyLeftOut = m_stream.onlyLeftOut();
+  return ok;
 }
 
 // Only a file can be met again in the target.
@@ -117,7 +124,7 @@ bool ClsTar::Inner::inflateTar(_mvDataSource& source, const Io& io) {
   if (!extractFrom(lending, Compression::Gzip, io)) {
     return io.fail("unTarGz inflate failed (2)");
   }
-  if (!m_stream.FinishStreamingUntar(io.monitor, io.log)) {
+  if (!finishFramedRun(io)) {
     io.log.LogNotice("unTarGz failed.");  // the cause was said, or is a refused member
     return false;
   }
@@ -129,12 +136,14 @@ bool ClsTar::Inner::inflateTar(_mvDataSource& source, const Io& io) {
 bool ClsTar::Inner::expandTarBz2(_mvDataSource& source, const Io& io) {
   if (m_options.bz2Framed) {
     beginFramedRun(io.log);
-    return extractFrom(source, Compression::Bzip2, io) && m_stream.FinishStreamingUntar(io.monitor, io.log);
+    return extractFrom(source, Compression::Bzip2, io) && finishFramedRun(io);
   }
   m_stream.beginUnframed();
   protectArchive(io.log);
   const bool expanded = extractFrom(source, Compression::Bzip2, io);
   m_stream.endUnframed(io.monitor, io.log);
+  // Such a run is never finished: what is left of it to go wrong is known when the data have ended well.
+  m_onlyLeftOut = expanded && m_stream.anyLeftOut();
   return expanded && !m_stream.anyLeftOut();
 }
 
@@ -144,7 +153,7 @@ bool ClsTar::Inner::expandTarZ(_mvDataSource& source, const Io& io) {
   if (!extractFrom(source, Compression::Compress, io)) {
     return io.fail("Invalid compressed data (D)");
   }
-  if (!m_stream.FinishStreamingUntar(io.monitor, io.log)) {
+  if (!finishFramedRun(io)) {
     io.log.LogNotice("Untar failed, possible corrupt .Z file.");
     return false;
   }

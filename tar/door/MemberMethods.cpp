@@ -64,8 +64,12 @@ bool ClsTar::Inner::membersToOutput(_mvDataSource& source, _mvOutput& out, bool 
   std::optional<Compression> compression;
   if (!detectArchive(source, compression, io.monitor, m_log)) return false;
   bool found = false;
-  // What is not recognised goes to the pull engine, too, which says what is wrong with its first header.
-  if (compression.value_or(Compression::None) == Compression::None) {
+  if (!compression) {
+    // What is nothing known goes to the pull engine, too, which says what is wrong with its first header.
+    if (const char* const what = foreignContent(source, io.monitor, m_log)) return io.fail(what);
+    compression = Compression::None;
+  }
+  if (*compression == Compression::None) {
     UntarRun run({source, io, m_log, m_xmlListing}, liveMemberSettings(), true);
     run.extractMembersInto(out, firstAlone);
     const int count = run.run();
@@ -89,7 +93,9 @@ bool ClsTar::Inner::membersToOutput(_mvDataSource& source, _mvOutput& out, bool 
     // A stream that ended well without a member is no damage; the run's own failure is, but behind the one
     // member that was wanted.
     const bool needsEnd = !found || !firstAlone;
-    if (needsEnd && (!ended || !stream.FinishStreamingUntar(io.monitor, m_log))) return false;
+    if (needsEnd && !ended) return false;
+    const bool finished = !needsEnd || stream.FinishStreamingUntar(io.monitor, m_log);
+    if (!finished || stream.anyLeftOut()) return false;
   }
   if (!found) m_log.LogError("No such member.");
   m_onlyLeftOut = !found;

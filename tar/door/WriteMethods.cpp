@@ -70,7 +70,7 @@ bool ClsTar::Inner::writeMethod(const char* name, Compression compression, const
     if (!prepareWrite(place, kCannotCreate, progress, total)) return false;
     ProgressMonitorPtr monitor(progress, m_abortCheckMs, m_percentScale, total);
     const Io io(m_log, monitor.getPm(), progress);
-    m_archive.begin(compression, m_options.codec);
+    m_archive.begin(compression, m_options.encoderOptions());
     // An encoder has threads and megabytes, which must not stay until the next write.
     const ScopeExit letGo([this] { m_archive.end(); });
     if (place.out) return writeFramed(*place.out, compression, io);

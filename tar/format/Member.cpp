@@ -2,6 +2,8 @@
 // everybody else works with.
 #include "tar/format/Member.h"
 
+#include "runtime/fs/AccessList.h"
+
 namespace morvane {
 
 // A NUL would end the log's line.
@@ -41,6 +43,22 @@ void Member::exchangeHeader(TarHeader& header) {
 }
 
 // Path and link path are left out, because whoever keeps such a member has its path elsewhere.
+// An access list of a form that is not known is left out; the mode still has what it grants at most.
+void Member::takeAttributes(FileMetadata::Attributes& from, UserDatabase& users) {
+  attributes.clear();
+  accessList.clear();
+  defaultAccessList.clear();
+  for (auto& [name, value] : from) {
+    const bool isAccess = name == FileMetadata::kAccessList, isDefault = name == FileMetadata::kDefaultList;
+    if (isAccess || isDefault) {
+      const std::optional<std::string> text = accessListText(value, users);
+      if (text) (isAccess ? accessList : defaultAccessList) = *text;
+    } else {
+      attributes.push_back({std::move(name), std::move(value)});
+    }
+  }
+}
+
 void Member::copyPlain(const Member& other) {
   typeFlag = other.typeFlag;
   isDirectory = other.isDirectory;

@@ -7,11 +7,14 @@
 #include <string>
 #include <vector>
 
+#include "runtime/fs/FileMetadata.h"
 #include "tar/format/SparseMap.h"
 #include "tar/format/TarBlock.h"
 #include "tar/format/TarHeader.h"
 
 namespace morvane {
+
+class UserDatabase;
 
 // A type flag as a log shows it. Old archives have a NUL as the type of a file, for which there is nothing.
 std::string typeText(char typeFlag);
@@ -60,6 +63,9 @@ struct Member {
   // What an ordinary file is made of: nothing that it has beside kind, owner, mode, size and times. For files
   // that other threads make, which need no texts but the owner's names.
   void copyPlain(const Member& other);
+  // The attributes and access lists that a file has, in place of the member's own. Values are moved out of
+  // `from`. Names and numbers in lists are this system's.
+  void takeAttributes(FileMetadata::Attributes& from, UserDatabase& users);
 
   // A directory has no data to extract, whatever its header states.
   long long dataSize() const { return isDirectory ? 0 : size; }

@@ -130,10 +130,7 @@ class FullReader : public MemberReader {
     // The lenient reader's have 32 bits.
     m_found.uid = m_header.m_exactUid;
     m_found.gid = m_header.m_exactGid;
-    // It comes behind the records, because the block of this type has a map of its own.
-    if (found == Found::Member && demand().spreads && typeFlag == kTypeSparse) {
-      m_found.sparseIsWrong = !m_found.sparse.takeHeaderBlock(block);
-    }
+    if (found == Found::Member && demand().spreads && typeFlag == kTypeSparse) takeOldMap(block);
     return true;
   }
 
@@ -157,6 +154,14 @@ class FullReader : public MemberReader {
   const TarHeader& header() const override { return m_header; }
 
  private:
+  // The block of this type has a map of its own. One of records beside it says something else of the same
+  // bytes, and nobody knows which is meant.
+  void takeOldMap(const unsigned char* block) {
+    const bool hasOther = m_found.sparse.isSparse() || m_found.sparseIsWrong;
+    m_found.sparse.clear();
+    m_found.sparseIsWrong = !m_found.sparse.takeHeaderBlock(block) || hasOther;
+  }
+
   // The texts are exchanged with m_found, and so parsed into memory that is there already.
   TarHeader m_header;
   FullExtensions m_extensions;

@@ -3,6 +3,7 @@
 #include "tar/format/SparseMap.h"
 
 #include <charconv>
+#include <limits>
 
 #include "tar/format/TarBlock.h"
 #include "tar/format/TarNumber.h"
@@ -139,8 +140,7 @@ std::string sparseMapText(const SparseMap& map) {
 // The pieces are cut wherever a source cuts them, so that all of the state is in the object. What the filling
 // is made of does not matter.
 SparseMapText::State SparseMapText::take(const char* bytes, unsigned n, unsigned& used, SparseMap& map) {
-  // So many always fit in 63 bits, so that m_number cannot overflow; no file is larger than they can say.
-  constexpr unsigned kMostDigits = 18;
+  constexpr long long kLargest = std::numeric_limits<long long>::max();
   used = 0;
   while (m_state == State::GoesOn && used < n) {
     const bool isFilling = m_numbersLeft == 0;
@@ -151,9 +151,10 @@ SparseMapText::State SparseMapText::take(const char* bytes, unsigned n, unsigned
     if (isFilling) continue;
     if (c == '\n') {
       if (!takeNumber(map)) m_state = State::Wrong;
-    } else if (c < '0' || c > '9' || ++m_digits > kMostDigits) {
+    } else if (c < '0' || c > '9' || m_number > (kLargest - (c - '0')) / 10) {
       m_state = State::Wrong;
     } else {
+      ++m_digits;
       m_number = m_number * 10 + (c - '0');
     }
   }

@@ -81,9 +81,12 @@ class ExtractTarget {
   // where nothing was opened, and where it could not be told.
   void noteWhetherEmpty(bool notesEmpty) { m_notesEmpty = notesEmpty; }
   bool wasEmpty() const { return m_wasEmpty; }
-  // Whether a new file may get its group from the directory that it is made in, so that its mode has to wait
-  // for its owner.
-  bool handsOnGroup() const { return m_confined.handsOnGroup(); }
+  // What comes before anything is made on the confined way: the path is judged, and the directory open. Each
+  // of the above begins with it.
+  Outcome enter(const MemberPath& path, const ReadSettings& settings, LogBase& log);
+  // Whether a file gets the process's group when it is made, so that its mode need not wait for its owner.
+  // Behind an `enter` of the path that was Ok.
+  bool givesOwnGroup(const MemberPath& path) { return m_confined.givesOwnGroup(path.entryPath().str()); }
   // Null until something was made through it. Owned here; gone with the next target or reset().
   ConfinedDir* confined() { return m_confined.isOpen() ? &m_confined : nullptr; }
   // The directory that is open, or would be for the path.
@@ -108,8 +111,6 @@ class ExtractTarget {
  private:
   // Opens the directory unless it is open for the same target and words. False, with the reason in the log.
   bool openConfined(const MemberPath& path, const ReadSettings& settings, LogBase& log);
-  // What comes before anything is made on the confined way. judge(), and the directory open.
-  Outcome enter(const MemberPath& path, const ReadSettings& settings, LogBase& log);
   // The two ways to make a file. `creatingTag`: null in a log that is not verbose.
   Outcome createConfined(const MemberPath& path, const ReadSettings& settings, unsigned mode,
                          const char* creatingTag, LogBase& log, std::unique_ptr<OutputFile>& file);

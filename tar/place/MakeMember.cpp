@@ -83,10 +83,16 @@ Outcome MemberPlacer::makeDirectory(const Member& member, const Io& io) {
 // leads to the file.
 Outcome MemberPlacer::makeFile(const Member& member, const Io& io, Placed& placed) {
   if (member.sparseIsWrong) {
-    io.fail("The map of a sparse member makes no sense.");
+    io.fail(SparseOutput::kMapIsWrong);
     return Outcome::Unusable;
   }
-  const unsigned mode = restored().any() ? m_restorer.modeToMake(member, m_target.handsOnGroup()) : 0666;
+  unsigned mode = 0666;
+  if (restored().any()) {
+    // Open before the mode is chosen, because that may depend on the directory.
+    const Outcome entered = m_target.enter(m_path, settings(), io.log);
+    if (entered != Outcome::Ok) return entered;
+    mode = modeToMake(member);
+  }
   std::unique_ptr<OutputFile> file;
   const Outcome outcome =
       m_target.createFile(m_path, settings(), mode, m_manner.creatingFileTag, io.log, file);
@@ -96,12 +102,18 @@ Outcome MemberPlacer::makeFile(const Member& member, const Io& io, Placed& place
   return outcome;
 }
 
+unsigned MemberPlacer::modeToMake(const Member& member) {
+  const bool groupIsOwn = !m_restorer.asksForGroup(member) || m_target.givesOwnGroup(m_path);
+  return m_restorer.modeToMake(member, groupIsOwn);
+}
+
 // An output that is no file has no holes; it gets zeros in their place. The stored size is handed over,
 // because only it and the map together show whether they fit.
 std::unique_ptr<_mvOutput> MemberPlacer::spreading(const Member& member, std::unique_ptr<_mvOutput> out,
                                                    OutputFile* file) {
-  if (!member.sparse.isSparse()) return out;
-  return std::make_unique<SparseOutput>(std::move(out), file, member.sparse, member.size);
+  if (!member.sparse.isSparse() && !member.sparseIsWrong) return out;
+  return std::make_unique<SparseOutput>(std::move(out), file, member.sparse, member.size,
+                                        member.sparseIsWrong);
 }
 
 // Links are settled at once, as they have no data to wait for. `made` may be closed if somebody was faster to
@@ -199,34 +211,6 @@ Outcome MemberPlacer::makeHardLink(const Member& member, const Io& io, Placed& p
   return Outcome::Ok;
 }
 
-// Where the file system links nothing, the second name gets a file of its own with the same data. O_NONBLOCK,
-// because what stands there by now may be a FIFO; there are no data in anything but a regular file. The copy
-// is noted as a link that was not kept, and settled like any file.
-Outcome MemberPlacer::copyTarget(const Member& member, const std::string& target, const Io& io) {
-  OsFile source(m_target.confined()->openExisting(target, O_RDONLY | O_NONBLOCK | O_NOCTTY));
-  struct stat status;
-  const bool canBeCopied = source.isOpen() && source.status(status) == 0 && S_ISREG(status.st_mode);
-  if (!canBeCopied) {
-    io.fail("What a hard link leads to can be neither linked to nor copied.");
-    return Outcome::Unusable;
-  }
-  Placed placed;
-  const Outcome outcome = makeFile(member, io, placed);
-  if (outcome != Outcome::Ok) return outcome;
-  // No monitor counts these bytes, which are none of the archive's; the write still asks whether to abort.
-  std::vector<char> buffer(64 * 1024);
-  bool ok = true;
-  for (ssize_t got = 1; ok && got > 0;) {
-    got = source.readSome(buffer.data(), buffer.size());
-    ok = got >= 0 && (got == 0 || placed.out->writeBytesPM(buffer.data(), static_cast<unsigned>(got),
-                                                           io.monitor, io.log));
-  }
-  // Settled in any case, since what was made has to be closed and looked at.
-  const FileEnd end = settle(member, *placed.out, *placed.file, ok, {}, io);
-  m_restorer.notKept().note(NotKept::Kind::Link, m_path.entryPath(), 0, io);
-  return end.isWhole ? Outcome::Ok : Outcome::NotCreated;
-}
-
 // An output that is no SparseOutput has nothing to end: the member has no holes.
 bool MemberPlacer::finishSpreading(_mvOutput& out, const Io& io) {
   auto* const sparse = dynamic_cast<SparseOutput*>(&out);
@@ -295,22 +279,6 @@ bool MemberPlacer::makeWaitingLink(const LinkTable::Waiting& link, const Io& io)
 void MemberPlacer::sayNoTarget(const char* message, const std::string& target, const Io& io) {
   io.fail(message);
   io.log.LogData("linkPath", target.c_str());
-}
-
-// A member that is what a file already is: for a copy in place of a link, which has no header of its own any
-// more. Where it cannot be read, the defaults stay and the copy fails by itself.
-Member MemberPlacer::memberLike(const std::string& target) {
-  Member member;
-  const OsFile file(m_target.confined()->openExisting(target, O_RDONLY | O_NONBLOCK | O_NOCTTY));
-  mvFileInfo info;
-  struct stat status;
-  if (!file.isOpen() || file.status(status) != 0) return member;
-  info.setFromStatus(status);
-  member.mode = info.m_mode & FileMetadata::kAllBits;
-  member.uid = info.m_uid;
-  member.gid = info.m_gid;
-  member.mtime = {info.m_lastModified.seconds(), info.m_lastModified.nanoseconds(), true};
-  return member;
 }
 
 // Links first: making one in a directory changes the directory's time.

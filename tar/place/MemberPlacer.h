@@ -186,6 +186,7 @@ class MemberPlacer {
   // Each kind of member; make() tells them apart.
   ExtractTarget::Outcome make(const Member& member, const Io& io, Placed& placed);
   ExtractTarget::Outcome makeFile(const Member& member, const Io& io, Placed& placed);
+  unsigned modeToMake(const Member& member);
   ExtractTarget::Outcome makeDirectory(const Member& member, const Io& io);
   ExtractTarget::Outcome makeSymbolicLink(const Member& member, const Io& io);
   ExtractTarget::Outcome makeHardLink(const Member& member, const Io& io, Placed& placed);

@@ -32,8 +32,7 @@ unsigned systemId(long long id) {
 
 }  // namespace
 
-// The umask is asked for only where it is needed: it costs reading a file of /proc. What is not restored
-// needs neither umask nor ids.
+// What is not restored needs no ids.
 void MetadataRestorer::begin(const TarOptions& options) {
   m_parts = options.restore;
   m_byId = options.ownerById;
@@ -42,7 +41,7 @@ void MetadataRestorer::begin(const TarOptions& options) {
   m_newParents.clear();
   m_keptBytes = 0;
   m_notKept.clear();
-  if (m_parts.mode) m_umask = FileMetadata::umask();
+  m_umask.reset();
   if (m_parts.owner) FileMetadata::ownIds(m_ownUid, m_ownGid);
 }
 
@@ -59,13 +58,19 @@ bool MetadataRestorer::setsAfterwards(const Member& member) {
          (m_parts.xattr && (!member.accessList.empty() || !member.attributes.empty()));
 }
 
+// A mode for the owner alone is the same to every group.
+bool MetadataRestorer::asksForGroup(const Member& member) const {
+  constexpr unsigned kOfOthers = 077;
+  return m_parts.mode && m_parts.owner && (member.mode & kOfOthers) != 0;
+}
+
 // Its own mode at once spares a call for each ordinary file: the system has then taken off what the umask, or
 // the directory's own default list, takes off. A group that comes from the directory may not read what is not
 // its own.
-unsigned MetadataRestorer::modeToMake(const Member& member, bool groupMayDiffer) {
+unsigned MetadataRestorer::modeToMake(const Member& member, bool groupIsOwn) {
   constexpr unsigned kOwnerOnly = 0600, kUsual = 0666;
   if (!m_parts.mode) return kUsual;
-  const bool waits = setsAfterwards(member) || (m_parts.owner && groupMayDiffer);
+  const bool waits = setsAfterwards(member) || (asksForGroup(member) && !groupIsOwn);
   m_isMadeWithItsMode = !m_parts.fullMode && !waits;
   return waits ? kOwnerOnly : member.mode & FileMetadata::kPermissions;
 }
@@ -113,12 +118,12 @@ unsigned MetadataRestorer::gidOf(const Member& member) {
 
 // Set-id bits only on what belongs to the owner that the archive states: on anybody else's file they would be
 // a program that runs as somebody whom nobody meant. Beside an access list the group bits are the list's mask
-// and stay, because the list would lose the rights that its mask gives.
+// and stay, because the list would lose the rights that its mask gives. Without its list the group would get
+// what the mask gives to others; it has what the list's own entry for it says.
 void MetadataRestorer::setMode(Settling& now, bool ownerIsKept) {
   if (!now.given.setsMode) return;
   const FileMetadata::Status& status = now.status;
   unsigned& mode = now.given.mode;
-  if (now.member.isSpecial()) mode &= ~FileMetadata::kSetIds;  // they mean nothing there
   const bool hasSetIds = (mode & FileMetadata::kSetIds) != 0;
   // Nobody decided that against the member: the system did not say whose it is, or what its mask is.
   if (!status.isKnown && (hasSetIds || now.hasList)) now.note(NotKept::Kind::Mode, status.error);
@@ -127,6 +132,9 @@ void MetadataRestorer::setMode(Settling& now, bool ownerIsKept) {
       hasSetIds && status.isKnown && status.uid == uidOf(now.member) && status.gid == gidOf(now.member);
   if (!ownerIsKept || !isOwners) mode &= ~FileMetadata::kSetIds;
   if (now.hasList) mode = (mode & ~kGroupBits) | (status.mode & kGroupBits);
+  if (now.lacksList) mode &= ~kGroupBits | owningGroupBits(now.member.accessList);
+  // A directory that has it from the one it is in keeps it, as every new directory does.
+  if (now.member.isDirectory && !m_parts.fullMode && status.isKnown) mode |= status.mode & S_ISGID;
   const int error = now.given.giveMode(now.fd, status);
   if (error != 0) now.note(NotKept::Kind::Mode, error);
 }
@@ -146,19 +154,33 @@ void MetadataRestorer::setUserAttributes(Settling& now) {
   if (member.lacksAttributes) now.note(NotKept::Kind::Attributes, E2BIG);
   setAttributes(now, FileMetadata::isUserAttribute);
   if (!member.accessList.empty()) {
-    now.hasList = setAccessList(now, FileMetadata::kAccessList, member.accessList);
+    now.hasList = setAccessList(now, FileMetadata::kAccessList, member.accessList, now.lacksList);
     FileMetadata::look(now.fd, now.status);
   }
+  bool isUnset = false;  // noted, and nothing follows from it
   if (member.isDirectory && !member.defaultAccessList.empty())
-    setAccessList(now, FileMetadata::kDefaultList, member.defaultAccessList);
+    setAccessList(now, FileMetadata::kDefaultList, member.defaultAccessList, isUnset);
+}
+
+// The system's bytes become the text of archives, and the usual way back is taken. What cannot be read is
+// noted when the copy is settled.
+void MetadataRestorer::takeAttributesOf(int fd, Member& member) {
+  if (!m_parts.xattr) return;
+  FileMetadata::Attributes attributes;
+  if (FileMetadata::readAttributes(fd, m_parts.all, attributes) == 0)
+    member.takeAttributes(attributes, m_users);
+  else
+    member.lacksAttributes = true;
 }
 
 // A list without a mask says what the mode says: the system makes one of it, and the umask holds for that. A
 // text that is no list is noted as if the system had refused it.
-bool MetadataRestorer::setAccessList(Settling& now, const char* name, const std::string& text) {
+bool MetadataRestorer::setAccessList(Settling& now, const char* name, const std::string& text,
+                                     bool& isUnset) {
   const std::optional<std::string> bytes = accessListBytes(text, m_byId, m_users);
   const int error = bytes ? FileMetadata::setAttribute(now.fd, name, *bytes) : EINVAL;
   if (error != 0) now.note(NotKept::Kind::Attributes, error);
+  isUnset = error != 0;
   return error == 0 && isExtendedAccessList(*bytes);
 }
 
@@ -177,6 +199,12 @@ bool MetadataRestorer::isPlain(const Member& member) {
   return !m_parts.owner || (uidOf(member) != FileMetadata::kNoId && gidOf(member) != FileMetadata::kNoId);
 }
 
+// It costs reading a file of /proc, so that runs that only list do without.
+unsigned MetadataRestorer::umask() {
+  if (!m_umask) m_umask = FileMetadata::umask();
+  return *m_umask;
+}
+
 // The umask is taken off here, because chmod heeds none, unlike the call that makes a file. A link has no
 // mode of its own.
 FileSettlement MetadataRestorer::plan(const Member& member) {
@@ -186,7 +214,7 @@ FileSettlement MetadataRestorer::plan(const Member& member) {
   settlement.gid = m_parts.owner ? gidOf(member) : 0;
   settlement.setsMode = m_parts.mode && !member.isSymbolicLink() && !wasMadeWithItsMode(member);
   settlement.mode = member.mode & FileMetadata::kAllBits;
-  if (!m_parts.fullMode) settlement.mode &= FileMetadata::kPermissions & ~m_umask;
+  if (!m_parts.fullMode) settlement.mode &= FileMetadata::kPermissions & ~umask();
   settlement.setsTimes = m_parts.time;
   settlement.access = accessTimeOf(member);
   settlement.modification = member.mtime.fileTime().toTimespec();
@@ -262,7 +290,7 @@ Member MetadataRestorer::memberOf(const Directory& kept) {
 void MetadataRestorer::settleForeign(int fd, const Member& directory, const XString& entryPath,
                                      const Io& io) {
   if (!m_parts.mode) return;
-  const unsigned mode = directory.mode & FileMetadata::kPermissions & ~m_umask;
+  const unsigned mode = directory.mode & FileMetadata::kPermissions & ~umask();
   const int error = FileMetadata::setMode(fd, mode);
   m_notKept.note(NotKept::Kind::Mode, entryPath, error != 0 ? error : EPERM, io);
 }

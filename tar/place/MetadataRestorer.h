@@ -33,9 +33,10 @@ class MetadataRestorer {
   const KeptParts& parts() const { return m_parts; }
 
   // The mode to make a member's file with: its own, less the umask, which the system takes off, where nothing
-  // else has to be set before it; else one for the owner alone. `groupMayDiffer`: the directory may hand its
-  // group on to the file. It holds for one member, the one that is made next.
-  unsigned modeToMake(const Member& member, bool groupMayDiffer);
+  // else has to be set before it; else one for the owner alone. `groupIsOwn`: it is made with the process's
+  // group; whether that counts, asksForGroup says. It holds for one member, the one that is made next.
+  bool asksForGroup(const Member& member) const;
+  unsigned modeToMake(const Member& member, bool groupIsOwn);
   // The mode to make a directory with, until it is settled.
   unsigned directoryModeToMake() const { return m_parts.mode ? 0700 : 0777; }
 
@@ -44,6 +45,9 @@ class MetadataRestorer {
   // looked up for it, which the system's database answers once for each.
   bool isPlain(const Member& member);
   FileSettlement plan(const Member& member);
+  // Gives a member the attributes and access lists of a file that is there, as far as they are restored: for
+  // a copy of it.
+  void takeAttributesOf(int fd, Member& member);
   // Sets everything of a file, link or special file that is open as `fd`. `entryPath` is for messages. Of a
   // directory, the descriptor must be an ordinary one; a link's may be O_PATH. Called behind the last byte,
   // because a write would change the times again.
@@ -89,6 +93,7 @@ class MetadataRestorer {
     FileSettlement given;
     FileMetadata::Status status = {};  // what is there; looked at where owner or mode are set
     bool hasList = false;              // it has got an access list that says more than a mode
+    bool lacksList = false;            // it was to get one, and has none
     unsigned noted = 0;                // kinds of what is not kept, a bit each
 
     void note(NotKept::Kind kind, int error);
@@ -106,13 +111,14 @@ class MetadataRestorer {
   void setAttributes(Settling& now, bool (*isMeant)(const std::string& name));
   void setUserAttributes(Settling& now);
   // Whether it is a list that says more than a mode.
-  bool setAccessList(Settling& now, const char* name, const std::string& text);
+  bool setAccessList(Settling& now, const char* name, const std::string& text, bool& isUnset);
   // For one that is not the process's own: a mode and nothing else, and a note of it.
   void settleForeign(int fd, const Member& directory, const XString& entryPath, const Io& io);
   // Copies them for the end of the run: all of a directory's, or none where they would be too much.
   void keepAttributes(const Member& member, Directory& kept);
   // UTIME_OMIT where the archive has none.
   static timespec accessTimeOf(const Member& member);
+  unsigned umask();
   // Of this system, by name or number. kNoId for a number that the system has no room for.
   unsigned uidOf(const Member& member);
   unsigned gidOf(const Member& member);
@@ -123,7 +129,7 @@ class MetadataRestorer {
   bool m_byId = false;
   bool m_settlesExisting = false;
   // Asked once a run, and only where they are needed.
-  unsigned m_umask = 0;
+  std::optional<unsigned> m_umask;
   unsigned m_ownUid = 0, m_ownGid = 0;
   UserDatabase m_users;
   NotKept m_notKept;

@@ -90,7 +90,7 @@ WriteBehind::File* MemberPlacer::fileBehind(const Member& member, const Io& io) 
   if (!target || !mayWriteBehind(io) || !target->mayBeMade(entryPath)) return nullptr;
   const auto size = static_cast<unsigned>(member.size);  // at most kMostBytes: mayGoBehind has seen to it
   WriteBehind::File& file = m_behind->next(*target, cleanPath(entryPath), size);
-  file.mode = m_restorer.modeToMake(member, m_target.handsOnGroup());
+  file.mode = modeToMake(member);
   file.settlement = m_restorer.plan(member);
   file.entryPath = entryPath;
   file.targetDir = m_path.targetDir();

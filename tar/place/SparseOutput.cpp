@@ -19,6 +19,7 @@ bool SparseOutput::checkMap(LogBase& log) {
 
 // True may also mean that the map goes on in the next piece, and then n is 0.
 bool SparseOutput::takeMap(const char*& bytes, unsigned& n, LogBase& log) {
+  if (m_mapIsWrong) return fail(kMapIsWrong, log);
   if (m_map.isInData()) {
     unsigned used = 0;
     const SparseMapText::State state = m_text.take(bytes, n, used, m_map);
@@ -77,6 +78,7 @@ bool SparseOutput::passHole(long long upTo, _mvIoParams& io, LogBase& log) {
 
 // A sparse member without any data never had a piece, and its map is looked at here.
 bool SparseOutput::finish(_mvIoParams& io, LogBase& log) {
+  if (!m_hasFailed && m_mapIsWrong) return fail(kMapIsWrong, log);
   if (!m_hasFailed && !m_mapIsComplete) {
     if (m_map.isInData() ? !fail("The map of a sparse member is cut.", log) : !checkMap(log)) return false;
   }

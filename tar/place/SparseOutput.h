@@ -16,10 +16,18 @@ class OutputFile;
 // size. Offsets and sizes are bytes from 0 up to 2^63-1.
 class SparseOutput : public _mvOutput {
  public:
+  static constexpr char kMapIsWrong[] = "The map of a sparse member makes no sense.";
+
   // `stored`: bytes that will come, a map's text included. `file` is `out` again where that is a file, else
-  // null: `out` then has no positions, and holes become zeros.
-  SparseOutput(std::unique_ptr<_mvOutput> out, OutputFile* file, SparseMap map, long long stored)
-      : m_out(std::move(out)), m_file(file), m_map(std::move(map)), m_left(stored) {}
+  // null: `out` then has no positions, and holes become zeros. `mapIsWrong`: whatever comes is refused, since
+  // nobody knows where it belongs.
+  SparseOutput(std::unique_ptr<_mvOutput> out, OutputFile* file, SparseMap map, long long stored,
+               bool mapIsWrong)
+      : m_out(std::move(out)),
+        m_file(file),
+        m_map(std::move(map)),
+        m_left(stored),
+        m_mapIsWrong(mapIsWrong) {}
 
   // Pieces may have any size and may end within the map's text.
   bool _writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log) override;
@@ -48,10 +56,11 @@ class SparseOutput : public _mvOutput {
   // The file's own failure: what still comes is dropped.
   bool m_hasFailed = false;
   // m_left falls to 0, m_at and m_range only grow: ranges come in order, and nothing is written twice.
-  long long m_left;         // stored bytes to come
-  long long m_at = 0;       // in the file
-  size_t m_range = 0;       // the current one
-  long long m_inRange = 0;  // bytes of it that have come
+  long long m_left;           // stored bytes to come
+  bool m_mapIsWrong = false;  // from the beginning
+  long long m_at = 0;         // in the file
+  size_t m_range = 0;         // the current one
+  long long m_inRange = 0;    // bytes of it that have come
 };
 
 }  // namespace morvane

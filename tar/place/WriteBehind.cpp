@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <functional>
+#include <new>
 #include <utility>
 
 namespace morvane {
@@ -181,8 +182,15 @@ void WriteBehind::waitForAll() {
 }
 
 // One that fails does not end the batch, as the others may be in good order; the first thread sorts that out.
+// Without memory a file is not done, and its turn says so; those behind it are tried all the same.
 void WriteBehind::Batch::work() {
-  for (unsigned i = 0; i < count; ++i) make(files[i]);
+  for (unsigned i = 0; i < count; ++i) {
+    try {
+      make(files[i]);
+    } catch (const std::bad_alloc&) {
+      files[i].isDone = false;
+    }
+  }
 }
 
 // In a worker. It touches the file's own values and the target's calls that any thread may make, and nothing

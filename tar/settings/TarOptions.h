@@ -24,6 +24,13 @@ enum class ExistingFiles { Replace, Keep, Skip, Newer };
 struct TarOptions {
   // FastDeflate, VerifyGzip, GzipAllMembers, Level, MaxWindowBytes, Threads.
   CodecOptions codec;
+  // What writes an archive has of it: with Reproducible one thread, since several make other bytes than one
+  // and no machine promises several.
+  CodecOptions encoderOptions() const {
+    CodecOptions options = codec;
+    if (reproducible >= 0) options.threads = 1;
+    return options;
+  }
   // Both directions
   bool memberEvents = false;
   bool ownerById = false;  // owners are numbers alone

@@ -136,7 +136,8 @@ bool MemberSource::takeLink(const SourcePlace& place, const mvFileInfo& info, Me
   if (info.m_isDirectory || info.m_linkCount < 2) return true;
   // By device and inode, since one tree may reach over several file systems.
   const auto first = m_firstNames.find(identityOf(info));
-  if (first == m_firstNames.end()) return true;
+  // The same name once more is stored once more: a link to itself would be a link to nothing.
+  if (first == m_firstNames.end() || first->second == member.path) return true;
   member.typeFlag = kTypeHardLink;
   member.linkPath = first->second;
   member.size = 0;
@@ -150,23 +151,14 @@ void MemberSource::noteWritten(const mvFileInfo& info, const WriteSettings& sett
   if (!member.isHardLink()) m_firstNames[identityOf(info)] = member.path;
 }
 
-// Links and special files have some, too: labels, and lists on FIFOs. An access list of a form that is not
-// known is left out; the mode still has what it grants at most. A link that is archived as an empty file has
-// none.
+// Links and special files have some, too: labels, and lists on FIFOs. A link that is archived as an empty
+// file has none.
 bool MemberSource::takeAttributes(const SourcePlace& place, const mvFileInfo& info, SourceFile& file,
                                   Member& member, const Io& io) {
   if (info.m_isSymbolicLink && !member.isSymbolicLink()) return true;
   FileMetadata::Attributes attributes;
   if (!file.readAttributes(place, attributes, io.log)) return false;
-  for (auto& [name, value] : attributes) {
-    const bool isAccess = name == FileMetadata::kAccessList, isDefault = name == FileMetadata::kDefaultList;
-    if (isAccess || isDefault) {
-      const std::optional<std::string> text = accessListText(value, m_users);
-      if (text) (isAccess ? member.accessList : member.defaultAccessList) = *text;
-    } else {
-      member.attributes.push_back({std::move(name), std::move(value)});
-    }
-  }
+  member.takeAttributes(attributes, m_users);
   return true;
 }
 
