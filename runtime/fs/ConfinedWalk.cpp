@@ -222,8 +222,10 @@ ConfinedWalk::Result ConfinedWalk::walkToParent(Place& place, LogBase& log) {
   const Parts& parts = place.parts;
   OsFile reached(osOpenAt(place.base, ".", kPathOnly));
   const int noFollow = m_links == Links::Anywhere ? 0 : O_NOFOLLOW;
+  size_t length = 0;  // of the path up to here
   for (size_t i = 0; reached.isOpen() && i < parts.size(); ++i) {
     const char* const part = parts[i].c_str();
+    length += parts[i].size() + 1;
     OsFile next(osOpenAt(reached.fd(), part, kPathOnly | noFollow));
     if (!next.isOpen() && errno == ENOENT) {
       const bool made = mkdirat(reached.fd(), part, kParentMode) == 0;
@@ -236,8 +238,9 @@ ConfinedWalk::Result ConfinedWalk::walkToParent(Place& place, LogBase& log) {
       struct stat status;
       if (made && m_notesParents && next.isOpen()) {
         if (next.status(status) != 0) return unmade(reached.fd(), part, joined(parts, 0, parts.size()), log);
-        const bool isBeneath = place.base == m_target.fd();
-        m_newParents.push_back({Identity::of(status), isBeneath ? joined(parts, 0, i + 1) : std::string()});
+        // All paths of a deep member together would be the square of its own.
+        const bool isTold = place.base == m_target.fd() && length <= PATH_MAX;
+        m_newParents.push_back({Identity::of(status), isTold ? joined(parts, 0, i + 1) : std::string()});
       }
     }
     if (!next.isOpen() && isRefused(errno)) {

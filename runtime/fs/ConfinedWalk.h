@@ -58,7 +58,7 @@ class ConfinedWalk {
   bool givesOwnGroup(const std::string& path);
 
   // Directories that were made on the way to others, since they were last taken. The path is below the
-  // target; empty for one that is outside.
+  // target; empty for one that is outside, or whose path is longer than the system takes at once.
   struct NewParent {
     Identity identity;
     std::string path;

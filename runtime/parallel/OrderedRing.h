@@ -51,6 +51,10 @@ class OrderedRing {
     m_pool.finish(job);
     return job;
   }
+  // Takes back what nobody has begun, and waits for the rest. What jobs threw is forgotten.
+  void dropAll() {
+    while (!isEmpty()) m_pool.drop(*m_slots[m_taken++ % m_slots.size()]);
+  }
 
  private:
   // Counts of jobs; the number of a job is its count.
@@ -82,6 +86,7 @@ class RingOf {
   }
   // As OrderedRing::take. The job is the caller's until the next take.
   JobType& take() { return static_cast<JobType&>(m_ring.take()); }
+  void dropAll() { m_ring.dropAll(); }
 
  private:
   std::vector<JobType> m_jobs;

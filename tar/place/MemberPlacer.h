@@ -156,8 +156,11 @@ class MemberPlacer {
     // The member that the run is at is gone on with afterwards.
     Current current = setAside();
     bool ok = true;
-    for (; file && ok; file = m_behind->nextUndone(waitsForAll)) ok = doAgain(*file);
-    if (!ok) m_behind->waitForAll();
+    while (file && ok) {
+      ok = doAgain(*file);
+      if (ok) file = m_behind->nextUndone(waitsForAll);
+    }
+    if (!ok) m_behind->dropAll();
     goBackTo(std::move(current));
     return ok;
   }

@@ -1,4 +1,5 @@
 // The placer's part in writing behind: which members are handed over, and what has to be waited for.
+#include <algorithm>
 #include <climits>
 #include <utility>
 
@@ -42,7 +43,8 @@ MemberPlacer::Turn MemberPlacer::turnOf(const Member& member, const Io& io) {
   // A link in place of one of the run's own directories changes the way to files under way: it is no matter
   // of its path alone.
   const bool isLink = member.isSymbolicLink() && restored().link;
-  const bool meetsByPathAlone = member.isDirectory || (isLink && !m_behind->isOwnDirectory(path));
+  const bool isLinkElsewhere = isLink && !m_behind->isOwnDirectory(path) && !m_behind->hasForgotten();
+  const bool meetsByPathAlone = member.isDirectory || isLinkElsewhere;
   const bool isMetByPath = turn.isBehind || (meetsByPathAlone && hasOnePath(path));
   turn.waits = !isMetByPath || m_behind->meets(path);
   return turn;
@@ -77,7 +79,9 @@ bool MemberPlacer::mayGoBehind(const Member& member, const std::string& path) {
     return false;
   const size_t slash = path.rfind('/');
   const size_t leaf = slash == std::string::npos ? 0 : slash + 1;
-  if (path.empty() || path.size() - leaf > kLongestName || path.size() >= PATH_MAX) return false;
+  // The member's own spelling is kept, too, and may be far longer: slashes without end.
+  const size_t longest = std::max<size_t>(path.size(), m_path.entryPath().getSizeUtf8());
+  if (path.empty() || path.size() - leaf > kLongestName || longest >= PATH_MAX) return false;
   return isInOwnDirectory(path) && !m_behind->isOwnDirectory(path) && m_restorer.isPlain(member);
 }
 

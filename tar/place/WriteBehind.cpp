@@ -15,14 +15,15 @@ namespace {
 // Bytes of files that may be under way; beyond them the oldest are waited for, so that memory does not depend
 // on the archive.
 constexpr unsigned kBytes = 4 * 1024 * 1024;
-// Bytes that the rooms which wait for the next files may keep; others give their memory back.
-constexpr unsigned kSpareBytes = 2 * 1024 * 1024;
+// Bytes that rooms may keep, in use or not, when they are given back; others lose their memory then. A room
+// in use may be a large one with little in it.
+constexpr unsigned kRoomBytes = 6 * 1024 * 1024;
 // Batches under way with a few workers: each has one to do and some in store while the first thread waits for
 // data.
 constexpr unsigned kBatches = 16;
-// Paths of the run's own directories. A tree of millions must not fill memory with them, and one that was
-// forgotten costs speed alone: its files are made in their turn.
-constexpr size_t kDirectories = 4096;
+// Paths of the run's own directories. A tree of millions must not fill memory with them. Files of one that
+// was forgotten are made in their turn, and links wait for those that are under way (hasForgotten).
+constexpr size_t kDirectories = 4096, kDirectoryBytes = 1024 * 1024;
 // Fewer are not worth a batch of their own.
 constexpr unsigned kWorthBatch = 8;
 
@@ -62,14 +63,22 @@ WriteBehind::WriteBehind(unsigned workers)
 // When there are too many, all are forgotten but those on the way to the new one: members come in the order
 // of a walk as a rule, and what they need is what is above them.
 void WriteBehind::noteOwnDirectory(const std::string& path) {
-  if (m_ownDirectories.size() >= kDirectories) {
+  if (m_ownDirectories.size() >= kDirectories || m_ownBytes + path.size() > kDirectoryBytes) {
     std::unordered_set<std::string> kept;
+    m_ownBytes = 0;
     for (size_t slash = path.find('/'); slash != std::string::npos; slash = path.find('/', slash + 1)) {
-      if (isOwnDirectory(path.substr(0, slash))) kept.insert(path.substr(0, slash));
+      const std::string above = path.substr(0, slash);
+      if (m_ownBytes + above.size() > kDirectoryBytes / 2 || !isOwnDirectory(above)) break;
+      m_ownBytes += above.size();
+      kept.insert(above);
     }
     m_ownDirectories = std::move(kept);
+    m_forgottenAt = m_submitted;
+    // Those above it were too long to be kept; without them it is in no directory of the run's own.
+    const size_t slash = path.rfind('/');
+    if (slash != std::string::npos && !isOwnDirectory(path.substr(0, slash))) return;
   }
-  m_ownDirectories.insert(path);
+  if (m_ownDirectories.insert(path).second) m_ownBytes += path.size();
 }
 
 // A search from end to end: there are some hundreds of numbers, side by side in memory. A path whose hash is
@@ -121,16 +130,19 @@ std::unique_ptr<WriteBehind::Room> WriteBehind::takeRoom() {
   if (m_spareRooms.empty()) return std::make_unique<Room>();
   std::unique_ptr<Room> room = std::move(m_spareRooms.back());
   m_spareRooms.pop_back();
-  m_spareBytes -= room->most;
   return room;
 }
 
 // A room beyond what may be kept is destroyed with its memory. `most` only grows: a buffer that was emptied
 // keeps what it had.
 void WriteBehind::giveBack(std::unique_ptr<Room> room) {
-  room->most = std::max<size_t>(room->most, room->data.getSize());
-  if (m_spareBytes + room->most > kSpareBytes) return;
-  m_spareBytes += room->most;
+  const size_t most = std::max<size_t>(room->most, room->data.getSize());
+  m_roomBytes += most - room->most;
+  room->most = most;
+  if (m_roomBytes > kRoomBytes) {
+    m_roomBytes -= most;
+    return;
+  }
   room->data.weakClear();
   m_spareRooms.push_back(std::move(room));
 }
@@ -140,8 +152,10 @@ void WriteBehind::giveBack(std::unique_ptr<Room> room) {
 void WriteBehind::handIn() {
   Batch& batch = m_ring.next();
   if (batch.count == 0) return;
-  m_bytesUnderWay += batch.bytes();
-  m_ring.submit(batch.bytes() + batch.count * size_t{32 * 1024});
+  const size_t bytes = batch.bytes();
+  m_ring.submit(bytes + batch.count * size_t{32 * 1024});
+  // Only now, because without memory for it the batch is not under way.
+  m_bytesUnderWay += bytes;
   m_ring.next().count = 0;
 }
 
@@ -174,11 +188,14 @@ WriteBehind::File* WriteBehind::nextUndone(bool waitsForAll) {
   }
 }
 
-// For a run that has failed: behind the failure nothing is made any more, but workers must be out of the
-// target.
-void WriteBehind::waitForAll() {
-  while (nextUndone(true)) {
-  }
+// Rooms stay with their batches, which use them again.
+void WriteBehind::dropAll() {
+  m_ring.dropAll();
+  m_ring.next().count = 0;
+  m_done = nullptr;
+  m_bytesUnderWay = 0;
+  m_taken = m_submitted;
+  std::fill(m_hashes.begin(), m_hashes.end(), 0);
 }
 
 // One that fails does not end the batch, as the others may be in good order; the first thread sorts that out.

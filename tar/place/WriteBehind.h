@@ -62,6 +62,8 @@ class WriteBehind {
   void noteOwnDirectory(const std::string& path);
   void forgetOwnDirectories() { m_ownDirectories.clear(); }
   bool isOwnDirectory(const std::string& path) const { return m_ownDirectories.count(path) > 0; }
+  // Whether files are under way in directories that are not known any more.
+  bool hasForgotten() const { return m_taken < m_forgottenAt; }
   // Whether the path is that of a file under way. Of another path too in rare cases, for only hashes are
   // compared.
   bool meets(const std::string& path) const;
@@ -76,8 +78,9 @@ class WriteBehind {
   // that need no waiting. Good until the next call. What was submitted behind such a file counts as not done
   // either, because it may have been made before what it was to replace. Throws what a worker threw.
   File* nextUndone(bool waitsForAll);
-  // Waits until nothing is under way; what is not done is left so.
-  void waitForAll();
+  // For a run that has failed: what no worker has begun is not made, and the rest is waited for. Then nothing
+  // is under way.
+  void dropAll();
 
  private:
   // The bytes of a batch. Given back and taken again, the one used last first, so that there are as many as
@@ -112,9 +115,11 @@ class WriteBehind {
   std::vector<std::unique_ptr<Room>> m_spareRooms;
   // Of the batch done last: a file that was not submitted with it is read from there all the same.
   std::unique_ptr<Room> m_lastRoom;
-  size_t m_spareBytes = 0;     // that these keep
+  size_t m_roomBytes = 0;      // that all rooms keep, by what was noted when they were given back
   size_t m_bytesUnderWay = 0;  // of batches handed in and not taken
   std::unordered_set<std::string> m_ownDirectories;
+  size_t m_ownBytes = 0;                 // of their paths
+  unsigned long long m_forgottenAt = 0;  // files of lower numbers may be in one that was forgotten
   // Of the paths of files under way, by their numbers. A ring; 0 is a free place.
   std::vector<size_t> m_hashes;
   // Numbers of files: so many were submitted, and so many taken.

@@ -85,7 +85,11 @@ int UntarRun::run() {
     }
   }
   // What was chosen before a failure is made all the same.
-  if (!doUndone(true)) step = Step::Fail;
+  {
+    // They say it where each would have said it.
+    LogContextExitor fileContext(m_log, "file");
+    if (!doUndone(true)) step = Step::Fail;
+  }
   m_placer.finish(m_io);
   // A run that failed has lost more than what it left out.
   m_onlyLeftOut = step != Step::Fail && m_placer.anyLeftOut();

@@ -56,7 +56,14 @@ bool StreamingUntar::becomeFileInItsTurn(const Io& io) {
 
 // The file behind is gone with the last of them, and so must be what writes into it.
 bool StreamingUntar::endBehind(const Io& io) {
-  const bool ok = doUndone(true, io) && becomeFileInItsTurn(Io(io.log, nullptr, io.event));
+  bool ok = false;
+  try {
+    ok = doUndone(true, io) && becomeFileInItsTurn(Io(io.log, nullptr, io.event));
+  } catch (...) {
+    // What a callback threw: nobody knows what of the entry was taken, and its output is over a file behind.
+    breakOff();
+    throw;
+  }
   // Still set where placing it failed or was not come to.
   if (m_behindFile) releaseOutput();
   m_placer.finishBehind();

@@ -194,7 +194,8 @@ bool ArchiveWriter::examine(const SourcePlace& place, mvFileInfo& info) {
   }
   // What a worker found was found before the event and is of no use where that must come first.
   const bool mayOpen = mayOpenEarly();
-  if (mayOpen && m_found) {
+  // Of the archive itself the look was ahead of what has been written since.
+  if (mayOpen && m_found && !(m_hasArchive && m_found->info.isSameFile(m_archive))) {
     m_source.take(*m_found, info);
     return true;
   }
