@@ -11,14 +11,16 @@
 //
 // Results. A method that returns bool returns true on success; one that returns int returns a count, or -1 on
 // failure. The reason of a failure is in the log of the call (get_LogText): one error line with what
-// happened, then data lines with the path, the size, the reason. No exception leaves a method. What was
-// written or extracted before a failure stays on the disk.
+// happened, then data lines with the path, the size, the reason. No exception leaves a method; the getters of
+// texts throw std::bad_alloc where there is no memory for the text. What was written or extracted before a
+// failure stays on the disk.
 //
 // Paths are UTF-8 (bytes that are none are kept) and may be of any length. Sizes are bytes.
 //
 // Threads. One object may be used from several threads: methods and string properties hold the object's lock
 // for their whole run. Scalar properties may be read and set at any time. BeginStreamingUntar,
-// StreamingUntarNext, FinishStreamingUntar and _writeBytes take no lock.
+// StreamingUntarNext, FinishStreamingUntar and _writeBytes hold it only while they copy properties, and write
+// XmlListing without it: it must not be read or set meanwhile.
 //
 // Callbacks (runtime/progress/ProgressEvent.h) run on the calling thread; from them properties may be read
 // and set (what is set holds from the next step on), while methods of the same object are refused.
@@ -292,9 +294,9 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   void put_MustNotMatch(const XString& pattern);
 
   // ---- The steps that methods are made of. Those that write need the output of a write that is going on and
-  // fail outside of one. They take no lock and open no frame; the log and the monitor (which may be null) are
-  // the caller's. From a callback of the same object they are refused, as methods are, and what runs out of
-  // memory in them is thrown.
+  // fail outside of one. They hold no lock while they work, and open no frame; the log and the monitor (which
+  // may be null) are the caller's. From a callback of the same object they are refused, as methods are, and
+  // what runs out of memory in them is thrown.
 
   // Writes into the object as an output: the bytes of a tar stream, in pieces of any size, are extracted as
   // they come. True for what comes behind the archive's end.

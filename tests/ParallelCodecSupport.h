@@ -24,6 +24,9 @@ inline std::vector<Compression> compressionsWritten() {
   return written;
 }
 
+// The most that became ready in one call at the end of an archive.
+inline unsigned mostAtOnce = 0;
+
 inline std::string encode(Compression compression, const std::string& bytes, size_t piece,
                           const CodecOptions& options) {
   const auto encoder = codecOf(compression).makeEncoder(options);
@@ -38,8 +41,12 @@ inline std::string encode(Compression compression, const std::string& bytes, siz
     const auto* const data = reinterpret_cast<const unsigned char*>(bytes.data()) + at;
     EXPECT_TRUE(encoder->add(data, static_cast<unsigned>(n), ready, io) && all.append(ready));
   }
-  ready.clear();
-  EXPECT_TRUE(encoder->finish(ready, io) && all.append(ready));
+  for (bool isOut = false, isGood = true; isGood && !isOut;) {
+    ready.clear();
+    isGood = encoder->finish(ready, isOut, io) && all.append(ready);
+    EXPECT_TRUE(isGood);
+    mostAtOnce = std::max(mostAtOnce, ready.getSize());
+  }
   EXPECT_TRUE(encoder->end(out, static_cast<long long>(bytes.size()), io)) << log.text();
   return textOf(all);
 }

@@ -6,6 +6,9 @@
 
 #include "ArchiveSupport.h"
 #include "MvtarSupport.h"
+#include "ParallelCodecSupport.h"
+#include "runtime/codec/Bzip2Block.h"
+#include "runtime/parallel/OrderedRing.h"
 
 namespace {
 
@@ -143,6 +146,77 @@ TEST_F(OutOfMemory, NothingOfAnOlderSettingIsKept) {
     tar.UntarFromMemory(archive);
     ASSERT_FALSE(exists(m_dir / "deep/escaped") || exists(m_dir / "deep/before/escaped")) << failing;
   }
+}
+
+// However many texts a class has: as long as any was not set there is one that is known to be.
+TEST(NoMemory, TextsThatWereNotSet) {
+  struct Texts : ClsBase {
+    Texts() : ClsBase("Texts") {}
+    using ClsBase::hasUnsetText;
+    using ClsBase::putText;
+    XString texts[40];
+  };
+  for (const int count : {1, 16, 17, 40}) {
+    Texts object;
+    const std::string_view value = "longer than what a string holds without memory";
+    for (int i = 0; i < count; ++i) {
+      g_allocationsLeft = 1;
+      object.putText(object.texts[i], value);
+      g_allocationsLeft = 0;
+    }
+    for (int i = 0; i < count; ++i) {
+      EXPECT_TRUE(object.hasUnsetText() && object.texts[i].isEmpty()) << i;
+      object.putText(object.texts[i], value);
+    }
+    EXPECT_EQ(count > 16, object.hasUnsetText()) << count;
+  }
+}
+
+// What could not be handed in is not waited for.
+TEST(NoMemory, JobsThatWereNotHandedIn) {
+  struct Job : OrderedRing::Job {
+    void work() override { isDone = true; }
+    bool isDone = false;
+  };
+  for (long failing = 1; failing < 5; ++failing) {
+    RingOf<Job> ring(0, 2000);
+    unsigned submitted = 0;
+    g_allocationsLeft = failing;
+    try {
+      for (; !ring.isFull(); ++submitted) ring.submit(1);
+    } catch (const std::bad_alloc&) {
+    }
+    g_allocationsLeft = 0;
+    ASSERT_LT(submitted, 2000u);
+    EXPECT_EQ(submitted, ring.underWay());
+    while (!ring.isEmpty()) EXPECT_TRUE(ring.take().isDone);
+  }
+}
+
+// A block that there is no memory for counts as none, and nothing is thrown: libbzip2 is given it then.
+TEST(NoMemory, Bzip2BlocksAreLeftToTheLibrary) {
+  const std::string bytes = noise(3'000, 3);
+  const std::string packed = encode(Compression::Bzip2, bytes, bytes.size(), {});
+  // Between the header and what stands behind a block: a mark and a checksum, and up to a byte's end.
+  constexpr size_t kHeader = 4, kEnd = 10;
+  bool isRight = false;
+  int failed = 0;
+  for (long failing = 1; failing < 40 && !isRight; ++failing) {
+    int found = 0;
+    for (long long bits = 0; bits < 8 && !isRight; ++bits) {
+      Bzip2Block block;
+      block.firstBit = kHeader * 8;
+      block.endBit = static_cast<long long>(packed.size() - kEnd) * 8 - bits;
+      block.raw.assign(packed.begin() + kHeader, packed.end());
+      g_allocationsLeft = failing;
+      EXPECT_NO_THROW(block.work());
+      g_allocationsLeft = 0;
+      found += block.isRight() ? 1 : 0;
+    }
+    failed += found == 0 ? 1 : 0;
+    isRight = found > 0;
+  }
+  EXPECT_TRUE(isRight && failed > 0) << failed;
 }
 
 // The command, with each of its allocations failing, and with all behind it: never a signal, never 0 with

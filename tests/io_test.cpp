@@ -249,6 +249,16 @@ TEST(OutputFile, PiecesOfEverySizeIntoAnyRoom) {
   }
 }
 
+TEST(OutputFile, WhatIsDroppedCounts) {
+  ScratchDir dir;
+  _mvLogger log;
+  const std::unique_ptr<OutputFile> file(OutputFile::createFileUtf8((dir / "file").c_str(), log));
+  file->dropAfterOwnFailure();
+  file->failAlone();
+  EXPECT_TRUE(file->writeBytesPM("abc", 3, nullptr, log) && file->passHole(10, nullptr, log));
+  EXPECT_EQ(13, file->ftell64());
+}
+
 // Opening never waits. (What signals do to waits is shown by the command, and with calls that fail.)
 TEST(Waiting, NobodyReadsAFifo) {
   ScratchDir dir;

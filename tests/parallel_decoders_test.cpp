@@ -229,6 +229,35 @@ TEST(ParallelDecoders, DamageIsToldAsByOneThread) {
   }
 }
 
+// What was read ends exactly behind the header of the second member, which is logged by then, where the first
+// thread hands over to another.
+TEST(ParallelDecoders, WhatTheFirstThreadLoggedIsNotLoggedAgain) {
+  constexpr size_t kHeader = 10, kNameFlagAt = 3;
+  const std::string second = encode(Compression::Gzip, noise(400'000, 8), 20'000, {});
+  std::string first = encode(Compression::Gzip, noise(260'000, 9), 20'000, {});
+  first[kNameFlagAt] = 8;
+  const std::string name(kWorthExpandingAhead - kHeader - first.size() - 1, 'n');
+  first.insert(kHeader, name + '\0');
+  const Decode decode = [](_mvDataSource& source, _mvOutput& out, const CodecOptions& options, const Io& io) {
+    const Codec& gzip = codecOf(Compression::Gzip);
+    return gzip.readHeader(source, io) && gzip.decode(source, out, options, io);
+  };
+  CodecOptions options;
+  options.gzipAllMembers = true;
+  std::string logs[2];
+  for (const bool isAhead : {false, true}) {
+    TricklingSource source(first + second, 64 * 1024);
+    _mvLogger log;
+    LimitedOutput out;
+    AheadSource ahead(source, nullptr, log);
+    EXPECT_TRUE(isAhead ? expandAhead(decode, ahead, ahead, out, options, Io(log))
+                        : decode(ahead, out, options, Io(log)));
+    EXPECT_EQ(660'000u, out.bytes.size());
+    logs[isAhead] = log.text();
+  }
+  EXPECT_EQ(logs[0], logs[1]);
+}
+
 // Memory in use, at the most, whenever something comes out.
 struct MemoryInUse : _mvOutput {
   bool _writeBytes(const char*, unsigned int n, _mvIoParams&, LogBase&) override {

@@ -48,6 +48,19 @@ TEST(ParallelEncoders, BytesDependOnWhetherThereAreThreads) {
   }
 }
 
+// What the threads have done by the end of the archive goes out bit by bit.
+TEST(ParallelEncoders, TheEndTakesLittleMemory) {
+  const std::string bytes = noise(9'000'000, 6);
+  for (const Compression compression : compressionsWritten()) {
+    CodecOptions options;
+    options.threads = 8;
+    options.level = 1;
+    mostAtOnce = 0;
+    ASSERT_TRUE(decode(compression, encode(compression, bytes, 20'000, options)) == bytes);
+    EXPECT_LT(mostAtOnce, 1'500'000u) << compressionName(compression);
+  }
+}
+
 // Where there is one processor, where a library's threads would not pay, and where the system gives none.
 TEST(ParallelEncoders, OneThreadIsEnough) {
   const std::string bytes = contents(1'500'000);
@@ -134,7 +147,8 @@ TEST(ParallelEncoders, WaitingForALibraryMayBeAborted) {
       const auto* const data = reinterpret_cast<const unsigned char*>(each->data());
       const bool isAdded = encoder->add(data, static_cast<unsigned>(each->size()), ready, io);
       EXPECT_TRUE(each == &some || !isAdded) << compressionName(compression);
-      EXPECT_FALSE(isAdded && encoder->finish(ready, io)) << compressionName(compression);
+      bool isOut = false;
+      EXPECT_FALSE(isAdded && encoder->finish(ready, isOut, io)) << compressionName(compression);
       EXPECT_TRUE(has(log.text(), "Aborted by application.")) << log.text();
       EXPECT_EQ(self, event.takers) << compressionName(compression);
     }

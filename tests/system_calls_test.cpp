@@ -10,6 +10,7 @@
 #include "ArchiveSupport.h"
 #include "FailingSystemCalls.h"
 #include "TreeSupport.h"
+#include "runtime/fs/DirAutoCreate.h"
 
 namespace morvane::testing {
 namespace {
@@ -170,6 +171,46 @@ TEST_F(FailingCalls, OfACreation) {
       EXPECT_EQ(ok, expectAllNamed(expected, event, tar, true)) << logOf(tar);
     }
   }
+}
+
+// Whatever fails is said, and the archive is what it was.
+TEST_F(FailingCalls, OfAnAppending) {
+  ASSERT_TRUE(ClsTar().WriteTar(m_dir / "whole.tar"));
+  const std::string before = readFile(m_dir / "whole.tar");
+  for (const char* const name : {"fstat", "lseek", "ftruncate"}) {
+    bool ok = false;
+    int failed = 0;
+    for (int at = 1; !ok && at < 100; ++at) {
+      SCOPED_TRACE(name + std::to_string(at));
+      writeFile(m_dir / "a.tar", before);
+      ClsTar tar;
+      EXPECT_TRUE(tar.AddFile(m_dir / "t/run"));
+      const XString archive(m_dir / "a.tar");
+      {
+        const FailingCall failing(name, at, EIO);
+        ok = tar.AppendTar(archive, nullptr);
+        ok = ok && FailingCall::count() < at;
+      }
+      const bool isOld = readFile(m_dir / "a.tar") == before;
+      XString path, reason;
+      tar.get_FailureCause(path, reason);
+      EXPECT_TRUE(!logHas(tar, "    Failure.\n") || (isOld && !reason.isEmpty())) << logOf(tar);
+      failed += isOld ? 1 : 0;
+    }
+    EXPECT_TRUE(ok && failed > 0) << name;
+  }
+}
+
+// Nothing is made below the current directory in place of the root.
+TEST_F(FailingCalls, OfTheWayToADirectory) {
+  const std::string path = m_dir / "new/directory";
+  _mvLogger log;
+  {
+    const FailingCall failing("openat", 1, EMFILE);
+    EXPECT_FALSE(DirAutoCreate::ensureDirUtf8(path.c_str(), log));
+  }
+  EXPECT_TRUE(has(log.text(), "path: " + path + "\nreason: Too many open files\n")) << log.text();
+  EXPECT_FALSE(exists("." + m_dir.path()));
 }
 
 // A link that waited, and cannot be made when the target is exchanged for another, is a copy in its own

@@ -1,7 +1,8 @@
 // One object used from many threads, and many objects at once; what the thread sanitizer is run on.
+#include <atomic>
 #include <thread>
 
-#include "TestSupport.h"
+#include "ArchiveSupport.h"
 
 namespace morvane::testing {
 namespace {
@@ -52,6 +53,33 @@ TEST(Threads, OneObjectServesMany) {
   });
   EXPECT_EQ(21, tar.get_NumDirRoots());
   EXPECT_TRUE(tar.VerifyTar(plain));
+}
+
+// Steps hold no lock while they work; another thread may set what they go by.
+TEST(Threads, PropertiesAreSetWhileStepsRun) {
+  ScratchDir dir;
+  TarWith tar("", dir / "out");
+  const std::string archive = member("one", "data") + member("two", "data");
+  std::atomic<bool> isDone{false};
+  inThreads(2, [&](size_t i) {
+    for (int round = 0; i == 1 && !isDone; ++round) {
+      tar.put_Charset(round % 2 ? "iso-8859-1" : "utf-8");
+      tar.put_MustNotMatch(round % 2 ? "*" + std::string(40, 'x') : "");
+      tar.put_UncommonOptions(round % 2 ? "FullRead" : "NoTotal");
+    }
+    if (i == 1) return;
+    LogNull log;
+    tar.BeginStreamingUntar(log);
+    bool finished = false, isTaken = true;
+    for (int piece = 0; piece < 200; ++piece) {
+      isTaken &= tar.StreamingUntarNext(reinterpret_cast<const unsigned char*>(archive.data()),
+                                        static_cast<unsigned>(archive.size()), finished, nullptr, log);
+      isTaken &= !tar.excludeByMatch(XString("name"), log);
+    }
+    EXPECT_TRUE(isTaken && tar.FinishStreamingUntar(nullptr, log));
+    isDone = true;
+  });
+  EXPECT_TRUE(exists(dir / "out/two"));
 }
 
 TEST(Threads, ManyObjectsDoNotMeet) {

@@ -5,6 +5,8 @@
 // that writes the archive, like any encoder.
 #pragma once
 
+#include <new>
+
 #include "runtime/buffer/DataBuffer.h"
 #include "runtime/codec/Codec.h"
 #include "runtime/io/Io.h"
@@ -48,14 +50,17 @@ class BlockwiseEncoder : public Encoder {
     return true;
   }
 
-  // The last block may be empty: an archive of no bytes is a valid stream, too.
-  bool finish(DataBuffer& ready, const Io& io) override {
-    Block& last = m_ring.next();
-    last.end(true);
-    m_ring.submit(last.size());
-    while (!m_ring.isEmpty()) {
-      if (!takeOldest(ready, io)) return false;
+  // One block at a time, because all that are under way may be a hundred megabytes. The last one may be
+  // empty: an archive of no bytes is a valid stream, too.
+  bool finish(DataBuffer& ready, bool& isOut, const Io& io) override {
+    if (!m_isLastIn) {
+      Block& last = m_ring.next();
+      last.end(true);
+      m_ring.submit(last.size());
+      m_isLastIn = true;
     }
+    if (!takeOldest(ready, io)) return false;
+    isOut = m_ring.isEmpty();
     return true;
   }
 
@@ -65,14 +70,15 @@ class BlockwiseEncoder : public Encoder {
   virtual void onTaken(const Block&) {}
 
  private:
-  // The block that is filled next is the ring's: room for it is made at once. Whatever is done by now is
-  // taken as well, so that output flows while the archive is still being read. The loop leaves room in the
-  // ring in any case, because `next` must not be called while it is full.
+  // The block that is filled next is the ring's: room for it is made at once, because `next` must not be
+  // called while it is full. What is done by now is taken as well, so that output flows while the archive is
+  // still being read; two for each that is handed in, so that a backlog goes away and does not come out at
+  // once.
   bool handIn(DataBuffer& ready, const Io& io) {
     Block& full = m_ring.next();
     full.end(false);
     m_ring.submit(full.size());
-    while (m_ring.isFull() || m_ring.oldestIsDone()) {
+    for (int taken = 0; taken < 2 && (m_ring.isFull() || m_ring.oldestIsDone()); ++taken) {
       if (!takeOldest(ready, io)) return false;
     }
     // What is being compressed is only read, by both.
@@ -92,6 +98,8 @@ class BlockwiseEncoder : public Encoder {
 
   // The same for all blocks, so that they are like parts of one stream.
   const Settings m_settings;
+  // The block that ends the stream was handed in.
+  bool m_isLastIn = false;
   // The blocks, and the threads that compress them. Its destructor waits for the threads.
   RingOf<Block> m_ring;
 };

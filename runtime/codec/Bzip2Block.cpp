@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <new>
 
 #include "runtime/codec/Bzip2Marks.h"
 
@@ -95,13 +96,22 @@ bool Bzip2Block::expand() {
   return state == BZ_STREAM_END;
 }
 
-// By a worker as a rule. It throws std::bad_alloc alone, which the pool keeps for the first thread.
+// By a worker as a rule. A block that there is no memory for counts as one that is not right: libbzip2 is
+// then given it as it is, which takes less, and fails in the words of one thread where that is too much.
 void Bzip2Block::work() {
   m_size = m_taken = 0;
   m_isLarge = false;
-  m_isRight = frame() && expand();
-  // It is expanded a second time when it is taken.
-  if (m_isLarge) m_isRight = m_isRight && beginAgain();
+  try {
+    m_isRight = frame() && expand();
+    // It is expanded a second time when it is taken.
+    if (m_isLarge) m_isRight = m_isRight && beginAgain();
+  } catch (const std::bad_alloc&) {
+    m_isRight = false;
+    m_again.end();
+    // With their memory, which the library may need.
+    m_framed = std::vector<char>();
+    m_expanded = std::vector<char>();
+  }
 }
 
 // The loop for a large block ends, because the same bits have been expanded to their end before.

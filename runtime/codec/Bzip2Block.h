@@ -18,8 +18,6 @@ class Bzip2Block : public OrderedRing::Job {
   // ---- Given by the first thread. Bits are counted from the first byte of the data. The end is the first
   // bit of the next mark.
   long long firstBit = 0, endBit = 0;
-  bool isFirstOfStream = false;  // a stream's header stands right in front of it
-  bool endsStream = false;       // the mark behind it is a stream's end
   int level = 9;
   std::vector<char> raw;  // from the byte with the first bit to the byte behind the last at least
 
@@ -27,7 +25,8 @@ class Bzip2Block : public OrderedRing::Job {
 
   // ---- What came of it. Of the first thread, once the job has been taken.
   //
-  // Whether this was a block, and has been expanded to its end. If not, nothing else here is of meaning.
+  // Whether this was a block, and there was the memory to expand it to its end. If not, nothing else here is
+  // of meaning.
   bool isRight() const { return m_isRight; }
   // The checksum that stands in the block, and that its output has been found to have.
   unsigned crc() const { return m_crc; }

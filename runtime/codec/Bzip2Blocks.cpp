@@ -23,11 +23,11 @@ constexpr unsigned kMostOut = kBlock + kBlock / 100 + 600;
 struct NoSettings {};
 
 // What becomes of each part of the archive is a whole stream, which the library makes in one call.
-class Bzip2Block : public OrderedRing::Job {
+class StreamOfBlock : public OrderedRing::Job {
  public:
   // Nothing is taken over from the block before: that is what makes the streams independent. The memory is
   // made with the first use, because a small archive never gets to most of the blocks.
-  void begin(NoSettings, const Bzip2Block*) {
+  void begin(NoSettings, const StreamOfBlock*) {
     if (!m_bytes) m_bytes = std::make_unique<char[]>(kBlock);
     m_size = 0;
   }
@@ -67,7 +67,7 @@ class Bzip2Block : public OrderedRing::Job {
 }  // namespace
 
 std::unique_ptr<Encoder> makeBzip2BlockEncoder(const CodecOptions& options) {
-  return std::make_unique<BlockwiseEncoder<Bzip2Block, NoSettings>>(NoSettings(), options.threads);
+  return std::make_unique<BlockwiseEncoder<StreamOfBlock, NoSettings>>(NoSettings(), options.threads);
 }
 
 }  // namespace morvane

@@ -16,8 +16,8 @@ struct Bzip2Beginning {
 
 // The block ends `phase` bits (0 to 7) behind a byte's first, and is of the sum `crc`, which is the
 // combined one of all blocks up to there. So the rest of the stream stands behind it as in its own place,
-// with its own last checksum. `level` is the stream's, 1 to 9. False for lack of memory. The output is some
-// ten bytes.
+// with its own last checksum. `level` is the stream's, 1 to 9. The output is some ten bytes. False for lack
+// of memory; also where no try comes out at that bit, which is so unlikely that it has no reason of its own.
 bool makeBzip2Beginning(int level, unsigned phase, unsigned crc, Bzip2Beginning& beginning);
 
 }  // namespace morvane

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "runtime/base/Ascii.h"
 #include "runtime/buffer/DataBuffer.h"
 #include "runtime/codec/Bzip2Blocks.h"
 #include "runtime/codec/Bzip2Foresight.h"
@@ -45,7 +46,8 @@ class BlockEncoder : public Encoder {
     return begun ? m_compressor.MoreCompress(piece, ready, io.log, io.monitor)
                  : m_compressor.BeginCompress(piece, ready, io.log, io.monitor);
   }
-  bool finish(DataBuffer& ready, const Io& io) override {
+  bool finish(DataBuffer& ready, bool& isOut, const Io& io) override {
+    isOut = true;
     return m_compressor.EndCompress(ready, io.log, io.monitor);
   }
 
@@ -174,8 +176,7 @@ constexpr std::string_view kForeignSuffixes = ".zip .7z .rar .lz4 .lz .tlz .lzma
 // stand in one text, so that a row of the table remains a constant.
 bool endsInOneOf(std::string_view path, std::string_view suffixes, bool caseCounts) {
   const auto isSame = [caseCounts](char a, char b) {
-    const auto folded = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; };
-    return a == b || (!caseCounts && folded(a) == folded(b));
+    return a == b || (!caseCounts && asciiLower(a) == asciiLower(b));
   };
   while (!suffixes.empty()) {
     const std::string_view suffix = suffixes.substr(0, suffixes.find(' '));

@@ -40,14 +40,27 @@ struct CodecOptions {
 // `ready`, which is often nothing, for pieces are gathered inside.
 class Encoder {
  public:
+  // Behind so many bytes `finish` leaves the rest to the next call: a library with threads may hold a hundred
+  // times as many.
+  static constexpr unsigned kEnoughReady = 1024 * 1024;
+
   virtual ~Encoder();
   // Writes what stands in front of the compressed data.
   virtual bool begin(_mvOutput& out, const Io& io);
   virtual bool add(const unsigned char* bytes, unsigned n, DataBuffer& ready, const Io& io) = 0;
-  // Brings out everything that is still gathered, once, behind the last add. Nothing may be added after it.
-  virtual bool finish(DataBuffer& ready, const Io& io) = 0;
+  // Brings out what is still gathered, behind the last add. It is called again until it says that all of it
+  // `isOut`, so that what becomes ready at a time is little, and goes out in between. Nothing may be added
+  // after the first call.
+  virtual bool finish(DataBuffer& ready, bool& isOut, const Io& io) = 0;
   // Writes what stands behind them; `size` counts the bytes that were added.
   virtual bool end(_mvOutput& out, long long size, const Io& io);
+};
+
+// One that has nothing to be written in front of the compressed data or behind them.
+class UnframedEncoder : public Encoder {
+ public:
+  bool begin(_mvOutput& out, const Io& io) final { return Encoder::begin(out, io); }
+  bool end(_mvOutput& out, long long size, const Io& io) final { return Encoder::end(out, size, io); }
 };
 
 // Expands the source from where it stands into the output. Returns false, with the reason in the log, for

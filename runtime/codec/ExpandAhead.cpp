@@ -327,14 +327,17 @@ bool expandAhead(Decode decode, AheadSource& ahead, _mvDataSource& heard, _mvOut
                  const CodecOptions& options, const Io& io) {
   Worker worker(decode, options, io.log);
   Script& script = worker.script();
-  // Steps that the worker does again, and that were repeated before it did them.
-  unsigned long long done = 0;
+  // Steps that the worker does again: those that had their effects before it did them, and those in front of
+  // which everything has been logged.
+  unsigned long long done = 0, told = 0;
   if (ahead.sizeIfKnown() < 0) {
     SmallStart start(ahead, heard, out, kWorthExpandingAhead, [&] { return worker.start(); });
     try {
       return decode(start, start, options, io);
     } catch (const SmallStart::Left&) {
       done = start.steps();
+      // What was logged in front of the read that left has been told, too.
+      told = done + 1;
       for (AheadSource::PiecePtr& piece : start.pieces()) script.addPiece(std::move(piece));
     }
   } else if (!worker.start()) {
@@ -350,7 +353,10 @@ bool expandAhead(Decode decode, AheadSource& ahead, _mvDataSource& heard, _mvOut
       continue;
     }
     if (step.kind == Step::End) return worker.end(io.log);
-    // What the first decompressor did has had its effects; its lines were told then, too.
+    if (told > 0) {
+      --told;
+      step.log = nullptr;
+    }
     if (done > 0) {
       --done;
     } else if (!repeat(step, heard, out, io.monitor, io.log)) {

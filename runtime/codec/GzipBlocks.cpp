@@ -6,12 +6,14 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 
 #include "runtime/codec/BlockwiseEncoder.h"
 #include "runtime/codec/FastDeflate.h"
 #include "runtime/codec/GzipFormat.h"
 #include "runtime/codec/MorvaneDeflate.h"
 #include "runtime/codec/ZipCRC.h"
+#include "runtime/codec/ZlibRaw.h"
 
 namespace morvane {
 
@@ -35,7 +37,6 @@ class ZlibBlocks {
   // As FastDeflate::beginBehind. The level is the same each time. A reset fails for a stream that was never
   // begun alone, so its result is not looked at.
   bool beginBehind(int level, const unsigned char* before, unsigned n) {
-    constexpr int kRawDeflate = -15, kDefaultMemory = 8;
     if (!m_isBegun) {
       m_stream = z_stream{};
       m_isBegun =

@@ -7,6 +7,7 @@
 
 #include <functional>
 #include <memory>
+#include <new>
 
 #include "runtime/buffer/DataBuffer.h"
 #include "runtime/codec/Codec.h"
@@ -15,13 +16,13 @@
 namespace morvane {
 
 // Holds the first megabyte. Which encoder it is depends on the archive's size, and on whether the system
-// gives any thread at all. What the chosen one would write in front of its data or behind them is not asked
-// for: neither zstd nor xz has any such thing. Used by these two, whose libraries bring their own threads.
-class LateEncoder : public Encoder {
+// gives any thread at all. So it can be of those alone that write nothing in front of their data, which comes
+// before the choice. Used for zstd and xz, whose libraries bring their own threads.
+class LateEncoder : public UnframedEncoder {
  public:
   // Called once. Up to `threads`, as many as are to be had, where there is more than a megabyte; else 0,
   // for the calling thread. What `make` throws, std::bad_alloc, gets through.
-  using Make = std::function<std::unique_ptr<Encoder>(unsigned threads)>;
+  using Make = std::function<std::unique_ptr<UnframedEncoder>(unsigned threads)>;
   // `threads` is at least 1. `make` is kept until it was called.
   LateEncoder(unsigned threads, Make make) : m_threads(threads), m_make(std::move(make)) {}
 
@@ -32,8 +33,8 @@ class LateEncoder : public Encoder {
     return m_held.getSize() <= kWorthThreads || choose(true, ready, io);
   }
   // What was never chosen is little: it is compressed here, by the calling thread.
-  bool finish(DataBuffer& ready, const Io& io) override {
-    return (m_encoder || choose(false, ready, io)) && m_encoder->finish(ready, io);
+  bool finish(DataBuffer& ready, bool& isOut, const Io& io) override {
+    return (m_encoder || choose(false, ready, io)) && m_encoder->finish(ready, isOut, io);
   }
 
  private:
@@ -56,7 +57,7 @@ class LateEncoder : public Encoder {
   // A megabyte and one piece at most; empty once the choice is made.
   DataBuffer m_held;
   // Its threads, if it has any, are gone with it.
-  std::unique_ptr<Encoder> m_encoder;  // null: not chosen yet
+  std::unique_ptr<UnframedEncoder> m_encoder;  // null: not chosen yet
 };
 
 }  // namespace morvane

@@ -17,7 +17,7 @@ class MissingEncoder : public Encoder {
   // No byte of the archive has been written by then. The line in the log is the only one about it.
   bool begin(_mvOutput&, const Io& io) override { return io.fail(m_message); }
   bool add(const unsigned char*, unsigned, DataBuffer&, const Io& io) override { return io.fail(m_message); }
-  bool finish(DataBuffer&, const Io& io) override { return io.fail(m_message); }
+  bool finish(DataBuffer&, bool&, const Io& io) override { return io.fail(m_message); }
 
  private:
   // The decoder of the same build says the same.

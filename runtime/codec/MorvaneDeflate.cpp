@@ -11,6 +11,7 @@
 #include "runtime/codec/FastDeflate.h"
 #include "runtime/codec/InputWindow.h"
 #include "runtime/codec/RawInflate.h"
+#include "runtime/codec/ZlibRaw.h"
 #include "runtime/io/Io.h"
 #include "runtime/io/_mvOutput.h"
 
@@ -19,9 +20,6 @@ namespace morvane {
 namespace {
 
 constexpr unsigned kBuffer = 64 * 1024;
-constexpr int kRawDeflate = -15;  // the largest window, no framing
-// zlib's memLevel, the value that deflateInit takes by itself.
-constexpr int kDefaultMemory = 8;
 
 }  // namespace
 

@@ -4,6 +4,7 @@
 #include <new>
 
 #include "runtime/codec/RawInflate.h"
+#include "runtime/codec/ZlibRaw.h"
 
 namespace morvane {
 
@@ -21,7 +22,6 @@ RawInflate::~RawInflate() = default;
 
 // Without exceptions, because the caller has one message for whatever memory is missing.
 bool RawInflate::begin() {
-  constexpr int kRawDeflate = -15;  // the largest window, no framing
   m_engine.reset(new (std::nothrow) Engine());
   if (!m_engine) return false;
   m_engine->begun = inflateInit2(&m_engine->stream, kRawDeflate) == Z_OK;

@@ -73,6 +73,8 @@ class SmallStart : public _mvDataSource, public _mvOutput {
       if (m_most > 0 && m_fetched >= m_most) {
         m_most = 0;
         if (m_isLeft()) throw Left();
+        // Nobody will do it again.
+        m_pieces.clear();
       }
       const AheadSource::PiecePtr piece = m_ahead.fetch();
       m_fetched += piece->size;

@@ -31,7 +31,7 @@ struct Stream {
 
 // One stream (.xz file format, section 2) with one block or, where threads compress, with as many as it
 // takes.
-class XzEncoder : public Encoder {
+class XzEncoder : public UnframedEncoder {
  public:
   // `threads` 0 compresses in the calling thread, into one block. With a preset of its own the library
   // fails to begin for lack of memory alone.
@@ -56,12 +56,14 @@ class XzEncoder : public Encoder {
   }
 
   // The library says LZMA_OK until the end of the stream has come out.
-  bool finish(DataBuffer& ready, const Io& io) override {
-    lzma_ret result = LZMA_OK;
-    while ((result = run(LZMA_FINISH, ready)) == LZMA_OK) {
-      if (!mayWait(io)) return false;
+  bool finish(DataBuffer& ready, bool& isOut, const Io& io) override {
+    for (isOut = false; !isOut && ready.getSize() < kEnoughReady;) {
+      const lzma_ret result = run(LZMA_FINISH, ready);
+      isOut = result == LZMA_STREAM_END;
+      if (!isOut && result != LZMA_OK) return fail(result, io);
+      if (!isOut && !mayWait(io)) return false;
     }
-    return result == LZMA_STREAM_END || fail(result, io);
+    return true;
   }
 
  private:

@@ -41,7 +41,7 @@ unsigned mostWorkers(int level) {
 }
 
 // One frame (RFC 8878, 3.1.1), whatever its size, compressed as the pieces come.
-class ZstdEncoder : public Encoder {
+class ZstdEncoder : public UnframedEncoder {
  public:
   // `workers` 0 compresses in the calling thread. Results of setParameter are not looked at, because these
   // values are always in range; a library without threads refuses those that are about threads, and has
@@ -71,11 +71,13 @@ class ZstdEncoder : public Encoder {
   }
 
   // `left` is 0 once the frame's end has come out.
-  bool finish(DataBuffer& ready, const Io& io) override {
+  bool finish(DataBuffer& ready, bool& isOut, const Io& io) override {
     ZSTD_inBuffer none{nullptr, 0, 0};
-    for (size_t left = 1; left > 0;) {
+    for (isOut = false; !isOut && ready.getSize() < kEnoughReady;) {
+      size_t left = 0;
       if (!run(none, ZSTD_e_end, left, ready, io)) return false;
-      if (left > 0 && !mayWait(io)) return false;
+      isOut = left == 0;
+      if (!isOut && !mayWait(io)) return false;
     }
     return true;
   }

@@ -35,7 +35,8 @@ void ClsBase::injectError(const char* tag, const char* text) {
 
 // A setter cannot report that memory ran out, and must not leave the old value to be taken for the new one.
 // So the property is remembered as unset, which makes every method fail until it is set after all. The list
-// has room for each text property a class has, and takes no memory itself.
+// takes no memory itself. It has room for each text property of the classes that there are; in one with more
+// the last place would be nobody's, and methods would fail for good.
 void ClsBase::putText(XString& property, std::string_view value) noexcept {
   CritSecExitor lock(*this);
   const XString** const end = m_unset + m_unsetCount;
@@ -44,7 +45,11 @@ void ClsBase::putText(XString& property, std::string_view value) noexcept {
     property.buffer().assign(value);
     if (known != end) *known = m_unset[--m_unsetCount];
   } catch (...) {
-    if (known == end) m_unset[m_unsetCount++] = &property;
+    if (known == end && m_unsetCount < kTextProperties) {
+      m_unset[m_unsetCount++] = &property;
+    } else if (known == end) {
+      m_unset[kTextProperties - 1] = nullptr;
+    }
   }
   changed();
 }

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <atomic>
+#include <string_view>
 #include <thread>
 
 #include "runtime/base/Export.h"
@@ -42,6 +43,8 @@ class MORVANE_API ClsBase : public MorvaneCritSec {
   virtual bool get_VerboseLogging();
   virtual void put_VerboseLogging(bool verbose);
   // Setters never throw. A text for which there was no memory is not set, and until it is, methods fail.
+  // Getters of texts, get_LogText and get_FailureCause among them, throw std::bad_alloc where there is no
+  // memory for the copy.
 
   // Called by bindings for garbage-collected languages; does nothing.
   virtual void dotNetDispose();

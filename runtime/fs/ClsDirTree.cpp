@@ -125,10 +125,12 @@ bool ClsDirTree::leaveLevel(LogBase& log) {
 bool ClsDirTree::reopenDirectory(Level& level, int child, LogBase& log) {
   level.directory.reset(osOpenAt(child, "..", kOpenDirectory));
   struct stat status;
-  if (!level.directory.isOpen()) return failedToRead(log, errno);
-  if (level.directory.status(status) != 0) return failedToRead(log, errno);
-  if (status.st_dev != level.device || status.st_ino != level.inode) return failedToRead(log, ESTALE);
-  return true;
+  const bool isSeen = level.directory.isOpen() && level.directory.status(status) == 0;
+  const int error = isSeen ? ESTALE : errno;
+  if (isSeen && status.st_dev == level.device && status.st_ino == level.inode) return true;
+  // The path is still the child's. Of the parent's own entries it is all up to the slash; the base has none.
+  m_relativePath.resize(level.parentLength > 0 ? level.parentLength - 1 : 0);
+  return failedToRead(log, error);
 }
 
 // Device and inode, because a name tells nothing where links are followed.
@@ -188,7 +190,7 @@ void ClsDirTree::end() { m_ended = std::exchange(m_levels, {}); }
 
 // The path is taken before the levels go, since it is made of them.
 bool ClsDirTree::failedToRead(LogBase& log, int error) {
-  m_failedPath = m_levels.empty() ? m_baseDir : fullPathOf(m_relativePath);
+  m_failedPath = m_relativePath.empty() ? m_baseDir : fullPathOf(m_relativePath);
   end();
   logOsError(log, kCannotRead, m_failedPath.c_str(), error);
   return false;

@@ -74,8 +74,8 @@ int ConfinedDir::createNew(const std::string& path, unsigned mode) {
 }
 
 // Opens what has just been made. In a directory that somebody else may write, another thing may have come in
-// its place, and nothing must be set of that: it has to be of the kind that was made, the process's own, and
-// without another name.
+// its place, and nothing must be set of that: it has to be of the kind that was made, without another name,
+// and the process's own.
 ConfinedDir::Result ConfinedDir::openMade(const Place& place, unsigned type, unsigned long long device,
                                           const std::string& path, OsFile& made, LogBase& log) {
   // It is opened with O_PATH, because any other open of a FIFO or device waits for somebody or has effects.
@@ -86,10 +86,13 @@ ConfinedDir::Result ConfinedDir::openMade(const Place& place, unsigned type, uns
   // for the moment of the open, and be gone by the time of the first look.
   const bool isNamed = fstatat(place.parent.fd(), place.leaf.c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0;
   const bool isIt = isNamed && Identity::of(named) == Identity::of(status) && named.st_nlink == 1 &&
-                    (status.st_mode & S_IFMT) == type && status.st_uid == geteuid() &&
+                    (status.st_mode & S_IFMT) == type &&
                     ((type != S_IFCHR && type != S_IFBLK) || status.st_rdev == device);
-  if (isIt) return Result::Ok;
+  const bool isOurs = status.st_uid == geteuid();
+  if (isIt && isOurs) return Result::Ok;
   made.close();
+  // Of its kind, but another's: as for directories, the file system may give everything to one owner.
+  if (isIt) return Result::Ok;
   errno = ESTALE;
   return failed(kCannotCreate, path, log);
 }

@@ -49,7 +49,8 @@ class ConfinedDir : public ConfinedWalk {
   };
   Result makeDirectory(const std::string& path, unsigned mode, MadeDirectory& made, LogBase& log);
   // Makes a symbolic link with a text that is not looked at, or a FIFO or device (`mode` with its type).
-  // `made` is a descriptor of it that can do nothing but name it (O_PATH).
+  // `made` is a descriptor of it that can do nothing but name it (O_PATH). It is closed where the new thing
+  // is not the process's own (see isForeign): nothing may be set of that.
   Result makeSymbolicLink(const std::string& path, const std::string& text, OsFile& made, LogBase& log);
   Result makeNode(const std::string& path, unsigned mode, unsigned long long device, OsFile& made,
                   LogBase& log);
@@ -67,7 +68,8 @@ class ConfinedDir : public ConfinedWalk {
   Linked makeHardLink(const std::string& path, const std::string& target, LogBase& log);
 
  private:
-  // Opens what has just been made, and makes sure that it is that. `device` counts for devices alone.
+  // Opens what has just been made, and makes sure that it is that. `device` counts for devices alone. Closed
+  // again where it is foreign.
   Result openMade(const Place& place, unsigned type, unsigned long long device, const std::string& path,
                   OsFile& made, LogBase& log);
   // Makes a leaf by `make`, once the way is clear.

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <string>
@@ -39,7 +40,11 @@ bool failed(LogBase& log, DirAutoCreate::Telling telling, const char* dir, int e
 // than the system takes at once. An existing link to a directory is followed, as by mkdir -p.
 int makeEachPart(const std::string& dir) {
   OsFile reached;
-  if (dir[0] == '/') reached.reset(osOpen("/", O_PATH | O_DIRECTORY));
+  if (dir[0] == '/') {
+    reached.reset(osOpen("/", O_PATH | O_DIRECTORY));
+    // Without it the parts would be made below the current directory.
+    if (!reached.isOpen()) return errno;
+  }
   for (size_t start = 0; start < dir.size();) {
     const size_t end = std::min(dir.find('/', start), dir.size());
     // Doubled slashes have nothing between them.

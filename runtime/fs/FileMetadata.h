@@ -28,7 +28,7 @@ struct FileMetadata {
   // Those that new files of the process get, but for a directory that hands on its group.
   static void ownIds(unsigned& uid, unsigned& gid);
   static int setMode(int fd, unsigned mode);
-  // Both are set; a value's nanoseconds run from 0 to 999,999,999. Whoever keeps one of them reads it first.
+  // A value's nanoseconds run from 0 to 999,999,999; UTIME_OMIT in their place keeps that time as it is.
   static int setTimes(int fd, const timespec& access, const timespec& modification);
 
   // Whose an attribute is, by its name: anybody may set those of users on a file of one's own; those of the

@@ -187,7 +187,9 @@ int osReadLink(int directory, const char* name, std::string& text) {
   return ENAMETOOLONG;
 }
 
-int osRemoveFile(const char* path) { return ::unlink(path); }
+int osRemoveFile(const char* path) {
+  return onPath(path, [&](int directory, const char* rest) { return unlinkat(directory, rest, 0); });
+}
 
 int osMakeDirectory(const char* path, mode_t mode) {
   return onPath(path, [&](int directory, const char* rest) { return mkdirat(directory, rest, mode); });

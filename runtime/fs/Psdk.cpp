@@ -42,17 +42,20 @@ bool Psdk::isSuperuser() { return geteuid() == 0; }
 
 unsigned Psdk::getTickCount() { return millisecondTicks(); }
 
-// The buffer grows while an entry does not fit it, up to 1 MiB, which no real one needs. The file is asked
-// again each time: it is short.
+// The buffer grows while an entry does not fit it, up to 1 MiB, which no real one needs; a signal is no
+// reason to let it grow. The file is asked again each time: it is short.
 int Psdk::getUsername(StringBuffer& out) {
   out.clear();
   constexpr size_t kLargestEntry = 1 << 20;
-  for (std::vector<char> buffer(1024);; buffer.resize(buffer.size() * 2)) {
+  std::vector<char> buffer(1024);
+  while (true) {
     passwd entry;
     passwd* found = nullptr;
     int error = findInFile(entry, buffer, found);
     if (error == 0 && !found) error = getpwuid_r(geteuid(), &entry, buffer.data(), buffer.size(), &found);
-    if ((error == ERANGE && buffer.size() < kLargestEntry) || error == EINTR) continue;
+    const bool isTooSmall = error == ERANGE && buffer.size() < kLargestEntry;
+    if (isTooSmall) buffer.resize(buffer.size() * 2);
+    if (isTooSmall || error == EINTR) continue;
     if (found) out.setString(found->pw_name);
     // These are ways to say that there is no such user, or no database at all.
     const bool isUnknown = error == ENOENT || error == ESRCH || error == EBADF || error == EPERM;

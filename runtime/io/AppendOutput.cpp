@@ -20,16 +20,36 @@ constexpr char kCannotAppend[] = "Failed to append to file.";
 
 }  // namespace
 
-// Two descriptors of one file share a position, which the second one writes from.
-AppendOutput::AppendOutput(OsFile file, const std::string& path, long long at, unsigned held)
-    : m_file(std::move(file)), m_path(path), m_at(at), m_held(held) {
+// Whatever can fail comes before there is an object, whose destructor would take back what was never written:
+// without the old length, it would cut the end mark off. Two descriptors of one file share a position, which
+// the second one writes from.
+std::unique_ptr<AppendOutput> AppendOutput::create(OsFile file, const std::string& path, long long at,
+                                                   unsigned held, LogBase& log) {
   struct stat status;
-  m_oldLength = m_file.status(status) == 0 ? status.st_size : at;
+  OsFile second;
+  bool isReady = file.status(status) == 0 && file.seek(at + held, SEEK_SET) >= 0;
+  if (isReady) second = file.duplicate();
+  isReady = isReady && second.isOpen();
+  if (!isReady) {
+    logOsError(log, kCannotAppend, path.c_str(), errno);
+    return nullptr;
+  }
+  std::unique_ptr<OutputFile> rest(OutputFile::adopt(std::move(second), path.c_str()));
+  if (!rest) throw std::bad_alloc();
+  return std::unique_ptr<AppendOutput>(
+      new AppendOutput(std::move(file), path, at, held, status.st_size, std::move(rest)));
+}
+
+// The room is made here: a later write that has none would leave a part of the archive out.
+AppendOutput::AppendOutput(OsFile file, const std::string& path, long long at, unsigned held,
+                           long long oldLength, std::unique_ptr<OutputFile> rest)
+    : m_file(std::move(file)),
+      m_path(path),
+      m_at(at),
+      m_held(held),
+      m_oldLength(oldLength),
+      m_rest(std::move(rest)) {
   m_front.reserve(held);
-  // Of a regular file every position can be sought, one behind its end too.
-  m_file.seek(at + held, SEEK_SET);
-  m_rest.reset(OutputFile::adopt(m_file.duplicate(), path.c_str()));
-  if (!m_rest) throw std::bad_alloc();
 }
 
 // What is buffered must have gone before the file is cut.

@@ -18,9 +18,11 @@ namespace morvane {
 class AppendOutput : public _mvOutput {
  public:
   // `file` is open for reading and writing and stays so; `path` is what messages call it. From `at` on it has
-  // nothing but zeros. `held` of its bytes from there on are left alone until the end. Throws std::bad_alloc.
-  // The zeros are an end mark, perhaps with the padding of a last record behind it.
-  AppendOutput(OsFile file, const std::string& path, long long at, unsigned held);
+  // nothing but zeros. `held` of its bytes from there on are left alone until the end. The zeros are an end
+  // mark, perhaps with the padding of a last record behind it. Null, with the reason in the log, when the
+  // file cannot be written so; it is then as it was. Throws std::bad_alloc.
+  static std::unique_ptr<AppendOutput> create(OsFile file, const std::string& path, long long at,
+                                              unsigned held, LogBase& log);
   ~AppendOutput() override;
 
   // The first `held` bytes are kept in memory; the others go to the file at once.
@@ -36,6 +38,8 @@ class AppendOutput : public _mvOutput {
   const OutputFile& file() const { return *m_rest; }
 
  private:
+  AppendOutput(OsFile file, const std::string& path, long long at, unsigned held, long long oldLength,
+               std::unique_ptr<OutputFile> rest);
   // From the last block to the first one.
   bool writeHeld(LogBase& log);
   // Logs errno with the file's path.
@@ -48,7 +52,7 @@ class AppendOutput : public _mvOutput {
   // Where the held bytes belong, and how many there are at most.
   const long long m_at;
   const unsigned m_held;
-  long long m_oldLength = 0;
+  const long long m_oldLength;
   std::string m_front;                 // what was held back so far
   std::unique_ptr<OutputFile> m_rest;  // writes behind it
   bool m_isFrontTouched = false;       // the zeros in its place are no longer sure to be there

@@ -218,8 +218,10 @@ bool OutputFile::closeHandle(LogBase* log, ProgressMonitor* pm) {
 
 // The hole comes about by writing behind it; one at the end of the file is setLength's.
 bool OutputFile::passHole(long long n, ProgressMonitor* pm, LogBase& log) {
-  if (!flush(pm, log)) return m_state->dropping;
-  m_state->bytesWritten += n;
+  const bool isFlushed = flush(pm, log);
+  // As in _writeBytes: what is dropped counts.
+  if (isFlushed || m_state->dropping) m_state->bytesWritten += n;
+  if (!isFlushed) return m_state->dropping;
   return m_state->file.seek(n, SEEK_CUR) >= 0 || failToShape("Failed to move on in the file.", log);
 }
 

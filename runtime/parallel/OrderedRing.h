@@ -38,9 +38,11 @@ class OrderedRing {
 
   // Hands in the next job, where there is room. `weight` is what WorkerPool::submit wants to know. Not
   // while the ring is full: the slot of the oldest job would be overwritten.
+  // A job that the pool has no memory for was not handed in.
   void submit(Job& job, size_t weight) {
-    m_slots[m_submitted++ % m_slots.size()] = &job;
+    m_slots[m_submitted % m_slots.size()] = &job;
     m_pool.submit(job, 0, weight);
+    ++m_submitted;
   }
   // Whether take would give the oldest without waiting or working.
   bool oldestIsDone() { return !isEmpty() && m_pool.isDone(*m_slots[m_taken % m_slots.size()]); }

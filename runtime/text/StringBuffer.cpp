@@ -7,7 +7,7 @@
 #include <memory>
 #include <new>
 
-#include "runtime/text/Ascii.h"
+#include "runtime/base/Ascii.h"
 #include "runtime/text/ExtPtrArraySb.h"
 
 namespace morvane {

@@ -7,7 +7,7 @@
 #include <clocale>
 #include <cwctype>
 
-#include "runtime/text/Ascii.h"
+#include "runtime/base/Ascii.h"
 
 namespace morvane {
 

@@ -7,7 +7,7 @@
 
 #include <cstring>
 
-#include "runtime/text/Ascii.h"
+#include "runtime/base/Ascii.h"
 #include "runtime/text/CharsetDecoder.h"
 #include "runtime/text/StringBuffer.h"
 #include "runtime/text/Utf8.h"

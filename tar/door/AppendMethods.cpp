@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <memory>
+#include <optional>
 
 #include "runtime/base/ScopeExit.h"
 #include "runtime/io/AppendOutput.h"
@@ -73,13 +75,15 @@ bool ClsTar::Inner::appendMethod(const XString& tarPath, ProgressEvent* progress
     if (!findEndOfArchive(file, tarPath, Io(m_log, searching.getPm(), nullptr), end)) return false;
     ProgressMonitorPtr monitor(progress, m_abortCheckMs, m_percentScale, total);
     const Io io(m_log, monitor.getPm(), progress);
-    AppendOutput out(std::move(file), path, end, kEndMark);
+    const std::unique_ptr<AppendOutput> out =
+        AppendOutput::create(std::move(file), path, end, kEndMark, m_log);
+    if (!out) return false;
     m_archive.begin(Compression::None, m_options.codec);
-    const bool written = writeFramed(out, Compression::None, io);
+    const bool written = writeFramed(*out, Compression::None, io);
     // An archive that is complete counts, also when something was left out of it.
     if (!written && !m_onlyLeftOut) return false;
     // The first new bytes replace the old end mark only here.
-    isCommitted = out.commit(io.monitor, m_log);
+    isCommitted = out->commit(io.monitor, m_log);
     // What was left out is not all that is missing then.
     if (!isCommitted) m_onlyLeftOut = false;
     return isCommitted && written;

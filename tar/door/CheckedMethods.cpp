@@ -1,5 +1,7 @@
 // ClsTar's methods that read with every check there is: zstd, xz, and any compression told by the content.
-#include "runtime/base/ScopeExit.h"
+#include <algorithm>
+#include <optional>
+
 #include "runtime/codec/Codec.h"
 #include "runtime/io/BufferedDataSource.h"
 #include "tar/door/ClsTarInner.h"

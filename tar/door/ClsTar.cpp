@@ -47,16 +47,15 @@ void ClsTar::dotNetDispose() {}
 // Reads the option words again if they were set since the last call. False while they, or another property,
 // are not what the application meant them to be. Words that make no sense are complained of in each call, not
 // only in the one that read them: a call that went on with half of what was asked for could extract where it
-// must not.
+// must not. Under the lock, which the streaming steps that come this way do not have: another thread may be
+// setting the words.
 bool ClsTar::Inner::takeOptions(LogBase& log) {
+  const CritSecExitor lock(m_tar);
   if (m_tar.hasUnsetText()) {
     log.LogError("Out of memory: a property could not be set.");
     return false;
   }
-  // The lock is taken here, because the streaming steps that come this way hold none, and another thread may
-  // be setting the words.
   if (const unsigned changes = m_tar.m_uncommonOptionsChanges.now(); m_optionsTaken != changes) {
-    CritSecExitor lock(m_tar);
     std::vector<std::string> unusable;
     m_options = parseTarOptions(m_tar.m_uncommonOptions.str(), unusable);
     m_unusableWords = std::move(unusable);
@@ -92,9 +91,11 @@ void ClsTar::Inner::lookUpUser() const {
   }
 }
 
-// A property that could not be set for lack of memory has another value than the application believes; it
-// must not be run with, and the frame turns the exception into a message.
+// Under the lock, which a method has already and a step has not: texts may be set by another thread. A
+// property that could not be set for lack of memory has another value than the application believes; it must
+// not be run with, and the frame turns the exception into a message.
 ReadSettings ClsTar::Inner::readSettings() const {
+  const CritSecExitor lock(m_tar);
   if (m_tar.hasUnsetText()) throw std::bad_alloc();
   ReadSettings settings;
   settings.suppressOutput = m_suppressOutput;
@@ -119,6 +120,7 @@ ReadSettings ClsTar::Inner::readSettings() const {
 
 // The user is looked up for those who write only.
 WriteSettings ClsTar::Inner::writeSettings() const {
+  const CritSecExitor lock(m_tar);
   if (m_tar.hasUnsetText()) throw std::bad_alloc();
   lookUpUser();
   WriteSettings settings;
@@ -172,6 +174,7 @@ LiveSettings<WriteSettings> ClsTar::Inner::liveWriteSettings() const {
 
 // A plain name among the patterns gets rules of its own about the last part of a path (NameFilter).
 void ClsTar::Inner::setMatchPatternExactFlags() {
+  const CritSecExitor lock(m_tar);
   m_mustMatchExact = isPlainName(m_mustMatch.str());
   m_mustNotMatchExact = isPlainName(m_mustNotMatch.str());
   m_tar.changed();

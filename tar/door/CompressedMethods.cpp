@@ -1,4 +1,6 @@
 // ClsTar's methods over compressed archives: decompressed straight into the object, in one pass.
+#include <algorithm>
+
 #include "runtime/base/ScopeExit.h"
 #include "runtime/codec/GzipFormat.h"
 #include "runtime/io/BufferedDataSource.h"

@@ -1,5 +1,8 @@
 // ClsTar's extraction of one member, or of the data of several, from an archive of any compression, into an
 // output.
+#include <algorithm>
+#include <optional>
+
 #include "runtime/codec/Codec.h"
 #include "runtime/io/BufferedDataSource.h"
 #include "runtime/io/Io.h"

@@ -2,7 +2,7 @@
 // progress may do either while another one works.
 #include <algorithm>
 
-#include "runtime/text/Ascii.h"
+#include "runtime/base/Ascii.h"
 #include "tar/door/ClsTarInner.h"
 
 namespace morvane {

@@ -1,4 +1,6 @@
 // ClsTar's methods over plain archives, and the steps they are made of.
+#include <algorithm>
+
 #include "runtime/fs/Psdk.h"
 #include "tar/door/ClsTarInner.h"
 #include "tar/format/PaxRecords.h"

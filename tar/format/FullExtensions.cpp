@@ -6,6 +6,7 @@
 // whatever follows would be read as something else; a record that is merely unknown is passed over.
 #include "tar/format/FullExtensions.h"
 
+#include <algorithm>
 #include <charconv>
 #include <limits>
 

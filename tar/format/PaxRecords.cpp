@@ -5,6 +5,7 @@
 // Nothing is allocated for what an archive claims: keyword and value are cut to fixed sizes on the stack.
 #include "tar/format/PaxRecords.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "runtime/log/LogBase.h"

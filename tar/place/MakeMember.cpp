@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <utility>
@@ -116,8 +117,18 @@ std::unique_ptr<_mvOutput> MemberPlacer::spreading(const Member& member, std::un
                                         member.sparseIsWrong);
 }
 
-// Links are settled at once, as they have no data to wait for. `made` may be closed if somebody was faster to
-// remove it: then there is nothing to be given a time.
+// Links and special files are settled at once, as they have no data to wait for. What is closed is not the
+// process's own (ConfinedDir) and stays as it is; a link has no mode that it could lack.
+void MemberPlacer::settleNamed(const OsFile& made, const Member& member, const Io& io) {
+  if (made.isOpen()) {
+    m_restorer.settle(made.fd(), member, m_path.entryPath(), io);
+  } else if (restored().mode && !member.isSymbolicLink()) {
+    m_restorer.notKept().note(NotKept::Kind::Mode, m_path.entryPath(), EPERM, io);
+  } else if (restored().time) {
+    m_restorer.notKept().note(NotKept::Kind::Times, m_path.entryPath(), EPERM, io);
+  }
+}
+
 Outcome MemberPlacer::makeSymbolicLink(const Member& member, const Io& io) {
   const std::string& text = member.linkPath;
   const std::string& path = m_path.entryPath().str();
@@ -133,7 +144,7 @@ Outcome MemberPlacer::makeSymbolicLink(const Member& member, const Io& io) {
   }
   OsFile made;
   const Outcome outcome = m_target.makeSymbolicLink(m_path, settings(), text, made, io.log);
-  if (outcome == Outcome::Ok && made.isOpen()) m_restorer.settle(made.fd(), member, m_path.entryPath(), io);
+  if (outcome == Outcome::Ok) settleNamed(made, member, io);
   return outcome;
 }
 
@@ -163,7 +174,7 @@ Outcome MemberPlacer::makeSpecial(const Member& member, const Io& io) {
     return Outcome::LeftOut;
   }
   held.tellTo(io.log);
-  if (outcome == Outcome::Ok && made.isOpen()) m_restorer.settle(made.fd(), member, m_path.entryPath(), io);
+  if (outcome == Outcome::Ok) settleNamed(made, member, io);
   // EPERM for a FIFO is the file system's word, and holds for this member alone.
   return mayNot ? Outcome::Unusable : outcome;
 }

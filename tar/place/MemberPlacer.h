@@ -192,6 +192,7 @@ class MemberPlacer {
   unsigned modeToMake(const Member& member);
   ExtractTarget::Outcome makeDirectory(const Member& member, const Io& io);
   ExtractTarget::Outcome makeSymbolicLink(const Member& member, const Io& io);
+  void settleNamed(const OsFile& made, const Member& member, const Io& io);
   ExtractTarget::Outcome makeHardLink(const Member& member, const Io& io, Placed& placed);
   ExtractTarget::Outcome makeSpecial(const Member& member, const Io& io);
   ExtractTarget::Outcome copyTarget(const Member& member, const std::string& target, const Io& io);

@@ -9,8 +9,8 @@
 #include <charconv>
 #include <limits>
 
+#include "runtime/base/Ascii.h"
 #include "runtime/fs/Psdk.h"
-#include "runtime/text/Ascii.h"
 
 namespace morvane {
 

@@ -50,9 +50,11 @@ bool ArchiveOutput::compress(const unsigned char* data, unsigned len, const Io& 
   const bool isLast = m_compressLast && !m_compressFirst;
   m_compressFirst = false;
   if (!m_encoder->add(data, len, ready, io) || !writeReady()) return false;
-  if (!isLast) return true;
-  ready.clear();
-  return m_encoder->finish(ready, io) && writeReady();
+  for (bool isOut = !isLast; !isOut;) {
+    ready.clear();
+    if (!m_encoder->finish(ready, isOut, io) || !writeReady()) return false;
+  }
+  return true;
 }
 
 }  // namespace morvane

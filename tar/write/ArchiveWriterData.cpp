@@ -47,7 +47,9 @@ bool ArchiveWriter::writeSparse(const SourcePlace& place, const mvFileInfo& info
   bool isWhole = isOpen, readFailed = false;
   for (const SparseRange& range : map.ranges()) {
     MemberData::Copied copied;
-    if (isOpen && !readFailed && m_source.data().fseekAbsolute64(range.offset, m_log)) {
+    // A place that cannot be sought is one that cannot be read.
+    if (isOpen && !readFailed) readFailed = !m_source.data().fseekAbsolute64(range.offset, m_log);
+    if (isOpen && !readFailed) {
       copied = m_data.copyFile(m_source, range.length);
       if (!copied.ok) return m_run.io.fail(kCannotCopy);
     }
