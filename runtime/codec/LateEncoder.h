@@ -44,10 +44,17 @@ class LateEncoder : public UnframedEncoder {
   // The system is asked for threads first, because a library that gets fewer than it was told to make fails
   // altogether. What was held goes in as one piece and is let go.
   bool choose(bool isLarge, DataBuffer& ready, const Io& io) {
-    m_encoder = m_make(isLarge ? threadsToBeHad(m_threads) : 0);
+    m_encoder = m_make(isLarge ? threadsForLibrary() : 0);
     const bool added = m_encoder->add(m_held.getData2(), m_held.getSize(), ready, io);
     m_held.clear();
     return added;
+  }
+
+  // Libraries make their threads late, one by one, and whoever works beside them makes some meanwhile: as many
+  // again are left for those. Fewer than wanted only where they are scarce.
+  unsigned threadsForLibrary() const {
+    const unsigned had = threadsToBeHad(2 * m_threads);
+    return had > m_threads ? had - m_threads : 0;
   }
 
   // As many as would be of use.

@@ -128,9 +128,13 @@ bool WorkerPool::isDone(const Task& task) {
 void WorkerPool::finish(Task& task) {
   std::unique_lock<std::mutex> lock(m_mutex);
   const bool helps = !m_hasWorkersToSpare;
-  if (task.m_state == Task::State::Waiting) {
+  if (task.m_state == Task::State::Waiting && helps) {
     takeBack(task);
-    helps ? work(task, lock) : m_waiting.push_front(&task);
+    work(task, lock);
+  } else if (task.m_state == Task::State::Waiting) {
+    // Within the list, which so needs no memory.
+    const auto place = std::find(m_waiting.begin(), m_waiting.end(), &task);
+    std::rotate(m_waiting.begin(), place, std::next(place));
   }
   m_wanted = &task;
   while (task.m_state != Task::State::Done) {

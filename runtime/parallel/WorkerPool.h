@@ -107,7 +107,8 @@ class WorkerPool {
   // m_wanted is done: for the first thread, which waits for that one alone.
   std::condition_variable m_wantedDone;
   const Task* m_wanted = nullptr;
-  // By falling rank, each rank in the order of coming.
+  // By falling rank, each rank in the order of coming; but one that the first thread waits for may stand in
+  // front of all.
   std::deque<Task*> m_waiting;
   // Workers that wait, so that nobody is woken for nothing.
   unsigned m_idle = 0;

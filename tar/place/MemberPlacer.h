@@ -16,6 +16,7 @@
 #pragma once
 
 #include "runtime/io/Io.h"
+#include "runtime/log/HeldLog.h"
 #include "runtime/progress/TarMember.h"
 #include "tar/format/MemberReader.h"
 #include "tar/place/ExtractTarget.h"
@@ -146,6 +147,7 @@ class MemberPlacer {
   WriteBehind::File* fileBehind(const Member& member, const Io& io);
   // The file must be whole: its data in `data`, and nothing of them to come.
   void submitBehind(WriteBehind::File& file);
+  bool writesBehind() const { return m_behind != nullptr; }
   // Does again, in their order, what workers could not do: of all that is under way, for which it waits, or
   // of what needs no waiting. `doAgain(file)` is the engine's, since messages are: it calls placeAgain and
   // says false for a failure that ends the run. Then nothing more is done again, and this is false too.
@@ -162,6 +164,20 @@ class MemberPlacer {
     }
     if (!ok) m_behind->dropAll();
     goBackTo(std::move(current));
+    return ok;
+  }
+  // Does a step that reads the archive and makes nothing. What it says comes behind what files under way have
+  // to say: where one of those ends the run, that is the failure, and nothing of the step is told.
+  // `step(io)` and `doUndone()` are the engine's; false is a failure that ends the run.
+  template <class Step, class DoUndone>
+  bool inTurn(const Io& io, Step step, DoUndone doUndoneOfAll) {
+    if (!m_behind || m_behind->isEmpty()) return step(io);
+    HeldLog held;
+    held.beginLike(io.log);
+    const bool ok = step(Io(held, io.monitor, io.event));
+    if (held.isEmpty()) return ok;
+    if (!doUndoneOfAll()) return false;
+    held.tellTo(io.log);
     return ok;
   }
   // Places such a file in the ordinary way. The path is then its own.

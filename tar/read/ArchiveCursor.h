@@ -16,8 +16,8 @@ class ArchiveCursor {
  public:
   // The archive starts where the source stands. A source without positions is read on instead of being moved,
   // and can go forward only.
-  ArchiveCursor(_mvDataSource& source, ProgressMonitor* pm, LogBase& log)
-      : m_source(source), m_pm(pm), m_log(log), m_start(source.ftell64()) {}
+  ArchiveCursor(_mvDataSource& source, ProgressMonitor* pm)
+      : m_source(source), m_pm(pm), m_start(source.ftell64()) {}
 
   // Bytes from the archive's start. It is where the reader has got to by what it was told, whether or not the
   // source could be asked.
@@ -28,17 +28,17 @@ class ArchiveCursor {
   // comes next would be data in the place of a header. Where a seek fails, reads fail from then on, and it is
   // the next header that says so. Forward or, where the source can seek, back; in bytes from the archive's
   // start.
-  [[nodiscard]] bool moveTo(long long position) {
+  [[nodiscard]] bool moveTo(long long position, LogBase& log) {
     const long long skipped = position - m_at;
     m_at = position;
     if (skipped == 0) return true;
     if (m_start < 0) {
-      if (m_source.skip(skipped, m_pm, m_log)) return true;
-      if (!m_pm || !m_pm->isAborted()) m_log.LogError("Failed to pass over data of the archive.");
+      if (m_source.skip(skipped, m_pm, log)) return true;
+      if (!m_pm || !m_pm->isAborted()) log.LogError("Failed to pass over data of the archive.");
       return false;
     }
-    m_source.fseekAbsolute64(saturatedSum(m_start, position), m_log);
-    if (m_pm) m_pm->consumeProgress(skipped, m_log);
+    m_source.fseekAbsolute64(saturatedSum(m_start, position), log);
+    if (m_pm) m_pm->consumeProgress(skipped, log);
     return true;
   }
 
@@ -47,8 +47,6 @@ class ArchiveCursor {
   _mvDataSource& m_source;
   // May be null. Bytes that are passed over count as progress, too.
   ProgressMonitor* const m_pm;
-  // For what a source says of its failures.
-  LogBase& m_log;
   // In the source's own counting.
   const long long m_start;  // -1 when the source cannot be moved
   // Saturated: a position may be a claim that no archive reaches.

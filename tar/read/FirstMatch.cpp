@@ -32,7 +32,7 @@ bool copyFirstMatch(_mvDataSource& source, const MatchWanted& wanted, const Read
                     _mvOutput& out, const Io& io) {
   LogBase& log = io.log;
   log.LogDataX("matchPattern", wanted.pattern);
-  ArchiveCursor cursor(source, io.monitor, log);
+  ArchiveCursor cursor(source, io.monitor);
   // One header and one text serve all members, so that a long archive costs no memory for each.
   TarHeader header;
   NameDecoder names;
@@ -61,7 +61,7 @@ bool copyFirstMatch(_mvDataSource& source, const MatchWanted& wanted, const Read
       return source.copyNToOutputPM(out, header.m_size, io.monitor, log);
     }
     // A record's data are passed over like a member's: it was a candidate under its own name.
-    if (!cursor.moveTo(saturatedSum(cursor.position(), paddedSize(header.m_size)))) return false;
+    if (!cursor.moveTo(saturatedSum(cursor.position(), paddedSize(header.m_size)), log)) return false;
   }
 }
 

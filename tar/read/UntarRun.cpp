@@ -43,7 +43,7 @@ UntarRun::UntarRun(const Context& context, LiveSettings<ReadSettings> settings, 
       m_reader(MemberReader::make((m_live.refresh(), demandOf(m_settings.options)))),
       m_member(m_reader->found()),
       m_placer(m_live, kManner),
-      m_cursor(context.source, m_io.monitor, m_log) {
+      m_cursor(context.source, m_io.monitor) {
   if (extract && !m_settings.suppressOutput) m_aim = MemberPlacer::Aim::Extract;
 }
 
@@ -107,13 +107,15 @@ bool UntarRun::failWith(const char* message, const char* tag, const XString& val
 // asked between members.
 UntarRun::Step UntarRun::nextEntry() {
   m_live.refresh();
-  if (m_io.monitor && m_settings.abortCheckMs != 0 && m_io.monitor->abortCheck(m_log)) return failAborted();
+  if (m_io.monitor && m_settings.abortCheckMs != 0 && m_io.monitor->abortCheck(m_log)) {
+    return inTurn([](const Io& io) { return io.fail(kAborted); }) ? Step::GoOn : Step::Fail;
+  }
   if (m_log.verbose()) {
     m_log.LogDataInt64("filePosition", m_filePosition);
     m_log.LogData("previousTypeFlag", typeText(m_previousTypeFlag).c_str());
   }
   MemberReader::Found found;
-  if (!readHeader(found)) return Step::Fail;
+  if (!inTurn([&](const Io& io) { return readHeader(found, io); })) return Step::Fail;
   // What may follow the end mark is not read.
   if (found == MemberReader::Found::End) {
     if (m_log.verbose()) m_log.LogInfo("End-of-TAR");
@@ -128,20 +130,20 @@ UntarRun::Step UntarRun::nextEntry() {
 
 // The two messages tell a header that follows a record from one that does not: what is damaged is found more
 // quickly with them. An abort has its own line first.
-bool UntarRun::readHeader(MemberReader::Found& found) {
+bool UntarRun::readHeader(MemberReader::Found& found, const Io& io) {
   const bool merges = m_reader->followsRecord();
   unsigned char block[kBlockSize];
-  if (!TarHeader::readBlock(m_context.source, block, m_log, m_io.monitor) ||
-      !m_reader->takeBlock(block, found, m_log)) {
-    if (m_io.isAborted()) m_io.fail(kAborted);
-    return m_io.fail(merges ? "Failed to parse header from data source (1)"
-                            : "Failed to parse header from data source (2)");
+  if (!TarHeader::readBlock(m_context.source, block, io.log, io.monitor) ||
+      !m_reader->takeBlock(block, found, io.log)) {
+    if (io.isAborted()) io.fail(kAborted);
+    return io.fail(merges ? "Failed to parse header from data source (1)"
+                          : "Failed to parse header from data source (2)");
   }
   m_cursor.passed(kBlockSize);
-  if (!merges && m_log.verbose()) {
+  if (!merges && io.log.verbose()) {
     const TarHeader& header = m_reader->header();
-    if (!header.m_prefix.isEmpty()) m_log.LogDataSb("prefix", header.m_prefix);
-    m_log.LogDataSb("name", header.m_name);
+    if (!header.m_prefix.isEmpty()) io.log.LogDataSb("prefix", header.m_prefix);
+    io.log.LogDataSb("name", header.m_name);
   }
   return true;
 }
@@ -151,47 +153,49 @@ bool UntarRun::readHeader(MemberReader::Found& found) {
 UntarRun::Step UntarRun::handleRecord(MemberReader::Found found) {
   // The records may set a size; the header's own says where the next one lies.
   const long long ownSize = m_member.size;
-  if (found == MemberReader::Found::Record && !takeRecord()) return Step::Fail;
+  const bool isTaken =
+      found != MemberReader::Found::Record || inTurn([this](const Io& io) { return takeRecord(io); });
+  if (!isTaken) return Step::Fail;
   m_previousTypeFlag = m_member.typeFlag;
   return passOver(saturatedSum(m_filePosition, saturatedSum(kBlockSize, paddedSize(ownSize))));
 }
 
 // The lenient reader has lines of its own about records, which the full one does not: it says what is wrong
 // itself.
-bool UntarRun::takeRecord() {
+bool UntarRun::takeRecord(const Io& io) {
   const bool isLongName = m_member.typeFlag == kTypeLongName;
-  const bool tells = m_log.verbose() && !m_reader->isFull();
+  const bool tells = io.log.verbose() && !m_reader->isFull();
   if (tells)
-    m_log.LogInfo(isLongName ? "Processing long filename header." : "Processing extended PAX header.");
+    io.log.LogInfo(isLongName ? "Processing long filename header." : "Processing extended PAX header.");
   // A buffer for each record: the next one may be a few bytes, and this one megabytes.
   DataBuffer data;
-  if (!readRecord(data)) return false;
+  if (!readRecord(data, io)) return false;
   const auto* const text = reinterpret_cast<const char*>(data.getData2());
   // Up to its NUL, as the lenient reader takes it.
-  if (tells && isLongName) m_log.LogData("longFilename", text);
-  if (m_reader->takeRecord({text, data.getSize() - 1}, m_log)) return true;
+  if (tells && isLongName) io.log.LogData("longFilename", text);
+  if (m_reader->takeRecord({text, data.getSize() - 1}, io.log)) return true;
   // Either reader's failure ends the run.
-  if (!m_reader->isFull()) m_io.fail("Failed to parse PAX extended header.");
+  if (!m_reader->isFull()) io.fail("Failed to parse PAX extended header.");
   return false;
 }
 
 // Reads the whole data of a record, and a NUL behind them. The NUL is for the lenient reader and the log,
 // which take text as C strings; it is not counted in what the reader gets.
-bool UntarRun::readRecord(DataBuffer& data) {
+bool UntarRun::readRecord(DataBuffer& data, const Io& io) {
   const long long size = m_member.size;
   const std::string what = m_reader->recordName();
-  if (!m_reader->acceptsRecordSize(size, m_settings.options.maxExtensionBytes, m_log)) return false;
+  if (!m_reader->acceptsRecordSize(size, m_settings.options.maxExtensionBytes, io.log)) return false;
   // Room for any path at once; what is larger grows by what arrives, whatever the header claims.
   constexpr long long kAtOnce = 100000;
   if (!data.reserveMore(static_cast<unsigned>(std::min(size, kAtOnce) + 1))) {
-    return m_io.fail(("Out of memory for " + what + ".").c_str());
+    return io.fail(("Out of memory for " + what + ".").c_str());
   }
   char piece[16 * 1024];
   for (long long left = size; left > 0;) {
     const auto wanted = static_cast<unsigned>(std::min<long long>(left, sizeof piece));
     unsigned got = 0;
-    const bool ok = m_context.source.readFully(piece, wanted, got, m_io.monitor, m_context.componentLog);
-    if (!ok || got < wanted) return m_io.fail(("Failed to read " + what + ".").c_str());
+    const bool ok = m_context.source.readFully(piece, wanted, got, io.monitor, m_context.componentLog);
+    if (!ok || got < wanted) return io.fail(("Failed to read " + what + ".").c_str());
     if (!data.append(piece, got)) throw std::bad_alloc();
     left -= got;
   }
@@ -202,13 +206,13 @@ bool UntarRun::readRecord(DataBuffer& data) {
 
 // The further blocks of a sparse map stand between header and data, and are counted in no size. What is read
 // of them is counted here, for the positions of headers.
-bool UntarRun::passSparseMap() {
+bool UntarRun::passSparseMap(const Io& io) {
   unsigned char block[kBlockSize];
   for (bool goesOn = m_member.sparseMapGoesOn; goesOn; goesOn = m_reader->takeSparseBlock(block)) {
     unsigned numRead = 0;
     auto* const bytes = reinterpret_cast<char*>(block);
-    if (!m_context.source.readFully(bytes, kBlockSize, numRead, m_io.monitor, m_log) || numRead < kBlockSize)
-      return m_io.fail("Failed to read the map of a sparse member.");
+    if (!m_context.source.readFully(bytes, kBlockSize, numRead, io.monitor, io.log) || numRead < kBlockSize)
+      return io.fail("Failed to read the map of a sparse member.");
     m_cursor.passed(kBlockSize);
     m_filePosition = saturatedSum(m_filePosition, kBlockSize);
   }
@@ -222,7 +226,7 @@ bool UntarRun::passSparseMap() {
 UntarRun::Step UntarRun::handleMember() {
   m_member.headerPosition = m_filePosition;
   m_filePosition = saturatedSum(m_filePosition, kBlockSize);
-  if (!passSparseMap()) return Step::Fail;
+  if (!inTurn([this](const Io& io) { return passSparseMap(io); })) return Step::Fail;
   if (m_settings.captureXmlListing) {
     toXmlEntry(m_member, m_context.xmlListing, nullptr, m_placer.path().decoder(m_settings, m_log));
   }
@@ -230,7 +234,7 @@ UntarRun::Step UntarRun::handleMember() {
   // The callback may change properties; the path is then set anew by them.
   m_placer.announce(m_member, m_io);
   giveUpLongText(m_member.path);
-  if (!m_placer.isWithinLimits(m_io)) return Step::Fail;
+  if (!inTurn([this](const Io& io) { return m_placer.isWithinLimits(io); })) return Step::Fail;
   bool extracted = false;
   const Step step = extractMember(extracted);
   if (step != Step::GoOn) return step;
@@ -245,7 +249,15 @@ UntarRun::Step UntarRun::handleMember() {
 // whole.
 UntarRun::Step UntarRun::extractMember(bool& extracted) {
   using Choice = MemberPlacer::Choice;
-  switch (m_placer.choose(m_member, m_aim, m_io)) {
+  // It is told of with an event, which asks the log why.
+  if (m_member.isContinuation && !doUndone(true)) return Step::Fail;
+  Choice choice = Choice::LimitReached;
+  const bool isInOrder = inTurn([&](const Io& io) {
+    choice = m_placer.choose(m_member, m_aim, io);
+    return choice != Choice::LimitReached;
+  });
+  if (!isInOrder) return Step::Fail;
+  switch (choice) {
     case Choice::FilteredOut:
       if (m_log.verbose()) m_log.LogInfo("Skipping file because of match pattern.");
       return Step::GoOn;
@@ -293,14 +305,12 @@ UntarRun::Step UntarRun::copyMember() {
 // read then meets the end of the source.
 UntarRun::Step UntarRun::passOver(long long upTo) {
   m_filePosition = upTo;
-  if (m_cursor.moveTo(upTo)) return Step::GoOn;
-  if (m_io.isAborted()) m_io.fail(kAborted);
-  return Step::Fail;
-}
-
-UntarRun::Step UntarRun::failAborted() {
-  m_io.fail(kAborted);
-  return Step::Fail;
+  const bool isThere = inTurn([&](const Io& io) {
+    if (m_cursor.moveTo(upTo, io.log)) return true;
+    if (io.isAborted()) io.fail(kAborted);
+    return false;
+  });
+  return isThere ? Step::GoOn : Step::Fail;
 }
 
 }  // namespace morvane

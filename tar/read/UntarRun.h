@@ -65,15 +65,15 @@ class UntarRun {
   Step nextEntry();
   // Reads the next block and has the reader take it. False, with the reason in the log, when there is none or
   // it makes no sense.
-  bool readHeader(MemberReader::Found& found);
+  bool readHeader(MemberReader::Found& found, const Io& io);
   // Of what is no member: an extension record, whose data are read whole, up to MaxExtensionBytes, and given
   // to the reader, or an entry that is passed over.
   Step handleRecord(MemberReader::Found found);
-  bool takeRecord();
+  bool takeRecord(const Io& io);
   // A NUL stands behind them in `data`.
-  bool readRecord(DataBuffer& data);
+  bool readRecord(DataBuffer& data, const Io& io);
   // GNU's maps that go on behind the header, block by block.
-  bool passSparseMap();
+  bool passSparseMap(const Io& io);
   // Listed, announced, counted, then extracted or not.
   Step handleMember();
   // Chooses, and makes or copies. `extracted` is for a line of the debugging log.
@@ -104,8 +104,11 @@ class UntarRun {
   bool failWith(const char* message, const char* tag, const XString& value);
   // `upTo` in bytes from the archive's start.
   Step passOver(long long upTo);
-  // With the line that applications look for.
-  Step failAborted();
+  // MemberPlacer::inTurn with this engine's way to do again what workers could not do.
+  template <class Read>
+  bool inTurn(Read read) {
+    return m_placer.inTurn(m_io, read, [this] { return doUndone(true); });
+  }
 
   // Taken apart once, because every step needs them.
   const Context m_context;

@@ -83,7 +83,7 @@ bool XmlListingRun::nextHeader(TarHeader& header, Member& shown, XString& xml, b
   shown.exchangeHeader(header);
   toXmlEntry(shown, xml, hasData ? data.c_str() : nullptr,
              m_names.forCharset(m_live.now().charset, m_io.log));
-  return m_cursor.moveTo(saturatedSum(dataPosition, paddedSize(header.m_size)));
+  return m_cursor.moveTo(saturatedSum(dataPosition, paddedSize(header.m_size)), m_io.log);
 }
 
 // Cleared only when it was taken: a failed output leaves the rest for the caller to see.

@@ -21,7 +21,7 @@ struct Member;
 class XmlListingRun {
  public:
   XmlListingRun(_mvDataSource& source, LiveSettings<ReadSettings> settings, const Io& io)
-      : m_source(source), m_live(std::move(settings)), m_io(io), m_cursor(source, io.monitor, io.log) {
+      : m_source(source), m_live(std::move(settings)), m_io(io), m_cursor(source, io.monitor) {
     m_live.refresh();
   }
 

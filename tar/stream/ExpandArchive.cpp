@@ -49,15 +49,22 @@ bool expandArchive(const Codec& codec, _mvDataSource& source, _mvOutput& out, co
 bool extractArchive(const Codec& codec, _mvDataSource& source, StreamingUntar& engine,
                     const CodecOptions& options, long long maxRatio, const Io& io) {
   engine.beginBehind();
-  StreamSink sink(engine);
+  HeldLog said;
+  said.beginLike(io.log);
+  const bool isBehind = engine.writesBehind();
+  StreamSink direct(engine), ordered(engine, said, io);
   bool isExpanded = false;
   try {
-    isExpanded = expandArchive(codec, source, sink, options, maxRatio, io);
+    isExpanded = expandArchive(codec, source, isBehind ? ordered : direct, options, maxRatio,
+                               isBehind ? Io(said, io.monitor, io.event) : io);
   } catch (...) {
     engine.endBehindQuietly();
+    said.tellTo(io.log);
     throw;
   }
   const bool isPlaced = engine.endBehind(io);
+  // Where a file of before has failed, with one thread there would have been nothing more to say.
+  isPlaced ? said.tellTo(io.log) : io.log.LogError(StreamSink::kNextFailed);
   // Behind earlier files, whose lines come before those of the member that the data end in.
   if (!isExpanded) engine.namePart(io);
   return isPlaced && isExpanded;

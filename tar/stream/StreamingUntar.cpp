@@ -100,7 +100,7 @@ bool StreamingUntar::StreamingUntarNext(const unsigned char* data, unsigned numB
   while (!finished && !m_streamPending.isEmpty()) {
     const unsigned pendingBefore = m_streamPending.getSize();
     if (!streamingUntarInner(nullptr, 0, finished, pm, log)) {
-      log.LogError("Streaming untar failed (2)");
+      log.LogError(kStepFailed);
       m_streamOk = false;
       return false;
     }

@@ -79,6 +79,9 @@ class StreamingUntar {
   // still fails ends the run with its line: false. The entry that the pieces end in is a file in its turn.
   void beginBehind() { m_placer.beginBehind(); }
   bool endBehind(const Io& io);
+  bool writesBehind() const { return m_placer.writesBehind(); }
+  // Waits for what is under way, and says what of it cannot be done. False where that ends the run.
+  bool doUndoneOfAll(const Io& io) { return doUndone(true, io); }
   // The same behind an exception, of which nobody hears.
   void endBehindQuietly() noexcept;
   // Where no more of the archive comes: the member that it was cut in is named, if members are restored.
@@ -94,6 +97,7 @@ class StreamingUntar {
   // pull engine does neither.
   static constexpr MemberPlacer::Manner kManner{false, true, "creatingFile"};
 
+  static constexpr char kStepFailed[] = "Streaming untar failed (2)";
   // The ways in which bytes reach the output of an entry; messages number them.
   enum class Arrival {
     WholePiece = 1,  // straight from the producer

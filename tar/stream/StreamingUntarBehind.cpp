@@ -68,6 +68,8 @@ bool StreamingUntar::endBehind(const Io& io) {
   if (m_behindFile) releaseOutput();
   m_placer.finishBehind();
   m_streamOk &= ok;
+  // As it would have failed in its turn, within a step.
+  if (!ok) io.log.LogError(kStepFailed);
   return ok;
 }
 
