@@ -296,6 +296,35 @@ TEST(MvtarRemoveFiles, OnlyWhatIsInTheArchiveAsItIs) {
   // An archive that is not whole is no reason to remove anything.
   expectMvtar(dir, "-cf /dev/full --remove-files d", 2, "", "/dev/full: No space left on device");
   EXPECT_TRUE(exists(dir / "d/a"));
+  // Nor is one a reason whose program failed, whatever else was left out.
+  must(dir, "ln -s nowhere d/dangling");
+  expect(shell(dir, "mvtar -h -I 'sh -c \"cat >/dev/null; exit 3\"' -cf a --remove-files d"), 2, "",
+         "d/dangling: No such file or directory\nsh -c \"cat >/dev/null; exit 3\": ended with status 3");
+  EXPECT_TRUE(exists(dir / "d/a"));
+  // What is stored under another name stays, a directory too.
+  must(dir, R"(mkdir -p 'e\f')");
+  expectMvtar(dir, R"(-cf a --remove-files e\f)", 2, "",
+              R"(e\\f: a back slash cannot be stored; it becomes a slash)");
+  EXPECT_TRUE(exists(dir / R"(e\f)"));
+}
+
+// Small files are read long before their turn, and what is written into them meanwhile is in no archive.
+TEST(MvtarRemoveFiles, NothingGoesThatChangedBehindItsReading) {
+  ScratchDir dir;
+  must(dir,
+       "mkdir d && for i in {1..300}; do head -c 3000 /dev/zero > d/$i; done && touch -d '1 hour ago' d/*");
+  Running command(dir, "exec mvtar -cf - --remove-files d");
+  ASSERT_TRUE(command.waitsForReader());
+  // Half of them keep their size and their time.
+  must(dir, R"(for i in {1..300}; do
+                 if ((i % 2)); then echo more >> d/$i; else cp -p d/$i time && printf n | dd of=d/$i conv=notrunc \
+                   status=none && touch -r time d/$i; fi
+               done; cp -a d changed)");
+  EXPECT_EQ(2, command.end());
+  writeFile(dir / "a.tar", command.out);
+  must(dir,
+       "mkdir out && tar -xf a.tar -C out && [ $(ls d | wc -l) -gt 0 ] && "
+       "for i in {1..300}; do [ -e d/$i ] || cmp out/d/$i changed/$i || exit; done");
 }
 
 }  // namespace
