@@ -17,6 +17,8 @@ TEST(MvtarValues, Dates) {
   const std::string file = dir / "file";
   const std::pair<std::string, timespec> dates[] = {{"@0", {0, 0}},
                                                     {"@-1", {-1, 0}},
+                                                    {"@-1.5", {-2, 500000000}},
+                                                    {"@-0.25", {-1, 750000000}},
                                                     {"@1.25", {1, 250000000}},
                                                     {"@1,1234567891", {1, 123456789}},
                                                     {"1970-01-02", {86400, 0}},
@@ -28,6 +30,7 @@ TEST(MvtarValues, Dates) {
                                                     {"1970-01-02 03:04:05 UTC", {97445, 0}},
                                                     {"1970-01-02 03:04:05 +0100", {93845, 0}},
                                                     {"1970-01-02T03:04:05.5-01:30", {102845, 500000000}},
+                                                    {"1970-01-02 03:04:05 +1400", {47045, 0}},
                                                     {"2 Jan 1970", {86400, 0}},
                                                     {"2 Jan 1970 03:04:05", {97445, 0}},
                                                     {"Fri, 02 Jan 1970 03:04:05 +0000", {97445, 0}},
@@ -56,10 +59,12 @@ TEST(MvtarValues, Dates) {
     ASSERT_TRUE(then) << text;
     EXPECT_LE(std::llabs(then->tv_sec - time(nullptr) - offset), 2) << text;
   }
-  for (const char* text :
-       {"", " ", "@", "@x", "@1x", "1970", "1970-13-01", "1970-01-02x", "1970-01-02 +1", "25:00",
-        "1970-01-02 03:04:05 CET", "99999999999999999999 days ago", "3 fortnights", "./none"})
-    EXPECT_FALSE(mvtar::parseDateOrFile(text)) << text;
+  const char kNone[] =
+      "| |@|@x|@1x|1970|1970-13-01|1970-01-02x|1970-01-02 +1|25:00|1970-01-02 03:04:05 CET|"
+      "1970-01-02 +9999|1970-01-02 +0160|1970-01-02.5|1970-01-02 03:04.5|"
+      "@-9223372036854775808.5|99999999999999999999 days ago|-99999999999999999999 days|"
+      "3 fortnights|./none";
+  for (const std::string& text : split(kNone, '|')) EXPECT_FALSE(mvtar::parseDateOrFile(text)) << text;
   unsetenv("TZ");
 }
 
@@ -152,6 +157,8 @@ TEST(MvtarFilter, AProgramThatFailsIsAFailure) {
        "none-such: No such file or directory\n"},
       {"-I ./d -cf cut d; test $(stat -c %s cut) = 90000 && exit 2", 2, "./d: Permission denied\n"},
       {"-I cat -cf /dev/full d/b", 2, "cat: ended with status 1\n"}};
+  // Whoever calls may not care for his children.
+  expect(shell(dir, "env --ignore-signal=CHLD mvtar -I gzip -tf a.gz"), 0, "d/\nd/b\nd/f\n", "");
   for (const auto& [line, status, fact] : cases) {
     const CommandResult result = shell(dir, "mvtar " + line);
     EXPECT_EQ(status, result.status) << line << result.err;
@@ -223,6 +230,11 @@ TEST(MvtarCompare, EachKindOfDifference) {
   must(dir, "touch d/a");
   expectMvtar(dir, "-dvf a.tar d/a d/f d/sub", 1, "d/a\nd/a: the time differs\nd/f\nd/sub/\n");
   expectMvtar(dir, "-df a.tar --totals d/f d/sub", 0, "", "2 members, 588895 bytes");
+  // Missing or of another kind, a member counts as any other.
+  must(dir, "mkdir -p elsewhere/d/f");
+  expectMvtar(dir, "-C elsewhere -df a.tar --totals d/f d/sub", 1, "d/f: the kind differs\nd/sub/: missing\n",
+              "2 members, 588895 bytes");
+  expectMvtar(dir, "-C none -df a.tar --max-count=1 d/f d/sub", 1, "d/f: missing\n");
   // What was restored is the same.
   expectMvtar(dir, "-xpf p.gz -C out --strip-components=1", 0);
   expectMvtar(dir, "-df p.gz -C out --strip-components=1 --exclude=none", 0);
