@@ -17,12 +17,33 @@ static void answerSlowly(void) {
 
 // In C the mode stands behind the flags only where it is wanted; it does no harm where it is not. The C
 // library's own function of that name is looked up each time, which costs nothing beside a millisecond.
+static int openPathSlowly(const char* name, const char* path, int flags, mode_t mode) {
+  answerSlowly();
+  return ((int (*)(const char*, int, ...))dlsym(RTLD_NEXT, name))(path, flags, mode);
+}
+
 static int openSlowly(const char* name, int directory, const char* path, int flags, mode_t mode) {
   answerSlowly();
   return ((int (*)(int, const char*, int, ...))dlsym(RTLD_NEXT, name))(directory, path, flags, mode);
 }
 
-// Under both names, since a program that is built for large files calls the second.
+// Each under both names, since a program that is built for large files calls the second.
+int open(const char* path, int flags, ...) {
+  va_list list;
+  va_start(list, flags);
+  const mode_t mode = va_arg(list, mode_t);
+  va_end(list);
+  return openPathSlowly("open", path, flags, mode);
+}
+
+int open64(const char* path, int flags, ...) {
+  va_list list;
+  va_start(list, flags);
+  const mode_t mode = va_arg(list, mode_t);
+  va_end(list);
+  return openPathSlowly("open64", path, flags, mode);
+}
+
 int openat(int directory, const char* path, int flags, ...) {
   va_list list;
   va_start(list, flags);

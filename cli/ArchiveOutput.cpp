@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "cli/InterruptEvent.h"
+#include "cli/StandardStreams.h"
 #include "runtime/fs/OsFile.h"
 #include "runtime/log/LogCause.h"
 #include "runtime/progress/ProgressMonitor.h"
@@ -40,7 +41,7 @@ bool isNoTerminal(const CommandLine& line, Report& report) {
 
 // A descriptor of its own, because the OutputFile closes what it has, and messages may still be printed.
 std::unique_ptr<morvane::OutputFile> standardOutput(Report& report) {
-  morvane::OsFile file(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0));
+  morvane::OsFile file(furtherDescriptor(STDOUT_FILENO));
   if (!file.isOpen()) {
     report.problem(kStandardOutput, std::strerror(errno));
     return nullptr;

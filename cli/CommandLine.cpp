@@ -44,7 +44,8 @@ std::vector<option> longOptions() {
     const Option& row = kOptions[i];
     const bool isSynonym = !row.help && i > 0;
     if (!isSynonym) value = row.letter != '\0' ? row.letter : kFirstLongOnly + static_cast<int>(i);
-    all.push_back({row.name, argumentOf(row), nullptr, value});
+    // A null name would end the list.
+    if (row.name) all.push_back({row.name, argumentOf(row), nullptr, value});
   }
   all.push_back({nullptr, 0, nullptr, 0});
   return all;
@@ -144,7 +145,7 @@ class Parser {
     std::string candidates;
     const bool isLong = word.size() > 2 && word.compare(0, 2, "--") == 0;
     for (size_t i = 0; isLong && i < kOptionCount; ++i) {
-      const std::string name = std::string("--") + kOptions[i].name;
+      const std::string name = std::string("--") + (kOptions[i].name ? kOptions[i].name : "");
       if (name.compare(0, word.size(), word) == 0) candidates += (candidates.empty() ? "" : ", ") + name;
     }
     return candidates.empty() ? "unknown option '" + word + "'"

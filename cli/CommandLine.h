@@ -37,16 +37,18 @@ struct NameFile {
 // What of a member's nature is kept, as far as options say so. Writing and reading commands use the same
 // structure; an option that means nothing in one direction is passed over there.
 struct Keeping {
-  // All twelve bits as stored, of directories that are there already as well.
-  bool exactModes = false;  // -p
-  // --[no-]same-owner and --no-same-permissions. Whether the user is the superuser is asked when the words
-  // for the component are made.
-  std::optional<bool> owners, fullModes;  // not said: for the superuser
+  // -p: all twelve bits as stored, of directories that are there already as well; --no-same-permissions: less
+  // the umask. And --[no-]same-owner. Whether the user is the superuser is asked when the words for the
+  // component are made.
+  std::optional<bool> exactModes, owners;  // not said: for the superuser
+  // -o: what is extracted is the user's own, whatever --same-owner says, as other tars have it.
+  bool usersOwn = false;
   bool numericOwners = false;
   // -h: a symbolic link is archived as what it points at.
   bool followsLinks = false;
-  // Extended attributes and access lists; only pax has room for them.
-  bool attributes = false;
+  // --[no-]xattrs and --[no-]acls. Both kinds are kept or neither is; only pax has room for them.
+  std::optional<bool> xattrs, acls;
+  bool attributes() const { return xattrs.value_or(false) || acls.value_or(false); }
   bool times = true;
   // Unix seconds, 0 or more.
   std::optional<long long> reproducible;  // no time is later than this

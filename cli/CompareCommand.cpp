@@ -138,6 +138,8 @@ class CompareEvent : public MemberEvent {
     return local.empty() ? "." : local;
   }
 
+  // Each member counts, missing or not, with the size that it has in the archive: one whose data are about to
+  // be compared once they have been, any other here.
   void onSelected(const TarMemberInfo& member) override {
     m_path = m_line.changes.pathWhenReading(member.path);
     // --strip-components left nothing of it; extraction would pass it over, too.
@@ -148,12 +150,14 @@ class CompareEvent : public MemberEvent {
       return;
     }
     const std::string local = localPathOf(m_path);
-    const MemberKind& kind = kindOf(member);
-    const bool hasContents = kind.hasData();
-    // A file counts once its data have been compared, or cannot be; anything else counts here.
-    if (!hasContents) count(0);
     // Before anything that differs, so that the lines about a member follow its name.
     if (m_line.verbose) m_report.name(m_path);
+    compare(member, local);
+    if (!m_output.isOpen()) count(kindOf(member).hasData() ? member.realSize : 0);
+  }
+
+  void compare(const TarMemberInfo& member, const std::string& local) {
+    const MemberKind& kind = kindOf(member);
     struct stat status;
     if (lstat(local.c_str(), &status) != 0) {
       // Only these say that nothing is there. A directory that may not be searched says nothing about the
@@ -171,7 +175,7 @@ class CompareEvent : public MemberEvent {
       if (kind.type == S_IFLNK &&
           !hasTextOf(local, m_line.changes.transform.apply(member.linkPath, NameTransform::Of::SymbolicLink)))
         m_report.difference(m_path, "the link differs");
-      if (hasContents) compareContents(member, local, status);
+      if (kind.hasData()) compareContents(member, local, status);
     }
   }
 
@@ -210,11 +214,8 @@ class CompareEvent : public MemberEvent {
   // counts, because the component hands holes over as zeros and the file gives zeros for its own.
   void compareContents(const TarMemberInfo& member, const std::string& local, const struct stat& status) {
     if (status.st_size != member.realSize) {
-      // Counted at once, because without an open file its data are passed over and it is never begun.
-      count(member.realSize);
       m_report.difference(m_path, "the size differs");
     } else if (!m_output.open(local)) {
-      count(0);
       m_report.problem(m_path, std::strerror(errno));
     }
   }

@@ -14,7 +14,7 @@ constexpr const char* kExisting[] = {"replace", "keep", "skip", "newer"};
 
 // Attributes have a place in the pax format alone, so that asking for them chooses it.
 std::string CommandLine::formatToWrite() const {
-  return !format.empty() ? format : keeping.attributes ? "pax" : "gnu";
+  return !format.empty() ? format : keeping.attributes() ? "pax" : "gnu";
 }
 
 // What a name promises that can only be read (.Z) is refused before.
@@ -27,7 +27,7 @@ morvane::Compression CommandLine::compressionToWrite() const {
 std::string CommandLine::writingWords() const {
   std::string words = "Profile=usual,OpenBeforeEvent,MemberEvents,Threads=0";
   // Not by default: reading them costs calls for each file, and few archives want them.
-  if (keeping.attributes) words += ",Store=usual+xattr";
+  if (keeping.attributes()) words += ",Store=usual+xattr";
   if (keeping.numericOwners) words += ",OwnerBy=id";
   if (keeping.followsLinks) words += ",FollowLinks";
   if (keeping.reproducible) words += ",Reproducible=" + std::to_string(*keeping.reproducible);
@@ -44,13 +44,13 @@ std::string CommandLine::readingWords() const {
   const bool isRoot = geteuid() == 0 && !untrusted;
   std::string parts = "mode+link+sparse";
   if (keeping.times) parts += "+time";
-  if (keeping.exactModes || keeping.fullModes.value_or(isRoot)) parts += "+fullmode";
-  if (keeping.owners.value_or(isRoot)) parts += "+owner";
+  if (keeping.exactModes.value_or(isRoot)) parts += "+fullmode";
+  if (!keeping.usersOwn && keeping.owners.value_or(isRoot)) parts += "+owner";
   if (!untrusted) parts += "+special";
-  if (keeping.attributes) parts += "+xattr";
+  if (keeping.attributes()) parts += "+xattr";
   words += ",Restore=" + parts;
   // -p is meant for directories that are there already as well.
-  if (keeping.exactModes) words += ",ExistingDirectories=settle";
+  if (keeping.exactModes.value_or(false)) words += ",ExistingDirectories=settle";
   if (keeping.numericOwners) words += ",OwnerBy=id";
   if (existing != Existing::Replace)
     words += std::string(",ExistingFiles=") + kExisting[static_cast<size_t>(existing)];

@@ -57,7 +57,7 @@ CreateEvent::CreateEvent(Report& report, ProgressBar& bar, morvane::ClsTar& tar,
       m_newest(newest),
       m_excluded({}, {}, line.excludes),
       m_selection({}, line.matches, line.excludes),
-      m_removals(line.removesFiles) {}
+      m_removals(line.removesFiles, line.keeping.followsLinks) {}
 
 // A signal only sets a flag; the component asks for it between pieces.
 void CreateEvent::onAbortCheck(bool& abort) { abort = isInterrupted(); }
@@ -95,7 +95,7 @@ void CreateEvent::onTarMember(morvane::TarMember& member) {
     member.skip = true;
     return;
   }
-  m_removals.begin(member.localPath, m_isDirectory);
+  m_removals.begin(member);
   m_isBegun = true;
   m_size = member.size;
 }
@@ -233,7 +233,7 @@ void CreateEvent::noteUnreadable(const std::string& path) {
     return;
   }
   // What cannot even be looked at is offered to nobody before.
-  if (m_excluded.excludes(m_sources.givenPath(path))) {
+  if (isExcluded(m_sources.archivePath(path), m_sources.givenPath(path))) {
     m_unwantedMissed = true;
     return;
   }

@@ -9,13 +9,15 @@
 #include <cerrno>
 #include <cstdlib>
 #include <initializer_list>
+#include <limits>
 #include <string_view>
 
 namespace mvtar {
 
 namespace {
 
-constexpr int kHour = 3600, kDay = 24 * kHour, kNoon = 12;
+constexpr long kNanoseconds = 1000 * 1000 * 1000;  // in a second
+constexpr int kMinute = 60, kHour = 60 * kMinute, kDay = 24 * kHour, kNoon = 12;
 
 // Between a time and its zone people write a blank or none.
 const char* withoutBlanks(const char* text) {
@@ -28,7 +30,7 @@ const char* withoutBlanks(const char* text) {
 long parseFraction(const char*& at) {
   if (*at != '.' && *at != ',') return 0;
   long nanoseconds = 0;
-  long unit = 100 * 1000 * 1000;
+  long unit = kNanoseconds / 10;
   for (++at; *at >= '0' && *at <= '9'; ++at, unit /= 10) nanoseconds += (*at - '0') * unit;
   return nanoseconds;
 }
@@ -52,16 +54,20 @@ std::optional<int> parseZone(const char* at) {
   if (digits.size() == 2) digits += "00";
   if (digits.size() != 4) return std::nullopt;
   const int number = std::atoi(digits.c_str());
-  return sign * (number / 100 * kHour + number % 100 * 60);
+  const int inHour = number % 100 * kMinute, seconds = number / 100 * kHour + inHour;
+  // A day is more than any zone is away.
+  if (inHour >= kHour || seconds > kDay) return std::nullopt;
+  return sign * seconds;
 }
 
-// One form, and behind it perhaps a fraction; then a zone or nothing. A time that is no time of the local
-// clock (a leap of it) is moved by mktime, as everywhere.
-std::optional<timespec> parseForm(const char* text, const char* form) {
+// One form, and behind seconds perhaps a fraction of them; then a zone or nothing. A time that is no time of
+// the local clock (a leap of it) is moved by mktime, as everywhere.
+std::optional<timespec> parseForm(const char* text, std::string_view form) {
   tm parts{};
-  const char* at = strptime(text, form, &parts);
+  const char* at = strptime(text, form.data(), &parts);
   if (!at) return std::nullopt;
-  const long nanoseconds = parseFraction(at);
+  const bool endsInSeconds = form.substr(form.size() - 2) == "%S";
+  const long nanoseconds = endsInSeconds ? parseFraction(at) : 0;
   // strptime takes 31 for any month, and timegm would then make it a day of the next one. It is asked about
   // noon, because its -1 for an error is also the last second of 1969, which is not at noon.
   tm day = parts;
@@ -91,7 +97,8 @@ std::optional<timespec> parseDateOutput(const std::string& text) {
 }
 
 // "@1700000000.5", the form of `date +@%s.%N`. strtoll tells by errno alone that a number does not fit; a cut
-// one would be a date that nobody wrote.
+// one would be a date that nobody wrote. Behind a minus the fraction counts back, "-0.5" too, and nanoseconds
+// count forward from the second before.
 std::optional<timespec> parseSeconds(const char* text) {
   char* end = nullptr;
   const char* const digits = text + 1;
@@ -102,7 +109,9 @@ std::optional<timespec> parseSeconds(const char* text) {
   if (at == digits || errno == ERANGE) return std::nullopt;
   time.tv_nsec = parseFraction(at);
   if (*at != '\0') return std::nullopt;
-  return time;
+  if (time.tv_nsec == 0 || std::find(digits, static_cast<const char*>(end), '-') == end) return time;
+  if (time.tv_sec == std::numeric_limits<time_t>::min()) return std::nullopt;
+  return timespec{time.tv_sec - 1, kNanoseconds - time.tv_nsec};
 }
 
 // Words, and a number of units before or behind now: "3 days ago", "1 hour". Days are 24 hours here, whatever
@@ -120,13 +129,14 @@ std::optional<timespec> parseRelative(const std::string& text) {
   constexpr struct {
     const char* word;
     int seconds;
-  } kUnits[] = {{"second", 1},   {"sec", 1},    {"minute", 60},    {"min", 60},
+  } kUnits[] = {{"second", 1},   {"sec", 1},    {"minute", kMinute}, {"min", kMinute},
                 {"hour", kHour}, {"day", kDay}, {"week", 7 * kDay}};
   char* end = nullptr;
   // The bound keeps the product with a week's seconds far from overflow; 100 million seconds are over three
   // years, and of larger units it is more than anybody asks for.
   const long long count = std::strtoll(text.c_str(), &end, 10);
-  if (end == text.c_str() || std::llabs(count) > 100 * 1000 * 1000) return std::nullopt;
+  constexpr long long kMost = 100 * 1000 * 1000;
+  if (end == text.c_str() || count < -kMost || count > kMost) return std::nullopt;
   // Behind a number with a blank or without one: "3days" and "3 days".
   std::string unit = withoutBlanks(end);
   constexpr std::string_view kAgo = " ago";
@@ -147,11 +157,11 @@ std::optional<timespec> parseDate(const std::string& text) {
   if (!text.empty() && text[0] == '@') return parseSeconds(text.c_str());
   // ISO 8601, the same with slashes, mail headers (RFC 5322), and `date` in English. Names of days and months
   // go by the C locale, which this process has for them.
-  constexpr const char* kForms[] = {
+  constexpr std::string_view kForms[] = {
       "%Y-%m-%dT%H:%M:%S",   "%Y-%m-%d %H:%M:%S", "%Y-%m-%dT%H:%M",        "%Y-%m-%d %H:%M",    "%Y-%m-%d",
       "%Y/%m/%d %H:%M:%S",   "%Y/%m/%d",          "%a, %d %b %Y %H:%M:%S", "%d %b %Y %H:%M:%S", "%d %b %Y",
       "%a %b %d %H:%M:%S %Y"};
-  for (const char* const form : kForms) {
+  for (const std::string_view form : kForms) {
     if (const auto time = parseForm(text.c_str(), form)) return time;
   }
   const auto printed = parseDateOutput(text);

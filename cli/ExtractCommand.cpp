@@ -1,4 +1,5 @@
 // mvtar -x
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <map>
@@ -12,6 +13,7 @@
 #include "cli/MemberKind.h"
 #include "cli/ReadArchive.h"
 #include "runtime/progress/TarMember.h"
+#include "tar/format/EntryPath.h"
 #include "tar/place/ExtractTarget.h"
 
 namespace mvtar {
@@ -52,8 +54,13 @@ class ExtractEvent : public MemberEvent {
   // Behind the selection, so that patterns are tested on the name before it is changed. What is left without
   // a name is not begun after all.
   void onTarMember(morvane::TarMember& member) override {
+    const std::string before = member.path;
     m_line.changes.applyReading(member);
     if (member.skip || member.path.empty()) drop();
+    // From here on it is told of by the path that the component's rules make of the new one.
+    if (member.path == before) return;
+    m_entryPath = morvane::leftOfEntryPath(member.path, m_line.stripPaths, !m_line.keepNames);
+    std::replace(m_entryPath.begin(), m_entryPath.end(), '\\', '/');
   }
 
   // What was begun and not made is dropped from the count before it is told; a member whose times could not

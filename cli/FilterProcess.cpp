@@ -13,6 +13,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "cli/ArchiveName.h"
 #include "cli/Interrupt.h"
@@ -151,13 +152,14 @@ int FilterProcess::start(std::vector<std::string> words, int other, bool writes,
 // The wait is broken by an interrupt, and then by the timer's knocks until the program has ended.
 bool FilterProcess::finish(bool mayBreakOff, Report& report) {
   if (!isRunning()) return true;
+  // Given up in any case: what cannot be waited for is no child any more, and its number may be another's.
+  const pid_t pid = std::exchange(m_pid, -1);
   int status = 0;
-  while (waitpid(m_pid, &status, 0) < 0) {
+  while (waitpid(pid, &status, 0) < 0) {
     if (errno != EINTR) return report.problem(m_program, std::strerror(errno)), false;
     // Whoever interrupts the command wants the whole of it to end.
-    if (isInterrupted()) kill(m_pid, SIGTERM);
+    if (isInterrupted()) kill(pid, SIGTERM);
   }
-  m_pid = -1;
   // A reader that stops early closes the pipe, and SIGPIPE is how a program that still writes hears of it.
   const bool brokeOff = WIFSIGNALED(status) && WTERMSIG(status) == SIGPIPE;
   if (status == 0 || (mayBreakOff && brokeOff)) return true;

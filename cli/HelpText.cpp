@@ -1,6 +1,7 @@
 // The texts of mvtar --help. What there is of options comes from their table; the first screen is written by
 // hand, since it is a choice.
 #include <algorithm>
+#include <iterator>
 
 #include "cli/Help.h"
 #include "cli/OptionTable.h"
@@ -49,6 +50,7 @@ constexpr struct {
                {OptionGroup::Existing, "What is there already"},
                {OptionGroup::Shown, "What is shown"},
                {OptionGroup::Component, "The component"}};
+static_assert(std::size(kTitles) == static_cast<size_t>(OptionGroup::Count), "a group has no heading");
 
 // "[=VALUE]" for one that may be left out, as getopt_long takes it: only with the "=" and in the same word.
 std::string valueOf(const Option& row) {
@@ -58,15 +60,17 @@ std::string valueOf(const Option& row) {
   return row.takes == Option::Takes::MayTakeValue ? "[" + value + "]" : value;
 }
 
+std::string longNameOf(const Option& row) { return row.name ? std::string("--") + row.name : ""; }
+
 // "  -f, --file=ARCHIVE     sentence", the sentence on a line of its own where names are long. Other names of
 // the option are the rows that follow this one in the table, which is why `row` has to be an element of it.
 std::string lineOf(const Option& row, size_t synonyms) {
   // Two blanks at least stand between the names and the sentence.
   constexpr size_t kSentenceAt = 30;
   // Long names stand in one column, also where there is no letter.
-  std::string line = row.letter != '\0' ? std::string("  -") + row.letter + ", " : "      ";
-  line += std::string("--") + row.name + valueOf(row);
-  for (size_t i = 1; i <= synonyms; ++i) line += std::string(", --") + (&row)[i].name;
+  std::string line = row.letter != '\0' ? std::string("  -") + row.letter + (row.name ? ", " : "") : "      ";
+  line += longNameOf(row) + valueOf(row);
+  for (size_t i = 1; i <= synonyms; ++i) line += ", " + longNameOf((&row)[i]);
   line += line.size() + 2 > kSentenceAt ? "\n" + std::string(kSentenceAt, ' ')
                                         : std::string(kSentenceAt - line.size(), ' ');
   return line + row.help + "\n";
@@ -100,7 +104,7 @@ std::string tableOfOptions() {
     if (row.help) help = row.help;
     if (row.letter != '\0') text += std::string("-") + row.letter;
     // Every row has all five columns, however many of them are empty: readers count tabs.
-    text += std::string("\t--") + row.name + "\t";
+    text += "\t" + longNameOf(row) + "\t";
     text += row.takes == Option::Takes::Nothing ? "" : row.takes == Option::Takes::Value ? "=" : "[=]";
     text += std::string("\t") + (row.value ? row.value : "") + "\t" + help + "\n";
   }

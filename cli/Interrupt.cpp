@@ -5,6 +5,7 @@
 
 #include <unistd.h>
 
+#include <atomic>
 #include <csignal>
 #include <ctime>
 #include <initializer_list>
@@ -30,15 +31,18 @@ void onInterrupt(int signal) {
   timer_settime(g_timer, 0, &knocks, nullptr);
 }
 
-// Put together beforehand: a handler must not allocate.
-// The first text is a literal, because before main there is nobody to tell that memory ran out.
-std::string g_lastLine;
-std::string_view g_lastText = "mvtar: interrupted, and ended in the midst of it\n";
+// Put together beforehand, because a handler must not allocate, and never freed: a handler may run while it
+// is exchanged, and behind main, where a string of this file would be gone. Null: the usual one.
+std::atomic<const std::string*> g_lastLine{nullptr};
+static_assert(std::atomic<const std::string*>::is_always_lock_free, "a handler must not wait");
 
 // Only what may be called from a handler. 128 and the signal's number is what a shell makes of a process that
 // a signal ended.
 void endAtOnce(int signal) {
-  const ssize_t written = write(STDERR_FILENO, g_lastText.data(), g_lastText.size());
+  constexpr std::string_view kUsual = "mvtar: interrupted, and ended in the midst of it\n";
+  const std::string* const line = g_lastLine;
+  const std::string_view text = line ? std::string_view(*line) : kUsual;
+  const ssize_t written = write(STDERR_FILENO, text.data(), text.size());
   (void)written;
   _exit(128 + signal);
 }
@@ -70,10 +74,12 @@ void handleInterrupts(void (*handler)(int)) {
 
 }  // namespace
 
-// SIGALRM first: the timer's signal would end the process without it. Where no timer can be had interrupts
+// SIGALRM first: the timer's signal would end the process without it. Children that end unheeded, where the
+// caller ignored SIGCHLD, would leave no status to wait for. Where no timer can be had interrupts
 // work all the same, but for one that falls between the question and the wait.
 void catchInterrupts() {
   handle(SIGALRM, onKnock);
+  handle(SIGCHLD, SIG_DFL);
   for (const int refusal : {SIGPIPE, SIGXFSZ})
     handle(refusal, SIG_IGN);  // a closed pipe or a limit is a failed write
   g_hasTimer = timer_create(CLOCK_MONOTONIC, nullptr, &g_timer) == 0;
@@ -82,8 +88,7 @@ void catchInterrupts() {
 
 // An interrupt that came just before is not lost.
 void endOnInterrupt(const std::string& line) {
-  g_lastLine = line + "\n";
-  g_lastText = g_lastLine;
+  g_lastLine = new std::string(line + "\n");
   handleInterrupts(endAtOnce);
   if (isInterrupted()) endAtOnce(g_signal);
 }

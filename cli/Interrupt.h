@@ -8,7 +8,8 @@ namespace mvtar {
 // From here on an interrupt does not end the process at once: SIGINT, SIGTERM and SIGHUP set what
 // isInterrupted tells and break waits, which fail with EINTR. Where a timer can be had, a process that has
 // not ended within five seconds is ended. A signal that was ignored when the process began stays ignored.
-// SIGPIPE and SIGXFSZ become failed writes. SIGALRM is the timer's. To be called once.
+// SIGPIPE and SIGXFSZ become failed writes, and SIGCHLD is what it is by default. SIGALRM is the timer's. To
+// be called once.
 void catchInterrupts();
 // From here on it does, with this line said; for work that is not asked whether to abort. The line goes to
 // standard error, and the status is interruptStatus().

@@ -175,12 +175,12 @@ std::string NameTransform::substitute(const Step& step, const std::string& text)
     regmatch_t groups[kGroups];
     // "^" is the beginning of the name alone, not of what is left of it.
     if (regexec(step.regex.get(), at, kGroups, groups, at == text.c_str() ? 0 : REG_NOTBOL) != 0) break;
+    if (result.size() > kLongest) break;
     const regoff_t from = groups[0].rm_so, to = groups[0].rm_eo;
     result.append(at, static_cast<size_t>(from));
     const bool isEmpty = from == to;
     // One that does not count is passed over like the text between two matches.
     const bool counts = !(isEmpty && from == 0 && behindMatch);
-    if (result.size() > kLongest) break;
     const bool replaces = counts && ++count >= step.first && (step.all || count == step.first);
     if (replaces) {
       appendReplacement(step.to, at, groups, result);

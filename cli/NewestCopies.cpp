@@ -41,13 +41,13 @@ bool findNewestCopies(const CommandLine& line, NewestCopies& newest, Report& rep
   ReadJob job(line, true);
   if (!job.archive.open(line, report)) return false;
   if (!job.archive.isPlain()) return true;
-  morvane::XString path(line.archive);
   // The words of a reading command, so that names and times come as records have them, fractions of a second
   // among them.
   job.tar.put_UncommonOptions(line.readingWords().c_str());
   CopiesEvent event(newest);
   if (job.tar.VerifyTar(job.archive.source(), &event)) return true;
-  report.failure(job.tar, line.archive);
+  // Who asked says what an interrupt ended.
+  if (!isInterrupted()) report.failure(job.tar, line.archive);
   return false;
 }
 

@@ -7,14 +7,15 @@ namespace mvtar {
 
 class OptionValues;
 
-// Where the help lists an option, in this order. It means nothing to the parser.
-enum class OptionGroup { Mode, Archive, Compression, Which, Names, Kept, Existing, Shown, Component };
+// Where the help lists an option, in this order. It means nothing to the parser. Count is no group, but how
+// many there are.
+enum class OptionGroup { Mode, Archive, Compression, Which, Names, Kept, Existing, Shown, Component, Count };
 
 // A row. All texts are literals, and valid for ever. A row without a sentence is another name of the row
 // before it, and does the same; the parser, the help and the completions rely on it standing there.
 struct Option {
   char letter;       // '\0': none
-  const char* name;  // the long one
+  const char* name;  // the long one; null: none, and then it has a letter and is no other name of a row
   // Whether a value has to stand behind it, may stand behind a "=", or is refused.
   enum class Takes { Nothing, Value, MayTakeValue } takes;
   // What the value is called in the help; null: none. "a|b" are the values there are; "DIR" and words that

@@ -301,7 +301,7 @@ bool OptionValues::checkArchive() {
   if (m_hasLevel && mode == Mode::Create && !hasLevels(m_line)) return wrong("--level goes with zstd and xz");
   // By what the archive is going to be, because zstd takes more of them.
   constexpr int kMostOfXz = 9;
-  if (m_level > kMostOfXz && m_line.compressionToWrite() == morvane::Compression::Xz)
+  if (m_level > kMostOfXz && mode == Mode::Create && m_line.compressionToWrite() == morvane::Compression::Xz)
     return wrong("levels of xz are 1 to 9");
   // A package on standard output has to be asked for by "-f -": nobody wants one on the screen by oversight.
   if (!m_line.archiveIsGiven && mode == Mode::Deb) return wrong("--deb needs option '-f'");
@@ -348,6 +348,10 @@ bool OptionValues::checkModes() {
          only(m_line.changes.clampsTime, m_line.changes.mtime.has_value(),
               "--clamp-mtime goes with --mtime") &&
          only(m_line.removesFiles, writes, "--remove-files goes with -c") &&
+         only(m_line.keeping.usersOwn, mode != Mode::Create,
+              "-o goes with -x; the old format that it means elsewhere with -c is not written") &&
+         only(m_line.keeping.xattrs && m_line.keeping.acls, m_line.keeping.xattrs == m_line.keeping.acls,
+              "attributes and access lists are kept together or not at all") &&
          only(m_line.existing != Existing::Replace, mode == Mode::Extract,
               "-k, --skip-old-files and --keep-newer-files go with -x") &&
          only(m_line.xml || m_line.json, mode == Mode::List,

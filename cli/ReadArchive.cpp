@@ -57,14 +57,14 @@ bool ArchiveReader::openStandardInput(Report& report) {
     report.problem(kStandardInput, "an archive is not read from a terminal");
     return false;
   }
-  if (m_source.adopt(OsFile(dup(STDIN_FILENO)), kStandardInput, log)) return true;
+  if (m_source.adopt(OsFile(furtherDescriptor(STDIN_FILENO)), kStandardInput, log)) return true;
   report.problem(kStandardInput, log.cause().reason);
   return false;
 }
 
 // The program gets the file itself; what it expands is read from a pipe.
 bool ArchiveReader::openThroughProgram(const CommandLine& line, Report& report) {
-  OsFile file(line.usesStandardStream() ? dup(STDIN_FILENO)
+  OsFile file(line.usesStandardStream() ? furtherDescriptor(STDIN_FILENO)
                                         : ::open(line.archive.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
   if (!file.isOpen()) {
     report.problem(line.archive, std::strerror(errno));

@@ -1,24 +1,29 @@
 // --remove-files: sources that go once they are safe in the archive.
 #pragma once
 
-#include <sys/stat.h>
-
 #include <set>
 #include <string>
 #include <vector>
 
 #include "cli/Report.h"
+#include "runtime/fs/mvFileInfo.h"
+
+namespace morvane {
+struct TarMember;
+}
 
 namespace mvtar {
 
-// Gathers what was archived whole, as it was then. Nothing is removed before `removeAll`. CreateEvent calls
-// begin and settle for each member, in the order of the archive; switched off, every call does nothing.
+// Gathers what was archived whole, as it was when the component looked at it for the archive. Nothing is
+// removed before `removeAll`. CreateEvent calls begin and settle for each member, in the order of the
+// archive; switched off, every call does nothing.
 class RemoveSources {
  public:
-  explicit RemoveSources(bool isOn) : m_isOn(isOn) {}
+  // `followsLinks`: what links point at is archived in their place.
+  RemoveSources(bool isOn, bool followsLinks) : m_isOn(isOn), m_followsLinks(followsLinks) {}
 
-  // A source's turn has come; it is archived. One that was begun and not settled is forgotten.
-  void begin(const std::string& path, bool isDirectory);
+  // The member's source is archived. One that was begun and not settled is forgotten.
+  void begin(const morvane::TarMember& member);
   // The source that was begun is in the archive.
   void settle();
   // This one, or any, was not archived as it is. Of one source it may be said before it is settled or behind.
@@ -36,7 +41,8 @@ class RemoveSources {
     std::string path;
     // Removed by rmdir, behind all files.
     bool isDirectory = false;
-    struct stat status {};  // as it was when it was about to be read
+    // As it was when the archive got it; a link that was followed, as it was in its turn.
+    morvane::mvFileInfo status;
   };
 
   // One of them. What is not there any more is no problem.
@@ -44,13 +50,14 @@ class RemoveSources {
 
   // Set by --remove-files and switched off by dropAll. While it is off no call does anything.
   bool m_isOn;
+  const bool m_followsLinks;
   // Whether a source was begun that has not been settled.
   bool m_isBegun = false;
   // Only of meaning while m_isBegun.
   Source m_current;
   // In the order of the archive: a directory in front of what is in it.
   std::vector<Source> m_sources;
-  // Paths of files that stay.
+  // Paths of what stays.
   std::set<std::string> m_dropped;
 };
 

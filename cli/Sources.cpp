@@ -44,6 +44,15 @@ std::string Sources::givenPath(const std::string& localPath) const {
   return localPath;
 }
 
+// Operands go by the same rules, part by part.
+std::string Sources::archivePath(const std::string& localPath) const {
+  return joinNames(m_prefix, archiveNameOf(givenPath(localPath), m_line.keepNames).name);
+}
+
+bool Sources::isOperand(const std::string& localPath) const {
+  return m_given.count(withoutSlashes(localPath)) > 0;
+}
+
 // What a path is called in the archive. What is left off is said, once for as long as it is the same.
 std::string Sources::nameOf(const std::string& path) {
   const ArchiveName stored = archiveNameOf(path, m_line.keepNames);

@@ -23,13 +23,14 @@ class Sources {
   // Hands the operands to the component, in the order of the line. What is missing, or cannot be archived
   // under its name, is named and left out. To be called once.
   void add();
-  // How many were added; an operand that was given twice counts once.
-  size_t count() const { return m_given.size(); }
   // What a source is called as the operands were given: without the directory of a -C.
   // Patterns are tried on it beside the archive's path, because it is what the person typed.
   std::string givenPath(const std::string& localPath) const;
-  // Whether a source is one of the operands itself, rather than something below one.
-  bool isOperand(const std::string& localPath) const { return m_given.count(localPath) > 0; }
+  // What a source is called in the archive, --transform aside.
+  std::string archivePath(const std::string& localPath) const;
+  // Whether a source is one of the operands itself, rather than something below one; with or without slashes
+  // at its end.
+  bool isOperand(const std::string& localPath) const;
 
  private:
   // The name in the archive, and a notice of what was left off.

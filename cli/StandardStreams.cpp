@@ -2,6 +2,7 @@
 // write that failed. Used by the command's one thread.
 #include "cli/StandardStreams.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
 
@@ -74,5 +75,7 @@ int StandardOutput::error() { return g_error; }
 
 // Not being able to say something is nothing that could be said.
 void writeToStandardError(std::string_view text) { (void)writeWhole(STDERR_FILENO, text); }
+
+int furtherDescriptor(int standardStream) { return fcntl(standardStream, F_DUPFD_CLOEXEC, 0); }
 
 }  // namespace mvtar

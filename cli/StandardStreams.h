@@ -24,4 +24,8 @@ class StandardOutput {
 // wait for a reader.
 void writeToStandardError(std::string_view text);
 
+// A further descriptor of a standard stream, for whoever closes what he has; closed on exec, so that no
+// program inherits it. -1 with errno when there is none.
+int furtherDescriptor(int standardStream);
+
 }  // namespace mvtar

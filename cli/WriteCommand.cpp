@@ -46,19 +46,30 @@ bool writeAs(Compression compression, ClsTar& tar, Place& place, morvane::Progre
   return tar.WriteTar(place, &event);
 }
 
+// What came of a write.
+struct Written {
+  bool ok = false;        // everything
+  bool isClosed = false;  // the archive is whole and closed, whatever was left out of it
+};
+
+// Behind the component's call, with the result of what the command had to close itself.
+Written behind(const ClsTar& tar, bool written, bool closed = true) {
+  return {written && closed, closed && (written || tar.get_OnlyLeftOut())};
+}
+
 // Through a program, which writes into the archive's file or standard output. The archive is whole only if
 // both are: the program's status counts like a failed write.
-bool writeThroughProgram(ClsTar& tar, const CommandLine& line, CreateEvent& event, Report& report) {
+Written writeThroughProgram(ClsTar& tar, const CommandLine& line, CreateEvent& event, Report& report) {
   // An archive that is there is not given up for a program that is not.
-  if (!FilterProcess::canStart(line.filterProgram, report)) return false;
+  if (!FilterProcess::canStart(line.filterProgram, report)) return {};
   std::unique_ptr<OutputFile> file = archiveFile(line, report);
-  if (!file) return false;
+  if (!file) return {};
   // The component writes into the pipe and cannot know which file is the archive; only the command does.
   struct stat archive;
   if (fstat(file->descriptor(), &archive) == 0 && S_ISREG(archive.st_mode)) event.leaveOut(archive);
   FilterProcess program;
   const int toProgram = program.startWriting(line.filterProgram, file->descriptor(), report);
-  if (toProgram < 0) return false;
+  if (toProgram < 0) return {};
   std::unique_ptr<OutputFile> out(OutputFile::adopt(morvane::OsFile(toProgram), line.filterProgram.c_str()));
   // The program is ended and the file closed on this way out as well, by their destructors.
   if (!out) throw std::bad_alloc();
@@ -68,27 +79,30 @@ bool writeThroughProgram(ClsTar& tar, const CommandLine& line, CreateEvent& even
   const bool written = tar.WriteTar(*out, &event);
   const bool closed = closeOutput(*out, line.filterProgram, report);
   const bool ended = program.finish(false, report);
-  return closeOutput(*file, line.archive, report) && ended && closed && written;
+  return behind(tar, written, closeOutput(*file, line.archive, report) && ended && closed);
 }
 
 // To a path, the component opens and closes the file; standard output is the command's to close, and the
 // result counts only behind that.
-bool write(ClsTar& tar, const CommandLine& line, CreateEvent& event, Report& report) {
+Written write(ClsTar& tar, const CommandLine& line, CreateEvent& event, Report& report) {
   const XString path(line.archive);
-  if (line.mode != Mode::Create) return tar.AppendTar(path, &event);
+  if (line.mode != Mode::Create) return behind(tar, tar.AppendTar(path, &event));
   if (!line.filterProgram.empty()) return writeThroughProgram(tar, line, event, report);
   const Compression compression = line.compressionToWrite();
-  if (!line.usesStandardStream()) return writeAs(compression, tar, path, event);
+  if (!line.usesStandardStream()) return behind(tar, writeAs(compression, tar, path, event));
   const std::unique_ptr<OutputFile> out = standardOutput(report);
-  if (!out) return false;
+  if (!out) return {};
   const bool written = writeAs(compression, tar, *out, event);
-  return closeOutput(*out, kStandardOutput, report) && written;
+  return behind(tar, written, closeOutput(*out, kStandardOutput, report));
 }
 
-// What became of the archive that an interrupt ended.
-const char* interruptedText(const CommandLine& line) {
-  return line.mode == Mode::Create ? "interrupted; the archive is incomplete"
-                                   : "interrupted; the archive is as it was";
+// Says what became of the archive; the status. A signal may come behind the last question whether to abort,
+// when the archive is there and done.
+int endInterrupted(const CommandLine& line, Report& report, bool isClosed) {
+  report.notice(line.archive, isClosed                    ? "interrupted; the archive is complete"
+                              : line.mode == Mode::Create ? "interrupted; the archive is incomplete"
+                                                          : "interrupted; the archive is as it was");
+  return interruptStatus();
 }
 
 }  // namespace
@@ -103,7 +117,8 @@ int writeArchive(CommandLine& line) {
   if (!isNoTerminal(line, report)) return report.finish();
   NewestCopies newest;
   // Before the sources are looked at: without the newest copies nothing could be said of any of them.
-  if (line.mode == Mode::Update && !findNewestCopies(line, newest, report)) return report.finish();
+  if (line.mode == Mode::Update && !findNewestCopies(line, newest, report))
+    return isInterrupted() ? endInterrupted(line, report, false) : report.finish();
   ClsTar tar;
   // What is named as missing here makes the status 2, but the rest is archived all the same.
   Sources sources(line, report, tar);
@@ -114,21 +129,16 @@ int writeArchive(CommandLine& line) {
   tar.put_UncommonOptions(
       (line.writingWords() + (bar.mayBeShown() ? "" : ",NoTotal") + line.options).c_str());
   CreateEvent event(report, bar, tar, line, sources, newest);
-  bool ok = write(tar, line, event, report);
-  // What was archived may be removed although something else was left out. It may not where the archive
-  // itself failed.
-  const bool isClosed = ok || tar.get_OnlyLeftOut();
-  if (event.missedOnlyUnwanted() && tar.get_OnlyLeftOut()) ok = true;
+  auto [ok, isClosed] = write(tar, line, event, report);
+  ok = ok || (isClosed && event.missedOnlyUnwanted());
   bar.clear();
   if (line.printLog) report.log(tar);
   // Whatever the write returned: a signal explains it better than the reason that the component has.
-  if (isInterrupted()) {
-    report.notice(line.archive, interruptedText(line));
-    return interruptStatus();
-  }
-  if (cameToTheEnd(tar, ok)) event.settle();
+  if (isInterrupted()) return endInterrupted(line, report, isClosed);
+  if (isClosed) event.settle();
   if (!ok) report.failure(tar, line.archive);
-  // Behind everything else that can fail, since nothing brings a removed file back.
+  // Behind everything else that can fail, since nothing brings a removed file back. What was archived may go
+  // although something else was left out; it may not where the archive itself failed.
   if (isClosed) event.removals().removeAll(report);
   if (line.totals) report.totals(event.members(), event.bytes());
   return report.finish();

@@ -5,7 +5,9 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <exception>
+#include <memory>
 #include <new>
 #include <string>
 
@@ -70,7 +72,11 @@ bool readNames(mvtar::CommandLine& line) {
   // archive.
   mvtar::Report report(noBar, true);
   if (mvtar::readNameFiles(line, report)) return true;
-  if (!mvtar::isInterrupted()) report.finish();
+  if (mvtar::isInterrupted()) {
+    report.notice(line.archive, "interrupted; nothing was done");
+  } else {
+    report.finish();
+  }
   return false;
 }
 
@@ -93,16 +99,38 @@ int runCommandLine(int argc, char** argv) {
   return status;
 }
 
-}  // namespace
+// What std::terminate did before. Set once, before anything could throw.
+std::terminate_handler g_usualEnd = nullptr;
 
-// Without memory even an exception may be more than there is room for. std::terminate gets here when an
-// exception finds none to be thrown with.
-[[noreturn]] void endWithoutMemory() { _exit(mvtar::finishWithoutMemory()); }
+// Without memory even an exception may be more than there is room for: then none is in flight, and no room
+// for one can be had. `throw` alone throws the one in flight once more, and takes none.
+bool isOutOfMemory() {
+  if (!std::current_exception()) {
+    const std::unique_ptr<void, decltype(&std::free)> room(std::malloc(sizeof(std::bad_alloc)), &std::free);
+    return !room;
+  }
+  try {
+    throw;
+  } catch (const std::bad_alloc&) {
+    return true;
+  } catch (...) {
+    return false;
+  }
+}
+
+// Anything but missing memory is a fault of this program's own, and ends it as such faults do.
+[[noreturn]] void endAtOnce() {
+  if (isOutOfMemory()) _exit(mvtar::finishWithoutMemory());
+  g_usualEnd();
+  std::abort();
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
   // Before anything opens a file, and the handler before anything takes memory.
   occupyStandardStreams();
-  std::set_terminate(endWithoutMemory);
+  g_usualEnd = std::set_terminate(endAtOnce);
   try {
     return runCommandLine(argc, argv);
   } catch (const std::bad_alloc&) {

@@ -324,9 +324,11 @@ TEST(MvtarInterrupt, WhileWaitingForInput) {
   }
   // Nobody opens their other end.
   Running opening(dir, "exec mvtar -tf fifo"), package(dir, "exec mvtar --deb -f p.deb fifo a.gz");
-  ASSERT_TRUE(opening.waitsForInput() && package.waitsForInput());
+  Running list(dir, "exec mvtar -cf l.tar -T fifo");
+  ASSERT_TRUE(opening.waitsForInput() && package.waitsForInput() && list.waitsForInput());
   expectInterrupted(opening, std::string("fifo") + kReadInPart);
   expectInterrupted(package, "p.deb: interrupted; the package is incomplete");
+  expectInterrupted(list, "l.tar: interrupted; nothing was done");
 }
 
 TEST(MvtarInterrupt, WhileWriting) {

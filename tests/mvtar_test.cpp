@@ -38,6 +38,9 @@ TEST(Mvtar, WrongUsageSaysWhatIsWrongAndDoesNothing) {
       {"-czjf a.tar dir", "only one of -z, -j, -J, --zstd, -I"},
       {"-cZf a.tar dir", "compress format can be read but not written"},
       {"-cqf a.tar dir", "unknown option '-q'"},
+      {"-cof a.tar dir", "-o goes with -x; the old format that it means elsewhere with -c is not written"},
+      {"-xf a.tar --xattrs --no-acls", "attributes and access lists are kept together or not at all"},
+      {"-cJf a.tar --level=10 dir", "levels of xz are 1 to 9"},
       {"-cf a.tar --b\x1B=1 dir", "unknown option '--b\\033'"},
       {"-cf a.tar --format=v7 dir", "unknown format 'v7'"},
       {"-cf a.tar --progress=now dir", "unknown value 'now' for --progress"},
@@ -146,7 +149,8 @@ TEST(Mvtar, CompressionIsChosenByOptionOrNameAndToldByContent) {
     expectMvtar(dir, "-c d -f " + words, 0);
     must(dir, "mv " + split(words, ' ')[0] + " x.Z");
     EXPECT_EQ(start, readFile(dir / "x.Z").substr(0, start.size())) << words;
-    expectMvtar(dir, "-tf x.Z", 0, "d/\nd/f\n");
+    for (const char* const reading : {"-tf x.Z", "-tJf x.Z --level=20"})
+      expectMvtar(dir, reading, 0, "d/\nd/f\n");
   }
 }
 

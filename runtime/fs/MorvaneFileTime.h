@@ -28,6 +28,10 @@ class MORVANE_API MorvaneFileTime {
   // As the system's calls want it, to the nanosecond. A system whose time_t is shorter cuts the seconds.
   timespec toTimespec() const;
 
+  friend bool operator==(const MorvaneFileTime& a, const MorvaneFileTime& b) {
+    return a.m_seconds == b.m_seconds && a.m_nanoseconds == b.m_nanoseconds;
+  }
+
  private:
   long long m_seconds = 0;
   unsigned m_nanoseconds = 0;

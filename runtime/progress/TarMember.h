@@ -9,6 +9,8 @@
 
 namespace morvane {
 
+struct mvFileInfo;
+
 // Used again for the next member, so that its texts keep their room. Numbers that come back and make no
 // sense are brought into range and not refused.
 struct TarMember {
@@ -40,6 +42,10 @@ struct TarMember {
   unsigned deviceMajor = 0, deviceMinor = 0;  // of devices; when reading with FullRead
   long long realSize = 0;                // of the file that the member is, where holes are kept; else `size`
   long long exactUid = 0, exactGid = 0;  // 0 to 2^63-1
+  // Writing: the source as it was when it was looked at, which for a small file may be long before its turn
+  // (Threads), whatever the words and the event make of the member. With FollowLinks it is what a link points
+  // at. Good for the callback only; null for a member from memory, and when reading.
+  const mvFileInfo* source = nullptr;
 };
 
 }  // namespace morvane

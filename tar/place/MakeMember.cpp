@@ -185,7 +185,7 @@ Outcome MemberPlacer::makeSpecial(const Member& member, const Io& io) {
 // never linked to, because what has its name would be of an earlier run.
 Outcome MemberPlacer::makeHardLink(const Member& member, const Io& io, Placed& placed) {
   const std::string stored = m_path.targetOf(member.linkPath, settings(), io.log);
-  // What the event says of a link is meant as it says it.
+  // What the event says of a link is meant as it says it, by the name that the target has on the disk.
   const std::string target = m_linkIsGiven ? stored : m_links.nameNow(stored);
   const std::string& path = m_path.entryPath().str();
   if (target.empty()) {
@@ -198,8 +198,7 @@ Outcome MemberPlacer::makeHardLink(const Member& member, const Io& io, Placed& p
     io.fail(kTargetTooLong);
     return Outcome::Unusable;
   }
-  // A target that the event has chosen need be no member: it is looked for on the disk at once.
-  const LinkTable::Seen seen = m_linkIsGiven ? LinkTable::Seen::Made : m_links.seen(target);
+  const LinkTable::Seen seen = m_links.seen(target);
   ConfinedDir::Linked linked = ConfinedDir::Linked::Missing;
   if (seen == LinkTable::Seen::Made) {
     const Outcome outcome = m_target.makeHardLink(m_path, settings(), target, linked, io.log);
@@ -272,7 +271,7 @@ bool MemberPlacer::makeWaitingLink(const LinkTable::Waiting& link, const Io& io)
   ConfinedDir* const confined = m_target.confinedFor(m_path, settings(), io.log);
   // A target that has not come may still lie there from before the run, and is good now: nothing in the
   // archive replaces it.
-  const bool mayLink = link.isGiven || m_links.seen(target) != LinkTable::Seen::Unmade;
+  const bool mayLink = m_links.seen(target) != LinkTable::Seen::Unmade;
   Linked linked = Linked::Missing;
   if (mayLink && confined) linked = confined->makeHardLink(link.path, target, io.log);
   if (linked == Linked::Ok) return true;

@@ -164,7 +164,7 @@ bool ArchiveWriter::writeMember(const SourcePlace& place, XString& pathInTar, Cl
   if (!m_describer.describe(place, info, m_run.settings, m_source, pathInTar, m_member, m_run.io)) {
     return goesOnWithout(place);
   }
-  if (isSkippedBeingChanged(place, pathInTar, tree)) return true;
+  if (isSkippedBeingChanged(place, info, pathInTar, tree)) return true;
   if (m_run.settings.options.skipUnreadable && !canBeRead(place, info, tree)) return goesOnWithout(place);
   // Behind the last event that may change the member: it refers to m_member, which stays as it is from here
   // on.
@@ -285,10 +285,12 @@ bool ArchiveWriter::isSkippedByEvent(const SourcePlace& place, const mvFileInfo&
 
 // Sends onTarMember, and takes what it left for what is written. The caller's path follows, because the lines
 // of a failure name it.
-bool ArchiveWriter::isSkippedBeingChanged(const SourcePlace& place, XString& pathInTar, ClsDirTree* tree) {
+bool ArchiveWriter::isSkippedBeingChanged(const SourcePlace& place, const mvFileInfo& info,
+                                          XString& pathInTar, ClsDirTree* tree) {
   if (!m_run.io.event || !m_run.settings.options.memberEvents) return false;
   m_shown.writing = true;
   m_shown.localPath = place.memory ? std::string() : place.fullPath.str();
+  m_shown.source = place.memory ? nullptr : &info;
   showMember(m_member, m_member.path, m_shown);
   m_run.io.event->onTarMember(m_shown);
   m_live.refresh();

@@ -70,7 +70,8 @@ class ArchiveWriter {
   bool isSkippedByEvent(const SourcePlace& place, const mvFileInfo& info, const XString& pathInTar);
   // By onTarMember, which may also have changed the member; `pathInTar` is then the new one. The tree is told
   // when nothing below is wanted.
-  bool isSkippedBeingChanged(const SourcePlace& place, XString& pathInTar, ClsDirTree* tree);
+  bool isSkippedBeingChanged(const SourcePlace& place, const mvFileInfo& info, XString& pathInTar,
+                             ClsDirTree* tree);
   // Only with Store=special.
   bool isSocketLeftOut(const SourcePlace& place, const mvFileInfo& info);
   // Only with SkipUnreadable, and not for a path.
