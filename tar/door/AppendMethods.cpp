@@ -74,7 +74,7 @@ bool ClsTar::Inner::appendMethod(const XString& tarPath, ProgressEvent* progress
     ProgressMonitorPtr monitor(progress, m_abortCheckMs, m_percentScale, total);
     const Io io(m_log, monitor.getPm(), progress);
     AppendOutput out(std::move(file), path, end, kEndMark);
-    m_archive.begin(Compression::None, m_options.codec);
+    if (!m_archive.begin(Compression::None, m_options.codec, io)) return false;
     const bool written = writeFramed(out, Compression::None, io);
     // An archive that is complete counts, also when something was left out of it.
     if (!written && !m_onlyLeftOut) return false;
