@@ -9,7 +9,6 @@
 #include <cstring>
 #include <optional>
 
-#include "cli/ArchiveName.h"
 #include "cli/Commands.h"
 #include "cli/MemberEvent.h"
 #include "cli/MemberKind.h"
@@ -139,14 +138,9 @@ class CompareEvent : public MemberEvent {
   }
 
   void onSelected(const TarMemberInfo& member) override {
-    m_path = m_line.changes.pathWhenReading(member.path);
-    // --strip-components left nothing of it; extraction would pass it over, too.
-    if (m_path.empty()) return;
+    m_path = nameIfExtracted(member);
     // It would not be extracted either, and is nobody's to be looked at.
-    if (!m_line.keepNames && archiveNameOf(m_path, false).removed.size() > 1) {
-      m_report.problem(m_path, "refused: its path leaves the target");
-      return;
-    }
+    if (m_path.empty()) return;
     const std::string local = localPathOf(m_path);
     const MemberKind& kind = kindOf(member);
     const bool hasContents = kind.hasData();

@@ -249,6 +249,11 @@ TEST(Mvtar, ExtractionTargetAndStripPaths) {
     expectMvtar(dir, "-xf a." + form.name + " --strip-paths -C out", 2, "",
                 "e/f: it replaces another member of the same last name");
     EXPECT_EQ("2\n", readFile(dir / "out/f"));
+    // Other options change the whole name before its last part is taken.
+    expectMvtar(dir, "-xf a." + form.name + " --strip-paths --strip-components=1 -C changed", 2, "",
+                "e/f: it replaces another member of the same last name");
+    expectMvtar(dir, "-xf a." + form.name + " --strip-paths --transform=s,e/,x-, -C changed", 0);
+    EXPECT_EQ("f\nx-f\n1\n2\n", shell(dir, "ls changed; cat changed/*; rm -r changed").out);
   }
 }
 
