@@ -7,6 +7,7 @@
 #include <functional>
 #include <memory>
 
+#include "cli/ArchiveForm.h"
 #include "cli/ArchiveOutput.h"
 #include "cli/Commands.h"
 #include "cli/CreateEvent.h"
@@ -104,6 +105,9 @@ int writeArchive(CommandLine& line) {
   NewestCopies newest;
   // Before the sources are looked at: without the newest copies nothing could be said of any of them.
   if (line.mode == Mode::Update && !findNewestCopies(line, newest, report)) return report.finish();
+  // Who can read the archive should be able to read what is appended. Attributes ask for their own form.
+  if (line.mode != Mode::Create && line.format.empty() && !line.keeping.attributes)
+    line.format = formOfArchive(line.archive);
   ClsTar tar;
   // What is named as missing here makes the status 2, but the rest is archived all the same.
   Sources sources(line, report, tar);
