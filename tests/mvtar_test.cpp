@@ -73,7 +73,9 @@ TEST(Mvtar, HelpIsOnOneScreenAndVersionIsOneLine) {
     const bool isTold = row.empty() || has(all.out, split(row, '\t')[1]);
     EXPECT_TRUE(isTold) << row;
   }
-  expectMvtar(dir, "--version", 0, "mvtar 1.0.0\n");
+  for (const char* line : {"--version", "-x --version", "--version -c"})
+    expectMvtar(dir, line, 0, "mvtar 1.0.0\n");
+  expect(mvtar(dir, "-xz --help"), 0, help.out, "");
 }
 
 TEST(Mvtar, SpellingsMeanTheSame) {
