@@ -72,18 +72,18 @@ bool writeThroughProgram(ClsTar& tar, const CommandLine& line, CreateEvent& even
   return closeOutput(*file, line.archive, report) && ended && closed && written;
 }
 
-// To a path, the component opens and closes the file; standard output is the command's to close, and the
-// result counts only behind that.
+// To a path, the component opens and closes the file; standard output and FIFOs are the command's to close,
+// and the result counts only behind that.
 bool write(ClsTar& tar, const CommandLine& line, CreateEvent& event, Report& report) {
   const XString path(line.archive);
   if (line.mode != Mode::Create) return tar.AppendTar(path, &event);
   if (!line.filterProgram.empty()) return writeThroughProgram(tar, line, event, report);
   const Compression compression = line.compressionToWrite();
-  if (!line.usesStandardStream()) return writeAs(compression, tar, path, event);
-  const std::unique_ptr<OutputFile> out = standardOutput(report);
+  if (isOpenedByPath(line)) return writeAs(compression, tar, path, event);
+  const std::unique_ptr<OutputFile> out = archiveFile(line, report);
   if (!out) return false;
   const bool written = writeAs(compression, tar, *out, event);
-  return closeOutput(*out, kStandardOutput, report) && written;
+  return closeOutput(*out, line.usesStandardStream() ? kStandardOutput : line.archive, report) && written;
 }
 
 // What became of the archive that an interrupt ended.
