@@ -1,5 +1,5 @@
-// An archive written to standard output, or to a path that turns out to be a terminal. An ordinary file is
-// the component's affair.
+// An archive written to standard output, into a FIFO, or to a path that turns out to be a terminal. An
+// ordinary file is the component's affair.
 #include "cli/ArchiveOutput.h"
 
 #include <fcntl.h>
@@ -29,6 +29,32 @@ bool isTerminal(const std::string& path) {
   return device.isOpen() && isatty(device.fd());
 }
 
+bool isFifo(const std::string& path) {
+  struct stat status;
+  return stat(path.c_str(), &status) == 0 && S_ISFIFO(status.st_mode);
+}
+
+// A signal breaks the wait, and whether it goes on depends on whether the signal was an interrupt.
+morvane::OsFile waitForReader(const std::string& fifo) {
+  morvane::OsFile file;
+  do {
+    file.reset(morvane::osOpenOnce(fifo.c_str(), O_WRONLY | O_NOCTTY));
+  } while (!file.isOpen() && errno == EINTR && !isInterrupted());
+  return file;
+}
+
+// Under the name that messages have for it. What is not open has the reason in errno; an interrupt is told by
+// the end of the command.
+std::unique_ptr<morvane::OutputFile> adopt(morvane::OsFile file, const std::string& name, Report& report) {
+  if (!file.isOpen()) {
+    if (!isInterrupted()) report.problem(name, std::strerror(errno));
+    return nullptr;
+  }
+  std::unique_ptr<morvane::OutputFile> out(morvane::OutputFile::adopt(std::move(file), name.c_str()));
+  if (!out) report.problem(name, kOutOfMemory);
+  return out;
+}
+
 }  // namespace
 
 // A terminal would be shown control characters by the thousand, and obey them.
@@ -46,15 +72,16 @@ std::unique_ptr<morvane::OutputFile> standardOutput(Report& report) {
     report.problem(kStandardOutput, std::strerror(errno));
     return nullptr;
   }
-  std::unique_ptr<morvane::OutputFile> out(morvane::OutputFile::adopt(std::move(file), kStandardOutput));
-  if (!out) report.problem(kStandardOutput, kOutOfMemory);
-  return out;
+  return adopt(std::move(file), kStandardOutput, report);
 }
 
-// Of use only where the command itself needs the open file, behind a program (-I): without one, the component
-// opens the archive by its path. LogCause keeps the system's reason, which is all that a message needs.
+bool isOpenedByPath(const CommandLine& line) { return !line.usesStandardStream() && !isFifo(line.archive); }
+
+// The component never waits for the reader of a FIFO, and behind a program (-I) the command itself needs the
+// open file. LogCause keeps the system's reason, which is all that a message needs.
 std::unique_ptr<morvane::OutputFile> archiveFile(const CommandLine& line, Report& report) {
   if (line.usesStandardStream()) return standardOutput(report);
+  if (isFifo(line.archive)) return adopt(waitForReader(line.archive), line.archive, report);
   morvane::LogCause log;
   std::unique_ptr<morvane::OutputFile> out(morvane::OutputFile::createFileUtf8(line.archive.c_str(), log));
   if (!out) report.problem(line.archive, log.cause().reason);

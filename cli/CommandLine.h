@@ -130,7 +130,7 @@ struct CommandLine {
   // itself, behind NoTotal.
   std::string readingWords() const;
   std::string writingWords() const;
-  // "gnu", unless another one was asked for or is needed.
+  // "gnu", unless another one was asked for or is needed, or is that of the archive that is appended to.
   std::string formatToWrite() const;
   // What a new archive is compressed with: by an option, else by what its name promises. Of no meaning where
   // a program compresses.

@@ -9,7 +9,6 @@
 #include <cstring>
 #include <optional>
 
-#include "cli/ArchiveName.h"
 #include "cli/Commands.h"
 #include "cli/MemberEvent.h"
 #include "cli/MemberKind.h"
@@ -141,14 +140,9 @@ class CompareEvent : public MemberEvent {
   // Each member counts, missing or not, with the size that it has in the archive: one whose data are about to
   // be compared once they have been, any other here.
   void onSelected(const TarMemberInfo& member) override {
-    m_path = m_line.changes.pathWhenReading(member.path);
-    // --strip-components left nothing of it; extraction would pass it over, too.
-    if (m_path.empty()) return;
+    m_path = nameIfExtracted(member);
     // It would not be extracted either, and is nobody's to be looked at.
-    if (!m_line.keepNames && archiveNameOf(m_path, false).removed.size() > 1) {
-      m_report.problem(m_path, "refused: its path leaves the target");
-      return;
-    }
+    if (m_path.empty()) return;
     const std::string local = localPathOf(m_path);
     // Before anything that differs, so that the lines about a member follow its name.
     if (m_line.verbose) m_report.name(m_path);

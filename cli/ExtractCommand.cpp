@@ -37,6 +37,9 @@ constexpr NotKept kNotKept[] = {
     {"deviceNotKept", "the device is not made", "devicesNotKept", "devices not made"},
 };
 
+// Back slashes separate, too: the component makes slashes of them.
+std::string lastPartOf(const std::string& path) { return path.substr(path.find_last_of("/\\") + 1); }
+
 // Names members as they are extracted, and what becomes different on the disk. Selection is MemberEvent's.
 class ExtractEvent : public MemberEvent {
  public:
@@ -56,6 +59,7 @@ class ExtractEvent : public MemberEvent {
   void onTarMember(morvane::TarMember& member) override {
     const std::string before = member.path;
     m_line.changes.applyReading(member);
+    if (m_line.stripPaths) member.path = lastPartOf(member.path);
     if (member.skip || member.path.empty()) drop();
     // From here on it is told of by the path that the component's rules make of the new one.
     if (member.path == before) return;
@@ -127,10 +131,9 @@ class ExtractEvent : public MemberEvent {
       m_report.notice(m_path, "leading slashes are left off");
     }
     if (m_line.stripPaths) {
-      // Back slashes separate, too: the component makes slashes of them before it takes the last part.
-      const std::string lastPart = m_path.substr(m_path.find_last_of("/\\") + 1);
+      const std::string lastPart = lastPartOf(m_line.changes.pathWhenReading(m_path));
       const auto [found, isNew] = m_lastParts.emplace(lastPart, m_path);
-      if (!isNew && found->second != m_path) {
+      if (!isNew && found->second != m_path && !lastPart.empty()) {
         m_report.problem(m_path, "it replaces another member of the same last name");
       }
       found->second = m_path;
@@ -156,7 +159,7 @@ class OutputEvent : public MemberEvent {
   using MemberEvent::MemberEvent;
 
   void onTarEntry(const char*, long long size, bool, bool& skip) override {
-    skip = !isSelected() || !m_hasData;
+    skip = !isSelected() || !m_isWanted;
     if (skip) return;
     begin(m_path, size);
   }
@@ -164,14 +167,15 @@ class OutputEvent : public MemberEvent {
  private:
   void onSelected(const TarMemberInfo& member) override {
     m_path = std::string(member.path, strnlen(member.path, kShownAtMost));
-    m_hasData = kindOf(member).hasData();
+    // The name decides as in extraction, although no file gets it.
+    m_isWanted = !nameIfExtracted(member).empty() && kindOf(member).hasData();
   }
 
   // Of a name of many megabytes no second copy is kept; it is only shown.
   static constexpr size_t kShownAtMost = 1 << 20;
 
   std::string m_path;
-  bool m_hasData = false;
+  bool m_isWanted = false;
 };
 
 // The target is made even if nothing is put into it. A path too long for the system is left to the component.

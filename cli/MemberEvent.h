@@ -7,6 +7,7 @@
 #include <limits>
 #include <string>
 
+#include "cli/ArchiveName.h"
 #include "cli/Dates.h"
 #include "cli/Interrupt.h"
 #include "cli/MemberKind.h"
@@ -150,6 +151,15 @@ class MemberEvent : public morvane::ProgressEvent {
   }
 
  protected:
+  // What the member is called once options have changed its name; empty where extraction would pass it over,
+  // or refuse it, which is then told. For commands that take data without making a file of them.
+  std::string nameIfExtracted(const morvane::TarMemberInfo& member) {
+    std::string name = m_line.changes.pathWhenReading(member.path);
+    // More than slashes in front is what leads out.
+    if (m_line.keepNames || archiveNameOf(name, false).removed.size() <= 1) return name;
+    m_report.problem(name, "refused: its path leaves the target");
+    return {};
+  }
   // Called for each member that the command is about, in the order of the archive. Its texts are valid during
   // the call only, decoded where --charset asks for it; but `entryPath` is always what the component made of
   // the path.

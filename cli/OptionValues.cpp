@@ -68,10 +68,11 @@ bool OptionValues::wrong(const std::string& what) {
   return false;
 }
 
-// --version comes here as well, and as the first mode it goes before all that follow.
+// --version comes here as well, and like --help it goes before every mode, wherever it stands.
 bool OptionValues::setMode(Mode mode) {
   if (m_line.mode == Mode::Help || m_line.mode == Mode::Version) return true;
-  if (m_line.mode != Mode::None && m_line.mode != mode) return wrong(std::string("only one of ") + kModes);
+  if (m_line.mode != Mode::None && m_line.mode != mode && mode != Mode::Version)
+    return wrong(std::string("only one of ") + kModes);
   m_line.mode = mode;
   return true;
 }

@@ -183,7 +183,8 @@ bool ReadJob::open() {
   tar.put_UncommonOptions(m_line.readingWords().c_str());
   tar.put_Charset(m_line.charset);
   tar.put_NoAbsolutePaths(!m_line.keepNames);
-  tar.put_UntarDiscardPaths(m_line.stripPaths);
+  // Names are changed whole: where they are, the command's event takes the last part of what comes of them.
+  tar.put_UntarDiscardPaths(m_line.stripPaths && !m_line.changes.anyWhenReading());
   if (!m_line.targetDir.empty()) tar.put_UntarFromDir(m_line.targetDir);
   return true;
 }

@@ -7,6 +7,7 @@
 #include <functional>
 #include <memory>
 
+#include "cli/ArchiveForm.h"
 #include "cli/ArchiveOutput.h"
 #include "cli/Commands.h"
 #include "cli/CreateEvent.h"
@@ -82,18 +83,19 @@ Written writeThroughProgram(ClsTar& tar, const CommandLine& line, CreateEvent& e
   return behind(tar, written, closeOutput(*file, line.archive, report) && ended && closed);
 }
 
-// To a path, the component opens and closes the file; standard output is the command's to close, and the
-// result counts only behind that.
+// To a path, the component opens and closes the file; standard output and FIFOs are the command's to close,
+// and the result counts only behind that.
 Written write(ClsTar& tar, const CommandLine& line, CreateEvent& event, Report& report) {
   const XString path(line.archive);
   if (line.mode != Mode::Create) return behind(tar, tar.AppendTar(path, &event));
   if (!line.filterProgram.empty()) return writeThroughProgram(tar, line, event, report);
   const Compression compression = line.compressionToWrite();
-  if (!line.usesStandardStream()) return behind(tar, writeAs(compression, tar, path, event));
-  const std::unique_ptr<OutputFile> out = standardOutput(report);
+  if (isOpenedByPath(line)) return behind(tar, writeAs(compression, tar, path, event));
+  const std::unique_ptr<OutputFile> out = archiveFile(line, report);
   if (!out) return {};
   const bool written = writeAs(compression, tar, *out, event);
-  return behind(tar, written, closeOutput(*out, kStandardOutput, report));
+  const std::string name = line.usesStandardStream() ? kStandardOutput : line.archive;
+  return behind(tar, written, closeOutput(*out, name, report));
 }
 
 // Says what became of the archive; the status. A signal may come behind the last question whether to abort,
@@ -119,6 +121,9 @@ int writeArchive(CommandLine& line) {
   // Before the sources are looked at: without the newest copies nothing could be said of any of them.
   if (line.mode == Mode::Update && !findNewestCopies(line, newest, report))
     return isInterrupted() ? endInterrupted(line, report, false) : report.finish();
+  // Who can read the archive should be able to read what is appended. Attributes ask for their own form.
+  if (line.mode != Mode::Create && line.format.empty() && !line.keeping.attributes())
+    line.format = formOfArchive(line.archive);
   ClsTar tar;
   // What is named as missing here makes the status 2, but the rest is archived all the same.
   Sources sources(line, report, tar);

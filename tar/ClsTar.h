@@ -1,5 +1,5 @@
-// Tar archives: written plain, gzip- or bzip2-compressed; read plain, from memory, gzip, bzip2 and Unix
-// compress.
+// Tar archives: written plain or compressed with gzip, bzip2, zstd or xz, appended to where they are plain;
+// read plain, from memory, in each of these compressions and in that of Unix compress.
 //
 //   morvane::ClsTar tar;
 //   tar.AddDirRoot("src");

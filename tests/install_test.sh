@@ -141,8 +141,8 @@ mvtar=moved-shared/bin/mvtar share=moved-shared/share  # it finds the library by
 expect "mvtar --version" "$($mvtar --version)" "mvtar $version"
 grep -q "\"mvtar $version\"" $share/man/man1/mvtar.1 || fail "the manual page is of another version"
 sed 's/\\-/-/g' $share/man/man1/mvtar.1 >page.txt
-completions=($share/bash-completion/completions/mvtar $share/zsh/site-functions/_mvtar)
-quietly bash -n "${completions[0]}"
+completions=($share/bash-completion/completions/mvtar $share/zsh/site-functions/_mvtar
+  $share/fish/vendor_completions.d/mvtar.fish)
 # The manual page has every option of the command's own table, with its letter and what it takes, and no other.
 $mvtar --help=options >options.txt
 cut -f 1-4 options.txt | tr '\t' '|' | while IFS='|' read -r letter name takes _; do
@@ -158,22 +158,6 @@ for option in $(sed -n '/^\.SS Not offered/,/^\.SH/p' page.txt | grep -oE '[ "]-
   said=$($mvtar "$option" 2>&1 || true)
   grep -q 'unknown option' <<< "$said" || fail "the manual page says that mvtar does not have $option"
 done
-# Completion goes by the same table, and knows the members of the archive at hand.
-complete_line() {  # complete_line WORD...: what bash would offer for the last word
-  PATH=$PWD/moved-shared/bin:$PATH bash -c 'compopt() { :; }; source "$0"; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1))
-    _mvtar; printf "%s\n" "${COMPREPLY[@]}"' "${completions[0]}" "$@" | xargs
-}
-$mvtar -cf members.tar -C tree sub
-expect "completion of options" "$(complete_line mvtar -c --exclude-v)" "--exclude-vcs"
-expect "completion of values" "$(complete_line mvtar -c --format=u)" "--format=ustar"
-expect "completion of words" "$(complete_line mvtar --options PaxE)" "PaxExact"
-expect "completion of members" "$(complete_line mvtar -xf members.tar sub/r)" "sub/random"
-cp members.tar "my members.tar"
-for quoted in 'my\ members.tar' "'my members.tar'" '"my members.tar"'; do
-  expect "completion of members of $quoted" "$(complete_line mvtar -xf "$quoted" sub/r)" "sub/random"
-done
-expect "completion behind an attached value" "$(complete_line mvtar -xfmembers.tar sub/r)" "sub/random"
-expect "completion of archives" "$(complete_line mvtar xf mem)" "members.tar"
 # Every option word that the code knows is described and completed.
 words=$(sed -n 's/^    {"\([a-z0-9]*\)", \(MORVANE_SETTING\|"[a-z]*", \[\).*/\1/p' "$source/tar/settings/TarOptions.cpp" | sort -u)
 [ "$(echo "$words" | wc -l)" -ge 17 ] || fail "the option words were not found in the code"

@@ -140,6 +140,10 @@ TEST(MvtarPipes, ToAndFromOtherTars) {
   ScratchDir dir;
   must(dir, "mkdir -p d/sub && seq 50000 > d/f && echo text > d/sub/g && touch -d @1234567890 d/sub/g");
   Words scripts = {"mvtar -cf - d | tar -x -C out", "mvtar -cjf - d | bsdtar -x -C out"};
+  // The reader comes late.
+  for (const char* how : {"-z", "-I gzip"})
+    scripts.push_back(std::string("mkfifo p; (sleep .2; tar -xz -C out < p) & mvtar ") + how +
+                      " -cf p d && wait; rm p");
   for (const Form& form : kForms) {
     // A reader that left before the end would end the writer; a trickle must do as well.
     scripts.push_back("tar -b1 -cf - d | " + form.filter + " | mvtar -x -f - -C out");
@@ -329,6 +333,9 @@ TEST(MvtarInterrupt, WhileWaitingForInput) {
   expectInterrupted(opening, std::string("fifo") + kReadInPart);
   expectInterrupted(package, "p.deb: interrupted; the package is incomplete");
   expectInterrupted(list, "l.tar: interrupted; nothing was done");
+  Running writing(dir, "exec mvtar -cf fifo x");
+  ASSERT_TRUE(writing.waitsForInput());
+  expectInterrupted(writing, std::string("fifo") + kIncomplete);
 }
 
 TEST(MvtarInterrupt, WhileWriting) {

@@ -76,7 +76,9 @@ TEST(Mvtar, HelpIsOnOneScreenAndVersionIsOneLine) {
     const bool isTold = row.empty() || has(all.out, split(row, '\t')[1]);
     EXPECT_TRUE(isTold) << row;
   }
-  expectMvtar(dir, "--version", 0, "mvtar 1.0.0\n");
+  for (const char* line : {"--version", "-x --version", "--version -c"})
+    expectMvtar(dir, line, 0, "mvtar 1.0.0\n");
+  expect(mvtar(dir, "-xz --help"), 0, help.out, "");
 }
 
 TEST(Mvtar, SpellingsMeanTheSame) {
@@ -253,6 +255,11 @@ TEST(Mvtar, ExtractionTargetAndStripPaths) {
     expectMvtar(dir, "-xf a." + form.name + " --strip-paths -C out", 2, "",
                 "e/f: it replaces another member of the same last name");
     EXPECT_EQ("2\n", readFile(dir / "out/f"));
+    // Other options change the whole name before its last part is taken.
+    expectMvtar(dir, "-xf a." + form.name + " --strip-paths --strip-components=1 -C changed", 2, "",
+                "e/f: it replaces another member of the same last name");
+    expectMvtar(dir, "-xf a." + form.name + " --strip-paths --transform=s,e/,x-, -C changed", 0);
+    EXPECT_EQ("f\nx-f\n1\n2\n", shell(dir, "ls changed; cat changed/*; rm -r changed").out);
   }
 }
 

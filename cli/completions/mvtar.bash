@@ -1,47 +1,44 @@
 # bash completion for mvtar. What options there are mvtar itself tells, so that there is no second list.
 _mvtar() {
-  local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD - 1]} program=${COMP_WORDS[0]}
-  local option="" value="" typed=""
-  # "--format=gnu" arrives as one word or, with "=" among the word breaks, as three.
-  if [[ $cur == --*=* ]]; then
-    option=${cur%%=*} value=${cur#*=} typed=${cur%%=*}=
-  elif [[ $cur == "=" ]]; then
-    option=$prev
-  elif [[ $prev == "=" ]]; then
-    option=${COMP_WORDS[COMP_CWORD - 2]} value=$cur
-  elif [[ $prev == -? || $prev == --* ]]; then
-    option=$prev value=$cur
-  elif [[ $prev == -* ]]; then
-    option=-${prev: -1} value=$cur  # the last letter of a bundle, unless it is part of a value
-  elif ((COMP_CWORD == 2)); then
-    option=-${prev: -1} value=$cur  # of a first word without its dash
-  fi
-
-  local table letter name takes kind
+  local cur=${COMP_WORDS[COMP_CWORD]} program=${COMP_WORDS[0]}
+  local table row letter name takes kind
   table=$("$program" --help=options 2>/dev/null) || return
-  local kind_of_option="" takes_of_option="" long_options="" letters="" value_letters=""
+  local long_options="" letters="" value_letters=""
   while IFS= read -r row; do
-    # A field may be empty, and read would take several tabs for one.
-    letter=${row%%$'\t'*} row=${row#*$'\t'} name=${row%%$'\t'*} row=${row#*$'\t'}
-    takes=${row%%$'\t'*} row=${row#*$'\t'} kind=${row%%$'\t'*}
+    _mvtar_fields
     [[ $takes == "=" ]] && long_options+=" $name=" || long_options+=" $name"
     letters+=" $letter"
     [[ $takes == "=" ]] && value_letters+=${letter#-}
+  done <<<"$table"
+
+  local whole="" archive="" reads="" pending=()
+  _mvtar_walk
+  # Bash replaces what is behind its last word break, and of a "=" nothing.
+  local head=${whole%"$cur"} option=${pending[0]-} value=$whole typed=""
+  [[ $cur == "=" ]] && head=$whole
+  [[ -z $option && $whole == --*=* ]] && option=${whole%%=*} value=${whole#*=} typed=$option=
+
+  local kind_of_option="" takes_of_option=""
+  while IFS= read -r row; do
+    _mvtar_fields
     [[ $option == "$name" || $option == "$letter" && -n $letter ]] && kind_of_option=$kind takes_of_option=$takes
   done <<<"$table"
-  [[ $prev == -[!-]?* && -n $(_mvtar_attached "$prev" "$value_letters") ]] && kind_of_option="" takes_of_option=""
-
   # An optional value has to stand behind a "=".
-  if [[ -n $takes_of_option && ($takes_of_option == "=" || -n $typed || $prev == "=" || $cur == "=") ]]; then
+  if [[ $takes_of_option == "=" || -n $takes_of_option && -n $typed ]]; then
     compopt -o filenames
     case $kind_of_option in
       DIR) mapfile -t COMPREPLY < <(compgen -d -- "$value") ;;
       *ARCHIVE | *FILE | PATH) mapfile -t COMPREPLY < <(compgen -f -- "$value") ;;
-      WORDS) mapfile -t COMPREPLY < <(compgen -W "$(_mvtar_words)" -- "$value") ;;
+      WORDS)
+        # One behind the other, with commas.
+        [[ $value == *,* ]] && typed+=${value%,*},
+        mapfile -t COMPREPLY < <(compgen -W "$(_mvtar_words)" -- "${value##*,}")
+        ;;
       *"|"* | all) mapfile -t COMPREPLY < <(compgen -W "${kind_of_option//|/ }" -- "$value") ;;
       *) COMPREPLY=() ;;
     esac
-    [[ -n $typed ]] && COMPREPLY=("${COMPREPLY[@]/#/$typed}")
+    COMPREPLY=("${COMPREPLY[@]/#/$typed}")
+    COMPREPLY=("${COMPREPLY[@]#"$head"}")
     return
   fi
   if [[ $cur == --* ]]; then
@@ -58,19 +55,17 @@ _mvtar() {
     return
   fi
   compopt -o filenames
-  local archive
-  archive=$(_mvtar_archive "$value_letters")
-  if [[ -n $archive ]]; then
+  if [[ -n $reads && -f $archive ]]; then
     _mvtar_members "$program" "$archive" "$cur"
   else
     mapfile -t COMPREPLY < <(compgen -f -- "$cur")
   fi
 }
 
-# The value that a bundle of letters ends in, if it does: behind the first letter that takes one ($2 has them all).
-_mvtar_attached() {
-  local letters=${1%%["$2"]*}
-  printf '%s' "${1:${#letters}+1}"
+# The fields of $row. One may be empty, and read would take several tabs for one.
+_mvtar_fields() {
+  letter=${row%%$'\t'*} row=${row#*$'\t'} name=${row%%$'\t'*} row=${row#*$'\t'}
+  takes=${row%%$'\t'*} row=${row#*$'\t'} kind=${row%%$'\t'*}
 }
 
 # A word as the shell takes it, but for what it expands: without its quotes and back slashes.
@@ -91,37 +86,49 @@ _mvtar_unquoted() {
   printf '%s' "$plain"
 }
 
-# The archive that members are to be named of: where one is read and its name is known by now. $1: the letters of
-# options with a value.
-_mvtar_archive() {
-  local i word letters value reads="" archive="" next=""
-  for ((i = 1; i < COMP_CWORD; ++i)); do
+# What the words up to the cursor say, as mvtar takes them: the archive, whether members of it are named ("reads"), the
+# options whose values are still to come, and the word at the cursor, whole: "--format=gnu" arrives as one or, with "="
+# among the word breaks, as three.
+_mvtar_walk() {
+  local i word letters value words=()
+  for ((i = 1; i <= COMP_CWORD; ++i)); do
     word=${COMP_WORDS[i]}
-    if [[ -n $next ]]; then
-      archive=$word next=""
+    if [[ i -gt 1 && ( $word == "=" || ${COMP_WORDS[i - 1]} == "=" ) ]]; then
+      words[-1]+=$word
+    else
+      words+=("$word")
+    fi
+  done
+  whole=${words[-1]}
+  unset "words[-1]"
+  for i in "${!words[@]}"; do
+    word=${words[i]}
+    if ((${#pending[@]} > 0)); then
+      [[ ${pending[0]} == -f || ${pending[0]} == --file ]] && archive=$word
+      pending=("${pending[@]:1}")
       continue
     fi
     case $word in
       --extract | --get | --list | --diff | --compare) reads=1 ;;
-      --file) [[ ${COMP_WORDS[i + 1]} == "=" ]] && archive=${COMP_WORDS[i + 2]} || next=1 ;;
       --file=*) archive=${word#*=} ;;
-      --*) ;;
+      --*) [[ $long_options == *" $word="* ]] && pending=("$word") ;;
       -*)
-        letters=${word%%["$1"]*} value=$(_mvtar_attached "$word" "$1")
+        # A bundle ends in the first letter that takes a value, with the value behind it or in the next word.
+        letters=${word%%["$value_letters"]*} value=${word#"$letters"}
         [[ $letters == *[xtd]* ]] && reads=1
-        if [[ ${word:${#letters}:1} == f ]]; then
-          [[ -n $value ]] && archive=$value || next=1
-        fi
+        [[ $value == ? ]] && pending=("-$value")
+        [[ $value == f?* ]] && archive=${value:1}
         ;;
-      *) if ((i == 1)); then
+      *) if ((i == 0)); then
+        # The letters of a first word without its dash have the words behind it, in their order.
         [[ $word == *[xtd]* ]] && reads=1
-        [[ $word == *f* ]] && next=1
+        letters=${word//[^"$value_letters"]/}
+        for ((i = 0; i < ${#letters}; ++i)); do pending+=("-${letters:i:1}"); done
       fi ;;
     esac
   done
   [[ $archive == "~/"* ]] && archive=$HOME/${archive:2}
   archive=$(_mvtar_unquoted "$archive")
-  [[ -n $reads && -f $archive ]] && printf '%s\n' "$archive"
 }
 
 # Names up to the next slash, as of files. Those that are shown with escapes are left to be typed.

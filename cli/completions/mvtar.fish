@@ -1,30 +1,56 @@
 # fish completion for mvtar. What options there are mvtar itself tells, so that there is no second list.
 
-# The archive that members are to be named of, where one is read and its name is known by now.
+# The words of --options, one behind the other with commas.
+function __mvtar_words
+    set -l before (string match -r -- '^(?:-.*?=)?((?:.*,)?)' (commandline -ct))[2]
+    printf "$before%s\n" SkipOutputFile SkipUnreadable WriteExactSizes CountSkipsExcluded NoTotal UstarOverflow=fail \
+        UstarPlainPrefix PaxExact OpenBeforeEvent FollowLinks Store= Reproducible= FastDeflate= FullRead Restore= \
+        OwnerBy=name OwnerBy=id LinkTargets=any LinkTargets=inside ExistingDirectories=keep ExistingDirectories=settle \
+        ExistingFiles=keep ExistingFiles=skip ExistingFiles=newer \
+        MaxExtensionBytes= MaxPathDepth= MaxMembers= MaxTotalBytes= MaxRatio= MaxWindowBytes= Level= Threads= \
+        Profile=usual Profile=untrusted Confine=beneath Confine=nolinks VerifyGzip GzipAllMembers Bz2Framed \
+        RequireEndOfArchive EntryEvents MemberEvents SkipUncreatable
+end
+
+# The archive that members are to be named of, where one is read and its name is known by now. Words are taken as mvtar
+# takes them: letters of a first word without its dash have the words behind it, in their order.
 function __mvtar_archive
     set -l words (commandline -opc)
     set -l reads 0
     set -l archive ''
+    set -l pending # letters whose words are still to come
     for i in (seq 2 (count $words))
         set -l word $words[$i]
-        set -l next ''
-        test $i -lt (count $words); and set next $words[(math $i + 1)]
+        if set -q pending[1]
+            test $pending[1] = f; and set archive $word
+            set -e pending[1]
+            continue
+        end
         switch $word
             case --extract --get --list --diff --compare
                 set reads 1
             case '--file=*'
                 set archive (string replace -- '--file=' '' $word)
             case --file
-                set archive $next
+                set pending f
             case '--*'
-            case '*'
-                if string match -q -- '-*' $word; or test $i -eq 2
-                    string match -qr '[xtd]' -- $word; and set reads 1
-                    string match -qr 'f$' -- $word; and set archive $next
+            case '-*'
+                # The letters in front of the first that takes a value, that one, and the value, if it is attached.
+                set -l parts (string match -r -- "^-([^$__mvtar_value_letters]*)(.?)(.*)" $word)
+                string match -qr '[xtd]' -- $parts[2]; and set reads 1
+                if test -z "$parts[4]"
+                    set pending $parts[3]
+                    test -z "$pending"; and set -e pending[1]
+                else if test $parts[3] = f
+                    set archive $parts[4]
                 end
+            case '*'
+                test $i -eq 2; or continue
+                string match -qr '[xtd]' -- $word; and set reads 1
+                set pending (string match -ra -- "[$__mvtar_value_letters]" $word)
         end
     end
-    test $reads -eq 1; and test -f "$archive"; and echo $archive
+    not set -q pending[1]; and test $reads -eq 1; and test -f "$archive"; and echo $archive
 end
 
 function __mvtar_members
@@ -32,13 +58,17 @@ function __mvtar_members
     and command mvtar -tf $archive 2>/dev/null | string match -v -- '*\\\\*'
 end
 
+set -g __mvtar_value_letters ''
 complete -c mvtar -n '__mvtar_archive >/dev/null' -f -a '(__mvtar_members)' -d member
 command mvtar --help=options 2>/dev/null | while read -l -d \t letter name takes kind help
     set -l row -c mvtar -d $help
     test -n "$name"; and set -a row -l (string replace -- -- '' $name)
     test -n "$letter"; and set -a row -s (string replace -- - '' $letter)
     if test "$takes" = '='
+        set __mvtar_value_letters $__mvtar_value_letters(string replace -- - '' $letter)
         switch $kind
+            case WORDS
+                set -a row -x -a '(__mvtar_words)'
             case DIR
                 set -a row -x -a '(__fish_complete_directories)'
             case '*ARCHIVE' '*FILE' PATH

@@ -192,6 +192,7 @@ bool endsInOneOf(std::string_view path, std::string_view suffixes, bool caseCoun
 }  // namespace
 
 Encoder::~Encoder() = default;
+bool Encoder::isThere(const Io&) { return true; }
 // Neither bzip2 nor a raw stream has anything in front of or behind the compressed data.
 bool Encoder::begin(_mvOutput&, const Io&) { return true; }
 bool Encoder::end(_mvOutput&, long long, const Io&) { return true; }

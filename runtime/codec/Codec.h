@@ -45,6 +45,9 @@ class Encoder {
   static constexpr unsigned kEnoughReady = 1024 * 1024;
 
   virtual ~Encoder();
+  // Whether there is anything to compress with; false, with the reason in the log, in a build without it.
+  // Asked before the output is made, because an archive that is there must not be emptied in vain.
+  virtual bool isThere(const Io& io);
   // Writes what stands in front of the compressed data.
   virtual bool begin(_mvOutput& out, const Io& io);
   virtual bool add(const unsigned char* bytes, unsigned n, DataBuffer& ready, const Io& io) = 0;

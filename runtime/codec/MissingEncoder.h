@@ -1,5 +1,5 @@
-// What a build without a codec's library has in its place: it fails as soon as it is to begin, so that a
-// write says why before it has written anything. The table of codecs keeps its row, because data of that
+// What a build without a codec's library has in its place: it fails as soon as it is asked for, so that a
+// write says why before it has touched anything. The table of codecs keeps its row, because data of that
 // kind are still called by their name.
 #pragma once
 
@@ -9,13 +9,13 @@
 namespace morvane {
 
 // `message` is a literal that says what is missing: "This build has no zstd." `add` and `finish` are not
-// reached by a caller that looks at the result of `begin`.
+// reached by a caller that looks at the result of `isThere`.
 class MissingEncoder : public Encoder {
  public:
   explicit MissingEncoder(const char* message) : m_message(message) {}
 
-  // No byte of the archive has been written by then. The line in the log is the only one about it.
-  bool begin(_mvOutput&, const Io& io) override { return io.fail(m_message); }
+  // The line in the log is the only one about it.
+  bool isThere(const Io& io) override { return io.fail(m_message); }
   bool add(const unsigned char*, unsigned, DataBuffer&, const Io& io) override { return io.fail(m_message); }
   bool finish(DataBuffer&, bool&, const Io& io) override { return io.fail(m_message); }
 

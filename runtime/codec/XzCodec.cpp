@@ -1,5 +1,5 @@
 // xz by liblzma. What a stream claims to need for its dictionary is bounded by the library's own limit on
-// memory, before it is allocated.
+// memory, before it is allocated, and so has to be computed as the library does.
 #include "runtime/codec/XzCodec.h"
 
 #include <lzma.h>
@@ -127,6 +127,20 @@ const char* reasonOf(lzma_ret result, bool anyInput) {
   }
 }
 
+// What the library takes for the largest dictionary that may be. Dictionaries are of 2^n or 2^n + 2^(n-1)
+// bytes (.xz, section 5.3.1), from 4 KiB on: so there is room for what the other filters of a block take
+// without the next larger dictionary passing, but for those under 8 KiB, which count as one.
+uint64_t memoryFor(long long most) {
+  constexpr uint64_t kSmallest = 8 * 1024, kOtherFilters = 3 * 1024;
+  uint64_t dictionary = kSmallest;
+  while (dictionary * 2 <= static_cast<uint64_t>(most) && dictionary < UINT32_MAX) dictionary *= 2;
+  if (dictionary / 2 * 3 <= static_cast<uint64_t>(most)) dictionary = dictionary / 2 * 3;
+  lzma_options_lzma options{};
+  options.dict_size = static_cast<uint32_t>(std::min<uint64_t>(dictionary, UINT32_MAX));
+  const lzma_filter chain[] = {{LZMA_FILTER_LZMA2, &options}, {LZMA_VLI_UNKNOWN, nullptr}};
+  return lzma_raw_decoder_memusage(chain) + kOtherFilters;
+}
+
 }  // namespace
 
 std::unique_ptr<Encoder> makeXzEncoder(const CodecOptions& options) {
@@ -146,12 +160,9 @@ std::unique_ptr<Encoder> makeXzEncoder(const CodecOptions& options) {
 // data.
 bool decodeXz(_mvDataSource& source, _mvOutput& out, const CodecOptions& options, const Io& io) {
   constexpr long long kMostByDefault = 256LL * 1024 * 1024;
-  // The decoder takes some hundred kilobytes beside the dictionary.
-  constexpr long long kBesideDictionary = 1024 * 1024;
   const long long most = options.maxWindowBytes > 0 ? options.maxWindowBytes : kMostByDefault;
   Stream stream;
-  lzma_ret result =
-      lzma_auto_decoder(&stream.state, static_cast<uint64_t>(most + kBesideDictionary), LZMA_CONCATENATED);
+  lzma_ret result = lzma_auto_decoder(&stream.state, memoryFor(most), LZMA_CONCATENATED);
   if (result != LZMA_OK) return io.fail(reasonOf(result, false));
   std::vector<unsigned char> buffer(kPiece);
   InputWindow input(source, io);

@@ -8,7 +8,7 @@
 namespace morvane {
 
 // One stream with CRC-64 checksums, at options.level (1 to 9; 0: 6). Where the build has no xz, one that
-// fails as soon as it is to begin. A level above the highest is the highest. With several threads a large
+// is not there. A level above the highest is the highest. With several threads a large
 // archive has several blocks.
 std::unique_ptr<Encoder> makeXzEncoder(const CodecOptions& options);
 

@@ -1,5 +1,5 @@
 // zstd by libzstd. Its own buffers are as large as it recommends; memory that a frame's header claims is
-// bounded before it is allocated, by the library's own limit on windows.
+// bounded before it is allocated (ZstdWindow).
 #include "runtime/codec/ZstdCodec.h"
 
 #include <zstd.h>
@@ -11,6 +11,7 @@
 #include "runtime/buffer/DataBuffer.h"
 #include "runtime/codec/InputWindow.h"
 #include "runtime/codec/LateEncoder.h"
+#include "runtime/codec/ZstdWindow.h"
 #include "runtime/io/Abort.h"
 #include "runtime/io/Io.h"
 #include "runtime/io/_mvOutput.h"
@@ -133,14 +134,16 @@ class ZstdEncoder : public UnframedEncoder {
   const bool m_hasWorkers;
 };
 
-// The largest window of 2^n bytes that a limit allows. The library takes its limit as that exponent (RFC
-// 8878, 3.1.1.1.2). A limit below the smallest window, 1 KiB, counts as that.
+// The library takes its limit as an exponent of two, and has one of its own that is lower than what may be
+// asked for. So it gets the next power; the limit itself is kept by ZstdWindow.
 int windowLogFor(long long bytes) {
   const ZSTD_bounds bounds = ZSTD_dParam_getBounds(ZSTD_d_windowLogMax);
   int log = bounds.lowerBound;
-  while (log < bounds.upperBound && 1LL << (log + 1) <= bytes) ++log;
+  while (log < bounds.upperBound && 1LL << log < bytes) ++log;
   return log;
 }
+
+constexpr char kTooLarge[] = "The zstd data need a larger window than MaxWindowBytes allows.";
 
 // What a person is told; whatever has no words of its own here is damage.
 const char* reasonOf(size_t error) {
@@ -148,7 +151,7 @@ const char* reasonOf(size_t error) {
     case ZSTD_error_prefix_unknown:
       return "What follows is no zstd data.";
     case ZSTD_error_frameParameter_windowTooLarge:
-      return "The zstd data need a larger window than MaxWindowBytes allows.";
+      return kTooLarge;
     case ZSTD_error_checksum_wrong:
       return "The checksum of the zstd data is wrong.";
     case ZSTD_error_memory_allocation:
@@ -181,6 +184,7 @@ bool decodeZstd(_mvDataSource& source, _mvOutput& out, const CodecOptions& optio
   ZSTD_DCtx_setParameter(context.get(), ZSTD_d_windowLogMax, windowLogFor(most));
   std::vector<char> buffer(ZSTD_DStreamOutSize());
   InputWindow input(source, io);
+  ZstdWindow window;
   ZSTD_inBuffer in{nullptr, 0, 0};
   size_t wanted = 1;  // 0: the last call ended a frame, and nothing of it is held back
   bool anyFrame = false;
@@ -193,6 +197,9 @@ bool decodeZstd(_mvDataSource& source, _mvOutput& out, const CodecOptions& optio
       if (n == 0) break;
       in = {bytes, n, 0};
     }
+    if (wanted == 0) window.beginFrame();
+    window.add(static_cast<const char*>(in.src) + in.pos, in.size - in.pos);
+    if (window.claimed() > static_cast<uint64_t>(most)) return io.fail(kTooLarge);
     ZSTD_outBuffer piece{buffer.data(), buffer.size(), 0};
     do {
       piece.pos = 0;

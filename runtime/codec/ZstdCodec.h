@@ -7,8 +7,8 @@
 
 namespace morvane {
 
-// One frame with a checksum, at options.level (1 to 22; 0: 3). Where the build has no zstd, one that fails
-// as soon as it is to begin. A level above the highest is the highest.
+// One frame with a checksum, at options.level (1 to 22; 0: 3). Where the build has no zstd, one that
+// is not there. A level above the highest is the highest.
 std::unique_ptr<Encoder> makeZstdEncoder(const CodecOptions& options);
 
 // Expands every frame to the source's end, skippable ones passed over, checksums compared. False, with the

@@ -78,7 +78,7 @@ bool ClsTar::Inner::appendMethod(const XString& tarPath, ProgressEvent* progress
     const std::unique_ptr<AppendOutput> out =
         AppendOutput::create(std::move(file), path, end, kEndMark, m_log);
     if (!out) return false;
-    m_archive.begin(Compression::None, m_options.codec);
+    if (!m_archive.begin(Compression::None, m_options.codec, io)) return false;
     const bool written = writeFramed(*out, Compression::None, io);
     // An archive that is complete counts, also when something was left out of it.
     if (!written && !m_onlyLeftOut) return false;

@@ -120,6 +120,7 @@ bool ClsTar::Inner::untarChecked(_mvDataSource& source, Compression expected, bo
     const Codec& codec = codecOf(*found);
     const bool expanded = (!codec.readHeader || codec.readHeader(source, io)) &&
                           extractArchive(codec, source, stream, options, m_options.maxRatio, io);
+    if (!expanded) stream.endEarly();
     ok = stream.FinishStreamingUntar(io.monitor, m_log) && expanded;
     m_onlyLeftOut = expanded && stream.onlyLeftOut();
   }

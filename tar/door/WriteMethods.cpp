@@ -70,9 +70,9 @@ bool ClsTar::Inner::writeMethod(const char* name, Compression compression, const
     if (!prepareWrite(place, kCannotCreate, progress, total)) return false;
     ProgressMonitorPtr monitor(progress, m_abortCheckMs, m_percentScale, total);
     const Io io(m_log, monitor.getPm(), progress);
-    m_archive.begin(compression, m_options.encoderOptions());
     // An encoder has threads and megabytes, which must not stay until the next write.
     const ScopeExit letGo([this] { m_archive.end(); });
+    if (!m_archive.begin(compression, m_options.encoderOptions(), io)) return false;
     if (place.out) return writeFramed(*place.out, compression, io);
     // Only now: an archive that is there is not emptied for a write that does not begin.
     const std::unique_ptr<OutputFile> file(OutputFile::createFileUtf8(place.path->getUtf8(), m_log));

@@ -85,7 +85,10 @@ int UntarRun::run() {
     }
   }
   // What was chosen before a failure is made all the same.
-  {
+  if (step == Step::Fail) {
+    // Without a context, which would make the log forget what the failure was.
+    (void)doUndone(true);
+  } else {
     // They say it where each would have said it.
     LogContextExitor fileContext(m_log, "file");
     if (!doUndone(true)) step = Step::Fail;

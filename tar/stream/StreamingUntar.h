@@ -44,6 +44,12 @@ class StreamingUntar {
   // The result of the run; see ClsTar. Called once, behind the pieces. True only for a run without failure in
   // which nothing was left out. The listing is closed.
   bool FinishStreamingUntar(ProgressMonitor* pm, LogBase& log);
+  // Nothing more comes, for a reason that the log has. Finishing fails then, and says nothing of what is
+  // missing.
+  void endEarly() {
+    m_streamFinished = true;
+    m_streamOk = false;
+  }
   // One step: consumes what it can of one piece, or of what earlier pieces left, and returns. What is left
   // pending has to be asked for by further calls without data.
   bool streamingUntarInner(const unsigned char* data, unsigned numBytes, bool& finished, ProgressMonitor* pm,

@@ -9,11 +9,12 @@
 namespace morvane {
 
 // Whatever an earlier write left, a failed one too, is forgotten.
-void ArchiveOutput::begin(Compression compression, const CodecOptions& options) {
+bool ArchiveOutput::begin(Compression compression, const CodecOptions& options, const Io& io) {
   m_encoder = compression == Compression::None ? nullptr : codecOf(compression).makeEncoder(options);
   m_compressFirst = true;
   m_compressLast = false;
   m_uncompressedSize = 0;
+  return !m_encoder || m_encoder->isThere(io);
 }
 
 // The frame's parts do not pass writeOut_pm: they are none of the archive's bytes and must not be compressed.

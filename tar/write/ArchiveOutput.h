@@ -20,8 +20,9 @@ struct ArchiveOutput {
   long long m_uncompressedSize = 0;  // archive bytes handed to the encoder
 
   // What the next write goes through. An encoder serves one archive. Called before each write, a failed one
-  // included. `options` are taken over by the encoder.
-  void begin(Compression compression, const CodecOptions& options);
+  // included, and before its output is made: false where this build cannot compress so. `options` are taken
+  // over by the encoder.
+  [[nodiscard]] bool begin(Compression compression, const CodecOptions& options, const Io& io);
   // Lets the encoder go, with its memory and its threads: on every way out of a write.
   void end() { m_encoder = nullptr; }
   // Writes what an encoder puts in front of its data and behind them. Nothing for a plain archive. `out` is
