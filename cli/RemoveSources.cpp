@@ -17,6 +17,13 @@ bool isUnchanged(const struct stat& then, const struct stat& now) {
          then.st_mtim.tv_sec == now.st_mtim.tv_sec && then.st_mtim.tv_nsec == now.st_mtim.tv_nsec;
 }
 
+// A directory may be named by what is in it; rmdir takes no path that ends in ".".
+std::string withoutDot(std::string path) {
+  while (path.size() > 1 && (path.back() == '/' || path.compare(path.size() - 2, 2, "/.") == 0))
+    path.pop_back();
+  return path;
+}
+
 }  // namespace
 
 void RemoveSources::begin(const std::string& path, bool isDirectory) {
@@ -57,7 +64,8 @@ void RemoveSources::remove(const Source& source, Report& report) {
     return;
   }
   // Neither follows a link: the name itself is removed.
-  const int result = source.isDirectory ? rmdir(source.path.c_str()) : unlink(source.path.c_str());
+  const int result =
+      source.isDirectory ? rmdir(withoutDot(source.path).c_str()) : unlink(source.path.c_str());
   if (result != 0) report.problem(source.path, std::string("not removed: ") + std::strerror(errno));
 }
 

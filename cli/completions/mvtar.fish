@@ -61,7 +61,8 @@ end
 set -g __mvtar_value_letters ''
 complete -c mvtar -n '__mvtar_archive >/dev/null' -f -a '(__mvtar_members)' -d member
 command mvtar --help=options 2>/dev/null | while read -l -d \t letter name takes kind help
-    set -l row -c mvtar -l (string replace -- -- '' $name) -d $help
+    set -l row -c mvtar -d $help
+    test -n "$name"; and set -a row -l (string replace -- -- '' $name)
     test -n "$letter"; and set -a row -s (string replace -- - '' $letter)
     if test "$takes" = '='
         set __mvtar_value_letters $__mvtar_value_letters(string replace -- - '' $letter)
