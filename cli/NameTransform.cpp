@@ -13,20 +13,16 @@ constexpr size_t kGroups = 10;
 // Behind a back slash, in what is put in place of a match.
 constexpr std::string_view kEscapes = "abfnrtv", kMeant = "\a\b\f\n\r\t\v";
 
-// Up to the next `delimiter` that is not quoted by a back slash. A quoted delimiter is the character itself.
-// False when there is none. `at` is left behind the delimiter.
+// Up to the next `delimiter` that is not quoted by a back slash. False when there is none. `at` is left
+// behind the delimiter. Back slashes stay: the expression and the replacement each have a meaning for them,
+// also in front of the delimiter, so that "s|a\|b|c|" knows alternatives, as in GNU tar.
 bool takePart(const std::string& text, char delimiter, size_t& at, std::string& part) {
   for (; at < text.size(); ++at) {
     if (text[at] == delimiter) {
       ++at;
       return true;
     }
-    if (text[at] == '\\' && at + 1 < text.size()) {
-      ++at;
-      // A quoted delimiter loses its back slash, as sed has it; any other back slash is for regcomp or for
-      // the replacement to understand.
-      if (text[at] != delimiter) part += '\\';
-    }
+    if (text[at] == '\\' && at + 1 < text.size()) part += text[at++];
     part += text[at];
   }
   return false;

@@ -88,6 +88,8 @@ bool OptionValues::setHelp(const char* topic) {
 
 bool OptionValues::setArchive(const std::string& path) {
   if (path.empty()) return wrong("option '-f' needs the name of an archive");
+  // A second one is a file's name behind a letter too many more often than it is meant.
+  if (m_line.archiveIsGiven) return wrong("only one option '-f'");
   m_line.archive = path;
   return m_line.archiveIsGiven = true;
 }

@@ -24,6 +24,13 @@ bool isUnchanged(const mvFileInfo& then, const mvFileInfo& now) {
          (then.m_linkCount > 1 || then.m_creation == now.m_creation);
 }
 
+// A directory may be named by what is in it; rmdir takes no path that ends in ".".
+std::string withoutDot(std::string path) {
+  while (path.size() > 1 && (path.back() == '/' || path.compare(path.size() - 2, 2, "/.") == 0))
+    path.pop_back();
+  return path;
+}
+
 }  // namespace
 
 // What the component saw counts, and not what is there by now: it may have read the file long before its
@@ -69,7 +76,8 @@ void RemoveSources::remove(const Source& source, Report& report) {
     return;
   }
   // Neither follows a link: the name itself is removed.
-  const int result = source.isDirectory ? rmdir(source.path.c_str()) : unlink(source.path.c_str());
+  const int result =
+      source.isDirectory ? rmdir(withoutDot(source.path).c_str()) : unlink(source.path.c_str());
   if (result != 0) report.problem(source.path, std::string("not removed: ") + std::strerror(errno));
 }
 

@@ -1,5 +1,9 @@
 // Reading ahead and writing behind with several threads against one: archives, events, logs, results and
 // trees.
+#include <sys/resource.h>
+
+#include <csignal>
+
 #include "ArchiveSupport.h"
 #include "TreeSupport.h"
 
@@ -274,6 +278,52 @@ TEST(ParallelTrees, TreesEventsAndLogsAreThoseOfOneThread) {
       }
     }
   }
+}
+
+// Directories of which so many follow that they are forgotten, and a link in the place of the first.
+std::string forgottenArchive() {
+  std::string archive = directory("other/") + directory("d/") + member("d/f", "f");
+  for (int i = 0; i < 4200; ++i) archive += directory("z" + std::to_string(i) + "/");
+  return archive + ArchiveBuilder().add({"d", "", '2', "other"}).bytes(0) + kEnd;
+}
+
+TEST(ParallelTrees, WhatWasForgottenIsNotPassed) {
+  for (const bool compressed : {false, true})
+    expectSame(extract(forgottenArchive(), 1, compressed, "", nullptr, Target::IsEmpty),
+               extract(forgottenArchive(), 2, compressed, "", nullptr, Target::IsEmpty), "");
+}
+
+// The first failure in the archive's order is the one that is told, though what comes behind it was met
+// before.
+TEST(ParallelTrees, FailuresComeInTheirOrder) {
+  std::string archive = directory("d/");
+  for (int i = 0; i < 100; ++i) archive += member("d/" + std::to_string(i), i == 80 ? noise(60000, 1) : "x");
+  const std::string damaged = archive + patched(member("bad"), kChecksumField, "0000000") + kEnd;
+  const std::string limited = archive + member("d/late") + kEnd;
+  rlimit before{};
+  ASSERT_EQ(0, getrlimit(RLIMIT_FSIZE, &before));
+  const auto oldAction = std::signal(SIGXFSZ, SIG_IGN);
+  for (const bool compressed : {false, true}) {
+    for (const std::string& words : {""s, ",SkipUncreatable=off"s, ",MaxMembers=102"s}) {
+      for (const std::string& each : {damaged, limited}) {
+        Seen seen[2];
+        for (const int threads : {1, 4}) {
+          const auto limit = [&](RowEvent&, ClsTar&) {
+            const rlimit low{30000, before.rlim_max};
+            EXPECT_EQ(0, setrlimit(RLIMIT_FSIZE, &low));
+          };
+          seen[threads / 4] = extract(each, threads, compressed, words, limit, Target::IsEmpty);
+          EXPECT_EQ(0, setrlimit(RLIMIT_FSIZE, &before));
+          // What was told of later headers by then is another matter.
+          seen[threads / 4].events.clear();
+          seen[threads / 4].tree.clear();
+        }
+        EXPECT_TRUE(has(seen[0].log, "File too large")) << seen[0].log;
+        expectSame(seen[0], seen[1], words + (compressed ? " gzip" : ""));
+      }
+    }
+  }
+  std::signal(SIGXFSZ, oldAction);
 }
 
 // What a callback sets holds for what follows, and not for what is under way and has to be done again.
