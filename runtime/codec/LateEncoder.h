@@ -50,8 +50,8 @@ class LateEncoder : public UnframedEncoder {
     return added;
   }
 
-  // Libraries make their threads late, one by one, and whoever works beside them makes some meanwhile: as many
-  // again are left for those. Fewer than wanted only where they are scarce.
+  // Libraries make their threads late, one by one, and whoever works beside them makes some meanwhile: as
+  // many again are left for those. Fewer than wanted only where they are scarce.
   unsigned threadsForLibrary() const {
     const unsigned had = threadsToBeHad(2 * m_threads);
     return had > m_threads ? had - m_threads : 0;
