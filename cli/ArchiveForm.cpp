@@ -18,11 +18,14 @@ namespace mvtar {
 
 namespace {
 
+// Version and all, because what other writers put there is no form that could be kept.
 bool hasMagic(const unsigned char* block, const char* magic) {
   return std::memcmp(block + morvane::kMagicField.offset, magic, morvane::kMagicField.width) == 0;
 }
 
-// From the archive's start, header by header; their data are not read.
+// From the archive's start, header by header; their data are not read. Later headers of another form, which
+// somebody has appended, change nothing. A header that cannot be read ends the search and is not told: the
+// append meets it again.
 std::string formBy(morvane::_mvDataSource& source, morvane::ProgressMonitor& monitor) {
   morvane::LogNull unwanted;
   morvane::TarHeader header;
@@ -45,7 +48,8 @@ std::string formBy(morvane::_mvDataSource& source, morvane::ProgressMonitor& mon
 
 }  // namespace
 
-// Only a regular file is opened, because a FIFO would be waited for.
+// Only a regular file is opened, because a FIFO would be waited for. Opening may wait all the same, for a
+// network, which an interrupt ends.
 std::string formOfArchive(const std::string& path) {
   struct stat status;
   if (stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return {};

@@ -38,7 +38,7 @@ bool isFifo(const std::string& path) {
 morvane::OsFile waitForReader(const std::string& fifo) {
   morvane::OsFile file;
   do {
-    file.reset(morvane::osOpenOnce(fifo.c_str(), O_WRONLY | O_NOCTTY));
+    file.reset(open(fifo.c_str(), O_WRONLY | O_NOCTTY | O_CLOEXEC));
   } while (!file.isOpen() && errno == EINTR && !isInterrupted());
   return file;
 }

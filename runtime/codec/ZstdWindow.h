@@ -15,19 +15,23 @@ namespace morvane {
 class ZstdWindow {
  public:
   // The next byte is the first of a frame.
+  // Also where a skippable frame begins: it is one without a claim.
   void beginFrame() { m_head.clear(); }
-  // Keeps what may belong to the header; what comes behind it changes nothing.
+  // Keeps what may belong to the header; what comes behind it changes nothing. Called before the library gets
+  // the bytes, so that the last byte of a header is judged before the library acts on it.
   void add(const void* bytes, std::size_t n) {
     constexpr std::size_t kLongestHeader = 18;
     m_head.append(static_cast<const char*>(bytes), std::min(n, kLongestHeader - m_head.size()));
   }
-  // 0 as long as the header is not whole, and of what is no frame or may be skipped.
+  // In bytes. 0 as long as the header is not whole, and of what is no frame or may be skipped: the library
+  // takes no memory for these. A claim may be any number, as nobody has looked at it yet.
   std::uint64_t claimed() const {
     constexpr std::size_t kDescriptorAt = 4;
     if (m_head.size() <= kDescriptorAt + 1 || m_head.compare(0, kDescriptorAt, "\x28\xB5\x2F\xFD") != 0)
       return 0;
     const unsigned descriptor = byteAt(kDescriptorAt);
-    // Without the flag a window is stated; with it the window is the whole content, whose size is stated.
+    // Without the flag a window is stated, right behind the descriptor; with it the window is the whole
+    // content, whose size is stated.
     constexpr unsigned kSingleSegment = 0x20;
     if (!(descriptor & kSingleSegment)) return windowOf(byteAt(kDescriptorAt + 1));
     constexpr std::size_t kDictionaryIdSizes[] = {0, 1, 2, 4};
@@ -50,6 +54,7 @@ class ZstdWindow {
     return size;
   }
 
+  // Pieces may end within a header, so it is gathered.
   std::string m_head;  // from the frame's first byte on, 18 bytes at most
 };
 
