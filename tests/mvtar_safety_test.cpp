@@ -230,7 +230,7 @@ std::string whyRefused(const std::string& name) {
 
 TEST(MvtarTarget, NothingOutsideIsTouched) {
   const struct {
-    std::string before, members, refused, inside, notice = "";
+    std::string before, members, refused, inside, notice = {};
   } cases[] = {
       {"mkdir a", "../evil ../out/victim ../new/ a/.. ..", "../evil ../out/victim ../new/ a/.. ..", ""},
       {"true", "/etc/evil //x/y /../evil", "../evil", "etc/evil x/y",
