@@ -56,7 +56,7 @@ std::string timeText(long long seconds) {
 
 // Too narrow for everything, the time goes first, then the rate, then the bar.
 std::string ProgressBar::lineOf(int parts, long long rate, long long secondsLeft, int columns) {
-  char share[8];
+  char share[16];
   std::snprintf(share, sizeof share, "%3d%%", std::clamp(parts, 0, kScale) * 100 / kScale);
   // The last column stays free, because some terminals go on to the next line as soon as it is written.
   const int room = columns - 1 - static_cast<int>(sizeof "[] " - 1 + std::string(share).size());
