@@ -1,41 +1,12 @@
-// The rules of the format, each called by itself: numbers, header blocks, the ustar split, pax records, entry
-// paths, name filters, option words.
-#include <array>
-#include <cstring>
-
+// What is read of a header, each rule called by itself: numbers, fields, pax records.
 #include "ArchiveSupport.h"
-#include "tar/format/EntryPath.h"
+#include "BlockSupport.h"
 #include "tar/format/FullExtensions.h"
 #include "tar/format/PaxRecordText.h"
 #include "tar/format/PaxRecords.h"
-#include "tar/settings/NameFilter.h"
-#include "tar/write/MemberSource.h"
-#include "tar/write/MemberWriter.h"
 
 namespace morvane::testing {
 namespace {
-
-using Block = std::array<unsigned char, kBlockSize>;
-
-const std::string kPosix = "ustar\0"s + "00";
-
-// A block with these fields (field, bytes, field, bytes ...) and a right checksum.
-void putAll(Block&) {}
-template <class... Rest>
-void putAll(Block& block, Field field, const std::string& bytes, const Rest&... rest) {
-  ASSERT_LE(bytes.size(), field.width);
-  std::memcpy(block.data() + field.offset, bytes.data(), bytes.size());
-  putAll(block, rest...);
-}
-template <class... Fields>
-Block blockOf(const Fields&... fields) {
-  Block block{};
-  putAll(block, fields...);
-  putChecksum(block.data());
-  return block;
-}
-
-std::string textOf(const Block& block) { return std::string(block.begin(), block.end()); }
 
 TarHeader parsed(const Block& block) {
   TarHeader header;
@@ -66,12 +37,6 @@ std::string shown(const TarHeader& header) {
                                     {"bits", header.m_paxFieldsSet}})
     add(name, std::to_string(value));
   return text;
-}
-
-std::string octal(unsigned value, size_t width) {
-  std::string digits(width, '0');
-  for (size_t i = width; i-- > 0 && value > 0; value /= 8) digits[i] = static_cast<char>('0' + value % 8);
-  return digits;
 }
 
 // ---- Numbers
@@ -149,135 +114,6 @@ TEST(TarNumber, ChecksumsOfNewAndOldWriters) {
 }
 
 // ---- Header blocks and records as written
-
-// The writing side of one header, by itself.
-struct Encoder {
-  explicit Encoder(WriteFormat format) {
-    settings.format = format;
-    settings.userName = std::string(40, 'u');
-    settings.groupName = "group";
-    settings.userId = 9;
-    settings.groupId = 66;
-    settings.dirMode = 0711;
-    archive.m_output = &out;
-  }
-  bool write(const std::string& path, bool isDirectory = false, long long size = 0) {
-    mvFileInfo info;
-    info.m_isDirectory = isDirectory;
-    info.m_size = size;
-    info.m_lastModified = MorvaneFileTime::fromUnixTime64(99999999999);
-    XString pathInTar(path);
-    WriteRun run{settings, archive, Io(log)};
-    morvane::Member member;
-    describeMember(info, settings, pathInTar, member);
-    MemberWriter writer(run);
-    return writer.writeHeader(member, writer.encode(member));
-  }
-
-  WriteSettings settings;
-  ArchiveOutput archive;
-  LimitedOutput out;
-  _mvLogger log;
-};
-
-constexpr auto kGnu = WriteFormat::Gnu, kPax = WriteFormat::Pax, kUstar = WriteFormat::Ustar;
-
-TEST(HeaderBlock, EveryByteOfAMember) {
-  const std::string n100(100, 'n');
-  const struct {
-    WriteFormat format;
-    std::string path;
-    bool isDirectory;
-    long long size;
-    std::string name, mode, sizeField;
-  } kCases[] = {{kGnu, "f", false, 10, "f", "0000644", "00000000012\0"s},
-                {kPax, "a\\b.sh", false, 8589934591, "a/b.sh", "0000755", "77777777777\0"s},
-                {kUstar, "x.bash", false, 8589934592, "x.bash", "0000755", "\x80\0\0\0\0\0\0\2\0\0\0\0"s},
-                {kUstar, "x.sh", true, 4096, "x.sh/", "0000711", "00000000000\0"s},
-                {kGnu, "a/b/", true, 0, "a/b/", "0000711", "00000000000\0"s},
-                {kGnu, "a.SH", false, 0, "a.SH", "0000644", "00000000000\0"s},
-                {kPax, "a.bsh", false, 0, "a.bsh", "0000755", "00000000000\0"s},
-                {kGnu, "a.csh", false, 0, "a.csh", "0000755", "00000000000\0"s},
-                {kGnu, n100, false, 0, n100, "0000644", "00000000000\0"s}};
-  for (const auto& each : kCases) {
-    Encoder encoder(each.format);
-    ASSERT_TRUE(encoder.write(each.path, each.isDirectory, each.size));
-    const std::string device = each.format == kGnu ? ""s : "0000000\0"s;
-    const Block expected =
-        blockOf(kNameField, each.name, kModeField, each.mode, kUidField, "0000011\0"s, kGidField,
-                "0000102\0"s, kSizeField, each.sizeField, kMtimeField, "37777777777\0"s, kTypeFlagField,
-                each.isDirectory ? "5" : "0", kMagicField, each.format == kGnu ? "ustar  \0"s : kPosix,
-                kUserNameField, std::string(31, 'u'), kGroupNameField, "group", kDevMajorField, device,
-                kDevMinorField, device);
-    EXPECT_EQ(textOf(expected), encoder.out.bytes) << each.path;
-  }
-}
-
-TEST(HeaderBlock, EveryByteOfARecord) {
-  for (const WriteFormat format : {kGnu, kUstar, kPax}) {
-    for (const size_t length : {256u, 511u, 512u, 70000u}) {
-      Encoder encoder(format);
-      const std::string path = std::string(length - 3, 'p') + ".sh", zeros(7, '0');
-      ASSERT_TRUE(encoder.write(path));
-      const bool pax = format == kPax;
-      std::string data = pax ? paxPathRecord(path, false) : path + "\0"s;
-      // A script's own mode is in the member's header only, and GNU's record has hardly anything.
-      const Block expected = blockOf(
-          kNameField, pax ? path.substr(0, 100) : "././@LongLink", kModeField, pax ? "0000644" : zeros,
-          kUidField, pax ? "0000011" : zeros, kGidField, pax ? "0000102" : zeros, kSizeField,
-          octal(static_cast<unsigned>(data.size()), 11), kMtimeField, pax ? "37777777777" : "00000000000",
-          kTypeFlagField, pax ? "x" : "L", kMagicField, pax ? kPosix : "ustar  \0"s, kUserNameField,
-          pax ? "" : std::string(31, 'u'), kGroupNameField, pax ? "" : "group", kDevMajorField,
-          pax ? zeros : "", kDevMinorField, pax ? zeros : "");
-      data.resize((data.size() + 511) / 512 * 512, '\0');
-      EXPECT_EQ(textOf(expected) + data + path.substr(0, 100) + "0000755",
-                encoder.out.bytes.substr(0, 512 + data.size() + 107))
-          << length;
-      EXPECT_EQ(data.size() + 1024, encoder.out.bytes.size());
-    }
-  }
-}
-
-TEST(UstarSplit, LeftmostSlashThatLeavesAName) {
-  const std::string a49(49, 'a'), a100(100, 'a'),
-      tooLong = "Max path length for ustar format is 255 bytes.\n";
-  const std::string uncut =
-      "Max lengths for ustar format are 100 bytes for the filename and 155 bytes for the prefix.\n";
-  const std::array<std::string, 4> kCases[] = {
-      // The path, the two parts, the error.
-      {a49 + "/" + a49 + "a", "", a49 + "/" + a49 + "a", ""},
-      {a49 + "/" + a49 + "/a", a49 + "/", a49 + "/a", ""},
-      {"a/" + a100, "a/", a100, ""},
-      {"/" + a100, "/", a100, ""},
-      {"b/a/" + a100.substr(2), "b/", "a/" + a100.substr(2), ""},
-      {"a/a" + a100, "", "", uncut},
-      {a100 + "/", "", "", uncut},
-      {std::string(154, 'a') + "/" + a100, std::string(154, 'a') + "/", a100, ""},
-      {std::string(155, 'a') + "/" + a100, "", "", tooLong}};
-  for (const auto& [path, prefix, name, error] : kCases) {
-    ClsTar tar;
-    _mvLogger log;
-    XString gotName("x"), gotPrefix("x");
-    EXPECT_EQ(error.empty(), tar.splitPathForTar(path, gotName, gotPrefix, log)) << path;
-    EXPECT_EQ(error, log.text()) << path;
-    EXPECT_EQ(prefix + "|" + name, gotPrefix.str() + "|" + gotName.str()) << path;
-  }
-}
-
-TEST(UstarSplitDeathTest, PrefixThatFitsNoBlockStopsTheProcess) {
-  EXPECT_DEATH(Encoder(kUstar).write(std::string(167, 'd') + "/name"), "prefix of 168 bytes");
-}
-
-TEST(PaxPathRecord, LengthRule) {
-  for (size_t length = 1; length <= 12000; ++length) {
-    const std::string path(length, 'p'), plain = paxPathRecord(path, false);
-    EXPECT_EQ(paxRecord("path", path), paxPathRecord(path, true));
-    EXPECT_EQ(length + (length >= 990 ? 11 : 10), std::stoul(plain));
-    EXPECT_EQ(length >= 90 && length <= 9988, std::stoul(plain) == plain.size()) << length;
-  }
-}
-
-// ---- Blocks as read
 
 TEST(TarHeader, PathFromNameAndPrefix) {
   const std::string p155(155, 'p'), n100(100, 'n');
@@ -457,97 +293,6 @@ TEST(FullExtensions, Times) {
 }
 
 // ---- Names
-
-TEST(EntryPath, Rules) {
-  // Stored, and as extracted: by default, without NoAbsolutePaths, with UntarDiscardPaths.
-  const std::array<const char*, 4> kCases[] = {
-      {"//etc/x", "etc/x", "//etc/x", "x"},    {"\\\\x\\y", "x/y", "//x/y", "y"}, {"///", "", "///", ""},
-      {"../a/..", "../a/..", "../a/..", ".."}, {"./d/", "./d/", "./d/", ""},      {"", "", "", ""}};
-  for (const auto& [path, byDefault, absolute, discarded] : kCases) {
-    const auto apply = [stored = path](bool discardPaths, bool noAbsolutePaths) {
-      std::string text(leftOfEntryPath(stored, discardPaths, noAbsolutePaths));
-      std::replace(text.begin(), text.end(), '\\', '/');
-      return text;
-    };
-    EXPECT_EQ(byDefault, apply(false, true));
-    EXPECT_EQ(absolute, apply(false, false));
-    EXPECT_EQ(discarded, apply(true, true));
-    EXPECT_EQ(discarded, apply(true, false));
-  }
-}
-
-TEST(NameFilter, EveryRule) {
-  enum { kNoCase, kCase, kUnprepared };  // the last: no writing method has looked at the patterns yet
-  const struct {
-    const char *mustMatch, *mustNotMatch;
-    int how;
-    std::vector<const char*> taken, excluded;
-  } kCases[] = {
-      {"", "", kNoCase, {"any/thing", ""}, {}},
-      {"*.txt", "", kNoCase, {"a/b.TXT", ".txt"}, {"a/b.dat", "a.txt/b", ""}},
-      {"*.txt", "", kCase, {"a/b.txt"}, {"a/b.TXT"}},
-      // A plain name may be the last part; there case counts the other way round.
-      {"name", "", kNoCase, {"name", "NAME", "d/name"}, {"d/NAME", "d/name2", "d/name/x", "d/xname", ""}},
-      {"name", "", kCase, {"name", "d/name", "d/NAME"}, {"NAME", "d/name2"}},
-      {"name", "", kUnprepared, {"NAME"}, {"d/name"}},
-      {"d/name", "", kNoCase, {"d/name"}, {"x/d/name", "name"}},
-      {"d\\name", "", kNoCase, {"d\\name"}, {"x/d\\name"}},
-      // A plain name to leave out is never met inside a directory.
-      {"", "name", kNoCase, {"d/name", "name2"}, {"name", "NAME"}},
-      {"", "name", kCase, {"d/name", "NAME"}, {"name"}},
-      {"", "*/name", kNoCase, {"name"}, {"d/name"}},
-      {"*.txt", "a*", kNoCase, {"b.txt"}, {"a.txt", "b.dat", "a.dat"}},
-      {"", "*", kNoCase, {}, {"", "a/b"}}};
-  for (const auto& each : kCases) {
-    ClsTar tar;
-    tar.put_MustMatch(each.mustMatch);
-    tar.put_MustNotMatch(each.mustNotMatch);
-    tar.put_MatchCaseSensitive(each.how == kCase);
-    if (each.how != kUnprepared) tar.setMatchPatternExactFlags();
-    SCOPED_TRACE(std::string(each.mustMatch) + " ! " + each.mustNotMatch);
-    for (const char* path : each.taken) EXPECT_FALSE(tar.excludeByMatch(path, tar.log())) << path;
-    for (const char* path : each.excluded) EXPECT_TRUE(tar.excludeByMatch(path, tar.log())) << path;
-  }
-}
-
-TEST(TarOptions, Words) {
-  const auto shownOptions = [](const std::string& words) {
-    std::vector<std::string> complaints;
-    const TarOptions options = parseTarOptions(words, complaints);
-    const auto number = [](auto value) { return std::to_string(value); };
-    std::string text;
-    if (options.fullRead) text += "FullRead ";
-    if (options.noTotal) text += "NoTotal ";
-    if (options.ustarOverflowFails) text += "fail ";
-    if (options.confine == Confine::Beneath) text += "beneath ";
-    if (options.confine == Confine::NoLinks) text += "nolinks ";
-    if (options.maxExtensionBytes != 67108864) text += number(options.maxExtensionBytes) + " ";
-    if (options.codec.fastDeflate != 0) text += "deflate" + number(options.codec.fastDeflate) + " ";
-    for (const long long limit :
-         {options.maxMembers, options.maxTotalBytes, options.maxRatio, options.maxPathDepth})
-      text += limit > 0 ? number(limit) + "/" : "";
-    for (const std::string& word : complaints) text += "?" + word + " ";
-    return text;
-  };
-  for (const std::string line :
-       {" -> ", ",, , -> ", "UstarOverflow=fail -> fail ",
-        " fULLrEAD ,confine = BENEATH, -> FullRead beneath ", "FullRead,NoTotal=on,FullRead=off -> NoTotal ",
-        "FullRead,FullRead=yes -> FullRead ?FullRead=yes ", "FullRead=,Confine -> ?FullRead= ?Confine ",
-        "Confine=nolinks,Confine=x -> nolinks ?Confine=x ", "Confine=nolinks,Confine=off -> ",
-        "MaxExtensionBytes=5,Bogus,=x -> 5 ?Bogus ?=x ",
-        "MaxExtensionBytes=0,MaxExtensionBytes=-1 -> ?MaxExtensionBytes=0 ?MaxExtensionBytes=-1 ",
-        "MaxExtensionBytes=5x,MaxExtensionBytes -> ?MaxExtensionBytes=5x ?MaxExtensionBytes ",
-        "UstarOverflow,UstarOverflow=on,UstarOverflow=off -> ?UstarOverflow ?UstarOverflow=on ",
-        "FastDeflate=3,FastDeflate=4 -> deflate3 ?FastDeflate=4 ",
-        "FullRead=off,Profile=usual,Confine=off -> FullRead fail ?FullRead=off ",
-        "Profile=usual -> FullRead fail beneath ",
-        "Profile=untrusted,MaxRatio=5 -> FullRead fail nolinks 1000000/68719476736/5/256/",
-        "Profile=usual,Profile=off,Profile,Profile=x -> ?Profile ?Profile=x ",
-        "MaxMembers=0,MaxMembers=x -> ?MaxMembers=x "}) {
-    const std::string given = line.substr(0, line.find(" -> "));
-    EXPECT_EQ(line, given + " -> " + shownOptions(given));
-  }
-}
 
 }  // namespace
 }  // namespace morvane::testing
