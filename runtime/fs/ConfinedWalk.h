@@ -131,12 +131,16 @@ class ConfinedWalk {
   int openBeneath(int base, const Parts& parts, size_t count, int lastFlags);
   int openResolved(int from, const char* path, int flags, unsigned mode, bool passesLinks = true);
 
+  // These three are set by open (and by withoutOpenat2), before any worker is given this object, and then
+  // read by workers too (createBeneath, removeBeneath), so that they need no lock. All that stands behind
+  // them is the first thread's alone, which changes it while workers are busy.
+  //
   // Opened with O_PATH: enough to start from, and no right to read is needed.
   OsFile m_target;
-  OsFile m_root;  // where absolute paths start, with Links::Anywhere
   Links m_links = Links::None;
   // Set where the kernel has no openat2, and for tests of that way.
   bool m_partByPart = false;
+  OsFile m_root;  // where absolute paths start, with Links::Anywhere
   // An errno.
   int m_lastError = 0;
   const char* m_refusal = "";
