@@ -180,6 +180,18 @@ class MemberPlacer {
     held.tellTo(io.log);
     return ok;
   }
+  // choose, as such a step. LimitReached also where a file of before ends the run. A member that goes on from
+  // another volume is told of with an event, which asks the log why: nothing may be held back then.
+  template <class DoUndone>
+  Choice chooseInTurn(Member& member, Aim aim, const Io& io, DoUndone doUndoneOfAll) {
+    if (member.isContinuation && !doUndoneOfAll()) return Choice::LimitReached;
+    Choice choice = Choice::LimitReached;
+    const auto chooses = [&](const Io& step) {
+      choice = choose(member, aim, step);
+      return choice != Choice::LimitReached;
+    };
+    return inTurn(io, chooses, doUndoneOfAll) ? choice : Choice::LimitReached;
+  }
   // Places such a file in the ordinary way. The path is then its own.
   Placed placeAgain(const WriteBehind::File& file, const Io& io);
   // Puts its data there and ends it. The engines with steps and lines of their own do the same by themselves.

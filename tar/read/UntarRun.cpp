@@ -252,15 +252,7 @@ UntarRun::Step UntarRun::handleMember() {
 // whole.
 UntarRun::Step UntarRun::extractMember(bool& extracted) {
   using Choice = MemberPlacer::Choice;
-  // It is told of with an event, which asks the log why.
-  if (m_member.isContinuation && !doUndone(true)) return Step::Fail;
-  Choice choice = Choice::LimitReached;
-  const bool isInOrder = inTurn([&](const Io& io) {
-    choice = m_placer.choose(m_member, m_aim, io);
-    return choice != Choice::LimitReached;
-  });
-  if (!isInOrder) return Step::Fail;
-  switch (choice) {
+  switch (m_placer.chooseInTurn(m_member, m_aim, m_io, [this] { return doUndone(true); })) {
     case Choice::FilteredOut:
       if (m_log.verbose()) m_log.LogInfo("Skipping file because of match pattern.");
       return Step::GoOn;

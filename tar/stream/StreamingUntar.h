@@ -152,6 +152,11 @@ class StreamingUntar {
   // Writing behind: see MemberPlacer. False for a failure that ends the run.
   bool handOver(Arrival arrival, const Io& io);
   bool doUndone(bool waitsForAll, const Io& io);
+  // MemberPlacer::inTurn with this engine's way to do again what workers could not do.
+  template <class Read>
+  bool inTurn(const Io& io, Read read) {
+    return m_placer.inTurn(io, read, [&] { return doUndoneOfAll(io); });
+  }
   // becomeFileInItsTurn: the entry whose data were collected and stop before its end.
   bool doAgain(const WriteBehind::File& file, const Io& io);
   bool becomeFileInItsTurn(const Io& io);

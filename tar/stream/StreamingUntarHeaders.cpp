@@ -25,16 +25,14 @@ bool StreamingUntar::consumeHeader(bool& finished, const Io& io) {
   const MemberReader::Demand demand = demandOf(m_settings.options);
   if (!m_reader || !(m_reader->demand() == demand)) m_reader = MemberReader::make(demand);
   // The run ends, since what the record said of the next member is not known.
-  const auto doUndoneOfAll = [&] { return doUndone(true, io); };
   const bool isApplied = m_found != MemberReader::Found::Record ||
-                         m_placer.inTurn(
-                             io, [this](const Io& step) { return applyExtensionData(step); }, doUndoneOfAll);
+                         inTurn(io, [this](const Io& step) { return applyExtensionData(step); });
   if (!isApplied) {
     finished = m_streamFinished = true;
     return false;
   }
   const auto parse = [&](const Io& step) { return parseHeader(m_streamPending.getData2(), finished, step); };
-  if (!m_placer.inTurn(io, parse, doUndoneOfAll)) return false;
+  if (!inTurn(io, parse)) return false;
   // Before the block is taken, which moves the position on.
   m_reader->found().headerPosition = m_streamPosition;
   eat(kBlockSize);
@@ -125,7 +123,7 @@ bool StreamingUntar::takeHeader(bool& finished, const Io& io) {
   if (io.log.verbose()) io.log.LogBracketed("typeFlag", typeText(member.typeFlag).c_str());
   giveUpLongText(member.path);
   const auto isWithin = [this](const Io& step) { return m_placer.isWithinLimits(step); };
-  if (isMember && !m_placer.inTurn(io, isWithin, [&] { return doUndone(true, io); })) {
+  if (isMember && !inTurn(io, isWithin)) {
     finished = m_streamFinished = true;
     return false;
   }
@@ -146,15 +144,10 @@ bool StreamingUntar::beginEntry(bool& finished, const Io& io) {
                                                : MemberPlacer::Aim::Extract;
   const bool passesOver = m_found == MemberReader::Found::PassedOver;
   Member& member = m_reader->found();
-  Choice choice = Choice::Unwanted;
-  const auto choose = [&](const Io& step) {
-    choice = m_placer.choose(member, aim, step);
-    return choice != Choice::LimitReached;
-  };
-  const auto doUndoneOfAll = [&] { return doUndone(true, io); };
-  // What is continued is told of with an event, which asks the log why.
-  const bool isFirst = !member.isContinuation || doUndoneOfAll();
-  if (!isFirst || (!passesOver && !m_placer.inTurn(io, choose, doUndoneOfAll))) {
+  const Choice choice = passesOver
+                            ? Choice::Unwanted
+                            : m_placer.chooseInTurn(member, aim, io, [&] { return doUndoneOfAll(io); });
+  if (choice == Choice::LimitReached) {
     finished = m_streamFinished = true;
     return false;
   }
