@@ -5,6 +5,7 @@
 
 #include "cli/Help.h"
 #include "cli/OptionTable.h"
+#include "tar/settings/TarOptions.h"
 
 namespace mvtar {
 
@@ -111,12 +112,34 @@ std::string tableOfOptions() {
   return text;
 }
 
+std::string wordsOfTheComponent() {
+  const std::vector<morvane::ListedWord> words = morvane::listOptionWords();
+  size_t widest = 0;
+  for (const morvane::ListedWord& each : words) widest = std::max(widest, each.word.size());
+  std::string text;
+  for (const morvane::ListedWord& each : words) {
+    text += each.word + std::string(widest + 2 - each.word.size(), ' ') + each.meaning + "\n";
+  }
+  return text;
+}
+
+std::string firstScreen() { return kFirstScreen; }
+
+struct Topic {
+  const char* name;
+  std::string (*text)();
+};
+
+constexpr Topic kTopics[] = {
+    {"", firstScreen}, {"all", allOptions}, {"words", wordsOfTheComponent}, {"options", tableOfOptions}};
+
 }  // namespace
 
-// Which topics there are OptionValues has checked, so that what is neither of the two is the first screen.
-std::string helpText(const std::string& topic) {
-  if (topic == "options") return tableOfOptions();
-  return topic == "all" ? allOptions() : kFirstScreen;
+std::optional<std::string> helpText(const std::string& topic) {
+  for (const Topic& each : kTopics) {
+    if (topic == each.name) return each.text();
+  }
+  return std::nullopt;
 }
 
 }  // namespace mvtar

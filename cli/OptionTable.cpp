@@ -281,7 +281,8 @@ const Option kOptions[] = {
      set<&CommandLine::untrusted>},
     {kNoLetter, "options", kValue, "WORDS", Group::Component, "more words for the component",
      with<&Values::addOptions>},
-    {kNoLetter, "help", kMayTakeValue, "all", Group::Component, "this text; all: every option",
+    {kNoLetter, "help", kMayTakeValue, "all|words", Group::Component,
+     "this text; all: every option; words: those of --options",
      [](Values& values, const char* topic) { return values.setHelp(topic); }},
     {kNoLetter, "version", kNothing, nullptr, Group::Component, "the version", enter<Mode::Version>},
 };

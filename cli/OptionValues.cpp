@@ -10,6 +10,7 @@
 #include <cstdlib>
 
 #include "cli/Dates.h"
+#include "cli/Help.h"
 #include "runtime/text/XString.h"
 #include "tar/settings/TarOptions.h"
 
@@ -80,8 +81,7 @@ bool OptionValues::setMode(Mode mode) {
 // Whatever mode was set before gives way.
 bool OptionValues::setHelp(const char* topic) {
   m_line.helpTopic = topic ? topic : "";
-  if (!m_line.helpTopic.empty() && m_line.helpTopic != "all" && m_line.helpTopic != "options")
-    return wrong("unknown value '" + m_line.helpTopic + "' for --help");
+  if (!helpText(m_line.helpTopic)) return wrong("unknown value '" + m_line.helpTopic + "' for --help");
   m_line.mode = Mode::Help;
   return true;
 }

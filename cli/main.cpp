@@ -51,7 +51,7 @@ int runCommand(mvtar::CommandLine& line) {
     case Mode::Deb:
       return mvtar::createDeb(line);
     case Mode::Help:
-      mvtar::StandardOutput::write(mvtar::helpText(line.helpTopic));
+      mvtar::StandardOutput::write(*mvtar::helpText(line.helpTopic));
       break;
     case Mode::Version:
       mvtar::StandardOutput::write(std::string("mvtar ") + mvtar::versionText() + "\n");

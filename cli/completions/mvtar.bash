@@ -32,9 +32,9 @@ _mvtar() {
       WORDS)
         # One behind the other, with commas.
         [[ $value == *,* ]] && typed+=${value%,*},
-        mapfile -t COMPREPLY < <(compgen -W "$(_mvtar_words)" -- "${value##*,}")
+        mapfile -t COMPREPLY < <(compgen -W "$("$program" --help=words | cut -d " " -f 1)" -- "${value##*,}")
         ;;
-      *"|"* | all) mapfile -t COMPREPLY < <(compgen -W "${kind_of_option//|/ }" -- "$value") ;;
+      *"|"*) mapfile -t COMPREPLY < <(compgen -W "${kind_of_option//|/ }" -- "$value") ;;
       *) COMPREPLY=() ;;
     esac
     COMPREPLY=("${COMPREPLY[@]/#/$typed}")
@@ -143,15 +143,5 @@ _mvtar_members() {
       if (!seen[name]++) print name
     }')
   [[ ${#COMPREPLY[@]} -eq 1 && ${COMPREPLY[0]} == */ ]] && compopt -o nospace
-}
-
-_mvtar_words() {
-  printf '%s\n' SkipOutputFile SkipUnreadable WriteExactSizes CountSkipsExcluded NoTotal UstarOverflow=fail \
-    UstarPlainPrefix PaxExact OpenBeforeEvent FollowLinks Store= Reproducible= FastDeflate= FullRead Restore= \
-    OwnerBy=name OwnerBy=id LinkTargets=any LinkTargets=inside ExistingDirectories=keep ExistingDirectories=settle \
-    ExistingFiles=keep ExistingFiles=skip ExistingFiles=newer \
-    MaxExtensionBytes= MaxPathDepth= MaxMembers= MaxTotalBytes= MaxRatio= MaxWindowBytes= Level= Threads= \
-    Profile=usual Profile=untrusted Confine=beneath Confine=nolinks VerifyGzip GzipAllMembers Bz2Framed \
-    RequireEndOfArchive EntryEvents MemberEvents SkipUncreatable
 }
 complete -F _mvtar mvtar

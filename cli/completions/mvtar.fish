@@ -3,13 +3,7 @@
 # The words of --options, one behind the other with commas.
 function __mvtar_words
     set -l before (string match -r -- '^(?:-.*?=)?((?:.*,)?)' (commandline -ct))[2]
-    printf "$before%s\n" SkipOutputFile SkipUnreadable WriteExactSizes CountSkipsExcluded NoTotal UstarOverflow=fail \
-        UstarPlainPrefix PaxExact OpenBeforeEvent FollowLinks Store= Reproducible= FastDeflate= FullRead Restore= \
-        OwnerBy=name OwnerBy=id LinkTargets=any LinkTargets=inside ExistingDirectories=keep ExistingDirectories=settle \
-        ExistingFiles=keep ExistingFiles=skip ExistingFiles=newer \
-        MaxExtensionBytes= MaxPathDepth= MaxMembers= MaxTotalBytes= MaxRatio= MaxWindowBytes= Level= Threads= \
-        Profile=usual Profile=untrusted Confine=beneath Confine=nolinks VerifyGzip GzipAllMembers Bz2Framed \
-        RequireEndOfArchive EntryEvents MemberEvents SkipUncreatable
+    command mvtar --help=words 2>/dev/null | string replace -r -- '^(\S+) +' "$before"'$1\t'
 end
 
 # The archive that members are to be named of, where one is read and its name is known by now. Words are taken as mvtar

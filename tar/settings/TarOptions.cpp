@@ -1,5 +1,4 @@
-// The parser of UncommonOptions: tables of what there is, and a few functions that go through them. A new
-// word is a row here and a member of TarOptions; nothing else in this file changes.
+// The parser of UncommonOptions: a few functions that go through the tables of what there is.
 //
 // All words are optional behaviour: text without any gives the defaults. What is not understood is never
 // guessed at, because a misspelt Confine that was passed over would let an archive out of its directory.
@@ -7,151 +6,14 @@
 
 #include <algorithm>
 #include <charconv>
-#include <limits>
 
 #include "runtime/base/Ascii.h"
 #include "runtime/fs/Psdk.h"
+#include "tar/settings/OptionWords.h"
 
 namespace morvane {
 
 namespace {
-
-// ---- The words, one row each, lower case
-
-// A word that is on or off: "Word", "Word=on", "Word=off".
-struct Switch {
-  const char* word;
-  bool& (*setting)(TarOptions& options);
-};
-
-// A word that needs a number, "Word=1000", in a range of its own. "Word=off" gives the default back.
-struct Number {
-  const char* word;
-  long long& (*setting)(TarOptions& options);
-  long long least, most;
-};
-
-// One of a word's values. Words with values of their own, one row for each value.
-struct Choice {
-  const char *word, *value;
-  // Sets what the value stands for.
-  void (*choose)(TarOptions& options);
-};
-
-struct PartsWord {
-  const char* word;
-  KeptParts& (*parts)(TarOptions& options);
-  bool restores;
-};
-
-struct Part {
-  const char* name;
-  void (*add)(KeptParts& parts);
-};
-
-// Stands for other words. A row's words are parsed like given ones; nobody is told of one that is not known.
-struct Profile {
-  const char *value, *words;
-};
-
-constexpr long long kAnyNumber = std::numeric_limits<long long>::max();
-
-// A function for each member: there is no pointer to a member of a member.
-#define MORVANE_SETTING(type, member) [](TarOptions& options) -> type& { return options.member; }
-constexpr Switch kSwitches[] = {
-    {"memberevents", MORVANE_SETTING(bool, memberEvents)},
-    {"skipoutputfile", MORVANE_SETTING(bool, skipOutputFile)},
-    {"skipunreadable", MORVANE_SETTING(bool, skipUnreadable)},
-    {"writeexactsizes", MORVANE_SETTING(bool, writeExactSizes)},
-    {"countskipsexcluded", MORVANE_SETTING(bool, countSkipsExcluded)},
-    {"nototal", MORVANE_SETTING(bool, noTotal)},
-    {"ustarplainprefix", MORVANE_SETTING(bool, ustarPlainPrefix)},
-    {"paxexact", MORVANE_SETTING(bool, paxExact)},
-    {"openbeforeevent", MORVANE_SETTING(bool, openBeforeEvent)},
-    {"followlinks", MORVANE_SETTING(bool, followLinks)},
-    {"fullread", MORVANE_SETTING(bool, fullRead)},
-    {"skipuncreatable", MORVANE_SETTING(bool, skipUncreatable)},
-    {"verifygzip", MORVANE_SETTING(bool, codec.verifyGzip)},
-    {"gzipallmembers", MORVANE_SETTING(bool, codec.gzipAllMembers)},
-    {"bz2framed", MORVANE_SETTING(bool, bz2Framed)},
-    {"requireendofarchive", MORVANE_SETTING(bool, requireEndOfArchive)},
-    {"entryevents", MORVANE_SETTING(bool, entryEvents)},
-};
-// With the least and the largest value that makes sense. Threads=0 is as many as the process has processors.
-// Level goes to the highest of any compression, and each one stops at its own. FastDeflate has no 0, because
-// "off" says that. Of a limit 0 means none.
-constexpr Number kNumbers[] = {
-    {"maxextensionbytes", MORVANE_SETTING(long long, maxExtensionBytes), 1, kAnyNumber},
-    {"threads", MORVANE_SETTING(long long, codec.threads), 0, 64},
-    {"level", MORVANE_SETTING(long long, codec.level), 1, 22},
-    {"maxwindowbytes", MORVANE_SETTING(long long, codec.maxWindowBytes), 1, kAnyNumber},
-    {"fastdeflate", MORVANE_SETTING(long long, codec.fastDeflate), 1, 3},
-    {"maxpathdepth", MORVANE_SETTING(long long, maxPathDepth), 0, kAnyNumber},
-    {"maxmembers", MORVANE_SETTING(long long, maxMembers), 0, kAnyNumber},
-    {"maxtotalbytes", MORVANE_SETTING(long long, maxTotalBytes), 0, kAnyNumber},
-    {"maxratio", MORVANE_SETTING(long long, maxRatio), 0, kAnyNumber},
-    {"reproducible", MORVANE_SETTING(long long, reproducible), 0, kAnyNumber},
-};
-#undef MORVANE_SETTING
-// "off" gives each word's default back, so that a word of somebody else's can be undone by one behind it.
-constexpr Choice kChoices[] = {
-    {"confine", "off", [](TarOptions& options) { options.confine = Confine::Off; }},
-    {"confine", "beneath", [](TarOptions& options) { options.confine = Confine::Beneath; }},
-    {"confine", "nolinks", [](TarOptions& options) { options.confine = Confine::NoLinks; }},
-    {"ustaroverflow", "off", [](TarOptions& options) { options.ustarOverflowFails = false; }},
-    {"ustaroverflow", "fail", [](TarOptions& options) { options.ustarOverflowFails = true; }},
-    {"ownerby", "off", [](TarOptions& options) { options.ownerById = false; }},
-    {"ownerby", "name", [](TarOptions& options) { options.ownerById = false; }},
-    {"ownerby", "id", [](TarOptions& options) { options.ownerById = true; }},
-    {"linktargets", "off", [](TarOptions& options) { options.linksInside = false; }},
-    {"linktargets", "any", [](TarOptions& options) { options.linksInside = false; }},
-    {"linktargets", "inside", [](TarOptions& options) { options.linksInside = true; }},
-    {"existingfiles", "off", [](TarOptions& options) { options.existing = ExistingFiles::Replace; }},
-    {"existingfiles", "replace", [](TarOptions& options) { options.existing = ExistingFiles::Replace; }},
-    {"existingfiles", "keep", [](TarOptions& options) { options.existing = ExistingFiles::Keep; }},
-    {"existingfiles", "skip", [](TarOptions& options) { options.existing = ExistingFiles::Skip; }},
-    {"existingfiles", "newer", [](TarOptions& options) { options.existing = ExistingFiles::Newer; }},
-    {"existingdirectories", "off", [](TarOptions& options) { options.settlesExistingDirectories = false; }},
-    {"existingdirectories", "keep", [](TarOptions& options) { options.settlesExistingDirectories = false; }},
-    {"existingdirectories", "settle", [](TarOptions& options) { options.settlesExistingDirectories = true; }},
-};
-// Words whose value is a set: parts joined by "+". The last column tells whether the word is about restoring,
-// which alone knows "fullmode".
-constexpr PartsWord kPartsWords[] = {
-    {"store", [](TarOptions& options) -> KeptParts& { return options.store; }, false},
-    {"restore", [](TarOptions& options) -> KeptParts& { return options.restore; }, true},
-};
-// fullmode sets both, because it asks for a mode and says which of its bits.
-constexpr Part kParts[] = {
-    {"mode", [](KeptParts& parts) { parts.mode = true; }},
-    {"owner", [](KeptParts& parts) { parts.owner = true; }},
-    {"time", [](KeptParts& parts) { parts.time = true; }},
-    {"link", [](KeptParts& parts) { parts.link = true; }},
-    {"special", [](KeptParts& parts) { parts.special = true; }},
-    {"sparse", [](KeptParts& parts) { parts.sparse = true; }},
-    {"xattr", [](KeptParts& parts) { parts.xattr = true; }},
-    {"fullmode", [](KeptParts& parts) { parts.mode = parts.fullMode = true; }},
-};
-
-// A profile may not name another one: rows are expanded once.
-constexpr char kProfileWord[] = "profile";
-#define MORVANE_USUAL                                                                                     \
-  "SkipOutputFile,SkipUnreadable,WriteExactSizes,CountSkipsExcluded,UstarOverflow=fail,UstarPlainPrefix," \
-  "PaxExact,"                                                                                             \
-  "FullRead,Confine=beneath,VerifyGzip,GzipAllMembers,Bz2Framed,RequireEndOfArchive,EntryEvents,"         \
-  "SkipUncreatable,Store=usual,Restore=usual"
-// The third row repeats words of the second: the last one counts, as for words that are given.
-constexpr Profile kProfiles[] = {
-    // The same as no profile at all, for whoever puts words behind those of somebody else.
-    {"off", ""},
-    {"usual", MORVANE_USUAL},
-    {"untrusted",
-     MORVANE_USUAL ",Confine=nolinks,LinkTargets=inside,Restore=mode+time+link+sparse,MaxMembers=1000000,"
-                   "MaxTotalBytes=68719476736,MaxRatio=1000,MaxPathDepth=256"},
-};
-#undef MORVANE_USUAL
-
-// ---- What they do
 
 // A word as it was given, and its parts in lower case. No value and an empty one ("Word=") are different
 // things.
@@ -181,11 +43,18 @@ std::vector<GivenWord> splitWords(std::string_view words) {
   return split;
 }
 
+// `lower` is in lower case already.
+bool isWord(const std::string& lower, std::string_view written) {
+  return std::equal(lower.begin(), lower.end(), written.begin(), written.end(),
+                    [](char a, char b) { return a == asciiLower(b); });
+}
+
 // Null where the table has no such word. The tables are short, and are looked through once a method.
 template <class Row, size_t kCount>
 const Row* rowOf(const Row (&rows)[kCount], const GivenWord& given) {
   const Row* const end = rows + kCount;
-  const Row* const found = std::find_if(rows, end, [&](const Row& row) { return given.word == row.word; });
+  const Row* const found =
+      std::find_if(rows, end, [&](const Row& row) { return isWord(given.word, row.word); });
   return found == end ? nullptr : found;
 }
 
@@ -198,7 +67,7 @@ bool applySwitch(bool& setting, const GivenWord& given) {
 }
 
 // Decimal digits and nothing else; no number at all makes no sense either.
-bool applyNumber(const Number& row, TarOptions& options, const GivenWord& given) {
+bool applyNumber(const NumberWord& row, TarOptions& options, const GivenWord& given) {
   // Not 0, which for a limit means none and for others may not be allowed.
   if (given.value == "off") {
     TarOptions defaults;
@@ -256,8 +125,8 @@ bool applyParts(const PartsWord& row, TarOptions& options, const GivenWord& give
 
 // One row for each value that makes sense.
 bool applyChoice(TarOptions& options, const GivenWord& given) {
-  for (const Choice& choice : kChoices) {
-    if (given.word != choice.word || given.value != choice.value) continue;
+  for (const ChoiceWord& choice : kChoiceWords) {
+    if (!isWord(given.word, choice.word) || given.value != choice.value) continue;
     choice.choose(options);
     return true;
   }
@@ -267,8 +136,9 @@ bool applyChoice(TarOptions& options, const GivenWord& given) {
 // False when the word is unknown or its value makes no sense; nothing is then changed.
 bool applyWord(TarOptions& options, const GivenWord& given) {
   // No word stands in two tables.
-  if (const Switch* const row = rowOf(kSwitches, given)) return applySwitch(row->setting(options), given);
-  if (const Number* const row = rowOf(kNumbers, given)) return applyNumber(*row, options, given);
+  if (const SwitchWord* const row = rowOf(kSwitchWords, given))
+    return applySwitch(row->setting(options), given);
+  if (const NumberWord* const row = rowOf(kNumberWords, given)) return applyNumber(*row, options, given);
   if (const PartsWord* const row = rowOf(kPartsWords, given)) return applyParts(*row, options, given);
   return applyChoice(options, given);
 }
@@ -315,7 +185,7 @@ TarOptions parseTarOptions(std::string_view words, std::vector<std::string>& com
   const Profile* profile = nullptr;
   // The last profile that is known counts.
   for (const GivenWord& each : given) {
-    if (each.word != kProfileWord) continue;
+    if (!isWord(each.word, kProfileWord)) continue;
     if (const Profile* const found = profileOf(each)) {
       profile = found;
     } else {
@@ -328,12 +198,26 @@ TarOptions parseTarOptions(std::string_view words, std::vector<std::string>& com
   }
   // In their order: the last of a word wins.
   for (const GivenWord& each : given) {
-    if (each.word != kProfileWord && !applyWord(options, each)) complain(each);
+    if (!isWord(each.word, kProfileWord) && !applyWord(options, each)) complain(each);
   }
   // Whatever a faster compressor makes, it makes on some machines only.
   if (options.reproducible >= 0) options.codec.fastDeflate = TarOptions().codec.fastDeflate;
   if (options.restore.any()) implyForRestoring(options, given, complain);
   return options;
+}
+
+// Words with a value that is for the caller to choose end in "=".
+std::vector<ListedWord> listOptionWords() {
+  std::vector<ListedWord> words;
+  for (const SwitchWord& row : kSwitchWords) words.push_back({row.word, row.meaning});
+  for (const NumberWord& row : kNumberWords) words.push_back({std::string(row.word) + "=", row.meaning});
+  for (const PartsWord& row : kPartsWords) words.push_back({std::string(row.word) + "=", row.meaning});
+  const auto addValue = [&](const char* word, const char* value, const char* meaning) {
+    if (meaning) words.push_back({std::string(word) + "=" + value, meaning});
+  };
+  for (const ChoiceWord& row : kChoiceWords) addValue(row.word, row.value, row.meaning);
+  for (const Profile& row : kProfiles) addValue(kProfileWord, row.value, row.meaning);
+  return words;
 }
 
 }  // namespace morvane

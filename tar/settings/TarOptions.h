@@ -97,4 +97,13 @@ struct TarOptions {
 // out and added to `complaints` as given; a component with any refuses to work. Throws std::bad_alloc only.
 MORVANE_API TarOptions parseTarOptions(std::string_view words, std::vector<std::string>& complaints);
 
+// "PaxExact", "Level=", "Confine=beneath": as it is given, but for a value that is for the caller to choose.
+struct ListedWord {
+  std::string word;
+  const char* meaning;  // a sentence of a few words, without a full stop
+};
+
+// Every word and every value with a name, for help texts and completions. Throws std::bad_alloc only.
+MORVANE_API std::vector<ListedWord> listOptionWords();
+
 }  // namespace morvane
