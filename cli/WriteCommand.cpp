@@ -6,6 +6,7 @@
 #include <cstring>
 #include <functional>
 #include <memory>
+#include <new>
 
 #include "cli/ArchiveForm.h"
 #include "cli/ArchiveOutput.h"
