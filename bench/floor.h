@@ -15,6 +15,14 @@ void* must(void* pointer, const char* what);
 int openIt(int dir, const char* path, int flags);
 void writeAll(int fd, const void* bytes, size_t n);
 
+// The jobs on plain archives. A folder is archived under its name in its parent.
+void create(const char* archive, const char* parent, const char* name);
+void extract(const char* archive, const char* target);
+unsigned countMembers(const char* archive);
+void list(const char* archive);
+// Prints the data of the member of that name; nothing where there is none.
+void first(const char* archive, const char* name);
+
 // Extraction of a plain archive that comes in pieces: into this folder, or nowhere.
 // The pieces may have any size; checkEnded ends the program if the end mark has not come.
 void extractInto(const char* target);

@@ -21,6 +21,11 @@ const char* reasonOf(int state) {
   return state == BZ_MEM_ERROR ? kNoMemoryToExpand : "The bzip2 data are damaged.";
 }
 
+// What is said where the input ends and no end is allowed.
+const char* cutShort(bool hasBegun) {
+  return hasBegun ? "The bzip2 data end before the stream does." : "There are no bzip2 data.";
+}
+
 // Bytes that decide whether a further stream begins.
 constexpr unsigned kSignature = 4;  // "BZh" and the block size
 
@@ -95,8 +100,7 @@ bool expandBzip2Streams(Bzip2Stream& stream, _mvDataSource& source, _mvOutput& o
       // Fewer bytes than a signature behind a whole stream are ignored, too: no further stream has begun
       // before its signature is complete.
       if (inStream && streams > 0 && bytesOfStream < kSignature) break;
-      return io.fail(streams == 0 && bytesOfStream == 0 ? "There are no bzip2 data."
-                                                        : "The bzip2 data end before the stream does.");
+      return io.fail(cutShort(streams > 0 || bytesOfStream > 0));
     }
     // The library begins a stream before it has seen any of it; so it is begun for bytes that may turn out to
     // be none.
@@ -118,9 +122,7 @@ bool expandBzip2Streams(Bzip2Stream& stream, _mvDataSource& source, _mvOutput& o
     // A wrong signature within its four bytes is no stream at all, and ignored like what bzip2 calls trailing
     // garbage; a wrong one in the first stream, or anything wrong later, is damage.
     if (state == BZ_DATA_ERROR_MAGIC && streams > 0 && bytesOfStream <= kSignature) break;
-    if (state != BZ_OK && state != BZ_STREAM_END) {
-      return io.fail(reasonOf(state));
-    }
+    if (state != BZ_OK && state != BZ_STREAM_END) return io.fail(reasonOf(state));
     if (state == BZ_STREAM_END) {
       endStream();
       ++streams;
