@@ -1,5 +1,5 @@
-// Loaded in front of a program (LD_PRELOAD), tells at its end how much processor time its first thread took, and
-// how much all of them did: "first all", in seconds, into the file that SHARE_REPORT names.
+// Loaded in front of a program (LD_PRELOAD), tells at its end how much processor time its first thread took,
+// and how much all of them did: "first all", in seconds, into the file that SHARE_REPORT names.
 #include <stdio.h>
 #include <stdlib.h>
 #include <time.h>
