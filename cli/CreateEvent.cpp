@@ -121,7 +121,7 @@ bool CreateEvent::isWanted(const morvane::TarMember& member) {
       status.st_ino == m_archive->st_ino)
     return false;
   const bool byGivenPath = !m_line.excludes.empty() || !m_line.matches.empty();
-  const std::string given = byGivenPath ? m_sources.givenPath(member.localPath) : member.path;
+  const std::string given = byGivenPath ? m_sources.givenPath(member.localPath, member.path) : member.path;
   // The count goes by members that are whole, and onTarEntry has settled the one before this.
   m_nothingBelow = isExcluded(member.path, given) || (m_line.maxCount > 0 && m_members >= m_line.maxCount) ||
                    (m_line.excludesCaches && isInCache(member.localPath));

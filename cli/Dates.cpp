@@ -66,6 +66,10 @@ std::optional<timespec> parseForm(const char* text, std::string_view form) {
   tm parts{};
   const char* at = strptime(text, form.data(), &parts);
   if (!at) return std::nullopt;
+  // Two digits are a year of this time, as mail headers have them (RFC 5322, 4.3) and date(1) takes them.
+  constexpr int kTwoDigits = 100, kLastCentury = 69, kFirstYear = 1900;
+  const int year = parts.tm_year + kFirstYear;
+  if (year >= 0 && year < kTwoDigits) parts.tm_year = year < kLastCentury ? year + kTwoDigits : year;
   const bool endsInSeconds = form.substr(form.size() - 2) == "%S";
   const long nanoseconds = endsInSeconds ? parseFraction(at) : 0;
   // strptime takes 31 for any month, and timegm would then make it a day of the next one. It is asked about
@@ -93,7 +97,9 @@ std::optional<timespec> parseDateOutput(const std::string& text) {
   const size_t zone = year == std::string::npos || year == 0 ? year : text.rfind(' ', year - 1);
   if (zone == std::string::npos) return std::nullopt;
   const std::string rest = text.substr(0, zone) + text.substr(year) + text.substr(zone, year - zone);
-  return parseForm(rest.c_str(), "%a %b %d %H:%M:%S %Y");
+  const auto time = parseForm(rest.c_str(), "%a %b %d %H:%M:%S %Y");
+  // As locales with hours from 1 to 12 have it.
+  return time ? time : parseForm(rest.c_str(), "%a %b %d %I:%M:%S %p %Y");
 }
 
 // "@1700000000.5", the form of `date +@%s.%N`. strtoll tells by errno alone that a number does not fit; a cut
@@ -155,15 +161,16 @@ std::optional<timespec> parseRelative(const std::string& text) {
 // longer text, and the order of the forms does not matter.
 std::optional<timespec> parseDate(const std::string& text) {
   if (!text.empty() && text[0] == '@') return parseSeconds(text.c_str());
-  // ISO 8601, the same with slashes, mail headers (RFC 5322), and `date` in English. Names of days and months
-  // go by the C locale, which this process has for them.
-  constexpr std::string_view kForms[] = {
-      "%Y-%m-%dT%H:%M:%S",   "%Y-%m-%d %H:%M:%S", "%Y-%m-%dT%H:%M",        "%Y-%m-%d %H:%M",    "%Y-%m-%d",
-      "%Y/%m/%d %H:%M:%S",   "%Y/%m/%d",          "%a, %d %b %Y %H:%M:%S", "%d %b %Y %H:%M:%S", "%d %b %Y",
-      "%a %b %d %H:%M:%S %Y"};
-  for (const std::string_view form : kForms) {
-    if (const auto time = parseForm(text.c_str(), form)) return time;
+  // ISO 8601, the same with slashes, mail headers (RFC 5322), and `date` in English, each with every time of
+  // day behind it. Names of days and months go by the C locale, which this process has for them.
+  constexpr const char* kDays[] = {"%Y-%m-%d", "%Y/%m/%d", "%a, %d %b %Y", "%d %b %Y", "%a %d %b %Y"};
+  constexpr const char* kTimes[] = {"", " %H:%M:%S", " %H:%M", "T%H:%M:%S", "T%H:%M", " %I:%M:%S %p"};
+  for (const char* const day : kDays) {
+    for (const char* const time : kTimes) {
+      if (const auto found = parseForm(text.c_str(), std::string(day) + time)) return found;
+    }
   }
+  if (const auto time = parseForm(text.c_str(), "%a %b %d %H:%M:%S %Y")) return time;
   const auto printed = parseDateOutput(text);
   return printed ? printed : parseRelative(text);
 }

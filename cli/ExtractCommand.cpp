@@ -58,6 +58,8 @@ class ExtractEvent : public MemberEvent {
   // a name is not begun after all.
   void onTarMember(morvane::TarMember& member) override {
     const std::string before = member.path;
+    // The component refuses it under the name that it has.
+    if (leadsOut(before)) return;
     m_line.changes.applyReading(member);
     if (m_line.stripPaths) member.path = lastPartOf(member.path);
     if (member.skip || member.path.empty()) drop();

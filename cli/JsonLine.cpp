@@ -54,6 +54,9 @@ void appendText(std::string_view text, std::string& json) {
       json += text[0];
     } else if (byte < 0x20 || byte == 0x7F) {
       appendEscape(byte, json);
+    } else if (length == 2 && byte == 0xC2 && static_cast<unsigned char>(text[1]) < 0xA0) {
+      // U+0080 to U+009F: control characters too, which terminals obey.
+      appendEscape(static_cast<unsigned char>(text[1]), json);
     } else {
       json += text.substr(0, length);
     }

@@ -155,10 +155,14 @@ class MemberEvent : public morvane::ProgressEvent {
   // or refuse it, which is then told. For commands that take data without making a file of them.
   std::string nameIfExtracted(const morvane::TarMemberInfo& member) {
     std::string name = m_line.changes.pathWhenReading(member.path);
-    // More than slashes in front is what leads out.
-    if (m_line.keepNames || archiveNameOf(name, false).removed.size() <= 1) return name;
-    m_report.problem(name, "refused: its path leaves the target");
+    if (!leadsOut(member.path) && !leadsOut(name)) return name;
+    m_report.problem(leadsOut(member.path) ? member.path : name, "refused: its path leaves the target");
     return {};
+  }
+  // More than slashes in front is what leads out. It is asked of stored names and of changed ones, because no
+  // option makes a good name of one that an archive should not have.
+  bool leadsOut(const std::string& name) const {
+    return !m_line.keepNames && archiveNameOf(name, false).removed.size() > 1;
   }
   // Called for each member that the command is about, in the order of the archive. Its texts are valid during
   // the call only, decoded where --charset asks for it; but `entryPath` is always what the component made of

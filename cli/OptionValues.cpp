@@ -242,11 +242,12 @@ bool OptionValues::setSort(const std::string& order) {
   return order == "name" || order == "none" || wrong("unknown value '" + order + "' for --sort");
 }
 
-// SOURCE_DATE_EPOCH is what builders set for this (reproducible-builds.org); the epoch without it.
+// SOURCE_DATE_EPOCH is what builders set for this (reproducible-builds.org); without it, or with nothing in
+// it, the epoch.
 bool OptionValues::setReproducible(const char* seconds) {
   const char* const environment = std::getenv("SOURCE_DATE_EPOCH");
   // The option's own value goes before the environment's.
-  const std::string text = seconds ? seconds : environment ? environment : "0";
+  const std::string text = seconds ? seconds : environment && *environment ? environment : "0";
   long long value = 0;
   if (!parseNumber(text, value) || value < 0) return wrong("'" + text + "' is no number of seconds");
   m_line.keeping.reproducible = value;

@@ -33,20 +33,29 @@ void Sources::add() {
 
 // Where nothing is behind a -C the local path is the given one. Else the operand that the source lies below
 // is looked for, from the source itself upwards.
-std::string Sources::givenPath(const std::string& localPath) const {
+std::string Sources::givenPath(const std::string& localPath, const std::string& inArchive) const {
   // The usual case, which takes no search.
   if (!m_anyElsewhere) return localPath;
   for (size_t end = localPath.size(); end > 0; end = localPath.rfind('/', end - 1)) {
     if (end == std::string::npos) break;
     const auto found = m_given.find(localPath.substr(0, end));
-    if (found != m_given.end()) return found->second + localPath.substr(end);
+    if (found == m_given.end()) continue;
+    const std::string below = localPath.substr(end);
+    for (const std::string& operand : found->second) {
+      if (storedName(operand + below) == inArchive) return operand + below;
+    }
+    return found->second.back() + below;
   }
   return localPath;
 }
 
 // Operands go by the same rules, part by part.
 std::string Sources::archivePath(const std::string& localPath) const {
-  return joinNames(m_prefix, archiveNameOf(givenPath(localPath), m_line.keepNames).name);
+  return storedName(givenPath(localPath));
+}
+
+std::string Sources::storedName(const std::string& given) const {
+  return joinNames(m_prefix, archiveNameOf(given, m_line.keepNames).name);
 }
 
 bool Sources::isOperand(const std::string& localPath) const {
@@ -91,7 +100,7 @@ void Sources::addOperand(const Operand& operand) {
     return;
   }
   // Without slashes at the end, because givenPath looks for what stands in front of a slash.
-  m_given[withoutSlashes(local)] = withoutSlashes(operand.path);
+  m_given[withoutSlashes(local)].push_back(withoutSlashes(operand.path));
   m_anyElsewhere |= !operand.dir.empty();
   if (!S_ISDIR(status.st_mode)) {
     addSingle(local, name);

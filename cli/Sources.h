@@ -3,6 +3,7 @@
 
 #include <map>
 #include <string>
+#include <vector>
 
 #include "cli/CommandLine.h"
 #include "cli/Report.h"
@@ -24,8 +25,9 @@ class Sources {
   // under its name, is named and left out. To be called once.
   void add();
   // What a source is called as the operands were given: without the directory of a -C.
-  // Patterns are tried on it beside the archive's path, because it is what the person typed.
-  std::string givenPath(const std::string& localPath) const;
+  // Patterns are tried on it beside the archive's path, because it is what the person typed. Of several
+  // operands for one place that one counts by which it has the path in the archive.
+  std::string givenPath(const std::string& localPath, const std::string& inArchive = {}) const;
   // What a source is called in the archive, --transform aside.
   std::string archivePath(const std::string& localPath) const;
   // Whether a source is one of the operands itself, rather than something below one; with or without slashes
@@ -33,6 +35,7 @@ class Sources {
   bool isOperand(const std::string& localPath) const;
 
  private:
+  std::string storedName(const std::string& given) const;
   // The name in the archive, and a notice of what was left off.
   std::string nameOf(const std::string& path);
   // One operand: checks, its name, and the calls of the component.
@@ -47,9 +50,9 @@ class Sources {
   morvane::ClsTar& m_tar;
   // --exclude, by which whole operands may be left out.
   const Selection m_excluded;
-  // Both paths without slashes at their ends.
-  std::map<std::string, std::string> m_given;  // by local path: the operand
-  bool m_anyElsewhere = false;                 // behind a -C
+  // By local path the operands for it, all without slashes at their ends.
+  std::map<std::string, std::vector<std::string>> m_given;
+  bool m_anyElsewhere = false;  // behind a -C
   // --prefix as it is called in the archive, by the rules that all names go by.
   std::string m_prefix;
   // What nameOf named last.

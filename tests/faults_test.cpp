@@ -2,6 +2,8 @@
 // callbacks that do what they should not. Nothing is then reported as done that is not.
 #include "ArchiveSupport.h"
 #include "MvtarSupport.h"
+#include "TreeSupport.h"
+#include "tar/place/RunLimits.h"
 
 namespace morvane::testing {
 namespace {
@@ -279,6 +281,7 @@ TEST(Arguments, MaxPathDepth) {
                 {",MaxPathDepth=3", 3, true, true},
                 {",MaxPathDepth=3", 4, false, false},
                 {",MaxPathDepth=0", 4097, true, true}};
+  EXPECT_EQ(3, depthOf("./a//b/./c"));
   for (const auto& [words, parts, extracts, walks] : kCases) {
     std::string path = "f";
     for (int i = 1; i < parts; ++i) path.insert(0, "d/");
@@ -304,6 +307,51 @@ TEST(Arguments, MaxPathDepth) {
       EXPECT_EQ(walks, reads());
     }
   }
+}
+
+// A callback that throws at the end of a run ends nothing of what is left to be done there.
+TEST(Callbacks, WhatIsLeftIsDoneBehindAnException) {
+  if (!isRoot()) GTEST_SKIP() << "owners are the superuser's";
+  struct ThrowingEvent : RecordingEvent {
+    void onInfo(const char* name, const char*) override {
+      if (name == at) throw std::runtime_error("thrown");
+    }
+    std::string at;
+  };
+  ScratchDir dir;
+  TarWith tar("Restore=all", dir / "out");
+  ThrowingEvent event;
+  event.at = "ownerNotKept";
+  const std::string list = "user::rwx,user:5:rwx:5,group::---,mask::rwx,other::---";
+  const std::string id = "\x80\0\0\0\xFF\xFF\xFF\xFF"s;
+  EXPECT_EQ(-1, untar(tar,
+                      paxHeader("SCHILY.acl.access", list) +
+                          patched(patched(directory("d/"), kModeField, "0000770"), kUidField, id) + kEnd,
+                      &event));
+  TarWith writer("Store=all");
+  writer.put_WriteFormat("pax");
+  writer.AddDirRoot(dir / "out");
+  EXPECT_TRUE(has(written(writer), "group::---")) << logOf(tar);
+  event.at = "uncreatable";
+  const std::string links = ArchiveBuilder().add({"a", "", '1', "none"}).add({"b", "", '1', "z"}).bytes(0);
+  EXPECT_EQ(-1, untar(tar, links + member("z", "data") + kEnd, &event));
+  EXPECT_EQ("data", readFile(dir / "out/b"));
+}
+
+// What was stored of a file that changed meanwhile is nothing that its other names could lead to.
+TEST(Changes, ANameWithoutItsDataIsNoTarget) {
+  ScratchDir dir;
+  writeFile(dir / "t/a", noise(100000, 1));
+  must(dir, "ln t/a t/z && cp t/a whole && touch t/m");
+  TarWith tar("Profile=usual", dir / "out");
+  tar.AddDirRoot(dir / "t");
+  ActingEvent event;
+  event.act = [&](const std::string& path) {
+    if (path == dir / "t/a") fs::resize_file(path, 5);
+    if (path == dir / "t/m") writeFile(dir / "t/a", readFile(dir / "whole"));
+  };
+  EXPECT_TRUE(untar(tar, written(tar, &event, false)) >= 0) << logOf(tar);
+  must(dir, "cmp whole out/z");
 }
 
 }  // namespace

@@ -84,6 +84,19 @@ TEST(MemberEvents, WhenWriting) {
   }
 }
 
+// What no format can hold is left out and named; the rest is whole.
+TEST(MemberEvents, WhatCannotBeWritten) {
+  ScratchDir dir;
+  must(dir, "mkdir t && touch t/a t/z && ln -s to t/l");
+  TarWith tar("Profile=usual,MemberEvents");
+  tar.AddDirRoot(dir / "t");
+  ChangingEvent event;
+  event.changes["a"] = [](TarMember& member) { member.path = "n\0ul"s; };
+  event.changes["l"] = [](TarMember& member) { member.linkPath.clear(); };
+  EXPECT_EQ(Lines{"z 0"}, membersOf(written(tar, &event, false)));
+  EXPECT_TRUE(tar.get_OnlyLeftOut()) << logOf(tar);
+}
+
 TEST(MemberEvents, WhenReading) {
   const std::string archive = directory("d/") + member("f", "1") + member("absolute") + member("leaving") +
                               member("skipped") + member("nameless") + member("deep") + member("last") + kEnd;

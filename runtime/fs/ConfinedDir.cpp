@@ -124,6 +124,19 @@ ConfinedDir::Result ConfinedDir::makeNode(const std::string& path, unsigned mode
                    [&](int parent, const char* leaf) { return mknodat(parent, leaf, mode, device); });
 }
 
+// No link on the way to either is followed, as for a link that is to be made.
+bool ConfinedDir::isOneFile(const std::string& path, const std::string& other) {
+  struct stat status[2];
+  const std::string* const paths[] = {&path, &other};
+  for (int i = 0; i < 2; ++i) {
+    Place place;
+    if (!isConfinable(*paths[i]) || !openExistingParentOf(*paths[i], place, Passing::NoLinks) ||
+        fstatat(place.parent.fd(), place.leaf.c_str(), &status[i], AT_SYMLINK_NOFOLLOW) != 0)
+      return false;
+  }
+  return !S_ISDIR(status[0].st_mode) && Identity::of(status[0]) == Identity::of(status[1]);
+}
+
 // The target is found before parents of the new name are made, so that a link to nothing leaves no
 // directories behind. A directory cannot have a second name, and one of the archive itself would let the next
 // member write into what is being read. Where the file system has no link for the two, the caller copies.

@@ -66,6 +66,8 @@ class ConfinedDir : public ConfinedWalk {
   // to it unless members may lie anywhere; on the way to the new name they are as for any member. A name that
   // already belongs to the same file is Ok.
   Linked makeHardLink(const std::string& path, const std::string& target, LogBase& log);
+  // Whether both paths are there and name one file, which is no directory. No link on the way is followed.
+  bool isOneFile(const std::string& path, const std::string& other);
 
  private:
   // Opens what has just been made, and makes sure that it is that. `device` counts for devices alone. Closed

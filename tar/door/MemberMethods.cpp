@@ -102,7 +102,9 @@ bool ClsTar::Inner::membersToOutput(_mvDataSource& source, _mvOutput& out, bool 
   }
   if (!found) m_log.LogError("No such member.");
   m_onlyLeftOut = !found;
-  return found && flush.finish(m_log);
+  const bool ok = found && flush.finish(m_log);
+  if (ok) monitor.consumeRemaining(m_log);
+  return ok;
 }
 
 }  // namespace morvane

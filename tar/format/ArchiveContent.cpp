@@ -21,15 +21,9 @@ bool startsWith(const unsigned char* bytes, unsigned n, const char* signature, u
   return n >= length && std::memcmp(bytes, signature, length) == 0;
 }
 
-// Compressed bytes are no number where the checksum stands. Read as 0, that would agree with the sum of their
-// bytes as signed ones in one of some thousand archives. No block has 0, because the field itself counts as
-// eight blanks.
 bool isPlainBlock(const unsigned char* bytes, unsigned n) {
-  if (n < kBlockSize) return false;
-  const NumberField stored = parseNumber(bytes, kChecksumField);
-  const bool isNumber = stored.state == NumberField::State::Ok && stored.value > 0;
-  return (isNumber && hasValidChecksum(bytes)) ||
-         std::all_of(bytes, bytes + kBlockSize, [](unsigned char b) { return b == 0; });
+  return n >= kBlockSize && (looksLikeHeader(bytes) ||
+                             std::all_of(bytes, bytes + kBlockSize, [](unsigned char b) { return b == 0; }));
 }
 
 // The magic alone, which ustar and GNU's form have in common, and the forms before them have not.

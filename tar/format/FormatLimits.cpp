@@ -3,6 +3,7 @@
 // the archive.
 #include "tar/format/FormatLimits.h"
 
+#include "runtime/fs/OsFile.h"
 #include "tar/format/Member.h"
 #include "tar/format/PaxRecordText.h"
 #include "tar/format/TarBlock.h"
@@ -33,6 +34,14 @@ const char* splitIntoBlock(const Member& member, const FormatRules& rules, Membe
   }
   const bool overflows = rules.ustarOverflowFails && encoding.prefix.size() > kPrefixField.width;
   return overflows ? kUstarCannotSplit : nullptr;
+}
+
+// Names go into fields and records that end in a NUL, and a link without a text is none to any reader. Only
+// an event can make such a member of one that was found on the disk.
+const char* whyNowhere(const Member& member) {
+  if (hasNul(member.path) || hasNul(member.linkPath)) return kNulInPath;
+  const bool isLink = member.isSymbolicLink() || member.isHardLink();
+  return isLink && member.linkPath.empty() ? "A link cannot be stored without where it leads." : nullptr;
 }
 
 // The size is not asked about, because every reader takes it in base-256. User and group names
@@ -101,6 +110,8 @@ std::string paxRecordsFor(const Member& member, bool pathNeedsPax, const FormatR
 // Lengths are bytes; a directory's slash counts.
 MemberEncoding encodingOf(const Member& member, WriteFormat format, const FormatRules& rules) {
   MemberEncoding encoding;
+  encoding.refusal = whyNowhere(member);
+  if (encoding.refusal) return encoding;
   encoding.name = member.path;
   const size_t length = member.path.size();
   const bool isLong = length > kLongestNameInBlock;

@@ -12,6 +12,9 @@ namespace morvane {
 
 struct Member;
 
+// A header's fields end at a NUL, and the system's paths do: the path would be another one in both.
+constexpr char kNulInPath[] = "A path with a NUL byte cannot be archived.";
+
 // The format of a whole archive; what records it brings along encodingOf tells for each member.
 enum class WriteFormat { Gnu, Pax, Ustar };
 

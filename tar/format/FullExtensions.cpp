@@ -255,9 +255,9 @@ bool FullExtensions::takeAttribute(std::string_view keyword, std::string_view va
 }
 
 // The keywords of all three forms (GNU tar's manual, "Sparse Formats"): 0.0 has offset and numbytes in turns,
-// 0.1 a map, 1.0 major and realsize, with the ranges in the data. What else there is (minor, numblocks) tells
-// nothing more. Nonsense is noted and not a failure, because the member may not be wanted: whoever places it
-// refuses it.
+// 0.1 a map, 1.0 major and realsize, with the ranges in the data. numblocks says how many ranges the first
+// two have; the minor number tells nothing more. Nonsense is noted and not a failure, because the member may
+// not be wanted: whoever places it refuses it.
 void FullExtensions::takeSparseRecord(std::string_view keyword, std::string_view value, Attributes& to) {
   const std::optional<long long> count = parseCount(value);
   if (keyword == "name") {
@@ -266,6 +266,9 @@ void FullExtensions::takeSparseRecord(std::string_view keyword, std::string_view
     to.sparseList = std::string(value);
   } else if (keyword == "size" || keyword == "realsize") {
     to.sparseSize = count;
+    to.sparseIsWrong |= !count;
+  } else if (keyword == "numblocks") {
+    to.sparseCount = count;
     to.sparseIsWrong |= !count;
   } else if (keyword == "major") {
     to.sparseMapIsInData = value == "1";
@@ -324,6 +327,9 @@ void FullExtensions::spread(TarHeader& header, Member& member) {
   for (const SparseRange& range : m_next.sparseRanges)
     ok = ok && member.sparse.add(range.offset, range.length);
   if (m_next.sparseList) ok = ok && member.sparse.addList(*m_next.sparseList);
+  // A map that is cut would leave zeros in the place of data.
+  const auto ranges = static_cast<long long>(member.sparse.ranges().size());
+  ok = ok && m_next.sparseCount.value_or(ranges) == ranges;
   member.sparseIsWrong = !ok;
 }
 

@@ -49,7 +49,7 @@ class FullExtensions {
     std::optional<long long> uid, gid, size;
     std::optional<TarTime> mtime, atime, ctime;
     std::optional<std::string> sparseName, sparseList;
-    std::optional<long long> sparseSize, sparseOffset;
+    std::optional<long long> sparseSize, sparseOffset, sparseCount;
     std::vector<SparseRange> sparseRanges;  // in the form of repeated records
     bool sparseMapIsInData = false, sparseIsWrong = false;
     std::vector<MemberAttribute> attributes;

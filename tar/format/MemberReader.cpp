@@ -128,6 +128,8 @@ class FullReader : public MemberReader {
     }
     m_found.exchangeHeader(m_header);
     // The lenient reader's have 32 bits.
+    // As every other tar takes it: a directory's size is a hint of how much room its files may need.
+    if (found == Found::Member && typeFlag == kTypeDirectory) m_found.size = 0;
     m_found.uid = m_header.m_exactUid;
     m_found.gid = m_header.m_exactGid;
     if (found == Found::Member && demand().spreads && typeFlag == kTypeSparse) takeOldMap(block);

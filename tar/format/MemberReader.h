@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "tar/format/Member.h"
+#include "tar/format/TarNumber.h"
 
 namespace morvane {
 
@@ -61,6 +62,19 @@ class MemberReader {
   // A further block of the map of a sparse member of GNU's form, which stands between header and data and is
   // counted in no size. True when yet another one comes.
   bool takeSparseBlock(const unsigned char* block);
+
+  // Whether the block behind the header of this member is to be shown first (takeBlockBehind), where it can
+  // be. Links and special files have no data, and some writers state the size of what a link leads to; but
+  // POSIX allows a hard link to have the data as well.
+  bool wantsBlockBehind() const {
+    return isFull() && m_found.size > 0 &&
+           (m_found.isHardLink() || m_found.isSymbolicLink() || m_found.isSpecial());
+  }
+  // Where another member begins at once there are no data. Zeros decide nothing: data may begin with them,
+  // and to take those for the archive's end would lose the rest of it.
+  void takeBlockBehind(const unsigned char* block) {
+    if (looksLikeHeader(block)) m_found.size = 0;
+  }
 
   // What was found last, records included. It may be changed, and its texts moved away, until the next block.
   Member& found() { return m_found; }

@@ -168,4 +168,12 @@ bool hasValidChecksum(const unsigned char* block) {
   return stored + 256ull * highBytes == sum;
 }
 
+// Data are no number where the checksum stands. Read as 0, that would agree with the sum of their bytes as
+// signed ones in one of some thousand blocks. No header has 0, because the field itself counts as eight
+// blanks.
+bool looksLikeHeader(const unsigned char* block) {
+  const NumberField stored = parseNumber(block, kChecksumField);
+  return stored.state == NumberField::State::Ok && stored.value > 0 && hasValidChecksum(block);
+}
+
 }  // namespace morvane

@@ -61,5 +61,7 @@ long long parseNegative(const unsigned char* block, Field field);
 // Whether the stored checksum is that of the block: the unsigned sum, or the signed one that old writers
 // made.
 bool hasValidChecksum(const unsigned char* block);
+// The stricter question whether bytes of any kind are a header. 512 bytes.
+bool looksLikeHeader(const unsigned char* block);
 
 }  // namespace morvane

@@ -254,12 +254,19 @@ FileEnd MemberPlacer::settle(const Member& member, _mvOutput& out, OutputFile& f
 // the time; the one that is, if any, may be of another target. A target that is made here may be what a later
 // link waits for; takeWaiting has put them into that order.
 void MemberPlacer::makeWaitingLinks(const Io& io) {
-  const std::vector<LinkTable::Waiting> waiting = m_links.takeWaiting();
+  std::vector<LinkTable::Waiting> waiting = m_links.takeWaiting();
   if (waiting.empty()) return;
   MemberPath current = std::exchange(m_path, MemberPath(m_target.dirFor(m_path)));
-  for (const LinkTable::Waiting& link : waiting) {
-    m_path.rename(link.path, settings());
-    if (makeWaitingLink(link, io)) m_links.noteMade(link.path);
+  size_t at = 0;
+  try {
+    for (; at < waiting.size(); ++at) {
+      m_path.rename(waiting[at].path, settings());
+      if (makeWaitingLink(waiting[at], io)) m_links.noteMade(waiting[at].path);
+    }
+  } catch (...) {
+    // A callback that throws has been told of this one; those behind it wait on, for the end of the run.
+    while (++at < waiting.size()) m_links.waitFor(std::move(waiting[at]));
+    throw;
   }
   m_path = std::move(current);
 }
@@ -281,6 +288,8 @@ bool MemberPlacer::makeWaitingLink(const LinkTable::Waiting& link, const Io& io)
     reportExisting(io);
     return true;
   }
+  // Nothing has to be linked where the two are one from a run before.
+  if (!mayLink && confined && confined->isOneFile(link.path, target)) return true;
   if (linked == Linked::Missing) sayNoTarget(mayLink ? kNoTarget : kTargetNotExtracted, target, io);
   reportLeftOut(linked == Linked::Refused ? confined->lastRefusal() : nullptr, io);
   return false;

@@ -284,6 +284,13 @@ Member MetadataRestorer::memberOf(const Directory& kept) {
   return member;
 }
 
+void MetadataRestorer::takeBack(Member& directory, Directory& kept) {
+  if (!kept.more) return;
+  kept.more->attributes = std::move(directory.attributes);
+  kept.more->accessList = std::move(directory.accessList);
+  kept.more->defaultAccessList = std::move(directory.defaultAccessList);
+}
+
 // For a new directory that is not the process's own (ConfinedDir::MadeDirectory). Nobody but its owner could
 // use it as it was made. It gets no more than any new directory has, because it may be somebody else's; and
 // it is open as itself, so that no other gets that.
@@ -304,8 +311,8 @@ void MetadataRestorer::settleDirectories(ConfinedDir& target, const Io& io) {
   for (auto& each : m_directories) order.push_back(&each);
   std::sort(order.begin(), order.end(),
             [](const auto* a, const auto* b) { return depthOf(a->second.path) > depthOf(b->second.path); });
-  for (const auto* each : order) {
-    const Member directory = memberOf(each->second);
+  for (auto* each : order) {
+    Member directory = memberOf(each->second);
     const XString entryPath(directory.path);
     // O_NONBLOCK, because a FIFO may stand there by now; O_DIRECTORY refuses it.
     const OsFile file(target.openExisting(directory.path, O_RDONLY | O_DIRECTORY | O_NONBLOCK,
@@ -314,8 +321,15 @@ void MetadataRestorer::settleDirectories(ConfinedDir& target, const Io& io) {
     const bool isThere = file.isOpen() && file.status(status) == 0;
     const int error = errno;  // of the one or the other, where it is not there
     if (isThere && status.st_dev == each->first.device && status.st_ino == each->first.inode) {
-      each->second.isForeign ? settleForeign(file.fd(), directory, entryPath, io)
-                             : settle(file.fd(), directory, entryPath, io);
+      try {
+        each->second.isForeign ? settleForeign(file.fd(), directory, entryPath, io)
+                               : settle(file.fd(), directory, entryPath, io);
+      } catch (...) {
+        // A callback that throws ends the run, and what is left is settled without it, this one once more:
+        // with a mode and no access list its group would get what the list's mask gives.
+        takeBack(directory, each->second);
+        throw;
+      }
       continue;
     }
     // A later member may have taken its place; what cannot be opened is another matter.

@@ -100,6 +100,8 @@ class MetadataRestorer {
   };
   // It takes the attributes out of what is kept.
   static Member memberOf(const Directory& kept);
+  // What memberOf has moved out.
+  static void takeBack(Member& directory, Directory& kept);
   // Whether its owner is the one that new files of the process get; whether something has to be set before
   // its mode; whether the system was given its mode when it was made.
   bool isOurs(const Member& member);

@@ -2,6 +2,7 @@
 // number, so that adding them must not wrap round to a small one.
 #include "tar/place/RunLimits.h"
 
+#include <algorithm>
 #include <string>
 
 #include "runtime/io/Io.h"
@@ -10,13 +11,14 @@
 
 namespace morvane {
 
-// Doubled slashes are one, as they are to the system.
+// Doubled slashes are one, as they are to the system, and a "." leads nowhere.
 long long depthOf(std::string_view path) {
   long long parts = 0;
-  bool inPart = false;
-  for (const char c : path) {
-    parts += c != '/' && !inPart;
-    inPart = c != '/';
+  while (!path.empty()) {
+    const size_t end = std::min(path.find('/'), path.size());
+    const std::string_view part = path.substr(0, end);
+    parts += !part.empty() && part != ".";
+    path.remove_prefix(std::min(end + 1, path.size()));
   }
   return parts;
 }

@@ -12,6 +12,7 @@
 #include "runtime/io/ForwardingOutput.h"
 #include "runtime/io/_mvDataSource.h"
 #include "runtime/log/LogContextExitor.h"
+#include "runtime/log/LogNull.h"
 #include "tar/format/TarBlock.h"
 #include "tar/format/XmlEntry.h"
 #include "tar/format/XmlListing.h"
@@ -148,7 +149,20 @@ bool UntarRun::readHeader(MemberReader::Found& found, const Io& io) {
     if (!header.m_prefix.isEmpty()) io.log.LogDataSb("prefix", header.m_prefix);
     io.log.LogDataSb("name", header.m_name);
   }
+  if (found == MemberReader::Found::Member && m_reader->wantsBlockBehind()) lookBehind(io);
   return true;
+}
+
+// A source that cannot show what comes next leaves the size as it is stated. One that fails here fails again
+// with the read that follows, and tells it there.
+void UntarRun::lookBehind(const Io& io) {
+  const char* bytes = nullptr;
+  unsigned n = 0;
+  LogNull quiet;
+  if (m_context.source.canPeek() && m_context.source.peekBytes(kBlockSize, bytes, n, io.monitor, quiet) &&
+      n == kBlockSize) {
+    m_reader->takeBlockBehind(reinterpret_cast<const unsigned char*>(bytes));
+  }
 }
 
 // A record, or what is passed over like one. It is taken before the record is, since the full reader may

@@ -66,6 +66,8 @@ class UntarRun {
   // Reads the next block and has the reader take it. False, with the reason in the log, when there is none or
   // it makes no sense.
   bool readHeader(MemberReader::Found& found, const Io& io);
+  // Where it may tell that the member has no data, shows the reader the block behind the header.
+  void lookBehind(const Io& io);
   // Of what is no member: an extension record, whose data are read whole, up to MaxExtensionBytes, and given
   // to the reader, or an entry that is passed over.
   Step handleRecord(MemberReader::Found found);

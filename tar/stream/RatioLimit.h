@@ -22,8 +22,11 @@ class RatioLimit : public _mvOutput {
   // the word and its value in the log, at the limit; else the output's own answer.
   bool _writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log) override {
     m_produced += n;
-    // Divided, because a product might be more than any number holds.
-    if (m_mostTimes > 0 && m_produced > kAlwaysAllowed && m_produced / m_mostTimes > m_in.bytesTaken()) {
+    // Divided, because a product might be more than any number holds: rounded up, since a byte too many is
+    // one.
+    const bool isBomb = m_mostTimes > 0 && m_produced > kAlwaysAllowed &&
+                        (m_produced - 1) / m_mostTimes + 1 > m_in.bytesTaken();
+    if (isBomb) {
       return failAtLimit("MaxRatio", m_mostTimes, Io(log, io.monitor()));
     }
     return m_out._writeBytes(bytes, n, io, log);

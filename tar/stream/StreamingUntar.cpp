@@ -99,12 +99,14 @@ bool StreamingUntar::StreamingUntarNext(const unsigned char* data, unsigned numB
   // Each inner step handles one thing and stops; one piece may hold the end of a file and many more.
   while (!finished && !m_streamPending.isEmpty()) {
     const unsigned pendingBefore = m_streamPending.getSize();
+    const Expected expectedBefore = m_expected;
     if (!streamingUntarInner(nullptr, 0, finished, pm, log)) {
       log.LogError(kStepFailed);
       m_streamOk = false;
       return false;
     }
-    if (m_streamPending.getSize() == pendingBefore) break;  // a partial header waits for more
+    // A partial header waits for more.
+    if (m_streamPending.getSize() == pendingBefore && m_expected == expectedBefore) break;
   }
   return true;
 }
@@ -119,8 +121,9 @@ bool StreamingUntar::FinishStreamingUntar(ProgressMonitor* pm, LogBase& log) {
     logInfoIfVerbose(log, "streaming is finished.");
   } else {
     takeWhatIsPending(pm, log);
-    // Between a sparse member's header and its data its map may go on: what is cut there is cut.
-    if (m_streamBytesLeft > 0 || m_expected == Expected::SparseMap) {
+    // Between a sparse member's header and its data its map may go on, and a link may have data: what is cut
+    // there is cut.
+    if (m_streamBytesLeft > 0 || m_expected != Expected::Header) {
       m_streamOk = io.fail("Unexpected end of archive file.");
     }
   }
@@ -148,9 +151,10 @@ bool StreamingUntar::FinishStreamingUntar(ProgressMonitor* pm, LogBase& log) {
 void StreamingUntar::takeWhatIsPending(ProgressMonitor* pm, LogBase& log) {
   while (!m_streamPending.isEmpty() && !m_streamFinished) {
     const unsigned pendingBefore = m_streamPending.getSize();
+    const Expected expectedBefore = m_expected;
     bool finished = false;
     StreamingUntarNext(nullptr, 0, finished, pm, log);
-    const bool progressed = m_streamPending.getSize() != pendingBefore;
+    const bool progressed = m_streamPending.getSize() != pendingBefore || m_expected != expectedBefore;
     if (m_streamBytesLeft > 0 && progressed) continue;
     if (m_streamBytesLeft == 0 && m_streamPending.getSize() < kBlockSize) {
       // An archive that ends exactly behind its last padding leaves nothing here.

@@ -111,7 +111,7 @@ class StreamingUntar {
     SomePending = 3,  // the first of what is pending ends the entry
   };
   // What comes next, when no data of an entry and no padding are left.
-  enum class Expected { Header, SparseMap };
+  enum class Expected { Header, SparseMap, BlockBehind };
   enum class Life {
     Running,
     Closed,     // FinishStreamingUntar was called

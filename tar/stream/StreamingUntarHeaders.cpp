@@ -16,6 +16,12 @@ namespace morvane {
 bool StreamingUntar::consumeHeader(bool& finished, const Io& io) {
   if (m_streamPending.getSize() < kBlockSize) return true;
   if (m_expected == Expected::SparseMap) return consumeSparseMap(finished, io);
+  if (m_expected == Expected::BlockBehind) {
+    // It is looked at and stays, to be taken for what it is.
+    m_reader->takeBlockBehind(m_streamPending.getData2());
+    m_expected = Expected::Header;
+    return takeHeader(finished, io);
+  }
   m_live.refresh();
   if (io.log.verbose()) {
     io.log.LogInfo("---- Next TAR Header ----");
@@ -45,7 +51,9 @@ bool StreamingUntar::consumeHeader(bool& finished, const Io& io) {
   // The block is taken by now: a failure of the file before must not have it read a second time.
   if (!closeEmptyFile(io)) return false;
   if (m_reader->found().sparseMapGoesOn) m_expected = Expected::SparseMap;
-  return m_expected == Expected::SparseMap || takeHeader(finished, io);
+  if (m_found == MemberReader::Found::Member && m_reader->wantsBlockBehind())
+    m_expected = Expected::BlockBehind;
+  return m_expected != Expected::Header || takeHeader(finished, io);
 }
 
 // The further blocks of a sparse map stand between header and data, and are counted in no size. Each needs a

@@ -179,9 +179,10 @@ bool ArchiveWriter::writeMember(const SourcePlace& place, XString& pathInTar, Cl
   }
   // A special file that is stored as itself has size 0 and no data to copy.
   const bool hasData = !info.m_isDirectory && !info.m_isSymbolicLink && !m_member.isHardLink();
+  m_dataAreWhole = true;
   if (hasData && !writeData(place, info)) return false;
-  // Only now: a member that failed is no target for links.
-  m_describer.noteWritten(info, m_run.settings, m_member);
+  // Only now: a member that failed is no target for links. Its other name may still be read whole.
+  if (m_dataAreWhole) m_describer.noteWritten(info, m_run.settings, m_member);
   return true;
 }
 
@@ -236,12 +237,12 @@ bool ArchiveWriter::isSocketLeftOut(const SourcePlace& place, const mvFileInfo& 
 }
 
 // What the format would store wrongly is not stored. Where the run goes on without what cannot be read it
-// does so without this, too. Only ustar has bounds that records cannot lift. A path that is too long stays a
+// does so without this, too. Only ustar has bounds that records cannot lift, and an event may leave what no
+// format holds. A path that is too long stays a
 // failure of the write: leaving the member out has never been asked for it.
 bool ArchiveWriter::isLeftOutByFormat(const SourcePlace& place, const MemberEncoding& encoding) {
   const char* const refusal = encoding.refusal;
-  if (m_run.settings.format != WriteFormat::Ustar || !m_run.settings.options.skipUnreadable) return false;
-  if (!refusal || encoding.pathIsRefused) return false;
+  if (!refusal || encoding.pathIsRefused || !m_run.settings.options.skipUnreadable) return false;
   m_anythingLost = true;
   m_log.LogNotice(refusal);
   m_log.LogDataX("fullPath", place.fullPath);

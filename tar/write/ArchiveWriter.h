@@ -131,6 +131,7 @@ class ArchiveWriter {
   mvFileInfo m_archive;
   // Never set back: an object writes one archive.
   bool m_anythingLost = false;
+  bool m_dataAreWhole = true;         // of the member that is being written
   long long m_withoutAttributes = 0;  // members that had some
 };
 

@@ -120,6 +120,7 @@ bool ArchiveWriter::hasGrownFromNothing(const SourcePlace& place, const mvFileIn
 // The archive can be read to its end, hence a notice; the job fails by anythingLost().
 void ArchiveWriter::reportSizeChanged(const SourcePlace& place, long long inHeader, long long now) {
   m_anythingLost = true;
+  m_dataAreWhole = false;
   m_log.LogNotice("The file's size changed while it was archived.");
   m_log.LogDataX("fullPath", place.fullPath);
   m_log.LogDataInt64("sizeInHeader", inHeader);
@@ -130,6 +131,7 @@ void ArchiveWriter::reportSizeChanged(const SourcePlace& place, long long inHead
 // Until the event has been told, get_FailureCause says why.
 void ArchiveWriter::reportReadFailed(const SourcePlace& place) {
   m_anythingLost = true;
+  m_dataAreWhole = false;
   m_log.LogNotice("The file could not be read to its end.");
   m_log.LogDataX("fullPath", place.fullPath);
   m_run.io.inform("readFailed", place.fullPath.getUtf8());

@@ -11,9 +11,6 @@
 
 namespace morvane {
 
-// A header's fields end at a NUL, and the system's paths do: the path would be another one in both.
-constexpr char kNulInPath[] = "A path with a NUL byte cannot be archived.";
-
 // One for a write; it keeps nothing of a member. It writes where the run's output leads, and fails without
 // one. Reasons of failures are in the log. One thread; its calls may throw std::bad_alloc.
 class MemberWriter {
