@@ -92,9 +92,10 @@ void ProgressBar::show(int parts) {
   const bool isKnown = seconds >= 0.5 && parts > 0;
   const auto rate =
       isKnown && m_total > 0 ? static_cast<long long>(share * static_cast<double>(m_total) / seconds) : -1;
-  // As if the rest went at the rate of what is done. Rounded by hand, because std::llround would be all that
-  // the program needs libm for, and loading a library is a tenth of its start.
-  const auto left = isKnown ? static_cast<long long>(seconds * (1 - share) / share + 0.5) : -1;
+  // As if the rest went at the rate of what is done. Not std::llround, because that would be all that the
+  // program needs libm for, and loading a library is a tenth of its start.
+  const std::chrono::duration<double> rest(isKnown ? seconds * (1 - share) / share : -1);
+  const long long left = std::chrono::round<std::chrono::seconds>(rest).count();
   writeToStandardError("\r" + lineOf(parts, rate, left, columnsOfScreen()) + "\033[K");
   m_lastDrawn = now;
   m_onScreen = true;

@@ -23,7 +23,11 @@ ScratchDir::ScratchDir() {
   m_path = pattern;
 }
 
-ScratchDir::~ScratchDir() { run({"rm", "-rf", m_path}); }
+// What a test has closed has to be opened first, but for root.
+ScratchDir::~ScratchDir() {
+  if (geteuid() != 0) run({"chmod", "-Rf", "u+rwx", m_path});
+  run({"rm", "-rf", m_path});
+}
 
 void writeFile(const std::string& path, const std::string& contents) {
   fs::create_directories(fs::path(path).parent_path());
@@ -55,8 +59,9 @@ std::map<std::string, std::string> treeOf(const std::string& dir) {
   constexpr size_t kShown = 64;
   std::map<std::string, std::string> tree;
   std::error_code ignored;
-  for (auto it = fs::recursive_directory_iterator(dir, ignored); it != fs::recursive_directory_iterator();
-       ++it) {
+  const auto options = fs::directory_options::skip_permission_denied;
+  for (auto it = fs::recursive_directory_iterator(dir, options, ignored);
+       it != fs::recursive_directory_iterator(); ++it) {
     std::string& what = tree[it->path().string().substr(dir.size() + 1)];
     if (it->is_symlink()) {
       what = "link " + fs::read_symlink(it->path()).string();

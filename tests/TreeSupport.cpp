@@ -79,7 +79,8 @@ Facts factsOf(const std::string& dir) {
   std::map<std::pair<dev_t, ino_t>, std::string> names;
   std::vector<std::string> paths = {"."};
   std::error_code ignored;
-  for (const auto& entry : fs::recursive_directory_iterator(dir, ignored))
+  const auto options = fs::directory_options::skip_permission_denied;
+  for (const auto& entry : fs::recursive_directory_iterator(dir, options, ignored))
     paths.push_back(entry.path().string().substr(dir.size() + 1));
   std::sort(paths.begin(), paths.end());
   for (const std::string& path : paths) {

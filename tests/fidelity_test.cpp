@@ -89,6 +89,8 @@ TEST(Fidelity, ModesAreLessTheUmaskOrExact) {
         struct stat was {
         }, is{};
         lstat((dir / ("t/" + name)).c_str(), &was);
+        // What its owner may not read is not in the archive of a user.
+        if (!isRoot() && (was.st_mode & S_IRUSR) == 0) continue;
         ASSERT_EQ(0, lstat((dir / ("out/t/" + name)).c_str(), &is)) << name;
         // Set-id bits come back only where the owner does.
         const unsigned kept = way.isExact ? (is.st_uid == was.st_uid ? 07777 : 01777)
@@ -262,7 +264,8 @@ TEST(Fidelity, DirectoriesAreSettledHoweverTheyAreReached) {
                                       {"link/sub/f", "data"},
                                       {"././././deep/", "", '5'},
                                       {"deep/er/", "", '5'}}));
-  must(dir, "cp " MVTAR " m; " + user + "./m -xf a.tar -C out && find out -type d -perm 700 | wc -l > n");
+  must(dir, "cp " MVTAR " m; " + user +
+                "./m -xf a.tar -C out && { find out -type d -perm 700 || true; } | wc -l > n");
   EXPECT_EQ("0\n", readFile(dir / "n"));
 }
 

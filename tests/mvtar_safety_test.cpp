@@ -23,7 +23,7 @@ TEST(MvtarSources, UnreadableOnesAreNamedAndLeftOut) {
   ScratchDir dir;
   must(dir,
        "mkdir -p d/closed d/shut ro out && touch d/a d/closed/x d/secret d/shut/x d/z single && "
-       "chmod 711 d/closed && chmod 0 d/shut d/secret single && chmod 777 out");
+       "chmod 311 d/closed && chmod 0 d/shut d/secret single && chmod 777 out && chmod 555 ro");
   if (asOrdinaryUser(dir, "--version").status != 0) GTEST_SKIP() << "no other user here";
   const std::string denied = ": Permission denied", rest = "d/\nd/a\nd/z\n";
   expect(asOrdinaryUser(dir, "-cvf out/a d single d/shut --totals"), 2, rest,
@@ -266,7 +266,7 @@ TEST(MvtarTarget, MayBeLeftWithP) {
   makeForms(dir);
   for (const Form& form : kForms) {
     // What is in the way is removed there, too, rather than written through.
-    must(dir, "rm -rf in new abs && mkdir in && touch in/file");
+    must(dir, "chmod -Rf u+rwx in; rm -rf in new abs && mkdir in && touch in/file");
     expectMvtar(dir, "-xP -C in -f a." + form.name, 0);
     must(dir, "cat new abs in/last | grep -qx evilevilevil");
   }

@@ -5,6 +5,8 @@
 //
 // The script runs in a scratch directory where there are a tree of one file, a single file and an archive in
 // each form. Arguments are names there; "<NAME" is a source that cannot seek, "-" an output in memory.
+#include <unistd.h>
+
 #include <regex>
 
 #include "ArchiveSupport.h"
@@ -177,6 +179,11 @@ TEST(Outcomes, OfEveryMethod) {
   }
   if (const char* const made = std::getenv("OUTCOMES_TO"))
     writeFile(made, all);  // to look at, and to take in
+  // The time of a device is root's to set.
+  if (geteuid() != 0) {
+    const std::regex notSet("\n +Failed to set file times\\.\n.*\n +reason: Operation not permitted(?=\n)");
+    all = std::regex_replace(all, notSet, "");
+  }
   EXPECT_EQ(expected, all);
 }
 

@@ -240,9 +240,11 @@ void MetadataRestorer::noteDirectory(const ConfinedDir::MadeDirectory& made, con
   if (made.isNew) kept.isForeign = made.isForeign;
   kept.path = cleanPath(path);
   kept.mode = member.mode;
-  // Looked up now, so that names need not be kept until the end.
-  kept.uid = uidOf(member);
-  kept.gid = gidOf(member);
+  // Looked up now, so that names need not be kept until the end; and only where anybody asks, because the
+  // system may load libraries for the first name.
+  const bool countsOwner = m_parts.owner || (m_parts.fullMode && (member.mode & FileMetadata::kSetIds) != 0);
+  kept.uid = countsOwner ? uidOf(member) : FileMetadata::kNoId;
+  kept.gid = countsOwner ? gidOf(member) : FileMetadata::kNoId;
   kept.mtime = member.mtime;
   kept.atime = member.atime;
   if (m_parts.xattr || m_parts.all) keepAttributes(member, kept);
