@@ -2,8 +2,6 @@
 // makes the result that the programs it is compared with make, for archives as simple as those of the data
 // sets: ordinary files and directories, paths under 100 bytes. Anything else, and any failure, ends it.
 #define _GNU_SOURCE
-#include "floor.h"
-
 #include <err.h>
 #include <fcntl.h>
 #include <spawn.h>
@@ -13,6 +11,9 @@
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
+
+#include "floor_codec.h"
+#include "floor_tar.h"
 
 // ---- Measuring: runs a command from a process so small that the command's peak memory is its own, and
 // writes "seconds peakKiB" to a file

@@ -1,6 +1,6 @@
 // The floor of compressed archives: the codec alone, between a file and what takes its bytes.
 #define _GNU_SOURCE
-#include "floor.h"
+#include "floor_codec.h"
 
 #include <bzlib.h>
 #include <err.h>
@@ -10,6 +10,8 @@
 #include <sys/mman.h>
 #include <unistd.h>
 #include <zlib.h>
+
+#include "floor_tar.h"
 
 enum { kCoded = 1 << 18 };  // what a codec makes in one go
 

@@ -12,7 +12,7 @@
 #include <time.h>
 #include <unistd.h>
 
-#include "floor.h"
+#include "floor_tar.h"
 
 // The fields of a header block that are used here, as POSIX ustar has them: offset and width, two arguments
 // of a call. Only the type and the texts are got at by their offsets alone.

@@ -1,4 +1,4 @@
-// What the files of the floor share.
+// The floor of plain archives, and what the files of the floor share.
 #pragma once
 
 #include <stdbool.h>
@@ -28,7 +28,3 @@ void first(const char* archive, const char* name);
 void extractInto(const char* target);
 void feed(const unsigned char* bytes, size_t n);
 void checkEnded(void);
-
-// deflate and bzip2 compress a file into another; inflate, bunzip2 and lzw decompress an archive and extract
-// it (without a folder they only decompress). False for any other name.
-bool runCodec(const char* job, const char* from, const char* to);
