@@ -3,6 +3,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -41,10 +42,11 @@ std::string Sources::givenPath(const std::string& localPath, const std::string& 
     const auto found = m_given.find(localPath.substr(0, end));
     if (found == m_given.end()) continue;
     const std::string below = localPath.substr(end);
-    for (const std::string& operand : found->second) {
-      if (storedName(operand + below) == inArchive) return operand + below;
-    }
-    return found->second.back() + below;
+    // Nearly always there is one, and its name need not be made for every member.
+    const auto last = found->second.end() - 1;
+    return *std::find_if(found->second.begin(), last, [&](const std::string& each) {
+      return storedName(each + below) == inArchive;
+    }) + below;
   }
   return localPath;
 }

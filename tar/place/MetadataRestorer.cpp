@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "runtime/base/ScopeExit.h"
 #include "runtime/fs/AccessList.h"
 #include "runtime/fs/MorvaneFileTime.h"
 #include "runtime/io/Io.h"
@@ -267,7 +268,7 @@ void MetadataRestorer::keepAttributes(const Member& member, Directory& kept) {
 }
 
 // As the member that settle takes. Its owner is known by number, so that it has no names. Its attributes are
-// moved out, because each directory is settled once.
+// moved out, for takeBack to return them: a copy could be megabytes.
 Member MetadataRestorer::memberOf(const Directory& kept) {
   Member member;
   member.path = kept.path;
@@ -323,15 +324,11 @@ void MetadataRestorer::settleDirectories(ConfinedDir& target, const Io& io) {
     const bool isThere = file.isOpen() && file.status(status) == 0;
     const int error = errno;  // of the one or the other, where it is not there
     if (isThere && status.st_dev == each->first.device && status.st_ino == each->first.inode) {
-      try {
-        each->second.isForeign ? settleForeign(file.fd(), directory, entryPath, io)
-                               : settle(file.fd(), directory, entryPath, io);
-      } catch (...) {
-        // A callback that throws ends the run, and what is left is settled without it, this one once more:
-        // with a mode and no access list its group would get what the list's mask gives.
-        takeBack(directory, each->second);
-        throw;
-      }
+      // A callback that throws ends the run, and what is left is settled without it, this one once more: with
+      // a mode and no access list its group would get what the list's mask gives.
+      const ScopeExit keep([&] { takeBack(directory, each->second); });
+      each->second.isForeign ? settleForeign(file.fd(), directory, entryPath, io)
+                             : settle(file.fd(), directory, entryPath, io);
       continue;
     }
     // A later member may have taken its place; what cannot be opened is another matter.

@@ -98,15 +98,14 @@ bool StreamingUntar::StreamingUntarNext(const unsigned char* data, unsigned numB
   }
   // Each inner step handles one thing and stops; one piece may hold the end of a file and many more.
   while (!finished && !m_streamPending.isEmpty()) {
-    const unsigned pendingBefore = m_streamPending.getSize();
-    const Expected expectedBefore = m_expected;
+    const auto before = standing();
     if (!streamingUntarInner(nullptr, 0, finished, pm, log)) {
       log.LogError(kStepFailed);
       m_streamOk = false;
       return false;
     }
     // A partial header waits for more.
-    if (m_streamPending.getSize() == pendingBefore && m_expected == expectedBefore) break;
+    if (standing() == before) break;
   }
   return true;
 }
@@ -150,11 +149,10 @@ bool StreamingUntar::FinishStreamingUntar(ProgressMonitor* pm, LogBase& log) {
 // pending though the last call consumed what it could: a step ends at each failure.
 void StreamingUntar::takeWhatIsPending(ProgressMonitor* pm, LogBase& log) {
   while (!m_streamPending.isEmpty() && !m_streamFinished) {
-    const unsigned pendingBefore = m_streamPending.getSize();
-    const Expected expectedBefore = m_expected;
+    const auto before = standing();
     bool finished = false;
     StreamingUntarNext(nullptr, 0, finished, pm, log);
-    const bool progressed = m_streamPending.getSize() != pendingBefore || m_expected != expectedBefore;
+    const bool progressed = standing() != before;
     if (m_streamBytesLeft > 0 && progressed) continue;
     if (m_streamBytesLeft == 0 && m_streamPending.getSize() < kBlockSize) {
       // An archive that ends exactly behind its last padding leaves nothing here.

@@ -9,6 +9,7 @@
 #pragma once
 
 #include <memory>
+#include <utility>
 
 #include "runtime/buffer/DataBuffer.h"
 #include "tar/format/MemberReader.h"
@@ -122,6 +123,8 @@ class StreamingUntar {
 
   // Everything below but the settings and the caller's output. It needs no memory and cannot fail.
   void resetRun();
+  // Where the run stands between two steps: one that leaves it as it is has made no progress.
+  std::pair<unsigned, Expected> standing() const { return {m_streamPending.getSize(), m_expected}; }
   // At the end of a run; failures are in m_streamOk.
   void takeWhatIsPending(ProgressMonitor* pm, LogBase& log);
   // One step, by the state that the run is in.
