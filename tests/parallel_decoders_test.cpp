@@ -216,6 +216,7 @@ TEST(ParallelDecoders, DamageIsToldAsByOneThread) {
   for (const Packed& packed : packedArchives(dir)) {
     std::mt19937 random(7);
     const size_t size = packed.bytes.size();
+    ASSERT_GE(size, 300'000u) << packed.name;
     for (int i = 0; i < 4; ++i) {
       const size_t at = i < 2 ? size - 1 - static_cast<size_t>(i) * 5 : random() % size;
       ReadCase each;

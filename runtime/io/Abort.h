@@ -7,8 +7,9 @@
 
 namespace morvane {
 
-// The one line that every aborted job has, wherever it was when it was told. Always false, for the caller to
-// return. It stands here once, because readers of logs go by its words.
+// The line of a job that is aborted while it reads, writes or waits; writing and reading archives have lines
+// of their own between members. Always false, for the caller to return. It stands here once, because readers
+// of logs go by its words.
 inline bool logAborted(LogBase& log) {
   log.LogError("Aborted by application.");
   return false;

@@ -3,6 +3,7 @@
 #include "tar/read/XmlListingRun.h"
 
 #include "runtime/base/ScopeExit.h"
+#include "runtime/io/Abort.h"
 #include "runtime/io/_mvOutput.h"
 #include "tar/format/Member.h"
 #include "tar/format/XmlEntry.h"
@@ -50,7 +51,7 @@ bool XmlListingRun::run(XString& xml, _mvOutput* drain) {
   while (true) {
     m_live.refresh();
     if (m_io.monitor && m_live.now().abortCheckMs != 0 && m_io.monitor->abortCheck(m_io.log)) {
-      return m_io.fail("Aborted by application.");
+      return logAborted(m_io.log);
     }
     bool atEnd = false;
     if (!nextHeader(header, shown, xml, atEnd)) return false;

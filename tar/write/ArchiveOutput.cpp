@@ -1,5 +1,6 @@
-// Every byte of an archive passes writeOut_pm, headers as well as data: so the question whether to abort, the
-// count for the trailer and the choice of plain or compressed stand here once.
+// Every byte of an archive passes writeOut_pm, headers as well as data: so the writer's question whether to
+// abort, the count for the trailer and the choice of plain or compressed stand here once. A file or pipe
+// behind it asks by itself, while it waits.
 #include "tar/write/ArchiveOutput.h"
 
 #include "runtime/buffer/DataBuffer.h"
