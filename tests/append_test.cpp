@@ -74,7 +74,9 @@ TEST(Append, WhatIsNoWholePlainArchiveIsRefused) {
       R"(tar -b1 -cf a d && gzip -k a && bzip2 -k a && zstd -q a && cp a junk && echo junk >> junk && head -c -1024 a > noend &&
                head -c -512 a > halfend && head -c 3000 a > cut && cp a bad && printf X | dd of=bad bs=1 seek=100 conv=notrunc status=none &&
                seq 999 > text && mkfifo fifo && mkdir dir && ln -s none dangling && cp a ro && printf 'PK\3\4' > zip)");
+  writeFile(dir / "record", member("x") + member("././@LongLink", "evil", 'L') + std::string(1024, '\0'));
   const std::pair<const char*, const char*> cases[] = {
+      {"record", "The archive ends behind a record whose member is missing."},
       {"a.gz", "A compressed archive cannot be appended to."},
       {"a.bz2", "A compressed archive cannot be appended to."},
       {"a.zst", "A compressed archive cannot be appended to."},
@@ -109,6 +111,9 @@ TEST(Append, WhatIsNoWholePlainArchiveIsRefused) {
     EXPECT_TRUE(has(shell(dir, "tar -tf "s + name).out, "n/small\n"));
   }
   EXPECT_TRUE(fs::is_symlink(dir / "link"));
+  must(dir, ": > nothing.tgz");
+  expectMvtar(dir, "-rf nothing.tgz n", 64, "",
+              "'nothing.tgz' promises a compression; a compressed archive cannot be appended to");
 }
 
 // At each call that writes the disk is full, from there on or once, or the process is killed.
@@ -141,6 +146,12 @@ TEST(Append, WhateverHappensTheOldMembersAreThere) {
       shell(dir, R"(for k in $(seq 1 7 400); do cp old a; (ulimit -f $k; exec mvtar -rf a n d 2>/dev/null)
       status=$?; [ $status = 0 ] && exit 0; [ $status = 2 ] && cmp a old || echo $k; done)");
   EXPECT_EQ(std::pair(0, std::string()), std::pair(limited.status, limited.out));
+  // One that ends within the zeros of a record, which the system then writes over in part.
+  const CommandResult within = shell(
+      dir,
+      R"(tar -cf old n/small; for k in $(seq 1 12); do cp old a; (ulimit -f $k; mvtar -rf a n d 2>/dev/null)
+      cmp a old || echo $k; done)");
+  EXPECT_EQ(std::pair(0, std::string()), std::pair(within.status, within.out));
 }
 
 TEST(Append, UpdatesGoByTheNewestCopy) {

@@ -230,6 +230,21 @@ TEST(ParallelDecoders, DamageIsToldAsByOneThread) {
   }
 }
 
+// A second gzip member, whose header is a line of the log, while the data of a small file come.
+TEST(ParallelDecoders, AFileMayComeInTwoGzipMembers) {
+  ArchiveBuilder builder;
+  for (int i = 0; i < 150; ++i)
+    builder.add({"d/" + std::to_string(i), noise(3000, static_cast<unsigned>(i))});
+  const std::string tar = builder.bytes();
+  for (size_t at = 400'000; at < 408'000; at += 700) {
+    const std::string packed = encode(Compression::Gzip, tar.substr(0, at), 20'000, {}) +
+                               encode(Compression::Gzip, tar.substr(at), 512, {});
+    for (const long long threads : {2, 4})
+      expectSame({"gzip", packed, &ClsTar::UntarAny}, packed, {"Profile=usual,Restore=mode+time"}, threads,
+                 std::to_string(at));
+  }
+}
+
 // What was read ends exactly behind the header of the second member, which is logged by then, where the first
 // thread hands over to another.
 TEST(ParallelDecoders, WhatTheFirstThreadLoggedIsNotLoggedAgain) {

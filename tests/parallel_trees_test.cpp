@@ -1,5 +1,6 @@
 // Reading ahead and writing behind with several threads against one: archives, events, logs, results and
 // trees.
+#include <fcntl.h>
 #include <sys/resource.h>
 
 #include <csignal>
@@ -123,6 +124,26 @@ TEST(ParallelTrees, ArchivesEventsAndLogsAreThoseOfOneThread) {
     expectSame(create(dir, 1, throwing), create(dir, 4, throwing), "thrown at " + std::to_string(at));
     expectSame(create(dir, 1, aborting), create(dir, 4, aborting), "aborted at " + std::to_string(at));
   }
+}
+
+// The application has nearly all of them open.
+TEST(ParallelTrees, WhatIsReadAheadLeavesFilesToBeOpened) {
+  ScratchDir dir;
+  must(dir,
+       "for d in $(seq 80); do mkdir -p t/$d/x; for f in 1 2 3; do echo $d > t/$d/$f; echo $f > t/$d/x/$f; "
+       "done; done");
+  const Seen one = create(dir, 1, nullptr);
+  rlimit before{};
+  ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &before));
+  const rlimit low{256, before.rlim_max};
+  ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &low));
+  std::vector<int> taken;
+  for (int fd = 0; (fd = open("/", O_RDONLY | O_CLOEXEC)) >= 0;) taken.push_back(fd);
+  for (int i = 0; i < 20; ++i, taken.pop_back()) close(taken.back());
+  const Seen many = create(dir, 4, nullptr);
+  for (const int fd : taken) close(fd);
+  EXPECT_EQ(0, setrlimit(RLIMIT_NOFILE, &before));
+  expectSame(one, many, "few files");
 }
 
 // What was opened early has changed, or gone, when its turn comes.
@@ -298,13 +319,18 @@ TEST(ParallelTrees, WhatWasForgottenIsNotPassed) {
 TEST(ParallelTrees, FailuresComeInTheirOrder) {
   std::string archive = directory("d/");
   for (int i = 0; i < 100; ++i) archive += member("d/" + std::to_string(i), i == 80 ? noise(60000, 1) : "x");
-  const std::string damaged = archive + patched(member("bad"), kChecksumField, "0000000") + kEnd;
+  const std::string damaged = archive + std::string(512, 'x') + kEnd;
   const std::string limited = archive + member("d/late") + kEnd;
+  const auto hearsOfLimit = [](const Seen& seen) {
+    return std::any_of(seen.events.begin(), seen.events.end(),
+                       [](const std::string& row) { return has(row, "limit"); });
+  };
   rlimit before{};
   ASSERT_EQ(0, getrlimit(RLIMIT_FSIZE, &before));
   const auto oldAction = std::signal(SIGXFSZ, SIG_IGN);
   for (const bool compressed : {false, true}) {
-    for (const std::string& words : {""s, ",SkipUncreatable=off"s, ",MaxMembers=102"s}) {
+    for (const std::string& words :
+         {""s, ",SkipUncreatable=off"s, ",MaxMembers=101"s, ",SkipUncreatable=off,MaxMembers=101"s}) {
       for (const std::string& each : {damaged, limited}) {
         Seen seen[2];
         for (const int threads : {1, 4}) {
@@ -318,6 +344,7 @@ TEST(ParallelTrees, FailuresComeInTheirOrder) {
           // headers by then is another matter.
           const size_t number = seen[threads / 4].log.find("data to output. (");
           if (number != std::string::npos) seen[threads / 4].log.erase(number, 19);
+          EXPECT_EQ(has(seen[threads / 4].log, "Limit reached"), hearsOfLimit(seen[threads / 4]));
           seen[threads / 4].events.clear();
           seen[threads / 4].tree.clear();
         }

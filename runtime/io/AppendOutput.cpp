@@ -52,11 +52,13 @@ AppendOutput::AppendOutput(OsFile file, const std::string& path, long long at, u
   m_front.reserve(held);
 }
 
-// What is buffered must have gone before the file is cut.
+// What is buffered must have gone before the file is cut. The position, which both descriptors have, tells
+// how far that came: of a write that failed the system may have taken a part.
 AppendOutput::~AppendOutput() {
-  const long long end = m_at + m_held + m_rest->ftell64();
   m_rest.reset();
-  if (!m_isCommitted) takeBack(end);
+  if (m_isCommitted) return;
+  const long long end = m_file.seek(0, SEEK_CUR);
+  takeBack(end < 0 ? m_oldLength : end);
 }
 
 bool AppendOutput::_writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log) {

@@ -123,6 +123,8 @@ bool ClsTar::Inner::findEndOfArchive(const OsFile& file, const XString& path, co
   // Nothing is extracted. The walk shows that every header up to the end mark can be read.
   UntarRun run({source, io, m_log, m_xmlListing}, std::move(settings), false);
   if (run.run() < 0) return false;
+  // The first new member would be taken for the one that the record is about.
+  if (run.endsBehindRecord()) return io.fail("The archive ends behind a record whose member is missing.");
   end = run.endPosition();
   bool couldRead = false;
   if (hasZerosAlone(source, io, couldRead)) return true;

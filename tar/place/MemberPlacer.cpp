@@ -52,13 +52,8 @@ void MemberPlacer::announce(const Member& member, const Io& io) {
   if (m_live.refresh()) setPath(member, io);
 }
 
-// By the path after the rules, which is the one that would be made.
-bool MemberPlacer::isWithinLimits(const Io& io) {
-  return m_limits.takeMember(m_path.entryPath().str(), settings().options, io);
-}
-
 // Whatever was not chosen is no target for later links, for whatever reason.
-MemberPlacer::Choice MemberPlacer::choose(Member& member, Aim aim, const Io& io) {
+MemberPlacer::Choice MemberPlacer::chooseAndNote(Member& member, Aim aim, const Io& io) {
   const Choice choice = chooseByRules(member, aim, io);
   if (restored().link && aim == Aim::Extract && choice != Choice::Extract) {
     m_links.noteUnmade(m_path.entryPath().str());
@@ -76,7 +71,7 @@ MemberPlacer::Choice MemberPlacer::chooseByRules(Member& member, Aim aim, const 
   const long long size = aim == Aim::IntoOutput ? member.realSize() : member.dataSize();
   // Asked before the member is announced.
   const bool isAllowed =
-      (aim != Aim::Extract || isAllowedDepth(io)) && m_limits.mayTakeData(size, settings().options, io);
+      (aim != Aim::Extract || isAllowedDepth()) && m_limits.mayTakeData(size, settings().options);
   if (!isAllowed) return Choice::LimitReached;
   m_linkIsGiven = m_isRenamed = false;
   if (isSkippedByEvent(member, aim, io)) return Choice::Skipped;
@@ -94,9 +89,7 @@ MemberPlacer::Choice MemberPlacer::chooseByRules(Member& member, Aim aim, const 
 }
 
 // Again for each path that an event has given, as the limit is on what is made.
-bool MemberPlacer::isAllowedDepth(const Io& io) const {
-  return RunLimits::mayMake(m_path.entryPath().str(), settings().options, io);
-}
+bool MemberPlacer::isAllowedDepth() { return m_limits.mayMake(m_path.entryPath().str(), settings().options); }
 
 // Where files go into an output, the event is how they are chosen; so it comes in both engines.
 bool MemberPlacer::isSkippedByEvent(const Member& member, Aim aim, const Io& io) {
@@ -129,7 +122,7 @@ MemberPlacer::Choice MemberPlacer::offerForChange(Member& member, Aim aim, const
   m_path.rename(m_shown.path, settings());
   if (restored().link) m_links.noteRenamed(before, m_path.entryPath().str());
   if (m_path.entryPath().isEmpty()) return Choice::Skipped;
-  return aim != Aim::Extract || isAllowedDepth(io) ? Choice::Extract : Choice::LimitReached;
+  return aim != Aim::Extract || isAllowedDepth() ? Choice::Extract : Choice::LimitReached;
 }
 
 // A target that changed in the middle of a run is finished before the first member goes elsewhere: the table
@@ -216,14 +209,15 @@ bool MemberPlacer::goesOnWithout(ExtractTarget::Outcome outcome) const {
 
 // Times that could not be set cost no member its success; that is told and the run is whole. Where members
 // are restored, one whose data end too soon is named, because what is left of it is not what the archive
-// says. A failure to write has the file's path already, and an abort is the application's own.
+// says: behind an abort as well, because a later run that keeps what is there would take it for whole. A
+// failure to write has the file's path already.
 bool MemberPlacer::noteEnd(const FileEnd& end, const Io& io) {
   if (end.isWhole) {
     if (!end.timesAreSet) tellAndGoOn("timesNotSet", m_path, io);
     return true;
   }
   if (!end.hasFailedAlone) {
-    const bool isNews = restored().any() && !io.isAborted() && io.log.cause().path.empty();
+    const bool isNews = restored().any() && io.log.cause().path.empty();
     if (isNews) reportIncomplete("Member incomplete: only a part of it is there.", m_path, io);
     return false;
   }

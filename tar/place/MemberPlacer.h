@@ -3,8 +3,8 @@
 //
 //   placer.setPath(member, io);
 //   placer.announce(member, io);
-//   if (!placer.isWithinLimits(io)) ...
-//   if (placer.choose(member, ..., io) == MemberPlacer::Choice::Extract) {
+//   if (!placer.isWithinLimits(io, doUndoneOfAll)) ...
+//   if (placer.choose(member, ..., io, doUndoneOfAll) == MemberPlacer::Choice::Extract) {
 //     Placed placed = placer.place(member, io);
 //     ... data into placed.file ...
 //     placer.noteEnd(placer.settle(member, *placed.out, *placed.file, ...), io);
@@ -97,23 +97,41 @@ class MemberPlacer {
   void setPath(const Member& member, const Io& io) { m_path.set(member, settings(), io.log); }
   // Sends onTarHeader. The rules are applied again if the callback changed any.
   void announce(const Member& member, const Io& io);
-  // Counts the member, which filters may yet leave out. False, with the word in the log, at a limit. It is
-  // counted by the placer, whatever the engines count as their results.
-  [[nodiscard]] bool isWithinLimits(const Io& io);
+  // Counts the member, which filters may yet leave out, by the path after the rules. False, with the word in
+  // the log, at a limit, or where a file of before ends the run: `doUndoneOfAll` is the engine's, see inTurn.
+  // It is counted by the placer, whatever the engines count as their results.
+  template <class DoUndone>
+  [[nodiscard]] bool isWithinLimits(const Io& io, DoUndone doUndoneOfAll) {
+    return m_limits.takeMember(m_path.entryPath().str(), settings().options) ||
+           (doUndoneOfAll() && m_limits.fail(io));
+  }
 
   enum class Choice {
     Extract,
     FilteredOut,
-    Unwanted,    // by its kind: a directory where files go into an output
-    Suppressed,  // members are not extracted in this run
-    Skipped,     // by the event
-    LimitReached,
+    Unwanted,      // by its kind: a directory where files go into an output
+    Suppressed,    // members are not extracted in this run
+    Skipped,       // by the event
+    LimitReached,  // or a file of before ends the run; the log says which
   };
   // What a run is after: a look, files on the disk, data of files in an output.
   enum class Aim { Look, Extract, IntoOutput };
-  // Filters, limits and events, in the order that applications know. The event may change the member; a path
-  // that it changes is path()'s from then on.
-  Choice choose(Member& member, Aim aim, const Io& io);
+  // Filters, limits and events, in the order that applications know, as a step in its turn (inTurn). The
+  // event may change the member; a path that it changes is path()'s from then on. A member that goes on from
+  // another volume is told of with an event, which asks the log why: nothing may be held back then, nor where
+  // a limit is told.
+  template <class DoUndone>
+  Choice choose(Member& member, Aim aim, const Io& io, DoUndone doUndoneOfAll) {
+    if (member.isContinuation && !doUndoneOfAll()) return Choice::LimitReached;
+    Choice choice = Choice::LimitReached;
+    const auto chooses = [&](const Io& step) {
+      choice = chooseAndNote(member, aim, step);
+      return true;
+    };
+    if (!inTurn(io, chooses, doUndoneOfAll)) return Choice::LimitReached;
+    if (choice == Choice::LimitReached && doUndoneOfAll()) m_limits.fail(io);
+    return choice;
+  }
   // Makes the member: its missing parents, its directory or its empty file. The reason of a NoPlace is in the
   // log or noted as the cause.
   Placed place(const Member& member, const Io& io);
@@ -174,23 +192,18 @@ class MemberPlacer {
     if (!m_behind || m_behind->isEmpty()) return step(io);
     HeldLog held;
     held.beginLike(io.log);
-    const bool ok = step(Io(held, io.monitor, io.event));
+    bool ok = false;
+    try {
+      ok = step(Io(held, io.monitor, io.event));
+    } catch (...) {
+      // Nobody hears any more of what is under way.
+      held.tellTo(io.log);
+      throw;
+    }
     if (held.isEmpty()) return ok;
     if (!doUndoneOfAll()) return false;
     held.tellTo(io.log);
     return ok;
-  }
-  // choose, as such a step. LimitReached also where a file of before ends the run. A member that goes on from
-  // another volume is told of with an event, which asks the log why: nothing may be held back then.
-  template <class DoUndone>
-  Choice chooseInTurn(Member& member, Aim aim, const Io& io, DoUndone doUndoneOfAll) {
-    if (member.isContinuation && !doUndoneOfAll()) return Choice::LimitReached;
-    Choice choice = Choice::LimitReached;
-    const auto chooses = [&](const Io& step) {
-      choice = choose(member, aim, step);
-      return choice != Choice::LimitReached;
-    };
-    return inTurn(io, chooses, doUndoneOfAll) ? choice : Choice::LimitReached;
   }
   // Places such a file in the ordinary way. The path is then its own.
   Placed placeAgain(const WriteBehind::File& file, const Io& io);
@@ -209,11 +222,12 @@ class MemberPlacer {
  private:
   const ReadSettings& settings() const { return m_live.now(); }
   // The steps of choose, in this order. All may run the application's callbacks, and so any of them may
-  // throw.
+  // throw. A limit is not told by them.
+  Choice chooseAndNote(Member& member, Aim aim, const Io& io);
   Choice chooseByRules(Member& member, Aim aim, const Io& io);
   bool isSkippedByEvent(const Member& member, Aim aim, const Io& io);
   Choice offerForChange(Member& member, Aim aim, const Io& io);
-  bool isAllowedDepth(const Io& io) const;
+  bool isAllowedDepth();
   // Each kind of member; make() tells them apart.
   ExtractTarget::Outcome make(const Member& member, const Io& io, Placed& placed);
   ExtractTarget::Outcome makeFile(const Member& member, const Io& io, Placed& placed);

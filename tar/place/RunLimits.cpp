@@ -32,35 +32,37 @@ bool failAtLimit(const char* word, long long value, const Io& io) {
   return false;
 }
 
-namespace {
-
-bool isNoDeeper(std::string_view path, long long depth, const Io& io) {
-  // Every part but the last takes two bytes at least, so nearly every path is done with by its length.
-  if (static_cast<long long>(path.size()) / 2 < depth || depthOf(path) <= depth) return true;
-  return failAtLimit("MaxPathDepth", depth, io);
+bool RunLimits::reach(const char* word, long long value) {
+  m_word = word;
+  m_value = value;
+  return false;
 }
 
-}  // namespace
+// Every part but the last takes two bytes at least, so nearly every path is done with by its length.
+bool RunLimits::isNoDeeper(std::string_view path, long long depth) {
+  return static_cast<long long>(path.size()) / 2 < depth || depthOf(path) <= depth ||
+         reach("MaxPathDepth", depth);
+}
 
 // Counted before the comparison, so that the limit itself is still allowed.
-bool RunLimits::takeMember(std::string_view entryPath, const TarOptions& options, const Io& io) {
+bool RunLimits::takeMember(std::string_view entryPath, const TarOptions& options) {
   ++m_members;
   if (options.maxMembers > 0 && m_members > options.maxMembers) {
-    return failAtLimit("MaxMembers", options.maxMembers, io);
+    return reach("MaxMembers", options.maxMembers);
   }
-  return options.maxPathDepth <= 0 || isNoDeeper(entryPath, options.maxPathDepth, io);
+  return options.maxPathDepth <= 0 || isNoDeeper(entryPath, options.maxPathDepth);
 }
 
 // -1 is no word at all, 0 a word that lifts the limit.
-bool RunLimits::mayMake(std::string_view entryPath, const TarOptions& options, const Io& io) {
+bool RunLimits::mayMake(std::string_view entryPath, const TarOptions& options) {
   const long long most = options.maxPathDepth < 0 ? TarOptions::kDefaultPathDepth : options.maxPathDepth;
-  return most == 0 || isNoDeeper(entryPath, most, io);
+  return most == 0 || isNoDeeper(entryPath, most);
 }
 
 // By what the header claims; a member that would pass the limit is not begun.
-bool RunLimits::mayTakeData(long long size, const TarOptions& options, const Io& io) const {
+bool RunLimits::mayTakeData(long long size, const TarOptions& options) {
   const long long most = options.maxTotalBytes;
-  return most == 0 || saturatedSum(m_totalBytes, size) <= most || failAtLimit("MaxTotalBytes", most, io);
+  return most == 0 || saturatedSum(m_totalBytes, size) <= most || reach("MaxTotalBytes", most);
 }
 
 void RunLimits::tookData(long long size) { m_totalBytes = saturatedSum(m_totalBytes, size); }

@@ -81,8 +81,10 @@ int UntarRun::run() {
       if (m_settings.captureXmlListing) endXmlListing(m_context.xmlListing);
     });
     while (step == Step::GoOn) {
-      LogContextExitor fileContext(m_log, "file");
+      LogContextExitor fileContext(m_log, kFileContext);
+      m_isInFileContext = true;
       step = nextEntry();
+      m_isInFileContext = false;
     }
   }
   // What was chosen before a failure is made all the same.
@@ -91,7 +93,8 @@ int UntarRun::run() {
     (void)doUndone(true);
   } else {
     // They say it where each would have said it.
-    LogContextExitor fileContext(m_log, "file");
+    LogContextExitor fileContext(m_log, kFileContext);
+    m_isInFileContext = true;
     if (!doUndone(true)) step = Step::Fail;
   }
   m_placer.finish(m_io);
@@ -174,6 +177,8 @@ UntarRun::Step UntarRun::handleRecord(MemberReader::Found found) {
       found != MemberReader::Found::Record || inTurn([this](const Io& io) { return takeRecord(io); });
   if (!isTaken) return Step::Fail;
   m_previousTypeFlag = m_member.typeFlag;
+  // A global one is about all that follow, and waits for none. What is passed over takes what waited along.
+  if (m_member.typeFlag != kTypePaxGlobal) m_recordWaits = found == MemberReader::Found::Record;
   return passOver(saturatedSum(m_filePosition, saturatedSum(kBlockSize, paddedSize(ownSize))));
 }
 
@@ -242,6 +247,7 @@ bool UntarRun::passSparseMap(const Io& io) {
 // blocks of a map move it on.
 UntarRun::Step UntarRun::handleMember() {
   m_member.headerPosition = m_filePosition;
+  m_recordWaits = false;
   m_filePosition = saturatedSum(m_filePosition, kBlockSize);
   if (!inTurn([this](const Io& io) { return passSparseMap(io); })) return Step::Fail;
   if (m_settings.captureXmlListing) {
@@ -251,7 +257,7 @@ UntarRun::Step UntarRun::handleMember() {
   // The callback may change properties; the path is then set anew by them.
   m_placer.announce(m_member, m_io);
   giveUpLongText(m_member.path);
-  if (!inTurn([this](const Io& io) { return m_placer.isWithinLimits(io); })) return Step::Fail;
+  if (!m_placer.isWithinLimits(m_io, [this] { return doUndone(true); })) return Step::Fail;
   bool extracted = false;
   const Step step = extractMember(extracted);
   if (step != Step::GoOn) return step;
@@ -266,7 +272,7 @@ UntarRun::Step UntarRun::handleMember() {
 // whole.
 UntarRun::Step UntarRun::extractMember(bool& extracted) {
   using Choice = MemberPlacer::Choice;
-  switch (m_placer.chooseInTurn(m_member, m_aim, m_io, [this] { return doUndone(true); })) {
+  switch (m_placer.choose(m_member, m_aim, m_io, [this] { return doUndone(true); })) {
     case Choice::FilteredOut:
       if (m_log.verbose()) m_log.LogInfo("Skipping file because of match pattern.");
       return Step::GoOn;

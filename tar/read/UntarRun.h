@@ -54,6 +54,8 @@ class UntarRun {
   int run();
   // Where the end mark begins, counted from the archive's start: of use behind a run that found it.
   long long endPosition() const { return m_filePosition; }
+  // Whether the last header is a record that is about the next member, which did not come.
+  bool endsBehindRecord() const { return m_recordWaits; }
   // Whether it failed for nothing but members that were left out. Of use once run() has returned.
   bool onlyLeftOut() const { return m_onlyLeftOut; }
 
@@ -99,7 +101,10 @@ class UntarRun {
   bool copyBehind(WriteBehind::File& file);
   bool doUndone(bool waitsForAll);
   bool doAgain(const WriteBehind::File& file);
+  // Ends the context that the log has for a member, and begins the next.
+  void nextFileContext();
   // For data that end too soon or with an exception.
+  void tellHeld();
   void leavePart(WriteBehind::File& file);
   FileEnd fillAgain(const WriteBehind::File& file, Placed placed, const Io& io);
   // An error line with one data line; false.
@@ -134,7 +139,10 @@ class UntarRun {
   ArchiveCursor m_cursor;
   long long m_filePosition = 0;  // of the next header, from the archive's start
   // For the log alone.
+  static constexpr char kFileContext[] = "file";
+  bool m_isInFileContext = false;
   char m_previousTypeFlag = ' ';
+  bool m_recordWaits = false;
   // Null where members become files.
   _mvOutput* m_memberOutput = nullptr;
   bool m_firstAlone = false;

@@ -94,6 +94,7 @@ bool UntarRun::copyBehind(WriteBehind::File& file) {
     isComplete = m_context.source.copyNToOutput2PM(out, m_member.size, m_copyBuffer.get(), m_copyBufferSize,
                                                    m_io.monitor, m_held);
   } catch (...) {
+    tellHeld();
     leavePart(file);
     throw;
   }
@@ -106,12 +107,15 @@ bool UntarRun::copyBehind(WriteBehind::File& file) {
   // Earlier files come first. If one of them ends the run, its failure is what the log has, and nothing
   // behind it is begun.
   if (doUndone(true)) leavePart(file);
-  {
-    LogContextExitor context(m_log, "extractToFile");
-    m_held.tellTo(m_log);
-  }
+  tellHeld();
   (void)m_placer.noteEnd({}, m_io);  // it names the member
   return failWith(kCannotExtract, "filePath", m_placer.path().outputPath());
+}
+
+// In the context in which a file in its turn is read.
+void UntarRun::tellHeld() {
+  LogContextExitor context(m_log, "extractToFile");
+  m_held.tellTo(m_log);
 }
 
 // As far as its data came, and nothing else of it. Why they ended is told by the caller. It is closed with
@@ -131,8 +135,22 @@ FileEnd UntarRun::fillAgain(const WriteBehind::File& file, Placed placed, const 
   return fillFile(source, file.member, {std::move(placed.out), placed.file}, io);
 }
 
+// Each has a context of its own in the log, as it would have in its turn; and what comes behind it one again.
+// Not behind a failure that ends the run, because another context would have the log forget it.
 bool UntarRun::doUndone(bool waitsForAll) {
-  return m_placer.doUndone(waitsForAll, [this](const WriteBehind::File& file) { return doAgain(file); });
+  return m_placer.doUndone(waitsForAll, [this](const WriteBehind::File& file) {
+    nextFileContext();
+    const bool goesOn = doAgain(file);
+    if (goesOn) nextFileContext();
+    return goesOn;
+  });
+}
+
+// Where there is one: behind a failure there is not.
+void UntarRun::nextFileContext() {
+  if (!m_isInFileContext) return;
+  m_log.leaveContext();
+  m_log.enterContext(kFileContext);
 }
 
 // From memory, and without a monitor: progress was told as the data were read. It was counted as made. A

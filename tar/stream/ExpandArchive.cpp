@@ -7,7 +7,6 @@
 #include "runtime/codec/ExpandAhead.h"
 #include "runtime/io/AheadSource.h"
 #include "runtime/parallel/WorkerPool.h"
-#include "tar/stream/RatioLimit.h"
 #include "tar/stream/StreamSink.h"
 
 namespace morvane {
@@ -26,15 +25,15 @@ bool mayBeWorthThread(_mvDataSource& source) {
 // order, for the events and the limit; so the metered source stands on this side. A codec that can do better
 // with several threads has a function for it.
 bool expandArchive(const Codec& codec, _mvDataSource& source, _mvOutput& out, const CodecOptions& options,
-                   long long maxRatio, const Io& io) {
+                   long long maxRatio, const Io& io, const RatioLimit::Tell& tell) {
   if (workerCount(options.threads) == 0 || !mayBeWorthThread(source)) {
     MeteredSource metered(source);
-    RatioLimit limited(out, metered, maxRatio);
+    RatioLimit limited(out, metered, maxRatio, tell);
     return codec.decode(metered, limited, options, io);
   }
   AheadSource ahead(source, io.monitor, io.log);
   MeteredSource metered(ahead);
-  RatioLimit limited(out, metered, maxRatio);
+  RatioLimit limited(out, metered, maxRatio, tell);
   const bool ok = codec.decodeAhead ? codec.decodeAhead(ahead, metered, limited, options, io)
                                     : expandAhead(codec.decode, ahead, metered, limited, options, io);
   // What was read beyond the compressed data is handed back where the source can be moved, so that it stands
@@ -51,18 +50,19 @@ bool extractArchive(const Codec& codec, _mvDataSource& source, StreamingUntar& e
   engine.beginBehind();
   HeldLog said;
   said.beginLike(io.log);
-  const bool isBehind = engine.writesBehind();
   StreamSink direct(engine), ordered(engine, said, io);
-  bool isExpanded = false;
+  const auto tell = [&](const char* word, long long value) { return ordered.failInTurn(word, value); };
+  bool isExpanded = false, isPlaced = false;
   try {
-    isExpanded = expandArchive(codec, source, isBehind ? ordered : direct, options, maxRatio,
-                               isBehind ? Io(said, io.monitor, io.event) : io);
+    isExpanded = engine.writesBehind() ? expandArchive(codec, source, ordered, options, maxRatio,
+                                                       Io(said, io.monitor, io.event), tell)
+                                       : expandArchive(codec, source, direct, options, maxRatio, io);
+    isPlaced = engine.endBehind(io);
   } catch (...) {
     engine.endBehindQuietly();
     said.tellTo(io.log);
     throw;
   }
-  const bool isPlaced = engine.endBehind(io);
   // Where a file of before has failed, with one thread there would have been nothing more to say.
   isPlaced ? said.tellTo(io.log) : io.log.LogError(StreamSink::kNextFailed);
   // Behind earlier files, whose lines come before those of the member that the data end in.

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "runtime/codec/Codec.h"
+#include "tar/stream/RatioLimit.h"
 
 namespace morvane {
 
@@ -11,9 +12,9 @@ struct Io;
 
 // `source` stands behind the codec's header. The output is the engine's, and is used by the calling thread
 // alone, as the source is. False, with the reason in the log, when the data are damaged or the output refuses
-// a piece.
+// a piece. `tell` is for an output that has something of before to tell first, see RatioLimit.
 bool expandArchive(const Codec& codec, _mvDataSource& source, _mvOutput& out, const CodecOptions& options,
-                   long long maxRatio, const Io& io);
+                   long long maxRatio, const Io& io, const RatioLimit::Tell& tell = {});
 
 // The same into an engine that makes files, whose run has begun and is finished by the caller. False also
 // where a file that was still to be written could not be; that is in the log. Exceptions of callbacks pass

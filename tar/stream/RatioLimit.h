@@ -2,6 +2,9 @@
 // knows nothing of archives and stands in front of whatever takes the bytes.
 #pragma once
 
+#include <functional>
+#include <utility>
+
 #include "runtime/io/Io.h"
 #include "runtime/io/MeteredSource.h"
 #include "runtime/io/_mvOutput.h"
@@ -14,9 +17,11 @@ namespace morvane {
 // a run; the sums are never set back.
 class RatioLimit : public _mvOutput {
  public:
-  // `mostTimes` is 0 or more.
-  RatioLimit(_mvOutput& out, const MeteredSource& in, long long mostTimes)
-      : m_out(out), m_in(in), m_mostTimes(mostTimes) {}
+  // Tells of the limit in place of failAtLimit; false.
+  using Tell = std::function<bool(const char* word, long long value)>;
+  // `mostTimes` is 0 or more. `tell` may be empty.
+  RatioLimit(_mvOutput& out, const MeteredSource& in, long long mostTimes, Tell tell)
+      : m_out(out), m_in(in), m_mostTimes(mostTimes), m_tell(std::move(tell)) {}
 
   // The piece that goes beyond the limit is not handed on, and its refusal ends the decompressor. False, with
   // the word and its value in the log, at the limit; else the output's own answer.
@@ -27,7 +32,8 @@ class RatioLimit : public _mvOutput {
     const bool isBomb = m_mostTimes > 0 && m_produced > kAlwaysAllowed &&
                         (m_produced - 1) / m_mostTimes + 1 > m_in.bytesTaken();
     if (isBomb) {
-      return failAtLimit("MaxRatio", m_mostTimes, Io(log, io.monitor()));
+      constexpr char kWord[] = "MaxRatio";
+      return m_tell ? m_tell(kWord, m_mostTimes) : failAtLimit(kWord, m_mostTimes, Io(log, io.monitor()));
     }
     return m_out._writeBytes(bytes, n, io, log);
   }
@@ -43,6 +49,7 @@ class RatioLimit : public _mvOutput {
   const MeteredSource& m_in;
   // Bytes out for each byte in.
   const long long m_mostTimes;
+  const Tell m_tell;
   // Bytes that came out so far, the piece that is refused among them.
   long long m_produced = 0;
 };

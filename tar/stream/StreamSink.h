@@ -4,6 +4,7 @@
 #include "runtime/io/Io.h"
 #include "runtime/io/_mvOutput.h"
 #include "runtime/log/HeldLog.h"
+#include "tar/place/RunLimits.h"
 #include "tar/stream/StreamingUntar.h"
 
 namespace morvane {
@@ -28,7 +29,7 @@ class StreamSink : public _mvOutput {
   // is one of this room where a whole archive is extracted, as the logs have always had. False refuses the
   // piece, and ends the decompressor.
   bool _writeBytes(const char* bytes, unsigned int n, _mvIoParams& io, LogBase& log) override {
-    if (!tellWhatWasSaid()) return false;
+    if (m_said && !m_said->isEmpty() && !comeUp()) return false;
     LogBase& engines = m_io ? m_io->log : log;
     bool finished = false;
     const auto* const data = reinterpret_cast<const unsigned char*>(bytes);
@@ -37,20 +38,24 @@ class StreamSink : public _mvOutput {
     if (!taken) engines.LogError(kNextFailed);
     return taken;
   }
-  // False where a file of before ends the run: that is the failure, and what was said is forgotten.
-  bool tellWhatWasSaid() {
-    if (!m_said || m_said->isEmpty()) return true;
-    if (m_stream.doUndoneOfAll(*m_io)) {
-      m_said->tellTo(m_io->log);
-      return true;
-    }
-    m_said->beginLike(m_io->log);
-    return false;
-  }
+  // failAtLimit, behind what the engine has under way.
+  bool failInTurn(const char* word, long long value) { return comeUp() && failAtLimit(word, value, *m_io); }
 
   static constexpr char kNextFailed[] = "StreamingUntarNext failed.";
 
  private:
+  // Tells what was said. False where a file of before ends the run: that is the failure, and what was said is
+  // forgotten.
+  bool comeUp() {
+    if (m_stream.comeUp(*m_io)) {
+      m_said->tellTo(m_io->log);
+      return true;
+    }
+    m_said->beginLike(m_io->log);
+    m_io->log.LogError(kNextFailed);
+    return false;
+  }
+
   // Borrowed; begun by whoever made the sink. What it has completed decides where one member is wanted.
   StreamingUntar& m_stream;
   const Until m_until;

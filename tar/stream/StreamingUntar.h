@@ -87,8 +87,10 @@ class StreamingUntar {
   void beginBehind() { m_placer.beginBehind(); }
   bool endBehind(const Io& io);
   bool writesBehind() const { return m_placer.writesBehind(); }
-  // Waits for what is under way, and says what of it cannot be done. False where that ends the run.
-  bool doUndoneOfAll(const Io& io) { return doUndone(true, io); }
+  // For what is to be told behind all that came so far: waits for what is under way, says what of it cannot
+  // be done, and makes the entry whose data are being collected a file in its turn. False, with this engine's
+  // line, where that ends the run.
+  bool comeUp(const Io& io);
   // The same behind an exception, of which nobody hears.
   void endBehindQuietly() noexcept;
   // Where no more of the archive comes: the member that it was cut in is named, if members are restored.
@@ -155,6 +157,7 @@ class StreamingUntar {
   // Writing behind: see MemberPlacer. False for a failure that ends the run.
   bool handOver(Arrival arrival, const Io& io);
   bool doUndone(bool waitsForAll, const Io& io);
+  bool doUndoneOfAll(const Io& io) { return doUndone(true, io); }
   // MemberPlacer::inTurn with this engine's way to do again what workers could not do.
   template <class Read>
   bool inTurn(const Io& io, Read read) {

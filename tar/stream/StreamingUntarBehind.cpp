@@ -38,6 +38,15 @@ bool StreamingUntar::doAgain(const WriteBehind::File& file, const Io& io) {
   return m_placer.noteEnd(end, again) || writeHasFailed(static_cast<Arrival>(file.arrival), io);
 }
 
+// Where that fails nothing of the open entry is made: with one thread the run would have ended before it.
+bool StreamingUntar::comeUp(const Io& io) {
+  if (doUndone(true, io) && becomeFileInItsTurn(Io(io.log, nullptr, io.event))) return true;
+  if (m_behindFile) releaseOutput();
+  m_streamOk = false;
+  // As it would have failed in its turn, within a step.
+  return io.fail(kStepFailed);
+}
+
 // With what has come of it; the rest goes there as it comes. For an entry that was to go behind and whose
 // data stop for now: no worker may hold it beyond the call.
 bool StreamingUntar::becomeFileInItsTurn(const Io& io) {
@@ -58,18 +67,13 @@ bool StreamingUntar::becomeFileInItsTurn(const Io& io) {
 bool StreamingUntar::endBehind(const Io& io) {
   bool ok = false;
   try {
-    ok = doUndone(true, io) && becomeFileInItsTurn(Io(io.log, nullptr, io.event));
+    ok = comeUp(io);
   } catch (...) {
     // What a callback threw: nobody knows what of the entry was taken, and its output is over a file behind.
     breakOff();
     throw;
   }
-  // Still set where placing it failed or was not come to.
-  if (m_behindFile) releaseOutput();
   m_placer.finishBehind();
-  m_streamOk &= ok;
-  // As it would have failed in its turn, within a step.
-  if (!ok) io.log.LogError(kStepFailed);
   return ok;
 }
 

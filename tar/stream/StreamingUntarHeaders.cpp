@@ -130,8 +130,7 @@ bool StreamingUntar::takeHeader(bool& finished, const Io& io) {
   if (m_settings.untarDebugLog) io.log.LogDataX("entry", path.entryPath());
   if (io.log.verbose()) io.log.LogBracketed("typeFlag", typeText(member.typeFlag).c_str());
   giveUpLongText(member.path);
-  const auto isWithin = [this](const Io& step) { return m_placer.isWithinLimits(step); };
-  if (isMember && !inTurn(io, isWithin)) {
+  if (isMember && !m_placer.isWithinLimits(io, [&] { return doUndoneOfAll(io); })) {
     finished = m_streamFinished = true;
     return false;
   }
@@ -152,9 +151,8 @@ bool StreamingUntar::beginEntry(bool& finished, const Io& io) {
                                                : MemberPlacer::Aim::Extract;
   const bool passesOver = m_found == MemberReader::Found::PassedOver;
   Member& member = m_reader->found();
-  const Choice choice = passesOver
-                            ? Choice::Unwanted
-                            : m_placer.chooseInTurn(member, aim, io, [&] { return doUndoneOfAll(io); });
+  const Choice choice =
+      passesOver ? Choice::Unwanted : m_placer.choose(member, aim, io, [&] { return doUndoneOfAll(io); });
   if (choice == Choice::LimitReached) {
     finished = m_streamFinished = true;
     return false;
