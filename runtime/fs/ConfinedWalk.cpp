@@ -4,7 +4,6 @@
 
 #include <fcntl.h>
 #include <linux/openat2.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -55,16 +54,6 @@ std::string joined(const std::vector<std::string>& parts, size_t from, size_t to
   std::string path;
   for (size_t i = from; i < to; ++i) (path.empty() ? path : path += '/') += parts[i];
   return path;
-}
-
-// It is called by its number, because most C libraries have no function for it.
-int openat2(int from, const char* path, int flags, unsigned mode, unsigned long long resolve) {
-  open_how how{};
-  // A program that another thread starts meanwhile must not inherit the descriptor.
-  how.flags = static_cast<unsigned>(flags | O_CLOEXEC);
-  how.mode = mode;
-  how.resolve = resolve;
-  return static_cast<int>(::syscall(SYS_openat2, from, path, &how, sizeof how));
 }
 
 }  // namespace
@@ -276,7 +265,8 @@ int ConfinedWalk::createBeneath(const std::string& path, int flags, unsigned mod
 void ConfinedWalk::removeBeneath(const std::string& path) {
   const size_t slash = path.rfind('/');
   const std::string parent = slash == std::string::npos ? "." : path.substr(0, slash);
-  const OsFile opened(openResolved(m_target.fd(), parent.c_str(), kPathOnly, 0));
+  const OsFile opened(m_partByPart ? openExisting(parent, kPathOnly, Passing::LinksAsMade)
+                                   : openResolved(m_target.fd(), parent.c_str(), kPathOnly, 0));
   if (opened.isOpen()) unlinkat(opened.fd(), path.c_str() + (slash == std::string::npos ? 0 : slash + 1), 0);
 }
 
@@ -316,7 +306,7 @@ int ConfinedWalk::openResolved(int from, const char* path, int flags, unsigned m
   if (m_links == Links::None || !passesLinks) resolve |= RESOLVE_NO_SYMLINKS;
   int fd = -1;
   for (int tries = 0; tries < kTriesWhileChanging;) {
-    fd = openat2(from, path, flags, mode, resolve);
+    fd = osOpenResolved(from, path, flags, mode, resolve);
     if (fd >= 0 || (errno != EAGAIN && errno != EINTR)) break;
     if (errno == EAGAIN) ++tries;
   }

@@ -43,6 +43,8 @@ class ConfinedWalk {
   // bytes, of any length.
   bool open(const char* target, Links links, LogBase& log);
   bool isOpen() const { return m_target.isOpen(); }
+  // Whether a new file takes one call, as createBeneath does it; else it takes several, in order.
+  bool createsAtOnce() const { return !m_partByPart; }
   // For tests of the way that old kernels get.
   void withoutOpenat2() { m_partByPart = true; }
 

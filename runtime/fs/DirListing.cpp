@@ -4,6 +4,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/openat2.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -26,6 +27,14 @@ bool isSelfOrParent(const char* name) {
 int DirListing::readIn(int parent, const char* name, bool followsLinks, size_t most) {
   directory.reset(osOpenAt(parent, name, kOpenDirectory | (followsLinks ? 0 : O_NOFOLLOW)));
   return directory.isOpen() ? readOpen(most) : errno;
+}
+
+// A kernel that cannot tell mounts apart is not asked to.
+int DirListing::readAheadIn(int parent, const char* name, size_t most) {
+  directory.reset(
+      osOpenResolved(parent, name, kOpenDirectory | O_NOFOLLOW, 0, RESOLVE_NO_XDEV | RESOLVE_NO_SYMLINKS));
+  if (directory.isOpen()) return readOpen(most);
+  return errno == ENOSYS || errno == EPERM ? readIn(parent, name, false, most) : errno;
 }
 
 int DirListing::read(const char* path) {

@@ -14,6 +14,9 @@ struct DirListing {
   // do. Returns 0, or an errno; then nothing of it is good. EFBIG: the names take more than `most` bytes, and
   // the system has more of them; its last piece may go beyond that.
   int readIn(int parent, const char* name, bool followsLinks, size_t most = std::string::npos);
+  // Where nobody has asked for the directory yet: links are not followed, and a file system that is mounted
+  // there is not entered (EXDEV), because it might not answer.
+  int readAheadIn(int parent, const char* name, size_t most);
   // The same of a directory by its path, which may be a link.
   int read(const char* path);
   // Of the n-th entry, which is there: "." and ".." are none. The type is one of the system's (DT_REG and its

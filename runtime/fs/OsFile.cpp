@@ -3,7 +3,9 @@
 #include "runtime/fs/OsFile.h"
 
 #include <fcntl.h>
+#include <linux/openat2.h>
 #include <poll.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -162,6 +164,16 @@ int osOpenAt(int directory, const char* name, int flags, mode_t mode) {
 }
 
 int osOpenSource(const char* path, SourceLinks links) { return osOpen(path, sourceFlags(links)); }
+
+// By its number, because most C libraries have no function for it. A program that another thread starts
+// meanwhile must not inherit the descriptor.
+int osOpenResolved(int directory, const char* path, int flags, mode_t mode, unsigned long long resolve) {
+  open_how how{};
+  how.flags = static_cast<unsigned>(flags | O_CLOEXEC);
+  how.mode = mode;
+  how.resolve = resolve;
+  return static_cast<int>(::syscall(SYS_openat2, directory, path, &how, sizeof how));
+}
 
 int osOpenSource(int directory, const char* name, SourceLinks links) {
   return osOpenAt(directory, name, sourceFlags(links));

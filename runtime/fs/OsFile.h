@@ -69,6 +69,9 @@ int osOpen(const char* path, int flags, mode_t mode = 0);
 int osOpenOnce(const char* path, int flags);  // a wait that a signal breaks is not taken up again
 // openat, taken up again after a signal.
 int osOpenAt(int directory, const char* name, int flags, mode_t mode = 0);
+// openat2 (Linux 5.6), tried once: `resolve` are the RESOLVE flags of linux/openat2.h. -1 with ENOSYS or
+// EPERM where there is none.
+int osOpenResolved(int directory, const char* path, int flags, mode_t mode, unsigned long long resolve);
 // Opens a file to be copied: for reading, never waiting for a FIFO, never taking a terminal, not following a
 // symbolic link at the path's end, which has come there since the file was examined.
 enum class SourceLinks { NotFollowed, Followed };

@@ -2,12 +2,14 @@
 // being done waits until it is that one.
 #include "runtime/parallel/WorkerPool.h"
 
+#include <dirent.h>
 #include <sched.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <iterator>
+#include <memory>
 #include <new>
 #include <utility>
 
@@ -41,13 +43,31 @@ rlim_t limitOf(__rlimit_resource resource) {
 // Stacks and buffers of threads could use up what a process with little room for memory needs for its work.
 bool hasLittleMemory() { return limitOf(RLIMIT_AS) < 512UL * 1024 * 1024; }
 
+// The larger part is the application's own, and what the work itself has open, such as the directories of a
+// walk.
+unsigned shareOfFiles(rlim_t files) {
+  constexpr rlim_t kOneOf = 16;
+  return static_cast<unsigned>(std::min<rlim_t>(files / kOneOf, kMostThreads));
+}
+
+// Without /proc none is known.
+rlim_t openFiles() {
+  const std::unique_ptr<DIR, int (*)(DIR*)> all(opendir("/proc/self/fd"), closedir);
+  rlim_t count = 0;
+  while (all && readdir(all.get())) ++count;
+  return count;
+}
+
 }  // namespace
 
+// Where very many may be open, counting them could take longer than the work.
 unsigned filesToSpare() {
-  // The larger part is the application's own, and what the work itself has open, such as the directories of
-  // a walk.
-  constexpr rlim_t kOneOf = 16;
-  return static_cast<unsigned>(std::min<rlim_t>(limitOf(RLIMIT_NOFILE) / kOneOf, kMostThreads));
+  constexpr rlim_t kWorthCounting = 4096;
+  const rlim_t limit = limitOf(RLIMIT_NOFILE);
+  const unsigned share = shareOfFiles(limit);
+  if (limit > kWorthCounting) return share;
+  const rlim_t isFree = limit - std::min(limit, openFiles());
+  return static_cast<unsigned>(std::min<rlim_t>(share, isFree / 2));
 }
 
 // Nothing is asked of the system for one thread. The lower bound of std::clamp must not be above the upper
@@ -55,7 +75,8 @@ unsigned filesToSpare() {
 unsigned workerCount(long long threads) {
   if (threads == 1) return 0;
   if (threads == 0) threads = hasLittleMemory() ? 1 : processorsOfProcess();
-  return static_cast<unsigned>(std::clamp(threads, 1LL, std::max<long long>(filesToSpare(), 1)) - 1);
+  return static_cast<unsigned>(
+      std::clamp(threads, 1LL, std::max<long long>(shareOfFiles(limitOf(RLIMIT_NOFILE)), 1)) - 1);
 }
 
 // All workers together have some hundred items at a time. A task of less than four would be spent on waking

@@ -91,7 +91,8 @@ WriteBehind::File* MemberPlacer::fileBehind(const Member& member, const Io& io) 
   const std::string& entryPath = m_path.entryPath().str();
   ConfinedDir* const target = m_target.confined();
   // A callback may have changed the properties while earlier files were told of.
-  if (!target || !mayWriteBehind(io) || !target->mayBeMade(entryPath)) return nullptr;
+  const bool mayBeMade = target && target->createsAtOnce() && target->mayBeMade(entryPath);
+  if (!mayBeMade || !mayWriteBehind(io)) return nullptr;
   const auto size = static_cast<unsigned>(member.size);  // at most kMostBytes: mayGoBehind has seen to it
   WriteBehind::File& file = m_behind->next(*target, cleanPath(entryPath), size);
   file.mode = modeToMake(member);

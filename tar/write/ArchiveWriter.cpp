@@ -102,8 +102,7 @@ bool ArchiveWriter::writeTree(const DirRoot& root, XString& curDirRootPath) {
   while (!walk.isDone()) {
     if (ahead) {
       m_found = ahead->enter(walk.tree());
-      // Asked anew, because a callback may have set the words.
-      if (mayOpenEarly()) ahead->lookAhead(walk.tree());
+      ahead->lookAhead(walk.tree());
     }
     const SourcePlace place = walk.place();
     walk.nameMember(m_run.settings.dirPrefix, pathInTar);

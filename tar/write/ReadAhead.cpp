@@ -221,19 +221,32 @@ void ReadAhead::giveUp(Piece piece) {
 }
 
 // In a worker: it touches nothing but the look and, by their descriptors, open directories. It stops where
-// the room is full; what it did not come to is left for its turn.
+// the room is full, or memory is; what it did not come to is left for its turn, which needs less.
 void ReadAhead::Look::work() {
   used = 0;
-  if (!room) room.reset(new char[roomSize]);
-  if (directoryName.empty()) {
-    for (const std::string& name : names) {
-      if (!lookAt(parent, name.c_str())) return;
-    }
-    return;
+  isListed = false;
+  try {
+    directoryName.empty() ? lookAtFiles() : lookIntoDirectory();
+  } catch (const std::bad_alloc&) {  // what was found before is good
   }
-  // Links are not followed: one may have come in the directory's place.
-  isListed = listing.readIn(parent, directoryName.c_str(), false, roomSize) == 0;
+}
+
+void ReadAhead::Look::makeRoom() {
+  if (!room) room.reset(new char[roomSize]);
+}
+
+void ReadAhead::Look::lookAtFiles() {
+  makeRoom();
+  for (const std::string& name : names) {
+    if (!lookAt(parent, name.c_str())) return;
+  }
+}
+
+// Its own event comes later, and may yet exclude it.
+void ReadAhead::Look::lookIntoDirectory() {
+  isListed = listing.readAheadIn(parent, directoryName.c_str(), roomSize) == 0;
   if (!isListed) return;
+  makeRoom();
   for (size_t n = 0; n < listing.entries.size() && n < mostFiles; ++n) {
     const unsigned char type = listing.typeOf(n);
     // Files behind the first directory are wanted only after all that is in it.

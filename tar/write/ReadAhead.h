@@ -24,7 +24,7 @@ class ClsDirTree;
 
 // One for the walk of a tree that follows no links, on its thread, and gone before the walk is: workers use
 // its open directories. A look belongs to its worker from submit until the pool has finished or dropped it:
-// nothing in it needs a lock. What a worker throws comes up in the next call that needs its look.
+// nothing in it needs a lock. A worker that finds no memory leaves the rest for its turn.
 class ReadAhead {
  public:
   // Files of more bytes are read in their turn.
@@ -51,8 +51,12 @@ class ReadAhead {
  private:
   // Entries of one directory, in their order; or a directory, and the first of its entries.
   struct Look : WorkerPool::Task {
-    // The first is what a worker does; the others are its steps, false where there is no room left.
+    // The first is what a worker does; the others are its steps. lookAt and read are false where there is no
+    // room left.
     void work() override;
+    void makeRoom();
+    void lookAtFiles();
+    void lookIntoDirectory();
     bool lookAt(int directory, const char* name);
     bool read(const OsFile& file, Found& into);
 
