@@ -25,9 +25,9 @@
 // Callbacks (runtime/progress/ProgressEvent.h) run on the calling thread; from them properties may be read
 // and set (what is set holds from the next step on), while methods of the same object are refused.
 //
-// Each method that takes an archive's path has a twin that takes an _mvOutput& or _mvDataSource& in its
-// place, so that standard streams, sockets and memory are archives too. The stream is not owned and must
-// outlive the call; a source is read from where it stands.
+// Each method that takes an archive's path, but AppendTar, has a twin that takes an _mvOutput& or
+// _mvDataSource& in its place, so that standard streams, sockets and memory are archives too. The stream is
+// not owned and must outlive the call; a source is read from where it stands.
 //
 // Formats. Written: ustar and pax as POSIX.1 has them, and GNU tar's, which is the default; docs/format.md
 // tells where this component goes its own way and which words of UncommonOptions (docs/options.md) make it go
@@ -325,6 +325,7 @@ class MORVANE_API ClsTar : public ClsBase, public _mvOutput {
   // Looks at MustMatch and MustNotMatch anew, which methods do when they begin; and whether the two leave out
   // a path.
   void setMatchPatternExactFlags();
+  // This and splitPathForTar only compute something, and may be called from callbacks, too.
   bool excludeByMatch(const XString& path, LogBase& log);
 
   // Bytes of data that a write of the sources would archive, headers and padding left out; -1 when it was

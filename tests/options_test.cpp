@@ -86,6 +86,15 @@ TEST(Options, WriteExactSizes) {
   ActingEvent event;
   written(tar, &event, false);
   EXPECT_EQ(Lines{"sizeChanged=/proc/version"}, event.infos);
+  // Of one with holes the ranges were there, but not all of it.
+  ScratchDir dir;
+  must(dir, "truncate -s 1M t && echo end >> t");
+  TarWith sparse("Store=sparse,WriteExactSizes");
+  ASSERT_TRUE(sparse.AddFile(dir / "t"));
+  event.infos.clear();
+  event.act = [&](const std::string&) { must(dir, "echo more >> t"); };
+  written(sparse, &event, false);
+  EXPECT_EQ(Lines{"sizeChanged=" + dir / "t"}, event.infos);
 }
 
 TEST(Options, NoTotal) {

@@ -4,6 +4,7 @@
 #include "runtime/fs/FileMetadata.h"
 
 #include <fcntl.h>
+#include <sched.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -14,6 +15,8 @@
 #include <cstring>
 #include <memory>
 #include <string_view>
+#include <system_error>
+#include <thread>
 
 namespace morvane {
 
@@ -53,6 +56,20 @@ int readGrowing(std::string& bytes, Read read) {
     if (errno != ERANGE) return errno;
   }
   return ERANGE;
+}
+
+// Asking the kernel sets it, too. So a thread asks, that has parted with the process's; too strict a guess
+// where that is not allowed costs rights that the user can give again, too lax a one gives away what others
+// may then read.
+unsigned umaskByThread() {
+  unsigned mask = 077;
+  try {
+    std::thread([&mask] {
+      if (unshare(CLONE_FS) == 0) mask = ::umask(0) & FileMetadata::kPermissions;
+    }).join();
+  } catch (const std::system_error&) {  // the system gives no thread
+  }
+  return mask;
 }
 
 }  // namespace
@@ -132,22 +149,19 @@ int FileMetadata::readAttributes(int fd, bool all, Attributes& attributes) {
   return 0;
 }
 
-// The kernel tells it since 4.7. Too strict a guess costs rights that the user can give again; too lax a one
-// gives away what others may then read.
+// The kernel tells it since 4.7, where /proc is.
 unsigned FileMetadata::umask() {
-  constexpr unsigned kStrictest = 077;
   const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen("/proc/self/status", "re"),
                                                              std::fclose);
-  if (!file) return kStrictest;
   char line[256];
-  while (std::fgets(line, sizeof line, file.get())) {
+  while (file && std::fgets(line, sizeof line, file.get())) {
     // The line reads "Umask:", a tab, and octal digits.
     constexpr char kTag[] = "Umask:";
     if (std::strncmp(line, kTag, sizeof kTag - 1) == 0) {
       return static_cast<unsigned>(std::strtoul(line + sizeof kTag - 1, nullptr, 8)) & kPermissions;
     }
   }
-  return kStrictest;
+  return umaskByThread();
 }
 
 }  // namespace morvane

@@ -1,4 +1,5 @@
 // ClsTar's XML listings: ListXml, and the frame of those captured while reading.
+#include "runtime/io/OutputFlush.h"
 #include "tar/door/ClsTarInner.h"
 #include "tar/format/XmlListing.h"
 #include "tar/read/XmlListingRun.h"
@@ -31,9 +32,10 @@ bool ClsTar::ListXml(_mvDataSource& source, _mvOutput& outXml, ProgressEvent* pr
     // Here goes what the run has kept back for less than a write's worth, with the closing tags. There is no
     // monitor, because the listing of an aborted call is to be closed as well.
     _mvIoParams io;
+    OutputFlush flush(outXml, nullptr);
     // What was listed before a failure is written too, with its end.
     const bool listed = m_inner->listXml(source, text, &outXml, progress);
-    return outXml._writeBytes(text.getUtf8(), text.getSizeUtf8(), io, m_log) && listed;
+    return outXml._writeBytes(text.getUtf8(), text.getSizeUtf8(), io, m_log) && listed && flush.finish(m_log);
   });
 }
 

@@ -127,7 +127,10 @@ bool ClsTar::excludeByMatch(const XString& path, LogBase&) {
   return m_inner->readSettings().filter.excludes(path.str());
 }
 
-// The step that methods begin with.
-void ClsTar::setMatchPatternExactFlags() { m_inner->setMatchPatternExactFlags(); }
+// The step that methods begin with. Of a running one the patterns stay as they are taken.
+void ClsTar::setMatchPatternExactFlags() {
+  const StepGuard step(*this);
+  if (step) m_inner->setMatchPatternExactFlags();
+}
 
 }  // namespace morvane

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <vector>
 
 #include "tar/place/MemberPlacer.h"
@@ -18,7 +19,8 @@ namespace {
 // O_NONBLOCK, because what stands there by now may be a FIFO.
 constexpr int kToCopy = O_RDONLY | O_NONBLOCK | O_NOCTTY;
 
-// A file that ends sooner than it did gives what it has. No monitor counts these bytes, which are none of the
+// A file that ends sooner than it did gives what it has; one that cannot be read is a failure of the copy
+// alone. No monitor counts these bytes, which are none of the
 // archive's; the write still asks whether to abort.
 bool copyRange(const OsFile& source, long long at, long long end, const Placed& to, const Io& io) {
   std::vector<char> buffer(64 * 1024);
@@ -27,7 +29,14 @@ bool copyRange(const OsFile& source, long long at, long long end, const Placed& 
         static_cast<size_t>(std::min<long long>(end - at, static_cast<long long>(buffer.size())));
     const ssize_t got = source.readSomeAt(buffer.data(), wanted, at);
     if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) return got == 0;
+    if (got < 0) {
+      const int error = errno;
+      io.fail("Failed to read the file that is copied.");
+      io.log.noteReason(std::strerror(error));
+      to.file->failAlone();
+      return true;
+    }
+    if (got == 0) return true;
     if (!to.out->writeBytesPM(buffer.data(), static_cast<unsigned>(got), io.monitor, io.log)) return false;
     at += got;
   }
@@ -72,8 +81,14 @@ Outcome MemberPlacer::copyTarget(const Member& member, const std::string& target
   if (outcome != Outcome::Ok) return outcome;
   const bool ok = copyData(source, status.st_size, placed, io);
   const FileEnd end = settle(like, *placed.out, *placed.file, ok, {}, io);
+  if (!end.isWhole) {
+    // Half of a copy would pass for the file. What concerns the disk would meet the next member as well.
+    m_target.confined()->removeNew(m_path.entryPath().str());
+    m_target.noteError(end.hasFailedAlone ? EIO : ENOSPC);
+    return Outcome::NotCreated;
+  }
   m_restorer.notKept().note(NotKept::Kind::Link, m_path.entryPath(), 0, io);
-  return end.isWhole ? Outcome::Ok : Outcome::NotCreated;
+  return Outcome::Ok;
 }
 
 // A member that is what a file already is: for a copy in place of a link, which has no header of its own any

@@ -102,6 +102,8 @@ class ExtractTarget {
   // The system's reason (an errno) why the last member was not created; 0 when it was none of the system's.
   // Good until the next member.
   int lastError() const { return m_lastError; }
+  // For a member that was created and then came to nothing.
+  void noteError(int error) { m_lastError = error; }
   // Why the last member was refused, in words for people.
   const char* lastRefusal() const { return m_refusal; }
   // Logs that reason, unless the log has it already: where it stands is for the engine to say. Does nothing a

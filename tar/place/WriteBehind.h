@@ -98,6 +98,7 @@ class WriteBehind {
     void make(File& file);
     size_t bytes() const { return room->data.getSize(); }
 
+    // Shared by all workers and the first thread: of it workers call what any thread may (ConfinedDir).
     ConfinedDir* target = nullptr;
     std::vector<File> files;  // kept for their room; `count` of them are the batch's
     unsigned count = 0;

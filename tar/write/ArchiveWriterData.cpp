@@ -59,8 +59,13 @@ bool ArchiveWriter::writeSparse(const SourcePlace& place, const mvFileInfo& info
     if (!m_run.putZeros(range.length - copied.bytes)) return false;
   }
   if (!m_run.putZeros(paddingAfter(m_member.size))) return false;
-  if (readFailed) reportReadFailed(place);
-  if (!isWhole && !readFailed) reportSizeChanged(place, info.m_size, m_source.sizeNow());
+  if (readFailed) {
+    reportReadFailed(place);
+    return true;
+  }
+  // Ranges say nothing of what has come behind the last one. A size that cannot be told is no change.
+  const long long now = isOpen ? m_source.sizeNow() : -1;
+  if (!isWhole || (now >= 0 && now != info.m_size)) reportSizeChanged(place, info.m_size, now);
   return true;
 }
 

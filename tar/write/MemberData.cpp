@@ -84,10 +84,12 @@ void MemberData::copyPieces(_mvDataSource& source, long long most, Copied& copie
   copied.ok = true;
 }
 
-// In pieces as well, for the sake of progress and abort.
+// In pieces as well, for the sake of progress and abort. Counted down, because a sum of pieces could pass the
+// largest number.
 bool MemberData::put(const char* bytes, unsigned n) {
-  for (unsigned done = 0; done < n; done += kPieceSize) {
-    if (!putPiece(bytes + done, std::min(n - done, kPieceSize))) return false;
+  for (unsigned piece = 0; n > 0; bytes += piece, n -= piece) {
+    piece = std::min(n, kPieceSize);
+    if (!putPiece(bytes, piece)) return false;
   }
   return true;
 }
