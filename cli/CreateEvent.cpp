@@ -63,7 +63,10 @@ CreateEvent::CreateEvent(Report& report, ProgressBar& bar, morvane::ClsTar& tar,
 void CreateEvent::onAbortCheck(bool& abort) { abort = isInterrupted(); }
 
 // The first word of the next member, also of one that is going to be skipped.
-void CreateEvent::onTarEntry(const char*, long long, bool, bool&) { settle(); }
+void CreateEvent::onTarEntry(const char*, long long, bool, bool&) {
+  settle();
+  m_isArchiveBegun = true;
+}
 
 // What is excluded takes all below it along; what merely does not match may have members below that do. A
 // path that ustar cannot hold is told here, with the others of its kind, instead of ending the archive.
@@ -242,13 +245,15 @@ void CreateEvent::noteUnreadable(const std::string& path) {
 }
 
 // By the component's own rule, so that both agree. One byte more than the prefix's field is let pass, as it
-// is the slash between prefix and name.
+// is the slash between prefix and name; a prefix that is nothing else would be lost. What is too long to be
+// split the component would put into a GNU record, which is no ustar.
 bool CreateEvent::fitsUstar(const std::string& name) const {
-  constexpr size_t kName = 100, kPrefix = 155, kAll = kPrefix + kName;
-  if (name.size() <= kName || name.size() > kAll) return true;  // even longer ones go into a record
+  constexpr size_t kName = 100, kPrefix = 155;
+  if (name.size() <= kName) return true;
   morvane::LogNull unwanted;
   morvane::XString last, prefix;
-  return m_tar.splitPathForTar(name, last, prefix, unwanted) && prefix.str().size() <= kPrefix + 1;
+  return m_tar.splitPathForTar(name, last, prefix, unwanted) && prefix.str().size() <= kPrefix + 1 &&
+         prefix.str() != "/";
 }
 
 }  // namespace mvtar

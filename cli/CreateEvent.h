@@ -52,6 +52,8 @@ class CreateEvent : public morvane::ProgressEvent {
 
   // What was begun is done. Call it after a run that came to its end.
   void settle();
+  // Whether a member was offered, for which the archive has to be there.
+  bool isArchiveBegun() const { return m_isArchiveBegun; }
   // Whether what the component missed is all that was not wanted anyway: its failure is then none of the
   // command's.
   bool missedOnlyUnwanted() const { return m_unwantedMissed && m_unreadable.empty(); }
@@ -100,6 +102,7 @@ class CreateEvent : public morvane::ProgressEvent {
   bool m_nothingBelow = false;
   // Whether the component missed anything that was left out, so that its result says less than it seems.
   bool m_unwantedMissed = false;
+  bool m_isArchiveBegun = false;
   bool m_isBegun = false;  // the member that is being written:
   // What is told of it once it is done. Its size is a claim until then, and so is that it will be whole.
   std::string m_name;

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
+#include <limits>
 #include <map>
 #include <memory>
 #include <system_error>
@@ -9,9 +10,12 @@
 
 #include "cli/ArchiveOutput.h"
 #include "cli/Commands.h"
+#include "cli/InterruptEvent.h"
 #include "cli/MemberEvent.h"
 #include "cli/MemberKind.h"
 #include "cli/ReadArchive.h"
+#include "runtime/log/LogNull.h"
+#include "runtime/progress/ProgressMonitor.h"
 #include "runtime/progress/TarMember.h"
 #include "tar/format/EntryPath.h"
 #include "tar/place/ExtractTarget.h"
@@ -78,7 +82,9 @@ class ExtractEvent : public MemberEvent {
     // The reason is asked for here, because the component forgets it when this call returns.
     if (what == "refused" || what == "uncreatable" || what == "incomplete" || what == "timesNotSet") {
       if (what != "timesNotSet") dropIf(value);
-      m_report.problem(value, (what == "refused" ? "refused: " : "") + failureReason(m_tar));
+      const bool isPart = what == "incomplete" && isInterrupted();
+      m_report.problem(value, isPart ? "only a part of it is there"
+                                     : (what == "refused" ? "refused: " : "") + failureReason(m_tar));
       return;
     }
     if (what == "exists" || what == "kept") {
@@ -158,8 +164,20 @@ class ExtractEvent : public MemberEvent {
 // links and special files have no data.
 class OutputEvent : public MemberEvent {
  public:
-  using MemberEvent::MemberEvent;
+  // The output, where the component puts the data, must outlive it.
+  OutputEvent(Report& report, ProgressBar& bar, const CommandLine& line, morvane::OutputFile& out)
+      : MemberEvent(report, bar, line), m_out(out) {}
 
+  // The component drops what a pipe has not taken of a job that is aborted. What is enough is wanted, so that
+  // it goes out first; whether it did the output says when it is closed.
+  void onAbortCheck(bool& abort) override {
+    MemberEvent::onAbortCheck(abort);
+    if (!enoughSeen() || isInterrupted()) return;
+    InterruptEvent event;
+    morvane::ProgressMonitor monitor(event, 1, 0, 0);
+    morvane::LogNull unwanted;
+    (void)m_out.flush(&monitor, unwanted);
+  }
   void onTarEntry(const char*, long long size, bool, bool& skip) override {
     skip = !isSelected() || !m_isWanted;
     if (skip) return;
@@ -176,6 +194,7 @@ class OutputEvent : public MemberEvent {
   // Of a name of many megabytes no second copy is kept; it is only shown.
   static constexpr size_t kShownAtMost = 1 << 20;
 
+  morvane::OutputFile& m_out;
   std::string m_path;
   bool m_isWanted = false;
 };
@@ -195,11 +214,20 @@ bool makeTarget(const CommandLine& line, Report& report) {
 
 }  // namespace
 
+// With threads a file is told of as begun while earlier ones may yet fail. Who is told which members are
+// done, and how many, wants to know it at that moment. Where the component counts files it makes each in its
+// turn.
+void makeEachInItsTurn(const CommandLine& line, ClsTar& tar) {
+  if (line.verbose || line.totals || line.maxCount > 0)
+    tar.put_UntarMaxCount(std::numeric_limits<int>::max());
+}
+
 // Enough may have been seen before the archive's end (--max-count): then a run that was stopped is no
 // failure. Operands that matched nothing are named only if the whole archive was looked through.
 int extractArchive(const CommandLine& line) {
   ReadJob job(line, false);
   if (!job.open() || !makeTarget(line, job.report)) return job.finish();
+  makeEachInItsTurn(line, job.tar);
   ExtractEvent event(job.tar, job.report, job.bar, line);
   const bool ok = job.archive.read(job.tar, event) || event.enoughSeen();
   job.bar.clear();
@@ -219,7 +247,7 @@ int extractToStandardOutput(const CommandLine& line) {
   const std::unique_ptr<morvane::OutputFile> out = standardOutput(job.report);
   if (!out) return job.finish();
   // It only chooses members; their data go from the component straight to the output.
-  OutputEvent event(job.report, job.bar, line);
+  OutputEvent event(job.report, job.bar, line, *out);
   bool ok = job.tar.UntarMembersToOutput(job.archive.source(), *out, &event) || event.enoughSeen();
   // The component fails where no member was handed over; everything else of the run went well then.
   const bool none = !ok && job.tar.get_OnlyLeftOut();

@@ -51,6 +51,7 @@ void endAtOnce(int signal) {
 // seconds) is lost in something that cannot be asked, such as a regular expression that takes years.
 void onKnock(int) {
   constexpr int kPatience = 50;
+  // Touched by this handler alone; a knock that is lost between two threads does no harm.
   static volatile std::sig_atomic_t knocks = 0;
   if (g_signal != 0 && (knocks = knocks + 1) > kPatience) endAtOnce(g_signal);
 }

@@ -17,7 +17,25 @@ void appendOctal(unsigned char byte, std::string& text) {
   text += escape;
 }
 
+// U+0080 to U+009F are control characters too; terminals obey them. In UTF-8 they are the byte C2 and one
+// from 80 to 9F; bytes of that range by themselves are no character.
+bool isC1(std::string_view text, size_t at) {
+  return text[at] == '\xC2' && at + 1 < text.size() && (text[at + 1] & 0xE0) == 0x80;
+}
+
 }  // namespace
+
+std::string withoutC1(std::string_view text) {
+  std::string safe;
+  for (size_t at = 0; at < text.size(); ++at) {
+    if (!isC1(text, at)) {
+      safe.push_back(text[at]);
+      continue;
+    }
+    for (const char each : text.substr(at++, 2)) appendOctal(static_cast<unsigned char>(each), safe);
+  }
+  return safe;
+}
 
 // Back slashes are doubled, so that two names never look alike. Bytes that are no UTF-8 stay: the terminal
 // shows them as such.
@@ -56,10 +74,7 @@ std::string shown(std::string_view name) {
       default:
         break;
     }
-    // U+0080 to U+009F are control characters too; terminals obey them.
-    // In UTF-8 they are the byte C2 and one from 80 to 9F; bytes of that range by themselves are no
-    // character.
-    const bool isInC1 = byte == 0xC2 && at + 1 < name.size() && (name[at + 1] & 0xE0) == 0x80;
+    const bool isInC1 = isC1(name, at);
     // Everything else is shown, bytes above 7F as they are.
     if (byte >= 0x20 && byte != 0x7F && !isInC1) {
       text.push_back(c);

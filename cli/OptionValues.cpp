@@ -4,6 +4,7 @@
 
 #include <grp.h>
 #include <pwd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <charconv>
@@ -135,6 +136,7 @@ bool OptionValues::setCompression(morvane::Compression compression) {
 bool OptionValues::setFilter(const std::string& program) {
   if (program.find_first_not_of(" \t") == std::string::npos) return wrong("option '-I' needs a program");
   m_twoCompressions |= m_line.compression.has_value();
+  m_twoCompressions |= !m_line.filterProgram.empty() && m_line.filterProgram != program;
   m_line.filterProgram = program;
   return true;
 }
@@ -298,7 +300,8 @@ bool OptionValues::check() {
 // Where the archive is, and what it is compressed with.
 bool OptionValues::checkArchive() {
   const Mode mode = m_line.mode;
-  if (m_twoCompressions) return wrong("only one of -z, -j, -J, --zstd, -I");
+  const bool isOther = m_line.compression || !m_line.filterProgram.empty();
+  if (m_twoCompressions || (m_compress && isOther)) return wrong("only one of -z, -j, -J, --zstd, -I");
   // Reading goes by the content: there -Z is either right or does no harm.
   if (mode == Mode::Create && m_compress) return wrong("compress format can be read but not written");
   // The other modes compress nothing.
@@ -317,8 +320,10 @@ bool OptionValues::checkArchive() {
   if (changes && (m_line.compression || m_compress || !m_line.filterProgram.empty()))
     return wrong("a compressed archive cannot be appended to");
   // What an archive that is there is its content says, and not its name. A new plain archive under another's
-  // name would fool its reader.
-  const bool isThere = changes && access(m_line.archive.c_str(), F_OK) == 0;
+  // name would fool its reader; in an empty file it is a new one.
+  struct stat status;
+  const bool isThere = changes && stat(m_line.archive.c_str(), &status) == 0 &&
+                       !(S_ISREG(status.st_mode) && status.st_size == 0);
   if (m_line.writes() && !isThere && !m_line.compression && m_line.filterProgram.empty() &&
       morvane::promisesUnwritable(m_line.archive))
     return wrong("'" + m_line.archive + "' promises a compression that cannot be written");
@@ -347,12 +352,12 @@ bool OptionValues::checkModes() {
   return only(mode == Mode::Deb && m_line.filters(), false, "--deb takes the tarballs whole") &&
          only(mode == Mode::Verify && m_line.selects(), false, "--verify checks the whole archive") &&
          only(!m_line.prefix.empty(), writes, "--prefix goes with -c") &&
-         only(m_line.stripPaths, !writes, "--strip-paths goes with -x") &&
+         only(m_line.stripPaths, mode == Mode::Extract, "--strip-paths goes with -x") &&
          only(m_line.toStdout, mode == Mode::Extract, "-O goes with -x") &&
          only(m_line.changes.clampsTime, m_line.changes.mtime.has_value(),
               "--clamp-mtime goes with --mtime") &&
          only(m_line.removesFiles, writes, "--remove-files goes with -c") &&
-         only(m_line.keeping.usersOwn, mode != Mode::Create,
+         only(m_line.keeping.usersOwn, !writes,
               "-o goes with -x; the old format that it means elsewhere with -c is not written") &&
          only(m_line.keeping.xattrs && m_line.keeping.acls, m_line.keeping.xattrs == m_line.keeping.acls,
               "attributes and access lists are kept together or not at all") &&

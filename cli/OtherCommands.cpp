@@ -50,7 +50,7 @@ int createDeb(const CommandLine& line) {
   ProgressBar bar(ProgressBar::When::Never);
   Report report(bar, line.usesStandardStream());
   if (!isNoTerminal(line, report) || isAnInput(line, report)) return report.finish();
-  endOnInterrupt("mvtar: " + shown(line.archive) + ": interrupted; the package is incomplete");
+  endOnInterrupt("mvtar: " + shown(line.archive) + ": interrupted; the package may be incomplete");
   morvane::ClsTar tar;
   const bool ok = assemble(tar, line, report);
   return finish(tar, line, report, ok);

@@ -25,6 +25,13 @@ using morvane::OsFile;
 
 constexpr char kStandardInput[] = "standard input";
 
+// It would wait for somebody to type an archive.
+bool isNoTerminal(int descriptor, const std::string& name, Report& report) {
+  if (!isatty(descriptor)) return true;
+  report.problem(name, "an archive is not read from a terminal");
+  return false;
+}
+
 }  // namespace
 
 // A program's output is looked at like a file: it should be a plain archive, but a program that left it
@@ -49,14 +56,10 @@ bool ArchiveReader::open(const CommandLine& line, Report& report) {
   return what == nullptr;
 }
 
-// The source closes the descriptor that it has, so it gets one of its own. A terminal would wait for somebody
-// to type an archive.
+// The source closes the descriptor that it has, so it gets one of its own.
 bool ArchiveReader::openStandardInput(Report& report) {
+  if (!isNoTerminal(STDIN_FILENO, kStandardInput, report)) return false;
   morvane::LogCause log;
-  if (isatty(STDIN_FILENO)) {
-    report.problem(kStandardInput, "an archive is not read from a terminal");
-    return false;
-  }
   if (m_source.adopt(OsFile(furtherDescriptor(STDIN_FILENO)), kStandardInput, log)) return true;
   report.problem(kStandardInput, log.cause().reason);
   return false;
@@ -70,6 +73,8 @@ bool ArchiveReader::openThroughProgram(const CommandLine& line, Report& report) 
     report.problem(line.archive, std::strerror(errno));
     return false;
   }
+  if (!isNoTerminal(file.fd(), line.usesStandardStream() ? kStandardInput : line.archive, report))
+    return false;
   // The program has its own copy of the file's descriptor; this process closes its own with this function.
   OsFile expanded(m_program.startReading(line.filterProgram, file.fd(), report));
   if (!expanded.isOpen()) return false;
@@ -98,7 +103,8 @@ bool ArchiveReader::openPath(const std::string& path, Report& report) {
   InterruptEvent event;
   morvane::ProgressMonitor monitor(event, 1, 0, 0);
   morvane::LogCause log;
-  if (m_source.openDataSourceFile(path, log, &monitor)) return true;
+  if (m_source.openDataSourceFile(path, log, &monitor))
+    return isNoTerminal(m_source.descriptor(), path, report);
   // The end of a reading command says that it was interrupted.
   if (!isInterrupted()) report.problem(path, log.cause().reason);
   return false;

@@ -93,12 +93,12 @@ void Report::totals(long long members, long long bytes) {
                        " bytes\n");
 }
 
-// The log ends in a line end of its own.
+// The log ends in a line end of its own, and has escaped all but C1.
 void Report::log(morvane::ClsTar& tar) {
   morvane::XString text;
   tar.get_LogText(text);
   m_bar.clear();
-  writeToStandardError(text.str());
+  writeToStandardError(withoutC1(text.str()));
 }
 
 // What could not be printed is a problem too, and known only now.

@@ -100,11 +100,12 @@ Written write(ClsTar& tar, const CommandLine& line, CreateEvent& event, Report& 
 }
 
 // Says what became of the archive; the status. A signal may come behind the last question whether to abort,
-// when the archive is there and done.
-int endInterrupted(const CommandLine& line, Report& report, bool isClosed) {
+// when the archive is there and done, and before the first member, while the sources are counted.
+int endInterrupted(const CommandLine& line, Report& report, bool isBegun, bool isClosed) {
   report.notice(line.archive, isClosed                    ? "interrupted; the archive is complete"
-                              : line.mode == Mode::Create ? "interrupted; the archive is incomplete"
-                                                          : "interrupted; the archive is as it was");
+                              : line.mode != Mode::Create ? "interrupted; the archive is as it was"
+                              : isBegun                   ? "interrupted; the archive is incomplete"
+                                                          : "interrupted; nothing was archived");
   return interruptStatus();
 }
 
@@ -121,7 +122,7 @@ int writeArchive(CommandLine& line) {
   NewestCopies newest;
   // Before the sources are looked at: without the newest copies nothing could be said of any of them.
   if (line.mode == Mode::Update && !findNewestCopies(line, newest, report))
-    return isInterrupted() ? endInterrupted(line, report, false) : report.finish();
+    return isInterrupted() ? endInterrupted(line, report, false, false) : report.finish();
   // Who can read the archive should be able to read what is appended. Attributes ask for their own form.
   if (line.mode != Mode::Create && line.format.empty() && !line.keeping.attributes())
     line.format = formOfArchive(line.archive);
@@ -140,7 +141,7 @@ int writeArchive(CommandLine& line) {
   bar.clear();
   if (line.printLog) report.log(tar);
   // Whatever the write returned: a signal explains it better than the reason that the component has.
-  if (isInterrupted()) return endInterrupted(line, report, isClosed);
+  if (isInterrupted()) return endInterrupted(line, report, event.isArchiveBegun(), isClosed);
   if (isClosed) event.settle();
   if (!ok) report.failure(tar, line.archive);
   // Behind everything else that can fail, since nothing brings a removed file back. What was archived may go

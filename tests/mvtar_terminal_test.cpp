@@ -9,12 +9,15 @@ namespace {
 TEST(Mvtar, ArchivesAreNeitherWrittenToATerminalNorReadFromIt) {
   ScratchDir dir;
   must(dir, "mkdir d && touch d/f");
-  const std::string noWrite = ": an archive is not written to a terminal";
+  const std::string noWrite = ": an archive is not written to a terminal",
+                    noRead = ": an archive is not read from a terminal";
   const std::pair<const char*, std::string> cases[] = {
       {"-czvf - d", "standard output" + noWrite},
       {"-cf /dev/tty d", "/dev/tty" + noWrite},
       {"--deb -f /dev/tty a.tgz a.tgz", "/dev/tty" + noWrite},
-      {"-tf -", "standard input: an archive is not read from a terminal"}};
+      {"-tf -", "standard input" + noRead},
+      {"-tf /dev/tty", "/dev/tty" + noRead},
+      {"-t -I cat", "standard input" + noRead}};
   for (const auto& [words, fact] : cases) {
     Running command(dir, std::string("exec mvtar ") + words, true);
     EXPECT_EQ(2, command.end());

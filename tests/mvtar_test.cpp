@@ -36,6 +36,9 @@ TEST(Mvtar, WrongUsageSaysWhatIsWrongAndDoesNothing) {
       {"-cf a.tar -C  dir", "option '-C' needs a directory"},
       {"-cf a.tar --", "nothing to put into the archive"},
       {"-czjf a.tar dir", "only one of -z, -j, -J, --zstd, -I"},
+      {"-xZJf a.tar", "only one of -z, -j, -J, --zstd, -I"},
+      {"-I gzip -I zstd -cf a.tar dir", "only one of -z, -j, -J, --zstd, -I"},
+      {"-tf a.tar --strip-paths", "--strip-paths goes with -x"},
       {"-cZf a.tar dir", "compress format can be read but not written"},
       {"-cqf a.tar dir", "unknown option '-q'"},
       {"-cof a.tar dir", "-o goes with -x; the old format that it means elsewhere with -c is not written"},
@@ -168,11 +171,16 @@ TEST(Mvtar, LongNamesInEachFormat) {
                 "d/\nd/last\nd/" + m120 + "/\n" + deep + "/\n" + deep + "/" + m120 + "\n");
   }
   // What has no place in a ustar header is named; the rest is archived, and the archive is whole.
-  const std::string reason = ": its name is too long for the ustar format",
-                    rest = "d/\nd/last\n" + deep + "/" + m120 + "\n";
-  expectMvtar(dir, "-cvf a.tar --format=ustar d", 2, rest, "d/" + m120 + reason + "\n" + deep + reason);
+  const std::string reason = ": its name is too long for the ustar format", rest = "d/\nd/last\n";
+  expectMvtar(dir, "-cvf a.tar --format=ustar d", 2, rest,
+              "d/" + m120 + reason + "\n" + deep + reason + "\n" + deep + "/" + m120 + reason);
   EXPECT_EQ(rest, shell(dir, "tar -tf a.tar").out);
-  expectMvtar(dir, "--verify -f a.tar", 0, "a.tar: whole, 3 members\n");
+  expectMvtar(dir, "--verify -f a.tar", 0, "a.tar: whole, 2 members\n");
+  // A prefix that is nothing but a slash is none.
+  const std::string m100(100, 'n');
+  must(dir, "touch d/" + m100);
+  expectMvtar(dir, "-cvPf a.tar --format=ustar --prefix=/ -C d " + m100 + " last", 2, "/last\n",
+              "d/" + m100 + reason);
 }
 
 // ---- Which members
@@ -289,6 +297,7 @@ TEST(Mvtar, FilesToStandardOutput) {
     expectMvtar(dir, start, 0, "one\n" + readFile(dir / "d/big") + "two\n");
     expectMvtar(dir, start + " d/1 d/sub", 0, "one\ntwo\n");
     expectMvtar(dir, start + " --max-count=1", 0, "one\n");
+    expect(shell(dir, "set -o pipefail; mvtar --max-count=1 " + start + " | cat"), 0, "one\n", "");
     expectMvtar(dir, start + " d/none *x", 2, "",
                 "d/none: not found in the archive\n*x: not found in the archive");
     expectMvtar(dir, start + " --match=sub --exclude=2", 0);
