@@ -23,6 +23,7 @@ constexpr unsigned kMostOut = kBlock + kBlock / 100 + 600;
 struct NoSettings {};
 
 // What becomes of each part of the archive is a whole stream, which the library makes in one call.
+// From submit to take all of it is the worker's.
 class StreamOfBlock : public OrderedRing::Job {
  public:
   // Nothing is taken over from the block before: that is what makes the streams independent. The memory is

@@ -155,16 +155,21 @@ class Script {
   std::mutex m_mutex;
   // The worker waits for one of these two: room for a step, a piece to read. The end sets off both.
   std::condition_variable m_roomCame, m_pieceCame;
-  // A step, or that the worker waits for a piece that is not there: for the first thread.
+  // A step, that the worker waits for a piece that is not there, or its end: for the first thread.
   std::condition_variable m_somethingCame;
+  // From the worker to the first thread, in order.
   std::deque<Step> m_steps;
   size_t m_produced = 0;  // bytes that they take
+  // From the first thread, which alone reads the source, to the worker.
   std::deque<AheadSource::PiecePtr> m_pieces;
+  // Back from the first thread, for the worker to fill again.
   std::vector<std::vector<char>> m_buffers;
   size_t m_kept = 0;  // bytes that these take
   // The worker waits for a piece, or has not woken since there is one.
   bool m_isWaiting = false;
+  // Set by the first thread: nobody wants more.
   bool m_stop = false;
+  // Set by the worker as the last that it does, with how it ended; read behind that.
   bool m_hasEnded = false, m_ok = false;
   std::exception_ptr m_thrown;
 };

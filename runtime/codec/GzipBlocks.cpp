@@ -71,6 +71,8 @@ class ZlibBlocks {
 
 // A part of one deflate stream: blocks that end at a byte's end can stand one behind the other, and the
 // last one alone ends the stream.
+// From submit to take all of it is the worker's, but for m_bytes and m_size, which both only read meanwhile:
+// the block behind takes its dictionary from them.
 class GzipBlock : public OrderedRing::Job {
  public:
   // The first 32 KiB of the buffer are the end of the block before. They are copied, so that a block is

@@ -123,7 +123,8 @@ class MORVANE_API ClsBase : public MorvaneCritSec {
   const char* const m_className;
   XString m_debugLogFilePath;
   // The threads that are in a method (which holds the lock) and in a step of it (which does not): what one of
-  // them calls of the same object, it calls from a callback.
+  // them calls of the same object, it calls from a callback. Atomic, because any thread may ask before it has
+  // the lock; it compares with its own id alone, which no other thread writes, so that no order matters.
   std::atomic<std::thread::id> m_methodRunner{}, m_stepRunner{};
   const char* m_endedBy = nullptr;  // what was thrown in the last method, in words that take no memory
   static constexpr unsigned kTextProperties = 16;  // more than any class has

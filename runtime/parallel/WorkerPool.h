@@ -106,12 +106,14 @@ class WorkerPool {
   std::condition_variable m_workCame;
   // m_wanted is done: for the first thread, which waits for that one alone.
   std::condition_variable m_wantedDone;
+  // One is enough, because the first thread alone waits so, for one at a time.
   const Task* m_wanted = nullptr;
   // By falling rank, each rank in the order of coming; but one that the first thread waits for may stand in
   // front of all.
   std::deque<Task*> m_waiting;
   // Workers that wait, so that nobody is woken for nothing.
   unsigned m_idle = 0;
+  // The end: workers take nothing more. Under the lock, so that none falls asleep behind it.
   bool m_stop = false;
   // Of the first thread alone. Last, because nothing here may go before the workers have.
   std::deque<WorkerThread> m_workers;
