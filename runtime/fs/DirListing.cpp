@@ -29,12 +29,10 @@ int DirListing::readIn(int parent, const char* name, bool followsLinks, size_t m
   return directory.isOpen() ? readOpen(most) : errno;
 }
 
-// A kernel that cannot tell mounts apart is not asked to.
 int DirListing::readAheadIn(int parent, const char* name, size_t most) {
   directory.reset(
       osOpenResolved(parent, name, kOpenDirectory | O_NOFOLLOW, 0, RESOLVE_NO_XDEV | RESOLVE_NO_SYMLINKS));
-  if (directory.isOpen()) return readOpen(most);
-  return errno == ENOSYS || errno == EPERM ? readIn(parent, name, false, most) : errno;
+  return directory.isOpen() ? readOpen(most) : errno;
 }
 
 int DirListing::read(const char* path) {

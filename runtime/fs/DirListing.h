@@ -15,7 +15,7 @@ struct DirListing {
   // the system has more of them; its last piece may go beyond that.
   int readIn(int parent, const char* name, bool followsLinks, size_t most = std::string::npos);
   // Where nobody has asked for the directory yet: links are not followed, and a file system that is mounted
-  // there is not entered (EXDEV), because it might not answer.
+  // there is not entered (EXDEV), because it might not answer. ENOSYS or EPERM where the kernel cannot tell.
   int readAheadIn(int parent, const char* name, size_t most);
   // The same of a directory by its path, which may be a link.
   int read(const char* path);

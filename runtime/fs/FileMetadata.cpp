@@ -18,6 +18,8 @@
 #include <system_error>
 #include <thread>
 
+#include "runtime/base/SignalsBlocked.h"
+
 namespace morvane {
 
 namespace {
@@ -64,6 +66,7 @@ int readGrowing(std::string& bytes, Read read) {
 unsigned umaskByThread() {
   unsigned mask = 077;
   try {
+    const SignalsBlocked blocked;
     std::thread([&mask] {
       if (unshare(CLONE_FS) == 0) mask = ::umask(0) & FileMetadata::kPermissions;
     }).join();

@@ -67,7 +67,8 @@ unsigned filesToSpare() {
   const unsigned share = shareOfFiles(limit);
   if (limit > kWorthCounting) return share;
   const rlim_t isFree = limit - std::min(limit, openFiles());
-  return static_cast<unsigned>(std::min<rlim_t>(share, isFree / 2));
+  // Two for each, a directory and a file in it, and as many again for the work itself.
+  return static_cast<unsigned>(std::min<rlim_t>(share, isFree / 4));
 }
 
 // Nothing is asked of the system for one thread. The lower bound of std::clamp must not be above the upper

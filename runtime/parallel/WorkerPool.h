@@ -33,7 +33,8 @@ namespace morvane {
 // work that waits for a file system gains from it; and fewer than asked for where the process may have few
 // files open, because each worker has one.
 unsigned workerCount(long long threads);
-// How many files may be held open beside what work needs in one thread: a part of what the process may open.
+// How many directories, each with a file in it, may be held open beside what work needs in one thread: a part
+// of what the process may open, and of what it may still open.
 unsigned filesToSpare();
 // How many small items, such as files, are worth handing in as one task: fewer where there are many workers
 // to share them. `workers` is not 0.

@@ -6,7 +6,7 @@
 #include <mutex>
 #include <thread>
 
-#include "runtime/parallel/SignalsBlocked.h"
+#include "runtime/base/SignalsBlocked.h"
 
 namespace morvane {
 

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <vector>
 
+#include "tar/format/EntryPath.h"
 #include "tar/place/MemberPlacer.h"
 
 namespace morvane {
@@ -83,7 +84,7 @@ Outcome MemberPlacer::copyTarget(const Member& member, const std::string& target
   const FileEnd end = settle(like, *placed.out, *placed.file, ok, {}, io);
   if (!end.isWhole) {
     // Half of a copy would pass for the file. What concerns the disk would meet the next member as well.
-    m_target.confined()->removeNew(m_path.entryPath().str());
+    m_target.confined()->removeNew(cleanPath(m_path.entryPath().str()));
     m_target.noteError(end.hasFailedAlone ? EIO : ENOSPC);
     return Outcome::NotCreated;
   }

@@ -311,16 +311,20 @@ void MemberPlacer::finishTarget(const Io& io) {
 void MemberPlacer::finish(const Io& io) {
   if (!restored().any()) return;
   // Put aside, because what is noted below forgets the cause that the log has (NotKept::note).
-  LogBase::Cause cause = io.log.cause();
+  const LogBase::Cause cause = io.log.cause();
   io.log.forgetCause();
   finishTarget(io);
   m_restorer.notKept().tellCounts(io);
   m_anyLeftOut |= m_restorer.notKept().any();
   m_restorer.notKept().clear();
+  putCauseBack(cause, io.log);
+}
+
+void MemberPlacer::putCauseBack(LogBase::Cause cause, LogBase& log) {
   if (cause.message.empty()) return;
-  io.log.forgetCause();
-  cause.depth -= io.log.contextDepth();  // as a held one counts
-  io.log.takeHeldCause(cause);
+  log.forgetCause();
+  cause.depth -= log.contextDepth();  // as a held one counts
+  log.takeHeldCause(cause);
 }
 
 // Directories that wait may be closed to everybody but their owner, so that they are settled even when the

@@ -15,6 +15,7 @@
 // steps, which themselves log only what both say. What they do differently on purpose is in Manner.
 #pragma once
 
+#include "runtime/base/ScopeExit.h"
 #include "runtime/io/Io.h"
 #include "runtime/log/HeldLog.h"
 #include "runtime/progress/TarMember.h"
@@ -173,15 +174,15 @@ class MemberPlacer {
   bool doUndone(bool waitsForAll, DoAgain doAgain) {
     const WriteBehind::File* file = m_behind ? m_behind->nextUndone(waitsForAll) : nullptr;
     if (!file) return true;
-    // The member that the run is at is gone on with afterwards.
+    // The member that the run is at is gone on with afterwards, also behind an exception.
     Current current = setAside();
+    const ScopeExit goBack([&] { goBackTo(std::move(current)); });
     bool ok = true;
     while (file && ok) {
       ok = doAgain(*file);
       if (ok) file = m_behind->nextUndone(waitsForAll);
     }
     if (!ok) m_behind->dropAll();
-    goBackTo(std::move(current));
     return ok;
   }
   // Does a step that reads the archive and makes nothing. What it says comes behind what files under way have
@@ -204,6 +205,17 @@ class MemberPlacer {
     if (!doUndoneOfAll()) return false;
     held.tellTo(io.log);
     return ok;
+  }
+  // For a failure that was told before its turn, as what is said of a directory or link may be: where an
+  // earlier file fails, that is the cause, and nothing more is to be said of the other. False then.
+  template <class DoUndone>
+  bool isFirstFailure(const Io& io, DoUndone doUndoneOfAll) {
+    if (!m_behind || m_behind->isEmpty()) return true;
+    const LogBase::Cause cause = io.log.cause();
+    io.log.forgetCause();
+    if (!doUndoneOfAll()) return false;
+    putCauseBack(cause, io.log);
+    return true;
   }
   // Places such a file in the ordinary way. The path is then its own.
   Placed placeAgain(const WriteBehind::File& file, const Io& io);
@@ -238,6 +250,8 @@ class MemberPlacer {
   ExtractTarget::Outcome makeHardLink(const Member& member, const Io& io, Placed& placed);
   ExtractTarget::Outcome makeSpecial(const Member& member, const Io& io);
   ExtractTarget::Outcome copyTarget(const Member& member, const std::string& target, const Io& io);
+  // What the log forgot while something else was told in between.
+  static void putCauseBack(LogBase::Cause cause, LogBase& log);
   // The parts of finish.
   void makeWaitingLinks(const Io& io);
   static void sayNoTarget(const char* message, const std::string& target, const Io& io);

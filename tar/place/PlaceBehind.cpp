@@ -13,7 +13,9 @@ namespace morvane {
 // seen when it is opened, and is asked for files that go behind alone.
 void MemberPlacer::beginBehind() {
   m_behind.reset();
-  const unsigned workers = restored().any() ? workerCount(settings().options.codec.threads) : 0;
+  unsigned workers = restored().any() ? workerCount(settings().options.codec.threads) : 0;
+  // Each has a file open, and the next that the run itself needs must be had.
+  if (workers > 0) workers = std::min(workers, filesToSpare());
   if (workers > 0) m_behind = std::make_unique<WriteBehind>(workers);
   m_target.noteWhetherEmpty(m_behind != nullptr);
 }

@@ -89,8 +89,7 @@ int UntarRun::run() {
   }
   // What was chosen before a failure is made all the same.
   if (step == Step::Fail) {
-    // Without a context, which would make the log forget what the failure was.
-    (void)doUndone(true);
+    (void)m_placer.isFirstFailure(m_io, [this] { return doUndone(true); });
   } else {
     // They say it where each would have said it.
     LogContextExitor fileContext(m_log, kFileContext);

@@ -27,7 +27,10 @@ bool UntarRun::makeMember(bool& leftOut) {
   Placed placed = m_placer.place(m_member, m_io);
   leftOut = placed.result == Placed::Result::LeftOut;
   if (leftOut) return true;
-  if (placed.result != Placed::Result::Made) return couldNotMake(placed.result, m_member.isDirectory);
+  if (placed.result != Placed::Result::Made) {
+    return m_placer.isFirstFailure(m_io, [this] { return doUndone(true); }) &&
+           couldNotMake(placed.result, m_member.isDirectory);
+  }
   return !placed.file || copyToFile({std::move(placed.out), placed.file}, leftOut);
 }
 
@@ -106,7 +109,8 @@ bool UntarRun::copyBehind(WriteBehind::File& file) {
   }
   // Earlier files come first. If one of them ends the run, its failure is what the log has, and nothing
   // behind it is begun.
-  if (doUndone(true)) leavePart(file);
+  if (!doUndone(true)) return false;
+  leavePart(file);
   tellHeld();
   (void)m_placer.noteEnd({}, m_io);  // it names the member
   return failWith(kCannotExtract, "filePath", m_placer.path().outputPath());

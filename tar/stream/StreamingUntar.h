@@ -163,6 +163,9 @@ class StreamingUntar {
   bool inTurn(const Io& io, Read read) {
     return m_placer.inTurn(io, read, [&] { return doUndoneOfAll(io); });
   }
+  bool isFirstFailure(const Io& io) {
+    return m_placer.isFirstFailure(io, [&] { return doUndoneOfAll(io); });
+  }
   // becomeFileInItsTurn: the entry whose data were collected and stop before its end.
   bool doAgain(const WriteBehind::File& file, const Io& io);
   bool becomeFileInItsTurn(const Io& io);

@@ -40,7 +40,15 @@ bool StreamingUntar::doAgain(const WriteBehind::File& file, const Io& io) {
 
 // Where that fails nothing of the open entry is made: with one thread the run would have ended before it.
 bool StreamingUntar::comeUp(const Io& io) {
-  if (doUndone(true, io) && becomeFileInItsTurn(Io(io.log, nullptr, io.event))) return true;
+  bool ok = false;
+  try {
+    ok = doUndone(true, io) && becomeFileInItsTurn(Io(io.log, nullptr, io.event));
+  } catch (...) {
+    // What a callback threw: nobody knows what of the entry was taken, and its output is over a file behind.
+    breakOff();
+    throw;
+  }
+  if (ok) return true;
   if (m_behindFile) releaseOutput();
   m_streamOk = false;
   // As it would have failed in its turn, within a step.
@@ -65,14 +73,7 @@ bool StreamingUntar::becomeFileInItsTurn(const Io& io) {
 
 // The file behind is gone with the last of them, and so must be what writes into it.
 bool StreamingUntar::endBehind(const Io& io) {
-  bool ok = false;
-  try {
-    ok = comeUp(io);
-  } catch (...) {
-    // What a callback threw: nobody knows what of the entry was taken, and its output is over a file behind.
-    breakOff();
-    throw;
-  }
+  const bool ok = comeUp(io);
   m_placer.finishBehind();
   return ok;
 }

@@ -226,7 +226,10 @@ bool StreamingUntar::beginFile(bool skipped, bool isBehind, bool& finished, cons
 bool StreamingUntar::placeFile(bool& skipped, bool& finished, const Io& io) {
   Placed placed = m_placer.place(m_reader->found(), io);
   skipped = placed.result == Placed::Result::LeftOut;
-  if (!skipped && placed.result != Placed::Result::Made) return couldNotPlace(placed.result, finished, io);
+  if (!skipped && placed.result != Placed::Result::Made) {
+    finished = true;
+    return isFirstFailure(io) && couldNotPlace(placed.result, finished, io);
+  }
   if (placed.out) setOutput(std::move(placed.out), placed.file);
   return true;
 }
@@ -254,8 +257,9 @@ bool StreamingUntar::beginDirectory(bool skipped, bool& finished, const Io& io) 
   if (skipped) return true;
   // A directory has no output, and is noted for the end of the run by the placer.
   const Placed::Result result = m_placer.place(m_reader->found(), io).result;
-  return result == Placed::Result::Made || result == Placed::Result::LeftOut ||
-         stop("Failed to ensure untar directory.", finished, io);
+  if (result == Placed::Result::Made || result == Placed::Result::LeftOut) return true;
+  finished = true;
+  return isFirstFailure(io) && stop("Failed to ensure untar directory.", finished, io);
 }
 
 }  // namespace morvane
