@@ -148,5 +148,29 @@ TEST(AnyCompression, WindowsAreBounded) {
   }
 }
 
+// Formats that the libraries know and this component does not, and data of which only the checksum is wrong.
+TEST(AnyCompression, WhatTheLibrariesWouldPassIsAFailure) {
+  ScratchDir dir;
+  TarWith tar("Profile=usual", dir / "out");
+  const std::string oldFrame("\x50\x2A\x4D\x18\0\0\0\0\x27\xB5\x2F\xFD\0\0\0\0\0\0", 18);
+  const struct {
+    std::string bytes, message;
+    bool (ClsTar::*untar)(const XString&, ProgressEvent*);
+  } kRows[] = {{oldFrame, "What follows is no zstd data.", &ClsTar::UntarZst},
+               {oldFrame.substr(8), "What follows is no zstd data.", &ClsTar::UntarZst},
+               {"LZIP\1\x0C", "What follows is no xz data.", &ClsTar::UntarXz}};
+  for (const auto& [bytes, message, untar] : kRows) {
+    writeFile(dir / "x", bytes);
+    EXPECT_FALSE((tar.*untar)(dir / "x", nullptr));
+    EXPECT_TRUE(logHas(tar, message.c_str()) || logHas(tar, "This build has no ")) << logOf(tar);
+  }
+  ASSERT_TRUE(shellRuns(dir, "mkdir d && echo text > d/f && tar -c d | zstd -q > x"));
+  std::string bytes = readFile(dir / "x");
+  bytes.back() ^= 1;
+  writeFile(dir / "x", bytes);
+  EXPECT_FALSE(tar.UntarZst(dir / "x"));
+  EXPECT_TRUE(exists(dir / "out/d/f") || logHas(tar, "This build has no ")) << logOf(tar);
+}
+
 }  // namespace
 }  // namespace morvane::testing

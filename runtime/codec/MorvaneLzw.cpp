@@ -250,7 +250,11 @@ class LzwDecoder {
   }
 
   // Data that end anywhere are simply over, unless the source failed or the output refuses the rest.
-  bool endOfCodes() { return !m_codes.failed() && m_window.flush(); }
+  // What was decoded is written in either case.
+  bool endOfCodes() {
+    const bool isFlushed = m_window.flush();
+    return isFlushed && !m_codes.failed();
+  }
 
   bool fail(const char* message) {
     m_window.flush();

@@ -121,6 +121,7 @@ const char* reasonOf(lzma_ret result, bool anyInput) {
     case LZMA_BUF_ERROR:
       return anyInput ? "The xz data end before the stream does." : "There are no xz data.";
     case LZMA_OPTIONS_ERROR:
+    case LZMA_UNSUPPORTED_CHECK:
       return "The xz data use something that this library does not know.";
     default:
       return "The xz data are damaged.";
@@ -157,12 +158,13 @@ std::unique_ptr<Encoder> makeXzEncoder(const CodecOptions& options) {
 // would events, MaxRatio, and how much of a source is read before the first member. It knows no .lzma, has
 // no effect on streams of one block, and holds whole blocks. Joined streams and the zero bytes between them
 // are part of the format (.xz, section 2.2): LZMA_CONCATENATED has the library read them to the end of the
-// data.
+// data. A check that the library does not know would be passed over, if it were not told to say so.
 bool decodeXz(_mvDataSource& source, _mvOutput& out, const CodecOptions& options, const Io& io) {
   constexpr long long kMostByDefault = 256LL * 1024 * 1024;
   const long long most = options.maxWindowBytes > 0 ? options.maxWindowBytes : kMostByDefault;
   Stream stream;
-  lzma_ret result = lzma_auto_decoder(&stream.state, memoryFor(most), LZMA_CONCATENATED);
+  lzma_ret result =
+      lzma_auto_decoder(&stream.state, memoryFor(most), LZMA_CONCATENATED | LZMA_TELL_UNSUPPORTED_CHECK);
   if (result != LZMA_OK) return io.fail(reasonOf(result, false));
   std::vector<unsigned char> buffer(kPiece);
   InputWindow input(source, io);
@@ -174,6 +176,8 @@ bool decodeXz(_mvDataSource& source, _mvOutput& out, const CodecOptions& options
       unsigned n = 0;
       if (!input.next(bytes, n)) return false;
       atEnd = n == 0;
+      // Newer versions of the library would read lzip's format, too, and pass over what follows it.
+      if (!anyInput && n > 0 && *bytes == 'L') return io.fail(reasonOf(LZMA_FORMAT_ERROR, true));
       anyInput |= n > 0;
       stream.state.next_in = reinterpret_cast<const unsigned char*>(bytes);
       stream.state.avail_in = n;

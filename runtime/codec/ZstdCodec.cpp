@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "runtime/base/SignalsBlocked.h"
 #include "runtime/buffer/DataBuffer.h"
 #include "runtime/codec/InputWindow.h"
 #include "runtime/codec/LateEncoder.h"
@@ -15,7 +16,6 @@
 #include "runtime/io/Abort.h"
 #include "runtime/io/Io.h"
 #include "runtime/io/_mvOutput.h"
-#include "runtime/parallel/SignalsBlocked.h"
 #include "runtime/parallel/WorkerPool.h"
 
 namespace morvane {
@@ -143,13 +143,14 @@ int windowLogFor(long long bytes) {
   return log;
 }
 
+constexpr char kForeign[] = "What follows is no zstd data.";
 constexpr char kTooLarge[] = "The zstd data need a larger window than MaxWindowBytes allows.";
 
 // What a person is told; whatever has no words of its own here is damage.
 const char* reasonOf(size_t error) {
   switch (ZSTD_getErrorCode(error)) {
     case ZSTD_error_prefix_unknown:
-      return "What follows is no zstd data.";
+      return kForeign;
     case ZSTD_error_frameParameter_windowTooLarge:
       return kTooLarge;
     case ZSTD_error_checksum_wrong:
@@ -186,7 +187,11 @@ bool decodeZstd(_mvDataSource& source, _mvOutput& out, const CodecOptions& optio
   InputWindow input(source, io);
   ZstdWindow window;
   ZSTD_inBuffer in{nullptr, 0, 0};
-  size_t wanted = 1;  // 0: the last call ended a frame, and nothing of it is held back
+  // A frame's first bytes tell how long its header is.
+  constexpr size_t kFrameStart = 5;
+  // What the library takes next: the end of a block, so that one that is damaged comes alone, and what was in
+  // front of it has been written. 0: the last call ended a frame, and nothing of it is held back.
+  size_t wanted = kFrameStart;
   bool anyFrame = false;
   while (true) {
     // Only when all input is used, because one piece may hold several frames.
@@ -197,13 +202,16 @@ bool decodeZstd(_mvDataSource& source, _mvOutput& out, const CodecOptions& optio
       if (n == 0) break;
       in = {bytes, n, 0};
     }
+    const size_t step = std::min(wanted == 0 ? kFrameStart : wanted, in.size - in.pos);
     if (wanted == 0) window.beginFrame();
-    window.add(static_cast<const char*>(in.src) + in.pos, in.size - in.pos);
+    window.add(static_cast<const char*>(in.src) + in.pos, step);
+    if (window.isForeign()) return io.fail(kForeign);
     if (window.claimed() > static_cast<uint64_t>(most)) return io.fail(kTooLarge);
+    ZSTD_inBuffer next{in.src, in.pos + step, in.pos};
     ZSTD_outBuffer piece{buffer.data(), buffer.size(), 0};
     do {
       piece.pos = 0;
-      wanted = ZSTD_decompressStream(context.get(), &piece, &in);
+      wanted = ZSTD_decompressStream(context.get(), &piece, &next);
       if (ZSTD_isError(wanted)) return io.fail(reasonOf(wanted));
       if (piece.pos > 0 &&
           !out.writeBytesPM(buffer.data(), static_cast<unsigned>(piece.pos), io.monitor, io.log))
@@ -211,6 +219,7 @@ bool decodeZstd(_mvDataSource& source, _mvOutput& out, const CodecOptions& optio
       // A full output may mean that there is more of it than there was room for; not behind a frame that has
       // ended, where the library would ask for another one.
     } while (piece.pos == piece.size && wanted != 0);
+    in.pos = next.pos;
     anyFrame |= wanted == 0;
   }
   if (wanted == 0) return true;

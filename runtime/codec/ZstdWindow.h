@@ -23,12 +23,18 @@ class ZstdWindow {
     constexpr std::size_t kLongestHeader = 18;
     m_head.append(static_cast<const char*>(bytes), std::min(n, kLongestHeader - m_head.size()));
   }
+  // Whether no frame begins so. The library would take the formats from before 0.8 as well, whose decoders
+  // know no limit. False as long as that cannot be told.
+  bool isForeign() const {
+    if (m_head.size() < kMagicSize) return false;
+    const bool isSkippable = (byteAt(0) & 0xF0) == 0x50 && m_head.compare(1, 3, "\x2A\x4D\x18") == 0;
+    return !isSkippable && m_head.compare(0, kMagicSize, kMagic) != 0;
+  }
   // In bytes. 0 as long as the header is not whole, and of what is no frame or may be skipped: the library
   // takes no memory for these. A claim may be any number, as nobody has looked at it yet.
   std::uint64_t claimed() const {
-    constexpr std::size_t kDescriptorAt = 4;
-    if (m_head.size() <= kDescriptorAt + 1 || m_head.compare(0, kDescriptorAt, "\x28\xB5\x2F\xFD") != 0)
-      return 0;
+    constexpr std::size_t kDescriptorAt = kMagicSize;
+    if (m_head.size() <= kDescriptorAt + 1 || m_head.compare(0, kMagicSize, kMagic) != 0) return 0;
     const unsigned descriptor = byteAt(kDescriptorAt);
     // Without the flag a window is stated, right behind the descriptor; with it the window is the whole
     // content, whose size is stated.
@@ -39,6 +45,9 @@ class ZstdWindow {
   }
 
  private:
+  static constexpr std::size_t kMagicSize = 4;
+  static constexpr char kMagic[] = "\x28\xB5\x2F\xFD";
+
   unsigned byteAt(std::size_t at) const { return static_cast<unsigned char>(m_head[at]); }
   // Five bits of exponent and three of mantissa: 1 KiB to 3.75 TiB.
   static std::uint64_t windowOf(unsigned byte) {

@@ -19,8 +19,11 @@ void HeldLog::forget() {
   m_text.clear();
 }
 
-// One text for all lines, because a piece of work rarely has more than one and often none.
+// One text for all lines, because a piece of work rarely has more than one and often none. Of very many no
+// log keeps the middle either (_mvLogger): here the end is not kept.
 void HeldLog::writeLine(unsigned depth, const char* line, unsigned length) {
+  constexpr size_t kMostBytes = 4 * 1024 * 1024;
+  if (m_text.size() + length + m_lines.size() * sizeof(Line) > kMostBytes) return;
   m_lines.push_back({depth, length});
   m_text.append(line, length);
 }

@@ -10,9 +10,9 @@
 namespace morvane {
 
 // A log serves one thread at a time, so each piece of such work has one of these. It keeps what it is
-// given, without a limit: who makes one bounds the work. Used for what is read ahead (AheadSource), by a
-// decompressor in a thread of its own (ExpandAhead), and where a step may yet find that its failure is
-// none.
+// given, up to some MiB, because damaged data may be good for any number of lines. Used for what is read
+// ahead (AheadSource), by a decompressor in a thread of its own (ExpandAhead), and where a step may yet find
+// that its failure is none.
 class HeldLog : public LogBase {
  public:
   // Keeps lines, and is verbose, as `like` is at the moment; call it in the thread that `like` belongs to.
