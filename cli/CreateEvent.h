@@ -52,14 +52,17 @@ class CreateEvent : public morvane::ProgressEvent {
 
   // What was begun is done. Call it after a run that came to its end.
   void settle();
-  // Whether a member was offered, for which the archive has to be there.
+  // Whether a member was offered, for which the archive has to be there, or the command has opened it.
   bool isArchiveBegun() const { return m_isArchiveBegun; }
   // Whether what the component missed is all that was not wanted anyway: its failure is then none of the
   // command's.
   bool missedOnlyUnwanted() const { return m_unwantedMissed && m_unreadable.empty(); }
   // The archive's own file, which is not put into it, where the component cannot know it: behind a program.
   // By device and inode, since it may be met under any name.
-  void leaveOut(const struct stat& archive) { m_archive = archive; }
+  void leaveOut(const struct stat& archive) {
+    m_archive = archive;
+    m_isArchiveBegun = true;
+  }
   // What was archived whole, with --remove-files. The caller removes it, once the archive is closed.
   RemoveSources& removals() { return m_removals; }
 

@@ -14,7 +14,7 @@
 #include "cli/MemberEvent.h"
 #include "cli/MemberKind.h"
 #include "cli/ReadArchive.h"
-#include "runtime/log/LogNull.h"
+#include "runtime/log/LogCause.h"
 #include "runtime/progress/ProgressMonitor.h"
 #include "runtime/progress/TarMember.h"
 #include "tar/format/EntryPath.h"
@@ -169,14 +169,15 @@ class OutputEvent : public MemberEvent {
       : MemberEvent(report, bar, line), m_out(out) {}
 
   // The component drops what a pipe has not taken of a job that is aborted. What is enough is wanted, so that
-  // it goes out first; whether it did the output says when it is closed.
+  // it goes out first.
   void onAbortCheck(bool& abort) override {
     MemberEvent::onAbortCheck(abort);
     if (!enoughSeen() || isInterrupted()) return;
     InterruptEvent event;
     morvane::ProgressMonitor monitor(event, 1, 0, 0);
-    morvane::LogNull unwanted;
-    (void)m_out.flush(&monitor, unwanted);
+    morvane::LogCause log;
+    if (!m_out.flush(&monitor, log) && !isInterrupted())
+      m_report.problem(kStandardOutput, log.cause().reason);
   }
   void onTarEntry(const char*, long long size, bool, bool& skip) override {
     skip = !isSelected() || !m_isWanted;
@@ -212,8 +213,6 @@ bool makeTarget(const CommandLine& line, Report& report) {
   return false;
 }
 
-}  // namespace
-
 // With threads a file is told of as begun while earlier ones may yet fail. Who is told which members are
 // done, and how many, wants to know it at that moment. Where the component counts files it makes each in its
 // turn.
@@ -221,6 +220,8 @@ void makeEachInItsTurn(const CommandLine& line, ClsTar& tar) {
   if (line.verbose || line.totals || line.maxCount > 0)
     tar.put_UntarMaxCount(std::numeric_limits<int>::max());
 }
+
+}  // namespace
 
 // Enough may have been seen before the archive's end (--max-count): then a run that was stopped is no
 // failure. Operands that matched nothing are named only if the whole archive was looked through.

@@ -3,7 +3,9 @@
 #include "cli/FilterProcess.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <spawn.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,10 +15,12 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 #include <utility>
 
 #include "cli/ArchiveName.h"
 #include "cli/Interrupt.h"
+#include "runtime/fs/OsFile.h"
 
 namespace mvtar {
 
@@ -51,6 +55,23 @@ std::vector<std::string> wordsOf(const std::string& text) {
   return words;
 }
 
+// A script says in its first line what runs it, and the system starts nothing where that is missing; a text
+// without such a line is for a shell alone. Anything else the system is left to judge.
+int formatError(const std::string& path) {
+  const morvane::OsFile file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  char bytes[256];
+  const ssize_t n = file.isOpen() ? file.readSomeAt(bytes, sizeof bytes, 0) : 0;
+  const std::string_view start(bytes, static_cast<size_t>(std::max<ssize_t>(n, 0)));
+  if (start.substr(0, 2) != "#!") {
+    const bool isText = n > 0 && std::all_of(start.begin(), start.end(), [](char c) { return c >= '\t'; });
+    return isText ? ENOEXEC : 0;
+  }
+  const size_t from = start.find_first_not_of(" \t", 2);
+  if (from == std::string_view::npos) return ENOEXEC;
+  const std::string runner(start.substr(from, start.find_first_of(" \t\n", from) - from));
+  return access(runner.c_str(), X_OK) == 0 ? 0 : errno;
+}
+
 // Why a program cannot be started, as errno; 0 when it can. It is looked for as posix_spawnp looks for it: a
 // name with a slash is a path, any other is tried in each directory of PATH, of which an empty one is where
 // the process stands. Without a PATH the system's own two count. Something that may not be executed is
@@ -66,7 +87,7 @@ int startError(const std::string& name) {
     start = end + 1;
     struct stat status;
     if (stat(path.c_str(), &status) != 0) continue;
-    if (S_ISREG(status.st_mode) && access(path.c_str(), X_OK) == 0) return 0;
+    if (S_ISREG(status.st_mode) && access(path.c_str(), X_OK) == 0) return formatError(path);
     error = EACCES;
   }
   return error;
@@ -149,8 +170,23 @@ int FilterProcess::start(std::vector<std::string> words, int other, bool writes,
   return -1;
 }
 
+// A pipe does not tell when it is empty, and so it is asked. An interrupt ends the wait; what then becomes of
+// the archive is said elsewhere.
+bool FilterProcess::takesAll(int descriptor, Report& report) {
+  constexpr int kMilliseconds = 2;
+  for (int left = 0; ioctl(descriptor, FIONREAD, &left) == 0 && left > 0 && !isInterrupted();) {
+    // POLLERR comes unasked, once nobody can read.
+    pollfd pipe{descriptor, 0, 0};
+    if (poll(&pipe, 1, kMilliseconds) > 0 && (pipe.revents & POLLERR) != 0) {
+      report.problem(m_program, "it has not read all of the archive");
+      return false;
+    }
+  }
+  return true;
+}
+
 // The wait is broken by an interrupt, and then by the timer's knocks until the program has ended.
-bool FilterProcess::finish(bool mayBreakOff, Report& report) {
+bool FilterProcess::finish(End end, Report& report) {
   if (!isRunning()) return true;
   // Given up in any case: what cannot be waited for is no child any more, and its number may be another's.
   const pid_t pid = std::exchange(m_pid, -1);
@@ -162,7 +198,7 @@ bool FilterProcess::finish(bool mayBreakOff, Report& report) {
   }
   // A reader that stops early closes the pipe, and SIGPIPE is how a program that still writes hears of it.
   const bool brokeOff = WIFSIGNALED(status) && WTERMSIG(status) == SIGPIPE;
-  if (status == 0 || (mayBreakOff && brokeOff)) return true;
+  if (status == 0 || end == End::Any || (end == End::BrokenOff && brokeOff)) return true;
   report.problem(m_program, WIFSIGNALED(status) ? "ended by signal " + std::to_string(WTERMSIG(status))
                                                 : "ended with status " + std::to_string(WEXITSTATUS(status)));
   return false;

@@ -32,9 +32,13 @@ class FilterProcess {
   // The descriptor belongs to the caller, here as above, and is closed on exec.
   int startReading(const std::string& program, int from, Report& report);
   bool isRunning() const { return m_pid > 0; }
-  // Waits for its end, once the descriptor is closed. False, and named, unless its status was 0; with
-  // `mayBreakOff` it may also have been ended by a pipe that nobody read to its end.
-  bool finish(bool mayBreakOff, Report& report);
+  // Waits until PROGRAM has read everything that was written to the descriptor. False, and named, when it
+  // does not read on: one that ends well all the same has written something else than what it was given.
+  bool takesAll(int descriptor, Report& report);
+  // What its end has to be: a status of 0; or also that of a pipe which nobody read to its end; or any.
+  enum class End { Well, BrokenOff, Any };
+  // Waits for its end, once the descriptor is closed. False, and named, when it is another.
+  bool finish(End end, Report& report);
 
  private:
   // What both starts have in common; `other` is the descriptor that the caller gave.

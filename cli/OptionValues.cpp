@@ -301,7 +301,8 @@ bool OptionValues::check() {
 bool OptionValues::checkArchive() {
   const Mode mode = m_line.mode;
   const bool isOther = m_line.compression || !m_line.filterProgram.empty();
-  if (m_twoCompressions || (m_compress && isOther)) return wrong("only one of -z, -j, -J, --zstd, -I");
+  if (m_compress && isOther) return wrong("only one of -z, -j, -J, -Z, --zstd, -I");
+  if (m_twoCompressions) return wrong("only one of -z, -j, -J, --zstd, -I");
   // Reading goes by the content: there -Z is either right or does no harm.
   if (mode == Mode::Create && m_compress) return wrong("compress format can be read but not written");
   // The other modes compress nothing.

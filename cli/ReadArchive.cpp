@@ -70,7 +70,8 @@ bool ArchiveReader::openThroughProgram(const CommandLine& line, Report& report) 
   OsFile file(line.usesStandardStream() ? furtherDescriptor(STDIN_FILENO)
                                         : ::open(line.archive.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
   if (!file.isOpen()) {
-    report.problem(line.archive, std::strerror(errno));
+    // The wait for a FIFO may be interrupted, which the end of the command says.
+    if (!isInterrupted()) report.problem(line.archive, std::strerror(errno));
     return false;
   }
   if (!isNoTerminal(file.fd(), line.usesStandardStream() ? kStandardInput : line.archive, report))
@@ -87,15 +88,15 @@ bool ArchiveReader::openThroughProgram(const CommandLine& line, Report& report) 
 // A program that still has something to write would be ended by SIGPIPE if the pipe were closed now, and its
 // own check of the end of its data would be lost. Therefore the rest is read first, where the archive was
 // read to its end.
-bool ArchiveReader::finishProgram(bool readToTheEnd, Report& report) {
+bool ArchiveReader::finishProgram(FilterProcess::End end, Report& report) {
   if (!m_program.isRunning()) return true;
   InterruptEvent event;
   morvane::ProgressMonitor monitor(event, 1, 0, 0);
   morvane::LogNull unwanted;
-  const bool isDrained = readToTheEnd && m_source.skip(LLONG_MAX, &monitor, unwanted);
+  const bool isDrained = end == FilterProcess::End::Well && m_source.skip(LLONG_MAX, &monitor, unwanted);
   (void)isDrained;  // a program that has ended says so by its status
   m_source.close();
-  return m_program.finish(!readToTheEnd, report);
+  return m_program.finish(end, report);
 }
 
 // A FIFO is waited for, but an interrupt ends the wait.
@@ -199,7 +200,9 @@ bool ReadJob::open() {
 int ReadJob::finish(const MemberEvent& event, bool ok, const char* rest) {
   // First, because a program that failed makes the status 2, and totals and the closing line come behind its
   // message.
-  archive.finishProgram(ok && !event.enoughSeen() && !isInterrupted(), report);
+  using End = FilterProcess::End;
+  const bool isUnwanted = event.enoughSeen() || isInterrupted();
+  archive.finishProgram(isUnwanted ? End::Any : cameToTheEnd(tar, ok) ? End::Well : End::BrokenOff, report);
   if (m_line.totals) report.totals(event.members(), event.bytes());
   if (event.limit().empty()) return mvtar::finish(tar, m_line, report, ok, rest);
   report.problem(m_line.archive, "limit reached (" + event.limit() + ")");

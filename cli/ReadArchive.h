@@ -29,10 +29,9 @@ class ArchiveReader {
   bool isPlain() const;
   // Of use once `open` has succeeded; it stands at the archive's beginning.
   morvane::_mvFileDataSource& source() { return m_source; }
-  // With -I: waits for the program's end. Where the archive was read to its end the program must have come to
-  // one of its own, behind whatever it had left; else nobody cares how it took the news. False, and named,
-  // when it failed.
-  bool finishProgram(bool readToTheEnd, Report& report);
+  // With -I: waits for the program's end, which has to be `end`. Where that is a good one, what the program
+  // has left is read before. False, and named, when it failed.
+  bool finishProgram(FilterProcess::End end, Report& report);
 
  private:
   // Each leaves m_source open, or has named why not.

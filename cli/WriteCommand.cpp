@@ -79,8 +79,11 @@ Written writeThroughProgram(ClsTar& tar, const CommandLine& line, CreateEvent& e
   // file holds all of the archive once the program has ended. All of it is done also behind a failure, so
   // that each says what it has to say.
   const bool written = tar.WriteTar(*out, &event);
-  const bool closed = closeOutput(*out, line.filterProgram, report);
-  const bool ended = program.finish(false, report);
+  // Not behind a failure, which says more.
+  const bool isWhole = written || tar.get_OnlyLeftOut();
+  const bool taken = !isWhole || program.takesAll(out->descriptor(), report);
+  const bool closed = closeOutput(*out, line.filterProgram, report) && taken;
+  const bool ended = program.finish(FilterProcess::End::Well, report);
   return behind(tar, written, closeOutput(*file, line.archive, report) && ended && closed);
 }
 

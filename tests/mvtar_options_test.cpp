@@ -311,6 +311,11 @@ TEST(MvtarRemoveFiles, OnlyWhatIsInTheArchiveAsItIs) {
             treeOf(dir / "d"));
   // An archive that is not whole is no reason to remove anything.
   expectMvtar(dir, "-cf /dev/full --remove-files d", 2, "", "/dev/full: No space left on device");
+  // What a program has not read it has not written, however well it ends.
+  must(dir, "echo small > small");
+  expect(shell(dir, "mvtar -I 'sleep 0.1' -cf a --remove-files small"), 2, "",
+         "sleep 0.1: it has not read all of the archive");
+  EXPECT_TRUE(exists(dir / "small"));
   EXPECT_TRUE(exists(dir / "d/a"));
   // Nor is one a reason whose program failed, whatever else was left out.
   must(dir, "ln -s nowhere d/dangling");
