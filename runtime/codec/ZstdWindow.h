@@ -9,6 +9,8 @@
 #include <cstdint>
 #include <string>
 
+#include "runtime/codec/Codec.h"
+
 namespace morvane {
 
 // The first bytes of one frame after the other, of which each may come in any pieces.
@@ -26,9 +28,9 @@ class ZstdWindow {
   // Whether no frame begins so. The library would take the formats from before 0.8 as well, whose decoders
   // know no limit. False as long as that cannot be told.
   bool isForeign() const {
-    if (m_head.size() < kMagicSize) return false;
-    const bool isSkippable = (byteAt(0) & 0xF0) == 0x50 && m_head.compare(1, 3, "\x2A\x4D\x18") == 0;
-    return !isSkippable && m_head.compare(0, kMagicSize, kMagic) != 0;
+    const auto* const head = reinterpret_cast<const unsigned char*>(m_head.data());
+    return m_head.size() >= kMagicSize &&
+           !codecOf(Compression::Zstd).hasMagic(head, static_cast<unsigned>(m_head.size()));
   }
   // In bytes. 0 as long as the header is not whole, and of what is no frame or may be skipped: the library
   // takes no memory for these. A claim may be any number, as nobody has looked at it yet.

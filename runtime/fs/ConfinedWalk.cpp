@@ -265,9 +265,9 @@ int ConfinedWalk::createBeneath(const std::string& path, int flags, unsigned mod
 void ConfinedWalk::removeBeneath(const std::string& path) {
   const size_t slash = path.rfind('/');
   const std::string parent = slash == std::string::npos ? "." : path.substr(0, slash);
-  const bool isShort = !m_partByPart && parent.size() < PATH_MAX;
-  const OsFile opened(!isShort ? openExisting(parent, kPathOnly, Passing::LinksAsMade)
-                               : openResolved(m_target.fd(), parent.c_str(), kPathOnly, 0));
+  const bool isOneCall = !m_partByPart && parent.size() < PATH_MAX;
+  const OsFile opened(isOneCall ? openResolved(m_target.fd(), parent.c_str(), kPathOnly, 0)
+                                : openExisting(parent, kPathOnly, Passing::LinksAsMade));
   if (opened.isOpen()) unlinkat(opened.fd(), path.c_str() + (slash == std::string::npos ? 0 : slash + 1), 0);
 }
 

@@ -142,7 +142,7 @@ class UntarRun {
   static constexpr char kFileContext[] = "file";
   bool m_isInFileContext = false;
   char m_previousTypeFlag = ' ';
-  bool m_recordWaits = false;
+  bool m_recordWaits = false;  // for the member that it is about
   // Null where members become files.
   _mvOutput* m_memberOutput = nullptr;
   bool m_firstAlone = false;
