@@ -7,6 +7,7 @@
 #include "runtime/base/ByteArrayOwner.h"
 #include "runtime/io/Abort.h"
 #include "runtime/io/_mvOutput.h"
+#include "runtime/progress/ProgressMonitor.h"
 
 namespace morvane {
 
@@ -14,8 +15,6 @@ namespace {
 
 // For sources that do not lend.
 constexpr unsigned kCopyBuffer = 64 * 1024;
-// What is lent at a time, so that an abort is heard after no more than this.
-constexpr unsigned kLentPiece = 128 * 1024;
 
 // n may be any size a header claims; a piece has 32 bits. So the smaller of the two always fits.
 unsigned pieceOf(long long n, unsigned most) { return static_cast<unsigned>(std::min<long long>(n, most)); }
@@ -47,6 +46,8 @@ long long _mvDataSource::ftell64() { return -1; }
 long long _mvDataSource::sizeIfKnown() { return -1; }
 
 bool _mvDataSource::readsAtOnce() { return false; }
+
+const OsFile* _mvDataSource::sharedFile() { return nullptr; }
 
 bool _mvDataSource::canLend() { return false; }
 
@@ -135,6 +136,18 @@ bool _mvDataSource::copyNToOutput2PM(_mvOutput& out, long long n, char* buffer, 
     n -= got;
   }
   return true;
+}
+
+// In the order in which a source asks and tells. Of the piece at which it is aborted a reader would have
+// nothing.
+bool _mvDataSource::passUnread(unsigned n, unsigned& passed, ProgressMonitor* pm, LogBase& log) {
+  const long long end = ftell64() + n;
+  for (passed = 0; passed < n;) {
+    const unsigned piece = pieceOf(n - passed, kLentPiece);
+    if (pm && (pm->abortCheckTimed(log) || pm->consumeProgress(piece, log))) return logAborted(log);
+    passed += piece;
+  }
+  return fseekAbsolute64(end, log);
 }
 
 // The end of the data is none of its business: what follows is asked for by whoever goes on, and missed there

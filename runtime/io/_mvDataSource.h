@@ -17,6 +17,7 @@
 namespace morvane {
 
 class LogBase;
+class OsFile;
 class ProgressMonitor;
 class _mvOutput;
 
@@ -56,6 +57,11 @@ class MORVANE_API _mvDataSource {
   // The last n bytes that were lent were not used; they are lent or read again. Up to 16 may be from a piece
   // before the last.
   virtual void takeBack(unsigned n);
+  // The open file that the bytes behind ftell64 are read from, whose positions are the source's: then others
+  // may read them there, by position and on any thread, as long as the source is open. Null where there is
+  // none; the base has none.
+  virtual const OsFile* sharedFile();
+
   // Shows the next bytes, up to n of at most 512, without moving past them; fewer only at the end. Sources
   // that do not supply it say false to canPeek(). The bytes stay valid until the next operation.
   virtual bool canPeek();
@@ -67,6 +73,13 @@ class MORVANE_API _mvDataSource {
   [[nodiscard]] bool lend(unsigned most, const char*& bytes, unsigned& n, ProgressMonitor* pm, LogBase& log);
   // Moves past n bytes by reading them; stops without failing where the data end.
   [[nodiscard]] bool skip(long long n, ProgressMonitor* pm, LogBase& log);
+  // The most that is lent at a time, so that an abort is heard after no more than this.
+  static constexpr unsigned kLentPiece = 128 * 1024;
+  // For a source that can be moved: moves past n bytes that somebody else reads, with the progress and the
+  // questions whether to abort that reading them has. `passed` is how many that was done for, behind an
+  // exception too; the source moves only once it was done for all. False, with the reason in the log, when it
+  // was not.
+  [[nodiscard]] bool passUnread(unsigned n, unsigned& passed, ProgressMonitor* pm, LogBase& log);
   // Reads n bytes; fewer only at the end of the data, whatever pieces the source gives.
   [[nodiscard]] bool readFully(char* buffer, unsigned n, unsigned& numRead, ProgressMonitor* pm,
                                LogBase& log);

@@ -82,6 +82,9 @@ int _mvFileDataSource::descriptor() const { return m_state->file.fd(); }
 bool _mvFileDataSource::readsAtOnce() {
   return m_state->windowAt < m_state->windowEnd || m_state->file.readsAtOnce();
 }
+const OsFile* _mvFileDataSource::sharedFile() {
+  return m_state->seekable && !m_state->failed ? &m_state->file : nullptr;
+}
 long long _mvFileDataSource::bytesPassed() const { return m_state->position; }
 long long _mvFileDataSource::ftell64() { return m_state->seekable ? m_state->position : -1; }
 // A limit of ours (endAt) proves nothing of the file, nor does an end that is still ahead in the window.

@@ -62,6 +62,8 @@ class MORVANE_API _mvFileDataSource : public _mvDataSource {
   long long sizeIfKnown() override;
   // A file on a disk always; a pipe when something lies in it.
   bool readsAtOnce() override;
+  // A file on a disk. A failure that stays is the source's alone.
+  const OsFile* sharedFile() override;
   bool canLend() override { return true; }
   bool lendBytes(unsigned most, const char*& bytes, unsigned& n, ProgressMonitor* pm, LogBase& log) override;
   void takeBack(unsigned n) override;

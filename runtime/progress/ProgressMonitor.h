@@ -42,6 +42,11 @@ class MORVANE_API ProgressMonitor {
   bool consumeProgress(long long n, LogBase& log);
   // All of it is done: what is left of the total is reported at once.
   void consumeRemaining(LogBase& log);
+  // Whether work in steps of `step` units at most is reported percentage by percentage, none passed over:
+  // then the size of each step is no matter.
+  bool reportsEach(long long step) const {
+    return m_total <= 0 || m_percentScale <= 0 || step <= m_total / m_percentScale;
+  }
   // Whether the event has said so. Nothing takes it back.
   bool isAborted() const { return m_aborted; }
   // What was added so far, no more than the total.

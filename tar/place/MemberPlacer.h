@@ -160,11 +160,12 @@ class MemberPlacer {
     bool waits = false;     // for everything under way, before it is made
     bool isBehind = false;  // it may be handed over
   };
-  Turn turnOf(const Member& member, const Io& io);
+  // `origin` is where its data may be read later, if that is known.
+  Turn turnOf(const Member& member, const Io& io, WriteBehind::Origin origin = {});
   // The file that such a member is, to be filled with its data and submitted; null where it is to be placed
   // as usual after all.
-  WriteBehind::File* fileBehind(const Member& member, const Io& io);
-  // The file must be whole: its data in `data`, and nothing of them to come.
+  WriteBehind::File* fileBehind(const Member& member, const Io& io, WriteBehind::Origin origin = {});
+  // The file must be whole: its data in `data`, and nothing of them to come; or `size` bytes at its origin.
   void submitBehind(WriteBehind::File& file);
   bool writesBehind() const { return m_behind != nullptr; }
   // Does again, in their order, what workers could not do: of all that is under way, for which it waits, or
@@ -277,7 +278,7 @@ class MemberPlacer {
   // The first: whether the run as it is now allows it at all; the others, of one path or member, whether it
   // is plain enough. Paths are clean here.
   bool mayWriteBehind(const Io& io) const;
-  bool mayGoBehind(const Member& member, const std::string& path);
+  bool mayGoBehind(const Member& member, const std::string& path, long long mostBytes);
   bool hasOnePath(const std::string& path) const;
   bool isInOwnDirectory(const std::string& path) const;
   // Directories that were made count as the run's own from here on, for settling and for files that go

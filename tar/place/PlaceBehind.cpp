@@ -30,7 +30,7 @@ bool MemberPlacer::mayWriteBehind(const Io& io) const {
 
 // What is made in its turn may lead to what is under way, or stand in the way of it. Directories and symbolic
 // links do so by path alone, where they have no other.
-MemberPlacer::Turn MemberPlacer::turnOf(const Member& member, const Io& io) {
+MemberPlacer::Turn MemberPlacer::turnOf(const Member& member, const Io& io, WriteBehind::Origin origin) {
   Turn turn;
   if (!m_behind) return turn;
   // Without anything under way there is nothing to be met, and most of what follows is spared.
@@ -40,7 +40,7 @@ MemberPlacer::Turn MemberPlacer::turnOf(const Member& member, const Io& io) {
     return turn;
   }
   const std::string path = cleanPath(m_path.entryPath().str());
-  turn.isBehind = mayGoBehind(member, path);
+  turn.isBehind = mayGoBehind(member, path, origin.file ? WriteBehind::kMostUnread : WriteBehind::kMostBytes);
   if (!isAnyUnderWay) return turn;
   // A link in place of one of the run's own directories changes the way to files under way: it is no matter
   // of its path alone.
@@ -70,12 +70,12 @@ bool MemberPlacer::isInOwnDirectory(const std::string& path) const {
 // An ordinary file of little data, in a directory of the run's own. Nothing is asked of the disk. What would
 // fail by its name alone is left to its turn, and so is what the restorer has more to do with than owner,
 // mode and times.
-bool MemberPlacer::mayGoBehind(const Member& member, const std::string& path) {
+bool MemberPlacer::mayGoBehind(const Member& member, const std::string& path, long long mostBytes) {
   // A name of the system has 255 bytes at most (NAME_MAX); owners' names are kept with each file under way,
   // so that long ones would add up.
   constexpr size_t kLongestName = 255, kLongestOwner = 1024;
   const bool isFile = member.typeFlag == kTypeRegular || member.typeFlag == kTypeOldRegular;
-  const bool isPlain = isFile && !member.isDirectory && member.size <= WriteBehind::kMostBytes &&
+  const bool isPlain = isFile && !member.isDirectory && member.size <= mostBytes &&
                        !member.sparse.isSparse() && !member.sparseIsWrong;
   if (!isPlain || member.userName.size() > kLongestOwner || member.groupName.size() > kLongestOwner)
     return false;
@@ -89,14 +89,14 @@ bool MemberPlacer::mayGoBehind(const Member& member, const std::string& path) {
 
 // Everything that a worker needs is worked out here, because nothing of the run may be asked by another
 // thread: mode, owner, times, and copies of the texts with which it may have to be done again.
-WriteBehind::File* MemberPlacer::fileBehind(const Member& member, const Io& io) {
+WriteBehind::File* MemberPlacer::fileBehind(const Member& member, const Io& io, WriteBehind::Origin origin) {
   const std::string& entryPath = m_path.entryPath().str();
   ConfinedDir* const target = m_target.confined();
   // A callback may have changed the properties while earlier files were told of.
   const bool mayBeMade = target && target->createsAtOnce() && target->mayBeMade(entryPath);
   if (!mayBeMade || !mayWriteBehind(io)) return nullptr;
-  const auto size = static_cast<unsigned>(member.size);  // at most kMostBytes: mayGoBehind has seen to it
-  WriteBehind::File& file = m_behind->next(*target, cleanPath(entryPath), size);
+  const auto size = static_cast<unsigned>(member.size);  // a few MiB at most: mayGoBehind has seen to it
+  WriteBehind::File& file = m_behind->next(*target, cleanPath(entryPath), size, origin);
   file.mode = modeToMake(member);
   file.settlement = m_restorer.plan(member);
   file.entryPath = entryPath;
@@ -128,7 +128,7 @@ Placed MemberPlacer::placeAgain(const WriteBehind::File& file, const Io& io) {
 // Without a monitor: progress was told as the data came. Times are the restorer's to set: files are handed
 // over only where something is restored.
 FileEnd MemberPlacer::fillAgain(const WriteBehind::File& file, const Placed& placed, const Io& io) {
-  const bool isWritten = placed.out->writeBytesPM(file.bytes(), file.size, nullptr, io.log);
+  const bool isWritten = file.writeTo(*placed.out, io.log);
   return settle(file.member, *placed.out, *placed.file, isWritten, {}, io);
 }
 

@@ -15,6 +15,11 @@ namespace {
 // Bytes of files that may be under way; beyond them the oldest are waited for, so that memory does not depend
 // on the archive.
 constexpr unsigned kBytes = 4 * 1024 * 1024;
+// The same of data that workers read, because files under way are waited for whatever an application says.
+constexpr size_t kUnreadBytes = 32 * 1024 * 1024;
+// In which those are read: what is still in the processor's caches when it is written, and has room on a
+// worker's stack.
+constexpr size_t kPiece = 128 * 1024;
 // Bytes that rooms may keep, in use or not, when they are given back; others lose their memory then. A room
 // in use may be a large one with little in it.
 constexpr unsigned kRoomBytes = 6 * 1024 * 1024;
@@ -48,7 +53,29 @@ bool writeWhole(const OsFile& file, const char* bytes, size_t n) {
   return true;
 }
 
+// Bytes of a file, from its `done`-th on, up to `most`. 0 where they cannot be read.
+size_t readAt(const WriteBehind::File& file, unsigned done, char* piece, size_t most) {
+  const size_t wanted = std::min<size_t>(most, file.size - done);
+  ssize_t got = 0;
+  do {
+    got = file.origin.file->readSomeAt(piece, wanted, file.origin.at + done);
+  } while (got < 0 && errno == EINTR);
+  return got < 0 ? 0 : static_cast<size_t>(got);
+}
+
 }  // namespace
+
+// In the first thread, for a run that ends. Small pieces are enough there.
+bool WriteBehind::File::writeTo(_mvOutput& out, LogBase& log) const {
+  if (!origin.file) return out.writeBytesPM(bytes(), size, nullptr, log);
+  char piece[16 * 1024];
+  for (unsigned done = 0; done < size;) {
+    const size_t got = readAt(*this, done, piece, sizeof piece);
+    if (got == 0 || !out.writeBytesPM(piece, static_cast<unsigned>(got), nullptr, log)) return false;
+    done += static_cast<unsigned>(got);
+  }
+  return true;
+}
 
 // As many batches as keep all workers busy. The hashes have places for all files that are not taken yet: of
 // the batches handed in, of the one that is being filled and of one more. The ring has that one more, because
@@ -89,7 +116,7 @@ bool WriteBehind::meets(const std::string& path) const {
 
 // A large file begins a batch, so that a worker has what came before while its bytes arrive. One that fills
 // it is handed in at once: that is the second batch without anything taken in between.
-WriteBehind::File& WriteBehind::next(ConfinedDir& target, std::string path, unsigned size) {
+WriteBehind::File& WriteBehind::next(ConfinedDir& target, std::string path, unsigned size, Origin origin) {
   Batch* batch = &m_ring.next();
   const bool isOtherPlace =
       batch->count >= kWorthBatch && !areInOneDirectory(batch->files[batch->count - 1].path, path);
@@ -101,15 +128,18 @@ WriteBehind::File& WriteBehind::next(ConfinedDir& target, std::string path, unsi
   if (!batch->room) batch->room = takeRoom();
   File& file = batch->files[batch->count];
   const File* const before = batch->count > 0 ? &batch->files[batch->count - 1] : nullptr;
-  const unsigned used = before ? before->start + before->size : 0;
+  const unsigned used = before ? before->start + (before->origin.file ? 0 : before->size) : 0;
+  const unsigned kept = origin.file ? 0 : size;
   DataBuffer& data = batch->room->data;
   // A file that was begun and not submitted has left bytes here.
   data.truncate(used);
-  if (used == 0 && size > batch->room->most) data.clear();  // an empty buffer takes exactly what it needs
-  (void)data.reserveMore(size);  // without memory for all at once it grows as far as it can
+  if (used == 0 && kept > batch->room->most) data.clear();  // an empty buffer takes exactly what it needs
+  (void)data.reserveMore(kept);  // without memory for all at once it grows as far as it can
   batch->target = &target;
   file.data = &data;
   file.start = used;
+  file.size = 0;
+  file.origin = origin;
   file.path = std::move(path);
   // The entry is one of an earlier batch, whose other values are set by whoever fills it.
   file.isDone = false;
@@ -118,11 +148,15 @@ WriteBehind::File& WriteBehind::next(ConfinedDir& target, std::string path, unsi
 
 // The hash is noted before a worker has the file, so that whatever comes next already meets it.
 void WriteBehind::submit(File& file) {
-  file.takeSize();
   m_hashes[m_submitted++ % m_hashes.size()] = hashOf(file.path);
   Batch& batch = m_ring.next();
-  ++batch.count;
-  if (batch.count == m_filesInBatch || batch.bytes() >= m_bytesInBatch) handIn();
+  if (batch.count++ == 0) batch.unread = 0;
+  if (file.origin.file) {
+    batch.unread += file.size;
+  } else {
+    file.takeSize();
+  }
+  if (batch.count == m_filesInBatch || batch.bytes() + batch.unread >= m_bytesInBatch) handIn();
 }
 
 // The one that was given back last, whose memory is most likely still in the processor's caches.
@@ -152,10 +186,11 @@ void WriteBehind::giveBack(std::unique_ptr<Room> room) {
 void WriteBehind::handIn() {
   Batch& batch = m_ring.next();
   if (batch.count == 0) return;
-  const size_t bytes = batch.bytes();
-  m_ring.submit(bytes + batch.count * size_t{32 * 1024});
+  const size_t bytes = batch.bytes(), unread = batch.unread;
+  m_ring.submit(bytes + unread + batch.count * size_t{32 * 1024});
   // Only now, because without memory for it the batch is not under way.
   m_bytesUnderWay += bytes;
+  m_unreadUnderWay += unread;
   m_ring.next().count = 0;
 }
 
@@ -179,12 +214,14 @@ WriteBehind::File* WriteBehind::nextUndone(bool waitsForAll) {
       m_lastRoom = std::move(m_done->room);
     }
     m_done = nullptr;
-    const bool isFull = m_ring.underWay() >= m_batches || m_bytesUnderWay >= kBytes;
+    const bool isFull =
+        m_ring.underWay() >= m_batches || m_bytesUnderWay >= kBytes || m_unreadUnderWay >= kUnreadBytes;
     const bool takes = !m_ring.isEmpty() && (waitsForAll || isFull || m_ring.oldestIsDone());
     if (!takes) return nullptr;
     m_done = &m_ring.take();
     m_doneTaken = 0;
     m_bytesUnderWay -= m_done->bytes();
+    m_unreadUnderWay -= m_done->unread;
   }
 }
 
@@ -193,7 +230,7 @@ void WriteBehind::dropAll() {
   m_ring.dropAll();
   m_ring.next().count = 0;
   m_done = nullptr;
-  m_bytesUnderWay = 0;
+  m_bytesUnderWay = m_unreadUnderWay = 0;
   m_taken = m_submitted;
   std::fill(m_hashes.begin(), m_hashes.end(), 0);
 }
@@ -216,10 +253,21 @@ void WriteBehind::Batch::work() {
 void WriteBehind::Batch::make(File& file) {
   OsFile made(target->createNew(file.path, file.mode));
   if (!made.isOpen()) return;
-  file.isDone =
-      writeWhole(made, file.bytes(), file.size) && file.settlement.apply(made.fd()) && made.close() == 0;
+  file.isDone = fill(made, file) && file.settlement.apply(made.fd()) && made.close() == 0;
   // Half of a file would pass for one if nobody came back to it.
   if (!file.isDone) target->removeNew(file.path);
+}
+
+// Data that cannot be read make the file one that is not done: its turn meets the same, and tells it.
+bool WriteBehind::Batch::fill(const OsFile& made, const File& file) {
+  if (!file.origin.file) return writeWhole(made, file.bytes(), file.size);
+  char piece[kPiece];
+  for (unsigned done = 0; done < file.size;) {
+    const size_t got = readAt(file, done, piece, sizeof piece);
+    if (got == 0 || !writeWhole(made, piece, got)) return false;
+    done += static_cast<unsigned>(got);
+  }
+  return true;
 }
 
 }  // namespace morvane

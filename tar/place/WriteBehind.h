@@ -15,6 +15,8 @@
 
 #include "runtime/buffer/DataBuffer.h"
 #include "runtime/fs/ConfinedDir.h"
+#include "runtime/io/_mvOutput.h"
+#include "runtime/log/LogBase.h"
 #include "runtime/parallel/OrderedRing.h"
 #include "runtime/text/XString.h"
 #include "tar/format/Member.h"
@@ -30,12 +32,22 @@ class WriteBehind {
  public:
   // Larger files are written in their turn: by piece, because as a whole they would be much to keep.
   static constexpr long long kMostBytes = 1024 * 1024;
+  // The same where the worker reads the data: that keeps nothing, but cannot be aborted.
+  static constexpr long long kMostUnread = 8 * 1024 * 1024;
+  // Where data lie that are not read yet: an open file, read by position. It must outlive the run.
+  struct Origin {
+    const OsFile* file = nullptr;  // null: they are in memory
+    long long at = 0;
+  };
 
   struct File {
-    // Its data, at the end of the batch's until another file begins.
+    // Its data, at the end of the batch's until another file begins. Not of one with an origin.
     const char* bytes() const { return reinterpret_cast<const char*>(data->getData2()) + start; }
     // What has come of them so far.
     void takeSize() { size = data->getSize() - start; }
+    // Its data, wherever they are. False where they cannot be read or written to their end; of the reason
+    // only the output's is in the log.
+    bool writeTo(_mvOutput& out, LogBase& log) const;
 
     // Set by next(), and by the placer before submit().
     std::string path;       // below the target, clean
@@ -44,6 +56,7 @@ class WriteBehind {
     FileSettlement settlement;
     DataBuffer* data = nullptr;  // of the batch; to be appended to
     unsigned start = 0, size = 0;
+    Origin origin;
     // For doing it again: the target, and of the member what a plain file needs.
     XString targetDir;
     // Of the member it has what a plain file is made of (Member::copyPlain).
@@ -70,8 +83,9 @@ class WriteBehind {
 
   // A file of `size` bytes to be filled in and submitted. One that was not submitted is forgotten with the
   // next. Behind each submit nextUndone is called, because only that makes room. `size` is what the header
-  // says, at most kMostBytes; less may come. Throws std::bad_alloc.
-  File& next(ConfinedDir& target, std::string path, unsigned size);
+  // says, at most kMostBytes, and less may come; or kMostUnread where there is an origin, which is exact.
+  // Throws std::bad_alloc.
+  File& next(ConfinedDir& target, std::string path, unsigned size, Origin origin);
   void submit(File& file);
   bool isEmpty() const { return m_submitted == m_taken; }
   // The oldest file that is not done though it was its turn, or null: of all, for which it waits, or of those
@@ -96,12 +110,14 @@ class WriteBehind {
   struct Batch : OrderedRing::Job {
     void work() override;
     void make(File& file);
+    bool fill(const OsFile& made, const File& file);
     size_t bytes() const { return room->data.getSize(); }
 
     // Shared by all workers and the first thread: of it workers call what any thread may (ConfinedDir).
     ConfinedDir* target = nullptr;
     std::vector<File> files;  // kept for their room; `count` of them are the batch's
     unsigned count = 0;
+    size_t unread = 0;           // bytes of those that have an origin
     std::unique_ptr<Room> room;  // from its first file to its last
   };
 
@@ -116,8 +132,9 @@ class WriteBehind {
   std::vector<std::unique_ptr<Room>> m_spareRooms;
   // Of the batch done last: a file that was not submitted with it is read from there all the same.
   std::unique_ptr<Room> m_lastRoom;
-  size_t m_roomBytes = 0;      // that all rooms keep, by what was noted when they were given back
-  size_t m_bytesUnderWay = 0;  // of batches handed in and not taken
+  size_t m_roomBytes = 0;  // that all rooms keep, by what was noted when they were given back
+  // Of batches handed in and not taken: in memory, and at origins.
+  size_t m_bytesUnderWay = 0, m_unreadUnderWay = 0;
   std::unordered_set<std::string> m_ownDirectories;
   size_t m_ownBytes = 0;                 // of their paths
   unsigned long long m_forgottenAt = 0;  // files of lower numbers may be in one that was forgotten

@@ -99,6 +99,8 @@ class UntarRun {
   // Into a file that workers make; and what they could not make, done in the ordinary way. False for a
   // failure that ends the run.
   bool copyBehind(WriteBehind::File& file);
+  // Where a worker may read the member's data, so that this thread does not.
+  WriteBehind::Origin originOfData();
   bool doUndone(bool waitsForAll);
   bool doAgain(const WriteBehind::File& file);
   // Ends the context that the log has for a member, and begins the next.

@@ -19,9 +19,10 @@ constexpr char kCannotExtract[] = "Failed to extract to file.";
 // first: what this member may meet has to be on the disk, and what failed has to be told before it.
 bool UntarRun::makeMember(bool& leftOut) {
   // Asked before anything is done again, since that makes another member the current one for the time.
-  const MemberPlacer::Turn turn = m_placer.turnOf(m_member, m_io);
+  const WriteBehind::Origin origin = originOfData();
+  const MemberPlacer::Turn turn = m_placer.turnOf(m_member, m_io, origin);
   if (!doUndone(turn.waits)) return false;
-  WriteBehind::File* const file = turn.isBehind ? m_placer.fileBehind(m_member, m_io) : nullptr;
+  WriteBehind::File* const file = turn.isBehind ? m_placer.fileBehind(m_member, m_io, origin) : nullptr;
   if (file) return copyBehind(*file);
   logMaking();
   Placed placed = m_placer.place(m_member, m_io);
@@ -85,17 +86,34 @@ FileEnd UntarRun::fillFile(_mvDataSource& source, const Member& member, FileToFi
                        });
 }
 
-// The data are read here, with the events that reading has; only then the file is begun. Of data that end too
-// soon the file gets what there was, as always, and the lines about them come behind those about earlier
-// files. An exception of a callback leaves what came, too.
+// Data of some size in an archive on a disk: both the copy and the memory for it are spared. Smaller ones
+// come with the headers around them. What the archive has not got is missed in its turn, and so is anything
+// that the progress of reading would show.
+WriteBehind::Origin UntarRun::originOfData() {
+  constexpr long long kFewest = 64 * 1024;
+  if (!m_placer.writesBehind() || m_member.size < kFewest || m_member.size > WriteBehind::kMostUnread)
+    return {};
+  _mvDataSource& source = m_context.source;
+  const OsFile* const file = source.sharedFile();
+  if (!file || (m_io.monitor && !m_io.monitor->reportsEach(_mvDataSource::kLentPiece))) return {};
+  const long long at = source.ftell64();
+  return source.sizeIfKnown() - at >= m_member.size ? WriteBehind::Origin{file, at} : WriteBehind::Origin{};
+}
+
+// The data are read here, with the events that reading has, or passed over as if they were; only then the
+// file is begun. Of data that end too soon the file gets what there was, as always, and the lines about them
+// come behind those about earlier files. An exception of a callback leaves what came, too.
 bool UntarRun::copyBehind(WriteBehind::File& file) {
   // What reading says has to wait, because earlier files may still have lines to come.
   m_held.beginLike(m_log);
   bool isComplete = false;
   try {
     OutputDataBuffer out(*file.data);
-    isComplete = m_context.source.copyNToOutput2PM(out, m_member.size, m_copyBuffer.get(), m_copyBufferSize,
-                                                   m_io.monitor, m_held);
+    _mvDataSource& source = m_context.source;
+    isComplete = file.origin.file ? source.passUnread(static_cast<unsigned>(m_member.size), file.size,
+                                                      m_io.monitor, m_held)
+                                  : source.copyNToOutput2PM(out, m_member.size, m_copyBuffer.get(),
+                                                            m_copyBufferSize, m_io.monitor, m_held);
   } catch (...) {
     tellHeld();
     leavePart(file);
@@ -125,15 +143,23 @@ void UntarRun::tellHeld() {
 // As far as its data came, and nothing else of it. Why they ended is told by the caller. It is closed with
 // the output, unsettled: half of a file keeps the mode and time that it was made with.
 void UntarRun::leavePart(WriteBehind::File& file) {
-  file.takeSize();
+  if (!file.origin.file) file.takeSize();
   LogNull unwanted;
   const Io quiet(unwanted);
   const Placed placed = m_placer.place(m_member, quiet);
-  if (placed.file) (void)placed.out->writeBytesPM(file.bytes(), file.size, nullptr, unwanted);
+  if (placed.file) (void)file.writeTo(*placed.out, unwanted);
 }
 
-// By the way that a file in its turn takes, so that log and metadata are the same.
+// By the way that a file in its turn takes, so that log and metadata are the same. Behind it the archive is
+// read on where it was.
 FileEnd UntarRun::fillAgain(const WriteBehind::File& file, Placed placed, const Io& io) {
+  if (file.origin.file) {
+    _mvDataSource& archive = m_context.source;
+    const long long at = archive.ftell64();
+    (void)archive.fseekAbsolute64(file.origin.at, io.log);
+    const ScopeExit goBack([&] { (void)archive.fseekAbsolute64(at, io.log); });
+    return fillFile(archive, file.member, {std::move(placed.out), placed.file}, io);
+  }
   _mvMemoryDataSource source;
   source.initializeMemSource(reinterpret_cast<const unsigned char*>(file.bytes()), file.size);
   return fillFile(source, file.member, {std::move(placed.out), placed.file}, io);
