@@ -95,6 +95,18 @@ ssize_t OsFile::writeSomeAt(const void* bytes, size_t n, long long position) con
   return ::pwrite(m_fd, bytes, n, position);
 }
 
+int OsFile::writeWhole(const char* bytes, size_t n) const {
+  while (n > 0) {
+    const ssize_t written = writeSome(bytes, n);
+    if (written < 0 && errno == EINTR) continue;
+    // A device that takes nothing takes nothing the next time either.
+    if (written <= 0) return written == 0 ? EIO : errno;
+    bytes += written;
+    n -= static_cast<size_t>(written);
+  }
+  return 0;
+}
+
 int OsFile::status(struct stat& out) const { return ::fstat(m_fd, &out); }
 
 // File systems that are programs or networks may let a signal break this, which is then no failure.

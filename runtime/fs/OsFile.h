@@ -45,6 +45,8 @@ class MORVANE_API OsFile {
   bool readsAtOnce() const;
   ssize_t writeSome(const void* bytes, size_t n) const;
   ssize_t writeSomeAt(const void* bytes, size_t n, long long position) const;
+  // Until all is written: signals, and a system that takes only a part, are gone on with. 0, or an errno.
+  int writeWhole(const char* bytes, size_t n) const;
 
   // Times are set to the nanosecond, as far as the file system keeps them.
   int status(struct stat& out) const;

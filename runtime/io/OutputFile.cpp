@@ -19,6 +19,7 @@
 #include "runtime/fs/mvFileInfo.h"
 #include "runtime/io/Abort.h"
 #include "runtime/log/LogNull.h"
+#include "runtime/parallel/WorkerPool.h"
 
 namespace morvane {
 
@@ -28,8 +29,24 @@ namespace {
 // not fit and has kPassesBuffer bytes or more gains nothing by being copied first.
 constexpr unsigned kSmallBuffer = 16 * 1024;
 constexpr unsigned kLargeBuffer = 256 * 1024;
+// For a worker: as large as its cache, because each one costs two threads a wait.
+constexpr unsigned kBehindBuffer = 1024 * 1024;
 constexpr unsigned kPassesBuffer = 64 * 1024;
 static_assert(OutputFile::kMostSpare <= kLargeBuffer);
+
+// The buffer that a worker writes. Left alone by the first thread from submit to finish.
+struct BufferBehind : WorkerPool::Task {
+  explicit BufferBehind(const OsFile& theFile) : file(theFile) {}
+  void work() override { error = file.writeWhole(bytes.get(), n); }
+
+  const OsFile& file;  // nobody else moves in it meanwhile
+  AlignedArray bytes;
+  unsigned n = 0;
+  int error = 0;
+  bool isUnderWay = false;  // handed in, and not finished: the first thread's own note
+  // Last, because it waits for the worker.
+  WorkerPool pool{1};
+};
 
 }  // namespace
 
@@ -52,6 +69,10 @@ struct OutputFile::State {
   // What the owner asked for, and whether it has come to that.
   bool dropsAfterOwnFailure = false;
   bool dropping = false;  // it failed, and so alone
+  // Null where nothing is written by a worker. Last, because it writes to the file.
+  std::unique_ptr<BufferBehind> behind;
+
+  unsigned largeBuffer() const { return behind ? kBehindBuffer : kLargeBuffer; }
 };
 
 OutputFile::OutputFile(std::unique_ptr<State> state) : m_state(std::move(state)) {}
@@ -98,7 +119,7 @@ bool OutputFile::_writeBytes(const char* bytes, unsigned int n, _mvIoParams& io,
   // The address tells: no caller has it but by spareRoom, and then the bytes fit.
   const bool isInPlace = m_state->capacity > 0 && bytes == m_state->buffer.get() + m_state->buffered;
   if (n > m_state->capacity - m_state->buffered) {
-    if (m_state->buffered > 0 && !flush(pm, log)) {
+    if (m_state->buffered > 0 && !emptyBuffer(pm, log)) {
       if (m_state->dropping) m_state->bytesWritten += n;
       return m_state->dropping;
     }
@@ -106,8 +127,8 @@ bool OutputFile::_writeBytes(const char* bytes, unsigned int n, _mvIoParams& io,
     const bool passes =
         n >= kPassesBuffer || (m_state->capacity == 0 && (n >= kSmallBuffer || n == m_state->expected));
     // The second time the buffer is too small the file is no small one, and gets the large buffer.
-    if (passes || !makeBuffer(m_state->capacity == 0 ? kSmallBuffer : kLargeBuffer)) {
-      const bool written = writeThrough(bytes, n, pm, log) || m_state->dropping;
+    if (passes || !makeBuffer(m_state->capacity == 0 ? kSmallBuffer : m_state->largeBuffer())) {
+      const bool written = (finishBehind(log) && writeThrough(bytes, n, pm, log)) || m_state->dropping;
       if (written) m_state->bytesWritten += n;
       return written;
     }
@@ -134,18 +155,64 @@ bool OutputFile::makeBuffer(unsigned capacity) {
 // Always in the large buffer: who asks for it copies whole files through.
 char* OutputFile::spareRoom(unsigned n, unsigned& room, ProgressMonitor* pm, LogBase& log) {
   if (m_state->failed || !m_state->file.isOpen()) return nullptr;
-  if (!makeBuffer(kLargeBuffer)) return nullptr;
-  if (n > m_state->capacity - m_state->buffered && !flush(pm, log)) return nullptr;
+  if (!makeBuffer(m_state->largeBuffer())) return nullptr;
+  if (n > m_state->capacity - m_state->buffered && !emptyBuffer(pm, log)) return nullptr;
   room = m_state->capacity - m_state->buffered;
   return m_state->buffer.get() + m_state->buffered;
 }
 
+// Threads that wait for nothing but the disk can be had for regular files alone: elsewhere a write may wait
+// for a reader, and then an event is asked.
+void OutputFile::beginBehind() {
+  mvFileInfo info;
+  if (!m_state->behind && getFileInfo(info) && info.m_isRegularFile)
+    m_state->behind = std::make_unique<BufferBehind>(m_state->file);
+}
+
+bool OutputFile::endBehind(LogBase& log) {
+  const bool ok = finishBehind(log);
+  m_state->behind.reset();
+  return ok;
+}
+
+bool OutputFile::finishBehind(LogBase& log) {
+  BufferBehind* const behind = m_state->behind.get();
+  if (!behind || !behind->isUnderWay) return !m_state->failed;
+  behind->isUnderWay = false;
+  behind->pool.finish(*behind);
+  return behind->error == 0 || failToWrite(behind->error, log);
+}
+
+// The buffer that was written last is filled next. Small ones are not worth it, nor is anything without
+// memory for the second.
+bool OutputFile::emptyBuffer(ProgressMonitor* pm, LogBase& log) {
+  BufferBehind* const behind = m_state->behind.get();
+  if (!behind || m_state->failed || m_state->capacity < kBehindBuffer) return flush(pm, log);
+  if (!finishBehind(log)) {
+    m_state->buffered = 0;
+    return false;
+  }
+  if (!behind->bytes) behind->bytes = makeAlignedArray(m_state->capacity);
+  if (!behind->bytes) return flush(pm, log);
+  std::swap(behind->bytes, m_state->buffer);
+  behind->n = std::exchange(m_state->buffered, 0);
+  behind->pool.submit(*behind, 0, behind->n);
+  behind->isUnderWay = true;
+  return true;
+}
+
 // The bytes count as gone even where writing them fails, since the file is then of no use.
 bool OutputFile::flush(ProgressMonitor* pm, LogBase& log) {
-  if (m_state->failed) return false;
-  const unsigned buffered = m_state->buffered;
-  m_state->buffered = 0;
+  const unsigned buffered = std::exchange(m_state->buffered, 0);
+  if (m_state->failed || !finishBehind(log)) return false;
   return writeThrough(m_state->buffer.get(), buffered, pm, log);
+}
+
+// Always false, for the caller to return.
+bool OutputFile::failToWrite(int error, LogBase& log) {
+  failWith(error);
+  logOsError(log, "Failed to write to file.", m_state->path.c_str(), error);
+  return false;
 }
 
 // Until all is written or the system says no. Whether to abort is asked only when a signal has broken a wait.
@@ -163,8 +230,8 @@ bool OutputFile::writeThrough(const char* bytes, size_t n, ProgressMonitor* pm, 
     if (error == EINTR && !endsWait(pm, log)) continue;
     // A FIFO was opened without waiting for its reader; from here on writes wait.
     if (error == EAGAIN && m_state->file.setBlocking() == 0) continue;
+    if (error != EINTR) return failToWrite(error, log);
     failWith(error);
-    if (error != EINTR) logOsError(log, "Failed to write to file.", m_state->path.c_str(), error);
     return false;
   }
   return true;
@@ -258,7 +325,7 @@ bool OutputFile::setTimes(const MorvaneFileTime* access, const MorvaneFileTime& 
   if (access) accessTime = access->toTimespec();
   const timespec modificationTime = modification.toTimespec();
   // What is still in the buffer would change the time again when it is written.
-  if (m_state->buffered > 0) flush(nullptr, log);
+  if (m_state->buffered > 0 || m_state->behind) flush(nullptr, log);
   const int result = m_state->file.isOpen() ? m_state->file.setTimes(accessTime, modificationTime)
                                             : osSetTimes(m_state->path.c_str(), accessTime, modificationTime);
   if (result != 0) logOsError(log, "Failed to set file times.", m_state->path.c_str(), errno);

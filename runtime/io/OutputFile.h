@@ -35,6 +35,13 @@ class MORVANE_API OutputFile : public _mvOutput {
   char* spareRoom(unsigned n, unsigned& room, ProgressMonitor* pm, LogBase& log);
   static constexpr unsigned kMostSpare = 64 * 1024;
 
+  // From here to endBehind a full buffer of a regular file is written by a worker, while the other of two is
+  // filled; of any other file nothing is changed by it. A write that fails is told by the next operation that
+  // would write. Whatever needs all bytes to be written waits for them. Throws std::bad_alloc.
+  void beginBehind();
+  // Waits for the worker, and ends it. False, with the reason in the log, if the last write has failed.
+  bool endBehind(LogBase& log);
+
   // The file will get n bytes in all: if they come in one piece, they need no buffer.
   void expect(long long n);
 
@@ -85,6 +92,11 @@ class MORVANE_API OutputFile : public _mvOutput {
 
   explicit OutputFile(std::unique_ptr<State> state);
   bool writeThrough(const char* bytes, size_t n, ProgressMonitor* pm, LogBase& log);
+  // Makes room in the buffer: by a worker, where there is one.
+  bool emptyBuffer(ProgressMonitor* pm, LogBase& log);
+  // The worker's write is over, and has not failed.
+  bool finishBehind(LogBase& log);
+  bool failToWrite(int error, LogBase& log);
   void failWith(int error);
   bool failToShape(const char* message, LogBase& log);
   bool makeBuffer(unsigned capacity);

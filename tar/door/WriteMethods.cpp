@@ -5,7 +5,10 @@
 #include "runtime/codec/GzipFormat.h"
 #include "runtime/io/AppendOutput.h"
 #include "runtime/io/Io.h"
+#include "runtime/io/OutputFile.h"
 #include "runtime/io/OutputFlush.h"
+#include "runtime/log/LogNull.h"
+#include "runtime/parallel/WorkerPool.h"
 #include "tar/door/ClsTarInner.h"
 #include "tar/format/TarNumber.h"
 #include "tar/format/UstarSplit.h"
@@ -180,9 +183,17 @@ bool ClsTar::Inner::writeAllMembers(_mvOutput& out, const Io& io, bool& anything
   const auto* file = dynamic_cast<const OutputFile*>(&out);
   if (const auto* const append = dynamic_cast<const AppendOutput*>(&out)) file = &append->file();
   if (file && file->getFileInfo(archive)) writer.leaveOut(archive);
+  // The worker takes the copy into the archive off this thread, which may be half of all it does.
+  OutputFile* const plain = workerCount(m_options.codec.threads) > 0 ? m_archive.plainFile() : nullptr;
+  LogNull unwanted;
+  const ScopeExit joinQuietly([&] {
+    if (plain) plain->endBehind(unwanted);
+  });
+  if (plain) plain->beginBehind();
   const bool complete = writer.writeTarToOutput(m_files, m_dirRoots, m_curDirRootPath);
   anythingLost = writer.anythingLost();
-  return complete;
+  // A run that has failed has its reason.
+  return complete && (!plain || plain->endBehind(m_log));
 }
 
 // Each step has a writer of its own, and so knows nothing of members that others wrote: links to earlier

@@ -40,19 +40,6 @@ bool areInOneDirectory(const std::string& a, const std::string& b) {
   return b.rfind('/') == slash && a.compare(0, length, b, 0, length) == 0;
 }
 
-// A signal, or a system that takes only a part, is gone on with; anything else fails the file, which is then
-// made again in its turn.
-bool writeWhole(const OsFile& file, const char* bytes, size_t n) {
-  while (n > 0) {
-    const ssize_t written = file.writeSome(bytes, n);
-    if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) return false;
-    bytes += written;
-    n -= static_cast<size_t>(written);
-  }
-  return true;
-}
-
 // Bytes of a file, from its `done`-th on, up to `most`. 0 where they cannot be read.
 size_t readAt(const WriteBehind::File& file, unsigned done, char* piece, size_t most) {
   const size_t wanted = std::min<size_t>(most, file.size - done);
@@ -260,11 +247,11 @@ void WriteBehind::Batch::make(File& file) {
 
 // Data that cannot be read make the file one that is not done: its turn meets the same, and tells it.
 bool WriteBehind::Batch::fill(const OsFile& made, const File& file) {
-  if (!file.origin.file) return writeWhole(made, file.bytes(), file.size);
+  if (!file.origin.file) return made.writeWhole(file.bytes(), file.size) == 0;
   char piece[kPiece];
   for (unsigned done = 0; done < file.size;) {
     const size_t got = readAt(file, done, piece, sizeof piece);
-    if (got == 0 || !writeWhole(made, piece, got)) return false;
+    if (got == 0 || made.writeWhole(piece, got) != 0) return false;
     done += static_cast<unsigned>(got);
   }
   return true;

@@ -15,7 +15,7 @@ namespace {
 
 // Enough to keep all workers busy, some of them in directories that the walk is about to come to. Each may
 // have a directory open. There are fewer where the process may open few files.
-constexpr unsigned kFewestLooks = 32, kMostLooks = 128, kLooksForWorker = 4;
+constexpr unsigned kFewestLooks = 32, kMostLooks = 128, kLooksForWorker = 8;
 // Bytes of files that were read, in all looks together; with 64 looks or more each still has room for one
 // file of the largest size, and they take up to twice as much.
 constexpr size_t kBytes = 4 * 1024 * 1024;
