@@ -147,7 +147,7 @@ int ConfinedWalk::baseOf(const std::string& path) {
 int ConfinedWalk::openExisting(const std::string& path, int flags, Passing passing) {
   if (!isConfinable(path)) return -1;
   const std::string leaf = path.substr(path.rfind('/') + 1);
-  if (!m_partByPart && m_links != Links::Anywhere && !leaf.empty() && leaf != "." && path.size() < PATH_MAX)
+  if (isOneCall(path) && m_links != Links::Anywhere && !leaf.empty() && leaf != ".")
     return openResolved(m_target.fd(), path.c_str(), flags | O_NOFOLLOW, 0, passing == Passing::LinksAsMade);
   Place place;
   if (!openExistingParentOf(path, place, passing)) return -1;
@@ -258,7 +258,7 @@ ConfinedWalk::Result ConfinedWalk::walkToParent(Place& place, LogBase& log) {
 // resolves the parents and creates the file in one step: there is no moment in which a part of the path could
 // be exchanged.
 int ConfinedWalk::createBeneath(const std::string& path, int flags, unsigned mode) {
-  if (!m_partByPart && path.size() < PATH_MAX) {
+  if (isOneCall(path)) {
     return openResolved(m_target.fd(), path.c_str(), flags, mode);
   }
   // The kernel is not asked. Any reason would do: whoever called goes the longer way, which has its own.
@@ -271,9 +271,8 @@ int ConfinedWalk::createBeneath(const std::string& path, int flags, unsigned mod
 void ConfinedWalk::removeBeneath(const std::string& path) {
   const size_t slash = path.rfind('/');
   const std::string parent = slash == std::string::npos ? "." : path.substr(0, slash);
-  const bool isOneCall = !m_partByPart && parent.size() < PATH_MAX;
-  const OsFile opened(isOneCall ? openResolved(m_target.fd(), parent.c_str(), kPathOnly, 0)
-                                : openExisting(parent, kPathOnly, Passing::LinksAsMade));
+  const OsFile opened(isOneCall(parent) ? openResolved(m_target.fd(), parent.c_str(), kPathOnly, 0)
+                                        : openExisting(parent, kPathOnly, Passing::LinksAsMade));
   if (opened.isOpen()) unlinkat(opened.fd(), path.c_str() + (slash == std::string::npos ? 0 : slash + 1), 0);
 }
 

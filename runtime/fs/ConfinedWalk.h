@@ -7,6 +7,7 @@
 // are opened part by part and no link is passed at all.
 #pragma once
 
+#include <climits>
 #include <string>
 #include <utility>
 #include <vector>
@@ -129,6 +130,8 @@ class ConfinedWalk {
   int baseOf(const std::string& path);
   // Opens the parent part by part and makes what is missing of it.
   Result walkToParent(Place& place, LogBase& log);
+  // Whether the kernel resolves such a path as a whole.
+  bool isOneCall(const std::string& path) const { return !m_partByPart && path.size() < PATH_MAX; }
   // The system's calls, bounded as m_links says: a descriptor, or -1 with errno.
   int openBeneath(int base, const Parts& parts, size_t count, int lastFlags);
   int openResolved(int from, const char* path, int flags, unsigned mode, bool passesLinks = true);

@@ -8,6 +8,9 @@
 #include <new>
 #include <utility>
 
+#include "runtime/io/_mvOutput.h"
+#include "runtime/log/LogBase.h"
+
 namespace morvane {
 
 namespace {
@@ -50,18 +53,26 @@ size_t readAt(const WriteBehind::File& file, unsigned done, char* piece, size_t 
   return got < 0 ? 0 : static_cast<size_t>(got);
 }
 
+// All bytes of a file with an origin, through `piece`; false where they cannot be read, or `put` says so.
+template <class Put>
+bool forEachPiece(const WriteBehind::File& file, char* piece, size_t most, Put put) {
+  for (unsigned done = 0; done < file.size;) {
+    const size_t got = readAt(file, done, piece, most);
+    if (got == 0 || !put(got)) return false;
+    done += static_cast<unsigned>(got);
+  }
+  return true;
+}
+
 }  // namespace
 
 // In the first thread, for a run that ends. Small pieces are enough there.
 bool WriteBehind::File::writeTo(_mvOutput& out, LogBase& log) const {
   if (!origin.file) return out.writeBytesPM(bytes(), size, nullptr, log);
   char piece[16 * 1024];
-  for (unsigned done = 0; done < size;) {
-    const size_t got = readAt(*this, done, piece, sizeof piece);
-    if (got == 0 || !out.writeBytesPM(piece, static_cast<unsigned>(got), nullptr, log)) return false;
-    done += static_cast<unsigned>(got);
-  }
-  return true;
+  return forEachPiece(*this, piece, sizeof piece, [&](size_t n) {
+    return out.writeBytesPM(piece, static_cast<unsigned>(n), nullptr, log);
+  });
 }
 
 // As many batches as keep all workers busy. The hashes have places for all files that are not taken yet: of
@@ -115,7 +126,7 @@ WriteBehind::File& WriteBehind::next(ConfinedDir& target, std::string path, unsi
   if (!batch->room) batch->room = takeRoom();
   File& file = batch->files[batch->count];
   const File* const before = batch->count > 0 ? &batch->files[batch->count - 1] : nullptr;
-  const unsigned used = before ? before->start + (before->origin.file ? 0 : before->size) : 0;
+  const unsigned used = before ? before->start + before->bytesInMemory() : 0;
   const unsigned kept = origin.file ? 0 : size;
   DataBuffer& data = batch->room->data;
   // A file that was begun and not submitted has left bytes here.
@@ -138,11 +149,8 @@ void WriteBehind::submit(File& file) {
   m_hashes[m_submitted++ % m_hashes.size()] = hashOf(file.path);
   Batch& batch = m_ring.next();
   if (batch.count++ == 0) batch.unread = 0;
-  if (file.origin.file) {
-    batch.unread += file.size;
-  } else {
-    file.takeSize();
-  }
+  file.takeSize();
+  batch.unread += file.size - file.bytesInMemory();
   if (batch.count == m_filesInBatch || batch.bytes() + batch.unread >= m_bytesInBatch) handIn();
 }
 
@@ -249,12 +257,7 @@ void WriteBehind::Batch::make(File& file) {
 bool WriteBehind::Batch::fill(const OsFile& made, const File& file) {
   if (!file.origin.file) return made.writeWhole(file.bytes(), file.size) == 0;
   char piece[kPiece];
-  for (unsigned done = 0; done < file.size;) {
-    const size_t got = readAt(file, done, piece, sizeof piece);
-    if (got == 0 || made.writeWhole(piece, got) != 0) return false;
-    done += static_cast<unsigned>(got);
-  }
-  return true;
+  return forEachPiece(file, piece, sizeof piece, [&](size_t n) { return made.writeWhole(piece, n) == 0; });
 }
 
 }  // namespace morvane

@@ -15,14 +15,15 @@
 
 #include "runtime/buffer/DataBuffer.h"
 #include "runtime/fs/ConfinedDir.h"
-#include "runtime/io/_mvOutput.h"
-#include "runtime/log/LogBase.h"
 #include "runtime/parallel/OrderedRing.h"
 #include "runtime/text/XString.h"
 #include "tar/format/Member.h"
 #include "tar/place/FileSettlement.h"
 
 namespace morvane {
+
+class LogBase;
+class _mvOutput;
 
 // One for a run, on its thread, and gone before the target is: workers make files beneath that. Everything is
 // called by that thread but Batch::work. A batch belongs to its worker from handIn until the ring gives it
@@ -43,8 +44,11 @@ class WriteBehind {
   struct File {
     // Its data, at the end of the batch's until another file begins. Not of one with an origin.
     const char* bytes() const { return reinterpret_cast<const char*>(data->getData2()) + start; }
-    // What has come of them so far.
-    void takeSize() { size = data->getSize() - start; }
+    // What has come of them so far. An origin's size is told as it is passed over.
+    void takeSize() {
+      if (!origin.file) size = data->getSize() - start;
+    }
+    unsigned bytesInMemory() const { return origin.file ? 0 : size; }
     // Its data, wherever they are. False where they cannot be read or written to their end; of the reason
     // only the output's is in the log.
     bool writeTo(_mvOutput& out, LogBase& log) const;

@@ -143,7 +143,7 @@ void UntarRun::tellHeld() {
 // As far as its data came, and nothing else of it. Why they ended is told by the caller. It is closed with
 // the output, unsettled: half of a file keeps the mode and time that it was made with.
 void UntarRun::leavePart(WriteBehind::File& file) {
-  if (!file.origin.file) file.takeSize();
+  file.takeSize();
   LogNull unwanted;
   const Io quiet(unwanted);
   const Placed placed = m_placer.place(m_member, quiet);
