@@ -186,7 +186,8 @@ int finish(ClsTar& tar, const CommandLine& line, Report& report, bool ok, const 
 // Everything that does not depend on the command itself.
 bool ReadJob::open() {
   if (!archive.open(m_line, report)) return false;
-  tar.put_PercentScale(ProgressBar::kScale);
+  // Without a bar no parts: the component then reads as suits it best, since nobody sees how far it is.
+  tar.put_PercentScale(bar.mayBeShown() ? ProgressBar::kScale : 0);
   tar.put_UncommonOptions(m_line.readingWords().c_str());
   tar.put_Charset(m_line.charset);
   tar.put_NoAbsolutePaths(!m_line.keepNames);

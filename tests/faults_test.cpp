@@ -3,6 +3,8 @@
 #include "ArchiveSupport.h"
 #include "MvtarSupport.h"
 #include "TreeSupport.h"
+#include "runtime/io/_mvFileDataSource.h"
+#include "runtime/log/LogNull.h"
 #include "tar/place/RunLimits.h"
 
 namespace morvane::testing {
@@ -74,7 +76,63 @@ TEST(SystemCalls, AFailedWriteOfAWorkerIsAFailure) {
   }
 }
 
+// Files that workers have to give back come whole although the archive cannot be read on behind them.
+TEST(SystemCalls, WhatIsDoneAgainNeedsNoMoreOfABrokenArchive) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "the sanitizers stand in front of these calls";
+#endif
+  ScratchDir dir;
+  must(dir,
+       "mkdir d && for i in $(seq 30 59); do head -c ${i}000 /dev/zero >d/small$i; "
+       "head -c 6${i}000 /dev/urandom >d/$i; done && tar -cf a.tar d && mkdir one many");
+  std::string error;
+  for (const char* const broken : {"18000000", "17000000"}) {
+    for (const std::string& where : {"one"s, "many"s}) {
+      const std::string threads = where == "one" ? "1" : "4";
+      const CommandResult result = shell(dir, "FAIL_TIMES=1 BROKEN_FROM="s + broken +
+                                                  " LD_PRELOAD=" FAILING_CALLS " mvtar --threads=" + threads +
+                                                  " -xf a.tar -C " + where);
+      EXPECT_EQ(2, result.status);
+      if (where == "one") error = result.err;
+      EXPECT_EQ(error, result.err);
+    }
+    EXPECT_TRUE(has(error, "Input/output error")) << error;
+    must(dir, "diff -r one many && rm -rf one/* many/*");
+  }
+}
+
 // ---- Sources
+
+// An archive in the middle of a file.
+class SliceSource : public _mvFileDataSource {
+ public:
+  SliceSource(const std::string& path, long long from) : m_from(from) {
+    XString name;
+    name.setFromUtf8(path.c_str());
+    LogNull unwanted;
+    EXPECT_TRUE(openDataSourceFile(name, unwanted) && fseekAbsolute64(0, unwanted));
+  }
+  bool fseekAbsolute64(long long at, LogBase& log) override {
+    return _mvFileDataSource::fseekAbsolute64(m_from + at, log);
+  }
+  long long ftell64() override { return _mvFileDataSource::ftell64() - m_from; }
+  long long sizeIfKnown() override { return _mvFileDataSource::sizeIfKnown() - m_from; }
+
+ private:
+  const long long m_from;
+};
+
+TEST(Sources, OfADerivedOneTheFileIsNotReadByOthers) {
+  ScratchDir dir;
+  std::string archive = directory("d/");
+  for (unsigned i = 0; i < 40; ++i) archive += member("d/" + std::to_string(i), noise(100000, i));
+  writeFile(dir / "slice", std::string(1000, 'x') + archive + kEnd);
+  TarWith tar("Profile=usual,Threads=4", dir / "out");
+  SliceSource source(dir / "slice", 1000);
+  EXPECT_EQ(41, tar.Untar(source)) << logOf(tar);
+  for (unsigned i = 0; i < 40; ++i)
+    EXPECT_TRUE(readFile(dir / ("out/d/" + std::to_string(i))) == noise(100000, i)) << i;
+}
 
 // A source that cannot seek and fails when it has given so much.
 class FailingSource : public TricklingSource {

@@ -92,5 +92,17 @@ TEST(ParallelCreation, SourcesThatChangeMeanwhileAreToldOrWhole) {
   }
 }
 
+// Its size is told when it is met, and a worker must add nothing to it until it has been copied.
+TEST(ParallelCreation, AnArchiveInItsOwnTreeCanBeRead) {
+  ScratchDir dir;
+  must(dir, "mkdir t; for i in $(seq 10 30); do head -c 150000 /dev/zero > t/a$i; echo $i > t/z$i; done");
+  for (int i = 0; i < 5; ++i) {
+    TarWith tar("Threads=4");
+    tar.AddDirRoot2("t", dir / "t");
+    ASSERT_TRUE(tar.WriteTar(dir / "t/m.tar")) << logOf(tar);
+    must(dir, "tar -tf t/m.tar > names && grep -qx t/m.tar names && grep -qx t/z30 names");
+  }
+}
+
 }  // namespace
 }  // namespace morvane::testing

@@ -196,9 +196,16 @@ bool OutputFile::emptyBuffer(ProgressMonitor* pm, LogBase& log) {
   if (!behind->bytes) return flush(pm, log);
   std::swap(behind->bytes, m_state->buffer);
   behind->n = std::exchange(m_state->buffered, 0);
-  behind->pool.submit(*behind, 0, behind->n);
-  behind->isUnderWay = true;
-  return true;
+  try {
+    behind->pool.submit(*behind, 0, behind->n);
+    behind->isUnderWay = true;
+    return true;
+  } catch (const std::bad_alloc&) {
+    // Nobody has taken it over.
+    std::swap(behind->bytes, m_state->buffer);
+    m_state->buffered = behind->n;
+    return flush(pm, log);
+  }
 }
 
 // The bytes count as gone even where writing them fails, since the file is then of no use.

@@ -47,8 +47,6 @@ long long _mvDataSource::sizeIfKnown() { return -1; }
 
 bool _mvDataSource::readsAtOnce() { return false; }
 
-const OsFile* _mvDataSource::sharedFile() { return nullptr; }
-
 bool _mvDataSource::canLend() { return false; }
 
 bool _mvDataSource::lendBytes(unsigned, const char*&, unsigned&, ProgressMonitor*, LogBase&) { return false; }

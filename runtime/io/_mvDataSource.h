@@ -17,7 +17,6 @@
 namespace morvane {
 
 class LogBase;
-class OsFile;
 class ProgressMonitor;
 class _mvOutput;
 
@@ -57,10 +56,6 @@ class MORVANE_API _mvDataSource {
   // The last n bytes that were lent were not used; they are lent or read again. Up to 16 may be from a piece
   // before the last.
   virtual void takeBack(unsigned n);
-  // The open file that the bytes behind ftell64 are read from, whose positions are the source's: then others
-  // may read them there, by position and on any thread, as long as the source is open. Null where there is
-  // none; the base has none.
-  virtual const OsFile* sharedFile();
 
   // Shows the next bytes, up to n of at most 512, without moving past them; fewer only at the end. Sources
   // that do not supply it say false to canPeek(). The bytes stay valid until the next operation.

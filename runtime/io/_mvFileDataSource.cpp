@@ -82,7 +82,7 @@ int _mvFileDataSource::descriptor() const { return m_state->file.fd(); }
 bool _mvFileDataSource::readsAtOnce() {
   return m_state->windowAt < m_state->windowEnd || m_state->file.readsAtOnce();
 }
-const OsFile* _mvFileDataSource::sharedFile() {
+const OsFile* _mvFileDataSource::sharedFile() const {
   return m_state->seekable && !m_state->failed ? &m_state->file : nullptr;
 }
 long long _mvFileDataSource::bytesPassed() const { return m_state->position; }
@@ -129,6 +129,11 @@ bool _mvFileDataSource::adopt(OsFile file, const char* path, LogBase& log) {
   m_state->seekable = at >= 0 && (S_ISREG(status.st_mode) || S_ISBLK(status.st_mode));
   m_state->position = m_state->systemAt = m_state->seekable ? at : 0;
   return true;
+}
+
+bool _mvFileDataSource::adoptFrom(const _mvFileDataSource& other, long long position, LogBase& log) {
+  const State& from = *other.m_state;
+  return adopt(from.file.duplicate(), from.path.c_str(), log) && fseekAbsolute64(position, log);
 }
 
 // Whoever calls this has examined the file: it is regular and stands at its beginning. That saves two system

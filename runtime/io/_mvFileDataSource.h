@@ -31,9 +31,16 @@ class MORVANE_API _mvFileDataSource : public _mvDataSource {
   // The same for a regular file to be copied whole, whose size was `sizeSeen` when it was opened. The copy
   // ends where the file ends when its reading begins, however fast it grows.
   void adoptForCopy(OsFile file, const char* path, long long sizeSeen);
+  // A second source over the file that another one has open, from a position on, whatever has become of that
+  // one. One that could not be had fails its first read, too.
+  bool adoptFrom(const _mvFileDataSource& other, long long position, LogBase& log);
   void close();
   // For what is asked of the open file itself. -1 when it is closed.
   int descriptor() const;
+  // The open file, whose positions are the source's: others may read it by position, on any thread, as long
+  // as the source is open. Null where it has no positions, and behind a failure. A derived class may give
+  // other bytes than its file has.
+  const OsFile* sharedFile() const;
 
   // The bytes handed out since it was adopted, also where there is no position to tell; the position
   // elsewhere.
@@ -62,8 +69,6 @@ class MORVANE_API _mvFileDataSource : public _mvDataSource {
   long long sizeIfKnown() override;
   // A file on a disk always; a pipe when something lies in it.
   bool readsAtOnce() override;
-  // A file on a disk. A failure that stays is the source's alone.
-  const OsFile* sharedFile() override;
   bool canLend() override { return true; }
   bool lendBytes(unsigned most, const char*& bytes, unsigned& n, ProgressMonitor* pm, LogBase& log) override;
   void takeBack(unsigned n) override;

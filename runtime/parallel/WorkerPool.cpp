@@ -185,7 +185,7 @@ void WorkerPool::drop(Task& task) {
 }
 
 // A search through the whole list, which is as short as the callers keep it: a ring has its slots, and the
-// looks of a walk are 128 at most.
+// looks of a walk are 64 at most.
 void WorkerPool::takeBack(const Task& task) {
   m_waiting.erase(std::find(m_waiting.begin(), m_waiting.end(), &task));
 }

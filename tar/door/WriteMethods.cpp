@@ -193,7 +193,7 @@ bool ClsTar::Inner::writeAllMembers(_mvOutput& out, const Io& io, bool& anything
   const bool complete = writer.writeTarToOutput(m_files, m_dirRoots, m_curDirRootPath);
   anythingLost = writer.anythingLost();
   // A run that has failed has its reason.
-  return complete && (!plain || plain->endBehind(m_log));
+  return complete && (!plain || plain->endBehind(io.log));
 }
 
 // Each step has a writer of its own, and so knows nothing of members that others wrote: links to earlier

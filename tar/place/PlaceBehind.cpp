@@ -67,7 +67,7 @@ bool MemberPlacer::isInOwnDirectory(const std::string& path) const {
   return isInTarget ? m_target.wasEmpty() : hasOnePath(path);
 }
 
-// An ordinary file of little data, in a directory of the run's own. Nothing is asked of the disk. What would
+// An ordinary file, not too large, in a directory of the run's own. Nothing is asked of the disk. What would
 // fail by its name alone is left to its turn, and so is what the restorer has more to do with than owner,
 // mode and times.
 bool MemberPlacer::mayGoBehind(const Member& member, const std::string& path, long long mostBytes) {

@@ -20,8 +20,7 @@ namespace {
 constexpr unsigned kBytes = 4 * 1024 * 1024;
 // The same of data that workers read, because files under way are waited for whatever an application says.
 constexpr size_t kUnreadBytes = 32 * 1024 * 1024;
-// In which those are read: what is still in the processor's caches when it is written, and has room on a
-// worker's stack.
+// In which those are read: what is still in the processor's caches when it is written.
 constexpr size_t kPiece = 128 * 1024;
 // Bytes that rooms may keep, in use or not, when they are given back; others lose their memory then. A room
 // in use may be a large one with little in it.
@@ -66,7 +65,7 @@ bool forEachPiece(const WriteBehind::File& file, char* piece, size_t most, Put p
 
 }  // namespace
 
-// In the first thread, for a run that ends. Small pieces are enough there.
+// In the first thread, and seldom. Small pieces are enough there.
 bool WriteBehind::File::writeTo(_mvOutput& out, LogBase& log) const {
   if (!origin.file) return out.writeBytesPM(bytes(), size, nullptr, log);
   char piece[16 * 1024];
@@ -240,6 +239,7 @@ void WriteBehind::Batch::work() {
       files[i].isDone = false;
     }
   }
+  piece = nullptr;
 }
 
 // In a worker. It touches the file's own values and the target's calls that any thread may make, and nothing
@@ -253,11 +253,13 @@ void WriteBehind::Batch::make(File& file) {
   if (!file.isDone) target->removeNew(file.path);
 }
 
-// Data that cannot be read make the file one that is not done: its turn meets the same, and tells it.
+// Data that cannot be read make the file one that is not done: its turn meets the same, and tells it. The
+// piece is not on the stack, because that may be the application's, and a small one.
 bool WriteBehind::Batch::fill(const OsFile& made, const File& file) {
   if (!file.origin.file) return made.writeWhole(file.bytes(), file.size) == 0;
-  char piece[kPiece];
-  return forEachPiece(file, piece, sizeof piece, [&](size_t n) { return made.writeWhole(piece, n) == 0; });
+  if (!piece) piece.reset(new char[kPiece]);
+  return forEachPiece(file, piece.get(), kPiece,
+                      [&](size_t n) { return made.writeWhole(piece.get(), n) == 0; });
 }
 
 }  // namespace morvane

@@ -121,8 +121,9 @@ class WriteBehind {
     ConfinedDir* target = nullptr;
     std::vector<File> files;  // kept for their room; `count` of them are the batch's
     unsigned count = 0;
-    size_t unread = 0;           // bytes of those that have an origin
-    std::unique_ptr<Room> room;  // from its first file to its last
+    size_t unread = 0;              // bytes of those that have an origin
+    std::unique_ptr<Room> room;     // from its first file to its last
+    std::unique_ptr<char[]> piece;  // for data at an origin; while it is worked at alone
   };
 
   // Gives the batch that is being filled to the workers, if it has a file.

@@ -20,6 +20,7 @@ namespace morvane {
 
 class DataBuffer;
 class _mvDataSource;
+class _mvFileDataSource;
 class _mvOutput;
 
 // On the stack of a method, one run for each object, on one thread; callbacks are called on it. An exception
@@ -94,13 +95,15 @@ class UntarRun {
   bool couldNotMake(Placed::Result result, bool isDirectory);
   // From the source into a member's new file, which is then settled.
   bool copyToFile(FileToFill to, bool& leftOut);
-  // The second from any source: the archive, or memory where a file is done again.
+  // The second from any source: the archive, also by a reader of its own, or memory.
   FileEnd fillFile(_mvDataSource& source, const Member& member, FileToFill to, const Io& io);
   // Into a file that workers make; and what they could not make, done in the ordinary way. False for a
   // failure that ends the run.
   bool copyBehind(WriteBehind::File& file);
   // Where a worker may read the member's data, so that this thread does not.
   WriteBehind::Origin originOfData();
+  // The archive, where it is a file that may be read beside the run; else null.
+  _mvFileDataSource* archiveFile();
   bool doUndone(bool waitsForAll);
   bool doAgain(const WriteBehind::File& file);
   // Ends the context that the log has for a member, and begins the next.

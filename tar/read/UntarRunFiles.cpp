@@ -1,6 +1,9 @@
 // The run's members on their way to the disk: made in their turn, or handed to workers, and what workers
 // could not do done again.
+#include <typeinfo>
+
 #include "runtime/io/OutputDataBuffer.h"
+#include "runtime/io/_mvFileDataSource.h"
 #include "runtime/io/_mvMemoryDataSource.h"
 #include "runtime/log/LogContextExitor.h"
 #include "runtime/log/LogNull.h"
@@ -93,11 +96,17 @@ WriteBehind::Origin UntarRun::originOfData() {
   constexpr long long kFewest = 64 * 1024;
   if (!m_placer.writesBehind() || m_member.size < kFewest || m_member.size > WriteBehind::kMostUnread)
     return {};
-  _mvDataSource& source = m_context.source;
-  const OsFile* const file = source.sharedFile();
+  _mvFileDataSource* const archive = archiveFile();
+  const OsFile* const file = archive ? archive->sharedFile() : nullptr;
   if (!file || (m_io.monitor && !m_io.monitor->reportsEach(_mvDataSource::kLentPiece))) return {};
-  const long long at = source.ftell64();
-  return source.sizeIfKnown() - at >= m_member.size ? WriteBehind::Origin{file, at} : WriteBehind::Origin{};
+  const long long at = archive->ftell64();
+  return archive->sizeIfKnown() - at >= m_member.size ? WriteBehind::Origin{file, at} : WriteBehind::Origin{};
+}
+
+// None that an application derives: it may lie anywhere in its file, or give other bytes.
+_mvFileDataSource* UntarRun::archiveFile() {
+  _mvDataSource& source = m_context.source;
+  return typeid(source) == typeid(_mvFileDataSource) ? static_cast<_mvFileDataSource*>(&source) : nullptr;
 }
 
 // The data are read here, with the events that reading has, or passed over as if they were; only then the
@@ -150,14 +159,12 @@ void UntarRun::leavePart(WriteBehind::File& file) {
   if (placed.file) (void)file.writeTo(*placed.out, unwanted);
 }
 
-// By the way that a file in its turn takes, so that log and metadata are the same. Behind it the archive is
-// read on where it was.
+// By the way that a file in its turn takes, so that log and metadata are the same. The archive has another
+// reader for it, because the run's is behind these data, and may have failed there.
 FileEnd UntarRun::fillAgain(const WriteBehind::File& file, Placed placed, const Io& io) {
   if (file.origin.file) {
-    _mvDataSource& archive = m_context.source;
-    const long long at = archive.ftell64();
-    (void)archive.fseekAbsolute64(file.origin.at, io.log);
-    const ScopeExit goBack([&] { (void)archive.fseekAbsolute64(at, io.log); });
+    _mvFileDataSource archive;
+    (void)archive.adoptFrom(*archiveFile(), file.origin.at, io.log);
     return fillFile(archive, file.member, {std::move(placed.out), placed.file}, io);
   }
   _mvMemoryDataSource source;
@@ -183,7 +190,7 @@ void UntarRun::nextFileContext() {
   m_log.enterContext(kFileContext);
 }
 
-// From memory, and without a monitor: progress was told as the data were read. It was counted as made. A
+// Without a monitor: progress was told as the data were read. It was counted as made. A
 // failure that ends the run is told with this file's path, because placeAgain has made it the current one.
 bool UntarRun::doAgain(const WriteBehind::File& file) {
   const Io io(m_log, nullptr, m_io.event);

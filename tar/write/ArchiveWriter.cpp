@@ -6,6 +6,7 @@
 #include "runtime/base/ScopeExit.h"
 #include "runtime/fs/FileSys.h"
 #include "runtime/fs/_mvFilePath.h"
+#include "runtime/io/OutputFile.h"
 #include "runtime/log/LogContextExitor.h"
 #include "tar/format/ShownMember.h"
 #include "tar/write/SourceEntry.h"
@@ -196,11 +197,23 @@ bool ArchiveWriter::examine(const SourcePlace& place, mvFileInfo& info) {
   // What a worker found was found before the event and is of no use where that must come first.
   const bool mayOpen = mayOpenEarly();
   // Of the archive itself the look was ahead of what has been written since.
-  if (mayOpen && m_found && !(m_hasArchive && m_found->info.isSameFile(m_archive))) {
+  if (mayOpen && m_found && !isArchive(m_found->info)) {
     m_source.take(*m_found, info);
     return true;
   }
+  if (!m_source.examine(place, mayOpen, info, m_log)) return false;
+  const bool isGrowing = isArchive(info) && !m_run.settings.options.skipOutputFile;
+  OutputFile* const plain = isGrowing ? m_run.archive.plainFile() : nullptr;
+  if (!plain) return true;
+  // What a worker still writes must not come behind the size that is told. A failure of that has a line now,
+  // and makes the next write fail.
+  (void)plain->endBehind(m_log);
   return m_source.examine(place, mayOpen, info, m_log);
+}
+
+// By device and inode, since the archive may be met under any name.
+bool ArchiveWriter::isArchive(const mvFileInfo& info) const {
+  return m_hasArchive && info.isSameFile(m_archive);
 }
 
 // What a callback does to the file's name still counts, unless it was said to do nothing.
@@ -216,10 +229,9 @@ std::unique_ptr<ReadAhead> ArchiveWriter::makeReadAhead() const {
   return mayLook ? std::make_unique<ReadAhead>(workers) : nullptr;
 }
 
-// By device and inode, since the archive may be met under any name. Without the word it archives itself as
-// far as it has come, as it always did.
+// Without the word it archives itself as far as it has come, as it always did.
 bool ArchiveWriter::isArchiveItself(const SourcePlace& place, const mvFileInfo& info) {
-  if (!m_run.settings.options.skipOutputFile || !m_hasArchive || !info.isSameFile(m_archive)) return false;
+  if (!m_run.settings.options.skipOutputFile || !isArchive(info)) return false;
   m_log.LogInfo("The archive is not put into itself.");
   m_log.LogDataX("fullPath", place.fullPath);
   return true;

@@ -78,6 +78,8 @@ class ArchiveWriter {
   bool isLeftOutByFormat(const SourcePlace& place, const MemberEncoding& encoding);
   // The member itself is archived; anythingLost() is true from then on.
   void noteLostAttributes(const SourcePlace& place);
+  // Whether the walk has met the archive that is being written.
+  bool isArchive(const mvFileInfo& info) const;
   // Only with SkipOutputFile.
   bool isArchiveItself(const SourcePlace& place, const mvFileInfo& info);
   // With SkipUnreadable; what cannot be read is told by reportUnreadable.

@@ -14,10 +14,10 @@ namespace morvane {
 namespace {
 
 // Enough to keep all workers busy, some of them in directories that the walk is about to come to. Each may
-// have a directory open. There are fewer where the process may open few files.
-constexpr unsigned kFewestLooks = 32, kMostLooks = 128, kLooksForWorker = 8;
-// Bytes of files that were read, in all looks together; with 64 looks or more each still has room for one
-// file of the largest size, and they take up to twice as much.
+// have a directory open. There are fewer where the process may open few files (filesToSpare).
+constexpr unsigned kFewestLooks = 32, kMostLooks = 64, kLooksForWorker = 8;
+// Bytes of files that were read, in all looks together; with the most looks each still has room for one file
+// of the largest size.
 constexpr size_t kBytes = 4 * 1024 * 1024;
 // What lies ahead is looked at once in so many entries, so that threads are not woken for each.
 constexpr unsigned kEntriesBetween = 8;

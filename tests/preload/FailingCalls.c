@@ -2,6 +2,7 @@
 //   FAIL_TIMES=1      setting the times of an open file: EPERM
 //   FAIL_PREAD=N      the N-th read at a position, and all behind it: EIO
 //   END_PREAD=N       the same: nothing more is there
+//   BROKEN_FROM=B     reads at a position from byte B of any file on: EIO
 //   FAIL_USERS=1      reading the user database: EIO
 //   FULL_OPENAT2=N    the N-th openat2, and all behind it: ENOSPC
 //   FULL_WRITE=N      the N-th call that changes a file's bytes, length or place on the disk, and all behind it: ENOSPC
@@ -65,6 +66,10 @@ ssize_t pread(int fd, void* buffer, size_t n, off_t at) {
   if (isFrom("FAIL_PREAD", ++count)) return failsWith(EIO);
   if (count == 1 && getenv("INTERRUPT")) return failsWith(EINTR);
   if (isFrom("END_PREAD", count)) return 0;
+  const char* const broken = getenv("BROKEN_FROM");
+  if (broken && at >= atol(broken)) return failsWith(EIO);
+  // As a disk gives what lies in front of the damage.
+  if (broken && n > (size_t)(atol(broken) - at)) n = (size_t)(atol(broken) - at);
   return ((ssize_t(*)(int, void*, size_t, off_t))dlsym(RTLD_NEXT, "pread"))(fd, buffer, n, at);
 }
 
