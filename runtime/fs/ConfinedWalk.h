@@ -104,8 +104,8 @@ class ConfinedWalk {
   // look. `flags` are those of the open. Changes nothing in this object, and so may be called by several
   // threads at a time.
   int createBeneath(const std::string& path, int flags, unsigned mode);
-  // Removes a file by its name, where its parents can be opened; says nothing. Several threads may do so,
-  // too.
+  // Removes a file by its name, where its parents can be opened; says nothing. What createBeneath has made
+  // several threads may remove, too.
   void removeBeneath(const std::string& path);
   // Whether the leaf is a link that leads to a directory which members may be put into.
   bool isDirectoryInside(const Place& place);
