@@ -50,23 +50,30 @@ count() {
   fi
 }
 
-# Two halves of the tests at a time. One that hangs is ended after twenty minutes, and its log tells in which test.
+# The tests of a build are run in so many parts, because some take a hundred times as long as others: whoever is done
+# takes the next part.
+export parts=12 logs
+
+# One that hangs is ended after twenty minutes, and its log tells in which test.
+run_part() {  # run_part PRESET PART
+  GTEST_TOTAL_SHARDS=$parts GTEST_SHARD_INDEX=$2 timeout -k 10 1200 "build/$1/tests/morvane_tests" \
+    >"$logs/$1-$2.log" 2>&1 </dev/null
+  echo $? >"$logs/$1-$2.status"
+}
+export -f run_part
+
 run_tests() {  # run_tests PRESET
-  local preset=$1 shard pids=()
+  local preset=$1 part
   echo "== $preset"
   if ! { cmake --preset "$preset" && cmake --build --preset "$preset"; } >"$logs/$preset-build.log" 2>&1; then
     tail -n 40 "$logs/$preset-build.log"
     fail "build of $preset"
     return
   fi
-  for shard in 0 1; do
-    GTEST_TOTAL_SHARDS=2 GTEST_SHARD_INDEX=$shard timeout -k 10 1200 "build/$preset/tests/morvane_tests" \
-      >"$logs/$preset-$shard.log" 2>&1 </dev/null &
-    pids+=($!)
-  done
-  for shard in 0 1; do
-    wait "${pids[$shard]}"
-    count "$logs/$preset-$shard.log" $?
+  rm -f "$logs/$preset"-*.status
+  seq 0 $((parts - 1)) | xargs -P "$(nproc)" -n 1 bash -c 'run_part "$0" "$1"' "$preset"
+  for part in $(seq 0 $((parts - 1))); do
+    count "$logs/$preset-$part.log" "$(cat "$logs/$preset-$part.status" || echo 1)"
   done
 }
 
