@@ -158,6 +158,15 @@ TEST(Fidelity, LinksThatLeadNowhereAreNamed) {
        "d=dir d/a=link ../b"},
       // An earlier run's file is not what is linked to, though it has the name.
       {"@old ", {{"l", "", '1', "f"}, {"f", "new"}}, "", "f=file new l=file new"},
+      // Names of the archive and those that come of them are two things, in either order.
+      {"--strip-components=1 ",
+       {{"f", "top"}, {"d/f", "data"}, {"d/l", "", '1', "f"}, {"d/m", "", '1', "d/f"}},
+       "l: The target of a hard link was not extracted.",
+       "f=file data m=file data"},
+      {"--strip-components=1 ",
+       {{"d/f", "data"}, {"f", "top"}, {"d/m", "", '1', "d/f"}, {"d/l", "", '1', "f"}},
+       "l: The target of a hard link was not extracted.",
+       "f=file data m=file data"},
       {"@old ",
        {{"g", "", '1', "l"}, {"l", "", '1', "f"}, {"f", "new"}},
        "",

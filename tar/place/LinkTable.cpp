@@ -15,13 +15,8 @@ namespace {
 
 constexpr uint64_t kMadeBit = 1;
 
-// A false hit, once in many billions, leaves a link out, and that is said; or links to a file of before. The
-// lowest bit is free for the mark, and the one above it is always set, so that no entry looks like a free
-// place.
-uint64_t hashOf(const std::string& path) {
-  constexpr uint64_t kNotFree = 2;
-  return (std::hash<std::string>()(cleanPath(path)) & ~kMadeBit) | kNotFree;
-}
+// Some bits in the middle of a hash, by which a stored path is told from one on the disk.
+constexpr uint64_t kStored = 0x5A5A5A5A5A5A0000;
 
 // Where the hash is, or would be; there is always a free place.
 size_t placeOf(const std::vector<uint64_t>& table, uint64_t hash) {
@@ -34,14 +29,29 @@ size_t placeOf(const std::vector<uint64_t>& table, uint64_t hash) {
 
 }  // namespace
 
+// A false hit, once in many billions, leaves a link out, and that is said; or links to a file of before. The
+// lowest bit is free for the mark, and the one above it is always set, so that no entry looks like a free
+// place.
+uint64_t LinkTable::keyOf(const std::string& path) {
+  constexpr uint64_t kNotFree = 2;
+  return (std::hash<std::string>()(cleanPath(path)) & ~kMadeBit) | kNotFree;
+}
+
+uint64_t LinkTable::storedKeyOf(const std::string& stored) { return keyOf(stored) ^ kStored; }
+
 // A later member of the same path takes its entry over. The table is three quarters full at most, which keeps
 // searches short and ends them at a free place.
-void LinkTable::note(const std::string& path, Seen seen) {
+void LinkTable::note(uint64_t key, Seen seen) {
   if (m_seenCount + m_seenCount / 3 >= m_seen.size()) grow();
-  const uint64_t hash = hashOf(path);
-  uint64_t& place = m_seen[placeOf(m_seen, hash)];
+  uint64_t& place = m_seen[placeOf(m_seen, key)];
   m_seenCount += place == 0;
-  place = hash | (seen == Seen::Made ? kMadeBit : 0);
+  place = key | (seen == Seen::Made ? kMadeBit : 0);
+}
+
+LinkTable::Seen LinkTable::find(uint64_t key) const {
+  if (m_seen.empty()) return Seen::Nothing;
+  const uint64_t found = m_seen[placeOf(m_seen, key)];
+  return found == 0 ? Seen::Nothing : (found & kMadeBit) != 0 ? Seen::Made : Seen::Unmade;
 }
 
 // Every entry is placed anew, as its place depends on the size. That needs no names: what is kept of one is
@@ -58,22 +68,43 @@ void LinkTable::grow() {
 // A link that waits is not there yet, whatever an earlier member of its name was; so a link to it has to wait
 // as well.
 LinkTable::Seen LinkTable::seen(const std::string& path) const {
-  if (m_seen.empty() || waits(path)) return Seen::Nothing;
-  const uint64_t found = m_seen[placeOf(m_seen, hashOf(path))];
-  return found == 0 ? Seen::Nothing : (found & kMadeBit) != 0 ? Seen::Made : Seen::Unmade;
+  return waits(path) ? Seen::Nothing : find(keyOf(path));
 }
 
-void LinkTable::noteRenamed(const std::string& from, const std::string& to) {
-  m_renamed[cleanPath(from)] = to;
+void LinkTable::noteUnchosen(const std::string& stored) {
+  note(storedKeyOf(stored), Seen::Unmade);
+  m_anyUnchosen = true;
 }
 
-void LinkTable::forgetRenamed(const std::string& path) {
-  if (!m_renamed.empty()) m_renamed.erase(cleanPath(path));
+// Only where another word is to be taken back: most runs have none.
+void LinkTable::noteChosen(const std::string& stored) {
+  if (m_anyUnchosen && find(storedKeyOf(stored)) == Seen::Unmade) note(storedKeyOf(stored), Seen::Made);
+}
+
+void LinkTable::noteRenamed(const std::string& stored, const std::string& to) {
+  noteChosen(stored);
+  m_renamed[cleanPath(stored)] = to;
+}
+
+void LinkTable::noteKeptName(const std::string& stored) {
+  noteChosen(stored);
+  if (!m_renamed.empty()) m_renamed.erase(cleanPath(stored));
+}
+
+// What was given by the event is meant as it is, and may be a member whose stored path is another. Where
+// nothing is known of it, a member of that stored path that was not chosen is it: what lies there is of
+// before the run.
+LinkTable::Seen LinkTable::seenTarget(const std::string& target, bool isGiven) const {
+  const Seen found = seen(isGiven ? target : nameNow(target));
+  const bool mayBeUnchosen = !isGiven || (found == Seen::Nothing && !waits(target));
+  const bool isUnchosen = mayBeUnchosen && m_anyUnchosen && find(storedKeyOf(target)) == Seen::Unmade;
+  return isUnchosen ? Seen::Unmade : found;
 }
 
 void LinkTable::clear() {
   m_seen.clear();
   m_seenCount = 0;
+  m_anyUnchosen = false;
   m_renamed.clear();
   m_waiting.clear();
   m_waitingAt.clear();
@@ -100,10 +131,10 @@ void LinkTable::waitFor(Waiting link) {
 }
 
 // One step: a new name is not itself looked up, because it is a name on the disk and not one of the archive.
-const std::string& LinkTable::nameNow(const std::string& path) const {
-  if (m_renamed.empty()) return path;
-  const auto renamed = m_renamed.find(cleanPath(path));
-  return renamed == m_renamed.end() ? path : renamed->second;
+const std::string& LinkTable::nameNow(const std::string& stored) const {
+  if (m_renamed.empty()) return stored;
+  const auto renamed = m_renamed.find(cleanPath(stored));
+  return renamed == m_renamed.end() ? stored : renamed->second;
 }
 
 // Taken before they are made, so that what throws on the way leaves none of them to be made twice. Each waits

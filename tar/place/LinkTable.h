@@ -19,27 +19,32 @@ class LinkTable {
   // Both below the target, after the path rules. Of a link whose target had not come when it did.
   struct Waiting {
     std::string path, target;
-    bool isGiven = false;  // by the event: it means the name that stands there
+    bool isGiven = false;  // by the event: a path on the disk; else a stored one
   };
 
   // Before a run: links never reach over from one archive to the next, nor from one target to another.
   void clear();
 
-  // What became of the last member of a path. Of one that was skipped, refused or filtered out nothing may be
-  // linked to, nor of one that has not come yet, though a file of its name may be there: it would be another
-  // one. The latest word on a path holds.
+  // What became of the last member of a path on the disk. To one that was refused nothing may be linked, nor
+  // to one that has not come yet, though a file of its name may be there: it would be another one. The latest
+  // word on a path holds.
   enum class Seen { Nothing, Unmade, Made };
-  void noteUnmade(const std::string& path) { note(path, Seen::Unmade); }
-  void noteMade(const std::string& path) { note(path, Seen::Made); }
+  void noteUnmade(const std::string& path) { note(keyOf(path), Seen::Unmade); }
+  void noteMade(const std::string& path) { note(keyOf(path), Seen::Made); }
   Seen seen(const std::string& path) const;
 
-  // Links to a member that the event renamed follow its new name. `from` is the stored path after the rules,
-  // `to` the one it got by them.
-  void noteRenamed(const std::string& from, const std::string& to);
-  // A later member of that name was not renamed.
-  void forgetRenamed(const std::string& path);
-  // The path itself where it was not renamed; the reference is good until the table changes or `path` goes.
-  const std::string& nameNow(const std::string& path) const;
+  // The same of stored paths, after the rules: of members that were skipped or filtered out. What stands on
+  // the disk under such a path may be a member that the event renamed.
+  void noteUnchosen(const std::string& stored);
+  // A member was chosen, and links to it follow the name that the event gave it; it may be empty, for none.
+  // `to` is that name after the rules.
+  void noteRenamed(const std::string& stored, const std::string& to);
+  // It was chosen under its own name.
+  void noteKeptName(const std::string& stored);
+  // The path itself where it was not renamed; the reference is good until the table changes or `stored` goes.
+  const std::string& nameNow(const std::string& stored) const;
+  // What became of a link's target: a stored path, or a path on the disk that was given by the event.
+  Seen seenTarget(const std::string& target, bool isGiven) const;
 
   // Whoever calls it has let an earlier one of its name give way (replaceWaiting).
   void waitFor(Waiting link);
@@ -55,14 +60,20 @@ class LinkTable {
   std::vector<Waiting> takeWaiting();
 
  private:
-  void note(const std::string& path, Seen seen);
+  // Of a path on the disk, and of a stored one.
+  static uint64_t keyOf(const std::string& path);
+  static uint64_t storedKeyOf(const std::string& stored);
+  void note(uint64_t key, Seen seen);
+  Seen find(uint64_t key) const;
+  void noteChosen(const std::string& stored);
   // Only ever to twice the size.
   void grow();
 
-  // A hash of a path each, its lowest bit telling whether the member was made; 0 is a free place. Probed one
-  // after the other. A set of the library would take four times the memory.
+  // A hash of a path each, its lowest bit telling whether the member was made, or chosen; 0 is a free place.
+  // Probed one after the other. A set of the library would take four times the memory.
   std::vector<uint64_t> m_seen;
   size_t m_seenCount = 0;
+  bool m_anyUnchosen = false;  // as long as not, no stored path is in there
   // By old name, the new one. Empty for nearly every run.
   std::map<std::string, std::string> m_renamed;
   // The links, those that gave way without a path, and where each stands.

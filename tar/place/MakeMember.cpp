@@ -188,8 +188,10 @@ Outcome MemberPlacer::makeHardLink(const Member& member, const Io& io, Placed& p
   // What the event says of a link is meant as it says it, by the name that the target has on the disk.
   const std::string target = m_linkIsGiven ? stored : m_links.nameNow(stored);
   const std::string& path = m_path.entryPath().str();
+  // What is left of a path that the rules or the event take away.
   if (target.empty()) {
-    sayNoTarget(kNoTarget, target, io);
+    if (member.size > 0) return makeFile(member, io, placed);
+    sayNoTarget(stored.empty() ? kNoTarget : kTargetNotExtracted, stored, io);
     return Outcome::Unusable;
   }
   // Asked now, because a link that waits would keep both paths until the end, whatever their length.
@@ -198,7 +200,7 @@ Outcome MemberPlacer::makeHardLink(const Member& member, const Io& io, Placed& p
     io.fail(kTargetTooLong);
     return Outcome::Unusable;
   }
-  const LinkTable::Seen seen = m_links.seen(target);
+  const LinkTable::Seen seen = m_links.seenTarget(stored, m_linkIsGiven);
   ConfinedDir::Linked linked = ConfinedDir::Linked::Missing;
   if (seen == LinkTable::Seen::Made) {
     const Outcome outcome = m_target.makeHardLink(m_path, settings(), target, linked, io.log);
@@ -217,7 +219,7 @@ Outcome MemberPlacer::makeHardLink(const Member& member, const Io& io, Placed& p
     io.fail("A hard link leads to itself.");
     return Outcome::Unusable;
   }
-  m_links.waitFor({path, target, m_linkIsGiven});
+  m_links.waitFor({path, stored, m_linkIsGiven});
   return Outcome::Ok;
 }
 
@@ -278,7 +280,8 @@ bool MemberPlacer::makeWaitingLink(const LinkTable::Waiting& link, const Io& io)
   ConfinedDir* const confined = m_target.confinedFor(m_path, settings(), io.log);
   // A target that has not come may still lie there from before the run, and is good now: nothing in the
   // archive replaces it.
-  const bool mayLink = m_links.seen(target) != LinkTable::Seen::Unmade;
+  const bool mayLink =
+      !target.empty() && m_links.seenTarget(link.target, link.isGiven) != LinkTable::Seen::Unmade;
   Linked linked = Linked::Missing;
   if (mayLink && confined) linked = confined->makeHardLink(link.path, target, io.log);
   if (linked == Linked::Ok) return true;

@@ -52,11 +52,13 @@ void MemberPlacer::announce(const Member& member, const Io& io) {
   if (m_live.refresh()) setPath(member, io);
 }
 
-// Whatever was not chosen is no target for later links, for whatever reason.
+// Whatever was not chosen is no target for later links, for whatever reason. Where the event has left it no
+// name, that is noted already.
 MemberPlacer::Choice MemberPlacer::chooseAndNote(Member& member, Aim aim, const Io& io) {
+  m_linkIsGiven = m_isRenamed = false;
   const Choice choice = chooseByRules(member, aim, io);
-  if (restored().link && aim == Aim::Extract && choice != Choice::Extract) {
-    m_links.noteUnmade(m_path.entryPath().str());
+  if (restored().link && aim == Aim::Extract && choice != Choice::Extract && !m_isRenamed) {
+    m_links.noteUnchosen(m_path.entryPath().str());
   }
   return choice;
 }
@@ -73,7 +75,6 @@ MemberPlacer::Choice MemberPlacer::chooseByRules(Member& member, Aim aim, const 
   const bool isAllowed =
       (aim != Aim::Extract || isAllowedDepth()) && m_limits.mayTakeData(size, settings().options);
   if (!isAllowed) return Choice::LimitReached;
-  m_linkIsGiven = m_isRenamed = false;
   if (isSkippedByEvent(member, aim, io)) return Choice::Skipped;
   if (member.isContinuation) {
     io.fail("The member is continued from another volume.");
@@ -127,7 +128,11 @@ MemberPlacer::Choice MemberPlacer::offerForChange(Member& member, Aim aim, const
 
 // A target that changed in the middle of a run is finished before the first member goes elsewhere: the table
 // of links and the directories to settle are of one target. Whatever was not made is no target for links.
-Placed MemberPlacer::place(const Member& member, const Io& io) {
+Placed MemberPlacer::place(const Member& member, const Io& io) { return place(member, Time::First, io); }
+
+// What is done again was noted as made in its turn, and what came behind it may have a later word on its
+// name.
+Placed MemberPlacer::place(const Member& member, Time time, const Io& io) {
   using Outcome = ExtractTarget::Outcome;
   Placed placed;
   if (restored().any() && m_target.isElsewhere(m_path)) {
@@ -146,8 +151,9 @@ Placed MemberPlacer::place(const Member& member, const Io& io) {
     // A link that waits is not there yet.
     // What is kept in a member's place is what later links mean.
     const bool isThere = (outcome == Outcome::Ok && !m_links.waits(path)) || outcome == Outcome::Exists;
-    isThere ? m_links.noteMade(path) : m_links.noteUnmade(path);
-    if (!m_isRenamed) m_links.forgetRenamed(path);
+    if (!isThere) m_links.noteUnmade(path);
+    if (isThere && time == Time::First) m_links.noteMade(path);
+    if (!m_isRenamed && time == Time::First) m_links.noteKeptName(path);
   }
   if (outcome == Outcome::Ok) return placed;
   if (outcome == Outcome::Exists) {

@@ -175,9 +175,10 @@ class MemberPlacer {
   bool doUndone(bool waitsForAll, DoAgain doAgain) {
     const WriteBehind::File* file = m_behind ? m_behind->nextUndone(waitsForAll) : nullptr;
     if (!file) return true;
-    // The member that the run is at is gone on with afterwards, also behind an exception.
-    Current current = setAside();
-    const ScopeExit goBack([&] { goBackTo(std::move(current)); });
+    // The member that the run is at is gone on with afterwards, also behind an exception. Its path is all of
+    // it that doing others again changes.
+    MemberPath current = std::exchange(m_path, MemberPath());
+    const ScopeExit goBack([&] { m_path = std::move(current); });
     bool ok = true;
     while (file && ok) {
       ok = doAgain(*file);
@@ -237,6 +238,9 @@ class MemberPlacer {
   // The steps of choose, in this order. All may run the application's callbacks, and so any of them may
   // throw. A limit is not told by them.
   Choice chooseAndNote(Member& member, Aim aim, const Io& io);
+  // Again: by placeAgain.
+  enum class Time { First, Again };
+  Placed place(const Member& member, Time time, const Io& io);
   Choice chooseByRules(Member& member, Aim aim, const Io& io);
   bool isSkippedByEvent(const Member& member, Aim aim, const Io& io);
   Choice offerForChange(Member& member, Aim aim, const Io& io);
@@ -268,13 +272,6 @@ class MemberPlacer {
   bool isKeptAsNewer(const Member& member, const Io& io);
   // Whether the run does without a member of that outcome.
   bool goesOnWithout(ExtractTarget::Outcome outcome) const;
-  // What doUndone exchanges for the member that is done again.
-  struct Current {
-    MemberPath path;
-    bool isRenamed, linkIsGiven;
-  };
-  Current setAside();
-  void goBackTo(Current current);
   // The first: whether the run as it is now allows it at all; the others, of one path or member, whether it
   // is plain enough. Paths are clean here.
   bool mayWriteBehind(const Io& io) const;

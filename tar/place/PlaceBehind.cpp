@@ -112,7 +112,7 @@ void MemberPlacer::submitBehind(WriteBehind::File& file) {
     // The steps that place() takes for a file that was made.
     m_links.replaceWaiting(path);
     m_links.noteMade(path);
-    if (!m_isRenamed) m_links.forgetRenamed(path);
+    if (!m_isRenamed) m_links.noteKeptName(path);
   }
   m_behind->submit(file);
 }
@@ -121,8 +121,7 @@ void MemberPlacer::submitBehind(WriteBehind::File& file) {
 Placed MemberPlacer::placeAgain(const WriteBehind::File& file, const Io& io) {
   m_path = MemberPath(file.targetDir);
   m_path.setAgain(file.entryPath);
-  m_isRenamed = true;  // what became of its stored name was noted in its turn
-  return place(file.member, io);
+  return place(file.member, Time::Again, io);
 }
 
 // Without a monitor: progress was told as the data came. Times are the restorer's to set: files are handed
@@ -130,17 +129,6 @@ Placed MemberPlacer::placeAgain(const WriteBehind::File& file, const Io& io) {
 FileEnd MemberPlacer::fillAgain(const WriteBehind::File& file, const Placed& placed, const Io& io) {
   const bool isWritten = file.writeTo(*placed.out, io.log);
   return settle(file.member, *placed.out, *placed.file, isWritten, {}, io);
-}
-
-// Doing an earlier file again makes that the current member, and the path of this one must outlast it.
-MemberPlacer::Current MemberPlacer::setAside() {
-  return {std::exchange(m_path, MemberPath()), m_isRenamed, m_linkIsGiven};
-}
-
-void MemberPlacer::goBackTo(Current current) {
-  m_path = std::move(current.path);
-  m_isRenamed = current.isRenamed;
-  m_linkIsGiven = current.linkIsGiven;
 }
 
 // What was chosen before is made. Failures have nobody to be told to, and the next file is done all the same.
