@@ -158,6 +158,20 @@ TEST(Fidelity, LinksThatLeadNowhereAreNamed) {
        "d=dir d/a=link ../b"},
       // An earlier run's file is not what is linked to, though it has the name.
       {"@old ", {{"l", "", '1', "f"}, {"f", "new"}}, "", "f=file new l=file new"},
+      // Each means what its target was just then; a target that could not be made is none, whatever was
+      // there.
+      {"",
+       {{"f", "one"}, {"l", "", '1', "f"}, {"f", "two"}, {"m", "", '1', "f"}},
+       "",
+       "f=file two l=file one m=file two"},
+      {"@old ",
+       {{"f", "one"}, {"l", "", '1', "f"}, {"f", "two"}, {"m", "", '1', "f"}},
+       "",
+       "f=file two l=file one m=file two"},
+      {"",
+       {{"f", "one"}, {"s", "", '2', "."}, {"../f", "two"}, {"l", "", '1', "f"}, {"s/l", "", '1', "none"}},
+       "../f: refused: its path leaves the target\ns/l: The target of a hard link is not there.",
+       "f=file one l=file one s=link ."},
       // Names of the archive and those that come of them are two things, in either order.
       {"--strip-components=1 ",
        {{"f", "top"}, {"d/f", "data"}, {"d/l", "", '1', "f"}, {"d/m", "", '1', "d/f"}},

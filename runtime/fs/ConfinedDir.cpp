@@ -124,17 +124,22 @@ ConfinedDir::Result ConfinedDir::makeNode(const std::string& path, unsigned mode
                    [&](int parent, const char* leaf) { return mknodat(parent, leaf, mode, device); });
 }
 
-// No link on the way to either is followed, as for a link that is to be made.
+// No link on the way is followed, as for a link that is to be made.
+bool ConfinedDir::lookAt(const std::string& path, struct stat& status) {
+  Place place;
+  return isConfinable(path) && openExistingParentOf(path, place, Passing::NoLinks) &&
+         fstatat(place.parent.fd(), place.leaf.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
+bool ConfinedDir::isThere(const std::string& path) {
+  struct stat status;
+  return lookAt(path, status);
+}
+
 bool ConfinedDir::isOneFile(const std::string& path, const std::string& other) {
-  struct stat status[2];
-  const std::string* const paths[] = {&path, &other};
-  for (int i = 0; i < 2; ++i) {
-    Place place;
-    if (!isConfinable(*paths[i]) || !openExistingParentOf(*paths[i], place, Passing::NoLinks) ||
-        fstatat(place.parent.fd(), place.leaf.c_str(), &status[i], AT_SYMLINK_NOFOLLOW) != 0)
-      return false;
-  }
-  return !S_ISDIR(status[0].st_mode) && Identity::of(status[0]) == Identity::of(status[1]);
+  struct stat one, another;
+  return lookAt(path, one) && lookAt(other, another) && !S_ISDIR(one.st_mode) &&
+         Identity::of(one) == Identity::of(another);
 }
 
 // The target is found before parents of the new name are made, so that a link to nothing leaves no

@@ -66,10 +66,14 @@ class ConfinedDir : public ConfinedWalk {
   // to it unless members may lie anywhere; on the way to the new name they are as for any member. A name that
   // already belongs to the same file is Ok.
   Linked makeHardLink(const std::string& path, const std::string& target, LogBase& log);
-  // Whether both paths are there and name one file, which is no directory. No link on the way is followed.
+  // Whether there is anything of that path, a link included. No link on the way is followed.
+  bool isThere(const std::string& path);
+  // Whether both paths are there and name one file, which is no directory.
   bool isOneFile(const std::string& path, const std::string& other);
 
  private:
+  // What is there, by itself. False where nothing is.
+  bool lookAt(const std::string& path, struct stat& status);
   // Opens what has just been made, and makes sure that it is that. `device` counts for devices alone. Closed
   // again where it is foreign.
   Result openMade(const Place& place, unsigned type, unsigned long long device, const std::string& path,

@@ -53,7 +53,7 @@ void ExtractTarget::protect(const mvFileInfo& archive) {
 // last member may stay: judge() clears it.
 void ExtractTarget::reset() {
   m_confined = ConfinedDir();
-  m_hasArchive = false;
+  m_hasArchive = m_wasEmpty = false;
 }
 
 // Opened when the first member needs it, and kept: a run has one target, unless UntarFromDir or Confine is

@@ -81,6 +81,8 @@ class ExtractTarget {
   // where nothing was opened, and where it could not be told.
   void noteWhetherEmpty(bool notesEmpty) { m_notesEmpty = notesEmpty; }
   bool wasEmpty() const { return m_wasEmpty; }
+  // Whether all that a member's path may lead to has come there since: no path leads out of the target.
+  bool holdsOwnAlone() const { return m_wasEmpty && m_confinedHow != ConfinedDir::Links::Anywhere; }
   // What comes before anything is made on the confined way: the path is judged, and the directory open. Each
   // of the above begins with it.
   Outcome enter(const MemberPath& path, const ReadSettings& settings, LogBase& log);

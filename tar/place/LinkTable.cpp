@@ -71,6 +71,10 @@ LinkTable::Seen LinkTable::seen(const std::string& path) const {
   return waits(path) ? Seen::Nothing : find(keyOf(path));
 }
 
+void LinkTable::forgetUnmade(const std::string& path) {
+  if (!m_seen.empty() && find(keyOf(path)) == Seen::Unmade) noteMade(path);
+}
+
 void LinkTable::noteUnchosen(const std::string& stored) {
   note(storedKeyOf(stored), Seen::Unmade);
   m_anyUnchosen = true;

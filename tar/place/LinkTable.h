@@ -11,9 +11,9 @@
 
 namespace morvane {
 
-// It holds names and touches no file. A run may place or skip millions: of those a hash each is kept, 11 to
-// 22 bytes. Whole names are kept only of what is renamed or early. One thread. Paths are bytes of any length;
-// memory grows with the archive, and nothing but a lack of it fails.
+// It holds names and touches no file. A run may place or skip millions: of those that are noted a hash each
+// is kept, 11 to 22 bytes. Whole names are kept only of what is renamed or early. One thread. Paths are bytes
+// of any length; memory grows with the archive, and nothing but a lack of it fails.
 class LinkTable {
  public:
   // Both below the target, after the path rules. Of a link whose target had not come when it did.
@@ -31,6 +31,8 @@ class LinkTable {
   enum class Seen { Nothing, Unmade, Made };
   void noteUnmade(const std::string& path) { note(keyOf(path), Seen::Unmade); }
   void noteMade(const std::string& path) { note(keyOf(path), Seen::Made); }
+  // Where it is known without a note that it was made.
+  void forgetUnmade(const std::string& path);
   Seen seen(const std::string& path) const;
 
   // The same of stored paths, after the rules: of members that were skipped or filtered out. What stands on

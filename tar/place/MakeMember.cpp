@@ -200,7 +200,8 @@ Outcome MemberPlacer::makeHardLink(const Member& member, const Io& io, Placed& p
     io.fail(kTargetTooLong);
     return Outcome::Unusable;
   }
-  const LinkTable::Seen seen = m_links.seenTarget(stored, m_linkIsGiven);
+  LinkTable::Seen seen = m_links.seenTarget(stored, m_linkIsGiven);
+  if (seen == LinkTable::Seen::Nothing && isMadeWithoutNote(target)) seen = LinkTable::Seen::Made;
   ConfinedDir::Linked linked = ConfinedDir::Linked::Missing;
   if (seen == LinkTable::Seen::Made) {
     const Outcome outcome = m_target.makeHardLink(m_path, settings(), target, linked, io.log);
@@ -221,6 +222,13 @@ Outcome MemberPlacer::makeHardLink(const Member& member, const Io& io, Placed& p
   }
   m_links.waitFor({path, stored, m_linkIsGiven});
   return Outcome::Ok;
+}
+
+// In a target that was empty everything is of this run (noteMade). One that is not open yet has nothing of
+// it.
+bool MemberPlacer::isMadeWithoutNote(const std::string& target) {
+  return m_target.holdsOwnAlone() && !m_target.isElsewhere(m_path) && !m_links.waits(target) &&
+         m_target.confined()->isThere(target);
 }
 
 // An output that is no SparseOutput has nothing to end: the member has no holes.

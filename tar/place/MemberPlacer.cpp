@@ -152,7 +152,7 @@ Placed MemberPlacer::place(const Member& member, Time time, const Io& io) {
     // What is kept in a member's place is what later links mean.
     const bool isThere = (outcome == Outcome::Ok && !m_links.waits(path)) || outcome == Outcome::Exists;
     if (!isThere) m_links.noteUnmade(path);
-    if (isThere && time == Time::First) m_links.noteMade(path);
+    if (isThere && time == Time::First) noteMade(path);
     if (!m_isRenamed && time == Time::First) m_links.noteKeptName(path);
   }
   if (outcome == Outcome::Ok) return placed;
@@ -172,6 +172,12 @@ Placed MemberPlacer::place(const Member& member, Time time, const Io& io) {
     placed.result = noPlace ? Placed::Result::NoPlace : Placed::Result::NotMade;
   }
   return placed;
+}
+
+// Where there was nothing before the run, what is there tells it (makeHardLink), and nothing need be kept of
+// each of millions of members.
+void MemberPlacer::noteMade(const std::string& path) {
+  m_target.holdsOwnAlone() ? m_links.forgetUnmade(path) : m_links.noteMade(path);
 }
 
 // The notice first, then the event: a callback that reads the log finds it there. Without a refusal the cause

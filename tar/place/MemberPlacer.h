@@ -241,6 +241,9 @@ class MemberPlacer {
   // Again: by placeAgain.
   enum class Time { First, Again };
   Placed place(const Member& member, Time time, const Io& io);
+  // For links, and whether it was.
+  void noteMade(const std::string& path);
+  bool isMadeWithoutNote(const std::string& target);
   Choice chooseByRules(Member& member, Aim aim, const Io& io);
   bool isSkippedByEvent(const Member& member, Aim aim, const Io& io);
   Choice offerForChange(Member& member, Aim aim, const Io& io);

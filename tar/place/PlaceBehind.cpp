@@ -10,14 +10,14 @@
 namespace morvane {
 
 // Only on the confined way, where everything is made exclusively. Whether the target was empty can only be
-// seen when it is opened, and is asked for files that go behind alone.
+// seen when it is opened: that is asked for files at its top that go behind, and for hard links.
 void MemberPlacer::beginBehind() {
   m_behind.reset();
   unsigned workers = restored().any() ? workerCount(settings().options.codec.threads) : 0;
   // Each has a file open, and the next that the run itself needs must be had.
   if (workers > 0) workers = std::min(workers, filesToSpare());
   if (workers > 0) m_behind = std::make_unique<WriteBehind>(workers);
-  m_target.noteWhetherEmpty(m_behind != nullptr);
+  m_target.noteWhetherEmpty(m_behind || restored().link);
 }
 
 // Only where nobody counts or follows the single steps: a verbose log, UntarMaxCount. As the properties are
@@ -111,7 +111,7 @@ void MemberPlacer::submitBehind(WriteBehind::File& file) {
     const std::string& path = m_path.entryPath().str();
     // The steps that place() takes for a file that was made.
     m_links.replaceWaiting(path);
-    m_links.noteMade(path);
+    noteMade(path);
     if (!m_isRenamed) m_links.noteKeptName(path);
   }
   m_behind->submit(file);
