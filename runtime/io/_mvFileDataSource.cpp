@@ -133,7 +133,13 @@ bool _mvFileDataSource::adopt(OsFile file, const char* path, LogBase& log) {
 
 bool _mvFileDataSource::adoptFrom(const _mvFileDataSource& other, long long position, LogBase& log) {
   const State& from = *other.m_state;
-  return adopt(from.file.duplicate(), from.path.c_str(), log) && fseekAbsolute64(position, log);
+  OsFile second = from.file.duplicate();
+  if (!second.isOpen()) {
+    logOsError(log, kCannotOpen, from.path.c_str(), errno);
+    m_state->failed = true;
+    return false;
+  }
+  return adopt(std::move(second), from.path.c_str(), log) && fseekAbsolute64(position, log);
 }
 
 // Whoever calls this has examined the file: it is regular and stands at its beginning. That saves two system

@@ -15,9 +15,6 @@ namespace {
 
 constexpr uint64_t kMadeBit = 1;
 
-// Some bits in the middle of a hash, by which a stored path is told from one on the disk.
-constexpr uint64_t kStored = 0x5A5A5A5A5A5A0000;
-
 // Where the hash is, or would be; there is always a free place.
 size_t placeOf(const std::vector<uint64_t>& table, uint64_t hash) {
   const size_t mask = table.size() - 1;  // the size is a power of two
@@ -32,26 +29,33 @@ size_t placeOf(const std::vector<uint64_t>& table, uint64_t hash) {
 // A false hit, once in many billions, leaves a link out, and that is said; or links to a file of before. The
 // lowest bit is free for the mark, and the one above it is always set, so that no entry looks like a free
 // place.
-uint64_t LinkTable::keyOf(const std::string& path) {
+uint64_t LinkTable::keyOf(const std::string& path, About about) {
   constexpr uint64_t kNotFree = 2;
-  return (std::hash<std::string>()(cleanPath(path)) & ~kMadeBit) | kNotFree;
+  // Bits in the middle: the low ones choose the place.
+  constexpr unsigned kShift = 40;
+  const uint64_t hash = std::hash<std::string>()(cleanPath(path)) ^ static_cast<uint64_t>(about) << kShift;
+  return (hash & ~kMadeBit) | kNotFree;
 }
 
-uint64_t LinkTable::storedKeyOf(const std::string& stored) { return keyOf(stored) ^ kStored; }
-
-// A later member of the same path takes its entry over. The table is three quarters full at most, which keeps
+// A later note of the same kind takes the entry over. The table is three quarters full at most, which keeps
 // searches short and ends them at a free place.
-void LinkTable::note(uint64_t key, Seen seen) {
+void LinkTable::note(const std::string& path, About about, Seen seen) {
   if (m_seenCount + m_seenCount / 3 >= m_seen.size()) grow();
+  const uint64_t key = keyOf(path, about);
   uint64_t& place = m_seen[placeOf(m_seen, key)];
   m_seenCount += place == 0;
   place = key | (seen == Seen::Made ? kMadeBit : 0);
 }
 
-LinkTable::Seen LinkTable::find(uint64_t key) const {
+LinkTable::Seen LinkTable::find(const std::string& path, About about) const {
   if (m_seen.empty()) return Seen::Nothing;
-  const uint64_t found = m_seen[placeOf(m_seen, key)];
+  const uint64_t found = m_seen[placeOf(m_seen, keyOf(path, about))];
   return found == 0 ? Seen::Nothing : (found & kMadeBit) != 0 ? Seen::Made : Seen::Unmade;
+}
+
+// Only what was noted, since most runs have nothing to take back.
+void LinkTable::takeBack(const std::string& path, About about) {
+  if (find(path, about) == Seen::Unmade) note(path, about, Seen::Made);
 }
 
 // Every entry is placed anew, as its place depends on the size. That needs no names: what is kept of one is
@@ -68,47 +72,34 @@ void LinkTable::grow() {
 // A link that waits is not there yet, whatever an earlier member of its name was; so a link to it has to wait
 // as well.
 LinkTable::Seen LinkTable::seen(const std::string& path) const {
-  return waits(path) ? Seen::Nothing : find(keyOf(path));
-}
-
-void LinkTable::forgetUnmade(const std::string& path) {
-  if (!m_seen.empty() && find(keyOf(path)) == Seen::Unmade) noteMade(path);
-}
-
-void LinkTable::noteUnchosen(const std::string& stored) {
-  note(storedKeyOf(stored), Seen::Unmade);
-  m_anyUnchosen = true;
-}
-
-// Only where another word is to be taken back: most runs have none.
-void LinkTable::noteChosen(const std::string& stored) {
-  if (m_anyUnchosen && find(storedKeyOf(stored)) == Seen::Unmade) note(storedKeyOf(stored), Seen::Made);
+  return waits(path) ? Seen::Nothing : find(path, About::Disk);
 }
 
 void LinkTable::noteRenamed(const std::string& stored, const std::string& to) {
-  noteChosen(stored);
+  takeBack(stored, About::Choice);
   m_renamed[cleanPath(stored)] = to;
+  note(to, About::Name, Seen::Unmade);
 }
 
 void LinkTable::noteKeptName(const std::string& stored) {
-  noteChosen(stored);
-  if (!m_renamed.empty()) m_renamed.erase(cleanPath(stored));
+  takeBack(stored, About::Choice);
+  if (m_renamed.empty()) return;
+  m_renamed.erase(cleanPath(stored));
+  takeBack(stored, About::Name);
 }
 
-// What was given by the event is meant as it is, and may be a member whose stored path is another. Where
-// nothing is known of it, a member of that stored path that was not chosen is it: what lies there is of
-// before the run.
-LinkTable::Seen LinkTable::seenTarget(const std::string& target, bool isGiven) const {
-  const Seen found = seen(isGiven ? target : nameNow(target));
-  const bool mayBeUnchosen = !isGiven || (found == Seen::Nothing && !waits(target));
-  const bool isUnchosen = mayBeUnchosen && m_anyUnchosen && find(storedKeyOf(target)) == Seen::Unmade;
-  return isUnchosen ? Seen::Unmade : found;
+bool LinkTable::isUnchosen(const std::string& stored) const {
+  return find(stored, About::Choice) == Seen::Unmade;
+}
+
+bool LinkTable::isAnothers(const std::string& stored) const {
+  return !m_renamed.empty() && m_renamed.count(cleanPath(stored)) == 0 &&
+         find(stored, About::Name) == Seen::Unmade;
 }
 
 void LinkTable::clear() {
   m_seen.clear();
   m_seenCount = 0;
-  m_anyUnchosen = false;
   m_renamed.clear();
   m_waiting.clear();
   m_waitingAt.clear();

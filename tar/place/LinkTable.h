@@ -29,15 +29,15 @@ class LinkTable {
   // to one that has not come yet, though a file of its name may be there: it would be another one. The latest
   // word on a path holds.
   enum class Seen { Nothing, Unmade, Made };
-  void noteUnmade(const std::string& path) { note(keyOf(path), Seen::Unmade); }
-  void noteMade(const std::string& path) { note(keyOf(path), Seen::Made); }
+  void noteUnmade(const std::string& path) { note(path, About::Disk, Seen::Unmade); }
+  void noteMade(const std::string& path) { note(path, About::Disk, Seen::Made); }
   // Where it is known without a note that it was made.
-  void forgetUnmade(const std::string& path);
+  void forgetUnmade(const std::string& path) { takeBack(path, About::Disk); }
   Seen seen(const std::string& path) const;
 
   // The same of stored paths, after the rules: of members that were skipped or filtered out. What stands on
   // the disk under such a path may be a member that the event renamed.
-  void noteUnchosen(const std::string& stored);
+  void noteUnchosen(const std::string& stored) { note(stored, About::Choice, Seen::Unmade); }
   // A member was chosen, and links to it follow the name that the event gave it; it may be empty, for none.
   // `to` is that name after the rules.
   void noteRenamed(const std::string& stored, const std::string& to);
@@ -45,8 +45,10 @@ class LinkTable {
   void noteKeptName(const std::string& stored);
   // The path itself where it was not renamed; the reference is good until the table changes or `stored` goes.
   const std::string& nameNow(const std::string& stored) const;
-  // What became of a link's target: a stored path, or a path on the disk that was given by the event.
-  Seen seenTarget(const std::string& target, bool isGiven) const;
+  // Whether the last member of that stored path was not chosen.
+  bool isUnchosen(const std::string& stored) const;
+  // Whether what stands on the disk under that stored path is another member, which the event has renamed.
+  bool isAnothers(const std::string& stored) const;
 
   // Whoever calls it has let an earlier one of its name give way (replaceWaiting).
   void waitFor(Waiting link);
@@ -62,20 +64,20 @@ class LinkTable {
   std::vector<Waiting> takeWaiting();
 
  private:
-  // Of a path on the disk, and of a stored one.
-  static uint64_t keyOf(const std::string& path);
-  static uint64_t storedKeyOf(const std::string& stored);
-  void note(uint64_t key, Seen seen);
-  Seen find(uint64_t key) const;
-  void noteChosen(const std::string& stored);
+  // What a note is about: whether a path on the disk was made, whether a stored one was chosen, and whether
+  // the disk has under it what is stored so. Unmade stands for the negative answer.
+  enum class About { Disk, Choice, Name };
+  static uint64_t keyOf(const std::string& path, About about);
+  void note(const std::string& path, About about, Seen seen);
+  Seen find(const std::string& path, About about) const;
+  void takeBack(const std::string& path, About about);
   // Only ever to twice the size.
   void grow();
 
-  // A hash of a path each, its lowest bit telling whether the member was made, or chosen; 0 is a free place.
-  // Probed one after the other. A set of the library would take four times the memory.
+  // A hash of a path and what the note is about each, its lowest bit telling Made from Unmade; 0 is a free
+  // place. Probed one after the other. A set of the library would take four times the memory.
   std::vector<uint64_t> m_seen;
   size_t m_seenCount = 0;
-  bool m_anyUnchosen = false;  // as long as not, no stored path is in there
   // By old name, the new one. Empty for nearly every run.
   std::map<std::string, std::string> m_renamed;
   // The links, those that gave way without a path, and where each stands.

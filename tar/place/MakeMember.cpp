@@ -200,8 +200,7 @@ Outcome MemberPlacer::makeHardLink(const Member& member, const Io& io, Placed& p
     io.fail(kTargetTooLong);
     return Outcome::Unusable;
   }
-  LinkTable::Seen seen = m_links.seenTarget(stored, m_linkIsGiven);
-  if (seen == LinkTable::Seen::Nothing && isMadeWithoutNote(target)) seen = LinkTable::Seen::Made;
+  const LinkTable::Seen seen = seenTarget(stored, m_linkIsGiven);
   ConfinedDir::Linked linked = ConfinedDir::Linked::Missing;
   if (seen == LinkTable::Seen::Made) {
     const Outcome outcome = m_target.makeHardLink(m_path, settings(), target, linked, io.log);
@@ -220,15 +219,33 @@ Outcome MemberPlacer::makeHardLink(const Member& member, const Io& io, Placed& p
     io.fail("A hard link leads to itself.");
     return Outcome::Unusable;
   }
+  // As above, for the name that it may have by then.
+  if (stored.size() > ExtractTarget::kLongestPath) {
+    io.fail(kTargetTooLong);
+    return Outcome::Unusable;
+  }
   m_links.waitFor({path, stored, m_linkIsGiven});
   return Outcome::Ok;
+}
+
+// `target` is stored, or given as a path on the disk. Of a given one that nothing is known of, a member of
+// that stored path that was not chosen is it: what lies there is of before the run.
+LinkTable::Seen MemberPlacer::seenTarget(const std::string& target, bool isGiven) {
+  using Seen = LinkTable::Seen;
+  const bool isUnchosen = m_links.isUnchosen(target);
+  if (!isGiven && isUnchosen) return Seen::Unmade;
+  // It has not come yet.
+  if (!isGiven && m_links.isAnothers(target)) return Seen::Nothing;
+  const std::string& now = isGiven ? target : m_links.nameNow(target);
+  const Seen seen = m_links.seen(now);
+  if (seen != Seen::Nothing || m_links.waits(now)) return seen;
+  return isMadeWithoutNote(now) ? Seen::Made : isUnchosen ? Seen::Unmade : Seen::Nothing;
 }
 
 // In a target that was empty everything is of this run (noteMade). One that is not open yet has nothing of
 // it.
 bool MemberPlacer::isMadeWithoutNote(const std::string& target) {
-  return m_target.holdsOwnAlone() && !m_target.isElsewhere(m_path) && !m_links.waits(target) &&
-         m_target.confined()->isThere(target);
+  return m_target.holdsOwnAlone() && !m_target.isElsewhere(m_path) && m_target.confined()->isThere(target);
 }
 
 // An output that is no SparseOutput has nothing to end: the member has no holes.
@@ -288,8 +305,9 @@ bool MemberPlacer::makeWaitingLink(const LinkTable::Waiting& link, const Io& io)
   ConfinedDir* const confined = m_target.confinedFor(m_path, settings(), io.log);
   // A target that has not come may still lie there from before the run, and is good now: nothing in the
   // archive replaces it.
+  const bool isAnothers = !link.isGiven && m_links.isAnothers(link.target);
   const bool mayLink =
-      !target.empty() && m_links.seenTarget(link.target, link.isGiven) != LinkTable::Seen::Unmade;
+      !target.empty() && !isAnothers && seenTarget(link.target, link.isGiven) != LinkTable::Seen::Unmade;
   Linked linked = Linked::Missing;
   if (mayLink && confined) linked = confined->makeHardLink(link.path, target, io.log);
   if (linked == Linked::Ok) return true;
@@ -301,7 +319,8 @@ bool MemberPlacer::makeWaitingLink(const LinkTable::Waiting& link, const Io& io)
   }
   // Nothing has to be linked where the two are one from a run before.
   if (!mayLink && confined && confined->isOneFile(link.path, target)) return true;
-  if (linked == Linked::Missing) sayNoTarget(mayLink ? kNoTarget : kTargetNotExtracted, target, io);
+  if (linked == Linked::Missing)
+    sayNoTarget(mayLink ? kNoTarget : kTargetNotExtracted, target.empty() ? link.target : target, io);
   reportLeftOut(linked == Linked::Refused ? confined->lastRefusal() : nullptr, io);
   return false;
 }

@@ -40,6 +40,7 @@ void MemberPlacer::beginRun() {
   releaseTarget();
   m_anyLeftOut = false;
   m_links.clear();
+  m_target.noteWhetherEmpty(false);
   m_restorer.begin(settings().options);
   m_path = MemberPath();
 }

@@ -241,8 +241,9 @@ class MemberPlacer {
   // Again: by placeAgain.
   enum class Time { First, Again };
   Placed place(const Member& member, Time time, const Io& io);
-  // For links, and whether it was.
+  // For links, and what they ask.
   void noteMade(const std::string& path);
+  LinkTable::Seen seenTarget(const std::string& target, bool isGiven);
   bool isMadeWithoutNote(const std::string& target);
   Choice chooseByRules(Member& member, Aim aim, const Io& io);
   bool isSkippedByEvent(const Member& member, Aim aim, const Io& io);

@@ -246,6 +246,8 @@ void WriteBehind::Batch::work() {
 // of the run. Closed before it counts as done, because a network's file system may tell of a failed write
 // only then.
 void WriteBehind::Batch::make(File& file) {
+  // It may throw, and so comes before the file.
+  if (file.origin.file && !piece) piece.reset(new char[kPiece]);
   OsFile made(target->createNew(file.path, file.mode));
   if (!made.isOpen()) return;
   file.isDone = fill(made, file) && file.settlement.apply(made.fd()) && made.close() == 0;
@@ -257,7 +259,6 @@ void WriteBehind::Batch::make(File& file) {
 // piece is not on the stack, because that may be the application's, and a small one.
 bool WriteBehind::Batch::fill(const OsFile& made, const File& file) {
   if (!file.origin.file) return made.writeWhole(file.bytes(), file.size) == 0;
-  if (!piece) piece.reset(new char[kPiece]);
   return forEachPiece(file, piece.get(), kPiece,
                       [&](size_t n) { return made.writeWhole(piece.get(), n) == 0; });
 }
