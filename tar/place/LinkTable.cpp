@@ -41,6 +41,7 @@ uint64_t LinkTable::keyOf(const std::string& path, About about) {
 // searches short and ends them at a free place.
 void LinkTable::note(const std::string& path, About about, Seen seen) {
   if (m_seenCount + m_seenCount / 3 >= m_seen.size()) grow();
+  m_noted |= maskOf(about);
   const uint64_t key = keyOf(path, about);
   uint64_t& place = m_seen[placeOf(m_seen, key)];
   m_seenCount += place == 0;
@@ -48,12 +49,13 @@ void LinkTable::note(const std::string& path, About about, Seen seen) {
 }
 
 LinkTable::Seen LinkTable::find(const std::string& path, About about) const {
-  if (m_seen.empty()) return Seen::Nothing;
+  // Most runs have notes of one kind, or of none.
+  if ((m_noted & maskOf(about)) == 0) return Seen::Nothing;
   const uint64_t found = m_seen[placeOf(m_seen, keyOf(path, about))];
   return found == 0 ? Seen::Nothing : (found & kMadeBit) != 0 ? Seen::Made : Seen::Unmade;
 }
 
-// Only what was noted, since most runs have nothing to take back.
+// Only what was noted, because an entry less is room for another.
 void LinkTable::takeBack(const std::string& path, About about) {
   if (find(path, about) == Seen::Unmade) note(path, about, Seen::Made);
 }
@@ -100,6 +102,7 @@ bool LinkTable::isAnothers(const std::string& stored) const {
 void LinkTable::clear() {
   m_seen.clear();
   m_seenCount = 0;
+  m_noted = 0;
   m_renamed.clear();
   m_waiting.clear();
   m_waitingAt.clear();

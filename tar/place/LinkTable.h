@@ -68,6 +68,7 @@ class LinkTable {
   // the disk has under it what is stored so. Unmade stands for the negative answer.
   enum class About { Disk, Choice, Name };
   static uint64_t keyOf(const std::string& path, About about);
+  static unsigned maskOf(About about) { return 1u << static_cast<unsigned>(about); }
   void note(const std::string& path, About about, Seen seen);
   Seen find(const std::string& path, About about) const;
   void takeBack(const std::string& path, About about);
@@ -78,6 +79,7 @@ class LinkTable {
   // place. Probed one after the other. A set of the library would take four times the memory.
   std::vector<uint64_t> m_seen;
   size_t m_seenCount = 0;
+  unsigned m_noted = 0;  // what there are notes about
   // By old name, the new one. Empty for nearly every run.
   std::map<std::string, std::string> m_renamed;
   // The links, those that gave way without a path, and where each stands.

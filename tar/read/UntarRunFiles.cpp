@@ -190,8 +190,8 @@ void UntarRun::nextFileContext() {
   m_log.enterContext(kFileContext);
 }
 
-// Without a monitor: progress was told as the data were read. It was counted as made. A
-// failure that ends the run is told with this file's path, because placeAgain has made it the current one.
+// Without a monitor: progress was told as the data were read. It was counted as made. A failure that ends the
+// run is told with this file's path, because placeAgain has made it the current one.
 bool UntarRun::doAgain(const WriteBehind::File& file) {
   const Io io(m_log, nullptr, m_io.event);
   Placed placed = m_placer.placeAgain(file, io);
