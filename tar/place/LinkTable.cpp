@@ -85,9 +85,8 @@ void LinkTable::noteRenamed(const std::string& stored, const std::string& to) {
 
 void LinkTable::noteKeptName(const std::string& stored) {
   takeBack(stored, About::Choice);
-  if (m_renamed.empty()) return;
-  m_renamed.erase(cleanPath(stored));
   takeBack(stored, About::Name);
+  if (!m_renamed.empty()) m_renamed.erase(cleanPath(stored));
 }
 
 bool LinkTable::isUnchosen(const std::string& stored) const {
@@ -95,8 +94,7 @@ bool LinkTable::isUnchosen(const std::string& stored) const {
 }
 
 bool LinkTable::isAnothers(const std::string& stored) const {
-  return !m_renamed.empty() && m_renamed.count(cleanPath(stored)) == 0 &&
-         find(stored, About::Name) == Seen::Unmade;
+  return find(stored, About::Name) == Seen::Unmade && m_renamed.count(cleanPath(stored)) == 0;
 }
 
 void LinkTable::clear() {
